@@ -1,0 +1,62 @@
+#pragma once
+// The context of one evaluation, handed to every operator, and the inputs of an incremental run.
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <span>
+#include <string>
+#include <vector>
+
+#include "graph/value.h"
+
+namespace velmorin {
+
+struct StrandChanges;
+
+// A named scene value (the scalp, parts, maps...) with a stable key for result keys.
+struct SceneInput {
+    Value value;
+    std::uint64_t key = 0;
+};
+using SceneInputs = std::map<std::string, SceneInput, std::less<>>;
+
+// Warnings that a run makes; operators may add from inside parallel loops.
+class NoteList {
+  public:
+    void add(std::string text);
+    std::vector<std::string> take();
+
+  private:
+    std::mutex mutex_;
+    std::vector<std::string> notes_;
+};
+
+// A plain record, copied per node and never changed while that node runs.
+struct EvalContext {
+    double time = 0.0;
+    bool viewport = true;  // false for a render or an export
+    const SceneInputs* sceneInputs = nullptr;
+    double previewDensity = 1.0;
+    bool keepPreviewMarks = false;
+    int resolution = 0;  // at 1 or above it stands for all nodes; below 1 each node gets its own
+
+    NoteList* notes = nullptr;  // where the running node's warnings go; set by the graph
+
+    // Adds a warning for the running node (no-op when there is no list).
+    void note(std::string text) const {
+        if (notes) notes->add(std::move(text));
+    }
+    const SceneInput* sceneInput(std::string_view name) const;
+};
+
+// What an incremental run builds on: the node's last result and the changes of its inputs.
+struct IncrementalInputs {
+    Value previous;                                                 // nodes of one output
+    std::vector<Value> previousAll;                                 // nodes of several outputs
+    std::span<const std::shared_ptr<const StrandChanges>> changes;  // one per port input
+    bool active = true;
+};
+
+}  // namespace velmorin

@@ -1,0 +1,163 @@
+#pragma once
+// Graph: the document that defines a groom. Named nodes, each with an operator, the connections
+// between them, and the node named as output; plus each node's latest result and what evaluation
+// needs to reuse it. Editing operations check every rule and throw GraphError before they change
+// anything. One thread at a time edits or evaluates a graph.
+
+#include <atomic>
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <vector>
+
+#include <nlohmann/json.hpp>
+
+#include "graph/errors.h"
+#include "graph/eval_context.h"
+#include "graph/operator.h"
+#include "graph/value.h"
+
+namespace velmorin {
+
+struct StrandChanges;
+
+enum class EvaluationMode : std::uint8_t { Always = 0, ViewportOnly = 1, RenderOnly = 2 };
+std::string_view evaluationModeName(EvaluationMode mode);
+// Throws GraphError "unknown evaluation 'x' (always, viewportOnly or renderOnly)".
+EvaluationMode parseEvaluationMode(std::string_view name);
+
+struct GraphNode {
+    std::unique_ptr<Operator> op;
+    std::vector<std::uint32_t> inputs;  // source per input (ports, then param inputs); 0 = none
+    std::vector<std::uint64_t> slots;   // output slot of each source
+    std::vector<std::string> paramInputs;
+    std::map<std::string, std::vector<std::string>> paramControls;  // one name, or three
+    std::string name;
+    bool bypass = false;
+    EvaluationMode evaluation = EvaluationMode::Always;
+    nlohmann::ordered_json ui;  // kept and written, never read by the engine
+
+    // Evaluation state.
+    std::uint64_t key = 0;
+    bool valid = false;
+    std::vector<Value> results;
+    std::uint64_t lastUsed = 0;
+    std::uint64_t stamp = 0;
+    std::uint64_t localKey = 0;
+    std::vector<std::uint64_t> inputKeys;
+    bool passedThrough = false;
+    // The change notes of the last run, one per output, for the nodes downstream.
+    std::vector<std::shared_ptr<const StrandChanges>> changes;
+};
+
+class Graph {
+  public:
+    Graph();
+    ~Graph();
+    Graph(const Graph&) = delete;  // a graph owns its operators: copy with clone()
+    Graph& operator=(const Graph&) = delete;
+    Graph(Graph&&) noexcept;
+    Graph& operator=(Graph&&) noexcept;
+
+    // Editing. Each checks its rules in order and throws GraphError before changing anything.
+    std::uint32_t addNode(std::unique_ptr<Operator> op, const std::string& name);
+    std::uint32_t addNode(std::string_view type, const std::string& name);
+    void removeNode(std::uint32_t id);
+    GraphNode& node(std::uint32_t id);
+    const GraphNode& node(std::uint32_t id) const;
+    Operator& operatorOf(std::uint32_t id);
+    const Operator& operatorOf(std::uint32_t id) const;
+    std::uint32_t nodeId(std::string_view name) const;
+    bool hasNode(std::uint32_t id) const;
+    void connect(std::uint32_t from, std::uint32_t to, std::size_t input, std::size_t output = 0);
+    void disconnect(std::uint32_t to, std::size_t input);
+    void exposeParam(std::uint32_t id, const std::string& param);
+    void unexposeParam(std::uint32_t id, const std::string& param);
+    void keyParam(std::uint32_t id, const std::string& param,
+                  const std::vector<std::string>& controls);
+    void unkeyParam(std::uint32_t id, const std::string& param);
+    void setBypass(std::uint32_t id, bool bypass);
+    void setEvaluation(std::uint32_t id, EvaluationMode mode);
+    void setOutput(std::uint32_t id);
+    std::uint32_t outputNode() const { return outputNode_; }
+
+    // Node ids in ascending order.
+    std::vector<std::uint32_t> nodeIds() const;
+    const std::map<std::uint32_t, GraphNode>& nodes() const { return nodes_; }
+
+    // A new graph with operators made anew through the registry, params, saved versions, names and
+    // every stored result kept; fields and curves delivered to params are cleared.
+    std::unique_ptr<Graph> clone() const;
+
+    // Graph JSON. fromJson is all or nothing: on failure it throws and this graph stands as it was.
+    std::string toJson() const;
+    void fromJson(std::string_view text);
+
+    nlohmann::ordered_json backdrops;  // node-editor data, kept as it stands
+    nlohmann::ordered_json pins;
+
+    // ---- Evaluation ----
+    struct Resolution {
+        int segments = 0;
+        std::uint32_t resample = 0;  // the Resample that set it
+        bool fromUnfedResample = false;
+    };
+
+    std::vector<Value> evaluate(std::uint32_t id, const EvalContext& ctx);
+    std::vector<Value> evaluateOutput(const EvalContext& ctx);
+    const std::vector<Value>& cachedResults(std::uint32_t id) const;
+    void invalidate(std::uint32_t id);
+    void setCachingEnabled(bool enabled);
+    bool cachingEnabled() const { return cachingEnabled_; }
+    bool forEachActiveUpstream(std::uint32_t id, const UpstreamVisitor& visit,
+                               std::size_t startInput = 0) const;
+    std::map<std::uint32_t, Resolution> strandResolutions(bool viewport) const;
+    std::string resolutionReport(std::uint32_t id) const;
+    std::uint64_t nodeKey(std::uint32_t id, const EvalContext& ctx,
+                          std::unordered_map<std::uint32_t, std::uint64_t>& keys,
+                          std::unordered_map<std::uint32_t, std::uint64_t>& localKeys) const;
+    // Frees results of nodes used longest ago until the cache fits cacheLimit; never `keep`.
+    void evictResults(std::uint32_t keep);
+
+    std::map<std::uint32_t, double> times;      // ms of each node's last run
+    std::map<std::uint32_t, double> lastTimes;  // the previous evaluation's
+    std::map<std::uint32_t, std::string> runs;  // "incremental n", "full n", "full", "bypass"
+    std::map<std::uint32_t, std::string> notes;
+    std::unordered_map<std::uint64_t, std::vector<Value>> adopted;  // key -> results
+    std::uint64_t cacheLimit;
+    std::uint64_t evaluations = 0;
+    std::uint64_t incrementalRuns = 0;
+    std::uint64_t cacheEvictions = 0;
+
+  private:
+    std::map<std::uint32_t, GraphNode> nodes_;
+    std::map<std::string, std::uint32_t, std::less<>> names_;
+    std::uint32_t nextId_ = 1;
+    std::uint32_t outputNode_ = 0;
+    bool cachingEnabled_ = true;
+};
+
+// What loading gives and what a session owns: the graph with its output node and its UI data.
+struct GraphDocument {
+    std::unique_ptr<Graph> graph;
+};
+
+// The process-wide evaluation switches, for debugging and operator tests. Each setter returns the
+// previous setting.
+bool incrementalEvaluation();
+bool strandDiffing();
+bool incrementalCheck();
+bool setIncrementalEvaluation(bool on);
+bool setStrandDiffing(bool on);
+bool setIncrementalCheck(bool on);
+
+// The cache limit that VELMORIN_CACHE_LIMIT_MB asks for, in bytes: a decimal number at or above 0,
+// times 1048576; anything else gives the 2 GiB default. 0 switches eviction off.
+std::uint64_t parseCacheLimit(const char* text);
+inline constexpr std::uint64_t kDefaultCacheLimit = 2147483648ull;
+
+}  // namespace velmorin
