@@ -103,8 +103,12 @@ ParamValue coerceParam(const ParamValue& value, const ParamSpec& spec, std::stri
 // the param).
 bool paramInputPort(const ParamSpec& spec, PortSpec& out);
 
-// The "decimals" shown for a float or int param, or nothing for other kinds.
+// The "decimals" shown for a float, int or vec3 param, or nothing for other kinds.
 std::optional<int> paramDecimals(const ParamSpec& spec);
+
+// Combines a param value into h: its kind and every bit of its content (a float's bits, a ramp's
+// keys and flag, a map's source and range). Equal values hash equal; 1 and 1.0 do not.
+std::uint64_t hashParamValue(std::uint64_t h, const ParamValue& value);
 
 // Names of the params read during a run, noted under the log's own mutex.
 class ParamReadLog {

@@ -1,0 +1,21 @@
+#include "graph/registry.h"
+
+namespace velmorin {
+
+void registerBuiltinOperators(OperatorRegistry& /*registry*/) {
+    // Each operator's registerXOperator(registry) is called here, in menu order, as the operators
+    // arrive. ImportCurves is not among them: the host registers it with its Alembic code.
+}
+
+OperatorRegistry& OperatorRegistry::instance() {
+    // Made and filled on first use; the function-local static makes that thread-safe, and nothing
+    // registers into it afterwards except a host at load time.
+    static OperatorRegistry registry = [] {
+        OperatorRegistry filled;
+        registerBuiltinOperators(filled);
+        return filled;
+    }();
+    return registry;
+}
+
+}  // namespace velmorin
