@@ -4,7 +4,6 @@
 // writes the same bytes.
 
 #include <algorithm>
-#include <charconv>
 #include <cmath>
 #include <limits>
 #include <optional>
@@ -14,6 +13,7 @@
 
 #include "graph/graph.h"
 #include "graph/graph_tools.h"
+#include "graph/param_json.h"
 #include "graph/registry.h"
 
 namespace velmorin {
@@ -69,16 +69,6 @@ Json parseDocument(std::string_view text) {
     }
     if (!doc.is_object()) throw SchemaError("graph JSON must be an object");
     return doc;
-}
-
-// The double that prints as the shortest text of a float, so that a float written and read back
-// is the same float and reads as it was typed (0.1, not 0.10000000149011612).
-double floatForJson(float value) {
-    char text[32];
-    auto written = std::to_chars(text, text + sizeof text, value);
-    double result = value;
-    std::from_chars(text, written.ptr, result);
-    return result;
 }
 
 // A JSON number that fits a float, as a float; nothing for any other value.
@@ -249,10 +239,11 @@ struct Loader {
         if (found == node.end()) return 1;
         const Json& version = *found;
         bool whole = false;
-        if (version.is_number_integer()) {
+        // Unsigned first: nlohmann counts an unsigned number as an integer too.
+        if (version.is_number_unsigned()) {
+            whole = version.get<std::uint64_t>() >= 1;
+        } else if (version.is_number_integer()) {
             whole = version.get<std::int64_t>() >= 1;
-        } else if (version.is_number_unsigned()) {
-            whole = true;
         } else if (version.is_number_float()) {
             const double number = version.get<double>();
             whole = std::isfinite(number) && number >= 1.0 && std::floor(number) == number;
@@ -525,7 +516,7 @@ Json nodeToJson(const GraphNode& node) {
         if (hasDefinition && spec.name == "definition") continue;
         auto value = op.paramSet.values.find(spec.name);
         if (value == op.paramSet.values.end() || value->second == spec.defaultValue) continue;
-        params[spec.name] = paramValueToJson(value->second);
+        params[spec.name] = paramValueJson(value->second);
     }
     if (!params.empty()) json["params"] = std::move(params);
 
@@ -550,41 +541,6 @@ Json nodeToJson(const GraphNode& node) {
 }
 
 }  // namespace
-
-Json paramValueToJson(const ParamValue& value) {
-    struct Writer {
-        Json operator()(bool v) const { return v; }
-        Json operator()(std::int64_t v) const { return v; }
-        Json operator()(double v) const { return Json(static_cast<Json::number_float_t>(v)); }
-        Json operator()(const std::string& v) const { return v; }
-        Json operator()(const Vec3f& v) const {
-            return Json::array({floatForJson(v.x), floatForJson(v.y), floatForJson(v.z)});
-        }
-        Json operator()(const Ramp& ramp) const {
-            Json keys = Json::array();
-            for (const RampKey& key : ramp.keys) {
-                keys.push_back(Json::array({floatForJson(key.position), floatForJson(key.value)}));
-            }
-            Json json = Json::object();
-            json["keys"] = std::move(keys);
-            json["linear"] = ramp.linear;
-            return json;
-        }
-        Json operator()(const MapReference& map) const {
-            Json json = Json::object();
-            json[std::string(kMapSources[static_cast<std::size_t>(map.source)])] = map.text;
-            if (map.componentIndex >= 0) {
-                json["component"] = map.componentIndex;
-            } else if (!map.component.empty()) {
-                json["component"] = map.component;
-            }
-            if (map.min) json["min"] = *map.min;
-            if (map.max) json["max"] = *map.max;
-            return json;
-        }
-    };
-    return std::visit(Writer{}, value);
-}
 
 ParamValue paramValueFromJson(const Json& json, const std::string& param) {
     const auto unsupported = [&] {

@@ -216,10 +216,11 @@ int checkFormatVersion(const Json& doc, int supported, std::string_view what) {
     if (found == doc.end()) return 1;
     const Json& version = *found;
     bool whole = false;
-    if (version.is_number_integer()) {
+    // Unsigned first: nlohmann counts an unsigned number as an integer too.
+    if (version.is_number_unsigned()) {
+        whole = version.get<std::uint64_t>() >= 1;
+    } else if (version.is_number_integer()) {
         whole = version.get<std::int64_t>() >= 1;
-    } else if (version.is_number_unsigned()) {
-        whole = true;
     } else if (version.is_number_float()) {
         const double number = version.get<double>();
         whole = std::isfinite(number) && number >= 1.0 && std::floor(number) == number;
