@@ -192,12 +192,8 @@ struct Loader {
     // first. The saved version is written back with the node, so a step must leave a node alone
     // that is already in the newer form. Nodes of an inner graph are upgraded by their own types.
     void upgrade(Json& node, int saved) const {
-        std::vector<UpgradeStep> steps = registry.upgrades(node["type"].get<std::string>());
-        std::stable_sort(steps.begin(), steps.end(),
-                         [](const UpgradeStep& a, const UpgradeStep& b) {
-                             return a.fromVersion < b.fromVersion;
-                         });
-        for (const UpgradeStep& step : steps) {
+        // The registry hands the steps out in version order.
+        for (const UpgradeStep& step : registry.upgrades(node["type"].get<std::string>())) {
             if (step.fromVersion >= saved && step.apply) step.apply(node);
         }
         auto definition = node.find("definition");
@@ -213,24 +209,12 @@ struct Loader {
             if (type == innerNode.end() || !type->is_string()) continue;
             int innerSaved = 1;
             if (auto version = innerNode.find("version"); version != innerNode.end()) {
-                if (!version->is_number_integer() || version->get<std::int64_t>() < 1 ||
-                    version->get<std::int64_t>() > std::numeric_limits<int>::max()) {
-                    continue;
-                }
-                innerSaved = static_cast<int>(version->get<std::int64_t>());
+                if (!isWholeVersion(*version)) continue;
+                innerSaved = static_cast<int>(std::min(
+                    version->get<double>(), static_cast<double>(std::numeric_limits<int>::max())));
             }
             upgrade(innerNode, innerSaved);
         }
-    }
-
-    static std::string numberText(const Json& value) {
-        if (value.is_number_float()) {
-            const double number = value.get<double>();
-            if (std::floor(number) == number && std::fabs(number) < 1e15) {
-                return std::to_string(static_cast<std::int64_t>(number));
-            }
-        }
-        return value.dump();
     }
 
     // The version a node was saved with: 1 when absent, else a whole number from 1.
@@ -238,17 +222,7 @@ struct Loader {
         auto found = node.find("version");
         if (found == node.end()) return 1;
         const Json& version = *found;
-        bool whole = false;
-        // Unsigned first: nlohmann counts an unsigned number as an integer too.
-        if (version.is_number_unsigned()) {
-            whole = version.get<std::uint64_t>() >= 1;
-        } else if (version.is_number_integer()) {
-            whole = version.get<std::int64_t>() >= 1;
-        } else if (version.is_number_float()) {
-            const double number = version.get<double>();
-            whole = std::isfinite(number) && number >= 1.0 && std::floor(number) == number;
-        }
-        if (!whole) {
+        if (!isWholeVersion(version)) {
             throw SchemaError("node '" + name + "': version " + version.dump() +
                               " is not a whole number from 1");
         }
@@ -256,7 +230,7 @@ struct Loader {
         const int current = op.version();
         if (saved > current) {
             throw SchemaError("node '" + name + "' is a " + op.type() + " of version " +
-                              numberText(version) + ", newer than this Velmorin's (" +
+                              versionText(version) + ", newer than this Velmorin's (" +
                               std::to_string(current) + "); update Velmorin to open it");
         }
         return static_cast<int>(saved);

@@ -173,6 +173,7 @@ TEST_F(GraphJsonTest, WritesKeysInTheirOrderAndOnlyWhatDiffers) {
               }));
 }
 
+// What the written text can't show: ids, the kinds values are held as, and connections by id.
 TEST_F(GraphJsonTest, ReadsNodesParamsAndConnections) {
     Graph graph;
     graph.fromJson(kRichGraph);
@@ -181,43 +182,23 @@ TEST_F(GraphJsonTest, ReadsNodesParamsAndConnections) {
     EXPECT_EQ(graph.nodeId("group"), 9u);
     EXPECT_EQ(graph.outputNode(), 9u);
 
-    const std::uint32_t shape = graph.nodeId("shape");
-    const GraphNode& node = graph.node(shape);
+    const GraphNode& node = graph.node(graph.nodeId("shape"));
     const ParamSet& params = node.op->paramSet;
-    EXPECT_EQ(params.getFloat("amount", 0.0), 1.0);
-    EXPECT_FALSE(params.getBool("enabled", true));
-    EXPECT_EQ(params.getInt("steps", 0), 12);
-    EXPECT_EQ(params.getString("mode", ""), "hard");
     EXPECT_EQ(params.getVec3("offset", {}), (Vec3f{0.1f, -2.0f, 3.5f}));
     // An integer in the file becomes the float a float param holds.
     EXPECT_TRUE(std::holds_alternative<double>(params.values.at("density")));
-    const Ramp profile = params.getRamp("profile", {});
-    ASSERT_EQ(profile.keys.size(), 3u);
-    EXPECT_TRUE(profile.linear);
-    EXPECT_EQ(profile.keys[0].position, 0.0f);
-    EXPECT_EQ(profile.keys[1].position, 0.5f);
-    EXPECT_FLOAT_EQ(profile.at(0.25f), 0.6f);
+    EXPECT_FLOAT_EQ(params.getRamp("profile", {}).at(0.25f), 0.6f);
     const auto& mask = std::get<MapReference>(params.values.at("mask"));
     EXPECT_EQ(mask.source, MapSource::ColorSet);
-    EXPECT_EQ(mask.text, "roots");
     EXPECT_EQ(mask.component, "g");
-    EXPECT_EQ(mask.min, 0.1);
-    EXPECT_EQ(mask.max, 2.0);
     const auto& texture = std::get<MapReference>(
         graph.operatorOf(graph.nodeId("mapped")).paramSet.values.at("amount"));
-    EXPECT_EQ(texture.source, MapSource::Texture);
     EXPECT_EQ(texture.componentIndex, 2);
 
-    EXPECT_EQ(node.paramInputs, (std::vector<std::string>{"steps", "amount"}));
     EXPECT_EQ(node.inputs,
               (std::vector<std::uint32_t>{graph.nodeId("split"), 0, graph.nodeId("number"),
                                           graph.nodeId("field")}));
-    EXPECT_EQ(node.slots[0], 1u);
-    EXPECT_EQ(node.paramControls.at("enabled"), std::vector<std::string>{"on"});
-    EXPECT_TRUE(node.bypass);
-    EXPECT_EQ(node.evaluation, EvaluationMode::ViewportOnly);
-    EXPECT_EQ(node.ui["x"], 200);
-    EXPECT_EQ(graph.node(graph.nodeId("mapped")).evaluation, EvaluationMode::RenderOnly);
+    EXPECT_EQ(node.slots, (std::vector<std::uint64_t>{1, 0, 0, 0}));
 }
 
 TEST_F(GraphJsonTest, ASmoothRampPassesThroughItsKeys) {

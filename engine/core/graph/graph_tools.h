@@ -30,6 +30,11 @@ std::string defaultGraphJson();
 // "<what>: version V is not a whole number from 1".
 int checkFormatVersion(const nlohmann::ordered_json& doc, int supported, std::string_view what);
 
+// Whether a "version" value is a whole number from 1: an integer, or a float without a fraction.
+bool isWholeVersion(const nlohmann::ordered_json& version);
+// A version value as messages show it: a whole float without its ".0" (4.0 shows as 4).
+std::string versionText(const nlohmann::ordered_json& version);
+
 // A report of the graph as JSON: "nodeCount", "connectionCount", "output" (a name or null) and
 // "nodes", one object per node in id order with "id", "name", "type", "nodeVersion" (the version
 // the node behaves as: its saved version when read from an older file, else the current one),
