@@ -7,6 +7,7 @@
 #include <cmath>
 #include <limits>
 #include <optional>
+#include <stdexcept>
 #include <string>
 #include <unordered_map>
 #include <utility>
@@ -71,7 +72,7 @@ Json parseDocument(std::string_view text) {
     return doc;
 }
 
-// A JSON number that fits a float, as a float; nothing for any other value.
+// A JSON number that fits a float, as a float; false for any other value.
 bool readFloat(const Json& json, float& out) {
     if (!json.is_number()) return false;
     const double value = json.get<double>();
@@ -282,7 +283,15 @@ struct Loader {
         const Json* node = &original;
         if (!registry.upgrades(type).empty() || original.contains("definition")) {
             upgraded = original;
-            upgrade(upgraded, saved);
+            try {
+                upgrade(upgraded, saved);
+            } catch (const GraphError&) {
+                throw;
+            } catch (const std::exception& error) {
+                // A step that meets a form it doesn't know fails the load, in the loader's words.
+                throw SchemaError("node '" + name + "' could not be upgraded from version " +
+                                  std::to_string(saved) + ": " + error.what());
+            }
             node = &upgraded;
         }
 

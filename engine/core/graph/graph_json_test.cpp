@@ -456,6 +456,10 @@ TEST_F(GraphJsonTest, UpgradeStepsRunInVersionOrderFromTheSavedVersion) {
     expectLoadError(R"({"nodes": [{"name": "v", "type": "DocVersioned", "version": 2,
                                    "params": {"len": "2.5"}}], "output": "v"})",
                     "node 'v' has no param 'len'");
+    // A step that fails is reported as the node's.
+    expectLoadError(R"({"nodes": [{"name": "v", "type": "DocVersioned",
+                                   "params": {"len": "long"}}], "output": "v"})",
+                    "node 'v' could not be upgraded from version 1: stod");
     // Version 3 reads the length as it stands.
     expectLoadError(R"({"nodes": [{"name": "v", "type": "DocVersioned", "version": 3,
                                    "params": {"length": "2.5"}}], "output": "v"})",
