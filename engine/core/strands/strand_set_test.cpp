@@ -369,7 +369,7 @@ TEST(StrandSet, SubsetTakesTheListedStrandsInTheListedOrder) {
     StrandSet set = randomStrands(40, 14);
     const auto payload = std::make_shared<int>(4);
     set.setAttachment(payload);
-    const std::vector<std::uint64_t> indices = {7, 3, 3, 39, 0};
+    const std::vector<std::uint64_t> indices = {7, 8, 9, 3, 3, 4, 39, 0, 1};
     StrandSet out = randomStrands(5, 99);
     set.subset(indices, out);
     EXPECT_EQ(validationMessage(out), "valid");
@@ -483,6 +483,16 @@ TEST(StrandSet, BoundsMatchADirectScanAcrossBlockCounts) {
         const StrandSet set = randomStrands(count, 17 + count);
         expectSameBits(set.bounds(), scannedExtent(set));
     }
+    // Strands far longer than anything computed in one piece, between strands of one point.
+    StrandSet longStrands;
+    for (std::size_t length : {700u, 1u, 1001u, 1u, 257u, 3u}) {
+        std::vector<Vec3f> points(length);
+        for (std::size_t k = 0; k < length; ++k)
+            points[k] = {std::sin(0.1f * k), std::cos(0.37f * k) * k, 0.01f * k * length};
+        longStrands.addStrand(length, {}, points);
+    }
+    expectSameBits(longStrands.bounds(), scannedExtent(longStrands));
+    EXPECT_GT(longStrands.bounds().longest, 1000.0f);
     // One block on its own (no parallel dispatch) agrees with the same strands inside many blocks.
     const StrandSet many = randomStrands(7000, 18);
     StrandSet::Extent merged;
@@ -504,28 +514,37 @@ TEST(StrandSet, BoundsMatchADirectScanAcrossBlockCounts) {
 }
 
 TEST(StrandSet, NonFiniteCoordinatesClearFiniteAndAreSkippedByMinAndMax) {
+    const StrandSet base = randomStrands(6000, 19);
+    std::size_t strand = 4500;  // in the third block, the first there with five points or more
+    while (base.strandPoints(strand).size() < 5)
+        ++strand;
+    ASSERT_LT(strand, 3 * StrandSet::kBlockStrands);
     for (float bad :
-         {std::numeric_limits<float>::quiet_NaN(), std::numeric_limits<float>::infinity()}) {
-        StrandSet set = randomStrands(6000, 19);
-        const StrandSet clean = set;
-        const std::size_t strand = 4500;  // in the third block
-        ASSERT_GT(set.strandPoints(strand).size(), 1u);
-        set.writePoints()[set.pointRange(strand).begin].y = bad;
-        const StrandSet::Extent extent = set.bounds();
-        EXPECT_FALSE(extent.finite);
-        expectSameBits(extent, scannedExtent(set));
-        if (std::isnan(bad)) {
-            EXPECT_EQ(extent.min.y, clean.bounds().min.y);
-            EXPECT_EQ(extent.max.y, clean.bounds().max.y);
+         {std::numeric_limits<float>::quiet_NaN(), std::numeric_limits<float>::infinity(),
+          -std::numeric_limits<float>::infinity()}) {
+        // Every axis at four successive points, so that each lane of four-point groups is hit.
+        for (std::size_t shift = 0; shift < 4; ++shift) {
+            for (int axis = 0; axis < 3; ++axis) {
+                StrandSet set = base;
+                Vec3f& point = set.writePoints()[set.pointRange(strand).begin + shift];
+                (axis == 0 ? point.x : axis == 1 ? point.y : point.z) = bad;
+                const StrandSet::Extent extent = set.bounds();
+                EXPECT_FALSE(extent.finite);
+                expectSameBits(extent, scannedExtent(set));
+                EXPECT_FALSE(std::isnan(extent.min.x + extent.min.y + extent.min.z));
+                EXPECT_FALSE(std::isnan(extent.max.x + extent.max.y + extent.max.z));
+            }
         }
-        // Strands of the other blocks alone are finite.
-        std::vector<std::uint64_t> firstBlock(StrandSet::kBlockStrands);
-        for (std::size_t s = 0; s < firstBlock.size(); ++s)
-            firstBlock[s] = s;
-        StrandSet part;
-        set.subset(firstBlock, part);
-        EXPECT_TRUE(part.bounds().finite);
     }
+    // The strands of another block alone are finite.
+    StrandSet set = base;
+    set.writePoints()[set.pointRange(strand).begin].y = std::numeric_limits<float>::quiet_NaN();
+    std::vector<std::uint64_t> firstBlock(StrandSet::kBlockStrands);
+    for (std::size_t s = 0; s < firstBlock.size(); ++s)
+        firstBlock[s] = s;
+    StrandSet part;
+    set.subset(firstBlock, part);
+    EXPECT_TRUE(part.bounds().finite);
 }
 
 TEST(StrandSet, WritesDropTheCachedExtents) {
