@@ -45,6 +45,8 @@ const ArrayPtr<std::uint64_t>& zeroOffsets() {
     return array;
 }
 
+static_assert(StrandSet::kBlockStrands == std::size_t{1} << 11, "a strand's block is strand >> 11");
+
 std::size_t blockCountFor(std::size_t strands) {
     return (strands + StrandSet::kBlockStrands - 1) >> 11;
 }

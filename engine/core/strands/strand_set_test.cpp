@@ -509,7 +509,7 @@ TEST(StrandSet, ExtentsAndThinningAreTheSameAtOneAndTwoThreads) {
     EXPECT_EQ(thinOne.contentHash(), thinTwo.contentHash());
 }
 
-TEST(StrandSet, ContentHashFollowsTheDocumentedOrder) {
+TEST(StrandSet, ContentHashCombinesFieldsInAFixedOrder) {
     StrandSet set;
     const Vec3f points[] = {{1, 2, 3}, {4, 5, 6}};
     const float widths[] = {0.5f, 0.25f};
