@@ -624,26 +624,47 @@ void StrandSet::subset(std::span<const std::uint64_t> indices, StrandSet& out) c
                                         " is out of range for a set of " + std::to_string(strands) +
                                         " strands");
     }
-    assert(widths().size() == pointCount());
+    gather(ArrayPool<std::uint64_t>::instance().makeCopy(indices), out);
+}
 
-    const std::size_t count = indices.size();
+void StrandSet::gather(ArrayPtr<std::uint64_t> indexArray, StrandSet& out) const {
+    assert(widths().size() == pointCount());
+    const std::size_t count = indexArray->size();
+    const std::uint64_t* indices = indexArray->data();
+
+    // The new offsets: point counts and their sums per chunk in parallel, then the chunks' start
+    // values in order, then each chunk's running sum in parallel. Integer sums: the same whatever
+    // the thread count.
     ArrayPtr<std::uint64_t> offsets =
         ArrayPool<std::uint64_t>::instance().makeForOverwrite(count + 1);
-    // Point counts in parallel (scattered reads), then one running sum over the contiguous array.
     std::uint64_t* newOffsets = offsets->data();
     newOffsets[0] = 0;
-    parallelRange(0, count, kGatherGrain, [&](std::size_t begin, std::size_t end) {
-        for (std::size_t k = begin; k < end; ++k)
-            newOffsets[k + 1] = pointRange(indices[k]).count;
+    const std::size_t chunks = (count + kGatherGrain - 1) / kGatherGrain;
+    std::vector<std::uint64_t> chunkStart(chunks + 1, 0);
+    parallelRange(0, chunks, 1, [&](std::size_t firstChunk, std::size_t endChunk) {
+        for (std::size_t c = firstChunk; c < endChunk; ++c) {
+            std::uint64_t sum = 0;
+            for (std::size_t k = c * kGatherGrain; k < std::min(count, (c + 1) * kGatherGrain); ++k)
+                sum += newOffsets[k + 1] = pointRange(indices[k]).count;
+            chunkStart[c + 1] = sum;
+        }
     });
-    for (std::size_t k = 0; k < count; ++k)
-        newOffsets[k + 1] += newOffsets[k];
+    for (std::size_t c = 0; c < chunks; ++c)
+        chunkStart[c + 1] += chunkStart[c];
+    parallelRange(0, chunks, 1, [&](std::size_t firstChunk, std::size_t endChunk) {
+        for (std::size_t c = firstChunk; c < endChunk; ++c) {
+            std::uint64_t running = chunkStart[c];
+            for (std::size_t k = c * kGatherGrain; k < std::min(count, (c + 1) * kGatherGrain); ++k)
+                newOffsets[k + 1] = running += newOffsets[k + 1];
+        }
+    });
     const std::size_t points = newOffsets[count];
 
-    // Built aside and moved in at the end, so that `out` may be this set.
+    // Built aside and moved in at the end, so that `out` may be this set. The index array becomes
+    // the new ids column: each chunk overwrites its indices with ids after its last use of them.
     StrandSet result;
     result.offsets_ = {offsets, true};
-    result.ids_ = {ArrayPool<std::uint64_t>::instance().makeForOverwrite(count), true};
+    result.ids_ = {indexArray, true};
     result.roots_ = {ArrayPool<StrandRoot>::instance().makeForOverwrite(count), true};
     result.points_ = {ArrayPool<Vec3f>::instance().makeForOverwrite(points), true};
     result.widths_ = {ArrayPool<float>::instance().makeForOverwrite(points), true};
@@ -654,7 +675,7 @@ void StrandSet::subset(std::span<const std::uint64_t> indices, StrandSet& out) c
     };
     std::vector<Gather> strandGathers, pointGathers;
     for (const auto& [name, channel] : strandChannels_) {
-        assert(channel.column.array->size() == strands);
+        assert(channel.column.array->size() == strandCount());
         ArrayPtr<float> values = ArrayPool<float>::instance().makeForOverwrite(count);
         strandGathers.push_back({channel.column.array->data(), values->data()});
         result.strandChannels_.emplace(name,
@@ -668,7 +689,7 @@ void StrandSet::subset(std::span<const std::uint64_t> indices, StrandSet& out) c
                                       Channel{{std::move(values), true}, channel.defaultValue});
     }
 
-    std::uint64_t* ids = result.ids_.array->data();
+    std::uint64_t* ids = indexArray->data();
     StrandRoot* roots = result.roots_.array->data();
     Vec3f* pointsTo = result.points_.array->data();
     float* widthsTo = result.widths_.array->data();
@@ -677,8 +698,6 @@ void StrandSet::subset(std::span<const std::uint64_t> indices, StrandSet& out) c
     const std::span<const Vec3f> pointsFrom = this->points();
     const std::span<const float> widthsFrom = this->widths();
     parallelRange(0, count, kGatherGrain, [&](std::size_t begin, std::size_t end) {
-        for (std::size_t k = begin; k < end; ++k)
-            ids[k] = idsFrom[indices[k]];
         for (std::size_t k = begin; k < end; ++k)
             roots[k] = rootsFrom[indices[k]];
         // Strands listed one after another in the source have their points one after another in
@@ -708,6 +727,8 @@ void StrandSet::subset(std::span<const std::uint64_t> indices, StrandSet& out) c
                 copyRun(gather.from + from, n, gather.to + to);
             });
         }
+        for (std::size_t k = begin; k < end; ++k)
+            ids[k] = idsFrom[indices[k]];  // last use
     });
 
     result.attachment_ = attachment_;
@@ -718,26 +739,44 @@ void StrandSet::subset(std::span<const std::uint64_t> indices, StrandSet& out) c
 void StrandSet::thinned(double density, StrandSet& out) const {
     const std::size_t strands = strandCount();
     const std::span<const std::uint64_t> idsFrom = ids();
+    // Chunks of kThinningGrain strands: the test into a byte array and a count per chunk, the
+    // chunks' first output slots in order, then each chunk's kept indices in parallel.
+    const std::size_t chunks = (strands + kThinningGrain - 1) / kThinningGrain;
+    auto chunkEnd = [&](std::size_t c) { return std::min(strands, (c + 1) * kThinningGrain); };
     std::vector<unsigned char> kept(strands);
-    parallelRange(0, strands, kThinningGrain, [&](std::size_t begin, std::size_t end) {
-        for (std::size_t i = begin; i < end; ++i)
-            kept[i] = density > unitFloat(idsFrom[i]);
+    std::vector<std::size_t> chunkStart(chunks + 1, 0);
+    parallelRange(0, chunks, 1, [&](std::size_t firstChunk, std::size_t endChunk) {
+        for (std::size_t c = firstChunk; c < endChunk; ++c) {
+            std::size_t count = 0;
+            for (std::size_t i = c * kThinningGrain; i < chunkEnd(c); ++i)
+                count += kept[i] = density > unitFloat(idsFrom[i]);
+            chunkStart[c + 1] = count;
+        }
     });
-    const std::size_t keptCount = static_cast<std::size_t>(std::count(kept.begin(), kept.end(), 1));
+    for (std::size_t c = 0; c < chunks; ++c)
+        chunkStart[c + 1] += chunkStart[c];
+    const std::size_t keptCount = chunkStart[chunks];
     if (keptCount == strands) {
         // Everything stays: share the columns rather than copy them.
         out = *this;
         return;
     }
-    // Written without a branch: half the strands kept at random would mispredict half the time.
-    // Every index is stored and only the kept ones advance, hence the one spare slot.
-    std::vector<std::uint64_t> indices(keptCount + 1);
-    std::size_t next = 0;
-    for (std::size_t i = 0; i < strands; ++i) {
-        indices[next] = i;
-        next += kept[i];
-    }
-    subset(std::span<const std::uint64_t>(indices).first(keptCount), out);
+    ArrayPtr<std::uint64_t> indices =
+        ArrayPool<std::uint64_t>::instance().makeForOverwrite(keptCount);
+    parallelRange(0, chunks, 1, [&](std::size_t firstChunk, std::size_t endChunk) {
+        std::uint64_t local[kThinningGrain];
+        for (std::size_t c = firstChunk; c < endChunk; ++c) {
+            // Without a branch (a random half kept would mispredict half the time): every index is
+            // stored and only the kept ones advance.
+            std::size_t next = 0;
+            for (std::size_t i = c * kThinningGrain; i < chunkEnd(c); ++i) {
+                local[next] = i;
+                next += kept[i];
+            }
+            std::copy_n(local, next, indices->data() + chunkStart[c]);
+        }
+    });
+    gather(std::move(indices), out);
 }
 
 // ---- Extents
