@@ -1,0 +1,127 @@
+#include "strands/array_pool.h"
+
+#include <algorithm>
+#include <utility>
+
+namespace velmorin {
+namespace {
+
+constexpr std::size_t kKept = 2;
+
+// Set while the pool of element type T exists. Arrays can outlive the pool (a set held in a static
+// that is destroyed later at exit); they then go straight back to the allocator. A trivially
+// destructible flag stays readable through the whole shutdown.
+template <class T>
+std::atomic<bool> poolAlive{false};
+
+// The deleter of every array the pool hands out: a large array goes back to the pool.
+template <PooledElement T>
+struct ReturnToPool {
+    void operator()(std::vector<T>* array) const noexcept {
+        if (isPooledArraySize(array->size() * sizeof(T)) && poolAlive<T>.load())
+            ArrayPool<T>::instance().release(std::move(*array));
+        delete array;
+    }
+};
+
+}  // namespace
+
+template <PooledElement T>
+ArrayPool<T>& ArrayPool<T>::instance() {
+    static ArrayPool pool;
+    return pool;
+}
+
+template <PooledElement T>
+ArrayPool<T>::ArrayPool() {
+    // Room for the one array that passes through while the oldest leaves, so that release never
+    // allocates (it runs inside a deleter).
+    released_.reserve(kKept + 1);
+    poolAlive<T>.store(true);
+}
+
+template <PooledElement T>
+ArrayPool<T>::~ArrayPool() {
+    poolAlive<T>.store(false);
+}
+
+template <PooledElement T>
+ArrayPtr<T> ArrayPool<T>::adopt(std::vector<T>&& values) {
+    return ArrayPtr<T>(new std::vector<T>(std::move(values)), ReturnToPool<T>{});
+}
+
+template <PooledElement T>
+ArrayPtr<T> ArrayPool<T>::makeForOverwrite(std::size_t length) {
+    if (std::optional<std::vector<T>> pooled = take(length)) return adopt(std::move(*pooled));
+    return adopt(std::vector<T>(length));
+}
+
+template <PooledElement T>
+ArrayPtr<T> ArrayPool<T>::makeFilled(std::size_t length, const T& value) {
+    ArrayPtr<T> array = makeForOverwrite(length);
+    std::fill(array->begin(), array->end(), value);
+    return array;
+}
+
+template <PooledElement T>
+ArrayPtr<T> ArrayPool<T>::makeCopy(std::span<const T> values) {
+    ArrayPtr<T> array = makeForOverwrite(values.size());
+    std::copy(values.begin(), values.end(), array->begin());
+    return array;
+}
+
+template <PooledElement T>
+std::optional<std::vector<T>> ArrayPool<T>::take(std::size_t length) {
+    if (!isPooledArraySize(length * sizeof(T))) return std::nullopt;
+    std::lock_guard guard(lock_);
+    for (auto it = released_.rbegin(); it != released_.rend(); ++it) {
+        if (it->size() != length) continue;
+        std::vector<T> array = std::move(*it);
+        released_.erase(std::next(it).base());
+        return array;
+    }
+    return std::nullopt;
+}
+
+template <PooledElement T>
+void ArrayPool<T>::release(std::vector<T>&& array) {
+    if (!isPooledArraySize(array.size() * sizeof(T))) {
+        std::vector<T>().swap(array);
+        return;
+    }
+    std::vector<T> oldest;  // freed after the lock is let go
+    {
+        std::lock_guard guard(lock_);
+        released_.push_back(std::move(array));
+        if (released_.size() > kKept) {
+            oldest = std::move(released_.front());
+            released_.erase(released_.begin());
+        }
+    }
+}
+
+template <PooledElement T>
+std::vector<std::size_t> ArrayPool<T>::pooledLengths() const {
+    std::lock_guard guard(lock_);
+    std::vector<std::size_t> lengths;
+    for (const std::vector<T>& array : released_)
+        lengths.push_back(array.size());
+    return lengths;
+}
+
+template <PooledElement T>
+void ArrayPool<T>::trim() {
+    std::vector<std::vector<T>> freed;
+    freed.reserve(kKept + 1);
+    std::lock_guard guard(lock_);
+    for (std::vector<T>& array : released_)
+        freed.push_back(std::move(array));
+    released_.clear();
+}
+
+template class ArrayPool<float>;
+template class ArrayPool<std::uint64_t>;
+template class ArrayPool<Vec3f>;
+template class ArrayPool<StrandRoot>;
+
+}  // namespace velmorin

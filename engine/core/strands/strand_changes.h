@@ -1,0 +1,35 @@
+#pragma once
+// The note that goes with an incrementally evaluated strand set: which strands differ from the
+// previous result, so that the next operator (and the viewport) can redo only those.
+
+#include <cstdint>
+#include <memory>
+#include <vector>
+
+namespace velmorin {
+
+class StrandSet;
+
+// Shared as a pointer to const; a null pointer means the same as `all`.
+struct StrandChanges {
+    bool all = true;  // every strand may have changed
+    // When `all` is false: indices of the strands that changed, ascending, no repeats.
+    std::vector<std::uint64_t> strands;
+    // Strand and point counts, ids, offsets, roots and channel names equal those of the previous
+    // set.
+    bool sameLayout = false;
+    // The attachment is not the previous set's; no operator may update incrementally from these
+    // changes.
+    bool attachmentChanged = false;
+};
+
+// The strands of `next` that differ from `previous` in any raw value of their points, widths or
+// channels. Null (everything changed) when either set is null or when they differ in layout: strand
+// or point count, attachment lists, channel names or defaults, offsets, ids, roots or the length of
+// widths. A non-null answer has sameLayout set. Columns the two sets share are not compared, so a
+// set derived from `previous` costs only what it rewrote. The answer never depends on the thread
+// count.
+std::shared_ptr<const StrandChanges> strandDifference(
+    const std::shared_ptr<const StrandSet>& previous, const std::shared_ptr<const StrandSet>& next);
+
+}  // namespace velmorin
