@@ -794,7 +794,8 @@ std::vector<Value> Evaluation::evaluateNode(std::uint32_t id) {
         const std::string note = op.evaluationNote(runCtx);
         if (!note.empty()) texts.push_back(note);
     }
-    const bool passedThrough = bypassed || (!firstInput.empty() && results[0] == firstInput);
+    const bool passedThrough =
+        bypassed || (!firstInput.empty() && !results.empty() && results[0] == firstInput);
     storeTime(id, started);
 
     // 13. The changes of each output against the node's previous result, for the nodes after it.
@@ -963,7 +964,7 @@ std::vector<Value> Graph::evaluate(std::uint32_t id, const EvalContext& ctx) {
 }
 
 std::vector<Value> Graph::evaluateOutput(const EvalContext& ctx) {
-    if (outputNode_ == 0) throw GraphError("the graph has no output node: set one");
+    if (outputNode_ == 0) throw GraphError("the graph has no output node");
     return evaluate(outputNode_, ctx);
 }
 

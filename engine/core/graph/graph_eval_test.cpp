@@ -106,6 +106,7 @@ TEST(GraphEval, ChangeAtTheTailRerunsOnlyTheTail) {
 TEST(GraphEval, ChangedStrandsRunIncrementallyDownstream) {
     SwitchesRestored restore;
     SceneChain chain;
+    chain.graph.operatorOf(chain.liftA).paramSet.set("warn", true);
     chain.run();
     const auto firstTimes = chain.graph.times;
     chain.setGroom(moved(*chain.groom(), {3, 17, 40}, 1.0f), 2);
@@ -116,6 +117,8 @@ TEST(GraphEval, ChangedStrandsRunIncrementallyDownstream) {
     EXPECT_EQ(chain.graph.incrementalRuns, 2u);
     EXPECT_EQ(chain.graph.lastTimes, firstTimes);
     EXPECT_EQ(operatorAs<test::LiftOp>(chain.graph, chain.liftB).incrementalRuns, 1);
+    // An incremental run that says nothing leaves the note of the full run before it.
+    EXPECT_EQ(chain.graph.notes[chain.liftA], "lift warns");
 
     // The same bits as a graph that never ran before.
     SceneChain fresh;
@@ -448,6 +451,7 @@ TEST(GraphEval, NotesFromParallelLoopsAndTheWrongNumberOfValues) {
     EXPECT_EQ(graph.runs.count(broken), 0u);
 
     EXPECT_EQ(graphError([&] { graph.evaluate(99, {}); }), "unknown node 99");
+    EXPECT_EQ(graphError([&] { graph.evaluateOutput({}); }), "the graph has no output node");
 }
 
 TEST(GraphEval, PreviewMarksLeaveTheOutputAndTheCopyIsReused) {
