@@ -176,8 +176,10 @@ void Graph::connect(std::uint32_t from, std::uint32_t to, std::size_t input, std
                    out.valueKind == ValueKind::Integer;
             takes = "a field or a number";
         } else {
+            // Text names one of a choice param's choices.
             fits = out.valueKind == in.valueKind || out.valueKind == ValueKind::Any ||
-                   in.valueKind == ValueKind::Any;
+                   in.valueKind == ValueKind::Any ||
+                   (out.valueKind == ValueKind::Text && in.valueKind == ValueKind::Choice);
             takes = std::string(valueKindName(in.valueKind));
         }
         if (!fits) {

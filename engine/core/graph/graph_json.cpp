@@ -4,16 +4,17 @@
 // writes the same bytes.
 
 #include <algorithm>
-#include <charconv>
 #include <cmath>
 #include <limits>
 #include <optional>
+#include <stdexcept>
 #include <string>
 #include <unordered_map>
 #include <utility>
 
 #include "graph/graph.h"
 #include "graph/graph_tools.h"
+#include "graph/param_json.h"
 #include "graph/registry.h"
 
 namespace velmorin {
@@ -71,17 +72,7 @@ Json parseDocument(std::string_view text) {
     return doc;
 }
 
-// The double that prints as the shortest text of a float, so that a float written and read back
-// is the same float and reads as it was typed (0.1, not 0.10000000149011612).
-double floatForJson(float value) {
-    char text[32];
-    auto written = std::to_chars(text, text + sizeof text, value);
-    double result = value;
-    std::from_chars(text, written.ptr, result);
-    return result;
-}
-
-// A JSON number that fits a float, as a float; nothing for any other value.
+// A JSON number that fits a float, as a float; false for any other value.
 bool readFloat(const Json& json, float& out) {
     if (!json.is_number()) return false;
     const double value = json.get<double>();
@@ -202,12 +193,8 @@ struct Loader {
     // first. The saved version is written back with the node, so a step must leave a node alone
     // that is already in the newer form. Nodes of an inner graph are upgraded by their own types.
     void upgrade(Json& node, int saved) const {
-        std::vector<UpgradeStep> steps = registry.upgrades(node["type"].get<std::string>());
-        std::stable_sort(steps.begin(), steps.end(),
-                         [](const UpgradeStep& a, const UpgradeStep& b) {
-                             return a.fromVersion < b.fromVersion;
-                         });
-        for (const UpgradeStep& step : steps) {
+        // The registry hands the steps out in version order.
+        for (const UpgradeStep& step : registry.upgrades(node["type"].get<std::string>())) {
             if (step.fromVersion >= saved && step.apply) step.apply(node);
         }
         auto definition = node.find("definition");
@@ -223,24 +210,12 @@ struct Loader {
             if (type == innerNode.end() || !type->is_string()) continue;
             int innerSaved = 1;
             if (auto version = innerNode.find("version"); version != innerNode.end()) {
-                if (!version->is_number_integer() || version->get<std::int64_t>() < 1 ||
-                    version->get<std::int64_t>() > std::numeric_limits<int>::max()) {
-                    continue;
-                }
-                innerSaved = static_cast<int>(version->get<std::int64_t>());
+                if (!isWholeVersion(*version)) continue;
+                innerSaved = static_cast<int>(std::min(
+                    version->get<double>(), static_cast<double>(std::numeric_limits<int>::max())));
             }
             upgrade(innerNode, innerSaved);
         }
-    }
-
-    static std::string numberText(const Json& value) {
-        if (value.is_number_float()) {
-            const double number = value.get<double>();
-            if (std::floor(number) == number && std::fabs(number) < 1e15) {
-                return std::to_string(static_cast<std::int64_t>(number));
-            }
-        }
-        return value.dump();
     }
 
     // The version a node was saved with: 1 when absent, else a whole number from 1.
@@ -248,16 +223,7 @@ struct Loader {
         auto found = node.find("version");
         if (found == node.end()) return 1;
         const Json& version = *found;
-        bool whole = false;
-        if (version.is_number_integer()) {
-            whole = version.get<std::int64_t>() >= 1;
-        } else if (version.is_number_unsigned()) {
-            whole = true;
-        } else if (version.is_number_float()) {
-            const double number = version.get<double>();
-            whole = std::isfinite(number) && number >= 1.0 && std::floor(number) == number;
-        }
-        if (!whole) {
+        if (!isWholeVersion(version)) {
             throw SchemaError("node '" + name + "': version " + version.dump() +
                               " is not a whole number from 1");
         }
@@ -265,7 +231,7 @@ struct Loader {
         const int current = op.version();
         if (saved > current) {
             throw SchemaError("node '" + name + "' is a " + op.type() + " of version " +
-                              numberText(version) + ", newer than this Velmorin's (" +
+                              versionText(version) + ", newer than this Velmorin's (" +
                               std::to_string(current) + "); update Velmorin to open it");
         }
         return static_cast<int>(saved);
@@ -317,7 +283,15 @@ struct Loader {
         const Json* node = &original;
         if (!registry.upgrades(type).empty() || original.contains("definition")) {
             upgraded = original;
-            upgrade(upgraded, saved);
+            try {
+                upgrade(upgraded, saved);
+            } catch (const GraphError&) {
+                throw;
+            } catch (const std::exception& error) {
+                // A step that meets a form it doesn't know fails the load, in the loader's words.
+                throw SchemaError("node '" + name + "' could not be upgraded from version " +
+                                  std::to_string(saved) + ": " + error.what());
+            }
             node = &upgraded;
         }
 
@@ -525,7 +499,7 @@ Json nodeToJson(const GraphNode& node) {
         if (hasDefinition && spec.name == "definition") continue;
         auto value = op.paramSet.values.find(spec.name);
         if (value == op.paramSet.values.end() || value->second == spec.defaultValue) continue;
-        params[spec.name] = paramValueToJson(value->second);
+        params[spec.name] = paramValueJson(value->second);
     }
     if (!params.empty()) json["params"] = std::move(params);
 
@@ -550,41 +524,6 @@ Json nodeToJson(const GraphNode& node) {
 }
 
 }  // namespace
-
-Json paramValueToJson(const ParamValue& value) {
-    struct Writer {
-        Json operator()(bool v) const { return v; }
-        Json operator()(std::int64_t v) const { return v; }
-        Json operator()(double v) const { return Json(static_cast<Json::number_float_t>(v)); }
-        Json operator()(const std::string& v) const { return v; }
-        Json operator()(const Vec3f& v) const {
-            return Json::array({floatForJson(v.x), floatForJson(v.y), floatForJson(v.z)});
-        }
-        Json operator()(const Ramp& ramp) const {
-            Json keys = Json::array();
-            for (const RampKey& key : ramp.keys) {
-                keys.push_back(Json::array({floatForJson(key.position), floatForJson(key.value)}));
-            }
-            Json json = Json::object();
-            json["keys"] = std::move(keys);
-            json["linear"] = ramp.linear;
-            return json;
-        }
-        Json operator()(const MapReference& map) const {
-            Json json = Json::object();
-            json[std::string(kMapSources[static_cast<std::size_t>(map.source)])] = map.text;
-            if (map.componentIndex >= 0) {
-                json["component"] = map.componentIndex;
-            } else if (!map.component.empty()) {
-                json["component"] = map.component;
-            }
-            if (map.min) json["min"] = *map.min;
-            if (map.max) json["max"] = *map.max;
-            return json;
-        }
-    };
-    return std::visit(Writer{}, value);
-}
 
 ParamValue paramValueFromJson(const Json& json, const std::string& param) {
     const auto unsupported = [&] {

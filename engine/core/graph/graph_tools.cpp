@@ -16,16 +16,6 @@ using Json = nlohmann::ordered_json;
 
 namespace {
 
-std::string versionText(const Json& version) {
-    if (version.is_number_float()) {
-        const double number = version.get<double>();
-        if (std::floor(number) == number && std::fabs(number) < 1e15) {
-            return std::to_string(static_cast<std::int64_t>(number));
-        }
-    }
-    return version.dump();
-}
-
 struct SeededType {
     std::string_view type;
     std::string_view effect;
@@ -211,20 +201,30 @@ class ControlFitter {
 
 }  // namespace
 
+bool isWholeVersion(const Json& version) {
+    // Unsigned first: nlohmann counts an unsigned number as an integer too.
+    if (version.is_number_unsigned()) return version.get<std::uint64_t>() >= 1;
+    if (version.is_number_integer()) return version.get<std::int64_t>() >= 1;
+    if (!version.is_number_float()) return false;
+    const double number = version.get<double>();
+    return std::isfinite(number) && number >= 1.0 && std::floor(number) == number;
+}
+
+std::string versionText(const Json& version) {
+    if (version.is_number_float()) {
+        const double number = version.get<double>();
+        if (std::floor(number) == number && std::fabs(number) < 1e15) {
+            return std::to_string(static_cast<std::int64_t>(number));
+        }
+    }
+    return version.dump();
+}
+
 int checkFormatVersion(const Json& doc, int supported, std::string_view what) {
     auto found = doc.find("version");
     if (found == doc.end()) return 1;
     const Json& version = *found;
-    bool whole = false;
-    if (version.is_number_integer()) {
-        whole = version.get<std::int64_t>() >= 1;
-    } else if (version.is_number_unsigned()) {
-        whole = true;
-    } else if (version.is_number_float()) {
-        const double number = version.get<double>();
-        whole = std::isfinite(number) && number >= 1.0 && std::floor(number) == number;
-    }
-    if (!whole) {
+    if (!isWholeVersion(version)) {
         throw SchemaError(std::string(what) + ": version " + version.dump() +
                           " is not a whole number from 1");
     }

@@ -1,7 +1,7 @@
 #pragma once
 // Tools around the graph document: the default graph a new groom starts from, the format-version
 // rule that every versioned document shares, reports about a graph (node versions, seeds that
-// collide), fitting a document's keyed controls to a host, and the JSON form of param values.
+// collide), fitting a document's keyed controls to a host, and reading param values from JSON.
 
 #include <map>
 #include <set>
@@ -30,6 +30,11 @@ std::string defaultGraphJson();
 // "<what>: version V is not a whole number from 1".
 int checkFormatVersion(const nlohmann::ordered_json& doc, int supported, std::string_view what);
 
+// Whether a "version" value is a whole number from 1: an integer, or a float without a fraction.
+bool isWholeVersion(const nlohmann::ordered_json& version);
+// A version value as messages show it: a whole float without its ".0" (4.0 shows as 4).
+std::string versionText(const nlohmann::ordered_json& version);
+
 // A report of the graph as JSON: "nodeCount", "connectionCount", "output" (a name or null) and
 // "nodes", one object per node in id order with "id", "name", "type", "nodeVersion" (the version
 // the node behaves as: its saved version when read from an older file, else the current one),
@@ -54,12 +59,9 @@ std::vector<std::string> seedCollisions(const Graph& graph);
 std::map<std::string, double> fitControls(nlohmann::ordered_json& graphJson,
                                           const std::set<std::string, std::less<>>& hostControls);
 
-// A param's value in graph JSON: a bool, an integer, a float (always with a fraction or exponent,
-// so it reads back as a float), a string, [x, y, z], {"keys": [[position, value], ...], "linear"}
-// or a map reference {"texture" (or another source): ..., "component", "min", "max"}.
-nlohmann::ordered_json paramValueToJson(const ParamValue& value);
-
-// Reads a param value by its JSON type, before coercion to the param's kind. `param` names the
+// Reads a param value by its JSON type, before coercion to the param's kind (paramValueJson writes
+// it): bool, integer, float, string, [x, y, z] as a vec3, {"keys": [[position, value], ...],
+// "linear": bool} as a ramp, any other object as a map reference. `param` names the
 // param in messages. Throws GraphError with the exact words of graph JSON: "param 'p': N is out of
 // range for an integer", "ramp for param 'p' needs keys [[position, value], ...]", "map for param
 // 'p' needs exactly one of texture, colorSet, attribute, expression, guide", "map for param 'p':

@@ -148,8 +148,11 @@ class ParamSet {
     double getFloat(std::string_view name, double fallback) const;
     std::string getString(std::string_view name, const std::string& fallback) const;
     Vec3f getVec3(std::string_view name, Vec3f fallback) const;
+    // A ramp delivered by a connected Curve input (in `curves`) comes before the param's own.
     Ramp getRamp(std::string_view name, const Ramp& fallback) const;
-    // The delivered field of a connected param, else a constant field of its value.
+    // The delivered field of a connected param, else a constant field of its value: a vec3 as a
+    // colour, anything else as its number clamped like getFloat (a map reference, which is
+    // resolved where strands are known, as its default; an unknown name as 0). Never null.
     std::shared_ptr<const FieldValue> field(std::string_view name) const;
 
     // Sets a value through coerceParam with "param 'name'" as context. Throws GraphError for an

@@ -18,7 +18,8 @@ struct Ramp {
     bool linear = false;  // straight lines between keys instead of the smooth form
 
     bool operator==(const Ramp&) const = default;
-    // 1 with no keys; clamps to the end keys outside them.
+    // 1 with no keys; clamps to the end keys outside them. Where keys share a position the later
+    // one's value holds from that position on, so two keys at one position make a step.
     float at(float t) const;
 };
 

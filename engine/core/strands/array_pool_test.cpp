@@ -7,43 +7,35 @@
 namespace velmorin {
 namespace {
 
-// Element counts at the edge of the pooled size for each element width.
 constexpr std::size_t kFloatsIn4MiB = 0x400000 / sizeof(float);
-constexpr std::size_t kWordsIn4MiB = 0x400000 / sizeof(std::uint64_t);
-
-using SizeList = std::vector<std::size_t>;
+using Lengths = std::vector<std::size_t>;
 
 TEST(ArrayPool, KeepsOnlyArraysOfAtLeastFourMiB) {
     EXPECT_TRUE(isPooledArraySize(0x400000));
     EXPECT_FALSE(isPooledArraySize(0x3FFFFF));
-
     ArrayPool<std::uint64_t>& words = ArrayPool<std::uint64_t>::instance();
     words.trim();
-    words.release(std::vector<std::uint64_t>(kWordsIn4MiB));  // exactly 4 MiB
-    EXPECT_EQ(words.pooledLengths(), SizeList{kWordsIn4MiB});
-    words.release(std::vector<std::uint64_t>(kWordsIn4MiB - 1));
-    EXPECT_EQ(words.pooledLengths(), SizeList{kWordsIn4MiB});
+    words.release(std::vector<std::uint64_t>(0x400000 / 8 - 1));
+    EXPECT_EQ(words.pooledLengths(), Lengths{});
+    words.release(std::vector<std::uint64_t>(0x400000 / 8));  // exactly 4 MiB
+    EXPECT_EQ(words.pooledLengths(), Lengths{0x400000 / 8});
     words.trim();
-
-    // 12-byte elements never land on 4 MiB exactly: 349525 of them are 4 bytes short of it.
+    // 12-byte elements never land on 4 MiB: 349525 of them are 4 bytes short, 349526 8 bytes over.
     ArrayPool<Vec3f>& points = ArrayPool<Vec3f>::instance();
     points.trim();
     points.release(std::vector<Vec3f>(349525));
-    EXPECT_EQ(points.pooledLengths(), SizeList{});
     points.release(std::vector<Vec3f>(349526));
-    EXPECT_EQ(points.pooledLengths(), SizeList{349526});
+    EXPECT_EQ(points.pooledLengths(), Lengths{349526});
     points.trim();
-    EXPECT_EQ(points.pooledLengths(), SizeList{});
+    EXPECT_EQ(points.pooledLengths(), Lengths{});
 }
 
 TEST(ArrayPool, KeepsTheLastTwoReleasedInReleaseOrder) {
     ArrayPool<float>& pool = ArrayPool<float>::instance();
     pool.trim();
-    pool.release(std::vector<float>(kFloatsIn4MiB + 1));
-    pool.release(std::vector<float>(kFloatsIn4MiB + 2));
-    EXPECT_EQ(pool.pooledLengths(), (SizeList{kFloatsIn4MiB + 1, kFloatsIn4MiB + 2}));
-    pool.release(std::vector<float>(kFloatsIn4MiB + 3));
-    EXPECT_EQ(pool.pooledLengths(), (SizeList{kFloatsIn4MiB + 2, kFloatsIn4MiB + 3}));
+    for (std::size_t extra : {1, 2, 3})
+        pool.release(std::vector<float>(kFloatsIn4MiB + extra));
+    EXPECT_EQ(pool.pooledLengths(), (Lengths{kFloatsIn4MiB + 2, kFloatsIn4MiB + 3}));
     pool.trim();
 }
 
@@ -53,22 +45,14 @@ TEST(ArrayPool, TakesAPooledArrayOnlyForAnExactLength) {
     std::vector<float> released(kFloatsIn4MiB, 3.0f);
     const float* data = released.data();
     pool.release(std::move(released));
-
     EXPECT_FALSE(pool.take(kFloatsIn4MiB - 1));
-    EXPECT_FALSE(pool.take(kFloatsIn4MiB + 1));
-    ArrayPtr<float> longer = pool.makeForOverwrite(kFloatsIn4MiB + 1);
+    const ArrayPtr<float> longer = pool.makeForOverwrite(kFloatsIn4MiB + 1);
     EXPECT_NE(longer->data(), data);
-    EXPECT_EQ(longer->size(), kFloatsIn4MiB + 1);
-    EXPECT_EQ(pool.pooledLengths(), SizeList{kFloatsIn4MiB});
-
-    ArrayPtr<float> exact = pool.makeForOverwrite(kFloatsIn4MiB);
+    EXPECT_EQ(pool.pooledLengths(), Lengths{kFloatsIn4MiB});
+    const ArrayPtr<float> exact = pool.makeForOverwrite(kFloatsIn4MiB);
     EXPECT_EQ(exact->data(), data);
     EXPECT_EQ(exact->size(), kFloatsIn4MiB);
-    EXPECT_EQ(pool.pooledLengths(), SizeList{});
-    EXPECT_FALSE(pool.take(16));
-    exact.reset();
-    longer.reset();
-    pool.trim();
+    EXPECT_EQ(pool.pooledLengths(), Lengths{});
 }
 
 TEST(ArrayPool, SharedArraysComeBackWhenTheirLastHolderLetsGo) {
@@ -79,18 +63,15 @@ TEST(ArrayPool, SharedArraysComeBackWhenTheirLastHolderLetsGo) {
     EXPECT_EQ((*first)[length - 1], (StrandRoot{7, 0.5f, 0.25f}));
     ArrayPtr<StrandRoot> second = first;
     first.reset();
-    EXPECT_EQ(pool.pooledLengths(), SizeList{});
+    EXPECT_EQ(pool.pooledLengths(), Lengths{});
     second.reset();
-    EXPECT_EQ(pool.pooledLengths(), SizeList{length});
-
-    // A small array grown large after it was made still comes back at its final size.
+    EXPECT_EQ(pool.pooledLengths(), Lengths{length});
+    // A small array grown large after it was made comes back at its final size; small ones never.
     ArrayPtr<StrandRoot> grown = pool.makeCopy(std::vector<StrandRoot>(3));
     grown->resize(length + 1);
     grown.reset();
-    EXPECT_EQ(pool.pooledLengths(), (SizeList{length, length + 1}));
-
     pool.makeFilled(10, StrandRoot{}).reset();
-    EXPECT_EQ(pool.pooledLengths(), (SizeList{length, length + 1}));
+    EXPECT_EQ(pool.pooledLengths(), (Lengths{length, length + 1}));
     pool.trim();
 }
 

@@ -12,6 +12,15 @@
 #include <stdexcept>
 #include <utility>
 
+// The extent kernels use SSE where the target has it (every x86-64 target does) and plain floats
+// elsewhere; both give the same bits.
+#if defined(__SSE2__) || defined(_M_X64) || defined(_M_AMD64)
+#include <xmmintrin.h>
+#define VELMORIN_STRANDS_SSE 1
+#else
+#define VELMORIN_STRANDS_SSE 0
+#endif
+
 namespace velmorin {
 namespace {
 
@@ -35,6 +44,8 @@ const ArrayPtr<std::uint64_t>& zeroOffsets() {
     static const ArrayPtr<std::uint64_t> array = std::make_shared<std::vector<std::uint64_t>>(1, 0);
     return array;
 }
+
+static_assert(StrandSet::kBlockStrands == std::size_t{1} << 11, "a strand's block is strand >> 11");
 
 std::size_t blockCountFor(std::size_t strands) {
     return (strands + StrandSet::kBlockStrands - 1) >> 11;
@@ -64,8 +75,100 @@ Extent mergeBlocks(const std::vector<Extent>& blocks) {
     return whole;
 }
 
+// Smallest and largest coordinates of points [begin, end) and the sum of x - x + y - y + z - z
+// over them, which is exactly 0 unless a coordinate is NaN or infinite. The results go into
+// twelve lanes, lane j holding axis j % 3, so that four points are taken at a time.
+struct PointScan {
+    float lo[12];
+    float hi[12];
+    float check[12];
+};
+
+PointScan scanPoints(const Vec3f* points, std::size_t begin, std::size_t end) {
+    PointScan scan;
+    const Extent initial;
+    std::size_t p = begin;
+#if VELMORIN_STRANDS_SSE
+    // Four points are three registers: x0 y0 z0 x1 | y1 z1 x2 y2 | z2 x3 y3 z3. minps and maxps
+    // return their second operand when either is NaN, so a NaN never enters the running values.
+    __m128 lo[3], hi[3], check[3];
+    for (int j = 0; j < 3; ++j) {
+        lo[j] = _mm_set1_ps(initial.min.x);
+        hi[j] = _mm_set1_ps(initial.max.x);
+        check[j] = _mm_setzero_ps();
+    }
+    for (; p + 4 <= end; p += 4) {
+        const __m128 v[3] = {_mm_loadu_ps(&points[p].x), _mm_loadu_ps(&points[p + 1].y),
+                             _mm_loadu_ps(&points[p + 2].z)};
+        for (int j = 0; j < 3; ++j) {
+            lo[j] = _mm_min_ps(v[j], lo[j]);
+            hi[j] = _mm_max_ps(v[j], hi[j]);
+            check[j] = _mm_add_ps(check[j], _mm_sub_ps(v[j], v[j]));
+        }
+    }
+    for (int j = 0; j < 3; ++j) {
+        _mm_storeu_ps(scan.lo + 4 * j, lo[j]);
+        _mm_storeu_ps(scan.hi + 4 * j, hi[j]);
+        _mm_storeu_ps(scan.check + 4 * j, check[j]);
+    }
+#else
+    for (int j = 0; j < 12; ++j) {
+        scan.lo[j] = initial.min.x;
+        scan.hi[j] = initial.max.x;
+        scan.check[j] = 0.0f;
+    }
+#endif
+    for (; p < end; ++p) {
+        const float f[3] = {points[p].x, points[p].y, points[p].z};
+        for (int j = 0; j < 3; ++j) {
+            scan.lo[j] = lesser(f[j], scan.lo[j]);
+            scan.hi[j] = greater(f[j], scan.hi[j]);
+            scan.check[j] += f[j] - f[j];
+        }
+    }
+    return scan;
+}
+
+#if VELMORIN_STRANDS_SSE
+// Four consecutive points starting at `p` as x0..x3, y0..y3, z0..z3.
+void loadTransposed(const Vec3f* points, std::size_t p, __m128& x, __m128& y, __m128& z) {
+    const __m128 a = _mm_loadu_ps(&points[p].x);                      // x0 y0 z0 x1
+    const __m128 b = _mm_loadu_ps(&points[p + 1].y);                  // y1 z1 x2 y2
+    const __m128 c = _mm_loadu_ps(&points[p + 2].z);                  // z2 x3 y3 z3
+    const __m128 xy = _mm_shuffle_ps(b, c, _MM_SHUFFLE(2, 1, 3, 2));  // x2 y2 x3 y3
+    const __m128 yz = _mm_shuffle_ps(a, b, _MM_SHUFFLE(1, 0, 2, 1));  // y0 z0 y1 z1
+    x = _mm_shuffle_ps(a, xy, _MM_SHUFFLE(2, 0, 3, 0));
+    y = _mm_shuffle_ps(yz, xy, _MM_SHUFFLE(3, 1, 2, 0));
+    z = _mm_shuffle_ps(yz, c, _MM_SHUFFLE(3, 0, 3, 1));
+}
+#endif
+
+// out[k - begin] = |points[k + 1] - points[k]| for k in [begin, end), computed as
+// sqrt(dot(d, d)) in float with the same operations in the same order on every path.
+void segmentLengths(const Vec3f* points, std::size_t begin, std::size_t end, float* out) {
+    std::size_t k = begin;
+#if VELMORIN_STRANDS_SSE
+    for (; k + 4 <= end; k += 4) {
+        __m128 x0, y0, z0, x1, y1, z1;
+        loadTransposed(points, k, x0, y0, z0);
+        loadTransposed(points, k + 1, x1, y1, z1);
+        const __m128 dx = _mm_sub_ps(x1, x0);
+        const __m128 dy = _mm_sub_ps(y1, y0);
+        const __m128 dz = _mm_sub_ps(z1, z0);
+        const __m128 squared =
+            _mm_add_ps(_mm_add_ps(_mm_mul_ps(dx, dx), _mm_mul_ps(dy, dy)), _mm_mul_ps(dz, dz));
+        _mm_storeu_ps(out + (k - begin), _mm_sqrt_ps(squared));
+    }
+#endif
+    for (; k < end; ++k) {
+        const Vec3f d = points[k + 1] - points[k];
+        out[k - begin] = std::sqrt(dot(d, d));
+    }
+}
+
 // The extent of block `block`: one flat pass over its points for min, max and the finite check,
-// then one pass per strand for the polyline lengths, which finds the points still in cache.
+// then the polyline lengths strand by strand from segment lengths computed a window at a time
+// (the block's points are still in cache by then).
 Extent blockExtent(std::span<const std::uint64_t> offsets, std::span<const Vec3f> points,
                    std::size_t block) {
     const std::size_t strandCount = offsets.size() - 1;
@@ -75,53 +178,34 @@ Extent blockExtent(std::span<const std::uint64_t> offsets, std::span<const Vec3f
     const std::size_t pointEnd = offsets[end];
     assert(pointBegin <= pointEnd && pointEnd <= points.size());
 
-    // Four points, twelve floats, at a time: twelve independent chains that the compiler can keep
-    // in vector registers instead of one serial chain per axis. Lane j holds axis j % 3.
-    constexpr int kLanes = 12;
-    static_assert(sizeof(float) * kLanes == 4 * sizeof(Vec3f));
-    Extent initial;
-    float lo[kLanes], hi[kLanes], check[kLanes];
-    for (int j = 0; j < kLanes; ++j) {
-        lo[j] = initial.min.x;
-        hi[j] = initial.max.x;
-        check[j] = 0.0f;
-    }
-    std::size_t p = pointBegin;
-    for (; p + 4 <= pointEnd; p += 4) {
-        float f[kLanes];
-        std::memcpy(f, &points[p], sizeof f);
-        for (int j = 0; j < kLanes; ++j) {
-            lo[j] = lesser(f[j], lo[j]);
-            hi[j] = greater(f[j], hi[j]);
-            // x - x is exactly 0 for every finite x and NaN for NaN or infinity; a NaN stays.
-            check[j] += f[j] - f[j];
-        }
-    }
-    for (; p < pointEnd; ++p) {
-        const float f[3] = {points[p].x, points[p].y, points[p].z};
-        for (int j = 0; j < 3; ++j) {
-            lo[j] = lesser(f[j], lo[j]);
-            hi[j] = greater(f[j], hi[j]);
-            check[j] += f[j] - f[j];
-        }
-    }
-
+    const PointScan scan = scanPoints(points.data(), pointBegin, pointEnd);
     Extent extent;
     float sum = 0.0f;
-    for (int j = 0; j < kLanes; ++j) {
+    for (int j = 0; j < 12; ++j) {
         float* axisMin = j % 3 == 0 ? &extent.min.x : j % 3 == 1 ? &extent.min.y : &extent.min.z;
         float* axisMax = j % 3 == 0 ? &extent.max.x : j % 3 == 1 ? &extent.max.y : &extent.max.z;
-        *axisMin = lesser(lo[j], *axisMin);
-        *axisMax = greater(hi[j], *axisMax);
-        sum += check[j];
+        *axisMin = lesser(scan.lo[j], *axisMin);
+        *axisMax = greater(scan.hi[j], *axisMax);
+        sum += scan.check[j];
     }
     extent.finite = sum == 0.0f;
 
+    // Segments that cross from one strand to the next are computed with the rest and never used.
+    constexpr std::size_t kWindow = 256;
+    float segments[kWindow];
+    std::size_t windowBegin = pointBegin;
+    std::size_t windowEnd = pointBegin;
+    const std::size_t lastSegmentEnd = pointEnd > pointBegin ? pointEnd - 1 : pointBegin;
     for (std::size_t s = first; s < end; ++s) {
         float length = 0.0f;
-        for (std::size_t k = offsets[s] + 1; k < offsets[s + 1]; ++k) {
-            const Vec3f segment = points[k] - points[k - 1];
-            length += std::sqrt(dot(segment, segment));
+        const std::size_t stop = offsets[s + 1];
+        for (std::size_t k = offsets[s]; k + 1 < stop; ++k) {
+            if (k >= windowEnd) {
+                windowBegin = k;
+                windowEnd = std::min(k + kWindow, lastSegmentEnd);
+                segmentLengths(points.data(), windowBegin, windowEnd, segments);
+            }
+            length += segments[k - windowBegin];
         }
         extent.longest = greater(length, extent.longest);
     }
@@ -139,6 +223,33 @@ void appendRange(std::vector<T>& array, std::span<const T> values) {
         array.insert(array.end(), copy.begin(), copy.end());
     } else {
         array.insert(array.end(), values.begin(), values.end());
+    }
+}
+
+// Copies `count` elements. A strand holds a handful of points, for which a call into the C
+// library costs more than the copy: short runs are copied by fixed-size blocks the compiler
+// inlines.
+template <class T>
+void copyRun(const T* from, std::size_t count, T* to) {
+    if (count > 32) {
+        std::memcpy(to, from, count * sizeof(T));
+        return;
+    }
+    std::size_t k = 0;
+    for (; k + 4 <= count; k += 4)
+        std::memcpy(to + k, from + k, 4 * sizeof(T));
+    switch (count - k) {
+        case 3:
+            std::memcpy(to + k, from + k, 3 * sizeof(T));
+            break;
+        case 2:
+            std::memcpy(to + k, from + k, 2 * sizeof(T));
+            break;
+        case 1:
+            std::memcpy(to + k, from + k, sizeof(T));
+            break;
+        default:
+            break;
     }
 }
 
@@ -513,20 +624,47 @@ void StrandSet::subset(std::span<const std::uint64_t> indices, StrandSet& out) c
                                         " is out of range for a set of " + std::to_string(strands) +
                                         " strands");
     }
-    assert(widths().size() == pointCount());
+    gather(ArrayPool<std::uint64_t>::instance().makeCopy(indices), out);
+}
 
-    const std::size_t count = indices.size();
+void StrandSet::gather(ArrayPtr<std::uint64_t> indexArray, StrandSet& out) const {
+    assert(widths().size() == pointCount());
+    const std::size_t count = indexArray->size();
+    const std::uint64_t* indices = indexArray->data();
+
+    // The new offsets: point counts and their sums per chunk in parallel, then the chunks' start
+    // values in order, then each chunk's running sum in parallel. Integer sums: the same whatever
+    // the thread count.
     ArrayPtr<std::uint64_t> offsets =
         ArrayPool<std::uint64_t>::instance().makeForOverwrite(count + 1);
-    (*offsets)[0] = 0;
-    for (std::size_t k = 0; k < count; ++k)
-        (*offsets)[k + 1] = (*offsets)[k] + pointRange(indices[k]).count;
-    const std::size_t points = offsets->back();
+    std::uint64_t* newOffsets = offsets->data();
+    newOffsets[0] = 0;
+    const std::size_t chunks = (count + kGatherGrain - 1) / kGatherGrain;
+    std::vector<std::uint64_t> chunkStart(chunks + 1, 0);
+    parallelRange(0, chunks, 1, [&](std::size_t firstChunk, std::size_t endChunk) {
+        for (std::size_t c = firstChunk; c < endChunk; ++c) {
+            std::uint64_t sum = 0;
+            for (std::size_t k = c * kGatherGrain; k < std::min(count, (c + 1) * kGatherGrain); ++k)
+                sum += newOffsets[k + 1] = pointRange(indices[k]).count;
+            chunkStart[c + 1] = sum;
+        }
+    });
+    for (std::size_t c = 0; c < chunks; ++c)
+        chunkStart[c + 1] += chunkStart[c];
+    parallelRange(0, chunks, 1, [&](std::size_t firstChunk, std::size_t endChunk) {
+        for (std::size_t c = firstChunk; c < endChunk; ++c) {
+            std::uint64_t running = chunkStart[c];
+            for (std::size_t k = c * kGatherGrain; k < std::min(count, (c + 1) * kGatherGrain); ++k)
+                newOffsets[k + 1] = running += newOffsets[k + 1];
+        }
+    });
+    const std::size_t points = newOffsets[count];
 
-    // Built aside and moved in at the end, so that `out` may be this set.
+    // Built aside and moved in at the end, so that `out` may be this set. The index array becomes
+    // the new ids column: each chunk overwrites its indices with ids after its last use of them.
     StrandSet result;
     result.offsets_ = {offsets, true};
-    result.ids_ = {ArrayPool<std::uint64_t>::instance().makeForOverwrite(count), true};
+    result.ids_ = {indexArray, true};
     result.roots_ = {ArrayPool<StrandRoot>::instance().makeForOverwrite(count), true};
     result.points_ = {ArrayPool<Vec3f>::instance().makeForOverwrite(points), true};
     result.widths_ = {ArrayPool<float>::instance().makeForOverwrite(points), true};
@@ -537,7 +675,7 @@ void StrandSet::subset(std::span<const std::uint64_t> indices, StrandSet& out) c
     };
     std::vector<Gather> strandGathers, pointGathers;
     for (const auto& [name, channel] : strandChannels_) {
-        assert(channel.column.array->size() == strands);
+        assert(channel.column.array->size() == strandCount());
         ArrayPtr<float> values = ArrayPool<float>::instance().makeForOverwrite(count);
         strandGathers.push_back({channel.column.array->data(), values->data()});
         result.strandChannels_.emplace(name,
@@ -551,8 +689,7 @@ void StrandSet::subset(std::span<const std::uint64_t> indices, StrandSet& out) c
                                       Channel{{std::move(values), true}, channel.defaultValue});
     }
 
-    const std::uint64_t* newOffsets = offsets->data();
-    std::uint64_t* ids = result.ids_.array->data();
+    std::uint64_t* ids = indexArray->data();
     StrandRoot* roots = result.roots_.array->data();
     Vec3f* pointsTo = result.points_.array->data();
     float* widthsTo = result.widths_.array->data();
@@ -562,26 +699,36 @@ void StrandSet::subset(std::span<const std::uint64_t> indices, StrandSet& out) c
     const std::span<const float> widthsFrom = this->widths();
     parallelRange(0, count, kGatherGrain, [&](std::size_t begin, std::size_t end) {
         for (std::size_t k = begin; k < end; ++k)
-            ids[k] = idsFrom[indices[k]];
-        for (std::size_t k = begin; k < end; ++k)
             roots[k] = rootsFrom[indices[k]];
-        for (std::size_t k = begin; k < end; ++k) {
-            const PointRange range = pointRange(indices[k]);
-            std::copy_n(&pointsFrom[range.begin], range.count, pointsTo + newOffsets[k]);
-        }
-        for (std::size_t k = begin; k < end; ++k) {
-            const PointRange range = pointRange(indices[k]);
-            std::copy_n(&widthsFrom[range.begin], range.count, widthsTo + newOffsets[k]);
-        }
+        // Strands listed one after another in the source have their points one after another in
+        // both sets, so each such run is one copy.
+        auto forEachRun = [&](auto&& copy) {
+            for (std::size_t k = begin; k < end;) {
+                std::size_t last = k;
+                while (last + 1 < end && indices[last + 1] == indices[last] + 1)
+                    ++last;
+                const std::size_t from = pointRange(indices[k]).begin;
+                const PointRange lastRange = pointRange(indices[last]);
+                copy(from, lastRange.begin + lastRange.count - from, newOffsets[k]);
+                k = last + 1;
+            }
+        };
+        forEachRun([&](std::size_t from, std::size_t n, std::size_t to) {
+            copyRun(&pointsFrom[from], n, pointsTo + to);
+        });
+        forEachRun([&](std::size_t from, std::size_t n, std::size_t to) {
+            copyRun(&widthsFrom[from], n, widthsTo + to);
+        });
         for (const Gather& gather : strandGathers)
             for (std::size_t k = begin; k < end; ++k)
                 gather.to[k] = gather.from[indices[k]];
         for (const Gather& gather : pointGathers) {
-            for (std::size_t k = begin; k < end; ++k) {
-                const PointRange range = pointRange(indices[k]);
-                std::copy_n(gather.from + range.begin, range.count, gather.to + newOffsets[k]);
-            }
+            forEachRun([&](std::size_t from, std::size_t n, std::size_t to) {
+                copyRun(gather.from + from, n, gather.to + to);
+            });
         }
+        for (std::size_t k = begin; k < end; ++k)
+            ids[k] = idsFrom[indices[k]];  // last use
     });
 
     result.attachment_ = attachment_;
@@ -592,22 +739,44 @@ void StrandSet::subset(std::span<const std::uint64_t> indices, StrandSet& out) c
 void StrandSet::thinned(double density, StrandSet& out) const {
     const std::size_t strands = strandCount();
     const std::span<const std::uint64_t> idsFrom = ids();
+    // Chunks of kThinningGrain strands: the test into a byte array and a count per chunk, the
+    // chunks' first output slots in order, then each chunk's kept indices in parallel.
+    const std::size_t chunks = (strands + kThinningGrain - 1) / kThinningGrain;
+    auto chunkEnd = [&](std::size_t c) { return std::min(strands, (c + 1) * kThinningGrain); };
     std::vector<unsigned char> kept(strands);
-    parallelRange(0, strands, kThinningGrain, [&](std::size_t begin, std::size_t end) {
-        for (std::size_t i = begin; i < end; ++i)
-            kept[i] = density > unitFloat(idsFrom[i]);
+    std::vector<std::size_t> chunkStart(chunks + 1, 0);
+    parallelRange(0, chunks, 1, [&](std::size_t firstChunk, std::size_t endChunk) {
+        for (std::size_t c = firstChunk; c < endChunk; ++c) {
+            std::size_t count = 0;
+            for (std::size_t i = c * kThinningGrain; i < chunkEnd(c); ++i)
+                count += kept[i] = density > unitFloat(idsFrom[i]);
+            chunkStart[c + 1] = count;
+        }
     });
-    const std::size_t keptCount = static_cast<std::size_t>(std::count(kept.begin(), kept.end(), 1));
+    for (std::size_t c = 0; c < chunks; ++c)
+        chunkStart[c + 1] += chunkStart[c];
+    const std::size_t keptCount = chunkStart[chunks];
     if (keptCount == strands) {
         // Everything stays: share the columns rather than copy them.
         out = *this;
         return;
     }
-    std::vector<std::uint64_t> indices;
-    indices.reserve(keptCount);
-    for (std::size_t i = 0; i < strands; ++i)
-        if (kept[i]) indices.push_back(i);
-    subset(indices, out);
+    ArrayPtr<std::uint64_t> indices =
+        ArrayPool<std::uint64_t>::instance().makeForOverwrite(keptCount);
+    parallelRange(0, chunks, 1, [&](std::size_t firstChunk, std::size_t endChunk) {
+        std::uint64_t local[kThinningGrain];
+        for (std::size_t c = firstChunk; c < endChunk; ++c) {
+            // Without a branch (a random half kept would mispredict half the time): every index is
+            // stored and only the kept ones advance.
+            std::size_t next = 0;
+            for (std::size_t i = c * kThinningGrain; i < chunkEnd(c); ++i) {
+                local[next] = i;
+                next += kept[i];
+            }
+            std::copy_n(local, next, indices->data() + chunkStart[c]);
+        }
+    });
+    gather(std::move(indices), out);
 }
 
 // ---- Extents

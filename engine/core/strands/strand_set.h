@@ -215,6 +215,9 @@ class StrandSet {
     template <class T>
     void appendValues(Column<T>& column, std::span<const T> values);
     void mergeChannels(const StrandSet& other, std::size_t oldStrands, std::size_t oldPoints);
+    // Builds `out` from the strands listed in `indices` (all below strandCount); the index array
+    // becomes the new set's ids column.
+    void gather(ArrayPtr<std::uint64_t> indices, StrandSet& out) const;
 
     mutable std::mutex extentLock_;  // guards the three cache members below
     mutable std::shared_ptr<const Extent> boundsCache_;

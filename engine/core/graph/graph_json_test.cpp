@@ -1,0 +1,533 @@
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "graph/graph.h"
+#include "graph/graph_test_operators.h"
+#include "graph/graph_tools.h"
+
+namespace velmorin {
+namespace {
+
+using Json = nlohmann::ordered_json;
+
+// A graph with something of everything the format holds.
+constexpr const char* kRichGraph = R"({
+  "version": 1,
+  "nodes": [
+    {"name": "source", "type": "DocSource", "params": {"count": 250, "seed": 7},
+     "ui": {"x": 0, "y": 10.5}},
+    {"name": "field", "type": "DocField", "params": {"scale": 2}},
+    {"name": "number", "type": "DocValue", "params": {"kind": "integer"}},
+    {"name": "split", "type": "DocSplit"},
+    {"name": "shape", "type": "DocShape",
+     "params": {"mask": {"colorSet": "roots", "component": "g", "min": 0.1, "max": 2},
+                "amount": 1.0, "enabled": false, "steps": 12, "mode": "hard", "label": "front",
+                "offset": [0.1, -2, 3.5],
+                "profile": {"keys": [[0.5, 1], [0, 0.2], [1, 0]], "linear": true},
+                "density": 3},
+     "paramInputs": ["steps", "amount"],
+     "paramControls": {"offset": ["ox", "oy", "oz"], "enabled": "on"},
+     "bypass": true, "evaluation": "viewportOnly", "ui": {"x": 200, "collapsed": true},
+     "comment": "not a key of the format"},
+    {"name": "mapped", "type": "DocShape",
+     "params": {"amount": {"texture": "roots.png", "component": 2}}, "evaluation": "renderOnly"},
+    {"name": "old", "type": "DocVersioned", "version": 2, "params": {"length": "2.5"}},
+    {"name": "current", "type": "DocVersioned", "version": 3},
+    {"name": "group", "type": "DocGroup",
+     "definition": {"inputs": ["in1"], "params": {"gain": 0.5}},
+     "params": {"gain": 0.75, "repeat": 3}, "paramInputs": ["gain"]}
+  ],
+  "connections": [
+    {"from": "field", "to": "shape", "input": "amount"},
+    {"from": "source", "to": "split", "input": "strands"},
+    {"from": "split", "to": "shape", "input": "strands", "output": "culled"},
+    {"from": "number", "to": "shape", "input": "steps"},
+    {"from": "shape", "to": "mapped", "input": "strands"},
+    {"from": "mapped", "to": "old", "input": "strands"},
+    {"from": "old", "to": "current", "input": "strands"},
+    {"from": "current", "to": "group", "input": "in1"},
+    {"from": "field", "to": "group", "input": "gain"}
+  ],
+  "output": "group",
+  "backdrops": [{"title": "Look", "nodes": ["shape", "mapped"]}],
+  "pins": {"shape": [1, 2]}
+})";
+
+// The smallest document that loads.
+constexpr const char* kSmallGraph = R"({"nodes": [{"name": "a", "type": "DocSource"}],
+                                        "output": "a"})";
+
+std::vector<std::string> keysOf(const Json& object) {
+    std::vector<std::string> keys;
+    for (const auto& [key, value] : object.items())
+        keys.push_back(key);
+    return keys;
+}
+
+class GraphJsonTest : public ::testing::Test {
+  protected:
+    void SetUp() override { doctest::registerDocOperators(); }
+
+    // Loads `text` into a graph that holds the small graph, expects `message`, and checks that the
+    // graph still holds what it held.
+    void expectLoadError(const std::string& text, const std::string& message) {
+        Graph graph;
+        graph.fromJson(kSmallGraph);
+        const std::string before = graph.toJson();
+        try {
+            graph.fromJson(text);
+            FAIL() << "expected: " << message;
+        } catch (const GraphError& error) {
+            EXPECT_EQ(error.what(), message);
+        }
+        EXPECT_EQ(graph.toJson(), before);
+    }
+
+    // A document of one DocShape node named "shape" with `params` and a source feeding it.
+    static std::string shapeWith(const std::string& params) {
+        return R"({"nodes": [{"name": "shape", "type": "DocShape", "params": )" + params +
+               R"(}], "output": "shape"})";
+    }
+};
+
+TEST_F(GraphJsonTest, ARichGraphWritesTheSameBytesAfterReadingBack) {
+    Graph graph;
+    graph.fromJson(kRichGraph);
+    const std::string written = graph.toJson();
+    Graph reread;
+    reread.fromJson(written);
+    EXPECT_EQ(reread.toJson(), written);
+    EXPECT_EQ(reread.nodeIds(), graph.nodeIds());
+    // A clone writes the same document.
+    EXPECT_EQ(graph.clone()->toJson(), written);
+}
+
+TEST_F(GraphJsonTest, WritesKeysInTheirOrderAndOnlyWhatDiffers) {
+    Graph graph;
+    graph.fromJson(kRichGraph);
+    const Json doc = Json::parse(graph.toJson());
+    EXPECT_EQ(keysOf(doc), (std::vector<std::string>{"version", "nodes", "connections", "output",
+                                                     "backdrops", "pins"}));
+    EXPECT_EQ(doc["version"], 1);
+    EXPECT_EQ(doc["output"], "group");
+    EXPECT_EQ(doc["backdrops"],
+              Json::parse(R"([{"title": "Look", "nodes": ["shape", "mapped"]}])"));
+    EXPECT_EQ(doc["pins"], Json::parse(R"({"shape": [1, 2]})"));
+
+    // Nodes in id order, which is the order of the file.
+    std::vector<std::string> names;
+    for (const Json& node : doc["nodes"])
+        names.push_back(node["name"]);
+    EXPECT_EQ(names, (std::vector<std::string>{"source", "field", "number", "split", "shape",
+                                               "mapped", "old", "current", "group"}));
+
+    const Json& shape = doc["nodes"][4];
+    EXPECT_EQ(keysOf(shape),
+              (std::vector<std::string>{"name", "type", "params", "paramInputs", "paramControls",
+                                        "bypass", "evaluation", "ui"}));
+    // Params in the order the operator declares them, floats as floats, a ramp's keys sorted.
+    EXPECT_EQ(shape["params"].dump(),
+              R"({"amount":1.0,"enabled":false,"steps":12,"mode":"hard","label":"front",)"
+              R"("offset":[0.1,-2.0,3.5],"profile":{"keys":[[0.0,0.2],[0.5,1.0],[1.0,0.0]],)"
+              R"("linear":true},"density":3.0,)"
+              R"("mask":{"colorSet":"roots","component":"g","min":0.1,"max":2.0}})");
+    EXPECT_EQ(shape["paramInputs"], Json::parse(R"(["steps", "amount"])"));
+    EXPECT_EQ(shape["paramControls"].dump(), R"({"enabled":"on","offset":["ox","oy","oz"]})");
+    EXPECT_EQ(shape["bypass"], true);
+    EXPECT_EQ(shape["evaluation"], "viewportOnly");
+    EXPECT_EQ(shape["ui"].dump(), R"({"x":200,"collapsed":true})");
+
+    // Defaults are left out, and so are switches at their usual setting.
+    EXPECT_EQ(doc["nodes"][3].dump(), R"({"name":"split","type":"DocSplit"})");
+    EXPECT_EQ(doc["nodes"][5]["params"].dump(),
+              R"({"amount":{"texture":"roots.png","component":2}})");
+    EXPECT_EQ(doc["nodes"][1]["params"].dump(), R"({"scale":2.0})");
+
+    // A node saved at an older version keeps it; a current one writes its version.
+    EXPECT_EQ(doc["nodes"][6].dump(), R"({"name":"old","type":"DocVersioned","version":2,)"
+                                      R"("params":{"length":2.5,"newest":false}})");
+    EXPECT_EQ(doc["nodes"][7].dump(), R"({"name":"current","type":"DocVersioned","version":3})");
+
+    // The definition is written as an object before the params, and not among them.
+    EXPECT_EQ(doc["nodes"][8].dump(),
+              R"({"name":"group","type":"DocGroup",)"
+              R"("definition":{"inputs":["in1"],"params":{"gain":0.5}},)"
+              R"("params":{"repeat":3,"gain":0.75},"paramInputs":["gain"]})");
+
+    // Connections by target, then input; "output" only for another than the first output.
+    std::vector<std::string> connections;
+    for (const Json& connection : doc["connections"])
+        connections.push_back(connection.dump());
+    EXPECT_EQ(connections,
+              (std::vector<std::string>{
+                  R"({"from":"source","to":"split","input":"strands"})",
+                  R"({"from":"split","to":"shape","input":"strands","output":"culled"})",
+                  R"({"from":"number","to":"shape","input":"steps"})",
+                  R"({"from":"field","to":"shape","input":"amount"})",
+                  R"({"from":"shape","to":"mapped","input":"strands"})",
+                  R"({"from":"mapped","to":"old","input":"strands"})",
+                  R"({"from":"old","to":"current","input":"strands"})",
+                  R"({"from":"current","to":"group","input":"in1"})",
+                  R"({"from":"field","to":"group","input":"gain"})",
+              }));
+}
+
+// What the written text can't show: ids, the kinds values are held as, and connections by id.
+TEST_F(GraphJsonTest, ReadsNodesParamsAndConnections) {
+    Graph graph;
+    graph.fromJson(kRichGraph);
+    // Ids by position, from 1.
+    EXPECT_EQ(graph.nodeId("source"), 1u);
+    EXPECT_EQ(graph.nodeId("group"), 9u);
+    EXPECT_EQ(graph.outputNode(), 9u);
+
+    const GraphNode& node = graph.node(graph.nodeId("shape"));
+    const ParamSet& params = node.op->paramSet;
+    EXPECT_EQ(params.getVec3("offset", {}), (Vec3f{0.1f, -2.0f, 3.5f}));
+    // An integer in the file becomes the float a float param holds.
+    EXPECT_TRUE(std::holds_alternative<double>(params.values.at("density")));
+    EXPECT_FLOAT_EQ(params.getRamp("profile", {}).at(0.25f), 0.6f);
+    const auto& mask = std::get<MapReference>(params.values.at("mask"));
+    EXPECT_EQ(mask.source, MapSource::ColorSet);
+    EXPECT_EQ(mask.component, "g");
+    const auto& texture = std::get<MapReference>(
+        graph.operatorOf(graph.nodeId("mapped")).paramSet.values.at("amount"));
+    EXPECT_EQ(texture.componentIndex, 2);
+
+    EXPECT_EQ(node.inputs,
+              (std::vector<std::uint32_t>{graph.nodeId("split"), 0, graph.nodeId("number"),
+                                          graph.nodeId("field")}));
+    EXPECT_EQ(node.slots, (std::vector<std::uint64_t>{1, 0, 0, 0}));
+}
+
+TEST_F(GraphJsonTest, ASmoothRampPassesThroughItsKeys) {
+    Graph graph;
+    graph.fromJson(shapeWith(R"({"profile": {"keys": [[0, 0], [0.5, 1], [1, 0.25]]}})"));
+    const Ramp ramp = graph.operatorOf(1).paramSet.getRamp("profile", {});
+    EXPECT_FALSE(ramp.linear);
+    EXPECT_FLOAT_EQ(ramp.at(0.5f), 1.0f);
+    EXPECT_FLOAT_EQ(ramp.at(1.0f), 0.25f);
+    // Rising into the middle key, not flat as an ease would be.
+    EXPECT_GT(ramp.at(0.25f), 0.5f);
+    EXPECT_GT(ramp.keys[0].slope, 0.0f);
+}
+
+TEST_F(GraphJsonTest, NodeReferencesExposeAndConnectTheParam) {
+    Graph graph;
+    graph.fromJson(R"({"nodes": [
+        {"name": "shape", "type": "DocShape", "params": {"amount": "node:field"}},
+        {"name": "field", "type": "DocField"}], "output": "shape"})");
+    const GraphNode& shape = graph.node(graph.nodeId("shape"));
+    EXPECT_EQ(shape.paramInputs, std::vector<std::string>{"amount"});
+    EXPECT_EQ(shape.inputs[2], graph.nodeId("field"));
+    // The param keeps its default: the value comes through the connection.
+    EXPECT_FALSE(shape.op->paramSet.values.contains("amount"));
+    const std::string written = graph.toJson();
+    const Json doc = Json::parse(written);
+    EXPECT_EQ(doc["nodes"][0]["paramInputs"].dump(), R"(["amount"])");
+    EXPECT_EQ(doc["connections"][0].dump(), R"({"from":"field","to":"shape","input":"amount"})");
+    Graph reread;
+    reread.fromJson(written);
+    EXPECT_EQ(reread.toJson(), written);
+
+    expectLoadError(shapeWith(R"({"amount": "node:ghost"})"), "unknown node 'ghost'");
+    // A node whose output can't feed the param.
+    expectLoadError(shapeWith(R"({"amount": "node:shape"})"), "type mismatch: Strands -> Field");
+    expectLoadError(shapeWith(R"({"ports": "node:shape"})"),
+                    "shape param 'ports' cannot be an input: it sets the node's own ports");
+}
+
+TEST_F(GraphJsonTest, DocumentLevelMessages) {
+    expectLoadError("[1, 2]", "graph JSON must be an object");
+    expectLoadError("\"text\"", "graph JSON must be an object");
+    expectLoadError(R"({"nodes": []})", "graph JSON has no 'output' node");
+    expectLoadError(R"({"output": 3, "nodes": []})", "graph JSON: 'output' must name a node");
+    expectLoadError(R"({"output": "ghost", "nodes": []})", "unknown node 'ghost'");
+    expectLoadError(R"({"version": 2, "nodes": [], "output": "a"})",
+                    "graph JSON is of version 2, newer than this Velmorin reads: update Velmorin");
+    expectLoadError(R"({"version": 0.5, "output": "a"})",
+                    "graph JSON: version 0.5 is not a whole number from 1");
+    expectLoadError(R"({"nodes": {}, "output": "a"})", "graph JSON: 'nodes' must be a list");
+    expectLoadError(R"({"nodes": [3], "output": "a"})", "graph JSON: node 1 is not an object");
+    expectLoadError(R"({"nodes": [{"type": "DocSource"}], "output": "a"})",
+                    "graph JSON: node 1 has no name");
+    expectLoadError(R"({"nodes": [{"name": "a"}], "output": "a"})", "node 'a' has no type");
+    expectLoadError(R"({"nodes": [{"name": "a", "type": "Nope"}], "output": "a"})",
+                    "unknown operator type 'Nope'");
+    expectLoadError(R"({"nodes": [{"name": "a", "type": "DocSource"},
+                                  {"name": "a", "type": "DocField"}], "output": "a"})",
+                    "duplicate node name 'a'");
+
+    // Invalid JSON is named as such, with the parser's account of where.
+    Graph graph;
+    try {
+        graph.fromJson("{\"nodes\": [");
+        FAIL();
+    } catch (const SchemaError& error) {
+        EXPECT_EQ(std::string(error.what()).rfind("graph JSON: invalid JSON: ", 0), 0u)
+            << error.what();
+    }
+    std::string deep(1000, '[');
+    expectLoadError(deep, "graph JSON: invalid JSON: nested deeper than 512 levels");
+}
+
+TEST_F(GraphJsonTest, AGraphWithoutOutputFailsWhateverElseIsValid) {
+    Graph graph;
+    graph.fromJson(kRichGraph);
+    Json doc = Json::parse(graph.toJson());
+    doc.erase("output");
+    expectLoadError(doc.dump(), "graph JSON has no 'output' node");
+    // Nor does a graph without an output node write one.
+    Graph empty;
+    empty.addNode("DocSource", "a");
+    EXPECT_FALSE(Json::parse(empty.toJson()).contains("output"));
+}
+
+TEST_F(GraphJsonTest, ParamValueMessages) {
+    expectLoadError(shapeWith(R"({"steps": 9223372036854775808})"),
+                    "param 'steps': 9223372036854775808 is out of range for an integer");
+    expectLoadError(shapeWith(R"({"amount": 18446744073709551615})"),
+                    "param 'amount': 18446744073709551615 is out of range for an integer");
+    expectLoadError(shapeWith(R"({"steps": 1e19})"),
+                    "param 'steps': 10000000000000000000 is out of range for an integer");
+    expectLoadError(shapeWith(R"({"profile": {"keys": 3}})"),
+                    "ramp for param 'profile' needs keys [[position, value], ...]");
+    expectLoadError(shapeWith(R"({"profile": {"keys": [[0, 1, 2]]}})"),
+                    "ramp for param 'profile' needs keys [[position, value], ...]");
+    expectLoadError(shapeWith(R"({"profile": {"keys": [[0, "1"]]}})"),
+                    "ramp for param 'profile' needs keys [[position, value], ...]");
+    expectLoadError(shapeWith(R"({"profile": {"keys": [], "linear": 1}})"),
+                    "ramp for param 'profile' needs keys [[position, value], ...]");
+    const std::string exactlyOne =
+        "map for param 'mask' needs exactly one of texture, colorSet, attribute, expression, guide";
+    expectLoadError(shapeWith(R"({"mask": {"texture": "a.png", "guide": "b"}})"), exactlyOne);
+    expectLoadError(shapeWith(R"({"mask": {"min": 0}})"), exactlyOne);
+    expectLoadError(shapeWith(R"({"mask": {"texture": "a.png", "component": "q"}})"),
+                    "map for param 'mask': unknown component 'q'");
+    expectLoadError(shapeWith(R"({"mask": {"texture": "a.png", "component": 4}})"),
+                    "map for param 'mask': unknown component '4'");
+    expectLoadError(shapeWith(R"({"mask": {"texture": "a.png", "min": "low"}})"),
+                    "map for param 'mask': min must be a number");
+    expectLoadError(shapeWith(R"({"mask": {"texture": 5}})"),
+                    "map for param 'mask': its texture must be text");
+    expectLoadError(shapeWith(R"({"amount": null})"), "unsupported value for param 'amount'");
+    expectLoadError(shapeWith(R"({"offset": [1, 2]})"), "unsupported value for param 'offset'");
+    expectLoadError(shapeWith(R"({"offset": [1, 2, 1e39]})"),
+                    "unsupported value for param 'offset'");
+    // Coercion to the param's kind speaks of the param.
+    expectLoadError(shapeWith(R"({"mode": "wild"})"),
+                    "param 'mode': 'wild' is not one of its choices (soft, hard)");
+    expectLoadError(shapeWith(R"({"offset": 1})"),
+                    "param 'offset' takes vec3 and cannot take integer");
+    expectLoadError(shapeWith(R"({"density": {"texture": "a.png"}})"),
+                    "param 'density' takes number and cannot take map");
+    expectLoadError(shapeWith(R"({"nothing": 1})"), "node 'shape' has no param 'nothing'");
+    expectLoadError(shapeWith("[]"), "node 'shape': params must be an object");
+}
+
+TEST_F(GraphJsonTest, NodeFieldMessages) {
+    const auto node = [](const std::string& fields) {
+        return R"({"nodes": [{"name": "shape", "type": "DocShape", )" + fields +
+               R"(}], "output": "shape"})";
+    };
+    expectLoadError(node(R"("paramControls": ["amount"])"),
+                    "node 'shape': paramControls must map params to controls");
+    expectLoadError(node(R"("paramControls": {"amount": 5})"),
+                    "node 'shape': param 'amount' must name its control (or three for a vector)");
+    expectLoadError(node(R"("paramControls": {"offset": []})"),
+                    "node 'shape': param 'offset' must name its control (or three for a vector)");
+    expectLoadError(node(R"("paramControls": {"offset": ["x", 1, "z"]})"),
+                    "node 'shape': param 'offset' must name its control (or three for a vector)");
+    // A vector keyed by one control is refused by the keying rule.
+    expectLoadError(node(R"("paramControls": {"offset": "x"})"),
+                    "shape param 'offset' is keyed by three controls (x, y, z)");
+    expectLoadError(node(R"("paramControls": {"label": "x"})"),
+                    "shape param 'label' cannot be keyed: it sets how many strands, points or "
+                    "cards there are, or where they go, which must stay the same on every frame");
+    expectLoadError(node(R"("evaluation": "sometimes")"),
+                    "node 'shape': evaluation is always, viewportOnly or renderOnly");
+    expectLoadError(node(R"("evaluation": 1)"),
+                    "node 'shape': evaluation is always, viewportOnly or renderOnly");
+    expectLoadError(node(R"("bypass": "yes")"), "node 'shape': bypass is true or false");
+    expectLoadError(node(R"("paramInputs": "amount")"),
+                    "node 'shape': paramInputs must be a list of param names");
+    expectLoadError(node(R"("paramInputs": ["amount", "amount"])"), "param 'amount' exposed twice");
+    expectLoadError(node(R"("paramInputs": ["nothing"])"),
+                    "shape has no param 'nothing' to expose");
+}
+
+TEST_F(GraphJsonTest, ConnectionMessages) {
+    const auto with = [](const std::string& connection) {
+        return R"({"nodes": [{"name": "source", "type": "DocSource"},
+                            {"name": "split", "type": "DocSplit"},
+                            {"name": "mesh", "type": "DocMesh"},
+                            {"name": "shape", "type": "DocShape"}],
+                  "connections": [)" +
+               connection + R"(], "output": "shape"})";
+    };
+    expectLoadError(with(R"({"from": "ghost", "to": "shape", "input": "strands"})"),
+                    "unknown node 'ghost'");
+    expectLoadError(with(R"({"from": "source", "to": "ghost", "input": "strands"})"),
+                    "unknown node 'ghost'");
+    expectLoadError(with(R"({"from": "source", "to": "shape", "input": "hair"})"),
+                    "shape has no input 'hair'");
+    // A param is an input only once exposed.
+    expectLoadError(with(R"({"from": "source", "to": "shape", "input": "amount"})"),
+                    "shape has no input 'amount'");
+    expectLoadError(with(R"({"from": "split", "to": "shape", "input": "strands", "output": "x"})"),
+                    "split has no output 'x'");
+    expectLoadError(
+        with(R"({"from": "source", "to": "shape", "input": "strands", "output": "kept"})"),
+        "source has no output 'kept'");
+    expectLoadError(with(R"({"from": "mesh", "to": "shape", "input": "strands"})"),
+                    "type mismatch: Mesh -> Strands");
+    expectLoadError(with(R"({"from": "shape", "to": "shape", "input": "strands"})"),
+                    "connection would create a cycle");
+    expectLoadError(with(R"({"from": "source", "to": "shape"})"),
+                    "graph JSON: connection 1 needs the names from, to and input (and may name an "
+                    "output)");
+    expectLoadError(with(R"(7)"),
+                    "graph JSON: connection 1 needs the names from, to and input (and may name an "
+                    "output)");
+    expectLoadError(R"({"nodes": [{"name": "a", "type": "DocSource"}], "connections": {},
+                        "output": "a"})",
+                    "graph JSON: 'connections' must be a list");
+}
+
+TEST_F(GraphJsonTest, NodeVersionRules) {
+    const auto versioned = [](const std::string& fields) {
+        return R"({"nodes": [{"name": "v", "type": "DocVersioned")" + fields +
+               R"(}], "output": "v"})";
+    };
+    expectLoadError(versioned(R"(, "version": 1.5)"),
+                    "node 'v': version 1.5 is not a whole number from 1");
+    expectLoadError(versioned(R"(, "version": 0)"),
+                    "node 'v': version 0 is not a whole number from 1");
+    expectLoadError(versioned(R"(, "version": -2)"),
+                    "node 'v': version -2 is not a whole number from 1");
+    expectLoadError(versioned(R"(, "version": "2")"),
+                    "node 'v': version \"2\" is not a whole number from 1");
+    expectLoadError(versioned(R"(, "version": 4)"),
+                    "node 'v' is a DocVersioned of version 4, newer than this Velmorin's (3); "
+                    "update Velmorin to open it");
+    expectLoadError(versioned(R"(, "version": 4.0)"),
+                    "node 'v' is a DocVersioned of version 4, newer than this Velmorin's (3); "
+                    "update Velmorin to open it");
+
+    // Absent means 1: every param added since behaves as it did then, unless the file sets it.
+    Graph graph;
+    graph.fromJson(versioned(R"(, "params": {"newest": true})"));
+    const Operator& v1 = graph.operatorOf(1);
+    EXPECT_EQ(v1.savedVersion, 1);
+    EXPECT_EQ(v1.paramSet.getFloat("newer", 0.0), 0.25);
+    EXPECT_TRUE(v1.paramSet.getBool("newest", false));
+    EXPECT_FALSE(v1.paramSet.values.contains("calm"));  // no former default: its default stands
+
+    graph.fromJson(versioned(R"(, "version": 2.0)"));
+    const Operator& v2 = graph.operatorOf(1);
+    EXPECT_EQ(v2.savedVersion, 2);
+    EXPECT_EQ(v2.paramSet.getFloat("newer", 0.0), 1.0);
+    EXPECT_FALSE(v2.paramSet.getBool("newest", true));
+
+    // At the current version nothing is set and the node isn't marked as saved by an older one.
+    graph.fromJson(versioned(R"(, "version": 3)"));
+    EXPECT_EQ(graph.operatorOf(1).savedVersion, 0);
+    EXPECT_TRUE(graph.operatorOf(1).paramSet.values.empty());
+
+    // Written back at the version it was saved by, and read again the same.
+    graph.fromJson(versioned(R"(, "params": {"len": "4"})"));
+    const std::string written = graph.toJson();
+    const Json node = Json::parse(written)["nodes"][0];
+    EXPECT_FALSE(node.contains("version"));
+    EXPECT_EQ(node["params"].dump(), R"({"length":4.0,"newer":0.25,"newest":false})");
+    Graph reread;
+    reread.fromJson(written);
+    EXPECT_EQ(reread.toJson(), written);
+}
+
+TEST_F(GraphJsonTest, UpgradeStepsRunInVersionOrderFromTheSavedVersion) {
+    Graph graph;
+    // Version 1: renamed, then read from text.
+    graph.fromJson(R"({"nodes": [{"name": "v", "type": "DocVersioned", "params": {"len": "2.5"}}],
+                       "output": "v"})");
+    EXPECT_EQ(graph.operatorOf(1).paramSet.getFloat("length", 0.0), 2.5);
+    // Version 2 never had "len": the rename step is not for it.
+    expectLoadError(R"({"nodes": [{"name": "v", "type": "DocVersioned", "version": 2,
+                                   "params": {"len": "2.5"}}], "output": "v"})",
+                    "node 'v' has no param 'len'");
+    // A step that fails is reported as the node's.
+    expectLoadError(R"({"nodes": [{"name": "v", "type": "DocVersioned",
+                                   "params": {"len": "long"}}], "output": "v"})",
+                    "node 'v' could not be upgraded from version 1: stod");
+    // Version 3 reads the length as it stands.
+    expectLoadError(R"({"nodes": [{"name": "v", "type": "DocVersioned", "version": 3,
+                                   "params": {"length": "2.5"}}], "output": "v"})",
+                    "param 'length' takes number and cannot take text");
+}
+
+TEST_F(GraphJsonTest, DefinitionComesBeforeParamsAndInnerNodesAreUpgraded) {
+    Graph graph;
+    graph.fromJson(R"({"nodes": [
+        {"name": "source", "type": "DocSource"},
+        {"name": "group", "type": "DocGroup",
+         "definition": {"inputs": ["in1", "in2"], "params": {"gain": 0.5},
+                        "graph": {"nodes": [{"name": "v", "type": "DocVersioned",
+                                             "params": {"len": "3"}}], "output": "v"}},
+         "params": {"gain": 0.75}, "paramInputs": ["gain"]}],
+        "connections": [{"from": "source", "to": "group", "input": "in2"}],
+        "output": "group"})");
+    const GraphNode& group = graph.node(2);
+    EXPECT_EQ(group.op->paramSet.getFloat("gain", 0.0), 0.75);
+    EXPECT_EQ(group.paramInputs, std::vector<std::string>{"gain"});
+    EXPECT_EQ(group.inputs, (std::vector<std::uint32_t>{0, 1, 0}));
+    const Json definition =
+        Json::parse(std::get<std::string>(group.op->paramSet.values.at("definition")));
+    EXPECT_EQ(definition["graph"]["nodes"][0]["params"].dump(), R"({"length":3.0})");
+
+    // Without its definition first, the group has no such param.
+    expectLoadError(R"({"nodes": [{"name": "group", "type": "DocGroup", "params": {"gain": 1}}],
+                        "output": "group"})",
+                    "node 'group' has no param 'gain'");
+    expectLoadError(R"({"nodes": [{"name": "group", "type": "DocGroup", "definition": "{}"}],
+                        "output": "group"})",
+                    "node 'group': definition must be an object");
+    // A type without a definition param ignores one.
+    Graph plain;
+    plain.fromJson(R"({"nodes": [{"name": "a", "type": "DocSource", "definition": 1}],
+                       "output": "a"})");
+    EXPECT_TRUE(plain.operatorOf(1).paramSet.values.empty());
+}
+
+TEST_F(GraphJsonTest, ALoadReplacesTheGraphAndItsEvaluationState) {
+    Graph graph;
+    graph.fromJson(kRichGraph);
+    graph.node(1).valid = true;
+    graph.node(1).key = 5;
+    graph.times[1] = 3.0;
+    graph.evaluations = 4;
+    graph.cacheLimit = 77;
+
+    // A failure midway leaves everything standing, evaluation state included.
+    const std::string before = graph.toJson();
+    Json broken = Json::parse(before);
+    broken["connections"].push_back(Json::parse(R"({"from": "x", "to": "shape", "input": "a"})"));
+    EXPECT_THROW(graph.fromJson(broken.dump()), SchemaError);
+    EXPECT_EQ(graph.toJson(), before);
+    EXPECT_TRUE(graph.node(1).valid);
+    EXPECT_EQ(graph.times.at(1), 3.0);
+
+    graph.fromJson(kSmallGraph);
+    EXPECT_EQ(graph.nodeIds(), std::vector<std::uint32_t>{1});
+    EXPECT_FALSE(graph.node(1).valid);
+    EXPECT_EQ(graph.node(1).key, 0u);
+    EXPECT_TRUE(graph.times.empty());
+    EXPECT_EQ(graph.evaluations, 0u);
+    EXPECT_TRUE(graph.backdrops.is_null());
+    EXPECT_TRUE(graph.pins.is_null());
+    // The cache limit is a setting of the graph, not state of its evaluation: it stays.
+    EXPECT_EQ(graph.cacheLimit, 77u);
+}
+
+}  // namespace
+}  // namespace velmorin
