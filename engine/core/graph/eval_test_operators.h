@@ -58,27 +58,11 @@ inline PortSpec strandsPort(const std::string& name, bool optional = false) {
     return PortSpec{name, PortType::Strands, optional, ValueKind::Any};
 }
 
-inline ParamSpec intParam(const std::string& name, std::int64_t value, bool animatable = true) {
+inline ParamSpec param(const std::string& name, ParamValue value, bool animatable = true) {
     ParamSpec spec;
     spec.name = name;
-    spec.defaultValue = value;
+    spec.defaultValue = std::move(value);
     spec.animatable = animatable;
-    return spec;
-}
-inline ParamSpec floatParam(const std::string& name, double value,
-                            const std::string& description = {}) {
-    ParamSpec spec;
-    spec.name = name;
-    spec.defaultValue = value;
-    spec.animatable = true;
-    spec.description = description;
-    return spec;
-}
-inline ParamSpec boolParam(const std::string& name, bool value) {
-    ParamSpec spec;
-    spec.name = name;
-    spec.defaultValue = value;
-    spec.animatable = true;
     return spec;
 }
 
@@ -97,8 +81,8 @@ class GrowOp : public CountingOp {
     std::string type() const override { return "EvalGrow"; }
     std::vector<PortSpec> inputs() const override { return {}; }
     std::vector<ParamSpec> params() const override {
-        return {intParam("count", 16), intParam("points", 4), intParam("seed", 1),
-                boolParam("preview", false)};
+        return {param("count", std::int64_t{16}), param("points", std::int64_t{4}),
+                param("seed", std::int64_t{1}), param("preview", false)};
     }
     Value evaluate(const EvalContext&, const std::vector<Value>&) const override {
         ++fullRuns;
@@ -142,8 +126,8 @@ class LiftOp : public CountingOp {
     std::string type() const override { return "EvalLift"; }
     std::vector<PortSpec> inputs() const override { return {strandsPort("strands")}; }
     std::vector<ParamSpec> params() const override {
-        return {floatParam("amount", 0.5), intParam("every", 1, false), intParam("fault", 0),
-                boolParam("warn", false)};
+        return {param("amount", 0.5), param("every", std::int64_t{1}, false),
+                param("fault", std::int64_t{0}), param("warn", false)};
     }
     Value evaluate(const EvalContext& ctx, const std::vector<Value>& inputs) const override {
         ++fullRuns;
@@ -317,10 +301,8 @@ class SwitchOp : public CountingOp {
         return {strandsPort("a", true), strandsPort("b", true)};
     }
     std::vector<ParamSpec> params() const override {
-        ParamSpec label;  // changes the key, never the result
-        label.name = "label";
-        label.defaultValue = std::string();
-        return {intParam("select", 0), label};
+        // `label` changes the key, never the result.
+        return {param("select", std::int64_t{0}), param("label", std::string())};
     }
     bool inputActive(std::size_t index) const override {
         return index >= 2 || static_cast<std::int64_t>(index) == paramSet.getInt("select", 0);
@@ -352,7 +334,7 @@ class ThinOp : public CountingOp {
   public:
     std::string type() const override { return "EvalThin"; }
     std::vector<PortSpec> inputs() const override { return {strandsPort("strands")}; }
-    std::vector<ParamSpec> params() const override { return {boolParam("warn", false)}; }
+    std::vector<ParamSpec> params() const override { return {param("warn", false)}; }
     Value evaluate(const EvalContext& ctx, const std::vector<Value>& inputs) const override {
         ++fullRuns;
         if (paramSet.getBool("warn", false)) ctx.note("thin warns");
@@ -373,7 +355,7 @@ class GuideSourceOp : public CountingOp {
     std::string type() const override { return "EvalGuides"; }
     std::vector<PortSpec> inputs() const override { return {}; }
     PortSpec output() const override { return {"out", PortType::Guides, false, ValueKind::Any}; }
-    std::vector<ParamSpec> params() const override { return {intParam("count", 3)}; }
+    std::vector<ParamSpec> params() const override { return {param("count", std::int64_t{3})}; }
     Value evaluate(const EvalContext&, const std::vector<Value>&) const override {
         ++fullRuns;
         auto guides = std::make_shared<GuideSet>();
@@ -414,11 +396,7 @@ class ValueOp : public CountingOp {
     std::vector<PortSpec> inputs() const override { return {}; }
     PortSpec output() const override { return {"value", PortType::Value, false, ValueKind::Any}; }
     std::vector<ParamSpec> params() const override {
-        ParamSpec kind;
-        kind.name = "kind";
-        kind.defaultValue = std::string("number");
-        kind.choices = {"number", "integer", "bool", "vec3", "text"};
-        return {kind, floatParam("number", 1.0), boolParam("timed", false)};
+        return {param("kind", std::string("number")), param("number", 1.0), param("timed", false)};
     }
     Value evaluate(const EvalContext&, const std::vector<Value>&) const override {
         ++fullRuns;
@@ -456,7 +434,7 @@ class FieldOp : public CountingOp {
         return {"field", lie_ ? PortType::Value : PortType::Field, false, ValueKind::Any};
     }
     std::vector<ParamSpec> params() const override {
-        return {floatParam("value", 0.5), floatParam("step", 0.0), boolParam("timed", false)};
+        return {param("value", 0.5), param("step", 0.0)};
     }
     Value evaluate(const EvalContext&, const std::vector<Value>&) const override;
 
@@ -466,26 +444,23 @@ class FieldOp : public CountingOp {
 
 class StepField final : public FieldValue {
   public:
-    StepField(float value, float step, bool timed) : value_(value), step_(step), timed_(timed) {}
+    StepField(float value, float step) : value_(value), step_(step) {}
     float atStrand(std::size_t) const override { return value_; }
     float atPoint(std::size_t, std::size_t point) const override {
         return step_ == 0.0f ? value_ : static_cast<float>(point) * step_;
     }
     bool varies() const override { return step_ != 0.0f; }
     std::uint64_t key() const override { return hashCombine(floatBits(value_), floatBits(step_)); }
-    bool dependsOnTime() const override { return timed_; }
     std::string describe() const override { return "step field"; }
 
   private:
     float value_, step_;
-    bool timed_;
 };
 
 inline Value FieldOp::evaluate(const EvalContext&, const std::vector<Value>&) const {
     ++fullRuns;
     return std::make_shared<StepField>(static_cast<float>(paramSet.getFloat("value", 0.5)),
-                                       static_cast<float>(paramSet.getFloat("step", 0.0)),
-                                       paramSet.getBool("timed", false));
+                                       static_cast<float>(paramSet.getFloat("step", 0.0)));
 }
 
 // Writes what its Field input gives into strand channels: "probe" the value at each strand,
@@ -533,7 +508,9 @@ class ResampleStandIn : public CountingOp {
   public:
     std::string type() const override { return "Resample"; }
     std::vector<PortSpec> inputs() const override { return {strandsPort("strands", true)}; }
-    std::vector<ParamSpec> params() const override { return {intParam("segments", 16, false)}; }
+    std::vector<ParamSpec> params() const override {
+        return {param("segments", std::int64_t{16}, false)};
+    }
     Value evaluate(const EvalContext&, const std::vector<Value>& inputs) const override {
         ++fullRuns;
         return inputs[0];
