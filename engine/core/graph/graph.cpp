@@ -61,8 +61,8 @@ EvaluationMode parseEvaluationMode(std::string_view name) {
                      "' (always, viewportOnly or renderOnly)");
 }
 
-// The cache limit starts at the default; the evaluation side owns reading VELMORIN_CACHE_LIMIT_MB.
-Graph::Graph() : cacheLimit(kDefaultCacheLimit) {}
+// The cache limit is what VELMORIN_CACHE_LIMIT_MB asks for, read once per process.
+Graph::Graph() : cacheLimit(cacheLimitFromEnvironment()) {}
 Graph::~Graph() = default;
 Graph::Graph(Graph&&) noexcept = default;
 Graph& Graph::operator=(Graph&&) noexcept = default;

@@ -52,6 +52,10 @@ struct GraphNode {
     bool passedThrough = false;
     // The change notes of the last run, one per output, for the nodes downstream.
     std::vector<std::shared_ptr<const StrandChanges>> changes;
+    // The results handed out without their preview marks, and the sets they were made from: a
+    // later evaluation hands out the same copies while the marked sets stay the same.
+    std::vector<Value> previewSources;
+    std::vector<Value> previewCopies;
 };
 
 class Graph {
@@ -159,5 +163,7 @@ bool setIncrementalCheck(bool on);
 // times 1048576; anything else gives the 2 GiB default. 0 switches eviction off.
 std::uint64_t parseCacheLimit(const char* text);
 inline constexpr std::uint64_t kDefaultCacheLimit = 2147483648ull;
+// parseCacheLimit of VELMORIN_CACHE_LIMIT_MB, read once per process; what a new Graph starts with.
+std::uint64_t cacheLimitFromEnvironment();
 
 }  // namespace velmorin

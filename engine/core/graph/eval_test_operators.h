@@ -1,0 +1,585 @@
+#pragma once
+// Operators for the tests and benchmarks of graph evaluation: small, exact, and each with a count
+// of its runs, so that a test can see what ran. Registered under hidden "Eval..." type names (a
+// graph clone makes operators through the registry); Scatter, Resample and Output stand-ins for
+// the resolution walk are never registered, so they can't collide with the real ones.
+
+#include <algorithm>
+#include <atomic>
+#include <cmath>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "base/hash.h"
+#include "base/parallel.h"
+#include "graph/field_value.h"
+#include "graph/graph.h"
+#include "graph/operator.h"
+#include "graph/registry.h"
+#include "graph/uniform_value.h"
+#include "strands/guide.h"
+#include "strands/strand_changes.h"
+#include "strands/strand_set.h"
+
+namespace velmorin::test {
+
+// `count` strands of `points` points each: ids hashed from `seed`, straight up from a root on the
+// plane y = 0, widths 0.01.
+inline std::shared_ptr<const StrandSet> gridStrands(std::size_t count, std::size_t points,
+                                                    std::uint64_t seed) {
+    auto set = std::make_shared<StrandSet>();
+    std::vector<std::uint64_t>& ids = set->writeIds();
+    std::vector<StrandRoot>& roots = set->writeRoots();
+    std::vector<std::uint64_t>& offsets = set->writeOffsets();
+    std::vector<Vec3f>& positions = set->writePoints();
+    std::vector<float>& widths = set->writeWidths();
+    ids.resize(count);
+    roots.resize(count);
+    offsets.assign(count + 1, 0);
+    positions.resize(count * points);
+    widths.assign(count * points, 0.01f);
+    parallelRange(0, count, 4096, [&](std::size_t begin, std::size_t end) {
+        for (std::size_t s = begin; s < end; ++s) {
+            ids[s] = hashCombine(seed, s);
+            roots[s] = {static_cast<std::int32_t>(s % 97), unitFloat(ids[s]),
+                        unitFloat(ids[s] + 1)};
+            offsets[s + 1] = (s + 1) * points;
+            const float x = unitFloat(ids[s] + 2) * 10.0f, z = unitFloat(ids[s] + 3) * 10.0f;
+            for (std::size_t k = 0; k < points; ++k)
+                positions[s * points + k] = {x, 0.1f * static_cast<float>(k), z};
+        }
+    });
+    return set;
+}
+
+inline PortSpec strandsPort(const std::string& name, bool optional = false) {
+    return PortSpec{name, PortType::Strands, optional, ValueKind::Any};
+}
+
+inline ParamSpec param(const std::string& name, ParamValue value, bool animatable = true) {
+    ParamSpec spec;
+    spec.name = name;
+    spec.defaultValue = std::move(value);
+    spec.animatable = animatable;
+    return spec;
+}
+
+// The base of the test operators: counts full and incremental runs.
+class CountingOp : public Operator {
+  public:
+    std::string category() const override { return "utility"; }
+    mutable std::atomic<int> fullRuns{0};
+    mutable std::atomic<int> incrementalRuns{0};
+};
+
+// Strands from nothing: `count` strands of `points` points, ids from `seed`; with `preview` the
+// set carries the "_preview" marks.
+class GrowOp : public CountingOp {
+  public:
+    std::string type() const override { return "EvalGrow"; }
+    std::vector<PortSpec> inputs() const override { return {}; }
+    std::vector<ParamSpec> params() const override {
+        return {param("count", std::int64_t{16}), param("points", std::int64_t{4}),
+                param("seed", std::int64_t{1}), param("preview", false)};
+    }
+    Value evaluate(const EvalContext&, const std::vector<Value>&) const override {
+        ++fullRuns;
+        auto made = gridStrands(static_cast<std::size_t>(paramSet.getInt("count", 16)),
+                                static_cast<std::size_t>(paramSet.getInt("points", 4)),
+                                static_cast<std::uint64_t>(paramSet.getInt("seed", 1)));
+        if (!paramSet.getBool("preview", false)) return made;
+        auto marked = std::make_shared<StrandSet>(*made);
+        marked->addStrandChannel("_preview", 1.0f);
+        return marked;
+    }
+};
+
+// Hands on the scene input "groom" (strands), as a source that the host feeds.
+class SceneOp : public CountingOp {
+  public:
+    std::string type() const override { return "EvalScene"; }
+    std::vector<PortSpec> inputs() const override { return {}; }
+    std::vector<std::string> sceneInputs() const override { return {"groom"}; }
+    Value evaluate(const EvalContext& ctx, const std::vector<Value>&) const override {
+        ++fullRuns;
+        const SceneInput* groom = ctx.sceneInput("groom");
+        return groom ? groom->value : Value();
+    }
+};
+
+// Like SceneOp, but must run again every time its result would be reused.
+class FreshOp : public SceneOp {
+  public:
+    std::string type() const override { return "EvalFresh"; }
+    bool alwaysFresh() const override { return true; }
+};
+
+// Lifts every `every`-th strand by `amount` along y, and can update only the strands whose input
+// changed. `fault` breaks its incremental run on purpose: 1 leaves the last changed strand off its
+// list, 2 lifts twice as far, 3 lists a strand past the end, 4 adds a strand channel "high" (as the
+// full run does) when a point lies above y = 100 yet still names only some strands. With `warn` it
+// warns from inside its parallel loop.
+class LiftOp : public CountingOp {
+  public:
+    std::string type() const override { return "EvalLift"; }
+    std::vector<PortSpec> inputs() const override { return {strandsPort("strands")}; }
+    std::vector<ParamSpec> params() const override {
+        return {param("amount", 0.5), param("every", std::int64_t{1}, false),
+                param("fault", std::int64_t{0}), param("warn", false)};
+    }
+    Value evaluate(const EvalContext& ctx, const std::vector<Value>& inputs) const override {
+        ++fullRuns;
+        const auto input = inputs[0].get<StrandSet>();
+        if (!input) return {};
+        auto out = std::make_shared<StrandSet>(*input);
+        std::vector<Vec3f>& points = out->writePoints();
+        const bool warn = paramSet.getBool("warn", false);
+        parallelRange(0, input->strandCount(), 256, [&](std::size_t begin, std::size_t end) {
+            if (warn && begin == 0) ctx.note("lift warns");
+            for (std::size_t s = begin; s < end; ++s)
+                liftStrand(*input, s, points, 1.0f);
+        });
+        markHigh(*out);
+        return out;
+    }
+    bool evaluateIncremental(const EvalContext&, const std::vector<Value>& inputs,
+                             const IncrementalInputs& incremental, Value* out,
+                             StrandChanges* changes) const override {
+        const auto input = inputs[0].get<StrandSet>();
+        const auto previous = incremental.previous.get<StrandSet>();
+        if (!input || !previous || incremental.changes.empty()) return false;
+        const auto& changed = incremental.changes[0];
+        if (!changed || changed->all || !changed->sameLayout) return false;
+        ++incrementalRuns;
+        const std::int64_t fault = paramSet.getInt("fault", 0);
+        // The input's columns with the previous result's points: only the changed strands are
+        // lifted again.
+        auto set = std::make_shared<StrandSet>(*input);
+        StrandSet before(*previous);
+        set->moveColumnFrom(ColumnId::kPoints, before);
+        std::vector<Vec3f>& points = set->writePoints();
+        for (std::uint64_t s : changed->strands)
+            liftStrand(*input, s, points, fault == 2 ? 2.0f : 1.0f);
+        changes->all = false;
+        changes->strands = changed->strands;
+        if (fault == 1 && !changes->strands.empty()) changes->strands.pop_back();
+        if (fault == 3) changes->strands.push_back(set->strandCount());
+        if (fault == 4) markHigh(*set);
+        *out = set;
+        return true;
+    }
+
+  protected:
+    void liftStrand(const StrandSet& input, std::size_t s, std::vector<Vec3f>& points,
+                    float scale) const {
+        const std::int64_t every = std::max<std::int64_t>(paramSet.getInt("every", 1), 1);
+        const float amount = static_cast<float>(paramSet.getFloat("amount", 0.5)) * scale;
+        const StrandSet::PointRange range = input.pointRange(s);
+        const std::span<const Vec3f> from = input.points();
+        for (std::size_t p = range.begin; p < range.begin + range.count; ++p) {
+            points[p] = from[p];
+            if (static_cast<std::int64_t>(s) % every == 0) points[p].y += amount;
+        }
+    }
+    void markHigh(StrandSet& set) const {
+        if (paramSet.getInt("fault", 0) != 4) return;
+        for (const Vec3f& p : set.points()) {
+            if (p.y > 100.0f) {
+                set.addStrandChannel("high", 1.0f);
+                return;
+            }
+        }
+    }
+};
+
+// A Lift whose type the registry doesn't know: its incremental check runs on the node's own
+// operator.
+class LocalLiftOp : public LiftOp {
+  public:
+    std::string type() const override { return "EvalLocalLift"; }
+};
+
+// Two outputs: "lifted" (as Lift does) and "same" (the input as it came).
+class ForkOp : public LiftOp {
+  public:
+    std::string type() const override { return "EvalFork"; }
+    std::vector<PortSpec> outputs() const override {
+        return {strandsPort("lifted"), strandsPort("same")};
+    }
+    std::vector<Value> evaluateAll(const EvalContext& ctx,
+                                   const std::vector<Value>& inputs) const override {
+        return {LiftOp::evaluate(ctx, inputs), inputs[0]};
+    }
+    bool evaluateIncrementalAll(const EvalContext& ctx, const std::vector<Value>& inputs,
+                                const IncrementalInputs& incremental, std::vector<Value>* outs,
+                                std::vector<StrandChanges>* changes) const override {
+        IncrementalInputs first = incremental;
+        first.previous = incremental.previousAll[0];
+        Value lifted;
+        StrandChanges liftedChanges;
+        if (!LiftOp::evaluateIncremental(ctx, inputs, first, &lifted, &liftedChanges)) return false;
+        *outs = {lifted, inputs[0]};
+        StrandChanges same;
+        same.all = false;
+        same.strands = incremental.changes[0]->strands;
+        *changes = {liftedChanges, same};
+        return true;
+    }
+};
+
+// Declares two outputs and makes one.
+class BrokenOp : public ForkOp {
+  public:
+    std::string type() const override { return "EvalBroken"; }
+    std::vector<Value> evaluateAll(const EvalContext& ctx,
+                                   const std::vector<Value>& inputs) const override {
+        return {LiftOp::evaluate(ctx, inputs)};
+    }
+};
+
+// Moves the points along x by the frame: a node that reads time.
+class WaveOp : public CountingOp {
+  public:
+    std::string type() const override { return "EvalWave"; }
+    std::vector<PortSpec> inputs() const override { return {strandsPort("strands")}; }
+    std::uint64_t contextKey(const EvalContext& ctx, std::uint32_t,
+                             const EvalContext&) const override {
+        return hashCombine(0x77617665, doubleBits(ctx.time));
+    }
+    Value evaluate(const EvalContext& ctx, const std::vector<Value>& inputs) const override {
+        ++fullRuns;
+        const auto input = inputs[0].get<StrandSet>();
+        if (!input) return {};
+        auto out = std::make_shared<StrandSet>(*input);
+        for (Vec3f& p : out->writePoints())
+            p.x += static_cast<float>(ctx.time);
+        return out;
+    }
+};
+
+// Run-time state that is not a param: an offset along z that the host sets, which a clone takes
+// over through copyStateFrom and which enters the key through contentKey.
+class StateOp : public CountingOp {
+  public:
+    std::string type() const override { return "EvalState"; }
+    std::vector<PortSpec> inputs() const override { return {strandsPort("strands")}; }
+    void setOffset(float offset) {
+        std::lock_guard lock(mutex_);
+        offset_ = offset;
+    }
+    float offset() const {
+        std::lock_guard lock(mutex_);
+        return offset_;
+    }
+    void copyStateFrom(const Operator& other) override {
+        if (const auto* same = dynamic_cast<const StateOp*>(&other)) setOffset(same->offset());
+    }
+    std::uint64_t contentKey() const override { return floatBits(offset()); }
+    Value evaluate(const EvalContext&, const std::vector<Value>& inputs) const override {
+        ++fullRuns;
+        const auto input = inputs[0].get<StrandSet>();
+        if (!input) return {};
+        auto out = std::make_shared<StrandSet>(*input);
+        const float offset = this->offset();
+        for (Vec3f& p : out->writePoints())
+            p.z += offset;
+        return out;
+    }
+
+  private:
+    mutable std::mutex mutex_;
+    float offset_ = 0.0f;
+};
+
+// Hands on the input that `select` names; only that one is active.
+class SwitchOp : public CountingOp {
+  public:
+    std::string type() const override { return "EvalSwitch"; }
+    std::vector<PortSpec> inputs() const override {
+        return {strandsPort("a", true), strandsPort("b", true)};
+    }
+    std::vector<ParamSpec> params() const override {
+        // `label` changes the key, never the result.
+        return {param("select", std::int64_t{0}), param("label", std::string())};
+    }
+    bool inputActive(std::size_t index) const override {
+        return index >= 2 || static_cast<std::int64_t>(index) == paramSet.getInt("select", 0);
+    }
+    Value evaluate(const EvalContext&, const std::vector<Value>& inputs) const override {
+        ++fullRuns;
+        return inputs[paramSet.getInt("select", 0) == 1 ? 1 : 0];
+    }
+};
+
+// Appends its second input's strands to its first's.
+class MergeOp : public CountingOp {
+  public:
+    std::string type() const override { return "EvalMerge"; }
+    std::vector<PortSpec> inputs() const override {
+        return {strandsPort("a", true), strandsPort("b", true)};
+    }
+    Value evaluate(const EvalContext&, const std::vector<Value>& inputs) const override {
+        ++fullRuns;
+        auto out = std::make_shared<StrandSet>();
+        for (const Value& input : inputs)
+            if (const auto strands = input.get<StrandSet>()) out->append(*strands);
+        return out;
+    }
+};
+
+// Keeps the even strands only: a node that changes the strand count. With `warn` it warns.
+class ThinOp : public CountingOp {
+  public:
+    std::string type() const override { return "EvalThin"; }
+    std::vector<PortSpec> inputs() const override { return {strandsPort("strands")}; }
+    std::vector<ParamSpec> params() const override { return {param("warn", false)}; }
+    Value evaluate(const EvalContext& ctx, const std::vector<Value>& inputs) const override {
+        ++fullRuns;
+        if (paramSet.getBool("warn", false)) ctx.note("thin warns");
+        const auto input = inputs[0].get<StrandSet>();
+        if (!input) return {};
+        std::vector<std::uint64_t> keep;
+        for (std::size_t s = 0; s < input->strandCount(); s += 2)
+            keep.push_back(s);
+        auto out = std::make_shared<StrandSet>();
+        input->subset(keep, *out);
+        return out;
+    }
+};
+
+// Guides from nothing: `count` guides of 3 points.
+class GuideSourceOp : public CountingOp {
+  public:
+    std::string type() const override { return "EvalGuides"; }
+    std::vector<PortSpec> inputs() const override { return {}; }
+    PortSpec output() const override { return {"out", PortType::Guides, false, ValueKind::Any}; }
+    std::vector<ParamSpec> params() const override { return {param("count", std::int64_t{3})}; }
+    Value evaluate(const EvalContext&, const std::vector<Value>&) const override {
+        ++fullRuns;
+        auto guides = std::make_shared<GuideSet>();
+        for (std::int64_t g = 0; g < paramSet.getInt("count", 3); ++g) {
+            Guide guide;
+            guide.id = 1000 + static_cast<std::uint64_t>(g);
+            guide.points = {{0, 0, 0}, {0, 1, 0}, {0, 2, static_cast<float>(g)}};
+            guides->guides.push_back(guide);
+        }
+        return guides;
+    }
+};
+
+// A Curves node: lifts what it gets by 1 along y and marks it for preview.
+class CurvesOp : public CountingOp {
+  public:
+    std::string type() const override { return "EvalCurves"; }
+    std::vector<PortSpec> inputs() const override {
+        return {{"curves", PortType::Curves, false, ValueKind::Any}};
+    }
+    PortSpec output() const override { return {"out", PortType::Curves, false, ValueKind::Any}; }
+    Value evaluate(const EvalContext&, const std::vector<Value>& inputs) const override {
+        ++fullRuns;
+        const auto input = inputs[0].get<StrandSet>();
+        if (!input) return inputs[0];
+        auto out = std::make_shared<StrandSet>(*input);
+        for (Vec3f& p : out->writePoints())
+            p.y += 1.0f;
+        out->addStrandChannel("_preview", 1.0f);
+        return out;
+    }
+};
+
+// One value for a whole node, of the kind `kind` names; `timed` marks it as changing over time.
+class ValueOp : public CountingOp {
+  public:
+    std::string type() const override { return "EvalValue"; }
+    std::vector<PortSpec> inputs() const override { return {}; }
+    PortSpec output() const override { return {"value", PortType::Value, false, ValueKind::Any}; }
+    std::vector<ParamSpec> params() const override {
+        return {param("kind", std::string("number")), param("number", 1.0), param("timed", false)};
+    }
+    Value evaluate(const EvalContext&, const std::vector<Value>&) const override {
+        ++fullRuns;
+        auto value = std::make_shared<UniformValue>();
+        const double number = paramSet.getFloat("number", 1.0);
+        const std::string kind = paramSet.getString("kind", "number");
+        if (kind == "integer") {
+            value->kind = ValueKind::Integer;
+            value->value = static_cast<std::int64_t>(number);
+        } else if (kind == "bool") {
+            value->kind = ValueKind::Bool;
+            value->value = number != 0.0;
+        } else if (kind == "vec3") {
+            value->kind = ValueKind::Vec3;
+            value->value = Vec3f{static_cast<float>(number), 0.0f, 0.0f};
+        } else if (kind == "text") {
+            value->kind = ValueKind::Text;
+            value->value = std::string("words");
+        } else {
+            value->value = number;
+        }
+        value->dependsOnTime = paramSet.getBool("timed", false);
+        return value;
+    }
+};
+
+// A field whose value at a point is the point's index in its strand times `step`, or, with `step`
+// 0, the constant `value`. With `lie` it claims to give one value (a Value output) but gives this.
+class FieldOp : public CountingOp {
+  public:
+    explicit FieldOp(bool lie = false) : lie_(lie) {}
+    std::string type() const override { return lie_ ? "EvalLiar" : "EvalField"; }
+    std::vector<PortSpec> inputs() const override { return {}; }
+    PortSpec output() const override {
+        return {"field", lie_ ? PortType::Value : PortType::Field, false, ValueKind::Any};
+    }
+    std::vector<ParamSpec> params() const override {
+        return {param("value", 0.5), param("step", 0.0)};
+    }
+    Value evaluate(const EvalContext&, const std::vector<Value>&) const override;
+
+  private:
+    bool lie_;
+};
+
+class StepField final : public FieldValue {
+  public:
+    StepField(float value, float step) : value_(value), step_(step) {}
+    float atStrand(std::size_t) const override { return value_; }
+    float atPoint(std::size_t, std::size_t point) const override {
+        return step_ == 0.0f ? value_ : static_cast<float>(point) * step_;
+    }
+    bool varies() const override { return step_ != 0.0f; }
+    std::uint64_t key() const override { return hashCombine(floatBits(value_), floatBits(step_)); }
+    std::string describe() const override { return "step field"; }
+
+  private:
+    float value_, step_;
+};
+
+inline Value FieldOp::evaluate(const EvalContext&, const std::vector<Value>&) const {
+    ++fullRuns;
+    return std::make_shared<StepField>(static_cast<float>(paramSet.getFloat("value", 0.5)),
+                                       static_cast<float>(paramSet.getFloat("step", 0.0)));
+}
+
+// Writes what its Field input gives into strand channels: "probe" the value at each strand,
+// "probeColor" 1 for a colour field, "probeEmpty" 1 when nothing came.
+class ProbeOp : public CountingOp {
+  public:
+    std::string type() const override { return "EvalProbe"; }
+    std::vector<PortSpec> inputs() const override {
+        return {strandsPort("strands"), {"weight", PortType::Field, true, ValueKind::Any}};
+    }
+    Value evaluate(const EvalContext&, const std::vector<Value>& inputs) const override {
+        ++fullRuns;
+        const auto input = inputs[0].get<StrandSet>();
+        if (!input) return {};
+        auto out = std::make_shared<StrandSet>(*input);
+        const auto field = inputs[1].get<FieldValue>();
+        std::vector<float>& probe = out->addStrandChannel("probe", 0.0f);
+        for (std::size_t s = 0; s < probe.size(); ++s)
+            probe[s] = field ? field->atStrand(s) : 0.0f;
+        out->addStrandChannel("probeColor", field && field->isColor() ? 1.0f : 0.0f);
+        out->addStrandChannel("probeEmpty", field ? 0.0f : 1.0f);
+        return out;
+    }
+};
+
+// Stand-ins for the resolution walk: a Scatter that grows `ctx.resolution` segments, a Resample
+// with its `segments`, and an Output. Their type names are the real ones, so they are never
+// registered.
+class ScatterStandIn : public CountingOp {
+  public:
+    std::string type() const override { return "Scatter"; }
+    std::vector<PortSpec> inputs() const override { return {}; }
+    std::uint64_t contextKey(const EvalContext& ctx, std::uint32_t,
+                             const EvalContext&) const override {
+        return static_cast<std::uint64_t>(ctx.resolution);
+    }
+    Value evaluate(const EvalContext& ctx, const std::vector<Value>&) const override {
+        ++fullRuns;
+        const int segments = ctx.resolution > 0 ? ctx.resolution : 8;
+        return gridStrands(4, static_cast<std::size_t>(segments) + 1, 7);
+    }
+};
+
+class ResampleStandIn : public CountingOp {
+  public:
+    std::string type() const override { return "Resample"; }
+    std::vector<PortSpec> inputs() const override { return {strandsPort("strands", true)}; }
+    std::vector<ParamSpec> params() const override {
+        return {param("segments", std::int64_t{16}, false)};
+    }
+    Value evaluate(const EvalContext&, const std::vector<Value>& inputs) const override {
+        ++fullRuns;
+        return inputs[0];
+    }
+};
+
+class OutputStandIn : public CountingOp {
+  public:
+    std::string type() const override { return "Output"; }
+    std::vector<PortSpec> inputs() const override { return {strandsPort("strands", true)}; }
+    Value evaluate(const EvalContext&, const std::vector<Value>& inputs) const override {
+        ++fullRuns;
+        return inputs[0];
+    }
+};
+
+// Registers the "Eval..." types once per process; a type already there is left alone.
+inline void registerEvalTestOperators() {
+    static const bool registered = [] {
+        OperatorRegistry& registry = OperatorRegistry::instance();
+        const auto add = [&](const std::string& type, OperatorFactory factory) {
+            if (registry.contains(type)) return;
+            OperatorInfo info;
+            info.category = "utility";
+            info.description = "An operator of the evaluation tests.";
+            info.hidden = true;
+            registry.registerType(type, std::move(factory), info);
+        };
+        add("EvalGrow", [] { return std::make_unique<GrowOp>(); });
+        add("EvalScene", [] { return std::make_unique<SceneOp>(); });
+        add("EvalFresh", [] { return std::make_unique<FreshOp>(); });
+        add("EvalLift", [] { return std::make_unique<LiftOp>(); });
+        add("EvalFork", [] { return std::make_unique<ForkOp>(); });
+        add("EvalBroken", [] { return std::make_unique<BrokenOp>(); });
+        add("EvalWave", [] { return std::make_unique<WaveOp>(); });
+        add("EvalState", [] { return std::make_unique<StateOp>(); });
+        add("EvalSwitch", [] { return std::make_unique<SwitchOp>(); });
+        add("EvalMerge", [] { return std::make_unique<MergeOp>(); });
+        add("EvalThin", [] { return std::make_unique<ThinOp>(); });
+        add("EvalGuides", [] { return std::make_unique<GuideSourceOp>(); });
+        add("EvalCurves", [] { return std::make_unique<CurvesOp>(); });
+        add("EvalValue", [] { return std::make_unique<ValueOp>(); });
+        add("EvalField", [] { return std::make_unique<FieldOp>(false); });
+        add("EvalLiar", [] { return std::make_unique<FieldOp>(true); });
+        add("EvalProbe", [] { return std::make_unique<ProbeOp>(); });
+        return true;
+    }();
+    (void)registered;
+}
+
+// Adds a node of a registered test type (or of a given operator) with its params declared.
+inline std::uint32_t addTestNode(Graph& graph, const std::string& type, const std::string& name) {
+    registerEvalTestOperators();
+    return graph.addNode(type, name);
+}
+inline std::uint32_t addTestNode(Graph& graph, std::unique_ptr<Operator> op,
+                                 const std::string& name) {
+    op->declareParams();
+    return graph.addNode(std::move(op), name);
+}
+
+template <class Op>
+const Op& operatorAs(const Graph& graph, std::uint32_t id) {
+    return dynamic_cast<const Op&>(graph.operatorOf(id));
+}
+
+inline std::shared_ptr<const StrandSet> strandsOf(const std::vector<Value>& results,
+                                                  std::size_t output = 0) {
+    return output < results.size() ? results[output].get<StrandSet>() : nullptr;
+}
+
+}  // namespace velmorin::test
