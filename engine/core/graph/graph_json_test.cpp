@@ -3,7 +3,7 @@
 #include <string>
 
 #include "graph/graph.h"
-#include "graph/graph_test_operators.h"
+#include "graph/test/test_operators.h"
 #include "graph/graph_tools.h"
 
 namespace velmorin {
@@ -67,7 +67,7 @@ std::vector<std::string> keysOf(const Json& object) {
 
 class GraphJsonTest : public ::testing::Test {
   protected:
-    void SetUp() override { doctest::registerDocOperators(); }
+    void SetUp() override { test::registerDocOperators(); }
 
     // Loads `text` into a graph that holds the small graph, expects `message`, and checks that the
     // graph still holds what it held.

@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include "graph/graph_test_operators.h"
+#include "graph/test/test_operators.h"
 
 namespace velmorin {
 namespace {
@@ -20,7 +20,7 @@ void expectError(Edit&& edit, const std::string& message) {
 
 class GraphTest : public ::testing::Test {
   protected:
-    void SetUp() override { doctest::registerDocOperators(); }
+    void SetUp() override { test::registerDocOperators(); }
 
     // A source feeding a shaper.
     void chain() {
@@ -57,7 +57,7 @@ TEST_F(GraphTest, AddNodeRefusesWhatCannotBeANode) {
     graph.addNode("DocSource", "a");
     expectError([&] { graph.addNode(std::unique_ptr<Operator>(), "x"); }, "addNode: null operator");
     expectError([&] { graph.addNode("DocShape", "a"); }, "a node named 'a' already exists");
-    expectError([&] { graph.addNode(std::make_unique<doctest::DocShapeOp>(), "a"); },
+    expectError([&] { graph.addNode(std::make_unique<test::DocShapeOp>(), "a"); },
                 "a node named 'a' already exists");
     expectError([&] { graph.addNode("DocShape", ""); }, "addNode: a node needs a name");
     expectError([&] { graph.addNode("NoSuchType", "b"); }, "unknown operator type 'NoSuchType'");
@@ -304,7 +304,7 @@ TEST(EvaluationMode, NamesReadBack) {
 }
 
 // Notes the operator it took its state from.
-class StatefulOp : public doctest::DocShapeOp {
+class StatefulOp : public test::DocShapeOp {
   public:
     std::string type() const override { return "DocStateful"; }
     void copyStateFrom(const Operator& other) override {
@@ -420,7 +420,7 @@ TEST_F(GraphTest, CloneMakesOperatorsAnewAndKeepsEveryResult) {
 }
 
 // A type that is never registered.
-class LooseOp : public doctest::DocShapeOp {
+class LooseOp : public test::DocShapeOp {
   public:
     std::string type() const override { return "DocLoose"; }
 };
