@@ -281,18 +281,6 @@ TEST_F(GraphTest, KeyParamRules) {
     expectError([&] { graph.unkeyParam(shape, "amount"); }, "shape param 'amount' is not keyed");
 }
 
-TEST_F(GraphTest, NodeSwitchesAndOutput) {
-    chain();
-    graph.setBypass(shape, true);
-    graph.setEvaluation(shape, EvaluationMode::ViewportOnly);
-    graph.setOutput(shape);
-    EXPECT_TRUE(graph.node(shape).bypass);
-    EXPECT_EQ(graph.node(shape).evaluation, EvaluationMode::ViewportOnly);
-    EXPECT_EQ(graph.outputNode(), shape);
-    graph.setOutput(source);
-    EXPECT_EQ(graph.outputNode(), source);
-}
-
 TEST(EvaluationMode, NamesReadBack) {
     for (EvaluationMode mode :
          {EvaluationMode::Always, EvaluationMode::ViewportOnly, EvaluationMode::RenderOnly}) {
