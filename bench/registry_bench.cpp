@@ -4,31 +4,35 @@
 #include <benchmark/benchmark.h>
 
 #include "graph/registry.h"
+#include "graph/test/test_operators.h"
 
 namespace {
 
 using namespace velmorin;
+using test::param;
+using test::port;
 
 ParamSpec floatParam(std::string name, double value, std::string description) {
-    ParamSpec spec;
-    spec.name = std::move(name);
-    spec.defaultValue = value;
-    spec.description = std::move(description);
-    spec.animatable = true;
-    return spec;
+    return param(std::move(name), value, true, std::move(description));
 }
 
-// Strands in, strands out, a dozen params of every kind: the bulk of the menu looks like this.
-class ShapeOp final : public Operator {
+// Every type here is made under the name it is registered by; the schema never runs one.
+class NamedOp : public Operator {
   public:
-    explicit ShapeOp(std::string type) : type_(std::move(type)) {}
+    explicit NamedOp(std::string type) : type_(std::move(type)) {}
     std::string type() const override { return type_; }
+    Value evaluate(const EvalContext&, const std::vector<Value>&) const override { return {}; }
+
+  private:
+    std::string type_;
+};
+
+// Strands in, strands out, a dozen params of every kind: the bulk of the menu looks like this.
+class ShapeOp final : public NamedOp {
+  public:
+    using NamedOp::NamedOp;
     std::vector<PortSpec> inputs() const override {
-        return {{"strands", PortType::Strands, false, ValueKind::Any},
-                {"scalp", PortType::Mesh, true, ValueKind::Any}};
-    }
-    Value evaluate(const EvalContext&, const std::vector<Value>& in) const override {
-        return in.at(0);
+        return {port("strands", PortType::Strands), port("scalp", PortType::Mesh, true)};
     }
     std::vector<ParamSpec> params() const override {
         std::vector<ParamSpec> specs;
@@ -43,41 +47,25 @@ class ShapeOp final : public Operator {
         angle.softMax = 180.0;
         specs.push_back(angle);
         specs.push_back(floatParam("frequency", 4.0, "Waves per unit length (mappable)"));
-        ParamSpec mode;
-        mode.name = "mode";
-        mode.defaultValue = std::string("smooth");
+        ParamSpec mode = param("mode", std::string("smooth"), false, "How it bends");
         mode.choices = {"smooth", "sharp", "random", "follow"};
-        mode.description = "How it bends";
         specs.push_back(mode);
-        ParamSpec profile;
-        profile.name = "profile";
-        profile.defaultValue = Ramp{{{0, 0, 0}, {0.5f, 1, 0}, {1, 0.25f, 0}}, false};
-        profile.description = "Strength from root to tip";
+        ParamSpec profile = param("profile", Ramp{{{0, 0, 0}, {0.5f, 1, 0}, {1, 0.25f, 0}}, false},
+                                  false, "Strength from root to tip");
         profile.showWhen = ShowWhen{"mode", {std::string("smooth"), std::string("follow")}};
         specs.push_back(profile);
-        ParamSpec axis;
-        axis.name = "axis";
-        axis.defaultValue = Vec3f{0, 1, 0};
+        ParamSpec axis = param("axis", Vec3f{0, 1, 0}, false, "The direction it bends toward");
         axis.worldDirection = true;
-        axis.description = "The direction it bends toward";
         specs.push_back(axis);
-        ParamSpec seed;
-        seed.name = "seed";
-        seed.defaultValue = std::int64_t{1};
-        seed.description = "Random seed";
+        ParamSpec seed = param("seed", std::int64_t{1}, false, "Random seed");
         seed.min = 0.0;
         specs.push_back(seed);
-        ParamSpec channel;
-        channel.name = "idChannel";
-        channel.defaultValue = std::string("bendId");
+        ParamSpec channel = param("idChannel", std::string("bendId"), false,
+                                  "The channel that gets each strand's bend id");
         channel.channel = ChannelRole::Writes;
         channel.advanced = true;
-        channel.description = "The channel that gets each strand's bend id";
         specs.push_back(channel);
-        ParamSpec lock;
-        lock.name = "keepRoots";
-        lock.defaultValue = true;
-        lock.description = "Leave the first point where it is";
+        ParamSpec lock = param("keepRoots", true, false, "Leave the first point where it is");
         lock.since = 2;
         lock.formerDefault = false;
         specs.push_back(lock);
@@ -85,52 +73,31 @@ class ShapeOp final : public Operator {
     }
     std::string category() const override { return "shape"; }
     int version() const override { return 2; }
-
-  private:
-    std::string type_;
 };
 
 // A scalp in, strands out: makes strands, so affect does not apply.
-class SourceOp final : public Operator {
+class SourceOp final : public NamedOp {
   public:
-    explicit SourceOp(std::string type) : type_(std::move(type)) {}
-    std::string type() const override { return type_; }
-    std::vector<PortSpec> inputs() const override {
-        return {{"scalp", PortType::Mesh, false, ValueKind::Any}};
-    }
-    Value evaluate(const EvalContext&, const std::vector<Value>&) const override { return {}; }
+    using NamedOp::NamedOp;
+    std::vector<PortSpec> inputs() const override { return {port("scalp", PortType::Mesh)}; }
     std::vector<ParamSpec> params() const override {
-        ParamSpec count;
-        count.name = "count";
-        count.defaultValue = std::int64_t{10000};
+        ParamSpec count = param("count", std::int64_t{10000}, false, "How many strands");
         count.min = 0.0;
         count.softMax = 1000000.0;
-        count.description = "How many strands";
         ParamSpec density = floatParam("density", 1.0, "Where strands grow (mappable)");
         density.min = 0.0;
-        ParamSpec seed;
-        seed.name = "seed";
-        seed.defaultValue = std::int64_t{0};
-        seed.description = "Random seed";
-        return {count, density, seed};
+        return {count, density, param("seed", std::int64_t{0}, false, "Random seed")};
     }
     std::vector<std::string> sceneInputs() const override { return {"scalp"}; }
     std::string category() const override { return "source"; }
-
-  private:
-    std::string type_;
 };
 
 // A field node: no strands, one field out.
-class FieldOp final : public Operator {
+class FieldOp final : public NamedOp {
   public:
-    explicit FieldOp(std::string type) : type_(std::move(type)) {}
-    std::string type() const override { return type_; }
-    std::vector<PortSpec> inputs() const override {
-        return {{"a", PortType::Field, true, ValueKind::Any}};
-    }
-    PortSpec output() const override { return {"field", PortType::Field, false, ValueKind::Any}; }
-    Value evaluate(const EvalContext&, const std::vector<Value>&) const override { return {}; }
+    using NamedOp::NamedOp;
+    std::vector<PortSpec> inputs() const override { return {port("a", PortType::Field, true)}; }
+    PortSpec output() const override { return port("field", PortType::Field); }
     std::vector<ParamSpec> params() const override {
         ParamSpec min = floatParam("min", 0.0, "Output where the input is 0");
         ParamSpec max = floatParam("max", 1.0, "Output where the input is 1");
@@ -139,38 +106,22 @@ class FieldOp final : public Operator {
         return {min, max, mix};
     }
     std::string category() const override { return "field"; }
-
-  private:
-    std::string type_;
 };
 
 // Several outputs of several kinds.
-class SplitOp final : public Operator {
+class SplitOp final : public NamedOp {
   public:
-    explicit SplitOp(std::string type) : type_(std::move(type)) {}
-    std::string type() const override { return type_; }
-    std::vector<PortSpec> inputs() const override {
-        return {{"strands", PortType::Strands, false, ValueKind::Any}};
-    }
+    using NamedOp::NamedOp;
+    std::vector<PortSpec> inputs() const override { return {port("strands", PortType::Strands)}; }
     std::vector<PortSpec> outputs() const override {
-        return {output(),
-                {"rest", PortType::Strands, false, ValueKind::Any},
-                {"count", PortType::Value, false, ValueKind::Integer}};
-    }
-    Value evaluate(const EvalContext&, const std::vector<Value>& in) const override {
-        return in.at(0);
+        return {output(), port("rest", PortType::Strands),
+                port("count", PortType::Value, false, ValueKind::Integer)};
     }
     std::vector<ParamSpec> params() const override {
-        ParamSpec group;
-        group.name = "group";
-        group.defaultValue = std::string("");
-        group.description = "The group that goes to out";
+        ParamSpec group = param("group", std::string(""), false, "The group that goes to out");
         return {group};
     }
     std::string category() const override { return "utility"; }
-
-  private:
-    std::string type_;
 };
 
 OperatorRegistry& benchRegistry() {

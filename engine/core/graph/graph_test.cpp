@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include "graph/graph_test_operators.h"
+#include "graph/test/test_operators.h"
 
 namespace velmorin {
 namespace {
@@ -20,7 +20,7 @@ void expectError(Edit&& edit, const std::string& message) {
 
 class GraphTest : public ::testing::Test {
   protected:
-    void SetUp() override { doctest::registerDocOperators(); }
+    void SetUp() override { test::registerDocOperators(); }
 
     // A source feeding a shaper.
     void chain() {
@@ -57,7 +57,7 @@ TEST_F(GraphTest, AddNodeRefusesWhatCannotBeANode) {
     graph.addNode("DocSource", "a");
     expectError([&] { graph.addNode(std::unique_ptr<Operator>(), "x"); }, "addNode: null operator");
     expectError([&] { graph.addNode("DocShape", "a"); }, "a node named 'a' already exists");
-    expectError([&] { graph.addNode(std::make_unique<doctest::DocShapeOp>(), "a"); },
+    expectError([&] { graph.addNode(std::make_unique<test::DocShapeOp>(), "a"); },
                 "a node named 'a' already exists");
     expectError([&] { graph.addNode("DocShape", ""); }, "addNode: a node needs a name");
     expectError([&] { graph.addNode("NoSuchType", "b"); }, "unknown operator type 'NoSuchType'");
@@ -281,18 +281,6 @@ TEST_F(GraphTest, KeyParamRules) {
     expectError([&] { graph.unkeyParam(shape, "amount"); }, "shape param 'amount' is not keyed");
 }
 
-TEST_F(GraphTest, NodeSwitchesAndOutput) {
-    chain();
-    graph.setBypass(shape, true);
-    graph.setEvaluation(shape, EvaluationMode::ViewportOnly);
-    graph.setOutput(shape);
-    EXPECT_TRUE(graph.node(shape).bypass);
-    EXPECT_EQ(graph.node(shape).evaluation, EvaluationMode::ViewportOnly);
-    EXPECT_EQ(graph.outputNode(), shape);
-    graph.setOutput(source);
-    EXPECT_EQ(graph.outputNode(), source);
-}
-
 TEST(EvaluationMode, NamesReadBack) {
     for (EvaluationMode mode :
          {EvaluationMode::Always, EvaluationMode::ViewportOnly, EvaluationMode::RenderOnly}) {
@@ -304,7 +292,7 @@ TEST(EvaluationMode, NamesReadBack) {
 }
 
 // Notes the operator it took its state from.
-class StatefulOp : public doctest::DocShapeOp {
+class StatefulOp : public test::DocShapeOp {
   public:
     std::string type() const override { return "DocStateful"; }
     void copyStateFrom(const Operator& other) override {
@@ -420,7 +408,7 @@ TEST_F(GraphTest, CloneMakesOperatorsAnewAndKeepsEveryResult) {
 }
 
 // A type that is never registered.
-class LooseOp : public doctest::DocShapeOp {
+class LooseOp : public test::DocShapeOp {
   public:
     std::string type() const override { return "DocLoose"; }
 };

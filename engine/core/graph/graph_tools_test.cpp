@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include "graph/graph_test_operators.h"
+#include "graph/test/test_operators.h"
 
 namespace velmorin {
 namespace {
@@ -80,7 +80,7 @@ TEST(FormatVersion, ReadsOlderAndRefusesNewer) {
 }
 
 TEST(GraphInfo, ReportsEachNodesVersion) {
-    doctest::registerDocOperators();
+    test::registerDocOperators();
     Graph graph;
     graph.fromJson(R"({"nodes": [
         {"name": "source", "type": "DocSource"},
@@ -104,15 +104,15 @@ TEST(GraphInfo, ReportsEachNodesVersion) {
 }
 
 // Stands in for the seeded operator types, which the seed check knows by type name.
-class SeededOp : public doctest::DocOp {
+class SeededOp : public test::DocOp {
   public:
     explicit SeededOp(std::string type) : type_(std::move(type)) {}
     std::string type() const override { return type_; }
     std::vector<PortSpec> inputs() const override {
-        return {doctest::port("strands", PortType::Strands, true)};
+        return {test::port("strands", PortType::Strands, true)};
     }
     std::vector<ParamSpec> params() const override {
-        return {doctest::param("seed", std::int64_t{0})};
+        return {test::param("seed", std::int64_t{0})};
     }
 
   private:
@@ -179,7 +179,7 @@ TEST_F(SeedCollisionsTest, AConnectionPutsTwoNodesOnOneBranch) {
 }
 
 TEST(FitControls, RenamesTakenControlsAndHandsOverValues) {
-    doctest::registerDocOperators();
+    test::registerDocOperators();
     Json doc = Json::parse(R"({"nodes": [
         {"name": "shape", "type": "DocShape", "params": {"offset": [1, 2, 3]},
          "paramControls": {"amount": "gain", "offset": ["ox", "oy", "oz"]}},

@@ -1,8 +1,10 @@
 #pragma once
-// Small operator types for the graph document's tests, registered under names of their own ("Doc"
-// and a role) so that they never meet a real operator. They declare ports and params only: the
-// document never runs an operator.
+// Small operator types for the graph document's tests, its fuzz target and its benchmarks,
+// registered under names of their own ("Doc" and a role) so that they never meet a real operator.
+// They declare ports and params only: the document never runs an operator. Free of any test
+// framework, so that every kind of test program can use it.
 
+#include <cstdint>
 #include <memory>
 #include <string>
 #include <vector>
@@ -12,7 +14,7 @@
 #include "graph/operator.h"
 #include "graph/registry.h"
 
-namespace velmorin::doctest {
+namespace velmorin::test {
 
 inline ParamSpec param(std::string name, ParamValue value, bool animatable = false,
                        std::string description = {}) {
@@ -183,7 +185,10 @@ class DocGroupOp : public DocOp {
     nlohmann::ordered_json parsed() const {
         const auto found = paramSet.values.find("definition");
         if (found == paramSet.values.end()) return nlohmann::ordered_json::object();
-        return nlohmann::ordered_json::parse(std::get<std::string>(found->second), nullptr, false);
+        // A definition that is not text (only a fuzzer writes one) defines nothing.
+        const auto* text = std::get_if<std::string>(&found->second);
+        return text ? nlohmann::ordered_json::parse(*text, nullptr, false)
+                    : nlohmann::ordered_json::object();
     }
 };
 
@@ -228,4 +233,4 @@ inline void registerDocOperators() {
     (void)registered;
 }
 
-}  // namespace velmorin::doctest
+}  // namespace velmorin::test
