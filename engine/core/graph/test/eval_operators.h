@@ -61,10 +61,11 @@ inline std::optional<StrandUpdate> strandUpdate(const Value& inputValue,
     return StrandUpdate{input, out, changed->strands};
 }
 
-// The base of the test operators: counts full and incremental runs.
+// The base of the test operators: counts full and incremental runs; a source unless it says.
 class CountingOp : public Operator {
   public:
     std::string category() const override { return "utility"; }
+    std::vector<PortSpec> inputs() const override { return {}; }
     mutable std::atomic<int> fullRuns{0};
     mutable std::atomic<int> incrementalRuns{0};
 };
@@ -74,7 +75,6 @@ class CountingOp : public Operator {
 class GrowOp : public CountingOp {
   public:
     std::string type() const override { return "EvalGrow"; }
-    std::vector<PortSpec> inputs() const override { return {}; }
     std::vector<ParamSpec> params() const override {
         return {param("count", std::int64_t{16}), param("points", std::int64_t{4}),
                 param("seed", std::int64_t{1}), param("preview", false)};
@@ -95,7 +95,6 @@ class GrowOp : public CountingOp {
 class SceneOp : public CountingOp {
   public:
     std::string type() const override { return "EvalScene"; }
-    std::vector<PortSpec> inputs() const override { return {}; }
     std::vector<std::string> sceneInputs() const override { return {"groom"}; }
     Value evaluate(const EvalContext& ctx, const std::vector<Value>&) const override {
         ++fullRuns;
@@ -340,7 +339,6 @@ class ThinOp : public CountingOp {
 class GuideSourceOp : public CountingOp {
   public:
     std::string type() const override { return "EvalGuides"; }
-    std::vector<PortSpec> inputs() const override { return {}; }
     PortSpec output() const override { return {"out", PortType::Guides, false, ValueKind::Any}; }
     std::vector<ParamSpec> params() const override { return {param("count", std::int64_t{3})}; }
     Value evaluate(const EvalContext&, const std::vector<Value>&) const override {
@@ -380,7 +378,6 @@ class CurvesOp : public CountingOp {
 class ValueOp : public CountingOp {
   public:
     std::string type() const override { return "EvalValue"; }
-    std::vector<PortSpec> inputs() const override { return {}; }
     PortSpec output() const override { return {"value", PortType::Value, false, ValueKind::Any}; }
     std::vector<ParamSpec> params() const override {
         return {param("kind", std::string("number")), param("number", 1.0), param("timed", false)};
@@ -416,7 +413,6 @@ class FieldOp : public CountingOp {
   public:
     explicit FieldOp(bool lie = false) : lie_(lie) {}
     std::string type() const override { return lie_ ? "EvalLiar" : "EvalField"; }
-    std::vector<PortSpec> inputs() const override { return {}; }
     PortSpec output() const override {
         return {"field", lie_ ? PortType::Value : PortType::Field, false, ValueKind::Any};
     }
@@ -479,7 +475,6 @@ class ProbeOp : public CountingOp {
 class ScatterStandIn : public CountingOp {
   public:
     std::string type() const override { return "Scatter"; }
-    std::vector<PortSpec> inputs() const override { return {}; }
     std::uint64_t contextKey(const EvalContext& ctx, std::uint32_t,
                              const EvalContext&) const override {
         return static_cast<std::uint64_t>(ctx.resolution);
