@@ -8,8 +8,8 @@
 #include <memory>
 #include <string>
 
-#include "graph/eval_test_operators.h"
 #include "graph/graph.h"
+#include "graph/test/eval_operators.h"
 
 namespace velmorin {
 namespace {
@@ -48,22 +48,17 @@ class WiggleOp : public Operator {
     bool evaluateIncremental(const EvalContext&, const std::vector<Value>& inputs,
                              const IncrementalInputs& incremental, Value* out,
                              StrandChanges* changes) const override {
-        const auto input = inputs[0].get<StrandSet>();
-        const auto previous = incremental.previous.get<StrandSet>();
-        const auto& changed = incremental.changes[0];
-        if (!input || !previous || !changed || changed->all || !changed->sameLayout) return false;
-        auto set = std::make_shared<StrandSet>(*input);
-        StrandSet before(*previous);
-        set->moveColumnFrom(ColumnId::kPoints, before);
-        std::vector<Vec3f>& points = set->writePoints();
-        const std::span<const std::uint64_t> strands = changed->strands;
+        const auto update = test::strandUpdate(inputs[0], incremental);
+        if (!update) return false;
+        std::vector<Vec3f>& points = update->out->writePoints();
+        const std::span<const std::uint64_t> strands = update->strands;
         parallelRange(0, strands.size(), 256, [&](std::size_t begin, std::size_t end) {
             for (std::size_t i = begin; i < end; ++i)
-                wiggle(*input, strands[i], points);
+                wiggle(*update->input, strands[i], points);
         });
         changes->all = false;
-        changes->strands = changed->strands;
-        *out = set;
+        changes->strands.assign(strands.begin(), strands.end());
+        *out = update->out;
         return true;
     }
 
@@ -112,23 +107,17 @@ void BM_OnePercentChanged(benchmark::State& state) {
     const bool previousSetting = setIncrementalEvaluation(incremental);
     const std::size_t strandCount = 1000000;
     const auto frameA = test::gridStrands(strandCount, 9, 1);
-    auto moved = std::make_shared<StrandSet>(*frameA);
-    std::vector<Vec3f>& points = moved->writePoints();
-    for (std::size_t s = 0; s < strandCount; s += 100) {
-        const StrandSet::PointRange range = frameA->pointRange(s);
-        for (std::size_t p = range.begin; p < range.begin + range.count; ++p)
-            points[p].y += 0.01f;
-    }
-    const std::shared_ptr<const StrandSet> frameB = moved;
+    std::vector<std::uint64_t> everyHundredth;
+    for (std::size_t s = 0; s < strandCount; s += 100)
+        everyHundredth.push_back(s);
+    const auto frameB = test::moved(*frameA, everyHundredth, 0.01f);
 
     SceneInputs scene;
     EvalContext ctx;
     ctx.sceneInputs = &scene;
     Graph graph;
-    const std::uint32_t source =
-        test::addTestNode(graph, std::make_unique<test::SceneOp>(), "scene");
     const std::uint32_t wiggle = test::addTestNode(graph, std::make_unique<WiggleOp>(), "wiggle");
-    graph.connect(source, wiggle, 0);
+    graph.connect(test::addTestNode(graph, "EvalScene", "scene"), wiggle, 0);
     scene["groom"] = {Value(frameA), 1};
     graph.evaluate(wiggle, ctx);
 

@@ -2,10 +2,9 @@
 // "bytes_per_second" from the bytes the operation must read, so that it reads directly against
 // BM_MemoryCopy: an operation bound by memory traffic comes close to that rate, one bound by
 // arithmetic falls short of it.
-#include "base/hash.h"
-#include "base/parallel.h"
 #include "strands/strand_changes.h"
 #include "strands/strand_set.h"
+#include "strands/test/test_strands.h"
 
 #include <benchmark/benchmark.h>
 
@@ -20,42 +19,12 @@ constexpr std::size_t kStrandBytes = sizeof(std::uint64_t) + sizeof(StrandRoot) 
                                      sizeof(std::uint64_t) +
                                      kPointsPerStrand * (sizeof(Vec3f) + sizeof(float));
 
-// Straight strands of 9 points rising from a grid, with hashed ids; the columns are filled in
-// parallel so that set-up stays short at 10M strands.
-StrandSet makeStrands(std::size_t count) {
-    StrandSet set;
-    std::vector<std::uint64_t>& ids = set.writeIds();
-    std::vector<StrandRoot>& roots = set.writeRoots();
-    std::vector<std::uint64_t>& offsets = set.writeOffsets();
-    std::vector<Vec3f>& points = set.writePoints();
-    std::vector<float>& widths = set.writeWidths();
-    ids.resize(count);
-    roots.resize(count);
-    offsets.resize(count + 1);
-    points.resize(count * kPointsPerStrand);
-    widths.resize(count * kPointsPerStrand);
-    offsets[0] = 0;
-    parallelRange(0, count, 4096, [&](std::size_t begin, std::size_t end) {
-        for (std::size_t i = begin; i < end; ++i) {
-            ids[i] = mix64(i);
-            roots[i] = {static_cast<std::int32_t>(i % 50000), unitFloat(i), unitFloat(i + 1)};
-            offsets[i + 1] = (i + 1) * kPointsPerStrand;
-            const Vec3f base{static_cast<float>(i % 1000), 0.0f, static_cast<float>(i / 1000)};
-            const Vec3f step{unitFloat(ids[i]) - 0.5f, 1.0f, unitFloat(ids[i] + 1) - 0.5f};
-            for (std::size_t k = 0; k < kPointsPerStrand; ++k) {
-                points[i * kPointsPerStrand + k] = base + step * static_cast<float>(k);
-                widths[i * kPointsPerStrand + k] = 0.01f * static_cast<float>(kPointsPerStrand - k);
-            }
-        }
-    });
-    return set;
-}
-
-// Made once and never asked for extents, so that copies of them start with cold caches.
+// Straight strands from a grid, made once and never asked for extents, so that copies of them start
+// with cold caches.
 const StrandSet& strands(std::size_t count) {
-    static const StrandSet million = makeStrands(1'000'000);
+    static const StrandSet million = *test::gridStrands(1'000'000, kPointsPerStrand, 1);
     if (count == 1'000'000) return million;
-    static const StrandSet tenMillion = makeStrands(10'000'000);
+    static const StrandSet tenMillion = *test::gridStrands(10'000'000, kPointsPerStrand, 1);
     return tenMillion;
 }
 

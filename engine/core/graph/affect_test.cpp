@@ -2,7 +2,9 @@
 
 #include <gtest/gtest.h>
 
-#include "graph/eval_test_operators.h"
+#include <cmath>
+
+#include "strands/strand_set.h"
 
 namespace velmorin {
 namespace {

@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include "graph/eval_test_operators.h"
+#include "graph/test/eval_operators.h"
 
 namespace velmorin {
 namespace {
@@ -17,18 +17,15 @@ struct Groom {
     Graph graph;
     std::uint32_t grow, state, liftA, wave, liftB;
     Groom() {
-        grow = addTestNode(graph, "EvalGrow", "grow");
-        state = addTestNode(graph, "EvalState", "state");
-        liftA = addTestNode(graph, "EvalLift", "liftA");
-        wave = addTestNode(graph, "EvalWave", "wave");
-        liftB = addTestNode(graph, "EvalLift", "liftB");
+        std::tie(grow, state, liftA, wave, liftB) =
+            std::tuple_cat(test::addChain(graph, {{"EvalGrow", "grow"},
+                                                  {"EvalState", "state"},
+                                                  {"EvalLift", "liftA"},
+                                                  {"EvalWave", "wave"},
+                                                  {"EvalLift", "liftB"}}));
         graph.operatorOf(grow).paramSet.set("count", std::int64_t{20000});
         graph.operatorOf(liftA).paramSet.set("every", std::int64_t{3});
         dynamic_cast<test::StateOp&>(graph.operatorOf(state)).setOffset(0.25f);
-        graph.connect(grow, state, 0);
-        graph.connect(state, liftA, 0);
-        graph.connect(liftA, wave, 0);
-        graph.connect(wave, liftB, 0);
         graph.setOutput(liftB);
     }
 };

@@ -1,12 +1,12 @@
 #include <gtest/gtest.h>
 
-#include "graph/eval_test_operators.h"
 #include "graph/graph.h"
+#include "graph/test/eval_operators.h"
 
 namespace velmorin {
 namespace {
 
-using test::addTestNode;
+using test::addChain;
 
 TEST(CacheLimit, ParsesMegabytesAndFallsBackOnTheDefault) {
     EXPECT_EQ(kDefaultCacheLimit, 2147483648ull);
@@ -21,27 +21,23 @@ TEST(CacheLimit, ParsesMegabytesAndFallsBackOnTheDefault) {
     EXPECT_EQ(Graph().cacheLimit, cacheLimitFromEnvironment());
 }
 
-// grow -> liftA -> liftB: each lift owns its points and shares every other column with grow.
-struct LiftChain {
-    Graph graph;
-    std::uint32_t grow, liftA, liftB;
-    LiftChain() {
-        grow = addTestNode(graph, "EvalGrow", "grow");
-        liftA = addTestNode(graph, "EvalLift", "liftA");
-        liftB = addTestNode(graph, "EvalLift", "liftB");
-        graph.operatorOf(grow).paramSet.set("count", std::int64_t{1000});
-        graph.connect(grow, liftA, 0);
-        graph.connect(liftA, liftB, 0);
-    }
-};
+// grow -> lift (-> lift...) over 1000 strands of 4 points: each lift owns its points and shares
+// every other column with grow.
+template <std::size_t N>
+std::array<std::uint32_t, N> liftChain(Graph& graph, const test::NodeSpec (&nodes)[N]) {
+    const auto ids = addChain(graph, nodes);
+    graph.operatorOf(ids[0]).paramSet.set("count", std::int64_t{1000});
+    return ids;
+}
 
 TEST(Eviction, FreesWhatANodeAloneHoldsOldestFirstButNeverTheNodeEvaluated) {
-    LiftChain chain;
-    chain.graph.cacheLimit = 1;
-    chain.graph.evaluate(chain.liftA, {});
-    EXPECT_FALSE(chain.graph.node(chain.grow).valid);
-    EXPECT_TRUE(chain.graph.node(chain.liftA).valid);
-    EXPECT_EQ(chain.graph.cacheEvictions, 1u);
+    Graph chain;
+    const auto [grow, lift] = liftChain(chain, {{"EvalGrow", "grow"}, {"EvalLift", "lift"}});
+    chain.cacheLimit = 1;
+    chain.evaluate(lift, {});
+    EXPECT_FALSE(chain.node(grow).valid);
+    EXPECT_TRUE(chain.node(lift).valid);
+    EXPECT_EQ(chain.cacheEvictions, 1u);
 
     // Two branches of 1000 strands of 4 points. A grow holds ids, roots, offsets and widths
     // (8000 + 12000 + 8008 + 16000 bytes), which its lift shares, and points (48000 bytes); the
@@ -49,14 +45,10 @@ TEST(Eviction, FreesWhatANodeAloneHoldsOldestFirstButNeverTheNodeEvaluated) {
     const std::uint64_t shared = 44008, points = 48000, total = 2 * (shared + 2 * points);
     for (const std::uint64_t limit : {total - points, total - points - 1}) {
         Graph graph;
-        const std::uint32_t growA = addTestNode(graph, "EvalGrow", "growA");
-        const std::uint32_t liftA = addTestNode(graph, "EvalLift", "liftA");
-        const std::uint32_t growB = addTestNode(graph, "EvalGrow", "growB");
-        const std::uint32_t liftB = addTestNode(graph, "EvalLift", "liftB");
-        graph.operatorOf(growA).paramSet.set("count", std::int64_t{1000});
-        graph.operatorOf(growB).paramSet.set("count", std::int64_t{1000});
-        graph.connect(growA, liftA, 0);
-        graph.connect(growB, liftB, 0);
+        const auto [growA, liftA] =
+            liftChain(graph, {{"EvalGrow", "growA"}, {"EvalLift", "liftA"}});
+        const auto [growB, liftB] =
+            liftChain(graph, {{"EvalGrow", "growB"}, {"EvalLift", "liftB"}});
         graph.cacheLimit = 0;
         graph.evaluate(liftA, {});
         graph.evaluate(liftB, {});
@@ -73,11 +65,8 @@ TEST(Eviction, FreesWhatANodeAloneHoldsOldestFirstButNeverTheNodeEvaluated) {
 
 TEST(Eviction, SkipsNodesWhoseArraysAreAllShared) {
     Graph graph;
-    const std::uint32_t grow = addTestNode(graph, "EvalGrow", "grow");
-    const std::uint32_t choose = addTestNode(graph, "EvalSwitch", "choose");
-    const std::uint32_t lift = addTestNode(graph, "EvalLift", "lift");
-    graph.connect(grow, choose, 0);
-    graph.connect(choose, lift, 0);
+    const auto [grow, choose, lift] =
+        addChain(graph, {{"EvalGrow", "grow"}, {"EvalSwitch", "choose"}, {"EvalLift", "lift"}});
     graph.cacheLimit = 1;
     graph.evaluate(lift, {});
     // grow and choose hold the very same set: dropping either would free nothing.
@@ -87,21 +76,24 @@ TEST(Eviction, SkipsNodesWhoseArraysAreAllShared) {
 }
 
 TEST(Eviction, ZeroKeepsEverythingAndAnEvictedNodeRunsAgain) {
-    LiftChain chain;
-    chain.graph.cacheLimit = 0;
-    chain.graph.evaluate(chain.liftB, {});
-    for (std::uint32_t id : chain.graph.nodeIds())
-        EXPECT_TRUE(chain.graph.node(id).valid);
-    chain.graph.evictResults(chain.liftB);
-    EXPECT_EQ(chain.graph.cacheEvictions, 0u);
+    Graph chain;
+    const auto [grow, liftA, liftB] =
+        liftChain(chain, {{"EvalGrow", "grow"}, {"EvalLift", "liftA"}, {"EvalLift", "liftB"}});
+    chain.cacheLimit = 0;
+    chain.evaluate(liftB, {});
+    for (std::uint32_t id : chain.nodeIds())
+        EXPECT_TRUE(chain.node(id).valid);
+    chain.evictResults(liftB);
+    EXPECT_EQ(chain.cacheEvictions, 0u);
 
-    chain.graph.cacheLimit = 1;
-    chain.graph.evictResults(chain.liftB);
-    EXPECT_EQ(chain.graph.cacheEvictions, 2u);
-    EXPECT_TRUE(chain.graph.cachedResults(chain.grow).empty());
-    chain.graph.operatorOf(chain.liftB).paramSet.set("amount", 1.0);
-    chain.graph.evaluate(chain.liftB, {});
-    EXPECT_EQ(test::operatorAs<test::GrowOp>(chain.graph, chain.grow).fullRuns, 2);
+    chain.cacheLimit = 1;
+    chain.evictResults(liftB);
+    EXPECT_EQ(chain.cacheEvictions, 2u);
+    EXPECT_TRUE(chain.cachedResults(grow).empty());
+    EXPECT_FALSE(chain.node(liftA).valid);
+    chain.operatorOf(liftB).paramSet.set("amount", 1.0);
+    chain.evaluate(liftB, {});
+    EXPECT_EQ(test::operatorAs<test::GrowOp>(chain, grow).fullRuns, 2);
 }
 
 }  // namespace

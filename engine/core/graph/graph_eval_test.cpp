@@ -1,13 +1,15 @@
 #include <gtest/gtest.h>
 
-#include "graph/eval_test_operators.h"
 #include "graph/graph.h"
+#include "graph/test/eval_operators.h"
 #include "strands/guide.h"
 
 namespace velmorin {
 namespace {
 
+using test::addChain;
 using test::addTestNode;
+using test::moved;
 using test::operatorAs;
 using test::strandsOf;
 
@@ -20,19 +22,6 @@ struct SwitchesRestored {
     }
 };
 
-// A copy of `set` (sharing every other column) with the listed strands moved up by `dy`.
-std::shared_ptr<const StrandSet> moved(const StrandSet& set, std::vector<std::size_t> strands,
-                                       float dy) {
-    auto out = std::make_shared<StrandSet>(set);
-    std::vector<Vec3f>& points = out->writePoints();
-    for (std::size_t s : strands) {
-        const StrandSet::PointRange range = set.pointRange(s);
-        for (std::size_t p = range.begin; p < range.begin + range.count; ++p)
-            points[p].y += dy;
-    }
-    return out;
-}
-
 // scene -> liftA -> liftB over a scene input "groom" of 64 strands.
 struct SceneChain {
     Graph graph;
@@ -41,11 +30,8 @@ struct SceneChain {
     std::uint32_t source, liftA, liftB;
 
     SceneChain() {
-        source = addTestNode(graph, "EvalScene", "scene");
-        liftA = addTestNode(graph, "EvalLift", "liftA");
-        liftB = addTestNode(graph, "EvalLift", "liftB");
-        graph.connect(source, liftA, 0);
-        graph.connect(liftA, liftB, 0);
+        std::tie(source, liftA, liftB) = std::tuple_cat(addChain(
+            graph, {{"EvalScene", "scene"}, {"EvalLift", "liftA"}, {"EvalLift", "liftB"}}));
         setGroom(test::gridStrands(64, 5, 3), 1);
         ctx.sceneInputs = &scene;
     }
@@ -213,17 +199,23 @@ TEST(GraphEval, SilentNodesAreKeyedAndRunLikeAPassThrough) {
     EXPECT_EQ(operatorAs<test::LiftOp>(alone, lift).fullRuns, 0);
 }
 
-TEST(GraphEval, SwitchRunsOnlyItsSelectedInputButKeysBoth) {
+TEST(GraphEval, SwitchRunsOnlyItsSelectedInputKeysBothAndAnUnchangedResultKeepsItsStamp) {
     Graph graph;
-    const std::uint32_t a = addTestNode(graph, "EvalGrow", "a");
+    const auto [a, choose, lift] =
+        addChain(graph, {{"EvalGrow", "a"}, {"EvalSwitch", "choose"}, {"EvalLift", "lift"}});
     const std::uint32_t b = addTestNode(graph, "EvalGrow", "b");
-    const std::uint32_t choose = addTestNode(graph, "EvalSwitch", "choose");
-    const std::uint32_t lift = addTestNode(graph, "EvalLift", "lift");
-    graph.connect(a, choose, 0);
     graph.connect(b, choose, 1);
-    graph.connect(choose, lift, 0);
     graph.evaluate(lift, {});
     EXPECT_EQ(operatorAs<test::GrowOp>(graph, b).fullRuns, 0);
+
+    // A new label changes the key, not the result: the stamp stays and downstream updates nothing.
+    const std::uint64_t stamp = graph.node(choose).stamp;
+    graph.operatorOf(choose).paramSet.set("label", std::string("renamed"));
+    graph.evaluate(lift, {});
+    EXPECT_EQ(graph.runs[choose], "full 0");
+    EXPECT_EQ(graph.node(choose).stamp, stamp);
+    EXPECT_EQ(graph.runs[lift], "incremental 0");
+    EXPECT_EQ(operatorAs<test::LiftOp>(graph, lift).fullRuns, 1);
 
     graph.operatorOf(b).paramSet.set("count", std::int64_t{5});
     const std::uint64_t before = graph.node(choose).key;
@@ -234,24 +226,6 @@ TEST(GraphEval, SwitchRunsOnlyItsSelectedInputButKeysBoth) {
     graph.operatorOf(choose).paramSet.set("select", std::int64_t{1});
     EXPECT_EQ(strandsOf(graph.evaluate(lift, {}))->strandCount(), 5u);
     EXPECT_EQ(operatorAs<test::GrowOp>(graph, b).fullRuns, 1);
-}
-
-TEST(GraphEval, AnUnchangedResultKeepsItsStamp) {
-    Graph graph;
-    const std::uint32_t grow = addTestNode(graph, "EvalGrow", "grow");
-    const std::uint32_t choose = addTestNode(graph, "EvalSwitch", "choose");
-    const std::uint32_t lift = addTestNode(graph, "EvalLift", "lift");
-    graph.connect(grow, choose, 0);
-    graph.connect(choose, lift, 0);
-    graph.evaluate(lift, {});
-    const std::uint64_t stamp = graph.node(choose).stamp;
-    graph.operatorOf(choose).paramSet.set("label", std::string("renamed"));
-    graph.evaluate(lift, {});
-    EXPECT_EQ(graph.runs[choose], "full 0");
-    EXPECT_EQ(graph.node(choose).stamp, stamp);
-    // Downstream sees the same input and updates nothing.
-    EXPECT_EQ(graph.runs[lift], "incremental 0");
-    EXPECT_EQ(operatorAs<test::LiftOp>(graph, lift).fullRuns, 1);
 }
 
 TEST(GraphEval, KeysFollowWhatAResultDependsOn) {
@@ -295,10 +269,8 @@ TEST(GraphEval, KeysFollowWhatAResultDependsOn) {
 
 TEST(GraphEval, ParamInputsDeliverValuesAndRefuseWhatTheyCantTake) {
     Graph graph;
-    const std::uint32_t grow = addTestNode(graph, "EvalGrow", "grow");
+    const auto [grow, lift] = addChain(graph, {{"EvalGrow", "grow"}, {"EvalLift", "lift"}});
     const std::uint32_t value = addTestNode(graph, "EvalValue", "value");
-    const std::uint32_t lift = addTestNode(graph, "EvalLift", "lift");
-    graph.connect(grow, lift, 0);
     graph.exposeParam(lift, "amount");
     graph.connect(value, lift, 1);
     graph.operatorOf(value).paramSet.set("number", 2.0);
@@ -336,12 +308,10 @@ TEST(GraphEval, ParamInputsDeliverValuesAndRefuseWhatTheyCantTake) {
 TEST(GraphEval, OneValueIntoAFieldPortBecomesAConstantField) {
     const auto probe = [](const std::string& kind, double number) {
         Graph graph;
-        const std::uint32_t grow = addTestNode(graph, "EvalGrow", "grow");
+        const auto [grow, probe] = addChain(graph, {{"EvalGrow", "grow"}, {"EvalProbe", "probe"}});
         const std::uint32_t value = addTestNode(graph, "EvalValue", "value");
-        const std::uint32_t probe = addTestNode(graph, "EvalProbe", "probe");
         graph.operatorOf(value).paramSet.set("kind", kind);
         graph.operatorOf(value).paramSet.set("number", number);
-        graph.connect(grow, probe, 0);
         graph.connect(value, probe, 1);
         const auto strands = strandsOf(graph.evaluate(probe, {}));
         return std::vector<float>{(*strands->strandChannel("probe"))[0],
@@ -358,9 +328,8 @@ TEST(GraphEval, OneValueIntoAFieldPortBecomesAConstantField) {
 
 TEST(GraphEval, GuidesOnACurvesStream) {
     Graph graph;
-    const std::uint32_t guides = addTestNode(graph, "EvalGuides", "guides");
-    const std::uint32_t curves = addTestNode(graph, "EvalCurves", "curves");
-    graph.connect(guides, curves, 0);
+    const auto [guides, curves] =
+        addChain(graph, {{"EvalGuides", "guides"}, {"EvalCurves", "curves"}});
     const auto made = graph.evaluate(curves, {})[0].get<GuideSet>();
     ASSERT_TRUE(made);
     ASSERT_EQ(made->guides.size(), 3u);
@@ -383,9 +352,7 @@ TEST(GraphEval, GuidesOnACurvesStream) {
 
 TEST(GraphEval, AffectBypassesMixesOrLeavesTheResult) {
     Graph graph;
-    const std::uint32_t grow = addTestNode(graph, "EvalGrow", "grow");
-    const std::uint32_t lift = addTestNode(graph, "EvalLift", "lift");
-    graph.connect(grow, lift, 0);
+    const auto [grow, lift] = addChain(graph, {{"EvalGrow", "grow"}, {"EvalLift", "lift"}});
     ParamSet& params = graph.operatorOf(lift).paramSet;
     params.set("amount", 1.0);
 
@@ -424,10 +391,8 @@ TEST(GraphEval, AffectBypassesMixesOrLeavesTheResult) {
 
 TEST(GraphEval, NotesFromParallelLoopsAndTheWrongNumberOfValues) {
     Graph graph;
-    const std::uint32_t grow = addTestNode(graph, "EvalGrow", "grow");
+    const auto [grow, lift] = addChain(graph, {{"EvalGrow", "grow"}, {"EvalLift", "lift"}});
     graph.operatorOf(grow).paramSet.set("count", std::int64_t{2000});
-    const std::uint32_t lift = addTestNode(graph, "EvalLift", "lift");
-    graph.connect(grow, lift, 0);
     graph.operatorOf(lift).paramSet.set("warn", true);
     runWithThreads(2, [&] { graph.evaluate(lift, {}); });
     EXPECT_EQ(graph.notes[lift], "lift warns");
@@ -487,13 +452,10 @@ TEST(GraphEval, AdoptedAndAlwaysFreshResults) {
 
 TEST(GraphEval, WithoutTheCacheNothingIsStored) {
     Graph graph;
-    const std::uint32_t grow = addTestNode(graph, "EvalGrow", "grow");
-    const std::uint32_t liftA = addTestNode(graph, "EvalLift", "liftA");
+    const auto [grow, liftA, merge] =
+        addChain(graph, {{"EvalGrow", "grow"}, {"EvalLift", "liftA"}, {"EvalMerge", "merge"}});
     const std::uint32_t liftB = addTestNode(graph, "EvalLift", "liftB");
-    const std::uint32_t merge = addTestNode(graph, "EvalMerge", "merge");
-    graph.connect(grow, liftA, 0);
     graph.connect(grow, liftB, 0);
-    graph.connect(liftA, merge, 0);
     graph.connect(liftB, merge, 1);
     const std::uint64_t cached = strandsOf(graph.evaluate(merge, {}))->contentHash();
 

@@ -1,12 +1,14 @@
 #include <gtest/gtest.h>
 
-#include "graph/eval_test_operators.h"
 #include "graph/graph.h"
+#include "graph/test/eval_operators.h"
 
 namespace velmorin {
 namespace {
 
+using test::addChain;
 using test::addTestNode;
+using test::connectChain;
 
 // Builds graphs of Scatter, Resample and Output stand-ins by name.
 struct ResolutionGraph {
@@ -16,12 +18,13 @@ struct ResolutionGraph {
     }
     std::uint32_t resample(const std::string& name, std::int64_t segments) {
         const std::uint32_t id =
-            addTestNode(graph, std::make_unique<test::ResampleStandIn>(), name);
+            addTestNode(graph, std::make_unique<test::PassStandIn>("Resample"), name);
         graph.operatorOf(id).paramSet.set("segments", segments);
         return id;
     }
     std::uint32_t output() {
-        const std::uint32_t id = addTestNode(graph, std::make_unique<test::OutputStandIn>(), "out");
+        const std::uint32_t id =
+            addTestNode(graph, std::make_unique<test::PassStandIn>("Output"), "out");
         graph.setOutput(id);
         return id;
     }
@@ -34,9 +37,7 @@ TEST(StrandResolutions, TheMostSegmentsAfterAScatterSetItsResolution) {
     const std::uint32_t coarse = g.resample("coarse", 12);
     const std::uint32_t fine = g.resample("fine", 20);
     const std::uint32_t out = g.output();
-    g.graph.connect(scatter, coarse, 0);
-    g.graph.connect(coarse, fine, 0);
-    g.graph.connect(fine, out, 0);
+    connectChain(g.graph, {scatter, coarse, fine, out});
     const auto resolutions = g.graph.strandResolutions(true);
     ASSERT_EQ(resolutions.size(), 1u);
     EXPECT_EQ(resolutions.at(scatter).segments, 20);
@@ -72,12 +73,9 @@ TEST(StrandResolutions, EachBranchAndTheDefaultOfAResampleFedNothing) {
     const std::uint32_t merge = addTestNode(g.graph, "EvalMerge", "merge");
     const std::uint32_t mergeAll = addTestNode(g.graph, "EvalMerge", "mergeAll");
     const std::uint32_t out = g.output();
-    g.graph.connect(left, resample, 0);
-    g.graph.connect(resample, merge, 0);
+    connectChain(g.graph, {left, resample, merge, mergeAll, out});
     g.graph.connect(right, merge, 1);
-    g.graph.connect(merge, mergeAll, 0);
     g.graph.connect(unfed, mergeAll, 1);
-    g.graph.connect(mergeAll, out, 0);
     const auto resolutions = g.graph.strandResolutions(true);
     EXPECT_EQ(resolutions.at(left).segments, 10);
     EXPECT_EQ(resolutions.at(right).segments, 24);
@@ -122,10 +120,8 @@ TEST(StrandResolutions, OnlyActiveInputsCount) {
     const std::uint32_t choose = addTestNode(g.graph, "EvalSwitch", "choose");
     const std::uint32_t resample = g.resample("resample", 30);
     const std::uint32_t out = g.output();
-    g.graph.connect(grow, choose, 0);
+    connectChain(g.graph, {grow, choose, resample, out});
     g.graph.connect(scatter, choose, 1);
-    g.graph.connect(choose, resample, 0);
-    g.graph.connect(resample, out, 0);
     EXPECT_EQ(g.report(resample),
               "No Scatter comes before it: it sets no Scatter's resolution (a Resample sets only "
               "its own branch's)");
@@ -140,13 +136,10 @@ TEST(StrandResolutions, OnlyActiveInputsCount) {
 
 TEST(ForEachActiveUpstream, WalksActiveInputsOnceAndStopsWhenAsked) {
     Graph graph;
-    const std::uint32_t a = addTestNode(graph, "EvalGrow", "a");
+    const auto [a, choose, merge] =
+        addChain(graph, {{"EvalGrow", "a"}, {"EvalSwitch", "choose"}, {"EvalMerge", "merge"}});
     const std::uint32_t b = addTestNode(graph, "EvalGrow", "b");
-    const std::uint32_t choose = addTestNode(graph, "EvalSwitch", "choose");
-    const std::uint32_t merge = addTestNode(graph, "EvalMerge", "merge");
-    graph.connect(a, choose, 0);
     graph.connect(b, choose, 1);
-    graph.connect(choose, merge, 0);
     graph.connect(a, merge, 1);
     std::vector<std::string> seen;
     const auto record = [&](const std::string& name, const Operator&) {

@@ -1,7 +1,7 @@
 #include "strands/guide_conversion.h"
 
 #include "base/parallel.h"
-#include "strands/test_strands.h"
+#include "strands/test/test_strands.h"
 
 #include <gtest/gtest.h>
 
@@ -9,16 +9,13 @@ namespace velmorin {
 namespace {
 
 using test::randomStrands;
+using test::values;
 
 Guide makeGuide(std::uint64_t id, std::size_t pointCount) {
     Guide guide{id, {static_cast<std::int32_t>(id), 0.25f, 0.5f}, {}, {}, {}};
     for (std::size_t k = 0; k < pointCount; ++k)
         guide.points.push_back({float(id), float(k), 0});
     return guide;
-}
-
-std::vector<float> vec(const std::vector<float>* values) {
-    return values ? *values : std::vector<float>{};
 }
 
 TEST(GuideConversion, GuidesBecomeStrandsWithChannelsForEveryNameSeen) {
@@ -39,11 +36,11 @@ TEST(GuideConversion, GuidesBecomeStrandsWithChannelsForEveryNameSeen) {
     EXPECT_EQ(std::vector<float>(strands.widths().begin(), strands.widths().end()),
               std::vector<float>(5, 1.0f));
     EXPECT_EQ(strands.strandChannelNames(), (std::vector<std::string>{"clumpId", "stiffness"}));
-    EXPECT_EQ(vec(strands.strandChannel("stiffness")), (std::vector<float>{0.5f, 0, 0.75f}));
-    EXPECT_EQ(vec(strands.strandChannel("clumpId")), (std::vector<float>{0, 0, 4}));
-    EXPECT_EQ(vec(strands.pointChannel("tubeU")), (std::vector<float>{1, 2, 3, 4, 5}));
+    EXPECT_EQ(values(strands.strandChannel("stiffness")), (std::vector<float>{0.5f, 0, 0.75f}));
+    EXPECT_EQ(values(strands.strandChannel("clumpId")), (std::vector<float>{0, 0, 4}));
+    EXPECT_EQ(values(strands.pointChannel("tubeU")), (std::vector<float>{1, 2, 3, 4, 5}));
     // A layer of the wrong length is left out; its name still makes a channel.
-    EXPECT_EQ(vec(strands.pointChannel("bad")), std::vector<float>(5, 0.0f));
+    EXPECT_EQ(values(strands.pointChannel("bad")), std::vector<float>(5, 0.0f));
     EXPECT_EQ(strandsFromGuides(GuideSet{}).strandCount(), 0u);
 }
 
@@ -95,8 +92,8 @@ TEST(GuideConversion, IsTheSameAtOneAndTwoThreads) {
     runWithThreads(1, [&] { fromOne = strandsFromGuides(one); });
     runWithThreads(2, [&] { fromTwo = strandsFromGuides(one); });
     EXPECT_EQ(fromOne.contentHash(), fromTwo.contentHash());
-    EXPECT_EQ(vec(fromOne.strandChannel("every3"))[2997], 2997.0f);
-    EXPECT_EQ(vec(fromOne.strandChannel("every3"))[2998], 0.0f);
+    EXPECT_EQ(values(fromOne.strandChannel("every3"))[2997], 2997.0f);
+    EXPECT_EQ(values(fromOne.strandChannel("every3"))[2998], 0.0f);
 }
 
 }  // namespace

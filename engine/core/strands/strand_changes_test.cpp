@@ -2,7 +2,7 @@
 
 #include "base/parallel.h"
 #include "strands/strand_set.h"
-#include "strands/test_strands.h"
+#include "strands/test/test_strands.h"
 
 #include <gtest/gtest.h>
 

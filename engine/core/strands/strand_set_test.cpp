@@ -2,7 +2,7 @@
 
 #include "base/hash.h"
 #include "base/parallel.h"
-#include "strands/test_strands.h"
+#include "strands/test/test_strands.h"
 
 #include <gtest/gtest.h>
 
@@ -16,21 +16,14 @@
 namespace velmorin {
 namespace {
 
-using test::expectSameBits;
+using test::extentBits;
 using test::randomStrands;
+using test::values;
 
 constexpr ColumnId kAllColumns[] = {ColumnId::kIds, ColumnId::kRoots, ColumnId::kOffsets,
                                     ColumnId::kPoints, ColumnId::kWidths};
 constexpr float kNaN = std::numeric_limits<float>::quiet_NaN();
 constexpr float kInf = std::numeric_limits<float>::infinity();
-
-template <class T>
-std::vector<T> vec(std::span<const T> values) {
-    return {values.begin(), values.end()};
-}
-std::vector<float> vec(const std::vector<float>* values) {
-    return values ? *values : std::vector<float>{};
-}
 
 // One strand of a set made by randomStrands, as plain values to compare across sets.
 struct StrandValues {
@@ -47,9 +40,9 @@ StrandValues strandValues(const StrandSet& set, std::size_t strand) {
     const std::span<const float> curl(*set.pointChannel("curl"));
     return {set.ids()[strand],
             set.roots()[strand],
-            vec(set.strandPoints(strand)),
-            vec(set.widths().subspan(range.begin, range.count)),
-            vec(curl.subspan(range.begin, range.count)),
+            values(set.strandPoints(strand)),
+            values(set.widths().subspan(range.begin, range.count)),
+            values(curl.subspan(range.begin, range.count)),
             (*set.strandChannel("mass"))[strand]};
 }
 
@@ -97,7 +90,7 @@ TEST(StrandSet, EmptyAndMovedFromSetsHoldOneOffsetAreValidAndHaveMinAboveMax) {
     EXPECT_EQ(taken.columnData(ColumnId::kPoints), points);
     for (const StrandSet* set : std::initializer_list<const StrandSet*>{&empty, &full}) {
         EXPECT_EQ(set->strandCount(), 0u);
-        EXPECT_EQ(vec(set->offsets()), std::vector<std::uint64_t>{0});
+        EXPECT_EQ(values(set->offsets()), std::vector<std::uint64_t>{0});
         EXPECT_TRUE(set->strandChannelNames().empty());
         EXPECT_EQ(validationMessage(*set), "valid");
         const StrandSet::Extent e = set->bounds();
@@ -116,18 +109,18 @@ TEST(StrandSet, AddStrandFillsEveryColumnAndGivesChannelsTheirDefaults) {
     EXPECT_EQ(set.addStrand(12, {}, {}), 1u);  // no points is legal
     EXPECT_EQ(set.addStrand(13, {}, b), 2u);
     EXPECT_EQ(validationMessage(set), "valid");
-    EXPECT_EQ(vec(set.ids()), (std::vector<std::uint64_t>{11, 12, 13}));
-    EXPECT_EQ(vec(set.offsets()), (std::vector<std::uint64_t>{0, 3, 3, 5}));
+    EXPECT_EQ(values(set.ids()), (std::vector<std::uint64_t>{11, 12, 13}));
+    EXPECT_EQ(values(set.offsets()), (std::vector<std::uint64_t>{0, 3, 3, 5}));
     EXPECT_EQ(set.roots()[0], (StrandRoot{3, 0.25f, 0.5f}));
-    EXPECT_EQ(vec(set.widths()), (std::vector<float>{0.5f, 0.25f, 0.125f, 1, 1}));
-    EXPECT_EQ(vec(set.strandChannel("mass")), std::vector<float>(3, 4.0f));
-    EXPECT_EQ(vec(set.pointChannel("curl")), std::vector<float>(5, -2.0f));
-    EXPECT_EQ(vec(set.strandPoints(2)), std::vector<Vec3f>(std::begin(b), std::end(b)));
+    EXPECT_EQ(values(set.widths()), (std::vector<float>{0.5f, 0.25f, 0.125f, 1, 1}));
+    EXPECT_EQ(values(set.strandChannel("mass")), std::vector<float>(3, 4.0f));
+    EXPECT_EQ(values(set.pointChannel("curl")), std::vector<float>(5, -2.0f));
+    EXPECT_EQ(values(set.strandPoints(2)), std::vector<Vec3f>(std::begin(b), std::end(b)));
     EXPECT_EQ(set.bounds().longest, 3.0f);
 
     // Points and widths read from the set itself survive the growth of their own columns.
     set.addStrand(14, {}, set.strandPoints(0), set.widths().first(3));
-    EXPECT_EQ(vec(set.strandPoints(3)), std::vector<Vec3f>(std::begin(a), std::end(a)));
+    EXPECT_EQ(values(set.strandPoints(3)), std::vector<Vec3f>(std::begin(a), std::end(a)));
     EXPECT_EQ(validationMessage(set), "valid");
 
     const std::uint64_t hash = set.contentHash();
@@ -178,7 +171,7 @@ TEST(StrandSet, ValidateReportsTheFirstBrokenRuleInOrder) {
 TEST(StrandSet, WritingOneColumnOfACopyCopiesThatColumnOnly) {
     StrandSet original = randomStrands(50, 5);
     EXPECT_TRUE(original.isOwned(ColumnId::kWidths));
-    const std::vector<float> widths = vec(original.widths());
+    const std::vector<float> widths = values(original.widths());
     StrandSet copy = original;
     for (ColumnId column : kAllColumns) {
         EXPECT_EQ(copy.columnData(column), original.columnData(column));
@@ -199,7 +192,7 @@ TEST(StrandSet, WritingOneColumnOfACopyCopiesThatColumnOnly) {
     for (ColumnId column : kAllColumns)
         EXPECT_FALSE(original.isOwned(column));
     EXPECT_FALSE(original.ownsStrandChannel("mass"));
-    EXPECT_EQ(vec(original.widths()), widths);
+    EXPECT_EQ(values(original.widths()), widths);
     EXPECT_EQ(original.contentHash(), randomStrands(50, 5).contentHash());
 
     // The original is now its widths' only holder: writing takes them over without a copy.
@@ -247,7 +240,7 @@ TEST(StrandSet, ClearEmptiesDataKeepsChannelDefaultsAndDropsAttachments) {
     const StrandSet before = set;
     set.clear();
     EXPECT_EQ(set.pointCount(), 0u);
-    EXPECT_EQ(vec(set.offsets()), std::vector<std::uint64_t>{0});
+    EXPECT_EQ(values(set.offsets()), std::vector<std::uint64_t>{0});
     EXPECT_EQ(set.strandChannelNames(), std::vector<std::string>{"mass"});
     EXPECT_TRUE(set.strandChannel("mass")->empty());
     EXPECT_EQ(set.attachment(), nullptr);
@@ -256,8 +249,8 @@ TEST(StrandSet, ClearEmptiesDataKeepsChannelDefaultsAndDropsAttachments) {
     EXPECT_EQ(before.strandCount(), 25u);
     EXPECT_NE(before.attachment(), nullptr);
     set.addStrand(5, {}, before.strandPoints(0));
-    EXPECT_EQ(vec(set.strandChannel("mass")), std::vector<float>{2.0f});
-    EXPECT_EQ(vec(set.pointChannel("curl")), std::vector<float>(set.pointCount(), -1.0f));
+    EXPECT_EQ(values(set.strandChannel("mass")), std::vector<float>{2.0f});
+    EXPECT_EQ(values(set.pointChannel("curl")), std::vector<float>(set.pointCount(), -1.0f));
 }
 
 TEST(StrandSet, AppendAddsStrandsAndMergesChannelsByName) {
@@ -282,18 +275,19 @@ TEST(StrandSet, AppendAddsStrandsAndMergesChannelsByName) {
 
     mine.append(theirs);
     EXPECT_EQ(validationMessage(mine), "valid");
-    EXPECT_EQ(vec(mine.ids()), (std::vector<std::uint64_t>{1, 2, 3}));
-    EXPECT_EQ(vec(mine.offsets()), (std::vector<std::uint64_t>{0, 2, 5, 7}));
+    EXPECT_EQ(values(mine.ids()), (std::vector<std::uint64_t>{1, 2, 3}));
+    EXPECT_EQ(values(mine.offsets()), (std::vector<std::uint64_t>{0, 2, 5, 7}));
     EXPECT_EQ(mine.roots()[2].face, 3);
     EXPECT_EQ(mine.strandPoints(1)[2], (Vec3f{0, 0, 3}));
-    EXPECT_EQ(vec(mine.strandChannel("shared")), (std::vector<float>{10, 9, 20}));
-    EXPECT_EQ(vec(mine.strandChannel("mineOnly")), (std::vector<float>{2, 2, 2}));
-    EXPECT_EQ(vec(mine.strandChannel("theirsOnly")), (std::vector<float>{7, 70, 71}));
-    EXPECT_EQ(vec(mine.strandChannel("fromStrand")), (std::vector<float>{6, 60, 61}));
-    EXPECT_EQ(vec(mine.pointChannel("sharedPoint")), (std::vector<float>{3, 3, 9, 9, 9, 9, 30}));
-    EXPECT_EQ(vec(mine.pointChannel("fromStrand")), (std::vector<float>{4, 4, 60, 60, 60, 61, 61}));
-    EXPECT_EQ(vec(mine.pointChannel("theirsPoint")), (std::vector<float>{8, 8, 80, 8, 8, 8, 8}));
-    EXPECT_EQ(vec(mine.pointChannel("mineOnly")), std::vector<float>(7, 0.5f));
+    EXPECT_EQ(values(mine.strandChannel("shared")), (std::vector<float>{10, 9, 20}));
+    EXPECT_EQ(values(mine.strandChannel("mineOnly")), (std::vector<float>{2, 2, 2}));
+    EXPECT_EQ(values(mine.strandChannel("theirsOnly")), (std::vector<float>{7, 70, 71}));
+    EXPECT_EQ(values(mine.strandChannel("fromStrand")), (std::vector<float>{6, 60, 61}));
+    EXPECT_EQ(values(mine.pointChannel("sharedPoint")), (std::vector<float>{3, 3, 9, 9, 9, 9, 30}));
+    EXPECT_EQ(values(mine.pointChannel("fromStrand")),
+              (std::vector<float>{4, 4, 60, 60, 60, 61, 61}));
+    EXPECT_EQ(values(mine.pointChannel("theirsPoint")), (std::vector<float>{8, 8, 80, 8, 8, 8, 8}));
+    EXPECT_EQ(values(mine.pointChannel("mineOnly")), std::vector<float>(7, 0.5f));
     EXPECT_EQ(mine.channelDefault("shared"), 1.0f);
     EXPECT_EQ(mine.channelDefault("theirsOnly"), 7.0f);
     EXPECT_EQ(mine.pointChannelDefault("theirsPoint"), 8.0f);
@@ -387,7 +381,7 @@ TEST(StrandSet, ThinningKeepsNestedSubsetsChosenByIdAlone) {
 TEST(StrandSet, BoundsMatchADirectScanForAnyBlockCount) {
     for (std::size_t count : {1u, 2047u, 2048u, 2049u, 9000u}) {
         const StrandSet set = randomStrands(count, 17 + count);
-        expectSameBits(set.bounds(), scannedExtent(set));
+        EXPECT_EQ(extentBits(set.bounds()), extentBits(scannedExtent(set)));
     }
     // Strands far longer than anything computed in one piece, between strands of one point.
     StrandSet longStrands;
@@ -397,7 +391,7 @@ TEST(StrandSet, BoundsMatchADirectScanForAnyBlockCount) {
             points[k] = {std::sin(0.1f * k), std::cos(0.37f * k) * k, 0.01f * k};
         longStrands.addStrand(count, {}, points);
     }
-    expectSameBits(longStrands.bounds(), scannedExtent(longStrands));
+    EXPECT_EQ(extentBits(longStrands.bounds()), extentBits(scannedExtent(longStrands)));
     EXPECT_GT(longStrands.bounds().longest, 1000.0f);
 
     // A block on its own (no parallel dispatch) agrees with the same strands among many blocks.
@@ -414,7 +408,7 @@ TEST(StrandSet, BoundsMatchADirectScanForAnyBlockCount) {
                       std::max(merged.max.z, e.max.z)};
         merged.longest = std::max(merged.longest, e.longest);
     }
-    expectSameBits(many.bounds(), merged);
+    EXPECT_EQ(extentBits(many.bounds()), extentBits(merged));
 }
 
 TEST(StrandSet, NonFiniteCoordinatesClearFiniteAndAreSkippedByMinAndMax) {
@@ -431,7 +425,7 @@ TEST(StrandSet, NonFiniteCoordinatesClearFiniteAndAreSkippedByMinAndMax) {
                 (axis == 0 ? point.x : axis == 1 ? point.y : point.z) = bad;
                 const StrandSet::Extent e = set.bounds();
                 EXPECT_FALSE(e.finite);
-                expectSameBits(e, scannedExtent(set));
+                EXPECT_EQ(extentBits(e), extentBits(scannedExtent(set)));
                 EXPECT_FALSE(std::isnan(e.min.x + e.min.y + e.min.z + e.max.x + e.max.y + e.max.z));
                 StrandSet firstBlock;  // the strands of another block alone are finite
                 set.subset(iota(0, StrandSet::kBlockStrands), firstBlock);
@@ -467,12 +461,14 @@ TEST(StrandSet, BoundsAfterReusesTheUnchangedBlocksOfThePreviousSet) {
     };
     const StrandSet next = moved(previous);
     const std::uint64_t changed[] = {strand, strand + 1, 999999};  // past the end: ignored
-    expectSameBits(next.boundsAfter(previous, changed), StrandSet(moved(previous)).bounds());
+    EXPECT_EQ(extentBits(next.boundsAfter(previous, changed)),
+              extentBits(StrandSet(moved(previous)).bounds()));
     EXPECT_EQ(next.bounds().max.y, 60.0f);
 
     // Told of a strand in another block, it keeps the stale block: proof that blocks are reused.
     const std::uint64_t elsewhere[] = {5};
-    expectSameBits(moved(previous).boundsAfter(previous, elsewhere), previousExtent);
+    EXPECT_EQ(extentBits(moved(previous).boundsAfter(previous, elsewhere)),
+              extentBits(previousExtent));
     // Without usable caches of the previous set (none, or another count) it is a plain bounds().
     const StrandSet uncached = randomStrands(9000, 21);
     EXPECT_EQ(moved(uncached).boundsAfter(uncached, elsewhere).max.y, 60.0f);
@@ -486,7 +482,7 @@ TEST(StrandSet, ExtentsAndThinningAreTheSameAtOneAndTwoThreads) {
     StrandSet::Extent one, two;
     runWithThreads(1, [&] { one = StrandSet(set).bounds(); });
     runWithThreads(2, [&] { two = StrandSet(set).bounds(); });
-    expectSameBits(one, two);
+    EXPECT_EQ(extentBits(one), extentBits(two));
 
     StrandSet next = set;
     std::vector<Vec3f>& points = next.writePoints();
@@ -499,8 +495,8 @@ TEST(StrandSet, ExtentsAndThinningAreTheSameAtOneAndTwoThreads) {
     }
     runWithThreads(1, [&] { one = StrandSet(next).boundsAfter(set, changed); });
     runWithThreads(2, [&] { two = StrandSet(next).boundsAfter(set, changed); });
-    expectSameBits(one, two);
-    expectSameBits(one, scannedExtent(next));
+    EXPECT_EQ(extentBits(one), extentBits(two));
+    EXPECT_EQ(extentBits(one), extentBits(scannedExtent(next)));
 
     StrandSet thinOne, thinTwo;
     runWithThreads(1, [&] { set.thinned(0.37, thinOne); });
@@ -608,7 +604,7 @@ TEST(StrandSet, MovingAColumnTakesTheArrayFromItsOnlyHolderAndCopiesOtherwise) {
     target.moveColumnFrom(ColumnId::kWidths, other);
     EXPECT_NE(target.columnData(ColumnId::kWidths), other.columnData(ColumnId::kWidths));
     EXPECT_EQ(other.columnData(ColumnId::kWidths), holder.columnData(ColumnId::kWidths));
-    EXPECT_EQ(vec(target.widths()), vec(holder.widths()));
+    EXPECT_EQ(values(target.widths()), values(holder.widths()));
     EXPECT_EQ(StrandSet::movedColumnCount(), moved + 7);
 }
 

@@ -5,10 +5,12 @@
 // the resolution walk are never registered, so they can't collide with the real ones.
 
 #include <algorithm>
+#include <array>
 #include <atomic>
 #include <cmath>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -22,37 +24,9 @@
 #include "strands/guide.h"
 #include "strands/strand_changes.h"
 #include "strands/strand_set.h"
+#include "strands/test/test_strands.h"
 
 namespace velmorin::test {
-
-// `count` strands of `points` points each: ids hashed from `seed`, straight up from a root on the
-// plane y = 0, widths 0.01.
-inline std::shared_ptr<const StrandSet> gridStrands(std::size_t count, std::size_t points,
-                                                    std::uint64_t seed) {
-    auto set = std::make_shared<StrandSet>();
-    std::vector<std::uint64_t>& ids = set->writeIds();
-    std::vector<StrandRoot>& roots = set->writeRoots();
-    std::vector<std::uint64_t>& offsets = set->writeOffsets();
-    std::vector<Vec3f>& positions = set->writePoints();
-    std::vector<float>& widths = set->writeWidths();
-    ids.resize(count);
-    roots.resize(count);
-    offsets.assign(count + 1, 0);
-    positions.resize(count * points);
-    widths.assign(count * points, 0.01f);
-    parallelRange(0, count, 4096, [&](std::size_t begin, std::size_t end) {
-        for (std::size_t s = begin; s < end; ++s) {
-            ids[s] = hashCombine(seed, s);
-            roots[s] = {static_cast<std::int32_t>(s % 97), unitFloat(ids[s]),
-                        unitFloat(ids[s] + 1)};
-            offsets[s + 1] = (s + 1) * points;
-            const float x = unitFloat(ids[s] + 2) * 10.0f, z = unitFloat(ids[s] + 3) * 10.0f;
-            for (std::size_t k = 0; k < points; ++k)
-                positions[s * points + k] = {x, 0.1f * static_cast<float>(k), z};
-        }
-    });
-    return set;
-}
 
 inline PortSpec strandsPort(const std::string& name, bool optional = false) {
     return PortSpec{name, PortType::Strands, optional, ValueKind::Any};
@@ -66,10 +40,32 @@ inline ParamSpec param(const std::string& name, ParamValue value, bool animatabl
     return spec;
 }
 
-// The base of the test operators: counts full and incremental runs.
+// What an incremental run that redoes single strands works from: the input, a set with the
+// input's columns and the previous result's points, and the changed strands. None when the run
+// must be a full one: no previous result, or changes of everything or of the layout.
+struct StrandUpdate {
+    std::shared_ptr<const StrandSet> input;
+    std::shared_ptr<StrandSet> out;
+    std::span<const std::uint64_t> strands;
+};
+inline std::optional<StrandUpdate> strandUpdate(const Value& inputValue,
+                                                const IncrementalInputs& incremental) {
+    const auto input = inputValue.get<StrandSet>();
+    const auto previous = incremental.previous.get<StrandSet>();
+    if (!input || !previous || incremental.changes.empty()) return std::nullopt;
+    const auto& changed = incremental.changes[0];
+    if (!changed || changed->all || !changed->sameLayout) return std::nullopt;
+    auto out = std::make_shared<StrandSet>(*input);
+    StrandSet before(*previous);
+    out->moveColumnFrom(ColumnId::kPoints, before);
+    return StrandUpdate{input, out, changed->strands};
+}
+
+// The base of the test operators: counts full and incremental runs; a source unless it says.
 class CountingOp : public Operator {
   public:
     std::string category() const override { return "utility"; }
+    std::vector<PortSpec> inputs() const override { return {}; }
     mutable std::atomic<int> fullRuns{0};
     mutable std::atomic<int> incrementalRuns{0};
 };
@@ -79,7 +75,6 @@ class CountingOp : public Operator {
 class GrowOp : public CountingOp {
   public:
     std::string type() const override { return "EvalGrow"; }
-    std::vector<PortSpec> inputs() const override { return {}; }
     std::vector<ParamSpec> params() const override {
         return {param("count", std::int64_t{16}), param("points", std::int64_t{4}),
                 param("seed", std::int64_t{1}), param("preview", false)};
@@ -100,7 +95,6 @@ class GrowOp : public CountingOp {
 class SceneOp : public CountingOp {
   public:
     std::string type() const override { return "EvalScene"; }
-    std::vector<PortSpec> inputs() const override { return {}; }
     std::vector<std::string> sceneInputs() const override { return {"groom"}; }
     Value evaluate(const EvalContext& ctx, const std::vector<Value>&) const override {
         ++fullRuns;
@@ -147,27 +141,19 @@ class LiftOp : public CountingOp {
     bool evaluateIncremental(const EvalContext&, const std::vector<Value>& inputs,
                              const IncrementalInputs& incremental, Value* out,
                              StrandChanges* changes) const override {
-        const auto input = inputs[0].get<StrandSet>();
-        const auto previous = incremental.previous.get<StrandSet>();
-        if (!input || !previous || incremental.changes.empty()) return false;
-        const auto& changed = incremental.changes[0];
-        if (!changed || changed->all || !changed->sameLayout) return false;
+        const auto update = strandUpdate(inputs[0], incremental);
+        if (!update) return false;
         ++incrementalRuns;
         const std::int64_t fault = paramSet.getInt("fault", 0);
-        // The input's columns with the previous result's points: only the changed strands are
-        // lifted again.
-        auto set = std::make_shared<StrandSet>(*input);
-        StrandSet before(*previous);
-        set->moveColumnFrom(ColumnId::kPoints, before);
-        std::vector<Vec3f>& points = set->writePoints();
-        for (std::uint64_t s : changed->strands)
-            liftStrand(*input, s, points, fault == 2 ? 2.0f : 1.0f);
+        std::vector<Vec3f>& points = update->out->writePoints();
+        for (std::uint64_t s : update->strands)
+            liftStrand(*update->input, s, points, fault == 2 ? 2.0f : 1.0f);
         changes->all = false;
-        changes->strands = changed->strands;
+        changes->strands.assign(update->strands.begin(), update->strands.end());
         if (fault == 1 && !changes->strands.empty()) changes->strands.pop_back();
-        if (fault == 3) changes->strands.push_back(set->strandCount());
-        if (fault == 4) markHigh(*set);
-        *out = set;
+        if (fault == 3) changes->strands.push_back(update->out->strandCount());
+        if (fault == 4) markHigh(*update->out);
+        *out = update->out;
         return true;
     }
 
@@ -353,7 +339,6 @@ class ThinOp : public CountingOp {
 class GuideSourceOp : public CountingOp {
   public:
     std::string type() const override { return "EvalGuides"; }
-    std::vector<PortSpec> inputs() const override { return {}; }
     PortSpec output() const override { return {"out", PortType::Guides, false, ValueKind::Any}; }
     std::vector<ParamSpec> params() const override { return {param("count", std::int64_t{3})}; }
     Value evaluate(const EvalContext&, const std::vector<Value>&) const override {
@@ -393,7 +378,6 @@ class CurvesOp : public CountingOp {
 class ValueOp : public CountingOp {
   public:
     std::string type() const override { return "EvalValue"; }
-    std::vector<PortSpec> inputs() const override { return {}; }
     PortSpec output() const override { return {"value", PortType::Value, false, ValueKind::Any}; }
     std::vector<ParamSpec> params() const override {
         return {param("kind", std::string("number")), param("number", 1.0), param("timed", false)};
@@ -429,7 +413,6 @@ class FieldOp : public CountingOp {
   public:
     explicit FieldOp(bool lie = false) : lie_(lie) {}
     std::string type() const override { return lie_ ? "EvalLiar" : "EvalField"; }
-    std::vector<PortSpec> inputs() const override { return {}; }
     PortSpec output() const override {
         return {"field", lie_ ? PortType::Value : PortType::Field, false, ValueKind::Any};
     }
@@ -486,13 +469,12 @@ class ProbeOp : public CountingOp {
     }
 };
 
-// Stand-ins for the resolution walk: a Scatter that grows `ctx.resolution` segments, a Resample
-// with its `segments`, and an Output. Their type names are the real ones, so they are never
-// registered.
+// Stand-ins for the resolution walk: a Scatter that grows `ctx.resolution` segments, and a
+// Resample and an Output that hand on their input. Their type names are the real ones, so they are
+// never registered.
 class ScatterStandIn : public CountingOp {
   public:
     std::string type() const override { return "Scatter"; }
-    std::vector<PortSpec> inputs() const override { return {}; }
     std::uint64_t contextKey(const EvalContext& ctx, std::uint32_t,
                              const EvalContext&) const override {
         return static_cast<std::uint64_t>(ctx.resolution);
@@ -504,27 +486,23 @@ class ScatterStandIn : public CountingOp {
     }
 };
 
-class ResampleStandIn : public CountingOp {
+// A Resample (with its `segments`) or an Output: hands on its input.
+class PassStandIn : public CountingOp {
   public:
-    std::string type() const override { return "Resample"; }
+    explicit PassStandIn(std::string type) : type_(std::move(type)) {}
+    std::string type() const override { return type_; }
     std::vector<PortSpec> inputs() const override { return {strandsPort("strands", true)}; }
     std::vector<ParamSpec> params() const override {
+        if (type_ != "Resample") return {};
         return {param("segments", std::int64_t{16}, false)};
     }
     Value evaluate(const EvalContext&, const std::vector<Value>& inputs) const override {
         ++fullRuns;
         return inputs[0];
     }
-};
 
-class OutputStandIn : public CountingOp {
-  public:
-    std::string type() const override { return "Output"; }
-    std::vector<PortSpec> inputs() const override { return {strandsPort("strands", true)}; }
-    Value evaluate(const EvalContext&, const std::vector<Value>& inputs) const override {
-        ++fullRuns;
-        return inputs[0];
-    }
+  private:
+    std::string type_;
 };
 
 // Registers the "Eval..." types once per process; a type already there is left alone.
@@ -570,6 +548,28 @@ inline std::uint32_t addTestNode(Graph& graph, std::unique_ptr<Operator> op,
                                  const std::string& name) {
     op->declareParams();
     return graph.addNode(std::move(op), name);
+}
+
+// Adds nodes of registered test types, each fed on input 0 by the one before:
+// `auto [grow, lift] = addChain(graph, {{"EvalGrow", "grow"}, {"EvalLift", "lift"}});`
+struct NodeSpec {
+    const char* type;
+    const char* name;
+};
+template <std::size_t N>
+std::array<std::uint32_t, N> addChain(Graph& graph, const NodeSpec (&nodes)[N]) {
+    std::array<std::uint32_t, N> ids;
+    for (std::size_t i = 0; i < N; ++i) {
+        ids[i] = addTestNode(graph, nodes[i].type, nodes[i].name);
+        if (i > 0) graph.connect(ids[i - 1], ids[i], 0);
+    }
+    return ids;
+}
+
+// Feeds each node of `ids` into the next one's input 0.
+inline void connectChain(Graph& graph, std::initializer_list<std::uint32_t> ids) {
+    for (auto it = ids.begin(); it + 1 < ids.end(); ++it)
+        graph.connect(*it, *(it + 1), 0);
 }
 
 template <class Op>
