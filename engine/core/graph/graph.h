@@ -114,6 +114,9 @@ class Graph {
     std::vector<Value> evaluate(std::uint32_t id, const EvalContext& ctx);
     std::vector<Value> evaluateOutput(const EvalContext& ctx);
     const std::vector<Value>& cachedResults(std::uint32_t id) const;
+    // The position of node `id`'s output named `port`, for callers that pick an output by name.
+    // Throws GraphError "<node> has no output '<port>' (<its outputs>)".
+    std::size_t outputSlot(std::uint32_t id, std::string_view port) const;
     void invalidate(std::uint32_t id);
     void setCachingEnabled(bool enabled);
     bool cachingEnabled() const { return cachingEnabled_; }

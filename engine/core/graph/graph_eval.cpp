@@ -972,6 +972,17 @@ const std::vector<Value>& Graph::cachedResults(std::uint32_t id) const {
     return node(id).results;
 }
 
+std::size_t Graph::outputSlot(std::uint32_t id, std::string_view port) const {
+    const GraphNode& target = node(id);
+    const std::vector<PortSpec> outputs = target.op->outputs();
+    std::string list;
+    for (std::size_t slot = 0; slot < outputs.size(); ++slot) {
+        if (outputs[slot].name == port) return slot;
+        list += (slot ? ", " : "") + outputs[slot].name;
+    }
+    throw GraphError(target.name + " has no output '" + std::string(port) + "' (" + list + ")");
+}
+
 void Graph::invalidate(std::uint32_t id) {
     GraphNode& target = node(id);
     target.valid = false;

@@ -389,7 +389,7 @@ TEST(GraphEval, AffectBypassesMixesOrLeavesTheResult) {
     EXPECT_EQ(graph.notes.count(thin), 0u);
 }
 
-TEST(GraphEval, NotesFromParallelLoopsAndTheWrongNumberOfValues) {
+TEST(GraphEval, NotesFromParallelLoopsWrongOutputsAndUnknownNodes) {
     Graph graph;
     const auto [grow, lift] = addChain(graph, {{"EvalGrow", "grow"}, {"EvalLift", "lift"}});
     graph.operatorOf(grow).paramSet.set("count", std::int64_t{2000});
@@ -408,6 +408,9 @@ TEST(GraphEval, NotesFromParallelLoopsAndTheWrongNumberOfValues) {
     EXPECT_FALSE(graph.node(broken).valid);
     EXPECT_EQ(graph.runs.count(broken), 0u);
 
+    EXPECT_EQ(graph.outputSlot(broken, "same"), 1u);
+    EXPECT_EQ(graphError([&] { graph.outputSlot(broken, "tips"); }),
+              "broken has no output 'tips' (lifted, same)");
     EXPECT_EQ(graphError([&] { graph.evaluate(99, {}); }), "unknown node 99");
     EXPECT_EQ(graphError([&] { graph.evaluateOutput({}); }), "the graph has no output node");
 }
