@@ -307,18 +307,8 @@ std::unique_ptr<Graph> Graph::clone() const {
     auto copy = std::make_unique<Graph>();
     const OperatorRegistry& registry = OperatorRegistry::instance();
     for (const auto& [id, from] : nodes_) {
-        std::unique_ptr<Operator> op = registry.create(from.op->type());
-        op->paramSet.values = from.op->paramSet.values;
-        // An operator whose params follow its definition declares them again once it has it.
-        if (op->paramSet.spec("definition")) op->declareParams();
-        op->name = from.op->name;
-        op->savedVersion = from.op->savedVersion;
-        op->copyStateFrom(*from.op);
-        op->paramSet.fields.clear();
-        op->paramSet.curves.clear();
-
         GraphNode node;
-        node.op = std::move(op);
+        node.op = registry.recreate(*from.op);
         node.inputs = from.inputs;
         node.slots = from.slots;
         node.paramInputs = from.paramInputs;

@@ -375,14 +375,9 @@ void checkIncremental(const Operator& op, const std::vector<PortSpec>& outputs,
     const Operator* runner = &op;
     const OperatorRegistry& registry = OperatorRegistry::instance();
     if (registry.contains(op.type())) {
-        clone = registry.create(op.type());
-        clone->paramSet.values = op.paramSet.values;
-        if (clone->paramSet.spec("definition")) clone->declareParams();
+        clone = registry.recreate(op);
         clone->paramSet.fields = op.paramSet.fields;
         clone->paramSet.curves = op.paramSet.curves;
-        clone->name = op.name;
-        clone->savedVersion = op.savedVersion;
-        clone->copyStateFrom(op);
         runner = clone.get();
     }
     NoteList discarded;

@@ -145,6 +145,19 @@ std::unique_ptr<Operator> OperatorRegistry::create(std::string_view type) const 
     return op;
 }
 
+std::unique_ptr<Operator> OperatorRegistry::recreate(const Operator& op) const {
+    std::unique_ptr<Operator> copy = create(op.type());
+    copy->paramSet.values = op.paramSet.values;
+    // An operator whose params follow its definition declares them again once it has it.
+    if (copy->paramSet.spec("definition")) copy->declareParams();
+    copy->name = op.name;
+    copy->savedVersion = op.savedVersion;
+    copy->copyStateFrom(op);
+    copy->paramSet.fields.clear();
+    copy->paramSet.curves.clear();
+    return copy;
+}
+
 std::vector<std::string> OperatorRegistry::types() const {
     std::vector<std::string> names;
     names.reserve(entries_.size());

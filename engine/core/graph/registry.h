@@ -59,6 +59,9 @@ class OperatorRegistry {
     const OperatorInfo* info(std::string_view type) const;  // null for an unknown type
     // A new operator with its params declared. Throws GraphError "unknown operator type 'x'".
     std::unique_ptr<Operator> create(std::string_view type) const;
+    // A new operator of `op`'s type with its params, name, saved version and run-time state
+    // (copyStateFrom); fields and curves delivered to its params are not carried.
+    std::unique_ptr<Operator> recreate(const Operator& op) const;
     std::vector<std::string> types() const;  // name order
     std::string label(std::string_view type) const;
     // The upgrade steps of a type in version order (empty for none).
