@@ -90,6 +90,13 @@ const T* findAs(const std::map<std::string, ParamValue, std::less<>>& map, std::
     return found == map.end() ? nullptr : std::get_if<T>(&found->second);
 }
 
+// The value of one kind that a getter reads: what the user set, else the default.
+template <class T>
+const T* setOrDefault(const ParamSet& params, std::string_view name) {
+    if (const T* v = findAs<T>(params.values, name)) return v;
+    return params.defaults ? findAs<T>(*params.defaults, name) : nullptr;
+}
+
 }  // namespace
 
 std::string_view paramKindName(ParamKind kind) {
@@ -325,21 +332,14 @@ const ParamValue* ParamSet::lookup(std::string_view name) const {
 
 bool ParamSet::getBool(std::string_view name, bool fallback) const {
     noteRead(name);
-    if (const bool* v = findAs<bool>(values, name)) return *v;
-    if (defaults) {
-        if (const bool* v = findAs<bool>(*defaults, name)) return *v;
-    }
+    if (const bool* v = setOrDefault<bool>(*this, name)) return *v;
     return fallback;
 }
 
 std::int64_t ParamSet::getInt(std::string_view name, std::int64_t fallback) const {
     noteRead(name);
-    std::int64_t result = fallback;
-    if (const std::int64_t* v = findAs<std::int64_t>(values, name)) {
-        result = *v;
-    } else if (const std::int64_t* d = defaults ? findAs<std::int64_t>(*defaults, name) : nullptr) {
-        result = *d;
-    }
+    const std::int64_t* found = setOrDefault<std::int64_t>(*this, name);
+    const std::int64_t result = found ? *found : fallback;
     if (limits) {
         if (const auto found = limits->find(name); found != limits->end()) {
             const Limits& l = found->second;
@@ -376,19 +376,13 @@ double ParamSet::getFloat(std::string_view name, double fallback) const {
 
 std::string ParamSet::getString(std::string_view name, const std::string& fallback) const {
     noteRead(name);
-    if (const std::string* v = findAs<std::string>(values, name)) return *v;
-    if (defaults) {
-        if (const std::string* v = findAs<std::string>(*defaults, name)) return *v;
-    }
+    if (const std::string* v = setOrDefault<std::string>(*this, name)) return *v;
     return fallback;
 }
 
 Vec3f ParamSet::getVec3(std::string_view name, Vec3f fallback) const {
     noteRead(name);
-    if (const Vec3f* v = findAs<Vec3f>(values, name)) return *v;
-    if (defaults) {
-        if (const Vec3f* v = findAs<Vec3f>(*defaults, name)) return *v;
-    }
+    if (const Vec3f* v = setOrDefault<Vec3f>(*this, name)) return *v;
     return fallback;
 }
 
@@ -398,10 +392,7 @@ Ramp ParamSet::getRamp(std::string_view name, const Ramp& fallback) const {
     if (const auto found = curves.find(name); found != curves.end() && found->second) {
         return *found->second;
     }
-    if (const Ramp* v = findAs<Ramp>(values, name)) return *v;
-    if (defaults) {
-        if (const Ramp* v = findAs<Ramp>(*defaults, name)) return *v;
-    }
+    if (const Ramp* v = setOrDefault<Ramp>(*this, name)) return *v;
     return fallback;
 }
 
