@@ -1024,27 +1024,22 @@ void StrandSet::moveColumnFrom(ColumnId column, StrandSet& source) {
 }
 
 bool StrandSet::moveStrandChannelFrom(const std::string& name, StrandSet& source) {
-    auto from = source.strandChannels_.find(name);
-    if (from == source.strandChannels_.end()) return false;
-    if (&source == this) return true;
-    auto it = strandChannels_.find(name);
-    if (it == strandChannels_.end()) {
-        std::lock_guard guard(columnLock_);
-        it = strandChannels_.emplace(name, Channel{{emptyArray<float>()}, 0.0f}).first;
-    }
-    it->second.defaultValue = from->second.defaultValue;
-    moveArray(it->second.column, from->second.column, source);
-    return true;
+    return moveChannelFrom(&StrandSet::strandChannels_, name, source);
 }
 
 bool StrandSet::movePointChannelFrom(const std::string& name, StrandSet& source) {
-    auto from = source.pointChannels_.find(name);
-    if (from == source.pointChannels_.end()) return false;
+    return moveChannelFrom(&StrandSet::pointChannels_, name, source);
+}
+
+bool StrandSet::moveChannelFrom(ChannelMap StrandSet::*channels, const std::string& name,
+                                StrandSet& source) {
+    auto from = (source.*channels).find(name);
+    if (from == (source.*channels).end()) return false;
     if (&source == this) return true;
-    auto it = pointChannels_.find(name);
-    if (it == pointChannels_.end()) {
+    auto it = (this->*channels).find(name);
+    if (it == (this->*channels).end()) {
         std::lock_guard guard(columnLock_);
-        it = pointChannels_.emplace(name, Channel{{emptyArray<float>()}, 0.0f}).first;
+        it = (this->*channels).emplace(name, Channel{{emptyArray<float>()}, 0.0f}).first;
     }
     it->second.defaultValue = from->second.defaultValue;
     moveArray(it->second.column, from->second.column, source);

@@ -214,6 +214,9 @@ class StrandSet {
     void moveArray(Column<T>& column, Column<T>& source, StrandSet& sourceSet);
     template <class T>
     void appendValues(Column<T>& column, std::span<const T> values);
+    // The channel half of the move-a-column operations, for either channel map.
+    bool moveChannelFrom(ChannelMap StrandSet::*channels, const std::string& name,
+                         StrandSet& source);
     void mergeChannels(const StrandSet& other, std::size_t oldStrands, std::size_t oldPoints);
     // Builds `out` from the strands listed in `indices` (all below strandCount); the index array
     // becomes the new set's ids column.
