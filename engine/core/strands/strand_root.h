@@ -16,4 +16,8 @@ struct StrandRoot {
 };
 static_assert(sizeof(StrandRoot) == 12, "StrandRoot is dumped and hashed as 12 packed bytes");
 
+// A location on the scalp held by guides, parts, flow pins and markers. It is the same record as a
+// strand's root, so that a closest-point answer serves both without conversion.
+using SurfacePoint = StrandRoot;
+
 }  // namespace velmorin
