@@ -37,7 +37,8 @@ std::vector<MemoryReportLine> memoryReport() {
     }
     std::vector<MemoryReportLine> lines;
     lines.reserve(reporters.size());
-    for (const auto& [name, reporter] : reporters) lines.push_back({name, reporter()});
+    for (const auto& [name, reporter] : reporters)
+        lines.push_back({name, reporter()});
     return lines;
 }
 

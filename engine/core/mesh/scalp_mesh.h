@@ -53,7 +53,7 @@ struct ScalpPiece {
 // Adjacency of the triangles. It depends only on the triangle list and the point count, so a mesh
 // whose points move keeps it.
 class SurfaceTopology {
-public:
+  public:
     SurfaceTopology(std::span<const Triangle> triangles, std::size_t pointCount);
 
     std::size_t pointCount() const;
@@ -70,15 +70,15 @@ public:
     // A hash of the point count and the triangle list: equal for meshes of the same topology.
     std::uint64_t signature() const;
 
-private:
+  private:
     struct Data;
     std::shared_ptr<const Data> data_;
 };
 
 // A closest-point answer. A miss has `root.face` negative.
 struct ClosestPoint {
-    StrandRoot root;   // triangle and barycentric (u, v), see ScalpMesh::pointAt
-    Vec3f point;       // the surface point
+    StrandRoot root;  // triangle and barycentric (u, v), see ScalpMesh::pointAt
+    Vec3f point;      // the surface point
     float distance = 0.0f;
     bool found() const { return root.face >= 0; }
 };
@@ -115,7 +115,7 @@ struct SurfaceFrame {
 };
 
 class ScalpMesh {
-public:
+  public:
     class BvhTree;
     class LazyBvh;
 
@@ -164,7 +164,8 @@ public:
     ClosestPoint closestPoint(const Vec3f& position, float maxDistance = kUnbounded) const;
     // The nearest hit of the ray origin + t * direction for t in [0, maxDistance]; direction need
     // not be unit length, `distance` is measured in its units.
-    RayHit raycast(const Vec3f& origin, const Vec3f& direction, float maxDistance = kUnbounded) const;
+    RayHit raycast(const Vec3f& origin, const Vec3f& direction,
+                   float maxDistance = kUnbounded) const;
     // Appends to `out` every triangle whose bounding box reaches within `radius` of `center`.
     void trianglesNear(const Vec3f& center, float radius, std::vector<std::uint32_t>& out) const;
 
@@ -183,7 +184,7 @@ public:
 
     static constexpr float kUnbounded = 1.8446743e19f;  // sqrt of the largest f32
 
-private:
+  private:
     struct Derived;
     void dropDerived(bool keepTopology);
     void checkCorners(std::size_t count, const char* message) const;
