@@ -3,6 +3,7 @@
 #include <tbb/task_group.h>
 
 #include <algorithm>
+#include <cassert>
 #include <cmath>
 #include <cstring>
 #include <limits>
@@ -274,6 +275,7 @@ class ScalpMesh::BvhTree {
 
   private:
     static constexpr std::uint32_t kNoChild = ~0u;
+    static constexpr std::uint32_t kNoTriangle = ~0u;
 
     // The binary tree while building: each subtree's size follows from its triangle count alone,
     // so both halves of a node are built at once into slots known in advance.
@@ -304,11 +306,15 @@ class ScalpMesh::BvhTree {
                                       : 1 + nodeCount(leftCount(triangles)) +
                                             nodeCount(triangles - leftCount(triangles));
     }
+    // A triangle's centre beside its index, so that the partitions of the build move both at
+    // once and read memory in order.
+    struct Centre {
+        Vec3f at;
+        std::uint32_t triangle;
+    };
     void buildBinary(std::vector<BinaryNode>& nodes, std::uint32_t node, std::uint32_t first,
-                     std::uint32_t count, std::vector<Vec3f>& centres);
-    template <class MakeLeaf>
-    std::uint32_t collapse(const std::vector<BinaryNode>& binary, std::uint32_t node,
-                           const MakeLeaf& makeLeaf);
+                     std::uint32_t count, std::vector<Centre>& centres);
+    std::uint32_t collapse(const std::vector<BinaryNode>& binary, std::uint32_t node);
     // The squared distances from p to a node's four boxes (infinite for an empty slot).
     static void boxDistances(const Node& node, const Vec3f& p, float out[4]);
     static Child childOf(const Node& node, int k) { return {node.index[k], node.count[k]}; }
@@ -333,26 +339,42 @@ class ScalpMesh::BvhTree {
     Vec3f rootLo_, rootHi_;
     // Each leaf owns one block of four slots; slot s is lane s % 4 of block s / 4.
     std::vector<Block> blocks_;
-    std::vector<std::uint32_t> order_;  // triangle index of each slot (while building: of each
-                                        // binary slot)
+    std::vector<std::uint32_t> order_;  // triangle index of each slot, kNoTriangle if spare
 };
 
 ScalpMesh::BvhTree::BvhTree(const ScalpMesh& mesh) {
     const auto count = static_cast<std::uint32_t>(mesh.triangles_.size());
     if (count == 0) return;
-    order_.resize(count);
-    std::vector<Vec3f> centres(count);
+    std::vector<Centre> centres(count);
     const auto& points = mesh.points_;
     const auto& triangles = mesh.triangles_;
     parallelRange(0, count, 4096, [&](std::size_t begin, std::size_t end) {
         for (std::size_t t = begin; t < end; ++t) {
-            order_[t] = static_cast<std::uint32_t>(t);
             const Triangle& tri = triangles[t];
-            centres[t] = (points[tri[0]] + points[tri[1]] + points[tri[2]]) * (1.0f / 3.0f);
+            centres[t] = {(points[tri[0]] + points[tri[1]] + points[tri[2]]) * (1.0f / 3.0f),
+                          static_cast<std::uint32_t>(t)};
         }
     });
     std::vector<BinaryNode> binary(nodeCount(count));
     buildBinary(binary, 0, 0, count, centres);
+    // Every left part holds a multiple of four triangles, so each leaf starts at a multiple of
+    // four and fills one block; only the last leaf may leave lanes spare. Spare lanes repeat the
+    // block's first triangle and are never read.
+    const std::size_t blockCount = (count + 3) / 4;
+    order_.assign(blockCount * 4, kNoTriangle);
+    blocks_.resize(blockCount);
+    parallelRange(0, blockCount, 1024, [&](std::size_t begin, std::size_t end) {
+        for (std::size_t b = begin; b < end; ++b) {
+            for (std::uint32_t lane = 0; lane < 4; ++lane) {
+                const std::size_t slot = b * 4 + lane;
+                if (slot < count) order_[slot] = centres[slot].triangle;
+                const Triangle& tri = triangles[centres[slot < count ? slot : b * 4].triangle];
+                for (int k = 0; k < 3; ++k)
+                    for (int a = 0; a < 3; ++a)
+                        blocks_[b].corner[k][a][lane] = points[tri[k]][a];
+            }
+        }
+    });
     // Boxes bottom-up: children always sit after their parent, so a reverse pass sees them first.
     for (std::size_t n = binary.size(); n-- > 0;) {
         BinaryNode& node = binary[n];
@@ -361,9 +383,9 @@ ScalpMesh::BvhTree::BvhTree(const ScalpMesh& mesh) {
                      std::numeric_limits<float>::max()};
             Vec3f hi = -lo;
             for (std::uint32_t s = node.first; s < node.first + node.count; ++s) {
-                for (std::uint32_t corner : triangles[order_[s]]) {
-                    lo = minPerAxis(lo, points[corner]);
-                    hi = maxPerAxis(hi, points[corner]);
+                for (const Vec3f& corner : cornersOf(s)) {
+                    lo = minPerAxis(lo, corner);
+                    hi = maxPerAxis(hi, corner);
                 }
             }
             node.lo = lo;
@@ -377,56 +399,39 @@ ScalpMesh::BvhTree::BvhTree(const ScalpMesh& mesh) {
     }
     rootLo_ = binary[0].lo;
     rootHi_ = binary[0].hi;
-    std::vector<std::uint32_t> binaryOrder = std::move(order_);
-    order_.clear();
-    order_.reserve(binary.size() * 2);
-    blocks_.reserve(binary.size() / 2 + 1);
-    const auto leaf = [&](const BinaryNode& node) {
-        const auto first = static_cast<std::uint32_t>(order_.size());
-        Block& block = blocks_.emplace_back();
-        for (std::uint32_t lane = 0; lane < 4; ++lane) {
-            // Spare lanes repeat the first triangle; the walk never reads them.
-            const std::uint32_t t = binaryOrder[node.first + (lane < node.count ? lane : 0)];
-            order_.push_back(lane < node.count ? t : ~0u);
-            for (int k = 0; k < 3; ++k)
-                for (int a = 0; a < 3; ++a)
-                    block.corner[k][a][lane] = points[triangles[t][k]][a];
-        }
-        return Child{first, node.count};
-    };
     if (binary[0].count > 0) {
-        root_ = leaf(binary[0]);
+        root_ = {0, binary[0].count};
     } else {
         nodes_.reserve(binary.size() / 2 + 1);
-        root_ = {collapse(binary, 0, leaf), 0};
+        root_ = {collapse(binary, 0), 0};
     }
 }
 
 void ScalpMesh::BvhTree::buildBinary(std::vector<BinaryNode>& nodes, std::uint32_t node,
                                      std::uint32_t first, std::uint32_t count,
-                                     std::vector<Vec3f>& centres) {
+                                     std::vector<Centre>& centres) {
     if (count <= kLeafSize) {
         nodes[node].first = first;
         nodes[node].count = count;
         return;
     }
-    Vec3f lo = centres[order_[first]];
+    Vec3f lo = centres[first].at;
     Vec3f hi = lo;
     for (std::uint32_t s = first; s < first + count; ++s) {
-        lo = minPerAxis(lo, centres[order_[s]]);
-        hi = maxPerAxis(hi, centres[order_[s]]);
+        lo = minPerAxis(lo, centres[s].at);
+        hi = maxPerAxis(hi, centres[s].at);
     }
     const Vec3f extent = hi - lo;
     const int axis = extent.x >= extent.y && extent.x >= extent.z ? 0
                      : extent.y >= extent.z                       ? 1
                                                                   : 2;
     const std::uint32_t half = leftCount(count);
-    auto begin = order_.begin() + first;
+    auto begin = centres.begin() + first;
     // Ties broken by triangle index, so the tree does not depend on the sort's implementation.
-    std::nth_element(begin, begin + half, begin + count, [&](std::uint32_t a, std::uint32_t b) {
-        const float ca = centres[a][axis];
-        const float cb = centres[b][axis];
-        return ca < cb || (ca == cb && a < b);
+    std::nth_element(begin, begin + half, begin + count, [&](const Centre& a, const Centre& b) {
+        const float ca = a.at[axis];
+        const float cb = b.at[axis];
+        return ca < cb || (ca == cb && a.triangle < b.triangle);
     });
     const std::uint32_t left = node + 1;
     const std::uint32_t right = left + nodeCount(half);
@@ -445,9 +450,8 @@ void ScalpMesh::BvhTree::buildBinary(std::vector<BinaryNode>& nodes, std::uint32
 
 // Takes an inner binary node's two children and, while there is room for four, opens the inner
 // child with the largest box in place, so that the children stay in tree order.
-template <class MakeLeaf>
 std::uint32_t ScalpMesh::BvhTree::collapse(const std::vector<BinaryNode>& binary,
-                                           std::uint32_t node, const MakeLeaf& makeLeaf) {
+                                           std::uint32_t node) {
     std::uint32_t children[4] = {node + 1, binary[node].first, 0, 0};
     int childCount = 2;
     while (childCount < 4) {
@@ -480,9 +484,10 @@ std::uint32_t ScalpMesh::BvhTree::collapse(const std::vector<BinaryNode>& binary
         Vec3f hi = -lo;
         if (k < childCount) {
             const BinaryNode& c = binary[children[k]];
+            assert(c.count == 0 || c.first % 4 == 0);  // a leaf fills its own block
             lo = c.lo;
             hi = c.hi;
-            child = c.count > 0 ? makeLeaf(c) : Child{collapse(binary, children[k], makeLeaf), 0};
+            child = c.count > 0 ? Child{c.first, c.count} : Child{collapse(binary, children[k]), 0};
         }
         Node& out = nodes_[self];  // collapse may have grown the list
         for (int a = 0; a < 3; ++a) {
