@@ -38,6 +38,7 @@ class SurfaceGraph {
 
     // Scratch space for walks over one graph, to be kept by one thread for many walks: a walk
     // touches only the points it reaches, so its cost follows the distance, not the mesh's size.
+    // It holds the graph by reference: keep the graph's shared pointer for as long as the walk.
     class Walk {
       public:
         explicit Walk(const SurfaceGraph& graph);
