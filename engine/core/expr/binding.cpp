@@ -144,7 +144,10 @@ void enterStrand(const ExpressionBinding& binding, ExpressionState& state, std::
     state.pointInStrand = kNoPoint;
     state.arc = 0.0f;
 
-    const std::span<const Vec3f> points = strands.strandPoints(strand);
+    const StrandSet::PointRange range = strands.pointRange(strand);
+    state.pointBegin = range.begin;
+    state.pointCount = range.count;
+    const std::span<const Vec3f> points = strands.points().subspan(range.begin, range.count);
     const Vec3f root = points.empty() ? Vec3f{} : points.front();
     if (read & (0x3u << kSlotU)) {
         slot[kSlotU] = roots.uvs.empty() ? 0.0f : roots.uvs[2 * strand];
@@ -199,8 +202,8 @@ void enterStrand(const ExpressionBinding& binding, ExpressionState& state, std::
 
 void enterPoint(const ExpressionBinding& binding, ExpressionState& state, std::size_t k) {
     const ExpressionProgram& program = binding.program();
-    const StrandSet::PointRange range = binding.strands().pointRange(state.strand);
-    const std::span<const Vec3f> points = binding.strands().points();
+    const StrandSet::PointRange range{state.pointBegin, state.pointCount};
+    const Vec3f* points = binding.strands().points().data();
     const std::uint32_t read = program.slotsRead;
     float* slot = state.slots;
     if (read & (1u << kSlotT)) {
@@ -355,7 +358,7 @@ void evaluateAll(const ExpressionBinding& binding, std::span<T> out, ExpressionL
         };
         for (std::size_t s = begin; s < end; ++s) {
             enterStrand(binding, state, s);
-            const StrandSet::PointRange range = strands.pointRange(s);
+            const StrandSet::PointRange range{state.pointBegin, state.pointCount};
             if (level == ExpressionLevel::Strand) {
                 if (perPoint && range.count > 0) enterPoint(binding, state, 0);
                 out[s] = value();

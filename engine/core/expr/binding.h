@@ -97,7 +97,10 @@ struct ExpressionState {
     std::size_t channelCount = 0;
     std::size_t strand = 0;
     std::size_t point = kNoPoint;
-    // Where the walk along the strand is: the point within it and the arc length up to it.
+    // The current strand's points in the point columns, and where the walk along it is: the
+    // point within it and the arc length up to it.
+    std::size_t pointBegin = 0;
+    std::size_t pointCount = 0;
     std::size_t pointInStrand = kNoPoint;
     float arc = 0.0f;
 };

@@ -640,5 +640,37 @@ TEST(Expression, InlinedLocalsMeetTheOperationLimitByName) {
               "column 6)");
 }
 
+TEST(Expression, TablesStopAtTheirSize) {
+    const ExpressionEnvironment env = test::fixtureEnvironment();
+    auto message = [&](const std::string& source) -> std::string {
+        try {
+            compile(source, env, ExpressionType::Number);
+        } catch (const ExpressionError& e) {
+            return e.what();
+        }
+        return "compiled";
+    };
+    // 65535 curves fit the 16-bit index; the next call is refused where it stands.
+    const std::string curve = "curve($t, 0, 0, 1) + ";
+    std::string curves;
+    for (int i = 0; i < 65536; ++i)
+        curves += curve;
+    EXPECT_EQ(message(curves.substr(0, 65535 * curve.size()) + "0"), "compiled");
+    EXPECT_EQ(message(curves + "0"), "expression '" + curves + "0': too many curves at position " +
+                                         std::to_string(65535 * curve.size()));
+
+    std::string channels;
+    std::size_t last = 0;
+    for (int i = 0; i < 65536; ++i) {
+        last = channels.size();
+        channels += "$c" + std::to_string(i) + " + ";
+    }
+    EXPECT_EQ(message(channels + "0"),
+              "expression '" + channels +
+                  "0': the expression reads too many channels and maps (65535 at most) at "
+                  "position " +
+                  std::to_string(last));
+}
+
 }  // namespace
 }  // namespace velmorin
