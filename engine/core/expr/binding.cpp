@@ -206,6 +206,9 @@ void enterPoint(const ExpressionBinding& binding, ExpressionState& state, std::s
     const Vec3f* points = binding.strands().points().data();
     const std::uint32_t read = program.slotsRead;
     float* slot = state.slots;
+    auto pt = [&] {
+        return range.count > 1 ? static_cast<float>(k) / static_cast<float>(range.count - 1) : 0.0f;
+    };
     if (read & (1u << kSlotT)) {
         // The arc is summed point by point, as arcLength sums it.
         if (state.pointInStrand == kNoPoint || k < state.pointInStrand) {
@@ -215,15 +218,11 @@ void enterPoint(const ExpressionBinding& binding, ExpressionState& state, std::s
         for (std::size_t j = state.pointInStrand + 1; j <= k; ++j)
             state.arc += length(points[range.begin + j] - points[range.begin + j - 1]);
         const float len = slot[kSlotLength];
-        const float pt =
-            range.count > 1 ? static_cast<float>(k) / static_cast<float>(range.count - 1) : 0.0f;
-        slot[kSlotT] = len <= 1e-8f ? pt : state.arc / len;
+        slot[kSlotT] = len <= 1e-8f ? pt() : state.arc / len;
     }
     state.pointInStrand = k;
     state.point = range.begin + k;
-    if (read & (1u << kSlotPt))
-        slot[kSlotPt] =
-            range.count > 1 ? static_cast<float>(k) / static_cast<float>(range.count - 1) : 0.0f;
+    if (read & (1u << kSlotPt)) slot[kSlotPt] = pt();
     if (read & (0x7u << kSlotPx)) {
         const Vec3f p = points[range.begin + k];
         slot[kSlotPx] = p.x;
@@ -241,14 +240,14 @@ const float* run(const ExpressionProgram& program, const ExpressionState& s, flo
     float* sp = stack;
     const std::span<const ExpressionCurve> curves = program.curves;
     for (const Instruction& i : program.code) {
-        switch (i.op) {
-            case Opcode::PushConst:
+        switch (i.dispatch) {
+            case Dispatch::PushConst:
                 *sp++ = i.value;
                 break;
-            case Opcode::PushVar:
+            case Dispatch::PushVar:
                 *sp++ = s.slots[i.a];
                 break;
-            case Opcode::PushChannel: {
+            case Dispatch::PushChannel: {
                 float v = 0.0f;
                 if (i.index < s.channelCount) {
                     if (const float* column = s.strandChannels[i.index])
@@ -260,30 +259,50 @@ const float* run(const ExpressionProgram& program, const ExpressionState& s, flo
                 *sp++ = v;
                 break;
             }
-            case Opcode::Negate:
+            case Dispatch::Negate:
                 sp[-1] = -sp[-1];
                 break;
-            case Opcode::Binary:
+            case Dispatch::Add:
+                sp[-2] = sp[-2] + sp[-1];
+                --sp;
+                break;
+            case Dispatch::Subtract:
+                sp[-2] = sp[-2] - sp[-1];
+                --sp;
+                break;
+            case Dispatch::Multiply:
+                sp[-2] = sp[-2] * sp[-1];
+                --sp;
+                break;
+            case Dispatch::Divide:
+            case Dispatch::Power:
+            case Dispatch::Less:
+            case Dispatch::LessEqual:
+            case Dispatch::Greater:
+            case Dispatch::GreaterEqual:
+            case Dispatch::Equal:
+            case Dispatch::NotEqual:
+            case Dispatch::Remainder:
                 sp[-2] = binaryOp(static_cast<BinaryOp>(i.a), sp[-2], sp[-1]);
                 --sp;
                 break;
-            case Opcode::CallNumber: {
+            case Dispatch::CallNumber: {
                 const auto id = static_cast<FunctionId>(i.a);
                 float* args = sp - (readsCurve(id) ? 1 : i.index);
                 args[0] = callNumberFunction(id, args, i.b, curves, i.index);
                 sp = args + 1;
                 break;
             }
-            case Opcode::SelectNumber:
+            case Dispatch::SelectNumber:
                 sp[-3] = sp[-3] != 0.0f ? sp[-2] : sp[-1];
                 sp -= 2;
                 break;
-            case Opcode::NegateVector:
+            case Dispatch::NegateVector:
                 sp[-1] = -sp[-1];
                 sp[-2] = -sp[-2];
                 sp[-3] = -sp[-3];
                 break;
-            case Opcode::BinaryVector: {
+            case Dispatch::BinaryVector: {
                 const bool leftNumber = i.b & kLeftIsNumber, rightNumber = i.b & kRightIsNumber;
                 float* right = sp - (rightNumber ? 1 : 3);
                 float* left = right - (leftNumber ? 1 : 3);
@@ -297,7 +316,7 @@ const float* run(const ExpressionProgram& program, const ExpressionState& s, flo
                 sp = left + 3;
                 break;
             }
-            case Opcode::SelectVector: {
+            case Dispatch::SelectVector: {
                 float* result = sp - 7;
                 const float* chosen = result[0] != 0.0f ? sp - 6 : sp - 3;
                 result[0] = chosen[0];
@@ -306,7 +325,7 @@ const float* run(const ExpressionProgram& program, const ExpressionState& s, flo
                 sp = result + 3;
                 break;
             }
-            case Opcode::CallVector: {
+            case Dispatch::CallVector: {
                 const auto id = static_cast<FunctionId>(i.a);
                 float* args = sp - (readsCurve(id) ? 1 : i.index);
                 float result[3];
@@ -317,11 +336,11 @@ const float* run(const ExpressionProgram& program, const ExpressionState& s, flo
                 sp = args + 3;
                 break;
             }
-            case Opcode::Component:
+            case Dispatch::Component:
                 sp[-3] = sp[-3 + i.a];
                 sp -= 2;
                 break;
-            case Opcode::Widen:
+            case Dispatch::Widen:
                 sp[0] = sp[1] = sp[-1];
                 sp += 2;
                 break;

@@ -1541,6 +1541,38 @@ void scanCaptures(ExpressionProgram& program) {
     program.stackFloats = deepest;
 }
 
+Dispatch dispatchOf(const Instruction& i) {
+    switch (i.op) {
+        case Opcode::PushConst:
+            return Dispatch::PushConst;
+        case Opcode::PushVar:
+            return Dispatch::PushVar;
+        case Opcode::PushChannel:
+            return Dispatch::PushChannel;
+        case Opcode::Negate:
+            return Dispatch::Negate;
+        case Opcode::Binary:
+            return static_cast<Dispatch>(static_cast<int>(Dispatch::Add) + i.a);
+        case Opcode::CallNumber:
+            return Dispatch::CallNumber;
+        case Opcode::SelectNumber:
+            return Dispatch::SelectNumber;
+        case Opcode::NegateVector:
+            return Dispatch::NegateVector;
+        case Opcode::BinaryVector:
+            return Dispatch::BinaryVector;
+        case Opcode::SelectVector:
+            return Dispatch::SelectVector;
+        case Opcode::CallVector:
+            return Dispatch::CallVector;
+        case Opcode::Component:
+            return Dispatch::Component;
+        case Opcode::Widen:
+            return Dispatch::Widen;
+    }
+    return Dispatch::PushConst;
+}
+
 std::uint64_t programKey(const ExpressionProgram& program) {
     std::uint64_t h = hashText(0, "expression");
     for (const Instruction& i : program.code) {
@@ -1586,6 +1618,8 @@ std::shared_ptr<const ExpressionProgram> compile(std::string_view source,
     }
     compactTables(*program);
     scanCaptures(*program);
+    for (Instruction& i : program->code)
+        i.dispatch = dispatchOf(i);
     if (program->stackFloats > kStackFloats)
         throw ExpressionError(quoted + " is nested too deeply");
     if (type != expected) {
