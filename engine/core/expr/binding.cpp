@@ -133,6 +133,11 @@ ExpressionState::ExpressionState(const ExpressionBinding& binding)
     slots[kSlotLongest] = binding.longest();
 }
 
+ExpressionState::ExpressionState(const ExpressionProgram& program) {
+    slots[kSlotFrame] = program.frame;
+    slots[kSlotTime] = program.time;
+}
+
 void enterStrand(const ExpressionBinding& binding, ExpressionState& state, std::size_t strand) {
     const ExpressionProgram& program = binding.program();
     const StrandSet& strands = binding.strands();
@@ -406,6 +411,29 @@ Vec3f evaluateVector(const ExpressionProgram& program, const ExpressionState& st
     float stack[kStackFloats];
     const float* top = run(program, state, stack);
     return {top[-3], top[-2], top[-1]};
+}
+
+namespace {
+void checkUniform(const ExpressionProgram& program, ExpressionType type) {
+    if (!program.isUniform())
+        throw std::invalid_argument(
+            "evaluateUniform: the expression reads the strands; bind it and evaluate it per "
+            "strand");
+    if (program.resultType != type)
+        throw std::invalid_argument(
+            "evaluateUniform: the expression gives a " +
+            std::string(type == ExpressionType::Number ? "vector" : "number"));
+}
+}  // namespace
+
+float evaluateUniformNumber(const ExpressionProgram& program) {
+    checkUniform(program, ExpressionType::Number);
+    return evaluateNumber(program, ExpressionState(program));
+}
+
+Vec3f evaluateUniformVector(const ExpressionProgram& program) {
+    checkUniform(program, ExpressionType::Vector);
+    return evaluateVector(program, ExpressionState(program));
 }
 
 void evaluateExpression(const ExpressionBinding& binding, std::span<float> out,

@@ -90,6 +90,8 @@ inline constexpr std::size_t kNoPoint = std::numeric_limits<std::size_t>::max();
 // thread or chunk.
 struct ExpressionState {
     explicit ExpressionState(const ExpressionBinding& binding);
+    // A state of no strands, for a program that reads only frame, time and constants.
+    explicit ExpressionState(const ExpressionProgram& program);
 
     float slots[kSlotCount] = {};
     const float* const* strandChannels = nullptr;
@@ -114,6 +116,12 @@ void enterPoint(const ExpressionBinding& binding, ExpressionState& state, std::s
 // Runs the program in the state. The result type must match.
 float evaluateNumber(const ExpressionProgram& program, const ExpressionState& state);
 Vec3f evaluateVector(const ExpressionProgram& program, const ExpressionState& state);
+
+// The one value of a program that reads nothing per strand (program.isUniform()), as the
+// Expression node gives for a whole node. Throws std::invalid_argument for any other program, or
+// one of the other type.
+float evaluateUniformNumber(const ExpressionProgram& program);
+Vec3f evaluateUniformVector(const ExpressionProgram& program);
 
 enum class ExpressionLevel {
     Strand,  // one value per strand: a per-point program is read at the root

@@ -91,6 +91,8 @@ TEST(ExpressionBinding, TheFillFollowsWhatTheProgramReads) {
     EXPECT_EQ(rand->captures, kReadsStrand);
     EXPECT_EQ(rand->slotsRead, 1u << kSlotRand);
     EXPECT_TRUE(number("$frame * $time + $amount")->isUniform());
+    EXPECT_EQ(evaluateUniformNumber(*number("$frame * $time + $amount")), 6.5f);
+    EXPECT_THROW(evaluateUniformNumber(*number("$frame + $id")), std::invalid_argument);
     EXPECT_FALSE(number("$frame + $id")->isUniform());
     EXPECT_EQ(number("$t")->captures, kReadsStrand | kReadsPoint | kReadsArc);
     EXPECT_EQ(number("$lift")->captures, kReadsStrand | kReadsRoot | kReadsShape);
