@@ -414,25 +414,24 @@ Vec3f evaluateVector(const ExpressionProgram& program, const ExpressionState& st
 }
 
 namespace {
-void checkUniform(const ExpressionProgram& program, ExpressionType type) {
+void checkUniform(const ExpressionProgram& program, ExpressionType type, const char* operation) {
     if (!program.isUniform())
-        throw std::invalid_argument(
-            "evaluateUniform: the expression reads the strands; bind it and evaluate it per "
-            "strand");
+        throw std::invalid_argument(std::string(operation) +
+                                    ": the expression reads the strands; bind it and evaluate it "
+                                    "per strand");
     if (program.resultType != type)
-        throw std::invalid_argument(
-            "evaluateUniform: the expression gives a " +
-            std::string(type == ExpressionType::Number ? "vector" : "number"));
+        throw std::invalid_argument(std::string(operation) + ": the expression gives a " +
+                                    (type == ExpressionType::Number ? "vector" : "number"));
 }
 }  // namespace
 
 float evaluateUniformNumber(const ExpressionProgram& program) {
-    checkUniform(program, ExpressionType::Number);
+    checkUniform(program, ExpressionType::Number, "evaluateUniformNumber");
     return evaluateNumber(program, ExpressionState(program));
 }
 
 Vec3f evaluateUniformVector(const ExpressionProgram& program) {
-    checkUniform(program, ExpressionType::Vector);
+    checkUniform(program, ExpressionType::Vector, "evaluateUniformVector");
     return evaluateVector(program, ExpressionState(program));
 }
 
