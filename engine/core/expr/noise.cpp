@@ -1,0 +1,296 @@
+#include "expr/noise.h"
+
+#include <algorithm>
+#include <cmath>
+
+#include "base/hash.h"
+
+namespace velmorin {
+namespace {
+
+// std::floor, without the library call that a baseline x86-64 build makes of it. Floats of 2^23
+// and more are whole already; the sign of zero is kept, as std::floor keeps it.
+inline float floorOf(float x) {
+    if (!(std::fabs(x) < 8388608.0f)) return x;
+    const float t = static_cast<float>(static_cast<std::int32_t>(x));
+    return t > x ? t - 1.0f : std::copysign(t, x);
+}
+
+// The twelve edge directions of a cube.
+constexpr float kGradients[12][3] = {{1, 1, 0}, {-1, 1, 0}, {1, -1, 0}, {-1, -1, 0},
+                                     {1, 0, 1}, {-1, 0, 1}, {1, 0, -1}, {-1, 0, -1},
+                                     {0, 1, 1}, {0, -1, 1}, {0, 1, -1}, {0, -1, -1}};
+
+inline float corner(std::uint64_t h, int channel, float x, float y, float z) {
+    const float* g = kGradients[((h >> (16 * channel)) & 0xFFFFu) % 12u];
+    return g[0] * x + g[1] * y + g[2] * z;
+}
+
+inline float blend(float a, float b, float t) {
+    return a + (b - a) * t;
+}
+
+// Where p lies in its lattice cell: the cell's corner and the offset from it.
+struct Cell {
+    std::int64_t i[3];
+    float f[3];
+};
+
+inline Cell cellOf(const Vec3f& p) {
+    Cell c;
+    const float v[3] = {p.x, p.y, p.z};
+    for (int k = 0; k < 3; ++k) {
+        const float f = floorOf(v[k]);
+        c.i[k] = latticeFloor(f);
+        c.f[k] = v[k] - f;
+    }
+    return c;
+}
+
+// The eight corner hashes of a cell; `wrap` (nullable) repeats each axis after that many cells.
+inline void cornerHashes(const std::int64_t i[3], const std::int64_t* wrap, std::uint64_t seed,
+                         std::uint64_t h[8]) {
+    std::int64_t lo[3], hi[3];
+    for (int k = 0; k < 3; ++k) {
+        lo[k] = i[k];
+        // Unsigned arithmetic: a coordinate at the top of the range wraps instead of overflowing.
+        hi[k] = static_cast<std::int64_t>(static_cast<std::uint64_t>(i[k]) + 1u);
+        if (wrap && wrap[k] > 0) {
+            lo[k] = ((lo[k] % wrap[k]) + wrap[k]) % wrap[k];
+            hi[k] = lo[k] + 1 == wrap[k] ? 0 : lo[k] + 1;
+        }
+    }
+    // latticeHash corner by corner, with each axis's two products made once.
+    const std::uint64_t x[2] = {static_cast<std::uint64_t>(lo[0]) * 0x9E3779B185EBCA87ull,
+                                static_cast<std::uint64_t>(hi[0]) * 0x9E3779B185EBCA87ull};
+    const std::uint64_t y[2] = {static_cast<std::uint64_t>(lo[1]) * 0xC2B2AE3D27D4EB4Full,
+                                static_cast<std::uint64_t>(hi[1]) * 0xC2B2AE3D27D4EB4Full};
+    const std::uint64_t z[2] = {static_cast<std::uint64_t>(lo[2]) * 0x165667B19E3779F9ull,
+                                static_cast<std::uint64_t>(hi[2]) * 0x165667B19E3779F9ull};
+    for (int c = 0; c < 8; ++c) {
+        std::uint64_t v = seed ^ x[c & 1] ^ y[(c >> 1) & 1] ^ z[(c >> 2) & 1];
+        v ^= v >> 29;
+        v *= 0xBF58476D1CE4E5B9ull;
+        v ^= v >> 32;
+        h[c] = v;
+    }
+}
+
+inline float gradientChannel(const std::uint64_t h[8], const float f[3], int channel) {
+    const float x = f[0], y = f[1], z = f[2];
+    const float u = noiseFade(x), v = noiseFade(y), w = noiseFade(z);
+    const float x00 = blend(corner(h[0], channel, x, y, z), corner(h[1], channel, x - 1, y, z), u);
+    const float x10 =
+        blend(corner(h[2], channel, x, y - 1, z), corner(h[3], channel, x - 1, y - 1, z), u);
+    const float x01 =
+        blend(corner(h[4], channel, x, y, z - 1), corner(h[5], channel, x - 1, y, z - 1), u);
+    const float x11 = blend(corner(h[6], channel, x, y - 1, z - 1),
+                            corner(h[7], channel, x - 1, y - 1, z - 1), u);
+    return blend(blend(x00, x10, v), blend(x01, x11, v), w);
+}
+
+inline std::uint64_t sliceSeed(std::uint64_t seed, std::int64_t slice) {
+    return hashCombine(seed, static_cast<std::uint64_t>(slice));
+}
+
+inline float absolute(float x) {
+    return std::fabs(x);
+}
+inline Vec3f absolute(const Vec3f& v) {
+    return {std::fabs(v.x), std::fabs(v.y), std::fabs(v.z)};
+}
+
+float smoothUnit(float e0, float e1, float x) {
+    const float t = std::clamp((x - e0) / (e1 - e0), 0.0f, 1.0f);
+    return t * t * (3.0f - 2.0f * t);
+}
+
+// The shared fractal loop over any sample function of (point, seed).
+template <class T, class Sample>
+T fractalSum(const Vec3f& p, const Fractal& fractal, std::uint64_t seed, Sample sample) {
+    const float octavesHeld = std::isnan(fractal.octaves) ? 1.0f : fractal.octaves;
+    const int octaves = static_cast<int>(std::clamp(octavesHeld, 1.0f, 16.0f));
+    T sum{};
+    float amplitude = 1.0f, frequency = 1.0f, norm = 0.0f;
+    for (int o = 0; o < octaves; ++o) {
+        float weight = amplitude;
+        if (fractal.spacing > 0.0f)
+            weight *= 1.0f - smoothUnit(0.5f, 1.0f, fractal.spacing * frequency);
+        T n = sample(p * frequency, hashCombine(seed, static_cast<std::uint64_t>(o)));
+        if (fractal.absolute) n = absolute(n);
+        sum = sum + n * weight;
+        norm += amplitude;
+        amplitude *= fractal.gain;
+        frequency *= fractal.lacunarity;
+    }
+    // A gain that makes the amplitudes cancel leaves nothing to normalise by.
+    if (!(std::fabs(norm) > 1e-12f)) return T{};
+    return sum * (1.0f / norm);
+}
+
+}  // namespace
+
+std::int64_t latticeFloor(float x) {
+    const float f = floorOf(x);
+    constexpr float kLimit = 4.0e18f;  // inside the range of int64
+    if (!(f == f)) return 0;
+    if (f >= kLimit) return static_cast<std::int64_t>(kLimit);
+    if (f <= -kLimit) return -static_cast<std::int64_t>(kLimit);
+    return static_cast<std::int64_t>(f);
+}
+
+float gradientNoise(const Vec3f& p, std::uint64_t seed) {
+    const Cell c = cellOf(p);
+    std::uint64_t h[8];
+    cornerHashes(c.i, nullptr, seed, h);
+    return gradientChannel(h, c.f, 0);
+}
+
+Vec3f gradientNoiseVector(const Vec3f& p, std::uint64_t seed) {
+    const Cell c = cellOf(p);
+    std::uint64_t h[8];
+    cornerHashes(c.i, nullptr, seed, h);
+    return {gradientChannel(h, c.f, 0), gradientChannel(h, c.f, 1), gradientChannel(h, c.f, 2)};
+}
+
+float periodicNoise(const Vec3f& p, const Vec3f& period, std::uint64_t seed) {
+    const Cell c = cellOf(p);
+    std::int64_t wrap[3];
+    const float periods[3] = {period.x, period.y, period.z};
+    for (int k = 0; k < 3; ++k) {
+        // Whole cells only; a period below one cell, or a huge one, does not repeat.
+        const float cells = std::round(periods[k]);
+        wrap[k] = cells >= 1.0f && cells < 1.0e9f ? static_cast<std::int64_t>(cells) : 0;
+    }
+    std::uint64_t h[8];
+    cornerHashes(c.i, wrap, seed, h);
+    return gradientChannel(h, c.f, 0);
+}
+
+float gradientNoise4(const Vec3f& p, float w, std::uint64_t seed) {
+    const std::int64_t slice = latticeFloor(w);
+    const float f = w - floorOf(w);
+    const float a = gradientNoise(p, sliceSeed(seed, slice));
+    const float b = gradientNoise(
+        p, sliceSeed(seed, static_cast<std::int64_t>(static_cast<std::uint64_t>(slice) + 1u)));
+    return blend(a, b, noiseFade(f));
+}
+
+Vec3f gradientNoiseVector4(const Vec3f& p, float w, std::uint64_t seed) {
+    const std::int64_t slice = latticeFloor(w);
+    const float f = w - floorOf(w);
+    const Vec3f a = gradientNoiseVector(p, sliceSeed(seed, slice));
+    const Vec3f b = gradientNoiseVector(
+        p, sliceSeed(seed, static_cast<std::int64_t>(static_cast<std::uint64_t>(slice) + 1u)));
+    return lerp(a, b, noiseFade(f));
+}
+
+float fractalNoise(const Vec3f& p, const Fractal& fractal, std::uint64_t seed) {
+    return fractalSum<float>(p, fractal, seed, gradientNoise);
+}
+
+Vec3f fractalNoiseVector(const Vec3f& p, const Fractal& fractal, std::uint64_t seed) {
+    return fractalSum<Vec3f>(p, fractal, seed, gradientNoiseVector);
+}
+
+float fractalNoise4(const Vec3f& p, float w, const Fractal& fractal, std::uint64_t seed) {
+    // The fourth axis scales with the octave's frequency like the other three.
+    float frequency = 1.0f;
+    return fractalSum<float>(p, fractal, seed, [&](const Vec3f& q, std::uint64_t s) {
+        const float n = gradientNoise4(q, w * frequency, s);
+        frequency *= fractal.lacunarity;
+        return n;
+    });
+}
+
+Vec3f fractalNoiseVector4(const Vec3f& p, float w, const Fractal& fractal, std::uint64_t seed) {
+    float frequency = 1.0f;
+    return fractalSum<Vec3f>(p, fractal, seed, [&](const Vec3f& q, std::uint64_t s) {
+        const Vec3f n = gradientNoiseVector4(q, w * frequency, s);
+        frequency *= fractal.lacunarity;
+        return n;
+    });
+}
+
+namespace {
+inline float hashUnit(std::uint64_t h) {
+    return static_cast<float>(h >> 40) * (1.0f / 16777216.0f);
+}
+inline std::uint64_t cellHash(const Vec3f& p) {
+    return latticeHash(kCellNoiseSeed, latticeFloor(p.x), latticeFloor(p.y), latticeFloor(p.z));
+}
+}  // namespace
+
+float cellNoise(const Vec3f& p) {
+    return hashUnit(cellHash(p));
+}
+
+Vec3f cellNoiseVector(const Vec3f& p) {
+    const std::uint64_t h = cellHash(p);
+    return {hashUnit(h), unitFloat(h + 1), unitFloat(h + 2)};
+}
+
+VoronoiCells voronoiCells(const Vec3f& p, float jitter) {
+    const float j = std::isnan(jitter) ? 0.0f : std::clamp(jitter, 0.0f, 1.0f);
+    const std::int64_t base[3] = {latticeFloor(p.x), latticeFloor(p.y), latticeFloor(p.z)};
+    // Offsets from the base cell keep the arithmetic small where p is far from the origin.
+    const Vec3f local{p.x - floorOf(p.x), p.y - floorOf(p.y), p.z - floorOf(p.z)};
+    VoronoiCells out;
+    float best = 3.4e38f, second = 3.4e38f;
+    std::uint64_t bestHash = 0;
+    Vec3f bestOffset;
+    for (int dz = -1; dz <= 1; ++dz)
+        for (int dy = -1; dy <= 1; ++dy)
+            for (int dx = -1; dx <= 1; ++dx) {
+                const auto at = [&](int k, int d) {
+                    return static_cast<std::int64_t>(static_cast<std::uint64_t>(base[k]) +
+                                                     static_cast<std::uint64_t>(d));
+                };
+                const std::uint64_t h = latticeHash(kVoronoiSeed, at(0, dx), at(1, dy), at(2, dz));
+                constexpr float kUnit21 = 1.0f / 2097152.0f;
+                const Vec3f offset{
+                    static_cast<float>(dx) + 0.5f +
+                        j * (static_cast<float>(h & 0x1FFFFF) * kUnit21 - 0.5f),
+                    static_cast<float>(dy) + 0.5f +
+                        j * (static_cast<float>((h >> 21) & 0x1FFFFF) * kUnit21 - 0.5f),
+                    static_cast<float>(dz) + 0.5f +
+                        j * (static_cast<float>((h >> 42) & 0x1FFFFF) * kUnit21 - 0.5f)};
+                const float d2 = lengthSquared(offset - local);
+                if (d2 < best) {
+                    second = best;
+                    best = d2;
+                    bestHash = h;
+                    bestOffset = offset;
+                } else if (d2 < second) {
+                    second = d2;
+                }
+            }
+    out.f1 = std::sqrt(best);
+    out.f2 = std::sqrt(second);
+    out.point = Vec3f{floorOf(p.x), floorOf(p.y), floorOf(p.z)} + bestOffset;
+    out.color = {unitFloat(bestHash), unitFloat(bestHash + 1), unitFloat(bestHash + 2)};
+    return out;
+}
+
+float voronoiValue(const VoronoiCells& cells, float type) {
+    const float held = std::isnan(type) ? 1.0f : std::clamp(std::round(type), 1.0f, 5.0f);
+    switch (static_cast<int>(held)) {
+        case 1:
+            return cells.color.x;
+        case 2:
+            return cells.f1;
+        case 3:
+            return cells.f2;
+        case 4:
+            return cells.f2 - cells.f1;
+        default:
+            return 1.0f - smoothUnit(0.0f, 0.1f, cells.f2 - cells.f1);
+    }
+}
+
+Vec3f voronoiDisplaced(const Vec3f& p, float fbmScale, const Fractal& fractal) {
+    if (!(fbmScale > 0.0f)) return p;
+    return p + fractalNoiseVector(p, fractal, kVoronoiSeed) * fbmScale;
+}
+
+}  // namespace velmorin

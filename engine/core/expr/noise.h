@@ -1,0 +1,90 @@
+#pragma once
+// Lattice noise: improved gradient noise on a hashed integer lattice, its fractal sums, cell noise
+// and Voronoi cells. Expressions call it, and so do the operators that shape strands with noise.
+// Every value is a pure function of the position and a seed, so that results never depend on
+// thread count or order. Values are stable: tests pin a few exact numbers.
+
+#include <cstdint>
+
+#include "base/vec3.h"
+
+namespace velmorin {
+
+// Family seeds: each family of functions has its own, so that the families are independent.
+inline constexpr std::uint64_t kNoiseSeed = 0x6E01;         // noise, snoise, fbm, turbulence
+inline constexpr std::uint64_t kVectorNoiseSeed = 0x6E02;   // vnoise, cnoise and their fractals
+inline constexpr std::uint64_t kCellNoiseSeed = 0x6E03;     // cellnoise, ccellnoise
+inline constexpr std::uint64_t kNoise4Seed = 0x6E04;        // noise(x, y, z, w), snoise4, fbm4
+inline constexpr std::uint64_t kVectorNoise4Seed = 0x6E05;  // vnoise4, cnoise4, vfbm4, cfbm4
+inline constexpr std::uint64_t kVoronoiSeed = 0xC0C1;       // voronoi, cvoronoi, pvoronoi
+
+// The hash of one lattice corner. The coordinates are sign-extended to 64 bits.
+constexpr std::uint64_t latticeHash(std::uint64_t seed, std::int64_t ix, std::int64_t iy,
+                                    std::int64_t iz) {
+    std::uint64_t h = seed ^ (static_cast<std::uint64_t>(ix) * 0x9E3779B185EBCA87ull) ^
+                      (static_cast<std::uint64_t>(iy) * 0xC2B2AE3D27D4EB4Full) ^
+                      (static_cast<std::uint64_t>(iz) * 0x165667B19E3779F9ull);
+    h ^= h >> 29;
+    h *= 0xBF58476D1CE4E5B9ull;
+    h ^= h >> 32;
+    return h;
+}
+
+// The quintic blend 6t^5 - 15t^4 + 10t^3.
+constexpr float noiseFade(float t) {
+    return t * t * t * (t * (t * 6.0f - 15.0f) + 10.0f);
+}
+
+// floor(x) as a lattice coordinate; NaN gives 0 and huge values are held in range, so that no
+// input is undefined.
+std::int64_t latticeFloor(float x);
+
+// One octave of gradient noise, about -1 to 1. `vector` fills all three components from the
+// three gradient channels of each corner; the scalar form is channel 0.
+float gradientNoise(const Vec3f& p, std::uint64_t seed);
+Vec3f gradientNoiseVector(const Vec3f& p, std::uint64_t seed);
+// The same with every lattice axis repeating after `period` cells (axes with a period below 1
+// do not repeat).
+float periodicNoise(const Vec3f& p, const Vec3f& period, std::uint64_t seed);
+// Four dimensions: two 3D samples on the slices either side of w, blended by fade.
+float gradientNoise4(const Vec3f& p, float w, std::uint64_t seed);
+Vec3f gradientNoiseVector4(const Vec3f& p, float w, std::uint64_t seed);
+
+// A fractal sum: octave o is sampled at p * lacunarity^o with amplitude gain^o and the seed
+// hashCombine(seed, o); the sum is divided by the sum of amplitudes. Octaves are held to 1..16.
+// With `spacing` above 0 (the distance between samples, in units of p), an octave whose cells
+// are finer than the sampling fades out by 1 - smoothstep(0.5, 1, spacing * frequency); its
+// amplitude still counts in the norm. `absolute` sums |noise| (turbulence).
+struct Fractal {
+    float octaves = 6.0f;
+    float lacunarity = 2.0f;
+    float gain = 0.5f;
+    float spacing = 0.0f;
+    bool absolute = false;
+};
+float fractalNoise(const Vec3f& p, const Fractal& fractal, std::uint64_t seed);
+Vec3f fractalNoiseVector(const Vec3f& p, const Fractal& fractal, std::uint64_t seed);
+float fractalNoise4(const Vec3f& p, float w, const Fractal& fractal, std::uint64_t seed);
+Vec3f fractalNoiseVector4(const Vec3f& p, float w, const Fractal& fractal, std::uint64_t seed);
+
+// A 0-1 value per unit cell (the hash of floor(p)), and three of them.
+float cellNoise(const Vec3f& p);
+Vec3f cellNoiseVector(const Vec3f& p);
+
+// Voronoi cells: every unit cell holds one point, at a hashed offset of up to jitter / 2 from
+// the cell's centre (jitter held to 0..1). f1 and f2 are the nearest and second-nearest
+// distances; `point` and `color` belong to the nearest cell.
+struct VoronoiCells {
+    float f1 = 0.0f;
+    float f2 = 0.0f;
+    Vec3f point;
+    Vec3f color;  // three 0-1 values of the nearest cell
+};
+VoronoiCells voronoiCells(const Vec3f& p, float jitter);
+// The value of a Voronoi type (1 cell value, 2 f1, 3 f2, 4 f2 - f1, 5 edges) at p; type is
+// rounded and held to 1..5. Before the search, p is displaced by fbmScale times fractal vector
+// noise when fbmScale is above 0.
+float voronoiValue(const VoronoiCells& cells, float type);
+Vec3f voronoiDisplaced(const Vec3f& p, float fbmScale, const Fractal& fractal);
+
+}  // namespace velmorin
