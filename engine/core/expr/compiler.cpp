@@ -571,7 +571,7 @@ std::int32_t Compiler::mapIndex(const std::string& written, std::size_t at, cons
     if (!env_.resolveMap)
         fail(at, "no maps are given to this expression, so " + fn + "(\"" + name +
                      "\") can't be read here");
-    std::shared_ptr<const ExpressionMap> map;
+    std::shared_ptr<const ExpressionMapSource> map;
     try {
         map = env_.resolveMap(name);
     } catch (const ExpressionError& e) {

@@ -18,7 +18,7 @@ const char* const kExpressionVariablesHelp =
     "Maya); a number measuring something says so, {\"value\": 2, \"unit\": \"length\"} (length, "
     "width, density, perLength), so presets fit it to the scalp";
 
-ExpressionMap::~ExpressionMap() = default;
+ExpressionMapSource::~ExpressionMapSource() = default;
 
 const ExpressionVariable* ExpressionEnvironment::variable(std::string_view name) const {
     for (const ExpressionVariable& v : variables)

@@ -19,9 +19,9 @@ struct EvalContext;
 
 // A map as an expression reads it: a color at each strand's root. Whoever resolves map names
 // (the mapped params) implements it; the expression code only samples it when it binds.
-class ExpressionMap {
+class ExpressionMapSource {
   public:
-    virtual ~ExpressionMap();
+    virtual ~ExpressionMapSource();
     // Writes red, green, blue and alpha for every strand of `strands` at its root into `rgba`
     // (four floats per strand, rgba.size() == 4 * strandCount). Called once per binding, from
     // one thread (it may run parallel loops of its own). Throws ExpressionError with a sentence
@@ -42,7 +42,7 @@ struct ExpressionVariable {
 // Resolves a map's name; returns null when the groom has no map of that name. May throw
 // ExpressionError with a sentence that names the map (a texture map without its image...).
 using ExpressionMapResolver =
-    std::function<std::shared_ptr<const ExpressionMap>(std::string_view name)>;
+    std::function<std::shared_ptr<const ExpressionMapSource>(std::string_view name)>;
 
 struct ExpressionEnvironment {
     double frame = 0.0;

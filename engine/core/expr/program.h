@@ -12,7 +12,7 @@
 
 namespace velmorin {
 
-class ExpressionMap;
+class ExpressionMapSource;
 
 // What an expression gives, by its width on the stack.
 enum class ExpressionType : std::uint8_t { Number = 1, Vector = 3 };
@@ -182,7 +182,7 @@ struct ChannelRead {
 
 struct MapUse {
     std::string name;
-    std::shared_ptr<const ExpressionMap> map;
+    std::shared_ptr<const ExpressionMapSource> map;
 };
 
 struct ExpressionProgram {

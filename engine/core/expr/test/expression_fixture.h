@@ -16,7 +16,7 @@
 namespace velmorin::test {
 
 // A map of one color everywhere.
-class FlatMap : public ExpressionMap {
+class FlatMap : public ExpressionMapSource {
   public:
     explicit FlatMap(std::array<float, 4> rgba) : rgba_(rgba) {}
     void sampleRoots(const StrandSet& strands, std::span<float> rgba) const override {
@@ -61,7 +61,7 @@ inline ExpressionEnvironment fixtureEnvironment() {
     env.frame = 12.0;
     env.time = 0.5;
     env.variables = readExpressionVariables(R"({"amount": 0.5, "center": [0, 1, 0]})");
-    env.resolveMap = [](std::string_view name) -> std::shared_ptr<const ExpressionMap> {
+    env.resolveMap = [](std::string_view name) -> std::shared_ptr<const ExpressionMapSource> {
         if (name == "density")
             return std::make_shared<FlatMap>(std::array<float, 4>{0.5f, 0.25f, 1.0f, 0.75f});
         if (name == "broken")
