@@ -299,11 +299,21 @@ std::shared_ptr<const FlowField> FlowField::build(const FlowSet& set, const Scal
 }
 
 Vec3f FlowField::at(const ScalpMesh& scalp, const SurfacePoint& root) const {
+    return atRoot(scalp, scalp.vertexNormals(), root);
+}
+
+Vec3f FlowField::atRoot(const ScalpMesh& scalp, std::span<const Vec3f> normals,
+                        const SurfacePoint& root) const {
     if (!detail::isUsableLocation(scalp, root)) return {};
-    const Vec3f normal = scalp.normalAt(root);
+    const Triangle& corners = scalp.triangles()[root.face];
+    const float w0 = 1.0f - root.u - root.v;
+    // The smooth normal as ScalpMesh::normalAt gives it, from normals fetched once per batch.
+    Vec3f normal =
+        normals[corners[0]] * w0 + normals[corners[1]] * root.u + normals[corners[2]] * root.v;
+    const float normalLength = length(normal);
+    normal = normalLength > 1e-20f ? normal / normalLength
+                                   : normalized(scalp.faceNormal(root.face), {0.0f, 1.0f, 0.0f});
     if (directions_.size() == scalp.pointCount()) {
-        const Triangle& corners = scalp.triangles()[root.face];
-        const float w0 = 1.0f - root.u - root.v;
         Vec3f blend = directions_[corners[0]] * w0 + directions_[corners[1]] * root.u +
                       directions_[corners[2]] * root.v;
         blend -= normal * dot(blend, normal);

@@ -135,6 +135,9 @@ class FlowField {
                   std::span<Vec3f> out) const;
 
   private:
+    Vec3f atRoot(const ScalpMesh& scalp, std::span<const Vec3f> normals,
+                 const SurfacePoint& root) const;
+
     std::vector<Vec3f> directions_;
     FlowSources sources_;
     std::uint64_t key_ = 0;

@@ -59,7 +59,8 @@ TEST(FlowLaw, PinsGiveTheHandComputedDirections) {
     // At (0.5, 0, 0): r2 = 0.25; weights 0.25 / (0.25 + 0.0625) = 0.8 and 0.25 / (2.25 + 0.0625)
     // = 0.108108, squared 0.64 and 0.0116873.
     const FlowSet two{{pinAt({0, 0, 0}, {1, 0, 0}), pinAt({2, 0, 0}, {0, 0, 1})}, {}};
-    expectNear(flowAt(two, {0.5f, 0, 0}), Vec3f{0.64f, 0, 0.0116873f} / std::hypot(0.64f, 0.0116873f));
+    expectNear(flowAt(two, {0.5f, 0, 0}),
+               Vec3f{0.64f, 0, 0.0116873f} / std::hypot(0.64f, 0.0116873f));
 
     // Only the six nearest count: a seventh pin farther off changes nothing.
     FlowSet seven;
@@ -77,7 +78,10 @@ TEST(FlowLaw, EachSinkKindTurnsTheOutwardDirectionByItsAngle) {
     const struct {
         const char* kind;
         Vec3f expected;
-    } cases[] = {{"whorl", {c, 0, -s}}, {"whorlcw", {c, 0, s}}, {"converge", {-1, 0, 0}}, {"part", {1, 0, 0}}};
+    } cases[] = {{"whorl", {c, 0, -s}},
+                 {"whorlcw", {c, 0, s}},
+                 {"converge", {-1, 0, 0}},
+                 {"part", {1, 0, 0}}};
     for (const auto& k : cases) {
         // Out from the centre along +x, inside the full-weight core: the sink alone decides.
         const FlowSet set{{pinAt({3, 0, 3}, {0, 0, 1})}, {sinkAt({0, 0, 0}, k.kind, 2.0f)}};
@@ -119,10 +123,18 @@ TEST(FlowPin, IsFlattenedIntoTheSurfaceOrRefused) {
     const FlowPin pin = pinFromSurface(plane(), at, {3, 4, 0});
     expectNear(plane().frameAt(at).directionToWorld(pin.direction), {1, 0, 0});
     EXPECT_EQ(pin.line, -1);
-    expectMessage([&] { pinFromSurface(plane(), at, {0, 2, 0}); },
-                  "flow pin: the direction is along the surface normal");
-    for (const SurfacePoint off : {SurfacePoint{-1, 0, 0}, SurfacePoint{200, 0, 0}, SurfacePoint{0, 2.0f, 0}}) {
-        expectMessage([&] { pinFromSurface(plane(), off, {1, 0, 0}); }, "flow pin: not a point on the scalp");
+    expectMessage(
+        [&] {
+            pinFromSurface(plane(), at, {0, 2, 0});
+        },
+        "flow pin: the direction is along the surface normal");
+    for (const SurfacePoint off :
+         {SurfacePoint{-1, 0, 0}, SurfacePoint{200, 0, 0}, SurfacePoint{0, 2.0f, 0}}) {
+        expectMessage(
+            [&] {
+                pinFromSurface(plane(), off, {1, 0, 0});
+            },
+            "flow pin: not a point on the scalp");
     }
 }
 
@@ -132,7 +144,8 @@ TEST(FlowField, HoldsTheLawAtVerticesAndFallsBackWhereTheyDisagree) {
     const auto field = FlowField::build(set, plane());
     const auto normals = plane().vertexNormals();
     for (std::size_t v = 0; v < plane().pointCount(); v += 7) {
-        EXPECT_EQ(field->directions()[v], field->sources().directionAt(plane().points()[v], normals[v]));
+        EXPECT_EQ(field->directions()[v],
+                  field->sources().directionAt(plane().points()[v], normals[v]));
     }
     // A root between vertices that agree reads their blend...
     const SurfacePoint agree = plane().closestPoint({-3.4f, 0, 1.3f}).root;
@@ -160,23 +173,27 @@ TEST(FlowField, EvaluatesRootsAlikeOnOneThreadAndTwo) {
     std::vector<SurfacePoint> roots;
     for (int k = 0; k < 5000; ++k) {
         const std::uint64_t h = hashCombine(12, k);
-        roots.push_back(plane().closestPoint({unitFloat(h) * 10 - 5, 0, unitFloat(h + 1) * 10 - 5}).root);
+        roots.push_back(
+            plane().closestPoint({unitFloat(h) * 10 - 5, 0, unitFloat(h + 1) * 10 - 5}).root);
     }
     std::vector<Vec3f> one(roots.size()), two(roots.size());
     runWithThreads(1, [&] { field->evaluate(plane(), roots, one); });
     runWithThreads(2, [&] { field->evaluate(plane(), roots, two); });
     EXPECT_EQ(one, two);
     EXPECT_EQ(one[17], field->at(plane(), roots[17]));
-    expectMessage([&] { field->evaluate(plane(), roots, std::span(two).first(3)); }, "FlowField: one result per root");
-    expectMessage([&] { field->evaluate(*makeUvPlane(1.0f, 2), roots, two); }, "FlowField: built on another scalp");
+    expectMessage([&] { field->evaluate(plane(), roots, std::span(two).first(3)); },
+                  "FlowField: one result per root");
+    expectMessage([&] { field->evaluate(*makeUvPlane(1.0f, 2), roots, two); },
+                  "FlowField: built on another scalp");
 }
 
 TEST(FlowData, ReadsAndWritesPinsAndSinks) {
     FlowSet set;
     set.pins.push_back({3, 0.25f, 0.5f, {0.1f, 0, -1}, -1, -1});
     set.pins.push_back({4, 0.0f, 1.0f, {1, 0, 0}, 2, 7});
-    EXPECT_EQ(set.toJson(), R"({"pins":[{"face":[3,0.25,0.5],"dir":[0.1,0.0,-1.0]},)"
-                            R"({"face":[4,0.0,1.0],"dir":[1.0,0.0,0.0],"line":2,"seq":7}],"version":1})");
+    EXPECT_EQ(set.toJson(),
+              R"({"pins":[{"face":[3,0.25,0.5],"dir":[0.1,0.0,-1.0]},)"
+              R"({"face":[4,0.0,1.0],"dir":[1.0,0.0,0.0],"line":2,"seq":7}],"version":1})");
     set.sinks.push_back({9, 0.1f, 0.2f, -70.0f, 1.5f});
     EXPECT_EQ(FlowSet::fromJson(set.toJson()), set);
     EXPECT_EQ(FlowSet::fromJson(""), FlowSet{});
@@ -188,16 +205,21 @@ TEST(FlowData, ReadsAndWritesPinsAndSinks) {
     } cases[] = {
         {"[]", "flow data: expected an object with pins and sinks"},
         {R"({"pins":{}})", "flow data: \"pins\" is not a list of pins"},
-        {R"({"pins":[{"face":[1,0],"dir":[1,0,0]}]})", "flow data: pin 1 needs \"face\": [face, u, v]"},
-        {R"({"pins":[{"face":[1.5,0,0],"dir":[1,0,0]}]})", "flow data: pin 1 needs \"face\": [face, u, v]"},
+        {R"({"pins":[{"face":[1,0],"dir":[1,0,0]}]})",
+         "flow data: pin 1 needs \"face\": [face, u, v]"},
+        {R"({"pins":[{"face":[1.5,0,0],"dir":[1,0,0]}]})",
+         "flow data: pin 1 needs \"face\": [face, u, v]"},
         {R"({"pins":[{"face":[1,0,0]}]})", "flow data: pin 1 needs \"dir\": [x, y, z]"},
         {R"({"pins":[{"face":[1,0,0],"dir":[1,0,0],"line":"a"}]})",
          "flow data: pin 1 has a line that is not a whole number"},
-        {R"({"sinks":[{"face":[1,0,0],"radius":1}]})", "flow data: sink 1 needs an \"angle\" in degrees"},
+        {R"({"sinks":[{"face":[1,0,0],"radius":1}]})",
+         "flow data: sink 1 needs an \"angle\" in degrees"},
         {R"({"sinks":[{"face":[1,0,0],"angle":1}]})", "flow data: sink 1 needs a \"radius\""},
-        {R"({"version":2})", "flow data is of version 2, newer than this Velmorin reads: update Velmorin"},
+        {R"({"version":2})",
+         "flow data is of version 2, newer than this Velmorin reads: update Velmorin"},
     };
-    for (const auto& c : cases) expectMessage<SchemaError>([&] { FlowSet::fromJson(c.text); }, c.message);
+    for (const auto& c : cases)
+        expectMessage<SchemaError>([&] { FlowSet::fromJson(c.text); }, c.message);
 }
 
 TEST(FlowData, MovesToANewScalpThroughTheMap) {
@@ -216,8 +238,10 @@ TEST(FlowData, MovesToANewScalpThroughTheMap) {
                normalized(Vec3f{-1, 0, 1}));
     EXPECT_NEAR(moved.sinks[0].radius, 3.0f, 1e-4f);
 
-    expectMessage([&] { set.transferred(plane(), ScalpMesh()); }, "transfer: the new scalp has no faces");
-    expectMessage([&] { set.transferred(ScalpMesh(), plane()); }, "transfer: the old scalp has no faces");
+    expectMessage([&] { set.transferred(plane(), ScalpMesh()); },
+                  "transfer: the new scalp has no faces");
+    expectMessage([&] { set.transferred(ScalpMesh(), plane()); },
+                  "transfer: the old scalp has no faces");
 }
 
 TEST(PointTree, AnswersAsAScanInIndexOrder) {
@@ -230,14 +254,17 @@ TEST(PointTree, AnswersAsAScanInIndexOrder) {
     const PointTree tree(points);
     for (int q = 0; q < 200; ++q) {
         const std::uint64_t h = mix64(1000 + q);
-        const Vec3f p{float(h % 17) * 0.5f, float((h >> 8) % 9) * 0.5f, float((h >> 16) % 17) * 0.5f};
+        const Vec3f p{float(h % 17) * 0.5f, float((h >> 8) % 9) * 0.5f,
+                      float((h >> 16) % 17) * 0.5f};
         std::vector<std::pair<float, std::uint32_t>> scan;
-        for (std::uint32_t i = 0; i < points.size(); ++i) scan.emplace_back(lengthSquared(points[i] - p), i);
+        for (std::uint32_t i = 0; i < points.size(); ++i)
+            scan.emplace_back(lengthSquared(points[i] - p), i);
         std::sort(scan.begin(), scan.end());
         std::uint32_t found[6];
         float d2[6];
         ASSERT_EQ(tree.nearest(p, 6, found, d2), 6);
-        for (int k = 0; k < 6; ++k) EXPECT_EQ(found[k], scan[k].second);
+        for (int k = 0; k < 6; ++k)
+            EXPECT_EQ(found[k], scan[k].second);
 
         std::vector<std::uint32_t> within;
         tree.within(p, 1.0f, within);

@@ -36,7 +36,8 @@ GuideSet leaningGuides(const std::function<Vec3f(const Vec3f&)>& lean) {
             guide.id = static_cast<std::uint64_t>(j * 15 + i);
             guide.root = plane().closestPoint(root).root;
             const Vec3f step = lean(root) * 0.3f + Vec3f{0, 0.1f, 0};
-            for (int k = 0; k < 5; ++k) guide.points.push_back(root + step * static_cast<float>(k));
+            for (int k = 0; k < 5; ++k)
+                guide.points.push_back(root + step * static_cast<float>(k));
             guides.guides.push_back(guide);
         }
     }
@@ -63,7 +64,11 @@ TEST(Parts, StrokesBecomePartsOnTheScalpWithNamesOfTheirOwn) {
     EXPECT_EQ(parts.parts()[0].points.size(), 2u);
     EXPECT_EQ(parts.parts()[1].name, "crown");
 
-    expectMessage([&] { parts.addPart("x", {stroke.data(), 1}, plane()); }, "a part needs a longer stroke");
+    expectMessage(
+        [&] {
+            parts.addPart("x", {stroke.data(), 1}, plane());
+        },
+        "a part needs a longer stroke");
     const std::vector<Vec3f> away = {{0, 50, 0}, {1, 50, 0}, {0, 0, 0}};
     expectMessage([&] { parts.addPart("x", away, plane(), {2.0f}); },
                   "a part needs at least two points on the scalp");
@@ -95,10 +100,13 @@ TEST(Parts, AutoPartsFallWhereNeighbouringGuidesLeanApart) {
     EXPECT_EQ(parts.autoParts(plane(), split), 1u);
     EXPECT_EQ(parts.parts().size(), 2u);
     // Hair that lies one way, or that meets along a line instead of parting, has no part.
-    EXPECT_EQ(parts.autoParts(plane(), leaningGuides([](const Vec3f&) { return Vec3f{0, 0, 1}; })), 0u);
+    EXPECT_EQ(parts.autoParts(plane(), leaningGuides([](const Vec3f&) {
+                                  return Vec3f{0, 0, 1};
+                              })),
+              0u);
     EXPECT_EQ(parts.autoParts(plane(), leaningGuides([](const Vec3f& p) {
-                  return Vec3f{p.x < 0.3f ? 1.0f : -1.0f, 0.0f, 0.0f};
-              })),
+                                  return Vec3f{p.x < 0.3f ? 1.0f : -1.0f, 0.0f, 0.0f};
+                              })),
               0u);
     EXPECT_EQ(parts.parts().size(), 1u);
 }
@@ -123,10 +131,13 @@ TEST(PartData, ReadsAndWritesPartsAndRefusesWhatItCannotRead) {
         {R"({"parts":{}})", "part data: \"parts\" is not a list of parts"},
         {R"({"parts":[{"points":[]}]})", "part data: part 1 needs a name"},
         {R"({"parts":[{"name":"a"},{"name":"a"}]})", "part data: two parts are named 'a'"},
-        {R"({"parts":[{"name":"a","points":[[1,2]]}]})", "part data: part 'a' has points that are not [face, u, v]"},
-        {R"({"parts":[{"name":"a","auto":1}]})", "part data: part 'a' has an \"auto\" that is not true or false"},
+        {R"({"parts":[{"name":"a","points":[[1,2]]}]})",
+         "part data: part 'a' has points that are not [face, u, v]"},
+        {R"({"parts":[{"name":"a","auto":1}]})",
+         "part data: part 'a' has an \"auto\" that is not true or false"},
     };
-    for (const auto& c : cases) expectMessage<SchemaError>([&] { PartSet::fromJson(c.text); }, c.message);
+    for (const auto& c : cases)
+        expectMessage<SchemaError>([&] { PartSet::fromJson(c.text); }, c.message);
     try {
         PartSet::fromJson("{\"parts\":");
         ADD_FAILURE();
@@ -139,12 +150,14 @@ TEST(PartData, MovesToANewScalp) {
     PartSet parts;
     parts.addPart("a", std::vector<Vec3f>{{-1, 0, 1}, {2, 0, 1}}, plane());
     const auto smaller = makeUvPlane(2.0f, 4);
-    const PartSet moved = parts.transferred(plane(), *smaller, [](const Vec3f& p) { return p * 0.2f; });
+    const PartSet moved =
+        parts.transferred(plane(), *smaller, [](const Vec3f& p) { return p * 0.2f; });
     ASSERT_EQ(moved.parts()[0].points.size(), 2u);
     const Vec3f end = smaller->pointAt(moved.parts()[0].points[1]);
     EXPECT_NEAR(end.x, 0.4f, 1e-5f);
     EXPECT_NEAR(end.z, 0.2f, 1e-5f);
-    expectMessage([&] { parts.transferred(plane(), ScalpMesh()); }, "transfer: the new scalp has no faces");
+    expectMessage([&] { parts.transferred(plane(), ScalpMesh()); },
+                  "transfer: the new scalp has no faces");
 }
 
 }  // namespace

@@ -120,9 +120,8 @@ std::vector<std::uint8_t> encodeChecked(const ImageView& image) {
     stream.reserve(filtered.size() / 4 + 1024);
     zlibAppend(filtered, stream);
 
-    std::vector<std::uint8_t> png;
+    std::vector<std::uint8_t> png(kSignature.begin(), kSignature.end());
     png.reserve(stream.size() + stream.size() / kIdatChunk * 12 + 64);
-    png.insert(png.end(), kSignature.begin(), kSignature.end());
     std::vector<std::uint8_t> header;
     putBigEndian(header, static_cast<std::uint32_t>(image.width));
     putBigEndian(header, static_cast<std::uint32_t>(image.height));

@@ -22,11 +22,14 @@ void expectMessage(const std::function<void()>& run, const std::string& message)
 }
 
 // A value that bilinear and barycentric blending reproduce exactly: linear over the plane.
-float linear(const Vec3f& p) { return 0.4f + 0.5f * p.x + 0.25f * p.z; }
+float linear(const Vec3f& p) {
+    return 0.4f + 0.5f * p.x + 0.25f * p.z;
+}
 
 std::vector<float> linearMap(const ScalpMesh& scalp) {
     std::vector<float> values;
-    for (const Vec3f& p : scalp.points()) values.push_back(linear(p));
+    for (const Vec3f& p : scalp.points())
+        values.push_back(linear(p));
     return values;
 }
 
@@ -44,7 +47,8 @@ TEST(MapConversions, VertexValuesBecomeATextureAndComeBack) {
     }
     // Read back at the vertices; those on the border read half a texel in.
     const std::vector<float> back = vertexMapFromTexture(*image.snapshot(), *plane, 1);
-    for (std::size_t v = 0; v < values.size(); ++v) EXPECT_NEAR(back[v], values[v], 0.006f) << v;
+    for (std::size_t v = 0; v < values.size(); ++v)
+        EXPECT_NEAR(back[v], values[v], 0.006f) << v;
     const std::vector<float> color = vertexMapFromTexture(*image.snapshot(), *plane, 4);
     EXPECT_NEAR(color[4 * 40 + 1], values[40], 0.006f);
     EXPECT_EQ(color[4 * 40 + 3], 1.0f);
@@ -64,34 +68,45 @@ TEST(MapConversions, TexelsPastAnIslandTakeItsEdgeForAFewTexels) {
 TEST(MapConversions, MapsMoveToANewScalpThroughTheClosestPoint) {
     const auto oldPlane = makeUvPlane(1.0f, 4);
     const auto newPlane = makeUvPlane(1.0f, 7);
-    const std::vector<float> moved = projectVertexMap(linearMap(*oldPlane), 1, *oldPlane, *newPlane);
+    const std::vector<float> moved =
+        projectVertexMap(linearMap(*oldPlane), 1, *oldPlane, *newPlane);
     ASSERT_EQ(moved.size(), newPlane->pointCount());
-    for (std::size_t v = 0; v < moved.size(); ++v) EXPECT_NEAR(moved[v], linear(newPlane->points()[v]), 1e-5f);
+    for (std::size_t v = 0; v < moved.size(); ++v)
+        EXPECT_NEAR(moved[v], linear(newPlane->points()[v]), 1e-5f);
 
     const TexturePaint source = textureFromVertexMap(linearMap(*oldPlane), 1, *oldPlane, 64);
     const TexturePaint projected = projectTexture(*source.snapshot(), *oldPlane, *newPlane, 64);
     for (int y = 4; y < 60; y += 5) {
-        for (int x = 4; x < 60; x += 5) EXPECT_NEAR(projected.value(x, y, 0), source.value(x, y, 0), 1.5f / 255.0f);
+        for (int x = 4; x < 60; x += 5)
+            EXPECT_NEAR(projected.value(x, y, 0), source.value(x, y, 0), 1.5f / 255.0f);
     }
 
     test::ScratchFolder folder("project");
     const std::string oldImage = folder.file("old.png");
     TexturePaint(source).save(oldImage);
     const ScalpMap textureMap{MapKind::Texture, 1, {}, oldImage};
-    const ScalpMap result = projectScalpMap("len", textureMap, *oldPlane, *newPlane, folder.file("new.png"));
+    const ScalpMap result =
+        projectScalpMap("len", textureMap, *oldPlane, *newPlane, folder.file("new.png"));
     EXPECT_EQ(result.texture, folder.file("new.png"));
     EXPECT_TRUE(std::filesystem::exists(result.texture));
     const ScalpMap vertexMap{MapKind::Vertices, 1, linearMap(*oldPlane), ""};
     EXPECT_EQ(projectScalpMap("len", vertexMap, *oldPlane, *newPlane, "").values, moved);
 
     const std::string prefix = "map 'len' can't move to the new scalp: ";
-    expectMessage<TextureError>([&] { projectScalpMap("len", {MapKind::Texture, 1, {}, ""}, *oldPlane, *newPlane, "x.png"); },
-                                prefix + "no file");
     expectMessage<TextureError>(
-        [&] { projectScalpMap("len", {MapKind::Texture, 1, {}, folder.file("gone.png")}, *oldPlane, *newPlane, "x.png"); },
+        [&] {
+            projectScalpMap("len", {MapKind::Texture, 1, {}, ""}, *oldPlane, *newPlane, "x.png");
+        },
+        prefix + "no file");
+    expectMessage<TextureError>(
+        [&] {
+            projectScalpMap("len", {MapKind::Texture, 1, {}, folder.file("gone.png")}, *oldPlane,
+                            *newPlane, "x.png");
+        },
         prefix + "its image is missing (" + folder.file("gone.png") + ")");
-    expectMessage<TextureError>([&] { projectScalpMap("len", textureMap, *oldPlane, *newPlane, ""); },
-                                prefix + "nowhere to write its projected image");
+    expectMessage<TextureError>(
+        [&] { projectScalpMap("len", textureMap, *oldPlane, *newPlane, ""); },
+        prefix + "nowhere to write its projected image");
 }
 
 TEST(MapConversions, RefuseScalpsAndMapsThatDoNotFit) {
@@ -102,31 +117,38 @@ TEST(MapConversions, RefuseScalpsAndMapsThatDoNotFit) {
     const std::vector<float> nine(9), ten(10);
     expectMessage<TextureError>([&] { textureFromVertexMap(nine, 1, bare, 8); },
                                 "the scalp has no UVs to paint a texture map on");
-    expectMessage<std::invalid_argument>([&] { textureFromVertexMap(ten, 1, *plane, 8); },
-                                         "textureFromVertexMap: one value per scalp vertex and channel");
+    expectMessage<std::invalid_argument>(
+        [&] { textureFromVertexMap(ten, 1, *plane, 8); },
+        "textureFromVertexMap: one value per scalp vertex and channel");
     expectMessage<std::invalid_argument>([&] { textureFromVertexMap(nine, 1, *plane, 0); },
                                          "TexturePaint: the image has no size");
     expectMessage<TextureError>([&] { vertexMapFromTexture(texture, bare, 1); },
                                 "the scalp has no UVs to read a texture map at");
-    expectMessage<TextureError>([&] { projectVertexMap(nine, 1, empty, *plane); }, "the old scalp has no faces");
-    expectMessage<TextureError>([&] { projectVertexMap(std::vector<float>(16), 4, *plane, *plane); },
-                                "the map has 4 vertices' values and the old scalp 9 vertices");
+    expectMessage<TextureError>([&] { projectVertexMap(nine, 1, empty, *plane); },
+                                "the old scalp has no faces");
+    expectMessage<TextureError>(
+        [&] { projectVertexMap(std::vector<float>(16), 4, *plane, *plane); },
+        "the map has 4 vertices' values and the old scalp 9 vertices");
     expectMessage<TextureError>([&] { projectTexture(texture, *plane, bare, 8); },
                                 "the new scalp has no UVs to paint a texture map on");
-    expectMessage<TextureError>([&] { projectTexture(texture, empty, *plane, 8); }, "the old scalp has no faces");
+    expectMessage<TextureError>([&] { projectTexture(texture, empty, *plane, 8); },
+                                "the old scalp has no faces");
     expectMessage<TextureError>([&] { projectTexture(texture, bare, *plane, 8); },
                                 "the old scalp has no UVs to read the texture map at");
-    expectMessage<std::invalid_argument>([&] { cornerColorsFromVertexMap(ten, 1, *plane); },
-                                         "cornerColorsFromVertexMap: one value per scalp vertex and channel");
-    expectMessage<std::invalid_argument>([&] { convertMapChannels(nine, 1, 3); },
-                                         "convertMapChannels: a map has 1 channel (gray) or 4 (color)");
+    expectMessage<std::invalid_argument>(
+        [&] { cornerColorsFromVertexMap(ten, 1, *plane); },
+        "cornerColorsFromVertexMap: one value per scalp vertex and channel");
+    expectMessage<std::invalid_argument>(
+        [&] { convertMapChannels(nine, 1, 3); },
+        "convertMapChannels: a map has 1 channel (gray) or 4 (color)");
 }
 
 TEST(MapConversions, GrayAndColourTurnIntoEachOther) {
     const std::vector<float> gray = {0.25f, 1.0f};
     const std::vector<float> color = convertMapChannels(gray, 1, 4);
     EXPECT_EQ(color, (std::vector<float>{0.25f, 0.25f, 0.25f, 1, 1, 1, 1, 1}));
-    const std::vector<float> back = convertMapChannels(std::vector<float>{1, 0, 0, 0.5f, 0, 0, 1, 1}, 4, 1);
+    const std::vector<float> back =
+        convertMapChannels(std::vector<float>{1, 0, 0, 0.5f, 0, 0, 1, 1}, 4, 1);
     EXPECT_FLOAT_EQ(back[0], 0.2126f);
     EXPECT_FLOAT_EQ(back[1], 0.0722f);
 

@@ -39,14 +39,21 @@ std::size_t paintVertices(std::span<float> values, int channels, std::span<const
                           float radius, const std::function<float(const Vec3f&)>& weight) {
     std::vector<std::uint32_t> triangles;
     scalp.trianglesNear(center, radius, triangles);
+    // Each vertex once, in the order the triangles name them: a bit per scalp vertex is cheaper
+    // than sorting the corners.
+    std::vector<std::uint64_t> seen((scalp.pointCount() + 63) / 64, 0);
     std::vector<std::uint32_t> vertices;
     vertices.reserve(triangles.size() * 3);
     for (const std::uint32_t t : triangles) {
-        const Triangle& corners = scalp.triangles()[t];
-        vertices.insert(vertices.end(), corners.begin(), corners.end());
+        for (const std::uint32_t v : scalp.triangles()[t]) {
+            std::uint64_t& word = seen[v >> 6];
+            const std::uint64_t bit = std::uint64_t{1} << (v & 63);
+            if ((word & bit) == 0) {
+                word |= bit;
+                vertices.push_back(v);
+            }
+        }
     }
-    std::sort(vertices.begin(), vertices.end());
-    vertices.erase(std::unique(vertices.begin(), vertices.end()), vertices.end());
 
     std::vector<MapHit> hits(vertices.size());
     const std::vector<Vec3f>& points = scalp.points();
@@ -55,6 +62,43 @@ std::size_t paintVertices(std::span<float> values, int channels, std::span<const
             hits[i] = {vertices[i], weight(points[vertices[i]])};
     });
     return stampVertexMap(values, channels, dab, scalp, hits, start);
+}
+
+// Texels on an edge that two triangles share (or under overlapping UVs) are found twice: keeps
+// the first of each, so that every texel is stamped once. A bit per texel of the hits' bounding
+// rectangle finds them when that rectangle is small, as it is for one dab; a sort otherwise.
+void keepFirstOfEachTexel(std::vector<TexelHit>& hits, std::uint32_t width) {
+    if (hits.empty()) return;
+    std::uint32_t x0 = width, x1 = 0, y0 = ~0u, y1 = 0;
+    for (const TexelHit& hit : hits) {
+        const std::uint32_t x = hit.texel % width;
+        const std::uint32_t y = hit.texel / width;
+        x0 = std::min(x0, x);
+        x1 = std::max(x1, x);
+        y0 = std::min(y0, y);
+        y1 = std::max(y1, y);
+    }
+    const std::uint64_t across = x1 - x0 + 1;
+    const std::uint64_t area = across * (y1 - y0 + 1);
+    if (area <= std::max<std::uint64_t>(hits.size() * 16, 1 << 16)) {
+        std::vector<std::uint64_t> seen((area + 63) / 64, 0);
+        std::size_t kept = 0;
+        for (const TexelHit& hit : hits) {
+            const std::uint64_t at = (hit.texel / width - y0) * across + (hit.texel % width - x0);
+            std::uint64_t& word = seen[at >> 6];
+            const std::uint64_t bit = std::uint64_t{1} << (at & 63);
+            if ((word & bit) != 0) continue;
+            word |= bit;
+            hits[kept++] = hit;
+        }
+        hits.resize(kept);
+        return;
+    }
+    std::stable_sort(hits.begin(), hits.end(),
+                     [](const TexelHit& a, const TexelHit& b) { return a.texel < b.texel; });
+    hits.erase(std::unique(hits.begin(), hits.end(),
+                           [](const TexelHit& a, const TexelHit& b) { return a.texel == b.texel; }),
+               hits.end());
 }
 
 std::size_t paintTexture(TexturePaint& paint, const ScalpMesh& scalp, const MapDab& dab,
@@ -104,12 +148,7 @@ std::size_t paintTexture(TexturePaint& paint, const ScalpMesh& scalp, const MapD
     hits.reserve(total);
     for (const auto& batch : batches)
         hits.insert(hits.end(), batch.begin(), batch.end());
-    std::sort(hits.begin(), hits.end(), [](const TexelHit& a, const TexelHit& b) {
-        return a.texel != b.texel ? a.texel < b.texel : a.weight < b.weight;
-    });
-    hits.erase(std::unique(hits.begin(), hits.end(),
-                           [](const TexelHit& a, const TexelHit& b) { return a.texel == b.texel; }),
-               hits.end());
+    keepFirstOfEachTexel(hits, static_cast<std::uint32_t>(width));
     return paint.stampTexels(hits, dab);
 }
 

@@ -21,8 +21,9 @@ void checkChannels(int channels) {
     }
 }
 
+// Rounds half away from zero, as lround does, without its call.
 std::uint8_t toByte(float value) {
-    return static_cast<std::uint8_t>(std::lround(std::clamp(value, 0.0f, 1.0f) * 255.0f));
+    return static_cast<std::uint8_t>(std::clamp(value, 0.0f, 1.0f) * 255.0f + 0.5f);
 }
 
 // Gray from colour by luminance, colour from gray with alpha 1.
@@ -234,20 +235,21 @@ std::size_t TexturePaint::stampTexels(std::span<const TexelHit> hits, const MapD
             const std::size_t texel = hits[i].texel;
             const std::size_t at = texel * stride;
             // The value the stroke found: saved in the open record, or the current one.
-            const std::size_t x = texel % static_cast<std::size_t>(width_);
-            const std::size_t y = texel / static_cast<std::size_t>(width_);
-            for (std::size_t c = 0; c < stride; ++c)
-                before[c] = isFloat ? floats_[at + c] : bytes_[at + c] / 255.0f;
+            for (std::size_t c = 0; c < stride; ++c) {
+                before[c] = isFloat ? floats_[at + c] : bytes_[at + c] * (1.0f / 255.0f);
+            }
             if (recording_) {
+                const std::size_t x = texel % static_cast<std::size_t>(width_);
+                const std::size_t y = texel / static_cast<std::size_t>(width_);
+                const std::size_t tileX = x / kTileSize * kTileSize;
+                const std::size_t tileWidth = std::min<std::size_t>(kTileSize, width_ - tileX);
                 const std::size_t tile =
                     (y / kTileSize) * static_cast<std::size_t>(across) + x / kTileSize;
-                int x0, y0, x1, y1;
-                tileRect(static_cast<std::uint32_t>(tile), x0, y0, x1, y1);
-                const std::size_t saved =
-                    static_cast<std::size_t>(tileSlot_[tile]) +
-                    ((y - y0) * static_cast<std::size_t>(x1 - x0) + (x - x0)) * stride;
+                const std::size_t saved = static_cast<std::size_t>(tileSlot_[tile]) +
+                                          ((y % kTileSize) * tileWidth + (x - tileX)) * stride;
                 for (std::size_t c = 0; c < stride; ++c) {
-                    before[c] = isFloat ? edit_.floats[saved + c] : edit_.bytes[saved + c] / 255.0f;
+                    before[c] = isFloat ? edit_.floats[saved + c]
+                                        : edit_.bytes[saved + c] * (1.0f / 255.0f);
                 }
             }
             bool texelChanged = false;
@@ -262,7 +264,7 @@ std::size_t TexturePaint::stampTexels(std::span<const TexelHit> hits, const MapD
                         texelChanged = true;
                     }
                 } else {
-                    const float current = bytes_[k] / 255.0f;
+                    const float current = bytes_[k] * (1.0f / 255.0f);
                     const std::uint8_t next =
                         toByte(detail::stampValue(current, before[c], dab.value[c], w, dab.mode));
                     if (next != bytes_[k]) {
