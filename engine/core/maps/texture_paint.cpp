@@ -173,7 +173,7 @@ void TexturePaint::beginEdit() {
     tileSlot_.assign(static_cast<std::size_t>(tileCount()), -1);
 }
 
-// Copies the tiles' current values into the open record, each tile once, in the order given.
+// Saves the tiles under the texels into the open record, those not saved yet, in tile order.
 void TexturePaint::saveTiles(std::span<const TexelHit> hits) {
     const int across = tilesAcross();
     std::vector<std::uint32_t> fresh;
@@ -183,13 +183,18 @@ void TexturePaint::saveTiles(std::span<const TexelHit> hits) {
         const std::uint32_t tile =
             (y / kTileSize) * static_cast<std::uint32_t>(across) + x / kTileSize;
         if (tileSlot_[tile] == -1) {
-            tileSlot_[tile] = -2;  // claimed; its offset follows below
+            tileSlot_[tile] = -2;  // claimed; its offset is set when it is copied
             fresh.push_back(tile);
         }
     }
     std::sort(fresh.begin(), fresh.end());
+    saveTileList(fresh);
+}
+
+// Copies the tiles' current values into the open record; none of them may be saved already.
+void TexturePaint::saveTileList(std::span<const std::uint32_t> tiles) {
     const std::size_t stride = static_cast<std::size_t>(channels_);
-    for (const std::uint32_t tile : fresh) {
+    for (const std::uint32_t tile : tiles) {
         int x0, y0, x1, y1;
         tileRect(tile, x0, y0, x1, y1);
         const std::size_t offset = floats_.empty() ? edit_.bytes.size() : edit_.floats.size();
@@ -285,14 +290,39 @@ std::size_t TexturePaint::fill(std::span<const float> value, std::uint8_t mask) 
     if (value.size() < static_cast<std::size_t>(channels_)) {
         throw std::invalid_argument("TexturePaint: incomplete map value");
     }
-    const std::size_t texelCount = static_cast<std::size_t>(width_) * height_;
-    std::vector<TexelHit> all(texelCount);
-    for (std::size_t i = 0; i < texelCount; ++i)
-        all[i] = {static_cast<std::uint32_t>(i), 1.0f};
-    MapDab dab;
-    std::copy_n(value.begin(), channels_, dab.value.begin());
-    dab.channels = mask;
-    return stampTexels(all, dab);
+    if (recording_) {
+        std::vector<std::uint32_t> unsaved;
+        for (std::uint32_t tile = 0; tile < static_cast<std::uint32_t>(tileCount()); ++tile) {
+            if (tileSlot_[tile] == -1) unsaved.push_back(tile);
+        }
+        saveTileList(unsaved);
+    }
+    const std::size_t stride = static_cast<std::size_t>(channels_);
+    const std::size_t rowValues = static_cast<std::size_t>(width_) * stride;
+    std::atomic<std::size_t> changedCount{0};
+    parallelRange(0, static_cast<std::size_t>(height_), 16, [&](std::size_t begin, std::size_t end) {
+        std::size_t count = 0;
+        for (std::size_t at = begin * rowValues; at < end * rowValues; at += stride) {
+            bool texelChanged = false;
+            for (int c = 0; c < channels_; ++c) {
+                if (!detail::channelPainted(channels_, mask, c)) continue;
+                const std::size_t k = at + static_cast<std::size_t>(c);
+                if (floats_.empty()) {
+                    const std::uint8_t next = toByte(value[c]);
+                    texelChanged |= bytes_[k] != next;
+                    bytes_[k] = next;
+                } else {
+                    const float next = std::clamp(value[c], 0.0f, 1.0f);
+                    texelChanged |= floats_[k] != next;
+                    floats_[k] = next;
+                }
+            }
+            count += texelChanged ? 1 : 0;
+        }
+        changedCount += count;
+    });
+    if (changedCount > 0) changed();
+    return changedCount;
 }
 
 TextureEdit TexturePaint::endEdit() {

@@ -105,8 +105,9 @@ class TexturePaint {
     // mask. Add and subtract are measured from the values the open edit saved, so that the dabs of
     // one stroke don't pile up. Returns how many texels changed.
     std::size_t stampTexels(std::span<const TexelHit> hits, const MapDab& dab);
-    // Sets every texel to `value` (channels values) in the mask's channels, recorded when an edit
-    // is open. Returns how many texels changed.
+    // Sets every texel to `value` (channels values, clamped to 0-1) in the mask's channels,
+    // recorded when an edit is open. Returns how many texels changed. Throws std::invalid_argument
+    // "TexturePaint: incomplete map value" for fewer values than channels.
     std::size_t fill(std::span<const float> value, std::uint8_t mask);
 
     // The image as a texture, to sample while it is painted.
@@ -120,8 +121,8 @@ class TexturePaint {
     int tilesAcross() const { return (width_ + kTileSize - 1) / kTileSize; }
     int tileCount() const { return tilesAcross() * ((height_ + kTileSize - 1) / kTileSize); }
     void tileRect(std::uint32_t tile, int& x0, int& y0, int& x1, int& y1) const;
-    // Saves the tiles of these texels into the open record, those not saved yet.
     void saveTiles(std::span<const TexelHit> hits);
+    void saveTileList(std::span<const std::uint32_t> tiles);
     void changed();
 
     int width_ = 0;
