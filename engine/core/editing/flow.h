@@ -111,8 +111,9 @@ class FlowSources {
 };
 
 // The flow of a set over a scalp: a unit tangent per vertex (zero where nothing reaches). Shared
-// by pointer to const; rebuilt when the set or the scalp changes (see key).
-class FlowField {
+// by pointer to const; rebuilt when the set or the scalp changes (see key). Declared a struct, as
+// the graph's Value names it, though it keeps its data to itself.
+struct FlowField {
   public:
     static std::shared_ptr<const FlowField> build(const FlowSet& set, const ScalpMesh& scalp);
 

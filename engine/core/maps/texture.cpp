@@ -8,11 +8,30 @@
 #include "maps/texture_cache.h"
 
 // The image reader is compiled here, static to this file, so that no other library's copy of it
-// can clash with ours.
+// can clash with ours. On some broken files it copies zero bytes to a null buffer, which the C
+// library declares undefined: its copies go through a function that skips empty ones. The headers
+// it includes come first, so that the substitution reaches only its own code.
+#include <assert.h>
+#include <limits.h>
+#include <math.h>
+#include <stdarg.h>
+#include <stddef.h>
+#include <stdint.h>
+#include <stdlib.h>
+#include <string.h>
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
+
+static inline void* velmorinImageCopy(void* to, const void* from, size_t count) {
+    return count == 0 ? to : memcpy(to, from, count);
+}
+#define memcpy velmorinImageCopy
 #define STB_IMAGE_STATIC
 #define STB_IMAGE_IMPLEMENTATION
 #define STBI_NO_STDIO
 #include <stb/stb_image.h>
+#undef memcpy
 
 namespace velmorin {
 namespace {

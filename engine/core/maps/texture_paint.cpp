@@ -96,6 +96,11 @@ TexturePaint TexturePaint::fromTexture(const Texture& texture) {
         throw TextureError(
             "a scalp map is one image over UVs 0-1: UDIM tile sets can't be used as scalp maps");
     }
+    if (texture.width() > kMaxSize || texture.height() > kMaxSize) {
+        throw TextureError("a scalp map's image is at most 16384 x 16384 pixels; this one is " +
+                           std::to_string(texture.width()) + " x " + std::to_string(texture.height()) +
+                           ": scale it down to paint it");
+    }
     const int channels = texture.channels() == 1 ? 1 : 4;
     TexturePaint paint(texture.width(), texture.height(), channels, texture.hasFloatPixels());
     const std::size_t count = static_cast<std::size_t>(texture.width()) * texture.height();

@@ -62,7 +62,7 @@ class TexturePaint {
     // The image of a texture: gray stays gray, every other layout becomes colour (RGB takes alpha
     // 1, gray and alpha spreads its gray). 8-bit images give bytes, others floats. Throws
     // TextureError "a scalp map is one image over UVs 0-1: UDIM tile sets can't be used as scalp
-    // maps" for a set.
+    // maps" for a set, and one that names the size for an image wider or taller than kMaxSize.
     static TexturePaint fromTexture(const Texture& texture);
 
     // The texture map's image at `path` for painting. Throws TextureError "<name> is not a PNG,
