@@ -98,8 +98,8 @@ TexturePaint TexturePaint::fromTexture(const Texture& texture) {
     }
     if (texture.width() > kMaxSize || texture.height() > kMaxSize) {
         throw TextureError("a scalp map's image is at most 16384 x 16384 pixels; this one is " +
-                           std::to_string(texture.width()) + " x " + std::to_string(texture.height()) +
-                           ": scale it down to paint it");
+                           std::to_string(texture.width()) + " x " +
+                           std::to_string(texture.height()) + ": scale it down to paint it");
     }
     const int channels = texture.channels() == 1 ? 1 : 4;
     TexturePaint paint(texture.width(), texture.height(), channels, texture.hasFloatPixels());
@@ -305,27 +305,28 @@ std::size_t TexturePaint::fill(std::span<const float> value, std::uint8_t mask) 
     const std::size_t stride = static_cast<std::size_t>(channels_);
     const std::size_t rowValues = static_cast<std::size_t>(width_) * stride;
     std::atomic<std::size_t> changedCount{0};
-    parallelRange(0, static_cast<std::size_t>(height_), 16, [&](std::size_t begin, std::size_t end) {
-        std::size_t count = 0;
-        for (std::size_t at = begin * rowValues; at < end * rowValues; at += stride) {
-            bool texelChanged = false;
-            for (int c = 0; c < channels_; ++c) {
-                if (!detail::channelPainted(channels_, mask, c)) continue;
-                const std::size_t k = at + static_cast<std::size_t>(c);
-                if (floats_.empty()) {
-                    const std::uint8_t next = toByte(value[c]);
-                    texelChanged |= bytes_[k] != next;
-                    bytes_[k] = next;
-                } else {
-                    const float next = std::clamp(value[c], 0.0f, 1.0f);
-                    texelChanged |= floats_[k] != next;
-                    floats_[k] = next;
-                }
-            }
-            count += texelChanged ? 1 : 0;
-        }
-        changedCount += count;
-    });
+    parallelRange(0, static_cast<std::size_t>(height_), 16,
+                  [&](std::size_t begin, std::size_t end) {
+                      std::size_t count = 0;
+                      for (std::size_t at = begin * rowValues; at < end * rowValues; at += stride) {
+                          bool texelChanged = false;
+                          for (int c = 0; c < channels_; ++c) {
+                              if (!detail::channelPainted(channels_, mask, c)) continue;
+                              const std::size_t k = at + static_cast<std::size_t>(c);
+                              if (floats_.empty()) {
+                                  const std::uint8_t next = toByte(value[c]);
+                                  texelChanged |= bytes_[k] != next;
+                                  bytes_[k] = next;
+                              } else {
+                                  const float next = std::clamp(value[c], 0.0f, 1.0f);
+                                  texelChanged |= floats_[k] != next;
+                                  floats_[k] = next;
+                              }
+                          }
+                          count += texelChanged ? 1 : 0;
+                      }
+                      changedCount += count;
+                  });
     if (changedCount > 0) changed();
     return changedCount;
 }
