@@ -1,0 +1,200 @@
+#include "maps/texture.h"
+
+#include <fstream>
+#include <thread>
+
+#include <gtest/gtest.h>
+
+#include "base/memory_report.h"
+#include "maps/test/map_test_support.h"
+#include "maps/texture_cache.h"
+
+namespace velmorin {
+namespace {
+
+using test::ScratchFolder;
+using test::writeFlatPng;
+
+TEST(Udim, PatternsOfEverySpellingAndTheirBounds) {
+    const struct {
+        const char* path;
+        const char* pattern;
+    } cases[] = {
+        {"maps/hair.<UDIM>.png", "maps/hair.<UDIM>.png"},
+        {"maps/hair.<udim>.png", "maps/hair.<UDIM>.png"},
+        {"maps/hair.%(UDIM)d.png", "maps/hair.<UDIM>.png"},
+        {"name_1001.png", "name_<UDIM>.png"},
+        {"name.1001.png", "name.<UDIM>.png"},
+        {"name-1042.tif", "name-<UDIM>.tif"},
+        {"1100.png", "<UDIM>.png"},
+        {"name.1001", "name.<UDIM>"},
+        {"dir_1001/name.png", ""},                 // only the file name counts
+        {"name1001.png", ""},                      // no delimiter before the number
+        {"name_1101.png", ""},                     // past the last tile
+        {"name_1000.png", ""},                     // before the first
+        {"name_10010.png", ""},                    // five digits
+        {"v_2024_1003.png", "v_2024_<UDIM>.png"},  // the first number in range
+        {"hair.png", ""},
+        {"<UDIM>_1001.png", "<UDIM>_1001.png"},  // a token wins over a number
+    };
+    for (const auto& c : cases)
+        EXPECT_EQ(parseUdimPattern(c.path), c.pattern) << c.path;
+
+    const struct {
+        float u, v;
+        int tile;
+    } tiles[] = {{0.5f, 0.5f, 1001}, {1.0f, 0.0f, 1002}, {9.99f, 0.2f, 1010},
+                 {0.3f, 1.5f, 1011}, {2.5f, 9.5f, 1093}, {-0.5f, 0.5f, 1000}};
+    for (const auto& t : tiles)
+        EXPECT_EQ(udimTile(t.u, t.v), t.tile) << t.u << ", " << t.v;
+}
+
+TEST(Texture, SamplesBilinearlyWithVUpAndClampsAtTheEdges) {
+    // 2 x 2 gray: top row 0 and 255, bottom row 100 and 200.
+    const Texture gray(2, 2, 1, std::vector<std::uint8_t>{0, 255, 100, 200});
+    auto at = [&](float u, float v) { return gray.sample(u, v).r * 255.0f; };
+    EXPECT_NEAR(at(0.25f, 0.75f), 0.0f, 1e-3f);    // top left texel centre
+    EXPECT_NEAR(at(0.75f, 0.25f), 200.0f, 1e-3f);  // bottom right
+    EXPECT_NEAR(at(0.5f, 0.5f), 138.75f, 1e-3f);   // all four
+    EXPECT_NEAR(at(0.0f, 1.0f), 0.0f, 1e-3f);      // the corner repeats the edge texel
+    EXPECT_NEAR(at(-3.0f, 7.0f), 0.0f, 1e-3f);     // a plain image clamps its UVs
+    EXPECT_EQ(gray.sample(0.75f, 0.75f), (Rgba{1, 1, 1, 1}));
+
+    const Texture ga(1, 1, 2, std::vector<float>{0.25f, 0.5f});
+    EXPECT_EQ(ga.sample(0.5f, 0.5f), (Rgba{0.25f, 0.25f, 0.25f, 0.5f}));
+    const Texture rgb(1, 1, 3, std::vector<float>{0.1f, 0.2f, 0.3f});
+    EXPECT_EQ(rgb.sample(0.5f, 0.5f), (Rgba{0.1f, 0.2f, 0.3f, 1.0f}));
+
+    try {
+        Texture(2, 2, 1, std::vector<std::uint8_t>(3));
+        ADD_FAILURE();
+    } catch (const std::invalid_argument& e) {
+        EXPECT_STREQ(e.what(), "Texture: size does not match its data");
+    }
+}
+
+TEST(Texture, UdimSetsReadTheirTilesOnFirstUse) {
+    ScratchFolder folder("udim");
+    writeFlatPng(folder.file("hair_1001.png"), 4, 4, {255, 0, 0});
+    writeFlatPng(folder.file("hair_1002.png"), 4, 4, {0, 255, 0});
+    writeFlatPng(folder.file("hair_1011.png"), 8, 8, {0, 0, 255});
+    textureCache().clear();
+
+    const auto set = Texture::load(folder.file("hair_1002.png"));
+    ASSERT_TRUE(set->isUdim());
+    EXPECT_EQ(set->udimPattern(), folder.file("hair_<UDIM>.png"));
+    EXPECT_EQ(set->udimTiles(), (std::vector<int>{1001, 1002, 1011}));
+    EXPECT_EQ(set->width(), 4);  // of the lowest tile, which is read at once
+    EXPECT_EQ(textureCache().use().entries, 1u);
+
+    EXPECT_EQ(set->sample(1.5f, 0.5f), (Rgba{0, 1, 0, 1}));
+    EXPECT_EQ(set->sample(0.5f, 1.5f), (Rgba{0, 0, 1, 1}));
+    EXPECT_EQ(set->sample(0.5f, 0.5f), (Rgba{1, 0, 0, 1}));
+    EXPECT_EQ(set->sample(2.5f, 0.5f), (Rgba{0, 0, 0, 0}));   // no tile 1003
+    EXPECT_EQ(set->sample(-0.5f, 0.5f), (Rgba{0, 0, 0, 0}));  // left of every tile
+    EXPECT_EQ(textureCache().use().entries, 3u);
+
+    // The set shares its tiles with the cache and with every other load of it.
+    EXPECT_EQ(Texture::loadUdim(folder.file("hair_<UDIM>.png"))->tile(1011), set->tile(1011));
+    try {
+        Texture::loadUdim(folder.file("hair.png"));
+        ADD_FAILURE();
+    } catch (const std::invalid_argument& e) {
+        EXPECT_STREQ(e.what(), "Texture: a UDIM pattern needs <UDIM>");
+    }
+    EXPECT_THROW(Texture::loadUdim(folder.file("none_<UDIM>.png")), TextureError);
+}
+
+TEST(Texture, MissingAndBrokenFilesAreClearErrors) {
+    ScratchFolder folder("broken");
+    const std::string missing = folder.file("missing.png");
+    const std::string broken = folder.file("broken.png");
+    std::ofstream(broken) << "not a picture";
+    const std::string tooBig = folder.file("big.png");
+    {
+        // A PNG header that claims 20000 x 20000 pixels.
+        const std::vector<std::uint8_t> header = {
+            0x89, 'P',  'N',  'G', '\r', '\n', 0x1A, '\n', 0, 0, 0, 13, 'I', 'H', 'D', 'R', 0,
+            0,    0x4E, 0x20, 0,   0,    0x4E, 0x20, 8,    0, 0, 0, 0,  0,   0,   0,   0};
+        std::ofstream(tooBig, std::ios::binary)
+            .write(reinterpret_cast<const char*>(header.data()), header.size());
+    }
+    const struct {
+        std::string path;
+        std::string start;
+    } cases[] = {
+        {missing, "Texture: no image at " + missing + " (check the path"},
+        {folder.file(""), "Texture: no image at "},
+        {broken, "Texture: '" + broken + "' is not an image Velmorin reads ("},
+        {tooBig, "Texture: '" + tooBig + "' is 20000 x 20000 pixels, more than Velmorin reads"},
+    };
+    for (const auto& c : cases) {
+        try {
+            Texture::load(c.path);
+            ADD_FAILURE() << c.path;
+        } catch (const TextureError& e) {
+            EXPECT_EQ(std::string(e.what()).rfind(c.start, 0), 0u) << e.what();
+        }
+    }
+}
+
+TEST(TextureCache, EvictsLeastRecentlyUsedAndRereadsAFileSavedAgain) {
+    ScratchFolder folder("cache");
+    const std::string a = folder.file("a.png"), b = folder.file("b.png"), c = folder.file("c.png");
+    for (const auto& path : {a, b, c})
+        writeFlatPng(path, 16, 16, {9});  // 256 bytes each
+    TextureCache cache(600);
+    const auto first = cache.get(a);
+    cache.get(b);
+    EXPECT_EQ(cache.get(a), first);  // a hit, and a is now the most recent
+    cache.get(c);                    // 768 bytes: b leaves
+    EXPECT_EQ(cache.use().entries, 2u);
+    EXPECT_EQ(cache.use().bytes, 512u);
+    EXPECT_EQ(cache.get(a), first);
+
+    // Saved again (another size, so another stamp even within one clock tick): read again.
+    writeFlatPng(a, 8, 8, {200});
+    const auto second = cache.get(a);
+    EXPECT_NE(second, first);
+    EXPECT_EQ(second->width(), 8);
+    EXPECT_EQ(first->width(), 16);  // still alive for whoever holds it
+
+    // Nothing fits in a cache of 0 bytes, but what it hands out lives on.
+    TextureCache none(0);
+    const auto held = none.get(b);
+    EXPECT_EQ(none.use().entries, 0u);
+    EXPECT_EQ(held->width(), 16);
+
+    const struct {
+        const char* text;
+        std::size_t bytes;
+    } limits[] = {{"256", 256u << 20},   {"0", 0},
+                  {"", 1024u << 20},     {"-5", 1024u << 20},
+                  {"12MB", 1024u << 20}, {"99999999999999999999", 1024u << 20}};
+    for (const auto& l : limits)
+        EXPECT_EQ(textureCacheLimit(l.text), l.bytes) << l.text;
+    EXPECT_EQ(textureCacheLimit(std::nullopt), std::size_t{1024} << 20);
+
+    textureCache();
+    const auto report = memoryReport();
+    EXPECT_TRUE(std::any_of(report.begin(), report.end(),
+                            [](const auto& line) { return line.name == "textures"; }));
+}
+
+TEST(TextureCache, ManyThreadsShareOneImage) {
+    ScratchFolder folder("threads");
+    const std::string path = folder.file("shared.png");
+    writeFlatPng(path, 32, 32, {1, 2, 3, 4});
+    TextureCache cache(1 << 20);
+    std::vector<std::shared_ptr<const Texture>> seen(8);
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 8; ++t)
+        threads.emplace_back([&, t] { seen[t] = cache.get(path); });
+    for (auto& thread : threads)
+        thread.join();
+    EXPECT_EQ(cache.use().entries, 1u);
+    EXPECT_EQ(cache.get(path)->bytePixels()[3], 4);
+}
+
+}  // namespace
+}  // namespace velmorin
