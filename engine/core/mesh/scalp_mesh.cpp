@@ -1046,7 +1046,11 @@ Vec3f ScalpMesh::normalAt(const StrandRoot& root) const {
     const auto normals = vertexNormals();
     const float w0 = 1.0f - root.u - root.v;
     const Vec3f blend = normals[t[0]] * w0 + normals[t[1]] * root.u + normals[t[2]] * root.v;
-    return normalized(blend, normalized(faceNormal(root.face), {0.0f, 1.0f, 0.0f}));
+    const float len2 = lengthSquared(blend);
+    if (len2 > 1e-20f) return blend / std::sqrt(len2);
+    // Opposed vertex normals cancel only on folded surfaces: the face itself decides there.
+    const Vec3f face = faceNormal(root.face);
+    return lengthSquared(face) > 0.0f ? face : Vec3f{0.0f, 1.0f, 0.0f};
 }
 
 SurfaceFrame ScalpMesh::frameAt(const StrandRoot& root) const {
