@@ -1,0 +1,1038 @@
+// Guide data JSON: writing and reading a guide hierarchy. The writer makes one canonical text
+// without spaces. Grooms hold tens of thousands of guides, so the reader never puts the guide array
+// through one JSON document when it can help it: a first scan splits the text at the guide array's
+// elements without parsing, the rest of the document is parsed alone, and the elements are read in
+// parallel by a small reader made for them. Whatever that path can't take (an escape in a string, a
+// key it doesn't know, a second "guides" key) sends the whole text through the JSON library
+// instead; both paths end in the same checks and give the same hierarchy.
+
+#include <algorithm>
+#include <charconv>
+#include <cmath>
+#include <limits>
+#include <stdexcept>
+#include <string>
+#include <unordered_map>
+
+#include <nlohmann/json.hpp>
+
+#include "base/parallel.h"
+#include "editing/guide_hierarchy.h"
+#include "graph/errors.h"
+#include "graph/graph_tools.h"
+
+namespace velmorin {
+
+using Json = nlohmann::ordered_json;
+
+namespace {
+
+constexpr std::size_t kParallelWriteAbove = 16;
+constexpr std::size_t kWriteBlock = 64;    // guides per piece of text written in parallel
+constexpr std::size_t kReadGrain = 4;      // guide elements per parallel chunk
+constexpr std::size_t kFinishGrain = 256;  // guides per chunk of the checks after reading
+constexpr int kMaxSegments = 256;
+constexpr int kMaxPointCount = 257;
+constexpr std::string_view kRetiredRound = "crescent";
+
+// A reading failure; the reader's caller prefixes "invalid guide data: ".
+[[noreturn]] void bad(const std::string& message) {
+    throw std::runtime_error(message);
+}
+
+// The split path gives up: the text goes through the whole parse instead.
+struct NotSplit {};
+
+// --- Writing -----------------------------------------------------------------------------------
+
+void appendNumber(std::string& out, double value) {
+    // A value that is not finite is written as 0, so that the text always reads back.
+    if (!std::isfinite(value)) value = 0.0;
+    // "-0" would read back as the integer 0; with a fraction it stays a negative zero.
+    if (value == 0.0 && std::signbit(value)) {
+        out += "-0.0";
+        return;
+    }
+    char buffer[32];
+    const auto result = std::to_chars(buffer, buffer + sizeof buffer, value);
+    out.append(buffer, result.ptr);
+}
+
+template <class Integer>
+void appendInteger(std::string& out, Integer value) {
+    char buffer[24];
+    const auto result = std::to_chars(buffer, buffer + sizeof buffer, value);
+    out.append(buffer, result.ptr);
+}
+
+void appendString(std::string& out, std::string_view text) {
+    const bool plain = std::all_of(text.begin(), text.end(), [](char c) {
+        return c >= 0x20 && c < 0x7f && c != '"' && c != '\\';
+    });
+    if (plain) {
+        out += '"';
+        out += text;
+        out += '"';
+    } else {
+        out += Json(std::string(text)).dump(-1, ' ', false, Json::error_handler_t::replace);
+    }
+}
+
+void appendFloats(std::string& out, std::span<const float> values, float fallback) {
+    out += '[';
+    if (values.empty()) appendNumber(out, fallback);
+    for (std::size_t i = 0; i < values.size(); ++i) {
+        if (i) out += ',';
+        appendNumber(out, values[i]);
+    }
+    out += ']';
+}
+
+void appendVector(std::string& out, const Vec3f& v) {
+    out += '[';
+    appendNumber(out, v.x);
+    out += ',';
+    appendNumber(out, v.y);
+    out += ',';
+    appendNumber(out, v.z);
+    out += ']';
+}
+
+void appendFlat(std::string& out, std::span<const Vec3f> points) {
+    out += '[';
+    for (std::size_t i = 0; i < points.size(); ++i) {
+        if (i) out += ',';
+        appendNumber(out, points[i].x);
+        out += ',';
+        appendNumber(out, points[i].y);
+        out += ',';
+        appendNumber(out, points[i].z);
+    }
+    out += ']';
+}
+
+void appendGuide(std::string& out, const Guide& g) {
+    const bool child = g.parent != 0;
+    out += "{\"id\":";
+    appendInteger(out, g.id);
+    out += ",\"group\":";
+    appendInteger(out, g.group);
+    out += ",\"root\":[";
+    appendInteger(out, g.root.face);
+    out += ',';
+    appendNumber(out, g.root.u);
+    out += ',';
+    appendNumber(out, g.root.v);
+    out += "],\"frameUp\":";
+    appendVector(out, g.frameUp);
+    out += ",\"tube\":{\"shape\":";
+    appendString(out, tubeShapeNameOf(g.tube));
+    out += ",\"width\":";
+    appendFloats(out, g.tube.width, 1.0f);
+    out += ",\"aspect\":";
+    appendFloats(out, g.tube.aspect, 1.0f);
+    out += ",\"twist\":";
+    appendFloats(out, g.tube.twist, 0.0f);
+    out += '}';
+    if (child) {
+        out += ",\"parent\":";
+        appendInteger(out, g.parent);
+    }
+    if (g.locked) out += ",\"locked\":true";
+    if (g.ownSegments) out += ",\"ownSegments\":true";
+    if (!g.attributes.empty()) {
+        out += ",\"attributes\":{";
+        bool first = true;
+        for (const auto& [name, value] : g.attributes) {
+            if (!first) out += ',';
+            first = false;
+            appendString(out, name);
+            out += ':';
+            appendNumber(out, value);
+        }
+        out += '}';
+    }
+    if (!g.pointAttributes.empty()) {
+        out += ",\"pointAttributes\":{";
+        bool first = true;
+        for (const auto& [name, layer] : g.pointAttributes) {
+            if (!first) out += ',';
+            first = false;
+            appendString(out, name);
+            out += ":[";
+            for (std::size_t i = 0; i < layer.size(); ++i) {
+                if (i) out += ',';
+                appendNumber(out, layer[i]);
+            }
+            out += ']';
+        }
+        out += '}';
+    }
+    if (child && !g.locked) {
+        out += ",\"offsets\":";
+        appendFlat(out, g.offsets);
+        if (g.pointCount > 0) {
+            out += ",\"pointCount\":";
+            appendInteger(out, g.pointCount);
+        }
+    } else {
+        out += ",\"points\":";
+        appendFlat(out, g.points);
+        if (!g.rootLocal.empty()) {
+            out += ",\"rootLocal\":";
+            appendFlat(out, g.rootLocal);
+            out += ",\"frameUpLocal\":";
+            appendVector(out, g.frameUpLocal);
+        }
+    }
+    out += '}';
+}
+
+// --- Numbers both paths read alike -------------------------------------------------------------
+
+// A JSON number as the library holds it: an unsigned or signed integer, or a double.
+struct Number {
+    enum Kind : std::uint8_t { Unsigned, Signed, Float } kind = Unsigned;
+    std::uint64_t u = 0;
+    std::int64_t i = 0;
+    double d = 0.0;
+
+    double value() const {
+        return kind == Unsigned ? static_cast<double>(u)
+               : kind == Signed ? static_cast<double>(i)
+                                : d;
+    }
+};
+
+Number numberOf(const Json& json) {
+    Number n;
+    if (json.is_number_unsigned()) {
+        n.u = json.get<std::uint64_t>();
+    } else if (json.is_number_integer()) {
+        n.kind = Number::Signed;
+        n.i = json.get<std::int64_t>();
+    } else {
+        n.kind = Number::Float;
+        n.d = json.get<double>();
+    }
+    return n;
+}
+
+bool toUnsigned(const Number& n, std::uint64_t max, std::uint64_t& out) {
+    if (n.kind != Number::Unsigned || n.u > max) return false;
+    out = n.u;
+    return true;
+}
+
+bool toFace(const Number& n, std::int32_t& out) {
+    if (n.kind == Number::Unsigned &&
+        n.u <= std::uint64_t(std::numeric_limits<std::int32_t>::max())) {
+        out = static_cast<std::int32_t>(n.u);
+        return true;
+    }
+    if (n.kind == Number::Signed && n.i >= std::numeric_limits<std::int32_t>::min() &&
+        n.i <= std::numeric_limits<std::int32_t>::max()) {
+        out = static_cast<std::int32_t>(n.i);
+        return true;
+    }
+    return false;
+}
+
+bool toFloat(const Number& n, float& out) {
+    const double d = n.value();
+    if (!std::isfinite(d) || std::fabs(d) > std::numeric_limits<float>::max()) return false;
+    out = static_cast<float>(d);
+    return true;
+}
+
+int clampedCount(const Number& n, int high) {
+    const double d = std::clamp(n.value(), 0.0, double(high));
+    return static_cast<int>(d);
+}
+
+// --- The whole-parse path: one guide from a JSON value -----------------------------------------
+
+std::string guideName(const Guide& g) {
+    return g.id != 0 ? "guide " + std::to_string(g.id) : "a guide";
+}
+
+float jsonFloat(const Json& json, const Guide& g, std::string_view key) {
+    float out = 0.0f;
+    if (!json.is_number() || !toFloat(numberOf(json), out))
+        bad(guideName(g) + ": \"" + std::string(key) + "\" holds a value that is not a number");
+    return out;
+}
+
+Vec3f jsonVector(const Json& json, const Guide& g, std::string_view key) {
+    if (!json.is_array() || json.size() != 3)
+        bad(guideName(g) + ": \"" + std::string(key) + "\" must be [x, y, z]");
+    return {jsonFloat(json[0], g, key), jsonFloat(json[1], g, key), jsonFloat(json[2], g, key)};
+}
+
+std::vector<Vec3f> jsonFlat(const Json& json, const Guide& g, std::string_view key) {
+    if (!json.is_array()) bad(guideName(g) + ": \"" + std::string(key) + "\" must be a list");
+    if (json.size() % 3 != 0) bad("point array length is not a multiple of 3");
+    std::vector<Vec3f> out(json.size() / 3);
+    for (std::size_t i = 0; i < out.size(); ++i) {
+        out[i] = {jsonFloat(json[3 * i], g, key), jsonFloat(json[3 * i + 1], g, key),
+                  jsonFloat(json[3 * i + 2], g, key)};
+    }
+    return out;
+}
+
+bool jsonBool(const Json& json, const Guide& g, std::string_view key) {
+    if (!json.is_boolean())
+        bad(guideName(g) + ": \"" + std::string(key) + "\" must be true or false");
+    return json.get<bool>();
+}
+
+void guideFromJson(const Json& json, Guide& g, std::string& shapeName, bool& hasUpLocal) {
+    if (!json.is_object()) bad("each guide must be a JSON object");
+    auto required = [&](const char* key) -> const Json& {
+        auto found = json.find(key);
+        if (found == json.end()) bad(guideName(g) + " has no \"" + key + "\"");
+        return *found;
+    };
+    std::uint64_t value = 0;
+    const Json& id = required("id");
+    if (!id.is_number() ||
+        !toUnsigned(numberOf(id), std::numeric_limits<std::uint64_t>::max(), value) || value == 0) {
+        bad("guide ids are whole numbers from 1; found " + id.dump());
+    }
+    g.id = value;
+    const Json& group = required("group");
+    if (!group.is_number() ||
+        !toUnsigned(numberOf(group), std::numeric_limits<std::uint32_t>::max(), value)) {
+        bad(guideName(g) + ": \"group\" must be a group id");
+    }
+    g.group = static_cast<std::uint32_t>(value);
+    const Json& root = required("root");
+    if (!root.is_array() || root.size() != 3 || !root[0].is_number() ||
+        !toFace(numberOf(root[0]), g.root.face)) {
+        bad(guideName(g) + ": \"root\" must be [face, u, v]");
+    }
+    g.root.u = jsonFloat(root[1], g, "root");
+    g.root.v = jsonFloat(root[2], g, "root");
+    g.frameUp = jsonVector(required("frameUp"), g, "frameUp");
+
+    if (auto found = json.find("tube"); found != json.end()) {
+        if (!found->is_object()) throw std::invalid_argument("tube: a JSON object");
+        if (auto shape = found->find("shape"); shape != found->end()) {
+            if (!shape->is_string()) throw std::invalid_argument("tube: shape is a name");
+            shapeName = shape->get<std::string>();
+        }
+        readTubeCurves(*found, g.tube);
+    }
+    if (auto found = json.find("parent"); found != json.end()) {
+        if (!found->is_number() ||
+            !toUnsigned(numberOf(*found), std::numeric_limits<std::uint64_t>::max(), value)) {
+            bad(guideName(g) + ": \"parent\" must be a guide id");
+        }
+        g.parent = value;
+    }
+    if (auto found = json.find("locked"); found != json.end())
+        g.locked = jsonBool(*found, g, "locked");
+    if (auto found = json.find("ownSegments"); found != json.end())
+        g.ownSegments = jsonBool(*found, g, "ownSegments");
+    if (auto found = json.find("attributes"); found != json.end()) {
+        if (!found->is_object()) bad(guideName(g) + ": \"attributes\" must be an object");
+        for (const auto& [name, entry] : found->items())
+            g.attributes[name] = jsonFloat(entry, g, name);
+    }
+    if (auto found = json.find("pointAttributes"); found != json.end()) {
+        if (!found->is_object()) bad(guideName(g) + ": \"pointAttributes\" must be an object");
+        for (const auto& [name, entry] : found->items()) {
+            if (!entry.is_array()) bad(guideName(g) + ": \"" + name + "\" must be a list");
+            std::vector<float>& layer = g.pointAttributes[name];
+            layer.clear();
+            for (const Json& v : entry)
+                layer.push_back(jsonFloat(v, g, name));
+        }
+    }
+    if (auto found = json.find("offsets"); found != json.end())
+        g.offsets = jsonFlat(*found, g, "offsets");
+    if (auto found = json.find("pointCount"); found != json.end()) {
+        if (!found->is_number()) bad(guideName(g) + ": \"pointCount\" must be a number");
+        g.pointCount = clampedCount(numberOf(*found), kMaxPointCount);
+    }
+    if (auto found = json.find("points"); found != json.end())
+        g.points = jsonFlat(*found, g, "points");
+    if (auto found = json.find("rootLocal"); found != json.end())
+        g.rootLocal = jsonFlat(*found, g, "rootLocal");
+    if (auto found = json.find("frameUpLocal"); found != json.end()) {
+        g.frameUpLocal = jsonVector(*found, g, "frameUpLocal");
+        hasUpLocal = true;
+    }
+}
+
+// --- The split path ----------------------------------------------------------------------------
+
+bool isBlank(char c) {
+    return c == ' ' || c == '\t' || c == '\r' || c == '\n';
+}
+
+bool blankText(std::string_view text) {
+    return std::all_of(text.begin(), text.end(), isBlank);
+}
+
+struct Split {
+    std::size_t open = 0;                                       // the guide array's '['
+    std::size_t close = 0;                                      // its ']'
+    std::vector<std::pair<std::size_t, std::size_t>> elements;  // [begin, end) of each element
+};
+
+// Splits the text at the top-level "guides" array without parsing it: outside strings (where a
+// backslash skips the next character) '[' and '{' count depth; the key "guides" at depth 1 must be
+// followed by ':' and '['; the array's elements end at its commas and its ']'. A second "guides"
+// key, unbalanced brackets, an open string or an empty element fail the scan.
+bool splitGuideArray(std::string_view text, Split& split) {
+    int depth = 0;
+    bool found = false, inArray = false;
+    std::size_t elementBegin = 0;
+    const std::size_t n = text.size();
+    auto elementEnds = [&](std::size_t end) {
+        if (blankText(text.substr(elementBegin, end - elementBegin))) return false;
+        split.elements.emplace_back(elementBegin, end);
+        return true;
+    };
+    for (std::size_t i = 0; i < n; ++i) {
+        const char c = text[i];
+        if (c == '"') {
+            const std::size_t begin = i + 1;
+            for (++i; i < n && text[i] != '"'; ++i)
+                if (text[i] == '\\') ++i;
+            if (i >= n) return false;
+            if (depth != 1 || text.substr(begin, i - begin) != "guides") continue;
+            std::size_t k = i + 1;
+            while (k < n && isBlank(text[k]))
+                ++k;
+            if (k >= n || text[k] != ':') continue;  // the value "guides", not the key
+            if (found) return false;
+            found = true;
+            for (++k; k < n && isBlank(text[k]);)
+                ++k;
+            if (k >= n || text[k] != '[') return false;
+            split.open = k;
+            elementBegin = k + 1;
+            inArray = true;
+            depth = 2;
+            i = k;
+        } else if (c == '[' || c == '{') {
+            ++depth;
+        } else if (c == ']' || c == '}') {
+            if (inArray && depth == 2) {
+                if (c != ']') return false;
+                if (!elementEnds(i) &&
+                    !(split.elements.empty() &&
+                      blankText(text.substr(split.open + 1, i - split.open - 1))))
+                    return false;
+                split.close = i;
+                inArray = false;
+            }
+            if (--depth < 0) return false;
+        } else if (c == ',' && inArray && depth == 2) {
+            if (!elementEnds(i)) return false;
+            elementBegin = i + 1;
+        }
+    }
+    return found && !inArray && depth == 0;
+}
+
+// Reads one guide element as the whole parse would, for the layout the writer makes and anything
+// close to it. Anything it is not sure of throws NotSplit.
+class ElementReader {
+  public:
+    ElementReader(std::string_view text) : p_(text.data()), end_(text.data() + text.size()) {}
+
+    void read(Guide& g, std::string& shapeName, bool& hasUpLocal) {
+        enum Key : unsigned {
+            kId = 1u << 0,
+            kGroup = 1u << 1,
+            kRoot = 1u << 2,
+            kFrameUp = 1u << 3,
+            kTube = 1u << 4,
+            kParent = 1u << 5,
+            kLocked = 1u << 6,
+            kOwn = 1u << 7,
+            kAttributes = 1u << 8,
+            kPointAttributes = 1u << 9,
+            kOffsets = 1u << 10,
+            kPointCount = 1u << 11,
+            kPoints = 1u << 12,
+            kRootLocal = 1u << 13,
+            kUpLocal = 1u << 14,
+        };
+        unsigned seen = 0;
+        auto once = [&](unsigned key) {
+            if (seen & key) throw NotSplit{};
+            seen |= key;
+        };
+        expect('{');
+        if (!consume('}')) {
+            do {
+                const std::string_view key = string();
+                expect(':');
+                if (key == "id") {
+                    once(kId);
+                    const Number n = number();
+                    if (!toUnsigned(n, std::numeric_limits<std::uint64_t>::max(), g.id) ||
+                        g.id == 0)
+                        throw NotSplit{};
+                } else if (key == "group") {
+                    once(kGroup);
+                    std::uint64_t group = 0;
+                    if (!toUnsigned(number(), std::numeric_limits<std::uint32_t>::max(), group))
+                        throw NotSplit{};
+                    g.group = static_cast<std::uint32_t>(group);
+                } else if (key == "root") {
+                    once(kRoot);
+                    expect('[');
+                    if (!toFace(number(), g.root.face)) throw NotSplit{};
+                    expect(',');
+                    g.root.u = floating();
+                    expect(',');
+                    g.root.v = floating();
+                    expect(']');
+                } else if (key == "frameUp") {
+                    once(kFrameUp);
+                    g.frameUp = vector();
+                } else if (key == "tube") {
+                    once(kTube);
+                    tube(g.tube, shapeName);
+                } else if (key == "parent") {
+                    once(kParent);
+                    if (!toUnsigned(number(), std::numeric_limits<std::uint64_t>::max(), g.parent))
+                        throw NotSplit{};
+                } else if (key == "locked") {
+                    once(kLocked);
+                    g.locked = boolean();
+                } else if (key == "ownSegments") {
+                    once(kOwn);
+                    g.ownSegments = boolean();
+                } else if (key == "attributes") {
+                    once(kAttributes);
+                    object([&](std::string_view name) {
+                        if (!g.attributes.emplace(std::string(name), floating()).second)
+                            throw NotSplit{};
+                    });
+                } else if (key == "pointAttributes") {
+                    once(kPointAttributes);
+                    object([&](std::string_view name) {
+                        auto [layer, fresh] = g.pointAttributes.try_emplace(std::string(name));
+                        if (!fresh) throw NotSplit{};
+                        floats(layer->second);
+                    });
+                } else if (key == "offsets") {
+                    once(kOffsets);
+                    flat(g.offsets);
+                } else if (key == "pointCount") {
+                    once(kPointCount);
+                    g.pointCount = clampedCount(number(), kMaxPointCount);
+                } else if (key == "points") {
+                    once(kPoints);
+                    flat(g.points);
+                } else if (key == "rootLocal") {
+                    once(kRootLocal);
+                    flat(g.rootLocal);
+                } else if (key == "frameUpLocal") {
+                    once(kUpLocal);
+                    g.frameUpLocal = vector();
+                    hasUpLocal = true;
+                } else {
+                    throw NotSplit{};
+                }
+            } while (consume(','));
+            expect('}');
+        }
+        blanks();
+        if (p_ != end_) throw NotSplit{};
+        if ((seen & (kId | kGroup | kRoot | kFrameUp)) != (kId | kGroup | kRoot | kFrameUp))
+            throw NotSplit{};
+    }
+
+  private:
+    void blanks() {
+        while (p_ < end_ && isBlank(*p_))
+            ++p_;
+    }
+    bool consume(char c) {
+        blanks();
+        if (p_ < end_ && *p_ == c) {
+            ++p_;
+            return true;
+        }
+        return false;
+    }
+    void expect(char c) {
+        if (!consume(c)) throw NotSplit{};
+    }
+    // A string without escapes and of printable ASCII only; the whole parse takes the others.
+    std::string_view string() {
+        expect('"');
+        const char* begin = p_;
+        while (p_ < end_ && *p_ != '"') {
+            const unsigned char c = static_cast<unsigned char>(*p_);
+            if (c < 0x20 || c >= 0x7f || c == '\\') throw NotSplit{};
+            ++p_;
+        }
+        if (p_ == end_) throw NotSplit{};
+        return {begin, static_cast<std::size_t>(p_++ - begin)};
+    }
+    bool boolean() {
+        blanks();
+        if (end_ - p_ >= 4 && std::string_view(p_, 4) == "true") {
+            p_ += 4;
+            return true;
+        }
+        if (end_ - p_ >= 5 && std::string_view(p_, 5) == "false") {
+            p_ += 5;
+            return false;
+        }
+        throw NotSplit{};
+    }
+    // A number by JSON's grammar, held as the library would hold it.
+    Number number() {
+        blanks();
+        const char* begin = p_;
+        bool integer = true;
+        if (p_ < end_ && *p_ == '-') ++p_;
+        if (p_ < end_ && *p_ == '0') {
+            ++p_;
+        } else if (p_ < end_ && *p_ >= '1' && *p_ <= '9') {
+            while (p_ < end_ && *p_ >= '0' && *p_ <= '9')
+                ++p_;
+        } else {
+            throw NotSplit{};
+        }
+        if (p_ < end_ && *p_ == '.') {
+            integer = false;
+            ++p_;
+            if (p_ == end_ || *p_ < '0' || *p_ > '9') throw NotSplit{};
+            while (p_ < end_ && *p_ >= '0' && *p_ <= '9')
+                ++p_;
+        }
+        if (p_ < end_ && (*p_ == 'e' || *p_ == 'E')) {
+            integer = false;
+            ++p_;
+            if (p_ < end_ && (*p_ == '+' || *p_ == '-')) ++p_;
+            if (p_ == end_ || *p_ < '0' || *p_ > '9') throw NotSplit{};
+            while (p_ < end_ && *p_ >= '0' && *p_ <= '9')
+                ++p_;
+        }
+        Number n;
+        if (integer) {
+            // Integers that overflow 64 bits are read as doubles, as the library does.
+            if (*begin == '-') {
+                n.kind = Number::Signed;
+                if (std::from_chars(begin, p_, n.i).ec == std::errc()) return n;
+            } else if (std::from_chars(begin, p_, n.u).ec == std::errc()) {
+                return n;
+            }
+        }
+        n.kind = Number::Float;
+        if (std::from_chars(begin, p_, n.d).ec != std::errc()) throw NotSplit{};
+        return n;
+    }
+    float floating() {
+        float out = 0.0f;
+        if (!toFloat(number(), out)) throw NotSplit{};
+        return out;
+    }
+    Vec3f vector() {
+        expect('[');
+        Vec3f v;
+        v.x = floating();
+        expect(',');
+        v.y = floating();
+        expect(',');
+        v.z = floating();
+        expect(']');
+        return v;
+    }
+    void floats(std::vector<float>& out) {
+        expect('[');
+        if (consume(']')) return;
+        do {
+            out.push_back(floating());
+        } while (consume(','));
+        expect(']');
+    }
+    void flat(std::vector<Vec3f>& out) {
+        std::vector<float>& values = scratch_;
+        values.clear();
+        floats(values);
+        if (values.size() % 3 != 0) throw NotSplit{};
+        out.resize(values.size() / 3);
+        for (std::size_t i = 0; i < out.size(); ++i)
+            out[i] = {values[3 * i], values[3 * i + 1], values[3 * i + 2]};
+    }
+    template <class Each>
+    void object(Each each) {
+        expect('{');
+        if (consume('}')) return;
+        do {
+            const std::string_view name = string();
+            expect(':');
+            each(name);
+        } while (consume(','));
+        expect('}');
+    }
+    // A tube curve: a number or a non-empty list of numbers.
+    void curve(std::vector<float>& out) {
+        out.clear();
+        blanks();
+        if (p_ < end_ && *p_ == '[') {
+            floats(out);
+            if (out.empty()) throw NotSplit{};
+        } else {
+            out.push_back(floating());
+        }
+    }
+    void tube(TubeFields& tube, std::string& shapeName) {
+        unsigned seen = 0;
+        object([&](std::string_view key) {
+            const unsigned bit = key == "shape"    ? 1u
+                                 : key == "width"  ? 2u
+                                 : key == "aspect" ? 4u
+                                 : key == "twist"  ? 8u
+                                                   : 0u;
+            if (bit == 0 || (seen & bit)) throw NotSplit{};
+            seen |= bit;
+            if (bit == 1u) {
+                shapeName = string();
+            } else {
+                curve(bit == 2u ? tube.width : bit == 4u ? tube.aspect : tube.twist);
+            }
+        });
+        for (const float w : tube.width)
+            if (!(w >= 0.0f)) throw NotSplit{};
+        for (const float a : tube.aspect)
+            if (!(a > 0.0f)) throw NotSplit{};
+    }
+
+    const char* p_;
+    const char* end_;
+    std::vector<float> scratch_;
+};
+
+Json parseJson(std::string_view text) {
+    return Json::parse(text.begin(), text.end());
+}
+
+}  // namespace
+
+// --- Writing -----------------------------------------------------------------------------------
+
+std::string GuideHierarchy::toJson() const {
+    std::string out = "{\"groups\":[";
+    for (std::size_t i = 0; i < groups_.size(); ++i) {
+        const GuideGroup& group = groups_[i];
+        if (i) out += ',';
+        out += "{\"id\":";
+        appendInteger(out, group.id);
+        out += ",\"name\":";
+        appendString(out, group.name);
+        out += ",\"parent\":";
+        appendInteger(out, group.parent);
+        if (group.segments > 0) {
+            out += ",\"segments\":";
+            appendInteger(out, group.segments);
+        }
+        out += '}';
+    }
+    out += "],\"guides\":[";
+    const std::size_t n = guides_.size();
+    if (n <= kParallelWriteAbove) {
+        for (std::size_t i = 0; i < n; ++i) {
+            if (i) out += ',';
+            appendGuide(out, guides_[i]);
+        }
+    } else {
+        // Blocks of guides written in parallel, then joined in order.
+        const std::size_t blocks = (n + kWriteBlock - 1) / kWriteBlock;
+        std::vector<std::string> pieces(blocks);
+        parallelRange(0, blocks, 1, [&](std::size_t begin, std::size_t end) {
+            for (std::size_t b = begin; b < end; ++b) {
+                std::string& piece = pieces[b];
+                const std::size_t last = std::min(n, (b + 1) * kWriteBlock);
+                for (std::size_t i = b * kWriteBlock; i < last; ++i) {
+                    if (i) piece += ',';
+                    appendGuide(piece, guides_[i]);
+                }
+            }
+        });
+        std::size_t total = out.size();
+        for (const std::string& piece : pieces)
+            total += piece.size();
+        out.reserve(total + 256);
+        for (const std::string& piece : pieces)
+            out += piece;
+    }
+    out += ']';
+    if (scalpTopology_ != 0) {
+        out += ",\"scalpTopology\":";
+        appendInteger(out, scalpTopology_);
+    }
+    if (!tubeShapes_.empty()) {
+        out += ",\"tubeShapes\":[";
+        bool first = true;
+        for (const auto& [name, shape] : tubeShapes_) {
+            if (!first) out += ',';
+            first = false;
+            out += "{\"name\":";
+            appendString(out, shape->name);
+            out += ",\"points\":[";
+            for (std::size_t i = 0; i < shape->points.size(); ++i) {
+                if (i) out += ',';
+                appendNumber(out, shape->points[i].x);
+                out += ',';
+                appendNumber(out, shape->points[i].y);
+            }
+            out += "],\"smooth\":";
+            out += shape->smooth ? "true" : "false";
+            out += '}';
+        }
+        out += ']';
+    }
+    out += ",\"version\":";
+    appendInteger(out, kGuideDataVersion);
+    out += '}';
+    return out;
+}
+
+// --- Reading -----------------------------------------------------------------------------------
+
+class GuideDataReader {
+  public:
+    static GuideHierarchy read(std::string_view text, GuideReadMode mode, bool* usedSplitScan) {
+        if (usedSplitScan) *usedSplitScan = false;
+        if (blankText(text)) return {};
+        try {
+            Json header;
+            std::vector<Guide> guides;
+            std::vector<std::string> shapeNames;
+            std::vector<char> upLocal;
+            bool split = false;
+            if (mode != GuideReadMode::WholeParse) {
+                try {
+                    split = readSplit(text, header, guides, shapeNames, upLocal);
+                } catch (const NotSplit&) {
+                } catch (const std::exception&) {
+                }
+                if (!split) {
+                    if (mode == GuideReadMode::SplitOnly) bad("not split");
+                    guides.clear();
+                    shapeNames.clear();
+                    upLocal.clear();
+                }
+            }
+            if (!split) {
+                header = parseJson(text);
+                if (!header.is_object()) bad("guide data must be a JSON object");
+                checkFormatVersion(header, kGuideDataVersion, "guide data");
+                if (auto found = header.find("guides"); found != header.end()) {
+                    if (!found->is_array()) bad("\"guides\" must be a list of guides");
+                    const Json& list = *found;
+                    guides.resize(list.size());
+                    shapeNames.resize(list.size());
+                    upLocal.resize(list.size());
+                    for (std::size_t i = 0; i < list.size(); ++i) {
+                        bool hasUpLocal = false;
+                        guideFromJson(list[i], guides[i], shapeNames[i], hasUpLocal);
+                        upLocal[i] = hasUpLocal;
+                    }
+                }
+            }
+            if (usedSplitScan) *usedSplitScan = split;
+            return assemble(header, std::move(guides), shapeNames, upLocal);
+        } catch (const SchemaError&) {
+            throw;
+        } catch (const std::exception& error) {
+            throw SchemaError(std::string("invalid guide data: ") + error.what());
+        }
+    }
+
+  private:
+    static bool readSplit(std::string_view text, Json& header, std::vector<Guide>& guides,
+                          std::vector<std::string>& shapeNames, std::vector<char>& upLocal) {
+        Split split;
+        if (!splitGuideArray(text, split)) return false;
+        std::string rest;
+        rest.reserve(split.open + 2 + (text.size() - split.close - 1));
+        rest.append(text.substr(0, split.open));
+        rest.append("[]");
+        rest.append(text.substr(split.close + 1));
+        header = parseJson(rest);
+        // Another spelling of the key (an escape in it) would hold guides the scan did not see.
+        if (!header.is_object()) return false;
+        auto found = header.find("guides");
+        if (found == header.end() || !found->is_array() || !found->empty()) return false;
+        checkFormatVersion(header, kGuideDataVersion, "guide data");
+
+        const std::size_t n = split.elements.size();
+        guides.resize(n);
+        shapeNames.resize(n);
+        upLocal.assign(n, 0);
+        parallelRange(0, n, kReadGrain, [&](std::size_t begin, std::size_t end) {
+            for (std::size_t i = begin; i < end; ++i) {
+                const auto [first, last] = split.elements[i];
+                bool hasUpLocal = false;
+                ElementReader(text.substr(first, last - first))
+                    .read(guides[i], shapeNames[i], hasUpLocal);
+                upLocal[i] = hasUpLocal;
+            }
+        });
+        return true;
+    }
+
+    // The checks and bookkeeping both paths share, from the header and the guides read.
+    static GuideHierarchy assemble(const Json& header, std::vector<Guide> guides,
+                                   const std::vector<std::string>& shapeNames,
+                                   const std::vector<char>& upLocal) {
+        GuideHierarchy h;
+        if (auto found = header.find("scalpTopology"); found != header.end()) {
+            if (!found->is_number() ||
+                !toUnsigned(numberOf(*found), std::numeric_limits<std::uint64_t>::max(),
+                            h.scalpTopology_)) {
+                bad("\"scalpTopology\" must be a whole number");
+            }
+        }
+        readGroups(header, h);
+        readShapes(header, h);
+
+        // Tube shapes by name: built-in, the retired one, the library, or missing.
+        std::map<std::string, std::size_t> missing;
+        for (std::size_t i = 0; i < guides.size(); ++i) {
+            const std::string& name = shapeNames[i];
+            TubeFields& tube = guides[i].tube;
+            if (name.empty() || tubeShapeFromName(name, tube.shape) || name == kRetiredRound)
+                continue;
+            if (auto shape = h.tubeShapes_.find(name); shape != h.tubeShapes_.end()) {
+                tube.custom = shape->second;
+            } else {
+                ++missing[name];
+            }
+        }
+        for (const auto& [name, count] : missing) {
+            h.loadWarnings_.push_back(
+                "tube shape '" + name +
+                "' is not in the groom's shape library: " + std::to_string(count) +
+                (count == 1 ? " guide" : " guides") + " taking it loaded round");
+        }
+
+        h.guides_ = std::move(guides);
+        std::uint64_t highest = 0;
+        h.index_.reserve(h.guides_.size());
+        for (std::size_t i = 0; i < h.guides_.size(); ++i) {
+            const std::uint64_t id = h.guides_[i].id;
+            if (!h.index_.emplace(id, static_cast<std::uint32_t>(i)).second)
+                bad("guide " + std::to_string(id) + " appears twice");
+            highest = std::max(highest, id);
+        }
+        h.nextGuideId_ = highest + 1;
+
+        std::unordered_map<std::uint32_t, std::uint32_t> groupParent;
+        for (const GuideGroup& group : h.groups_)
+            groupParent.emplace(group.id, group.parent);
+        std::vector<std::string> errors(h.guides_.size());
+        parallelRange(0, h.guides_.size(), kFinishGrain, [&](std::size_t begin, std::size_t end) {
+            for (std::size_t i = begin; i < end; ++i) {
+                Guide& g = h.guides_[i];
+                if (groupParent.count(g.group) == 0) {
+                    errors[i] = "guide " + std::to_string(g.id) + " is in group " +
+                                std::to_string(g.group) + ", which the data does not hold";
+                } else if (g.parent == g.id) {
+                    errors[i] = "guide " + std::to_string(g.id) + " follows itself";
+                } else if (g.parent != 0 && h.index_.count(g.parent) == 0) {
+                    errors[i] = "guide " + std::to_string(g.id) + " follows guide " +
+                                std::to_string(g.parent) + ", which the data does not hold";
+                } else if (!g.rootLocal.empty() && !upLocal[i]) {
+                    errors[i] = "guide " + std::to_string(g.id) +
+                                " has \"rootLocal\" without \"frameUpLocal\"";
+                }
+                // What a guide of its kind never carries is dropped.
+                if (g.parent == 0) g.locked = false;
+                if (g.parent == 0 || g.locked) {
+                    g.offsets.clear();
+                    g.pointCount = 0;
+                } else {
+                    g.rootLocal.clear();
+                }
+                g.needsUpRefresh = true;
+            }
+        });
+        for (const std::string& error : errors)
+            if (!error.empty()) bad(error);
+        return h;
+    }
+
+    static void readGroups(const Json& header, GuideHierarchy& h) {
+        auto found = header.find("groups");
+        if (found == header.end()) return;
+        if (!found->is_array()) bad("\"groups\" must be a list of groups");
+        std::uint32_t highest = 0;
+        for (const Json& entry : *found) {
+            if (!entry.is_object()) bad("each group must be a JSON object");
+            GuideGroup group;
+            std::uint64_t value = 0;
+            auto id = entry.find("id");
+            if (id == entry.end() || !id->is_number() ||
+                !toUnsigned(numberOf(*id), std::numeric_limits<std::uint32_t>::max(), value) ||
+                value == 0) {
+                bad("each group needs an \"id\", a whole number from 1");
+            }
+            group.id = static_cast<std::uint32_t>(value);
+            auto name = entry.find("name");
+            if (name == entry.end() || !name->is_string() ||
+                name->get_ref<const std::string&>().empty())
+                bad("group " + std::to_string(group.id) + " needs a \"name\"");
+            group.name = name->get<std::string>();
+            if (auto parent = entry.find("parent"); parent != entry.end()) {
+                if (!parent->is_number() ||
+                    !toUnsigned(numberOf(*parent), std::numeric_limits<std::uint32_t>::max(),
+                                value)) {
+                    bad("group " + std::to_string(group.id) + ": \"parent\" must be a group id");
+                }
+                group.parent = static_cast<std::uint32_t>(value);
+            }
+            if (auto segments = entry.find("segments"); segments != entry.end()) {
+                if (!segments->is_number())
+                    bad("group " + std::to_string(group.id) + ": \"segments\" must be a number");
+                group.segments = clampedCount(numberOf(*segments), kMaxSegments);
+            }
+            if (h.findGroup(group.id)) bad("group " + std::to_string(group.id) + " appears twice");
+            if (h.findGroup(group.name)) bad("a guide group named '" + group.name + "' exists");
+            highest = std::max(highest, group.id);
+            h.groups_.push_back(std::move(group));
+        }
+        for (const GuideGroup& group : h.groups_) {
+            if (group.parent != 0 && !h.findGroup(group.parent)) {
+                bad("group " + std::to_string(group.id) + " has parent group " +
+                    std::to_string(group.parent) + ", which the data does not hold");
+            }
+        }
+        h.nextGroupId_ = highest + 1;
+    }
+
+    static void readShapes(const Json& header, GuideHierarchy& h) {
+        auto found = header.find("tubeShapes");
+        if (found == header.end()) return;
+        if (!found->is_array()) bad("\"tubeShapes\" must be a list of shapes");
+        for (const Json& entry : *found) {
+            if (!entry.is_object()) bad("each tube shape must be a JSON object");
+            auto name = entry.find("name");
+            if (name == entry.end() || !name->is_string()) bad("each tube shape needs a \"name\"");
+            const std::string& shapeName = name->get_ref<const std::string&>();
+            if (h.tubeShapes_.count(shapeName) != 0)
+                bad("a tube shape named '" + shapeName + "' exists");
+            h.tubeShapes_.emplace(shapeName, parseCustomTubeShape(shapeName, entry));
+        }
+    }
+};
+
+GuideHierarchy GuideHierarchy::fromJson(std::string_view text, GuideReadMode mode,
+                                        bool* usedSplitScan) {
+    return GuideDataReader::read(text, mode, usedSplitScan);
+}
+
+}  // namespace velmorin
