@@ -96,14 +96,57 @@ int mirrorSide(const Guide& guide, int axis, float plane) {
 
 }  // namespace
 
-std::size_t GuideHierarchy::IdHash::operator()(std::uint64_t id) const {
+std::size_t GuideIdIndex::slotOf(std::uint64_t id) const {
     // FNV-1a over the eight bytes of the id, low byte first.
     std::uint64_t h = 0xcbf29ce484222325ull;
     for (int i = 0; i < 8; ++i) {
         h ^= (id >> (8 * i)) & 0xffu;
         h *= 0x100000001b3ull;
     }
-    return static_cast<std::size_t>(h);
+    return static_cast<std::size_t>(h) & (slots_.size() - 1);
+}
+
+void GuideIdIndex::clear() {
+    slots_.clear();
+    count_ = 0;
+}
+
+void GuideIdIndex::reserve(std::size_t count) {
+    // At most half full, so probes stay short.
+    std::size_t capacity = 16;
+    while (capacity < 2 * count)
+        capacity *= 2;
+    if (capacity > slots_.size()) rehash(capacity);
+}
+
+void GuideIdIndex::rehash(std::size_t capacity) {
+    std::vector<Slot> old = std::move(slots_);
+    slots_.assign(capacity, Slot{});
+    count_ = 0;
+    for (const Slot& slot : old)
+        if (slot.id != 0) insert(slot.id, slot.position);
+}
+
+std::uint32_t GuideIdIndex::find(std::uint64_t id) const {
+    if (slots_.empty() || id == 0) return kMissing;
+    const std::size_t mask = slots_.size() - 1;
+    for (std::size_t s = slotOf(id);; s = (s + 1) & mask) {
+        if (slots_[s].id == id) return slots_[s].position;
+        if (slots_[s].id == 0) return kMissing;
+    }
+}
+
+bool GuideIdIndex::insert(std::uint64_t id, std::uint32_t position) {
+    if (2 * (count_ + 1) > slots_.size()) rehash(std::max<std::size_t>(16, 2 * slots_.size()));
+    const std::size_t mask = slots_.size() - 1;
+    for (std::size_t s = slotOf(id);; s = (s + 1) & mask) {
+        if (slots_[s].id == id) return false;
+        if (slots_[s].id == 0) {
+            slots_[s] = {id, position};
+            ++count_;
+            return true;
+        }
+    }
 }
 
 // --- Reading -----------------------------------------------------------------------------------
@@ -115,8 +158,8 @@ std::size_t GuideHierarchy::groupIndex(std::uint32_t id) const {
 }
 
 std::size_t GuideHierarchy::guideIndex(std::uint64_t id) const {
-    auto found = index_.find(id);
-    return found == index_.end() ? guides_.size() : found->second;
+    const std::uint32_t found = index_.find(id);
+    return found == GuideIdIndex::kMissing ? guides_.size() : found;
 }
 
 const GuideGroup* GuideHierarchy::findGroup(std::uint32_t id) const {
@@ -224,11 +267,11 @@ void GuideHierarchy::rebuildIndex() {
     index_.clear();
     index_.reserve(guides_.size());
     for (std::size_t i = 0; i < guides_.size(); ++i)
-        index_.emplace(guides_[i].id, static_cast<std::uint32_t>(i));
+        index_.insert(guides_[i].id, static_cast<std::uint32_t>(i));
 }
 
 std::uint64_t GuideHierarchy::takeGuideId() {
-    while (nextGuideId_ == 0 || index_.count(nextGuideId_) != 0)
+    while (nextGuideId_ == 0 || index_.contains(nextGuideId_))
         ++nextGuideId_;
     return nextGuideId_++;
 }
@@ -545,7 +588,7 @@ std::uint64_t GuideHierarchy::addGuide(std::uint32_t group, std::vector<Vec3f> p
     const GuideGroup* target = findGroup(group);
     if (!target) fail("addGuide: unknown group");
     if (target->parent != 0) fail("addGuide: primary guides belong in root groups");
-    if (id != 0 && index_.count(id) != 0) fail("addGuide: duplicate guide id");
+    if (id != 0 && index_.contains(id)) fail("addGuide: duplicate guide id");
     Guide guide;
     guide.id = id != 0 ? id : takeGuideId();
     guide.group = group;
@@ -554,7 +597,7 @@ std::uint64_t GuideHierarchy::addGuide(std::uint32_t group, std::vector<Vec3f> p
     tube.custom = registerShape(tube.custom);
     guide.tube = std::move(tube);
     guide.needsUpRefresh = true;
-    index_.emplace(guide.id, static_cast<std::uint32_t>(guides_.size()));
+    index_.insert(guide.id, static_cast<std::uint32_t>(guides_.size()));
     guides_.push_back(std::move(guide));
     changed();
     return guides_.back().id;
@@ -583,7 +626,7 @@ std::uint64_t GuideHierarchy::addChildGuide(std::uint32_t group, std::uint64_t p
     guide.points = std::move(points);
     guide.needsUpRefresh = true;
     refreshOffsets(guide);
-    index_.emplace(guide.id, static_cast<std::uint32_t>(guides_.size()));
+    index_.insert(guide.id, static_cast<std::uint32_t>(guides_.size()));
     guides_.push_back(std::move(guide));
     changed();
     return guides_.back().id;
@@ -648,11 +691,11 @@ std::uint32_t GuideHierarchy::generateChildren(std::uint32_t parentGroup,
         const std::uint64_t base = hashCombine(mix64(parentId), options.seed);
         for (std::size_t i = 0; i < count; ++i) {
             std::uint64_t id = hashCombine(base, i);
-            while (id == 0 || index_.count(id) != 0)
+            while (id == 0 || index_.contains(id))
                 id = mix64(id);
             const std::size_t slot = first + m * count + i;
             guides_[slot].id = id;
-            index_.emplace(id, static_cast<std::uint32_t>(slot));
+            index_.insert(id, static_cast<std::uint32_t>(slot));
         }
     }
 
@@ -790,7 +833,7 @@ void GuideHierarchy::mirrorRootGroup(std::size_t groupIdx, int axis, float plane
         for (const Vec3f& point : source.points)
             copy.points.push_back(reflect(point, axis, plane));
         made.emplace_back(sourceId, copy.id);
-        index_.emplace(copy.id, static_cast<std::uint32_t>(guides_.size()));
+        index_.insert(copy.id, static_cast<std::uint32_t>(guides_.size()));
         guides_.push_back(std::move(copy));
     }
     changed();
@@ -852,7 +895,7 @@ std::vector<std::uint64_t> GuideHierarchy::mirrorAll(int axis, float plane, bool
             if (!copy.locked) refreshOffsets(copy);
             next.emplace_back(child.id, copy.id);
             ids.push_back(copy.id);
-            index_.emplace(copy.id, static_cast<std::uint32_t>(guides_.size()));
+            index_.insert(copy.id, static_cast<std::uint32_t>(guides_.size()));
             guides_.push_back(std::move(copy));
         }
         stack.insert(stack.end(), next.rbegin(), next.rend());

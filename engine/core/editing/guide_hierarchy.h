@@ -15,7 +15,6 @@
 #include <span>
 #include <string>
 #include <string_view>
-#include <unordered_map>
 #include <vector>
 
 #include "base/vec3.h"
@@ -53,6 +52,33 @@ struct ChildOptions {
 // How fromJson reads the guide array: the split scan with the whole parse behind it, only the
 // split scan (throws when it can't be used; for tests and benchmarks), or only the whole parse.
 enum class GuideReadMode : std::uint8_t { Automatic, SplitOnly, WholeParse };
+
+// Guide id to position in the guide list: open addressing with linear probing on the FNV-1a hash
+// of the id's eight bytes, so lookups stay constant and a million ids take one flat array. Id 0
+// marks an empty slot (it is never a guide's).
+class GuideIdIndex {
+  public:
+    static constexpr std::uint32_t kMissing = 0xffffffffu;
+
+    void clear();
+    void reserve(std::size_t count);
+    std::uint32_t find(std::uint64_t id) const;  // kMissing when absent
+    bool contains(std::uint64_t id) const { return find(id) != kMissing; }
+    // False (and nothing changed) when the id is there already.
+    bool insert(std::uint64_t id, std::uint32_t position);
+    std::size_t size() const { return count_; }
+
+  private:
+    struct Slot {
+        std::uint64_t id = 0;
+        std::uint32_t position = 0;
+    };
+    std::size_t slotOf(std::uint64_t id) const;
+    void rehash(std::size_t capacity);
+
+    std::vector<Slot> slots_;
+    std::size_t count_ = 0;
+};
 
 class GuideHierarchy {
   public:
@@ -204,9 +230,6 @@ class GuideHierarchy {
                                    bool* usedSplitScan = nullptr);
 
   private:
-    struct IdHash {
-        std::size_t operator()(std::uint64_t id) const;
-    };
     friend class GuideDataReader;
 
     std::size_t groupIndex(std::uint32_t id) const;  // groups_.size() when absent
@@ -239,7 +262,7 @@ class GuideHierarchy {
 
     std::vector<GuideGroup> groups_;
     std::vector<Guide> guides_;
-    std::unordered_map<std::uint64_t, std::uint32_t, IdHash> index_;
+    GuideIdIndex index_;
     std::uint32_t nextGroupId_ = 1;
     std::uint64_t nextGuideId_ = 1;
     std::uint64_t scalpTopology_ = 0;

@@ -16,6 +16,10 @@
 
 #include <nlohmann/json.hpp>
 
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
+
 #include "base/parallel.h"
 #include "editing/guide_hierarchy.h"
 #include "graph/errors.h"
@@ -286,7 +290,7 @@ bool jsonBool(const Json& json, const Guide& g, std::string_view key) {
     return json.get<bool>();
 }
 
-void guideFromJson(const Json& json, Guide& g, std::string& shapeName, bool& hasUpLocal) {
+void guideFromJson(const Json& json, Guide& g, std::string_view& shapeName, bool& hasUpLocal) {
     if (!json.is_object()) bad("each guide must be a JSON object");
     auto required = [&](const char* key) -> const Json& {
         auto found = json.find(key);
@@ -319,7 +323,7 @@ void guideFromJson(const Json& json, Guide& g, std::string& shapeName, bool& has
         if (!found->is_object()) throw std::invalid_argument("tube: a JSON object");
         if (auto shape = found->find("shape"); shape != found->end()) {
             if (!shape->is_string()) throw std::invalid_argument("tube: shape is a name");
-            shapeName = shape->get<std::string>();
+            shapeName = shape->get_ref<const std::string&>();
         }
         readTubeCurves(*found, g.tube);
     }
@@ -381,61 +385,201 @@ struct Split {
     std::vector<std::pair<std::size_t, std::size_t>> elements;  // [begin, end) of each element
 };
 
-// Splits the text at the top-level "guides" array without parsing it: outside strings (where a
-// backslash skips the next character) '[' and '{' count depth; the key "guides" at depth 1 must be
-// followed by ':' and '['; the array's elements end at its commas and its ']'. A second "guides"
-// key, unbalanced brackets, an open string or an empty element fail the scan.
-bool splitGuideArray(std::string_view text, Split& split) {
+// Where in a block of 16 characters of the text there are quotes, backslashes, and brackets,
+// braces or commas: one bit per character. Most of guide data is digits, so the scan looks at
+// whole blocks and then only at the characters that matter.
+struct BlockMasks {
+    std::uint32_t quotes = 0, backslashes = 0, structure = 0;
+};
+
+BlockMasks blockMasks(const char* block) {
+    BlockMasks masks;
+#if defined(__SSE2__)
+    const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(block));
+    // '[' | 0x20 is '{' and ']' | 0x20 is '}', so two compares find all four.
+    const __m128i folded = _mm_or_si128(v, _mm_set1_epi8(0x20));
+    masks.quotes =
+        static_cast<std::uint32_t>(_mm_movemask_epi8(_mm_cmpeq_epi8(v, _mm_set1_epi8('"'))));
+    masks.backslashes =
+        static_cast<std::uint32_t>(_mm_movemask_epi8(_mm_cmpeq_epi8(v, _mm_set1_epi8('\\'))));
+    const __m128i brackets = _mm_or_si128(_mm_cmpeq_epi8(folded, _mm_set1_epi8('{')),
+                                          _mm_cmpeq_epi8(folded, _mm_set1_epi8('}')));
+    masks.structure = static_cast<std::uint32_t>(
+        _mm_movemask_epi8(_mm_or_si128(brackets, _mm_cmpeq_epi8(v, _mm_set1_epi8(',')))));
+#else
+    for (int k = 0; k < 16; ++k) {
+        const char c = block[k];
+        masks.quotes |= std::uint32_t(c == '"') << k;
+        masks.backslashes |= std::uint32_t(c == '\\') << k;
+        masks.structure |= std::uint32_t(c == ',' || c == '[' || c == ']' || c == '{' || c == '}')
+                           << k;
+    }
+#endif
+    return masks;
+}
+
+// The split scan's state machine: outside strings (where a backslash skips the next character)
+// '[' and '{' count depth; the key "guides" at depth 1 must be followed by ':' and '['; inside that
+// array, commas at depth 2 and its closing ']' end elements. Fails on a second "guides" key, an
+// unbalanced bracket or a '}' closing the array.
+struct Scanner {
+    explicit Scanner(std::string_view scanned) : text(scanned) {}
+
+    std::string_view text;
     int depth = 0;
-    bool found = false, inArray = false;
-    std::size_t elementBegin = 0;
-    const std::size_t n = text.size();
-    auto elementEnds = [&](std::size_t end) {
-        if (blankText(text.substr(elementBegin, end - elementBegin))) return false;
-        split.elements.emplace_back(elementBegin, end);
-        return true;
-    };
-    for (std::size_t i = 0; i < n; ++i) {
+    bool inString = false, found = false, inArray = false, failed = false;
+    bool stopAtArray = false;  // pause right after the array's '['
+    bool paused = false;
+    std::size_t stringBegin = 0;
+    std::size_t next = 0;  // characters before this one are escaped or already taken
+    std::size_t open = 0, close = 0;
+    std::vector<std::size_t> ends;  // where elements end: the array's commas and its ']'
+
+    // Scans [from, to); returns false once the scan has failed.
+    bool scan(std::size_t from, std::size_t to) {
+        const std::size_t n = text.size();
+        char tail[16];
+        for (std::size_t base = from; base < to && !failed && !paused; base += 16) {
+            const char* block = text.data() + base;
+            if (n - base < 16) {
+                std::fill(std::begin(tail), std::end(tail), ' ');
+                std::copy(block, text.data() + n, tail);
+                block = tail;
+            }
+            const BlockMasks masks = blockMasks(block);
+            std::uint32_t pending = masks.quotes | masks.backslashes | masks.structure;
+            if (to - base < 16) pending &= (1u << (to - base)) - 1;
+            while (pending != 0 && !failed && !paused) {
+                const std::size_t i = base + static_cast<std::size_t>(__builtin_ctz(pending));
+                pending &= pending - 1;
+                if (i >= next) take(i);
+            }
+        }
+        return !failed;
+    }
+
+    void take(std::size_t i) {
+        const std::size_t n = text.size();
         const char c = text[i];
-        if (c == '"') {
-            const std::size_t begin = i + 1;
-            for (++i; i < n && text[i] != '"'; ++i)
-                if (text[i] == '\\') ++i;
-            if (i >= n) return false;
-            if (depth != 1 || text.substr(begin, i - begin) != "guides") continue;
-            std::size_t k = i + 1;
-            while (k < n && isBlank(text[k]))
-                ++k;
-            if (k >= n || text[k] != ':') continue;  // the value "guides", not the key
-            if (found) return false;
-            found = true;
-            for (++k; k < n && isBlank(text[k]);)
-                ++k;
-            if (k >= n || text[k] != '[') return false;
-            split.open = k;
-            elementBegin = k + 1;
-            inArray = true;
-            depth = 2;
-            i = k;
+        if (inString) {
+            if (c == '\\') {
+                next = i + 2;
+            } else if (c == '"') {
+                inString = false;
+                if (depth != 1 || text.substr(stringBegin, i - stringBegin) != "guides") return;
+                std::size_t k = i + 1;
+                while (k < n && isBlank(text[k]))
+                    ++k;
+                if (k >= n || text[k] != ':') return;  // the value "guides", not the key
+                if (found) {
+                    failed = true;
+                    return;
+                }
+                found = true;
+                for (++k; k < n && isBlank(text[k]);)
+                    ++k;
+                if (k >= n || text[k] != '[') {
+                    failed = true;
+                    return;
+                }
+                open = k;
+                inArray = true;
+                depth = 2;
+                next = k + 1;
+                paused = stopAtArray;
+            }
+        } else if (c == '"') {
+            inString = true;
+            stringBegin = i + 1;
         } else if (c == '[' || c == '{') {
             ++depth;
         } else if (c == ']' || c == '}') {
             if (inArray && depth == 2) {
-                if (c != ']') return false;
-                if (!elementEnds(i) &&
-                    !(split.elements.empty() &&
-                      blankText(text.substr(split.open + 1, i - split.open - 1))))
-                    return false;
-                split.close = i;
+                if (c != ']') failed = true;
+                ends.push_back(i);
+                close = i;
                 inArray = false;
             }
-            if (--depth < 0) return false;
+            if (--depth < 0) failed = true;
         } else if (c == ',' && inArray && depth == 2) {
-            if (!elementEnds(i)) return false;
-            elementBegin = i + 1;
+            ends.push_back(i);
         }
     }
-    return found && !inArray && depth == 0;
+};
+
+// Splits the text at the top-level "guides" array without parsing it (see Scanner); an empty
+// element fails the split. A large array is scanned in parallel pieces: each piece after the first
+// starts at a place that looks like the boundary of two elements ("},{\"id\":" as the writer
+// puts it) and assumes the scan's state there; the piece before it must end in exactly that state,
+// or the text is scanned again from the start in one piece. So the split is always the one a
+// single scan gives.
+bool splitGuideArray(std::string_view text, Split& split) {
+    constexpr std::size_t kPiece = std::size_t(4) << 20;
+    constexpr std::string_view kBoundary = "},{\"id\":";
+    // The text up to the array's '[': the key must be found before the pieces can start.
+    Scanner head(text);
+    head.stopAtArray = true;
+    head.scan(0, text.size());
+    if (!head.found || head.failed) return false;
+    head.stopAtArray = head.paused = false;
+
+    // Piece starts: the comma of a boundary at or after each nominal start.
+    std::vector<std::size_t> starts{head.next};
+    for (std::size_t nominal = head.next + kPiece; nominal < text.size(); nominal += kPiece) {
+        const std::size_t at = text.find(kBoundary, std::max(nominal, starts.back() + 1));
+        if (at == std::string_view::npos) break;
+        starts.push_back(at + 1);
+        nominal = at + 1;
+    }
+    std::vector<Scanner> pieces(starts.size(), Scanner(text));
+    pieces[0] = head;
+    for (std::size_t k = 1; k < pieces.size(); ++k) {
+        pieces[k].depth = 2;
+        pieces[k].found = pieces[k].inArray = true;
+        pieces[k].open = head.open;
+        pieces[k].next = starts[k];
+    }
+    parallelRange(0, pieces.size(), 1, [&](std::size_t begin, std::size_t end) {
+        for (std::size_t k = begin; k < end; ++k) {
+            const std::size_t to = k + 1 < starts.size() ? starts[k + 1] : text.size();
+            pieces[k].scan(starts[k], to);
+        }
+    });
+    bool joined = true;
+    for (std::size_t k = 0; k + 1 < pieces.size() && joined; ++k) {
+        const Scanner& piece = pieces[k];
+        joined = !piece.failed && !piece.inString && piece.inArray && piece.depth == 2 &&
+                 piece.next <= starts[k + 1];
+    }
+    Scanner whole(text);
+    const Scanner* last = &pieces.back();
+    if (joined) {
+        for (std::size_t k = 1; k < pieces.size(); ++k) {
+            pieces[0].ends.insert(pieces[0].ends.end(), pieces[k].ends.begin(),
+                                  pieces[k].ends.end());
+        }
+        pieces[0].ends.swap(pieces.back().ends);
+    } else {
+        whole.scan(0, text.size());
+        last = &whole;
+    }
+    const Scanner& done = *last;
+    if (done.failed || !done.found || done.inArray || done.inString || done.depth != 0)
+        return false;
+
+    split.open = done.open;
+    split.close = done.close;
+    const bool emptyArray =
+        done.ends.size() == 1 && blankText(text.substr(done.open + 1, done.close - done.open - 1));
+    if (emptyArray) return true;
+    split.elements.resize(done.ends.size());
+    std::size_t begin = done.open + 1;
+    for (std::size_t k = 0; k < done.ends.size(); ++k) {
+        if (blankText(text.substr(begin, done.ends[k] - begin))) return false;
+        split.elements[k] = {begin, done.ends[k]};
+        begin = done.ends[k] + 1;
+    }
+    return true;
 }
 
 // Reads one guide element as the whole parse would, for the layout the writer makes and anything
@@ -444,102 +588,86 @@ class ElementReader {
   public:
     ElementReader(std::string_view text) : p_(text.data()), end_(text.data() + text.size()) {}
 
-    void read(Guide& g, std::string& shapeName, bool& hasUpLocal) {
-        enum Key : unsigned {
-            kId = 1u << 0,
-            kGroup = 1u << 1,
-            kRoot = 1u << 2,
-            kFrameUp = 1u << 3,
-            kTube = 1u << 4,
-            kParent = 1u << 5,
-            kLocked = 1u << 6,
-            kOwn = 1u << 7,
-            kAttributes = 1u << 8,
-            kPointAttributes = 1u << 9,
-            kOffsets = 1u << 10,
-            kPointCount = 1u << 11,
-            kPoints = 1u << 12,
-            kRootLocal = 1u << 13,
-            kUpLocal = 1u << 14,
-        };
+    void read(Guide& g, std::string_view& shapeName, bool& hasUpLocal) {
         unsigned seen = 0;
-        auto once = [&](unsigned key) {
-            if (seen & key) throw NotSplit{};
-            seen |= key;
-        };
         expect('{');
         if (!consume('}')) {
             do {
-                const std::string_view key = string();
+                const Key key = keyOf(string());
                 expect(':');
-                if (key == "id") {
-                    once(kId);
-                    const Number n = number();
-                    if (!toUnsigned(n, std::numeric_limits<std::uint64_t>::max(), g.id) ||
-                        g.id == 0)
-                        throw NotSplit{};
-                } else if (key == "group") {
-                    once(kGroup);
-                    std::uint64_t group = 0;
-                    if (!toUnsigned(number(), std::numeric_limits<std::uint32_t>::max(), group))
-                        throw NotSplit{};
-                    g.group = static_cast<std::uint32_t>(group);
-                } else if (key == "root") {
-                    once(kRoot);
-                    expect('[');
-                    if (!toFace(number(), g.root.face)) throw NotSplit{};
-                    expect(',');
-                    g.root.u = floating();
-                    expect(',');
-                    g.root.v = floating();
-                    expect(']');
-                } else if (key == "frameUp") {
-                    once(kFrameUp);
-                    g.frameUp = vector();
-                } else if (key == "tube") {
-                    once(kTube);
-                    tube(g.tube, shapeName);
-                } else if (key == "parent") {
-                    once(kParent);
-                    if (!toUnsigned(number(), std::numeric_limits<std::uint64_t>::max(), g.parent))
-                        throw NotSplit{};
-                } else if (key == "locked") {
-                    once(kLocked);
-                    g.locked = boolean();
-                } else if (key == "ownSegments") {
-                    once(kOwn);
-                    g.ownSegments = boolean();
-                } else if (key == "attributes") {
-                    once(kAttributes);
-                    object([&](std::string_view name) {
-                        if (!g.attributes.emplace(std::string(name), floating()).second)
+                if (key == kUnknown || (seen & key)) throw NotSplit{};
+                seen |= key;
+                switch (key) {
+                    case kId:
+                        if (!toUnsigned(number(), std::numeric_limits<std::uint64_t>::max(),
+                                        g.id) ||
+                            g.id == 0)
                             throw NotSplit{};
-                    });
-                } else if (key == "pointAttributes") {
-                    once(kPointAttributes);
-                    object([&](std::string_view name) {
-                        auto [layer, fresh] = g.pointAttributes.try_emplace(std::string(name));
-                        if (!fresh) throw NotSplit{};
-                        floats(layer->second);
-                    });
-                } else if (key == "offsets") {
-                    once(kOffsets);
-                    flat(g.offsets);
-                } else if (key == "pointCount") {
-                    once(kPointCount);
-                    g.pointCount = clampedCount(number(), kMaxPointCount);
-                } else if (key == "points") {
-                    once(kPoints);
-                    flat(g.points);
-                } else if (key == "rootLocal") {
-                    once(kRootLocal);
-                    flat(g.rootLocal);
-                } else if (key == "frameUpLocal") {
-                    once(kUpLocal);
-                    g.frameUpLocal = vector();
-                    hasUpLocal = true;
-                } else {
-                    throw NotSplit{};
+                        break;
+                    case kGroup: {
+                        std::uint64_t group = 0;
+                        if (!toUnsigned(number(), std::numeric_limits<std::uint32_t>::max(), group))
+                            throw NotSplit{};
+                        g.group = static_cast<std::uint32_t>(group);
+                        break;
+                    }
+                    case kRoot:
+                        expect('[');
+                        if (!toFace(number(), g.root.face)) throw NotSplit{};
+                        expect(',');
+                        g.root.u = floating();
+                        expect(',');
+                        g.root.v = floating();
+                        expect(']');
+                        break;
+                    case kFrameUp:
+                        g.frameUp = vector();
+                        break;
+                    case kTube:
+                        tube(g.tube, shapeName);
+                        break;
+                    case kParent:
+                        if (!toUnsigned(number(), std::numeric_limits<std::uint64_t>::max(),
+                                        g.parent))
+                            throw NotSplit{};
+                        break;
+                    case kLocked:
+                        g.locked = boolean();
+                        break;
+                    case kOwn:
+                        g.ownSegments = boolean();
+                        break;
+                    case kAttributes:
+                        object([&](std::string_view name) {
+                            if (!g.attributes.emplace(std::string(name), floating()).second)
+                                throw NotSplit{};
+                        });
+                        break;
+                    case kPointAttributes:
+                        object([&](std::string_view name) {
+                            auto [layer, fresh] = g.pointAttributes.try_emplace(std::string(name));
+                            if (!fresh) throw NotSplit{};
+                            floats(layer->second);
+                        });
+                        break;
+                    case kOffsets:
+                        flat(g.offsets);
+                        break;
+                    case kPointCount:
+                        g.pointCount = clampedCount(number(), kMaxPointCount);
+                        break;
+                    case kPoints:
+                        flat(g.points);
+                        break;
+                    case kRootLocal:
+                        flat(g.rootLocal);
+                        break;
+                    case kUpLocal:
+                        g.frameUpLocal = vector();
+                        hasUpLocal = true;
+                        break;
+                    case kUnknown:
+                        break;
                 }
             } while (consume(','));
             expect('}');
@@ -551,6 +679,56 @@ class ElementReader {
     }
 
   private:
+    enum Key : unsigned {
+        kUnknown = 0,
+        kId = 1u << 0,
+        kGroup = 1u << 1,
+        kRoot = 1u << 2,
+        kFrameUp = 1u << 3,
+        kTube = 1u << 4,
+        kParent = 1u << 5,
+        kLocked = 1u << 6,
+        kOwn = 1u << 7,
+        kAttributes = 1u << 8,
+        kPointAttributes = 1u << 9,
+        kOffsets = 1u << 10,
+        kPointCount = 1u << 11,
+        kPoints = 1u << 12,
+        kRootLocal = 1u << 13,
+        kUpLocal = 1u << 14,
+    };
+    static Key keyOf(std::string_view key) {
+        switch (key.size()) {
+            case 2:
+                return key == "id" ? kId : kUnknown;
+            case 4:
+                return key == "root" ? kRoot : key == "tube" ? kTube : kUnknown;
+            case 5:
+                return key == "group" ? kGroup : kUnknown;
+            case 6:
+                return key == "parent"   ? kParent
+                       : key == "locked" ? kLocked
+                       : key == "points" ? kPoints
+                                         : kUnknown;
+            case 7:
+                return key == "frameUp" ? kFrameUp : key == "offsets" ? kOffsets : kUnknown;
+            case 9:
+                return key == "rootLocal" ? kRootLocal : kUnknown;
+            case 10:
+                return key == "attributes"   ? kAttributes
+                       : key == "pointCount" ? kPointCount
+                                             : kUnknown;
+            case 11:
+                return key == "ownSegments" ? kOwn : kUnknown;
+            case 12:
+                return key == "frameUpLocal" ? kUpLocal : kUnknown;
+            case 15:
+                return key == "pointAttributes" ? kPointAttributes : kUnknown;
+            default:
+                return kUnknown;
+        }
+    }
+
     void blanks() {
         while (p_ < end_ && isBlank(*p_))
             ++p_;
@@ -590,44 +768,52 @@ class ElementReader {
         }
         throw NotSplit{};
     }
-    // A number by JSON's grammar, held as the library would hold it.
+    // A number by JSON's grammar, held as the library would hold it: integers that fit 64 bits as
+    // integers (signed when they carry a minus), anything else as a double.
     Number number() {
         blanks();
         const char* begin = p_;
-        bool integer = true;
-        if (p_ < end_ && *p_ == '-') ++p_;
+        const bool negative = p_ < end_ && *p_ == '-';
+        if (negative) ++p_;
+        auto digit = [this] { return p_ < end_ && *p_ >= '0' && *p_ <= '9'; };
+        std::uint64_t value = 0;
+        bool fits = true;
         if (p_ < end_ && *p_ == '0') {
             ++p_;
-        } else if (p_ < end_ && *p_ >= '1' && *p_ <= '9') {
-            while (p_ < end_ && *p_ >= '0' && *p_ <= '9')
-                ++p_;
+        } else if (digit()) {
+            for (; digit(); ++p_) {
+                fits = fits && !__builtin_mul_overflow(value, 10u, &value) &&
+                       !__builtin_add_overflow(value, std::uint64_t(*p_ - '0'), &value);
+            }
         } else {
             throw NotSplit{};
         }
+        bool integer = true;
         if (p_ < end_ && *p_ == '.') {
             integer = false;
             ++p_;
-            if (p_ == end_ || *p_ < '0' || *p_ > '9') throw NotSplit{};
-            while (p_ < end_ && *p_ >= '0' && *p_ <= '9')
+            if (!digit()) throw NotSplit{};
+            while (digit())
                 ++p_;
         }
         if (p_ < end_ && (*p_ == 'e' || *p_ == 'E')) {
             integer = false;
             ++p_;
             if (p_ < end_ && (*p_ == '+' || *p_ == '-')) ++p_;
-            if (p_ == end_ || *p_ < '0' || *p_ > '9') throw NotSplit{};
-            while (p_ < end_ && *p_ >= '0' && *p_ <= '9')
+            if (!digit()) throw NotSplit{};
+            while (digit())
                 ++p_;
         }
         Number n;
-        if (integer) {
-            // Integers that overflow 64 bits are read as doubles, as the library does.
-            if (*begin == '-') {
-                n.kind = Number::Signed;
-                if (std::from_chars(begin, p_, n.i).ec == std::errc()) return n;
-            } else if (std::from_chars(begin, p_, n.u).ec == std::errc()) {
-                return n;
-            }
+        if (integer && fits && !negative) {
+            n.u = value;
+            return n;
+        }
+        if (integer && fits && value <= (std::uint64_t(1) << 63)) {
+            n.kind = Number::Signed;
+            n.i = value == (std::uint64_t(1) << 63) ? std::numeric_limits<std::int64_t>::min()
+                                                    : -static_cast<std::int64_t>(value);
+            return n;
         }
         n.kind = Number::Float;
         if (std::from_chars(begin, p_, n.d).ec != std::errc()) throw NotSplit{};
@@ -657,14 +843,25 @@ class ElementReader {
         } while (consume(','));
         expect(']');
     }
+    // Three numbers a point, read into a scratch list first so that the guide's list is allocated
+    // once at its size. The scratch list is the thread's, kept from element to element.
     void flat(std::vector<Vec3f>& out) {
-        std::vector<float>& values = scratch_;
-        values.clear();
-        floats(values);
-        if (values.size() % 3 != 0) throw NotSplit{};
-        out.resize(values.size() / 3);
-        for (std::size_t i = 0; i < out.size(); ++i)
-            out[i] = {values[3 * i], values[3 * i + 1], values[3 * i + 2]};
+        thread_local std::vector<Vec3f> scratch;
+        scratch.clear();
+        expect('[');
+        if (!consume(']')) {
+            do {
+                Vec3f v;
+                v.x = floating();
+                expect(',');
+                v.y = floating();
+                expect(',');
+                v.z = floating();
+                scratch.push_back(v);
+            } while (consume(','));
+            expect(']');
+        }
+        out.assign(scratch.begin(), scratch.end());
     }
     template <class Each>
     void object(Each each) {
@@ -688,7 +885,7 @@ class ElementReader {
             out.push_back(floating());
         }
     }
-    void tube(TubeFields& tube, std::string& shapeName) {
+    void tube(TubeFields& tube, std::string_view& shapeName) {
         unsigned seen = 0;
         object([&](std::string_view key) {
             const unsigned bit = key == "shape"    ? 1u
@@ -712,8 +909,23 @@ class ElementReader {
 
     const char* p_;
     const char* end_;
-    std::vector<float> scratch_;
 };
+
+// Grows the list to `count` guides, touching the new storage's pages from all threads first: a
+// million guides are hundreds of megabytes, and the first touch of a page (the system's zero fill)
+// would otherwise fall on one thread while the list is built.
+void resizeTouchingInParallel(std::vector<Guide>& guides, std::size_t count) {
+    if (count <= guides.size()) return;
+    guides.reserve(count);
+    constexpr std::size_t kPage = 4096;
+    unsigned char* storage = reinterpret_cast<unsigned char*>(guides.data() + guides.size());
+    const std::size_t bytes = (count - guides.size()) * sizeof(Guide);
+    parallelRange(0, (bytes + kPage - 1) / kPage, 256, [&](std::size_t begin, std::size_t end) {
+        for (std::size_t page = begin; page < end; ++page)
+            storage[page * kPage] = 0;
+    });
+    guides.resize(count);
+}
 
 Json parseJson(std::string_view text) {
     return Json::parse(text.begin(), text.end());
@@ -754,6 +966,7 @@ std::string GuideHierarchy::toJson() const {
         parallelRange(0, blocks, 1, [&](std::size_t begin, std::size_t end) {
             for (std::size_t b = begin; b < end; ++b) {
                 std::string& piece = pieces[b];
+                piece.reserve(kWriteBlock * 512);
                 const std::size_t last = std::min(n, (b + 1) * kWriteBlock);
                 for (std::size_t i = b * kWriteBlock; i < last; ++i) {
                     if (i) piece += ',';
@@ -810,7 +1023,7 @@ class GuideDataReader {
         try {
             Json header;
             std::vector<Guide> guides;
-            std::vector<std::string> shapeNames;
+            std::vector<std::string_view> shapeNames;
             std::vector<char> upLocal;
             bool split = false;
             if (mode != GuideReadMode::WholeParse) {
@@ -854,7 +1067,7 @@ class GuideDataReader {
 
   private:
     static bool readSplit(std::string_view text, Json& header, std::vector<Guide>& guides,
-                          std::vector<std::string>& shapeNames, std::vector<char>& upLocal) {
+                          std::vector<std::string_view>& shapeNames, std::vector<char>& upLocal) {
         Split split;
         if (!splitGuideArray(text, split)) return false;
         std::string rest;
@@ -870,7 +1083,7 @@ class GuideDataReader {
         checkFormatVersion(header, kGuideDataVersion, "guide data");
 
         const std::size_t n = split.elements.size();
-        guides.resize(n);
+        resizeTouchingInParallel(guides, n);
         shapeNames.resize(n);
         upLocal.assign(n, 0);
         parallelRange(0, n, kReadGrain, [&](std::size_t begin, std::size_t end) {
@@ -887,7 +1100,7 @@ class GuideDataReader {
 
     // The checks and bookkeeping both paths share, from the header and the guides read.
     static GuideHierarchy assemble(const Json& header, std::vector<Guide> guides,
-                                   const std::vector<std::string>& shapeNames,
+                                   const std::vector<std::string_view>& shapeNames,
                                    const std::vector<char>& upLocal) {
         GuideHierarchy h;
         if (auto found = header.find("scalpTopology"); found != header.end()) {
@@ -901,16 +1114,16 @@ class GuideDataReader {
         readShapes(header, h);
 
         // Tube shapes by name: built-in, the retired one, the library, or missing.
-        std::map<std::string, std::size_t> missing;
+        std::map<std::string, std::size_t, std::less<>> missing;
         for (std::size_t i = 0; i < guides.size(); ++i) {
-            const std::string& name = shapeNames[i];
+            const std::string_view name = shapeNames[i];
             TubeFields& tube = guides[i].tube;
             if (name.empty() || tubeShapeFromName(name, tube.shape) || name == kRetiredRound)
                 continue;
             if (auto shape = h.tubeShapes_.find(name); shape != h.tubeShapes_.end()) {
                 tube.custom = shape->second;
             } else {
-                ++missing[name];
+                ++missing[std::string(name)];
             }
         }
         for (const auto& [name, count] : missing) {
@@ -925,7 +1138,7 @@ class GuideDataReader {
         h.index_.reserve(h.guides_.size());
         for (std::size_t i = 0; i < h.guides_.size(); ++i) {
             const std::uint64_t id = h.guides_[i].id;
-            if (!h.index_.emplace(id, static_cast<std::uint32_t>(i)).second)
+            if (!h.index_.insert(id, static_cast<std::uint32_t>(i)))
                 bad("guide " + std::to_string(id) + " appears twice");
             highest = std::max(highest, id);
         }
@@ -943,7 +1156,7 @@ class GuideDataReader {
                                 std::to_string(g.group) + ", which the data does not hold";
                 } else if (g.parent == g.id) {
                     errors[i] = "guide " + std::to_string(g.id) + " follows itself";
-                } else if (g.parent != 0 && h.index_.count(g.parent) == 0) {
+                } else if (g.parent != 0 && !h.index_.contains(g.parent)) {
                     errors[i] = "guide " + std::to_string(g.id) + " follows guide " +
                                 std::to_string(g.parent) + ", which the data does not hold";
                 } else if (!g.rootLocal.empty() && !upLocal[i]) {

@@ -159,6 +159,36 @@ TEST(GuideJson, CraftedTextsReadAlikeBothWays) {
     EXPECT_EQ(GuideHierarchy::fromJson(" \t\r\n").guides().size(), 0u);
 }
 
+TEST(GuideJson, LargeArraysSplitInPiecesAsInOne) {
+    // Over 4 MiB of guides: the array is scanned in pieces that start at element boundaries.
+    GuideHierarchy h;
+    const std::uint32_t main = h.addGroup("main", 0);
+    for (int i = 0; i < 12000; ++i) {
+        const std::uint64_t id = h.addGuide(main, curve({0.001f * i, 0, 0}, kUp, 1, 8));
+        h.setPointAttribute(id, "curl", std::vector<float>(8, 0.1f * float(i % 7)));
+    }
+    const std::string text = h.toJson();
+    ASSERT_GT(text.size(), std::size_t(5) << 20);
+    bool split = false;
+    EXPECT_EQ(GuideHierarchy::fromJson(text, GuideReadMode::SplitOnly, &split).toJson(), text);
+    EXPECT_TRUE(split);
+
+    // Boundaries written with a space, and what looks like one nested inside elements: the
+    // pieces' assumed starts are wrong and the text is read as one.
+    std::string spaced;
+    for (std::size_t at = 0; at < text.size();) {
+        const std::size_t boundary = text.find("},{\"id\":", at);
+        if (boundary == std::string::npos) {
+            spaced += text.substr(at);
+            break;
+        }
+        spaced += text.substr(at, boundary - at) + R"(,"x":[{"a":1},{"id":2}]}, {"id":)";
+        at = boundary + 8;
+    }
+    const GuideHierarchy read = readBothWays(spaced, false);
+    EXPECT_EQ(read.guides().size(), 12000u);
+}
+
 TEST(GuideJson, ErrorsAreWorded) {
     const std::string group = R"("groups":[{"id":1,"name":"g"}])";
     auto guide = [&](const std::string& extra) {
