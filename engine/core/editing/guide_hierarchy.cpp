@@ -1,6 +1,7 @@
 #include "editing/guide_hierarchy.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cmath>
 #include <numbers>
 #include <stdexcept>
@@ -125,6 +126,33 @@ void GuideIdIndex::rehash(std::size_t capacity) {
     count_ = 0;
     for (const Slot& slot : old)
         if (slot.id != 0) insert(slot.id, slot.position);
+}
+
+std::uint64_t GuideIdIndex::assign(const std::vector<Guide>& guides) {
+    clear();
+    reserve(guides.size());
+    const std::size_t mask = slots_.size() - 1;
+    std::atomic<std::uint64_t> duplicate{0};
+    parallelRange(0, guides.size(), 4096, [&](std::size_t begin, std::size_t end) {
+        for (std::size_t i = begin; i < end; ++i) {
+            const std::uint64_t id = guides[i].id;
+            for (std::size_t s = slotOf(id);; s = (s + 1) & mask) {
+                // A slot is claimed by its id; its position is written by the claimer alone.
+                std::uint64_t expected = 0;
+                if (std::atomic_ref<std::uint64_t>(slots_[s].id)
+                        .compare_exchange_strong(expected, id)) {
+                    slots_[s].position = static_cast<std::uint32_t>(i);
+                    break;
+                }
+                if (expected == id) {
+                    duplicate.store(id, std::memory_order_relaxed);
+                    break;
+                }
+            }
+        }
+    });
+    count_ = guides.size();
+    return duplicate.load();
 }
 
 std::uint32_t GuideIdIndex::find(std::uint64_t id) const {
@@ -264,10 +292,7 @@ std::uint64_t GuideHierarchy::contentHash() const {
 // --- Bookkeeping -------------------------------------------------------------------------------
 
 void GuideHierarchy::rebuildIndex() {
-    index_.clear();
-    index_.reserve(guides_.size());
-    for (std::size_t i = 0; i < guides_.size(); ++i)
-        index_.insert(guides_[i].id, static_cast<std::uint32_t>(i));
+    index_.assign(guides_);
 }
 
 std::uint64_t GuideHierarchy::takeGuideId() {
@@ -317,6 +342,12 @@ void GuideHierarchy::markSubtrees(std::vector<char>& removed) const {
 }
 
 void GuideHierarchy::removeWhere(const std::vector<char>& removed) {
+    // The removed guides' own lists are let go of in parallel first: a regeneration removes a
+    // million children at once.
+    parallelRange(0, guides_.size(), 1024, [&](std::size_t begin, std::size_t end) {
+        for (std::size_t i = begin; i < end; ++i)
+            if (removed[i]) guides_[i] = Guide();
+    });
     std::size_t kept = 0;
     for (std::size_t i = 0; i < guides_.size(); ++i) {
         if (removed[i]) continue;

@@ -66,6 +66,9 @@ class GuideIdIndex {
     bool contains(std::uint64_t id) const { return find(id) != kMissing; }
     // False (and nothing changed) when the id is there already.
     bool insert(std::uint64_t id, std::uint32_t position);
+    // Indexes the guides by their positions, in parallel. Returns 0, or an id that two guides
+    // share (the index is then incomplete).
+    std::uint64_t assign(const std::vector<Guide>& guides);
     std::size_t size() const { return count_; }
 
   private:

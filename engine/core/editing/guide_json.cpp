@@ -7,6 +7,7 @@
 // instead; both paths end in the same checks and give the same hierarchy.
 
 #include <algorithm>
+#include <atomic>
 #include <charconv>
 #include <cmath>
 #include <limits>
@@ -1113,57 +1114,49 @@ class GuideDataReader {
         readGroups(header, h);
         readShapes(header, h);
 
-        // Tube shapes by name: built-in, the retired one, the library, or missing.
-        std::map<std::string, std::size_t, std::less<>> missing;
-        for (std::size_t i = 0; i < guides.size(); ++i) {
-            const std::string_view name = shapeNames[i];
-            TubeFields& tube = guides[i].tube;
-            if (name.empty() || tubeShapeFromName(name, tube.shape) || name == kRetiredRound)
-                continue;
-            if (auto shape = h.tubeShapes_.find(name); shape != h.tubeShapes_.end()) {
-                tube.custom = shape->second;
-            } else {
-                ++missing[std::string(name)];
-            }
-        }
-        for (const auto& [name, count] : missing) {
-            h.loadWarnings_.push_back(
-                "tube shape '" + name +
-                "' is not in the groom's shape library: " + std::to_string(count) +
-                (count == 1 ? " guide" : " guides") + " taking it loaded round");
-        }
-
         h.guides_ = std::move(guides);
-        std::uint64_t highest = 0;
-        h.index_.reserve(h.guides_.size());
-        for (std::size_t i = 0; i < h.guides_.size(); ++i) {
-            const std::uint64_t id = h.guides_[i].id;
-            if (!h.index_.insert(id, static_cast<std::uint32_t>(i)))
-                bad("guide " + std::to_string(id) + " appears twice");
-            highest = std::max(highest, id);
+        const std::size_t n = h.guides_.size();
+        if (h.index_.assign(h.guides_) != 0) {
+            // Which of several shared ids the parallel index meets first varies: name the first
+            // one in the data's order.
+            GuideIdIndex seen;
+            for (std::size_t i = 0; i < n; ++i)
+                if (!seen.insert(h.guides_[i].id, static_cast<std::uint32_t>(i)))
+                    bad("guide " + std::to_string(h.guides_[i].id) + " appears twice");
         }
-        h.nextGuideId_ = highest + 1;
 
+        // Per guide, in parallel: its tube shape by name (built-in, the retired one, the
+        // library's, or missing), what it must not carry dropped, and the first problem found.
+        enum Problem : std::uint8_t { kFine, kNoGroup, kFollowsItself, kNoParent, kNoUpLocal };
         std::unordered_map<std::uint32_t, std::uint32_t> groupParent;
         for (const GuideGroup& group : h.groups_)
             groupParent.emplace(group.id, group.parent);
-        std::vector<std::string> errors(h.guides_.size());
-        parallelRange(0, h.guides_.size(), kFinishGrain, [&](std::size_t begin, std::size_t end) {
+        std::vector<std::uint8_t> problems(n, kFine), missingShape(n, 0);
+        std::atomic<std::uint64_t> highest{0};
+        parallelRange(0, n, kFinishGrain, [&](std::size_t begin, std::size_t end) {
+            std::uint64_t top = 0;
             for (std::size_t i = begin; i < end; ++i) {
                 Guide& g = h.guides_[i];
-                if (groupParent.count(g.group) == 0) {
-                    errors[i] = "guide " + std::to_string(g.id) + " is in group " +
-                                std::to_string(g.group) + ", which the data does not hold";
-                } else if (g.parent == g.id) {
-                    errors[i] = "guide " + std::to_string(g.id) + " follows itself";
-                } else if (g.parent != 0 && !h.index_.contains(g.parent)) {
-                    errors[i] = "guide " + std::to_string(g.id) + " follows guide " +
-                                std::to_string(g.parent) + ", which the data does not hold";
-                } else if (!g.rootLocal.empty() && !upLocal[i]) {
-                    errors[i] = "guide " + std::to_string(g.id) +
-                                " has \"rootLocal\" without \"frameUpLocal\"";
+                top = std::max(top, g.id);
+                const std::string_view name = shapeNames[i];
+                if (!name.empty() && !tubeShapeFromName(name, g.tube.shape) &&
+                    name != kRetiredRound) {
+                    auto shape = h.tubeShapes_.find(name);
+                    if (shape != h.tubeShapes_.end()) {
+                        g.tube.custom = shape->second;
+                    } else {
+                        missingShape[i] = 1;
+                    }
                 }
-                // What a guide of its kind never carries is dropped.
+                if (groupParent.count(g.group) == 0) {
+                    problems[i] = kNoGroup;
+                } else if (g.parent == g.id) {
+                    problems[i] = kFollowsItself;
+                } else if (g.parent != 0 && !h.index_.contains(g.parent)) {
+                    problems[i] = kNoParent;
+                } else if (!g.rootLocal.empty() && !upLocal[i]) {
+                    problems[i] = kNoUpLocal;
+                }
                 if (g.parent == 0) g.locked = false;
                 if (g.parent == 0 || g.locked) {
                     g.offsets.clear();
@@ -1173,9 +1166,37 @@ class GuideDataReader {
                 }
                 g.needsUpRefresh = true;
             }
+            for (std::uint64_t seen = highest.load(); seen < top;)
+                highest.compare_exchange_weak(seen, top);
         });
-        for (const std::string& error : errors)
-            if (!error.empty()) bad(error);
+        for (std::size_t i = 0; i < n; ++i) {
+            if (problems[i] == kFine) continue;
+            const Guide& g = h.guides_[i];
+            const std::string guide = "guide " + std::to_string(g.id);
+            switch (problems[i]) {
+                case kNoGroup:
+                    bad(guide + " is in group " + std::to_string(g.group) +
+                        ", which the data does not hold");
+                case kFollowsItself:
+                    bad(guide + " follows itself");
+                case kNoParent:
+                    bad(guide + " follows guide " + std::to_string(g.parent) +
+                        ", which the data does not hold");
+                default:
+                    bad(guide + " has \"rootLocal\" without \"frameUpLocal\"");
+            }
+        }
+        h.nextGuideId_ = highest.load() + 1;
+
+        std::map<std::string, std::size_t, std::less<>> missing;
+        for (std::size_t i = 0; i < n; ++i)
+            if (missingShape[i]) ++missing[std::string(shapeNames[i])];
+        for (const auto& [name, count] : missing) {
+            h.loadWarnings_.push_back(
+                "tube shape '" + name +
+                "' is not in the groom's shape library: " + std::to_string(count) +
+                (count == 1 ? " guide" : " guides") + " taking it loaded round");
+        }
         return h;
     }
 

@@ -195,6 +195,10 @@ TEST(GuideJson, ErrorsAreWorded) {
         return "{" + group + R"(,"guides":[{"id":1,"group":1,"root":[-1,0,0],"frameUp":[0,0,1])" +
                extra + "}]}";
     };
+    auto one = [](int id) {
+        return R"({"id":)" + std::to_string(id) +
+               R"(,"group":1,"root":[-1,0,0],"frameUp":[0,0,1]})";
+    };
     const struct {
         std::string text;
         std::string message;
@@ -215,6 +219,9 @@ TEST(GuideJson, ErrorsAreWorded) {
          "invalid guide data: guide 1 has \"rootLocal\" without \"frameUpLocal\""},
         {"{" + group + R"(,"guides":[{"id":1,"group":1,"root":[-1,0,0]}]})",
          "invalid guide data: guide 1 has no \"frameUp\""},
+        {"{" + group + R"(,"guides":[)" + one(2) + "," + one(1) + "," + one(2) + "," + one(1) +
+             "]}",
+         "invalid guide data: guide 2 appears twice"},
         {"{" + group + R"(,"guides":[{"id":0}]})",
          "invalid guide data: guide ids are whole numbers from 1; found 0"},
         {R"({"groups":[{"id":1,"name":"g"},{"id":2,"name":"g"}]})",
