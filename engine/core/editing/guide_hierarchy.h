@@ -37,8 +37,9 @@ struct GuideGroup {
     std::int32_t segments = 0;  // default segment count of the group's guides, 0 (none) to 256
 };
 
-// How generateChildren spreads children. Spreads are in tube units (times the parent's tube width
-// and the hierarchy's scale); twist is in degrees from root to tip.
+// How generateChildren spreads children. Spreads and jitter are in tube units: times the child's
+// tube width (its parent's times tubeScale) and the hierarchy's scale. Twist turns the spread from
+// root to tip, in degrees.
 struct ChildOptions {
     int count = 10;
     float rootSpread = 1.0f;
