@@ -12,7 +12,9 @@ using test::randomStrands;
 using test::values;
 
 Guide makeGuide(std::uint64_t id, std::size_t pointCount) {
-    Guide guide{id, {static_cast<std::int32_t>(id), 0.25f, 0.5f}, {}, {}, {}};
+    Guide guide;
+    guide.id = id;
+    guide.root = {static_cast<std::int32_t>(id), 0.25f, 0.5f};
     for (std::size_t k = 0; k < pointCount; ++k)
         guide.points.push_back({float(id), float(k), 0});
     return guide;
