@@ -7,21 +7,14 @@
 
 #include "base/hash.h"
 #include "base/parallel.h"
+#include "base/test/expect_message.h"
 #include "graph/errors.h"
 #include "mesh/sample_meshes.h"
 
 namespace velmorin {
 namespace {
 
-template <class Error = std::invalid_argument>
-void expectMessage(const std::function<void()>& run, const std::string& message) {
-    try {
-        run();
-        ADD_FAILURE() << "no error: " << message;
-    } catch (const Error& e) {
-        EXPECT_EQ(e.what(), message);
-    }
-}
+using test::expectMessage;
 
 void expectNear(const Vec3f& a, const Vec3f& b, float tolerance = 1e-5f) {
     EXPECT_NEAR(a.x, b.x, tolerance);

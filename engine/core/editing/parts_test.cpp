@@ -4,21 +4,14 @@
 
 #include <gtest/gtest.h>
 
+#include "base/test/expect_message.h"
 #include "graph/errors.h"
 #include "mesh/sample_meshes.h"
 
 namespace velmorin {
 namespace {
 
-template <class Error = std::invalid_argument>
-void expectMessage(const std::function<void()>& run, const std::string& message) {
-    try {
-        run();
-        ADD_FAILURE() << "no error: " << message;
-    } catch (const Error& e) {
-        EXPECT_EQ(e.what(), message);
-    }
-}
+using test::expectMessage;
 
 const ScalpMesh& plane() {
     static const auto mesh = makeUvPlane(10.0f, 20);

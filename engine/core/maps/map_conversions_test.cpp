@@ -5,21 +5,14 @@
 
 #include <gtest/gtest.h>
 
+#include "base/test/expect_message.h"
 #include "maps/test/map_test_support.h"
 #include "mesh/sample_meshes.h"
 
 namespace velmorin {
 namespace {
 
-template <class Error>
-void expectMessage(const std::function<void()>& run, const std::string& message) {
-    try {
-        run();
-        ADD_FAILURE() << "no error: " << message;
-    } catch (const Error& e) {
-        EXPECT_EQ(e.what(), message);
-    }
-}
+using test::expectMessage;
 
 // A value that bilinear and barycentric blending reproduce exactly: linear over the plane.
 float linear(const Vec3f& p) {

@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include "base/test/expect_message.h"
 #include "maps/test/map_test_support.h"
 #include "maps/texture.h"
 #include "maps/texture_paint.h"
@@ -12,15 +13,7 @@
 namespace velmorin {
 namespace {
 
-template <class Error = std::invalid_argument>
-void expectMessage(const std::function<void()>& run, const std::string& message) {
-    try {
-        run();
-        ADD_FAILURE() << "no error: " << message;
-    } catch (const Error& e) {
-        EXPECT_EQ(e.what(), message);
-    }
-}
+using test::expectMessage;
 
 // A byte's value as images give it.
 float byteValue(int byte) {

@@ -8,34 +8,13 @@
 
 #include "base/hash.h"
 #include "mesh/scalp_mesh.h"
+#include "mesh/test/mesh_checks.h"
 
 namespace velmorin {
 namespace {
 
-Vec3f hashedPoint(std::uint64_t id, float spread) {
-    return Vec3f{unitFloat(hashCombine(id, 1)) - 0.5f, unitFloat(hashCombine(id, 2)) - 0.5f,
-                 unitFloat(hashCombine(id, 3)) - 0.5f} *
-           (2.0f * spread);
-}
-
-// Distance from p to triangle abc: to the plane where p projects inside, else to the nearest edge.
-float referenceDistance(const Vec3f& p, const Vec3f& a, const Vec3f& b, const Vec3f& c) {
-    const auto segment = [&](const Vec3f& s0, const Vec3f& s1) {
-        const Vec3f d = s1 - s0;
-        const float t =
-            dot(d, d) > 0.0f ? std::clamp(dot(p - s0, d) / dot(d, d), 0.0f, 1.0f) : 0.0f;
-        return length(p - (s0 + d * t));
-    };
-    float best = std::min({segment(a, b), segment(b, c), segment(c, a)});
-    const Vec3f n = cross(b - a, c - a);
-    if (lengthSquared(n) > 1e-20f) {
-        const Vec3f q = p - n * (dot(p - a, n) / dot(n, n));
-        if (dot(cross(b - a, q - a), n) >= 0 && dot(cross(c - b, q - b), n) >= 0 &&
-            dot(cross(a - c, q - c), n) >= 0)
-            best = std::min(best, std::fabs(dot(p - a, n)) / length(n));
-    }
-    return best;
-}
+using test::hashedPoint;
+using test::referenceDistance;
 
 ScalpMesh soup(std::uint32_t triangleCount, std::uint64_t seed) {
     std::vector<Vec3f> points;

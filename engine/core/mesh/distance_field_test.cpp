@@ -9,15 +9,12 @@
 
 #include "base/hash.h"
 #include "mesh/sample_meshes.h"
+#include "mesh/test/mesh_checks.h"
 
 namespace velmorin {
 namespace {
 
-Vec3f hashedPoint(std::uint64_t id, float spread) {
-    return Vec3f{unitFloat(hashCombine(id, 1)) - 0.5f, unitFloat(hashCombine(id, 2)) - 0.5f,
-                 unitFloat(hashCombine(id, 3)) - 0.5f} *
-           (2.0f * spread);
-}
+using test::hashedPoint;
 
 // The box [-1, 1]^3 as twelve outward-facing triangles.
 std::shared_ptr<const ScalpMesh> closedCube() {

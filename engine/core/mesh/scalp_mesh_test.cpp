@@ -9,36 +9,12 @@
 #include "base/hash.h"
 #include "base/parallel.h"
 #include "mesh/sample_meshes.h"
+#include "mesh/test/mesh_checks.h"
 
 namespace velmorin {
 namespace {
 
-Vec3f hashedPoint(std::uint64_t id, float spread) {
-    return Vec3f{unitFloat(hashCombine(id, 1)) - 0.5f, unitFloat(hashCombine(id, 2)) - 0.5f,
-                 unitFloat(hashCombine(id, 3)) - 0.5f} *
-           (2.0f * spread);
-}
-
-// Distance from p to triangle abc, computed independently by projecting onto the plane and, when
-// outside, taking the nearest of the three edges.
-float referenceDistance(const Vec3f& p, const Vec3f& a, const Vec3f& b, const Vec3f& c) {
-    auto segment = [&](const Vec3f& s0, const Vec3f& s1) {
-        const Vec3f d = s1 - s0;
-        const float len2 = dot(d, d);
-        const float t = len2 > 0.0f ? std::clamp(dot(p - s0, d) / len2, 0.0f, 1.0f) : 0.0f;
-        return length(p - (s0 + d * t));
-    };
-    float best = std::min({segment(a, b), segment(b, c), segment(c, a)});
-    const Vec3f n = cross(b - a, c - a);
-    if (lengthSquared(n) > 1e-20f) {
-        const Vec3f unit = normalized(n);
-        const Vec3f q = p - unit * dot(p - a, unit);
-        const bool inside = dot(cross(b - a, q - a), n) >= 0 && dot(cross(c - b, q - b), n) >= 0 &&
-                            dot(cross(a - c, q - c), n) >= 0;
-        if (inside) best = std::min(best, std::fabs(dot(p - a, unit)));
-    }
-    return best;
-}
+using test::hashedPoint;
 
 std::shared_ptr<const ScalpMesh> degenerateMesh() {
     // A proper triangle, a sliver along a line, a triangle collapsed to a point, and one that
@@ -113,12 +89,7 @@ TEST(ScalpMesh, ClosestPointAgreesWithExhaustiveSearch) {
             if (i % 3 == 2) p += mesh->points()[i % mesh->pointCount()];
             const ClosestPoint hit = mesh->closestPoint(p);
             ASSERT_TRUE(hit.found()) << name;
-            float expected = std::numeric_limits<float>::infinity();
-            for (const Triangle& t : mesh->triangles()) {
-                expected = std::min(expected,
-                                    referenceDistance(p, mesh->points()[t[0]], mesh->points()[t[1]],
-                                                      mesh->points()[t[2]]));
-            }
+            const float expected = test::referenceDistance(*mesh, p);
             const float tolerance = 1e-4f * std::max(1.0f, expected);
             EXPECT_NEAR(hit.distance, expected, tolerance) << name << " point " << i;
             EXPECT_NEAR(length(hit.point - p), hit.distance, tolerance) << name;
