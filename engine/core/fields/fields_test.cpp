@@ -280,6 +280,29 @@ TEST(MappedParams, WhatCannotBeReadIsAnErrorNamingTheParam) {
         GraphError);
 }
 
+TEST(MappedParams, ResultsFollowTheFrameAndTheGroomsMaps) {
+    registerProbe();
+    Scene scene;
+    Graph graph;
+    const std::string json = R"x({"nodes": [{"name": "groom", "type": "EvalScene"},
+        {"name": "probe", "type": "FieldsProbe",
+         "params": {"amount": {"expression": "frame + map(\"weight\")"}}}],
+        "connections": [{"from": "groom", "to": "probe", "input": "strands"}],
+        "output": "probe"})x";
+    graph.fromJson(json);
+    const auto first = [&] {
+        return column(*test::strandsOf(graph.evaluateOutput(scene.ctx)), "amount")[0];
+    };
+    EXPECT_FLOAT_EQ(first(), 0.75f);
+    scene.ctx.time = 2;
+    EXPECT_FLOAT_EQ(first(), 2.75f);
+    // The same catalog under a new key, with the map painted anew.
+    auto maps = catalog(scene.image);
+    maps->maps.maps["weight"].values = {1, 1, 1, 1};
+    scene.inputs["maps"] = {Value(std::shared_ptr<const MapCatalogValue>(maps)), 4};
+    EXPECT_FLOAT_EQ(first(), 3.0f);
+}
+
 TEST(MappedParams, AGuideLayerBeforeStrandsReadsTheNearestGuide) {
     ParamSet params;
     ParamSpec amount;

@@ -104,6 +104,29 @@ std::uint64_t keyedParamsKey(const GraphNode& node, const EvalContext& ctx) {
     return h;
 }
 
+// Params that hold maps read the scalp and the catalog of maps, and an expression that may read
+// the frame reads the time: those enter the key of the node that holds them.
+std::uint64_t mappedParamsKey(const Operator& op, const EvalContext& ctx) {
+    bool mapped = false, timed = false;
+    for (const auto& [name, value] : op.paramSet.values) {
+        const MapReference* map = std::get_if<MapReference>(&value);
+        if (!map) continue;
+        mapped = true;
+        if (map->source == MapSource::Expression &&
+            (map->text.find("frame") != std::string::npos ||
+             map->text.find("time") != std::string::npos))
+            timed = true;
+    }
+    if (!mapped) return 0;
+    std::uint64_t h = 0x6d6170706564ull;
+    for (const std::string_view name : {kScalpInput, kMapsInput}) {
+        const SceneInput* input = ctx.sceneInput(name);
+        h = hashCombine(h, input ? input->key : 0);
+    }
+    if (timed) h = hashCombine(h, doubleBits(ctx.time));
+    return h;
+}
+
 struct KeyBuilder {
     const Graph& graph;
     const EvalContext& root;
@@ -136,9 +159,8 @@ struct KeyBuilder {
             h = hashCombine(h, static_cast<std::uint64_t>(op.savedVersion) + 0x7E5000);
         h = hashCombine(h, op.contentKey());
         h = hashCombine(h, op.contextKey(ctx, id, root));
-        // Expression strings that read the frame join the time-dependent part here once the
-        // expression language arrives; keyed params are known now.
         h = hashCombine(h, keyedParamsKey(node, ctx));
+        h = hashCombine(h, mappedParamsKey(op, root));
         for (const std::string& name : op.sceneInputs()) {
             h = hashText(h, name);
             const SceneInput* input = root.sceneInput(name);
