@@ -233,6 +233,15 @@ void bindStrands(FieldMap& map, const StrandSet& strands, bool colors) {
         }
         try {
             const ExpressionBinding binding = bind(map.expression->program, strands, scalpRoots);
+            if (map.vector) {
+                map.strandColors.resize(count);
+                evaluateExpression(binding, map.strandColors, ExpressionLevel::Strand);
+                if (binding.perPoint()) {
+                    map.pointColors.resize(strands.pointCount());
+                    evaluateExpression(binding, map.pointColors, ExpressionLevel::Point);
+                }
+                return;
+            }
             map.strandValues.resize(count);
             evaluateExpression(binding, map.strandValues, ExpressionLevel::Strand);
             if (binding.perPoint()) {
@@ -251,6 +260,8 @@ std::shared_ptr<FieldMap> prepared(const FieldMap& source, const StrandSet* stra
     resolve(*map, strands, scene);
     if (strands) {
         bindStrands(*map, *strands, colors);
+    } else if (map->kind == FieldMapKind::Expression && map->vector) {
+        map->strandColors.assign(1, evaluateUniformVector(*map->expression->program));
     } else if (map->kind == FieldMapKind::Expression) {
         map->strandValues.assign(1, evaluateUniformNumber(*map->expression->program));
     }
@@ -347,13 +358,16 @@ std::uint64_t MapColorFieldValue::key() const {
 
 Vec3f MapColorFieldValue::colorAtStrand(std::size_t strand) const {
     const FieldMap& m = *map_;
-    if (!m.bound || m.strandColors.empty()) return {m.min, m.min, m.min};
-    const Vec3f& c = m.strandColors[strand];
+    if (m.strandColors.empty()) return {m.min, m.min, m.min};
+    const Vec3f& c = m.strandColors[m.bound ? strand : 0];
     return {m.range(c.x), m.range(c.y), m.range(c.z)};
 }
 
-Vec3f MapColorFieldValue::colorAtPoint(std::size_t strand, std::size_t) const {
-    return colorAtStrand(strand);
+Vec3f MapColorFieldValue::colorAtPoint(std::size_t strand, std::size_t point) const {
+    const FieldMap& m = *map_;
+    if (m.pointColors.empty()) return colorAtStrand(strand);
+    const Vec3f& c = m.pointColors[m.offsets[strand] + point];
+    return {m.range(c.x), m.range(c.y), m.range(c.z)};
 }
 
 }  // namespace velmorin
@@ -388,7 +402,8 @@ std::shared_ptr<const FieldValue> resolveMapReference(const std::string& param,
                                                       const StrandSet* strands,
                                                       const FieldScene& scene) {
     const std::string owner = "param '" + param + "'";
-    if (spec && spec->kind() == ParamKind::Vec3 && reference.source != MapSource::Expression)
+    const bool vector = spec && spec->kind() == ParamKind::Vec3;
+    if (vector && reference.source != MapSource::Expression)
         throw GraphError(owner + ": a vector takes an expression (a " +
                          std::string(sourceWords(reference.source)) + " map gives one number)");
     FieldMap map;
@@ -439,12 +454,18 @@ std::shared_ptr<const FieldValue> resolveMapReference(const std::string& param,
             expression->max = map.max;
             try {
                 expression->program =
-                    compile(reference.text, scene.environment, ExpressionType::Number);
+                    compile(reference.text, scene.environment,
+                            vector ? ExpressionType::Vector : ExpressionType::Number);
             } catch (const ExpressionError& e) {
                 throw GraphError(owner + ": " + e.what());
             }
             map.expression = std::move(expression);
             map.sourceKey = hashText(0, reference.text);
+            map.vector = vector;
+            if (vector) {
+                const MapColorFieldValue unbound(std::make_shared<const FieldMap>(std::move(map)));
+                return unbound.prepare(strands, scene);
+            }
             break;
         }
     }

@@ -75,6 +75,8 @@ struct FieldMap {
     // The owner is a Map node rather than a param: its faults read in that node's words.
     bool fromMapNode = false;
 
+    bool vector = false;  // an expression that gives a vector (for a vector param)
+
     bool colored() const {
         return kind == FieldMapKind::Texture || kind == FieldMapKind::Vertices ||
                kind == FieldMapKind::ColorSet;

@@ -25,7 +25,10 @@ FieldSampler resolveField(const ParamSet& params, std::string_view name, const S
             return FieldSampler(resolveMapReference(std::string(name), *reference,
                                                     params.spec(name), strands, scene));
     }
-    return FieldSampler(static_cast<float>(params.getFloat(name, 0.0)));
+    FieldSampler plain(static_cast<float>(params.getFloat(name, 0.0)));
+    if (const ParamSpec* spec = params.spec(name); spec && spec->kind() == ParamKind::Vec3)
+        plain.setPlainVector(params.getVec3(name, {}));
+    return plain;
 }
 
 }  // namespace

@@ -29,11 +29,22 @@ class FieldSampler {
     float atPoint(std::size_t strand, std::size_t point) const {
         return field_ ? field_->atPoint(strand, point) : plain_;
     }
+    // A vector param's value: its mapped vector, or the plain vector.
+    Vec3f vectorAtStrand(std::size_t strand) const {
+        return field_ ? field_->colorAtStrand(strand) : plainVector_;
+    }
+    Vec3f vectorAtPoint(std::size_t strand, std::size_t point) const {
+        return field_ ? field_->colorAtPoint(strand, point) : plainVector_;
+    }
+    Vec3f vectorValue() const { return plainVector_; }
+    void setPlainVector(Vec3f vector) { plainVector_ = vector; }
+
     // The prepared field, or null for a plain number.
     const FieldValue* field() const { return field_.get(); }
 
   private:
     float plain_ = 0.0f;
+    Vec3f plainVector_;
     std::shared_ptr<const FieldValue> field_;
 };
 

@@ -47,7 +47,10 @@ class ProbeOp final : public Operator {
         const auto strands = inputs[0].get<StrandSet>();
         auto out = std::make_shared<StrandSet>(*strands);
         const FieldSampler amount = paramSet.field("amount", *strands);
-        paramSet.field("tint", *strands);
+        const FieldSampler tint = paramSet.field("tint", *strands);
+        std::vector<float>& tintY = out->addStrandChannel("tintY", 0.0f);
+        for (std::size_t s = 0; s < tintY.size(); ++s)
+            tintY[s] = tint.vectorAtStrand(s).y;
         paramSet.field("spacing", *strands);
         std::vector<float>& perStrand = out->addStrandChannel("amount", 0.0f);
         std::vector<float>& perPoint = out->addPointChannel("amountAt", 0.0f);
@@ -230,6 +233,11 @@ TEST(MappedParams, PointSourcesVaryAlongStrandsAndStrandSourcesRepeat) {
               (std::vector<float>{1, 2, 3, 2, 3, 4, 3, 4, 5, 4, 5, 6}));
     const auto mass = runProbe(scene, R"({"amount": {"attribute": "mass"}})");
     EXPECT_EQ(column(*mass, "amountAt"), (std::vector<float>{1, 1, 1, 2, 2, 2, 3, 3, 3, 4, 4, 4}));
+    // A vector param takes a vector expression; the range applies to each component.
+    const auto tinted = runProbe(scene, R"({"tint": {"expression": "[u, v * 2, 0]", "max": 2}})");
+    EXPECT_EQ(column(*tinted, "tintY"), (std::vector<float>{1, 1, 3, 3}));
+    const auto plainTint = runProbe(scene, R"({"tint": [0, 0.5, 0]})");
+    EXPECT_EQ(column(*plainTint, "tintY"), (std::vector<float>{0.5f, 0.5f, 0.5f, 0.5f}));
     // A plain number is the same everywhere.
     const auto plain = runProbe(scene, R"({"amount": 0.25})");
     EXPECT_EQ(column(*plain, "amountAt"), std::vector<float>(12, 0.25f));
