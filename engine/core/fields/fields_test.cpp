@@ -472,6 +472,33 @@ TEST(FieldNodes, CurveValueAndOneValueExpressionsDriveTheirParams) {
     EXPECT_FLOAT_EQ(column(*framed, "amount")[0], 2.0f);
 }
 
+TEST(FieldNodes, ControlBindingsWriteTheHostsValuesIntoTheirParams) {
+    registerProbe();
+    Scene scene;
+    const auto number = [](double value) {
+        return Value(
+            std::make_shared<const UniformValue>(UniformValue{ValueKind::Number, value, false}));
+    };
+    Graph graph;
+    graph.fromJson(R"({"nodes": [{"name": "groom", "type": "EvalScene"},
+        {"name": "probe", "type": "FieldsProbe", "params": {"amount": 0.1},
+         "paramControls": {"amount": "gain", "tint": ["tx", "ty", "tz"]}}],
+        "connections": [{"from": "groom", "to": "probe", "input": "strands"}],
+        "output": "probe"})");
+    const auto run = [&] { return test::strandsOf(graph.evaluateOutput(scene.ctx)); };
+    // Unset controls leave the params as they are.
+    EXPECT_FLOAT_EQ(column(*run(), "amount")[0], 0.1f);
+    scene.inputs["control:gain"] = {number(0.7), 1};
+    scene.inputs["control:tx"] = {number(1), 1};
+    scene.inputs["control:ty"] = {number(2), 1};
+    scene.inputs["control:tz"] = {number(3), 1};
+    const auto out = run();
+    EXPECT_FLOAT_EQ(column(*out, "amount")[0], 0.7f);
+    EXPECT_FLOAT_EQ(column(*out, "tintY")[0], 2.0f);
+    scene.inputs["control:gain"] = {number(0.9), 2};
+    EXPECT_FLOAT_EQ(column(*run(), "amount")[0], 0.9f);
+}
+
 TEST(FieldNodes, FaultsReadInTheNodesWords) {
     Scene scene;
     struct Case {
