@@ -1,6 +1,7 @@
 #include "fields/field_map.h"
 
 #include <cmath>
+#include <cstdio>
 #include <limits>
 
 #include "base/hash.h"
