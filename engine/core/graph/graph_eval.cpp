@@ -14,8 +14,8 @@
 
 #include "base/hash.h"
 #include "base/parallel.h"
-#include "graph/affect.h"
 #include "fields/field_scene.h"
+#include "graph/affect.h"
 #include "graph/field_value.h"
 #include "graph/graph.h"
 #include "graph/registry.h"
@@ -112,9 +112,8 @@ std::uint64_t mappedParamsKey(const Operator& op, const EvalContext& ctx) {
         const MapReference* map = std::get_if<MapReference>(&value);
         if (!map) continue;
         mapped = true;
-        if (map->source == MapSource::Expression &&
-            (map->text.find("frame") != std::string::npos ||
-             map->text.find("time") != std::string::npos))
+        if (map->source == MapSource::Expression && (map->text.find("frame") != std::string::npos ||
+                                                     map->text.find("time") != std::string::npos))
             timed = true;
     }
     if (!mapped) return 0;
@@ -978,9 +977,9 @@ void resolveControls(Graph& graph, const EvalContext& ctx) {
                 const auto y = controlNumber(ctx, controls[1]);
                 const auto z = controlNumber(ctx, controls[2]);
                 if (x && y && z)
-                    node.op->paramSet.set(param, Vec3f{static_cast<float>(*x),
-                                                       static_cast<float>(*y),
-                                                       static_cast<float>(*z)});
+                    node.op->paramSet.set(param,
+                                          Vec3f{static_cast<float>(*x), static_cast<float>(*y),
+                                                static_cast<float>(*z)});
             } else if (controls.size() == 1) {
                 if (const auto number = controlNumber(ctx, controls[0])) {
                     const ParamSpec* spec = node.op->paramSet.spec(param);
