@@ -14,6 +14,7 @@
 
 #include "base/hash.h"
 #include "base/parallel.h"
+#include "fields/field_scene.h"
 #include "graph/affect.h"
 #include "graph/field_value.h"
 #include "graph/graph.h"
@@ -103,6 +104,28 @@ std::uint64_t keyedParamsKey(const GraphNode& node, const EvalContext& ctx) {
     return h;
 }
 
+// Params that hold maps read the scalp and the catalog of maps, and an expression that may read
+// the frame reads the time: those enter the key of the node that holds them.
+std::uint64_t mappedParamsKey(const Operator& op, const EvalContext& ctx) {
+    bool mapped = false, timed = false;
+    for (const auto& [name, value] : op.paramSet.values) {
+        const MapReference* map = std::get_if<MapReference>(&value);
+        if (!map) continue;
+        mapped = true;
+        if (map->source == MapSource::Expression && (map->text.find("frame") != std::string::npos ||
+                                                     map->text.find("time") != std::string::npos))
+            timed = true;
+    }
+    if (!mapped) return 0;
+    std::uint64_t h = 0x6d6170706564ull;
+    for (const std::string_view name : {kScalpInput, kMapsInput}) {
+        const SceneInput* input = ctx.sceneInput(name);
+        h = hashCombine(h, input ? input->key : 0);
+    }
+    if (timed) h = hashCombine(h, doubleBits(ctx.time));
+    return h;
+}
+
 struct KeyBuilder {
     const Graph& graph;
     const EvalContext& root;
@@ -135,9 +158,8 @@ struct KeyBuilder {
             h = hashCombine(h, static_cast<std::uint64_t>(op.savedVersion) + 0x7E5000);
         h = hashCombine(h, op.contentKey());
         h = hashCombine(h, op.contextKey(ctx, id, root));
-        // Expression strings that read the frame join the time-dependent part here once the
-        // expression language arrives; keyed params are known now.
         h = hashCombine(h, keyedParamsKey(node, ctx));
+        h = hashCombine(h, mappedParamsKey(op, root));
         for (const std::string& name : op.sceneInputs()) {
             h = hashText(h, name);
             const SceneInput* input = root.sceneInput(name);
@@ -718,6 +740,13 @@ std::vector<Value> Evaluation::evaluateNode(std::uint32_t id) {
     NoteList noteList;
     EvalContext runCtx = contextFor(id);
     runCtx.notes = &noteList;
+    // What the node's mapped params read: the scalp and maps of the context, and its guides.
+    if (!bypassed && !silent) {
+        std::shared_ptr<const GuideSet> guides;
+        for (std::size_t i = 0; i < portCount && i < ports.size(); ++i)
+            if (ports[i].type == PortType::Guides) guides = inputs[i].get<GuideSet>();
+        op.paramSet.fieldScene = makeFieldScene(runCtx, std::move(guides));
+    }
     std::vector<Value> results;
     std::vector<ChangesPointer> outChanges(outputs.size());
     std::vector<std::string> texts;
@@ -921,6 +950,53 @@ bool setIncrementalCheck(bool on) {
     return gIncrementalCheck.exchange(on);
 }
 
+namespace {
+
+// The number a control's scene input holds, if it holds one.
+std::optional<double> controlNumber(const EvalContext& ctx, const std::string& control) {
+    const SceneInput* input = ctx.sceneInput("control:" + control);
+    if (!input) return std::nullopt;
+    if (const auto uniform = input->value.get<UniformValue>()) {
+        if (const double* number = std::get_if<double>(&uniform->value)) return *number;
+        if (const std::int64_t* whole = std::get_if<std::int64_t>(&uniform->value))
+            return static_cast<double>(*whole);
+        if (const bool* on = std::get_if<bool>(&uniform->value)) return *on ? 1.0 : 0.0;
+    }
+    if (const auto field = input->value.get<FieldValue>()) return field->atStrand(0);
+    return std::nullopt;
+}
+
+// Each param bound to controls takes their values: one number, or three for a vector. A control
+// the host has not set leaves the param as it is.
+void resolveControls(Graph& graph, const EvalContext& ctx) {
+    for (const std::uint32_t id : graph.nodeIds()) {
+        GraphNode& node = graph.node(id);
+        for (const auto& [param, controls] : node.paramControls) {
+            if (controls.size() == 3) {
+                const auto x = controlNumber(ctx, controls[0]);
+                const auto y = controlNumber(ctx, controls[1]);
+                const auto z = controlNumber(ctx, controls[2]);
+                if (x && y && z)
+                    node.op->paramSet.set(param,
+                                          Vec3f{static_cast<float>(*x), static_cast<float>(*y),
+                                                static_cast<float>(*z)});
+            } else if (controls.size() == 1) {
+                if (const auto number = controlNumber(ctx, controls[0])) {
+                    const ParamSpec* spec = node.op->paramSet.spec(param);
+                    if (spec && spec->kind() == ParamKind::Int)
+                        node.op->paramSet.set(param, static_cast<std::int64_t>(*number));
+                    else if (spec && spec->kind() == ParamKind::Bool)
+                        node.op->paramSet.set(param, *number != 0.0);
+                    else
+                        node.op->paramSet.set(param, *number);
+                }
+            }
+        }
+    }
+}
+
+}  // namespace
+
 std::uint64_t Graph::nodeKey(std::uint32_t id, const EvalContext& ctx,
                              std::unordered_map<std::uint32_t, std::uint64_t>& keys,
                              std::unordered_map<std::uint32_t, std::uint64_t>& localKeys) const {
@@ -934,10 +1010,9 @@ std::uint64_t Graph::nodeKey(std::uint32_t id, const EvalContext& ctx,
 std::vector<Value> Graph::evaluate(std::uint32_t id, const EvalContext& ctx) {
     if (!hasNode(id)) throw GraphError(unknownNode(id));
     Evaluation run(*this, ctx, !cachingEnabled_);
-    // The expression environment (time, viewport and scene inputs for expressions) is set up here
-    // for the length of the call, and Control bindings write their values into the params they
-    // drive, once the expression language and the Control node arrive. Until then a keyed param
-    // is keyed by its controls' scene inputs.
+    // Control bindings write their values into the params they drive; expressions get their
+    // environment (frame, time, the groom's maps) per node, with the scene of its run.
+    resolveControls(*this, ctx);
     if (!cachingEnabled_) adopted.clear();
     run.resolveParamInputs(id);
     std::vector<Value> results;

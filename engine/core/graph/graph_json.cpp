@@ -81,18 +81,6 @@ bool readFloat(const Json& json, float& out) {
     return true;
 }
 
-// Slopes for the smooth form: Catmull-Rom over the neighbouring keys (one-sided at the ends),
-// which passes through every key.
-void smoothSlopes(Ramp& ramp) {
-    const std::size_t count = ramp.keys.size();
-    for (std::size_t i = 0; i < count; ++i) {
-        const RampKey& before = ramp.keys[i == 0 ? 0 : i - 1];
-        const RampKey& after = ramp.keys[i + 1 < count ? i + 1 : i];
-        const float span = after.position - before.position;
-        ramp.keys[i].slope = span > 0.0f ? (after.value - before.value) / span : 0.0f;
-    }
-}
-
 Ramp readRamp(const Json& json, const std::string& param) {
     const auto fail = [&]() -> GraphError {
         return GraphError("ramp for param '" + param + "' needs keys [[position, value], ...]");

@@ -20,6 +20,9 @@
 namespace velmorin {
 
 class FieldValue;
+class FieldSampler;
+class StrandSet;
+struct FieldScene;
 
 // Where a mapped param reads its values from. Exactly one source per reference.
 enum class MapSource : std::uint8_t { Texture, ColorSet, Attribute, Expression, Guide };
@@ -154,6 +157,15 @@ class ParamSet {
     // colour, anything else as its number clamped like getFloat (a map reference, which is
     // resolved where strands are known, as its default; an unknown name as 0). Never null.
     std::shared_ptr<const FieldValue> field(std::string_view name) const;
+    // The sampler of a mappable param for a run on `strands`: a delivered field, else the map the
+    // param holds, resolved against fieldScene and the strands, else its plain number. Throws
+    // GraphError naming the param when a map can't be read (see fields/field_sampler.h).
+    FieldSampler field(std::string_view name, const StrandSet& strands) const;
+    // The same before strands exist, sampled with at(location).
+    FieldSampler fieldAtRoots(std::string_view name) const;
+
+    // The scalp, maps and guides that mapped params read in this run; set by the graph.
+    std::shared_ptr<const FieldScene> fieldScene;
 
     // Sets a value through coerceParam with "param 'name'" as context. Throws GraphError for an
     // unknown name or a value the param can't take; the old value stands then.

@@ -36,4 +36,15 @@ float Ramp::at(float t) const {
            (-2 * f3 + 3 * f2) * k1.value + (f3 - f2) * m1;
 }
 
+void smoothSlopes(Ramp& ramp) {
+    const std::size_t count = ramp.keys.size();
+    for (std::size_t i = 0; i < count; ++i) {
+        const RampKey& before = ramp.keys[i == 0 ? 0 : i - 1];
+        const RampKey& after = ramp.keys[i + 1 < count ? i + 1 : i];
+        const float span = after.position - before.position;
+        // Keys that share a position have no slope between them: the curve is flat there.
+        ramp.keys[i].slope = span > 0.0f ? (after.value - before.value) / span : 0.0f;
+    }
+}
+
 }  // namespace velmorin

@@ -23,4 +23,15 @@ struct Ramp {
     float at(float t) const;
 };
 
+// The ramp's value at t, as Ramp::at gives it.
+inline float rampAt(const Ramp& ramp, float t) {
+    return ramp.at(t);
+}
+
+// Sets every key's slope for the smooth form from its neighbours: the Catmull-Rom rule, the
+// difference of the values either side over the distance between their positions (a one-sided
+// difference at the ends). The slopes only shape the curve between keys; the Hermite form passes
+// through every key whatever they are. Keys must be in position order.
+void smoothSlopes(Ramp& ramp);
+
 }  // namespace velmorin

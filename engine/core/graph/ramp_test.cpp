@@ -77,3 +77,26 @@ TEST(Ramp, TwoKeysAtOnePositionGiveTheUpperValueThere) {
 
 }  // namespace
 }  // namespace velmorin
+
+namespace velmorin {
+namespace {
+
+TEST(Ramp, SmoothSlopesPassThroughEveryKeyAndFollowTheNeighbours) {
+    Ramp ramp;
+    ramp.keys = {{0.0f, 0.0f}, {0.25f, 1.0f}, {0.5f, 0.5f}, {0.5f, 0.75f}, {1.0f, 0.25f}};
+    smoothSlopes(ramp);
+    for (const RampKey& key : ramp.keys) {
+        if (key.position == 0.5f) continue;  // the step: the upper key holds there
+        EXPECT_FLOAT_EQ(rampAt(ramp, key.position), key.value) << key.position;
+    }
+    EXPECT_FLOAT_EQ(rampAt(ramp, 0.5f), 0.75f);
+    // The middle key's slope is the difference of its neighbours over their distance; the ends
+    // are one-sided, and keys that share a position are flat.
+    EXPECT_FLOAT_EQ(ramp.keys[1].slope, (0.5f - 0.0f) / 0.5f);
+    EXPECT_FLOAT_EQ(ramp.keys[0].slope, 1.0f / 0.25f);
+    EXPECT_FLOAT_EQ(ramp.keys[2].slope, (0.75f - 1.0f) / 0.25f);
+    EXPECT_FLOAT_EQ(ramp.keys[4].slope, (0.25f - 0.75f) / 0.5f);
+}
+
+}  // namespace
+}  // namespace velmorin

@@ -1,10 +1,19 @@
 #include "graph/registry.h"
+#include "ops/field_ops.h"
 
 namespace velmorin {
 
-void registerBuiltinOperators(OperatorRegistry& /*registry*/) {
+void registerBuiltinOperators(OperatorRegistry& registry) {
     // Each operator's registerXOperator(registry) is called here, in menu order, as the operators
     // arrive. ImportCurves is not among them: the host registers it with its Alembic code.
+    registerMapOperator(registry);
+    registerExpressionOperator(registry);
+    registerControlOperator(registry);
+    registerFieldNoiseOperator(registry);
+    registerFieldRemapOperator(registry);
+    registerFieldCombineOperator(registry);
+    registerCurveOperator(registry);
+    registerValueOperator(registry);
 }
 
 OperatorRegistry& OperatorRegistry::instance() {

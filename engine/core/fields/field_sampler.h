@@ -1,0 +1,51 @@
+#pragma once
+// What an operator samples a mappable param through: `params.field(name, strands)` at the start of
+// a run, then, outside the strand loop, `isMapped()` once. A plain param gives its number by
+// value(); a mapped one its values by strand, point or root location. Sampling never throws and
+// never allocates, and any number of threads may sample one sampler.
+//
+//     const FieldSampler length = params.field("length", strands);
+//     if (!length.isMapped()) { const float l = length.value(); ... }
+//     else { ... length.atPoint(s, k) ... }
+
+#include <memory>
+
+#include "graph/field_value.h"
+
+namespace velmorin {
+
+class FieldSampler {
+  public:
+    explicit FieldSampler(float plain = 0.0f) : plain_(plain) {}
+    // A field that varies; a constant one samples as its plain number.
+    explicit FieldSampler(std::shared_ptr<const FieldValue> field);
+
+    bool isMapped() const { return field_ != nullptr; }
+    float value() const { return plain_; }
+    float at(const FieldLocation& location) const {
+        return field_ ? field_->atLocation(location) : plain_;
+    }
+    float atStrand(std::size_t strand) const { return field_ ? field_->atStrand(strand) : plain_; }
+    float atPoint(std::size_t strand, std::size_t point) const {
+        return field_ ? field_->atPoint(strand, point) : plain_;
+    }
+    // A vector param's value: its mapped vector, or the plain vector.
+    Vec3f vectorAtStrand(std::size_t strand) const {
+        return field_ ? field_->colorAtStrand(strand) : plainVector_;
+    }
+    Vec3f vectorAtPoint(std::size_t strand, std::size_t point) const {
+        return field_ ? field_->colorAtPoint(strand, point) : plainVector_;
+    }
+    Vec3f vectorValue() const { return plainVector_; }
+    void setPlainVector(Vec3f vector) { plainVector_ = vector; }
+
+    // The prepared field, or null for a plain number.
+    const FieldValue* field() const { return field_.get(); }
+
+  private:
+    float plain_ = 0.0f;
+    Vec3f plainVector_;
+    std::shared_ptr<const FieldValue> field_;
+};
+
+}  // namespace velmorin

@@ -1,0 +1,90 @@
+#include "fields/field_scene.h"
+
+#include "base/hash.h"
+#include "expr/expression.h"
+#include "fields/field_map.h"
+#include "graph/eval_context.h"
+#include "maps/texture.h"
+#include "mesh/scalp_mesh.h"
+#include "strands/strand_set.h"
+
+namespace velmorin {
+namespace {
+
+// A catalog map as an expression reads it: its colour at each strand's root.
+class CatalogMapSource final : public ExpressionMapSource {
+  public:
+    explicit CatalogMapSource(std::shared_ptr<const FieldMap> map) : map_(std::move(map)) {}
+    void sampleRoots(const StrandSet& strands, std::span<float> rgba) const override {
+        const MapColorFieldValue colors(map_);
+        FieldScene scene;
+        scene.scalp = map_->scalp;
+        auto bound = colors.prepare(&strands, scene);
+        // Alpha is not kept by the colour form: maps read here are opaque.
+        for (std::size_t s = 0; s < strands.strandCount(); ++s) {
+            const Vec3f c = bound->colorAtStrand(s);
+            rgba[4 * s] = c.x;
+            rgba[4 * s + 1] = c.y;
+            rgba[4 * s + 2] = c.z;
+            rgba[4 * s + 3] = 1.0f;
+        }
+    }
+
+  private:
+    std::shared_ptr<const FieldMap> map_;
+};
+
+}  // namespace
+
+std::uint64_t MapCatalogValue::key() const {
+    std::uint64_t h = hashText(0x636174616c6f67ull, maps.toJson());
+    for (const auto& [name, kind] : guideLayers)
+        h = hashText(hashText(h, name), kind);
+    return h;
+}
+
+ExpressionMapResolver catalogMapResolver(std::shared_ptr<const ScalpMesh> scalp,
+                                         std::shared_ptr<const MapCatalogValue> catalog) {
+    return [scalp, catalog](std::string_view name) -> std::shared_ptr<const ExpressionMapSource> {
+        const ScalpMap* painted = catalog ? catalog->maps.find(name) : nullptr;
+        if (!painted) return nullptr;
+        const std::string quoted = "map(\"" + std::string(name) + "\"): ";
+        auto map = std::make_shared<FieldMap>();
+        map->name = std::string(name);
+        map->scalp = scalp;
+        map->catalog = catalog;
+        if (painted->kind == MapKind::Texture) {
+            if (painted->texture.empty())
+                throw ExpressionError(quoted + "the texture map has no image file yet");
+            map->kind = FieldMapKind::Texture;
+            try {
+                map->texture = Texture::load(painted->texture);
+            } catch (const TextureError& e) {
+                throw ExpressionError(quoted + e.what());
+            }
+            if (!scalp || !scalp->hasUvs())
+                throw ExpressionError(quoted + "a texture map needs a scalp with UVs");
+        } else {
+            if (!scalp || painted->vertexCount() != scalp->pointCount())
+                throw ExpressionError(quoted + "the vertex map does not fit this scalp");
+            map->kind = FieldMapKind::Vertices;
+            map->vertexMap = painted;
+        }
+        return std::make_shared<CatalogMapSource>(std::move(map));
+    };
+}
+
+std::shared_ptr<const FieldScene> makeFieldScene(const EvalContext& ctx,
+                                                 std::shared_ptr<const GuideSet> guides) {
+    auto scene = std::make_shared<FieldScene>();
+    if (const SceneInput* input = ctx.sceneInput(kScalpInput))
+        scene->scalp = input->value.get<ScalpMesh>();
+    if (const SceneInput* input = ctx.sceneInput(kMapsInput))
+        scene->catalog = input->value.get<MapCatalogValue>();
+    scene->guides = std::move(guides);
+    scene->environment = expressionEnvironment(ctx);
+    scene->environment.resolveMap = catalogMapResolver(scene->scalp, scene->catalog);
+    return scene;
+}
+
+}  // namespace velmorin

@@ -1,0 +1,575 @@
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <filesystem>
+
+#include <unistd.h>
+
+#include "base/parallel.h"
+#include "expr/noise.h"
+#include "fields/field_sampler.h"
+#include "fields/field_scene.h"
+#include "graph/errors.h"
+#include "graph/graph.h"
+#include "graph/test/eval_operators.h"
+#include "graph/uniform_value.h"
+#include "io/png.h"
+#include "mesh/scalp_mesh.h"
+#include "strands/guide.h"
+#include "strands/strand_set.h"
+
+namespace velmorin {
+namespace {
+
+// Reads its mappable `amount` per strand and per point into channels, its `profile` ramp at 0.25,
+// and whether its choice `mode` is "hard".
+class ProbeOp final : public Operator {
+  public:
+    std::string type() const override { return "FieldsProbe"; }
+    std::string category() const override { return "utility"; }
+    std::vector<PortSpec> inputs() const override {
+        return {{"strands", PortType::Strands}, {"guides", PortType::Guides, true}};
+    }
+    std::vector<ParamSpec> params() const override {
+        ParamSpec amount = test::param("amount", 0.5);
+        amount.description = "How much (mappable)";
+        ParamSpec tint = test::param("tint", Vec3f{});
+        tint.description = "A colour (mappable)";
+        ParamSpec spacing = test::param("spacing", 1.0, false);
+        spacing.description = "Distance between (mappable)";
+        ParamSpec mode = test::param("mode", std::string("soft"));
+        mode.choices = {"soft", "hard"};
+        Ramp ramp;
+        ramp.keys = {{0, 0, 1}, {1, 1, 1}};
+        return {amount, tint, spacing, mode, test::param("profile", ramp)};
+    }
+    Value evaluate(const EvalContext&, const std::vector<Value>& inputs) const override {
+        const auto strands = inputs[0].get<StrandSet>();
+        auto out = std::make_shared<StrandSet>(*strands);
+        const FieldSampler amount = paramSet.field("amount", *strands);
+        const FieldSampler tint = paramSet.field("tint", *strands);
+        std::vector<float>& tintY = out->addStrandChannel("tintY", 0.0f);
+        for (std::size_t s = 0; s < tintY.size(); ++s)
+            tintY[s] = tint.vectorAtStrand(s).y;
+        paramSet.field("spacing", *strands);
+        std::vector<float>& perStrand = out->addStrandChannel("amount", 0.0f);
+        std::vector<float>& perPoint = out->addPointChannel("amountAt", 0.0f);
+        const auto offsets = strands->offsets();
+        parallelRange(0, strands->strandCount(), 7, [&](std::size_t begin, std::size_t end) {
+            for (std::size_t s = begin; s < end; ++s) {
+                perStrand[s] = amount.atStrand(s);
+                for (std::uint64_t p = offsets[s]; p < offsets[s + 1]; ++p)
+                    perPoint[p] = amount.atPoint(s, p - offsets[s]);
+            }
+        });
+        out->addStrandChannel("profile", rampAt(paramSet.getRamp("profile", {}), 0.25f));
+        out->addStrandChannel("hard", paramSet.getString("mode", "") == "hard" ? 1.0f : 0.0f);
+        return out;
+    }
+};
+
+void registerProbe() {
+    static const bool done = [] {
+        OperatorRegistry& registry = OperatorRegistry::instance();
+        OperatorInfo info;
+        info.category = "utility";
+        info.hidden = true;
+        registry.registerType(
+            "FieldsProbe", [] { return std::make_unique<ProbeOp>(); }, info);
+        test::registerEvalTestOperators();
+        return true;
+    }();
+    (void)done;
+}
+
+// A unit square of two triangles on y = 0, UVs equal to (x, z); colour set "tint" of (x, z, 0.5).
+std::shared_ptr<ScalpMesh> squareScalp(bool uvs = true) {
+    auto scalp =
+        std::make_shared<ScalpMesh>(std::vector<Vec3f>{{0, 0, 0}, {1, 0, 0}, {0, 0, 1}, {1, 0, 1}},
+                                    std::vector<Triangle>{{0, 1, 2}, {1, 3, 2}});
+    std::vector<Uv> corners;
+    std::vector<Rgba> colors;
+    for (const Triangle& t : scalp->triangles())
+        for (const std::uint32_t i : t) {
+            const Vec3f& p = scalp->points()[i];
+            corners.push_back({p.x, p.z});
+            colors.push_back({p.x, p.z, 0.5f, 1.0f});
+        }
+    if (uvs) scalp->setUvs(corners);
+    scalp->setColorSet("tint", colors);
+    return scalp;
+}
+
+// Strands of three points straight up from roots at the texel centres of a 2 x 2 image:
+// (x, z) = (0.25, 0.25), (0.75, 0.25), (0.25, 0.75), (0.75, 0.75); `copies` times over.
+// Channels: "mass" per strand (1, 2, 3, 4), "curl" per point (the point's index), and the guide
+// layer "density" per strand (10 times the strand's place).
+std::shared_ptr<const StrandSet> squareStrands(std::size_t copies = 1) {
+    const StrandRoot roots[] = {
+        {0, 0.25f, 0.25f}, {0, 0.75f, 0.25f}, {0, 0.25f, 0.75f}, {1, 0.5f, 0.25f}};
+    const Vec3f at[] = {{0.25f, 0, 0.25f}, {0.75f, 0, 0.25f}, {0.25f, 0, 0.75f}, {0.75f, 0, 0.75f}};
+    auto set = std::make_shared<StrandSet>();
+    const std::size_t count = 4 * copies;
+    auto& ids = set->writeIds();
+    auto& rootColumn = set->writeRoots();
+    auto& offsets = set->writeOffsets();
+    auto& points = set->writePoints();
+    set->writeWidths().assign(count * 3, 0.01f);
+    offsets.assign(1, 0);
+    for (std::size_t s = 0; s < count; ++s) {
+        ids.push_back(s + 1);
+        rootColumn.push_back(roots[s % 4]);
+        for (int k = 0; k < 3; ++k)
+            points.push_back(at[s % 4] + Vec3f{0, 0.1f * static_cast<float>(k), 0});
+        offsets.push_back(points.size());
+    }
+    auto& mass = set->addStrandChannel("mass", 0.0f);
+    auto& density = set->addStrandChannel("density", 0.0f);
+    auto& curl = set->addPointChannel("curl", 0.0f);
+    for (std::size_t s = 0; s < count; ++s) {
+        mass[s] = static_cast<float>(s % 4 + 1);
+        density[s] = 10.0f * static_cast<float>(s % 4);
+    }
+    for (std::size_t p = 0; p < curl.size(); ++p)
+        curl[p] = static_cast<float>(p % 3);
+    return set;
+}
+
+// A 2 x 2 gray image: top row 200, 150; bottom row 100, 50.
+std::string writeImage() {
+    // One file per process: test processes run side by side.
+    const auto path = std::filesystem::temp_directory_path() /
+                      ("velmorin_fields_test_" + std::to_string(::getpid()) + ".png");
+    const std::uint8_t pixels[] = {200, 150, 100, 50};
+    writePng(path, ImageView{2, 2, 1, pixels});
+    return path.string();
+}
+
+std::shared_ptr<MapCatalogValue> catalog(const std::string& image) {
+    auto maps = std::make_shared<MapCatalogValue>();
+    ScalpMap weight;  // x + 2z per vertex
+    weight.values = {0, 1, 2, 3};
+    maps->maps.maps["weight"] = weight;
+    ScalpMap painted;
+    painted.kind = MapKind::Texture;
+    painted.texture = image;
+    maps->maps.maps["painted"] = painted;
+    ScalpMap unsaved;
+    unsaved.kind = MapKind::Texture;
+    maps->maps.maps["unsaved"] = unsaved;
+    maps->guideLayers["density"] = "guides";
+    return maps;
+}
+
+struct Scene {
+    std::string image = writeImage();
+    SceneInputs inputs;
+    EvalContext ctx;
+    explicit Scene(std::size_t copies = 1, bool uvs = true) {
+        inputs["groom"] = {Value(squareStrands(copies)), 1};
+        inputs["scalp"] = {Value(std::shared_ptr<const ScalpMesh>(squareScalp(uvs))), 2};
+        inputs["maps"] = {Value(std::shared_ptr<const MapCatalogValue>(catalog(image))), 3};
+        ctx.sceneInputs = &inputs;
+    }
+};
+
+// A graph of groom -> probe, the probe's params and extra nodes and connections as given.
+std::shared_ptr<const StrandSet> runProbe(Scene& scene, const std::string& params,
+                                          const std::string& nodes = "",
+                                          const std::string& connections = "") {
+    registerProbe();
+    Graph graph;
+    graph.fromJson(
+        R"({"nodes": [{"name": "groom", "type": "EvalScene"},)" + nodes +
+        R"({"name": "probe", "type": "FieldsProbe", "params": )" + params +
+        R"(, "paramInputs": ["amount", "spacing", "mode", "profile"]}], "connections": [{"from": "groom", "to": "probe", "input": "strands"})" +
+        connections + R"(], "output": "probe"})");
+    return test::strandsOf(graph.evaluateOutput(scene.ctx));
+}
+
+std::vector<float> column(const StrandSet& set, const char* name) {
+    const std::vector<float>* strand = set.strandChannel(name);
+    return strand ? *strand : *set.pointChannel(name);
+}
+
+TEST(MappedParams, EachKindOfMapGivesTheHandComputedValues) {
+    Scene scene;
+    const float texel[] = {100 / 255.0f, 50 / 255.0f, 200 / 255.0f, 150 / 255.0f};
+    struct Case {
+        std::string map;
+        std::vector<float> strands;
+    } cases[] = {
+        // A vertex map of the catalog, x + 2z, through the range 1 to 3.
+        {R"({"texture": "weight", "min": 1, "max": 3})", {2.5f, 3.5f, 4.5f, 5.5f}},
+        // A texture of the catalog and the same image by path, read at the scalp's UVs.
+        {R"({"texture": "painted", "component": "r"})", {texel[0], texel[1], texel[2], texel[3]}},
+        {(R"({"texture": ")" + scene.image + R"(", "component": "r"})"),
+         {texel[0], texel[1], texel[2], texel[3]}},
+        // The colour set's green channel is z; min above max inverts.
+        {R"({"colorSet": "tint", "component": "g", "min": 1, "max": 0})",
+         {0.75f, 0.75f, 0.25f, 0.25f}},
+        {R"({"attribute": "mass", "min": 0, "max": 2})", {2, 4, 6, 8}},
+        {R"({"guide": "density"})", {0, 10, 20, 30}},
+        // u at the root, through a range that is not a limit.
+        {R"({"expression": "u * 4", "min": 0, "max": 0.5})", {0.5f, 1.5f, 0.5f, 1.5f}},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.map);
+        const auto out = runProbe(scene, R"({"amount": )" + c.map + "}");
+        const std::vector<float> got = column(*out, "amount");
+        ASSERT_EQ(got.size(), 4u);
+        for (std::size_t s = 0; s < 4; ++s)
+            EXPECT_NEAR(got[s], c.strands[s], 1e-5f) << s;
+    }
+}
+
+TEST(MappedParams, PointSourcesVaryAlongStrandsAndStrandSourcesRepeat) {
+    Scene scene;
+    const auto curl = runProbe(scene, R"({"amount": {"attribute": "curl", "min": 1, "max": 2}})");
+    EXPECT_EQ(column(*curl, "amountAt"), (std::vector<float>{1, 2, 3, 1, 2, 3, 1, 2, 3, 1, 2, 3}));
+    EXPECT_EQ(column(*curl, "amount"), (std::vector<float>{1, 1, 1, 1}));
+    const auto points = runProbe(scene, R"({"amount": {"expression": "pointIndex + mass"}})");
+    EXPECT_EQ(column(*points, "amountAt"),
+              (std::vector<float>{1, 2, 3, 2, 3, 4, 3, 4, 5, 4, 5, 6}));
+    const auto mass = runProbe(scene, R"({"amount": {"attribute": "mass"}})");
+    EXPECT_EQ(column(*mass, "amountAt"), (std::vector<float>{1, 1, 1, 2, 2, 2, 3, 3, 3, 4, 4, 4}));
+    // A vector param takes a vector expression; the range applies to each component.
+    const auto tinted = runProbe(scene, R"({"tint": {"expression": "[u, v * 2, 0]", "max": 2}})");
+    EXPECT_EQ(column(*tinted, "tintY"), (std::vector<float>{1, 1, 3, 3}));
+    const auto plainTint = runProbe(scene, R"({"tint": [0, 0.5, 0]})");
+    EXPECT_EQ(column(*plainTint, "tintY"), (std::vector<float>{0.5f, 0.5f, 0.5f, 0.5f}));
+    // A plain number is the same everywhere.
+    const auto plain = runProbe(scene, R"({"amount": 0.25})");
+    EXPECT_EQ(column(*plain, "amountAt"), std::vector<float>(12, 0.25f));
+}
+
+TEST(MappedParams, WhatCannotBeReadIsAnErrorNamingTheParam) {
+    struct Case {
+        const char* params;
+        std::string message;
+    } cases[] = {
+        {R"({"amount": {"colorSet": "nope"}})",
+         "param 'amount': the scalp has no color set 'nope'"},
+        {R"({"amount": {"attribute": "nope"}})",
+         "param 'amount': strands have no attribute 'nope'"},
+        {R"({"amount": {"guide": "nope"}})",
+         "param 'amount': no guide layer 'nope' on the strands (Interpolate writes it; paint it "
+         "on the guides)"},
+        {R"({"amount": {"expression": "$nope * 2"}})",
+         "param 'amount': the expression reads 'nope', which is neither a variable nor a channel "
+         "of the strands"},
+        {R"({"amount": {"texture": "unsaved"}})",
+         "param 'amount': the texture map 'unsaved' has no image file yet (paint it in Groom "
+         "Tools > Paint)"},
+        {R"({"tint": {"attribute": "mass"}})",
+         "param 'tint': a vector takes an expression (a attribute map gives one number)"},
+    };
+    Scene scene;
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.params);
+        try {
+            runProbe(scene, c.params);
+            ADD_FAILURE() << "no error";
+        } catch (const GraphError& e) {
+            EXPECT_NE(std::string(e.what()).find(c.message), std::string::npos) << e.what();
+        }
+    }
+    Scene bare(1, false);
+    EXPECT_THROW(
+        try {
+            runProbe(bare, R"({"amount": {"texture": "painted"}})");
+        } catch (const GraphError& e) {
+            EXPECT_NE(
+                std::string(e.what()).find("param 'amount': a texture map needs a scalp with UVs"),
+                std::string::npos)
+                << e.what();
+            throw;
+        },
+        GraphError);
+}
+
+TEST(MappedParams, ResultsFollowTheFrameAndTheGroomsMaps) {
+    registerProbe();
+    Scene scene;
+    Graph graph;
+    const std::string json = R"x({"nodes": [{"name": "groom", "type": "EvalScene"},
+        {"name": "probe", "type": "FieldsProbe",
+         "params": {"amount": {"expression": "frame + map(\"weight\")"}}}],
+        "connections": [{"from": "groom", "to": "probe", "input": "strands"}],
+        "output": "probe"})x";
+    graph.fromJson(json);
+    const auto first = [&] {
+        return column(*test::strandsOf(graph.evaluateOutput(scene.ctx)), "amount")[0];
+    };
+    EXPECT_FLOAT_EQ(first(), 0.75f);
+    scene.ctx.time = 2;
+    EXPECT_FLOAT_EQ(first(), 2.75f);
+    // The same catalog under a new key, with the map painted anew.
+    auto maps = catalog(scene.image);
+    maps->maps.maps["weight"].values = {1, 1, 1, 1};
+    scene.inputs["maps"] = {Value(std::shared_ptr<const MapCatalogValue>(maps)), 4};
+    EXPECT_FLOAT_EQ(first(), 3.0f);
+}
+
+TEST(MappedParams, AGuideLayerBeforeStrandsReadsTheNearestGuide) {
+    ParamSet params;
+    ParamSpec amount;
+    amount.name = "amount";
+    amount.defaultValue = 0.0;
+    amount.description = "(mappable)";
+    params.declare({amount});
+    params.set("amount", MapReference{MapSource::Guide, "layer", "", -1, 0.0, 2.0});
+
+    auto scene = std::make_shared<FieldScene>();
+    scene->scalp = squareScalp();
+    params.fieldScene = scene;
+    const auto message = [&] {
+        try {
+            params.fieldAtRoots("amount");
+        } catch (const GraphError& e) {
+            return std::string(e.what());
+        }
+        return std::string();
+    };
+    EXPECT_EQ(message(),
+              "param 'amount': a guide map here needs guides: connect them to this node's guides "
+              "input");
+    auto guides = std::make_shared<GuideSet>();
+    scene->guides = guides;
+    EXPECT_EQ(message(),
+              "param 'amount': no strands yet, so 'layer' must be a layer painted on the guides, "
+              "with the guides connected to this node");
+    Guide near, far, bare;
+    near.root = {0, 0.1f, 0.1f};
+    near.attributes["layer"] = 0.25f;
+    far.root = {1, 0.5f, 0.25f};
+    far.pointAttributes["layer"] = {0.75f, 0.0f};
+    guides->guides = {bare};
+    EXPECT_EQ(message(), "param 'amount': no guide carries the layer 'layer'");
+    guides->guides = {near, far, bare};
+    const FieldSampler sampler = params.fieldAtRoots("amount");
+    ASSERT_TRUE(sampler.isMapped());
+    EXPECT_FLOAT_EQ(sampler.at({{0, 0.2f, 0.2f}, {0.2f, 0, 0.2f}}), 0.5f);
+    EXPECT_FLOAT_EQ(sampler.at({{1, 0.5f, 0.25f}, {0.8f, 0, 0.8f}}), 1.5f);
+}
+
+TEST(FieldNodes, EachNodeFeedsAParamWithTheHandComputedValues) {
+    Scene scene;
+    scene.inputs["control:gain"] = {
+        Value(std::make_shared<const UniformValue>(UniformValue{ValueKind::Number, 0.7, false})),
+        9};
+    const auto run = [&](const std::string& nodes, const std::string& connections) {
+        return runProbe(scene, "{}", nodes, connections);
+    };
+    const std::string toAmount = R"(, {"from": "f", "to": "probe", "input": "amount")";
+    struct Case {
+        std::string node;
+        std::string output;
+        std::vector<float> strands;
+    } cases[] = {
+        {R"({"name": "f", "type": "Map", "params": {"name": "weight", "min": 1, "max": 3}},)",
+         "",
+         {2.5f, 3.5f, 4.5f, 5.5f}},
+        {R"({"name": "f", "type": "Map", "params": {"name": "painted"}},)",
+         R"(, "output": "r")",
+         {100 / 255.0f, 50 / 255.0f, 200 / 255.0f, 150 / 255.0f}},
+        {R"({"name": "f", "type": "Map", "params": {"name": "density", "min": 0, "max": 0.1}},)",
+         "",
+         {0, 1, 2, 3}},
+        {R"({"name": "f", "type": "Expression", "params": {"expression": "mass", "max": 2}},)",
+         "",
+         {2, 4, 6, 8}},
+        {R"({"name": "f", "type": "Control", "params": {"name": "gain"}},)",
+         "",
+         {0.7f, 0.7f, 0.7f, 0.7f}},
+        {R"({"name": "f", "type": "Control", "params": {"name": "unset", "default": 0.3}},)",
+         "",
+         {0.3f, 0.3f, 0.3f, 0.3f}},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.node);
+        const auto out = run(c.node, toAmount + c.output + "}");
+        const std::vector<float> got = column(*out, "amount");
+        for (std::size_t s = 0; s < 4; ++s)
+            EXPECT_NEAR(got[s], c.strands[s], 1e-5f) << s;
+    }
+
+    // Remap with its input range flipped: mass 1..4 read from 4 down to 1, through a straight
+    // curve, into 10..20.
+    const auto remapped = run(
+        R"({"name": "e", "type": "Expression", "params": {"expression": "mass"}},
+           {"name": "f", "type": "FieldRemap",
+            "params": {"inMin": 4, "inMax": 1, "curve": {"keys": [[0, 0], [1, 1]], "linear": true},
+                       "outMin": 10, "outMax": 20}},)",
+        R"(, {"from": "e", "to": "f", "input": "field"})" + toAmount + "}");
+    const std::vector<float> flipped = column(*remapped, "amount");
+    for (std::size_t s = 0; s < 4; ++s)
+        EXPECT_NEAR(flipped[s], 20.0f - 10.0f * static_cast<float>(s) / 3.0f, 1e-5f);
+
+    // Combine: a field plus the b param, and mixed with a field on b.
+    const std::string twoFields =
+        R"({"name": "e", "type": "Expression", "params": {"expression": "mass"}},
+           {"name": "d", "type": "Expression", "params": {"expression": "density"}},)";
+    const auto added = run(twoFields + R"({"name": "f", "type": "FieldCombine",
+        "params": {"mode": "add", "b": 0.5}},)",
+                           R"(, {"from": "e", "to": "f", "input": "a"})" + toAmount + "}");
+    EXPECT_EQ(column(*added, "amount"), (std::vector<float>{1.5f, 2.5f, 3.5f, 4.5f}));
+    const auto mixed = run(twoFields + R"({"name": "f", "type": "FieldCombine",
+        "params": {"mode": "mix", "mix": 0.25}},)",
+                           R"(, {"from": "e", "to": "f", "input": "a"},
+                              {"from": "d", "to": "f", "input": "b"})" +
+                               toAmount + "}");
+    for (std::size_t s = 0; s < 4; ++s)
+        EXPECT_NEAR(column(*mixed, "amount")[s], (s + 1) + (10.0f * s - (s + 1)) * 0.25f, 1e-5f);
+
+    // Noise at the roots: lattice noise of the root times the frequency plus the offset.
+    const auto noisy = run(R"({"name": "f", "type": "FieldNoise",
+        "params": {"frequency": 3, "octaves": 2, "offset": 0.5, "seed": 4, "min": 1, "max": 3}},)",
+                           toAmount + "}");
+    const Vec3f roots[] = {
+        {0.25f, 0, 0.25f}, {0.75f, 0, 0.25f}, {0.25f, 0, 0.75f}, {0.75f, 0, 0.75f}};
+    for (std::size_t s = 0; s < 4; ++s) {
+        Fractal fractal;
+        fractal.octaves = 2;
+        const float n = fractalNoise(roots[s] * 3.0f + Vec3f{0.5f, 0.5f, 0.5f}, fractal,
+                                     hashCombine(kNoiseSeed, 4));
+        EXPECT_NEAR(column(*noisy, "amount")[s], 1.0f + 2.0f * 0.5f * (n + 1.0f), 1e-5f);
+    }
+}
+
+TEST(FieldNodes, CurveValueAndOneValueExpressionsDriveTheirParams) {
+    Scene scene;
+    struct Case {
+        const char* curve;
+        float at;  // the probe's ramp at 0.25
+    } curves[] = {
+        {R"({"interpolation": "linear", "min": 2, "max": 4})", 2.5f},
+        // Ease: 0.25 on the keys [0, 0], [1, 1] is (3 - 0.5) * 0.0625.
+        {R"({"interpolation": "ease"})", 0.15625f},
+        {R"({"interpolation": "ease", "flip": true})", 0.84375f},
+        {R"({"curve": {"keys": []}, "min": 2, "max": 5})", 5.0f},
+    };
+    for (const Case& c : curves) {
+        SCOPED_TRACE(c.curve);
+        const auto out =
+            runProbe(scene, "{}",
+                     std::string(R"({"name": "c", "type": "Curve", "params": )") + c.curve + "},",
+                     R"(, {"from": "c", "to": "probe", "input": "profile"})");
+        EXPECT_NEAR(column(*out, "profile")[0], c.at, 1e-6f);
+    }
+    // A text Value picks a choice by name.
+    const auto hard =
+        runProbe(scene, "{}",
+                 R"({"name": "v", "type": "Value", "params": {"kind": "text", "text": "hard"}},)",
+                 R"(, {"from": "v", "to": "probe", "input": "mode"})");
+    EXPECT_EQ(column(*hard, "hard")[0], 1.0f);
+    // One value of the frame.
+    scene.ctx.time = 12;
+    const auto framed = runProbe(scene, "{}",
+                                 R"({"name": "x", "type": "Expression",
+            "params": {"output": "value", "expression": "frame / 24", "min": 1, "max": 3}},)",
+                                 R"(, {"from": "x", "to": "probe", "input": "amount"})");
+    EXPECT_FLOAT_EQ(column(*framed, "amount")[0], 2.0f);
+}
+
+TEST(FieldNodes, ControlBindingsWriteTheHostsValuesIntoTheirParams) {
+    registerProbe();
+    Scene scene;
+    const auto number = [](double value) {
+        return Value(
+            std::make_shared<const UniformValue>(UniformValue{ValueKind::Number, value, false}));
+    };
+    Graph graph;
+    graph.fromJson(R"({"nodes": [{"name": "groom", "type": "EvalScene"},
+        {"name": "probe", "type": "FieldsProbe", "params": {"amount": 0.1},
+         "paramControls": {"amount": "gain", "tint": ["tx", "ty", "tz"]}}],
+        "connections": [{"from": "groom", "to": "probe", "input": "strands"}],
+        "output": "probe"})");
+    const auto run = [&] { return test::strandsOf(graph.evaluateOutput(scene.ctx)); };
+    // Unset controls leave the params as they are.
+    EXPECT_FLOAT_EQ(column(*run(), "amount")[0], 0.1f);
+    scene.inputs["control:gain"] = {number(0.7), 1};
+    scene.inputs["control:tx"] = {number(1), 1};
+    scene.inputs["control:ty"] = {number(2), 1};
+    scene.inputs["control:tz"] = {number(3), 1};
+    const auto out = run();
+    EXPECT_FLOAT_EQ(column(*out, "amount")[0], 0.7f);
+    EXPECT_FLOAT_EQ(column(*out, "tintY")[0], 2.0f);
+    scene.inputs["control:gain"] = {number(0.9), 2};
+    EXPECT_FLOAT_EQ(column(*run(), "amount")[0], 0.9f);
+}
+
+TEST(FieldNodes, FaultsReadInTheNodesWords) {
+    Scene scene;
+    struct Case {
+        std::string node;
+        const char* input;
+        std::string message;
+    } cases[] = {
+        {R"({"name": "f", "type": "Map"},)", "amount", "Map: name the map (Groom Tools > Paint)"},
+        {R"({"name": "f", "type": "Map", "params": {"name": "zz"}},)", "amount",
+         "Map: no map or image named 'zz' (Groom Tools > Paint > New... makes a map)"},
+        {R"({"name": "f", "type": "Map", "params": {"name": "unsaved"}},)", "amount",
+         "Map 'unsaved': the texture map has no image file yet (paint it in Groom Tools > Paint)"},
+        {R"({"name": "f", "type": "Expression", "params": {"expression": " "}},)", "amount",
+         "Expression: the expression is empty"},
+        {R"({"name": "f", "type": "Expression", "params": {"output": "value", "expression": "rand"}},)",
+         "amount",
+         "Expression: set to give one value, it reads only frame, time and its own variables (no "
+         "strand, point, channel, map or rand: those are per strand; set it to give a field)"},
+        // A keyed slider changes over time; a param that sets where strands go can't take it.
+        {R"({"name": "f", "type": "Control"},)", "spacing",
+         "param 'spacing' cannot take a value that changes over time"},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.node);
+        try {
+            runProbe(scene, "{}", c.node,
+                     std::string(R"(, {"from": "f", "to": "probe", "input": ")") + c.input + "\"}");
+            ADD_FAILURE() << "no error";
+        } catch (const GraphError& e) {
+            EXPECT_NE(std::string(e.what()).find(c.message), std::string::npos) << e.what();
+        }
+    }
+}
+
+TEST(FieldNodes, EveryFieldKindGivesTheSameBitsOnOneAndTwoThreads) {
+    Scene scene(2000);
+    const char* maps[] = {
+        R"({"amount": {"texture": "painted"}})", R"({"amount": {"texture": "weight"}})",
+        R"({"amount": {"colorSet": "tint"}})",   R"({"amount": {"attribute": "curl"}})",
+        R"({"amount": {"guide": "density"}})",   R"({"amount": {"expression": "rand * t"}})",
+    };
+    const auto bits = [](const StrandSet& set) {
+        std::vector<float> all = column(set, "amountAt");
+        std::vector<std::uint32_t> out(all.size());
+        std::memcpy(out.data(), all.data(), all.size() * sizeof(float));
+        return out;
+    };
+    const auto both = [&](const std::function<std::shared_ptr<const StrandSet>()>& run) {
+        std::shared_ptr<const StrandSet> one, two;
+        runWithThreads(1, [&] { one = run(); });
+        runWithThreads(2, [&] { two = run(); });
+        EXPECT_EQ(bits(*one), bits(*two));
+    };
+    for (const char* map : maps) {
+        SCOPED_TRACE(map);
+        both([&] { return runProbe(scene, map); });
+    }
+    const char* nodes[] = {
+        R"({"name": "f", "type": "FieldNoise", "params": {"octaves": 3}},)",
+        R"({"name": "f", "type": "FieldRemap"},)",
+        R"({"name": "f", "type": "FieldCombine", "params": {"mode": "max", "b": 0.5}},)",
+        R"({"name": "f", "type": "Map", "params": {"name": "painted"}},)",
+    };
+    for (const char* node : nodes) {
+        SCOPED_TRACE(node);
+        both([&] {
+            return runProbe(scene, "{}", node,
+                            R"(, {"from": "f", "to": "probe", "input": "amount"})");
+        });
+    }
+}
+
+}  // namespace
+}  // namespace velmorin
