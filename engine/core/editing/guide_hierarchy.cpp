@@ -84,6 +84,25 @@ Vec3f negateAxis(const Vec3f& v, int axis) {
     return out;
 }
 
+// The mirror image of a guide under a new id: its points reflected, the rest of what it carries
+// copied, its up vector re-derived at the next pose. Parent and lock are the caller's to set.
+Guide mirroredCopy(const Guide& source, std::uint64_t id, int axis, float plane) {
+    Guide copy;
+    copy.id = id;
+    copy.group = source.group;
+    copy.root = source.root;
+    copy.tube = source.tube;
+    copy.attributes = source.attributes;
+    copy.pointAttributes = source.pointAttributes;
+    copy.ownSegments = source.ownSegments;
+    copy.frameUp = negateAxis(source.frameUp, axis);
+    copy.needsUpRefresh = true;
+    copy.points.reserve(source.points.size());
+    for (const Vec3f& point : source.points)
+        copy.points.push_back(reflect(point, axis, plane));
+    return copy;
+}
+
 // -1, 0 (on the plane, within a tolerance that grows with the guide's size) or +1.
 int mirrorSide(const Guide& guide, int axis, float plane) {
     if (guide.points.empty()) return 0;
@@ -849,20 +868,7 @@ void GuideHierarchy::mirrorRootGroup(std::size_t groupIdx, int axis, float plane
         removeWhere(removed);
     }
     for (const std::uint64_t sourceId : sources) {
-        const Guide& source = guides_[guideIndex(sourceId)];
-        Guide copy;
-        copy.id = takeGuideId();
-        copy.group = group;
-        copy.root = source.root;
-        copy.tube = source.tube;
-        copy.attributes = source.attributes;
-        copy.pointAttributes = source.pointAttributes;
-        copy.ownSegments = source.ownSegments;
-        copy.frameUp = negateAxis(source.frameUp, axis);
-        copy.needsUpRefresh = true;
-        copy.points.reserve(source.points.size());
-        for (const Vec3f& point : source.points)
-            copy.points.push_back(reflect(point, axis, plane));
+        Guide copy = mirroredCopy(guides_[guideIndex(sourceId)], takeGuideId(), axis, plane);
         made.emplace_back(sourceId, copy.id);
         index_.insert(copy.id, static_cast<std::uint32_t>(guides_.size()));
         guides_.push_back(std::move(copy));
@@ -909,20 +915,9 @@ std::vector<std::uint64_t> GuideHierarchy::mirrorAll(int axis, float plane, bool
         std::vector<std::pair<std::uint64_t, std::uint64_t>> next;
         for (const std::size_t c : children->second) {
             const Guide& child = guides_[c];
-            Guide copy;
-            copy.id = takeGuideId();
-            copy.group = child.group;
+            Guide copy = mirroredCopy(child, takeGuideId(), axis, plane);
             copy.parent = copyId;
             copy.locked = child.locked;
-            copy.root = child.root;
-            copy.tube = child.tube;
-            copy.attributes = child.attributes;
-            copy.pointAttributes = child.pointAttributes;
-            copy.ownSegments = child.ownSegments;
-            copy.frameUp = negateAxis(child.frameUp, axis);
-            copy.needsUpRefresh = true;
-            for (const Vec3f& point : child.points)
-                copy.points.push_back(reflect(point, axis, plane));
             if (!copy.locked) refreshOffsets(copy);
             next.emplace_back(child.id, copy.id);
             ids.push_back(copy.id);
