@@ -39,8 +39,13 @@ struct EvalContext {
     bool viewport = true;  // false for a render or an export
     const SceneInputs* sceneInputs = nullptr;
     double previewDensity = 1.0;
+    // The most points a viewport preview may hold (0 or less: no limit); sources thin their strands
+    // further to stay under it. Nodes that read it key on it themselves.
+    double previewPointBudget = 0.0;
     bool keepPreviewMarks = false;
-    int resolution = 0;  // at 1 or above it stands for all nodes; below 1 each node gets its own
+    // Segments per strand for the sources. At 1 or above it stands for all nodes; below 1 each node
+    // gets its own.
+    int resolution = 0;
 
     NoteList* notes = nullptr;  // where the running node's warnings go; set by the graph
 

@@ -1,11 +1,16 @@
 #include "graph/registry.h"
 #include "ops/field_ops.h"
+#include "ops/source_ops.h"
 
 namespace velmorin {
 
 void registerBuiltinOperators(OperatorRegistry& registry) {
     // Each operator's registerXOperator(registry) is called here, in menu order, as the operators
     // arrive. ImportCurves is not among them: the host registers it with its Alembic code.
+    registerScalpOperator(registry);
+    registerGuidesOperator(registry);
+    registerColliderMeshOperator(registry);
+    registerScatterOperator(registry);
     registerMapOperator(registry);
     registerExpressionOperator(registry);
     registerControlOperator(registry);

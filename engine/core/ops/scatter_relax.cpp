@@ -1,0 +1,365 @@
+// Blue-noise relaxation of scatter candidates and the blend between even and random roots.
+
+#include <algorithm>
+#include <cmath>
+#include <unordered_map>
+
+#include <tbb/parallel_sort.h>
+
+#include "base/hash.h"
+#include "base/parallel.h"
+#include "mesh/scalp_mesh.h"
+#include "ops/guide_mask.h"
+#include "ops/scatter_placement.h"
+
+namespace velmorin {
+namespace {
+
+constexpr std::size_t kGrain = 256;
+constexpr int kIterations = 24;
+constexpr int kNeighbors = 24;
+constexpr float kRadiusScale = 1.0746f;  // the spacing of a hexagonal packing at unit density
+constexpr std::uint32_t kNoEdge = 0xffffffffu;
+
+void forEach(std::size_t count, const RangeBody& body) {
+    if (count <= kGrain) {
+        if (count > 0) body(0, count);
+        return;
+    }
+    parallelRange(0, count, kGrain, body);
+}
+
+// Cell coordinates packed 21 bits each; the offset keeps negative coordinates apart.
+std::uint64_t cellKey(std::int64_t x, std::int64_t y, std::int64_t z) {
+    constexpr std::int64_t kBias = 1 << 20;
+    constexpr std::uint64_t kMask = (1u << 21) - 1;
+    return (static_cast<std::uint64_t>(x + kBias) & kMask) |
+           ((static_cast<std::uint64_t>(y + kBias) & kMask) << 21) |
+           ((static_cast<std::uint64_t>(z + kBias) & kMask) << 42);
+}
+
+struct CellCoord {
+    std::int64_t x, y, z;
+};
+
+CellCoord cellOf(const Vec3f& p, float inverseCell) {
+    return {static_cast<std::int64_t>(std::floor(p.x * inverseCell)),
+            static_cast<std::int64_t>(std::floor(p.y * inverseCell)),
+            static_cast<std::int64_t>(std::floor(p.z * inverseCell))};
+}
+
+// A border edge of the scalp and the direction, in its triangle's plane, that points inside.
+struct BorderEdge {
+    Vec3f a, b;
+    Vec3f inward;
+};
+
+std::vector<BorderEdge> borderEdges(const ScalpMesh& scalp) {
+    std::vector<BorderEdge> edges;
+    const auto topology = scalp.topology();
+    const auto& points = scalp.points();
+    const auto& triangles = scalp.triangles();
+    for (std::uint32_t t = 0; t < triangles.size(); ++t) {
+        for (int e = 0; e < 3; ++e) {
+            if (topology->neighborAcross(t, e) >= 0) continue;
+            const Vec3f a = points[triangles[t][e]], b = points[triangles[t][(e + 1) % 3]];
+            const Vec3f c = points[triangles[t][(e + 2) % 3]];
+            const Vec3f along = normalized(b - a);
+            const Vec3f toC = c - a;
+            const Vec3f inward = normalized(toC - along * dot(toC, along));
+            if (lengthSquared(along) == 0.0f || lengthSquared(inward) == 0.0f) continue;
+            edges.push_back({a, b, inward});
+        }
+    }
+    return edges;
+}
+
+// The closest point of segment ab to p.
+Vec3f closestOnSegment(const Vec3f& p, const Vec3f& a, const Vec3f& b) {
+    const Vec3f ab = b - a;
+    const float len2 = lengthSquared(ab);
+    const float t = len2 > 0.0f ? std::clamp(dot(p - a, ab) / len2, 0.0f, 1.0f) : 0.0f;
+    return a + ab * t;
+}
+
+// The neighbour grid of one refresh: candidates sorted by cell, each occupied cell with the cells
+// round it that hold candidates, and the border edges near it.
+class NeighborGrid {
+  public:
+    NeighborGrid(float cell, std::span<const BorderEdge> edges) : inverse_(1.0f / cell) {
+        // Each edge joins every cell within two cells of its samples, so a point finds in its own
+        // cell's list every edge within two cells of it.
+        for (std::uint32_t e = 0; e < edges.size(); ++e) {
+            const float len = length(edges[e].b - edges[e].a);
+            const int steps = std::max(1, static_cast<int>(std::ceil(len * inverse_ * 2.0f)));
+            for (int s = 0; s <= steps; ++s) {
+                const Vec3f p = lerp(edges[e].a, edges[e].b, static_cast<float>(s) / steps);
+                const CellCoord c = cellOf(p, inverse_);
+                for (int dz = -2; dz <= 2; ++dz)
+                    for (int dy = -2; dy <= 2; ++dy)
+                        for (int dx = -2; dx <= 2; ++dx) {
+                            auto& list = edgeCells_[cellKey(c.x + dx, c.y + dy, c.z + dz)];
+                            if (list.empty() || list.back() != e) list.push_back(e);
+                        }
+            }
+        }
+        for (auto& [key, list] : edgeCells_) {
+            std::sort(list.begin(), list.end());
+            list.erase(std::unique(list.begin(), list.end()), list.end());
+        }
+    }
+
+    // Sorts the candidates into cells at their current positions.
+    void rebuild(std::span<const Vec3f> positions) {
+        const std::size_t count = positions.size();
+        entries_.resize(count);
+        forEach(count, [&](std::size_t begin, std::size_t end) {
+            for (std::size_t i = begin; i < end; ++i) {
+                const CellCoord c = cellOf(positions[i], inverse_);
+                entries_[i] = {cellKey(c.x, c.y, c.z), static_cast<std::uint32_t>(i)};
+            }
+        });
+        // Within a cell the candidates stay in index order, so every scan meets them in one order.
+        tbb::parallel_sort(entries_.begin(), entries_.end(), [](const Entry& a, const Entry& b) {
+            return a.key != b.key ? a.key < b.key : a.index < b.index;
+        });
+        cellStart_.clear();
+        cellKeys_.clear();
+        for (std::size_t i = 0; i < count; ++i) {
+            if (i == 0 || entries_[i].key != entries_[i - 1].key) {
+                cellStart_.push_back(static_cast<std::uint32_t>(i));
+                cellKeys_.push_back(entries_[i].key);
+            }
+        }
+        cellStart_.push_back(static_cast<std::uint32_t>(count));
+        lookup_.clear();
+        lookup_.reserve(cellKeys_.size() * 2);
+        for (std::uint32_t c = 0; c < cellKeys_.size(); ++c)
+            lookup_.emplace(cellKeys_[c], c);
+    }
+
+    // Calls visit(index) for each candidate in the cells within `rings` cells of the candidate's.
+    template <class Visit>
+    void forEachNear(const Vec3f& position, int rings, Visit&& visit) const {
+        const CellCoord c = cellOf(position, inverse_);
+        for (int dz = -rings; dz <= rings; ++dz)
+            for (int dy = -rings; dy <= rings; ++dy)
+                for (int dx = -rings; dx <= rings; ++dx) {
+                    const auto found = lookup_.find(cellKey(c.x + dx, c.y + dy, c.z + dz));
+                    if (found == lookup_.end()) continue;
+                    const std::uint32_t cell = found->second;
+                    for (std::uint32_t e = cellStart_[cell]; e < cellStart_[cell + 1]; ++e)
+                        visit(entries_[e].index);
+                }
+    }
+
+    const std::vector<std::uint32_t>* edgesNear(const Vec3f& position) const {
+        const CellCoord c = cellOf(position, inverse_);
+        const auto found = edgeCells_.find(cellKey(c.x, c.y, c.z));
+        return found == edgeCells_.end() ? nullptr : &found->second;
+    }
+
+  private:
+    struct Entry {
+        std::uint64_t key;
+        std::uint32_t index;
+    };
+    float inverse_;
+    std::vector<Entry> entries_;
+    std::vector<std::uint32_t> cellStart_;
+    std::vector<std::uint64_t> cellKeys_;
+    std::unordered_map<std::uint64_t, std::uint32_t> lookup_;
+    std::unordered_map<std::uint64_t, std::vector<std::uint32_t>> edgeCells_;
+};
+
+}  // namespace
+
+void relaxPlacement(const ScalpMesh& scalp, const PlacementSettings& settings,
+                    ScatterPlacement& placed) {
+    const std::size_t count = placed.size();
+    placed.evenRoots = placed.randomRoots;
+    if (count < 2 || !(settings.density > 0.0)) return;
+    const bool mapped = static_cast<bool>(settings.mappedDensity);
+    const bool masked = settings.mask && !settings.mask->empty();
+    const float r0 = kRadiusScale / static_cast<float>(std::sqrt(settings.density));
+
+    std::vector<StrandRoot> roots = placed.randomRoots;
+    std::vector<Vec3f> positions(count), next(count), normals(count);
+    std::vector<float> radii(count);
+    forEach(count, [&](std::size_t begin, std::size_t end) {
+        for (std::size_t i = begin; i < end; ++i) {
+            positions[i] = scalp.pointAt(roots[i]);
+            normals[i] = scalp.normalAt(roots[i]);
+            float r = r0;
+            if (mapped) {
+                const float d = settings.mappedDensity(roots[i], positions[i]);
+                r = d > 0.0f ? kRadiusScale / std::sqrt(d) : 0.0f;
+            }
+            radii[i] = r;
+        }
+    });
+    const float largest = *std::max_element(radii.begin(), radii.end());
+    if (!(largest > 0.0f)) return;
+
+    // Cells two radii wide: a candidate of the working density meets every candidate it can
+    // touch in the 27 cells round it. Sparser spots (larger radii) look further.
+    const float cell = 2.0f * r0;
+    const float searchRange = 3.0f * largest + r0;
+    const int maxRings = std::clamp(static_cast<int>(std::ceil(searchRange / cell)), 1, 3);
+    const std::vector<BorderEdge> edges = borderEdges(scalp);
+    NeighborGrid grid(cell, edges);
+    std::vector<std::uint32_t> neighbors(count * kNeighbors);
+    std::vector<std::uint32_t> nearestEdge(count, kNoEdge);
+
+    auto refresh = [&] {
+        grid.rebuild(positions);
+        forEach(count, [&](std::size_t begin, std::size_t end) {
+            float bestDistance[kNeighbors];
+            std::uint32_t bestIndex[kNeighbors];
+            for (std::size_t i = begin; i < end; ++i) {
+                int found = 0;
+                const Vec3f p = positions[i];
+                const int rings =
+                    std::clamp(static_cast<int>(std::ceil(2.0f * radii[i] / cell)), 1, maxRings);
+                grid.forEachNear(p, rings, [&](std::uint32_t j) {
+                    if (j == i) return;
+                    const float d2 = lengthSquared(positions[j] - p);
+                    if (found == kNeighbors && !(d2 < bestDistance[kNeighbors - 1])) return;
+                    // Insertion keeps the list nearest first; equal distances keep scan order.
+                    int at = found < kNeighbors ? found++ : kNeighbors - 1;
+                    while (at > 0 && bestDistance[at - 1] > d2) {
+                        bestDistance[at] = bestDistance[at - 1];
+                        bestIndex[at] = bestIndex[at - 1];
+                        --at;
+                    }
+                    bestDistance[at] = d2;
+                    bestIndex[at] = j;
+                });
+                std::uint32_t* list = neighbors.data() + i * kNeighbors;
+                for (int k = 0; k < kNeighbors; ++k)
+                    list[k] = k < found ? bestIndex[k] : static_cast<std::uint32_t>(i);
+
+                std::uint32_t edge = kNoEdge;
+                if (const auto* near = grid.edgesNear(p)) {
+                    float best = 0.0f;
+                    for (const std::uint32_t e : *near) {
+                        const float d2 =
+                            lengthSquared(p - closestOnSegment(p, edges[e].a, edges[e].b));
+                        if (edge == kNoEdge || d2 < best) {
+                            best = d2;
+                            edge = e;
+                        }
+                    }
+                }
+                nearestEdge[i] = edge;
+            }
+        });
+    };
+
+    // Whether a location may hold an even root: density above 0 where mapped, inside the mask.
+    auto allowed = [&](const StrandRoot& root, const Vec3f& position) {
+        if (mapped && !(settings.mappedDensity(root, position) > 0.0f)) return false;
+        return !masked || settings.mask->passes(position);
+    };
+
+    const float n = static_cast<float>(count);
+    for (int iteration = 0; iteration < kIterations; ++iteration) {
+        if (iteration % 4 == 0) refresh();
+        const bool last = iteration == kIterations - 1;
+        forEach(count, [&](std::size_t begin, std::size_t end) {
+            for (std::size_t i = begin; i < end; ++i) {
+                const float ri = radii[i];
+                const Vec3f pi = positions[i];
+                if (!(ri > 0.0f)) {
+                    next[i] = pi;
+                    continue;
+                }
+                Vec3f force;
+                const std::uint32_t* list = neighbors.data() + i * kNeighbors;
+                for (int k = 0; k < kNeighbors; ++k) {
+                    const std::uint32_t j = list[k];
+                    if (j == i || !(radii[j] > 0.0f)) continue;
+                    const float s = ri + radii[j];
+                    const Vec3f d = pi - positions[j];
+                    const float dist = length(d);
+                    if (!(dist < s)) continue;
+                    Vec3f direction;
+                    if (dist <= s * 1e-6f) {
+                        // Coincident candidates part in a direction given by their indices alone.
+                        direction = {unitFloat(i) - 0.5f,
+                                     unitFloat(static_cast<std::uint64_t>(n) + kGolden + i) - 0.5f,
+                                     0.0f};
+                    } else {
+                        direction = d / dist;
+                    }
+                    const float w = 1.0f - dist / s;
+                    force += direction * (w * w);
+                }
+                if (nearestEdge[i] != kNoEdge) {
+                    const BorderEdge& edge = edges[nearestEdge[i]];
+                    const float e = length(pi - closestOnSegment(pi, edge.a, edge.b));
+                    if (e < ri) {
+                        const float w = 1.0f - e / ri;
+                        force += edge.inward * (w * w);
+                    }
+                }
+                const Vec3f normal = normals[i];
+                force = (force - normal * dot(force, normal)) * (0.6f * ri);
+                const float h = 0.5f * ri;
+                Vec3f moved = pi + force * (h / std::sqrt(lengthSquared(force) + h * h));
+                if (last) {
+                    // A grid of r / 1024 makes the end independent of float noise at tiny scale.
+                    const float snap = ri / 1024.0f;
+                    moved = {std::nearbyint(moved.x / snap) * snap,
+                             std::nearbyint(moved.y / snap) * snap,
+                             std::nearbyint(moved.z / snap) * snap};
+                }
+                next[i] = moved;
+            }
+        });
+        std::swap(positions, next);
+
+        if (iteration % 4 == 3) {
+            // Back onto the surface, where the location may hold an even root.
+            forEach(count, [&](std::size_t begin, std::size_t end) {
+                for (std::size_t i = begin; i < end; ++i) {
+                    const float ri = radii[i];
+                    if (!(ri > 0.0f)) continue;
+                    const ClosestPoint hit = scalp.closestPoint(positions[i], 4.0f * ri);
+                    if (hit.found() && allowed(hit.root, hit.point)) {
+                        roots[i] = hit.root;
+                        positions[i] = hit.point;
+                        normals[i] = scalp.normalAt(hit.root);
+                    } else {
+                        positions[i] = scalp.pointAt(roots[i]);
+                    }
+                }
+            });
+        }
+    }
+
+    forEach(count, [&](std::size_t begin, std::size_t end) {
+        for (std::size_t i = begin; i < end; ++i) {
+            const bool keep = allowed(roots[i], scalp.pointAt(roots[i]));
+            placed.evenRoots[i] = keep ? roots[i] : placed.randomRoots[i];
+        }
+    });
+}
+
+std::vector<StrandRoot> blendRoots(const ScalpMesh& scalp, std::span<const StrandRoot> even,
+                                   std::span<const StrandRoot> random, float randomness) {
+    std::vector<StrandRoot> blended(even.size());
+    const float t = randomness;
+    forEach(even.size(), [&](std::size_t begin, std::size_t end) {
+        for (std::size_t i = begin; i < end; ++i) {
+            const Vec3f e = scalp.pointAt(even[i]), r = scalp.pointAt(random[i]);
+            const Vec3f point = e + (r - e) * t;
+            const float reach = length(r - e) * 2.0f * std::max(1.0f, t) + 1e-6f;
+            const ClosestPoint hit = scalp.closestPoint(point, reach);
+            blended[i] = hit.found() ? hit.root : t >= 0.5f ? random[i] : even[i];
+        }
+    });
+    return blended;
+}
+
+}  // namespace velmorin

@@ -1,0 +1,525 @@
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <limits>
+#include <map>
+#include <unordered_map>
+
+#include "base/hash.h"
+#include "base/parallel.h"
+#include "base/test/expect_message.h"
+#include "graph/errors.h"
+#include "graph/field_value.h"
+#include "graph/registry.h"
+#include "mesh/sample_meshes.h"
+#include "mesh/scalp_mesh.h"
+#include "mesh/scalp_range.h"
+#include "ops/guide_mask.h"
+#include "ops/scatter_placement.h"
+#include "strands/guide.h"
+#include "strands/strand_set.h"
+
+namespace velmorin {
+namespace {
+
+using test::expectMessage;
+
+// The head-like scalp has an area of about 408: a density of 10 makes about 4,000 strands.
+std::shared_ptr<const ScalpMesh> head() {
+    static const auto mesh = makeHeadScalp(1);
+    return mesh;
+}
+
+struct ScatterRun {
+    double density = 10.0;
+    double randomness = 1.0;
+    double previewDensity = 1.0;
+    double pointBudget = 0.0;
+    std::string layout = "random";
+    std::int64_t rows = 40, columns = 50;
+    double gridRandom = 0.0;
+    double guideRadius = 0.0;
+    std::shared_ptr<const FieldValue> densityField = nullptr;
+    std::shared_ptr<const GuideSet> guides = nullptr;
+    std::shared_ptr<const ScalpMesh> scalp = head();
+    const SceneInputs* scene = nullptr;
+};
+
+std::unique_ptr<Operator> makeScatter() {
+    return OperatorRegistry::instance().create("Scatter");
+}
+
+std::shared_ptr<const StrandSet> scatter(Operator& op, const ScatterRun& run) {
+    op.paramSet.set("density", run.density);
+    op.paramSet.set("randomness", run.randomness);
+    op.paramSet.set("layout", run.layout);
+    op.paramSet.set("gridRows", run.rows);
+    op.paramSet.set("gridColumns", run.columns);
+    op.paramSet.set("gridRandom", run.gridRandom);
+    op.paramSet.set("guideRadius", run.guideRadius);
+    op.paramSet.fields.erase("density");
+    if (run.densityField) op.paramSet.fields["density"] = run.densityField;
+    EvalContext ctx;
+    ctx.previewDensity = run.previewDensity;
+    ctx.previewPointBudget = run.pointBudget;
+    ctx.resolution = 4;
+    ctx.sceneInputs = run.scene;
+    Value guides;
+    if (run.guides) guides = run.guides;
+    return op.evaluate(ctx, {run.scalp, guides}).get<StrandSet>();
+}
+
+std::shared_ptr<const StrandSet> scatter(const ScatterRun& run) {
+    auto op = makeScatter();
+    return scatter(*op, run);
+}
+
+std::unordered_map<std::uint64_t, StrandRoot> rootsById(const StrandSet& set) {
+    std::unordered_map<std::uint64_t, StrandRoot> roots;
+    for (std::size_t s = 0; s < set.strandCount(); ++s)
+        roots[set.ids()[s]] = set.roots()[s];
+    return roots;
+}
+
+// Density 400 where x >= 0, 0 on the other side.
+class HalfField final : public FieldValue {
+  public:
+    explicit HalfField(float high) : high_(high) {}
+    float atStrand(std::size_t) const override { return high_; }
+    float atPoint(std::size_t, std::size_t) const override { return high_; }
+    bool varies() const override { return true; }
+    std::uint64_t key() const override { return floatBits(high_); }
+    float atLocation(const FieldLocation& location) const override {
+        return location.position.x >= 0.0f ? high_ : 0.0f;
+    }
+    std::string describe() const override { return "half"; }
+
+  private:
+    float high_;
+};
+
+TEST(Scatter, RaisingDensityKeepsEveryStrandAndRoot) {
+    const auto low = scatter(ScatterRun{.density = 5.0});
+    const auto high = scatter(ScatterRun{.density = 12.0});
+    ASSERT_GT(low->strandCount(), 1000u);
+    EXPECT_GT(high->strandCount(), low->strandCount() * 2);
+    const auto highRoots = rootsById(*high);
+    for (std::size_t s = 0; s < low->strandCount(); ++s) {
+        const auto found = highRoots.find(low->ids()[s]);
+        ASSERT_NE(found, highRoots.end()) << "strand " << s;
+        EXPECT_EQ(found->second, low->roots()[s]);
+    }
+}
+
+TEST(Scatter, EveryRandomnessGivesTheSameStrands) {
+    const auto reference = scatter(ScatterRun{.randomness = 1.0});
+    std::vector<std::uint64_t> ids(reference->ids().begin(), reference->ids().end());
+    for (const double randomness : {0.0, 0.3, 0.5, 0.9}) {
+        const auto set = scatter(ScatterRun{.randomness = randomness});
+        EXPECT_TRUE(std::equal(ids.begin(), ids.end(), set->ids().begin(), set->ids().end()))
+            << "randomness " << randomness;
+        std::string message;
+        EXPECT_TRUE(set->validate(message)) << message;
+    }
+    // The even roots are not the random ones, and the blend lies between.
+    const auto even = scatter(ScatterRun{.randomness = 0.0});
+    std::size_t moved = 0;
+    for (std::size_t s = 0; s < even->strandCount(); ++s)
+        moved += !(even->roots()[s] == reference->roots()[s]);
+    EXPECT_GT(moved, even->strandCount() * 9 / 10);
+}
+
+TEST(Scatter, BlueNoiseSpreadsRootsEvenly) {
+    // The nearest neighbour of an even root lies farther than that of a random one, on average.
+    const auto nearestMean = [](const StrandSet& set) {
+        const auto points = set.points();
+        double total = 0.0;
+        const std::size_t n = set.strandCount(), step = 5;
+        for (std::size_t s = 0; s < n; s += 7) {
+            float best = std::numeric_limits<float>::max();
+            for (std::size_t t = 0; t < n; ++t)
+                if (t != s)
+                    best = std::min(best, lengthSquared(points[s * step] - points[t * step]));
+            total += std::sqrt(best);
+        }
+        return total / static_cast<double>((n + 6) / 7);
+    };
+    const double random = nearestMean(*scatter(ScatterRun{.randomness = 1.0}));
+    const double even = nearestMean(*scatter(ScatterRun{.randomness = 0.0}));
+    EXPECT_GT(even, random * 1.5);
+}
+
+TEST(Scatter, LowerPreviewKeepsASubsetWithTheSameRoots) {
+    for (const double randomness : {1.0, 0.5, 0.0}) {
+        const auto full = scatter(ScatterRun{.density = 30.0, .randomness = randomness});
+        const auto half =
+            scatter(ScatterRun{.density = 30.0, .randomness = randomness, .previewDensity = 0.5});
+        ASSERT_GT(full->strandCount(), 5000u);
+        EXPECT_LT(half->strandCount(), full->strandCount() * 3 / 4);
+        EXPECT_GT(half->strandCount(), full->strandCount() / 4);
+        const auto fullRoots = rootsById(*full);
+        for (std::size_t s = 0; s < half->strandCount(); ++s) {
+            const auto found = fullRoots.find(half->ids()[s]);
+            ASSERT_NE(found, fullRoots.end()) << "randomness " << randomness;
+            EXPECT_EQ(found->second, half->roots()[s]) << "randomness " << randomness;
+        }
+        EXPECT_EQ(full->strandChannel("_preview"), nullptr);
+    }
+}
+
+TEST(Scatter, PreviewMarksFollowTheIds) {
+    // About 12,000 strands: the coarse share is 2^-floor(log2(12000 / 5000)) = 0.5.
+    const auto set = scatter(ScatterRun{.density = 30.0, .previewDensity = 0.2});
+    const std::vector<float>* marks = set->strandChannel("_preview");
+    ASSERT_NE(marks, nullptr);
+    std::map<float, std::size_t> counts;
+    for (std::size_t s = 0; s < set->strandCount(); ++s) {
+        const float u = unitFloat(set->ids()[s]);
+        const float expected = u < 0.2f ? 1.0f : 2.0f;  // q = 0.5 is above p
+        EXPECT_EQ((*marks)[s], expected);
+        EXPECT_LT(u, 0.5f);
+        ++counts[(*marks)[s]];
+    }
+    EXPECT_GT(counts[1.0f], 0u);
+    EXPECT_GT(counts[2.0f], 0u);
+}
+
+TEST(Scatter, SmallScattersAreNeverThinned) {
+    // About 200 strands, and about 400 with previewAll.
+    for (const double preview : {1.0, 0.5, 0.05}) {
+        const auto set = scatter(ScatterRun{.density = 0.5, .previewDensity = preview});
+        EXPECT_GT(set->strandCount(), 150u);
+        EXPECT_EQ(set->strandCount(), scatter(ScatterRun{.density = 0.5})->strandCount());
+        EXPECT_EQ(set->strandChannel("_preview"), nullptr);
+    }
+    auto op = makeScatter();
+    op->paramSet.set("previewAll", true);
+    const auto all = scatter(*op, ScatterRun{.density = 5.0, .previewDensity = 0.1});
+    EXPECT_EQ(all->strandCount(), scatter(ScatterRun{.density = 5.0})->strandCount());
+}
+
+TEST(Scatter, PointBudgetThinsThePreview) {
+    // About 12,000 strands of 5 points: a budget of 30,000 points asks for 0.49 of them, just
+    // under the coarse share of 0.5; one of 12,000 points meets the coarse share's floor.
+    const std::size_t full = scatter(ScatterRun{.density = 30.0})->strandCount();
+    for (const double budget : {30000.0, 12000.0}) {
+        const auto set = scatter(ScatterRun{.density = 30.0, .pointBudget = budget});
+        EXPECT_GT(set->strandCount(), full * 45 / 100) << budget;
+        EXPECT_LT(set->strandCount(), full * 55 / 100) << budget;
+        ASSERT_NE(set->strandChannel("_preview"), nullptr);
+    }
+    const auto generous = scatter(ScatterRun{.density = 30.0, .pointBudget = 1e9});
+    EXPECT_EQ(generous->strandCount(), full);
+}
+
+TEST(Scatter, MappedDensityThinsByTheMap) {
+    const auto plain = scatter(ScatterRun{.density = 10.0});
+    const auto mapped =
+        scatter(ScatterRun{.density = 1.0, .densityField = std::make_shared<HalfField>(10.0f)});
+    std::size_t plainRight = 0;
+    for (std::size_t s = 0; s < plain->strandCount(); ++s)
+        plainRight += head()->pointAt(plain->roots()[s]).x >= 0.0f;
+    for (std::size_t s = 0; s < mapped->strandCount(); ++s)
+        EXPECT_GE(head()->pointAt(mapped->roots()[s]).x, 0.0f);
+    // The working density is 10 (a step of an eighth of a decade): the right half is kept whole.
+    EXPECT_EQ(mapped->strandCount(), plainRight);
+
+    // A map of 0 everywhere makes nothing, and no error.
+    const auto none =
+        scatter(ScatterRun{.density = 0.0, .densityField = std::make_shared<HalfField>(0.0f)});
+    EXPECT_EQ(none->strandCount(), 0u);
+    // Blue noise keeps its roots where the map allows.
+    const auto even = scatter(ScatterRun{
+        .density = 1.0, .randomness = 0.0, .densityField = std::make_shared<HalfField>(10.0f)});
+    EXPECT_EQ(even->strandCount(), mapped->strandCount());
+    for (std::size_t s = 0; s < even->strandCount(); ++s)
+        EXPECT_GE(head()->pointAt(even->roots()[s]).x, 0.0f);
+}
+
+TEST(Scatter, SameBitsAtOneAndTwoThreads) {
+    const auto half = std::make_shared<HalfField>(12.0f);
+    const std::vector<std::pair<std::string, ScatterRun>> runs = {
+        {"random", ScatterRun{.density = 12.0}},
+        {"blue noise", ScatterRun{.density = 12.0, .randomness = 0.0}},
+        {"blend", ScatterRun{.density = 12.0, .randomness = 0.4}},
+        {"mapped blue noise", ScatterRun{.density = 1.0, .randomness = 0.0, .densityField = half}},
+        {"preview blend", ScatterRun{.density = 12.0, .randomness = 0.6, .previewDensity = 0.3}},
+        {"grid", ScatterRun{.layout = "uvGrid", .rows = 60, .columns = 80, .gridRandom = 0.5}},
+    };
+    for (const auto& [name, run] : runs) {
+        std::uint64_t one = 0, two = 0;
+        runWithThreads(1, [&] { one = scatter(run)->contentHash(); });
+        runWithThreads(2, [&] { two = scatter(run)->contentHash(); });
+        EXPECT_EQ(one, two) << name;
+    }
+}
+
+TEST(Scatter, CachedRunsGiveTheSameStrands) {
+    auto op = makeScatter();
+    const ScatterRun run{.density = 12.0, .randomness = 0.5};
+    const std::uint64_t first = scatter(*op, run)->contentHash();
+    EXPECT_EQ(scatter(*op, run)->contentHash(), first);
+    // A replacing instance takes the caches over and gives the same result.
+    auto copy = makeScatter();
+    copy->copyStateFrom(*op);
+    EXPECT_EQ(scatter(*copy, run)->contentHash(), first);
+    // A change of preview density reuses the placement and still selects by id.
+    ScatterRun preview = run;
+    preview.previewDensity = 0.5;
+    EXPECT_EQ(scatter(*op, preview)->contentHash(), scatter(preview)->contentHash());
+}
+
+TEST(Scatter, GridLayout) {
+    const auto set = scatter(ScatterRun{.layout = "uvGrid", .rows = 30, .columns = 40});
+    // The head's UVs cover only part of the square: some cells have no face.
+    EXPECT_GT(set->strandCount(), 100u);
+    EXPECT_LE(set->strandCount(), 1200u);
+    // Overlapping UV shells: the lower face index wins every cell.
+    auto doubled = std::make_shared<ScalpMesh>(
+        std::vector<Vec3f>{{0, 0, 0}, {1, 0, 0}, {0, 0, 1}, {0, 1, 0}, {1, 1, 0}, {0, 1, 1}},
+        std::vector<Triangle>{{0, 1, 2}, {3, 4, 5}});
+    doubled->setUvs({{0, 0}, {1, 0}, {0, 1}, {0, 0}, {1, 0}, {0, 1}});
+    const auto overlapped =
+        scatter(ScatterRun{.layout = "uvGrid", .rows = 10, .columns = 10, .scalp = doubled});
+    EXPECT_EQ(overlapped->strandCount(), 55u);  // the cells on or below the diagonal
+    for (const StrandRoot& root : overlapped->roots())
+        EXPECT_EQ(root.face, 0);
+}
+
+TEST(Scatter, FacesWithoutAreaGetNoStrands) {
+    const auto scalp = makeUvPlane(10.0f, 2);
+    std::vector<float> areas = growthAreas(*scalp);
+    areas[0] = 0.0f;
+    areas[3] = 0.0f;
+    PlacementSettings settings;
+    settings.density = 5.0;
+    const ScatterPlacement placed = placeRandom(*scalp, areas, settings);
+    EXPECT_GT(placed.size(), 300u);
+    for (const StrandRoot& root : placed.randomRoots) {
+        EXPECT_NE(root.face, 0);
+        EXPECT_NE(root.face, 3);
+    }
+    auto flat = std::make_shared<ScalpMesh>(std::vector<Vec3f>{{0, 0, 0}, {1, 0, 0}, {2, 0, 0}},
+                                            std::vector<Triangle>{{0, 1, 2}});
+    EXPECT_EQ(scatter(ScatterRun{.scalp = flat})->strandCount(), 0u);
+    EXPECT_EQ(scatter(ScatterRun{.scalp = std::make_shared<ScalpMesh>()})->strandCount(), 0u);
+}
+
+TEST(Scatter, CoincidentCandidatesPartByTheirIndices) {
+    const auto scalp = makeUvPlane(2.0f, 1);
+    ScatterPlacement placed;
+    placed.ids = {1, 2};
+    placed.randomRoots = {{0, 0.3f, 0.3f}, {0, 0.3f, 0.3f}};
+    PlacementSettings settings;
+    settings.density = 1.0;
+    relaxPlacement(*scalp, settings, placed);
+    EXPECT_FALSE(placed.evenRoots[0] == placed.evenRoots[1]);
+    // The direction hangs on the indices, not the ids.
+    ScatterPlacement other = placed;
+    other.ids = {77, 99};
+    relaxPlacement(*scalp, settings, other);
+    EXPECT_EQ(other.evenRoots, placed.evenRoots);
+}
+
+TEST(Scatter, GuideRadiusKeepsRootsNearGuides) {
+    auto guides = std::make_shared<GuideSet>();
+    const Vec3f top{0.0f, 9.0f, 0.0f};
+    const ClosestPoint onScalp = head()->closestPoint(top);
+    Guide guide;
+    guide.id = 1;
+    guide.root = onScalp.root;
+    guide.points = {onScalp.point, onScalp.point + Vec3f{0, 1, 0}};
+    guides->guides.push_back(guide);
+    const auto set = scatter(ScatterRun{.density = 50.0, .guideRadius = 2.0, .guides = guides});
+    EXPECT_GT(set->strandCount(), 100u);
+    for (std::size_t s = 0; s < set->strandCount(); ++s)
+        EXPECT_LE(length(head()->pointAt(set->roots()[s]) - onScalp.point), 2.0f + 1e-4f);
+}
+
+TEST(Scatter, ScalpPiecesOffsetTheirRoots) {
+    // Two planes merged into one scalp; a Scatter on the second grows roots on its faces.
+    const auto a = makeUvPlane(4.0f, 2), b = makeUvPlane(4.0f, 3);
+    std::vector<Vec3f> points = a->points();
+    std::vector<Triangle> triangles = a->triangles();
+    for (const Vec3f& p : b->points())
+        points.push_back(p + Vec3f{10, 0, 0});
+    for (Triangle t : b->triangles()) {
+        for (auto& corner : t)
+            corner += static_cast<std::uint32_t>(a->pointCount());
+        triangles.push_back(t);
+    }
+    auto whole = std::make_shared<ScalpMesh>(points, triangles);
+    const auto aTriangles = static_cast<std::uint32_t>(a->triangleCount());
+    whole->setScalps({{"scalp", 0, aTriangles, 0, static_cast<std::uint32_t>(a->pointCount())},
+                      {"beard", aTriangles, static_cast<std::uint32_t>(b->triangleCount()),
+                       static_cast<std::uint32_t>(a->pointCount()),
+                       static_cast<std::uint32_t>(b->pointCount())}});
+    const auto piece =
+        std::make_shared<const ScalpMesh>(cutScalpRange(*whole, *findScalpRange(*whole, "beard")));
+    SceneInputs scene;
+    scene["scalp"] = SceneInput{Value(std::shared_ptr<const ScalpMesh>(whole)), 7};
+    const auto set = scatter(ScatterRun{.density = 20.0, .scalp = piece, .scene = &scene});
+    ASSERT_GT(set->strandCount(), 100u);
+    const auto alone = scatter(ScatterRun{.density = 20.0, .scalp = piece});
+    ASSERT_EQ(alone->strandCount(), set->strandCount());
+    for (std::size_t s = 0; s < set->strandCount(); ++s) {
+        const StrandRoot root = set->roots()[s];
+        EXPECT_GE(root.face, static_cast<std::int32_t>(aTriangles));
+        EXPECT_EQ(root.face - static_cast<std::int32_t>(aTriangles), alone->roots()[s].face);
+        EXPECT_GE(whole->pointAt(root).x, 7.0f);
+    }
+}
+
+TEST(Scatter, BadInputFailsWithTheArtistsMessage) {
+    auto bare = std::make_shared<ScalpMesh>(head()->points(), head()->triangles());
+    expectMessage<GraphError>([&] { scatter(ScatterRun{.layout = "uvGrid", .scalp = bare}); },
+                              "Scatter: the uvGrid layout needs the scalp's UVs");
+    expectMessage<GraphError>([&] { scatter(ScatterRun{.guideRadius = 1.0}); },
+                              "Scatter: guideRadius needs guides on the guides input (a Guides "
+                              "node)");
+    auto huge =
+        std::make_shared<ScalpMesh>(std::vector<Vec3f>{{0, 0, 0}, {3e38f, 0, 0}, {0, 0, 3e38f}},
+                                    std::vector<Triangle>{{0, 1, 2}});
+    expectMessage<GraphError>([&] { scatter(ScatterRun{.scalp = huge}); },
+                              "Scatter: the density (or the scalp's area) is not a finite number");
+    const auto big = makeUvPlane(200.0f, 1);  // an area of 40,000
+    expectMessage<GraphError>([&] { scatter(ScatterRun{.density = 1300.0, .scalp = big}); },
+                              "Scatter: density would create more than 50M strands");
+    expectMessage<GraphError>(
+        [&] { scatter(ScatterRun{.layout = "uvGrid", .rows = 8000, .columns = 7000}); },
+        "Scatter: the grid would create more than 50M strands");
+    // An op that failed runs again cleanly.
+    auto op = makeScatter();
+    EXPECT_THROW(scatter(*op, ScatterRun{.guideRadius = 1.0}), GraphError);
+    EXPECT_EQ(scatter(*op, ScatterRun{})->contentHash(), scatter(ScatterRun{})->contentHash());
+}
+
+TEST(ScatterLimits, MessagesAndTheHeavyWarning) {
+    EXPECT_EQ(checkScatterCounts(80.0, 1'000'000.0, false), "");
+    EXPECT_EQ(checkScatterCounts(80.0, 2'500'000.0, false),
+              "2.5M strands: heavy (a human head has about 0.1-0.15M); renders, exports and a "
+              "full preview hold every one. Lower the density, or thin it with a density map");
+    EXPECT_EQ(checkScatterCounts(80.0, 4'000'000.0, true),
+              "4.0M strands: heavy (a human head has about 0.1-0.15M); renders, exports and a "
+              "full preview hold every one. Lower the grid's rows and columns, or thin it with a "
+              "density map");
+    expectMessage<GraphError>(
+        [] { checkScatterCounts(std::numeric_limits<double>::infinity(), 1.0, false); },
+        "Scatter: the density (or the scalp's area) is not a finite number");
+
+    PreviewRequest request;
+    request.expectedCount = 20'000'000.0;
+    request.pointsPerStrand = 9;
+    request.previewDensity = 0.5;
+    expectMessage<GraphError>(
+        [&] { checkScatterPoints(planPreview(request), request); },
+        "Scatter: the preview would have 90M points (10000k strands x 9): lower the preview "
+        "density, density or the Resample's segments");
+    request.pointBudget = 1e6;  // a budget lifts the preview limit
+    EXPECT_NO_THROW(checkScatterPoints(planPreview(request), request));
+    request.previewDensity = 1.0;
+    request.pointBudget = 0.0;
+    request.expectedCount = 45'000'000.0;
+    expectMessage<GraphError>([&] { checkScatterPoints(planPreview(request), request); },
+                              "Scatter: 405M points (strands x 9) is more than memory holds: "
+                              "lower the density or the Resample's segments");
+}
+
+TEST(ScatterLimits, PreviewPlans) {
+    struct Case {
+        double count, preview, budget;
+        bool previewAll;
+        double p, q, s;
+        bool thinned;
+    };
+    const Case cases[] = {
+        {250, 0.1, 0, false, 1.0, 1.0, 1.0, false},        // few strands: all
+        {4000, 0.25, 0, false, 0.25, 1.0, 1.0, false},     // under 5,000: the coarse share is 1
+        {20000, 0.1, 0, false, 0.1, 0.25, 0.25, false},    // 2^-floor(log2 4)
+        {20000, 0.5, 0, false, 0.5, 0.25, 0.5, false},     //
+        {1e8, 0.01, 0, false, 0.01, 0.03, 0.03, false},    // the coarse share's floor
+        {20000, 1.0, 90000, false, 0.5, 0.25, 0.5, true},  // 20,000 x 9 points over budget
+        {100, 1.0, 450, false, 0.5, 1.0, 1.0, true},       // small ones keep all by q
+        {20000, 0.2, 0, true, 1.0, 1.0, 1.0, false},       // previewAll
+    };
+    for (const Case& c : cases) {
+        PreviewRequest request;
+        request.expectedCount = c.count;
+        request.previewDensity = c.preview;
+        request.pointBudget = c.budget;
+        request.previewAll = c.previewAll;
+        const PreviewPlan plan = planPreview(request);
+        EXPECT_DOUBLE_EQ(plan.preview, c.p) << c.count << " " << c.preview;
+        EXPECT_DOUBLE_EQ(plan.coarse, c.q) << c.count << " " << c.preview;
+        EXPECT_DOUBLE_EQ(plan.kept, c.s) << c.count << " " << c.preview;
+        EXPECT_EQ(plan.budgetThinned, c.thinned) << c.count << " " << c.preview;
+    }
+}
+
+TEST(ScatterPlacement, WorkingDensityStepsByAnEighthOfADecade) {
+    const std::vector<float> nothing;
+    EXPECT_EQ(workingDensity(80.0, nothing), 80.0);
+    const std::vector<float> below = {10.0f, 79.0f};
+    EXPECT_EQ(workingDensity(80.0, below), 80.0);
+    const std::vector<float> exact = {100.0f};
+    EXPECT_NEAR(workingDensity(80.0, exact), 100.0, 1e-9);
+    const std::vector<float> above = {101.0f, std::numeric_limits<float>::quiet_NaN()};
+    EXPECT_NEAR(workingDensity(80.0, above), std::pow(10.0, 17 * 0.125), 1e-9);
+    const std::vector<float> infinite = {std::numeric_limits<float>::infinity(), 5.0f};
+    EXPECT_EQ(workingDensity(1.0, infinite), std::pow(10.0, 0.75));
+}
+
+TEST(ScatterPlacement, RandomDrawsAreTheStreamOfTheId) {
+    // The second and third draws of SplitMix64 from state h: its finaliser after two and three
+    // steps of the golden increment.
+    const auto finaliser = [](std::uint64_t z) {
+        z = (z ^ (z >> 30)) * 0xBF58476D1CE4E5B9ull;
+        z = (z ^ (z >> 27)) * 0x94D049BB133111EBull;
+        return static_cast<float>((z ^ (z >> 31)) >> 40) / 16777216.0f;
+    };
+    for (const std::uint64_t h : {0ull, 1ull, 0xDEADBEEFull, ~0ull}) {
+        EXPECT_EQ(streamDraw(h, 2), finaliser(h + 2 * kGolden));
+        EXPECT_EQ(streamDraw(h, 3), finaliser(h + 3 * kGolden));
+        EXPECT_EQ(combinedUnit(h, 0xD3A5),
+                  static_cast<float>(hashCombine(h, 0xD3A5) >> 40) / 16777216.0f);
+    }
+}
+
+TEST(GuideMask, DiscsAndEmptyMasks) {
+    const auto scalp = makeUvPlane(10.0f, 4);
+    Guide guide;
+    guide.id = 3;
+    guide.points = {{1, 0, 1}, {1, 1, 1}};
+    Guide bare;
+    bare.id = 4;
+    const GuideMask mask({guide, bare}, *scalp, 0.5f, 0.0f);
+    EXPECT_FALSE(mask.empty());
+    EXPECT_TRUE(mask.passes({1.4f, 0, 1}));
+    EXPECT_FALSE(mask.passes({1.6f, 0, 1}));
+    EXPECT_TRUE(GuideMask({bare}, *scalp, 0.5f, 0.0f).empty());
+    EXPECT_NE(mask.hash(), GuideMask({guide}, *scalp, 0.6f, 0.0f).hash());
+}
+
+TEST(GuideMask, TubesKeepRootsOnTheirFootprint) {
+    const auto scalp = makeUvPlane(10.0f, 4);
+    Guide guide;
+    guide.id = 3;
+    guide.root = scalp->closestPoint({0.3f, 0, 0.3f}).root;
+    guide.points = {scalp->pointAt(guide.root), scalp->pointAt(guide.root) + Vec3f{0, 1, 0}};
+    guide.tube.width = {1.0f};
+    guide.tube.aspect = {0.25f};
+    const GuideMask mask({guide}, *scalp, 5.0f, 0.0f);
+    const SurfaceFrame frame = scalp->frameAt(guide.root);
+    // Within the ellipse of half-widths 1 and 0.25, not the 5-wide disc.
+    EXPECT_TRUE(mask.passes(frame.origin + frame.tangent * 0.9f));
+    EXPECT_TRUE(mask.passes(frame.origin + frame.bitangent * 0.2f));
+    EXPECT_FALSE(mask.passes(frame.origin + frame.bitangent * 0.4f));
+    EXPECT_FALSE(mask.passes(frame.origin + frame.tangent * 1.2f));
+    // A margin of half the half-width widens it.
+    const GuideMask wider({guide}, *scalp, 5.0f, 0.5f);
+    EXPECT_TRUE(wider.passes(frame.origin + frame.tangent * 1.2f));
+}
+
+}  // namespace
+}  // namespace velmorin
