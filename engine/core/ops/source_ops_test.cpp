@@ -1,0 +1,161 @@
+#include <gtest/gtest.h>
+
+#include "base/test/expect_message.h"
+#include "editing/guide_hierarchy.h"
+#include "graph/errors.h"
+#include "graph/registry.h"
+#include "mesh/sample_meshes.h"
+#include "mesh/scalp_mesh.h"
+#include "ops/guide_selection.h"
+
+namespace velmorin {
+namespace {
+
+using test::expectMessage;
+
+// Two families: "head" (level 0) with children "fine" (level 1) and, below those, "wisps"
+// (level 2); "brows" (level 0) without children.
+struct Family {
+    GuideHierarchy hierarchy;
+    std::uint32_t head = 0, fine = 0, wisps = 0, brows = 0;
+    std::uint64_t primary = 0, child = 0, wisp = 0, brow = 0;
+
+    Family() {
+        head = hierarchy.addGroup("head", 0);
+        fine = hierarchy.addGroup("fine", head);
+        wisps = hierarchy.addGroup("wisps", fine);
+        brows = hierarchy.addGroup("brows", 0);
+        primary = hierarchy.addGuide(head, {{0, 0, 0}, {0, 1, 0}});
+        child = hierarchy.addChildGuide(fine, primary, {{0.1f, 0, 0}, {0.1f, 1, 0}});
+        wisp = hierarchy.addChildGuide(wisps, child, {{0.2f, 0, 0}, {0.2f, 1, 0}});
+        brow = hierarchy.addGuide(brows, {{5, 0, 0}, {5, 1, 0}});
+    }
+};
+
+std::vector<std::uint64_t> idsOf(const GuideSet& set) {
+    std::vector<std::uint64_t> ids;
+    for (const Guide& guide : set.guides)
+        ids.push_back(guide.id);
+    return ids;
+}
+
+TEST(GuideSelection, LevelsGroupsAndExclusions) {
+    const Family f;
+    struct Case {
+        int level;
+        std::string groups, excluded;
+        std::vector<std::uint64_t> ids;
+    };
+    const std::vector<Case> cases = {
+        {-1, "", "", {f.wisp, f.brow}},             // each family's deepest groups
+        {0, "", "", {f.primary, f.brow}},           //
+        {1, "", "", {f.child}},                     //
+        {4, "", "", {}},                            // no group that deep
+        {0, "fine, brows", "", {f.child, f.brow}},  // groups replace the level
+        {0, "head wisps", "", {f.primary, f.wisp}},
+        {-1, "", "fine", {f.brow}},  // wisps lie below an excluded group
+        {0, "", "brows", {f.primary}},
+        {0, "head,fine", "head", {}},
+    };
+    for (const Case& c : cases) {
+        const GuideSet set = selectGuides(&f.hierarchy, nullptr, {c.level, c.groups, c.excluded});
+        EXPECT_EQ(idsOf(set), c.ids) << c.level << " '" << c.groups << "' - '" << c.excluded << "'";
+    }
+    EXPECT_EQ(splitGroupNames(" a,b  c,,"), (std::vector<std::string>{"a", "b", "c"}));
+}
+
+TEST(GuideSelection, UnknownGroupsAndTheFlatList) {
+    const Family f;
+    expectMessage<GraphError>(
+        [&] {
+            selectGuides(&f.hierarchy, nullptr, {-1, "head beard", ""});
+        },
+        "Guides: no guide group named 'beard'");
+    expectMessage<GraphError>(
+        [&] {
+            selectGuides(&f.hierarchy, nullptr, {-1, "", "fine,cape"});
+        },
+        "Guides: no guide group named 'cape' to exclude");
+    // Without a hierarchy the flat guides pass as they are.
+    GuideSet flat;
+    flat.guides.resize(3);
+    flat.guides[1].id = 9;
+    EXPECT_EQ(idsOf(selectGuides(nullptr, &flat, {})), (std::vector<std::uint64_t>{0, 9, 0}));
+    EXPECT_TRUE(selectGuides(nullptr, nullptr, {}).guides.empty());
+    expectMessage<GraphError>(
+        [&] {
+            selectGuides(nullptr, &flat, {-1, "head", ""});
+        },
+        "Guides: no guide group named 'head'");
+    // The excluded test walks up the groups.
+    const auto excluded = excludedTest(f.hierarchy, "head");
+    EXPECT_TRUE(excluded(f.wisp));
+    EXPECT_TRUE(excluded(f.primary));
+    EXPECT_FALSE(excluded(f.brow));
+    EXPECT_FALSE(excluded(12345));
+}
+
+TEST(SourceOperators, RegisteredWithTheirMenuData) {
+    const OperatorRegistry& registry = OperatorRegistry::instance();
+    const std::vector<std::tuple<std::string, std::string, std::string, std::string>> expected = {
+        {"Scalp", "source", "The mesh the hair grows on.", "mesh skin body surface"},
+        {"ColliderMesh", "source",
+         "Another mesh (a body, a collar) for Collide to keep strands out of.",
+         "body collar obstacle mesh"},
+        {"Guides", "source",
+         "The groom's guides, by group: what Interpolate, Clump and friends follow.",
+         "guide curves groups"},
+        {"Scatter", "grow", "Roots over the scalp: how many hairs, and where.",
+         "density count roots number hairs"},
+    };
+    for (const auto& [type, category, description, keywords] : expected) {
+        const OperatorInfo* info = registry.info(type);
+        ASSERT_NE(info, nullptr) << type;
+        EXPECT_EQ(info->category, category);
+        EXPECT_EQ(info->description, description);
+        EXPECT_EQ(info->keywords, keywords);
+    }
+    const auto scatter = registry.create("Scatter");
+    const ParamSpec* density = scatter->paramSet.spec("density");
+    ASSERT_NE(density, nullptr);
+    EXPECT_TRUE(density->mappable());
+    EXPECT_EQ(density->max, 2000.0);
+    EXPECT_EQ(scatter->paramSet.spec("layout")->choices,
+              (std::vector<std::string>{"random", "uvGrid"}));
+    EXPECT_EQ(scatter->paramSet.spec("gridRows")->softMax, 1000.0);
+    EXPECT_EQ(scatter->inputs().size(), 2u);
+    EXPECT_TRUE(scatter->inputs()[1].optional);
+}
+
+TEST(SourceOperators, ScalpByName) {
+    const auto op = OperatorRegistry::instance().create("Scalp");
+    auto whole = std::make_shared<ScalpMesh>(*makeUvPlane(2.0f, 2));
+    whole->setScalps({{"scalp", 0, 4, 0, 3}, {"beard", 4, 4, 3, 6}});
+    SceneInputs scene;
+    scene["scalp"] = SceneInput{Value(std::shared_ptr<const ScalpMesh>(whole)), 1};
+    NoteList notes;
+    EvalContext ctx;
+    ctx.sceneInputs = &scene;
+    ctx.notes = &notes;
+    EXPECT_EQ(op->evaluate(ctx, {}).get<ScalpMesh>(), whole);
+
+    op->paramSet.set("input", std::string("beard"));
+    const auto beard = op->evaluate(ctx, {}).get<ScalpMesh>();
+    ASSERT_NE(beard, nullptr);
+    EXPECT_EQ(beard->triangleCount(), 4u);
+    EXPECT_EQ(beard->pointCount(), 6u);
+    EXPECT_TRUE(beard->hasUvs());
+    EXPECT_EQ(beard->points()[0], whole->points()[3]);
+    EXPECT_TRUE(notes.take().empty());
+
+    op->paramSet.set("input", std::string("cape"));
+    const auto none = op->evaluate(ctx, {}).get<ScalpMesh>();
+    ASSERT_NE(none, nullptr);
+    EXPECT_EQ(none->triangleCount(), 0u);
+    EXPECT_EQ(
+        notes.take(),
+        (std::vector<std::string>{"No scalp named 'cape' on this groom: nothing to grow on"}));
+}
+
+}  // namespace
+}  // namespace velmorin
