@@ -1,6 +1,5 @@
 #include "strands/guide_conversion.h"
 
-#include "base/parallel.h"
 #include "strands/test/test_strands.h"
 
 #include <gtest/gtest.h>
@@ -8,6 +7,7 @@
 namespace velmorin {
 namespace {
 
+using test::onOneAndTwoThreads;
 using test::randomStrands;
 using test::values;
 
@@ -76,9 +76,7 @@ TEST(GuideConversion, RoundTripKeepsEverythingButWidths) {
 
 TEST(GuideConversion, IsTheSameAtOneAndTwoThreads) {
     const StrandSet strands = randomStrands(3000, 3);
-    GuideSet one, two;
-    runWithThreads(1, [&] { one = guidesFromStrands(strands); });
-    runWithThreads(2, [&] { two = guidesFromStrands(strands); });
+    auto [one, two] = onOneAndTwoThreads([&] { return guidesFromStrands(strands); });
     ASSERT_EQ(one.guides.size(), two.guides.size());
     for (std::size_t g = 0; g < one.guides.size(); ++g) {
         EXPECT_EQ(one.guides[g].points, two.guides[g].points);
@@ -90,9 +88,7 @@ TEST(GuideConversion, IsTheSameAtOneAndTwoThreads) {
         one.guides[g].attributes["every3"] = static_cast<float>(g);
         one.guides[g].pointAttributes["short"] = {1.0f};
     }
-    StrandSet fromOne, fromTwo;
-    runWithThreads(1, [&] { fromOne = strandsFromGuides(one); });
-    runWithThreads(2, [&] { fromTwo = strandsFromGuides(one); });
+    const auto [fromOne, fromTwo] = onOneAndTwoThreads([&] { return strandsFromGuides(one); });
     EXPECT_EQ(fromOne.contentHash(), fromTwo.contentHash());
     EXPECT_EQ(values(fromOne.strandChannel("every3"))[2997], 2997.0f);
     EXPECT_EQ(values(fromOne.strandChannel("every3"))[2998], 0.0f);
