@@ -8,6 +8,7 @@
 #include "base/hash.h"
 #include "base/parallel.h"
 #include "base/test/expect_message.h"
+#include "editing/test/guide_checks.h"
 #include "graph/errors.h"
 #include "mesh/sample_meshes.h"
 
@@ -15,12 +16,7 @@ namespace velmorin {
 namespace {
 
 using test::expectMessage;
-
-void expectNear(const Vec3f& a, const Vec3f& b, float tolerance = 1e-5f) {
-    EXPECT_NEAR(a.x, b.x, tolerance);
-    EXPECT_NEAR(a.y, b.y, tolerance);
-    EXPECT_NEAR(a.z, b.z, tolerance);
-}
+using test::expectNear;
 
 // A flat scalp facing +Y, 10 wide, around the origin.
 const ScalpMesh& plane() {

@@ -2,11 +2,11 @@
 
 #include <functional>
 
-#include "base/parallel.h"
 #include "editing/guide_hierarchy.h"
 #include "editing/test/guide_fixtures.h"
 #include "graph/errors.h"
 #include "mesh/sample_meshes.h"
+#include "strands/test/test_strands.h"
 
 namespace velmorin {
 namespace {
@@ -272,18 +272,12 @@ TEST(GuideJson, ReadingRules) {
 
 TEST(GuideJson, ThreadCountChangesNothing) {
     const GuideHierarchy h = test::scalpHierarchy(*makeSphere(1, 8, 12), 120, 5, 3, 4);
-    std::string one, two;
-    std::uint64_t readOne = 0, readTwo = 0;
-    runWithThreads(1, [&] {
-        one = h.toJson();
-        readOne = GuideHierarchy::fromJson(one).contentHash();
-    });
-    runWithThreads(2, [&] {
-        two = h.toJson();
-        readTwo = GuideHierarchy::fromJson(two).contentHash();
+    // The text written, and the hash of the hierarchy read back from it.
+    const auto [one, two] = test::onOneAndTwoThreads([&] {
+        const std::string text = h.toJson();
+        return std::pair{text, GuideHierarchy::fromJson(text).contentHash()};
     });
     EXPECT_EQ(one, two);
-    EXPECT_EQ(readOne, readTwo);
 }
 
 }  // namespace
