@@ -30,13 +30,11 @@ TEST(GuideConversion, GuidesBecomeStrandsWithChannelsForEveryNameSeen) {
     const StrandSet strands = strandsFromGuides(guides);
     std::string message;
     EXPECT_TRUE(strands.validate(message)) << message;
-    EXPECT_EQ(std::vector<std::uint64_t>(strands.ids().begin(), strands.ids().end()),
-              (std::vector<std::uint64_t>{10, 11, 12}));
+    EXPECT_EQ(values(strands.ids()), (std::vector<std::uint64_t>{10, 11, 12}));
     EXPECT_EQ(strands.roots()[2], (StrandRoot{12, 0.25f, 0.5f}));
     EXPECT_EQ(strands.strandPoints(0)[2], (Vec3f{10, 2, 0}));
     EXPECT_EQ(strands.strandPoints(1).size(), 0u);
-    EXPECT_EQ(std::vector<float>(strands.widths().begin(), strands.widths().end()),
-              std::vector<float>(5, 1.0f));
+    EXPECT_EQ(values(strands.widths()), std::vector<float>(5, 1.0f));
     EXPECT_EQ(strands.strandChannelNames(), (std::vector<std::string>{"clumpId", "stiffness"}));
     EXPECT_EQ(values(strands.strandChannel("stiffness")), (std::vector<float>{0.5f, 0, 0.75f}));
     EXPECT_EQ(values(strands.strandChannel("clumpId")), (std::vector<float>{0, 0, 4}));
