@@ -21,10 +21,9 @@
 #include <emmintrin.h>
 #endif
 
+#include "base/document.h"
 #include "base/parallel.h"
 #include "editing/guide_hierarchy.h"
-#include "graph/errors.h"
-#include "graph/graph_tools.h"
 
 namespace velmorin {
 
@@ -928,9 +927,11 @@ void resizeTouchingInParallel(std::vector<Guide>& guides, std::size_t count) {
     guides.resize(count);
 }
 
-Json parseJson(std::string_view text) {
-    return Json::parse(text.begin(), text.end());
-}
+constexpr DocumentFormat kGuideData{
+    .kind = "guide data",
+    .version = kGuideDataVersion,
+    .invalidJson = "invalid guide data: ",
+    .notAnObject = "invalid guide data: guide data must be a JSON object"};
 
 }  // namespace
 
@@ -1020,7 +1021,7 @@ class GuideDataReader {
   public:
     static GuideHierarchy read(std::string_view text, GuideReadMode mode, bool* usedSplitScan) {
         if (usedSplitScan) *usedSplitScan = false;
-        if (blankText(text)) return {};
+        if (isBlankDocument(text)) return {};
         try {
             Json header;
             std::vector<Guide> guides;
@@ -1041,9 +1042,8 @@ class GuideDataReader {
                 }
             }
             if (!split) {
-                header = parseJson(text);
-                if (!header.is_object()) bad("guide data must be a JSON object");
-                checkFormatVersion(header, kGuideDataVersion, "guide data");
+                // Not blank, so there is a document.
+                header = *openDocument(text, kGuideData);
                 if (auto found = header.find("guides"); found != header.end()) {
                     if (!found->is_array()) bad("\"guides\" must be a list of guides");
                     const Json& list = *found;
@@ -1076,12 +1076,11 @@ class GuideDataReader {
         rest.append(text.substr(0, split.open));
         rest.append("[]");
         rest.append(text.substr(split.close + 1));
-        header = parseJson(rest);
+        // A fault here sends the text through the whole parse, which words it.
+        header = *openDocument(rest, kGuideData);
         // Another spelling of the key (an escape in it) would hold guides the scan did not see.
-        if (!header.is_object()) return false;
         auto found = header.find("guides");
         if (found == header.end() || !found->is_array() || !found->empty()) return false;
-        checkFormatVersion(header, kGuideDataVersion, "guide data");
 
         const std::size_t n = split.elements.size();
         resizeTouchingInParallel(guides, n);

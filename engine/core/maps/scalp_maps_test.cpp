@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include "graph/errors.h"
+#include "base/document.h"
 #include "maps/texture.h"
 #include "mesh/sample_meshes.h"
 
