@@ -97,7 +97,7 @@ std::uint64_t keyedParamsKey(const GraphNode& node, const EvalContext& ctx) {
         h = hashText(h, param);
         for (const std::string& control : controls) {
             h = hashText(h, control);
-            const SceneInput* input = ctx.sceneInput("control:" + control);
+            const SceneInput* input = ctx.sceneInput(controlInputName(control));
             h = hashCombine(h, input ? input->key : 0);
         }
     }
