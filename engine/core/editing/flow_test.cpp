@@ -5,11 +5,11 @@
 
 #include <gtest/gtest.h>
 
+#include "base/document.h"
 #include "base/hash.h"
 #include "base/parallel.h"
 #include "base/test/expect_message.h"
 #include "editing/test/guide_checks.h"
-#include "graph/errors.h"
 #include "mesh/sample_meshes.h"
 
 namespace velmorin {
@@ -204,6 +204,7 @@ TEST(FlowData, ReadsAndWritesPinsAndSinks) {
         {R"({"sinks":[{"face":[1,0,0],"radius":1}]})",
          "flow data: sink 1 needs an \"angle\" in degrees"},
         {R"({"sinks":[{"face":[1,0,0],"angle":1}]})", "flow data: sink 1 needs a \"radius\""},
+        // The format's name in the shared version words.
         {R"({"version":2})",
          "flow data is of version 2, newer than this Velmorin reads: update Velmorin"},
     };

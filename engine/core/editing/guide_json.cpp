@@ -16,11 +16,10 @@
 
 #include <nlohmann/json.hpp>
 
+#include "base/document.h"
 #include "base/parallel.h"
 #include "editing/guide_hierarchy.h"
 #include "editing/guide_json_internal.h"
-#include "graph/errors.h"
-#include "graph/graph_tools.h"
 
 namespace velmorin {
 
@@ -177,9 +176,11 @@ void resizeTouchingInParallel(std::vector<Guide>& guides, std::size_t count) {
     guides.resize(count);
 }
 
-Json parseJson(std::string_view text) {
-    return Json::parse(text.begin(), text.end());
-}
+constexpr DocumentFormat kGuideData{
+    .kind = "guide data",
+    .version = kGuideDataVersion,
+    .invalidJson = "invalid guide data: ",
+    .notAnObject = "invalid guide data: guide data must be a JSON object"};
 
 }  // namespace
 
@@ -189,7 +190,7 @@ class GuideDataReader {
   public:
     static GuideHierarchy read(std::string_view text, GuideReadMode mode, bool* usedSplitScan) {
         if (usedSplitScan) *usedSplitScan = false;
-        if (blankText(text)) return {};
+        if (isBlankDocument(text)) return {};
         try {
             Json header;
             std::vector<Guide> guides;
@@ -210,9 +211,8 @@ class GuideDataReader {
                 }
             }
             if (!split) {
-                header = parseJson(text);
-                if (!header.is_object()) bad("guide data must be a JSON object");
-                checkFormatVersion(header, kGuideDataVersion, "guide data");
+                // Not blank, so there is a document.
+                header = *openDocument(text, kGuideData);
                 if (auto found = header.find("guides"); found != header.end()) {
                     if (!found->is_array()) bad("\"guides\" must be a list of guides");
                     const Json& list = *found;
@@ -245,12 +245,11 @@ class GuideDataReader {
         rest.append(text.substr(0, split.open));
         rest.append("[]");
         rest.append(text.substr(split.close + 1));
-        header = parseJson(rest);
+        // A fault here sends the text through the whole parse, which words it.
+        header = *openDocument(rest, kGuideData);
         // Another spelling of the key (an escape in it) would hold guides the scan did not see.
-        if (!header.is_object()) return false;
         auto found = header.find("guides");
         if (found == header.end() || !found->is_array() || !found->empty()) return false;
-        checkFormatVersion(header, kGuideDataVersion, "guide data");
 
         const std::size_t n = split.elements.size();
         resizeTouchingInParallel(guides, n);

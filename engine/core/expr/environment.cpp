@@ -7,7 +7,6 @@
 #include "expr/expression.h"
 #include "expr/program.h"
 #include "graph/eval_context.h"
-#include "graph/uniform_value.h"
 
 namespace velmorin {
 
@@ -41,25 +40,6 @@ bool isVectorJson(const nlohmann::ordered_json& value) {
     if (!value.is_array() || value.size() != 3) return false;
     for (const auto& c : value)
         if (!c.is_number()) return false;
-    return true;
-}
-
-// The number a control's scene input holds, if it holds one.
-bool controlValue(const EvalContext* ctx, const std::string& control, double& value) {
-    if (!ctx || control.empty()) return false;
-    const SceneInput* input = ctx->sceneInput("control:" + control);
-    if (!input) return false;
-    const auto uniform = input->value.get<UniformValue>();
-    if (!uniform) return false;
-    if (const auto* d = std::get_if<double>(&uniform->value)) {
-        value = *d;
-    } else if (const auto* i = std::get_if<std::int64_t>(&uniform->value)) {
-        value = static_cast<double>(*i);
-    } else if (const auto* b = std::get_if<bool>(&uniform->value)) {
-        value = *b ? 1.0 : 0.0;
-    } else {
-        return false;
-    }
     return true;
 }
 
@@ -102,9 +82,10 @@ std::vector<ExpressionVariable> readExpressionVariables(std::string_view json,
             }
         }
         if (held->is_number()) {
-            double number = held->get<double>();
-            controlValue(ctx, v.control, number);
-            v.value.x = narrowToFloat(number);
+            // A keyed variable takes its control's value once the host has set one.
+            const std::optional<double> keyed =
+                ctx && !v.control.empty() ? controlValue(*ctx, v.control) : std::nullopt;
+            v.value.x = narrowToFloat(keyed.value_or(held->get<double>()));
         } else if (isVectorJson(*held)) {
             v.isVector = true;
             v.value = {narrowToFloat((*held)[0].get<double>()),

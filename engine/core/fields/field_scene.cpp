@@ -44,21 +44,20 @@ std::uint64_t MapCatalogValue::key() const {
 }
 
 ExpressionMapResolver catalogMapResolver(std::shared_ptr<const ScalpMesh> scalp,
-                                         std::shared_ptr<const MapCatalogValue> catalog) {
-    return [scalp, catalog](std::string_view name) -> std::shared_ptr<const ExpressionMapSource> {
-        const ScalpMap* painted = catalog ? catalog->maps.find(name) : nullptr;
+                                         std::shared_ptr<const MapCatalogValue> catalog,
+                                         std::uint64_t catalogKey) {
+    return [scalp, catalog,
+            catalogKey](std::string_view name) -> std::shared_ptr<const ExpressionMapSource> {
+        auto map = std::make_shared<FieldMap>();
+        map->scalp = scalp;
+        const ScalpMap* painted = useCatalogMap(*map, catalog, catalogKey, name);
         if (!painted) return nullptr;
         const std::string quoted = "map(\"" + std::string(name) + "\"): ";
-        auto map = std::make_shared<FieldMap>();
-        map->name = std::string(name);
-        map->scalp = scalp;
-        map->catalog = catalog;
-        if (painted->kind == MapKind::Texture) {
-            if (painted->texture.empty())
+        if (map->kind == FieldMapKind::Texture) {
+            if (map->name.empty())
                 throw ExpressionError(quoted + "the texture map has no image file yet");
-            map->kind = FieldMapKind::Texture;
             try {
-                map->texture = Texture::load(painted->texture);
+                map->texture = Texture::load(map->name);
             } catch (const TextureError& e) {
                 throw ExpressionError(quoted + e.what());
             }
@@ -67,8 +66,6 @@ ExpressionMapResolver catalogMapResolver(std::shared_ptr<const ScalpMesh> scalp,
         } else {
             if (!scalp || painted->vertexCount() != scalp->pointCount())
                 throw ExpressionError(quoted + "the vertex map does not fit this scalp");
-            map->kind = FieldMapKind::Vertices;
-            map->vertexMap = painted;
         }
         return std::make_shared<CatalogMapSource>(std::move(map));
     };
@@ -79,11 +76,14 @@ std::shared_ptr<const FieldScene> makeFieldScene(const EvalContext& ctx,
     auto scene = std::make_shared<FieldScene>();
     if (const SceneInput* input = ctx.sceneInput(kScalpInput))
         scene->scalp = input->value.get<ScalpMesh>();
-    if (const SceneInput* input = ctx.sceneInput(kMapsInput))
+    if (const SceneInput* input = ctx.sceneInput(kMapsInput)) {
         scene->catalog = input->value.get<MapCatalogValue>();
+        scene->catalogKey = input->key;
+    }
     scene->guides = std::move(guides);
     scene->environment = expressionEnvironment(ctx);
-    scene->environment.resolveMap = catalogMapResolver(scene->scalp, scene->catalog);
+    scene->environment.resolveMap =
+        catalogMapResolver(scene->scalp, scene->catalog, scene->catalogKey);
     return scene;
 }
 

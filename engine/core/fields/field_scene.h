@@ -33,6 +33,7 @@ inline constexpr std::string_view kMapsInput = "maps";
 struct FieldScene {
     std::shared_ptr<const ScalpMesh> scalp;
     std::shared_ptr<const MapCatalogValue> catalog;
+    std::uint64_t catalogKey = 0;            // the catalog's scene-input key
     std::shared_ptr<const GuideSet> guides;  // the node's guides input, where it has one
     ExpressionEnvironment environment;       // with the catalog's maps behind resolveMap
 };
@@ -42,11 +43,12 @@ struct FieldScene {
 std::shared_ptr<const FieldScene> makeFieldScene(const EvalContext& ctx,
                                                  std::shared_ptr<const GuideSet> guides);
 
-// The map resolver of expressions over this scalp and catalog: a texture or vertex map of the
-// catalog by name, sampled at each strand's root. Null for an unknown name; ExpressionError
-// "map(\"name\"): the texture map has no image file yet" and "map(\"name\"): the vertex map does
-// not fit this scalp".
+// The map resolver of expressions over this scalp and catalog (whose scene-input key is
+// `catalogKey`): a texture or vertex map of the catalog by name, sampled at each strand's root.
+// Null for an unknown name; ExpressionError "map(\"name\"): the texture map has no image file
+// yet" and "map(\"name\"): the vertex map does not fit this scalp".
 ExpressionMapResolver catalogMapResolver(std::shared_ptr<const ScalpMesh> scalp,
-                                         std::shared_ptr<const MapCatalogValue> catalog);
+                                         std::shared_ptr<const MapCatalogValue> catalog,
+                                         std::uint64_t catalogKey);
 
 }  // namespace velmorin

@@ -7,6 +7,7 @@
 
 #include "base/parallel.h"
 #include "expr/noise.h"
+#include "fields/field_map.h"
 #include "fields/field_sampler.h"
 #include "fields/field_scene.h"
 #include "graph/errors.h"
@@ -309,6 +310,44 @@ TEST(MappedParams, ResultsFollowTheFrameAndTheGroomsMaps) {
     maps->maps.maps["weight"].values = {1, 1, 1, 1};
     scene.inputs["maps"] = {Value(std::shared_ptr<const MapCatalogValue>(maps)), 4};
     EXPECT_FLOAT_EQ(first(), 3.0f);
+}
+
+// Map nodes, mapped params and expressions find a painted map by name through one lookup, keyed
+// without reading the map's values: a vertex map by the catalog's key, a texture by its image.
+TEST(MappedParams, APaintedMapIsFoundByNameAndKeyedCheaply) {
+    const std::shared_ptr<const MapCatalogValue> maps = catalog("head.png");
+    const auto found = [&](std::string_view name, std::uint64_t catalogKey) {
+        FieldMap map;
+        map.name = "before";
+        map.sourceKey = 7;
+        const ScalpMap* painted = useCatalogMap(map, maps, catalogKey, name);
+        EXPECT_EQ(painted, maps->maps.find(name)) << name;
+        return map;
+    };
+    const FieldMap weight = found("weight", 1);
+    EXPECT_EQ(weight.kind, FieldMapKind::Vertices);
+    EXPECT_EQ(weight.name, "weight");
+    EXPECT_EQ(weight.vertexMap, maps->maps.find("weight"));
+    EXPECT_EQ(weight.catalog, maps);
+    EXPECT_EQ(found("weight", 1).sourceKey, weight.sourceKey);
+    EXPECT_NE(found("weight", 2).sourceKey, weight.sourceKey);
+
+    const FieldMap painted = found("painted", 1);
+    EXPECT_EQ(painted.kind, FieldMapKind::Texture);
+    EXPECT_EQ(painted.name, "head.png");
+    EXPECT_EQ(found("painted", 2).sourceKey, painted.sourceKey);  // the image keys it
+    EXPECT_NE(found("unsaved", 1).sourceKey, painted.sourceKey);
+    EXPECT_EQ(found("unsaved", 1).name, "");
+
+    // A name the catalog doesn't hold (a guide layer, an image path) leaves the map alone.
+    for (const char* other : {"density", "head.png", ""}) {
+        const FieldMap map = found(other, 1);
+        EXPECT_EQ(map.name, "before") << other;
+        EXPECT_EQ(map.sourceKey, 7u) << other;
+        EXPECT_EQ(map.catalog, nullptr) << other;
+    }
+    FieldMap none;
+    EXPECT_EQ(useCatalogMap(none, nullptr, 1, "weight"), nullptr);
 }
 
 TEST(MappedParams, AGuideLayerBeforeStrandsReadsTheNearestGuide) {

@@ -5,6 +5,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <span>
 #include <string>
 #include <vector>
@@ -50,6 +51,15 @@ struct EvalContext {
     }
     const SceneInput* sceneInput(std::string_view name) const;
 };
+
+// The scene input that carries the host's control of this name: "control:" + name.
+std::string controlInputName(std::string_view control);
+
+// The number a host's control holds in this evaluation, read the same way by keyed params, the
+// Control node and expression variables: a number, a whole number or a switch (1 or 0) held as a
+// uniform value, or a field's value at its first strand. Nothing where the context has no such
+// control or it holds anything else (a vector, text).
+std::optional<double> controlValue(const EvalContext& ctx, std::string_view control);
 
 // What an incremental run builds on: the node's last result and the changes of its inputs.
 struct IncrementalInputs {

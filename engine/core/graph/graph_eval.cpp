@@ -97,7 +97,7 @@ std::uint64_t keyedParamsKey(const GraphNode& node, const EvalContext& ctx) {
         h = hashText(h, param);
         for (const std::string& control : controls) {
             h = hashText(h, control);
-            const SceneInput* input = ctx.sceneInput("control:" + control);
+            const SceneInput* input = ctx.sceneInput(controlInputName(control));
             h = hashCombine(h, input ? input->key : 0);
         }
     }
@@ -954,16 +954,7 @@ namespace {
 
 // The number a control's scene input holds, if it holds one.
 std::optional<double> controlNumber(const EvalContext& ctx, const std::string& control) {
-    const SceneInput* input = ctx.sceneInput("control:" + control);
-    if (!input) return std::nullopt;
-    if (const auto uniform = input->value.get<UniformValue>()) {
-        if (const double* number = std::get_if<double>(&uniform->value)) return *number;
-        if (const std::int64_t* whole = std::get_if<std::int64_t>(&uniform->value))
-            return static_cast<double>(*whole);
-        if (const bool* on = std::get_if<bool>(&uniform->value)) return *on ? 1.0 : 0.0;
-    }
-    if (const auto field = input->value.get<FieldValue>()) return field->atStrand(0);
-    return std::nullopt;
+    return controlValue(ctx, control);
 }
 
 // Each param bound to controls takes their values: one number, or three for a vector. A control

@@ -275,6 +275,8 @@ struct Loader {
                 upgrade(upgraded, saved);
             } catch (const GraphError&) {
                 throw;
+            } catch (const SchemaError&) {
+                throw;
             } catch (const std::exception& error) {
                 // A step that meets a form it doesn't know fails the load, in the loader's words.
                 throw SchemaError("node '" + name + "' could not be upgraded from version " +

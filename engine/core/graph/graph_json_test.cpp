@@ -78,6 +78,8 @@ class GraphJsonTest : public ::testing::Test {
         try {
             graph.fromJson(text);
             FAIL() << "expected: " << message;
+        } catch (const SchemaError& error) {
+            EXPECT_EQ(error.what(), message);
         } catch (const GraphError& error) {
             EXPECT_EQ(error.what(), message);
         }

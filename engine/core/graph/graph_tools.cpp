@@ -1,9 +1,8 @@
-// Tools around the graph document: the default graph, the format-version rule, graph reports and
-// fitting keyed controls to a host.
+// Tools around the graph document: the default graph, graph reports and fitting keyed controls to
+// a host.
 
 #include "graph/graph_tools.h"
 
-#include <cmath>
 #include <memory>
 #include <optional>
 #include <utility>
@@ -200,40 +199,6 @@ class ControlFitter {
 };
 
 }  // namespace
-
-bool isWholeVersion(const Json& version) {
-    // Unsigned first: nlohmann counts an unsigned number as an integer too.
-    if (version.is_number_unsigned()) return version.get<std::uint64_t>() >= 1;
-    if (version.is_number_integer()) return version.get<std::int64_t>() >= 1;
-    if (!version.is_number_float()) return false;
-    const double number = version.get<double>();
-    return std::isfinite(number) && number >= 1.0 && std::floor(number) == number;
-}
-
-std::string versionText(const Json& version) {
-    if (version.is_number_float()) {
-        const double number = version.get<double>();
-        if (std::floor(number) == number && std::fabs(number) < 1e15) {
-            return std::to_string(static_cast<std::int64_t>(number));
-        }
-    }
-    return version.dump();
-}
-
-int checkFormatVersion(const Json& doc, int supported, std::string_view what) {
-    auto found = doc.find("version");
-    if (found == doc.end()) return 1;
-    const Json& version = *found;
-    if (!isWholeVersion(version)) {
-        throw SchemaError(std::string(what) + ": version " + version.dump() +
-                          " is not a whole number from 1");
-    }
-    if (version.get<double>() > supported) {
-        throw SchemaError(std::string(what) + " is of version " + versionText(version) +
-                          ", newer than this Velmorin reads: update Velmorin");
-    }
-    return static_cast<int>(version.get<double>());
-}
 
 std::string defaultGraphJson() {
     struct DefaultNode {

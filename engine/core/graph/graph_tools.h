@@ -1,7 +1,7 @@
 #pragma once
-// Tools around the graph document: the default graph a new groom starts from, the format-version
-// rule that every versioned document shares, reports about a graph (node versions, seeds that
-// collide), fitting a document's keyed controls to a host, and reading param values from JSON.
+// Tools around the graph document: the default graph a new groom starts from, reports about a
+// graph (node versions, seeds that collide), fitting a document's keyed controls to a host, and
+// reading param values from JSON.
 
 #include <map>
 #include <set>
@@ -11,6 +11,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "base/document.h"  // the format-version rule, which graph JSON shares
 #include "graph/graph.h"
 #include "graph/params.h"
 
@@ -23,17 +24,6 @@ inline constexpr int kGraphFormatVersion = 1;
 // Noise, HairColor, Width, Resample and Output in a chain. A node whose registered type is of a
 // version above 1 carries that version, so that a new groom never starts out of date.
 std::string defaultGraphJson();
-
-// Checks the "version" of a document against the newest version this Velmorin reads and returns it
-// (1 when absent). `what` names the document in messages ("graph JSON", "node file"...). Throws
-// SchemaError "<what> is of version N, newer than this Velmorin reads: update Velmorin", or
-// "<what>: version V is not a whole number from 1".
-int checkFormatVersion(const nlohmann::ordered_json& doc, int supported, std::string_view what);
-
-// Whether a "version" value is a whole number from 1: an integer, or a float without a fraction.
-bool isWholeVersion(const nlohmann::ordered_json& version);
-// A version value as messages show it: a whole float without its ".0" (4.0 shows as 4).
-std::string versionText(const nlohmann::ordered_json& version);
 
 // A report of the graph as JSON: "nodeCount", "connectionCount", "output" (a name or null) and
 // "nodes", one object per node in id order with "id", "name", "type", "nodeVersion" (the version

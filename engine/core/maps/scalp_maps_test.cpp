@@ -2,8 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include "base/document.h"
 #include "base/test/expect_message.h"
-#include "graph/errors.h"
 #include "maps/texture.h"
 #include "mesh/sample_meshes.h"
 

@@ -77,7 +77,8 @@ class ExpressionOp final : public Operator {
             const SceneInput* catalog = ctx.sceneInput(kMapsInput);
             environment.resolveMap =
                 catalogMapResolver(scalp ? scalp->value.get<ScalpMesh>() : nullptr,
-                                   catalog ? catalog->value.get<MapCatalogValue>() : nullptr);
+                                   catalog ? catalog->value.get<MapCatalogValue>() : nullptr,
+                                   catalog ? catalog->key : 0);
             expression->program = compile(source, environment, ExpressionType::Number);
         } catch (const ExpressionError& e) {
             throw GraphError(std::string("Expression: ") + e.what());
