@@ -43,15 +43,15 @@ class ProbeOp final : public Operator {
         ramp.keys = {{0, 0, 1}, {1, 1, 1}};
         return {amount, tint, spacing, mode, test::param("profile", ramp)};
     }
-    Value evaluate(const EvalContext&, const std::vector<Value>& inputs) const override {
+    Value evaluate(const EvalContext& ctx, const std::vector<Value>& inputs) const override {
         const auto strands = inputs[0].get<StrandSet>();
         auto out = std::make_shared<StrandSet>(*strands);
-        const FieldSampler amount = paramSet.field("amount", *strands);
-        const FieldSampler tint = paramSet.field("tint", *strands);
+        const FieldSampler amount = fieldSampler(paramSet, ctx, "amount", *strands);
+        const FieldSampler tint = fieldSampler(paramSet, ctx, "tint", *strands);
         std::vector<float>& tintY = out->addStrandChannel("tintY", 0.0f);
         for (std::size_t s = 0; s < tintY.size(); ++s)
             tintY[s] = tint.vectorAtStrand(s).y;
-        paramSet.field("spacing", *strands);
+        fieldSampler(paramSet, ctx, "spacing", *strands);
         std::vector<float>& perStrand = out->addStrandChannel("amount", 0.0f);
         std::vector<float>& perPoint = out->addPointChannel("amountAt", 0.0f);
         const auto offsets = strands->offsets();
@@ -62,7 +62,7 @@ class ProbeOp final : public Operator {
                     perPoint[p] = amount.atPoint(s, p - offsets[s]);
             }
         });
-        out->addStrandChannel("profile", rampAt(paramSet.getRamp("profile", {}), 0.25f));
+        out->addStrandChannel("profile", rampAt(paramRamp(paramSet, ctx, "profile", {}), 0.25f));
         out->addStrandChannel("hard", paramSet.getString("mode", "") == "hard" ? 1.0f : 0.0f);
         return out;
     }
@@ -322,10 +322,11 @@ TEST(MappedParams, AGuideLayerBeforeStrandsReadsTheNearestGuide) {
 
     auto scene = std::make_shared<FieldScene>();
     scene->scalp = squareScalp();
-    params.fieldScene = scene;
+    EvalContext ctx;
+    ctx.scene = scene;
     const auto message = [&] {
         try {
-            params.fieldAtRoots("amount");
+            fieldSamplerAtRoots(params, ctx, "amount");
         } catch (const GraphError& e) {
             return std::string(e.what());
         }
@@ -347,7 +348,7 @@ TEST(MappedParams, AGuideLayerBeforeStrandsReadsTheNearestGuide) {
     guides->guides = {bare};
     EXPECT_EQ(message(), "param 'amount': no guide carries the layer 'layer'");
     guides->guides = {near, far, bare};
-    const FieldSampler sampler = params.fieldAtRoots("amount");
+    const FieldSampler sampler = fieldSamplerAtRoots(params, ctx, "amount");
     ASSERT_TRUE(sampler.isMapped());
     EXPECT_FLOAT_EQ(sampler.at({{0, 0.2f, 0.2f}, {0.2f, 0, 0.2f}}), 0.5f);
     EXPECT_FLOAT_EQ(sampler.at({{1, 0.5f, 0.25f}, {0.8f, 0, 0.8f}}), 1.5f);
