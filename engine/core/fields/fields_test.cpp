@@ -7,6 +7,7 @@
 
 #include "base/parallel.h"
 #include "expr/noise.h"
+#include "expr/program_cache.h"
 #include "fields/field_sampler.h"
 #include "fields/field_scene.h"
 #include "graph/errors.h"
@@ -309,6 +310,67 @@ TEST(MappedParams, ResultsFollowTheFrameAndTheGroomsMaps) {
     maps->maps.maps["weight"].values = {1, 1, 1, 1};
     scene.inputs["maps"] = {Value(std::shared_ptr<const MapCatalogValue>(maps)), 4};
     EXPECT_FLOAT_EQ(first(), 3.0f);
+}
+
+TEST(MappedParams, TheFrameEntersTheKeyOnlyWhereTheProgramReadsIt) {
+    registerProbe();
+    // Text that names the frame and the time without reading them, and text that reads them.
+    const struct {
+        const char* expression;
+        bool timed;
+    } cases[] = {
+        {"$mass # neither frame nor time is read here", false},
+        {"$mass + frame", true},
+        {"$mass * time", true},
+        {"$mass * 2 // the time of day", false},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.expression);
+        Scene scene;
+        Graph graph;
+        graph.fromJson(std::string(R"({"nodes": [{"name": "groom", "type": "EvalScene"},
+            {"name": "probe", "type": "FieldsProbe", "params": {"amount": {"expression": ")") +
+                       c.expression + R"("}}}],
+            "connections": [{"from": "groom", "to": "probe", "input": "strands"}],
+            "output": "probe"})");
+        const std::uint32_t probe = graph.nodeId("probe");
+        graph.evaluateOutput(scene.ctx);
+        const std::uint64_t key = graph.node(probe).runtime.key;
+        scene.ctx.time = 7;
+        const std::uint64_t compiles = expressionCacheCompiles();
+        graph.evaluateOutput(scene.ctx);
+        EXPECT_EQ(graph.node(probe).runtime.key != key, c.timed);
+        // A program that reads the frame compiles once for the new frame (for the key, and the run
+        // takes it from the cache); one that doesn't is not compiled again.
+        EXPECT_EQ(expressionCacheCompiles() - compiles, c.timed ? 1u : 0u);
+    }
+}
+
+TEST(MappedParams, AnExpressionCompilesOnceForRunsOnTheSameScene) {
+    registerProbe();
+    Scene scene;
+    Graph graph;
+    graph.fromJson(R"x({"nodes": [{"name": "groom", "type": "EvalScene"},
+        {"name": "probe", "type": "FieldsProbe",
+         "params": {"amount": {"expression": "$mass * 3 + map(\"weight\")"}}}],
+        "connections": [{"from": "groom", "to": "probe", "input": "strands"}],
+        "output": "probe"})x");
+    const std::uint32_t probe = graph.nodeId("probe");
+    const auto amounts = column(*test::strandsOf(graph.evaluateOutput(scene.ctx)), "amount");
+    const std::uint64_t compiles = expressionCacheCompiles();
+    // Another setting of the node runs it again on the same scene: the program is the cached one.
+    for (const char* mode : {"hard", "soft", "hard"}) {
+        graph.operatorOf(probe).paramSet.set("mode", std::string(mode));
+        const auto again = column(*test::strandsOf(graph.evaluateOutput(scene.ctx)), "amount");
+        EXPECT_EQ(again, amounts);
+    }
+    EXPECT_EQ(expressionCacheCompiles(), compiles);
+    // Maps under a new key compile it anew, with the map as it is now.
+    auto maps = catalog(scene.image);
+    maps->maps.maps["weight"].values = {1, 1, 1, 1};
+    scene.inputs["maps"] = {Value(std::shared_ptr<const MapCatalogValue>(maps)), 9};
+    EXPECT_FLOAT_EQ(column(*test::strandsOf(graph.evaluateOutput(scene.ctx)), "amount")[0], 4.0f);
+    EXPECT_EQ(expressionCacheCompiles(), compiles + 1);
 }
 
 TEST(MappedParams, AGuideLayerBeforeStrandsReadsTheNearestGuide) {
