@@ -6,7 +6,6 @@
 
 #include "expr/expression.h"
 #include "expr/program.h"
-#include "graph/eval_context.h"
 
 namespace velmorin {
 
@@ -46,7 +45,7 @@ bool isVectorJson(const nlohmann::ordered_json& value) {
 }  // namespace
 
 std::vector<ExpressionVariable> readExpressionVariables(std::string_view json,
-                                                        const EvalContext* ctx) {
+                                                        const ExpressionControls& controls) {
     const std::string kNotAnObject = "variables are a JSON object of numbers and vectors";
     if (json.find_first_not_of(" \t\r\n") == std::string_view::npos) return {};
     nlohmann::ordered_json doc;
@@ -82,10 +81,11 @@ std::vector<ExpressionVariable> readExpressionVariables(std::string_view json,
             }
         }
         if (held->is_number()) {
-            // A keyed variable takes its control's value once the host has set one.
-            const std::optional<double> keyed =
-                ctx && !v.control.empty() ? controlValue(*ctx, v.control) : std::nullopt;
-            v.value.x = narrowToFloat(keyed.value_or(held->get<double>()));
+            double number = held->get<double>();
+            if (controls && !v.control.empty()) {
+                if (const std::optional<double> set = controls(v.control)) number = *set;
+            }
+            v.value.x = narrowToFloat(number);
         } else if (isVectorJson(*held)) {
             v.isVector = true;
             v.value = {narrowToFloat((*held)[0].get<double>()),
@@ -99,17 +99,17 @@ std::vector<ExpressionVariable> readExpressionVariables(std::string_view json,
     return variables;
 }
 
-ExpressionEnvironment expressionEnvironment(const EvalContext& ctx) {
+ExpressionEnvironment expressionEnvironment(double frame) {
     ExpressionEnvironment env;
-    env.frame = ctx.time;
-    env.time = ctx.time / kExpressionFramesPerSecond;
+    env.frame = frame;
+    env.time = frame / kExpressionFramesPerSecond;
     return env;
 }
 
-ExpressionEnvironment expressionEnvironment(const EvalContext& ctx,
-                                            std::string_view variablesJson) {
-    ExpressionEnvironment env = expressionEnvironment(ctx);
-    env.variables = readExpressionVariables(variablesJson, &ctx);
+ExpressionEnvironment expressionEnvironment(double frame, std::string_view variablesJson,
+                                            const ExpressionControls& controls) {
+    ExpressionEnvironment env = expressionEnvironment(frame);
+    env.variables = readExpressionVariables(variablesJson, controls);
     return env;
 }
 

@@ -460,9 +460,9 @@ std::shared_ptr<const FieldValue> resolveMapReference(const std::string& param,
             expression->min = map.min;
             expression->max = map.max;
             try {
-                expression->program =
-                    compile(reference.text, scene.environment,
-                            vector ? ExpressionType::Vector : ExpressionType::Number);
+                expression->program = compileMappedExpression(
+                    reference.text, vector ? ExpressionType::Vector : ExpressionType::Number,
+                    scene);
             } catch (const ExpressionError& e) {
                 throw GraphError(owner + ": " + e.what());
             }

@@ -2,8 +2,10 @@
 
 #include "base/hash.h"
 #include "expr/expression.h"
+#include "expr/program_cache.h"
 #include "fields/field_map.h"
 #include "graph/eval_context.h"
+#include "graph/uniform_value.h"
 #include "maps/texture.h"
 #include "mesh/scalp_mesh.h"
 #include "strands/strand_set.h"
@@ -84,7 +86,37 @@ std::shared_ptr<const FieldScene> makeFieldScene(const EvalContext& ctx,
     scene->environment = expressionEnvironment(ctx);
     scene->environment.resolveMap =
         catalogMapResolver(scene->scalp, scene->catalog, scene->catalogKey);
+    scene->environmentKey = fieldEnvironmentKey(ctx);
     return scene;
+}
+
+std::shared_ptr<const ExpressionProgram> compileMappedExpression(std::string_view source,
+                                                                 ExpressionType expected,
+                                                                 const FieldScene& scene) {
+    if (scene.environmentKey == 0) return compile(source, scene.environment, expected);
+    return compileCached(source, expected, scene.environmentKey, scene.environment.frame,
+                         [&scene] { return scene.environment; });
+}
+
+std::uint64_t fieldEnvironmentKey(const EvalContext& ctx) {
+    std::uint64_t h = 0x656e7669726f6eull;
+    for (const std::string_view name : {kScalpInput, kMapsInput}) {
+        const SceneInput* input = ctx.sceneInput(name);
+        h = hashCombine(h, input ? input->key : 0);
+    }
+    return h == 0 ? 1 : h;
+}
+
+ExpressionEnvironment expressionEnvironment(const EvalContext& ctx) {
+    return expressionEnvironment(ctx.time);
+}
+
+ExpressionEnvironment expressionEnvironment(const EvalContext& ctx,
+                                            std::string_view variablesJson) {
+    const ExpressionControls controls = [&ctx](std::string_view control) {
+        return controlValue(ctx, control);
+    };
+    return expressionEnvironment(ctx.time, variablesJson, controls);
 }
 
 }  // namespace velmorin

@@ -15,6 +15,8 @@
 namespace velmorin {
 
 struct StrandChanges;
+struct DeliveredParams;
+class RunScene;
 
 // A named scene value (the scalp, parts, maps...) with a stable key for result keys.
 struct SceneInput {
@@ -44,6 +46,12 @@ struct EvalContext {
     int resolution = 0;  // at 1 or above it stands for all nodes; below 1 each node gets its own
 
     NoteList* notes = nullptr;  // where the running node's warnings go; set by the graph
+    // What the running node's connected param inputs delivered (graph/delivered_params.h); set by
+    // the graph for the node's run, null otherwise.
+    const DeliveredParams* delivered = nullptr;
+    // What the running node's mapped params read besides its inputs, made by the registry's
+    // MappedParams (graph/run_scene.h); null where there is none.
+    std::shared_ptr<const RunScene> scene;
 
     // Adds a warning for the running node (no-op when there is no list).
     void note(std::string text) const {

@@ -45,7 +45,8 @@ bool feeds(const Graph& graph, std::uint32_t upstream, std::uint32_t id) {
 // Fits the controls of one graph's nodes, then of the graphs inside their definitions.
 class ControlFitter {
   public:
-    explicit ControlFitter(const std::set<std::string, std::less<>>& host) : host_(host) {}
+    ControlFitter(const std::set<std::string, std::less<>>& host, const OperatorRegistry& registry)
+        : host_(host), registry_(registry) {}
 
     void collect(const Json& graph) {
         forEachControlList(graph, [&](const Json&, const std::string&, const Json& names) {
@@ -185,13 +186,13 @@ class ControlFitter {
     const Operator* operatorOf(const std::string& type) {
         auto found = operators_.find(type);
         if (found != operators_.end()) return found->second.get();
-        const OperatorRegistry& registry = OperatorRegistry::instance();
         std::unique_ptr<Operator> op;
-        if (registry.contains(type)) op = registry.create(type);
+        if (registry_.contains(type)) op = registry_.create(type);
         return operators_.emplace(type, std::move(op)).first->second.get();
     }
 
     const std::set<std::string, std::less<>>& host_;
+    const OperatorRegistry& registry_;
     std::set<std::string, std::less<>> used_;
     std::map<std::string, std::string> renamed_;
     std::map<std::string, double> values_;
@@ -200,7 +201,7 @@ class ControlFitter {
 
 }  // namespace
 
-std::string defaultGraphJson() {
+std::string defaultGraphJson(const OperatorRegistry& registry) {
     struct DefaultNode {
         const char* name;
         const char* type;
@@ -225,7 +226,6 @@ std::string defaultGraphJson() {
         {"width", "resample", "strands"},     {"resample", "output", "strands"},
     };
 
-    const OperatorRegistry& registry = OperatorRegistry::instance();
     Json nodes = Json::array();
     for (const DefaultNode& entry : kNodes) {
         Json node = Json::object();
@@ -322,10 +322,11 @@ std::vector<std::string> seedCollisions(const Graph& graph) {
 }
 
 std::map<std::string, double> fitControls(Json& graphJson,
-                                          const std::set<std::string, std::less<>>& hostControls) {
+                                          const std::set<std::string, std::less<>>& hostControls,
+                                          const OperatorRegistry& registry) {
     if (!graphJson.is_object()) throw SchemaError("graph JSON must be an object");
     Json fitted = graphJson;
-    ControlFitter fitter(hostControls);
+    ControlFitter fitter(hostControls, registry);
     fitter.collect(fitted);
     fitter.fit(fitted);
     std::map<std::string, double> values = fitter.takeValues();

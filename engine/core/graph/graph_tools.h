@@ -22,8 +22,9 @@ inline constexpr int kGraphFormatVersion = 1;
 
 // The text of the graph a new groom starts from: Scalp and Guides, Scatter, Interpolate, Length,
 // Noise, HairColor, Width, Resample and Output in a chain. A node whose registered type is of a
-// version above 1 carries that version, so that a new groom never starts out of date.
-std::string defaultGraphJson();
+// version above 1 carries that version, so that a new groom never starts out of date. The versions
+// are those of `registry`.
+std::string defaultGraphJson(const OperatorRegistry& registry = OperatorRegistry::instance());
 
 // A report of the graph as JSON: "nodeCount", "connectionCount", "output" (a name or null) and
 // "nodes", one object per node in id order with "id", "name", "type", "nodeVersion" (the version
@@ -46,8 +47,10 @@ std::vector<std::string> seedCollisions(const Graph& graph);
 // (for a vector, one component per control; a switch gives 0 or 1). A control whose value can't be
 // told (an unknown type, a mapped value) is renamed but has no entry. The document is changed only
 // when the fit succeeds; throws SchemaError "graph JSON must be an object" for anything else.
-std::map<std::string, double> fitControls(nlohmann::ordered_json& graphJson,
-                                          const std::set<std::string, std::less<>>& hostControls);
+// Param defaults are those of `registry`'s operators.
+std::map<std::string, double> fitControls(
+    nlohmann::ordered_json& graphJson, const std::set<std::string, std::less<>>& hostControls,
+    const OperatorRegistry& registry = OperatorRegistry::instance());
 
 // Reads a param value by its JSON type, before coercion to the param's kind (paramValueJson writes
 // it): bool, integer, float, string, [x, y, z] as a vec3, {"keys": [[position, value], ...],

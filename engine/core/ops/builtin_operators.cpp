@@ -1,3 +1,4 @@
+#include "fields/mapped_params.h"
 #include "graph/registry.h"
 #include "ops/field_ops.h"
 
@@ -14,6 +15,8 @@ void registerBuiltinOperators(OperatorRegistry& registry) {
     registerFieldCombineOperator(registry);
     registerCurveOperator(registry);
     registerValueOperator(registry);
+    // What the operators' mapped params read, asked for by evaluation.
+    installFieldMappedParams(registry);
 }
 
 OperatorRegistry& OperatorRegistry::instance() {

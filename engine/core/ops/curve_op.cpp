@@ -1,6 +1,7 @@
 #include <algorithm>
 
 #include "base/key_segment.h"
+#include "graph/delivered_params.h"
 #include "graph/errors.h"
 #include "graph/registry.h"
 #include "ops/field_op_params.h"
@@ -58,8 +59,8 @@ class CurveOp final : public Operator {
                           "curve"),
                 makeParam("max", 1.0, "Output where the curve is 1")};
     }
-    Value evaluate(const EvalContext&, const std::vector<Value>&) const override {
-        Ramp ramp = paramSet.getRamp("curve", defaultCurve());
+    Value evaluate(const EvalContext& ctx, const std::vector<Value>&) const override {
+        Ramp ramp = paramRamp(paramSet, ctx, "curve", defaultCurve());
         if (paramSet.getBool("flip", false)) {
             for (RampKey& key : ramp.keys)
                 key.position = 1.0f - key.position;
