@@ -43,9 +43,10 @@ struct NodeRuntime {
     std::uint64_t lastUsed = 0;  // the graph's evaluation counter when a run last used it
     std::uint64_t stamp = 0;     // the process-wide serial of the run that made `results`
     std::uint64_t localKey = 0;  // the part of `key` that no upstream node enters
-    // The stamps of the upstream results that `results` was made from, one per input (0: none
-    // known), against which the inputs' changes are asked for.
-    std::vector<std::uint64_t> inputStamps;
+    // The stamps (not keys: the name is the one the rest of the system knows) of the upstream
+    // results that `results` was made from, one per input (0: none known), against which the
+    // inputs' changes are asked for.
+    std::vector<std::uint64_t> inputKeys;
     bool passedThrough = false;  // `results` is the first input's value
     // The change notes of the last run, one per output, for the nodes downstream.
     std::vector<std::shared_ptr<const StrandChanges>> changes;

@@ -96,7 +96,7 @@ struct NodeRun {
     // One per input: its value, its changes since the node last ran, and its result's stamp.
     std::vector<Value> inputs;
     std::vector<ChangesPointer> changes;
-    std::vector<std::uint64_t> inputStamps;
+    std::vector<std::uint64_t> inputKeys;
     std::chrono::steady_clock::time_point started;
 
     AffectState affect = AffectState::Full;
@@ -279,7 +279,7 @@ void Evaluation::install(std::uint32_t id, GraphNode& node, std::uint64_t key,
     runtime.localKey = localKeys_.at(id);
     // The adopted result was made from upstream results this graph may never have held: no stamp
     // of them is known, so a later incremental run here sees its inputs as wholly changed.
-    runtime.inputStamps.assign(node.inputs.size(), 0);
+    runtime.inputKeys.assign(node.inputs.size(), 0);
     runtime.passedThrough = false;
     runtime.changes.assign(results.size(), nullptr);
     if (!same) {
@@ -397,7 +397,7 @@ void Evaluation::gatherInputs(NodeRun& run) {
     const std::size_t count = node.inputs.size();
     run.inputs.assign(count, Value());
     run.changes.assign(count, nullptr);
-    run.inputStamps.assign(count, 0);
+    run.inputKeys.assign(count, 0);
     for (std::size_t i = 0; i < count; ++i) {
         const std::uint32_t source = node.inputs[i];
         if (source == 0) {
@@ -410,8 +410,8 @@ void Evaluation::gatherInputs(NodeRun& run) {
             release(source);
         }
         if (!detached_) {
-            run.inputStamps[i] = graph_.node(source).runtime.stamp;
-            const std::vector<std::uint64_t>& madeFrom = node.runtime.inputStamps;
+            run.inputKeys[i] = graph_.node(source).runtime.stamp;
+            const std::vector<std::uint64_t>& madeFrom = node.runtime.inputKeys;
             run.changes[i] =
                 changesSince(source, node.slots[i], i < madeFrom.size() ? madeFrom[i] : 0);
         }
@@ -609,7 +609,7 @@ std::vector<Value> Evaluation::record(NodeRun& run) {
     runtime.results = std::move(run.results);
     runtime.valid = true;
     runtime.localKey = localKeys_.at(run.id);
-    runtime.inputStamps = std::move(run.inputStamps);
+    runtime.inputKeys = std::move(run.inputKeys);
     runtime.passedThrough = run.passedThrough;
     runtime.changes = std::move(run.outChanges);
     if (!same) {

@@ -336,7 +336,7 @@ TEST_F(GraphTest, CloneMakesOperatorsAnewAndKeepsEveryResult) {
     node.runtime.lastUsed = 3;
     node.runtime.stamp = 99;
     node.runtime.localKey = 7;
-    node.runtime.inputStamps = {11, 12};
+    node.runtime.inputKeys = {11, 12};
     node.runtime.passedThrough = true;
     node.runtime.delivered.fields["amount"] = nullptr;
     node.runtime.delivered.curves["profile"] = std::make_shared<Ramp>();
@@ -383,7 +383,7 @@ TEST_F(GraphTest, CloneMakesOperatorsAnewAndKeepsEveryResult) {
     EXPECT_EQ(cloned.runtime.lastUsed, 3u);
     EXPECT_EQ(cloned.runtime.stamp, 99u);
     EXPECT_EQ(cloned.runtime.localKey, 7u);
-    EXPECT_EQ(cloned.runtime.inputStamps, node.runtime.inputStamps);
+    EXPECT_EQ(cloned.runtime.inputKeys, node.runtime.inputKeys);
     EXPECT_TRUE(cloned.runtime.passedThrough);
 
     EXPECT_EQ(copy->outputNode(), state);
