@@ -13,6 +13,8 @@
 #include "base/parallel.h"
 #include "fields/field_sampler.h"
 #include "fields/field_scene.h"
+#include "graph/delivered_params.h"
+#include "graph/eval_context.h"
 #include "graph/field_value.h"
 #include "graph/params.h"
 #include "io/png.h"
@@ -69,10 +71,16 @@ ParamSet amountParams(const ParamValue& value) {
     ParamSet params;
     params.declare({spec});
     params.set("amount", value);
+    return params;
+}
+
+// A run's context with the strip as its scene.
+EvalContext stripContext() {
     auto scene = std::make_shared<FieldScene>();
     scene->scalp = strip();
-    params.fieldScene = scene;
-    return params;
+    EvalContext ctx;
+    ctx.scene = std::move(scene);
+    return ctx;
 }
 
 void report(benchmark::State& state, std::size_t samples, std::size_t bytes) {
@@ -104,11 +112,14 @@ void BM_MappedParam(benchmark::State& state, int form) {
     const auto points = strands.points();
     ParamSet params = amountParams(
         form == 2 ? ParamValue(MapReference{MapSource::Texture, image(), "", -1, {}, {}}) : 0.5);
-    if (form == 1) params.fields["amount"] = std::make_shared<ConstantFieldValue>(0.5f);
+    EvalContext ctx = stripContext();
+    DeliveredParams delivered;
+    if (form == 1) delivered.fields["amount"] = std::make_shared<ConstantFieldValue>(0.5f);
+    ctx.delivered = &delivered;
     std::vector<float> out(strands.strandCount());
     for (auto _ : state) {
         runWithThreads(static_cast<int>(state.range(0)), [&] {
-            const FieldSampler amount = params.field("amount", strands);
+            const FieldSampler amount = fieldSampler(params, ctx, "amount", strands);
             if (!amount.isMapped()) {
                 const float value = amount.value();
                 parallelRange(0, out.size(), 256, [&](std::size_t begin, std::size_t end) {
@@ -135,10 +146,11 @@ void BM_ExpressionField(benchmark::State& state) {
     const auto offsets = strands.offsets();
     ParamSet params =
         amountParams(MapReference{MapSource::Expression, "t * 2 + rand", "", -1, {}, {}});
+    const EvalContext ctx = stripContext();
     std::vector<float> out(strands.pointCount());
     for (auto _ : state) {
         runWithThreads(static_cast<int>(state.range(0)), [&] {
-            const FieldSampler amount = params.field("amount", strands);
+            const FieldSampler amount = fieldSampler(params, ctx, "amount", strands);
             parallelRange(0, strands.strandCount(), 256, [&](std::size_t begin, std::size_t end) {
                 for (std::size_t s = begin; s < end; ++s)
                     for (std::uint64_t p = offsets[s]; p < offsets[s + 1]; ++p)

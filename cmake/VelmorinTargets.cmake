@@ -24,6 +24,14 @@ function(velmorin_test name)
     gtest_discover_tests(${name} DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT 300)
 endfunction()
 
+# velmorin_layer_test(name LAYER SOURCES...): a GoogleTest binary that links one engine layer (and
+# what is below it) instead of the whole engine, so that it fails to link if the layer reaches up.
+function(velmorin_layer_test name layer)
+    add_executable(${name} ${ARGN})
+    target_link_libraries(${name} PRIVATE velmorin_${layer} velmorin_warnings GTest::gtest GTest::gtest_main)
+    gtest_discover_tests(${name} DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT 300)
+endfunction()
+
 # velmorin_fuzzer(name SOURCE): a libFuzzer target linked with the core library.
 function(velmorin_fuzzer name source)
     add_executable(${name} ${source})

@@ -7,8 +7,8 @@
 #include <string>
 #include <string_view>
 
+#include "base/document.h"
 #include "editing/flow.h"
-#include "graph/errors.h"
 #include "mesh/sample_meshes.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {

@@ -13,8 +13,8 @@
 
 #include <nlohmann/json.hpp>
 
+#include "base/document.h"
 #include "editing/guide_hierarchy.h"
-#include "graph/errors.h"
 #include "mesh/sample_meshes.h"
 
 namespace {

@@ -6,8 +6,8 @@
 #include <string>
 #include <string_view>
 
+#include "base/document.h"
 #include "editing/parts.h"
-#include "graph/errors.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     using namespace velmorin;

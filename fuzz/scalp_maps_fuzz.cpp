@@ -6,7 +6,7 @@
 #include <string>
 #include <string_view>
 
-#include "graph/errors.h"
+#include "base/document.h"
 #include "maps/scalp_maps.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {

@@ -44,7 +44,8 @@ inline std::uint64_t doubleBits(double d) {
 
 // Combines each byte of a text into h.
 constexpr std::uint64_t hashBytes(std::uint64_t h, std::string_view text) {
-    for (unsigned char c : text) h = hashCombine(h, c);
+    for (unsigned char c : text)
+        h = hashCombine(h, c);
     return h;
 }
 

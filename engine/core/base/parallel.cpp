@@ -19,8 +19,8 @@ void applyThreadSetting() {
         const char* text = std::getenv("VELMORIN_THREADS");
         std::optional<int> count = text ? parseThreadCount(text) : std::nullopt;
         if (!count) return std::unique_ptr<tbb::global_control>();
-        return std::make_unique<tbb::global_control>(
-            tbb::global_control::max_allowed_parallelism, static_cast<std::size_t>(*count));
+        return std::make_unique<tbb::global_control>(tbb::global_control::max_allowed_parallelism,
+                                                     static_cast<std::size_t>(*count));
     }();
     (void)control;
 }

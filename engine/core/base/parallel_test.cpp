@@ -26,10 +26,12 @@ TEST(Parallel, EveryItemVisitedOnceInChunksOfAtMostTheGrain) {
                 std::size_t old = largest.load();
                 while (size > old && !largest.compare_exchange_weak(old, size)) {
                 }
-                for (std::size_t i = begin; i < end; ++i) seen[i]++;
+                for (std::size_t i = begin; i < end; ++i)
+                    seen[i]++;
             });
         });
-        for (std::size_t i = 0; i < seen.size(); ++i) ASSERT_EQ(seen[i].load(), i >= 3 ? 1 : 0);
+        for (std::size_t i = 0; i < seen.size(); ++i)
+            ASSERT_EQ(seen[i].load(), i >= 3 ? 1 : 0);
         EXPECT_LE(largest.load(), 256u);
     }
 }

@@ -23,14 +23,24 @@ struct Vec3f {
 };
 static_assert(sizeof(Vec3f) == 12);
 
-constexpr Vec3f operator*(float s, const Vec3f& v) { return v * s; }
-constexpr float dot(const Vec3f& a, const Vec3f& b) { return a.x * b.x + a.y * b.y + a.z * b.z; }
+constexpr Vec3f operator*(float s, const Vec3f& v) {
+    return v * s;
+}
+constexpr float dot(const Vec3f& a, const Vec3f& b) {
+    return a.x * b.x + a.y * b.y + a.z * b.z;
+}
 constexpr Vec3f cross(const Vec3f& a, const Vec3f& b) {
     return {a.y * b.z - a.z * b.y, a.z * b.x - a.x * b.z, a.x * b.y - a.y * b.x};
 }
-constexpr float lengthSquared(const Vec3f& v) { return dot(v, v); }
-inline float length(const Vec3f& v) { return std::sqrt(dot(v, v)); }
-constexpr Vec3f lerp(const Vec3f& a, const Vec3f& b, float t) { return a + (b - a) * t; }
+constexpr float lengthSquared(const Vec3f& v) {
+    return dot(v, v);
+}
+inline float length(const Vec3f& v) {
+    return std::sqrt(dot(v, v));
+}
+constexpr Vec3f lerp(const Vec3f& a, const Vec3f& b, float t) {
+    return a + (b - a) * t;
+}
 constexpr Vec3f minPerAxis(const Vec3f& a, const Vec3f& b) {
     return {a.x < b.x ? a.x : b.x, a.y < b.y ? a.y : b.y, a.z < b.z ? a.z : b.z};
 }

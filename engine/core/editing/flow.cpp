@@ -5,18 +5,21 @@
 #include <numbers>
 #include <stdexcept>
 
+#include "base/document.h"
 #include "base/hash.h"
 #include "base/parallel.h"
 #include "editing/surface_json.h"
-#include "graph/errors.h"
-#include "graph/graph_tools.h"
 
 namespace velmorin {
 namespace {
 
 using Json = nlohmann::ordered_json;
 
-constexpr int kFlowDataVersion = 1;
+constexpr DocumentFormat kFlowData{
+    .kind = "flow data",
+    .version = 1,
+    .invalidJson = "invalid flow data: ",
+    .notAnObject = "flow data: expected an object with pins and sinks"};
 constexpr int kNearestPins = 6;
 constexpr std::size_t kVertexGrain = 1024;
 constexpr std::size_t kRootGrain = 4096;
@@ -69,15 +72,9 @@ std::uint64_t FlowSet::contentHash() const {
 
 FlowSet FlowSet::fromJson(std::string_view text) {
     FlowSet set;
-    if (text.empty()) return set;
-    Json doc;
-    try {
-        doc = Json::parse(text);
-    } catch (const Json::exception& e) {
-        throw SchemaError(std::string("invalid flow data: ") + e.what());
-    }
-    if (!doc.is_object()) fail("expected an object with pins and sinks");
-    checkFormatVersion(doc, kFlowDataVersion, "flow data");
+    const std::optional<Json> opened = openDocument(text, kFlowData);
+    if (!opened) return set;
+    const Json& doc = *opened;
     auto wholeOrNone = [](const Json& json, const char* key, std::int32_t& out) {
         const auto found = json.find(key);
         if (found == json.end()) return true;
@@ -151,7 +148,7 @@ std::string FlowSet::toJson() const {
         }
         doc["sinks"] = std::move(sinkList);
     }
-    doc["version"] = kFlowDataVersion;
+    doc["version"] = kFlowData.version;
     return doc.dump();
 }
 

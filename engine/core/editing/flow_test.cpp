@@ -5,22 +5,18 @@
 
 #include <gtest/gtest.h>
 
+#include "base/document.h"
 #include "base/hash.h"
 #include "base/parallel.h"
 #include "base/test/expect_message.h"
-#include "graph/errors.h"
+#include "editing/test/guide_checks.h"
 #include "mesh/sample_meshes.h"
 
 namespace velmorin {
 namespace {
 
 using test::expectMessage;
-
-void expectNear(const Vec3f& a, const Vec3f& b, float tolerance = 1e-5f) {
-    EXPECT_NEAR(a.x, b.x, tolerance);
-    EXPECT_NEAR(a.y, b.y, tolerance);
-    EXPECT_NEAR(a.z, b.z, tolerance);
-}
+using test::expectNear;
 
 // A flat scalp facing +Y, 10 wide, around the origin.
 const ScalpMesh& plane() {
@@ -208,6 +204,7 @@ TEST(FlowData, ReadsAndWritesPinsAndSinks) {
         {R"({"sinks":[{"face":[1,0,0],"radius":1}]})",
          "flow data: sink 1 needs an \"angle\" in degrees"},
         {R"({"sinks":[{"face":[1,0,0],"angle":1}]})", "flow data: sink 1 needs a \"radius\""},
+        // The format's name in the shared version words.
         {R"({"version":2})",
          "flow data is of version 2, newer than this Velmorin reads: update Velmorin"},
     };

@@ -6,6 +6,7 @@
 
 #include "base/hash.h"
 #include "editing/guide_curves.h"
+#include "editing/test/guide_checks.h"
 #include "editing/test/guide_fixtures.h"
 #include "mesh/scalp_mesh.h"
 
@@ -13,20 +14,10 @@ namespace velmorin {
 namespace {
 
 using test::curve;
+using test::expectNear;
+using test::messageOf;
 
 constexpr Vec3f kUp{0, 1, 0};
-
-void expectNear(const Vec3f& a, const Vec3f& b, float tolerance = 1e-5f) {
-    EXPECT_NEAR(a.x, b.x, tolerance);
-    EXPECT_NEAR(a.y, b.y, tolerance);
-    EXPECT_NEAR(a.z, b.z, tolerance);
-}
-
-void expectNear(const std::vector<Vec3f>& a, const std::vector<Vec3f>& b, float tolerance = 1e-5f) {
-    ASSERT_EQ(a.size(), b.size());
-    for (std::size_t i = 0; i < a.size(); ++i)
-        expectNear(a[i], b[i], tolerance);
-}
 
 std::vector<Vec3f> moved(std::vector<Vec3f> points, const Vec3f& by) {
     for (Vec3f& p : points)
@@ -56,15 +47,6 @@ struct Family {
         d = h.addChildGuide(tips, c, curve({1.1f, 0, 0.1f}, kUp, 2, 5));
     }
 };
-
-std::string messageOf(const std::function<void()>& call) {
-    try {
-        call();
-    } catch (const std::invalid_argument& error) {
-        return error.what();
-    }
-    return "no error";
-}
 
 TEST(GuideCurves, AxisRuleTransportAndResampling) {
     const struct {

@@ -2,6 +2,7 @@
 
 #include "base/parallel.h"
 #include "editing/guide_hierarchy.h"
+#include "editing/test/guide_checks.h"
 #include "editing/test/guide_fixtures.h"
 #include "mesh/sample_meshes.h"
 
@@ -9,12 +10,7 @@ namespace velmorin {
 namespace {
 
 using test::curve;
-
-void expectNear(const Vec3f& a, const Vec3f& b, float tolerance = 1e-5f) {
-    EXPECT_NEAR(a.x, b.x, tolerance);
-    EXPECT_NEAR(a.y, b.y, tolerance);
-    EXPECT_NEAR(a.z, b.z, tolerance);
-}
+using test::expectNear;
 
 // The sphere with its points pushed out along x and bent up with their height: the same topology
 // on another surface.

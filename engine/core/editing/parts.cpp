@@ -5,17 +5,21 @@
 #include <numeric>
 #include <stdexcept>
 
+#include "base/document.h"
 #include "editing/point_tree.h"
 #include "editing/surface_json.h"
-#include "graph/errors.h"
-#include "graph/graph_tools.h"
 
 namespace velmorin {
 namespace {
 
 using Json = nlohmann::ordered_json;
 
-constexpr int kPartDataVersion = 1;
+constexpr DocumentFormat kPartData{
+    .kind = "part data",
+    .version = 1,
+    .invalidJson = "invalid part data: ",
+    .notAnObject = "part data: expected an object with parts",
+    .newerVersion = "part data version is newer than this Velmorin supports"};
 
 [[noreturn]] void fail(const std::string& text) {
     throw SchemaError("part data: " + text);
@@ -238,20 +242,9 @@ std::size_t PartSet::autoParts(const ScalpMesh& scalp, const GuideSet& guides,
 
 PartSet PartSet::fromJson(std::string_view text) {
     PartSet set;
-    if (text.empty()) return set;
-    Json doc;
-    try {
-        doc = Json::parse(text);
-    } catch (const Json::exception& e) {
-        throw SchemaError(std::string("invalid part data: ") + e.what());
-    }
-    if (!doc.is_object()) fail("expected an object with parts");
-    if (const auto version = doc.find("version"); version != doc.end()) {
-        if (isWholeVersion(*version) && version->get<double>() > kPartDataVersion) {
-            throw SchemaError("part data version is newer than this Velmorin supports");
-        }
-        checkFormatVersion(doc, kPartDataVersion, "part data");
-    }
+    const std::optional<Json> opened = openDocument(text, kPartData);
+    if (!opened) return set;
+    const Json& doc = *opened;
     const auto parts = doc.find("parts");
     if (parts == doc.end()) return set;
     if (!parts->is_array()) fail("\"parts\" is not a list of parts");
@@ -298,7 +291,7 @@ std::string PartSet::toJson() const {
     }
     Json doc = Json::object();
     doc["parts"] = std::move(list);
-    doc["version"] = kPartDataVersion;
+    doc["version"] = kPartData.version;
     return doc.dump();
 }
 

@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include "editing/test/guide_checks.h"
+
 #include <cmath>
 #include <limits>
 
@@ -9,18 +11,10 @@ namespace velmorin {
 namespace {
 
 using Json = nlohmann::ordered_json;
+using test::messageOf;
 
 std::vector<TubePoint> square(float low, float high) {
     return {{low, low}, {high, low}, {high, high}, {low, high}};
-}
-
-std::string messageOf(const std::function<void()>& call) {
-    try {
-        call();
-    } catch (const std::invalid_argument& error) {
-        return error.what();
-    }
-    return "no error";
 }
 
 TEST(TubeShapes, NamesAreCheckedInOrder) {

@@ -4,6 +4,7 @@
 #include "expr/binding.h"
 
 #include <cstring>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -14,8 +15,6 @@
 #include "base/parallel.h"
 #include "expr/function_table.h"
 #include "expr/test/expression_fixture.h"
-#include "graph/eval_context.h"
-#include "graph/uniform_value.h"
 #include "strands/test/test_strands.h"
 
 namespace velmorin {
@@ -201,17 +200,15 @@ TEST(ExpressionEnvironment, VariablesFromJson) {
     }
 }
 
-TEST(ExpressionEnvironment, TheContextGivesFrameTimeAndControls) {
-    SceneInputs scene;
-    auto control = std::make_shared<UniformValue>();
-    control->value = 0.25;
-    scene["control:ctl_gain"] = SceneInput{Value(control), 1};
-    EvalContext ctx;
-    ctx.time = 48.0;
-    ctx.sceneInputs = &scene;
+TEST(ExpressionEnvironment, TheFrameGivesTimeAndControlsSetVariables) {
+    const ExpressionControls controls = [](std::string_view name) -> std::optional<double> {
+        if (name == "ctl_gain") return 0.25;
+        return std::nullopt;
+    };
     const ExpressionEnvironment env = expressionEnvironment(
-        ctx,
-        R"({"gain": {"value": 2, "control": "ctl_gain"}, "other": {"value": 3, "control": "x"}})");
+        48.0,
+        R"({"gain": {"value": 2, "control": "ctl_gain"}, "other": {"value": 3, "control": "x"}})",
+        controls);
     EXPECT_EQ(env.frame, 48.0);
     EXPECT_EQ(env.time, 2.0);
     EXPECT_FALSE(env.resolveMap);

@@ -6,8 +6,6 @@
 
 #include "expr/expression.h"
 #include "expr/program.h"
-#include "graph/eval_context.h"
-#include "graph/uniform_value.h"
 
 namespace velmorin {
 
@@ -44,29 +42,10 @@ bool isVectorJson(const nlohmann::ordered_json& value) {
     return true;
 }
 
-// The number a control's scene input holds, if it holds one.
-bool controlValue(const EvalContext* ctx, const std::string& control, double& value) {
-    if (!ctx || control.empty()) return false;
-    const SceneInput* input = ctx->sceneInput("control:" + control);
-    if (!input) return false;
-    const auto uniform = input->value.get<UniformValue>();
-    if (!uniform) return false;
-    if (const auto* d = std::get_if<double>(&uniform->value)) {
-        value = *d;
-    } else if (const auto* i = std::get_if<std::int64_t>(&uniform->value)) {
-        value = static_cast<double>(*i);
-    } else if (const auto* b = std::get_if<bool>(&uniform->value)) {
-        value = *b ? 1.0 : 0.0;
-    } else {
-        return false;
-    }
-    return true;
-}
-
 }  // namespace
 
 std::vector<ExpressionVariable> readExpressionVariables(std::string_view json,
-                                                        const EvalContext* ctx) {
+                                                        const ExpressionControls& controls) {
     const std::string kNotAnObject = "variables are a JSON object of numbers and vectors";
     if (json.find_first_not_of(" \t\r\n") == std::string_view::npos) return {};
     nlohmann::ordered_json doc;
@@ -103,7 +82,9 @@ std::vector<ExpressionVariable> readExpressionVariables(std::string_view json,
         }
         if (held->is_number()) {
             double number = held->get<double>();
-            controlValue(ctx, v.control, number);
+            if (controls && !v.control.empty()) {
+                if (const std::optional<double> set = controls(v.control)) number = *set;
+            }
             v.value.x = narrowToFloat(number);
         } else if (isVectorJson(*held)) {
             v.isVector = true;
@@ -118,17 +99,17 @@ std::vector<ExpressionVariable> readExpressionVariables(std::string_view json,
     return variables;
 }
 
-ExpressionEnvironment expressionEnvironment(const EvalContext& ctx) {
+ExpressionEnvironment expressionEnvironment(double frame) {
     ExpressionEnvironment env;
-    env.frame = ctx.time;
-    env.time = ctx.time / kExpressionFramesPerSecond;
+    env.frame = frame;
+    env.time = frame / kExpressionFramesPerSecond;
     return env;
 }
 
-ExpressionEnvironment expressionEnvironment(const EvalContext& ctx,
-                                            std::string_view variablesJson) {
-    ExpressionEnvironment env = expressionEnvironment(ctx);
-    env.variables = readExpressionVariables(variablesJson, &ctx);
+ExpressionEnvironment expressionEnvironment(double frame, std::string_view variablesJson,
+                                            const ExpressionControls& controls) {
+    ExpressionEnvironment env = expressionEnvironment(frame);
+    env.variables = readExpressionVariables(variablesJson, controls);
     return env;
 }
 

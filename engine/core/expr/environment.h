@@ -5,6 +5,7 @@
 #include <array>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <span>
 #include <string>
 #include <string_view>
@@ -15,7 +16,6 @@
 namespace velmorin {
 
 class StrandSet;
-struct EvalContext;
 
 // A map as an expression reads it: a color at each strand's root. Whoever resolves map names
 // (the mapped params) implements it; the expression code only samples it when it binds.
@@ -57,20 +57,25 @@ struct ExpressionEnvironment {
 // The frames per second that turn the evaluation's frame into $time.
 inline constexpr double kExpressionFramesPerSecond = 24.0;
 
-// The environment of an evaluation: its frame (the context's time), the time in seconds at
-// kExpressionFramesPerSecond, no maps, no variables.
-ExpressionEnvironment expressionEnvironment(const EvalContext& ctx);
+// The number the host's control of that name holds, or nothing where it holds none.
+using ExpressionControls = std::function<std::optional<double>(std::string_view control)>;
+
+// The environment of an evaluation at `frame`: the frame, the time in seconds at
+// kExpressionFramesPerSecond, no maps, no variables. (The graph's evaluation context gives one
+// through expressionEnvironment(EvalContext), with the mapped params.)
+ExpressionEnvironment expressionEnvironment(double frame);
 // The same with the node's own variables read from their JSON text (see
-// readExpressionVariables); keyed ones take the value of their control from the context.
-ExpressionEnvironment expressionEnvironment(const EvalContext& ctx, std::string_view variablesJson);
+// readExpressionVariables); keyed ones take the value of their control from `controls`.
+ExpressionEnvironment expressionEnvironment(double frame, std::string_view variablesJson,
+                                            const ExpressionControls& controls);
 
 // Reads the node's own variables: a JSON object of numbers ({"amount": 0.5}), vectors of three
 // ({"center": [0, 1, 0]}) and keyable numbers ({"value": 0.5, "control": "name"}, optionally
-// with "unit": length, width, density or perLength). Where `ctx` has a scene input named
-// "control:" + control holding a number, that number is the variable's value. Empty text reads
-// as no variables. Throws ExpressionError with the words the Expression node shows.
+// with "unit": length, width, density or perLength). Where `controls` gives a number for a
+// variable's control, that number is the variable's value. Empty text reads as no variables.
+// Throws ExpressionError with the words the Expression node shows.
 std::vector<ExpressionVariable> readExpressionVariables(std::string_view json,
-                                                        const EvalContext* ctx = nullptr);
+                                                        const ExpressionControls& controls = {});
 
 // The help text of the variables param.
 extern const char* const kExpressionVariablesHelp;

@@ -6,7 +6,7 @@
 // lock. Locals are inlined where they are read and ifs become selections, so the code has no
 // stores and lowers directly to the GPU's form.
 //
-//     ExpressionEnvironment env = expressionEnvironment(ctx, variablesJson);
+//     ExpressionEnvironment env = expressionEnvironment(frame, variablesJson, controls);
 //     auto program = compile("rand * 2 + $length / $longest", env, ExpressionType::Number);
 //     ExpressionBinding binding = bind(program, strands);
 //     evaluateExpression(binding, perStrandValues, ExpressionLevel::Strand);

@@ -5,6 +5,7 @@
 #include <cmath>
 
 #include "base/hash.h"
+#include "base/key_segment.h"
 #include "expr/noise.h"
 
 namespace velmorin {
@@ -579,18 +580,13 @@ void callVectorFunction(FunctionId id, const float* a, int, std::span<const Expr
 
 Vec3f ExpressionCurve::at(float t) const {
     if (keys.empty()) return {1.0f, 1.0f, 1.0f};
-    // As a Ramp: the last value from the last key on (checked first, so keys sharing the last
-    // position give the upper one), the first before the first.
-    if (t >= keys.back().position) return keys.back().value;
-    if (!(t >= keys.front().position)) return keys.front().value;
-    std::size_t upper = 1;
-    while (upper + 1 < keys.size() && keys[upper].position <= t)
-        ++upper;
-    const Key& k0 = keys[upper - 1];
-    const Key& k1 = keys[upper];
+    // Found as a Ramp finds its segment.
+    const KeySegment segment = findKeySegment(keys, t);
+    if (segment.isSingleKey()) return keys[segment.lower].value;
+    const Key& k0 = keys[segment.lower];
+    const Key& k1 = keys[segment.upper];
     const float span = k1.position - k0.position;
-    if (span <= 0.0f) return k1.value;
-    const float f = (t - k0.position) / span;
+    const float f = segment.fraction;
     switch (k0.interpolation) {
         case 0:
             return k0.value;

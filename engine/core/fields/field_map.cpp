@@ -286,6 +286,25 @@ float nearestGuideValue(const FieldMap& map, const Vec3f& position) {
 
 }  // namespace
 
+const ScalpMap* useCatalogMap(FieldMap& map, const std::shared_ptr<const MapCatalogValue>& catalog,
+                              std::uint64_t catalogKey, std::string_view name) {
+    const ScalpMap* painted = catalog ? catalog->maps.find(name) : nullptr;
+    if (!painted) return nullptr;
+    const std::uint64_t named = hashText(0, name);
+    map.catalog = catalog;
+    if (painted->kind == MapKind::Texture) {
+        map.kind = FieldMapKind::Texture;
+        map.name = painted->texture;
+        map.sourceKey = hashText(named, painted->texture);
+    } else {
+        map.kind = FieldMapKind::Vertices;
+        map.name = std::string(name);
+        map.vertexMap = painted;
+        map.sourceKey = hashCombine(named, catalogKey);
+    }
+    return painted;
+}
+
 int componentIndex(std::string_view component) {
     if (component == "r") return 0;
     if (component == "g") return 1;
@@ -419,23 +438,10 @@ std::shared_ptr<const FieldValue> resolveMapReference(const std::string& param,
         case MapSource::Texture: {
             map.kind = FieldMapKind::Texture;
             map.sourceKey = hashText(0, reference.text);
-            const ScalpMap* painted =
-                scene.catalog ? scene.catalog->maps.find(reference.text) : nullptr;
-            if (painted && painted->kind == MapKind::Vertices) {
-                map.kind = FieldMapKind::Vertices;
-                map.catalog = scene.catalog;
-                map.vertexMap = painted;
-                std::uint64_t h = hashCombine(map.sourceKey, painted->values.size());
-                for (const float v : painted->values)
-                    h = hashCombine(h, floatBits(v));
-                map.sourceKey = h;
-            } else if (painted) {
-                if (painted->texture.empty())
-                    throw GraphError(owner + ": the texture map '" + reference.text +
-                                     "' has no image file yet (paint it in Groom Tools > Paint)");
-                map.name = painted->texture;
-                map.sourceKey = hashText(map.sourceKey, painted->texture);
-            }
+            if (useCatalogMap(map, scene.catalog, scene.catalogKey, reference.text) &&
+                map.kind == FieldMapKind::Texture && map.name.empty())
+                throw GraphError(owner + ": the texture map '" + reference.text +
+                                 "' has no image file yet (paint it in Groom Tools > Paint)");
             break;
         }
         case MapSource::ColorSet:
@@ -454,9 +460,9 @@ std::shared_ptr<const FieldValue> resolveMapReference(const std::string& param,
             expression->min = map.min;
             expression->max = map.max;
             try {
-                expression->program =
-                    compile(reference.text, scene.environment,
-                            vector ? ExpressionType::Vector : ExpressionType::Number);
+                expression->program = compileMappedExpression(
+                    reference.text, vector ? ExpressionType::Vector : ExpressionType::Number,
+                    scene);
             } catch (const ExpressionError& e) {
                 throw GraphError(owner + ": " + e.what());
             }

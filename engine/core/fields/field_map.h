@@ -121,6 +121,16 @@ class MapColorFieldValue final : public MapFieldValue {
     Vec3f colorAtPoint(std::size_t strand, std::size_t point) const override;
 };
 
+// Makes `map` read the painted map `name` of the catalog, when the catalog holds one, and returns
+// it; null, leaving `map` as it was, when it holds none. A texture map reads its image file (kind
+// Texture, `name` the file's path, empty while none was painted), a vertex map its values in the
+// catalog. The source key is the name with the image's path, or for a vertex map with
+// `catalogKey` (the catalog's scene-input key, which changes whenever a painted value does), so
+// that no run hashes a map's values. The faults (no image file, a vertex map that does not fit
+// the scalp) are the caller's to word.
+const ScalpMap* useCatalogMap(FieldMap& map, const std::shared_ptr<const MapCatalogValue>& catalog,
+                              std::uint64_t catalogKey, std::string_view name);
+
 // Turns a param's map reference into a field bound to `strands` (null before strands exist), in
 // this order of sources: texture, colour set, attribute, guide layer, expression. Throws
 // GraphError with the param's name for what can't be read. A vector param takes only an

@@ -3,22 +3,29 @@
 #include "fields/field_map.h"
 #include "fields/field_scene.h"
 #include "fields/field_values.h"
+#include "graph/delivered_params.h"
+#include "graph/eval_context.h"
 #include "graph/params.h"
 
 namespace velmorin {
 namespace {
 
-const FieldScene& sceneOf(const ParamSet& params) {
+// The run's scene, or an empty one where the graph made none.
+const FieldScene& sceneOf(const EvalContext& ctx) {
     static const FieldScene kNoScene;
-    return params.fieldScene ? *params.fieldScene : kNoScene;
+    const auto* scene = dynamic_cast<const FieldScene*>(ctx.scene.get());
+    return scene ? *scene : kNoScene;
 }
 
 // A param's field in the order of precedence: a field delivered to its input, then a map it
 // holds, else its plain number.
-FieldSampler resolveField(const ParamSet& params, std::string_view name, const StrandSet* strands) {
-    const FieldScene& scene = sceneOf(params);
-    if (const auto found = params.fields.find(name); found != params.fields.end() && found->second)
-        return FieldSampler(preparedField(found->second, strands, scene));
+FieldSampler resolveField(const ParamSet& params, const EvalContext& ctx, std::string_view name,
+                          const StrandSet* strands) {
+    const FieldScene& scene = sceneOf(ctx);
+    if (ctx.delivered) {
+        if (auto delivered = ctx.delivered->sharedField(name))
+            return FieldSampler(preparedField(delivered, strands, scene));
+    }
     if (params.has(name)) {
         const ParamValue& value = params.checked(name);
         if (const MapReference* reference = std::get_if<MapReference>(&value))
@@ -42,12 +49,14 @@ FieldSampler::FieldSampler(std::shared_ptr<const FieldValue> field) {
     }
 }
 
-FieldSampler ParamSet::field(std::string_view name, const StrandSet& strands) const {
-    return resolveField(*this, name, &strands);
+FieldSampler fieldSampler(const ParamSet& params, const EvalContext& ctx, std::string_view name,
+                          const StrandSet& strands) {
+    return resolveField(params, ctx, name, &strands);
 }
 
-FieldSampler ParamSet::fieldAtRoots(std::string_view name) const {
-    return resolveField(*this, name, nullptr);
+FieldSampler fieldSamplerAtRoots(const ParamSet& params, const EvalContext& ctx,
+                                 std::string_view name) {
+    return resolveField(params, ctx, name, nullptr);
 }
 
 }  // namespace velmorin

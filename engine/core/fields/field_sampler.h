@@ -1,18 +1,22 @@
 #pragma once
-// What an operator samples a mappable param through: `params.field(name, strands)` at the start of
-// a run, then, outside the strand loop, `isMapped()` once. A plain param gives its number by
-// value(); a mapped one its values by strand, point or root location. Sampling never throws and
-// never allocates, and any number of threads may sample one sampler.
+// What an operator samples a mappable param through: `fieldSampler(paramSet, ctx, name, strands)`
+// at the start of a run, then, outside the strand loop, `isMapped()` once. A plain param gives its
+// number by value(); a mapped one its values by strand, point or root location. Sampling never
+// throws and never allocates, and any number of threads may sample one sampler.
 //
-//     const FieldSampler length = params.field("length", strands);
+//     const FieldSampler length = fieldSampler(paramSet, ctx, "length", strands);
 //     if (!length.isMapped()) { const float l = length.value(); ... }
 //     else { ... length.atPoint(s, k) ... }
 
 #include <memory>
+#include <string_view>
 
 #include "graph/field_value.h"
 
 namespace velmorin {
+
+class ParamSet;
+struct EvalContext;
 
 class FieldSampler {
   public:
@@ -47,5 +51,15 @@ class FieldSampler {
     Vec3f plainVector_;
     std::shared_ptr<const FieldValue> field_;
 };
+
+// The sampler of a mappable param for a run on `strands`: the field its input delivered in this
+// run (ctx.delivered), else the map the param holds, resolved against the run's scene (ctx.scene)
+// and the strands, else its plain number. Throws GraphError naming the param when a map can't be
+// read.
+FieldSampler fieldSampler(const ParamSet& params, const EvalContext& ctx, std::string_view name,
+                          const StrandSet& strands);
+// The same before strands exist, sampled with at(location).
+FieldSampler fieldSamplerAtRoots(const ParamSet& params, const EvalContext& ctx,
+                                 std::string_view name);
 
 }  // namespace velmorin

@@ -2,8 +2,10 @@
 
 #include "base/hash.h"
 #include "expr/expression.h"
+#include "expr/program_cache.h"
 #include "fields/field_map.h"
 #include "graph/eval_context.h"
+#include "graph/uniform_value.h"
 #include "maps/texture.h"
 #include "mesh/scalp_mesh.h"
 #include "strands/strand_set.h"
@@ -44,21 +46,20 @@ std::uint64_t MapCatalogValue::key() const {
 }
 
 ExpressionMapResolver catalogMapResolver(std::shared_ptr<const ScalpMesh> scalp,
-                                         std::shared_ptr<const MapCatalogValue> catalog) {
-    return [scalp, catalog](std::string_view name) -> std::shared_ptr<const ExpressionMapSource> {
-        const ScalpMap* painted = catalog ? catalog->maps.find(name) : nullptr;
+                                         std::shared_ptr<const MapCatalogValue> catalog,
+                                         std::uint64_t catalogKey) {
+    return [scalp, catalog,
+            catalogKey](std::string_view name) -> std::shared_ptr<const ExpressionMapSource> {
+        auto map = std::make_shared<FieldMap>();
+        map->scalp = scalp;
+        const ScalpMap* painted = useCatalogMap(*map, catalog, catalogKey, name);
         if (!painted) return nullptr;
         const std::string quoted = "map(\"" + std::string(name) + "\"): ";
-        auto map = std::make_shared<FieldMap>();
-        map->name = std::string(name);
-        map->scalp = scalp;
-        map->catalog = catalog;
-        if (painted->kind == MapKind::Texture) {
-            if (painted->texture.empty())
+        if (map->kind == FieldMapKind::Texture) {
+            if (map->name.empty())
                 throw ExpressionError(quoted + "the texture map has no image file yet");
-            map->kind = FieldMapKind::Texture;
             try {
-                map->texture = Texture::load(painted->texture);
+                map->texture = Texture::load(map->name);
             } catch (const TextureError& e) {
                 throw ExpressionError(quoted + e.what());
             }
@@ -67,8 +68,6 @@ ExpressionMapResolver catalogMapResolver(std::shared_ptr<const ScalpMesh> scalp,
         } else {
             if (!scalp || painted->vertexCount() != scalp->pointCount())
                 throw ExpressionError(quoted + "the vertex map does not fit this scalp");
-            map->kind = FieldMapKind::Vertices;
-            map->vertexMap = painted;
         }
         return std::make_shared<CatalogMapSource>(std::move(map));
     };
@@ -79,12 +78,45 @@ std::shared_ptr<const FieldScene> makeFieldScene(const EvalContext& ctx,
     auto scene = std::make_shared<FieldScene>();
     if (const SceneInput* input = ctx.sceneInput(kScalpInput))
         scene->scalp = input->value.get<ScalpMesh>();
-    if (const SceneInput* input = ctx.sceneInput(kMapsInput))
+    if (const SceneInput* input = ctx.sceneInput(kMapsInput)) {
         scene->catalog = input->value.get<MapCatalogValue>();
+        scene->catalogKey = input->key;
+    }
     scene->guides = std::move(guides);
     scene->environment = expressionEnvironment(ctx);
-    scene->environment.resolveMap = catalogMapResolver(scene->scalp, scene->catalog);
+    scene->environment.resolveMap =
+        catalogMapResolver(scene->scalp, scene->catalog, scene->catalogKey);
+    scene->environmentKey = fieldEnvironmentKey(ctx);
     return scene;
+}
+
+std::shared_ptr<const ExpressionProgram> compileMappedExpression(std::string_view source,
+                                                                 ExpressionType expected,
+                                                                 const FieldScene& scene) {
+    if (scene.environmentKey == 0) return compile(source, scene.environment, expected);
+    return compileCached(source, expected, scene.environmentKey, scene.environment.frame,
+                         [&scene] { return scene.environment; });
+}
+
+std::uint64_t fieldEnvironmentKey(const EvalContext& ctx) {
+    std::uint64_t h = 0x656e7669726f6eull;
+    for (const std::string_view name : {kScalpInput, kMapsInput}) {
+        const SceneInput* input = ctx.sceneInput(name);
+        h = hashCombine(h, input ? input->key : 0);
+    }
+    return h == 0 ? 1 : h;
+}
+
+ExpressionEnvironment expressionEnvironment(const EvalContext& ctx) {
+    return expressionEnvironment(ctx.time);
+}
+
+ExpressionEnvironment expressionEnvironment(const EvalContext& ctx,
+                                            std::string_view variablesJson) {
+    const ExpressionControls controls = [&ctx](std::string_view control) {
+        return controlValue(ctx, control);
+    };
+    return expressionEnvironment(ctx.time, variablesJson, controls);
 }
 
 }  // namespace velmorin

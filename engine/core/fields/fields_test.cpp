@@ -7,6 +7,8 @@
 
 #include "base/parallel.h"
 #include "expr/noise.h"
+#include "expr/program_cache.h"
+#include "fields/field_map.h"
 #include "fields/field_sampler.h"
 #include "fields/field_scene.h"
 #include "graph/errors.h"
@@ -43,15 +45,15 @@ class ProbeOp final : public Operator {
         ramp.keys = {{0, 0, 1}, {1, 1, 1}};
         return {amount, tint, spacing, mode, test::param("profile", ramp)};
     }
-    Value evaluate(const EvalContext&, const std::vector<Value>& inputs) const override {
+    Value evaluate(const EvalContext& ctx, const std::vector<Value>& inputs) const override {
         const auto strands = inputs[0].get<StrandSet>();
         auto out = std::make_shared<StrandSet>(*strands);
-        const FieldSampler amount = paramSet.field("amount", *strands);
-        const FieldSampler tint = paramSet.field("tint", *strands);
+        const FieldSampler amount = fieldSampler(paramSet, ctx, "amount", *strands);
+        const FieldSampler tint = fieldSampler(paramSet, ctx, "tint", *strands);
         std::vector<float>& tintY = out->addStrandChannel("tintY", 0.0f);
         for (std::size_t s = 0; s < tintY.size(); ++s)
             tintY[s] = tint.vectorAtStrand(s).y;
-        paramSet.field("spacing", *strands);
+        fieldSampler(paramSet, ctx, "spacing", *strands);
         std::vector<float>& perStrand = out->addStrandChannel("amount", 0.0f);
         std::vector<float>& perPoint = out->addPointChannel("amountAt", 0.0f);
         const auto offsets = strands->offsets();
@@ -62,7 +64,7 @@ class ProbeOp final : public Operator {
                     perPoint[p] = amount.atPoint(s, p - offsets[s]);
             }
         });
-        out->addStrandChannel("profile", rampAt(paramSet.getRamp("profile", {}), 0.25f));
+        out->addStrandChannel("profile", rampAt(paramRamp(paramSet, ctx, "profile", {}), 0.25f));
         out->addStrandChannel("hard", paramSet.getString("mode", "") == "hard" ? 1.0f : 0.0f);
         return out;
     }
@@ -311,6 +313,105 @@ TEST(MappedParams, ResultsFollowTheFrameAndTheGroomsMaps) {
     EXPECT_FLOAT_EQ(first(), 3.0f);
 }
 
+// Map nodes, mapped params and expressions find a painted map by name through one lookup, keyed
+// without reading the map's values: a vertex map by the catalog's key, a texture by its image.
+TEST(MappedParams, APaintedMapIsFoundByNameAndKeyedCheaply) {
+    const std::shared_ptr<const MapCatalogValue> maps = catalog("head.png");
+    const auto found = [&](std::string_view name, std::uint64_t catalogKey) {
+        FieldMap map;
+        map.name = "before";
+        map.sourceKey = 7;
+        const ScalpMap* painted = useCatalogMap(map, maps, catalogKey, name);
+        EXPECT_EQ(painted, maps->maps.find(name)) << name;
+        return map;
+    };
+    const FieldMap weight = found("weight", 1);
+    EXPECT_EQ(weight.kind, FieldMapKind::Vertices);
+    EXPECT_EQ(weight.name, "weight");
+    EXPECT_EQ(weight.vertexMap, maps->maps.find("weight"));
+    EXPECT_EQ(weight.catalog, maps);
+    EXPECT_EQ(found("weight", 1).sourceKey, weight.sourceKey);
+    EXPECT_NE(found("weight", 2).sourceKey, weight.sourceKey);
+
+    const FieldMap painted = found("painted", 1);
+    EXPECT_EQ(painted.kind, FieldMapKind::Texture);
+    EXPECT_EQ(painted.name, "head.png");
+    EXPECT_EQ(found("painted", 2).sourceKey, painted.sourceKey);  // the image keys it
+    EXPECT_NE(found("unsaved", 1).sourceKey, painted.sourceKey);
+    EXPECT_EQ(found("unsaved", 1).name, "");
+
+    // A name the catalog doesn't hold (a guide layer, an image path) leaves the map alone.
+    for (const char* other : {"density", "head.png", ""}) {
+        const FieldMap map = found(other, 1);
+        EXPECT_EQ(map.name, "before") << other;
+        EXPECT_EQ(map.sourceKey, 7u) << other;
+        EXPECT_EQ(map.catalog, nullptr) << other;
+    }
+    FieldMap none;
+    EXPECT_EQ(useCatalogMap(none, nullptr, 1, "weight"), nullptr);
+}
+
+TEST(MappedParams, TheFrameEntersTheKeyOnlyWhereTheProgramReadsIt) {
+    registerProbe();
+    // Text that names the frame and the time without reading them, and text that reads them.
+    const struct {
+        const char* expression;
+        bool timed;
+    } cases[] = {
+        {"$mass # neither frame nor time is read here", false},
+        {"$mass + frame", true},
+        {"$mass * time", true},
+        {"$mass * 2 // the time of day", false},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.expression);
+        Scene scene;
+        Graph graph;
+        graph.fromJson(std::string(R"({"nodes": [{"name": "groom", "type": "EvalScene"},
+            {"name": "probe", "type": "FieldsProbe", "params": {"amount": {"expression": ")") +
+                       c.expression + R"("}}}],
+            "connections": [{"from": "groom", "to": "probe", "input": "strands"}],
+            "output": "probe"})");
+        const std::uint32_t probe = graph.nodeId("probe");
+        graph.evaluateOutput(scene.ctx);
+        const std::uint64_t key = graph.node(probe).runtime.key;
+        scene.ctx.time = 7;
+        const std::uint64_t compiles = expressionCacheCompiles();
+        graph.evaluateOutput(scene.ctx);
+        EXPECT_EQ(graph.node(probe).runtime.key != key, c.timed);
+        // A program that reads the frame compiles once for the new frame (for the key, and the run
+        // takes it from the cache); one that doesn't is not compiled again.
+        EXPECT_EQ(expressionCacheCompiles() - compiles, c.timed ? 1u : 0u);
+    }
+}
+
+TEST(MappedParams, AnExpressionCompilesOnceForRunsOnTheSameScene) {
+    registerProbe();
+    Scene scene;
+    Graph graph;
+    graph.fromJson(R"x({"nodes": [{"name": "groom", "type": "EvalScene"},
+        {"name": "probe", "type": "FieldsProbe",
+         "params": {"amount": {"expression": "$mass * 3 + map(\"weight\")"}}}],
+        "connections": [{"from": "groom", "to": "probe", "input": "strands"}],
+        "output": "probe"})x");
+    const std::uint32_t probe = graph.nodeId("probe");
+    const auto amounts = column(*test::strandsOf(graph.evaluateOutput(scene.ctx)), "amount");
+    const std::uint64_t compiles = expressionCacheCompiles();
+    // Another setting of the node runs it again on the same scene: the program is the cached one.
+    for (const char* mode : {"hard", "soft", "hard"}) {
+        graph.operatorOf(probe).paramSet.set("mode", std::string(mode));
+        const auto again = column(*test::strandsOf(graph.evaluateOutput(scene.ctx)), "amount");
+        EXPECT_EQ(again, amounts);
+    }
+    EXPECT_EQ(expressionCacheCompiles(), compiles);
+    // Maps under a new key compile it anew, with the map as it is now.
+    auto maps = catalog(scene.image);
+    maps->maps.maps["weight"].values = {1, 1, 1, 1};
+    scene.inputs["maps"] = {Value(std::shared_ptr<const MapCatalogValue>(maps)), 9};
+    EXPECT_FLOAT_EQ(column(*test::strandsOf(graph.evaluateOutput(scene.ctx)), "amount")[0], 4.0f);
+    EXPECT_EQ(expressionCacheCompiles(), compiles + 1);
+}
+
 TEST(MappedParams, AGuideLayerBeforeStrandsReadsTheNearestGuide) {
     ParamSet params;
     ParamSpec amount;
@@ -322,10 +423,11 @@ TEST(MappedParams, AGuideLayerBeforeStrandsReadsTheNearestGuide) {
 
     auto scene = std::make_shared<FieldScene>();
     scene->scalp = squareScalp();
-    params.fieldScene = scene;
+    EvalContext ctx;
+    ctx.scene = scene;
     const auto message = [&] {
         try {
-            params.fieldAtRoots("amount");
+            fieldSamplerAtRoots(params, ctx, "amount");
         } catch (const GraphError& e) {
             return std::string(e.what());
         }
@@ -347,10 +449,38 @@ TEST(MappedParams, AGuideLayerBeforeStrandsReadsTheNearestGuide) {
     guides->guides = {bare};
     EXPECT_EQ(message(), "param 'amount': no guide carries the layer 'layer'");
     guides->guides = {near, far, bare};
-    const FieldSampler sampler = params.fieldAtRoots("amount");
+    const FieldSampler sampler = fieldSamplerAtRoots(params, ctx, "amount");
     ASSERT_TRUE(sampler.isMapped());
     EXPECT_FLOAT_EQ(sampler.at({{0, 0.2f, 0.2f}, {0.2f, 0, 0.2f}}), 0.5f);
     EXPECT_FLOAT_EQ(sampler.at({{1, 0.5f, 0.25f}, {0.8f, 0, 0.8f}}), 1.5f);
+}
+
+TEST(MappedParams, TheContextGivesExpressionsTheirFrameTimeAndControls) {
+    SceneInputs inputs;
+    const auto number = [](decltype(UniformValue::value) value) {
+        auto uniform = std::make_shared<UniformValue>();
+        uniform->value = value;
+        return Value(std::shared_ptr<const UniformValue>(uniform));
+    };
+    inputs["control:gain"] = {number(0.25), 1};
+    inputs["control:whole"] = {number(std::int64_t{4}), 2};
+    inputs["control:on"] = {number(true), 3};
+    inputs["control:text"] = {number(std::string("x")), 4};
+    EvalContext ctx;
+    ctx.time = 48.0;
+    ctx.sceneInputs = &inputs;
+    const ExpressionEnvironment env = expressionEnvironment(
+        ctx, R"({"gain": {"value": 2, "control": "gain"}, "whole": {"value": 0, "control": "whole"},
+                 "on": {"value": 0, "control": "on"}, "text": {"value": 3, "control": "text"},
+                 "other": {"value": 5, "control": "missing"}})");
+    EXPECT_EQ(env.frame, 48.0);
+    EXPECT_EQ(env.time, 2.0);
+    EXPECT_FALSE(env.resolveMap);
+    EXPECT_EQ(env.variable("gain")->value.x, 0.25f);
+    EXPECT_EQ(env.variable("whole")->value.x, 4.0f);
+    EXPECT_EQ(env.variable("on")->value.x, 1.0f);
+    EXPECT_EQ(env.variable("text")->value.x, 3.0f);   // not a number: the value holds
+    EXPECT_EQ(env.variable("other")->value.x, 5.0f);  // no such control: the value holds
 }
 
 TEST(FieldNodes, EachNodeFeedsAParamWithTheHandComputedValues) {

@@ -35,7 +35,8 @@ void DetachedEvaluation::run() {
             // Continue from where the earlier run left its clone: its results come in as
             // adopted ones, taken over wherever this run computes the same key.
             for (const auto& [id, node] : previous_->clone_->nodes()) {
-                if (node.valid) clone_->adopted.emplace(node.key, node.results);
+                if (node.runtime.valid)
+                    clone_->adopted.emplace(node.runtime.key, node.runtime.results);
             }
             counters_ = previous_->counters_;
             previous_.reset();
@@ -69,12 +70,12 @@ std::size_t DetachedEvaluation::adoptInto(Graph& graph) {
     wait();
     std::size_t handed = 0;
     for (const auto& [id, node] : clone_->nodes()) {
-        if (!node.valid) continue;
+        if (!node.runtime.valid) continue;
         if (graph.hasNode(id)) {
             const GraphNode& original = graph.node(id);
-            if (original.valid && original.key == node.key) continue;
+            if (original.runtime.valid && original.runtime.key == node.runtime.key) continue;
         }
-        graph.adopted[node.key] = node.results;
+        graph.adopted[node.runtime.key] = node.runtime.results;
         ++handed;
     }
     return handed;

@@ -4,18 +4,14 @@
 #include <stdexcept>
 #include <string>
 
+#include "base/document.h"  // SchemaError, which graph JSON throws too
+
 namespace velmorin {
 
 // What stops a node, and every broken rule of graph editing.
 class GraphError : public std::runtime_error {
   public:
     using std::runtime_error::runtime_error;
-};
-
-// The loader's error when a document's structure is wrong.
-class SchemaError : public GraphError {
-  public:
-    using GraphError::GraphError;
 };
 
 }  // namespace velmorin

@@ -5,6 +5,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <span>
 #include <string>
 #include <vector>
@@ -14,6 +15,8 @@
 namespace velmorin {
 
 struct StrandChanges;
+struct DeliveredParams;
+class RunScene;
 
 // A named scene value (the scalp, parts, maps...) with a stable key for result keys.
 struct SceneInput {
@@ -48,6 +51,12 @@ struct EvalContext {
     int resolution = 0;
 
     NoteList* notes = nullptr;  // where the running node's warnings go; set by the graph
+    // What the running node's connected param inputs delivered (graph/delivered_params.h); set by
+    // the graph for the node's run, null otherwise.
+    const DeliveredParams* delivered = nullptr;
+    // What the running node's mapped params read besides its inputs, made by the registry's
+    // MappedParams (graph/run_scene.h); null where there is none.
+    std::shared_ptr<const RunScene> scene;
 
     // Adds a warning for the running node (no-op when there is no list).
     void note(std::string text) const {
@@ -55,6 +64,15 @@ struct EvalContext {
     }
     const SceneInput* sceneInput(std::string_view name) const;
 };
+
+// The scene input that carries the host's control of this name: "control:" + name.
+std::string controlInputName(std::string_view control);
+
+// The number a host's control holds in this evaluation, read the same way by keyed params, the
+// Control node and expression variables: a number, a whole number or a switch (1 or 0) held as a
+// uniform value, or a field's value at its first strand. Nothing where the context has no such
+// control or it holds anything else (a vector, text).
+std::optional<double> controlValue(const EvalContext& ctx, std::string_view control);
 
 // What an incremental run builds on: the node's last result and the changes of its inputs.
 struct IncrementalInputs {

@@ -25,7 +25,7 @@ struct HeldArray {
 std::vector<const void*> arraysOf(const GraphNode& node,
                                   std::unordered_map<const void*, HeldArray>& arrays) {
     std::vector<const void*> held;
-    for (const Value& value : node.results) {
+    for (const Value& value : node.runtime.results) {
         auto strands = value.get<StrandSet>();
         if (!strands) continue;
         strands->forEachColumn([&](const void* pointer, std::size_t bytes) {
@@ -73,8 +73,8 @@ void Graph::evictResults(std::uint32_t keep) {
     std::unordered_map<const void*, HeldArray> arrays;
     std::vector<Candidate> candidates;
     for (auto& [id, node] : nodes_) {
-        if (!node.valid) continue;
-        candidates.push_back({id, node.lastUsed, arraysOf(node, arrays)});
+        if (!node.runtime.valid) continue;
+        candidates.push_back({id, node.runtime.lastUsed, arraysOf(node, arrays)});
     }
     std::uint64_t total = 0;
     for (const auto& entry : arrays)
@@ -96,11 +96,11 @@ void Graph::evictResults(std::uint32_t keep) {
         for (const void* pointer : candidate.arrays)
             --arrays[pointer].holders;
         GraphNode& node = nodes_.at(candidate.id);
-        node.valid = false;
-        node.results.clear();
-        node.changes.clear();
-        node.previewSources.clear();
-        node.previewCopies.clear();
+        node.runtime.valid = false;
+        node.runtime.results.clear();
+        node.runtime.changes.clear();
+        node.runtime.previewSources.clear();
+        node.runtime.previewCopies.clear();
         ++cacheEvictions;
         total -= freeable;
         if (total <= cacheLimit) break;

@@ -35,8 +35,8 @@ TEST(Eviction, FreesWhatANodeAloneHoldsOldestFirstButNeverTheNodeEvaluated) {
     const auto [grow, lift] = liftChain(chain, {{"EvalGrow", "grow"}, {"EvalLift", "lift"}});
     chain.cacheLimit = 1;
     chain.evaluate(lift, {});
-    EXPECT_FALSE(chain.node(grow).valid);
-    EXPECT_TRUE(chain.node(lift).valid);
+    EXPECT_FALSE(chain.node(grow).runtime.valid);
+    EXPECT_TRUE(chain.node(lift).runtime.valid);
     EXPECT_EQ(chain.cacheEvictions, 1u);
 
     // Two branches of 1000 strands of 4 points. A grow holds ids, roots, offsets and widths
@@ -54,11 +54,11 @@ TEST(Eviction, FreesWhatANodeAloneHoldsOldestFirstButNeverTheNodeEvaluated) {
         graph.evaluate(liftB, {});
         graph.cacheLimit = limit;
         graph.evaluate(liftB, {});  // branch A was used longest ago
-        EXPECT_FALSE(graph.node(growA).valid);
+        EXPECT_FALSE(graph.node(growA).runtime.valid);
         // Once growA is gone, liftA alone holds the shared columns too, and frees them all.
-        EXPECT_EQ(graph.node(liftA).valid, limit == total - points);
-        EXPECT_TRUE(graph.node(growB).valid);
-        EXPECT_TRUE(graph.node(liftB).valid);
+        EXPECT_EQ(graph.node(liftA).runtime.valid, limit == total - points);
+        EXPECT_TRUE(graph.node(growB).runtime.valid);
+        EXPECT_TRUE(graph.node(liftB).runtime.valid);
         EXPECT_EQ(graph.cacheEvictions, limit == total - points ? 1u : 2u);
     }
 }
@@ -70,8 +70,8 @@ TEST(Eviction, SkipsNodesWhoseArraysAreAllShared) {
     graph.cacheLimit = 1;
     graph.evaluate(lift, {});
     // grow and choose hold the very same set: dropping either would free nothing.
-    EXPECT_TRUE(graph.node(grow).valid);
-    EXPECT_TRUE(graph.node(choose).valid);
+    EXPECT_TRUE(graph.node(grow).runtime.valid);
+    EXPECT_TRUE(graph.node(choose).runtime.valid);
     EXPECT_EQ(graph.cacheEvictions, 0u);
 }
 
@@ -82,7 +82,7 @@ TEST(Eviction, ZeroKeepsEverythingAndAnEvictedNodeRunsAgain) {
     chain.cacheLimit = 0;
     chain.evaluate(liftB, {});
     for (std::uint32_t id : chain.nodeIds())
-        EXPECT_TRUE(chain.node(id).valid);
+        EXPECT_TRUE(chain.node(id).runtime.valid);
     chain.evictResults(liftB);
     EXPECT_EQ(chain.cacheEvictions, 0u);
 
@@ -90,7 +90,7 @@ TEST(Eviction, ZeroKeepsEverythingAndAnEvictedNodeRunsAgain) {
     chain.evictResults(liftB);
     EXPECT_EQ(chain.cacheEvictions, 2u);
     EXPECT_TRUE(chain.cachedResults(grow).empty());
-    EXPECT_FALSE(chain.node(liftA).valid);
+    EXPECT_FALSE(chain.node(liftA).runtime.valid);
     chain.operatorOf(liftB).paramSet.set("amount", 1.0);
     chain.evaluate(liftB, {});
     EXPECT_EQ(test::operatorAs<test::GrowOp>(chain, grow).fullRuns, 2);

@@ -62,7 +62,8 @@ EvaluationMode parseEvaluationMode(std::string_view name) {
 }
 
 // The cache limit is what VELMORIN_CACHE_LIMIT_MB asks for, read once per process.
-Graph::Graph() : cacheLimit(cacheLimitFromEnvironment()) {}
+Graph::Graph(const OperatorRegistry& registry)
+    : cacheLimit(cacheLimitFromEnvironment()), registry_(&registry) {}
 Graph::~Graph() = default;
 Graph::Graph(Graph&&) noexcept = default;
 Graph& Graph::operator=(Graph&&) noexcept = default;
@@ -89,7 +90,7 @@ std::uint32_t Graph::addNode(std::string_view type, const std::string& name) {
     // Check the name before making the operator, so that the message names the real fault.
     if (name.empty()) throw GraphError("addNode: a node needs a name");
     if (names_.contains(name)) throw GraphError("a node named '" + name + "' already exists");
-    return addNode(OperatorRegistry::instance().create(type), name);
+    return addNode(registry_->create(type), name);
 }
 
 void Graph::removeNode(std::uint32_t id) {
@@ -304,11 +305,10 @@ void Graph::setOutput(std::uint32_t id) {
 }
 
 std::unique_ptr<Graph> Graph::clone() const {
-    auto copy = std::make_unique<Graph>();
-    const OperatorRegistry& registry = OperatorRegistry::instance();
+    auto copy = std::make_unique<Graph>(*registry_);
     for (const auto& [id, from] : nodes_) {
         GraphNode node;
-        node.op = registry.recreate(*from.op);
+        node.op = registry_->recreate(*from.op);
         node.inputs = from.inputs;
         node.slots = from.slots;
         node.paramInputs = from.paramInputs;
@@ -317,15 +317,11 @@ std::unique_ptr<Graph> Graph::clone() const {
         node.bypass = from.bypass;
         node.evaluation = from.evaluation;
         node.ui = from.ui;
-        node.key = from.key;
-        node.valid = from.valid;
-        node.results = from.results;
-        node.lastUsed = from.lastUsed;
-        node.stamp = from.stamp;
-        node.localKey = from.localKey;
-        node.inputKeys = from.inputKeys;
-        node.passedThrough = from.passedThrough;
-        node.changes = from.changes;
+        node.runtime = from.runtime;
+        // Deliveries and preview copies are made anew by the clone's own evaluations.
+        node.runtime.delivered = {};
+        node.runtime.previewSources.clear();
+        node.runtime.previewCopies.clear();
         copy->nodes_.emplace(id, std::move(node));
     }
     copy->names_ = names_;

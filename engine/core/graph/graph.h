@@ -1,8 +1,9 @@
 #pragma once
 // Graph: the document that defines a groom. Named nodes, each with an operator, the connections
-// between them, and the node named as output; plus each node's latest result and what evaluation
-// needs to reuse it. Editing operations check every rule and throw GraphError before they change
-// anything. One thread at a time edits or evaluates a graph.
+// between them, and the node named as output; beside each node's document, its evaluation state
+// (NodeRuntime): the latest result and what evaluation needs to reuse it. Editing operations check
+// every rule and throw GraphError before they change anything. One thread at a time edits or
+// evaluates a graph.
 
 #include <atomic>
 #include <cstdint>
@@ -16,9 +17,11 @@
 
 #include <nlohmann/json.hpp>
 
+#include "graph/delivered_params.h"
 #include "graph/errors.h"
 #include "graph/eval_context.h"
 #include "graph/operator.h"
+#include "graph/registry.h"
 #include "graph/value.h"
 
 namespace velmorin {
@@ -30,6 +33,35 @@ std::string_view evaluationModeName(EvaluationMode mode);
 // Throws GraphError "unknown evaluation 'x' (always, viewportOnly or renderOnly)".
 EvaluationMode parseEvaluationMode(std::string_view name);
 
+// What evaluation keeps of a node beside its document: the latest result and what reusing it,
+// updating it incrementally and finishing its preview need, and what its param inputs delivered.
+// Never saved, never part of an edit; a clone keeps the results and drops the deliveries.
+struct NodeRuntime {
+    std::uint64_t key = 0;  // the key of `results`
+    bool valid = false;     // a result is stored
+    std::vector<Value> results;
+    std::uint64_t lastUsed = 0;  // the graph's evaluation counter when a run last used it
+    std::uint64_t stamp = 0;     // the process-wide serial of the run that made `results`
+    std::uint64_t localKey = 0;  // the part of `key` that no upstream node enters
+    // The stamps (not keys: the name is the one the rest of the system knows) of the upstream
+    // results that `results` was made from, one per input (0: none known), against which the
+    // inputs' changes are asked for.
+    std::vector<std::uint64_t> inputKeys;
+    bool passedThrough = false;  // `results` is the first input's value
+    // The change notes of the last run, one per output, for the nodes downstream.
+    std::vector<std::shared_ptr<const StrandChanges>> changes;
+    // The results handed out without their preview marks, and the sets they were made from: a
+    // later evaluation hands out the same copies while the marked sets stay the same.
+    std::vector<Value> previewSources;
+    std::vector<Value> previewCopies;
+    // The fields and ramps that connected param inputs delivered, handed to the operator's runs.
+    DeliveredParams delivered;
+    // What its mapped params read in its latest run (made by the registry's MappedParams).
+    std::shared_ptr<const RunScene> scene;
+};
+
+// One node of the document: its operator with the params the user set, its connections, names and
+// switches; and, apart from those, its evaluation state.
 struct GraphNode {
     std::unique_ptr<Operator> op;
     std::vector<std::uint32_t> inputs;  // source per input (ports, then param inputs); 0 = none
@@ -41,26 +73,15 @@ struct GraphNode {
     EvaluationMode evaluation = EvaluationMode::Always;
     nlohmann::ordered_json ui;  // kept and written, never read by the engine
 
-    // Evaluation state.
-    std::uint64_t key = 0;
-    bool valid = false;
-    std::vector<Value> results;
-    std::uint64_t lastUsed = 0;
-    std::uint64_t stamp = 0;
-    std::uint64_t localKey = 0;
-    std::vector<std::uint64_t> inputKeys;
-    bool passedThrough = false;
-    // The change notes of the last run, one per output, for the nodes downstream.
-    std::vector<std::shared_ptr<const StrandChanges>> changes;
-    // The results handed out without their preview marks, and the sets they were made from: a
-    // later evaluation hands out the same copies while the marked sets stay the same.
-    std::vector<Value> previewSources;
-    std::vector<Value> previewCopies;
+    NodeRuntime runtime;
 };
 
 class Graph {
   public:
-    Graph();
+    // An empty graph whose nodes are made through `registry`, which must outlive it. The default,
+    // the process-wide registry with every built-in operator, is named here so that it is reached
+    // from the caller's layer, never from the graph's.
+    explicit Graph(const OperatorRegistry& registry = OperatorRegistry::instance());
     ~Graph();
     Graph(const Graph&) = delete;  // a graph owns its operators: copy with clone()
     Graph& operator=(const Graph&) = delete;
@@ -88,13 +109,15 @@ class Graph {
     void setEvaluation(std::uint32_t id, EvaluationMode mode);
     void setOutput(std::uint32_t id);
     std::uint32_t outputNode() const { return outputNode_; }
+    // The registry this graph makes its operators through.
+    const OperatorRegistry& registry() const { return *registry_; }
 
     // Node ids in ascending order.
     std::vector<std::uint32_t> nodeIds() const;
     const std::map<std::uint32_t, GraphNode>& nodes() const { return nodes_; }
 
     // A new graph with operators made anew through the registry, params, saved versions, names and
-    // every stored result kept; fields and curves delivered to params are cleared.
+    // every stored result kept; what param inputs delivered is not carried.
     std::unique_ptr<Graph> clone() const;
 
     // Graph JSON. fromJson is all or nothing: on failure it throws and this graph stands as it was.
@@ -141,6 +164,7 @@ class Graph {
     std::uint64_t cacheEvictions = 0;
 
   private:
+    const OperatorRegistry* registry_;
     std::map<std::uint32_t, GraphNode> nodes_;
     std::map<std::string, std::uint32_t, std::less<>> names_;
     std::uint32_t nextId_ = 1;

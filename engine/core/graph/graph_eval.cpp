@@ -1,24 +1,19 @@
-// Graph evaluation: result keys, reuse of stored results, incremental runs and their check, the
-// affect mix, evaluation without the cache, and the preview finish step. A node whose key equals
-// its stored key costs one hash; a node whose inputs changed in few strands updates only those.
+// Graph evaluation: reuse of stored results, incremental runs, the affect mix, evaluation without
+// the cache, and the preview finish step. A node whose key equals its stored key costs one hash; a
+// node whose inputs changed in few strands updates only those. Keys, the incremental check and the
+// delivery of param inputs live in files of their own beside this one.
 
 #include <algorithm>
 #include <atomic>
 #include <chrono>
-#include <cstring>
-#include <optional>
 #include <string>
 #include <unordered_map>
 #include <unordered_set>
 #include <vector>
 
-#include "base/hash.h"
-#include "base/parallel.h"
-#include "fields/field_scene.h"
 #include "graph/affect.h"
+#include "graph/eval_internal.h"
 #include "graph/field_value.h"
-#include "graph/graph.h"
-#include "graph/registry.h"
 #include "graph/uniform_value.h"
 #include "strands/guide.h"
 #include "strands/guide_conversion.h"
@@ -26,6 +21,9 @@
 #include "strands/strand_set.h"
 
 namespace velmorin {
+
+using namespace evaluation;
+
 namespace {
 
 std::atomic<bool> gIncrementalEvaluation{true};
@@ -39,10 +37,6 @@ std::atomic<std::uint64_t> gStampCounter{0};
 std::uint64_t nextStamp() {
     return gStampCounter.fetch_add(1, std::memory_order_relaxed) + 1;
 }
-
-using KeyTable = std::unordered_map<std::uint32_t, std::uint64_t>;
-using ResolutionTable = std::map<std::uint32_t, Graph::Resolution>;
-using ChangesPointer = std::shared_ptr<const StrandChanges>;
 
 std::string unknownNode(std::uint32_t id) {
     return "unknown node " + std::to_string(id);
@@ -59,154 +53,11 @@ const ChangesPointer& noChanges() {
     return none;
 }
 
-// Silent nodes don't run in this evaluation: bypassed, or of the other evaluation mode.
-bool isSilent(const GraphNode& node, bool viewport) {
-    if (node.bypass) return true;
-    if (node.evaluation == EvaluationMode::ViewportOnly) return !viewport;
-    if (node.evaluation == EvaluationMode::RenderOnly) return viewport;
-    return false;
-}
-
-std::size_t portInputCount(const GraphNode& node) {
-    return node.inputs.size() - node.paramInputs.size();
-}
-
-// Whether a silent node hands its first input on: it has one, of its output's type, connected.
-bool passesThrough(const GraphNode& node) {
-    if (portInputCount(node) == 0 || node.inputs[0] == 0) return false;
-    const std::vector<PortSpec> ports = node.op->inputs();
-    const std::vector<PortSpec> outputs = node.op->outputs();
-    return !ports.empty() && !outputs.empty() && ports[0].type == outputs[0].type;
-}
-
-EvalContext nodeContext(const EvalContext& root, const ResolutionTable* resolutions,
-                        std::uint32_t id) {
-    EvalContext ctx = root;
-    if (resolutions) {
-        const auto found = resolutions->find(id);
-        ctx.resolution = found == resolutions->end() ? 0 : found->second.segments;
-    }
-    return ctx;
-}
-
-// Keyed params take their values from the host's controls, which reach the graph as scene inputs
-// named "control:" + the control's name; their keys stand for the values at this frame.
-std::uint64_t keyedParamsKey(const GraphNode& node, const EvalContext& ctx) {
-    std::uint64_t h = 0;
-    for (const auto& [param, controls] : node.paramControls) {
-        h = hashText(h, param);
-        for (const std::string& control : controls) {
-            h = hashText(h, control);
-            const SceneInput* input = ctx.sceneInput("control:" + control);
-            h = hashCombine(h, input ? input->key : 0);
-        }
-    }
-    return h;
-}
-
-// Params that hold maps read the scalp and the catalog of maps, and an expression that may read
-// the frame reads the time: those enter the key of the node that holds them.
-std::uint64_t mappedParamsKey(const Operator& op, const EvalContext& ctx) {
-    bool mapped = false, timed = false;
-    for (const auto& [name, value] : op.paramSet.values) {
-        const MapReference* map = std::get_if<MapReference>(&value);
-        if (!map) continue;
-        mapped = true;
-        if (map->source == MapSource::Expression && (map->text.find("frame") != std::string::npos ||
-                                                     map->text.find("time") != std::string::npos))
-            timed = true;
-    }
-    if (!mapped) return 0;
-    std::uint64_t h = 0x6d6170706564ull;
-    for (const std::string_view name : {kScalpInput, kMapsInput}) {
-        const SceneInput* input = ctx.sceneInput(name);
-        h = hashCombine(h, input ? input->key : 0);
-    }
-    if (timed) h = hashCombine(h, doubleBits(ctx.time));
-    return h;
-}
-
-struct KeyBuilder {
-    const Graph& graph;
-    const EvalContext& root;
-    const ResolutionTable* resolutions;  // null when root.resolution stands for every node
-    KeyTable& keys;
-    KeyTable& localKeys;
-
-    std::uint64_t key(std::uint32_t id) {
-        if (const auto found = keys.find(id); found != keys.end()) return found->second;
-        const GraphNode& node = graph.node(id);
-        const Operator& op = *node.op;
-        std::uint64_t h = 0;
-        if (root.previewDensity != 1.0) h = mix64(doubleBits(root.previewDensity));
-
-        // A silent node that hands its input on is keyed by that input alone: its params, version
-        // and the rest can change without anything downstream running again.
-        if (isSilent(node, root.viewport) && passesThrough(node)) {
-            const std::uint64_t slot = node.slots[0];
-            localKeys[id] = hashCombine(h, slot + 199);
-            std::uint64_t passed = hashCombine(h, key(node.inputs[0]));
-            if (slot != 0) passed = hashCombine(passed, slot + 199);
-            keys[id] = passed;
-            return passed;
-        }
-
-        const EvalContext ctx = nodeContext(root, resolutions, id);
-        h = hashCombine(h, op.paramSet.hash());
-        // A node read from an older file may behave as that version did. 0 is a node made here.
-        if (op.savedVersion != 0 && op.savedVersion != op.version())
-            h = hashCombine(h, static_cast<std::uint64_t>(op.savedVersion) + 0x7E5000);
-        h = hashCombine(h, op.contentKey());
-        h = hashCombine(h, op.contextKey(ctx, id, root));
-        h = hashCombine(h, keyedParamsKey(node, ctx));
-        h = hashCombine(h, mappedParamsKey(op, root));
-        for (const std::string& name : op.sceneInputs()) {
-            h = hashText(h, name);
-            const SceneInput* input = root.sceneInput(name);
-            h = hashCombine(h, input ? op.sceneInputKey(name, *input) : 0);
-        }
-
-        std::uint64_t local = hashCombine(h, node.inputs.size());
-        for (std::size_t i = 0; i < node.inputs.size(); ++i)
-            local = hashCombine(local, node.inputs[i] ? node.slots[i] + 199 + kGolden : kGolden);
-        localKeys[id] = local;
-
-        std::uint64_t full = local;
-        for (std::size_t i = 0; i < node.inputs.size(); ++i) {
-            if (node.inputs[i] == 0) {
-                full = hashCombine(full, 0);
-                continue;
-            }
-            full = hashCombine(full, key(node.inputs[i]));
-            if (node.slots[i] != 0) full = hashCombine(full, node.slots[i] + 199);
-        }
-        keys[id] = full;
-        return full;
-    }
-};
-
 bool sameValues(const std::vector<Value>& a, const std::vector<Value>& b) {
     if (a.size() != b.size()) return false;
     for (std::size_t i = 0; i < a.size(); ++i)
         if (!(a[i] == b[i])) return false;
     return true;
-}
-
-template <class T>
-bool sameArray(std::span<const T> a, std::span<const T> b) {
-    if (a.size() != b.size()) return false;
-    if (a.data() == b.data() || a.empty()) return true;
-    return std::memcmp(a.data(), b.data(), a.size_bytes()) == 0;
-}
-
-// Strand and point counts, IDs, offsets, roots and channel names, as StrandChanges::sameLayout
-// means it. Shared columns compare by pointer, so a derived set costs nothing here.
-bool sameLayout(const StrandSet& a, const StrandSet& b) {
-    if (&a == &b) return true;
-    return a.strandCount() == b.strandCount() && a.pointCount() == b.pointCount() &&
-           sameArray(a.ids(), b.ids()) && sameArray(a.offsets(), b.offsets()) &&
-           sameArray(a.roots(), b.roots()) && a.strandChannelNames() == b.strandChannelNames() &&
-           a.pointChannelNames() == b.pointChannelNames();
 }
 
 ChangesPointer withLayout(const ChangesPointer& changes, bool same) {
@@ -215,13 +66,6 @@ ChangesPointer withLayout(const ChangesPointer& changes, bool same) {
         changes ? std::make_shared<StrandChanges>(*changes) : std::make_shared<StrandChanges>();
     updated->sameLayout = same;
     return updated;
-}
-
-std::string wrongCount(const Operator& op, std::size_t made, std::size_t outputs,
-                       bool incremental) {
-    return op.type() + " made " + std::to_string(made) +
-           (incremental ? " values incrementally for " : " values for ") + std::to_string(outputs) +
-           " outputs";
 }
 
 std::string joinLines(const std::vector<std::string>& lines) {
@@ -233,197 +77,49 @@ std::string joinLines(const std::vector<std::string>& lines) {
     return text;
 }
 
-Value constantField(const UniformValue& uniform) {
-    switch (uniform.kind) {
-        case ValueKind::Bool:
-            if (const bool* on = std::get_if<bool>(&uniform.value))
-                return std::make_shared<ConstantFieldValue>(*on ? 1.0f : 0.0f);
-            break;
-        case ValueKind::Integer:
-            if (const std::int64_t* whole = std::get_if<std::int64_t>(&uniform.value))
-                return std::make_shared<ConstantFieldValue>(static_cast<float>(*whole));
-            break;
-        case ValueKind::Number:
-            if (const double* number = std::get_if<double>(&uniform.value))
-                return std::make_shared<ConstantFieldValue>(static_cast<float>(*number));
-            break;
-        case ValueKind::Vec3:
-            if (const Vec3f* color = std::get_if<Vec3f>(&uniform.value))
-                return std::make_shared<ConstantColorField>(*color);
-            break;
-        default:
-            break;
-    }
-    return {};
-}
+// One node's run within an evaluation: what its phases hand each other.
+struct NodeRun {
+    NodeRun(std::uint32_t nodeId, GraphNode& graphNode)
+        : id(nodeId), node(graphNode), op(*graphNode.op) {}
 
-// Delivers what a param input receives into the operator's params: a field to `fields`, a ramp to
-// `curves`, one value into `values` (through the param's coercion, so that it enters the key).
-// Nothing clears what an earlier evaluation delivered.
-void deliverParam(GraphNode& node, const std::string& name, const Value& value) {
-    if (node.paramControls.count(name)) return;  // a control drives it instead
-    ParamSet& params = node.op->paramSet;
-    const ParamSpec* spec = params.spec(name);
-    const auto field = value.get<FieldValue>();
-    const auto ramp = value.get<Ramp>();
-    const auto uniform = value.get<UniformValue>();
-    const std::string head = node.name + " param '" + name + "' ";
-    if (spec && (field || ramp)) {
-        PortSpec port;
-        if (paramInputPort(*spec, port) && port.type == PortType::Value)
-            throw GraphError(head +
-                             "takes one value for the whole node, not a value per strand or a "
-                             "curve");
-    }
-    const bool changesOverTime =
-        (field && field->dependsOnTime()) || (uniform && uniform->dependsOnTime);
-    if (spec && !spec->animatable && changesOverTime)
-        throw GraphError(head +
-                         "cannot take a value that changes over time (an expression of the frame, "
-                         "a keyed value): it sets how many strands, points or cards there are, or "
-                         "where they go, which must stay the same on every frame");
-    if (field) {
-        params.fields[name] = field;
-        params.curves.erase(name);
-    } else if (ramp) {
-        params.curves[name] = ramp;
-        params.fields.erase(name);
-    } else {
-        params.fields.erase(name);
-        params.curves.erase(name);
-        if (uniform)
-            params.set(name,
-                       std::visit([](const auto& v) { return ParamValue(v); }, uniform->value));
-    }
-}
+    std::uint32_t id;
+    GraphNode& node;
+    Operator& op;
+    std::uint64_t key = 0;
 
-enum class AffectState { None, Partial, Full };
+    std::vector<PortSpec> ports;
+    std::vector<PortSpec> outputs;
+    std::size_t portCount = 0;
+    bool silent = false;
+    bool through = false;  // silent and handing its first input on
 
-AffectState affectStateOf(const Operator& op) {
-    if (!affectApplies(op)) return AffectState::Full;
-    double weight = 1.0;
-    const auto delivered = op.paramSet.fields.find("affect");
-    if (delivered != op.paramSet.fields.end() && delivered->second) {
-        if (delivered->second->varies()) return AffectState::Partial;
-        weight = delivered->second->atStrand(0);
-    } else {
-        weight = op.paramSet.getFloat("affect", 1.0);
-    }
-    if (!(weight < 1.0)) return AffectState::Full;  // NaN counts as the whole result
-    if (weight <= 0.0) return AffectState::None;
-    return AffectState::Partial;
-}
+    // One per input: its value, its changes since the node last ran, and its result's stamp.
+    std::vector<Value> inputs;
+    std::vector<ChangesPointer> changes;
+    std::vector<std::uint64_t> inputKeys;
+    std::chrono::steady_clock::time_point started;
 
-// One weight per point of `strands`, from the affect param: a delivered field sampled at each
-// point (its point index counted within the strand), or the plain number.
-std::vector<float> affectWeights(const Operator& op, const StrandSet& strands) {
-    std::vector<float> weights(strands.pointCount(),
-                               static_cast<float>(op.paramSet.getFloat("affect", 1.0)));
-    const auto delivered = op.paramSet.fields.find("affect");
-    if (delivered == op.paramSet.fields.end() || !delivered->second) return weights;
-    const FieldValue& field = *delivered->second;
-    const std::span<const std::uint64_t> offsets = strands.offsets();
-    parallelRange(0, strands.strandCount(), 256, [&](std::size_t begin, std::size_t end) {
-        for (std::size_t s = begin; s < end; ++s) {
-            for (std::uint64_t p = offsets[s]; p < offsets[s + 1]; ++p)
-                weights[p] = field.atPoint(s, p - offsets[s]);
-        }
-    });
-    return weights;
-}
+    AffectState affect = AffectState::Full;
+    bool bypassed = false;
+    bool guideStream = false;  // a Curves node fed guides, running on the strands they make
+    Value firstInput;
 
-using StrandsPointer = std::shared_ptr<const StrandSet>;
-
-std::optional<std::string> checkStrands(const StrandsPointer& previous,
-                                        const StrandsPointer& incremental,
-                                        const StrandChanges* changes, const StrandSet& full,
-                                        const char* differ) {
-    if (incremental->contentHash() != full.contentHash()) return std::string(differ);
-    if (!changes || changes->all || !previous) return std::nullopt;
-    const std::string layout = "it says only some strands changed, but the set's layout did";
-    if (previous->strandCount() != incremental->strandCount() ||
-        previous->pointCount() != incremental->pointCount() ||
-        !sameArray(previous->ids(), incremental->ids()) ||
-        !sameArray(previous->offsets(), incremental->offsets()) ||
-        previous->strandChannelNames() != incremental->strandChannelNames() ||
-        previous->pointChannelNames() != incremental->pointChannelNames())
-        return layout;
-    std::vector<bool> listed(incremental->strandCount(), false);
-    for (std::uint64_t strand : changes->strands) {
-        if (strand >= incremental->strandCount()) return "it lists a strand past the set's end";
-        listed[strand] = true;
-    }
-    const ChangesPointer differing = strandDifference(previous, incremental);
-    if (!differing || differing->all) return layout;
-    for (std::uint64_t strand : differing->strands) {
-        if (!listed[strand])
-            return "strand " + std::to_string(strand) + " changed but is not listed as changed";
-    }
-    return std::nullopt;
-}
-
-// Compares one output of an incremental run with the same output of a full run; the problem, or
-// nothing when they agree.
-std::optional<std::string> checkOutput(const Value& previous, const Value& incremental,
-                                       const ChangesPointer& changes, const Value& full) {
-    if (incremental.index() != full.index())
-        return "it made another kind of value than a full evaluation";
-    if (const auto strands = incremental.get<StrandSet>()) {
-        return checkStrands(previous.get<StrandSet>(), strands, changes.get(),
-                            *full.get<StrandSet>(), "its strands differ from a full evaluation's");
-    }
-    if (const auto guides = incremental.get<GuideSet>()) {
-        // Guides are checked as the strands they make: one strand per guide, in order.
-        const auto made = std::make_shared<const StrandSet>(strandsFromGuides(*guides));
-        const StrandSet fullMade = strandsFromGuides(*full.get<GuideSet>());
-        StrandsPointer before;
-        if (const auto guidesBefore = previous.get<GuideSet>())
-            before = std::make_shared<const StrandSet>(strandsFromGuides(*guidesBefore));
-        return checkStrands(before, made, changes.get(), fullMade,
-                            "its guides differ from a full evaluation's");
-    }
-    return std::nullopt;
-}
-
-// Runs the operator in full on the inputs of an incremental run and compares every output. The
-// full run uses a fresh operator made through the registry with the same params and state, so
-// that it can't disturb the node's own run-time state; a type the registry doesn't know runs on
-// the node's own operator.
-void checkIncremental(const Operator& op, const std::vector<PortSpec>& outputs,
-                      const EvalContext& ctx, const std::vector<Value>& inputs,
-                      const std::vector<Value>& previous, const std::vector<Value>& results,
-                      const std::vector<ChangesPointer>& changes) {
-    std::unique_ptr<Operator> clone;
-    const Operator* runner = &op;
-    const OperatorRegistry& registry = OperatorRegistry::instance();
-    if (registry.contains(op.type())) {
-        clone = registry.recreate(op);
-        clone->paramSet.fields = op.paramSet.fields;
-        clone->paramSet.curves = op.paramSet.curves;
-        runner = clone.get();
-    }
-    NoteList discarded;
-    EvalContext fullCtx = ctx;
-    fullCtx.notes = &discarded;
-    const std::vector<Value> full = runner->evaluateAll(fullCtx, inputs);
-    if (full.size() != outputs.size())
-        throw GraphError(wrongCount(op, full.size(), outputs.size(), false));
-    for (std::size_t o = 0; o < outputs.size(); ++o) {
-        const Value before = o < previous.size() ? previous[o] : Value();
-        const auto problem = checkOutput(before, results[o], changes[o], full[o]);
-        if (!problem) continue;
-        std::string text = op.type() + " evaluated incrementally: ";
-        if (outputs.size() > 1) text += "output '" + outputs[o].name + "' ";
-        throw GraphError(text + *problem);
-    }
-}
+    std::vector<Value> results;
+    std::vector<ChangesPointer> outChanges;  // one per output
+    std::vector<std::string> texts;          // the notes of the run
+    bool incremental = false;
+    bool passedThrough = false;
+};
 
 // One top-level evaluation: its memo tables, its resolution table, and for each node that ran, the
 // stamp it had before and the changes of its outputs against that result.
 class Evaluation {
   public:
     Evaluation(Graph& graph, const EvalContext& ctx, bool detached)
-        : graph_(graph), root_(ctx), detached_(detached) {
+        : graph_(graph),
+          root_(ctx),
+          detached_(detached),
+          mappedParams_(graph.registry().mappedParams()) {
         if (ctx.resolution < 1) {
             resolutions_ = graph.strandResolutions(ctx.viewport);
             resolutionTable_ = &resolutions_;
@@ -448,8 +144,28 @@ class Evaluation {
         std::vector<ChangesPointer> changes;
     };
 
+    // The phases of evaluateNode, in order.
+    const std::vector<Value>* reuse(NodeRun& run);
+    void gatherInputs(NodeRun& run);
+    void deliverParams(NodeRun& run);
+    void prepareInputs(NodeRun& run);
+    void runOperator(NodeRun& run);
+    bool runIncrementally(NodeRun& run, const EvalContext& ctx);
+    void runWhole(NodeRun& run, const EvalContext& ctx);
+    void noteChanges(NodeRun& run);
+    std::vector<Value> record(NodeRun& run);
+
     EvalContext contextFor(std::uint32_t id) const {
         return nodeContext(root_, resolutionTable_, id);
+    }
+    // The context of a node's own run: its deliveries and, where mapped params are known, the
+    // scene they read.
+    EvalContext runContext(const GraphNode& node, std::uint32_t id, NoteList& notes) const {
+        EvalContext ctx = contextFor(id);
+        ctx.notes = &notes;
+        ctx.delivered = &node.runtime.delivered;
+        ctx.scene = node.runtime.scene;
+        return ctx;
     }
     bool fetches(const GraphNode& node, std::size_t input, bool silent, bool through) const {
         if (node.inputs[input] == 0) return false;
@@ -461,10 +177,8 @@ class Evaluation {
     void install(std::uint32_t id, GraphNode& node, std::uint64_t key,
                  const std::vector<Value>& results);
     void refresh(std::uint32_t id, GraphNode& node);
-    bool mayRunIncrementally(std::uint32_t id, const GraphNode& node, std::size_t outputCount,
-                             std::size_t portCount,
-                             const std::vector<ChangesPointer>& changes) const;
-    void applyAffect(const Operator& op, const Value& input, Value& result,
+    bool mayRunIncrementally(const NodeRun& run) const;
+    void applyAffect(const GraphNode& node, const Value& input, Value& result,
                      std::vector<std::string>& notes) const;
     void storeNotes(std::uint32_t id, const std::vector<std::string>& texts, bool incremental);
     void storeTime(std::uint32_t id, std::chrono::steady_clock::time_point started);
@@ -472,6 +186,7 @@ class Evaluation {
     Graph& graph_;
     const EvalContext& root_;
     const bool detached_;
+    const MappedParams* mappedParams_;
     ResolutionTable resolutions_;
     const ResolutionTable* resolutionTable_ = nullptr;
     KeyTable keys_;
@@ -486,8 +201,8 @@ class Evaluation {
 ChangesPointer Evaluation::changesSince(std::uint32_t source, std::uint64_t slot,
                                         std::uint64_t since) const {
     if (since == 0) return nullptr;
-    const GraphNode& node = graph_.node(source);
-    if (node.stamp == since) return noChanges();
+    const NodeRuntime& runtime = graph_.node(source).runtime;
+    if (runtime.stamp == since) return noChanges();
     const auto record = records_.find(source);
     if (record == records_.end() || record->second.previousStamp != since ||
         slot >= record->second.changes.size())
@@ -555,62 +270,64 @@ void Evaluation::countConsumers(std::uint32_t id) {
 
 void Evaluation::install(std::uint32_t id, GraphNode& node, std::uint64_t key,
                          const std::vector<Value>& results) {
-    const std::uint64_t previousStamp = node.stamp;
-    const bool same = node.valid && sameValues(node.results, results);
-    node.key = key;
-    node.results = results;
-    node.valid = true;
-    node.localKey = localKeys_.at(id);
+    NodeRuntime& runtime = node.runtime;
+    const std::uint64_t previousStamp = runtime.stamp;
+    const bool same = runtime.valid && sameValues(runtime.results, results);
+    runtime.key = key;
+    runtime.results = results;
+    runtime.valid = true;
+    runtime.localKey = localKeys_.at(id);
     // The adopted result was made from upstream results this graph may never have held: no stamp
     // of them is known, so a later incremental run here sees its inputs as wholly changed.
-    node.inputKeys.assign(node.inputs.size(), 0);
-    node.passedThrough = false;
-    node.changes.assign(results.size(), nullptr);
+    runtime.inputKeys.assign(node.inputs.size(), 0);
+    runtime.passedThrough = false;
+    runtime.changes.assign(results.size(), nullptr);
     if (!same) {
-        node.stamp = nextStamp();
-        node.previewSources.clear();
-        node.previewCopies.clear();
+        runtime.stamp = nextStamp();
+        runtime.previewSources.clear();
+        runtime.previewCopies.clear();
     }
-    records_[id] = {previousStamp, node.changes};
+    records_[id] = {previousStamp, runtime.changes};
 }
 
 void Evaluation::refresh(std::uint32_t id, GraphNode& node) {
+    NodeRuntime& runtime = node.runtime;
     NoteList notes;
-    EvalContext ctx = contextFor(id);
-    ctx.notes = &notes;
+    const EvalContext ctx = runContext(node, id, notes);
     const std::size_t outputs = node.op->outputs().size();
     std::vector<Value> fresh = node.op->evaluateAll(ctx, std::vector<Value>(node.inputs.size()));
     if (fresh.size() != outputs)
         throw GraphError(wrongCount(*node.op, fresh.size(), outputs, false));
     const std::vector<std::string> texts = notes.take();
     if (!texts.empty()) graph_.notes[id] = joinLines(texts);
-    if (sameValues(node.results, fresh)) return;
-    const std::uint64_t previousStamp = node.stamp;
-    node.results = std::move(fresh);
-    node.changes.assign(node.results.size(), nullptr);
-    node.passedThrough = false;
-    node.stamp = nextStamp();
-    node.previewSources.clear();
-    node.previewCopies.clear();
-    records_[id] = {previousStamp, node.changes};
+    if (sameValues(runtime.results, fresh)) return;
+    const std::uint64_t previousStamp = runtime.stamp;
+    runtime.results = std::move(fresh);
+    runtime.changes.assign(runtime.results.size(), nullptr);
+    runtime.passedThrough = false;
+    runtime.stamp = nextStamp();
+    runtime.previewSources.clear();
+    runtime.previewCopies.clear();
+    records_[id] = {previousStamp, runtime.changes};
 }
 
-bool Evaluation::mayRunIncrementally(std::uint32_t id, const GraphNode& node,
-                                     std::size_t outputCount, std::size_t portCount,
-                                     const std::vector<ChangesPointer>& changes) const {
-    if (!incrementalEvaluation() || detached_ || !node.valid) return false;
+bool Evaluation::mayRunIncrementally(const NodeRun& run) const {
+    const NodeRuntime& runtime = run.node.runtime;
+    if (!incrementalEvaluation() || detached_ || !runtime.valid) return false;
+    if (run.guideStream || run.affect == AffectState::Partial) return false;
     // Only the inputs may have changed, not the node's own settings.
-    if (node.localKey != localKeys_.at(id) || node.results.size() != outputCount) return false;
-    for (std::size_t i = 0; i < portCount; ++i)
-        if (changes[i] && changes[i]->attachmentChanged) return false;
-    for (std::size_t i = portCount; i < changes.size(); ++i) {
-        const ChangesPointer& param = changes[i];
+    if (runtime.localKey != localKeys_.at(run.id) || runtime.results.size() != run.outputs.size())
+        return false;
+    for (std::size_t i = 0; i < run.portCount; ++i)
+        if (run.changes[i] && run.changes[i]->attachmentChanged) return false;
+    for (std::size_t i = run.portCount; i < run.changes.size(); ++i) {
+        const ChangesPointer& param = run.changes[i];
         if (!param || param->all || !param->strands.empty()) return false;
     }
     return true;
 }
 
-void Evaluation::applyAffect(const Operator& op, const Value& input, Value& result,
+void Evaluation::applyAffect(const GraphNode& node, const Value& input, Value& result,
                              std::vector<std::string>& notes) const {
     const auto before = input.get<StrandSet>();
     const auto after = result.get<StrandSet>();
@@ -622,9 +339,9 @@ void Evaluation::applyAffect(const Operator& op, const Value& input, Value& resu
             "affect is not applied: this node changes how many strands or points there are");
         return;
     }
-    const std::vector<float> weights = affectWeights(op, *before);
+    const std::vector<float> weights = affectWeights(node, *before);
     const Value mixed = mixAffect(*before, *after, weights);
-    op.outputReplaced(result, mixed);
+    node.op->outputReplaced(result, mixed);
     result = mixed;
 }
 
@@ -648,71 +365,81 @@ void Evaluation::storeTime(std::uint32_t id, std::chrono::steady_clock::time_poi
     graph_.times[id] = static_cast<double>(elapsed.count()) / 1000.0;
 }
 
-std::vector<Value> Evaluation::evaluateNode(std::uint32_t id) {
-    GraphNode& node = graph_.node(id);
-    Operator& op = *node.op;
-
-    // 1-2. Reuse: the stored result under an equal key, an adopted one, or this run's table entry.
-    std::uint64_t key = 0;
-    if (!detached_) {
-        key = this->key(id);
-        if (node.valid && node.key == key) {
-            if (op.alwaysFresh()) refresh(id, node);
-            return node.results;
-        }
-        if (const auto adopted = graph_.adopted.find(key); adopted != graph_.adopted.end()) {
-            install(id, node, key, adopted->second);
-            return node.results;
-        }
-    } else if (const auto entry = table_.find(id); entry != table_.end()) {
-        return entry->second;
+// Reuse: the stored result under an equal key, an adopted one, or this run's table entry; null
+// when the node has to run.
+const std::vector<Value>* Evaluation::reuse(NodeRun& run) {
+    NodeRuntime& runtime = run.node.runtime;
+    if (detached_) {
+        const auto entry = table_.find(run.id);
+        return entry == table_.end() ? nullptr : &entry->second;
     }
+    run.key = key(run.id);
+    if (runtime.valid && runtime.key == run.key) {
+        if (run.op.alwaysFresh()) refresh(run.id, run.node);
+        return &runtime.results;
+    }
+    if (const auto adopted = graph_.adopted.find(run.key); adopted != graph_.adopted.end()) {
+        install(run.id, run.node, run.key, adopted->second);
+        return &runtime.results;
+    }
+    return nullptr;
+}
 
-    const std::vector<PortSpec> ports = op.inputs();
-    const std::vector<PortSpec> outputs = op.outputs();
-    const std::size_t portCount = portInputCount(node);
-    const bool silent = isSilent(node, root_.viewport);
-    const bool through = silent && passesThrough(node);
+// Inputs in order, each with the changes it went through since this node last ran.
+void Evaluation::gatherInputs(NodeRun& run) {
+    const GraphNode& node = run.node;
+    run.ports = run.op.inputs();
+    run.outputs = run.op.outputs();
+    run.portCount = portInputCount(node);
+    run.silent = isSilent(node, root_.viewport);
+    run.through = run.silent && passesThrough(node);
 
-    // 3. Inputs in order, each with the changes it went through since this node last ran.
-    std::vector<Value> inputs(node.inputs.size());
-    std::vector<ChangesPointer> changes(node.inputs.size());
-    std::vector<std::uint64_t> inputStamps(node.inputs.size(), 0);
-    for (std::size_t i = 0; i < node.inputs.size(); ++i) {
+    const std::size_t count = node.inputs.size();
+    run.inputs.assign(count, Value());
+    run.changes.assign(count, nullptr);
+    run.inputKeys.assign(count, 0);
+    for (std::size_t i = 0; i < count; ++i) {
         const std::uint32_t source = node.inputs[i];
         if (source == 0) {
-            changes[i] = noChanges();
+            run.changes[i] = noChanges();
             continue;
         }
-        if (fetches(node, i, silent, through)) {
+        if (fetches(node, i, run.silent, run.through)) {
             const std::vector<Value> values = evaluateNode(source);
-            if (node.slots[i] < values.size()) inputs[i] = values[node.slots[i]];
+            if (node.slots[i] < values.size()) run.inputs[i] = values[node.slots[i]];
             release(source);
         }
         if (!detached_) {
-            inputStamps[i] = graph_.node(source).stamp;
-            changes[i] = changesSince(source, node.slots[i],
-                                      i < node.inputKeys.size() ? node.inputKeys[i] : 0);
+            run.inputKeys[i] = graph_.node(source).runtime.stamp;
+            const std::vector<std::uint64_t>& madeFrom = node.runtime.inputKeys;
+            run.changes[i] =
+                changesSince(source, node.slots[i], i < madeFrom.size() ? madeFrom[i] : 0);
         }
     }
-    const auto started = std::chrono::steady_clock::now();
+    run.started = std::chrono::steady_clock::now();
+}
 
-    // 4. Param inputs into the params.
-    if (!silent) {
-        for (std::size_t i = portCount; i < node.inputs.size(); ++i) {
-            if (node.inputs[i] == 0 || fetches(node, i, silent, through))
-                deliverParam(node, node.paramInputs[i - portCount], inputs[i]);
-        }
+// Param inputs: what their feeders made, delivered to the node.
+void Evaluation::deliverParams(NodeRun& run) {
+    if (run.silent) return;
+    for (std::size_t i = run.portCount; i < run.node.inputs.size(); ++i) {
+        if (run.node.inputs[i] == 0 || fetches(run.node, i, run.silent, run.through))
+            deliverParam(run.node, run.node.paramInputs[i - run.portCount], run.inputs[i]);
     }
+}
 
-    // 5. The affect state, and whether the node hands its first input on.
-    const AffectState affect = silent ? AffectState::Full : affectStateOf(op);
-    const bool firstCarries = portCount > 0 && !ports.empty() && !outputs.empty() &&
+// The affect state and whether the node is bypassed; conversions and type checks of the port
+// inputs; guides turned to strands for a Curves node fed guides; and the scene of the run.
+void Evaluation::prepareInputs(NodeRun& run) {
+    const std::vector<PortSpec>& ports = run.ports;
+    const std::vector<PortSpec>& outputs = run.outputs;
+    std::vector<Value>& inputs = run.inputs;
+    run.affect = run.silent ? AffectState::Full : affectStateOf(run.node);
+    const bool firstCarries = run.portCount > 0 && !ports.empty() && !outputs.empty() &&
                               ports[0].type == outputs[0].type && !inputs[0].empty();
-    const bool bypassed = (silent || affect == AffectState::None) && firstCarries;
+    run.bypassed = (run.silent || run.affect == AffectState::None) && firstCarries;
 
-    // 6. Conversions and type checks of the port inputs.
-    for (std::size_t i = 0; i < portCount && i < ports.size(); ++i) {
+    for (std::size_t i = 0; i < run.portCount && i < ports.size(); ++i) {
         if (ports[i].type == PortType::Field) {
             if (const auto uniform = inputs[i].get<UniformValue>())
                 inputs[i] = constantField(*uniform);
@@ -720,179 +447,194 @@ std::vector<Value> Evaluation::evaluateNode(std::uint32_t id) {
         const bool wrong = (ports[i].type == PortType::Strands && inputs[i].holds<GuideSet>()) ||
                            (ports[i].type == PortType::Guides && inputs[i].holds<StrandSet>());
         if (wrong) {
-            const std::string head = node.name.empty() ? "" : "node '" + node.name + "': ";
-            throw GraphError(head + op.type() + " input '" + ports[i].name + "' takes " +
+            const std::string head = run.node.name.empty() ? "" : "node '" + run.node.name + "': ";
+            throw GraphError(head + run.op.type() + " input '" + ports[i].name + "' takes " +
                              (ports[i].type == PortType::Strands ? "strands" : "guides") +
                              " but gets " + std::string(inputs[i].kindName()) +
                              " from the node before it");
         }
     }
 
-    // 7. A Curves node fed guides runs on the strands they make.
-    const Value firstInput = portCount > 0 ? inputs[0] : Value();
-    const bool guideStream = !outputs.empty() && outputs[0].type == PortType::Curves &&
-                             portCount > 0 && !ports.empty() && ports[0].type == PortType::Curves &&
-                             firstInput.holds<GuideSet>();
-    if (guideStream && !bypassed)
+    run.firstInput = run.portCount > 0 ? inputs[0] : Value();
+    run.guideStream = !outputs.empty() && outputs[0].type == PortType::Curves &&
+                      run.portCount > 0 && !ports.empty() && ports[0].type == PortType::Curves &&
+                      run.firstInput.holds<GuideSet>();
+    if (run.guideStream && !run.bypassed)
         inputs[0] =
-            std::make_shared<const StrandSet>(strandsFromGuides(*firstInput.get<GuideSet>()));
+            std::make_shared<const StrandSet>(strandsFromGuides(*run.firstInput.get<GuideSet>()));
 
-    NoteList noteList;
-    EvalContext runCtx = contextFor(id);
-    runCtx.notes = &noteList;
     // What the node's mapped params read: the scalp and maps of the context, and its guides.
-    if (!bypassed && !silent) {
+    if (!run.bypassed && !run.silent && mappedParams_) {
         std::shared_ptr<const GuideSet> guides;
-        for (std::size_t i = 0; i < portCount && i < ports.size(); ++i)
+        for (std::size_t i = 0; i < run.portCount && i < ports.size(); ++i)
             if (ports[i].type == PortType::Guides) guides = inputs[i].get<GuideSet>();
-        op.paramSet.fieldScene = makeFieldScene(runCtx, std::move(guides));
+        run.node.runtime.scene = mappedParams_->scene(contextFor(run.id), std::move(guides));
     }
-    std::vector<Value> results;
-    std::vector<ChangesPointer> outChanges(outputs.size());
-    std::vector<std::string> texts;
-    bool incremental = false;
+}
 
-    if (bypassed) {
-        // 8. Each output of the first input's type (and output 0 always) is that input.
-        results.assign(outputs.size(), Value());
-        for (std::size_t o = 0; o < outputs.size(); ++o)
-            if (o == 0 || outputs[o].type == ports[0].type) results[o] = firstInput;
-    } else if (silent) {
+// Bypassed or silent nodes hand on or yield nothing; others run incrementally when allowed, else
+// whole, then mix by affect and turn strands back into guides on a guide stream.
+void Evaluation::runOperator(NodeRun& run) {
+    const std::size_t outputCount = run.outputs.size();
+    run.outChanges.assign(outputCount, nullptr);
+    if (run.bypassed) {
+        // Each output of the first input's type (and output 0 always) is that input.
+        run.results.assign(outputCount, Value());
+        for (std::size_t o = 0; o < outputCount; ++o)
+            if (o == 0 || run.outputs[o].type == run.ports[0].type) run.results[o] = run.firstInput;
+    } else if (run.silent) {
         // A silent node with nothing to hand on runs nothing and yields nothing.
-        results.assign(outputs.size(), Value());
+        run.results.assign(outputCount, Value());
     } else {
-        // 9. Incremental when allowed, else in full.
-        if (!guideStream && affect != AffectState::Partial &&
-            mayRunIncrementally(id, node, outputs.size(), portCount, changes)) {
-            IncrementalInputs previous;
-            previous.previous = node.results.front();
-            previous.previousAll = node.results;
-            previous.changes = std::span<const ChangesPointer>(changes.data(), portCount);
-            previous.active = true;
-            if (outputs.size() == 1) {
-                Value out;
-                StrandChanges changed;
-                if (op.evaluateIncremental(runCtx, inputs, previous, &out, &changed)) {
-                    incremental = true;
-                    results = {out};
-                    outChanges = {std::make_shared<const StrandChanges>(std::move(changed))};
-                }
-            } else {
-                std::vector<Value> outs;
-                std::vector<StrandChanges> changed;
-                if (op.evaluateIncrementalAll(runCtx, inputs, previous, &outs, &changed)) {
-                    if (outs.size() != outputs.size())
-                        throw GraphError(wrongCount(op, outs.size(), outputs.size(), true));
-                    incremental = true;
-                    results = std::move(outs);
-                    for (std::size_t o = 0; o < outputs.size() && o < changed.size(); ++o)
-                        outChanges[o] =
-                            std::make_shared<const StrandChanges>(std::move(changed[o]));
-                }
-            }
-            if (incremental) {
-                ++graph_.incrementalRuns;
-                if (incrementalCheck())
-                    checkIncremental(op, outputs, runCtx, inputs, node.results, results,
-                                     outChanges);
-            } else {
-                noteList.take();  // nothing of a declined incremental run is kept
+        NoteList noteList;
+        const EvalContext ctx = runContext(run.node, run.id, noteList);
+        if (mayRunIncrementally(run)) {
+            run.incremental = runIncrementally(run, ctx);
+            if (!run.incremental) noteList.take();  // nothing of a declined run is kept
+        }
+        if (!run.incremental) runWhole(run, ctx);
+        run.texts = noteList.take();
+        if (run.affect == AffectState::Partial)
+            applyAffect(run.node, run.inputs[0], run.results[0], run.texts);
+        if (run.guideStream) {
+            for (std::size_t o = 0; o < outputCount; ++o) {
+                if (run.outputs[o].type != PortType::Curves) continue;
+                if (const auto strands = run.results[o].get<StrandSet>())
+                    run.results[o] = std::make_shared<const GuideSet>(guidesFromStrands(*strands));
             }
         }
-        if (!incremental) {
-            results = op.evaluateAll(runCtx, inputs);
-            if (results.size() != outputs.size())
-                throw GraphError(wrongCount(op, results.size(), outputs.size(), false));
-        }
-        texts = noteList.take();
-        // 10. The affect mix.
-        if (affect == AffectState::Partial) applyAffect(op, inputs[0], results[0], texts);
-        // 11. Back to guides.
-        if (guideStream) {
-            for (std::size_t o = 0; o < outputs.size(); ++o) {
-                if (outputs[o].type != PortType::Curves) continue;
-                if (const auto strands = results[o].get<StrandSet>())
-                    results[o] = std::make_shared<const GuideSet>(guidesFromStrands(*strands));
-            }
-        }
-        const std::string note = op.evaluationNote(runCtx);
-        if (!note.empty()) texts.push_back(note);
+        const std::string note = run.op.evaluationNote(ctx);
+        if (!note.empty()) run.texts.push_back(note);
     }
-    const bool passedThrough =
-        bypassed || (!firstInput.empty() && !results.empty() && results[0] == firstInput);
-    storeTime(id, started);
+    run.passedThrough = run.bypassed || (!run.firstInput.empty() && !run.results.empty() &&
+                                         run.results[0] == run.firstInput);
+    storeTime(run.id, run.started);
+}
 
-    // 13. The changes of each output against the node's previous result, for the nodes after it.
-    if (!detached_ && node.valid) {
-        if (passedThrough) {
-            // Handing its input on, the node changed as that input did since the node last ran.
-            for (std::size_t o = 0; o < outputs.size(); ++o)
-                if (results[o] == firstInput && node.passedThrough) outChanges[o] = changes[0];
-        } else if (!incremental && strandDiffing()) {
-            const bool inputsKnown = std::all_of(
-                changes.begin(), changes.begin() + static_cast<std::ptrdiff_t>(portCount),
-                [](const ChangesPointer& c) { return c && !c->all; });
-            for (std::size_t o = 0; inputsKnown && o < outputs.size(); ++o) {
-                const auto before =
-                    o < node.results.size() ? node.results[o].get<StrandSet>() : nullptr;
-                const auto after = results[o].get<StrandSet>();
-                if (before && after) outChanges[o] = strandDifference(before, after);
-            }
-        }
-        for (std::size_t o = 0; o < outputs.size() && o < node.results.size(); ++o) {
-            const auto before = node.results[o].get<StrandSet>();
-            const auto after = results[o].get<StrandSet>();
-            if (before && after)
-                outChanges[o] = withLayout(outChanges[o], sameLayout(*before, *after));
-        }
-    }
-
-    // 12. How it ran.
-    if (bypassed || silent) {
-        graph_.runs[id] = "bypass";
+bool Evaluation::runIncrementally(NodeRun& run, const EvalContext& ctx) {
+    const NodeRuntime& runtime = run.node.runtime;
+    const std::size_t outputCount = run.outputs.size();
+    IncrementalInputs previous;
+    previous.previous = runtime.results.front();
+    previous.previousAll = runtime.results;
+    previous.changes = std::span<const ChangesPointer>(run.changes.data(), run.portCount);
+    previous.active = true;
+    if (outputCount == 1) {
+        Value out;
+        StrandChanges changed;
+        if (!run.op.evaluateIncremental(ctx, run.inputs, previous, &out, &changed)) return false;
+        run.results = {out};
+        run.outChanges = {std::make_shared<const StrandChanges>(std::move(changed))};
     } else {
-        const ChangesPointer& first = outChanges.empty() ? nullptr : outChanges[0];
-        std::string text = incremental ? "incremental" : "full";
+        std::vector<Value> outs;
+        std::vector<StrandChanges> changed;
+        if (!run.op.evaluateIncrementalAll(ctx, run.inputs, previous, &outs, &changed))
+            return false;
+        if (outs.size() != outputCount)
+            throw GraphError(wrongCount(run.op, outs.size(), outputCount, true));
+        run.results = std::move(outs);
+        for (std::size_t o = 0; o < outputCount && o < changed.size(); ++o)
+            run.outChanges[o] = std::make_shared<const StrandChanges>(std::move(changed[o]));
+    }
+    ++graph_.incrementalRuns;
+    if (incrementalCheck())
+        checkIncremental(graph_.registry(), run.op, run.outputs, ctx, run.inputs, runtime.results,
+                         run.results, run.outChanges);
+    return true;
+}
+
+void Evaluation::runWhole(NodeRun& run, const EvalContext& ctx) {
+    run.results = run.op.evaluateAll(ctx, run.inputs);
+    if (run.results.size() != run.outputs.size())
+        throw GraphError(wrongCount(run.op, run.results.size(), run.outputs.size(), false));
+}
+
+// The changes of each output against the node's previous result, for the nodes after it.
+void Evaluation::noteChanges(NodeRun& run) {
+    const NodeRuntime& runtime = run.node.runtime;
+    if (detached_ || !runtime.valid) return;
+    const std::size_t outputCount = run.outputs.size();
+    if (run.passedThrough) {
+        // Handing its input on, the node changed as that input did since the node last ran.
+        for (std::size_t o = 0; o < outputCount; ++o)
+            if (run.results[o] == run.firstInput && runtime.passedThrough)
+                run.outChanges[o] = run.changes[0];
+    } else if (!run.incremental && strandDiffing()) {
+        const auto portChanges = run.changes.begin() + static_cast<std::ptrdiff_t>(run.portCount);
+        const bool inputsKnown = std::all_of(run.changes.begin(), portChanges,
+                                             [](const ChangesPointer& c) { return c && !c->all; });
+        for (std::size_t o = 0; inputsKnown && o < outputCount; ++o) {
+            const auto before =
+                o < runtime.results.size() ? runtime.results[o].get<StrandSet>() : nullptr;
+            const auto after = run.results[o].get<StrandSet>();
+            if (before && after) run.outChanges[o] = strandDifference(before, after);
+        }
+    }
+    for (std::size_t o = 0; o < outputCount && o < runtime.results.size(); ++o) {
+        const auto before = runtime.results[o].get<StrandSet>();
+        const auto after = run.results[o].get<StrandSet>();
+        if (before && after)
+            run.outChanges[o] = withLayout(run.outChanges[o], sameLayout(*before, *after));
+    }
+}
+
+// How it ran, its notes, and the result: the table without the cache, else the node, under a new
+// stamp unless the result is the one it already held.
+std::vector<Value> Evaluation::record(NodeRun& run) {
+    if (run.bypassed || run.silent) {
+        graph_.runs[run.id] = "bypass";
+    } else {
+        const ChangesPointer& first = run.outChanges.empty() ? nullptr : run.outChanges[0];
+        std::string text = run.incremental ? "incremental" : "full";
         if (first && !first->all) {
             text += " " + std::to_string(first->strands.size());
-        } else if (incremental) {
-            if (const auto strands = results[0].get<StrandSet>())
+        } else if (run.incremental) {
+            if (const auto strands = run.results[0].get<StrandSet>())
                 text += " " + std::to_string(strands->strandCount());
-            else if (const auto guides = results[0].get<GuideSet>())
+            else if (const auto guides = run.results[0].get<GuideSet>())
                 text += " " + std::to_string(guides->guides.size());
         }
-        graph_.runs[id] = text;
+        graph_.runs[run.id] = text;
     }
-    // 14. Notes.
-    storeNotes(id, texts, incremental);
+    storeNotes(run.id, run.texts, run.incremental);
 
-    // 15. Store: the table without the cache, else the node, under a new stamp unless the result
-    // is the one it already held.
     if (detached_) {
-        table_[id] = results;
-        return results;
+        table_[run.id] = run.results;
+        return std::move(run.results);
     }
-    const std::uint64_t previousStamp = node.stamp;
-    const bool same = node.valid && sameValues(node.results, results);
-    node.key = key;
-    node.results = std::move(results);
-    node.valid = true;
-    node.localKey = localKeys_.at(id);
-    node.inputKeys = std::move(inputStamps);
-    node.passedThrough = passedThrough;
-    node.changes = std::move(outChanges);
+    NodeRuntime& runtime = run.node.runtime;
+    const std::uint64_t previousStamp = runtime.stamp;
+    const bool same = runtime.valid && sameValues(runtime.results, run.results);
+    runtime.key = run.key;
+    runtime.results = std::move(run.results);
+    runtime.valid = true;
+    runtime.localKey = localKeys_.at(run.id);
+    runtime.inputKeys = std::move(run.inputKeys);
+    runtime.passedThrough = run.passedThrough;
+    runtime.changes = std::move(run.outChanges);
     if (!same) {
-        node.stamp = nextStamp();
-        node.previewSources.clear();
-        node.previewCopies.clear();
+        runtime.stamp = nextStamp();
+        runtime.previewSources.clear();
+        runtime.previewCopies.clear();
     }
-    records_[id] = {previousStamp, node.changes};
-    return node.results;
+    records_[run.id] = {previousStamp, runtime.changes};
+    return runtime.results;
+}
+
+std::vector<Value> Evaluation::evaluateNode(std::uint32_t id) {
+    NodeRun run(id, graph_.node(id));
+    if (const std::vector<Value>* reused = reuse(run)) return *reused;
+    gatherInputs(run);
+    deliverParams(run);
+    prepareInputs(run);
+    runOperator(run);
+    noteChanges(run);
+    return record(run);
 }
 
 void Evaluation::markUsed(std::uint64_t evaluation) {
     for (const auto& entry : keys_)
-        graph_.node(entry.first).lastUsed = evaluation;
+        graph_.node(entry.first).runtime.lastUsed = evaluation;
 }
 
 void Evaluation::adoptRemaining() {
@@ -901,28 +643,29 @@ void Evaluation::adoptRemaining() {
         const auto adopted = graph_.adopted.find(fresh);
         if (adopted == graph_.adopted.end()) continue;
         GraphNode& node = graph_.node(id);
-        if (node.valid && node.key == fresh) continue;
+        if (node.runtime.valid && node.runtime.key == fresh) continue;
         install(id, node, fresh, adopted->second);
-        node.lastUsed = graph_.evaluations;
+        node.runtime.lastUsed = graph_.evaluations;
     }
 }
 
 std::vector<Value> Evaluation::finishPreview(std::uint32_t id, std::vector<Value> results) {
-    GraphNode* node = detached_ ? nullptr : &graph_.node(id);
+    NodeRuntime* runtime = detached_ ? nullptr : &graph_.node(id).runtime;
     for (std::size_t o = 0; o < results.size(); ++o) {
         const auto strands = results[o].get<StrandSet>();
         if (!strands || !strands->strandChannel("_preview")) continue;
-        if (node && o < node->previewSources.size() && node->previewSources[o] == results[o]) {
-            results[o] = node->previewCopies[o];
+        if (runtime && o < runtime->previewSources.size() &&
+            runtime->previewSources[o] == results[o]) {
+            results[o] = runtime->previewCopies[o];
             continue;
         }
         auto finished = std::make_shared<StrandSet>(*strands);
         finished->removeStrandChannel("_preview");
-        if (node) {
-            node->previewSources.resize(results.size());
-            node->previewCopies.resize(results.size());
-            node->previewSources[o] = results[o];
-            node->previewCopies[o] = Value(finished);
+        if (runtime) {
+            runtime->previewSources.resize(results.size());
+            runtime->previewCopies.resize(results.size());
+            runtime->previewSources[o] = results[o];
+            runtime->previewCopies[o] = Value(finished);
         }
         results[o] = Value(std::move(finished));
     }
@@ -948,63 +691,6 @@ bool setStrandDiffing(bool on) {
 }
 bool setIncrementalCheck(bool on) {
     return gIncrementalCheck.exchange(on);
-}
-
-namespace {
-
-// The number a control's scene input holds, if it holds one.
-std::optional<double> controlNumber(const EvalContext& ctx, const std::string& control) {
-    const SceneInput* input = ctx.sceneInput("control:" + control);
-    if (!input) return std::nullopt;
-    if (const auto uniform = input->value.get<UniformValue>()) {
-        if (const double* number = std::get_if<double>(&uniform->value)) return *number;
-        if (const std::int64_t* whole = std::get_if<std::int64_t>(&uniform->value))
-            return static_cast<double>(*whole);
-        if (const bool* on = std::get_if<bool>(&uniform->value)) return *on ? 1.0 : 0.0;
-    }
-    if (const auto field = input->value.get<FieldValue>()) return field->atStrand(0);
-    return std::nullopt;
-}
-
-// Each param bound to controls takes their values: one number, or three for a vector. A control
-// the host has not set leaves the param as it is.
-void resolveControls(Graph& graph, const EvalContext& ctx) {
-    for (const std::uint32_t id : graph.nodeIds()) {
-        GraphNode& node = graph.node(id);
-        for (const auto& [param, controls] : node.paramControls) {
-            if (controls.size() == 3) {
-                const auto x = controlNumber(ctx, controls[0]);
-                const auto y = controlNumber(ctx, controls[1]);
-                const auto z = controlNumber(ctx, controls[2]);
-                if (x && y && z)
-                    node.op->paramSet.set(param,
-                                          Vec3f{static_cast<float>(*x), static_cast<float>(*y),
-                                                static_cast<float>(*z)});
-            } else if (controls.size() == 1) {
-                if (const auto number = controlNumber(ctx, controls[0])) {
-                    const ParamSpec* spec = node.op->paramSet.spec(param);
-                    if (spec && spec->kind() == ParamKind::Int)
-                        node.op->paramSet.set(param, static_cast<std::int64_t>(*number));
-                    else if (spec && spec->kind() == ParamKind::Bool)
-                        node.op->paramSet.set(param, *number != 0.0);
-                    else
-                        node.op->paramSet.set(param, *number);
-                }
-            }
-        }
-    }
-}
-
-}  // namespace
-
-std::uint64_t Graph::nodeKey(std::uint32_t id, const EvalContext& ctx,
-                             std::unordered_map<std::uint32_t, std::uint64_t>& keys,
-                             std::unordered_map<std::uint32_t, std::uint64_t>& localKeys) const {
-    if (const auto found = keys.find(id); found != keys.end()) return found->second;
-    ResolutionTable resolutions;
-    if (ctx.resolution < 1) resolutions = strandResolutions(ctx.viewport);
-    KeyBuilder builder{*this, ctx, ctx.resolution < 1 ? &resolutions : nullptr, keys, localKeys};
-    return builder.key(id);
 }
 
 std::vector<Value> Graph::evaluate(std::uint32_t id, const EvalContext& ctx) {
@@ -1039,7 +725,7 @@ std::vector<Value> Graph::evaluateOutput(const EvalContext& ctx) {
 }
 
 const std::vector<Value>& Graph::cachedResults(std::uint32_t id) const {
-    return node(id).results;
+    return node(id).runtime.results;
 }
 
 std::size_t Graph::outputSlot(std::uint32_t id, std::string_view port) const {
@@ -1054,12 +740,12 @@ std::size_t Graph::outputSlot(std::uint32_t id, std::string_view port) const {
 }
 
 void Graph::invalidate(std::uint32_t id) {
-    GraphNode& target = node(id);
-    target.valid = false;
-    target.results.clear();
-    target.changes.clear();
-    target.previewSources.clear();
-    target.previewCopies.clear();
+    NodeRuntime& runtime = node(id).runtime;
+    runtime.valid = false;
+    runtime.results.clear();
+    runtime.changes.clear();
+    runtime.previewSources.clear();
+    runtime.previewCopies.clear();
 }
 
 void Graph::setCachingEnabled(bool enabled) {

@@ -70,14 +70,14 @@ TEST(GraphEval, NothingChangedRunsNothingAndATailChangeRunsTheTail) {
     EXPECT_EQ(operatorAs<test::SceneOp>(chain.graph, chain.source).fullRuns, 1);
     EXPECT_EQ(chain.graph.evaluations, 2u);
     for (std::uint32_t id : chain.graph.nodeIds())
-        EXPECT_EQ(chain.graph.node(id).lastUsed, 2u);
+        EXPECT_EQ(chain.graph.node(id).runtime.lastUsed, 2u);
 
-    const std::uint64_t stampA = chain.graph.node(chain.liftA).stamp;
+    const std::uint64_t stampA = chain.graph.node(chain.liftA).runtime.stamp;
     chain.graph.operatorOf(chain.liftB).paramSet.set("amount", 2.0);
     const auto result = chain.run();
     // Its inputs are known unchanged, so its new result is compared with its old one.
     EXPECT_EQ(chain.graph.runs, (std::map<std::uint32_t, std::string>{{chain.liftB, "full 64"}}));
-    EXPECT_EQ(chain.graph.node(chain.liftA).stamp, stampA);
+    EXPECT_EQ(chain.graph.node(chain.liftA).runtime.stamp, stampA);
     EXPECT_EQ(operatorAs<test::LiftOp>(chain.graph, chain.liftA).fullRuns, 1);
     EXPECT_FLOAT_EQ(result->points()[0].y, 2.5f);  // 0.5 from liftA, 2 from liftB
 }
@@ -209,18 +209,18 @@ TEST(GraphEval, SwitchRunsOnlyItsSelectedInputKeysBothAndAnUnchangedResultKeepsI
     EXPECT_EQ(operatorAs<test::GrowOp>(graph, b).fullRuns, 0);
 
     // A new label changes the key, not the result: the stamp stays and downstream updates nothing.
-    const std::uint64_t stamp = graph.node(choose).stamp;
+    const std::uint64_t stamp = graph.node(choose).runtime.stamp;
     graph.operatorOf(choose).paramSet.set("label", std::string("renamed"));
     graph.evaluate(lift, {});
     EXPECT_EQ(graph.runs[choose], "full 0");
-    EXPECT_EQ(graph.node(choose).stamp, stamp);
+    EXPECT_EQ(graph.node(choose).runtime.stamp, stamp);
     EXPECT_EQ(graph.runs[lift], "incremental 0");
     EXPECT_EQ(operatorAs<test::LiftOp>(graph, lift).fullRuns, 1);
 
     graph.operatorOf(b).paramSet.set("count", std::int64_t{5});
-    const std::uint64_t before = graph.node(choose).key;
+    const std::uint64_t before = graph.node(choose).runtime.key;
     graph.evaluate(lift, {});
-    EXPECT_NE(graph.node(choose).key, before);
+    EXPECT_NE(graph.node(choose).runtime.key, before);
     EXPECT_EQ(operatorAs<test::GrowOp>(graph, b).fullRuns, 0);
 
     graph.operatorOf(choose).paramSet.set("select", std::int64_t{1});
@@ -399,13 +399,13 @@ TEST(GraphEval, NotesFromParallelLoopsWrongOutputsAndUnknownNodes) {
 
     const std::uint32_t broken = addTestNode(graph, "EvalBroken", "broken");
     graph.connect(lift, broken, 0);
-    const std::uint64_t liftStamp = graph.node(lift).stamp;
+    const std::uint64_t liftStamp = graph.node(lift).runtime.stamp;
     EXPECT_EQ(graphError([&] { graph.evaluate(broken, {}); }),
               "EvalBroken made 1 values for 2 outputs");
     // The nodes that finished keep their state; the failing one has nothing.
-    EXPECT_TRUE(graph.node(lift).valid);
-    EXPECT_EQ(graph.node(lift).stamp, liftStamp);
-    EXPECT_FALSE(graph.node(broken).valid);
+    EXPECT_TRUE(graph.node(lift).runtime.valid);
+    EXPECT_EQ(graph.node(lift).runtime.stamp, liftStamp);
+    EXPECT_FALSE(graph.node(broken).runtime.valid);
     EXPECT_EQ(graph.runs.count(broken), 0u);
 
     EXPECT_EQ(graph.outputSlot(broken, "same"), 1u);
@@ -447,10 +447,10 @@ TEST(GraphEval, AdoptedAndAlwaysFreshResults) {
     ctx.sceneInputs = &scene;
     const std::uint32_t fresh = addTestNode(graph, "EvalFresh", "fresh");
     graph.evaluate(fresh, ctx);
-    const std::uint64_t stamp = graph.node(fresh).stamp;
+    const std::uint64_t stamp = graph.node(fresh).runtime.stamp;
     graph.evaluate(fresh, ctx);
     EXPECT_EQ(operatorAs<test::FreshOp>(graph, fresh).fullRuns, 2);
-    EXPECT_EQ(graph.node(fresh).stamp, stamp);  // it made the same set again
+    EXPECT_EQ(graph.node(fresh).runtime.stamp, stamp);  // it made the same set again
 }
 
 TEST(GraphEval, WithoutTheCacheNothingIsStored) {
@@ -468,7 +468,7 @@ TEST(GraphEval, WithoutTheCacheNothingIsStored) {
     EXPECT_EQ(uncached->contentHash(), cached);
     EXPECT_EQ(uncached->strandCount(), 32u);
     for (std::uint32_t id : graph.nodeIds())
-        EXPECT_FALSE(graph.node(id).valid);
+        EXPECT_FALSE(graph.node(id).runtime.valid);
     EXPECT_TRUE(graph.adopted.empty());
     // The diamond's shared source ran once.
     EXPECT_EQ(operatorAs<test::GrowOp>(graph, grow).fullRuns, 2);

@@ -275,6 +275,8 @@ struct Loader {
                 upgrade(upgraded, saved);
             } catch (const GraphError&) {
                 throw;
+            } catch (const SchemaError&) {
+                throw;
             } catch (const std::exception& error) {
                 // A step that meets a form it doesn't know fails the load, in the loader's words.
                 throw SchemaError("node '" + name + "' could not be upgraded from version " +
@@ -606,10 +608,10 @@ std::string Graph::toJson() const {
 void Graph::fromJson(std::string_view text) {
     const Json doc = parseDocument(text);
     // Settings of the graph, not state of its evaluation, carry over to the new document.
-    Graph loaded;
+    Graph loaded(*registry_);
     loaded.cacheLimit = cacheLimit;
     loaded.cachingEnabled_ = cachingEnabled_;
-    Loader loader{loaded, OperatorRegistry::instance(), {}, {}};
+    Loader loader{loaded, *registry_, {}, {}};
     loader.read(doc);
     *this = std::move(loaded);
 }

@@ -78,6 +78,8 @@ class GraphJsonTest : public ::testing::Test {
         try {
             graph.fromJson(text);
             FAIL() << "expected: " << message;
+        } catch (const SchemaError& error) {
+            EXPECT_EQ(error.what(), message);
         } catch (const GraphError& error) {
             EXPECT_EQ(error.what(), message);
         }
@@ -486,8 +488,8 @@ TEST_F(GraphJsonTest, DefinitionComesBeforeParamsAndInnerNodesAreUpgraded) {
 TEST_F(GraphJsonTest, ALoadReplacesTheGraphAndItsEvaluationState) {
     Graph graph;
     graph.fromJson(kRichGraph);
-    graph.node(1).valid = true;
-    graph.node(1).key = 5;
+    graph.node(1).runtime.valid = true;
+    graph.node(1).runtime.key = 5;
     graph.times[1] = 3.0;
     graph.evaluations = 4;
     graph.cacheLimit = 77;
@@ -498,13 +500,13 @@ TEST_F(GraphJsonTest, ALoadReplacesTheGraphAndItsEvaluationState) {
     broken["connections"].push_back(Json::parse(R"({"from": "x", "to": "shape", "input": "a"})"));
     EXPECT_THROW(graph.fromJson(broken.dump()), SchemaError);
     EXPECT_EQ(graph.toJson(), before);
-    EXPECT_TRUE(graph.node(1).valid);
+    EXPECT_TRUE(graph.node(1).runtime.valid);
     EXPECT_EQ(graph.times.at(1), 3.0);
 
     graph.fromJson(kSmallGraph);
     EXPECT_EQ(graph.nodeIds(), std::vector<std::uint32_t>{1});
-    EXPECT_FALSE(graph.node(1).valid);
-    EXPECT_EQ(graph.node(1).key, 0u);
+    EXPECT_FALSE(graph.node(1).runtime.valid);
+    EXPECT_EQ(graph.node(1).runtime.key, 0u);
     EXPECT_TRUE(graph.times.empty());
     EXPECT_EQ(graph.evaluations, 0u);
     EXPECT_TRUE(graph.backdrops.is_null());

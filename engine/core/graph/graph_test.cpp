@@ -319,8 +319,6 @@ TEST_F(GraphTest, CloneMakesOperatorsAnewAndKeepsEveryResult) {
     static_cast<StatefulOp&>(original).runs = 5;
     original.paramSet.set("amount", 0.75);
     original.savedVersion = 1;
-    original.paramSet.fields["amount"] = nullptr;
-    original.paramSet.curves["profile"] = std::make_shared<Ramp>();
     graph.operatorOf(group).paramSet.set("definition", std::string(R"({"params": {"gain": 0.5}})"));
     graph.operatorOf(group).declareParams();
     graph.operatorOf(group).paramSet.set("gain", 0.25);
@@ -332,14 +330,16 @@ TEST_F(GraphTest, CloneMakesOperatorsAnewAndKeepsEveryResult) {
 
     GraphNode& node = graph.node(state);
     node.ui = {{"x", 10}};
-    node.key = 42;
-    node.valid = true;
-    node.results = {Value(std::make_shared<Ramp>())};
-    node.lastUsed = 3;
-    node.stamp = 99;
-    node.localKey = 7;
-    node.inputKeys = {11, 12};
-    node.passedThrough = true;
+    node.runtime.key = 42;
+    node.runtime.valid = true;
+    node.runtime.results = {Value(std::make_shared<Ramp>())};
+    node.runtime.lastUsed = 3;
+    node.runtime.stamp = 99;
+    node.runtime.localKey = 7;
+    node.runtime.inputKeys = {11, 12};
+    node.runtime.passedThrough = true;
+    node.runtime.delivered.fields["amount"] = nullptr;
+    node.runtime.delivered.curves["profile"] = std::make_shared<Ramp>();
     graph.times[state] = 1.5;
     graph.lastTimes[state] = 2.5;
     graph.runs[state] = "full";
@@ -361,10 +361,10 @@ TEST_F(GraphTest, CloneMakesOperatorsAnewAndKeepsEveryResult) {
     EXPECT_EQ(op.name, "state");
     EXPECT_EQ(op.savedVersion, 1);
     EXPECT_EQ(op.paramSet.getFloat("amount", 0.0), 0.75);
-    EXPECT_TRUE(op.paramSet.fields.empty());
-    EXPECT_TRUE(op.paramSet.curves.empty());
+    EXPECT_TRUE(cloned.runtime.delivered.fields.empty());
+    EXPECT_TRUE(cloned.runtime.delivered.curves.empty());
     // The original keeps what was delivered to it.
-    EXPECT_EQ(original.paramSet.curves.size(), 1u);
+    EXPECT_EQ(graph.node(state).runtime.delivered.curves.size(), 1u);
     // Params that follow a definition are declared again from it.
     EXPECT_EQ(copy->operatorOf(group).paramSet.getFloat("gain", 0.0), 0.25);
 
@@ -376,15 +376,15 @@ TEST_F(GraphTest, CloneMakesOperatorsAnewAndKeepsEveryResult) {
     EXPECT_TRUE(cloned.bypass);
     EXPECT_EQ(cloned.evaluation, EvaluationMode::RenderOnly);
     EXPECT_EQ(cloned.ui, node.ui);
-    EXPECT_EQ(cloned.key, 42u);
-    EXPECT_TRUE(cloned.valid);
-    ASSERT_EQ(cloned.results.size(), 1u);
-    EXPECT_EQ(cloned.results[0], node.results[0]);  // the same shared value
-    EXPECT_EQ(cloned.lastUsed, 3u);
-    EXPECT_EQ(cloned.stamp, 99u);
-    EXPECT_EQ(cloned.localKey, 7u);
-    EXPECT_EQ(cloned.inputKeys, node.inputKeys);
-    EXPECT_TRUE(cloned.passedThrough);
+    EXPECT_EQ(cloned.runtime.key, 42u);
+    EXPECT_TRUE(cloned.runtime.valid);
+    ASSERT_EQ(cloned.runtime.results.size(), 1u);
+    EXPECT_EQ(cloned.runtime.results[0], node.runtime.results[0]);  // the same shared value
+    EXPECT_EQ(cloned.runtime.lastUsed, 3u);
+    EXPECT_EQ(cloned.runtime.stamp, 99u);
+    EXPECT_EQ(cloned.runtime.localKey, 7u);
+    EXPECT_EQ(cloned.runtime.inputKeys, node.runtime.inputKeys);
+    EXPECT_TRUE(cloned.runtime.passedThrough);
 
     EXPECT_EQ(copy->outputNode(), state);
     EXPECT_EQ(copy->nodeId("group"), group);

@@ -1,9 +1,8 @@
-// Tools around the graph document: the default graph, the format-version rule, graph reports and
-// fitting keyed controls to a host.
+// Tools around the graph document: the default graph, graph reports and fitting keyed controls to
+// a host.
 
 #include "graph/graph_tools.h"
 
-#include <cmath>
 #include <memory>
 #include <optional>
 #include <utility>
@@ -46,7 +45,8 @@ bool feeds(const Graph& graph, std::uint32_t upstream, std::uint32_t id) {
 // Fits the controls of one graph's nodes, then of the graphs inside their definitions.
 class ControlFitter {
   public:
-    explicit ControlFitter(const std::set<std::string, std::less<>>& host) : host_(host) {}
+    ControlFitter(const std::set<std::string, std::less<>>& host, const OperatorRegistry& registry)
+        : host_(host), registry_(registry) {}
 
     void collect(const Json& graph) {
         forEachControlList(graph, [&](const Json&, const std::string&, const Json& names) {
@@ -186,13 +186,13 @@ class ControlFitter {
     const Operator* operatorOf(const std::string& type) {
         auto found = operators_.find(type);
         if (found != operators_.end()) return found->second.get();
-        const OperatorRegistry& registry = OperatorRegistry::instance();
         std::unique_ptr<Operator> op;
-        if (registry.contains(type)) op = registry.create(type);
+        if (registry_.contains(type)) op = registry_.create(type);
         return operators_.emplace(type, std::move(op)).first->second.get();
     }
 
     const std::set<std::string, std::less<>>& host_;
+    const OperatorRegistry& registry_;
     std::set<std::string, std::less<>> used_;
     std::map<std::string, std::string> renamed_;
     std::map<std::string, double> values_;
@@ -201,41 +201,7 @@ class ControlFitter {
 
 }  // namespace
 
-bool isWholeVersion(const Json& version) {
-    // Unsigned first: nlohmann counts an unsigned number as an integer too.
-    if (version.is_number_unsigned()) return version.get<std::uint64_t>() >= 1;
-    if (version.is_number_integer()) return version.get<std::int64_t>() >= 1;
-    if (!version.is_number_float()) return false;
-    const double number = version.get<double>();
-    return std::isfinite(number) && number >= 1.0 && std::floor(number) == number;
-}
-
-std::string versionText(const Json& version) {
-    if (version.is_number_float()) {
-        const double number = version.get<double>();
-        if (std::floor(number) == number && std::fabs(number) < 1e15) {
-            return std::to_string(static_cast<std::int64_t>(number));
-        }
-    }
-    return version.dump();
-}
-
-int checkFormatVersion(const Json& doc, int supported, std::string_view what) {
-    auto found = doc.find("version");
-    if (found == doc.end()) return 1;
-    const Json& version = *found;
-    if (!isWholeVersion(version)) {
-        throw SchemaError(std::string(what) + ": version " + version.dump() +
-                          " is not a whole number from 1");
-    }
-    if (version.get<double>() > supported) {
-        throw SchemaError(std::string(what) + " is of version " + versionText(version) +
-                          ", newer than this Velmorin reads: update Velmorin");
-    }
-    return static_cast<int>(version.get<double>());
-}
-
-std::string defaultGraphJson() {
+std::string defaultGraphJson(const OperatorRegistry& registry) {
     struct DefaultNode {
         const char* name;
         const char* type;
@@ -260,7 +226,6 @@ std::string defaultGraphJson() {
         {"width", "resample", "strands"},     {"resample", "output", "strands"},
     };
 
-    const OperatorRegistry& registry = OperatorRegistry::instance();
     Json nodes = Json::array();
     for (const DefaultNode& entry : kNodes) {
         Json node = Json::object();
@@ -357,10 +322,11 @@ std::vector<std::string> seedCollisions(const Graph& graph) {
 }
 
 std::map<std::string, double> fitControls(Json& graphJson,
-                                          const std::set<std::string, std::less<>>& hostControls) {
+                                          const std::set<std::string, std::less<>>& hostControls,
+                                          const OperatorRegistry& registry) {
     if (!graphJson.is_object()) throw SchemaError("graph JSON must be an object");
     Json fitted = graphJson;
-    ControlFitter fitter(hostControls);
+    ControlFitter fitter(hostControls, registry);
     fitter.collect(fitted);
     fitter.fit(fitted);
     std::map<std::string, double> values = fitter.takeValues();

@@ -1,7 +1,7 @@
 #pragma once
-// Tools around the graph document: the default graph a new groom starts from, the format-version
-// rule that every versioned document shares, reports about a graph (node versions, seeds that
-// collide), fitting a document's keyed controls to a host, and reading param values from JSON.
+// Tools around the graph document: the default graph a new groom starts from, reports about a
+// graph (node versions, seeds that collide), fitting a document's keyed controls to a host, and
+// reading param values from JSON.
 
 #include <map>
 #include <set>
@@ -11,6 +11,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "base/document.h"  // the format-version rule, which graph JSON shares
 #include "graph/graph.h"
 #include "graph/params.h"
 
@@ -21,19 +22,9 @@ inline constexpr int kGraphFormatVersion = 1;
 
 // The text of the graph a new groom starts from: Scalp and Guides, Scatter, Interpolate, Length,
 // Noise, HairColor, Width, Resample and Output in a chain. A node whose registered type is of a
-// version above 1 carries that version, so that a new groom never starts out of date.
-std::string defaultGraphJson();
-
-// Checks the "version" of a document against the newest version this Velmorin reads and returns it
-// (1 when absent). `what` names the document in messages ("graph JSON", "node file"...). Throws
-// SchemaError "<what> is of version N, newer than this Velmorin reads: update Velmorin", or
-// "<what>: version V is not a whole number from 1".
-int checkFormatVersion(const nlohmann::ordered_json& doc, int supported, std::string_view what);
-
-// Whether a "version" value is a whole number from 1: an integer, or a float without a fraction.
-bool isWholeVersion(const nlohmann::ordered_json& version);
-// A version value as messages show it: a whole float without its ".0" (4.0 shows as 4).
-std::string versionText(const nlohmann::ordered_json& version);
+// version above 1 carries that version, so that a new groom never starts out of date. The versions
+// are those of `registry`.
+std::string defaultGraphJson(const OperatorRegistry& registry = OperatorRegistry::instance());
 
 // A report of the graph as JSON: "nodeCount", "connectionCount", "output" (a name or null) and
 // "nodes", one object per node in id order with "id", "name", "type", "nodeVersion" (the version
@@ -56,8 +47,10 @@ std::vector<std::string> seedCollisions(const Graph& graph);
 // (for a vector, one component per control; a switch gives 0 or 1). A control whose value can't be
 // told (an unknown type, a mapped value) is renamed but has no entry. The document is changed only
 // when the fit succeeds; throws SchemaError "graph JSON must be an object" for anything else.
-std::map<std::string, double> fitControls(nlohmann::ordered_json& graphJson,
-                                          const std::set<std::string, std::less<>>& hostControls);
+// Param defaults are those of `registry`'s operators.
+std::map<std::string, double> fitControls(
+    nlohmann::ordered_json& graphJson, const std::set<std::string, std::less<>>& hostControls,
+    const OperatorRegistry& registry = OperatorRegistry::instance());
 
 // Reads a param value by its JSON type, before coercion to the param's kind (paramValueJson writes
 // it): bool, integer, float, string, [x, y, z] as a vec3, {"keys": [[position, value], ...],

@@ -55,30 +55,6 @@ TEST(DefaultGraph, HoldsTheChainANewGroomStartsFrom) {
                                         "width>resample.strands", "resample>output.strands"}));
 }
 
-TEST(FormatVersion, ReadsOlderAndRefusesNewer) {
-    EXPECT_EQ(checkFormatVersion(Json::object(), 1, "graph JSON"), 1);
-    EXPECT_EQ(checkFormatVersion(Json::parse(R"({"version": 2})"), 3, "node file"), 2);
-    EXPECT_EQ(checkFormatVersion(Json::parse(R"({"version": 3.0})"), 3, "node file"), 3);
-    const auto message = [](const char* text) {
-        try {
-            checkFormatVersion(Json::parse(text), 3, "look preset");
-        } catch (const SchemaError& error) {
-            return std::string(error.what());
-        }
-        return std::string("no error");
-    };
-    EXPECT_EQ(message(R"({"version": 4})"),
-              "look preset is of version 4, newer than this Velmorin reads: update Velmorin");
-    EXPECT_EQ(message(R"({"version": 18446744073709551615})"),
-              "look preset is of version 18446744073709551615, newer than this Velmorin reads: "
-              "update Velmorin");
-    EXPECT_EQ(message(R"({"version": 2.5})"),
-              "look preset: version 2.5 is not a whole number from 1");
-    EXPECT_EQ(message(R"({"version": 0})"), "look preset: version 0 is not a whole number from 1");
-    EXPECT_EQ(message(R"({"version": "1"})"),
-              "look preset: version \"1\" is not a whole number from 1");
-}
-
 TEST(GraphInfo, ReportsEachNodesVersion) {
     test::registerDocOperators();
     Graph graph;

@@ -388,19 +388,12 @@ Vec3f ParamSet::getVec3(std::string_view name, Vec3f fallback) const {
 
 Ramp ParamSet::getRamp(std::string_view name, const Ramp& fallback) const {
     noteRead(name);
-    // A connected Curve input replaces the ramp the param holds.
-    if (const auto found = curves.find(name); found != curves.end() && found->second) {
-        return *found->second;
-    }
     if (const Ramp* v = setOrDefault<Ramp>(*this, name)) return *v;
     return fallback;
 }
 
-std::shared_ptr<const FieldValue> ParamSet::field(std::string_view name) const {
+std::shared_ptr<const FieldValue> ParamSet::constantField(std::string_view name) const {
     noteRead(name);
-    if (const auto found = fields.find(name); found != fields.end() && found->second) {
-        return found->second;
-    }
     // A vector is a colour field; everything else its plain number (a map reference, resolved
     // elsewhere, reads as its default here).
     const ParamValue* value = lookup(name);

@@ -20,9 +20,6 @@
 namespace velmorin {
 
 class FieldValue;
-class FieldSampler;
-class StrandSet;
-struct FieldScene;
 
 // Where a mapped param reads its values from. Exactly one source per reference.
 enum class MapSource : std::uint8_t { Texture, ColorSet, Attribute, Expression, Guide };
@@ -124,8 +121,10 @@ class ParamReadLog {
     std::vector<std::string> names_;
 };
 
-// An operator's current parameter state. Reads fall back from `values` to `defaults` to the
-// caller's fallback; they never throw except checked().
+// An operator's current parameter state: what the user set, over the declared defaults. Reads fall
+// back from `values` to `defaults` to the caller's fallback; they never throw except checked().
+// What connected inputs deliver during an evaluation is not kept here but beside the node
+// (graph/delivered_params.h).
 class ParamSet {
   public:
     struct Limits {
@@ -140,8 +139,6 @@ class ParamSet {
     std::map<std::string, ParamValue, std::less<>> values;  // what the user set
     std::shared_ptr<const std::map<std::string, Limits, std::less<>>> limits;
     std::shared_ptr<const std::map<std::string, ParamValue, std::less<>>> defaults;
-    std::map<std::string, std::shared_ptr<const FieldValue>, std::less<>> fields;
-    std::map<std::string, std::shared_ptr<const Ramp>, std::less<>> curves;
 
     // Fills specs, limits and defaults from the full list of a node's params; values stay.
     void declare(const std::vector<ParamSpec>& specs);
@@ -151,21 +148,16 @@ class ParamSet {
     double getFloat(std::string_view name, double fallback) const;
     std::string getString(std::string_view name, const std::string& fallback) const;
     Vec3f getVec3(std::string_view name, Vec3f fallback) const;
-    // A ramp delivered by a connected Curve input (in `curves`) comes before the param's own.
+    // The param's own ramp (a ramp delivered by a connected Curve input comes before it: see
+    // paramRamp in graph/delivered_params.h).
     Ramp getRamp(std::string_view name, const Ramp& fallback) const;
-    // The delivered field of a connected param, else a constant field of its value: a vec3 as a
-    // colour, anything else as its number clamped like getFloat (a map reference, which is
-    // resolved where strands are known, as its default; an unknown name as 0). Never null.
-    std::shared_ptr<const FieldValue> field(std::string_view name) const;
-    // The sampler of a mappable param for a run on `strands`: a delivered field, else the map the
-    // param holds, resolved against fieldScene and the strands, else its plain number. Throws
-    // GraphError naming the param when a map can't be read (see fields/field_sampler.h).
-    FieldSampler field(std::string_view name, const StrandSet& strands) const;
-    // The same before strands exist, sampled with at(location).
-    FieldSampler fieldAtRoots(std::string_view name) const;
-
-    // The scalp, maps and guides that mapped params read in this run; set by the graph.
-    std::shared_ptr<const FieldScene> fieldScene;
+    // A constant field of the param's value: a vec3 as a colour, anything else as its number
+    // clamped like getFloat (a map reference, which is resolved where strands are known, as its
+    // default; an unknown name as 0). Never null.
+    std::shared_ptr<const FieldValue> constantField(std::string_view name) const;
+    // Notes a read of `name` in the read log, for reads served from beside the params (a
+    // delivered field or ramp).
+    void noteRead(std::string_view name) const;
 
     // Sets a value through coerceParam with "param 'name'" as context. Throws GraphError for an
     // unknown name or a value the param can't take; the old value stands then.
@@ -181,7 +173,6 @@ class ParamSet {
 
   private:
     const ParamValue* lookup(std::string_view name) const;
-    void noteRead(std::string_view name) const;
 
     std::shared_ptr<const SpecTable> specs_;
 };

@@ -7,7 +7,9 @@
 
 #include <gtest/gtest.h>
 
+#include "graph/delivered_params.h"
 #include "graph/errors.h"
+#include "graph/eval_context.h"
 #include "graph/field_value.h"
 
 namespace velmorin {
@@ -291,30 +293,42 @@ TEST(ParamSet, CheckedAndHasKnowOnlyDeclaredOrSetNames) {
 
 TEST(ParamSet, FieldIsTheDeliveredFieldElseAConstantOfTheValue) {
     ParamSet set = declaredSet();
+    DeliveredParams delivered;
+    EvalContext ctx;
+    ctx.delivered = &delivered;
     set.set("length", 4.0);
-    EXPECT_EQ(set.field("length")->atStrand(0), 4.0f);
+    EXPECT_EQ(paramField(set, ctx, "length")->atStrand(0), 4.0f);
     set.set("length", 40.0);
-    EXPECT_EQ(set.field("length")->atStrand(0), 10.0f);  // clamped like getFloat
-    EXPECT_EQ(set.field("on")->atStrand(0), 1.0f);
-    EXPECT_TRUE(set.field("tint")->isColor());
-    EXPECT_EQ(set.field("tint")->vectorAt(0), (Vec3f{1, 0.5f, 0}));
+    EXPECT_EQ(paramField(set, ctx, "length")->atStrand(0), 10.0f);  // clamped like getFloat
+    EXPECT_EQ(paramField(set, ctx, "on")->atStrand(0), 1.0f);
+    EXPECT_TRUE(paramField(set, ctx, "tint")->isColor());
+    EXPECT_EQ(paramField(set, ctx, "tint")->vectorAt(0), (Vec3f{1, 0.5f, 0}));
 
     MapReference map;
     map.text = "density";
     set.set("length", map);
-    EXPECT_EQ(set.field("length")->atStrand(0), 2.0f);  // a map unresolved reads as the default
+    // A map unresolved reads as the default.
+    EXPECT_EQ(paramField(set, ctx, "length")->atStrand(0), 2.0f);
 
-    auto delivered = std::make_shared<ConstantFieldValue>(0.125f);
-    set.fields["length"] = delivered;
-    EXPECT_EQ(set.field("length"), delivered);
+    auto field = std::make_shared<ConstantFieldValue>(0.125f);
+    delivered.fields["length"] = field;
+    EXPECT_EQ(paramField(set, ctx, "length"), field);
+    // Without the run's deliveries the params give their own value.
+    EXPECT_EQ(paramField(set, EvalContext{}, "length")->atStrand(0), 2.0f);
+    EXPECT_EQ(set.constantField("length")->atStrand(0), 2.0f);
 }
 
 TEST(ParamSet, ConnectedCurveReplacesTheRamp) {
     ParamSet set = declaredSet();
     auto curve = std::make_shared<Ramp>();
     curve->keys = {{0, 5, 0}};
-    set.curves["profile"] = curve;
-    EXPECT_EQ(set.getRamp("profile", {}), *curve);
+    DeliveredParams delivered;
+    delivered.curves["profile"] = curve;
+    EvalContext ctx;
+    ctx.delivered = &delivered;
+    EXPECT_EQ(paramRamp(set, ctx, "profile", {}), *curve);
+    EXPECT_NE(set.getRamp("profile", {}), *curve);
+    EXPECT_EQ(paramRamp(set, EvalContext{}, "profile", {}), set.getRamp("profile", {}));
 }
 
 TEST(ParamSet, CopiesShareTablesButNotValues) {
@@ -351,7 +365,7 @@ TEST(ParamReadLog, NotesEachReadNameOnceInFirstReadOrder) {
     set.getFloat("length", 0);
     set.getInt("count", 0);
     set.getFloat("length", 0);
-    set.field("tint");
+    set.constantField("tint");
     set.getFloat("missing", 0);
     EXPECT_EQ(set.readLog->names(),
               (std::vector<std::string>{"length", "count", "tint", "missing"}));

@@ -2,29 +2,18 @@
 
 #include <cstddef>
 
+#include "base/key_segment.h"
+
 namespace velmorin {
 
 float Ramp::at(float t) const {
     if (keys.empty()) return 1.0f;
-    // Past the last key the last value holds. Checked first so that keys sharing the last
-    // position give the upper one's value there.
-    if (t >= keys.back().position) return keys.back().value;
-    if (t < keys.front().position) return keys.front().value;
-
-    // The segment ends at the first key past t. Where several keys share t's position this lands
-    // behind the last of them, so the upper key's value holds at that position: a step ramp
-    // steps exactly there.
-    std::size_t upper = 1;
-    while (upper + 1 < keys.size() && keys[upper].position <= t)
-        ++upper;
-    const RampKey& k0 = keys[upper - 1];
-    const RampKey& k1 = keys[upper];
-
+    const KeySegment segment = findKeySegment(keys, t);
+    if (segment.isSingleKey()) return keys[segment.lower].value;
+    const RampKey& k0 = keys[segment.lower];
+    const RampKey& k1 = keys[segment.upper];
     const float span = k1.position - k0.position;
-    // A segment of no length (keys at one position, or out of order) gives the upper key's value.
-    if (span <= 0.0f) return k1.value;
-
-    const float f = (t - k0.position) / span;
+    const float f = segment.fraction;
     if (linear) return k0.value + (k1.value - k0.value) * f;
 
     // Cubic Hermite; slopes are per unit of t, the basis wants them per unit of f.

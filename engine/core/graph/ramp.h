@@ -18,8 +18,9 @@ struct Ramp {
     bool linear = false;  // straight lines between keys instead of the smooth form
 
     bool operator==(const Ramp&) const = default;
-    // 1 with no keys; clamps to the end keys outside them. Where keys share a position the later
-    // one's value holds from that position on, so two keys at one position make a step.
+    // 1 with no keys; clamps to the end keys outside them (and gives the first key's value for a t
+    // that is not a number). Where keys share a position the later one's value holds from that
+    // position on, so two keys at one position make a step.
     float at(float t) const;
 };
 

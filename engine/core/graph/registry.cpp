@@ -153,9 +153,11 @@ std::unique_ptr<Operator> OperatorRegistry::recreate(const Operator& op) const {
     copy->name = op.name;
     copy->savedVersion = op.savedVersion;
     copy->copyStateFrom(op);
-    copy->paramSet.fields.clear();
-    copy->paramSet.curves.clear();
     return copy;
+}
+
+void OperatorRegistry::setMappedParams(std::shared_ptr<const MappedParams> mapped) {
+    mappedParams_ = std::move(mapped);
 }
 
 std::vector<std::string> OperatorRegistry::types() const {

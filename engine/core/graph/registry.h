@@ -1,7 +1,9 @@
 #pragma once
 // The operator registry: every node type of the system, made by type name, with its menu data. A
 // process-wide singleton, filled on first use by one function that registers each built-in operator
-// in a fixed order; read-only after that.
+// in a fixed order; read-only after that. The singleton lives with the built-in operators, above
+// the graph: the graph never reaches for it but works with the registry it is given, so that a
+// registry of other operators (a test's) serves as well.
 
 #include <array>
 #include <functional>
@@ -14,6 +16,7 @@
 #include <nlohmann/json.hpp>
 
 #include "graph/operator.h"
+#include "graph/run_scene.h"
 
 namespace velmorin {
 
@@ -49,7 +52,8 @@ std::string labelFromType(std::string_view type);
 
 class OperatorRegistry {
   public:
-    // The process-wide registry, with every built-in operator registered.
+    // The process-wide registry, with every built-in operator registered. Defined with the
+    // built-in operators; thread-safe through its function-local static.
     static OperatorRegistry& instance();
 
     void registerType(const std::string& type, OperatorFactory factory, OperatorInfo info);
@@ -60,7 +64,7 @@ class OperatorRegistry {
     // A new operator with its params declared. Throws GraphError "unknown operator type 'x'".
     std::unique_ptr<Operator> create(std::string_view type) const;
     // A new operator of `op`'s type with its params, name, saved version and run-time state
-    // (copyStateFrom); fields and curves delivered to its params are not carried.
+    // (copyStateFrom).
     std::unique_ptr<Operator> recreate(const Operator& op) const;
     std::vector<std::string> types() const;  // name order
     std::string label(std::string_view type) const;
@@ -70,6 +74,11 @@ class OperatorRegistry {
     // One object per registered type, in name order, with every key of the operator schema.
     nlohmann::ordered_json schemaJson() const;
 
+    // What evaluation asks of mapped params (the scene of a run, what maps add to a key); null
+    // until the layer of mapped params installs it.
+    void setMappedParams(std::shared_ptr<const MappedParams> mapped);
+    const MappedParams* mappedParams() const { return mappedParams_.get(); }
+
   private:
     struct Entry {
         OperatorFactory factory;
@@ -77,9 +86,11 @@ class OperatorRegistry {
         std::vector<UpgradeStep> upgrades;
     };
     std::map<std::string, Entry, std::less<>> entries_;
+    std::shared_ptr<const MappedParams> mappedParams_;
 };
 
-// Registers every built-in operator, in the fixed order. Defined with the operators.
+// Registers every built-in operator, in the fixed order, and installs the mapped params they
+// read. Defined with the operators.
 void registerBuiltinOperators(OperatorRegistry& registry);
 
 }  // namespace velmorin

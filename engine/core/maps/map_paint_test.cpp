@@ -20,6 +20,11 @@ float byteValue(int byte) {
     return static_cast<float>(byte) * (1.0f / 255.0f);
 }
 
+// Every byte of the image, to compare whole images.
+std::vector<std::uint8_t> bytesOf(const TexturePaint& paint) {
+    return {paint.bytePixels().begin(), paint.bytePixels().end()};
+}
+
 MapDab dabOf(float value, PaintMode mode, float strength = 1.0f) {
     MapDab dab;
     dab.value = {value, value, value, value};
@@ -211,7 +216,7 @@ TEST(PaintMapDab, PaintsTheVerticesAndTexelsWithinReach) {
 TEST(TexturePaint, AnEditUndoesAndRedoesByteForByte) {
     const auto plane = makeUvPlane(1.0f, 8);
     TexturePaint paint(40, 40, 1);
-    const std::vector<std::uint8_t> blank(paint.bytePixels().begin(), paint.bytePixels().end());
+    const std::vector<std::uint8_t> blank = bytesOf(paint);
     MapCanvas canvas = MapCanvas::texture(paint);
     MapDab add = dabOf(0.25f, PaintMode::Add);
     add.hardness = 1.0f;
@@ -222,17 +227,15 @@ TEST(TexturePaint, AnEditUndoesAndRedoesByteForByte) {
     TextureEdit edit = paint.endEdit();
     // Within one stroke the dabs add to what the stroke found, not to each other.
     EXPECT_EQ(paint.value(20, 20, 0), byteValue(64));
-    const std::vector<std::uint8_t> painted(paint.bytePixels().begin(), paint.bytePixels().end());
+    const std::vector<std::uint8_t> painted = bytesOf(paint);
     EXPECT_FALSE(edit.empty());
     EXPECT_GT(edit.right, edit.left);
 
     const std::uint64_t serial = paint.serial();
     paint.applyEdit(edit);
-    EXPECT_EQ(std::vector<std::uint8_t>(paint.bytePixels().begin(), paint.bytePixels().end()),
-              blank);
+    EXPECT_EQ(bytesOf(paint), blank);
     paint.applyEdit(edit);
-    EXPECT_EQ(std::vector<std::uint8_t>(paint.bytePixels().begin(), paint.bytePixels().end()),
-              painted);
+    EXPECT_EQ(bytesOf(paint), painted);
     EXPECT_EQ(paint.serial(), serial + 2);
 
     // A second stroke adds again; a stroke that changes nothing leaves an empty record.
@@ -271,13 +274,12 @@ TEST(TexturePaint, RefusesMisuseWithItsMessages) {
     expectMessage([&] { paint.setChannels(4); },
                   "TexturePaint: setChannels while an edit is being recorded");
     paint.endEdit();
-    const std::vector<std::uint8_t> before(paint.bytePixels().begin(), paint.bytePixels().end());
+    const std::vector<std::uint8_t> before = bytesOf(paint);
     expectMessage([&] { paint.applyEdit(ofOther); },
                   "TexturePaint::applyEdit: the edit is of another image");
     expectMessage([&] { paint.applyEdit(shorter); },
                   "TexturePaint::applyEdit: the edit's values are short");
-    EXPECT_EQ(std::vector<std::uint8_t>(paint.bytePixels().begin(), paint.bytePixels().end()),
-              before);
+    EXPECT_EQ(bytesOf(paint), before);
     expectMessage([&] { paint.setChannels(2); },
                   "TexturePaint: a map has 1 channel (gray) or 4 (color)");
 

@@ -1,8 +1,7 @@
 #include "maps/scalp_maps.h"
 
+#include "base/document.h"
 #include "base/json_numbers.h"
-#include "graph/errors.h"
-#include "graph/graph_tools.h"
 #include "maps/texture.h"
 #include "mesh/scalp_mesh.h"
 
@@ -11,7 +10,12 @@ namespace {
 
 using Json = nlohmann::ordered_json;
 
-constexpr int kScalpMapsVersion = 1;
+// A map may bear any name, "version" too.
+constexpr DocumentFormat kScalpMaps{.kind = "scalp maps",
+                                    .version = 1,
+                                    .invalidJson = "scalpMaps: invalid JSON: ",
+                                    .notAnObject = "scalpMaps: expected an object of maps",
+                                    .keysAreNames = true};
 
 [[noreturn]] void fail(const std::string& name, const std::string& rest) {
     throw SchemaError("scalpMaps: map '" + name + "' " + rest);
@@ -71,20 +75,9 @@ const ScalpMap* ScalpMaps::find(std::string_view name) const {
 
 ScalpMaps ScalpMaps::fromJson(std::string_view text) {
     ScalpMaps result;
-    if (text.empty()) return result;
-    Json doc;
-    try {
-        doc = Json::parse(text);
-    } catch (const Json::exception& e) {
-        throw SchemaError(std::string("scalpMaps: invalid JSON: ") + e.what());
-    }
-    if (!doc.is_object()) throw SchemaError("scalpMaps: expected an object of maps");
-    // "version" is the format's version unless it holds a map (a map may bear any name).
-    const auto version = doc.find("version");
-    if (version != doc.end() && !version->is_object()) {
-        checkFormatVersion(doc, kScalpMapsVersion, "scalp maps");
-    }
-    for (const auto& [name, json] : doc.items()) {
+    const std::optional<Json> doc = openDocument(text, kScalpMaps);
+    if (!doc) return result;
+    for (const auto& [name, json] : doc->items()) {
         if (name == "version" && !json.is_object()) continue;
         result.maps.emplace(name, mapFromJson(name, json));
     }
@@ -109,7 +102,7 @@ std::string ScalpMaps::toJson() const {
         doc[name] = std::move(json);
     }
     // A map named "version" is written as it is; the reader tells it by its object.
-    if (!doc.contains("version")) doc["version"] = kScalpMapsVersion;
+    if (!doc.contains("version")) doc["version"] = kScalpMaps.version;
     return doc.dump();
 }
 

@@ -2,7 +2,8 @@
 
 #include <gtest/gtest.h>
 
-#include "graph/errors.h"
+#include "base/document.h"
+#include "base/test/expect_message.h"
 #include "maps/texture.h"
 #include "mesh/sample_meshes.h"
 
@@ -78,15 +79,10 @@ TEST(ScalpMaps, AVertexMapFitsOnlyAScalpOfItsVertexCount) {
     const ScalpMap other{MapKind::Vertices, 4, std::vector<float>(16), ""};
     EXPECT_NO_THROW(checkMapFitsScalp("tint", fits, *plane));
     EXPECT_NO_THROW(checkMapFitsScalp("tex", {MapKind::Texture, 1, {}, "a.png"}, *plane));
-    try {
-        checkMapFitsScalp("tint", other, *plane);
-        ADD_FAILURE();
-    } catch (const TextureError& e) {
-        EXPECT_STREQ(
-            e.what(),
-            "map 'tint' was painted on a scalp with 4 vertices; this one has 9 (convert it to a "
-            "texture or guide layer on the old scalp, or fill it anew)");
-    }
+    test::expectMessage<TextureError>(
+        [&] { checkMapFitsScalp("tint", other, *plane); },
+        "map 'tint' was painted on a scalp with 4 vertices; this one has 9 (convert it to a "
+        "texture or guide layer on the old scalp, or fill it anew)");
 }
 
 }  // namespace

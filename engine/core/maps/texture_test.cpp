@@ -6,12 +6,14 @@
 #include <gtest/gtest.h>
 
 #include "base/memory_report.h"
+#include "base/test/expect_message.h"
 #include "maps/test/map_test_support.h"
 #include "maps/texture_cache.h"
 
 namespace velmorin {
 namespace {
 
+using test::expectMessage;
 using test::ScratchFolder;
 using test::writeFlatPng;
 
@@ -65,12 +67,8 @@ TEST(Texture, SamplesBilinearlyWithVUpAndClampsAtTheEdges) {
     const Texture rgb(1, 1, 3, std::vector<float>{0.1f, 0.2f, 0.3f});
     EXPECT_EQ(rgb.sample(0.5f, 0.5f), (Rgba{0.1f, 0.2f, 0.3f, 1.0f}));
 
-    try {
-        Texture(2, 2, 1, std::vector<std::uint8_t>(3));
-        ADD_FAILURE();
-    } catch (const std::invalid_argument& e) {
-        EXPECT_STREQ(e.what(), "Texture: size does not match its data");
-    }
+    expectMessage([] { Texture(2, 2, 1, std::vector<std::uint8_t>(3)); },
+                  "Texture: size does not match its data");
 }
 
 TEST(Texture, UdimSetsReadTheirTilesOnFirstUse) {
@@ -96,13 +94,13 @@ TEST(Texture, UdimSetsReadTheirTilesOnFirstUse) {
 
     // The set shares its tiles with the cache and with every other load of it.
     EXPECT_EQ(Texture::loadUdim(folder.file("hair_<UDIM>.png"))->tile(1011), set->tile(1011));
-    try {
-        Texture::loadUdim(folder.file("hair.png"));
-        ADD_FAILURE();
-    } catch (const std::invalid_argument& e) {
-        EXPECT_STREQ(e.what(), "Texture: a UDIM pattern needs <UDIM>");
-    }
-    EXPECT_THROW(Texture::loadUdim(folder.file("none_<UDIM>.png")), TextureError);
+    expectMessage([&] { Texture::loadUdim(folder.file("hair.png")); },
+                  "Texture: a UDIM pattern needs <UDIM>");
+    const std::string none = folder.file("none_<UDIM>.png");
+    expectMessage<TextureError>(
+        [&] { Texture::loadUdim(none); },
+        "Texture: no tile of the UDIM set " + none +
+            " is on disk (tiles are numbered 1001 to 1100): check the path");
 }
 
 TEST(Texture, MissingAndBrokenFilesAreClearErrors) {

@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <cmath>
-#include <limits>
 
 #include "base/hash.h"
 #include "mesh/scalp_mesh.h"
@@ -34,9 +33,7 @@ TEST(ScalpMeshTree, AgreesWithExhaustiveSearchAtEverySize) {
         const auto& p = mesh.points();
         for (std::uint64_t i = 0; i < 60; ++i) {
             const Vec3f q = hashedPoint(hashCombine(count, i), 7.0f);
-            float nearest = std::numeric_limits<float>::infinity();
-            for (const Triangle& t : mesh.triangles())
-                nearest = std::min(nearest, referenceDistance(q, p[t[0]], p[t[1]], p[t[2]]));
+            const float nearest = referenceDistance(mesh, q);
             const ClosestPoint hit = mesh.closestPoint(q);
             ASSERT_TRUE(hit.found()) << count;
             EXPECT_NEAR(hit.distance, nearest, 1e-4f * std::max(1.0f, nearest)) << count;

@@ -8,30 +8,18 @@
 #include <limits>
 
 #include "base/hash.h"
+#include "base/test/expect_message.h"
 #include "mesh/sample_meshes.h"
 #include "mesh/test/mesh_checks.h"
 
 namespace velmorin {
 namespace {
 
+using test::expectMessage;
 using test::hashedPoint;
 
-// The box [-1, 1]^3 as twelve outward-facing triangles.
 std::shared_ptr<const ScalpMesh> closedCube() {
-    std::vector<Vec3f> points;
-    for (int i = 0; i < 8; ++i)
-        points.push_back({i & 1 ? 1.0f : -1.0f, i & 2 ? 1.0f : -1.0f, i & 4 ? 1.0f : -1.0f});
-    std::vector<Triangle> triangles;
-    for (const auto& q : {std::array<std::uint32_t, 4>{0, 2, 3, 1},
-                          {4, 5, 7, 6},
-                          {0, 1, 5, 4},
-                          {2, 6, 7, 3},
-                          {0, 4, 6, 2},
-                          {1, 3, 7, 5}}) {
-        triangles.push_back({q[0], q[1], q[2]});
-        triangles.push_back({q[0], q[2], q[3]});
-    }
-    return std::make_shared<ScalpMesh>(points, triangles);
+    return std::make_shared<ScalpMesh>(test::quadCube(0));
 }
 
 // Signed distance to the box [-1, 1]^3, worked out from its faces.
@@ -108,28 +96,18 @@ TEST(MeshDistanceField, BoundsOverBoxesAndGridLimits) {
 
 TEST(MeshDistanceField, RejectsBadArguments) {
     const auto cube = closedCube();
-    const std::vector<std::pair<std::function<void()>, std::string>> cases = {
-        {[&] { MeshDistanceField(nullptr, 0.1f, 0.1f, 8); },
-         "MeshDistanceField: no mesh was given."},
-        {[&] { MeshDistanceField(cube, 0.0f, 0.1f, 8); },
-         "MeshDistanceField: the voxel size must be above 0."},
-        {[&] { MeshDistanceField(cube, std::nanf(""), 0.1f, 8); },
-         "MeshDistanceField: the voxel size must be above 0."},
-        {[&] { MeshDistanceField(cube, 0.1f, -1.0f, 8); },
-         "MeshDistanceField: the band must not be negative."},
-        {[&] { MeshDistanceField(cube, 0.1f, 0.1f, 0); },
-         "MeshDistanceField: the resolution must be 1 to 1024."},
-        {[&] { sharedDistanceField(nullptr, 0.1f, 0.1f, 8); },
-         "sharedDistanceField: no mesh was given."},
-    };
-    for (const auto& [call, message] : cases) {
-        try {
-            call();
-            ADD_FAILURE() << "no error for: " << message;
-        } catch (const std::invalid_argument& e) {
-            EXPECT_EQ(std::string(e.what()), message);
-        }
-    }
+    expectMessage([&] { MeshDistanceField(nullptr, 0.1f, 0.1f, 8); },
+                  "MeshDistanceField: no mesh was given.");
+    expectMessage([&] { MeshDistanceField(cube, 0.0f, 0.1f, 8); },
+                  "MeshDistanceField: the voxel size must be above 0.");
+    expectMessage([&] { MeshDistanceField(cube, std::nanf(""), 0.1f, 8); },
+                  "MeshDistanceField: the voxel size must be above 0.");
+    expectMessage([&] { MeshDistanceField(cube, 0.1f, -1.0f, 8); },
+                  "MeshDistanceField: the band must not be negative.");
+    expectMessage([&] { MeshDistanceField(cube, 0.1f, 0.1f, 0); },
+                  "MeshDistanceField: the resolution must be 1 to 1024.");
+    expectMessage([&] { sharedDistanceField(nullptr, 0.1f, 0.1f, 8); },
+                  "sharedDistanceField: no mesh was given.");
 }
 
 TEST(DistanceFieldCache, ReadsItsBudgetInWholeMebibytes) {

@@ -116,7 +116,6 @@ struct SurfaceFrame {
 
 class ScalpMesh {
   public:
-    class BvhTree;
     class LazyBvh;
 
     ScalpMesh();

@@ -3,40 +3,18 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <functional>
 
 #include "base/memory_report.h"
+#include "base/test/expect_message.h"
 #include "mesh/sample_meshes.h"
+#include "mesh/test/mesh_checks.h"
 
 namespace velmorin {
 namespace {
 
-using Quad = std::array<std::uint32_t, 4>;
-
-// Quads as two triangles each, split along the diagonal from corner `split` (0 or 1), so that
-// the polygons' loops must be recovered from differently cut triangles.
-ScalpMesh quadMesh(std::vector<Vec3f> points, const std::vector<Quad>& quads, int split) {
-    std::vector<Triangle> triangles;
-    for (const Quad& q : quads) {
-        const auto at = [&](int k) { return q[(k + split) % 4]; };
-        triangles.push_back({at(0), at(1), at(2)});
-        triangles.push_back({at(0), at(2), at(3)});
-    }
-    ScalpMesh mesh(std::move(points), std::move(triangles));
-    mesh.setPolygons(std::vector<std::int32_t>(quads.size(), 2));
-    return mesh;
-}
-
-ScalpMesh cube(int split) {
-    std::vector<Vec3f> points;
-    for (int i = 0; i < 8; ++i)
-        points.push_back({i & 1 ? 1.0f : -1.0f, i & 2 ? 1.0f : -1.0f, i & 4 ? 1.0f : -1.0f});
-    // Counter-clockwise seen from outside.
-    return quadMesh(
-        points,
-        {{0, 2, 3, 1}, {4, 5, 7, 6}, {0, 1, 5, 4}, {2, 6, 7, 3}, {0, 4, 6, 2}, {1, 3, 7, 5}},
-        split);
-}
+using test::expectMessage;
+using test::quadCube;
+using test::quadMesh;
 
 std::vector<Vec3f> sorted(std::vector<Vec3f> points) {
     std::sort(points.begin(), points.end(), [](const Vec3f& a, const Vec3f& b) {
@@ -80,7 +58,7 @@ TEST(SubdivisionPlan, OneLevelOfACubeMovesCornersAndAddsEdgeAndFacePoints) {
     added = sorted(added);
 
     for (int split : {0, 1}) {
-        const ScalpMesh cage = cube(split);
+        const ScalpMesh cage = quadCube(split);
         const SubdivisionPlan plan(cage, 1);
         ASSERT_EQ(plan.pointCount(), 26u);
         EXPECT_EQ(plan.triangles().size(), 48u);
@@ -102,7 +80,7 @@ TEST(SubdivisionPlan, OneLevelOfACubeMovesCornersAndAddsEdgeAndFacePoints) {
 
 TEST(SubdivisionPlan, DeeperLevelsKeepTheCubeClosed) {
     // A closed surface keeps V - E + F = 2 at every level; F is 6 * 4^levels quads.
-    const ScalpMesh cage = cube(0);
+    const ScalpMesh cage = quadCube(0);
     for (int levels : {2, 3}) {
         const SubdivisionPlan plan(cage, levels);
         const std::size_t faces = 6u << (2 * levels);
@@ -182,24 +160,15 @@ TEST(SubdivisionPlan, SharesPlansByTopologyAndGrouping) {
 TEST(SubdivisionPlan, RejectsWrongLevelsAndListsWithTheirMessages) {
     const auto plane = makeUvPlane(1.0f, 2);
     const SubdivisionPlan plan(*plane, 1);
-    const std::vector<std::pair<std::function<void()>, std::string>> cases = {
-        {[&] { SubdivisionPlan(*plane, 0); }, "SubdivisionPlan: levels must be 1 to 3"},
-        {[&] { SubdivisionPlan::of(*plane, 4); }, "SubdivisionPlan: levels must be 1 to 3"},
-        {[&] { plan.apply(std::vector<Vec3f>(8)); },
-         "SubdivisionPlan: the points are not the cage's"},
-        {[&] { plan.applyValues(std::vector<float>(10)); },
-         "SubdivisionPlan: the values are not the cage's vertices'"},
-        {[&] { plan.applyValues(std::vector<Vec3f>(0)); },
-         "SubdivisionPlan: the values are not the cage's vertices'"},
-    };
-    for (const auto& [call, message] : cases) {
-        try {
-            call();
-            ADD_FAILURE() << "no error for: " << message;
-        } catch (const std::invalid_argument& e) {
-            EXPECT_EQ(std::string(e.what()), message);
-        }
-    }
+    expectMessage([&] { SubdivisionPlan(*plane, 0); }, "SubdivisionPlan: levels must be 1 to 3");
+    expectMessage([&] { SubdivisionPlan::of(*plane, 4); },
+                  "SubdivisionPlan: levels must be 1 to 3");
+    expectMessage([&] { plan.apply(std::vector<Vec3f>(8)); },
+                  "SubdivisionPlan: the points are not the cage's");
+    expectMessage([&] { plan.applyValues(std::vector<float>(10)); },
+                  "SubdivisionPlan: the values are not the cage's vertices'");
+    expectMessage([&] { plan.applyValues(std::vector<Vec3f>(0)); },
+                  "SubdivisionPlan: the values are not the cage's vertices'");
 }
 
 }  // namespace

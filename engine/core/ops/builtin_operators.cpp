@@ -1,3 +1,4 @@
+#include "fields/mapped_params.h"
 #include "graph/registry.h"
 #include "ops/field_ops.h"
 #include "ops/source_ops.h"
@@ -19,6 +20,8 @@ void registerBuiltinOperators(OperatorRegistry& registry) {
     registerFieldCombineOperator(registry);
     registerCurveOperator(registry);
     registerValueOperator(registry);
+    // What the operators' mapped params read, asked for by evaluation.
+    installFieldMappedParams(registry);
 }
 
 OperatorRegistry& OperatorRegistry::instance() {

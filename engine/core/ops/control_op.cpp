@@ -3,7 +3,6 @@
 #include "base/hash.h"
 #include "graph/field_value.h"
 #include "graph/registry.h"
-#include "graph/uniform_value.h"
 #include "ops/field_op_params.h"
 #include "ops/field_ops.h"
 
@@ -51,21 +50,11 @@ class ControlOp final : public Operator {
     }
     // The host's value arrives as a scene input, so that the result is keyed by it.
     std::vector<std::string> sceneInputs() const override {
-        return {"control:" + paramSet.getString("name", "control")};
+        return {controlInputName(paramSet.getString("name", "control"))};
     }
     Value evaluate(const EvalContext& ctx, const std::vector<Value>&) const override {
         const std::string name = paramSet.getString("name", "control");
-        const SceneInput* input = ctx.sceneInput("control:" + name);
-        std::optional<double> value;
-        if (input) {
-            if (const auto uniform = input->value.get<UniformValue>()) {
-                if (const double* number = std::get_if<double>(&uniform->value)) value = *number;
-                if (const std::int64_t* whole = std::get_if<std::int64_t>(&uniform->value))
-                    value = static_cast<double>(*whole);
-            } else if (const auto field = input->value.get<FieldValue>()) {
-                value = field->atStrand(0);
-            }
-        }
+        std::optional<double> value = controlValue(ctx, name);
         if (!value) {
             ctx.note("Control '" + name +
                      "': the groom has no value for this attribute yet, so the default applies");

@@ -1,5 +1,7 @@
 #include <algorithm>
 
+#include "base/key_segment.h"
+#include "graph/delivered_params.h"
 #include "graph/errors.h"
 #include "graph/registry.h"
 #include "ops/field_op_params.h"
@@ -27,20 +29,11 @@ Ramp eased(const Ramp& ramp) {
         float value = 1.0f;
         const auto& keys = ramp.keys;
         if (!keys.empty()) {
-            if (t <= keys.front().position) {
-                value = keys.front().value;
-            } else if (t >= keys.back().position) {
-                value = keys.back().value;
-            } else {
-                std::size_t upper = 1;
-                while (upper + 1 < keys.size() && keys[upper].position <= t)
-                    ++upper;
-                const RampKey& k0 = keys[upper - 1];
-                const RampKey& k1 = keys[upper];
-                const float span = k1.position - k0.position;
-                const float f = span > 0.0f ? (t - k0.position) / span : 1.0f;
-                value = k0.value + (k1.value - k0.value) * (3.0f - 2.0f * f) * f * f;
-            }
+            const KeySegment segment = findKeySegment(keys, t);
+            const float v0 = keys[segment.lower].value;
+            const float v1 = keys[segment.upper].value;
+            const float f = segment.fraction;
+            value = v0 + (v1 - v0) * (3.0f - 2.0f * f) * f * f;
         }
         baked.keys.push_back({t, value, 0.0f});
     }
@@ -66,8 +59,8 @@ class CurveOp final : public Operator {
                           "curve"),
                 makeParam("max", 1.0, "Output where the curve is 1")};
     }
-    Value evaluate(const EvalContext&, const std::vector<Value>&) const override {
-        Ramp ramp = paramSet.getRamp("curve", defaultCurve());
+    Value evaluate(const EvalContext& ctx, const std::vector<Value>&) const override {
+        Ramp ramp = paramRamp(paramSet, ctx, "curve", defaultCurve());
         if (paramSet.getBool("flip", false)) {
             for (RampKey& key : ramp.keys)
                 key.position = 1.0f - key.position;

@@ -1,6 +1,9 @@
+#include <exception>
+
 #include "base/hash.h"
 #include "expr/binding.h"
 #include "expr/expression.h"
+#include "expr/program_cache.h"
 #include "fields/field_map.h"
 #include "fields/field_scene.h"
 #include "graph/errors.h"
@@ -46,19 +49,16 @@ class ExpressionOp final : public Operator {
     std::vector<std::string> sceneInputs() const override {
         return {std::string(kScalpInput), std::string(kMapsInput)};
     }
-    // The frame and the host's controls enter the key where the text may read them.
+    // The frame enters the key where the compiled program reads it, the host's controls where
+    // the variables name one. An expression that does not compile reads nothing: its run says why.
     std::uint64_t contextKey(const EvalContext& ctx, std::uint32_t,
                              const EvalContext&) const override {
         std::uint64_t h = 0;
-        const std::string source = paramSet.getString("expression", "");
-        if (source.find("frame") != std::string::npos || source.find("time") != std::string::npos)
-            h = hashCombine(h, doubleBits(ctx.time));
-        if (paramSet.getString("variables", "").find("control") != std::string::npos &&
-            ctx.sceneInputs) {
-            for (const auto& [name, input] : *ctx.sceneInputs)
-                if (name.rfind("control:", 0) == 0) h = hashCombine(hashText(h, name), input.key);
+        try {
+            if (program(ctx)->reads(kReadsTime)) h = hashCombine(h, doubleBits(ctx.time));
+        } catch (const std::exception&) {
         }
-        return h;
+        return hashCombine(h, controlsKey(ctx));
     }
     Value evaluate(const EvalContext& ctx, const std::vector<Value>&) const override {
         const std::string source = paramSet.getString("expression", "");
@@ -71,14 +71,7 @@ class ExpressionOp final : public Operator {
         expression->min = min;
         expression->max = max;
         try {
-            ExpressionEnvironment environment =
-                expressionEnvironment(ctx, paramSet.getString("variables", "{}"));
-            const SceneInput* scalp = ctx.sceneInput(kScalpInput);
-            const SceneInput* catalog = ctx.sceneInput(kMapsInput);
-            environment.resolveMap =
-                catalogMapResolver(scalp ? scalp->value.get<ScalpMesh>() : nullptr,
-                                   catalog ? catalog->value.get<MapCatalogValue>() : nullptr);
-            expression->program = compile(source, environment, ExpressionType::Number);
+            expression->program = program(ctx);
         } catch (const ExpressionError& e) {
             throw GraphError(std::string("Expression: ") + e.what());
         }
@@ -108,6 +101,36 @@ class ExpressionOp final : public Operator {
 
   private:
     bool givesValue() const { return paramSet.getString("output", "field") == "value"; }
+
+    // The keys of the host's controls, where the variables may name one.
+    std::uint64_t controlsKey(const EvalContext& ctx) const {
+        std::uint64_t h = 0;
+        if (paramSet.getString("variables", "").find("control") != std::string::npos &&
+            ctx.sceneInputs) {
+            for (const auto& [name, input] : *ctx.sceneInputs)
+                if (name.rfind("control:", 0) == 0) h = hashCombine(hashText(h, name), input.key);
+        }
+        return h;
+    }
+
+    // The node's program on `ctx`, from the cache of compiled expressions: its key and its run
+    // compile it once. Throws ExpressionError.
+    std::shared_ptr<const ExpressionProgram> program(const EvalContext& ctx) const {
+        const std::string source = paramSet.getString("expression", "");
+        const std::string variables = paramSet.getString("variables", "{}");
+        const std::uint64_t environmentKey =
+            hashCombine(hashText(fieldEnvironmentKey(ctx), variables), controlsKey(ctx));
+        return compileCached(source, ExpressionType::Number, environmentKey, ctx.time, [&] {
+            ExpressionEnvironment environment = expressionEnvironment(ctx, variables);
+            const SceneInput* scalp = ctx.sceneInput(kScalpInput);
+            const SceneInput* catalog = ctx.sceneInput(kMapsInput);
+            environment.resolveMap =
+                catalogMapResolver(scalp ? scalp->value.get<ScalpMesh>() : nullptr,
+                                   catalog ? catalog->value.get<MapCatalogValue>() : nullptr,
+                                   catalog ? catalog->key : 0);
+            return environment;
+        });
+    }
 };
 
 }  // namespace

@@ -1,4 +1,5 @@
 #include "fields/field_values.h"
+#include "graph/delivered_params.h"
 #include "graph/registry.h"
 #include "ops/field_op_params.h"
 #include "ops/field_ops.h"
@@ -29,14 +30,14 @@ class FieldRemapOp final : public Operator {
                 makeParam("outMin", 0.0, "Output where the curve is 0"),
                 makeParam("outMax", 1.0, "Output where the curve is 1")};
     }
-    Value evaluate(const EvalContext&, const std::vector<Value>& inputs) const override {
+    Value evaluate(const EvalContext& ctx, const std::vector<Value>& inputs) const override {
         std::shared_ptr<const FieldValue> input =
             inputs.empty() ? nullptr : inputs[0].get<FieldValue>();
         if (!input) input = std::make_shared<ConstantFieldValue>(0.0f);
         RemapSettings settings;
         settings.inMin = static_cast<float>(paramSet.getFloat("inMin", 0.0));
         settings.inMax = static_cast<float>(paramSet.getFloat("inMax", 1.0));
-        settings.curve = paramSet.getRamp("curve", straightCurve());
+        settings.curve = paramRamp(paramSet, ctx, "curve", straightCurve());
         settings.outMin = static_cast<float>(paramSet.getFloat("outMin", 0.0));
         settings.outMax = static_cast<float>(paramSet.getFloat("outMax", 1.0));
         return std::shared_ptr<const FieldValue>(

@@ -67,24 +67,18 @@ class MapOp final : public Operator {
         const auto catalog = catalogInput ? catalogInput->value.get<MapCatalogValue>() : nullptr;
         const SceneInput* scalpInput = ctx.sceneInput(kScalpInput);
         const auto scalp = scalpInput ? scalpInput->value.get<ScalpMesh>() : nullptr;
-        const ScalpMap* painted = catalog ? catalog->maps.find(name) : nullptr;
-        if (painted && painted->kind == MapKind::Texture) {
-            if (painted->texture.empty())
+        const ScalpMap* painted =
+            useCatalogMap(map, catalog, catalogInput ? catalogInput->key : 0, name);
+        if (painted && map.kind == FieldMapKind::Texture) {
+            if (map.name.empty())
                 throw GraphError(map.owner +
                                  ": the texture map has no image file yet (paint it in Groom "
                                  "Tools > Paint)");
-            map.kind = FieldMapKind::Texture;
-            map.name = painted->texture;
-            map.sourceKey = hashText(map.sourceKey, painted->texture);
         } else if (painted) {
             if (!scalp || painted->vertexCount() != scalp->pointCount())
                 throw GraphError(map.owner +
                                  ": the vertex map does not fit this scalp (paint it again, or "
                                  "convert it, in Groom Tools > Paint)");
-            map.kind = FieldMapKind::Vertices;
-            map.catalog = catalog;
-            map.vertexMap = painted;
-            map.sourceKey = hashCombine(map.sourceKey, catalogInput->key);
         } else if (catalog && catalog->guideLayers.count(name)) {
             // Layers on a guide hierarchy reach the strands like any guide layer.
             map.kind = FieldMapKind::Guide;

@@ -1,6 +1,5 @@
 #include "strands/guide_conversion.h"
 
-#include "base/parallel.h"
 #include "strands/test/test_strands.h"
 
 #include <gtest/gtest.h>
@@ -8,6 +7,7 @@
 namespace velmorin {
 namespace {
 
+using test::onOneAndTwoThreads;
 using test::randomStrands;
 using test::values;
 
@@ -30,13 +30,11 @@ TEST(GuideConversion, GuidesBecomeStrandsWithChannelsForEveryNameSeen) {
     const StrandSet strands = strandsFromGuides(guides);
     std::string message;
     EXPECT_TRUE(strands.validate(message)) << message;
-    EXPECT_EQ(std::vector<std::uint64_t>(strands.ids().begin(), strands.ids().end()),
-              (std::vector<std::uint64_t>{10, 11, 12}));
+    EXPECT_EQ(values(strands.ids()), (std::vector<std::uint64_t>{10, 11, 12}));
     EXPECT_EQ(strands.roots()[2], (StrandRoot{12, 0.25f, 0.5f}));
     EXPECT_EQ(strands.strandPoints(0)[2], (Vec3f{10, 2, 0}));
     EXPECT_EQ(strands.strandPoints(1).size(), 0u);
-    EXPECT_EQ(std::vector<float>(strands.widths().begin(), strands.widths().end()),
-              std::vector<float>(5, 1.0f));
+    EXPECT_EQ(values(strands.widths()), std::vector<float>(5, 1.0f));
     EXPECT_EQ(strands.strandChannelNames(), (std::vector<std::string>{"clumpId", "stiffness"}));
     EXPECT_EQ(values(strands.strandChannel("stiffness")), (std::vector<float>{0.5f, 0, 0.75f}));
     EXPECT_EQ(values(strands.strandChannel("clumpId")), (std::vector<float>{0, 0, 4}));
@@ -76,9 +74,7 @@ TEST(GuideConversion, RoundTripKeepsEverythingButWidths) {
 
 TEST(GuideConversion, IsTheSameAtOneAndTwoThreads) {
     const StrandSet strands = randomStrands(3000, 3);
-    GuideSet one, two;
-    runWithThreads(1, [&] { one = guidesFromStrands(strands); });
-    runWithThreads(2, [&] { two = guidesFromStrands(strands); });
+    auto [one, two] = onOneAndTwoThreads([&] { return guidesFromStrands(strands); });
     ASSERT_EQ(one.guides.size(), two.guides.size());
     for (std::size_t g = 0; g < one.guides.size(); ++g) {
         EXPECT_EQ(one.guides[g].points, two.guides[g].points);
@@ -90,9 +86,7 @@ TEST(GuideConversion, IsTheSameAtOneAndTwoThreads) {
         one.guides[g].attributes["every3"] = static_cast<float>(g);
         one.guides[g].pointAttributes["short"] = {1.0f};
     }
-    StrandSet fromOne, fromTwo;
-    runWithThreads(1, [&] { fromOne = strandsFromGuides(one); });
-    runWithThreads(2, [&] { fromTwo = strandsFromGuides(one); });
+    const auto [fromOne, fromTwo] = onOneAndTwoThreads([&] { return strandsFromGuides(one); });
     EXPECT_EQ(fromOne.contentHash(), fromTwo.contentHash());
     EXPECT_EQ(values(fromOne.strandChannel("every3"))[2997], 2997.0f);
     EXPECT_EQ(values(fromOne.strandChannel("every3"))[2998], 0.0f);

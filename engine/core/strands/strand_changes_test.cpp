@@ -1,6 +1,5 @@
 #include "strands/strand_changes.h"
 
-#include "base/parallel.h"
 #include "strands/strand_set.h"
 #include "strands/test/test_strands.h"
 
@@ -11,6 +10,7 @@
 namespace velmorin {
 namespace {
 
+using test::onOneAndTwoThreads;
 using test::randomStrands;
 using Strands = std::vector<std::uint64_t>;
 
@@ -116,9 +116,7 @@ TEST(StrandDifference, IsTheSameAtOneAndTwoThreads) {
         expected.push_back(s);
     }
     const auto previous = share(base), shared = share(next);
-    std::shared_ptr<const StrandChanges> one, two;
-    runWithThreads(1, [&] { one = strandDifference(previous, shared); });
-    runWithThreads(2, [&] { two = strandDifference(previous, shared); });
+    const auto [one, two] = onOneAndTwoThreads([&] { return strandDifference(previous, shared); });
     ASSERT_TRUE(one && two);
     EXPECT_EQ(one->strands, expected);
     EXPECT_EQ(two->strands, expected);

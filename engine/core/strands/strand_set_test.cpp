@@ -1,7 +1,7 @@
 #include "strands/strand_set.h"
 
 #include "base/hash.h"
-#include "base/parallel.h"
+#include "base/test/expect_message.h"
 #include "strands/test/test_strands.h"
 
 #include <gtest/gtest.h>
@@ -11,12 +11,13 @@
 #include <limits>
 #include <map>
 #include <set>
-#include <stdexcept>
 
 namespace velmorin {
 namespace {
 
+using test::expectMessage;
 using test::extentBits;
+using test::onOneAndTwoThreads;
 using test::randomStrands;
 using test::values;
 
@@ -46,6 +47,24 @@ StrandValues strandValues(const StrandSet& set, std::size_t strand) {
             (*set.strandChannel("mass"))[strand]};
 }
 
+std::vector<std::uint64_t> iota(std::size_t begin, std::size_t end) {
+    std::vector<std::uint64_t> indices;
+    for (std::size_t i = begin; i < end; ++i)
+        indices.push_back(i);
+    return indices;
+}
+
+// The listed strands (all of them when none are listed) as values, in the listed order.
+std::vector<StrandValues> strandsOf(const StrandSet& set, std::span<const std::uint64_t> indices) {
+    std::vector<StrandValues> out;
+    for (std::uint64_t strand : indices)
+        out.push_back(strandValues(set, strand));
+    return out;
+}
+std::vector<StrandValues> strandsOf(const StrandSet& set) {
+    return strandsOf(set, iota(0, set.strandCount()));
+}
+
 std::string validationMessage(const StrandSet& set) {
     std::string message = "valid";
     set.validate(message);
@@ -73,13 +92,6 @@ StrandSet::Extent scannedExtent(const StrandSet& set) {
         if (polyline > e.longest) e.longest = polyline;
     }
     return e;
-}
-
-std::vector<std::uint64_t> iota(std::size_t begin, std::size_t end) {
-    std::vector<std::uint64_t> indices;
-    for (std::size_t i = begin; i < end; ++i)
-        indices.push_back(i);
-    return indices;
 }
 
 TEST(StrandSet, EmptyAndMovedFromSetsHoldOneOffsetAreValidAndHaveMinAboveMax) {
@@ -124,12 +136,8 @@ TEST(StrandSet, AddStrandFillsEveryColumnAndGivesChannelsTheirDefaults) {
     EXPECT_EQ(validationMessage(set), "valid");
 
     const std::uint64_t hash = set.contentHash();
-    try {
-        set.addStrand(99, {}, a, std::span<const float>(aWidths).first(2));
-        ADD_FAILURE() << "widths of the wrong length were taken";
-    } catch (const std::invalid_argument& error) {
-        EXPECT_STREQ(error.what(), "StrandSet::addStrand: widths must be empty or match points");
-    }
+    expectMessage([&] { set.addStrand(99, {}, a, std::span<const float>(aWidths).first(2)); },
+                  "StrandSet::addStrand: widths must be empty or match points");
     EXPECT_EQ(set.strandCount(), 4u);
     EXPECT_EQ(set.contentHash(), hash);
     EXPECT_EQ(validationMessage(set), "valid");
@@ -307,17 +315,14 @@ TEST(StrandSet, AppendKeepsBothSidesStrandsAndMayAppendASetToItself) {
     joined.append(b);
     EXPECT_EQ(validationMessage(joined), "valid");
     ASSERT_EQ(joined.strandCount(), 50u);
-    for (std::size_t i = 0; i < 30; ++i)
-        EXPECT_EQ(strandValues(joined, i), strandValues(a, i));
-    for (std::size_t i = 0; i < 20; ++i)
-        EXPECT_EQ(strandValues(joined, 30 + i), strandValues(b, i));
+    EXPECT_EQ(strandsOf(joined, iota(0, 30)), strandsOf(a));
+    EXPECT_EQ(strandsOf(joined, iota(30, 50)), strandsOf(b));
     EXPECT_EQ(a.contentHash(), randomStrands(30, 12).contentHash());
     joined = a;
     joined.append(joined);
     ASSERT_EQ(joined.strandCount(), 60u);
     EXPECT_EQ(validationMessage(joined), "valid");
-    for (std::size_t i = 0; i < 30; ++i)
-        EXPECT_EQ(strandValues(joined, 30 + i), strandValues(a, i));
+    EXPECT_EQ(strandsOf(joined, iota(30, 60)), strandsOf(a));
 }
 
 TEST(StrandSet, SubsetTakesTheListedStrandsInTheListedOrder) {
@@ -328,26 +333,18 @@ TEST(StrandSet, SubsetTakesTheListedStrandsInTheListedOrder) {
     StrandSet out = randomStrands(5, 99);
     set.subset(indices, out);
     EXPECT_EQ(validationMessage(out), "valid");
-    ASSERT_EQ(out.strandCount(), indices.size());
-    for (std::size_t k = 0; k < indices.size(); ++k)
-        EXPECT_EQ(strandValues(out, k), strandValues(set, indices[k]));
+    EXPECT_EQ(strandsOf(out), strandsOf(set, indices));
     EXPECT_EQ(out.pointChannelDefault("curl"), -1.0f);
     EXPECT_EQ(out.attachment(), payload);
 
     const std::uint64_t outOfRange[] = {1, 40};
-    try {
-        set.subset(outOfRange, out);
-        ADD_FAILURE() << "an index past the end was taken";
-    } catch (const std::invalid_argument& error) {
-        EXPECT_STREQ(error.what(),
-                     "StrandSet::subset: strand index 40 is out of range for a set of 40 strands");
-    }
+    expectMessage([&] { set.subset(outOfRange, out); },
+                  "StrandSet::subset: strand index 40 is out of range for a set of 40 strands");
     EXPECT_EQ(out.strandCount(), indices.size());
 
-    const StrandValues last = strandValues(set, 39);
+    const std::vector<StrandValues> last = strandsOf(set, iota(39, 40));
     set.subset(std::vector<std::uint64_t>{39}, set);  // into itself
-    ASSERT_EQ(set.strandCount(), 1u);
-    EXPECT_EQ(strandValues(set, 0), last);
+    EXPECT_EQ(strandsOf(set), last);
 }
 
 TEST(StrandSet, ThinningKeepsNestedSubsetsChosenByIdAlone) {
@@ -402,10 +399,8 @@ TEST(StrandSet, BoundsMatchADirectScanForAnyBlockCount) {
         many.subset(iota(first, std::min(first + StrandSet::kBlockStrands, many.strandCount())),
                     part);
         const StrandSet::Extent e = part.bounds();
-        merged.min = {std::min(merged.min.x, e.min.x), std::min(merged.min.y, e.min.y),
-                      std::min(merged.min.z, e.min.z)};
-        merged.max = {std::max(merged.max.x, e.max.x), std::max(merged.max.y, e.max.y),
-                      std::max(merged.max.z, e.max.z)};
+        merged.min = minPerAxis(merged.min, e.min);
+        merged.max = maxPerAxis(merged.max, e.max);
         merged.longest = std::max(merged.longest, e.longest);
     }
     EXPECT_EQ(extentBits(many.bounds()), extentBits(merged));
@@ -479,9 +474,7 @@ TEST(StrandSet, BoundsAfterReusesTheUnchangedBlocksOfThePreviousSet) {
 
 TEST(StrandSet, ExtentsAndThinningAreTheSameAtOneAndTwoThreads) {
     const StrandSet set = randomStrands(20000, 22);
-    StrandSet::Extent one, two;
-    runWithThreads(1, [&] { one = StrandSet(set).bounds(); });
-    runWithThreads(2, [&] { two = StrandSet(set).bounds(); });
+    const auto [one, two] = onOneAndTwoThreads([&] { return StrandSet(set).bounds(); });
     EXPECT_EQ(extentBits(one), extentBits(two));
 
     StrandSet next = set;
@@ -493,14 +486,16 @@ TEST(StrandSet, ExtentsAndThinningAreTheSameAtOneAndTwoThreads) {
         for (std::size_t p = range.begin; p < range.begin + range.count; ++p)
             points[p] = points[p] * 1.5f;
     }
-    runWithThreads(1, [&] { one = StrandSet(next).boundsAfter(set, changed); });
-    runWithThreads(2, [&] { two = StrandSet(next).boundsAfter(set, changed); });
-    EXPECT_EQ(extentBits(one), extentBits(two));
-    EXPECT_EQ(extentBits(one), extentBits(scannedExtent(next)));
+    const auto [oneAfter, twoAfter] =
+        onOneAndTwoThreads([&] { return StrandSet(next).boundsAfter(set, changed); });
+    EXPECT_EQ(extentBits(oneAfter), extentBits(twoAfter));
+    EXPECT_EQ(extentBits(oneAfter), extentBits(scannedExtent(next)));
 
-    StrandSet thinOne, thinTwo;
-    runWithThreads(1, [&] { set.thinned(0.37, thinOne); });
-    runWithThreads(2, [&] { set.thinned(0.37, thinTwo); });
+    const auto [thinOne, thinTwo] = onOneAndTwoThreads([&] {
+        StrandSet out;
+        set.thinned(0.37, out);
+        return out;
+    });
     EXPECT_GT(thinOne.strandCount(), 7000u);
     EXPECT_EQ(thinOne.contentHash(), thinTwo.contentHash());
 }

@@ -505,35 +505,39 @@ class PassStandIn : public CountingOp {
     std::string type_;
 };
 
-// Registers the "Eval..." types once per process; a type already there is left alone.
+// Registers the "Eval..." types into `registry`; a type already there is left alone.
+inline void addEvalTestOperators(OperatorRegistry& registry) {
+    const auto add = [&](const std::string& type, OperatorFactory factory) {
+        if (registry.contains(type)) return;
+        OperatorInfo info;
+        info.category = "utility";
+        info.description = "An operator of the evaluation tests.";
+        info.hidden = true;
+        registry.registerType(type, std::move(factory), info);
+    };
+    add("EvalGrow", [] { return std::make_unique<GrowOp>(); });
+    add("EvalScene", [] { return std::make_unique<SceneOp>(); });
+    add("EvalFresh", [] { return std::make_unique<FreshOp>(); });
+    add("EvalLift", [] { return std::make_unique<LiftOp>(); });
+    add("EvalFork", [] { return std::make_unique<ForkOp>(); });
+    add("EvalBroken", [] { return std::make_unique<BrokenOp>(); });
+    add("EvalWave", [] { return std::make_unique<WaveOp>(); });
+    add("EvalState", [] { return std::make_unique<StateOp>(); });
+    add("EvalSwitch", [] { return std::make_unique<SwitchOp>(); });
+    add("EvalMerge", [] { return std::make_unique<MergeOp>(); });
+    add("EvalThin", [] { return std::make_unique<ThinOp>(); });
+    add("EvalGuides", [] { return std::make_unique<GuideSourceOp>(); });
+    add("EvalCurves", [] { return std::make_unique<CurvesOp>(); });
+    add("EvalValue", [] { return std::make_unique<ValueOp>(); });
+    add("EvalField", [] { return std::make_unique<FieldOp>(false); });
+    add("EvalLiar", [] { return std::make_unique<FieldOp>(true); });
+    add("EvalProbe", [] { return std::make_unique<ProbeOp>(); });
+}
+
+// Registers the "Eval..." types into the process-wide registry, once per process.
 inline void registerEvalTestOperators() {
     static const bool registered = [] {
-        OperatorRegistry& registry = OperatorRegistry::instance();
-        const auto add = [&](const std::string& type, OperatorFactory factory) {
-            if (registry.contains(type)) return;
-            OperatorInfo info;
-            info.category = "utility";
-            info.description = "An operator of the evaluation tests.";
-            info.hidden = true;
-            registry.registerType(type, std::move(factory), info);
-        };
-        add("EvalGrow", [] { return std::make_unique<GrowOp>(); });
-        add("EvalScene", [] { return std::make_unique<SceneOp>(); });
-        add("EvalFresh", [] { return std::make_unique<FreshOp>(); });
-        add("EvalLift", [] { return std::make_unique<LiftOp>(); });
-        add("EvalFork", [] { return std::make_unique<ForkOp>(); });
-        add("EvalBroken", [] { return std::make_unique<BrokenOp>(); });
-        add("EvalWave", [] { return std::make_unique<WaveOp>(); });
-        add("EvalState", [] { return std::make_unique<StateOp>(); });
-        add("EvalSwitch", [] { return std::make_unique<SwitchOp>(); });
-        add("EvalMerge", [] { return std::make_unique<MergeOp>(); });
-        add("EvalThin", [] { return std::make_unique<ThinOp>(); });
-        add("EvalGuides", [] { return std::make_unique<GuideSourceOp>(); });
-        add("EvalCurves", [] { return std::make_unique<CurvesOp>(); });
-        add("EvalValue", [] { return std::make_unique<ValueOp>(); });
-        add("EvalField", [] { return std::make_unique<FieldOp>(false); });
-        add("EvalLiar", [] { return std::make_unique<FieldOp>(true); });
-        add("EvalProbe", [] { return std::make_unique<ProbeOp>(); });
+        addEvalTestOperators(OperatorRegistry::instance());
         return true;
     }();
     (void)registered;

@@ -1,11 +1,13 @@
 #pragma once
-// What the mesh tests share: reproducible points without a generator, and an exhaustive distance
-// to compare the closest-point tree against.
+// What the mesh tests share: reproducible points without a generator, an exhaustive distance to
+// compare the closest-point tree against, and quad cages cut into triangles.
 
 #include <algorithm>
+#include <array>
 #include <cmath>
 #include <cstdint>
 #include <limits>
+#include <vector>
 
 #include "base/hash.h"
 #include "mesh/scalp_mesh.h"
@@ -47,6 +49,33 @@ inline float referenceDistance(const ScalpMesh& mesh, const Vec3f& p) {
                                                 mesh.points()[t[2]]));
     }
     return best;
+}
+
+using Quad = std::array<std::uint32_t, 4>;
+
+// Quads as two triangles each, split along the diagonal from corner `split` (0 or 1), so that
+// the polygons' loops must be recovered from differently cut triangles.
+inline ScalpMesh quadMesh(std::vector<Vec3f> points, const std::vector<Quad>& quads, int split) {
+    std::vector<Triangle> triangles;
+    for (const Quad& q : quads) {
+        const auto at = [&](int k) { return q[(k + split) % 4]; };
+        triangles.push_back({at(0), at(1), at(2)});
+        triangles.push_back({at(0), at(2), at(3)});
+    }
+    ScalpMesh mesh(std::move(points), std::move(triangles));
+    mesh.setPolygons(std::vector<std::int32_t>(quads.size(), 2));
+    return mesh;
+}
+
+// The box [-1, 1]^3 as six quads, counter-clockwise seen from outside.
+inline ScalpMesh quadCube(int split) {
+    std::vector<Vec3f> points;
+    for (int i = 0; i < 8; ++i)
+        points.push_back({i & 1 ? 1.0f : -1.0f, i & 2 ? 1.0f : -1.0f, i & 4 ? 1.0f : -1.0f});
+    return quadMesh(
+        points,
+        {{0, 2, 3, 1}, {4, 5, 7, 6}, {0, 1, 5, 4}, {2, 6, 7, 3}, {0, 4, 6, 2}, {1, 3, 7, 5}},
+        split);
 }
 
 }  // namespace velmorin::test

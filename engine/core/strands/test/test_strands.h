@@ -1,10 +1,12 @@
 #pragma once
-// Strand sets for the tests and benchmarks: seeded random sets, straight grids, and moved copies.
+// Strand sets for the tests and benchmarks: seeded random sets, straight grids, and moved copies;
+// and runs at one thread and at two.
 
 #include <array>
 #include <cstdint>
 #include <memory>
 #include <span>
+#include <utility>
 #include <vector>
 
 #include "base/hash.h"
@@ -91,6 +93,15 @@ inline std::shared_ptr<const StrandSet> moved(const StrandSet& set,
                                               std::initializer_list<std::uint64_t> strands,
                                               float dy) {
     return moved(set, std::span<const std::uint64_t>(strands.begin(), strands.size()), dy);
+}
+
+// What `run` gives on one thread and on two, to check that the thread count changes nothing.
+template <class Run>
+auto onOneAndTwoThreads(Run run) {
+    decltype(run()) one{}, two{};
+    runWithThreads(1, [&] { one = run(); });
+    runWithThreads(2, [&] { two = run(); });
+    return std::pair{std::move(one), std::move(two)};
 }
 
 // The bits of an extent, to compare two extents exactly (NaN and -0 included).
