@@ -32,6 +32,12 @@ constexpr std::string_view kMapSources[] = {"texture", "colorSet", "attribute", 
 constexpr std::string_view kComponents[] = {"r", "g", "b", "a", "luminance"};
 constexpr std::string_view kNodePrefix = "node:";
 
+// Whether a reader gives a param that a node saved at version `saved` leaves out its former
+// default: the param came later and behaved otherwise before it did.
+bool takesFormerDefault(const ParamSpec& spec, int saved) {
+    return spec.since > saved && spec.formerDefault.has_value();
+}
+
 std::string nodeNumber(std::size_t index) {
     return std::to_string(index + 1);
 }
@@ -305,7 +311,7 @@ struct Loader {
             // Params added after the saved version behave as they did when the file was written.
             const auto params = node->find("params");
             for (const auto& [param, spec] : op->paramSet.specs()) {
-                if (spec.since <= saved || !spec.formerDefault) continue;
+                if (!takesFormerDefault(spec, saved)) continue;
                 if (params != node->end() && params->is_object() && params->contains(param)) {
                     continue;
                 }
@@ -470,6 +476,18 @@ bool definitionObject(const Operator& op, Json& out) {
     return true;
 }
 
+// What a reader takes for a param that a node written at version `written` of an operator now at
+// `current` leaves out, or nothing when it could not take it (a former default the param refuses
+// fails the load, so the value must be written).
+std::optional<ParamValue> readBackWhenAbsent(const ParamSpec& spec, int written, int current) {
+    if (written >= current || !takesFormerDefault(spec, written)) return spec.defaultValue;
+    try {
+        return coerceParam(*spec.formerDefault, spec, "param '" + spec.name + "'");
+    } catch (const GraphError&) {
+        return std::nullopt;
+    }
+}
+
 Json nodeToJson(const GraphNode& node) {
     const Operator& op = *node.op;
     Json json = Json::object();
@@ -484,12 +502,16 @@ Json nodeToJson(const GraphNode& node) {
     const bool hasDefinition = definitionObject(op, definition);
     if (hasDefinition) json["definition"] = std::move(definition);
 
+    // A param is left out only when a reader would give it back as it stands. For a node written
+    // at an older version, that is the former default of a param added since, not its default:
+    // leaving out a value equal to the default would turn it into the former one on reading.
     Json params = Json::object();
     for (const ParamSpec& spec : schemaParams(op)) {
         if (hasDefinition && spec.name == "definition") continue;
-        auto value = op.paramSet.values.find(spec.name);
-        if (value == op.paramSet.values.end() || value->second == spec.defaultValue) continue;
-        params[spec.name] = paramValueJson(value->second);
+        auto set = op.paramSet.values.find(spec.name);
+        const ParamValue& value = set == op.paramSet.values.end() ? spec.defaultValue : set->second;
+        if (value == readBackWhenAbsent(spec, written, current)) continue;
+        params[spec.name] = paramValueJson(value);
     }
     if (!params.empty()) json["params"] = std::move(params);
 

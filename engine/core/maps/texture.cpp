@@ -1,10 +1,13 @@
 #include "maps/texture.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cmath>
+#include <cstring>
 #include <filesystem>
 #include <limits>
 
+#include "maps/image_bounds.h"
 #include "maps/texture_cache.h"
 
 // The image reader is compiled here, static to this file, so that no other library's copy of it
@@ -38,9 +41,44 @@ namespace {
 
 constexpr int kFirstTile = 1001;
 constexpr int kTileCount = 100;
-// The largest image read: 2^28 texels (16384 x 16384). A file that claims more is refused before
-// any memory is taken for it.
-constexpr std::uint64_t kMaxTexels = std::uint64_t{1} << 28;
+// The side of the largest square image read; a file that claims more pixels is refused before any
+// memory is taken for it.
+std::atomic<int> sizeLimit{kDefaultTextureSizeLimit};
+
+// The decoder reads the file through these, so that it can be told when it asks for more bytes
+// than the file has: it would otherwise go on reading zeros and hand back a garbage image.
+struct FileReader {
+    std::span<const std::uint8_t> bytes;
+    std::size_t position = 0;
+    // The decoder's own buffer, which its first read fills: a short read into it is the normal
+    // end of the file; a short read anywhere else, or any read at the end, is data it needed.
+    const char* buffer = nullptr;
+    bool ranOut = false;
+
+    static int read(void* user, char* out, int count) {
+        auto& reader = *static_cast<FileReader*>(user);
+        if (reader.buffer == nullptr) reader.buffer = out;
+        const std::size_t left = reader.bytes.size() - reader.position;
+        const std::size_t wanted = count > 0 ? static_cast<std::size_t>(count) : 0;
+        const std::size_t given = std::min(left, wanted);
+        if (given < wanted && (left == 0 || out != reader.buffer)) reader.ranOut = true;
+        if (given > 0) std::memcpy(out, reader.bytes.data() + reader.position, given);
+        reader.position += given;
+        return static_cast<int>(given);
+    }
+    static void skip(void* user, int count) {
+        auto& reader = *static_cast<FileReader*>(user);
+        const std::size_t left = reader.bytes.size() - reader.position;
+        reader.position += std::min(left, count > 0 ? static_cast<std::size_t>(count) : 0);
+    }
+    static int atEnd(void* user) {
+        const auto& reader = *static_cast<const FileReader*>(user);
+        return reader.position >= reader.bytes.size() ? 1 : 0;
+    }
+};
+
+constexpr stbi_io_callbacks kFileCallbacks = {&FileReader::read, &FileReader::skip,
+                                              &FileReader::atEnd};
 
 void checkShape(int width, int height, int channels, std::size_t valueCount) {
     if (width < 1 || height < 1 || channels < 1 || channels > 4) {
@@ -58,6 +96,14 @@ bool isDelimiter(char c) {
 }
 
 }  // namespace
+
+void setTextureSizeLimit(int side) {
+    sizeLimit.store(std::clamp(side, 1, kDefaultTextureSizeLimit));
+}
+
+int textureSizeLimit() {
+    return sizeLimit.load();
+}
 
 int udimTile(float u, float v) {
     // Bounded before the conversion, so that no UV, however wild, overflows an int.
@@ -123,31 +169,67 @@ std::shared_ptr<const Texture> Texture::decode(std::span<const std::uint8_t> byt
     int height = 0;
     int channels = 0;
     if (!stbi_info_from_memory(data, size, &width, &height, &channels)) {
+        // Read again to learn whether the header itself was cut off.
+        FileReader header{bytes};
+        if (!stbi_info_from_callbacks(&kFileCallbacks, &header, &width, &height, &channels) &&
+            header.ranOut) {
+            throw TextureError("Texture: " + quoted +
+                               " is cut short: it ends inside its header (a copy or download "
+                               "that stopped early?): save or copy it again");
+        }
         throw TextureError("Texture: " + quoted + " is not an image Velmorin reads (" +
                            stbi_failure_reason() + "): use a PNG, JPEG, TGA, BMP, PSD or HDR file");
     }
+    const std::uint64_t side = static_cast<std::uint64_t>(textureSizeLimit());
     if (width < 1 || height < 1 ||
-        static_cast<std::uint64_t>(width) * static_cast<std::uint64_t>(height) > kMaxTexels) {
+        static_cast<std::uint64_t>(width) * static_cast<std::uint64_t>(height) > side * side) {
         throw TextureError("Texture: " + quoted + " is " + std::to_string(width) + " x " +
-                           std::to_string(height) +
-                           " pixels, more than Velmorin reads (16384 x 16384): scale it down");
+                           std::to_string(height) + " pixels, more than Velmorin reads (" +
+                           std::to_string(side) + " x " + std::to_string(side) +
+                           "): scale it down");
     }
+    const auto cutShort = [&] {
+        return TextureError("Texture: " + quoted + " is cut short: its data ends before its " +
+                            std::to_string(width) + " x " + std::to_string(height) +
+                            " pixels do (a copy or download that stopped early?): save or copy "
+                            "it again");
+    };
+    // Checked before decoding: a few bytes that declare millions of pixels would otherwise be
+    // decoded, from zeros, for seconds.
+    if (imageDataEndsEarly(bytes, width, height)) throw cutShort();
+
     auto texture = std::shared_ptr<Texture>(new Texture());
+    FileReader reader{bytes};
+    // A decoder that failed because the file ended says that, not its own words.
     auto failed = [&] {
+        if (reader.ranOut) return cutShort();
         return TextureError("Texture: " + quoted + " could not be read (" + stbi_failure_reason() +
                             "): save it again, or use another image");
+    };
+    // Each read starts from the file's first byte.
+    const auto from = [&]() -> FileReader& {
+        reader = FileReader{bytes};
+        return reader;
     };
     if (stbi_is_hdr_from_memory(data, size) || stbi_is_16_bit_from_memory(data, size)) {
         const bool hdr = stbi_is_hdr_from_memory(data, size) != 0;
         std::vector<float> values;
         if (hdr) {
-            float* pixels = stbi_loadf_from_memory(data, size, &width, &height, &channels, 0);
-            if (pixels == nullptr) throw failed();
+            float* pixels =
+                stbi_loadf_from_callbacks(&kFileCallbacks, &from(), &width, &height, &channels, 0);
+            if (pixels == nullptr || reader.ranOut) {
+                stbi_image_free(pixels);
+                throw failed();
+            }
             values.assign(pixels, pixels + static_cast<std::size_t>(width) * height * channels);
             stbi_image_free(pixels);
         } else {
-            stbi_us* pixels = stbi_load_16_from_memory(data, size, &width, &height, &channels, 0);
-            if (pixels == nullptr) throw failed();
+            stbi_us* pixels = stbi_load_16_from_callbacks(&kFileCallbacks, &from(), &width, &height,
+                                                          &channels, 0);
+            if (pixels == nullptr || reader.ranOut) {
+                stbi_image_free(pixels);
+                throw failed();
+            }
             values.resize(static_cast<std::size_t>(width) * height * channels);
             for (std::size_t k = 0; k < values.size(); ++k)
                 values[k] = pixels[k] * (1.0f / 65535.0f);
@@ -155,8 +237,12 @@ std::shared_ptr<const Texture> Texture::decode(std::span<const std::uint8_t> byt
         }
         texture->floats_ = std::move(values);
     } else {
-        stbi_uc* pixels = stbi_load_from_memory(data, size, &width, &height, &channels, 0);
-        if (pixels == nullptr) throw failed();
+        stbi_uc* pixels =
+            stbi_load_from_callbacks(&kFileCallbacks, &from(), &width, &height, &channels, 0);
+        if (pixels == nullptr || reader.ranOut) {
+            stbi_image_free(pixels);
+            throw failed();
+        }
         texture->bytes_.assign(pixels,
                                pixels + static_cast<std::size_t>(width) * height * channels);
         stbi_image_free(pixels);

@@ -24,6 +24,15 @@ class TextureError : public std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
+// The side of the largest square image read, 16384: a file with more pixels than its square is
+// refused before any memory is taken for it.
+constexpr int kDefaultTextureSizeLimit = 16384;
+// Lowers that side for the whole process (from 1 to the default; values outside are clamped), so
+// that a fuzz run or a small tool bounds the time and memory any one image can take. Thread safe;
+// images already read stay as they are.
+void setTextureSizeLimit(int side);
+int textureSizeLimit();
+
 // The tile of a UDIM set that holds the UV (u, v): 1001 + floor(u) + 10 * floor(v).
 int udimTile(float u, float v);
 
@@ -52,6 +61,9 @@ class Texture {
     static std::shared_ptr<const Texture> loadUdim(const std::string& pattern);
     // Decodes an image file's bytes (PNG, JPEG, TGA, BMP, PSD, GIF, HDR, PIC, PNM) without the
     // cache; 8-bit files keep bytes, 16-bit and HDR files become floats. `name` is for messages.
+    // Throws TextureError for a file that is not an image, has more pixels than the size limit
+    // allows, or is cut short: its data ends before its pixels do (found from its structure
+    // before decoding where the format allows, else when the decoder asks for bytes past the end).
     static std::shared_ptr<const Texture> decode(std::span<const std::uint8_t> bytes,
                                                  std::string_view name);
 

@@ -1,6 +1,8 @@
 #include "maps/texture.h"
 
+#include <chrono>
 #include <fstream>
+#include <functional>
 #include <thread>
 
 #include <gtest/gtest.h>
@@ -9,6 +11,18 @@
 #include "base/test/expect_message.h"
 #include "maps/test/map_test_support.h"
 #include "maps/texture_cache.h"
+
+// The test images of other formats are written by stb's writer, compiled here alone and static,
+// away from the engine's reader. It is not written to our warning flags.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wall"
+#pragma GCC diagnostic ignored "-Wextra"
+#pragma GCC diagnostic ignored "-Wmissing-field-initializers"
+#pragma GCC diagnostic ignored "-Wsign-compare"
+#define STB_IMAGE_WRITE_STATIC
+#define STB_IMAGE_WRITE_IMPLEMENTATION
+#include <stb/stb_image_write.h>
+#pragma GCC diagnostic pop
 
 namespace velmorin {
 namespace {
@@ -134,6 +148,154 @@ TEST(Texture, MissingAndBrokenFilesAreClearErrors) {
             EXPECT_EQ(std::string(e.what()).rfind(c.start, 0), 0u) << e.what();
         }
     }
+}
+
+using Bytes = std::vector<std::uint8_t>;
+
+// The bytes of an image written by one of stb's writers, which all write through a callback.
+Bytes writtenBy(const std::function<int(stbi_write_func*, void*)>& write) {
+    Bytes bytes;
+    const auto append = [](void* context, void* data, int size) {
+        const auto* from = static_cast<const std::uint8_t*>(data);
+        static_cast<Bytes*>(context)->insert(static_cast<Bytes*>(context)->end(), from,
+                                             from + size);
+    };
+    EXPECT_NE(write(append, &bytes), 0);
+    return bytes;
+}
+
+struct ImageFile {
+    const char* format;
+    Bytes bytes;
+};
+
+// The image in each format the tests cut short; `rle` chooses the TGA writer's packets.
+std::vector<ImageFile> imageFiles(int width, int height, int channels, const Bytes& pixels) {
+    std::vector<float> values(pixels.begin(), pixels.end());
+    for (float& v : values)
+        v /= 255.0f;
+    const auto tga = [&](bool rle) {
+        stbi_write_tga_with_rle = rle ? 1 : 0;
+        Bytes bytes = writtenBy([&](stbi_write_func* f, void* c) {
+            return stbi_write_tga_to_func(f, c, width, height, channels, pixels.data());
+        });
+        stbi_write_tga_with_rle = 1;
+        return bytes;
+    };
+    return {
+        {"PNG", encodePng(ImageView{width, height, channels, pixels})},
+        {"TGA with runs", tga(true)},
+        {"TGA as it stands", tga(false)},
+        {"JPEG", writtenBy([&](stbi_write_func* f, void* c) {
+             return stbi_write_jpg_to_func(f, c, width, height, channels, pixels.data(), 90);
+         })},
+        {"BMP", writtenBy([&](stbi_write_func* f, void* c) {
+             return stbi_write_bmp_to_func(f, c, width, height, channels, pixels.data());
+         })},
+        {"HDR", writtenBy([&](stbi_write_func* f, void* c) {
+             return stbi_write_hdr_to_func(f, c, width, height, channels, values.data());
+         })},
+    };
+}
+
+std::string cutShortMessage(const std::string& name, int width, int height) {
+    return "Texture: '" + name + "' is cut short: its data ends before its " +
+           std::to_string(width) + " x " + std::to_string(height) +
+           " pixels do (a copy or download that stopped early?): save or copy it again";
+}
+
+TEST(Texture, AFileCutShortIsRefusedWithItsNameWhereverItEnds) {
+    const int width = 60;
+    const int height = 37;
+    const Bytes pixels = test::smoothImage(width, height, 3);
+    for (const ImageFile& file : imageFiles(width, height, 3, pixels)) {
+        SCOPED_TRACE(file.format);
+        // Whole, it reads as the image it is.
+        const auto whole = Texture::decode(file.bytes, "whole");
+        EXPECT_EQ(whole->width(), width);
+        EXPECT_EQ(whole->height(), height);
+        // Cut inside its header, it says so; but the HDR header is lines of text, and when they
+        // stop early what is left is text, not an image.
+        const std::string header = std::string_view(file.format) == "HDR"
+                                       ? "Texture: 'header.img' is not an image Velmorin reads"
+                                       : "Texture: 'header.img' is cut short: it ends inside its "
+                                         "header (a copy or download that stopped early?): save "
+                                         "or copy it again";
+        try {
+            Texture::decode(Bytes(file.bytes.begin(), file.bytes.begin() + 12), "header.img");
+            ADD_FAILURE() << "a header of 12 bytes was read";
+        } catch (const TextureError& error) {
+            EXPECT_EQ(std::string(error.what()).substr(0, header.size()), header);
+        }
+        // Cut anywhere past its header, down to its last byte, it is refused.
+        const std::size_t size = file.bytes.size();
+        for (std::size_t kept : {size / 3, size / 2, size - 2, size - 1}) {
+            SCOPED_TRACE(kept);
+            const Bytes cut(file.bytes.begin(), file.bytes.begin() + kept);
+            try {
+                Texture::decode(cut, "cut.img");
+                ADD_FAILURE() << "a file cut at " << kept << " of " << size << " bytes was read";
+            } catch (const TextureError& error) {
+                EXPECT_EQ(error.what(), cutShortMessage("cut.img", width, height));
+            }
+        }
+    }
+}
+
+TEST(Texture, AFewBytesThatDeclareAHugeImageAreRefusedAtOnce) {
+    // A run-length TGA of 73 bytes whose header declares 20227 x 3855 pixels.
+    const Bytes tga = {0x00, 0x00, 0x0a, 0x00, 0x00, 0x23, 0x3f, 0x52, 0x41, 0x44, 0x0f, 0x0f, 0x03,
+                       0x4f, 0x0f, 0x0f, 0x0f, 0x0f, 0x0f, 0x00, 0x00, 0x02, 0x00, 0x00, 0x00, 0x00,
+                       0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0xfb, 0xff, 0x30, 0x18, 0x00, 0xff, 0x0f,
+                       0x0f, 0x0f, 0x0f, 0x0f, 0x0f, 0x21, 0x0f, 0x01, 0x00, 0x00, 0x0f, 0xcd, 0x0f,
+                       0x0f, 0x49, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x0f, 0x0f, 0x49, 0x41,
+                       0x4e, 0x43, 0x45, 0x00, 0x20, 0xff, 0x81, 0x00};
+    ScratchFolder folder("huge");
+    const std::string path = folder.file("declared.tga");
+    std::ofstream(path, std::ios::binary)
+        .write(reinterpret_cast<const char*>(tga.data()), static_cast<std::streamsize>(tga.size()));
+    const auto start = std::chrono::steady_clock::now();
+    try {
+        Texture::load(path);
+        ADD_FAILURE() << "read";
+    } catch (const TextureError& error) {
+        EXPECT_EQ(error.what(), cutShortMessage(path, 20227, 3855));
+    }
+    // Found from the header and the packets, before any pixel is decoded.
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(100));
+}
+
+TEST(Texture, LargeImagesThatCompressWellStillLoad) {
+    // Flat images are where the formats come nearest to the most pixels a byte can give.
+    const int side = 1024;
+    const Bytes pixels = test::flatImage(side, side, {90, 140, 200});
+    for (const ImageFile& file : imageFiles(side, side, 3, pixels)) {
+        SCOPED_TRACE(file.format);
+        const auto texture = Texture::decode(file.bytes, "large");
+        EXPECT_EQ(texture->width(), side);
+        EXPECT_EQ(texture->height(), side);
+        EXPECT_NEAR(texture->sample(0.3f, 0.6f).g, 140.0f / 255.0f, 0.02f);
+    }
+}
+
+TEST(Texture, TheSizeLimitCanBeLoweredForAProcess) {
+    const Bytes png = encodePng(ImageView{40, 30, 1, Bytes(40 * 30, 7)});
+    EXPECT_EQ(textureSizeLimit(), kDefaultTextureSizeLimit);
+    setTextureSizeLimit(32);
+    try {
+        Texture::decode(png, "wide.png");
+        ADD_FAILURE() << "read past the limit";
+    } catch (const TextureError& error) {
+        EXPECT_STREQ(error.what(),
+                     "Texture: 'wide.png' is 40 x 30 pixels, more than Velmorin "
+                     "reads (32 x 32): scale it down");
+    }
+    setTextureSizeLimit(40);  // 1600 pixels: 40 x 30 fits
+    EXPECT_EQ(Texture::decode(png, "wide.png")->width(), 40);
+    setTextureSizeLimit(0);
+    EXPECT_EQ(textureSizeLimit(), 1);
+    setTextureSizeLimit(1 << 30);
+    EXPECT_EQ(textureSizeLimit(), kDefaultTextureSizeLimit);
 }
 
 TEST(TextureCache, EvictsLeastRecentlyUsedAndRereadsAFileSavedAgain) {
