@@ -177,7 +177,7 @@ class ScatterOp final : public Operator {
 
         // The density: its plain value, and where mapped its samples on every face.
         const double plain = std::max(0.0, paramSet.getFloat("density", 80.0));
-        const FieldSampler sampler = paramSet.fieldAtRoots("density");
+        const FieldSampler sampler = fieldSamplerAtRoots(paramSet, ctx, "density");
         DensityAt densityAt;
         double working = plain;
         if (sampler.isMapped()) {

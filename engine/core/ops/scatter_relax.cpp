@@ -219,9 +219,8 @@ void relaxPlacement(const ScalpMesh& scalp, const PlacementSettings& settings,
             for (std::size_t i = begin; i < end; ++i) {
                 int found = 0;
                 const Vec3f p = positions[i];
-                const int rings =
-                    std::clamp(static_cast<int>(std::ceil(2.0f * radii[i] / cell - 1e-3f)), 1,
-                               maxRings);
+                const int rings = std::clamp(
+                    static_cast<int>(std::ceil(2.0f * radii[i] / cell - 1e-3f)), 1, maxRings);
                 grid.forEachNear(p, rings, [&](std::uint32_t j) {
                     if (j == i) return;
                     const float d2 = lengthSquared(positions[j] - p);

@@ -9,6 +9,7 @@
 #include "base/hash.h"
 #include "base/parallel.h"
 #include "base/test/expect_message.h"
+#include "graph/delivered_params.h"
 #include "graph/errors.h"
 #include "graph/field_value.h"
 #include "graph/registry.h"
@@ -58,9 +59,10 @@ std::shared_ptr<const StrandSet> scatter(Operator& op, const ScatterRun& run) {
     op.paramSet.set("gridColumns", run.columns);
     op.paramSet.set("gridRandom", run.gridRandom);
     op.paramSet.set("guideRadius", run.guideRadius);
-    op.paramSet.fields.erase("density");
-    if (run.densityField) op.paramSet.fields["density"] = run.densityField;
+    DeliveredParams delivered;
+    if (run.densityField) delivered.fields["density"] = run.densityField;
     EvalContext ctx;
+    ctx.delivered = &delivered;
     ctx.previewDensity = run.previewDensity;
     ctx.previewPointBudget = run.pointBudget;
     ctx.resolution = 4;
