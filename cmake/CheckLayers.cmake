@@ -1,21 +1,23 @@
-# cmake -DROOT=<engine/core> -P CheckLayers.cmake: fails when a source of a layer includes a header
-# of a layer that is not below it. The order is the one engine/core/CMakeLists.txt builds the
-# libraries in; tests and their helpers may reach across (a test of io reads maps' test images).
+# cmake -DROOT=<engine/core> -DTIERS=<tiers> -P CheckLayers.cmake: fails when a source of a layer
+# includes a header of a layer that is not below it. engine/core/CMakeLists.txt hands in its tiers;
+# tests and their helpers may reach across (a test of io reads maps' test images).
 cmake_minimum_required(VERSION 3.25)
 
-set(below_base "")
-set(below_strands base)
-set(below_io base)
-set(below_mesh base strands)
-set(below_graph base strands io mesh)
-set(below_expr base strands io mesh)
-set(below_editing base strands io mesh graph)
-set(below_maps base strands io mesh graph)
-set(below_fields base strands io mesh graph expr editing maps)
-set(below_ops base strands io mesh graph expr editing maps fields)
+# TIERS lists the layers from the bottom up, tiers apart by "|", layers of one tier by ",".
+string(REPLACE "|" ";" tiers "${TIERS}")
+set(layers "")
+set(lower "")
+foreach(tier ${tiers})
+    string(REPLACE "," ";" tier "${tier}")
+    foreach(layer ${tier})
+        set(below_${layer} ${lower})
+    endforeach()
+    list(APPEND layers ${tier})
+    list(APPEND lower ${tier})
+endforeach()
 
 set(failures "")
-foreach(layer base strands io mesh graph expr editing maps fields ops)
+foreach(layer ${layers})
     file(GLOB files ${ROOT}/${layer}/*.cpp ${ROOT}/${layer}/*.h)
     list(FILTER files EXCLUDE REGEX "_test\\.cpp$")
     foreach(file ${files})
