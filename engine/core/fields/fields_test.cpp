@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include "base/parallel.h"
+#include "base/test/expect_message.h"
 #include "expr/noise.h"
 #include "expr/program_cache.h"
 #include "fields/field_map.h"
@@ -33,17 +34,12 @@ class ProbeOp final : public Operator {
         return {{"strands", PortType::Strands}, {"guides", PortType::Guides, true}};
     }
     std::vector<ParamSpec> params() const override {
-        ParamSpec amount = test::param("amount", 0.5);
-        amount.description = "How much (mappable)";
-        ParamSpec tint = test::param("tint", Vec3f{});
-        tint.description = "A colour (mappable)";
-        ParamSpec spacing = test::param("spacing", 1.0, false);
-        spacing.description = "Distance between (mappable)";
-        ParamSpec mode = test::param("mode", std::string("soft"));
+        ParamSpec mode = test::param("mode", std::string("soft"), true);
         mode.choices = {"soft", "hard"};
-        Ramp ramp;
-        ramp.keys = {{0, 0, 1}, {1, 1, 1}};
-        return {amount, tint, spacing, mode, test::param("profile", ramp)};
+        return {test::param("amount", 0.5, true, "How much (mappable)"),
+                test::param("tint", Vec3f{}, true, "A colour (mappable)"),
+                test::param("spacing", 1.0, false, "Distance between (mappable)"), mode,
+                test::param("profile", Ramp{{{0, 0, 1}, {1, 1, 1}}}, true)};
     }
     Value evaluate(const EvalContext& ctx, const std::vector<Value>& inputs) const override {
         const auto strands = inputs[0].get<StrandSet>();
@@ -173,25 +169,48 @@ struct Scene {
         inputs["maps"] = {Value(std::shared_ptr<const MapCatalogValue>(catalog(image))), 3};
         ctx.sceneInputs = &inputs;
     }
+    // The catalog under a new key, with the vertex map "weight" painted 1 everywhere.
+    void repaintWeight(std::uint64_t key) {
+        auto maps = catalog(image);
+        maps->maps.maps["weight"].values = {1, 1, 1, 1};
+        inputs["maps"] = {Value(std::shared_ptr<const MapCatalogValue>(maps)), key};
+    }
 };
 
-// A graph of groom -> probe, the probe's params and extra nodes and connections as given.
-std::shared_ptr<const StrandSet> runProbe(Scene& scene, const std::string& params,
-                                          const std::string& nodes = "",
-                                          const std::string& connections = "") {
+// One number as a host hands it in.
+Value uniform(decltype(UniformValue::value) value) {
+    return Value(std::make_shared<const UniformValue>(UniformValue{ValueKind::Number, value}));
+}
+
+constexpr const char* kExposed = R"(, "paramInputs": ["amount", "spacing", "mode", "profile"])";
+
+// A graph of groom -> probe: the probe's params, its other fields, and extra nodes and
+// connections as given.
+Graph probeGraph(const std::string& params, const std::string& nodes = "",
+                 const std::string& connections = "", const std::string& probeFields = kExposed) {
     registerProbe();
     Graph graph;
-    graph.fromJson(
-        R"({"nodes": [{"name": "groom", "type": "EvalScene"},)" + nodes +
-        R"({"name": "probe", "type": "FieldsProbe", "params": )" + params +
-        R"(, "paramInputs": ["amount", "spacing", "mode", "profile"]}], "connections": [{"from": "groom", "to": "probe", "input": "strands"})" +
-        connections + R"(], "output": "probe"})");
-    return test::strandsOf(graph.evaluateOutput(scene.ctx));
+    graph.fromJson(R"({"nodes": [{"name": "groom", "type": "EvalScene"},)" + nodes +
+                   R"({"name": "probe", "type": "FieldsProbe", "params": )" + params + probeFields +
+                   R"(}], "connections": [{"from": "groom", "to": "probe", "input": "strands"})" +
+                   connections + R"(], "output": "probe"})");
+    return graph;
 }
 
 std::vector<float> column(const StrandSet& set, const char* name) {
     const std::vector<float>* strand = set.strandChannel(name);
     return strand ? *strand : *set.pointChannel(name);
+}
+
+std::vector<float> column(Graph& graph, Scene& scene, const char* name = "amount") {
+    return column(*test::strandsOf(graph.evaluateOutput(scene.ctx)), name);
+}
+
+std::shared_ptr<const StrandSet> runProbe(Scene& scene, const std::string& params,
+                                          const std::string& nodes = "",
+                                          const std::string& connections = "") {
+    Graph graph = probeGraph(params, nodes, connections);
+    return test::strandsOf(graph.evaluateOutput(scene.ctx));
 }
 
 TEST(MappedParams, EachKindOfMapGivesTheHandComputedValues) {
@@ -246,9 +265,10 @@ TEST(MappedParams, PointSourcesVaryAlongStrandsAndStrandSourcesRepeat) {
 }
 
 TEST(MappedParams, WhatCannotBeReadIsAnErrorNamingTheParam) {
-    struct Case {
+    const struct {
         const char* params;
         std::string message;
+        bool uvs = true;
     } cases[] = {
         {R"({"amount": {"colorSet": "nope"}})",
          "param 'amount': the scalp has no color set 'nope'"},
@@ -265,56 +285,27 @@ TEST(MappedParams, WhatCannotBeReadIsAnErrorNamingTheParam) {
          "Tools > Paint)"},
         {R"({"tint": {"attribute": "mass"}})",
          "param 'tint': a vector takes an expression (a attribute map gives one number)"},
+        {R"({"amount": {"texture": "painted"}})",
+         "param 'amount': a texture map needs a scalp with UVs", false},
     };
-    Scene scene;
-    for (const Case& c : cases) {
+    for (const auto& c : cases) {
         SCOPED_TRACE(c.params);
-        try {
-            runProbe(scene, c.params);
-            ADD_FAILURE() << "no error";
-        } catch (const GraphError& e) {
-            EXPECT_NE(std::string(e.what()).find(c.message), std::string::npos) << e.what();
-        }
+        Scene scene(1, c.uvs);
+        test::expectMessage<GraphError>([&] { runProbe(scene, c.params); }, c.message);
     }
-    Scene bare(1, false);
-    EXPECT_THROW(
-        try {
-            runProbe(bare, R"({"amount": {"texture": "painted"}})");
-        } catch (const GraphError& e) {
-            EXPECT_NE(
-                std::string(e.what()).find("param 'amount': a texture map needs a scalp with UVs"),
-                std::string::npos)
-                << e.what();
-            throw;
-        },
-        GraphError);
 }
 
 TEST(MappedParams, ResultsFollowTheFrameAndTheGroomsMaps) {
-    registerProbe();
     Scene scene;
-    Graph graph;
-    const std::string json = R"x({"nodes": [{"name": "groom", "type": "EvalScene"},
-        {"name": "probe", "type": "FieldsProbe",
-         "params": {"amount": {"expression": "frame + map(\"weight\")"}}}],
-        "connections": [{"from": "groom", "to": "probe", "input": "strands"}],
-        "output": "probe"})x";
-    graph.fromJson(json);
-    const auto first = [&] {
-        return column(*test::strandsOf(graph.evaluateOutput(scene.ctx)), "amount")[0];
-    };
-    EXPECT_FLOAT_EQ(first(), 0.75f);
+    Graph graph =
+        probeGraph(R"x({"amount": {"expression": "frame + map(\"weight\")"}})x", "", "", "");
+    EXPECT_FLOAT_EQ(column(graph, scene)[0], 0.75f);
     scene.ctx.time = 2;
-    EXPECT_FLOAT_EQ(first(), 2.75f);
-    // The same catalog under a new key, with the map painted anew.
-    auto maps = catalog(scene.image);
-    maps->maps.maps["weight"].values = {1, 1, 1, 1};
-    scene.inputs["maps"] = {Value(std::shared_ptr<const MapCatalogValue>(maps)), 4};
-    EXPECT_FLOAT_EQ(first(), 3.0f);
+    EXPECT_FLOAT_EQ(column(graph, scene)[0], 2.75f);
+    scene.repaintWeight(4);
+    EXPECT_FLOAT_EQ(column(graph, scene)[0], 3.0f);
 }
 
-// Map nodes, mapped params and expressions find a painted map by name through one lookup, keyed
-// without reading the map's values: a vertex map by the catalog's key, a texture by its image.
 TEST(MappedParams, APaintedMapIsFoundByNameAndKeyedCheaply) {
     const std::shared_ptr<const MapCatalogValue> maps = catalog("head.png");
     const auto found = [&](std::string_view name, std::uint64_t catalogKey) {
@@ -352,7 +343,6 @@ TEST(MappedParams, APaintedMapIsFoundByNameAndKeyedCheaply) {
 }
 
 TEST(MappedParams, TheFrameEntersTheKeyOnlyWhereTheProgramReadsIt) {
-    registerProbe();
     // Text that names the frame and the time without reading them, and text that reads them.
     const struct {
         const char* expression;
@@ -366,12 +356,8 @@ TEST(MappedParams, TheFrameEntersTheKeyOnlyWhereTheProgramReadsIt) {
     for (const auto& c : cases) {
         SCOPED_TRACE(c.expression);
         Scene scene;
-        Graph graph;
-        graph.fromJson(std::string(R"({"nodes": [{"name": "groom", "type": "EvalScene"},
-            {"name": "probe", "type": "FieldsProbe", "params": {"amount": {"expression": ")") +
-                       c.expression + R"("}}}],
-            "connections": [{"from": "groom", "to": "probe", "input": "strands"}],
-            "output": "probe"})");
+        Graph graph = probeGraph(
+            std::string(R"({"amount": {"expression": ")") + c.expression + R"("}})", "", "", "");
         const std::uint32_t probe = graph.nodeId("probe");
         graph.evaluateOutput(scene.ctx);
         const std::uint64_t key = graph.node(probe).runtime.key;
@@ -386,68 +372,50 @@ TEST(MappedParams, TheFrameEntersTheKeyOnlyWhereTheProgramReadsIt) {
 }
 
 TEST(MappedParams, AnExpressionCompilesOnceForRunsOnTheSameScene) {
-    registerProbe();
     Scene scene;
-    Graph graph;
-    graph.fromJson(R"x({"nodes": [{"name": "groom", "type": "EvalScene"},
-        {"name": "probe", "type": "FieldsProbe",
-         "params": {"amount": {"expression": "$mass * 3 + map(\"weight\")"}}}],
-        "connections": [{"from": "groom", "to": "probe", "input": "strands"}],
-        "output": "probe"})x");
-    const std::uint32_t probe = graph.nodeId("probe");
-    const auto amounts = column(*test::strandsOf(graph.evaluateOutput(scene.ctx)), "amount");
+    Graph graph =
+        probeGraph(R"x({"amount": {"expression": "$mass * 3 + map(\"weight\")"}})x", "", "", "");
+    const std::vector<float> amounts = column(graph, scene);
     const std::uint64_t compiles = expressionCacheCompiles();
     // Another setting of the node runs it again on the same scene: the program is the cached one.
     for (const char* mode : {"hard", "soft", "hard"}) {
-        graph.operatorOf(probe).paramSet.set("mode", std::string(mode));
-        const auto again = column(*test::strandsOf(graph.evaluateOutput(scene.ctx)), "amount");
-        EXPECT_EQ(again, amounts);
+        graph.operatorOf(graph.nodeId("probe")).paramSet.set("mode", std::string(mode));
+        EXPECT_EQ(column(graph, scene), amounts);
     }
     EXPECT_EQ(expressionCacheCompiles(), compiles);
     // Maps under a new key compile it anew, with the map as it is now.
-    auto maps = catalog(scene.image);
-    maps->maps.maps["weight"].values = {1, 1, 1, 1};
-    scene.inputs["maps"] = {Value(std::shared_ptr<const MapCatalogValue>(maps)), 9};
-    EXPECT_FLOAT_EQ(column(*test::strandsOf(graph.evaluateOutput(scene.ctx)), "amount")[0], 4.0f);
+    scene.repaintWeight(9);
+    EXPECT_FLOAT_EQ(column(graph, scene)[0], 4.0f);
     EXPECT_EQ(expressionCacheCompiles(), compiles + 1);
 }
 
 TEST(MappedParams, AGuideLayerBeforeStrandsReadsTheNearestGuide) {
     ParamSet params;
-    ParamSpec amount;
-    amount.name = "amount";
-    amount.defaultValue = 0.0;
-    amount.description = "(mappable)";
-    params.declare({amount});
+    params.declare({test::param("amount", 0.0, false, "(mappable)")});
     params.set("amount", MapReference{MapSource::Guide, "layer", "", -1, 0.0, 2.0});
 
     auto scene = std::make_shared<FieldScene>();
     scene->scalp = squareScalp();
     EvalContext ctx;
     ctx.scene = scene;
-    const auto message = [&] {
-        try {
-            fieldSamplerAtRoots(params, ctx, "amount");
-        } catch (const GraphError& e) {
-            return std::string(e.what());
-        }
-        return std::string();
+    const auto expectFailure = [&](const std::string& message) {
+        test::expectMessage<GraphError>([&] { fieldSamplerAtRoots(params, ctx, "amount"); },
+                                        message);
     };
-    EXPECT_EQ(message(),
-              "param 'amount': a guide map here needs guides: connect them to this node's guides "
-              "input");
+    expectFailure(
+        "param 'amount': a guide map here needs guides: connect them to this node's guides input");
     auto guides = std::make_shared<GuideSet>();
     scene->guides = guides;
-    EXPECT_EQ(message(),
-              "param 'amount': no strands yet, so 'layer' must be a layer painted on the guides, "
-              "with the guides connected to this node");
+    expectFailure(
+        "param 'amount': no strands yet, so 'layer' must be a layer painted on the guides, with "
+        "the guides connected to this node");
     Guide near, far, bare;
     near.root = {0, 0.1f, 0.1f};
     near.attributes["layer"] = 0.25f;
     far.root = {1, 0.5f, 0.25f};
     far.pointAttributes["layer"] = {0.75f, 0.0f};
     guides->guides = {bare};
-    EXPECT_EQ(message(), "param 'amount': no guide carries the layer 'layer'");
+    expectFailure("param 'amount': no guide carries the layer 'layer'");
     guides->guides = {near, far, bare};
     const FieldSampler sampler = fieldSamplerAtRoots(params, ctx, "amount");
     ASSERT_TRUE(sampler.isMapped());
@@ -457,15 +425,10 @@ TEST(MappedParams, AGuideLayerBeforeStrandsReadsTheNearestGuide) {
 
 TEST(MappedParams, TheContextGivesExpressionsTheirFrameTimeAndControls) {
     SceneInputs inputs;
-    const auto number = [](decltype(UniformValue::value) value) {
-        auto uniform = std::make_shared<UniformValue>();
-        uniform->value = value;
-        return Value(std::shared_ptr<const UniformValue>(uniform));
-    };
-    inputs["control:gain"] = {number(0.25), 1};
-    inputs["control:whole"] = {number(std::int64_t{4}), 2};
-    inputs["control:on"] = {number(true), 3};
-    inputs["control:text"] = {number(std::string("x")), 4};
+    inputs["control:gain"] = {uniform(0.25), 1};
+    inputs["control:whole"] = {uniform(std::int64_t{4}), 2};
+    inputs["control:on"] = {uniform(true), 3};
+    inputs["control:text"] = {uniform(std::string("x")), 4};
     EvalContext ctx;
     ctx.time = 48.0;
     ctx.sceneInputs = &inputs;
@@ -483,79 +446,69 @@ TEST(MappedParams, TheContextGivesExpressionsTheirFrameTimeAndControls) {
     EXPECT_EQ(env.variable("other")->value.x, 5.0f);  // no such control: the value holds
 }
 
+// Node "f" (or `name`) of `type` with `params`, as a graph document lists it before the probe.
+std::string node(const char* type, const std::string& params, const char* name = "f") {
+    return std::string(R"({"name": ")") + name + R"(", "type": ")" + type + R"(", "params": )" +
+           params + "},";
+}
+
+// A connection from node "f" (its output `output`, if named) into the probe's `input`.
+std::string fToProbe(const char* input, const std::string& output = "") {
+    return std::string(R"(, {"from": "f", "to": "probe", "input": ")") + input + "\"" + output +
+           "}";
+}
+
 TEST(FieldNodes, EachNodeFeedsAParamWithTheHandComputedValues) {
     Scene scene;
-    scene.inputs["control:gain"] = {
-        Value(std::make_shared<const UniformValue>(UniformValue{ValueKind::Number, 0.7, false})),
-        9};
-    const auto run = [&](const std::string& nodes, const std::string& connections) {
-        return runProbe(scene, "{}", nodes, connections);
-    };
-    const std::string toAmount = R"(, {"from": "f", "to": "probe", "input": "amount")";
-    struct Case {
-        std::string node;
-        std::string output;
+    scene.inputs["control:gain"] = {uniform(0.7), 9};
+    // Two expression nodes for the fields that feed others: "e" the mass, "d" the density.
+    const std::string e = node("Expression", R"({"expression": "mass"})", "e");
+    const std::string d = node("Expression", R"({"expression": "density"})", "d");
+    const std::string eToA = R"(, {"from": "e", "to": "f", "input": "a"})";
+    const struct {
+        std::string nodes;
         std::vector<float> strands;
+        std::string feeds = "";
+        std::string output = "";
     } cases[] = {
-        {R"({"name": "f", "type": "Map", "params": {"name": "weight", "min": 1, "max": 3}},)",
+        {node("Map", R"({"name": "weight", "min": 1, "max": 3})"), {2.5f, 3.5f, 4.5f, 5.5f}},
+        {node("Map", R"({"name": "painted"})"),
+         {100 / 255.0f, 50 / 255.0f, 200 / 255.0f, 150 / 255.0f},
          "",
-         {2.5f, 3.5f, 4.5f, 5.5f}},
-        {R"({"name": "f", "type": "Map", "params": {"name": "painted"}},)",
-         R"(, "output": "r")",
-         {100 / 255.0f, 50 / 255.0f, 200 / 255.0f, 150 / 255.0f}},
-        {R"({"name": "f", "type": "Map", "params": {"name": "density", "min": 0, "max": 0.1}},)",
-         "",
-         {0, 1, 2, 3}},
-        {R"({"name": "f", "type": "Expression", "params": {"expression": "mass", "max": 2}},)",
-         "",
-         {2, 4, 6, 8}},
-        {R"({"name": "f", "type": "Control", "params": {"name": "gain"}},)",
-         "",
-         {0.7f, 0.7f, 0.7f, 0.7f}},
-        {R"({"name": "f", "type": "Control", "params": {"name": "unset", "default": 0.3}},)",
-         "",
-         {0.3f, 0.3f, 0.3f, 0.3f}},
+         R"(, "output": "r")"},
+        {node("Map", R"({"name": "density", "min": 0, "max": 0.1})"), {0, 1, 2, 3}},
+        {node("Expression", R"({"expression": "mass", "max": 2})"), {2, 4, 6, 8}},
+        {node("Control", R"({"name": "gain"})"), {0.7f, 0.7f, 0.7f, 0.7f}},
+        {node("Control", R"({"name": "unset", "default": 0.3})"), {0.3f, 0.3f, 0.3f, 0.3f}},
+        // Remap with its input range flipped: mass 1..4 read from 4 down to 1, through a straight
+        // curve, into 10..20.
+        {e + node("FieldRemap", R"({"inMin": 4, "inMax": 1, "outMin": 10, "outMax": 20,
+                                    "curve": {"keys": [[0, 0], [1, 1]], "linear": true}})"),
+         {20, 20 - 10 / 3.0f, 20 - 20 / 3.0f, 10},
+         R"(, {"from": "e", "to": "f", "input": "field"})"},
+        // Combine: a field plus the b param, and mixed with a field on b.
+        {e + d + node("FieldCombine", R"({"mode": "add", "b": 0.5})"),
+         {1.5f, 2.5f, 3.5f, 4.5f},
+         eToA},
+        {e + d + node("FieldCombine", R"({"mode": "mix", "mix": 0.25})"),
+         {1 + (0 - 1) * 0.25f, 2 + (10 - 2) * 0.25f, 3 + (20 - 3) * 0.25f, 4 + (30 - 4) * 0.25f},
+         eToA + R"(, {"from": "d", "to": "f", "input": "b"})"},
     };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.node);
-        const auto out = run(c.node, toAmount + c.output + "}");
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.nodes);
+        const auto out = runProbe(scene, "{}", c.nodes, c.feeds + fToProbe("amount", c.output));
         const std::vector<float> got = column(*out, "amount");
+        ASSERT_EQ(got.size(), 4u);
         for (std::size_t s = 0; s < 4; ++s)
             EXPECT_NEAR(got[s], c.strands[s], 1e-5f) << s;
     }
 
-    // Remap with its input range flipped: mass 1..4 read from 4 down to 1, through a straight
-    // curve, into 10..20.
-    const auto remapped = run(
-        R"({"name": "e", "type": "Expression", "params": {"expression": "mass"}},
-           {"name": "f", "type": "FieldRemap",
-            "params": {"inMin": 4, "inMax": 1, "curve": {"keys": [[0, 0], [1, 1]], "linear": true},
-                       "outMin": 10, "outMax": 20}},)",
-        R"(, {"from": "e", "to": "f", "input": "field"})" + toAmount + "}");
-    const std::vector<float> flipped = column(*remapped, "amount");
-    for (std::size_t s = 0; s < 4; ++s)
-        EXPECT_NEAR(flipped[s], 20.0f - 10.0f * static_cast<float>(s) / 3.0f, 1e-5f);
-
-    // Combine: a field plus the b param, and mixed with a field on b.
-    const std::string twoFields =
-        R"({"name": "e", "type": "Expression", "params": {"expression": "mass"}},
-           {"name": "d", "type": "Expression", "params": {"expression": "density"}},)";
-    const auto added = run(twoFields + R"({"name": "f", "type": "FieldCombine",
-        "params": {"mode": "add", "b": 0.5}},)",
-                           R"(, {"from": "e", "to": "f", "input": "a"})" + toAmount + "}");
-    EXPECT_EQ(column(*added, "amount"), (std::vector<float>{1.5f, 2.5f, 3.5f, 4.5f}));
-    const auto mixed = run(twoFields + R"({"name": "f", "type": "FieldCombine",
-        "params": {"mode": "mix", "mix": 0.25}},)",
-                           R"(, {"from": "e", "to": "f", "input": "a"},
-                              {"from": "d", "to": "f", "input": "b"})" +
-                               toAmount + "}");
-    for (std::size_t s = 0; s < 4; ++s)
-        EXPECT_NEAR(column(*mixed, "amount")[s], (s + 1) + (10.0f * s - (s + 1)) * 0.25f, 1e-5f);
-
     // Noise at the roots: lattice noise of the root times the frequency plus the offset.
-    const auto noisy = run(R"({"name": "f", "type": "FieldNoise",
-        "params": {"frequency": 3, "octaves": 2, "offset": 0.5, "seed": 4, "min": 1, "max": 3}},)",
-                           toAmount + "}");
+    const auto noisy = runProbe(
+        scene, "{}",
+        node("FieldNoise",
+             R"({"frequency": 3, "octaves": 2, "offset": 0.5, "seed": 4, "min": 1, "max": 3})"),
+        fToProbe("amount"));
     const Vec3f roots[] = {
         {0.25f, 0, 0.25f}, {0.75f, 0, 0.25f}, {0.25f, 0, 0.75f}, {0.75f, 0, 0.75f}};
     for (std::size_t s = 0; s < 4; ++s) {
@@ -569,7 +522,7 @@ TEST(FieldNodes, EachNodeFeedsAParamWithTheHandComputedValues) {
 
 TEST(FieldNodes, CurveValueAndOneValueExpressionsDriveTheirParams) {
     Scene scene;
-    struct Case {
+    const struct {
         const char* curve;
         float at;  // the probe's ramp at 0.25
     } curves[] = {
@@ -579,87 +532,69 @@ TEST(FieldNodes, CurveValueAndOneValueExpressionsDriveTheirParams) {
         {R"({"interpolation": "ease", "flip": true})", 0.84375f},
         {R"({"curve": {"keys": []}, "min": 2, "max": 5})", 5.0f},
     };
-    for (const Case& c : curves) {
+    for (const auto& c : curves) {
         SCOPED_TRACE(c.curve);
-        const auto out =
-            runProbe(scene, "{}",
-                     std::string(R"({"name": "c", "type": "Curve", "params": )") + c.curve + "},",
-                     R"(, {"from": "c", "to": "probe", "input": "profile"})");
+        const auto out = runProbe(scene, "{}", node("Curve", c.curve), fToProbe("profile"));
         EXPECT_NEAR(column(*out, "profile")[0], c.at, 1e-6f);
     }
     // A text Value picks a choice by name.
-    const auto hard =
-        runProbe(scene, "{}",
-                 R"({"name": "v", "type": "Value", "params": {"kind": "text", "text": "hard"}},)",
-                 R"(, {"from": "v", "to": "probe", "input": "mode"})");
+    const auto hard = runProbe(scene, "{}", node("Value", R"({"kind": "text", "text": "hard"})"),
+                               fToProbe("mode"));
     EXPECT_EQ(column(*hard, "hard")[0], 1.0f);
     // One value of the frame.
     scene.ctx.time = 12;
-    const auto framed = runProbe(scene, "{}",
-                                 R"({"name": "x", "type": "Expression",
-            "params": {"output": "value", "expression": "frame / 24", "min": 1, "max": 3}},)",
-                                 R"(, {"from": "x", "to": "probe", "input": "amount"})");
+    const auto framed =
+        runProbe(scene, "{}",
+                 node("Expression",
+                      R"({"output": "value", "expression": "frame / 24", "min": 1, "max": 3})"),
+                 fToProbe("amount"));
     EXPECT_FLOAT_EQ(column(*framed, "amount")[0], 2.0f);
 }
 
 TEST(FieldNodes, ControlBindingsWriteTheHostsValuesIntoTheirParams) {
-    registerProbe();
     Scene scene;
-    const auto number = [](double value) {
-        return Value(
-            std::make_shared<const UniformValue>(UniformValue{ValueKind::Number, value, false}));
-    };
-    Graph graph;
-    graph.fromJson(R"({"nodes": [{"name": "groom", "type": "EvalScene"},
-        {"name": "probe", "type": "FieldsProbe", "params": {"amount": 0.1},
-         "paramControls": {"amount": "gain", "tint": ["tx", "ty", "tz"]}}],
-        "connections": [{"from": "groom", "to": "probe", "input": "strands"}],
-        "output": "probe"})");
-    const auto run = [&] { return test::strandsOf(graph.evaluateOutput(scene.ctx)); };
+    Graph graph =
+        probeGraph(R"({"amount": 0.1})", "", "",
+                   R"(, "paramControls": {"amount": "gain", "tint": ["tx", "ty", "tz"]})");
     // Unset controls leave the params as they are.
-    EXPECT_FLOAT_EQ(column(*run(), "amount")[0], 0.1f);
-    scene.inputs["control:gain"] = {number(0.7), 1};
-    scene.inputs["control:tx"] = {number(1), 1};
-    scene.inputs["control:ty"] = {number(2), 1};
-    scene.inputs["control:tz"] = {number(3), 1};
-    const auto out = run();
-    EXPECT_FLOAT_EQ(column(*out, "amount")[0], 0.7f);
-    EXPECT_FLOAT_EQ(column(*out, "tintY")[0], 2.0f);
-    scene.inputs["control:gain"] = {number(0.9), 2};
-    EXPECT_FLOAT_EQ(column(*run(), "amount")[0], 0.9f);
+    EXPECT_FLOAT_EQ(column(graph, scene)[0], 0.1f);
+    scene.inputs["control:gain"] = {uniform(0.7), 1};
+    scene.inputs["control:tx"] = {uniform(1.0), 1};
+    scene.inputs["control:ty"] = {uniform(2.0), 1};
+    scene.inputs["control:tz"] = {uniform(3.0), 1};
+    EXPECT_FLOAT_EQ(column(graph, scene)[0], 0.7f);
+    EXPECT_FLOAT_EQ(column(graph, scene, "tintY")[0], 2.0f);
+    scene.inputs["control:gain"] = {uniform(0.9), 2};
+    EXPECT_FLOAT_EQ(column(graph, scene)[0], 0.9f);
 }
 
 TEST(FieldNodes, FaultsReadInTheNodesWords) {
     Scene scene;
-    struct Case {
+    const struct {
         std::string node;
-        const char* input;
         std::string message;
+        const char* input = "amount";
     } cases[] = {
-        {R"({"name": "f", "type": "Map"},)", "amount", "Map: name the map (Groom Tools > Paint)"},
-        {R"({"name": "f", "type": "Map", "params": {"name": "zz"}},)", "amount",
+        {node("Map", "{}"), "Map: name the map (Groom Tools > Paint)"},
+        {node("Map", R"({"name": "zz"})"),
          "Map: no map or image named 'zz' (Groom Tools > Paint > New... makes a map)"},
-        {R"({"name": "f", "type": "Map", "params": {"name": "unsaved"}},)", "amount",
+        {node("Map", R"({"name": "unsaved"})"),
          "Map 'unsaved': the texture map has no image file yet (paint it in Groom Tools > Paint)"},
-        {R"({"name": "f", "type": "Expression", "params": {"expression": " "}},)", "amount",
-         "Expression: the expression is empty"},
-        {R"({"name": "f", "type": "Expression", "params": {"output": "value", "expression": "rand"}},)",
-         "amount",
+        {node("Expression", R"({"expression": " "})"), "Expression: the expression is empty"},
+        {node("Expression", R"({"output": "value", "expression": "rand"})"),
          "Expression: set to give one value, it reads only frame, time and its own variables (no "
          "strand, point, channel, map or rand: those are per strand; set it to give a field)"},
         // A keyed slider changes over time; a param that sets where strands go can't take it.
-        {R"({"name": "f", "type": "Control"},)", "spacing",
-         "param 'spacing' cannot take a value that changes over time"},
+        {node("Control", "{}"),
+         "probe param 'spacing' cannot take a value that changes over time (an expression of the "
+         "frame, a keyed value): it sets how many strands, points or cards there are, or where "
+         "they go, which must stay the same on every frame",
+         "spacing"},
     };
-    for (const Case& c : cases) {
+    for (const auto& c : cases) {
         SCOPED_TRACE(c.node);
-        try {
-            runProbe(scene, "{}", c.node,
-                     std::string(R"(, {"from": "f", "to": "probe", "input": ")") + c.input + "\"}");
-            ADD_FAILURE() << "no error";
-        } catch (const GraphError& e) {
-            EXPECT_NE(std::string(e.what()).find(c.message), std::string::npos) << e.what();
-        }
+        test::expectMessage<GraphError>([&] { runProbe(scene, "{}", c.node, fToProbe(c.input)); },
+                                        c.message);
     }
 }
 
@@ -686,18 +621,12 @@ TEST(FieldNodes, EveryFieldKindGivesTheSameBitsOnOneAndTwoThreads) {
         SCOPED_TRACE(map);
         both([&] { return runProbe(scene, map); });
     }
-    const char* nodes[] = {
-        R"({"name": "f", "type": "FieldNoise", "params": {"octaves": 3}},)",
-        R"({"name": "f", "type": "FieldRemap"},)",
-        R"({"name": "f", "type": "FieldCombine", "params": {"mode": "max", "b": 0.5}},)",
-        R"({"name": "f", "type": "Map", "params": {"name": "painted"}},)",
-    };
-    for (const char* node : nodes) {
-        SCOPED_TRACE(node);
-        both([&] {
-            return runProbe(scene, "{}", node,
-                            R"(, {"from": "f", "to": "probe", "input": "amount"})");
-        });
+    for (const std::string& fed :
+         {node("FieldNoise", R"({"octaves": 3})"), node("FieldRemap", "{}"),
+          node("FieldCombine", R"({"mode": "max", "b": 0.5})"),
+          node("Map", R"({"name": "painted"})")}) {
+        SCOPED_TRACE(fed);
+        both([&] { return runProbe(scene, "{}", fed, fToProbe("amount")); });
     }
 }
 

@@ -2,20 +2,15 @@
 
 #include <gtest/gtest.h>
 
+#include "base/test/expect_message.h"
 #include "graph/test/test_operators.h"
 
 namespace velmorin {
 namespace {
 
 // Runs `edit` and expects a GraphError with exactly `message`.
-template <class Edit>
-void expectError(Edit&& edit, const std::string& message) {
-    try {
-        edit();
-        FAIL() << "expected: " << message;
-    } catch (const GraphError& error) {
-        EXPECT_EQ(error.what(), message);
-    }
+void expectError(const std::function<void()>& edit, const std::string& message) {
+    test::expectMessage<GraphError>(edit, message);
 }
 
 class GraphTest : public ::testing::Test {
@@ -66,15 +61,14 @@ TEST_F(GraphTest, AddNodeRefusesWhatCannotBeANode) {
 
 TEST_F(GraphTest, UnknownIdsAndNamesAreNamedInMessages) {
     const Graph& constGraph = graph;
-    expectError([&] { graph.node(7); }, "unknown node 7");
-    expectError([&] { constGraph.node(7); }, "unknown node 7");
-    expectError([&] { graph.operatorOf(7); }, "unknown node 7");
-    expectError([&] { graph.removeNode(7); }, "unknown node 7");
-    expectError([&] { graph.setBypass(7, true); }, "unknown node 7");
-    expectError([&] { graph.setEvaluation(7, EvaluationMode::RenderOnly); }, "unknown node 7");
-    expectError([&] { graph.setOutput(7); }, "unknown node 7");
-    expectError([&] { graph.exposeParam(7, "amount"); }, "unknown node 7");
-    expectError([&] { graph.keyParam(7, "amount", {"a"}); }, "unknown node 7");
+    for (const std::function<void()>& edit : std::initializer_list<std::function<void()>>{
+             [&] { graph.node(7); }, [&] { constGraph.node(7); }, [&] { graph.operatorOf(7); },
+             [&] { graph.removeNode(7); }, [&] { graph.setBypass(7, true); },
+             [&] { graph.setEvaluation(7, EvaluationMode::RenderOnly); },
+             [&] { graph.setOutput(7); }, [&] { graph.exposeParam(7, "amount"); },
+             [&] { graph.keyParam(7, "amount", {"a"}); }}) {
+        expectError(edit, "unknown node 7");
+    }
     expectError([&] { graph.nodeId("ghost"); }, "no node named ghost");
 }
 
@@ -246,29 +240,27 @@ TEST_F(GraphTest, KeyParamRules) {
     EXPECT_EQ(graph.node(shape).paramControls.at("offset"),
               (std::vector<std::string>{"ox", "oy", "oz"}));
 
-    expectError([&] { graph.keyParam(shape, "nothing", {"a"}); },
-                "shape has no param 'nothing' to key");
-    expectError([&] { graph.keyParam(source, "count", {"a"}); },
-                "source param 'count' cannot be keyed: it sets how many strands, points or cards "
-                "there are, or where they go, which must stay the same on every frame");
-    expectError([&] { graph.keyParam(shape, "mode", {"a"}); },
-                "shape param 'mode' cannot be keyed: only numbers, switches and vectors can");
-    expectError([&] { graph.keyParam(shape, "profile", {"a"}); },
-                "shape param 'profile' cannot be keyed: only numbers, switches and vectors can");
-    expectError(
-        [&] {
-            graph.keyParam(shape, "offset", {"x", "", "z"});
-        },
-        "shape param 'offset': a control needs a name");
-    expectError([&] { graph.keyParam(shape, "offset", {"x"}); },
-                "shape param 'offset' is keyed by three controls (x, y, z)");
-    expectError(
-        [&] {
-            graph.keyParam(shape, "amount", {"a", "b", "c"});
-        },
-        "shape param 'amount' is keyed by one control");
-    expectError([&] { graph.keyParam(shape, "amount", {}); },
-                "shape param 'amount' is keyed by one control");
+    const std::string fixedOverTime =
+        "cannot be keyed: it sets how many strands, points or cards there are, or where they go, "
+        "which must stay the same on every frame";
+    const std::string notKeyable = "cannot be keyed: only numbers, switches and vectors can";
+    const struct {
+        std::uint32_t node;
+        const char* param;
+        std::vector<std::string> controls;
+        std::string message;
+    } refused[] = {
+        {shape, "nothing", {"a"}, "shape has no param 'nothing' to key"},
+        {source, "count", {"a"}, "source param 'count' " + fixedOverTime},
+        {shape, "mode", {"a"}, "shape param 'mode' " + notKeyable},
+        {shape, "profile", {"a"}, "shape param 'profile' " + notKeyable},
+        {shape, "offset", {"x", "", "z"}, "shape param 'offset': a control needs a name"},
+        {shape, "offset", {"x"}, "shape param 'offset' is keyed by three controls (x, y, z)"},
+        {shape, "amount", {"a", "b", "c"}, "shape param 'amount' is keyed by one control"},
+        {shape, "amount", {}, "shape param 'amount' is keyed by one control"},
+    };
+    for (const auto& c : refused)
+        expectError([&] { graph.keyParam(c.node, c.param, c.controls); }, c.message);
     // The failures left the bindings as they were.
     EXPECT_EQ(graph.node(shape).paramControls.at("amount"), std::vector<std::string>{"amountCtl"});
     EXPECT_EQ(graph.node(shape).paramControls.at("offset").size(), 3u);

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "graph/field_value.h"
+#include "graph/test/specs.h"
 
 namespace velmorin {
 namespace {
@@ -12,8 +13,7 @@ class PlainOp final : public Operator {
   public:
     std::string type() const override { return "Plain"; }
     std::vector<PortSpec> inputs() const override {
-        return {{"strands", PortType::Strands, false, ValueKind::Any},
-                {"guides", PortType::Guides, true, ValueKind::Any}};
+        return {test::strandsPort("strands"), test::port("guides", PortType::Guides, true)};
     }
     Value evaluate(const EvalContext&, const std::vector<Value>& in) const override {
         return in.at(0);
@@ -39,17 +39,14 @@ class ShapedOp final : public Operator {
     std::string category() const override { return "look"; }
 };
 
+using test::port;
+
 ParamSpec floatSpec(std::string name, double value) {
-    ParamSpec spec;
-    spec.name = std::move(name);
-    spec.defaultValue = value;
-    return spec;
+    return test::param(std::move(name), value);
 }
 
 ParamSpec channelSpec(std::string name, std::string channel, ChannelRole role) {
-    ParamSpec spec;
-    spec.name = std::move(name);
-    spec.defaultValue = std::move(channel);
+    ParamSpec spec = test::param(std::move(name), std::move(channel));
     spec.channel = role;
     return spec;
 }
@@ -59,10 +56,6 @@ std::vector<std::string> namesOf(const std::vector<ParamSpec>& specs) {
     for (const ParamSpec& spec : specs)
         names.push_back(spec.name);
     return names;
-}
-
-PortSpec port(std::string name, PortType type) {
-    return {std::move(name), type, false, {}};
 }
 
 TEST(Operator, DefaultsAreThoseOfAPlainOneOutputNode) {

@@ -2,225 +2,211 @@
 
 #include <algorithm>
 #include <cmath>
+#include <functional>
 #include <limits>
+#include <optional>
 #include <thread>
 
 #include <gtest/gtest.h>
+
+#include "base/test/expect_message.h"
 
 #include "graph/delivered_params.h"
 #include "graph/errors.h"
 #include "graph/eval_context.h"
 #include "graph/field_value.h"
+#include "graph/test/specs.h"
 
 namespace velmorin {
 namespace {
 
-ParamSpec makeSpec(std::string name, ParamValue defaultValue) {
-    ParamSpec spec;
-    spec.name = std::move(name);
-    spec.defaultValue = std::move(defaultValue);
+using test::param;
+
+// Runs `action` and expects a GraphError that says exactly `message`.
+void expectError(const std::function<void()>& action, const std::string& message) {
+    test::expectMessage<GraphError>(action, message);
+}
+
+ParamSpec limited(ParamSpec spec, std::optional<double> min, std::optional<double> max) {
+    spec.min = min;
+    spec.max = max;
     return spec;
 }
 
-// The message of the GraphError that `action` throws, or a note that it threw none.
-template <class Action>
-std::string graphErrorOf(Action&& action) {
-    try {
-        action();
-    } catch (const GraphError& error) {
-        return error.what();
-    }
-    return "(no error)";
+ParamSpec colorField(ParamSpec spec) {
+    spec.colorField = true;
+    return spec;
 }
 
 ParamSpec modeSpec() {
-    ParamSpec mode = makeSpec("mode", std::string("multiply"));
-    mode.choices = {"multiply", "add", "mix"};
-    return mode;
+    ParamSpec spec = param("mode", std::string("multiply"));
+    spec.choices = {"multiply", "add", "mix"};
+    return spec;
 }
 
 TEST(CoerceParam, NumbersWidenAndNarrowByTheParamsKind) {
-    const ParamSpec length = makeSpec("length", 1.0);
-    EXPECT_EQ(coerceParam(std::int64_t{3}, length, "x"), ParamValue(3.0));
-    EXPECT_EQ(coerceParam(true, length, "x"), ParamValue(1.0));
-
-    const ParamSpec count = makeSpec("count", std::int64_t{10});
-    EXPECT_EQ(coerceParam(2.4, count, "x"), ParamValue(std::int64_t{2}));
-    EXPECT_EQ(coerceParam(2.6, count, "x"), ParamValue(std::int64_t{3}));
-    EXPECT_EQ(coerceParam(-2.6, count, "x"), ParamValue(std::int64_t{-3}));
-    EXPECT_EQ(coerceParam(false, count, "x"), ParamValue(std::int64_t{0}));
-
-    const ParamSpec on = makeSpec("on", false);
-    EXPECT_EQ(coerceParam(-3.0, on, "x"), ParamValue(true));
-    EXPECT_EQ(coerceParam(std::int64_t{0}, on, "x"), ParamValue(false));
-}
-
-TEST(CoerceParam, IntegerRangeIsThatOfASigned64BitInteger) {
-    const ParamSpec count = makeSpec("count", std::int64_t{10});
-    EXPECT_EQ(graphErrorOf([&] { coerceParam(9223372036854775808.0, count, "param 'count'"); }),
-              "param 'count': 9223372036854775808 is out of range for an integer");
-    EXPECT_EQ(coerceParam(-9223372036854775808.0, count, "x"),
-              ParamValue(std::numeric_limits<std::int64_t>::min()));
-    // The next double below -2^63 is 2048 further down.
-    EXPECT_EQ(graphErrorOf([&] { coerceParam(-9223372036854777856.0, count, "node 'a'"); }),
-              "node 'a': -9223372036854777856 is out of range for an integer");
-    EXPECT_EQ(graphErrorOf([&] { coerceParam(1e300, count, "param 'count'"); }),
-              "param 'count': 1e+300 is out of range for an integer");
-    EXPECT_EQ(graphErrorOf([&] { coerceParam(std::nan(""), count, "param 'count'"); }),
-              "param 'count': nan is out of range for an integer");
-}
-
-TEST(CoerceParam, ChoicesNameTheValueAndTheList) {
-    const ParamSpec mode = modeSpec();
-    EXPECT_EQ(coerceParam(std::string("add"), mode, "x"), ParamValue(std::string("add")));
-    EXPECT_EQ(graphErrorOf([&] { coerceParam(std::string("Add"), mode, "param 'mode'"); }),
-              "param 'mode': 'Add' is not one of its choices (multiply, add, mix)");
-    // Without choices any text goes.
-    EXPECT_EQ(coerceParam(std::string("Add"), makeSpec("label", std::string()), "x"),
-              ParamValue(std::string("Add")));
-}
-
-TEST(CoerceParam, AWrongKindNamesWhatTheParamTakesAndWhatItGot) {
-    const auto message = [](const ParamSpec& spec, const ParamValue& value) {
-        return graphErrorOf([&] { coerceParam(value, spec, "ignored"); });
+    const ParamSpec length = param("length", 1.0), count = param("count", std::int64_t{10}),
+                    on = param("on", false);
+    const struct {
+        const ParamSpec& spec;
+        ParamValue in, out;
+    } cases[] = {
+        {length, std::int64_t{3}, 3.0},
+        {length, true, 1.0},
+        {count, 2.4, std::int64_t{2}},
+        {count, 2.6, std::int64_t{3}},
+        {count, -2.6, std::int64_t{-3}},
+        {count, false, std::int64_t{0}},
+        {count, -9223372036854775808.0, std::numeric_limits<std::int64_t>::min()},
+        {on, -3.0, true},
+        {on, std::int64_t{0}, false},
+        {modeSpec(), std::string("add"), std::string("add")},
+        // Without choices any text goes.
+        {param("label", std::string()), std::string("Add"), std::string("Add")},
     };
-    EXPECT_EQ(message(makeSpec("direction", Vec3f{0, 1, 0}), 1.0),
-              "param 'direction' takes vec3 and cannot take number");
-    EXPECT_EQ(message(modeSpec(), true), "param 'mode' takes choice and cannot take bool");
-    EXPECT_EQ(message(makeSpec("label", std::string()), std::int64_t{4}),
-              "param 'label' takes text and cannot take integer");
-    EXPECT_EQ(message(makeSpec("length", 1.0), std::string("1")),
-              "param 'length' takes number and cannot take text");
-    EXPECT_EQ(message(makeSpec("count", std::int64_t{1}), Vec3f{}),
-              "param 'count' takes integer and cannot take vec3");
-    EXPECT_EQ(message(makeSpec("on", false), Ramp{}), "param 'on' takes bool and cannot take ramp");
-    EXPECT_EQ(message(makeSpec("profile", Ramp{}), 0.5),
-              "param 'profile' takes ramp and cannot take number");
-    EXPECT_EQ(message(makeSpec("length", 1.0), MapReference{}),
-              "param 'length' takes number and cannot take map");
+    for (const auto& c : cases)
+        EXPECT_EQ(coerceParam(c.in, c.spec, "x"), c.out) << c.spec.name;
+}
+
+TEST(CoerceParam, RefusalsNameTheParamWhatItTakesAndWhatItGot) {
+    const ParamSpec count = param("count", std::int64_t{10});
+    const struct {
+        ParamSpec spec;
+        ParamValue value;
+        const char* context;
+        std::string message;
+    } cases[] = {
+        // The integer range is that of a signed 64-bit integer.
+        {count, 9223372036854775808.0, "param 'count'",
+         "param 'count': 9223372036854775808 is out of range for an integer"},
+        // The next double below -2^63 is 2048 further down.
+        {count, -9223372036854777856.0, "node 'a'",
+         "node 'a': -9223372036854777856 is out of range for an integer"},
+        {count, 1e300, "param 'count'", "param 'count': 1e+300 is out of range for an integer"},
+        {count, std::nan(""), "param 'count'", "param 'count': nan is out of range for an integer"},
+        {modeSpec(), std::string("Add"), "param 'mode'",
+         "param 'mode': 'Add' is not one of its choices (multiply, add, mix)"},
+        // A wrong kind is named by the param, whatever the context.
+        {param("direction", Vec3f{0, 1, 0}), 1.0, "ignored",
+         "param 'direction' takes vec3 and cannot take number"},
+        {modeSpec(), true, "ignored", "param 'mode' takes choice and cannot take bool"},
+        {param("label", std::string()), std::int64_t{4}, "ignored",
+         "param 'label' takes text and cannot take integer"},
+        {param("length", 1.0), std::string("1"), "ignored",
+         "param 'length' takes number and cannot take text"},
+        {count, Vec3f{}, "ignored", "param 'count' takes integer and cannot take vec3"},
+        {param("on", false), Ramp{}, "ignored", "param 'on' takes bool and cannot take ramp"},
+        {param("profile", Ramp{}), 0.5, "ignored",
+         "param 'profile' takes ramp and cannot take number"},
+        {param("length", 1.0), MapReference{}, "ignored",
+         "param 'length' takes number and cannot take map"},
+    };
+    for (const auto& c : cases)
+        expectError([&] { coerceParam(c.value, c.spec, c.context); }, c.message);
 }
 
 TEST(CoerceParam, AMapStandsInForAParamThatTakesAField) {
-    ParamSpec width = makeSpec("width", 1.0);
-    width.description = "Width at the root. Scales the tip too (mappable)";
     MapReference map;
     map.source = MapSource::Attribute;
     map.text = "region";
-    EXPECT_EQ(coerceParam(map, width, "x"), ParamValue(map));
-    ParamSpec tint = makeSpec("tint", Vec3f{1, 1, 1});
-    tint.colorField = true;
-    EXPECT_EQ(coerceParam(map, tint, "x"), ParamValue(map));
+    for (const ParamSpec& spec :
+         {param("width", 1.0, false, "Width at the root. Scales the tip too (mappable)"),
+          colorField(param("tint", Vec3f{1, 1, 1}))}) {
+        EXPECT_EQ(coerceParam(map, spec, "x"), ParamValue(map)) << spec.name;
+    }
 }
 
 TEST(ParamInputPort, FollowsTheFiveRulesInOrder) {
-    PortSpec port;
-    ParamSpec never = makeSpec("count", std::int64_t{3});
-    never.inputRule = InputRule::Never;
-    EXPECT_FALSE(paramInputPort(never, port));
-
-    ParamSpec valueRamp = makeSpec("profile", Ramp{});
-    valueRamp.inputRule = InputRule::AlwaysValue;
-    EXPECT_FALSE(paramInputPort(valueRamp, port));
-    ParamSpec valueMap = makeSpec("source", MapReference{});
-    valueMap.inputRule = InputRule::AlwaysValue;
-    EXPECT_FALSE(paramInputPort(valueMap, port));
-
-    // Rule 2 comes before the mappable rule.
-    ParamSpec forcedValue = makeSpec("amount", 1.0);
-    forcedValue.description = "How much (mappable)";
-    forcedValue.inputRule = InputRule::AlwaysValue;
-    ASSERT_TRUE(paramInputPort(forcedValue, port));
-    EXPECT_EQ(port.type, PortType::Value);
-    EXPECT_EQ(port.valueKind, ValueKind::Number);
-    EXPECT_EQ(port.name, "amount");
-    EXPECT_TRUE(port.optional);
-
-    ASSERT_TRUE(paramInputPort(makeSpec("profile", Ramp{}), port));
-    EXPECT_EQ(port.type, PortType::Curve);
-
-    // "(mappable" in a later sentence still makes a Field port.
-    ParamSpec later = makeSpec("frizz", 0.2);
-    later.description = "Random bends along the strand. Grows toward the tip (mappable, per point)";
-    ASSERT_TRUE(paramInputPort(later, port));
-    EXPECT_EQ(port.type, PortType::Field);
-    EXPECT_EQ(port.name, "frizz");
-    ParamSpec color = makeSpec("color", Vec3f{1, 0, 0});
-    color.colorField = true;
-    ASSERT_TRUE(paramInputPort(color, port));
-    EXPECT_EQ(port.type, PortType::Field);
-    ASSERT_TRUE(paramInputPort(makeSpec("source", MapReference{}), port));
-    EXPECT_EQ(port.type, PortType::Field);
-
-    ASSERT_TRUE(paramInputPort(modeSpec(), port));
-    EXPECT_EQ(port.type, PortType::Value);
-    EXPECT_EQ(port.valueKind, ValueKind::Choice);
-    ASSERT_TRUE(paramInputPort(makeSpec("label", std::string()), port));
-    EXPECT_EQ(port.valueKind, ValueKind::Text);
-    ASSERT_TRUE(paramInputPort(makeSpec("count", std::int64_t{1}), port));
-    EXPECT_EQ(port.valueKind, ValueKind::Integer);
-    ASSERT_TRUE(paramInputPort(makeSpec("up", Vec3f{}), port));
-    EXPECT_EQ(port.valueKind, ValueKind::Vec3);
+    const auto rule = [](ParamSpec spec, InputRule rule) {
+        spec.inputRule = rule;
+        return spec;
+    };
+    const struct {
+        ParamSpec spec;
+        std::optional<PortType> type;  // none: no input port
+        ValueKind kind = ValueKind::Any;
+    } cases[] = {
+        {rule(param("count", std::int64_t{3}), InputRule::Never), std::nullopt},
+        {rule(param("profile", Ramp{}), InputRule::AlwaysValue), std::nullopt},
+        {rule(param("source", MapReference{}), InputRule::AlwaysValue), std::nullopt},
+        // Rule 2 comes before the mappable rule.
+        {rule(param("amount", 1.0, false, "How much (mappable)"), InputRule::AlwaysValue),
+         PortType::Value, ValueKind::Number},
+        {param("profile", Ramp{}), PortType::Curve},
+        // "(mappable" in a later sentence still makes a Field port.
+        {param("frizz", 0.2, false,
+               "Random bends along the strand. Grows toward the tip (mappable, per point)"),
+         PortType::Field},
+        {colorField(param("color", Vec3f{1, 0, 0})), PortType::Field},
+        {param("source", MapReference{}), PortType::Field},
+        {modeSpec(), PortType::Value, ValueKind::Choice},
+        {param("label", std::string()), PortType::Value, ValueKind::Text},
+        {param("count", std::int64_t{1}), PortType::Value, ValueKind::Integer},
+        {param("up", Vec3f{}), PortType::Value, ValueKind::Vec3},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.spec.name);
+        PortSpec port;
+        ASSERT_EQ(paramInputPort(c.spec, port), c.type.has_value());
+        if (!c.type) continue;
+        EXPECT_EQ(port.type, *c.type);
+        // The port is optional and named after the param.
+        EXPECT_EQ(port.name, c.spec.name);
+        EXPECT_TRUE(port.optional);
+        if (port.type == PortType::Value) {
+            EXPECT_EQ(port.valueKind, c.kind);
+        }
+    }
 }
 
 TEST(ParamDecimals, ComeFromUnitThenRangeThenDefault) {
-    const auto decimals = [](ParamSpec spec) { return paramDecimals(spec); };
-    const auto withUnit = [](std::string unit) {
-        ParamSpec spec = makeSpec("x", 1000.0);
-        spec.unit = std::move(unit);
+    const auto unit = [](std::string name, std::optional<int> own = std::nullopt) {
+        ParamSpec spec = param("x", 1000.0);
+        spec.unit = std::move(name);
+        spec.decimals = own;
         return spec;
     };
-    EXPECT_EQ(decimals(makeSpec("count", std::int64_t{5000})), 0);
-    EXPECT_EQ(decimals(withUnit("pixels")), 0);
-    EXPECT_EQ(decimals(withUnit("angle")), 1);
-    EXPECT_EQ(decimals(withUnit("fraction")), 3);
-    EXPECT_EQ(decimals(withUnit("color")), 3);
-    EXPECT_EQ(decimals(withUnit("turns")), 2);
-    EXPECT_EQ(decimals(withUnit("seconds")), 2);
-    ParamSpec own = withUnit("angle");
-    own.decimals = 5;
-    EXPECT_EQ(decimals(own), 5);
-
-    const auto ranged = [](double min, double max) {
-        ParamSpec spec = makeSpec("x", 0.001);
-        spec.min = min;
-        spec.max = max;
-        return spec;
+    const auto ranged = [](double min, double max) { return limited(param("x", 0.001), min, max); };
+    const struct {
+        ParamSpec spec;
+        std::optional<int> decimals;
+    } cases[] = {
+        {param("count", std::int64_t{5000}), 0},
+        {unit("pixels"), 0},
+        {unit("angle"), 1},
+        {unit("fraction"), 3},
+        {unit("color"), 3},
+        {unit("turns"), 2},
+        {unit("seconds"), 2},
+        {unit("angle", 5), 5},
+        {ranged(0, 100), 1},
+        {ranged(-5, 5), 2},
+        {ranged(0, 0.1), 3},
+        {ranged(0, 0.05), 4},
+        {ranged(1, 1), 3},  // a range of 0 or less gives 3
+        {limited(param("x", 20.0), 0.0, std::nullopt),
+         2},  // one limit is no range: the default decides
+        {param("x", 150.0), 1},
+        {param("x", 0.05), 4},
+        {param("x", 0.0), 3},
+        {param("x", -500.0), 3},
+        {param("offset", Vec3f{100, 0, 0}), 3},
+        {param("on", true), std::nullopt},
+        {modeSpec(), std::nullopt},
+        {param("profile", Ramp{}), std::nullopt},
     };
-    EXPECT_EQ(decimals(ranged(0, 100)), 1);
-    EXPECT_EQ(decimals(ranged(-5, 5)), 2);
-    EXPECT_EQ(decimals(ranged(0, 0.1)), 3);
-    EXPECT_EQ(decimals(ranged(0, 0.05)), 4);
-    EXPECT_EQ(decimals(ranged(1, 1)), 3);  // a range of 0 or less gives 3
-
-    ParamSpec minOnly = makeSpec("x", 20.0);
-    minOnly.min = 0.0;
-    EXPECT_EQ(decimals(minOnly), 2);  // one limit is no range: the default decides
-    EXPECT_EQ(decimals(makeSpec("x", 150.0)), 1);
-    EXPECT_EQ(decimals(makeSpec("x", 0.05)), 4);
-    EXPECT_EQ(decimals(makeSpec("x", 0.0)), 3);
-    EXPECT_EQ(decimals(makeSpec("x", -500.0)), 3);
-    EXPECT_EQ(decimals(makeSpec("offset", Vec3f{100, 0, 0})), 3);
-
-    EXPECT_EQ(decimals(makeSpec("on", true)), std::nullopt);
-    EXPECT_EQ(decimals(modeSpec()), std::nullopt);
-    EXPECT_EQ(decimals(makeSpec("profile", Ramp{})), std::nullopt);
+    for (std::size_t i = 0; i < std::size(cases); ++i)
+        EXPECT_EQ(paramDecimals(cases[i].spec), cases[i].decimals) << "case " << i;
 }
 
 // A small param table of the kind an operator declares.
 ParamSet declaredSet() {
-    ParamSpec count = makeSpec("count", std::int64_t{4});
-    count.min = 0.5;
-    count.max = 7.9;
-    ParamSpec length = makeSpec("length", 2.0);
-    length.min = 0.0;
-    length.max = 10.0;
-    length.description = "Length (mappable)";
-    ParamSpec tint = makeSpec("tint", Vec3f{1, 0.5f, 0});
-    tint.colorField = true;
     ParamSet set;
-    set.declare({count, length, modeSpec(), makeSpec("on", true), tint,
-                 makeSpec("profile", Ramp{{{0, 0, 0}, {1, 1, 0}}, true}),
-                 makeSpec("length", 99.0)});  // a later duplicate is ignored
+    set.declare({limited(param("count", std::int64_t{4}), 0.5, 7.9),
+                 limited(param("length", 2.0, false, "Length (mappable)"), 0.0, 10.0), modeSpec(),
+                 param("on", true), colorField(param("tint", Vec3f{1, 0.5f, 0})),
+                 param("profile", Ramp{{{0, 0, 0}, {1, 1, 0}}, true}),
+                 param("length", 99.0)});  // a later duplicate is ignored
     return set;
 }
 
@@ -248,35 +234,35 @@ TEST(ParamSet, GettersFallBackFromValuesToDefaultsToTheCallersFallback) {
 
 TEST(ParamSet, NumbersAreClampedToTheHardLimits) {
     ParamSet set = declaredSet();
-    set.values["count"] = std::int64_t{0};
-    EXPECT_EQ(set.getInt("count", 0), 1);  // ceil(0.5)
-    set.values["count"] = std::int64_t{100};
-    EXPECT_EQ(set.getInt("count", 0), 7);  // floor(7.9)
-    set.values["count"] = std::numeric_limits<std::int64_t>::min();
-    EXPECT_EQ(set.getInt("count", 0), 1);
-    set.set("length", 12.5);
-    EXPECT_EQ(set.getFloat("length", 0), 10.0);
-    set.set("length", -0.25);
-    EXPECT_EQ(set.getFloat("length", 0), 0.0);
+    // count within [0.5, 7.9]: ceil(0.5) and floor(7.9).
+    for (const auto& [count, read] : {std::pair<std::int64_t, std::int64_t>{0, 1},
+                                      {100, 7},
+                                      {std::numeric_limits<std::int64_t>::min(), 1}}) {
+        set.values["count"] = count;
+        EXPECT_EQ(set.getInt("count", 0), read) << count;
+    }
+    for (const auto& [length, read] : {std::pair{12.5, 10.0}, {-0.25, 0.0}}) {
+        set.set("length", length);
+        EXPECT_EQ(set.getFloat("length", 0), read) << length;
+    }
 }
 
 TEST(ParamSet, SetCoercesAndLeavesTheOldValueWhenItFails) {
     ParamSet set = declaredSet();
     set.set("mode", std::string("mix"));
-    EXPECT_EQ(graphErrorOf([&] { set.set("mode", std::string("divide")); }),
-              "param 'mode': 'divide' is not one of its choices (multiply, add, mix)");
+    expectError([&] { set.set("mode", std::string("divide")); },
+                "param 'mode': 'divide' is not one of its choices (multiply, add, mix)");
     EXPECT_EQ(set.getString("mode", "?"), "mix");
 
     set.set("count", 5.0);
-    EXPECT_EQ(graphErrorOf([&] { set.set("count", 9223372036854775808.0); }),
-              "param 'count': 9223372036854775808 is out of range for an integer");
+    expectError([&] { set.set("count", 9223372036854775808.0); },
+                "param 'count': 9223372036854775808 is out of range for an integer");
     EXPECT_EQ(set.getInt("count", 0), 5);
     set.set("count", -9223372036854775808.0);
     EXPECT_EQ(set.checked("count"), ParamValue(std::numeric_limits<std::int64_t>::min()));
 
-    EXPECT_EQ(graphErrorOf([&] { set.set("tint", 1.0); }),
-              "param 'tint' takes vec3 and cannot take number");
-    EXPECT_EQ(graphErrorOf([&] { set.set("lenght", 1.0); }), "unknown parameter 'lenght'");
+    expectError([&] { set.set("tint", 1.0); }, "param 'tint' takes vec3 and cannot take number");
+    expectError([&] { set.set("lenght", 1.0); }, "unknown parameter 'lenght'");
     EXPECT_FALSE(set.values.contains("lenght"));
 }
 
@@ -285,7 +271,7 @@ TEST(ParamSet, CheckedAndHasKnowOnlyDeclaredOrSetNames) {
     EXPECT_TRUE(set.has("profile"));
     EXPECT_FALSE(set.has("seed"));
     EXPECT_EQ(set.checked("on"), ParamValue(true));
-    EXPECT_EQ(graphErrorOf([&] { set.checked("seed"); }), "unknown parameter 'seed'");
+    expectError([&] { set.checked("seed"); }, "unknown parameter 'seed'");
     EXPECT_EQ(set.spec("length")->defaultValue, ParamValue(2.0));  // the first declaration
     EXPECT_EQ(set.spec("seed"), nullptr);
     EXPECT_EQ(ParamSet().specs().size(), 0u);
@@ -397,9 +383,9 @@ TEST(ParamKind, NamesAndValueKinds) {
     EXPECT_EQ(paramKindName(ParamKind::Float), "float");
     EXPECT_EQ(paramKindName(ParamKind::Ramp), "ramp");
     EXPECT_EQ(valueKindOf(modeSpec()), ValueKind::Choice);
-    EXPECT_EQ(valueKindOf(makeSpec("label", std::string())), ValueKind::Text);
-    EXPECT_EQ(valueKindOf(makeSpec("length", 1.0)), ValueKind::Number);
-    EXPECT_EQ(valueKindOf(makeSpec("profile", Ramp{})), ValueKind::Any);
+    EXPECT_EQ(valueKindOf(param("label", std::string())), ValueKind::Text);
+    EXPECT_EQ(valueKindOf(param("length", 1.0)), ValueKind::Number);
+    EXPECT_EQ(valueKindOf(param("profile", Ramp{})), ValueKind::Any);
 }
 
 }  // namespace

@@ -75,12 +75,6 @@ TEST(Ramp, TwoKeysAtOnePositionGiveTheUpperValueThere) {
     EXPECT_EQ(pair.at(0.0f), 2.0f);
 }
 
-}  // namespace
-}  // namespace velmorin
-
-namespace velmorin {
-namespace {
-
 TEST(Ramp, SmoothSlopesPassThroughEveryKeyAndFollowTheNeighbours) {
     Ramp ramp;
     ramp.keys = {{0.0f, 0.0f}, {0.25f, 1.0f}, {0.5f, 0.5f}, {0.5f, 0.75f}, {1.0f, 0.25f}};

@@ -5,7 +5,9 @@
 
 #include <gtest/gtest.h>
 
+#include "base/test/expect_message.h"
 #include "graph/errors.h"
+#include "graph/test/specs.h"
 
 namespace velmorin {
 namespace {
@@ -24,21 +26,13 @@ class TaperOp final : public Operator {
         return in.at(0);
     }
     std::vector<ParamSpec> params() const override {
-        ParamSpec amount;
-        amount.name = "amount";
-        amount.defaultValue = 0.5;
-        amount.description = "How thin the tip gets (mappable)";
+        ParamSpec amount = test::param("amount", 0.5, true, "How thin the tip gets (mappable)");
         amount.min = 0.0;
         amount.max = 1.0;
-        amount.animatable = true;
-        ParamSpec mode;
-        mode.name = "mode";
-        mode.defaultValue = std::string("linear");
+        ParamSpec mode = test::param("mode", std::string("linear"));
         mode.choices = {"linear", "smooth"};
         mode.inputRule = InputRule::Never;
-        ParamSpec channel;
-        channel.name = "widthChannel";
-        channel.defaultValue = std::string("taperWidth");
+        ParamSpec channel = test::param("widthChannel", std::string("taperWidth"));
         channel.channel = ChannelRole::Writes;
         channel.since = 2;
         channel.formerDefault = std::string("");
@@ -130,17 +124,10 @@ TEST(OperatorRegistry, CreateMakesDeclaredOperatorsAndRefusesUnknownTypes) {
                               throw GraphError("Broken: the plug-in that makes it is missing");
                           },
                           {});
-    for (const auto& [type, message] : std::vector<std::pair<std::string, std::string>>{
-             {"Tapper", "unknown operator type 'Tapper'"},
-             {"Broken", "Broken: the plug-in that makes it is missing"},
-         }) {
-        try {
-            registry.create(type);
-            ADD_FAILURE() << type << " was made";
-        } catch (const GraphError& error) {
-            EXPECT_EQ(error.what(), message);
-        }
-    }
+    test::expectMessage<GraphError>([&] { registry.create("Tapper"); },
+                                    "unknown operator type 'Tapper'");
+    test::expectMessage<GraphError>([&] { registry.create("Broken"); },
+                                    "Broken: the plug-in that makes it is missing");
 }
 
 TEST(OperatorRegistry, RegistrationMistakesAreRefused) {
@@ -260,12 +247,7 @@ TEST(SchemaJson, ANodeThatDeclaresAffectShowsItOnce) {
             return {{"strands", PortType::Strands, false, ValueKind::Any}};
         }
         Value evaluate(const EvalContext&, const std::vector<Value>&) const override { return {}; }
-        std::vector<ParamSpec> params() const override {
-            ParamSpec affect;
-            affect.name = "affect";
-            affect.defaultValue = 0.25;
-            return {affect};
-        }
+        std::vector<ParamSpec> params() const override { return {test::param("affect", 0.25)}; }
         std::string category() const override { return "look"; }
     };
     OperatorRegistry registry;

@@ -20,6 +20,7 @@
 #include "graph/graph.h"
 #include "graph/operator.h"
 #include "graph/registry.h"
+#include "graph/test/specs.h"
 #include "graph/uniform_value.h"
 #include "strands/guide.h"
 #include "strands/strand_changes.h"
@@ -27,18 +28,6 @@
 #include "strands/test/test_strands.h"
 
 namespace velmorin::test {
-
-inline PortSpec strandsPort(const std::string& name, bool optional = false) {
-    return PortSpec{name, PortType::Strands, optional, ValueKind::Any};
-}
-
-inline ParamSpec param(const std::string& name, ParamValue value, bool animatable = true) {
-    ParamSpec spec;
-    spec.name = name;
-    spec.defaultValue = std::move(value);
-    spec.animatable = animatable;
-    return spec;
-}
 
 // What an incremental run that redoes single strands works from: the input, a set with the
 // input's columns and the previous result's points, and the changed strands. None when the run
@@ -120,7 +109,7 @@ class LiftOp : public CountingOp {
     std::string type() const override { return "EvalLift"; }
     std::vector<PortSpec> inputs() const override { return {strandsPort("strands")}; }
     std::vector<ParamSpec> params() const override {
-        return {param("amount", 0.5), param("every", std::int64_t{1}, false),
+        return {param("amount", 0.5, true), param("every", std::int64_t{1}),
                 param("fault", std::int64_t{0}), param("warn", false)};
     }
     Value evaluate(const EvalContext& ctx, const std::vector<Value>& inputs) const override {
@@ -339,7 +328,7 @@ class ThinOp : public CountingOp {
 class GuideSourceOp : public CountingOp {
   public:
     std::string type() const override { return "EvalGuides"; }
-    PortSpec output() const override { return {"out", PortType::Guides, false, ValueKind::Any}; }
+    PortSpec output() const override { return port("out", PortType::Guides); }
     std::vector<ParamSpec> params() const override { return {param("count", std::int64_t{3})}; }
     Value evaluate(const EvalContext&, const std::vector<Value>&) const override {
         ++fullRuns;
@@ -358,10 +347,8 @@ class GuideSourceOp : public CountingOp {
 class CurvesOp : public CountingOp {
   public:
     std::string type() const override { return "EvalCurves"; }
-    std::vector<PortSpec> inputs() const override {
-        return {{"curves", PortType::Curves, false, ValueKind::Any}};
-    }
-    PortSpec output() const override { return {"out", PortType::Curves, false, ValueKind::Any}; }
+    std::vector<PortSpec> inputs() const override { return {port("curves", PortType::Curves)}; }
+    PortSpec output() const override { return port("out", PortType::Curves); }
     Value evaluate(const EvalContext&, const std::vector<Value>& inputs) const override {
         ++fullRuns;
         const auto input = inputs[0].get<StrandSet>();
@@ -378,7 +365,7 @@ class CurvesOp : public CountingOp {
 class ValueOp : public CountingOp {
   public:
     std::string type() const override { return "EvalValue"; }
-    PortSpec output() const override { return {"value", PortType::Value, false, ValueKind::Any}; }
+    PortSpec output() const override { return port("value", PortType::Value); }
     std::vector<ParamSpec> params() const override {
         return {param("kind", std::string("number")), param("number", 1.0), param("timed", false)};
     }
@@ -414,7 +401,7 @@ class FieldOp : public CountingOp {
     explicit FieldOp(bool lie = false) : lie_(lie) {}
     std::string type() const override { return lie_ ? "EvalLiar" : "EvalField"; }
     PortSpec output() const override {
-        return {"field", lie_ ? PortType::Value : PortType::Field, false, ValueKind::Any};
+        return port("field", lie_ ? PortType::Value : PortType::Field);
     }
     std::vector<ParamSpec> params() const override {
         return {param("value", 0.5), param("step", 0.0)};
@@ -452,7 +439,7 @@ class ProbeOp : public CountingOp {
   public:
     std::string type() const override { return "EvalProbe"; }
     std::vector<PortSpec> inputs() const override {
-        return {strandsPort("strands"), {"weight", PortType::Field, true, ValueKind::Any}};
+        return {strandsPort("strands"), port("weight", PortType::Field, true)};
     }
     Value evaluate(const EvalContext&, const std::vector<Value>& inputs) const override {
         ++fullRuns;
@@ -494,7 +481,7 @@ class PassStandIn : public CountingOp {
     std::vector<PortSpec> inputs() const override { return {strandsPort("strands", true)}; }
     std::vector<ParamSpec> params() const override {
         if (type_ != "Resample") return {};
-        return {param("segments", std::int64_t{16}, false)};
+        return {param("segments", std::int64_t{16})};
     }
     Value evaluate(const EvalContext&, const std::vector<Value>& inputs) const override {
         ++fullRuns;

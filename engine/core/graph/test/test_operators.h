@@ -13,28 +13,9 @@
 
 #include "graph/operator.h"
 #include "graph/registry.h"
+#include "graph/test/specs.h"
 
 namespace velmorin::test {
-
-inline ParamSpec param(std::string name, ParamValue value, bool animatable = false,
-                       std::string description = {}) {
-    ParamSpec spec;
-    spec.name = std::move(name);
-    spec.defaultValue = std::move(value);
-    spec.animatable = animatable;
-    spec.description = std::move(description);
-    return spec;
-}
-
-inline PortSpec port(std::string name, PortType type, bool optional = false,
-                     ValueKind kind = ValueKind::Any) {
-    PortSpec spec;
-    spec.name = std::move(name);
-    spec.type = type;
-    spec.optional = optional;
-    spec.valueKind = kind;
-    return spec;
-}
 
 class DocOp : public Operator {
   public:
