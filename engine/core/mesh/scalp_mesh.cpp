@@ -228,6 +228,7 @@ void ScalpMesh::setGeometry(std::vector<Vec3f> points, std::vector<Triangle> tri
     colorSets_.clear();
     restPoints_.clear();
     scalps_.clear();
+    subdivision_ = {};
     bvh_ = std::make_shared<LazyBvh>();
     dropDerived(false);
 }
@@ -300,6 +301,11 @@ void ScalpMesh::setScalps(std::vector<ScalpRange> scalps) {
             "ScalpMesh: the scalps' triangles and points are not the mesh's");
     }
     scalps_ = std::move(scalps);
+    dropDerived(true);
+}
+
+void ScalpMesh::setSubdivision(ScalpSubdivision subdivision) {
+    subdivision_ = std::move(subdivision);
     dropDerived(true);
 }
 
@@ -403,6 +409,10 @@ std::uint64_t ScalpMesh::contentSignature() const {
                 h = hashCombine(h, n);
             }
         }
+        h = hashCombine(h, static_cast<std::uint64_t>(subdivision_.levels));
+        h = hashCombine(h, subdivision_.cageFaceCount);
+        h = hashVector(h, subdivision_.scalpCageFaceCounts);
+        h = hashText(h, subdivision_.from);
         d.content = h;
     });
     return d.content;

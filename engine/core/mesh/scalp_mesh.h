@@ -44,6 +44,19 @@ struct ScalpRange {
     bool operator==(const ScalpRange&) const = default;
 };
 
+// How a mesh was made from a coarser one by Catmull-Clark subdivision, kept for what the groom
+// reports about the surface it grows on. `levels` 0 is a mesh as it came.
+struct ScalpSubdivision {
+    int levels = 0;
+    std::uint32_t cageFaceCount = 0;  // the coarse mesh's faces (polygons)
+    // The same count for each of the mesh's scalp ranges, in order, where it has ranges.
+    std::vector<std::uint32_t> scalpCageFaceCounts;
+    // The render setting that the levels match, in the user's words ("Arnold catclark, 2
+    // iterations"), or empty where the levels were handed on without one.
+    std::string from;
+    bool operator==(const ScalpSubdivision&) const = default;
+};
+
 // A connected part of the surface (triangles that share edges), found on first demand.
 struct ScalpPiece {
     std::vector<std::uint32_t> triangles;  // ascending
@@ -123,7 +136,8 @@ class ScalpMesh {
     ScalpMesh(std::vector<Vec3f> points, std::vector<Triangle> triangles);
 
     // Replaces points and triangles together; polygons become one per triangle, and UVs, colour
-    // sets, rest points and scalp ranges, which belong to the old triangles, are cleared.
+    // sets, rest points, scalp ranges and the subdivision record, which belong to the old
+    // triangles, are cleared.
     void setGeometry(std::vector<Vec3f> points, std::vector<Triangle> triangles);
     // New positions for the same points: keeps the topology, drops the closest-point tree.
     void setPoints(std::vector<Vec3f> points);
@@ -133,6 +147,7 @@ class ScalpMesh {
     void removeColorSet(const std::string& name);
     void setRestPoints(std::vector<Vec3f> restPoints);  // one per point, or empty
     void setScalps(std::vector<ScalpRange> scalps);     // empty, or ranges covering the mesh
+    void setSubdivision(ScalpSubdivision subdivision);
 
     const std::vector<Vec3f>& points() const { return points_; }
     const std::vector<Triangle>& triangles() const { return triangles_; }
@@ -141,6 +156,7 @@ class ScalpMesh {
     const std::map<std::string, std::vector<Rgba>>& colorSets() const { return colorSets_; }
     const std::vector<Vec3f>& restPoints() const { return restPoints_; }
     const std::vector<ScalpRange>& scalps() const { return scalps_; }
+    const ScalpSubdivision& subdivision() const { return subdivision_; }
 
     std::size_t pointCount() const { return points_.size(); }
     std::size_t triangleCount() const { return triangles_.size(); }
@@ -195,6 +211,7 @@ class ScalpMesh {
     std::map<std::string, std::vector<Rgba>> colorSets_;
     std::vector<Vec3f> restPoints_;
     std::vector<ScalpRange> scalps_;
+    ScalpSubdivision subdivision_;
     std::shared_ptr<LazyBvh> bvh_;
     std::shared_ptr<Derived> derived_;  // topology, normals, pieces, signatures: all lazy
 };

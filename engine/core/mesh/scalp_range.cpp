@@ -45,6 +45,20 @@ ScalpMesh cutScalpRange(const ScalpMesh& scalp, const ScalpRange& range) {
                                scalp.restPoints().begin() + firstPoint + range.pointCount));
     }
     piece.setScalps({{range.name, 0, count, 0, range.pointCount}});
+    // A subdivided piece reports its own share of the coarse faces.
+    const ScalpSubdivision& subdivision = scalp.subdivision();
+    if (subdivision.levels > 0) {
+        ScalpSubdivision own;
+        own.levels = subdivision.levels;
+        own.from = subdivision.from;
+        const auto& ranges = scalp.scalps();
+        for (std::size_t i = 0; i < ranges.size() && i < subdivision.scalpCageFaceCounts.size();
+             ++i) {
+            if (ranges[i] == range) own.cageFaceCount = subdivision.scalpCageFaceCounts[i];
+        }
+        own.scalpCageFaceCounts = {own.cageFaceCount};
+        piece.setSubdivision(std::move(own));
+    }
     return piece;
 }
 

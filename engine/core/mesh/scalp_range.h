@@ -15,9 +15,10 @@ namespace velmorin {
 // The range of `scalp` named `name`, or null.
 const ScalpRange* findScalpRange(const ScalpMesh& scalp, std::string_view name);
 
-// The triangles and points of `range` with their UVs, colour sets and rest points, the points
-// renumbered from 0, as a mesh whose one scalp range carries the range's name. Polygons are kept
-// where the range starts and ends on polygon boundaries, else each triangle is its own polygon.
+// The triangles and points of `range` with their UVs, colour sets, rest points and subdivision
+// record (with the range's own count of coarse faces), the points renumbered from 0, as a mesh
+// whose one scalp range carries the range's name. Polygons are kept where the range starts and
+// ends on polygon boundaries, else each triangle is its own polygon.
 ScalpMesh cutScalpRange(const ScalpMesh& scalp, const ScalpRange& range);
 
 // Where a piece cut by cutScalpRange starts in `whole`: the first triangle of the range of the

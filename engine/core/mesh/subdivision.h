@@ -2,11 +2,17 @@
 // Catmull-Clark subdivision of a scalp, split into a plan that depends only on the topology and its
 // application to positions. A plan is made once per topology and level count and then applied to
 // every pose of that topology: a deforming scalp pays only for the weighted sums.
+//
+// Positions and per-vertex values are smoothed. Values that belong to face corners (UVs, colour
+// sets) are not: each subdivided corner takes the cage's value at the place of the cage face it
+// came from, spread linearly over the face's triangles. So a UV seam stays where it was, and a
+// texture painted on the cage reads the same on the subdivided scalp as on the cage.
 
 #include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <span>
+#include <string>
 #include <vector>
 
 #include "mesh/scalp_mesh.h"
@@ -41,6 +47,16 @@ class SubdivisionPlan {
     std::vector<float> applyValues(std::span<const float> values) const;
     std::vector<Vec3f> applyValues(std::span<const Vec3f> values) const;
 
+    // For each corner of triangles(), three per triangle, the place on the cage that its
+    // face-corner values come from: a cage triangle and barycentric (u, v) on it. The place lies
+    // in the cage face that the subdivided face came from.
+    const std::vector<StrandRoot>& cornerLocations() const { return cornerLocations_; }
+    // Values of the cage's triangle corners (three per cage triangle) at the subdivided corners,
+    // blended by cornerLocations(). Throws std::invalid_argument "SubdivisionPlan: the values
+    // are not the cage's corners'" for a list of another length.
+    std::vector<Uv> applyCorners(std::span<const Uv> corners) const;
+    std::vector<Rgba> applyCorners(std::span<const Rgba> corners) const;
+
     // Bytes held by the plan's tables.
     std::size_t byteSize() const;
 
@@ -56,12 +72,24 @@ class SubdivisionPlan {
 
     template <class T>
     std::vector<T> run(std::span<const T> values) const;
+    template <class T>
+    std::vector<T> runCorners(std::span<const T> corners) const;
 
     int levels_ = 0;
     std::size_t cagePointCount_ = 0;
+    std::size_t cageCornerCount_ = 0;
     std::vector<Level> levelTables_;
     std::vector<Triangle> triangles_;
     std::vector<std::int32_t> polygons_;
+    std::vector<StrandRoot> cornerLocations_;
 };
+
+// The cage subdivided `levels` times (1 to 3) through its shared plan, as a scalp of its own:
+// smoothed points and rest points, UVs and colour sets (see the top of this file; a colour set
+// that gives every corner of a vertex the same colour is a per-vertex set and is smoothed like the
+// points), the scalp ranges with their triangles and points, and a subdivision record naming
+// `from` (the render setting matched, or empty). Where the cage has scalp ranges the points are
+// renumbered range by range; otherwise point i is the moved cage point i, as in the plan.
+ScalpMesh subdivideScalp(const ScalpMesh& cage, int levels, std::string from = {});
 
 }  // namespace velmorin

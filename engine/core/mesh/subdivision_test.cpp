@@ -3,10 +3,13 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <map>
+#include <set>
 
 #include "base/memory_report.h"
 #include "base/test/expect_message.h"
 #include "mesh/sample_meshes.h"
+#include "mesh/scalp_range.h"
 #include "mesh/test/mesh_checks.h"
 
 namespace velmorin {
@@ -169,6 +172,167 @@ TEST(SubdivisionPlan, RejectsWrongLevelsAndListsWithTheirMessages) {
                   "SubdivisionPlan: the values are not the cage's vertices'");
     expectMessage([&] { plan.applyValues(std::vector<Vec3f>(0)); },
                   "SubdivisionPlan: the values are not the cage's vertices'");
+}
+
+// Points spread over a mesh's triangles: every corner, and hashed places inside each triangle.
+std::vector<StrandRoot> placesOn(const ScalpMesh& mesh, int insidePerTriangle) {
+    std::vector<StrandRoot> places;
+    for (std::size_t t = 0; t < mesh.triangleCount(); ++t) {
+        const auto face = static_cast<std::int32_t>(t);
+        places.insert(places.end(), {{face, 0.0f, 0.0f}, {face, 1.0f, 0.0f}, {face, 0.0f, 1.0f}});
+        for (int k = 0; k < insidePerTriangle; ++k) {
+            const float a = unitFloat(hashCombine(t, 2 * k)),
+                        b = unitFloat(hashCombine(t, 2 * k + 1));
+            places.push_back(a + b < 1.0f ? StrandRoot{face, a, b}
+                                          : StrandRoot{face, 1.0f - a, 1.0f - b});
+        }
+    }
+    return places;
+}
+
+// The largest difference between the UV that the subdivided mesh gives a place and the cage's UV
+// at the cage's closest point to it.
+float largestUvDrift(const ScalpMesh& cage, const ScalpMesh& subdivided) {
+    float drift = 0.0f;
+    for (const StrandRoot& place : placesOn(subdivided, 2)) {
+        const ClosestPoint onCage = cage.closestPoint(subdivided.pointAt(place));
+        const Uv expected = cage.uvAt(onCage.root), actual = subdivided.uvAt(place);
+        drift = std::max({drift, std::abs(expected.u - actual.u), std::abs(expected.v - actual.v)});
+    }
+    return drift;
+}
+
+TEST(SubdivideScalp, TexturesReadTheCagesUvsAtTheSameSurfacePoint) {
+    // A flat even grid subdivides onto itself (Catmull-Clark reproduces linear functions, the
+    // border curve too), so there every place must read exactly the cage's UV.
+    const auto plane = makeUvPlane(2.0f, 5);
+    for (int levels : {1, 2, 3}) {
+        const ScalpMesh flat = subdivideScalp(*plane, levels);
+        ASSERT_TRUE(flat.hasUvs());
+        EXPECT_LT(largestUvDrift(*plane, flat), 2e-6f) << levels;
+    }
+    // On the head the smoothed surface moves off the cage, along the normal and, where the grid is
+    // squeezed, a little along the surface: a place reads the cage's UV where it lies over the
+    // cage to within a third of a UV cell (1/32). A corner given the wrong cage triangle or its
+    // coordinates swapped would be a cell off.
+    const auto head = makeHeadScalp(1);
+    for (int levels : {1, 3}) {
+        const ScalpMesh smooth = subdivideScalp(*head, levels);
+        EXPECT_EQ(smooth.triangleCount(), head->triangleCount() * (1u << (2 * levels)));
+        EXPECT_LT(largestUvDrift(*head, smooth), 0.3f / 32.0f) << levels;
+    }
+}
+
+TEST(SubdivideScalp, UvSeamsStayWhereTheyAre) {
+    // The sphere's UVs are cut along the meridian at x > 0, z = 0: corners there read u = 0 on one
+    // side and u = 1 on the other (away from the poles, whose fans give each triangle a u of its
+    // own at the pole).
+    const auto sphere = makeSphere(1.0f, 6, 8);
+    const ScalpMesh smooth = subdivideScalp(*sphere, 2);
+    std::map<std::uint32_t, std::set<float>> seamUs;
+    for (std::size_t t = 0; t < smooth.triangleCount(); ++t) {
+        const Uv* uv = smooth.uvs().data() + t * 3;
+        // No subdivided triangle stretches across the texture, and none turns over.
+        const float across =
+            std::max({uv[0].u, uv[1].u, uv[2].u}) - std::min({uv[0].u, uv[1].u, uv[2].u});
+        EXPECT_LT(across, 0.2f) << t;
+        const float area =
+            (uv[1].u - uv[0].u) * (uv[2].v - uv[0].v) - (uv[2].u - uv[0].u) * (uv[1].v - uv[0].v);
+        EXPECT_LT(area, 0.0f) << t;  // the sphere's UVs run clockwise seen from outside
+        for (int c = 0; c < 3; ++c) {
+            const Vec3f& p = smooth.points()[smooth.triangles()[t][c]];
+            if (std::abs(p.z) < 1e-6f && p.x > 1e-3f && std::abs(p.y) < 0.8f)
+                seamUs[smooth.triangles()[t][c]].insert(uv[c].u);
+        }
+    }
+    EXPECT_GE(seamUs.size(), 10u);
+    for (const auto& [vertex, us] : seamUs)
+        EXPECT_EQ(us, (std::set<float>{0.0f, 1.0f})) << vertex;
+}
+
+TEST(SubdivideScalp, ColourSetsPerCornerStayCrispAndPerVertexOnesSmooth) {
+    ScalpMesh cage = *makeHeadScalp(1);
+    // "regions": one colour per face, so the corners of a vertex differ between faces.
+    std::vector<Rgba> regions;
+    for (std::size_t t = 0; t < cage.triangleCount(); ++t) {
+        const float region = static_cast<float>((t / 2) % 5);
+        regions.insert(regions.end(), 3, Rgba{region, 0.0f, 1.0f, 0.5f});
+    }
+    // "height": a per-vertex colour linear in the position, which Catmull-Clark, an affine
+    // combination of the points, carries to the smoothed points unchanged.
+    const auto heightOf = [](const Vec3f& p) {
+        return Rgba{0.1f * p.y, 0.2f * p.x - 0.05f * p.z, 1.0f, 0.25f + 0.01f * p.z};
+    };
+    std::vector<Rgba> height;
+    for (const Triangle& t : cage.triangles())
+        for (std::uint32_t v : t)
+            height.push_back(heightOf(cage.points()[v]));
+    cage.setColorSet("regions", regions);
+    cage.setColorSet("height", height);
+
+    const ScalpMesh smooth = subdivideScalp(cage, 2);
+    ASSERT_EQ(smooth.colorSets().size(), 2u);
+    const auto plan = SubdivisionPlan::of(cage, 2);
+    const std::vector<Rgba>& smoothRegions = smooth.colorSets().at("regions");
+    const std::vector<Rgba>& smoothHeight = smooth.colorSets().at("height");
+    for (std::size_t corner = 0; corner < smoothRegions.size(); ++corner) {
+        // Each subdivided face lies in one cage quad and takes its colour as it was.
+        const auto cageTriangle = static_cast<std::size_t>(plan->cornerLocations()[corner].face);
+        ASSERT_EQ(smoothRegions[corner], regions[cageTriangle * 3]) << corner;
+        const Rgba expected = heightOf(smooth.points()[smooth.triangles()[corner / 3][corner % 3]]);
+        ASSERT_NEAR(smoothHeight[corner].r, expected.r, 1e-4f) << corner;
+        ASSERT_NEAR(smoothHeight[corner].g, expected.g, 1e-4f) << corner;
+        ASSERT_NEAR(smoothHeight[corner].a, expected.a, 1e-4f) << corner;
+    }
+    const auto wrong = std::vector<Rgba>(5);
+    expectMessage([&] { plan->applyCorners(wrong); },
+                  "SubdivisionPlan: the values are not the cage's corners'");
+}
+
+TEST(SubdivideScalp, ScalpRangesAndRestPointsFollow) {
+    // Two planes merged into one scalp of two ranges, with a rest pose a step below.
+    const auto left = makeUvPlane(2.0f, 3), right = makeUvPlane(1.0f, 2);
+    std::vector<Vec3f> points = left->points();
+    std::vector<Triangle> triangles = left->triangles();
+    std::vector<Uv> uvs = left->uvs();
+    const auto shift = static_cast<std::uint32_t>(points.size());
+    for (const Vec3f& p : right->points())
+        points.push_back(p + Vec3f{5.0f, 0.0f, 0.0f});
+    for (const Triangle& t : right->triangles())
+        triangles.push_back({t[0] + shift, t[1] + shift, t[2] + shift});
+    uvs.insert(uvs.end(), right->uvs().begin(), right->uvs().end());
+    std::vector<std::int32_t> polygons(13, 2);
+    ScalpMesh cage(points, triangles);
+    cage.setPolygons(polygons);
+    cage.setUvs(uvs);
+    std::vector<Vec3f> rest = points;
+    for (Vec3f& p : rest)
+        p.y -= 1.0f;
+    cage.setRestPoints(rest);
+    cage.setScalps({{"left", 0, 18, 0, 16}, {"right", 18, 8, 16, 9}});
+
+    const ScalpMesh smooth = subdivideScalp(cage, 2, "smooth mesh preview, level 2");
+    ASSERT_EQ(smooth.scalps().size(), 2u);
+    EXPECT_EQ(smooth.scalps()[0], (ScalpRange{"left", 0, 18 * 16, 0, 13 * 13}));
+    EXPECT_EQ(smooth.scalps()[1], (ScalpRange{"right", 18 * 16, 8 * 16, 13 * 13, 9 * 9}));
+    EXPECT_EQ(smooth.subdivision(),
+              (ScalpSubdivision{2, 13, {9, 4}, "smooth mesh preview, level 2"}));
+    for (std::size_t p = 0; p < smooth.pointCount(); ++p) {
+        expectNear(smooth.restPoints()[p], smooth.points()[p] - Vec3f{0.0f, 1.0f, 0.0f},
+                   "rest point " + std::to_string(p));
+        // Each range's points are its own: left of x = 2 the left plane, right of it the other.
+        ASSERT_EQ(smooth.points()[p].x > 2.0f, p >= 13 * 13) << p;
+    }
+    // A range cut from the subdivided scalp is that range subdivided alone, and says so.
+    const ScalpMesh piece = cutScalpRange(smooth, smooth.scalps()[1]);
+    const ScalpMesh alone = subdivideScalp(cutScalpRange(cage, cage.scalps()[1]), 2);
+    EXPECT_EQ(piece.triangles(), alone.triangles());
+    EXPECT_EQ(piece.uvs(), alone.uvs());
+    EXPECT_EQ(piece.subdivision(), (ScalpSubdivision{2, 4, {4}, "smooth mesh preview, level 2"}));
+    EXPECT_EQ(ScalpMesh(smooth).subdivision().levels, 2);
+    ScalpMesh reset = smooth;
+    reset.setGeometry(points, triangles);
+    EXPECT_EQ(reset.subdivision(), ScalpSubdivision{});
 }
 
 }  // namespace

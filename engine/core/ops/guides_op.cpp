@@ -1,3 +1,4 @@
+#include "base/hash.h"
 #include "editing/guide_hierarchy.h"
 #include "graph/registry.h"
 #include "ops/field_op_params.h"
@@ -42,6 +43,20 @@ class GuidesOp final : public Operator {
         return {paramSet.getString("input", "guides"),
                 paramSet.getString("hierarchy", "hierarchy")};
     }
+    // A named input counts by its key only while it holds what the node reads from it: guides
+    // under `input`, a hierarchy under `hierarchy`. A name that points at something else (the
+    // scalp, a map) reads as no guides, so its changes, a deforming scalp's every frame, must not
+    // run the node and all that follows it again.
+    std::uint64_t sceneInputKey(const std::string& name, const SceneInput& input) const override {
+        std::uint64_t key = 0x6775696465ull;
+        if (name == paramSet.getString("input", "guides") && input.value.get<GuideSet>())
+            key = hashCombine(key, input.key);
+        if (name == paramSet.getString("hierarchy", "hierarchy") &&
+            input.value.get<GuideHierarchy>())
+            key = hashCombine(key + 1, input.key);
+        return key;
+    }
+
     Value evaluate(const EvalContext& ctx, const std::vector<Value>&) const override {
         const SceneInput* flatInput = ctx.sceneInput(paramSet.getString("input", "guides"));
         const SceneInput* hierarchyInput =

@@ -21,6 +21,9 @@ namespace {
 using field_ops::makeParam;
 
 constexpr std::size_t kCacheEntries = 2;
+constexpr std::string_view kBudgetThinnedNote =
+    "Thinned by the preview's point budget: the viewport shows fewer strands than the preview "
+    "density asks for; renders and exports keep them all";
 
 // Guides with their roots moved into a scalp piece whose faces start at `offset` in the whole
 // scalp; a root outside the piece is unbound.
@@ -161,6 +164,10 @@ class ScatterOp final : public Operator {
 
     // Whether the last run was thinned by the preview's point budget.
     bool budgetThinned() const { return budgetThinned_.load(); }
+    // The node's note says so, as the graph asks right after each run.
+    std::string evaluationNote(const EvalContext&) const override {
+        return budgetThinned() ? std::string(kBudgetThinnedNote) : std::string();
+    }
 
     Value evaluate(const EvalContext& ctx, const std::vector<Value>& inputs) const override {
         const auto scalp = inputs.empty() ? nullptr : inputs[0].get<ScalpMesh>();

@@ -16,6 +16,7 @@
 #include "mesh/sample_meshes.h"
 #include "mesh/scalp_mesh.h"
 #include "mesh/scalp_range.h"
+#include "mesh/subdivision.h"
 #include "ops/guide_mask.h"
 #include "ops/scatter_placement.h"
 #include "strands/guide.h"
@@ -213,6 +214,21 @@ TEST(Scatter, PointBudgetThinsThePreview) {
     }
     const auto generous = scatter(ScatterRun{.density = 30.0, .pointBudget = 1e9});
     EXPECT_EQ(generous->strandCount(), full);
+
+    // The node's note says when the budget thinned its last run, and only then.
+    const std::string thinned =
+        "Thinned by the preview's point budget: the viewport shows fewer strands than the preview "
+        "density asks for; renders and exports keep them all";
+    const auto op = makeScatter();
+    const EvalContext ctx;
+    EXPECT_EQ(op->evaluationNote(ctx), "");
+    scatter(*op, ScatterRun{.density = 30.0, .pointBudget = 30000.0});
+    EXPECT_EQ(op->evaluationNote(ctx), thinned);
+    const auto copy = makeScatter();
+    copy->copyStateFrom(*op);
+    EXPECT_EQ(copy->evaluationNote(ctx), thinned);
+    scatter(*op, ScatterRun{.density = 30.0, .pointBudget = 1e9});
+    EXPECT_EQ(op->evaluationNote(ctx), "");
 }
 
 TEST(Scatter, MappedDensityThinsByTheMap) {
@@ -287,6 +303,31 @@ TEST(Scatter, GridLayout) {
     EXPECT_EQ(overlapped->strandCount(), 55u);  // the cells on or below the diagonal
     for (const StrandRoot& root : overlapped->roots())
         EXPECT_EQ(root.face, 0);
+}
+
+TEST(Scatter, GridLayoutOnASubdividedScalp) {
+    // The subdivided head carries the cage's UVs, which cover the same part of the texture as on
+    // the cage: the grid finds the same cells, each root at its cell's centre and over the same
+    // place of the head.
+    const auto smooth = std::make_shared<const ScalpMesh>(subdivideScalp(*head(), 2));
+    const ScatterRun run{.layout = "uvGrid", .rows = 30, .columns = 40};
+    ScatterRun onSmooth = run;
+    onSmooth.scalp = smooth;
+    const auto cage = scatter(run);
+    const auto set = scatter(onSmooth);
+    EXPECT_EQ(set->strandCount(), cage->strandCount());
+    const auto cageRoots = rootsById(*cage);
+    for (std::size_t s = 0; s < set->strandCount(); ++s) {
+        const StrandRoot& root = set->roots()[s];
+        const Uv uv = smooth->uvAt(root);
+        const float column = uv.u * 40.0f - 0.5f, row = uv.v * 30.0f - 0.5f;
+        ASSERT_NEAR(column, std::round(column), 1e-3f) << s;
+        ASSERT_NEAR(row, std::round(row), 1e-3f) << s;
+        const auto onCage = cageRoots.find(set->ids()[s]);
+        ASSERT_NE(onCage, cageRoots.end()) << s;
+        // The smoothed head lies within a few millimetres of the cage (a skull of about 18 cm).
+        EXPECT_LT(length(smooth->pointAt(root) - head()->pointAt(onCage->second)), 0.2f) << s;
+    }
 }
 
 TEST(Scatter, FacesWithoutAreaGetNoStrands) {

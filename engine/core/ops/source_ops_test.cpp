@@ -1,11 +1,15 @@
 #include <gtest/gtest.h>
 
+#include <unordered_map>
+
 #include "base/test/expect_message.h"
 #include "editing/guide_hierarchy.h"
 #include "graph/errors.h"
+#include "graph/graph.h"
 #include "graph/registry.h"
 #include "mesh/sample_meshes.h"
 #include "mesh/scalp_mesh.h"
+#include "mesh/subdivision.h"
 #include "ops/guide_selection.h"
 
 namespace velmorin {
@@ -155,6 +159,100 @@ TEST(SourceOperators, ScalpByName) {
     EXPECT_EQ(
         notes.take(),
         (std::vector<std::string>{"No scalp named 'cape' on this groom: nothing to grow on"}));
+}
+
+// Two planes of 9 and 4 quads merged into one scalp of the ranges "left" and "right".
+ScalpMesh twoPlanes() {
+    const auto left = makeUvPlane(2.0f, 3), right = makeUvPlane(1.0f, 2);
+    std::vector<Vec3f> points = left->points();
+    std::vector<Triangle> triangles = left->triangles();
+    const auto shift = static_cast<std::uint32_t>(points.size());
+    for (const Vec3f& p : right->points())
+        points.push_back(p + Vec3f{5.0f, 0.0f, 0.0f});
+    for (const Triangle& t : right->triangles())
+        triangles.push_back({t[0] + shift, t[1] + shift, t[2] + shift});
+    ScalpMesh mesh(points, triangles);
+    mesh.setPolygons(std::vector<std::int32_t>(13, 2));
+    mesh.setScalps({{"left", 0, 18, 0, 16}, {"right", 18, 8, 16, 9}});
+    return mesh;
+}
+
+TEST(SourceOperators, ScalpStatusTellsTheSubdivisionInForce) {
+    const auto head = makeHeadScalp(1);  // 1,024 quads
+    const ScalpMesh planes = twoPlanes();
+    struct Case {
+        ScalpMesh scalp;
+        std::string input, status;
+    };
+    const std::vector<Case> cases = {
+        {*head, "scalp", "Subdivision off (2048 triangles from 1024 faces)"},
+        {subdivideScalp(*head, 2), "scalp",
+         "Catmull-Clark x2: 32768 triangles from 1024 faces (match render)"},
+        {subdivideScalp(*head, 1, "Arnold catclark, 1 iteration"), "scalp",
+         "Catmull-Clark x1: 8192 triangles from 1024 faces (match render: Arnold catclark, 1 "
+         "iteration)"},
+        {planes, "right", "Subdivision off (8 triangles from 4 faces)"},
+        {subdivideScalp(planes, 3, "smooth mesh preview, level 3"), "left",
+         "Catmull-Clark x3: 1152 triangles from 9 faces (match render: smooth mesh preview, level "
+         "3)"},
+        {subdivideScalp(planes, 2), "right",
+         "Catmull-Clark x2: 128 triangles from 4 faces (match render)"},
+        {planes, "cape", ""},  // the run's own warning says there is nothing to grow on
+    };
+    for (const Case& c : cases) {
+        // Through a graph: the status is the node's note after each run.
+        Graph graph;
+        const std::uint32_t id = graph.addNode("Scalp", "scalp");
+        graph.operatorOf(id).paramSet.set("input", c.input);
+        SceneInputs scene;
+        scene["scalp"] = SceneInput{Value(std::make_shared<const ScalpMesh>(c.scalp)), 7};
+        EvalContext ctx;
+        ctx.sceneInputs = &scene;
+        graph.evaluate(id, ctx);
+        const std::string note = graph.notes.count(id) ? graph.notes.at(id) : std::string();
+        if (c.input == "cape") {
+            EXPECT_EQ(note, "No scalp named 'cape' on this groom: nothing to grow on");
+        } else {
+            EXPECT_EQ(note, c.status) << c.input;
+        }
+        EXPECT_EQ(graph.operatorOf(id).evaluationNote(ctx), c.status) << c.input;
+    }
+}
+
+TEST(SourceOperators, GuidesKeyFollowsTheNamedGuideInputsOnly) {
+    GuideSet flat;
+    flat.guides.resize(2);
+    const auto guides = std::make_shared<const GuideSet>(flat);
+    const auto hierarchy = std::make_shared<const GuideHierarchy>();
+    const auto scalp = makeUvPlane(1.0f, 1);
+    Graph graph;
+    const std::uint32_t id = graph.addNode("Guides", "guides");
+    const auto keyWith = [&](const std::string& input, const std::string& hierarchyName,
+                             std::uint64_t guidesKey, std::uint64_t hierarchyKey,
+                             std::uint64_t scalpKey) {
+        graph.operatorOf(id).paramSet.set("input", input);
+        graph.operatorOf(id).paramSet.set("hierarchy", hierarchyName);
+        SceneInputs scene;
+        scene["guides"] = SceneInput{Value(guides), guidesKey};
+        scene["hierarchy"] = SceneInput{Value(hierarchy), hierarchyKey};
+        scene["scalp"] = SceneInput{Value(scalp), scalpKey};
+        EvalContext ctx;
+        ctx.sceneInputs = &scene;
+        std::unordered_map<std::uint32_t, std::uint64_t> keys, localKeys;
+        return graph.nodeKey(id, ctx, keys, localKeys);
+    };
+    const std::uint64_t base = keyWith("guides", "hierarchy", 1, 2, 3);
+    // Either named guide input changing changes the key; nothing else does.
+    EXPECT_NE(keyWith("guides", "hierarchy", 11, 2, 3), base);
+    EXPECT_NE(keyWith("guides", "hierarchy", 1, 12, 3), base);
+    EXPECT_EQ(keyWith("guides", "hierarchy", 1, 2, 13), base);
+    // Names that point at other kinds of value read as no guides: their keys do not count.
+    const std::uint64_t atScalp = keyWith("scalp", "guides", 1, 2, 3);
+    EXPECT_EQ(keyWith("scalp", "guides", 21, 22, 23), atScalp);
+    // The same input under both names counts for the role it fills.
+    const std::uint64_t both = keyWith("guides", "guides", 1, 2, 3);
+    EXPECT_NE(keyWith("guides", "guides", 31, 2, 3), both);
+    EXPECT_NE(both, base);
 }
 
 }  // namespace
