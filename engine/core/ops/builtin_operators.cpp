@@ -14,6 +14,7 @@ void registerBuiltinOperators(OperatorRegistry& registry) {
     registerColliderMeshOperator(registry);
     registerScatterOperator(registry);
     registerLengthOperator(registry);
+    registerWidthOperator(registry);
     registerMapOperator(registry);
     registerExpressionOperator(registry);
     registerControlOperator(registry);

@@ -16,6 +16,7 @@ using test::ShapeRun;
 std::vector<ShapeRun> busyRuns() {
     return {
         ShapeRun("Length", {{"length", 0.7}, {"fraction", 0.5}, {"randomness", 0.4}}),
+        ShapeRun("Width", {{"width", 0.02}, {"randomness", 0.5}}),
     };
 }
 
@@ -29,6 +30,7 @@ TEST(ShapeOps, RegisteredWithTheirTextsInMenuOrder) {
     const Entry entries[] = {
         {"Length", "shape", "Trims strands to a share of their length.",
          "trim cut shorten haircut"},
+        {"Width", "shape", "Strand thickness, root to tip.", "thickness radius taper"},
     };
     const OperatorRegistry& registry = OperatorRegistry::instance();
     for (const Entry& entry : entries) {
@@ -58,8 +60,17 @@ TEST(ShapeOps, RootsStayAndShortStrandsPassUnchanged) {
             ASSERT_EQ(before.size(), after.size());
             if (before.empty()) continue;
             EXPECT_EQ(after[0], before[0]) << "strand " << s;
-            if (before.size() < 2) continue;
-            changed += !std::equal(before.begin(), before.end(), after.begin());
+            const auto range = strands->pointRange(s);
+            const auto widthsBefore = strands->widths().subspan(range.begin, range.count);
+            const auto widthsAfter = out->widths().subspan(range.begin, range.count);
+            const bool same =
+                std::equal(before.begin(), before.end(), after.begin()) &&
+                std::equal(widthsBefore.begin(), widthsBefore.end(), widthsAfter.begin());
+            if (before.size() < 2) {
+                EXPECT_TRUE(same) << "strand " << s;
+                continue;
+            }
+            changed += !same;
         }
         EXPECT_GT(changed, strands->strandCount() / 4);
     }
