@@ -15,6 +15,7 @@ void registerBuiltinOperators(OperatorRegistry& registry) {
     registerScatterOperator(registry);
     registerLengthOperator(registry);
     registerWidthOperator(registry);
+    registerResampleOperator(registry);
     registerMapOperator(registry);
     registerExpressionOperator(registry);
     registerControlOperator(registry);

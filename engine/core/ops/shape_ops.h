@@ -55,10 +55,13 @@ struct ResampleSettings {
     int minSegments = 3;
     float maxAngle = 15.0f;  // degrees
 };
-// The segment count of every strand (a strand kept as it is gives its own count - 1, or 0).
-std::vector<std::uint32_t> resampleCounts(const StrandSet& input, const ResampleSettings& settings);
+// The point count of every strand after resampling; a strand kept as it is (fewer than 2
+// points, no length, braided, or `segments` 0) keeps its own.
+std::vector<std::uint32_t> resamplePointCounts(const StrandSet& input,
+                                               const ResampleSettings& settings);
 StrandSet resampleStrands(const StrandSet& input, const ResampleSettings& settings);
-// Rewrites the selected strands of `out`, whose offsets already hold `counts`.
+// Rewrites the points, widths and point channels of the selected strands of `out`, whose offsets
+// already hold the resampled counts and whose point channels are those of `input`.
 void resampleInto(const StrandSet& input, const ResampleSettings& settings,
                   const StrandSelection& selection, StrandSet& out);
 
