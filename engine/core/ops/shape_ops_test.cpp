@@ -37,6 +37,9 @@ TEST(ShapeOps, RegisteredWithTheirTextsInMenuOrder) {
         {"Width", "shape", "Strand thickness, root to tip.", "thickness radius taper"},
         {"Resample", "shape", "Evens out the points along each strand.",
          "points segments cvs even"},
+        {"Noise", "look",
+         "Random displacement; on a fraction of the strands at a high frequency, frizz.",
+         "frizz random jitter"},
     };
     const OperatorRegistry& registry = OperatorRegistry::instance();
     for (const Entry& entry : entries) {
