@@ -16,6 +16,7 @@ void registerBuiltinOperators(OperatorRegistry& registry) {
     registerLengthOperator(registry);
     registerWidthOperator(registry);
     registerResampleOperator(registry);
+    registerTwistOperator(registry);
     registerNoiseOperator(registry);
     registerMapOperator(registry);
     registerExpressionOperator(registry);

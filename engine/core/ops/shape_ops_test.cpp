@@ -37,6 +37,8 @@ TEST(ShapeOps, RegisteredWithTheirTextsInMenuOrder) {
         {"Width", "shape", "Strand thickness, root to tip.", "thickness radius taper"},
         {"Resample", "shape", "Evens out the points along each strand.",
          "points segments cvs even"},
+        {"Twist", "look", "Twists strands around a lock or clump: ropes, twisted locks.",
+         "rope twisted locks"},
         {"Noise", "look",
          "Random displacement; on a fraction of the strands at a high frequency, frizz.",
          "frizz random jitter"},
