@@ -1,0 +1,120 @@
+// The shape operators' plain functions over 1M strands of 9 points, every strand redone: compare
+// "bytes_per_second" (the points read) with BM_MemoryCopy's.
+#include <benchmark/benchmark.h>
+
+#include <memory>
+#include <vector>
+
+#include "ops/shape_ops.h"
+#include "strands/test/test_strands.h"
+
+namespace velmorin {
+namespace {
+
+constexpr std::size_t kStrands = 1'000'000;
+constexpr std::size_t kPoints = 9;
+
+// Straight strands, bent a little so that arcs and turns are not all alike, with 100-strand
+// clumps.
+const StrandSet& strands() {
+    static const std::shared_ptr<const StrandSet> set = [] {
+        auto made = std::make_shared<StrandSet>(*test::gridStrands(kStrands, kPoints, 11));
+        std::vector<Vec3f>& points = made->writePoints();
+        for (std::size_t p = 0; p < points.size(); ++p)
+            points[p].x += 0.02f * static_cast<float>((p % kPoints) * (p % kPoints));
+        std::vector<float>& clumps = made->addStrandChannel("clumpId", 0.0f);
+        for (std::size_t s = 0; s < kStrands; ++s)
+            clumps[s] = static_cast<float>(s / 100);
+        return made;
+    }();
+    return *set;
+}
+
+void setBytes(benchmark::State& state) {
+    state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) *
+                            static_cast<int64_t>(kStrands * kPoints * sizeof(Vec3f)));
+}
+
+// Runs `apply` on a fresh copy of the points each time, as an operator's full run does.
+template <class Apply>
+void pointsRun(benchmark::State& state, const Apply& apply) {
+    const StrandSet& input = strands();
+    std::vector<Vec3f> out(input.pointCount());
+    for (auto _ : state) {
+        apply(input, std::span<Vec3f>(out));
+        benchmark::DoNotOptimize(out.data());
+    }
+    setBytes(state);
+}
+
+void BM_ShapeLength(benchmark::State& state) {
+    LengthSettings settings;
+    settings.length = FieldSampler(0.8f);
+    settings.fraction = FieldSampler(0.5f);
+    settings.randomness = 0.3f;
+    pointsRun(state, [&](const StrandSet& in, std::span<Vec3f> out) {
+        trimStrands(in, settings, StrandSelection::every(), out);
+    });
+}
+BENCHMARK(BM_ShapeLength)->Unit(benchmark::kMillisecond)->UseRealTime();
+
+void BM_ShapeWidth(benchmark::State& state) {
+    WidthSettings settings;
+    settings.profile.linear = true;
+    settings.profile.keys = {{0.0f, 1.0f, 0.0f}, {1.0f, 0.2f, 0.0f}};
+    settings.randomness = 0.2f;
+    const StrandSet& input = strands();
+    std::vector<float> out(input.pointCount());
+    for (auto _ : state) {
+        widenStrands(input, settings, StrandSelection::every(), out);
+        benchmark::DoNotOptimize(out.data());
+    }
+    setBytes(state);
+}
+BENCHMARK(BM_ShapeWidth)->Unit(benchmark::kMillisecond)->UseRealTime();
+
+void BM_ShapeResample(benchmark::State& state) {
+    ResampleSettings settings;
+    settings.segments = static_cast<int>(state.range(0));
+    settings.mode = state.range(1) == 0 ? ResampleMode::Even : ResampleMode::Curvature;
+    for (auto _ : state)
+        benchmark::DoNotOptimize(resampleStrands(strands(), settings));
+    setBytes(state);
+}
+BENCHMARK(BM_ShapeResample)
+    ->ArgNames({"segments", "curvature"})
+    ->Args({8, 0})
+    ->Args({16, 0})
+    ->Args({8, 1})
+    ->Unit(benchmark::kMillisecond)
+    ->UseRealTime();
+
+void BM_ShapeNoise(benchmark::State& state) {
+    NoiseSettings settings;
+    settings.frequency = 0.5f;
+    settings.space = state.range(0) == 0 ? NoiseSpace::Strand : NoiseSpace::World;
+    pointsRun(state, [&](const StrandSet& in, std::span<Vec3f> out) {
+        noiseStrands(in, settings, StrandSelection::every(), out);
+    });
+}
+BENCHMARK(BM_ShapeNoise)
+    ->ArgName("world")
+    ->Arg(0)
+    ->Arg(1)
+    ->Unit(benchmark::kMillisecond)
+    ->UseRealTime();
+
+void BM_ShapeTwistClumps(benchmark::State& state) {
+    TwistSettings settings;
+    settings.turns = FieldSampler(0.7f);
+    pointsRun(state, [&](const StrandSet& in, std::span<Vec3f> out) {
+        // The axes are part of every run: a Twist recomputes them from its input.
+        const ClumpAxes axes = clumpAxes(in, *in.strandChannel("clumpId"));
+        settings.clumps = &axes;
+        twistStrands(in, settings, StrandSelection::every(), out);
+    });
+}
+BENCHMARK(BM_ShapeTwistClumps)->Unit(benchmark::kMillisecond)->UseRealTime();
+
+}  // namespace
+}  // namespace velmorin

@@ -1,0 +1,110 @@
+#include <algorithm>
+
+#include "graph/registry.h"
+#include "ops/shape_ops.h"
+
+namespace velmorin {
+
+void trimStrands(const StrandSet& input, const LengthSettings& settings,
+                 const StrandSelection& selection, std::span<Vec3f> out) {
+    const bool lengthMapped = settings.length.isMapped();
+    const bool fractionMapped = settings.fraction.isMapped();
+    const float plainLength = settings.length.value();
+    const float plainFraction = settings.fraction.value();
+    const float randomness = settings.randomness;
+    const std::span<const std::uint64_t> ids = input.ids();
+    forSelectedChunks(input.strandCount(), selection, [&](std::size_t first, std::size_t last) {
+        std::vector<float> arcs;
+        for (std::size_t i = first; i < last; ++i) {
+            const std::size_t s = selection.strand(i);
+            const std::span<const Vec3f> points = input.strandPoints(s);
+            float keep = lengthMapped ? settings.length.atStrand(s) : plainLength;
+            if (randomness > 0.0f) {
+                StrandDraws draws(ids[s], settings.seed);
+                const float d1 = draws.next();
+                const float d2 = draws.next();
+                const float f = fractionMapped ? settings.fraction.atStrand(s) : plainFraction;
+                if (f >= 1.0f || d2 < f) keep *= 1.0f - randomness * d1;
+            }
+            keep = std::clamp(keep, 0.0f, 1.0f);
+            const std::size_t n = points.size();
+            const std::size_t begin = input.pointRange(s).begin;
+            // Kept whole (or NaN), or too short to trim: the strand as it came.
+            if (n < 2 || !(keep < 1.0f)) {
+                std::copy(points.begin(), points.end(), out.begin() + begin);
+                continue;
+            }
+            arcs.resize(n);
+            const float step = keep * arcLengths(points, arcs) / static_cast<float>(n - 1);
+            // The new points come from a forward walk over the old ones, which stay readable:
+            // `out` is another array than the input's.
+            std::size_t segment = 0;
+            for (std::size_t k = 0; k < n; ++k)
+                out[begin + k] = pointAtArc(points, arcs, step * static_cast<float>(k), segment);
+        }
+    });
+}
+
+namespace {
+
+// Trims strands to a share of their length.
+class LengthOp final : public Operator {
+  public:
+    std::string type() const override { return "Length"; }
+    std::string category() const override { return "shape"; }
+    std::vector<PortSpec> inputs() const override { return {{"strands", PortType::Strands}}; }
+    std::vector<ParamSpec> params() const override {
+        return {fractionParam("length", 1.0,
+                              "Share of each strand's length kept from the root, 0-1 (mappable; to "
+                              "lengthen, Transform's scale)"),
+                fractionParam("fraction", 0.0,
+                              "Share of the strands trimmed at random, 0-1 (mappable)"),
+                fractionParam("randomness", 0.0,
+                              "The most share of its kept length a strand trimmed at random loses, "
+                              "0-1: each loses up to this (0: no random trim)"),
+                seedParam()};
+    }
+    Value evaluate(const EvalContext& ctx, const std::vector<Value>& inputs) const override {
+        Value out;
+        StrandChanges changes;
+        run(ctx, inputs, nullptr, &out, &changes);
+        return out;
+    }
+    bool evaluateIncremental(const EvalContext& ctx, const std::vector<Value>& inputs,
+                             const IncrementalInputs& incremental, Value* out,
+                             StrandChanges* changes) const override {
+        return run(ctx, inputs, &incremental, out, changes);
+    }
+
+  private:
+    bool run(const EvalContext& ctx, const std::vector<Value>& inputs,
+             const IncrementalInputs* incremental, Value* out, StrandChanges* changes) const {
+        const auto input = inputs.empty() ? nullptr : inputs[0].get<StrandSet>();
+        if (!input) return runInPlace(inputs, incremental, false, {}, {}, out, changes);
+        LengthSettings settings;
+        settings.length = fieldSampler(paramSet, ctx, "length", *input);
+        settings.fraction = fieldSampler(paramSet, ctx, "fraction", *input);
+        settings.randomness = static_cast<float>(paramSet.getFloat("randomness", 0.0));
+        settings.seed = static_cast<std::uint64_t>(paramSet.getInt("seed", 0));
+        constexpr ColumnId kColumns[] = {ColumnId::kPoints};
+        return runInPlace(
+            inputs, incremental, noneMapped({&settings.length, &settings.fraction}), kColumns,
+            [&](const StrandSet& from, const StrandSelection& selection, StrandSet& made) {
+                trimStrands(from, settings, selection, made.writePoints());
+            },
+            out, changes);
+    }
+};
+
+}  // namespace
+
+void registerLengthOperator(OperatorRegistry& registry) {
+    OperatorInfo info;
+    info.category = "shape";
+    info.description = "Trims strands to a share of their length.";
+    info.keywords = "trim cut shorten haircut";
+    registry.registerType(
+        "Length", [] { return std::make_unique<LengthOp>(); }, info);
+}
+
+}  // namespace velmorin

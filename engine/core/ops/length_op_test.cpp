@@ -1,0 +1,78 @@
+#include <gtest/gtest.h>
+
+#include "ops/shape_ops.h"
+#include "ops/test/shape_checks.h"
+
+namespace velmorin {
+namespace {
+
+using test::expectPointsNear;
+using test::handStrands;
+using test::ShapeRun;
+using test::straight;
+
+TEST(Length, KeepsAShareOfTheArcAtEqualSteps) {
+    // An L of arc 2: three points, 0.75 of it kept, so steps of 0.75 round the corner.
+    const auto bent = handStrands({{{0, 0, 0}, {1, 0, 0}, {1, 1, 0}}, straight(4)});
+    struct Case {
+        double length;
+        std::vector<Vec3f> first, second;
+    };
+    const Case cases[] = {
+        {0.75,
+         {{0, 0, 0}, {0.75f, 0, 0}, {1, 0.5f, 0}},
+         {{0, 0, 0}, {0, 0.75f, 0}, {0, 1.5f, 0}, {0, 2.25f, 0}}},
+        {0.5,
+         {{0, 0, 0}, {0.5f, 0, 0}, {1, 0, 0}},
+         {{0, 0, 0}, {0, 0.5f, 0}, {0, 1, 0}, {0, 1.5f, 0}}},
+        // Nothing kept: every point stacked on the root, none lost.
+        {0.0, {{0, 0, 0}, {0, 0, 0}, {0, 0, 0}}, {{0, 0, 0}, {0, 0, 0}, {0, 0, 0}, {0, 0, 0}}},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.length);
+        const auto out = ShapeRun("Length", {{"length", c.length}}).run(bent);
+        expectPointsNear(out->strandPoints(0), c.first);
+        expectPointsNear(out->strandPoints(1), c.second);
+    }
+    // Kept whole, the strand is the input's, bit for bit.
+    const auto whole = ShapeRun("Length", {{"length", 1.0}}).run(bent);
+    EXPECT_EQ(whole->contentHash(), bent->contentHash());
+}
+
+TEST(Length, RandomTrimHitsTheDrawnShareOfStrands) {
+    std::vector<std::vector<Vec3f>> many(400, straight(3));
+    const auto strands = handStrands(many);
+    for (const double fraction : {0.0, 0.3, 1.0}) {
+        SCOPED_TRACE(fraction);
+        const auto out =
+            ShapeRun("Length",
+                     {{"fraction", fraction}, {"randomness", 0.5}, {"seed", std::int64_t{9}}})
+                .run(strands);
+        for (std::size_t s = 0; s < strands->strandCount(); ++s) {
+            // Draws from the id and seed: the first sets how much goes, the second whether.
+            const std::uint64_t h = hashCombine(strands->ids()[s], 9);
+            const float d1 = unitFloat(h);
+            const float d2 = unitFloat(hashCombine(h, 0x64726177ull));
+            const bool trimmed = fraction >= 1.0 || d2 < fraction;
+            const float keep = trimmed ? 1.0f - 0.5f * d1 : 1.0f;
+            EXPECT_NEAR(out->strandPoints(s)[2].y, 2.0f * keep, 1e-5f) << "strand " << s;
+        }
+    }
+}
+
+TEST(Length, MappedLengthAndFractionAreReadPerStrand) {
+    const auto strands = handStrands({straight(3), straight(3), straight(3)});
+    ShapeRun run("Length", {{"randomness", 1.0}});
+    run.fields["length"] = std::make_shared<test::ListField>(std::vector<float>{0.5f, 1.0f, 2.0f});
+    // Strand 1 is always trimmed at random, the others never.
+    run.fields["fraction"] = std::make_shared<test::ListField>(std::vector<float>{0, 1, 0});
+    const auto out = run.run(strands);
+    EXPECT_NEAR(out->strandPoints(0)[2].y, 1.0f, 1e-6f);
+    const float d1 = unitFloat(hashCombine(strands->ids()[1], 0));
+    EXPECT_NEAR(out->strandPoints(1)[2].y, 2.0f * (1.0f - d1), 1e-5f);
+    // A mapped keep above 1 is held to the whole strand.
+    EXPECT_NEAR(out->strandPoints(2)[2].y, 2.0f, 1e-6f);
+}
+
+}  // namespace
+}  // namespace velmorin

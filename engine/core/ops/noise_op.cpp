@@ -1,0 +1,245 @@
+#include <algorithm>
+#include <atomic>
+#include <cmath>
+#include <cstdio>
+
+#include "expr/noise.h"
+#include "graph/delivered_params.h"
+#include "graph/registry.h"
+#include "ops/shape_ops.h"
+
+namespace velmorin {
+namespace {
+
+// Knots of the kinky mode lie this far apart along z in noise space: an irrational step, so that
+// no knot repeats a lattice cell's pattern.
+constexpr float kKnotStep = 1.618034f;
+// Strand-space noise starts each strand this far into the lattice, at random.
+constexpr float kBaseSpread = 512.0f;
+
+// An octave fades once its cells come closer than two samples; the first octave fading means the
+// frequency is finer than the strand's points can draw.
+constexpr float kFadingSpacing = 0.5f;
+
+// The per-strand draws, in order: whether the strand gets noise, then its place in the lattice.
+struct NoiseDraws {
+    float pick;
+    Vec3f base;
+};
+NoiseDraws noiseDraws(std::uint64_t id, std::uint64_t seed) {
+    StrandDraws draws(id, seed);
+    NoiseDraws out;
+    out.pick = draws.next();
+    out.base.x = draws.next() * kBaseSpread;
+    out.base.y = draws.next() * kBaseSpread;
+    out.base.z = draws.next() * kBaseSpread;
+    return out;
+}
+
+float sampleSpacing(const NoiseSettings& settings, float strandLength, std::size_t segments) {
+    const float perStrand = settings.frequency / static_cast<float>(segments);
+    return settings.space == NoiseSpace::World ? strandLength * perStrand : perStrand;
+}
+
+}  // namespace
+
+void noiseStrands(const StrandSet& input, const NoiseSettings& settings,
+                  const StrandSelection& selection, std::span<Vec3f> out) {
+    const bool amplitudeMapped = settings.amplitude.isMapped();
+    const bool fractionMapped = settings.fraction.isMapped();
+    const float plainAmplitude = settings.amplitude.value();
+    const float plainFraction = settings.fraction.value();
+    const float frequency = settings.frequency;
+    const std::uint64_t noiseSeed = hashCombine(kVectorNoiseSeed, settings.seed);
+    const bool world = settings.space == NoiseSpace::World;
+    const std::span<const std::uint64_t> ids = input.ids();
+    Fractal smooth;
+    smooth.octaves = static_cast<float>(settings.octaves);
+    Fractal knots = smooth;
+
+    forSelectedChunks(input.strandCount(), selection, [&](std::size_t first, std::size_t last) {
+        std::vector<float> arcs;
+        for (std::size_t i = first; i < last; ++i) {
+            const std::size_t s = selection.strand(i);
+            const std::span<const Vec3f> points = input.strandPoints(s);
+            const std::size_t begin = input.pointRange(s).begin;
+            const std::size_t n = points.size();
+            const NoiseDraws draws = noiseDraws(ids[s], settings.seed);
+            const float fraction = fractionMapped ? settings.fraction.atStrand(s) : plainFraction;
+            std::copy(points.begin(), points.end(), out.begin() + begin);
+            if (n < 2 || !(draws.pick < fraction)) continue;
+            arcs.resize(n);
+            const float total = arcLengths(points, arcs);
+            if (!(total > 0.0f)) continue;
+
+            if (settings.mode == NoiseMode::Smooth) {
+                Fractal fractal = smooth;
+                fractal.spacing = sampleSpacing(settings, total, n - 1);
+                for (std::size_t k = 1; k < n; ++k) {
+                    const float t = arcs[k] / total;
+                    const float a =
+                        (amplitudeMapped ? settings.amplitude.atPoint(s, k) : plainAmplitude) *
+                        settings.profile.at(t);
+                    const Vec3f q =
+                        world ? points[k] * frequency : draws.base + Vec3f{0, 0, t * frequency};
+                    out[begin + k] = points[k] + fractalNoiseVector(q, fractal, noiseSeed) * a;
+                }
+                continue;
+            }
+
+            // Kinky: straight lines between random offsets one unit of u apart.
+            const Vec3f base = world ? points[0] * frequency : draws.base;
+            std::int64_t knot = INT64_MIN;
+            Vec3f from, to;
+            for (std::size_t k = 1; k < n; ++k) {
+                const float t = arcs[k] / total;
+                const float u = world ? arcs[k] * frequency : t * frequency;
+                const float below = std::floor(u);
+                const auto at = static_cast<std::int64_t>(below);
+                if (at != knot) {
+                    // Consecutive points mostly share their pair of knots; reuse it.
+                    const auto knotAt = [&](std::int64_t index) {
+                        const Vec3f p = base + Vec3f{0, 0, static_cast<float>(index) * kKnotStep};
+                        return fractalNoiseVector(p, knots, noiseSeed);
+                    };
+                    from = at == knot + 1 ? to : knotAt(at);
+                    to = knotAt(at + 1);
+                    knot = at;
+                }
+                const float a =
+                    (amplitudeMapped ? settings.amplitude.atPoint(s, k) : plainAmplitude) *
+                    settings.profile.at(t);
+                out[begin + k] = points[k] + lerp(from, to, u - below) * a;
+            }
+        }
+    });
+}
+
+std::optional<CoarseStrand> coarseForNoise(const StrandSet& input, const NoiseSettings& settings) {
+    // Kinky noise has no fade: its knots are drawn whatever the spacing.
+    if (settings.mode == NoiseMode::Kinky) return std::nullopt;
+    const bool fractionMapped = settings.fraction.isMapped();
+    const std::span<const std::uint64_t> ids = input.ids();
+    // The lowest index wins, so the answer is the same at any thread count.
+    std::atomic<std::size_t> firstCoarse{input.strandCount()};
+    parallelRange(0, input.strandCount(), 256, [&](std::size_t begin, std::size_t end) {
+        for (std::size_t s = begin; s < end && s < firstCoarse.load(); ++s) {
+            const std::span<const Vec3f> points = input.strandPoints(s);
+            if (points.size() < 2) continue;
+            const float fraction =
+                fractionMapped ? settings.fraction.atStrand(s) : settings.fraction.value();
+            if (!(noiseDraws(ids[s], settings.seed).pick < fraction)) continue;
+            const float total = settings.space == NoiseSpace::World ? strandLength(points) : 1.0f;
+            if (sampleSpacing(settings, total, points.size() - 1) <= kFadingSpacing) continue;
+            std::size_t seen = firstCoarse.load();
+            while (s < seen && !firstCoarse.compare_exchange_weak(seen, s)) {
+            }
+            return;
+        }
+    });
+    const std::size_t s = firstCoarse.load();
+    if (s == input.strandCount()) return std::nullopt;
+    return CoarseStrand{s, input.pointRange(s).count - 1};
+}
+
+namespace {
+
+// Random displacement; on a fraction of the strands at a high frequency, frizz.
+class NoiseOp final : public Operator {
+  public:
+    std::string type() const override { return "Noise"; }
+    std::string category() const override { return "look"; }
+    // Version 2 added the kinky mode; smooth, the default, is how version 1 behaved.
+    int version() const override { return 2; }
+    std::vector<PortSpec> inputs() const override { return {{"strands", PortType::Strands}}; }
+    std::vector<ParamSpec> params() const override {
+        ParamSpec amplitude =
+            shapeParam("amplitude", 0.2, "Displacement size, scene units (mappable, per point)");
+        amplitude.unit = "length";
+        ParamSpec frequency = shapeParam(
+            "frequency", 3.0, "Features per scene unit (world) or per strand length (strand)");
+        frequency.min = 0.0;
+        frequency.softMax = 20.0;
+        ParamSpec octaves = shapeParam("octaves", std::int64_t{2}, "layers");
+        octaves.min = 1.0;
+        octaves.max = 8.0;
+        ParamSpec space = shapeParam("space", std::string("strand"),
+                                     "strand: independent per strand; world: coherent across "
+                                     "strands");
+        space.choices = {"strand", "world"};
+        ParamSpec fraction = fractionParam("fraction", 1.0,
+                                           "Share of the strands that get it, 0-1 (mappable): a "
+                                           "few, at a high frequency, for frizz");
+        fraction.unit.clear();
+        ParamSpec mode = shapeParam("mode", std::string("smooth"),
+                                    "smooth: waves; kinky: sharp kinks, straight between random "
+                                    "offsets frequency apart (scraggle, frizz)");
+        mode.choices = {"smooth", "kinky"};
+        mode.since = 2;
+        return {amplitude,   frequency,
+                octaves,     profileParam("Amplitude along the length, root to tip"),
+                space,       fraction,
+                seedParam(), mode};
+    }
+    Value evaluate(const EvalContext& ctx, const std::vector<Value>& inputs) const override {
+        Value out;
+        StrandChanges changes;
+        run(ctx, inputs, nullptr, &out, &changes);
+        return out;
+    }
+    bool evaluateIncremental(const EvalContext& ctx, const std::vector<Value>& inputs,
+                             const IncrementalInputs& incremental, Value* out,
+                             StrandChanges* changes) const override {
+        return run(ctx, inputs, &incremental, out, changes);
+    }
+
+  private:
+    bool run(const EvalContext& ctx, const std::vector<Value>& inputs,
+             const IncrementalInputs* incremental, Value* out, StrandChanges* changes) const {
+        const auto input = inputs.empty() ? nullptr : inputs[0].get<StrandSet>();
+        if (!input) return runInPlace(inputs, incremental, false, {}, {}, out, changes);
+        NoiseSettings settings;
+        settings.amplitude = fieldSampler(paramSet, ctx, "amplitude", *input);
+        settings.fraction = fieldSampler(paramSet, ctx, "fraction", *input);
+        settings.frequency = static_cast<float>(paramSet.getFloat("frequency", 3.0));
+        settings.octaves = static_cast<int>(paramSet.getInt("octaves", 2));
+        settings.profile = paramRamp(paramSet, ctx, "profile", Ramp{});
+        settings.space = paramSet.getString("space", "strand") == "world" ? NoiseSpace::World
+                                                                          : NoiseSpace::Strand;
+        settings.mode =
+            paramSet.getString("mode", "smooth") == "kinky" ? NoiseMode::Kinky : NoiseMode::Smooth;
+        settings.seed = static_cast<std::uint64_t>(paramSet.getInt("seed", 0));
+        // An incremental run keeps the note of the full run before it.
+        if (!incremental) {
+            if (const auto coarse = coarseForNoise(*input, settings)) {
+                char number[32];
+                std::snprintf(number, sizeof number, "%g", static_cast<double>(settings.frequency));
+                ctx.note((name.empty() ? type() : name) + ": frequency " + number +
+                         " is finer than the strands' " + std::to_string(coarse->segments) +
+                         " segments draw: the noise fades out; raise Resample's segments or "
+                         "lower the frequency");
+            }
+        }
+        constexpr ColumnId kColumns[] = {ColumnId::kPoints};
+        return runInPlace(
+            inputs, incremental, noneMapped({&settings.amplitude, &settings.fraction}), kColumns,
+            [&](const StrandSet& from, const StrandSelection& selection, StrandSet& made) {
+                noiseStrands(from, settings, selection, made.writePoints());
+            },
+            out, changes);
+    }
+};
+
+}  // namespace
+
+void registerNoiseOperator(OperatorRegistry& registry) {
+    OperatorInfo info;
+    info.category = "look";
+    info.description =
+        "Random displacement; on a fraction of the strands at a high frequency, frizz.";
+    info.keywords = "frizz random jitter";
+    registry.registerType(
+        "Noise", [] { return std::make_unique<NoiseOp>(); }, info);
+}
+
+}  // namespace velmorin

@@ -1,0 +1,111 @@
+#include <gtest/gtest.h>
+
+#include "expr/noise.h"
+#include "ops/shape_ops.h"
+#include "ops/test/shape_checks.h"
+
+namespace velmorin {
+namespace {
+
+using test::handStrands;
+using test::ShapeRun;
+using test::straight;
+
+TEST(Noise, WorldNoiseIsTheOctaveSumAtThePointTimesAmplitudeAndProfile) {
+    // Two strands on the same points: in world space they move alike, in strand space apart.
+    const std::vector<Vec3f> points = {{0, 0, 0}, {0.1f, 0.5f, 0}, {0.3f, 1.0f, 0.2f}};
+    const auto strands = handStrands({points, points});
+    Ramp halving;
+    halving.linear = true;
+    halving.keys = {{0.0f, 1.0f, 0.0f}, {1.0f, 0.5f, 0.0f}};
+    ShapeRun world("Noise", {{"space", std::string("world")},
+                             {"amplitude", 0.4},
+                             {"frequency", 2.0},
+                             {"octaves", std::int64_t{3}},
+                             {"seed", std::int64_t{5}},
+                             {"profile", halving}});
+    const auto out = world.run(strands);
+    std::vector<float> arcs(3);
+    const float total = arcLengths(points, arcs);
+    Fractal fractal;
+    fractal.octaves = 3.0f;
+    fractal.spacing = total * 2.0f / 2.0f;  // the strand's length times frequency per segment
+    for (std::size_t k = 0; k < 3; ++k) {
+        const Vec3f noise =
+            fractalNoiseVector(points[k] * 2.0f, fractal, hashCombine(kVectorNoiseSeed, 5));
+        const float a = 0.4f * (1.0f - 0.5f * arcs[k] / total);
+        const Vec3f want = k == 0 ? points[0] : points[k] + noise * a;
+        for (std::size_t s = 0; s < 2; ++s) {
+            EXPECT_NEAR(out->strandPoints(s)[k].x, want.x, 1e-6f);
+            EXPECT_NEAR(out->strandPoints(s)[k].y, want.y, 1e-6f);
+            EXPECT_NEAR(out->strandPoints(s)[k].z, want.z, 1e-6f);
+        }
+    }
+    const auto own = ShapeRun("Noise", {{"frequency", 0.8}}).run(strands);
+    EXPECT_NE(own->strandPoints(0)[2], own->strandPoints(1)[2]);
+}
+
+TEST(Noise, KinkyIsStraightBetweenKnots) {
+    // Frequency 1 in strand space: every point short of the tip lies between knots 0 and 1, so
+    // the offsets grow by equal steps along an evenly spaced strand.
+    const auto strands = handStrands({straight(9, 0.25f)});
+    const auto out =
+        ShapeRun("Noise", {{"mode", std::string("kinky")}, {"frequency", 1.0}}).run(strands);
+    const auto before = strands->strandPoints(0);
+    const auto after = out->strandPoints(0);
+    const Vec3f step = (after[2] - before[2]) - (after[1] - before[1]);
+    EXPECT_GT(length(step), 1e-4f);
+    for (std::size_t k = 2; k + 1 < 9; ++k) {
+        const Vec3f d = (after[k] - before[k]) - (after[k - 1] - before[k - 1]);
+        EXPECT_NEAR(d.x, step.x, 1e-5f) << "point " << k;
+        EXPECT_NEAR(d.y, step.y, 1e-5f) << "point " << k;
+        EXPECT_NEAR(d.z, step.z, 1e-5f) << "point " << k;
+    }
+}
+
+TEST(Noise, FractionPicksStrandsAndZeroChangesNothing) {
+    const auto strands = test::gridStrands(500, 5, 3);
+    const auto none = ShapeRun("Noise", {{"fraction", 0.0}}).run(strands);
+    EXPECT_EQ(none->contentHash(), strands->contentHash());
+    // A mapped fraction: half the strands may get it, the others never.
+    std::vector<float> perStrand(500);
+    for (std::size_t s = 0; s < 500; ++s)
+        perStrand[s] = s % 2 ? 1.0f : 0.0f;
+    ShapeRun half("Noise");
+    half.fields["fraction"] = std::make_shared<test::ListField>(perStrand);
+    const auto out = half.run(strands);
+    for (std::size_t s = 0; s < 500; ++s) {
+        const bool same = out->strandPoints(s)[4] == strands->strandPoints(s)[4];
+        EXPECT_EQ(same, s % 2 == 0) << "strand " << s;
+    }
+}
+
+TEST(Noise, WarnsWhenTheFrequencyIsFinerThanThePoints) {
+    const auto coarse = handStrands({straight(2), straight(3)});
+    struct Case {
+        ShapeRun run;
+        std::vector<std::string> notes;
+    };
+    const Case cases[] = {
+        // Three features per strand over the first strand's one segment.
+        {ShapeRun("Noise", {{"frequency", 3.0}}),
+         {"Noise: frequency 3 is finer than the strands' 1 segments draw: the noise fades out; "
+          "raise Resample's segments or lower the frequency"}},
+        {ShapeRun("Noise", {{"frequency", 0.4}}), {}},
+        // In world space the strand's length counts: 1 unit at 0.8 features a unit, on one
+        // segment; at 0.3 it suits.
+        {ShapeRun("Noise", {{"frequency", 0.3}, {"space", std::string("world")}}), {}},
+        {ShapeRun("Noise", {{"frequency", 0.8}, {"space", std::string("world")}}),
+         {"Noise: frequency 0.8 is finer than the strands' 1 segments draw: the noise fades out; "
+          "raise Resample's segments or lower the frequency"}},
+        {ShapeRun("Noise", {{"frequency", 9.0}, {"mode", std::string("kinky")}}), {}},
+    };
+    for (const Case& c : cases) {
+        NoteList notes;
+        c.run.run(coarse, {}, &notes);
+        EXPECT_EQ(notes.take(), c.notes);
+    }
+}
+
+}  // namespace
+}  // namespace velmorin

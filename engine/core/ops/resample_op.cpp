@@ -1,0 +1,358 @@
+#include <algorithm>
+#include <cmath>
+#include <numbers>
+
+#include "graph/errors.h"
+#include "graph/registry.h"
+#include "ops/shape_ops.h"
+
+namespace velmorin {
+namespace {
+
+constexpr float kRadiansPerDegree = std::numbers::pi_v<float> / 180.0f;
+
+// What decides one strand's resampling.
+struct StrandPlan {
+    bool kept = false;  // passes as it is
+    std::uint32_t segments = 0;
+};
+
+// Reads what every strand's plan needs once per run: braid marks and, for the length mode, the
+// longest strand.
+class Planner {
+  public:
+    Planner(const StrandSet& input, const ResampleSettings& settings)
+        : input_(input), settings_(settings), braid_(input.strandChannel("braidId")) {
+        braidDefault_ = input.channelDefault("braidId");
+        fewest_ = static_cast<std::uint32_t>(
+            std::clamp(settings.minSegments, 1, std::max(settings.segments, 1)));
+        if (settings.mode == ResampleMode::Length) {
+            std::vector<float> lengths(input.strandCount());
+            parallelRange(0, input.strandCount(), 256, [&](std::size_t begin, std::size_t end) {
+                for (std::size_t s = begin; s < end; ++s)
+                    lengths[s] = strandLength(input.strandPoints(s));
+            });
+            for (const float l : lengths)
+                longest_ = std::max(longest_, l);
+        }
+    }
+
+    // `arcs` is scratch for the strand's arcs, `placed` for the curvature walk's.
+    StrandPlan plan(std::size_t s, std::vector<float>& arcs, std::vector<float>& placed) const {
+        const std::span<const Vec3f> points = input_.strandPoints(s);
+        const std::size_t n = points.size();
+        // A braid keeps the points its weave is drawn with.
+        const bool braided = braid_ && (*braid_)[s] != braidDefault_;
+        if (settings_.segments <= 0 || n < 2 || braided) return {true, 0};
+        arcs.resize(n);
+        const float total = arcLengths(points, arcs);
+        if (!(total > 0.0f)) return {true, 0};
+        const auto most = static_cast<std::uint32_t>(settings_.segments);
+        switch (settings_.mode) {
+            case ResampleMode::Even:
+                return {false, most};
+            case ResampleMode::Length: {
+                const float share = longest_ > 0.0f ? total / longest_ : 1.0f;
+                const auto segments = static_cast<std::uint32_t>(std::lround(share * most));
+                return {false, std::clamp(segments, fewest_, most)};
+            }
+            case ResampleMode::Curvature:
+                curvatureArcs(points, arcs, placed);
+                return {false,
+                        std::clamp(static_cast<std::uint32_t>(placed.size() - 1), fewest_, most)};
+        }
+        return {true, 0};
+    }
+
+    // The arcs of the points the curvature walk places: the root, every point where the strand
+    // has turned by maxAngle since the last placed one, and the tip.
+    void curvatureArcs(std::span<const Vec3f> points, std::span<const float> arcs,
+                       std::vector<float>& placed) const {
+        const float limit = settings_.maxAngle * kRadiansPerDegree;
+        placed.assign(1, 0.0f);
+        float turned = 0.0f;
+        for (std::size_t k = 1; k + 1 < points.size(); ++k) {
+            const Vec3f before = normalized(points[k] - points[k - 1]);
+            const Vec3f after = normalized(points[k + 1] - points[k]);
+            turned += std::atan2(length(cross(before, after)), dot(before, after));
+            if (turned >= limit) {
+                placed.push_back(arcs[k]);
+                turned = 0.0f;
+            }
+        }
+        placed.push_back(arcs[points.size() - 1]);
+    }
+
+  private:
+    const StrandSet& input_;
+    const ResampleSettings& settings_;
+    const std::vector<float>* braid_;
+    float braidDefault_ = 0.0f;
+    std::uint32_t fewest_ = 1;
+    float longest_ = 0.0f;
+};
+
+// Makes `placed` hold segments + 1 arcs: too few, the longest span is halved until there are
+// enough; too many, they give way to equal steps.
+void fitArcs(std::vector<float>& placed, std::uint32_t segments, float total) {
+    if (placed.size() > segments + 1) {
+        placed.resize(segments + 1);
+        for (std::uint32_t k = 0; k <= segments; ++k)
+            placed[k] = total * static_cast<float>(k) / static_cast<float>(segments);
+        return;
+    }
+    while (placed.size() < segments + 1) {
+        std::size_t widest = 1;
+        for (std::size_t k = 2; k < placed.size(); ++k)
+            if (placed[k] - placed[k - 1] > placed[widest] - placed[widest - 1]) widest = k;
+        placed.insert(placed.begin() + static_cast<std::ptrdiff_t>(widest),
+                      0.5f * (placed[widest - 1] + placed[widest]));
+    }
+}
+
+}  // namespace
+
+std::vector<std::uint32_t> resamplePointCounts(const StrandSet& input,
+                                               const ResampleSettings& settings) {
+    const Planner planner(input, settings);
+    std::vector<std::uint32_t> counts(input.strandCount());
+    parallelRange(0, input.strandCount(), 256, [&](std::size_t begin, std::size_t end) {
+        std::vector<float> arcs, placed;
+        for (std::size_t s = begin; s < end; ++s) {
+            const StrandPlan plan = planner.plan(s, arcs, placed);
+            counts[s] = plan.kept ? static_cast<std::uint32_t>(input.pointRange(s).count)
+                                  : plan.segments + 1;
+        }
+    });
+    return counts;
+}
+
+void resampleInto(const StrandSet& input, const ResampleSettings& settings,
+                  const StrandSelection& selection, StrandSet& out) {
+    const Planner planner(input, settings);
+    const std::span<const float> widthsIn = input.widths();
+    const bool hasWidths = widthsIn.size() == input.pointCount();
+    std::vector<Vec3f>& points = out.writePoints();
+    std::vector<float>& widths = out.writeWidths();
+    const std::vector<std::string> names = input.pointChannelNames();
+    std::vector<const std::vector<float>*> channelsIn;
+    std::vector<std::vector<float>*> channelsOut;
+    for (const std::string& name : names) {
+        channelsIn.push_back(input.pointChannel(name));
+        channelsOut.push_back(&out.addPointChannel(name, input.pointChannelDefault(name)));
+    }
+    const std::span<const std::uint64_t> offsets = out.offsets();
+
+    forSelectedChunks(input.strandCount(), selection, [&](std::size_t first, std::size_t last) {
+        std::vector<float> arcs, placed;
+        std::vector<std::uint32_t> segmentAt;
+        std::vector<float> fractionAt;
+        for (std::size_t i = first; i < last; ++i) {
+            const std::size_t s = selection.strand(i);
+            const StrandSet::PointRange from = input.pointRange(s);
+            const std::size_t to = offsets[s];
+            const std::size_t count = offsets[s + 1] - to;
+            const StrandPlan plan = planner.plan(s, arcs, placed);
+            if (plan.kept) {
+                for (std::size_t k = 0; k < count; ++k) {
+                    points[to + k] = input.points()[from.begin + k];
+                    widths[to + k] = hasWidths ? widthsIn[from.begin + k] : 1.0f;
+                    for (std::size_t c = 0; c < names.size(); ++c)
+                        (*channelsOut[c])[to + k] = (*channelsIn[c])[from.begin + k];
+                }
+                continue;
+            }
+            const std::span<const Vec3f> strand = input.strandPoints(s);
+            const float total = arcs[strand.size() - 1];
+            if (settings.mode == ResampleMode::Curvature) {
+                fitArcs(placed, plan.segments, total);
+            } else {
+                placed.resize(plan.segments + 1);
+                for (std::uint32_t k = 0; k <= plan.segments; ++k)
+                    placed[k] = total * static_cast<float>(k) / static_cast<float>(plan.segments);
+            }
+            // Where each new point lies on the old polyline, then every column read from there.
+            segmentAt.resize(count);
+            fractionAt.resize(count);
+            std::size_t segment = 0;
+            for (std::size_t k = 0; k < count; ++k) {
+                const float arc = std::clamp(placed[k], 0.0f, total);
+                while (segment + 2 < strand.size() && arcs[segment + 1] < arc)
+                    ++segment;
+                const float span = arcs[segment + 1] - arcs[segment];
+                segmentAt[k] = static_cast<std::uint32_t>(segment);
+                fractionAt[k] =
+                    span > 0.0f ? std::clamp((arc - arcs[segment]) / span, 0.0f, 1.0f) : 0.0f;
+            }
+            for (std::size_t k = 0; k < count; ++k)
+                points[to + k] =
+                    lerp(strand[segmentAt[k]], strand[segmentAt[k] + 1], fractionAt[k]);
+            // The root and the tip exactly, whatever the rounding of the walk.
+            points[to] = strand.front();
+            points[to + count - 1] = strand.back();
+            const auto lerpColumn = [&](std::span<const float> column, std::vector<float>& target) {
+                for (std::size_t k = 0; k < count; ++k) {
+                    const std::size_t at = from.begin + segmentAt[k];
+                    target[to + k] = column[at] + (column[at + 1] - column[at]) * fractionAt[k];
+                }
+            };
+            if (hasWidths) {
+                lerpColumn(widthsIn, widths);
+            } else {
+                std::fill_n(widths.begin() + static_cast<std::ptrdiff_t>(to), count, 1.0f);
+            }
+            for (std::size_t c = 0; c < names.size(); ++c)
+                lerpColumn(*channelsIn[c], *channelsOut[c]);
+        }
+    });
+}
+
+StrandSet resampleStrands(const StrandSet& input, const ResampleSettings& settings) {
+    const std::vector<std::uint32_t> counts = resamplePointCounts(input, settings);
+    StrandSet out(input);
+    std::vector<std::uint64_t>& offsets = out.writeOffsets();
+    offsets.assign(counts.size() + 1, 0);
+    for (std::size_t s = 0; s < counts.size(); ++s)
+        offsets[s + 1] = offsets[s] + counts[s];
+    const std::size_t total = offsets.back();
+    out.writePoints().resize(total);
+    out.writeWidths().resize(total);
+    for (const std::string& name : input.pointChannelNames())
+        out.addPointChannel(name, input.pointChannelDefault(name)).resize(total);
+    resampleInto(input, settings, StrandSelection::every(), out);
+    return out;
+}
+
+namespace {
+
+ResampleMode modeNamed(const std::string& mode) {
+    if (mode == "even") return ResampleMode::Even;
+    if (mode == "length") return ResampleMode::Length;
+    if (mode == "curvature") return ResampleMode::Curvature;
+    throw GraphError("Resample: mode must be even, length or curvature");
+}
+
+// Evens out the points along each strand.
+class ResampleOp final : public Operator {
+  public:
+    std::string type() const override { return "Resample"; }
+    std::string category() const override { return "shape"; }
+    std::vector<PortSpec> inputs() const override { return {{"strands", PortType::Strands}}; }
+    std::vector<ParamSpec> params() const override {
+        ParamSpec segments =
+            shapeParam("segments", std::int64_t{16},
+                       "Segments per strand (points = segments + 1); every Scatter before it grows "
+                       "its strands with them (the most any Resample after it, on the way to the "
+                       "Output, asks for). 0: keep each strand's. Braided strands keep the points "
+                       "their weave is drawn with (Braid's resolution)");
+        // 0 keeps strands, so the hard range starts there; the slider starts at 2.
+        segments.min = 0.0;
+        segments.max = 1024.0;
+        segments.softMin = 2.0;
+        segments.softMax = 64.0;
+        // It sets how many points Scatters grow, which must stay the same on every frame.
+        segments.animatable = false;
+        ParamSpec mode = shapeParam("mode", std::string("even"),
+                                    "even: segments for every strand; curvature: fewer points for "
+                                    "render and export, fewer for straighter strands, placed where "
+                                    "they bend; length: fewer for shorter strands");
+        mode.choices = {"even", "length", "curvature"};
+        mode.animatable = false;
+        ParamSpec fewest =
+            shapeParam("minSegments", std::int64_t{3},
+                       "With length or curvature: the fewest segments a strand gets");
+        fewest.min = 1.0;
+        fewest.softMax = 16.0;
+        fewest.animatable = false;
+        fewest.showWhen = ShowWhen{
+            "mode", {ParamValue(std::string("length")), ParamValue(std::string("curvature"))}};
+        ParamSpec angle = shapeParam("maxAngle", 15.0,
+                                     "With curvature: about how far (degrees) a strand may turn "
+                                     "per segment; smaller keeps curls rounder with more points");
+        angle.min = 0.5;
+        angle.max = 45.0;
+        angle.unit = "angle";
+        angle.animatable = false;
+        angle.showWhen = ShowWhen{"mode", {ParamValue(std::string("curvature"))}};
+        return {segments, mode, fewest, angle};
+    }
+    Value evaluate(const EvalContext& ctx, const std::vector<Value>& inputs) const override {
+        Value out;
+        StrandChanges changes;
+        run(ctx, inputs, nullptr, &out, &changes);
+        return out;
+    }
+    bool evaluateIncremental(const EvalContext& ctx, const std::vector<Value>& inputs,
+                             const IncrementalInputs& incremental, Value* out,
+                             StrandChanges* changes) const override {
+        return run(ctx, inputs, &incremental, out, changes);
+    }
+
+  private:
+    bool run(const EvalContext&, const std::vector<Value>& inputs,
+             const IncrementalInputs* incremental, Value* out, StrandChanges* changes) const {
+        const auto input = inputs.empty() ? nullptr : inputs[0].get<StrandSet>();
+        ResampleSettings settings;
+        settings.segments = static_cast<int>(paramSet.getInt("segments", 16));
+        settings.mode = modeNamed(paramSet.getString("mode", "even"));
+        settings.minSegments = static_cast<int>(paramSet.getInt("minSegments", 3));
+        settings.maxAngle = static_cast<float>(paramSet.getFloat("maxAngle", 15.0));
+        if (!input || settings.segments <= 0) {
+            if (incremental) return false;
+            *out = inputs.empty() ? Value() : inputs[0];
+            return true;
+        }
+        if (!incremental) {
+            *out = std::make_shared<const StrandSet>(resampleStrands(*input, settings));
+            return true;
+        }
+        return update(*input, settings, *incremental, out, changes);
+    }
+
+    // Redoes the changed strands in the previous result, where each keeps its point count there;
+    // the length mode reads the longest strand, which any change may move.
+    static bool update(const StrandSet& input, const ResampleSettings& settings,
+                       const IncrementalInputs& incremental, Value* out, StrandChanges* changes) {
+        const auto previous = incremental.previous.get<StrandSet>();
+        if (settings.mode == ResampleMode::Length || !previous || incremental.changes.empty())
+            return false;
+        const auto& changed = incremental.changes[0];
+        if (!changed || changed->all || !changed->sameLayout ||
+            previous->strandCount() != input.strandCount())
+            return false;
+        const Planner planner(input, settings);
+        std::vector<float> arcs, placed;
+        for (const std::uint64_t s : changed->strands) {
+            const StrandPlan plan = planner.plan(s, arcs, placed);
+            const std::size_t count =
+                plan.kept ? input.pointRange(s).count : std::size_t{plan.segments} + 1;
+            if (count != previous->pointRange(s).count) return false;
+        }
+        for (const std::string& name : input.pointChannelNames())
+            if (!previous->pointChannel(name)) return false;
+
+        auto made = std::make_shared<StrandSet>(*previous);
+        // Strand channels are the input's as they stand; the changed strands' may be new.
+        StrandSet source(input);
+        for (const std::string& name : input.strandChannelNames())
+            made->moveStrandChannelFrom(name, source);
+        resampleInto(input, settings, StrandSelection::only(changed->strands), *made);
+        changes->all = false;
+        changes->strands = changed->strands;
+        *out = std::shared_ptr<const StrandSet>(std::move(made));
+        return true;
+    }
+};
+
+}  // namespace
+
+void registerResampleOperator(OperatorRegistry& registry) {
+    OperatorInfo info;
+    info.category = "shape";
+    info.description = "Evens out the points along each strand.";
+    info.keywords = "points segments cvs even";
+    registry.registerType(
+        "Resample", [] { return std::make_unique<ResampleOp>(); }, info);
+}
+
+}  // namespace velmorin

@@ -1,0 +1,126 @@
+#pragma once
+// The shape operators that change strands point by point, one strand at a time: Length, Width,
+// Resample, Noise, Curl and Twist. Each node is a thin class over one plain function on strand
+// data, declared here so that tests and benchmarks call it without a graph. The classes are reached
+// only through the registration functions.
+
+#include <cstdint>
+#include <memory>
+#include <string>
+
+#include "fields/field_sampler.h"
+#include "graph/ramp.h"
+#include "ops/shape_support.h"
+#include "strands/guide.h"
+
+namespace velmorin {
+
+class OperatorRegistry;
+
+void registerLengthOperator(OperatorRegistry& registry);
+void registerWidthOperator(OperatorRegistry& registry);
+void registerResampleOperator(OperatorRegistry& registry);
+void registerTwistOperator(OperatorRegistry& registry);
+void registerNoiseOperator(OperatorRegistry& registry);
+void registerCurlOperator(OperatorRegistry& registry);
+
+// Length: keeps a share of each strand from the root, its points spread at equal arc steps over
+// what is kept; a point count never changes. `length` and `fraction` are sampled per strand.
+struct LengthSettings {
+    FieldSampler length{1.0f};
+    FieldSampler fraction{0.0f};
+    float randomness = 0.0f;
+    std::uint64_t seed = 0;
+};
+// Writes the selected strands of `out` (a set of the input's layout).
+void trimStrands(const StrandSet& input, const LengthSettings& settings,
+                 const StrandSelection& selection, std::span<Vec3f> out);
+
+// Width: `width` (per point) times the profile at the point's share of the length, times a
+// per-strand variation. Strands marked `rachis` keep their widths.
+struct WidthSettings {
+    FieldSampler width{0.007f};
+    Ramp profile;
+    float randomness = 0.0f;
+    std::uint64_t seed = 0;
+};
+void widenStrands(const StrandSet& input, const WidthSettings& settings,
+                  const StrandSelection& selection, std::span<float> out);
+
+// Resample: new point counts and positions. Widths and point channels follow by arc.
+enum class ResampleMode { Even, Length, Curvature };
+struct ResampleSettings {
+    int segments = 16;  // 0 keeps every strand
+    ResampleMode mode = ResampleMode::Even;
+    int minSegments = 3;
+    float maxAngle = 15.0f;  // degrees
+};
+// The point count of every strand after resampling; a strand kept as it is (fewer than 2
+// points, no length, braided, or `segments` 0) keeps its own.
+std::vector<std::uint32_t> resamplePointCounts(const StrandSet& input,
+                                               const ResampleSettings& settings);
+StrandSet resampleStrands(const StrandSet& input, const ResampleSettings& settings);
+// Rewrites the points, widths and point channels of the selected strands of `out`, whose offsets
+// already hold the resampled counts and whose point channels are those of `input`.
+void resampleInto(const StrandSet& input, const ResampleSettings& settings,
+                  const StrandSelection& selection, StrandSet& out);
+
+// Noise: a displacement per point, on a fraction of the strands.
+enum class NoiseSpace { Strand, World };
+enum class NoiseMode { Smooth, Kinky };
+struct NoiseSettings {
+    FieldSampler amplitude{0.2f};  // per point
+    FieldSampler fraction{1.0f};   // per strand
+    float frequency = 3.0f;
+    int octaves = 2;
+    Ramp profile;
+    NoiseSpace space = NoiseSpace::Strand;
+    NoiseMode mode = NoiseMode::Smooth;
+    std::uint64_t seed = 0;
+};
+void noiseStrands(const StrandSet& input, const NoiseSettings& settings,
+                  const StrandSelection& selection, std::span<Vec3f> out);
+// The first strand (by index) that gets noise whose points are too far apart for the frequency,
+// with its segment count; nothing when the frequency suits every strand.
+struct CoarseStrand {
+    std::size_t strand = 0;
+    std::size_t segments = 0;
+};
+std::optional<CoarseStrand> coarseForNoise(const StrandSet& input, const NoiseSettings& settings);
+
+// Curl: curls around each strand's own line, or its clump's.
+enum class CurlShape { Helix, Wave, Zigzag, Coil };
+struct CurlSettings {
+    FieldSampler radius{0.05f};  // per point
+    float frequency = 0.4f;
+    Ramp frequencyProfile;
+    float randomness = 0.3f;
+    float spacingRandom = 0.0f;
+    Ramp profile;
+    CurlShape shape = CurlShape::Helix;
+    float coilWidths = 3.0f;
+    float phase = 0.0f;
+    float phaseRandom = 0.0f;
+    float weight = 0.0f;
+    Vec3f weightDirection{0.0f, -1.0f, 0.0f};
+    // With clump coherence: the clumps, which share phase, frequency and plane and curl around
+    // their axis; null curls each strand on its own.
+    const ClumpAxes* clumps = nullptr;
+    const std::vector<float>* clumpChannel = nullptr;
+};
+void curlStrands(const StrandSet& input, const CurlSettings& settings,
+                 const StrandSelection& selection, std::span<Vec3f> out);
+
+// Twist: each point turns about its axis's tangent at the point's arc along it, through the axis.
+struct TwistSettings {
+    FieldSampler turns{1.0f};  // per strand
+    Ramp profile;
+    // Either axis curves (each strand takes the one whose root lies nearest its own) or clump
+    // axes.
+    const GuideSet* axes = nullptr;
+    const ClumpAxes* clumps = nullptr;
+};
+void twistStrands(const StrandSet& input, const TwistSettings& settings,
+                  const StrandSelection& selection, std::span<Vec3f> out);
+
+}  // namespace velmorin

@@ -1,0 +1,240 @@
+#include "ops/shape_support.h"
+
+#include <algorithm>
+#include <cmath>
+#include <numeric>
+
+#include "fields/field_sampler.h"
+
+namespace velmorin {
+
+ParamSpec shapeParam(std::string name, ParamValue value, std::string description) {
+    ParamSpec spec;
+    spec.name = std::move(name);
+    spec.defaultValue = std::move(value);
+    spec.description = std::move(description);
+    spec.animatable = true;
+    return spec;
+}
+
+ParamSpec fractionParam(std::string name, double value, std::string description) {
+    ParamSpec spec = shapeParam(std::move(name), value, std::move(description));
+    spec.min = 0.0;
+    spec.max = 1.0;
+    spec.unit = "fraction";
+    return spec;
+}
+
+ParamSpec seedParam() {
+    ParamSpec spec = shapeParam("seed", std::int64_t{0}, "Random seed");
+    spec.unit = "seed";
+    spec.animatable = false;
+    return spec;
+}
+
+ParamSpec profileParam(std::string description) {
+    return shapeParam("profile", Ramp{}, std::move(description));
+}
+
+float arcLengths(std::span<const Vec3f> points, std::span<float> arcs) {
+    float total = 0.0f;
+    if (!arcs.empty()) arcs[0] = 0.0f;
+    for (std::size_t k = 1; k < points.size(); ++k) {
+        total += length(points[k] - points[k - 1]);
+        arcs[k] = total;
+    }
+    return total;
+}
+
+float strandLength(std::span<const Vec3f> points) {
+    float total = 0.0f;
+    for (std::size_t k = 1; k < points.size(); ++k)
+        total += length(points[k] - points[k - 1]);
+    return total;
+}
+
+Vec3f pointAtArc(std::span<const Vec3f> points, std::span<const float> arcs, float s,
+                 std::size_t& segment) {
+    const std::size_t last = points.size() - 1;
+    if (last == 0 || s <= 0.0f) return points[0];
+    if (s >= arcs[last]) return points[last];
+    while (segment + 1 < last && arcs[segment + 1] < s)
+        ++segment;
+    const float span = arcs[segment + 1] - arcs[segment];
+    const float f = span > 0.0f ? (s - arcs[segment]) / span : 0.0f;
+    return lerp(points[segment], points[segment + 1], std::clamp(f, 0.0f, 1.0f));
+}
+
+Vec3f rotateAbout(const Vec3f& v, const Vec3f& axis, float angle) {
+    const float c = std::cos(angle), s = std::sin(angle);
+    return v * c + cross(axis, v) * s + axis * (dot(axis, v) * (1.0f - c));
+}
+
+Vec3f anyPerpendicular(const Vec3f& direction) {
+    // Crossed with the world axis it leans on least, so the answer is never near zero.
+    const Vec3f a{std::fabs(direction.x), std::fabs(direction.y), std::fabs(direction.z)};
+    const Vec3f other = a.x <= a.y && a.x <= a.z ? Vec3f{1, 0, 0}
+                        : a.y <= a.z             ? Vec3f{0, 1, 0}
+                                                 : Vec3f{0, 0, 1};
+    return normalized(cross(direction, other), {1, 0, 0});
+}
+
+void transportFrames(std::span<const Vec3f> points, std::span<SegmentFrame> frames,
+                     Vec3f firstNormal) {
+    Vec3f tangent{0, 1, 0};
+    // The first segment with a direction starts the frame; any before it share that frame.
+    for (std::size_t k = 1; k < points.size(); ++k) {
+        const Vec3f d = points[k] - points[k - 1];
+        if (lengthSquared(d) > 1e-24f) {
+            tangent = normalized(d);
+            break;
+        }
+    }
+    Vec3f normal = firstNormal - tangent * dot(firstNormal, tangent);
+    normal = lengthSquared(normal) > 1e-12f ? normalized(normal) : anyPerpendicular(tangent);
+    for (std::size_t j = 0; j + 1 < points.size(); ++j) {
+        const Vec3f d = points[j + 1] - points[j];
+        if (lengthSquared(d) > 1e-24f) {
+            const Vec3f next = normalized(d);
+            // The smallest rotation taking the last direction to this one, applied to the normal.
+            const Vec3f axis = cross(tangent, next);
+            const float sine = length(axis);
+            if (sine > 1e-7f) {
+                const float angle = std::atan2(sine, dot(tangent, next));
+                normal = rotateAbout(normal, axis / sine, angle);
+            }
+            tangent = next;
+            // Rounding drifts the normal off the tangent over long strands; take it back.
+            normal = normalized(normal - tangent * dot(normal, tangent), anyPerpendicular(tangent));
+        }
+        frames[j] = {tangent, normal, cross(tangent, normal)};
+    }
+}
+
+void copyStrandPoints(const StrandSet& input, std::size_t strand, std::span<Vec3f> out) {
+    const StrandSet::PointRange range = input.pointRange(strand);
+    const std::span<const Vec3f> from = input.points();
+    std::copy_n(from.begin() + static_cast<std::ptrdiff_t>(range.begin), range.count,
+                out.begin() + static_cast<std::ptrdiff_t>(range.begin));
+}
+
+bool runInPlace(const std::vector<Value>& inputs, const IncrementalInputs* incremental,
+                bool canUpdate, std::span<const ColumnId> columns, const InPlaceApply& apply,
+                Value* out, StrandChanges* changes, const WidenChanges& widen) {
+    const auto input = inputs.empty() ? nullptr : inputs[0].get<StrandSet>();
+    if (!incremental) {
+        if (!input) {
+            *out = Value();
+            return true;
+        }
+        auto made = std::make_shared<StrandSet>(*input);
+        apply(*input, StrandSelection::every(), *made);
+        *out = std::shared_ptr<const StrandSet>(std::move(made));
+        return true;
+    }
+
+    if (!canUpdate || !input || incremental->changes.empty()) return false;
+    const auto previous = incremental->previous.get<StrandSet>();
+    const auto& changed = incremental->changes[0];
+    if (!previous || !changed || changed->all || !changed->sameLayout) return false;
+    if (previous->strandCount() != input->strandCount() ||
+        previous->pointCount() != input->pointCount())
+        return false;
+    // Every other port input (an axes input) must be unchanged.
+    for (std::size_t i = 1; i < incremental->changes.size() && i < inputs.size(); ++i) {
+        if (!inputs[i].empty() && (!incremental->changes[i] || incremental->changes[i]->all ||
+                                   !incremental->changes[i]->strands.empty()))
+            return false;
+    }
+
+    auto made = std::make_shared<StrandSet>(*input);
+    StrandSet before(*previous);
+    for (const ColumnId column : columns) {
+        if (column == ColumnId::kWidths && previous->widths().size() != input->pointCount())
+            return false;
+        made->moveColumnFrom(column, before);
+    }
+    std::vector<std::uint64_t> redo =
+        widen ? widen(changed->strands)
+              : std::vector<std::uint64_t>(changed->strands.begin(), changed->strands.end());
+    apply(*input, StrandSelection::only(redo), *made);
+    changes->all = false;
+    changes->strands = std::move(redo);
+    *out = std::shared_ptr<const StrandSet>(std::move(made));
+    return true;
+}
+
+bool noneMapped(std::initializer_list<const FieldSampler*> samplers) {
+    return std::none_of(samplers.begin(), samplers.end(),
+                        [](const FieldSampler* sampler) { return sampler->isMapped(); });
+}
+
+ClumpAxes clumpAxes(const StrandSet& strands, const std::vector<float>& channel) {
+    constexpr std::size_t kPoints = ClumpAxes::kAxisPoints;
+    const std::size_t strandCount = strands.strandCount();
+    ClumpAxes axes;
+
+    // Clumps numbered in the order of their channel values, so that the numbering is the same at
+    // every thread count and for every strand order.
+    std::vector<std::uint32_t> order(strandCount);
+    std::iota(order.begin(), order.end(), 0u);
+    std::stable_sort(order.begin(), order.end(),
+                     [&](std::uint32_t a, std::uint32_t b) { return channel[a] < channel[b]; });
+    axes.clumpOf.resize(strandCount);
+    std::vector<std::uint32_t> firstOf;  // position in `order` where each clump starts
+    for (std::size_t i = 0; i < strandCount; ++i) {
+        if (i == 0 || !(channel[order[i]] == channel[order[i - 1]]))
+            firstOf.push_back(static_cast<std::uint32_t>(i));
+        axes.clumpOf[order[i]] = static_cast<std::uint32_t>(firstOf.size() - 1);
+    }
+    axes.clumpCount = firstOf.size();
+    firstOf.push_back(static_cast<std::uint32_t>(strandCount));
+    axes.points.assign(axes.clumpCount * kPoints, Vec3f{});
+    axes.arcs.assign(axes.clumpCount * kPoints, 0.0f);
+
+    const std::vector<float>* preview = strands.strandChannel("_preview");
+    parallelRange(0, axes.clumpCount, 256, [&](std::size_t begin, std::size_t end) {
+        std::vector<float> arcs;
+        for (std::size_t c = begin; c < end; ++c) {
+            Vec3f sum[kPoints] = {};
+            std::size_t used = 0;
+            // Core strands first; a clump with none takes all of its strands.
+            for (int pass = 0; pass < 2 && used == 0; ++pass) {
+                for (std::uint32_t i = firstOf[c]; i < firstOf[c + 1]; ++i) {
+                    const std::uint32_t s = order[i];
+                    if (pass == 0 && preview && (*preview)[s] != 1.0f) continue;
+                    const std::span<const Vec3f> points = strands.strandPoints(s);
+                    if (points.empty()) continue;
+                    arcs.resize(points.size());
+                    const float total = arcLengths(points, arcs);
+                    std::size_t segment = 0;
+                    for (std::size_t k = 0; k < kPoints; ++k) {
+                        const float share = static_cast<float>(k) / (kPoints - 1);
+                        sum[k] += pointAtArc(points, arcs, share * total, segment);
+                    }
+                    ++used;
+                }
+            }
+            Vec3f* axis = axes.points.data() + c * kPoints;
+            float* arc = axes.arcs.data() + c * kPoints;
+            for (std::size_t k = 0; k < kPoints; ++k) {
+                axis[k] = used ? sum[k] / static_cast<float>(used) : Vec3f{};
+                arc[k] = k == 0 ? 0.0f : arc[k - 1] + length(axis[k] - axis[k - 1]);
+            }
+        }
+    });
+    return axes;
+}
+
+std::vector<std::uint64_t> strandsOfClumps(const ClumpAxes& axes,
+                                           std::span<const std::uint64_t> strands) {
+    std::vector<std::uint8_t> touched(axes.clumpCount, 0);
+    for (const std::uint64_t s : strands)
+        touched[axes.clumpOf[s]] = 1;
+    std::vector<std::uint64_t> all;
+    for (std::size_t s = 0; s < axes.clumpOf.size(); ++s)
+        if (touched[axes.clumpOf[s]]) all.push_back(s);
+    return all;
+}
+
+}  // namespace velmorin

@@ -1,0 +1,150 @@
+#pragma once
+// What the shape operators (Length, Width, Resample, Noise, Curl, Twist) share: arc lengths and
+// points at an arc along one strand, the per-strand random draws, frames carried along a strand,
+// turns about an axis, the axes of clumps, and the run that rewrites one column of the input in
+// place, for every strand or, incrementally, for the strands that changed upstream.
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <span>
+#include <string>
+#include <vector>
+
+#include "base/hash.h"
+#include "base/parallel.h"
+#include "base/vec3.h"
+#include "graph/eval_context.h"
+#include "graph/params.h"
+#include "graph/value.h"
+#include "strands/strand_changes.h"
+#include "strands/strand_set.h"
+
+namespace velmorin {
+
+class FieldSampler;
+
+// Param records the shape operators declare alike: a float held to 0-1 with the unit "fraction",
+// the animatable-free `seed`, and a ramp along the length (no keys: 1 everywhere).
+ParamSpec shapeParam(std::string name, ParamValue value, std::string description);
+ParamSpec fractionParam(std::string name, double value, std::string description);
+ParamSpec seedParam();
+ParamSpec profileParam(std::string description);
+
+// Fills arcs[k] with the arc length from the root to point k (arcs.size() == points.size()) and
+// returns the strand's length; 0 for fewer than 2 points.
+float arcLengths(std::span<const Vec3f> points, std::span<float> arcs);
+float strandLength(std::span<const Vec3f> points);
+
+// Walks forward along a polyline to arc `s` (clamped to the ends). `segment` holds where the last
+// call stopped and moves on from there, so that increasing arcs cost one pass over the strand.
+Vec3f pointAtArc(std::span<const Vec3f> points, std::span<const float> arcs, float s,
+                 std::size_t& segment);
+
+// The random draws of one strand: the first is unitFloat(hashCombine(id, seed)), and each further
+// draw takes one more hashCombine step. Draws hang on the strand's id, never on its index.
+class StrandDraws {
+  public:
+    StrandDraws(std::uint64_t id, std::uint64_t seed) : hash_(hashCombine(id, seed)) {}
+    float next() {
+        const float draw = unitFloat(hash_);
+        hash_ = hashCombine(hash_, kDrawStep);
+        return draw;
+    }
+    // A draw in [-1, 1).
+    float nextSigned() { return 2.0f * next() - 1.0f; }
+
+  private:
+    static constexpr std::uint64_t kDrawStep = 0x64726177ull;
+    std::uint64_t hash_;
+};
+
+// v turned by `angle` radians about the unit vector `axis` (right-handed).
+Vec3f rotateAbout(const Vec3f& v, const Vec3f& axis, float angle);
+
+// A unit vector perpendicular to the unit vector `direction`, the same for the same direction.
+Vec3f anyPerpendicular(const Vec3f& direction);
+
+// Frames carried along a strand by parallel transport: one per segment (points.size() - 1 of
+// them), the first normal perpendicular to the first segment, each next one the last turned by the
+// smallest rotation from one segment's direction to the next. A segment of zero length takes the
+// frame before it. `firstNormal`, when not zero, sets the first normal (projected off the first
+// segment).
+struct SegmentFrame {
+    Vec3f tangent;
+    Vec3f normal;
+    Vec3f binormal;
+};
+void transportFrames(std::span<const Vec3f> points, std::span<SegmentFrame> frames,
+                     Vec3f firstNormal = {});
+
+// Which strands a run redoes: every one, or a list of ascending indices.
+struct StrandSelection {
+    bool all = true;
+    std::span<const std::uint64_t> listed;
+
+    static StrandSelection every() { return {}; }
+    static StrandSelection only(std::span<const std::uint64_t> strands) { return {false, strands}; }
+    std::size_t size(std::size_t strandCount) const { return all ? strandCount : listed.size(); }
+    std::size_t strand(std::size_t i) const { return all ? i : listed[i]; }
+};
+
+// Runs chunk(first, last) in parallel over [0, selection.size(strandCount)) in chunks of 256; the
+// strand of item i is selection.strand(i). Scratch space belongs in the chunk body.
+template <class Chunk>
+void forSelectedChunks(std::size_t strandCount, const StrandSelection& selection,
+                       const Chunk& chunk) {
+    parallelRange(0, selection.size(strandCount), 256,
+                  [&](std::size_t first, std::size_t last) { chunk(first, last); });
+}
+
+// Writes the selected strands of `out` from `input` as they came (both of one layout).
+void copyStrandPoints(const StrandSet& input, std::size_t strand, std::span<Vec3f> out);
+
+// The run of a shape operator that keeps its input's layout and rewrites columns of it. Full:
+// `apply(input, every, out)` on a copy of the input. Incremental (`incremental` set): when the only
+// input's changes name some strands, the layout is the same and `canUpdate` is true, `out` is a
+// copy of the input holding the previous result's `columns`, and `apply` redoes the changed strands
+// only; the result names them. `widen`, where given, turns the changed strands into those to redo
+// (strands that move with a changed one). Returns false where an incremental run can't be made; a
+// full run returns true. `apply` must write every point of each strand it is given.
+using InPlaceApply =
+    std::function<void(const StrandSet& input, const StrandSelection& selection, StrandSet& out)>;
+using WidenChanges = std::function<std::vector<std::uint64_t>(std::span<const std::uint64_t>)>;
+bool runInPlace(const std::vector<Value>& inputs, const IncrementalInputs* incremental,
+                bool canUpdate, std::span<const ColumnId> columns, const InPlaceApply& apply,
+                Value* out, StrandChanges* changes, const WidenChanges& widen = {});
+
+// Whether an incremental run may go on with these samplers: a mapped param may read the whole set
+// (an expression of the longest strand, say), so that one changed strand may change them all.
+bool noneMapped(std::initializer_list<const FieldSampler*> samplers);
+
+// The axes of clumps: for each clump (the strands sharing one value of a strand channel), the mean
+// of its core strands (those every preview holds: `_preview` 1 or no such channel), sampled at
+// `kAxisPoints` points at equal shares of each strand's length, with the arc along the mean.
+struct ClumpAxes {
+    static constexpr std::size_t kAxisPoints = 17;
+    std::vector<std::uint32_t> clumpOf;  // per strand: its clump
+    std::vector<Vec3f> points;           // kAxisPoints per clump
+    std::vector<float> arcs;             // kAxisPoints per clump
+    std::size_t clumpCount = 0;
+
+    std::span<const Vec3f> axisPoints(std::size_t clump) const {
+        return std::span<const Vec3f>(points).subspan(clump * kAxisPoints, kAxisPoints);
+    }
+    std::span<const float> axisArcs(std::size_t clump) const {
+        return std::span<const float>(arcs).subspan(clump * kAxisPoints, kAxisPoints);
+    }
+};
+// Groups the strands by `channel` (which the set must have) and makes each clump's axis; a clump
+// with no core strand takes the mean of all its strands. Two parallel passes, the same bits at
+// any thread count.
+ClumpAxes clumpAxes(const StrandSet& strands, const std::vector<float>& channel);
+
+// Every strand of the clumps that hold one of `strands` (ascending): what an incremental run must
+// redo when a change to one strand moves its clump's axis.
+std::vector<std::uint64_t> strandsOfClumps(const ClumpAxes& axes,
+                                           std::span<const std::uint64_t> strands);
+
+}  // namespace velmorin

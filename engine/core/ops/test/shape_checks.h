@@ -1,0 +1,162 @@
+#pragma once
+// What the tests of the shape operators share: small strands built by hand, a field of one value
+// per strand or point, a run of a registered operator with its params and delivered fields, and
+// the run through a graph that compares an incremental evaluation with a full one.
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <functional>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "base/hash.h"
+#include "graph/delivered_params.h"
+#include "graph/field_value.h"
+#include "graph/graph.h"
+#include "graph/registry.h"
+#include "graph/test/eval_operators.h"
+#include "strands/strand_set.h"
+#include "strands/test/test_strands.h"
+
+namespace velmorin::test {
+
+// A set of the given strands, ids 100, 101..., unbound roots, widths 0.01.
+inline std::shared_ptr<const StrandSet> handStrands(
+    const std::vector<std::vector<Vec3f>>& strands) {
+    auto set = std::make_shared<StrandSet>();
+    for (std::size_t s = 0; s < strands.size(); ++s) {
+        const std::vector<float> widths(strands[s].size(), 0.01f);
+        set->addStrand(100 + s, StrandRoot{}, strands[s], widths);
+    }
+    return set;
+}
+
+// A straight strand of `count` points from the origin, `step` apart along `direction`.
+inline std::vector<Vec3f> straight(std::size_t count, float step = 1.0f,
+                                   Vec3f direction = {0, 1, 0}) {
+    std::vector<Vec3f> points;
+    for (std::size_t k = 0; k < count; ++k)
+        points.push_back(direction * (step * static_cast<float>(k)));
+    return points;
+}
+
+// Random strands (0 to 12 points, some empty or of one point) from the strand tests, as a set.
+inline std::shared_ptr<const StrandSet> mixedStrands(std::size_t count, std::uint64_t seed) {
+    return std::make_shared<const StrandSet>(randomStrands(count, seed));
+}
+
+// A field of listed values: per strand, and per point (`perPoint[strand][point]`) where given.
+class ListField final : public FieldValue {
+  public:
+    explicit ListField(std::vector<float> perStrand, std::vector<std::vector<float>> perPoint = {})
+        : perStrand_(std::move(perStrand)), perPoint_(std::move(perPoint)) {}
+    float atStrand(std::size_t strand) const override { return perStrand_[strand]; }
+    float atPoint(std::size_t strand, std::size_t point) const override {
+        return perPoint_.empty() ? perStrand_[strand] : perPoint_[strand][point];
+    }
+    bool varies() const override { return true; }
+    std::uint64_t key() const override {
+        std::uint64_t h = 0x6c697374ull;
+        for (const float v : perStrand_)
+            h = hashCombine(h, floatBits(v));
+        return h;
+    }
+    std::string describe() const override { return "listed values"; }
+
+  private:
+    std::vector<float> perStrand_;
+    std::vector<std::vector<float>> perPoint_;
+};
+
+// One registered operator with params set, run on its own: `fields` are delivered to its mapped
+// params as a connected input would, `extra` fills the inputs after the strands.
+struct ShapeRun {
+    explicit ShapeRun(std::string type, std::map<std::string, ParamValue> params = {})
+        : type(std::move(type)), params(std::move(params)) {}
+
+    std::string type;
+    std::map<std::string, ParamValue> params;
+    std::map<std::string, std::shared_ptr<const FieldValue>> fields;
+    std::map<std::string, Ramp> curves;
+
+    std::unique_ptr<Operator> make() const {
+        auto op = OperatorRegistry::instance().create(type);
+        for (const auto& [name, value] : params)
+            op->paramSet.set(name, value);
+        return op;
+    }
+    std::shared_ptr<const StrandSet> run(std::shared_ptr<const StrandSet> strands,
+                                         std::vector<Value> extra = {},
+                                         NoteList* notes = nullptr) const {
+        auto op = make();
+        DeliveredParams delivered;
+        for (const auto& [name, field] : fields)
+            delivered.fields[name] = field;
+        for (const auto& [name, ramp] : curves)
+            delivered.curves[name] = std::make_shared<const Ramp>(ramp);
+        EvalContext ctx;
+        ctx.delivered = &delivered;
+        ctx.notes = notes;
+        std::vector<Value> inputs{Value(std::move(strands))};
+        for (Value& value : extra)
+            inputs.push_back(std::move(value));
+        return op->evaluate(ctx, inputs).get<StrandSet>();
+    }
+};
+
+inline void expectPointsNear(std::span<const Vec3f> got, const std::vector<Vec3f>& want,
+                             float tolerance = 1e-5f) {
+    ASSERT_EQ(got.size(), want.size());
+    for (std::size_t k = 0; k < want.size(); ++k) {
+        EXPECT_NEAR(got[k].x, want[k].x, tolerance) << "point " << k;
+        EXPECT_NEAR(got[k].y, want[k].y, tolerance) << "point " << k;
+        EXPECT_NEAR(got[k].z, want[k].z, tolerance) << "point " << k;
+    }
+}
+
+// Restores the process-wide evaluation switches whatever a test did with them.
+struct EvaluationSwitchesRestored {
+    ~EvaluationSwitchesRestored() {
+        setIncrementalEvaluation(true);
+        setStrandDiffing(true);
+        setIncrementalCheck(false);
+    }
+};
+
+// A graph of scene strands -> the operator under test, evaluated once, then again after 1% of
+// the strands moved. Gives the second run's text and whether its result equals a full run's.
+struct IncrementalOutcome {
+    std::string run;
+    bool sameAsFull = false;
+};
+inline IncrementalOutcome incrementalAfterMove(const ShapeRun& shape,
+                                               std::shared_ptr<const StrandSet> strands,
+                                               std::vector<std::uint64_t> movedStrands) {
+    EvaluationSwitchesRestored restore;
+    // Every incremental run is checked against a full one by the graph itself, which throws on a
+    // difference or on a changed strand left off the list.
+    setIncrementalCheck(true);
+    registerEvalTestOperators();
+    Graph graph;
+    const std::uint32_t source = graph.addNode("EvalScene", "scene");
+    const std::uint32_t node = graph.addNode(shape.type, "shape");
+    for (const auto& [name, value] : shape.params)
+        graph.operatorOf(node).paramSet.set(name, value);
+    graph.connect(source, node, 0);
+    SceneInputs scene;
+    scene["groom"] = SceneInput{Value(strands), 1};
+    EvalContext ctx;
+    ctx.sceneInputs = &scene;
+    graph.evaluate(node, ctx);
+    const auto after = moved(*strands, movedStrands, 0.25f);
+    scene["groom"] = SceneInput{Value(after), 2};
+    const auto incremental = strandsOf(graph.evaluate(node, ctx));
+    const auto full = shape.run(after);
+    return {graph.runs[node],
+            incremental && full && incremental->contentHash() == full->contentHash()};
+}
+
+}  // namespace velmorin::test

@@ -1,0 +1,177 @@
+#include <algorithm>
+#include <cmath>
+#include <numbers>
+
+#include "graph/delivered_params.h"
+#include "graph/errors.h"
+#include "graph/registry.h"
+#include "ops/shape_ops.h"
+
+namespace velmorin {
+
+void twistStrands(const StrandSet& input, const TwistSettings& settings,
+                  const StrandSelection& selection, std::span<Vec3f> out) {
+    constexpr float kTwoPi = 2.0f * std::numbers::pi_v<float>;
+    const bool turnsMapped = settings.turns.isMapped();
+    const float plainTurns = settings.turns.value();
+    // The arcs along every axis curve, once, before the strand loop.
+    std::vector<std::vector<float>> guideArcs;
+    if (settings.axes) {
+        for (const Guide& guide : settings.axes->guides) {
+            guideArcs.emplace_back(guide.points.size());
+            arcLengths(guide.points, guideArcs.back());
+        }
+    }
+
+    forSelectedChunks(input.strandCount(), selection, [&](std::size_t first, std::size_t last) {
+        std::vector<float> arcs;
+        for (std::size_t i = first; i < last; ++i) {
+            const std::size_t s = selection.strand(i);
+            const std::span<const Vec3f> points = input.strandPoints(s);
+            const std::size_t begin = input.pointRange(s).begin;
+            const std::size_t n = points.size();
+            std::copy(points.begin(), points.end(), out.begin() + begin);
+            if (n < 2) continue;
+
+            std::span<const Vec3f> axis;
+            std::span<const float> axisArcs;
+            if (settings.axes) {
+                // The axis curve whose root lies nearest this strand's.
+                float nearest = INFINITY;
+                for (std::size_t g = 0; g < settings.axes->guides.size(); ++g) {
+                    const std::vector<Vec3f>& curve = settings.axes->guides[g].points;
+                    if (curve.empty()) continue;
+                    const float d = lengthSquared(curve[0] - points[0]);
+                    if (d < nearest) {
+                        nearest = d;
+                        axis = curve;
+                        axisArcs = guideArcs[g];
+                    }
+                }
+            } else if (settings.clumps) {
+                const std::uint32_t clump = settings.clumps->clumpOf[s];
+                axis = settings.clumps->axisPoints(clump);
+                axisArcs = settings.clumps->axisArcs(clump);
+            }
+            if (axis.size() < 2 || !(axisArcs.back() > 0.0f)) continue;
+            arcs.resize(n);
+            const float total = arcLengths(points, arcs);
+            if (!(total > 0.0f)) continue;
+            const float turns = turnsMapped ? settings.turns.atStrand(s) : plainTurns;
+            const float axisLength = axisArcs.back();
+            std::size_t segment = 0;
+            for (std::size_t k = 1; k < n; ++k) {
+                // A point's place along the axis is its share of its own strand's length.
+                const float t = arcs[k] / total;
+                const float along = t * axisLength;
+                const Vec3f center = pointAtArc(axis, axisArcs, along, segment);
+                const Vec3f tangent = normalized(axis[segment + 1] - axis[segment], {0, 1, 0});
+                const float angle = kTwoPi * turns * settings.profile.at(t) * along;
+                out[begin + k] = center + rotateAbout(points[k] - center, tangent, angle);
+            }
+        }
+    });
+}
+
+namespace {
+
+// Twists strands around a lock or clump: ropes, twisted locks.
+class TwistOp final : public Operator {
+  public:
+    std::string type() const override { return "Twist"; }
+    std::string category() const override { return "look"; }
+    std::vector<PortSpec> inputs() const override {
+        return {{"strands", PortType::Strands}, {"axes", PortType::Guides, true}};
+    }
+    std::vector<ParamSpec> params() const override {
+        ParamSpec turns = shapeParam("turns", 1.0,
+                                     "Turns around the axis per unit of its length; negative turns "
+                                     "the other way (mappable)");
+        turns.softMin = -2.0;
+        turns.softMax = 2.0;
+        ParamSpec channel = shapeParam(
+            "clumpChannel", std::string("clumpId"),
+            "With nothing on the axes input: strands sharing this channel (a Clump's "
+            "clumpChannel) twist around their core strands' mean (those every preview holds). "
+            "Unused while axes are connected");
+        channel.channel = ChannelRole::Reads;
+        channel.channelOptional = true;
+        channel.animatable = false;
+        return {turns, profileParam("How much of the twist along the length, root to tip"),
+                channel};
+    }
+    Value evaluate(const EvalContext& ctx, const std::vector<Value>& inputs) const override {
+        Value out;
+        StrandChanges changes;
+        run(ctx, inputs, nullptr, &out, &changes);
+        return out;
+    }
+    bool evaluateIncremental(const EvalContext& ctx, const std::vector<Value>& inputs,
+                             const IncrementalInputs& incremental, Value* out,
+                             StrandChanges* changes) const override {
+        return run(ctx, inputs, &incremental, out, changes);
+    }
+
+  private:
+    static bool clumpsKept(const std::vector<float>& ids, const std::string& channel,
+                           const IncrementalInputs& incremental) {
+        const auto previous = incremental.previous.get<StrandSet>();
+        const std::vector<float>* before = previous ? previous->strandChannel(channel) : nullptr;
+        if (!before || before->size() != ids.size() || incremental.changes.empty() ||
+            !incremental.changes[0] || incremental.changes[0]->all)
+            return false;
+        for (const std::uint64_t s : incremental.changes[0]->strands)
+            if (s >= ids.size() || !((*before)[s] == ids[s])) return false;
+        return true;
+    }
+
+    bool run(const EvalContext& ctx, const std::vector<Value>& inputs,
+             const IncrementalInputs* incremental, Value* out, StrandChanges* changes) const {
+        const auto input = inputs.empty() ? nullptr : inputs[0].get<StrandSet>();
+        if (!input) return runInPlace(inputs, incremental, false, {}, {}, out, changes);
+        TwistSettings settings;
+        settings.turns = fieldSampler(paramSet, ctx, "turns", *input);
+        settings.profile = paramRamp(paramSet, ctx, "profile", Ramp{});
+        const auto axes = inputs.size() > 1 ? inputs[1].get<GuideSet>() : nullptr;
+        ClumpAxes clumps;
+        WidenChanges widen;
+        if (axes) {
+            settings.axes = axes.get();
+        } else {
+            const std::string channel = paramSet.getString("clumpChannel", "clumpId");
+            const std::vector<float>* ids = input->strandChannel(channel);
+            if (!ids)
+                throw GraphError("Twist: connect axes (guides), or put a Clump before it (no '" +
+                                 channel + "' channel to find the clumps)");
+            // A strand that moved to another clump changes its old clump's axis too; the previous
+            // result's channel would be needed to find that clump, so such a change runs in full.
+            if (incremental && !clumpsKept(*ids, channel, *incremental)) return false;
+            clumps = clumpAxes(*input, *ids);
+            settings.clumps = &clumps;
+            // A changed strand moves its clump's axis, and with it every strand of the clump.
+            widen = [&clumps](std::span<const std::uint64_t> changed) {
+                return strandsOfClumps(clumps, changed);
+            };
+        }
+        constexpr ColumnId kColumns[] = {ColumnId::kPoints};
+        return runInPlace(
+            inputs, incremental, noneMapped({&settings.turns}), kColumns,
+            [&](const StrandSet& from, const StrandSelection& selection, StrandSet& made) {
+                twistStrands(from, settings, selection, made.writePoints());
+            },
+            out, changes, widen);
+    }
+};
+
+}  // namespace
+
+void registerTwistOperator(OperatorRegistry& registry) {
+    OperatorInfo info;
+    info.category = "look";
+    info.description = "Twists strands around a lock or clump: ropes, twisted locks.";
+    info.keywords = "rope twisted locks";
+    registry.registerType(
+        "Twist", [] { return std::make_unique<TwistOp>(); }, info);
+}
+
+}  // namespace velmorin
