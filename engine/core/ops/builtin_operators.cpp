@@ -1,6 +1,7 @@
 #include "fields/mapped_params.h"
 #include "graph/registry.h"
 #include "ops/field_ops.h"
+#include "ops/shape_ops_b.h"
 #include "ops/source_ops.h"
 
 namespace velmorin {
@@ -12,6 +13,7 @@ void registerBuiltinOperators(OperatorRegistry& registry) {
     registerGuidesOperator(registry);
     registerColliderMeshOperator(registry);
     registerScatterOperator(registry);
+    registerBendOperator(registry);
     registerMapOperator(registry);
     registerExpressionOperator(registry);
     registerControlOperator(registry);

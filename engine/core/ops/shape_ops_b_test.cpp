@@ -1,0 +1,298 @@
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <string>
+#include <vector>
+
+#include "base/test/expect_message.h"
+#include "fields/field_scene.h"
+#include "graph/graph.h"
+#include "graph/registry.h"
+#include "graph/test/eval_operators.h"
+#include "mesh/sample_meshes.h"
+#include "ops/shape_ops_b.h"
+#include "ops/test/shape_strands_b.h"
+#include "strands/strand_changes.h"
+#include "strands/test/test_strands.h"
+
+namespace velmorin {
+namespace {
+
+using Points = std::vector<Vec3f>;
+
+// The flat scalp of these tests: the XZ plane facing +Y, U along +X, V along -Z.
+std::shared_ptr<const ScalpMesh> plane() {
+    static const auto mesh = makeUvPlane(4.0f, 2);
+    return mesh;
+}
+std::shared_ptr<const ScalpMesh> planeWithoutUvs() {
+    static const auto mesh = [] {
+        auto bare = std::make_shared<ScalpMesh>(*plane());
+        bare->setUvs({});
+        return std::shared_ptr<const ScalpMesh>(bare);
+    }();
+    return mesh;
+}
+std::shared_ptr<const ScalpMesh> head() {
+    static const auto mesh = makeHeadScalp(1);
+    return mesh;
+}
+
+// Strands rooted at the plane's origin (ids 1, 2, ...), one per list of points.
+StrandSet strandsAtOrigin(const std::vector<Points>& strands) {
+    const StrandRoot root = plane()->closestPoint({0.0f, 0.0f, 0.0f}).root;
+    StrandSet set;
+    std::uint64_t id = 1;
+    for (const Points& points : strands)
+        set.addStrand(id++, root, points);
+    return set;
+}
+
+void expectPoints(std::span<const Vec3f> got, const Points& expected, float tolerance = 1e-5f) {
+    ASSERT_EQ(got.size(), expected.size());
+    for (std::size_t k = 0; k < got.size(); ++k) {
+        EXPECT_NEAR(got[k].x, expected[k].x, tolerance) << "point " << k;
+        EXPECT_NEAR(got[k].y, expected[k].y, tolerance) << "point " << k;
+        EXPECT_NEAR(got[k].z, expected[k].z, tolerance) << "point " << k;
+    }
+}
+
+float cosd(float degrees) {
+    return std::cos(degrees * kDegrees);
+}
+float sind(float degrees) {
+    return std::sin(degrees * kDegrees);
+}
+
+// Runs a kernel over every strand of `input` and gives back the resulting points.
+template <class Kernel>
+Points runKernel(const StrandSet& input, Kernel kernel) {
+    Points points(input.points().begin(), input.points().end());
+    kernel(input, std::span<Vec3f>(points));
+    return points;
+}
+
+Points bent(const StrandSet& input, const BendSettings& settings) {
+    return runKernel(
+        input, [&](const StrandSet& in, std::span<Vec3f> out) { bendStrands(in, settings, out); });
+}
+
+BendSettings bend(float angle, float start, float end, BendAlong along = BendAlong::Normal) {
+    BendSettings settings;
+    settings.angle = FieldSampler(angle);
+    settings.start = start;
+    settings.end = end;
+    settings.along = along;
+    settings.scalp = plane().get();
+    return settings;
+}
+
+const Points kLying = {{0, 0, 0}, {1, 0, 0}, {2, 0, 0}};
+const Points kStanding = {{0, 0, 0}, {0, 1, 0}, {0, 2, 0}};
+
+TEST(Bend, TurnsEachSegmentByTheShareOfTheBendAtItsMiddle) {
+    const StrandSet lying = strandsAtOrigin({kLying});
+    // Toward the normal (+Y) about +Z: the first segment's middle is a quarter along, the second's
+    // three quarters.
+    expectPoints(
+        bent(lying, bend(60.0f, 0.0f, 1.0f)),
+        {{0, 0, 0}, {cosd(15), sind(15), 0}, {cosd(15) + cosd(45), sind(15) + sind(45), 0}});
+    // Start and end 0 turn every segment wholly: 180 stops at the normal and stands it up.
+    expectPoints(bent(lying, bend(180.0f, 0.0f, 0.0f)), kStanding);
+    expectPoints(bent(lying, bend(90.0f, 0.0f, 0.0f)), kStanding);
+    // Past the end the strand holds its shape: only the first segment (middle at 0.25) turns.
+    expectPoints(
+        bent(lying, bend(40.0f, 0.0f, 0.5f)),
+        {{0, 0, 0}, {cosd(20), sind(20), 0}, {cosd(20) + cosd(40), sind(20) + sind(40), 0}});
+    // Negative: away from the normal, down onto the scalp, and no further than the tangent plane.
+    const StrandSet leaning = strandsAtOrigin({{{0, 0, 0}, {0, 1, 1}}});
+    expectPoints(bent(leaning, bend(-90.0f, 0.0f, 0.0f)), {{0, 0, 0}, {0, 0, std::sqrt(2.0f)}});
+}
+
+TEST(Bend, StandingStrandsLieDownOnlyOntoTheScalp) {
+    const StrandSet standing = strandsAtOrigin({kStanding});
+    // Already along the normal: nothing to bend toward.
+    expectPoints(bent(standing, bend(45.0f, 0.0f, 0.0f)), kStanding);
+    // Away from it, about the binormal, and never below the tangent plane.
+    for (const float angle : {-90.0f, -150.0f}) {
+        const Points down = bent(standing, bend(angle, 0.0f, 0.0f));
+        EXPECT_NEAR(down[1].y, 0.0f, 1e-5f);
+        EXPECT_NEAR(down[2].y, 0.0f, 1e-5f);
+        EXPECT_NEAR(length(down[2]), 2.0f, 1e-5f);
+    }
+}
+
+TEST(Bend, CombsTowardADirectionOrTheScalpsU) {
+    const StrandSet standing = strandsAtOrigin({kStanding});
+    BendSettings comb = bend(90.0f, 0.0f, 0.0f, BendAlong::Direction);
+    comb.direction.setPlainVector({0.0f, 3.0f, -2.0f});  // laid on the scalp: -Z
+    expectPoints(bent(standing, comb), {{0, 0, 0}, {0, 0, -1}, {0, 0, -2}});
+    // Negative combs away from it, and may pass the scalp: -90 of 90 turns it onto +Z.
+    comb.angle = FieldSampler(-120.0f);
+    expectPoints(bent(standing, comb), {{0, 0, 0}, {0, 0, 1}, {0, 0, 2}});
+    // A direction along the normal lays onto nothing.
+    comb.direction.setPlainVector({0.0f, -1.0f, 0.0f});
+    expectPoints(bent(standing, comb), kStanding);
+
+    // Tangent: the scalp's U (+X), or without UVs the direction.
+    BendSettings tangent = bend(90.0f, 0.0f, 0.0f, BendAlong::Tangent);
+    tangent.direction.setPlainVector({0.0f, 0.0f, 1.0f});
+    expectPoints(bent(standing, tangent), {{0, 0, 0}, {1, 0, 0}, {2, 0, 0}});
+    tangent.scalp = planeWithoutUvs().get();
+    expectPoints(bent(standing, tangent), {{0, 0, 0}, {0, 0, 1}, {0, 0, 2}});
+}
+
+TEST(Bend, RandomnessScalesEachStrandsAngleDownByItsDraw) {
+    const StrandSet lying = strandsAtOrigin({kLying, kLying, kLying});
+    BendSettings settings = bend(80.0f, 0.0f, 0.0f);
+    settings.randomness = 0.5f;
+    settings.seed = 9;
+    const Points points = bent(lying, settings);
+    for (std::uint64_t id = 1; id <= 3; ++id) {
+        const float degrees = 80.0f * (1.0f - 0.5f * unitFloat(hashCombine(id, 9)));
+        const std::size_t tip = (id - 1) * 3 + 2;
+        EXPECT_NEAR(points[tip].x, 2.0f * cosd(degrees), 1e-5f) << id;
+        EXPECT_NEAR(points[tip].y, 2.0f * sind(degrees), 1e-5f) << id;
+    }
+}
+
+// ---- What every node of this family shares, over a table of nodes and settings.
+
+struct NodeCase {
+    std::string type;
+    std::vector<std::pair<std::string, ParamValue>> params;
+    bool rootMoves = false;  // Transform moves roots with its translate
+};
+
+const std::vector<NodeCase>& nodeCases() {
+    static const std::vector<NodeCase> cases = {
+        {"Bend", {{"angle", 50.0}, {"end", 0.7}, {"randomness", 0.4}}},
+        {"Bend", {{"angle", -70.0}, {"along", std::string("direction")}}},
+        {"Bend", {{"angle", 120.0}, {"along", std::string("tangent")}, {"start", 0.3}}},
+    };
+    return cases;
+}
+
+// groom -> node, with the scalp and flow as scene inputs.
+struct ShapeGraph {
+    Graph graph;
+    SceneInputs scene;
+    EvalContext ctx;
+    std::uint32_t source = 0, node = 0;
+
+    explicit ShapeGraph(const NodeCase& c) {
+        source = test::addTestNode(graph, std::make_unique<test::SceneOp>(), "groom");
+        node = graph.addNode(c.type, "shape");
+        graph.connect(source, node, 0);
+        for (const auto& [name, value] : c.params)
+            graph.operatorOf(node).paramSet.set(name, value);
+        scene[std::string(kScalpInput)] = SceneInput{Value(head()), 1};
+        ctx.sceneInputs = &scene;
+    }
+    void setGroom(std::shared_ptr<const StrandSet> strands, std::uint64_t key) {
+        scene["groom"] = SceneInput{Value(std::move(strands)), key};
+    }
+    std::shared_ptr<const StrandSet> run() { return test::strandsOf(graph.evaluate(node, ctx)); }
+};
+
+// Restores the process-wide switches whatever a test did with them.
+struct SwitchesRestored {
+    ~SwitchesRestored() {
+        setIncrementalEvaluation(true);
+        setStrandDiffing(true);
+        setIncrementalCheck(false);
+    }
+};
+
+std::shared_ptr<const StrandSet> groomWithShortStrands() {
+    StrandSet set(*test::scalpStrands(*head(), 300, 6, 5));
+    const StrandRoot root = set.roots()[0];
+    const Vec3f at = head()->pointAt(root);
+    set.addStrand(77, root, std::vector<Vec3f>{at});
+    set.addStrand(78, root, std::vector<Vec3f>{});
+    return std::make_shared<const StrandSet>(std::move(set));
+}
+
+TEST(ShapeNodesB, RootsStayAndShortStrandsPass) {
+    const auto groom = groomWithShortStrands();
+    for (const NodeCase& c : nodeCases()) {
+        ShapeGraph g(c);
+        g.setGroom(groom, 1);
+        const auto out = g.run();
+        ASSERT_TRUE(out) << c.type;
+        ASSERT_EQ(out->pointCount(), groom->pointCount());
+        bool anyMoved = false;
+        for (std::size_t s = 0; s < groom->strandCount(); ++s) {
+            const auto before = groom->strandPoints(s);
+            const auto after = out->strandPoints(s);
+            if (before.size() < 2) {
+                EXPECT_EQ(test::values(after), test::values(before)) << c.type << " strand " << s;
+                continue;
+            }
+            if (!c.rootMoves) {
+                EXPECT_EQ(after[0], before[0]) << c.type << " strand " << s;
+            }
+            anyMoved = anyMoved || test::values(after) != test::values(before);
+        }
+        EXPECT_TRUE(anyMoved) << c.type;
+    }
+}
+
+TEST(ShapeNodesB, SameBitsAtOneAndTwoThreads) {
+    const auto groom = test::scalpStrands(*head(), 3000, 9, 11);
+    for (const NodeCase& c : nodeCases()) {
+        const auto [one, two] = test::onOneAndTwoThreads([&] {
+            ShapeGraph g(c);
+            g.setGroom(groom, 1);
+            return g.run()->contentHash();
+        });
+        EXPECT_EQ(one, two) << c.type;
+    }
+}
+
+TEST(ShapeNodesB, ChangedStrandsRunIncrementallyAsAFullRunWould) {
+    SwitchesRestored restore;
+    setIncrementalCheck(true);  // every incremental run is checked against a full one
+    const auto groom = test::scalpStrands(*head(), 400, 9, 13);
+    for (const NodeCase& c : nodeCases()) {
+        ShapeGraph g(c);
+        g.setGroom(groom, 1);
+        g.run();
+        const auto changed = test::moved(*groom, {3, 150, 399}, 0.25f);
+        g.setGroom(changed, 2);
+        const auto result = g.run();
+        EXPECT_EQ(g.graph.runs[g.node], "incremental 3") << c.type;
+        ShapeGraph fresh(c);
+        fresh.setGroom(changed, 2);
+        EXPECT_EQ(result->contentHash(), fresh.run()->contentHash()) << c.type;
+    }
+}
+
+TEST(ShapeNodesB, RegisteredWithTheirMenuData) {
+    const OperatorRegistry& registry = OperatorRegistry::instance();
+    const std::vector<std::tuple<std::string, std::string, std::string, std::string>> expected = {
+        {"Bend", "deform",
+         "Bends strands toward or away from the scalp, or combs them toward a direction, between a "
+         "start and an end; start and end 0 stand them up at the root.",
+         "comb curve lift lay"},
+    };
+    for (const auto& [type, category, description, keywords] : expected) {
+        const OperatorInfo* info = registry.info(type);
+        ASSERT_NE(info, nullptr) << type;
+        EXPECT_EQ(info->category, category);
+        EXPECT_EQ(info->description, description);
+        EXPECT_EQ(info->keywords, keywords);
+        const auto op = registry.create(type);
+        EXPECT_TRUE(affectApplies(*op)) << type;
+        EXPECT_EQ(op->sceneInputs().front(), std::string(kScalpInput));
+    }
+    const auto bend = registry.create("Bend");
+    EXPECT_TRUE(bend->paramSet.spec("angle")->mappable());
+    EXPECT_EQ(bend->paramSet.spec("angle")->min, -180.0);
+    EXPECT_EQ(bend->paramSet.spec("along")->choices,
+              (std::vector<std::string>{"normal", "tangent", "direction"}));
+    EXPECT_TRUE(bend->paramSet.spec("direction")->worldDirection);
+}
+
+}  // namespace
+}  // namespace velmorin
