@@ -13,6 +13,7 @@ void registerBuiltinOperators(OperatorRegistry& registry) {
     registerGuidesOperator(registry);
     registerColliderMeshOperator(registry);
     registerScatterOperator(registry);
+    registerDirectionOperator(registry);
     registerBendOperator(registry);
     registerMapOperator(registry);
     registerExpressionOperator(registry);

@@ -156,6 +156,78 @@ TEST(Bend, RandomnessScalesEachStrandsAngleDownByItsDraw) {
     }
 }
 
+Points directed(const StrandSet& input, const DirectionSettings& settings) {
+    return runKernel(input, [&](const StrandSet& in, std::span<Vec3f> out) {
+        directStrands(in, settings, out);
+    });
+}
+
+DirectionSettings direct(float inclination, float roll, float strength = 1.0f) {
+    DirectionSettings settings;
+    settings.inclination = FieldSampler(inclination);
+    settings.roll = FieldSampler(roll);
+    settings.strength = FieldSampler(strength);
+    settings.scalp = plane().get();
+    return settings;
+}
+
+TEST(Direction, TurnsWholeStrandsToInclinationAndRoll) {
+    // A bent strand: its first segment stands, so the whole strand turns rigidly about its root.
+    const Points hooked = {{0, 0, 0}, {0, 1, 0}, {1, 1, 0}};
+    const StrandSet strand = strandsAtOrigin({hooked});
+    struct Case {
+        float inclination, roll, strength;
+        Points expected;
+    };
+    const float h = std::sqrt(0.5f);
+    const std::vector<Case> cases = {
+        {0, 0, 1, hooked},                                     // already straight out
+        {90, 0, 1, {{0, 0, 0}, {1, 0, 0}, {1, -1, 0}}},        // flat along U (+X)
+        {90, 90, 1, {{0, 0, 0}, {0, 0, 1}, {1, 0, 1}}},        // rolled onto the binormal (+Z)
+        {90, 0, 0.5f, {{0, 0, 0}, {h, h, 0}, {2 * h, 0, 0}}},  // half the turn
+        {60, 0, 0, hooked},                                    // strength 0 changes nothing
+        {30,
+         180,
+         1,
+         {{0, 0, 0}, {-sind(30), cosd(30), 0}, {-sind(30) + cosd(30), cosd(30) + sind(30), 0}}},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(testing::Message() << c.inclination << " " << c.roll << " " << c.strength);
+        expectPoints(directed(strand, direct(c.inclination, c.roll, c.strength)), c.expected);
+    }
+}
+
+TEST(Direction, RollZeroFollowsTheDirectionOrUAndRandomnessAddsSignedDraws) {
+    const StrandSet standing = strandsAtOrigin({kStanding});
+    DirectionSettings settings = direct(90.0f, 90.0f);
+    settings.alongU = false;
+    settings.direction = {0.0f, 5.0f, -1.0f};  // laid: -Z, so roll 90 points along -Z x Y = +X
+    expectPoints(directed(standing, settings), {{0, 0, 0}, {1, 0, 0}, {2, 0, 0}});
+    settings.direction = {0.0f, 1.0f, 0.0f};  // along the normal: no roll 0, no turn
+    expectPoints(directed(standing, settings), kStanding);
+    // Without UVs the tangent is the direction's.
+    DirectionSettings bare = direct(90.0f, 0.0f);
+    bare.scalp = planeWithoutUvs().get();
+    bare.direction = {0.0f, 0.0f, 1.0f};
+    expectPoints(directed(standing, bare), {{0, 0, 0}, {0, 0, 1}, {0, 0, 2}});
+
+    DirectionSettings random = direct(40.0f, 0.0f);
+    random.inclinationRandom = 20.0f;
+    random.rollRandom = 30.0f;
+    random.seed = 4;
+    const StrandSet two = strandsAtOrigin({kStanding, kStanding});
+    const Points points = directed(two, random);
+    for (std::uint64_t id = 1; id <= 2; ++id) {
+        const std::uint64_t first = hashCombine(id, 4);
+        const float inclination = 40.0f + 20.0f * (2.0f * unitFloat(first) - 1.0f);
+        const float roll = 30.0f * (2.0f * unitFloat(hashCombine(first, 1)) - 1.0f);
+        const Vec3f tip = points[(id - 1) * 3 + 2];
+        EXPECT_NEAR(tip.y, 2.0f * cosd(inclination), 1e-5f);
+        EXPECT_NEAR(tip.x, 2.0f * sind(inclination) * cosd(roll), 1e-5f);
+        EXPECT_NEAR(tip.z, 2.0f * sind(inclination) * sind(roll), 1e-5f);
+    }
+}
+
 // ---- What every node of this family shares, over a table of nodes and settings.
 
 struct NodeCase {
@@ -169,6 +241,9 @@ const std::vector<NodeCase>& nodeCases() {
         {"Bend", {{"angle", 50.0}, {"end", 0.7}, {"randomness", 0.4}}},
         {"Bend", {{"angle", -70.0}, {"along", std::string("direction")}}},
         {"Bend", {{"angle", 120.0}, {"along", std::string("tangent")}, {"start", 0.3}}},
+        {"Direction", {{"inclination", 70.0}, {"roll", 30.0}, {"rollRandom", 20.0}}},
+        {"Direction",
+         {{"inclination", 20.0}, {"along", std::string("direction")}, {"strength", 0.5}}},
     };
     return cases;
 }
@@ -275,6 +350,9 @@ TEST(ShapeNodesB, RegisteredWithTheirMenuData) {
          "Bends strands toward or away from the scalp, or combs them toward a direction, between a "
          "start and an end; start and end 0 stand them up at the root.",
          "comb curve lift lay"},
+        {"Direction", "shape",
+         "Points strands by inclination from the scalp and roll around its normal, at the root.",
+         "inclination roll angle orient"},
     };
     for (const auto& [type, category, description, keywords] : expected) {
         const OperatorInfo* info = registry.info(type);
@@ -292,6 +370,10 @@ TEST(ShapeNodesB, RegisteredWithTheirMenuData) {
     EXPECT_EQ(bend->paramSet.spec("along")->choices,
               (std::vector<std::string>{"normal", "tangent", "direction"}));
     EXPECT_TRUE(bend->paramSet.spec("direction")->worldDirection);
+    const auto direction = registry.create("Direction");
+    EXPECT_EQ(direction->version(), 2);
+    EXPECT_EQ(direction->paramSet.getString("along", ""), "tangent");
+    EXPECT_TRUE(direction->paramSet.spec("strength")->mappable());
 }
 
 }  // namespace

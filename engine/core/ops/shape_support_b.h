@@ -29,14 +29,16 @@ inline constexpr std::string_view kFlowInput = "flow";
 
 inline constexpr float kDegrees = 3.14159265358979f / 180.0f;
 
-// The random draws of one strand: the first is unitFloat(hashCombine(id, seed)), and each further
-// draw hashes the last once more, so a draw never depends on the strand's index.
+// The random draws of one strand: the first is unitFloat(h) with h = hashCombine(id, seed), the
+// k-th further one hashes h once more with k (h = hashCombine(h, k)), so a draw never depends on
+// the strand's index.
 class StrandDraws {
   public:
     StrandDraws(std::uint64_t id, std::uint64_t seed) : hash_(hashCombine(id, seed)) {}
     // The next draw in [0, 1).
     float next() {
-        if (drawn_++ > 0) hash_ = hashCombine(hash_, static_cast<std::uint64_t>(drawn_));
+        if (drawn_ > 0) hash_ = hashCombine(hash_, static_cast<std::uint64_t>(drawn_));
+        ++drawn_;
         return unitFloat(hash_);
     }
     // The next draw in [-1, 1).
