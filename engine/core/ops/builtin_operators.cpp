@@ -15,6 +15,7 @@ void registerBuiltinOperators(OperatorRegistry& registry) {
     registerScatterOperator(registry);
     registerDirectionOperator(registry);
     registerBendOperator(registry);
+    registerTransformOperator(registry);
     registerMapOperator(registry);
     registerExpressionOperator(registry);
     registerControlOperator(registry);

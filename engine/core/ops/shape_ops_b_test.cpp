@@ -228,6 +228,82 @@ TEST(Direction, RollZeroFollowsTheDirectionOrUAndRandomnessAddsSignedDraws) {
     }
 }
 
+Points transformed(const StrandSet& input, const TransformSettings& settings) {
+    return runKernel(input, [&](const StrandSet& in, std::span<Vec3f> out) {
+        transformStrands(in, settings, out);
+    });
+}
+
+// One triangle facing +X with U along +Y: a root frame of x = +Y, y = +X, z = -Z.
+std::shared_ptr<const ScalpMesh> wall() {
+    static const auto mesh = [] {
+        auto made = std::make_shared<ScalpMesh>(
+            std::vector<Vec3f>{{0, 0, 0}, {0, 0, -1}, {0, 1, 0}}, std::vector<Triangle>{{0, 1, 2}});
+        made->setUvs({{0, 0}, {0, 1}, {1, 0}});
+        return std::shared_ptr<const ScalpMesh>(made);
+    }();
+    return mesh;
+}
+
+TEST(Transform, StrandSpaceWorksInTheRootsFrameAndWorldSpaceAboutThePivot) {
+    StrandSet strand;
+    strand.addStrand(1, {0, 0.0f, 0.0f}, Points{{0, 0, 0}, {1, 0, 0}, {1, 1, 0}});
+    struct Case {
+        bool world;
+        Vec3f translate, rotate;
+        float scale;
+        Vec3f pivot;
+        Points expected;
+    };
+    const std::vector<Case> cases = {
+        // Strand: translate x moves along U (+Y), and the root moves with it.
+        {false, {1, 0, 0}, {}, 1, {}, {{0, 1, 0}, {1, 1, 0}, {1, 2, 0}}},
+        // Strand: 90 about the frame's z (-Z) takes the normal (+X) onto -U (-Y).
+        {false, {}, {0, 0, 90}, 1, {}, {{0, 0, 0}, {0, -1, 0}, {1, -1, 0}}},
+        {false, {}, {}, 2, {}, {{0, 0, 0}, {2, 0, 0}, {2, 2, 0}}},
+        // World: 90 about Z through the pivot; x first, then y: (0, 1, 0) goes to Z, then to X.
+        {true, {}, {0, 0, 90}, 1, {}, {{0, 0, 0}, {0, 1, 0}, {-1, 1, 0}}},
+        {true, {}, {90, 90, 0}, 1, {}, {{0, 0, 0}, {0, 0, -1}, {1, 0, -1}}},
+        {true, {0, 0, 3}, {}, 0.5f, {1, 0, 0}, {{0.5f, 0, 3}, {1, 0, 3}, {1, 0.5f, 3}}},
+    };
+    for (const Case& c : cases) {
+        TransformSettings settings;
+        settings.world = c.world;
+        settings.translate = c.translate;
+        settings.rotate = c.rotate;
+        settings.scale = FieldSampler(c.scale);
+        settings.pivot = c.pivot;
+        settings.scalp = wall().get();
+        SCOPED_TRACE(testing::Message() << (c.world ? "world " : "strand ") << c.rotate.x << " "
+                                        << c.rotate.y << " " << c.rotate.z);
+        expectPoints(transformed(strand, settings), c.expected);
+    }
+}
+
+TEST(Transform, RandomnessDrawsScaleThenMoveThenTurnPerStrand) {
+    StrandSet strands;
+    for (std::uint64_t id : {5u, 6u})
+        strands.addStrand(id, {0, 0.0f, 0.0f}, Points{{0, 0, 0}, {1, 0, 0}});
+    TransformSettings settings;
+    settings.world = true;
+    settings.scaleRandom = 0.5f;
+    settings.translateRandom = 2.0f;
+    settings.seed = 3;
+    const Points points = transformed(strands, settings);
+    for (std::size_t s = 0; s < 2; ++s) {
+        std::uint64_t h = hashCombine(strands.ids()[s], 3);
+        std::vector<float> draws = {2.0f * unitFloat(h) - 1.0f};
+        for (std::uint64_t k = 1; k < 4; ++k) {
+            h = hashCombine(h, k);
+            draws.push_back(2.0f * unitFloat(h) - 1.0f);
+        }
+        const Vec3f move{2.0f * draws[1], 2.0f * draws[2], 2.0f * draws[3]};
+        const float scale = 1.0f + 0.5f * draws[0];
+        expectPoints(std::span<const Vec3f>(points).subspan(s * 2, 2),
+                     {move, Vec3f{scale, 0, 0} + move});
+    }
+}
+
 // ---- What every node of this family shares, over a table of nodes and settings.
 
 struct NodeCase {
@@ -353,6 +429,9 @@ TEST(ShapeNodesB, RegisteredWithTheirMenuData) {
         {"Direction", "shape",
          "Points strands by inclination from the scalp and roll around its normal, at the root.",
          "inclination roll angle orient"},
+        {"Transform", "deform",
+         "Moves, turns and scales strands about their roots (or the whole set), with randomness.",
+         "move rotate scale translate"},
     };
     for (const auto& [type, category, description, keywords] : expected) {
         const OperatorInfo* info = registry.info(type);
@@ -374,6 +453,9 @@ TEST(ShapeNodesB, RegisteredWithTheirMenuData) {
     EXPECT_EQ(direction->version(), 2);
     EXPECT_EQ(direction->paramSet.getString("along", ""), "tangent");
     EXPECT_TRUE(direction->paramSet.spec("strength")->mappable());
+    const auto transform = registry.create("Transform");
+    EXPECT_EQ(transform->paramSet.spec("pivot")->showWhen->param, "space");
+    EXPECT_EQ(transform->paramSet.spec("scale")->softMax, 2.0);
 }
 
 }  // namespace
