@@ -304,6 +304,63 @@ TEST(Transform, RandomnessDrawsScaleThenMoveThenTurnPerStrand) {
     }
 }
 
+Points smoothed(const StrandSet& input, const SmoothSettings& settings) {
+    return runKernel(input, [&](const StrandSet& in, std::span<Vec3f> out) {
+        smoothStrands(in, settings, out);
+    });
+}
+
+SmoothSettings smooth(float strength, float scale, Ramp profile = {}) {
+    SmoothSettings settings;
+    settings.strength = FieldSampler(strength);
+    settings.scale = scale;
+    settings.profile = std::move(profile);
+    return settings;
+}
+
+TEST(Smooth, ScaleOneStraightensAlongTheChordKeepingSegmentLengths) {
+    const StrandSet peak = strandsAtOrigin({{{0, 0, 0}, {1, 1, 0}, {2, 0, 0}}});
+    const float r2 = std::sqrt(2.0f);
+    expectPoints(smoothed(peak, smooth(1.0f, 1.0f)), {{0, 0, 0}, {r2, 0, 0}, {2 * r2, 0, 0}});
+    // Half way: the middle point mixed half way down to the chord, then each segment pushed back
+    // to its own length along the mixed shape.
+    const Vec3f up = normalized(Vec3f{1, 0.5f, 0}) * r2;
+    const Vec3f down = normalized(Vec3f{1, -0.5f, 0}) * r2;
+    expectPoints(smoothed(peak, smooth(0.5f, 1.0f)), {{0, 0, 0}, up, up + down});
+    // The profile multiplies the strength: a profile of one half is strength one half.
+    const Ramp half{{{0.0f, 0.5f, 0.0f}}, true};
+    expectPoints(smoothed(peak, smooth(1.0f, 1.0f, half)), {{0, 0, 0}, up, up + down});
+    // Strength 0 and straight strands change nothing.
+    expectPoints(smoothed(peak, smooth(0.0f, 1.0f)), {{0, 0, 0}, {1, 1, 0}, {2, 0, 0}});
+    const StrandSet straight = strandsAtOrigin({{{0, 0, 0}, {0, 0.5f, 0}, {0, 2, 0}}});
+    expectPoints(smoothed(straight, smooth(1.0f, 0.3f)), {{0, 0, 0}, {0, 0.5f, 0}, {0, 2, 0}});
+}
+
+TEST(Smooth, TakesOutSmallBumpsAndKeepsEveryLength) {
+    const auto strands = test::scalpStrands(*plane(), 200, 13, 21);
+    for (const float scale : {0.05f, 0.09f, 0.3f, 1.0f}) {
+        const Points points = smoothed(*strands, smooth(1.0f, scale));
+        double before = 0.0, after = 0.0;  // summed turning, which smoothing lowers
+        for (std::size_t s = 0; s < strands->strandCount(); ++s) {
+            const auto range = strands->pointRange(s);
+            const auto in = strands->strandPoints(s);
+            const std::span<const Vec3f> out(points.data() + range.begin, range.count);
+            EXPECT_EQ(out[0], in[0]);
+            for (std::size_t k = 1; k < in.size(); ++k)
+                EXPECT_NEAR(length(out[k] - out[k - 1]), length(in[k] - in[k - 1]), 1e-5f);
+            for (std::size_t k = 2; k < in.size(); ++k) {
+                before += std::acos(std::clamp(
+                    dot(normalized(in[k] - in[k - 1]), normalized(in[k - 1] - in[k - 2])), -1.0f,
+                    1.0f));
+                after += std::acos(std::clamp(
+                    dot(normalized(out[k] - out[k - 1]), normalized(out[k - 1] - out[k - 2])),
+                    -1.0f, 1.0f));
+            }
+        }
+        EXPECT_LT(after, before * (scale < 0.1f ? 0.8 : 0.3)) << scale;
+    }
+}
+
 // ---- What every node of this family shares, over a table of nodes and settings.
 
 struct NodeCase {
@@ -429,6 +486,10 @@ TEST(ShapeNodesB, RegisteredWithTheirMenuData) {
         {"Direction", "shape",
          "Points strands by inclination from the scalp and roll around its normal, at the root.",
          "inclination roll angle orient"},
+        {"Smooth", "shape",
+         "Takes out bumps up to a size (a share of the length; 1 straightens), keeping lengths and "
+         "roots.",
+         "relax straighten bumps"},
         {"Transform", "deform",
          "Moves, turns and scales strands about their roots (or the whole set), with randomness.",
          "move rotate scale translate"},
@@ -441,7 +502,8 @@ TEST(ShapeNodesB, RegisteredWithTheirMenuData) {
         EXPECT_EQ(info->keywords, keywords);
         const auto op = registry.create(type);
         EXPECT_TRUE(affectApplies(*op)) << type;
-        EXPECT_EQ(op->sceneInputs().front(), std::string(kScalpInput));
+        // Smooth alone reads nothing of the scalp.
+        EXPECT_EQ(op->sceneInputs().empty(), type == "Smooth") << type;
     }
     const auto bend = registry.create("Bend");
     EXPECT_TRUE(bend->paramSet.spec("angle")->mappable());
