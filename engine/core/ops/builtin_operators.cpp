@@ -14,6 +14,7 @@ void registerBuiltinOperators(OperatorRegistry& registry) {
     registerColliderMeshOperator(registry);
     registerScatterOperator(registry);
     registerDirectionOperator(registry);
+    registerFlowOperator(registry);
     registerSmoothOperator(registry);
     registerBendOperator(registry);
     registerTransformOperator(registry);

@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-#include "base/test/expect_message.h"
+#include "editing/flow.h"
 #include "fields/field_scene.h"
 #include "graph/graph.h"
 #include "graph/registry.h"
@@ -361,12 +361,106 @@ TEST(Smooth, TakesOutSmallBumpsAndKeepsEveryLength) {
     }
 }
 
+// A flow of one pin pointing along `direction` over `scalp`.
+std::shared_ptr<const FlowField> flowOf(const ScalpMesh& scalp, const Vec3f& direction) {
+    FlowSet set;
+    set.pins.push_back(pinFromSurface(scalp, scalp.closestPoint({0, 0, 0}).root, direction));
+    return FlowField::build(set, scalp);
+}
+
+FlowSettings flowing(float lift, float bend, float random = 0.0f) {
+    static const auto field = flowOf(*plane(), {1, 0, 0});
+    FlowSettings settings;
+    settings.lift = FieldSampler(lift);
+    settings.bend = bend;
+    settings.random = random;
+    settings.scalp = plane().get();
+    settings.flow = field.get();
+    return settings;
+}
+
+Points flowed(const StrandSet& input, const FlowSettings& settings) {
+    return runKernel(
+        input, [&](const StrandSet& in, std::span<Vec3f> out) { flowStrands(in, settings, out); });
+}
+
+TEST(Flow, LaysStrandsAlongTheFlowLiftedAtTheRootAndFallingTowardTheTip) {
+    const StrandSet standing = strandsAtOrigin({kStanding});
+    expectPoints(flowed(standing, flowing(0.0f, 0.0f)), kLying);
+    // An even lift: a straight line at that angle off the skin.
+    expectPoints(flowed(standing, flowing(30.0f, 0.0f)),
+                 {{0, 0, 0}, {cosd(30), 0.5f, 0}, {2 * cosd(30), 1, 0}});
+    // Bend 1: the lift falls to nothing at the tip; each segment takes it at its middle.
+    expectPoints(flowed(standing, flowing(30.0f, 1.0f)),
+                 {{0, 0, 0},
+                  {cosd(22.5f), sind(22.5f), 0},
+                  {cosd(22.5f) + cosd(7.5f), sind(22.5f) + sind(7.5f), 0}});
+    // Random: each strand turns about the normal by its signed draw.
+    FlowSettings random = flowing(0.0f, 0.0f, 20.0f);
+    random.seed = 8;
+    const Points turned = flowed(standing, random);
+    const float degrees = 20.0f * (2.0f * unitFloat(hashCombine(1, 8)) - 1.0f);
+    // About +Y, a turn takes +X toward -Z.
+    expectPoints(turned, {{0, 0, 0},
+                          {cosd(degrees), 0, -sind(degrees)},
+                          {2 * cosd(degrees), 0, -2 * sind(degrees)}});
+}
+
+TEST(Flow, FollowsACurvedScalpAtItsOffsetKeepingLengths) {
+    const auto sphere = makeSphere(1.0f, 24, 48);
+    FlowSet set;
+    set.pins.push_back(pinFromSurface(*sphere, sphere->closestPoint({0, 2, 0}).root, {1, 0, 0}));
+    const auto field = FlowField::build(set, *sphere);
+    const auto strands = test::scalpStrands(*sphere, 300, 9, 4, 0.8f);
+    FlowSettings settings = flowing(10.0f, 1.0f, 5.0f);
+    settings.scalp = sphere.get();
+    settings.flow = field.get();
+    const Points points = flowed(*strands, settings);
+    for (std::size_t s = 0; s < strands->strandCount(); ++s) {
+        const auto range = strands->pointRange(s);
+        const auto in = strands->strandPoints(s);
+        EXPECT_EQ(points[range.begin], in[0]);
+        float height = 0.0f;
+        for (std::size_t k = 1; k < in.size(); ++k) {
+            const Vec3f& p = points[range.begin + k];
+            EXPECT_NEAR(length(p - points[range.begin + k - 1]), length(in[k] - in[k - 1]), 1e-5f);
+            height = std::max(height, length(p) - 1.0f);
+        }
+        // Laid on the skin: no point much further off the sphere than the lift can take it.
+        EXPECT_LT(height, 0.8f * sind(10.0f) + 0.02f) << s;
+    }
+}
+
+TEST(Flow, WithoutFlowArrowsStrandsPassWithANote) {
+    Graph graph;
+    const std::uint32_t source =
+        test::addTestNode(graph, std::make_unique<test::SceneOp>(), "groom");
+    const std::uint32_t node = graph.addNode("Flow", "flow");
+    graph.connect(source, node, 0);
+    SceneInputs scene;
+    const auto groom = test::scalpStrands(*head(), 50, 5, 2);
+    scene["groom"] = SceneInput{Value(groom), 1};
+    scene[std::string(kScalpInput)] = SceneInput{Value(head()), 2};
+    EvalContext ctx;
+    ctx.sceneInputs = &scene;
+    for (const bool emptySet : {false, true}) {
+        if (emptySet)
+            scene[std::string(kFlowInput)] = SceneInput{Value(FlowField::build({}, *head())), 3};
+        graph.invalidate(node);
+        EXPECT_EQ(test::strandsOf(graph.evaluate(node, ctx)), groom);
+        EXPECT_EQ(graph.notes[node],
+                  "no flow arrows: lay some with the Flow tool (Groom Tools > Create > Flow); "
+                  "strands lie along their own direction");
+    }
+}
+
 // ---- What every node of this family shares, over a table of nodes and settings.
 
 struct NodeCase {
     std::string type;
     std::vector<std::pair<std::string, ParamValue>> params;
-    bool rootMoves = false;  // Transform moves roots with its translate
+    bool rootMoves = false;    // Transform moves roots with its translate
+    bool keepsLengths = true;  // Transform scales
 };
 
 const std::vector<NodeCase>& nodeCases() {
@@ -379,6 +473,27 @@ const std::vector<NodeCase>& nodeCases() {
          {{"inclination", 20.0}, {"along", std::string("direction")}, {"strength", 0.5}}},
     };
     return cases;
+}
+
+// Flow over the head: backward over the crown, with a whorl.
+std::shared_ptr<const FlowField> headFlow() {
+    static const auto field = [] {
+        const ScalpMesh& scalp = *head();
+        FlowSet set;
+        const auto [low, high] = scalp.bounds();
+        const Vec3f top{0.5f * (low.x + high.x), high.y, 0.5f * (low.z + high.z)};
+        set.pins.push_back(pinFromSurface(scalp, scalp.closestPoint(top).root, {0, 0, -1}));
+        FlowSink whorl;
+        const StrandRoot at = scalp.closestPoint(top + Vec3f{0, 0, -0.3f}).root;
+        whorl.face = at.face;
+        whorl.u = at.u;
+        whorl.v = at.v;
+        whorl.angle = 70.0f;
+        whorl.radius = 0.3f;
+        set.sinks.push_back(whorl);
+        return FlowField::build(set, scalp);
+    }();
+    return field;
 }
 
 // groom -> node, with the scalp and flow as scene inputs.
@@ -395,6 +510,7 @@ struct ShapeGraph {
         for (const auto& [name, value] : c.params)
             graph.operatorOf(node).paramSet.set(name, value);
         scene[std::string(kScalpInput)] = SceneInput{Value(head()), 1};
+        scene[std::string(kFlowInput)] = SceneInput{Value(headFlow()), 2};
         ctx.sceneInputs = &scene;
     }
     void setGroom(std::shared_ptr<const StrandSet> strands, std::uint64_t key) {
@@ -440,6 +556,10 @@ TEST(ShapeNodesB, RootsStayAndShortStrandsPass) {
             if (!c.rootMoves) {
                 EXPECT_EQ(after[0], before[0]) << c.type << " strand " << s;
             }
+            for (std::size_t k = 1; c.keepsLengths && k < before.size(); ++k)
+                EXPECT_NEAR(length(after[k] - after[k - 1]), length(before[k] - before[k - 1]),
+                            1e-5f)
+                    << c.type << " strand " << s;
             anyMoved = anyMoved || test::values(after) != test::values(before);
         }
         EXPECT_TRUE(anyMoved) << c.type;
@@ -486,6 +606,8 @@ TEST(ShapeNodesB, RegisteredWithTheirMenuData) {
         {"Direction", "shape",
          "Points strands by inclination from the scalp and roll around its normal, at the root.",
          "inclination roll angle orient"},
+        {"Flow", "shape", "Lays strands along the flow arrows drawn on the scalp.",
+         "flow comb direction lay"},
         {"Smooth", "shape",
          "Takes out bumps up to a size (a share of the length; 1 straightens), keeping lengths and "
          "roots.",
