@@ -23,31 +23,35 @@ struct Cells {
     std::array<Vec3f, kPeriod + 1> sums;
 };
 
-// The integral of the periodic, cell-wise constant differences from 0 to x (in cells).
-Vec3f integral(const Cells& cells, int period, float x) {
-    const float turns = std::floor(x / static_cast<float>(period));
-    const float rest = x - turns * static_cast<float>(period);
-    const int cell = std::min(static_cast<int>(rest), period - 1);
-    return cells.sums[static_cast<std::size_t>(period)] * turns +
-           cells.sums[static_cast<std::size_t>(cell)] +
-           cells.differences[static_cast<std::size_t>(cell)] * (rest - static_cast<float>(cell));
+// The integral of the periodic, cell-wise constant differences from 0 to `cell` + `fraction` (in
+// cells; `cell` may lie outside one period).
+Vec3f integral(const Cells& cells, int period, int cell, float fraction) {
+    const int turns = cell >= 0 ? cell / period : -((period - 1 - cell) / period);
+    const auto at = static_cast<std::size_t>(cell - turns * period);
+    return cells.sums[static_cast<std::size_t>(period)] * static_cast<float>(turns) +
+           cells.sums[at] + cells.differences[at] * fraction;
 }
 
-// One box filter of `width` cells over the periodic differences, from their running sums.
+// One box filter of `width` cells over the periodic differences, from their running sums. Every
+// cell's window has the same reach either side of its centre, so the window's ends are found once.
 void boxFilter(Cells& cells, int period, float width) {
     cells.sums[0] = Vec3f{};
     for (int i = 0; i < period; ++i)
         cells.sums[static_cast<std::size_t>(i + 1)] =
             cells.sums[static_cast<std::size_t>(i)] +
             cells.differences[static_cast<std::size_t>(i)];
+    const float low = 0.5f - 0.5f * width, high = 0.5f + 0.5f * width;
+    const int lowCell = static_cast<int>(std::floor(low));
+    const int highCell = static_cast<int>(std::floor(high));
+    const float lowFraction = low - static_cast<float>(lowCell);
+    const float highFraction = high - static_cast<float>(highCell);
+    const float scale = 1.0f / width;
     std::array<Vec3f, kPeriod> filtered;
-    const float half = 0.5f * width;
-    for (int j = 0; j < period; ++j) {
-        const float centre = static_cast<float>(j) + 0.5f;
+    for (int j = 0; j < period; ++j)
         filtered[static_cast<std::size_t>(j)] =
-            (integral(cells, period, centre + half) - integral(cells, period, centre - half)) /
-            width;
-    }
+            (integral(cells, period, j + highCell, highFraction) -
+             integral(cells, period, j + lowCell, lowFraction)) *
+            scale;
     std::copy(filtered.begin(), filtered.begin() + period, cells.differences.begin());
 }
 
