@@ -2,6 +2,7 @@
 #include "graph/registry.h"
 #include "ops/field_ops.h"
 #include "ops/shape_ops.h"
+#include "ops/shape_ops_b.h"
 #include "ops/source_ops.h"
 
 namespace velmorin {
@@ -16,6 +17,11 @@ void registerBuiltinOperators(OperatorRegistry& registry) {
     registerLengthOperator(registry);
     registerWidthOperator(registry);
     registerResampleOperator(registry);
+    registerDirectionOperator(registry);
+    registerFlowOperator(registry);
+    registerSmoothOperator(registry);
+    registerBendOperator(registry);
+    registerTransformOperator(registry);
     registerTwistOperator(registry);
     registerNoiseOperator(registry);
     registerMapOperator(registry);

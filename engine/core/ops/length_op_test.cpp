@@ -52,7 +52,7 @@ TEST(Length, RandomTrimHitsTheDrawnShareOfStrands) {
             // Draws from the id and seed: the first sets how much goes, the second whether.
             const std::uint64_t h = hashCombine(strands->ids()[s], 9);
             const float d1 = unitFloat(h);
-            const float d2 = unitFloat(hashCombine(h, 0x64726177ull));
+            const float d2 = unitFloat(hashCombine(h, 1));
             const bool trimmed = fraction >= 1.0 || d2 < fraction;
             const float keep = trimmed ? 1.0f - 0.5f * d1 : 1.0f;
             EXPECT_NEAR(out->strandPoints(s)[2].y, 2.0f * keep, 1e-5f) << "strand " << s;

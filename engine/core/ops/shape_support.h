@@ -42,22 +42,24 @@ float strandLength(std::span<const Vec3f> points);
 Vec3f pointAtArc(std::span<const Vec3f> points, std::span<const float> arcs, float s,
                  std::size_t& segment);
 
-// The random draws of one strand: the first is unitFloat(hashCombine(id, seed)), and each further
-// draw takes one more hashCombine step. Draws hang on the strand's id, never on its index.
+// The random draws of one strand: the first is unitFloat(h) with h = hashCombine(id, seed), the
+// k-th further one hashes h once more with k (h = hashCombine(h, k)), so a draw never depends on
+// the strand's index.
 class StrandDraws {
   public:
     StrandDraws(std::uint64_t id, std::uint64_t seed) : hash_(hashCombine(id, seed)) {}
+    // The next draw in [0, 1).
     float next() {
-        const float draw = unitFloat(hash_);
-        hash_ = hashCombine(hash_, kDrawStep);
-        return draw;
+        if (drawn_ > 0) hash_ = hashCombine(hash_, drawn_);
+        ++drawn_;
+        return unitFloat(hash_);
     }
-    // A draw in [-1, 1).
+    // The next draw in [-1, 1).
     float nextSigned() { return 2.0f * next() - 1.0f; }
 
   private:
-    static constexpr std::uint64_t kDrawStep = 0x64726177ull;
     std::uint64_t hash_;
+    std::uint64_t drawn_ = 0;
 };
 
 // v turned by `angle` radians about the unit vector `axis` (right-handed).

@@ -1,0 +1,199 @@
+#include <algorithm>
+#include <cmath>
+
+#include "base/parallel.h"
+#include "fields/field_scene.h"
+#include "graph/registry.h"
+#include "mesh/scalp_mesh.h"
+#include "ops/field_op_params.h"
+#include "ops/shape_ops_b.h"
+#include "strands/strand_set.h"
+
+namespace velmorin {
+
+float bendShare(float t, float start, float end) {
+    if (end <= start) return t >= start ? 1.0f : 0.0f;
+    return std::clamp((t - start) / (end - start), 0.0f, 1.0f);
+}
+
+void bendStrands(const StrandSet& input, const BendSettings& settings, std::span<Vec3f> points,
+                 StrandPick pick) {
+    const std::span<const std::uint64_t> ids = input.ids();
+    const std::span<const StrandRoot> roots = input.roots();
+    const bool mappedAngle = settings.angle.isMapped();
+    const TangentFrom from =
+        settings.along == BendAlong::Tangent ? TangentFrom::U : TangentFrom::Direction;
+    parallelRange(0, pick.size(input.strandCount()), 256, [&](std::size_t begin, std::size_t end) {
+        for (std::size_t item = begin; item < end; ++item) {
+            const std::size_t s = pick.strand(item);
+            const std::span<const Vec3f> from_ = input.strandPoints(s);
+            const std::size_t first = input.pointRange(s).begin;
+            std::copy(from_.begin(), from_.end(), points.begin() + static_cast<long>(first));
+            const std::size_t n = from_.size();
+            if (n < 2) continue;
+
+            float degrees = mappedAngle ? settings.angle.atStrand(s) : settings.angle.value();
+            if (settings.randomness > 0.0f)
+                degrees *= 1.0f - settings.randomness * StrandDraws(ids[s], settings.seed).next();
+            if (degrees == 0.0f) continue;
+            const Vec3f chord = from_[n - 1] - from_[0];
+            const float chordLength = length(chord);
+            if (!(chordLength > 0.0f)) continue;
+            const Vec3f c = chord / chordLength;
+
+            const Vec3f direction = settings.along == BendAlong::Normal
+                                        ? Vec3f{}
+                                        : settings.direction.vectorAtStrand(s);
+            const RootFrame frame = rootFrame(settings.scalp, roots[s], from, direction);
+            Vec3f target;
+            if (settings.along == BendAlong::Normal) {
+                if (!settings.scalp || !settings.scalp->isOnSurface(roots[s])) continue;
+                target = settings.scalp->normalAt(roots[s]);
+            } else {
+                if (!frame.valid) continue;
+                target = frame.tangent;
+            }
+            Vec3f axis = cross(c, target);
+            const float axisLength = length(axis);
+            const float cosCurrent = std::clamp(dot(c, target), -1.0f, 1.0f);
+            if (axisLength < 1e-5f) {
+                // On the target line: only a strand standing along the normal can be laid down,
+                // about the binormal of the scalp there.
+                if (settings.along != BendAlong::Normal || degrees >= 0.0f || cosCurrent <= 0.0f)
+                    continue;
+                axis = settings.scalp->frameAt(roots[s]).bitangent;
+            } else {
+                axis = axis / axisLength;
+            }
+            const float current = std::acos(cosCurrent) / kDegrees;
+            const float lowest = settings.along == BendAlong::Normal
+                                     ? std::min(0.0f, current - 90.0f)
+                                     : current - 180.0f;
+            const float radians = std::clamp(degrees, lowest, current) * kDegrees;
+
+            float total = 0.0f;
+            for (std::size_t k = 1; k < n; ++k)
+                total += length(from_[k] - from_[k - 1]);
+            // Each segment turns by the share of the bend at its middle.
+            float arc = 0.0f;
+            Vec3f* out = points.data() + first;
+            for (std::size_t k = 1; k < n; ++k) {
+                const Vec3f segment = from_[k] - from_[k - 1];
+                const float segmentLength = length(segment);
+                const float t = total > 0.0f ? (arc + 0.5f * segmentLength) / total : 0.0f;
+                arc += segmentLength;
+                const float turn = radians * bendShare(t, settings.start, settings.end);
+                out[k] = out[k - 1] + rotateAbout(segment, axis, std::cos(turn), std::sin(turn));
+            }
+        }
+    });
+}
+
+namespace {
+
+using field_ops::choiceParam;
+using field_ops::makeParam;
+
+ParamSpec fraction(std::string name, double value, std::string description) {
+    ParamSpec spec = makeParam(std::move(name), value, std::move(description));
+    spec.min = 0.0;
+    spec.max = 1.0;
+    spec.unit = "fraction";
+    return spec;
+}
+
+// Bends strands toward or away from the scalp, or combs them toward a direction.
+class BendOp final : public Operator {
+  public:
+    std::string type() const override { return "Bend"; }
+    std::string category() const override { return "deform"; }
+    std::vector<PortSpec> inputs() const override { return {{"strands", PortType::Strands}}; }
+    std::vector<ParamSpec> params() const override {
+        ParamSpec angle = makeParam(
+            "angle", 30.0,
+            "Degrees the strands bend between start and end (mappable), never past the "
+            "direction; positive toward it (with the normal: away from the scalp), negative away "
+            "from it (down onto the scalp); 180 with start and end 0 points them along it");
+        angle.min = -180.0;
+        angle.max = 180.0;
+        angle.unit = "angle";
+        ParamSpec along = choiceParam(
+            "along", "normal", {"normal", "tangent", "direction"},
+            "normal: the scalp's normal at the root (never below the scalp's tangent plane); "
+            "tangent: the scalp's U direction (its UVs; without them the direction below); "
+            "direction: the direction below, laid onto the scalp at the root (as a comb lays "
+            "hair)");
+        ParamSpec direction =
+            makeParam("direction", Vec3f{0.0f, -1.0f, 0.0f},
+                      "The way strands bend (world space; or an expression giving a vector per "
+                      "strand)");
+        direction.worldDirection = true;
+        direction.vectorExpression = true;
+        ParamSpec seed = makeParam("seed", std::int64_t{0}, "Random seed");
+        seed.animatable = false;
+        return {angle,
+                fraction("start", 0.0, "Where the bend starts along the length, 0 root to 1 tip"),
+                fraction("end", 1.0,
+                         "Where it ends: the strand turns evenly between start and end and holds "
+                         "its shape past it"),
+                along,
+                direction,
+                fraction("randomness", 0.0,
+                         "Each strand's angle scaled down by up to this share, at random"),
+                seed};
+    }
+    std::vector<std::string> sceneInputs() const override { return {std::string(kScalpInput)}; }
+
+    Value evaluate(const EvalContext& ctx, const std::vector<Value>& inputs) const override {
+        Value out;
+        run(ctx, inputs, nullptr, &out, nullptr);
+        return out;
+    }
+    bool evaluateIncremental(const EvalContext& ctx, const std::vector<Value>& inputs,
+                             const IncrementalInputs& incremental, Value* out,
+                             StrandChanges* changes) const override {
+        return run(ctx, inputs, &incremental, out, changes);
+    }
+
+  private:
+    bool run(const EvalContext& ctx, const std::vector<Value>& inputs,
+             const IncrementalInputs* incremental, Value* out, StrandChanges* changes) const {
+        const auto strands = inputs.empty() ? nullptr : inputs[0].get<StrandSet>();
+        if (incremental && !mapsReadOnlyTheirStrand(paramSet, ctx, {"angle", "direction"}))
+            return false;
+        const std::shared_ptr<const ScalpMesh> scalp = sceneScalp(ctx);
+        BendSettings settings;
+        const std::string along = paramSet.getString("along", "normal");
+        settings.along = along == "tangent"     ? BendAlong::Tangent
+                         : along == "direction" ? BendAlong::Direction
+                                                : BendAlong::Normal;
+        settings.start = static_cast<float>(paramSet.getFloat("start", 0.0));
+        settings.end = static_cast<float>(paramSet.getFloat("end", 1.0));
+        settings.randomness = static_cast<float>(paramSet.getFloat("randomness", 0.0));
+        settings.seed = static_cast<std::uint64_t>(paramSet.getInt("seed", 0));
+        settings.scalp = scalp.get();
+        if (strands) {
+            settings.angle = fieldSampler(paramSet, ctx, "angle", *strands);
+            settings.direction = fieldSampler(paramSet, ctx, "direction", *strands);
+        }
+        return runShape(inputs, incremental, out, changes,
+                        [&](const StrandSet& input, std::span<Vec3f> points, StrandPick pick) {
+                            bendStrands(input, settings, points, pick);
+                        });
+    }
+};
+
+}  // namespace
+
+void registerBendOperator(OperatorRegistry& registry) {
+    OperatorInfo info;
+    info.category = "deform";
+    info.description =
+        "Bends strands toward or away from the scalp, or combs them toward a direction, between a "
+        "start and an end; start and end 0 stand them up at the root.";
+    info.keywords = "comb curve lift lay";
+    registry.registerType(
+        "Bend", [] { return std::make_unique<BendOp>(); }, info);
+}
+
+}  // namespace velmorin

@@ -1,0 +1,184 @@
+#include <algorithm>
+#include <array>
+#include <cmath>
+
+#include "base/parallel.h"
+#include "fields/field_scene.h"
+#include "graph/registry.h"
+#include "mesh/scalp_mesh.h"
+#include "ops/field_op_params.h"
+#include "ops/shape_ops_b.h"
+#include "strands/strand_set.h"
+
+namespace velmorin {
+namespace {
+
+// The rows of Rz * Ry * Rx: a turn about x, then y, then z, by the angles in degrees.
+std::array<Vec3f, 3> turnXyz(const Vec3f& degrees) {
+    const float cx = std::cos(degrees.x * kDegrees), sx = std::sin(degrees.x * kDegrees);
+    const float cy = std::cos(degrees.y * kDegrees), sy = std::sin(degrees.y * kDegrees);
+    const float cz = std::cos(degrees.z * kDegrees), sz = std::sin(degrees.z * kDegrees);
+    return {Vec3f{cz * cy, cz * sy * sx - sz * cx, cz * sy * cx + sz * sx},
+            Vec3f{sz * cy, sz * sy * sx + cz * cx, sz * sy * cx - cz * sx},
+            Vec3f{-sy, cy * sx, cy * cx}};
+}
+
+Vec3f turned(const std::array<Vec3f, 3>& rows, const Vec3f& v) {
+    return {dot(rows[0], v), dot(rows[1], v), dot(rows[2], v)};
+}
+
+}  // namespace
+
+void transformStrands(const StrandSet& input, const TransformSettings& settings,
+                      std::span<Vec3f> points, StrandPick pick) {
+    const std::span<const std::uint64_t> ids = input.ids();
+    const std::span<const StrandRoot> roots = input.roots();
+    const bool random = settings.translateRandom != 0.0f || settings.rotateRandom != 0.0f ||
+                        settings.scaleRandom != 0.0f;
+    parallelRange(0, pick.size(input.strandCount()), 256, [&](std::size_t begin, std::size_t end) {
+        for (std::size_t item = begin; item < end; ++item) {
+            const std::size_t s = pick.strand(item);
+            const std::span<const Vec3f> strand = input.strandPoints(s);
+            Vec3f* out = points.data() + input.pointRange(s).begin;
+            std::copy(strand.begin(), strand.end(), out);
+            const std::size_t n = strand.size();
+            if (n < 2) continue;
+
+            float scale = settings.scale.atStrand(s);
+            Vec3f translate = settings.translate;
+            Vec3f rotate = settings.rotate;
+            if (random) {
+                // Draw order: scale, then translate x, y, z, then rotate x, y, z.
+                StrandDraws draws(ids[s], settings.seed);
+                scale *= 1.0f + settings.scaleRandom * draws.nextSigned();
+                for (float* axis : {&translate.x, &translate.y, &translate.z})
+                    *axis += settings.translateRandom * draws.nextSigned();
+                for (float* axis : {&rotate.x, &rotate.y, &rotate.z})
+                    *axis += settings.rotateRandom * draws.nextSigned();
+            }
+            const std::array<Vec3f, 3> turn = turnXyz(rotate);
+            if (settings.world) {
+                for (std::size_t k = 0; k < n; ++k)
+                    out[k] = settings.pivot + turned(turn, (strand[k] - settings.pivot) * scale) +
+                             translate;
+                continue;
+            }
+            const RootFrame frame =
+                rootFrame(settings.scalp, roots[s], TangentFrom::Triangle, Vec3f{});
+            if (!frame.valid) continue;
+            // In the root's frame: x along U, y the normal, z across.
+            const Vec3f origin = strand[0];
+            const Vec3f move = frame.tangent * translate.x + frame.normal * translate.y +
+                               frame.binormal * translate.z;
+            for (std::size_t k = 0; k < n; ++k) {
+                const Vec3f d = strand[k] - origin;
+                const Vec3f local = turned(turn, Vec3f{dot(d, frame.tangent), dot(d, frame.normal),
+                                                       dot(d, frame.binormal)} *
+                                                     scale);
+                out[k] = origin + frame.tangent * local.x + frame.normal * local.y +
+                         frame.binormal * local.z + move;
+            }
+        }
+    });
+}
+
+namespace {
+
+using field_ops::choiceParam;
+using field_ops::makeParam;
+using field_ops::shownFor;
+
+// Moves, turns and scales strands about their roots or the whole set about a pivot.
+class TransformOp final : public Operator {
+  public:
+    std::string type() const override { return "Transform"; }
+    std::string category() const override { return "deform"; }
+    std::vector<PortSpec> inputs() const override { return {{"strands", PortType::Strands}}; }
+    std::vector<ParamSpec> params() const override {
+        ParamSpec space = choiceParam(
+            "space", "strand", {"strand", "world"},
+            "strand: each strand about its own root, in its root's frame (x along the scalp's U, "
+            "y its normal, z across); world: the whole set about the pivot, in world axes");
+        ParamSpec translate =
+            makeParam("translate", Vec3f{},
+                      "Move, scene units: along the root's frame (strand) or world axes (world)");
+        ParamSpec rotate = makeParam(
+            "rotate", Vec3f{},
+            "Turn, degrees about x, then y, then z: the root's frame's axes (strand) or the "
+            "world's through the pivot (world)");
+        ParamSpec scale = makeParam(
+            "scale", 1.0, "Uniform scale about the root (strand) or the pivot (world) (mappable)");
+        scale.softMin = 0.0;
+        scale.softMax = 2.0;
+        ParamSpec pivot =
+            shownFor(makeParam("pivot", Vec3f{}, "World: the point the set turns and scales about"),
+                     "space", "world");
+        ParamSpec translateRandom =
+            makeParam("translateRandom", 0.0,
+                      "Up to this much more or less move per strand, per axis, scene units");
+        translateRandom.min = 0.0;
+        ParamSpec rotateRandom = makeParam(
+            "rotateRandom", 0.0, "Up to this many degrees more or less turn per strand, per axis");
+        rotateRandom.min = 0.0;
+        rotateRandom.softMax = 180.0;
+        rotateRandom.unit = "angle";
+        ParamSpec scaleRandom = makeParam(
+            "scaleRandom", 0.0, "Each strand's scale up to this share more or less, at random");
+        scaleRandom.min = 0.0;
+        scaleRandom.max = 1.0;
+        scaleRandom.unit = "fraction";
+        ParamSpec seed = makeParam("seed", std::int64_t{0}, "Random seed");
+        seed.animatable = false;
+        return {space,           translate,    rotate,      scale, pivot,
+                translateRandom, rotateRandom, scaleRandom, seed};
+    }
+    std::vector<std::string> sceneInputs() const override { return {std::string(kScalpInput)}; }
+
+    Value evaluate(const EvalContext& ctx, const std::vector<Value>& inputs) const override {
+        Value out;
+        run(ctx, inputs, nullptr, &out, nullptr);
+        return out;
+    }
+    bool evaluateIncremental(const EvalContext& ctx, const std::vector<Value>& inputs,
+                             const IncrementalInputs& incremental, Value* out,
+                             StrandChanges* changes) const override {
+        return run(ctx, inputs, &incremental, out, changes);
+    }
+
+  private:
+    bool run(const EvalContext& ctx, const std::vector<Value>& inputs,
+             const IncrementalInputs* incremental, Value* out, StrandChanges* changes) const {
+        if (incremental && !mapsReadOnlyTheirStrand(paramSet, ctx, {"scale"})) return false;
+        const auto strands = inputs.empty() ? nullptr : inputs[0].get<StrandSet>();
+        const std::shared_ptr<const ScalpMesh> scalp = sceneScalp(ctx);
+        TransformSettings settings;
+        if (strands) settings.scale = fieldSampler(paramSet, ctx, "scale", *strands);
+        settings.world = paramSet.getString("space", "strand") == "world";
+        settings.translate = paramSet.getVec3("translate", {});
+        settings.rotate = paramSet.getVec3("rotate", {});
+        settings.pivot = paramSet.getVec3("pivot", {});
+        settings.translateRandom = static_cast<float>(paramSet.getFloat("translateRandom", 0.0));
+        settings.rotateRandom = static_cast<float>(paramSet.getFloat("rotateRandom", 0.0));
+        settings.scaleRandom = static_cast<float>(paramSet.getFloat("scaleRandom", 0.0));
+        settings.seed = static_cast<std::uint64_t>(paramSet.getInt("seed", 0));
+        settings.scalp = scalp.get();
+        return runShape(inputs, incremental, out, changes,
+                        [&](const StrandSet& input, std::span<Vec3f> points, StrandPick pick) {
+                            transformStrands(input, settings, points, pick);
+                        });
+    }
+};
+
+}  // namespace
+
+void registerTransformOperator(OperatorRegistry& registry) {
+    OperatorInfo info;
+    info.category = "deform";
+    info.description =
+        "Moves, turns and scales strands about their roots (or the whole set), with randomness.";
+    info.keywords = "move rotate scale translate";
+    registry.registerType(
+        "Transform", [] { return std::make_unique<TransformOp>(); }, info);
+}
+
+}  // namespace velmorin
