@@ -1,6 +1,7 @@
 #include "fields/mapped_params.h"
 #include "graph/registry.h"
 #include "ops/field_ops.h"
+#include "ops/grow_ops.h"
 #include "ops/source_ops.h"
 
 namespace velmorin {
@@ -12,6 +13,7 @@ void registerBuiltinOperators(OperatorRegistry& registry) {
     registerGuidesOperator(registry);
     registerColliderMeshOperator(registry);
     registerScatterOperator(registry);
+    registerInterpolateOperator(registry);
     registerMapOperator(registry);
     registerExpressionOperator(registry);
     registerControlOperator(registry);
