@@ -1,6 +1,7 @@
 #include "fields/mapped_params.h"
 #include "graph/registry.h"
 #include "ops/field_ops.h"
+#include "ops/grow_ops.h"
 #include "ops/shape_ops.h"
 #include "ops/shape_ops_b.h"
 #include "ops/source_ops.h"
@@ -14,6 +15,7 @@ void registerBuiltinOperators(OperatorRegistry& registry) {
     registerGuidesOperator(registry);
     registerColliderMeshOperator(registry);
     registerScatterOperator(registry);
+    registerInterpolateOperator(registry);
     registerLengthOperator(registry);
     registerWidthOperator(registry);
     registerResampleOperator(registry);

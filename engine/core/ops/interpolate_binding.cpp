@@ -1,0 +1,636 @@
+#include "ops/interpolate_binding.h"
+
+#include <algorithm>
+#include <atomic>
+#include <cassert>
+#include <cmath>
+#include <cstring>
+
+#include "base/hash.h"
+#include "base/parallel.h"
+#include "ops/guide_root_grid.h"
+
+namespace velmorin {
+namespace {
+
+constexpr int kMaxCandidates = 4 * 16 + 2;
+constexpr std::uint32_t kTotalWeight = 65536;
+
+bool isFinite(const Vec3f& p) {
+    return std::isfinite(p.x) && std::isfinite(p.y) && std::isfinite(p.z);
+}
+
+bool sameBits(const Vec3f& a, const Vec3f& b) {
+    return std::memcmp(&a, &b, sizeof(Vec3f)) == 0;
+}
+
+template <class T>
+bool sameBits(std::span<const T> a, std::span<const T> b) {
+    return a.size() == b.size() &&
+           (a.empty() || std::memcmp(a.data(), b.data(), a.size_bytes()) == 0);
+}
+
+// One list of guides a strand can draw from, with its grid and the reach of its guides.
+struct GuideList {
+    GuideRootGrid grid;
+    const ReachTable* reach = nullptr;
+};
+
+ReachTable measureReach(const GuideRootGrid& grid, std::span<const Vec3f> roots,
+                        std::span<const std::uint32_t> members, std::size_t guideCount,
+                        const InterpolateSettings& settings) {
+    ReachTable table;
+    table.reach.assign(guideCount, kInfiniteDistance);
+    if (settings.followSurface) table.walkReach.assign(guideCount, kInfiniteDistance);
+    const int want = static_cast<int>(settings.kept) + 1;
+    if (members.size() < static_cast<std::size_t>(want)) return table;
+    const auto body = [&](std::size_t begin, std::size_t end) {
+        std::uint32_t found[GuideRootGrid::kMaxNearest];
+        float d2[GuideRootGrid::kMaxNearest];
+        for (std::size_t m = begin; m < end; ++m) {
+            const std::uint32_t g = members[m];
+            // The guide itself comes first (or beside a twin at the same spot), so the kept-th
+            // entry is its kept-th nearest other guide.
+            if (grid.nearest(roots[g], want, found, d2) < want) continue;
+            const float reach = settings.reachScale * std::sqrt(d2[settings.kept]);
+            table.reach[g] = reach;
+            if (settings.followSurface)
+                table.walkReach[g] = reach > 0.0f ? std::exp2(std::ceil(std::log2(reach))) : 0.0f;
+        }
+    };
+    // Few guides measure faster on one thread than the pool can start.
+    if (members.size() <= 256)
+        body(0, members.size());
+    else
+        parallelRange(0, members.size(), 256, body);
+    return table;
+}
+
+// The weights of the listed candidates by the modified Shepard rule at radius R per guide (or the
+// single radius `single` when `reach` is null), raised to `power` after scaling by their greatest.
+// Returns the sum; `edge` receives the greatest share of a reach left beyond the strand.
+double shepard(int count, const float* d2, const std::uint32_t* guides, const float* reach,
+               float single, float power, double* out, double* edge) {
+    double greatest = 0.0;
+    if (edge) *edge = 0.0;
+    for (int i = 0; i < count; ++i) {
+        const double d = std::max(std::sqrt(static_cast<double>(d2[i])), 1e-6);
+        const double r = reach ? reach[guides[i]] : single;
+        double t = 0.0;
+        if (!std::isfinite(r)) {
+            t = 1.0 / d;
+            if (edge) *edge = 1.0;
+        } else if (r > d) {
+            t = (r - d) / (r * d);
+            if (edge) *edge = std::max(*edge, (r - d) / r);
+        }
+        out[i] = t;
+        greatest = std::max(greatest, t);
+    }
+    double sum = 0.0;
+    for (int i = 0; i < count; ++i) {
+        double a = 0.0;
+        if (greatest > 0.0 && out[i] > 0.0) {
+            const double s = out[i] / greatest;
+            a = power == 2.0f ? s * s : std::pow(s, static_cast<double>(power));
+        }
+        out[i] = a;
+        sum += a;
+    }
+    return sum;
+}
+
+// Scales weights to a total of 65536 by rounding to nearest and moving single units by the
+// largest remainder rule; returns how many entries stay (at least 1 unit each), compacted in
+// place with their guides and squared distances.
+int quantise(int count, double* weights, std::uint32_t* guides, std::uint32_t* units) {
+    double sum = 0.0;
+    for (int i = 0; i < count; ++i)
+        if (weights[i] > 0.0) sum += weights[i];
+    if (!(sum > 0.0) || !std::isfinite(sum)) return 0;
+    double remainder[kMaxCandidates];
+    std::int64_t total = 0;
+    for (int i = 0; i < count; ++i) {
+        const double scaled = weights[i] > 0.0 ? weights[i] / sum * kTotalWeight : 0.0;
+        const double rounded = std::min(std::nearbyint(scaled), static_cast<double>(kTotalWeight));
+        units[i] = static_cast<std::uint32_t>(rounded);
+        remainder[i] = scaled - rounded;
+        total += units[i];
+    }
+    while (total > kTotalWeight) {
+        int pick = -1;
+        for (int i = 0; i < count; ++i)
+            if (units[i] > 0 && remainder[i] != 0.0 && (pick < 0 || remainder[i] < remainder[pick]))
+                pick = i;
+        if (pick < 0)
+            for (int i = 0; i < count && pick < 0; ++i)
+                if (units[i] > 0) pick = i;
+        --units[pick];
+        remainder[pick] += 1.0;
+        --total;
+    }
+    while (total < kTotalWeight) {
+        int pick = -1;
+        for (int i = 0; i < count; ++i)
+            if (weights[i] > 0.0 && (pick < 0 || remainder[i] > remainder[pick])) pick = i;
+        ++units[pick];
+        remainder[pick] -= 1.0;
+        ++total;
+    }
+    int kept = 0;
+    for (int i = 0; i < count; ++i) {
+        if (units[i] == 0) continue;
+        units[kept] = units[i];
+        guides[kept] = guides[i];
+        ++kept;
+    }
+    return kept;
+}
+
+// What every strand of one build reads.
+struct BindContext {
+    const InterpolateSettings* settings = nullptr;
+    const BindingInputs* inputs = nullptr;
+    const std::vector<GuideList>* lists = nullptr;
+    std::span<const std::int32_t> strandLists;
+};
+
+// Binds strand `s` and appends its records to `chunk`.
+void bindOne(const BindContext& context, std::size_t s, BindingChunk& chunk) {
+    const InterpolateSettings& settings = *context.settings;
+    const BindingInputs& inputs = *context.inputs;
+    float nearest2 = kInfiniteDistance;
+    float next2 = kInfiniteDistance;
+    const Vec3f root = inputs.strandRoots[s];
+    const GuideList& list = (*context.lists)[static_cast<std::size_t>(context.strandLists[s])];
+    const auto finish = [&] {
+        chunk.nearest2.push_back(nearest2);
+        chunk.next2.push_back(next2);
+        chunk.found.push_back(chunk.guides.size() > chunk.recordStart.back() ? 1 : 0);
+        chunk.twisted.push_back(0);
+        chunk.recordStart.push_back(static_cast<std::uint32_t>(chunk.guides.size()));
+    };
+    if (!isFinite(root) || list.grid.size() == 0) return finish();
+
+    // 1. The nearest guides, and the distance of the first one past them.
+    const int wanted =
+        static_cast<int>(std::min<std::size_t>(settings.candidates, list.grid.size()));
+    std::uint32_t guides[GuideRootGrid::kMaxNearest];
+    float d2[GuideRootGrid::kMaxNearest];
+    int count = list.grid.nearest(root, wanted + 1, guides, d2);
+    bool clean = true;
+    for (int i = 1; i < count; ++i)
+        if (!(d2[i] > d2[i - 1])) clean = false;
+    if (clean && count > wanted) next2 = d2[wanted];
+    count = std::min(count, wanted);
+
+    // 2. Guides across a part are dropped, unless that would drop them all.
+    if (settings.respectParts && inputs.parts && !inputs.strandNormals.empty()) {
+        const Vec3f normal = inputs.strandNormals[s];
+        bool keep[GuideRootGrid::kMaxNearest];
+        int kept = 0;
+        for (int i = 0; i < count; ++i) {
+            keep[i] = !inputs.parts->divides(root, inputs.guideRoots[guides[i]], normal);
+            kept += keep[i] ? 1 : 0;
+        }
+        if (kept > 0 && kept < count) {
+            int at = 0;
+            for (int i = 0; i < count; ++i) {
+                if (!keep[i]) continue;
+                guides[at] = guides[i];
+                d2[at] = d2[i];
+                ++at;
+            }
+            count = at;
+        }
+    }
+    if (count == 0) return finish();
+    nearest2 = d2[0];
+
+    std::uint32_t units[kMaxCandidates];
+    if (settings.nearestOnly) {
+        // 3. The nearest guide alone.
+        chunk.weights.push_back(static_cast<std::uint16_t>(kTotalWeight - 1));
+        chunk.guides.push_back(guides[0]);
+        return finish();
+    }
+
+    // 4. First weights, by each guide's reach.
+    double weights[kMaxCandidates];
+    double edge = 0.0;
+    const float* reach = list.reach->reach.data();
+    const double sumA = shepard(count, d2, guides, reach, 0.0f, settings.power, weights, &edge);
+
+    // 5. Edge fill: where the strand barely lies within any reach, the kept nearest blend by one
+    // radius, so that no guide takes it over just because its reach happens to be largest.
+    const double fill = std::min(1.0, 4.0 * edge);
+    if (fill < 1.0) {
+        const int kept = std::min(count, static_cast<int>(settings.kept));
+        const float radius =
+            count > kept
+                ? std::sqrt(d2[kept])
+                : (next2 < kInfiniteDistance && clean ? std::sqrt(next2) : kInfiniteDistance);
+        double second[kMaxCandidates];
+        const double sumB =
+            shepard(kept, d2, guides, nullptr, radius, settings.power, second, nullptr);
+        if (sumA > 0.0) {
+            for (int i = 0; i < count; ++i) {
+                weights[i] = weights[i] * fill / sumA;
+                if (i < kept && sumB > 0.0) weights[i] += second[i] * (1.0 - fill) / sumB;
+            }
+        } else {
+            for (int i = 0; i < kept; ++i)
+                weights[i] = second[i];
+            count = kept;
+        }
+    }
+
+    // 6. Painted guide weights scale the blend, unless they would leave the strand to nothing.
+    if (!inputs.guideWeights.empty()) {
+        double scaled[kMaxCandidates];
+        double sum = 0.0;
+        for (int i = 0; i < count; ++i) {
+            scaled[i] = weights[i] * static_cast<double>(inputs.guideWeights[guides[i]]);
+            sum += scaled[i];
+        }
+        if (sum > 0.0) std::copy(scaled, scaled + count, weights);
+    }
+
+    // 7. Quantised to sixteen bits.
+    const int stored = quantise(count, weights, guides, units);
+    for (int i = 0; i < stored; ++i) {
+        chunk.weights.push_back(static_cast<std::uint16_t>(units[i] - 1));
+        chunk.guides.push_back(guides[i]);
+    }
+    finish();
+}
+
+void startChunk(BindingChunk& chunk, std::size_t first, std::size_t count) {
+    chunk.firstStrand = static_cast<std::uint32_t>(first);
+    chunk.recordStart.reserve(count + 1);
+    chunk.recordStart.push_back(0);
+    chunk.nearest2.reserve(count);
+    chunk.next2.reserve(count);
+    chunk.found.reserve(count);
+    chunk.twisted.reserve(count);
+    chunk.weights.reserve(count * 4);
+    chunk.guides.reserve(count * 4);
+}
+
+// Copies strand k of `old` into `chunk`, records and all.
+void copyStrand(const BindingChunk& old, std::size_t k, BindingChunk& chunk) {
+    for (std::uint32_t r = old.recordStart[k]; r < old.recordStart[k + 1]; ++r) {
+        chunk.weights.push_back(old.weights[r]);
+        chunk.guides.push_back(old.guides[r]);
+    }
+    chunk.nearest2.push_back(old.nearest2[k]);
+    chunk.next2.push_back(old.next2[k]);
+    chunk.found.push_back(old.found[k]);
+    chunk.twisted.push_back(old.twisted[k]);
+    chunk.recordStart.push_back(static_cast<std::uint32_t>(chunk.guides.size()));
+}
+
+// The guide-level part of a state: regions, lists and reach tables. Fills `state` and `lists`.
+void prepareGuides(const InterpolateSettings& settings, const BindingInputs& inputs,
+                   InterpolateState& state, std::vector<GuideList>& lists) {
+    const std::size_t guideCount = inputs.guideRoots.size();
+    state.settings = settings;
+    state.guideRoots.assign(inputs.guideRoots.begin(), inputs.guideRoots.end());
+    state.guideWeights.assign(inputs.guideWeights.begin(), inputs.guideWeights.end());
+    state.parts = settings.respectParts ? inputs.parts : nullptr;
+
+    // Regions: the labels guides are rooted in, ascending.
+    state.guideRegions.assign(guideCount, -1);
+    if (!inputs.guideLabels.empty()) {
+        for (const std::int32_t label : inputs.guideLabels)
+            if (label >= 0) state.regionLabels.push_back(label);
+        std::sort(state.regionLabels.begin(), state.regionLabels.end());
+        state.regionLabels.erase(std::unique(state.regionLabels.begin(), state.regionLabels.end()),
+                                 state.regionLabels.end());
+        for (std::size_t g = 0; g < guideCount; ++g) {
+            const auto found = std::lower_bound(state.regionLabels.begin(),
+                                                state.regionLabels.end(), inputs.guideLabels[g]);
+            if (inputs.guideLabels[g] >= 0)
+                state.guideRegions[g] =
+                    static_cast<std::int32_t>(found - state.regionLabels.begin());
+        }
+    }
+    const std::size_t regionCount = state.regionLabels.size();
+    std::vector<std::vector<std::uint32_t>> members(regionCount + 1);
+    for (std::size_t g = 0; g < guideCount; ++g) {
+        members[0].push_back(static_cast<std::uint32_t>(g));
+        if (state.guideRegions[g] >= 0)
+            members[static_cast<std::size_t>(state.guideRegions[g]) + 1].push_back(
+                static_cast<std::uint32_t>(g));
+    }
+    lists.resize(regionCount + 1);
+    state.regionReach.resize(regionCount);
+    std::vector<Vec3f> points;
+    for (std::size_t l = 0; l <= regionCount; ++l) {
+        points.clear();
+        for (const std::uint32_t g : members[l])
+            points.push_back(inputs.guideRoots[g]);
+        lists[l].grid = GuideRootGrid(points, members[l]);
+        ReachTable table =
+            measureReach(lists[l].grid, inputs.guideRoots, members[l], guideCount, settings);
+        if (l == 0)
+            state.allReach = std::move(table);
+        else
+            state.regionReach[l - 1] = std::move(table);
+    }
+    lists[0].reach = &state.allReach;
+    for (std::size_t r = 0; r < regionCount; ++r)
+        lists[r + 1].reach = &state.regionReach[r];
+
+    // Strands take their root's region where a guide is rooted in it, else all guides.
+    const std::size_t strandCount = inputs.strandRoots.size();
+    state.strandLists.assign(strandCount, 0);
+    if (!inputs.strandLabels.empty() && regionCount > 0) {
+        parallelRange(0, strandCount, 4096, [&](std::size_t begin, std::size_t end) {
+            for (std::size_t s = begin; s < end; ++s) {
+                const std::int32_t label = inputs.strandLabels[s];
+                const auto found =
+                    std::lower_bound(state.regionLabels.begin(), state.regionLabels.end(), label);
+                if (label >= 0 && found != state.regionLabels.end() && *found == label)
+                    state.strandLists[s] =
+                        static_cast<std::int32_t>(found - state.regionLabels.begin()) + 1;
+            }
+        });
+    }
+    state.strandRoots.assign(inputs.strandRoots.begin(), inputs.strandRoots.end());
+    state.strandNormals.assign(inputs.strandNormals.begin(), inputs.strandNormals.end());
+}
+
+void countRecords(Binding& binding) {
+    binding.recordCount = 0;
+    for (const auto& chunk : binding.chunks)
+        binding.recordCount += chunk->guides.size();
+}
+
+}  // namespace
+
+InterpolateSettings makeInterpolateSettings(double smoothness, std::int64_t neighbors,
+                                            std::size_t guideCount, bool followSurface,
+                                            double limitDistance, bool respectParts,
+                                            bool hasGuideWeights) {
+    InterpolateSettings settings;
+    const double s = std::clamp(std::isfinite(smoothness) ? smoothness : 0.5, 0.0, 1.0);
+    if (s == 0.5) {
+        settings.reachScale = 1.5f;
+        settings.power = 2.0f;
+    } else if (s > 0.5) {
+        const double e = s - 0.5;
+        settings.reachScale = static_cast<float>(std::max(1.0, (2.0 * e + 1.0) * 1.5));
+        settings.power = static_cast<float>(2.0 * (1.0 - e));
+    } else {
+        settings.reachScale = static_cast<float>(std::max(1.0, s + 1.0));
+        settings.power = static_cast<float>(2.0 * (3.0 - 4.0 * s));
+    }
+    settings.neighbors = static_cast<unsigned>(std::clamp<std::int64_t>(neighbors, 1, 16));
+    const auto guides = static_cast<unsigned>(std::min<std::size_t>(guideCount, 1u << 30));
+    settings.kept = std::min(settings.neighbors, guides);
+    settings.nearestOnly = settings.neighbors == 1;
+    settings.followSurface = followSurface;
+    settings.respectParts = respectParts;
+    settings.limitDistance = static_cast<float>(std::max(0.0, limitDistance));
+    settings.hasGuideWeights = hasGuideWeights && !settings.nearestOnly;
+    if (settings.nearestOnly && !respectParts && !followSurface) {
+        settings.candidates = std::min(1u, guides);
+    } else {
+        settings.candidates = std::min(std::max(4 * settings.kept + 2, 8u), guides);
+    }
+    return settings;
+}
+
+bool PartsSnapshot::divides(const Vec3f& from, const Vec3f& to, const Vec3f& normal) const {
+    const Vec3f lo = minPerAxis(from, to), hi = maxPerAxis(from, to);
+    // Seen along the normal: the pair and each part segment in the plane across it.
+    const Vec3f u =
+        normalized(cross(normal, std::fabs(normal.x) < 0.9f ? Vec3f{1, 0, 0} : Vec3f{0, 1, 0}));
+    const Vec3f v = cross(normal, u);
+    const auto flat = [&](const Vec3f& p) { return std::pair<float, float>{dot(p, u), dot(p, v)}; };
+    const auto side = [](std::pair<float, float> a, std::pair<float, float> b,
+                         std::pair<float, float> c) {
+        return (b.first - a.first) * (c.second - a.second) -
+               (b.second - a.second) * (c.first - a.first);
+    };
+    const auto a = flat(from), b = flat(to);
+    for (std::size_t l = 0; l < lines.size(); ++l) {
+        if (lineMin[l].x > hi.x || lineMax[l].x < lo.x || lineMin[l].y > hi.y ||
+            lineMax[l].y < lo.y || lineMin[l].z > hi.z || lineMax[l].z < lo.z)
+            continue;
+        const std::vector<Vec3f>& line = lines[l];
+        for (std::size_t i = 0; i + 1 < line.size(); ++i) {
+            const auto c = flat(line[i]), d = flat(line[i + 1]);
+            const float s1 = side(a, b, c), s2 = side(a, b, d);
+            const float s3 = side(c, d, a), s4 = side(c, d, b);
+            if (((s1 > 0.0f) != (s2 > 0.0f)) && ((s3 > 0.0f) != (s4 > 0.0f))) return true;
+        }
+    }
+    return false;
+}
+
+std::shared_ptr<const PartsSnapshot> makePartsSnapshot(std::vector<std::vector<Vec3f>> lines) {
+    auto snapshot = std::make_shared<PartsSnapshot>();
+    std::uint64_t h = 0x7061727473ull;
+    for (std::vector<Vec3f>& line : lines) {
+        if (line.size() < 2) continue;
+        Vec3f lo = line[0], hi = line[0];
+        for (const Vec3f& p : line) {
+            lo = minPerAxis(lo, p);
+            hi = maxPerAxis(hi, p);
+            for (const float f : {p.x, p.y, p.z})
+                h = hashCombine(h, floatBits(f));
+        }
+        h = hashCombine(h, line.size());
+        // A strand and a guide beside a part's end lie within its box only if near it anyway.
+        snapshot->lineMin.push_back(lo);
+        snapshot->lineMax.push_back(hi);
+        snapshot->lines.push_back(std::move(line));
+    }
+    snapshot->hash = h;
+    return snapshot;
+}
+
+std::shared_ptr<const InterpolateState> bindStrands(const InterpolateSettings& settings,
+                                                    const BindingInputs& inputs) {
+    auto state = std::make_shared<InterpolateState>();
+    std::vector<GuideList> lists;
+    prepareGuides(settings, inputs, *state, lists);
+    const std::size_t strandCount = inputs.strandRoots.size();
+    const std::size_t chunkCount = (strandCount + kBindingChunkStrands - 1) / kBindingChunkStrands;
+    Binding& binding = state->binding;
+    binding.strandCount = strandCount;
+    binding.guideCount = inputs.guideRoots.size();
+    binding.chunks.resize(chunkCount);
+    const BindContext context{&settings, &inputs, &lists, state->strandLists};
+    parallelRange(0, chunkCount, 1, [&](std::size_t begin, std::size_t end) {
+        for (std::size_t c = begin; c < end; ++c) {
+            const std::size_t first = c * kBindingChunkStrands;
+            const std::size_t last = std::min(first + kBindingChunkStrands, strandCount);
+            auto chunk = std::make_shared<BindingChunk>();
+            startChunk(*chunk, first, last - first);
+            for (std::size_t s = first; s < last; ++s)
+                bindOne(context, s, *chunk);
+            binding.chunks[c] = std::move(chunk);
+        }
+    });
+    countRecords(binding);
+    return state;
+}
+
+std::shared_ptr<const InterpolateState> rebindStrands(
+    const std::shared_ptr<const InterpolateState>& previous, const InterpolateSettings& settings,
+    const BindingInputs& inputs, std::size_t* rebuiltStrands) {
+    const std::size_t strandCount = inputs.strandRoots.size();
+    const std::size_t guideCount = inputs.guideRoots.size();
+    const auto full = [&] {
+        if (rebuiltStrands) *rebuiltStrands = strandCount;
+        return bindStrands(settings, inputs);
+    };
+    if (!previous || !(previous->settings == settings) ||
+        previous->strandRoots.size() != strandCount || previous->guideRoots.size() != guideCount ||
+        (previous->parts != nullptr) != (settings.respectParts && inputs.parts != nullptr) ||
+        previous->strandNormals.size() != inputs.strandNormals.size() ||
+        previous->guideWeights.size() != inputs.guideWeights.size())
+        return full();
+    if (previous->parts && inputs.parts && previous->parts->hash != inputs.parts->hash)
+        return full();
+
+    auto state = std::make_shared<InterpolateState>();
+    std::vector<GuideList> lists;
+    prepareGuides(settings, inputs, *state, lists);
+    if (state->regionLabels != previous->regionLabels ||
+        state->guideRegions != previous->guideRegions)
+        return full();
+
+    // Dirty points: guides that moved, or whose reach or weight changed, at both their spots.
+    std::vector<Vec3f> dirty;
+    const auto reachChanged = [&](std::size_t g) {
+        if (floatBits(state->allReach.reach[g]) != floatBits(previous->allReach.reach[g]))
+            return true;
+        for (std::size_t r = 0; r < state->regionReach.size(); ++r)
+            if (floatBits(state->regionReach[r].reach[g]) !=
+                floatBits(previous->regionReach[r].reach[g]))
+                return true;
+        return false;
+    };
+    for (std::size_t g = 0; g < guideCount; ++g) {
+        const bool moved = !sameBits(state->guideRoots[g], previous->guideRoots[g]);
+        const bool weighed =
+            !state->guideWeights.empty() &&
+            floatBits(state->guideWeights[g]) != floatBits(previous->guideWeights[g]);
+        if (!moved && !weighed && !reachChanged(g)) continue;
+        dirty.push_back(previous->guideRoots[g]);
+        if (moved) dirty.push_back(state->guideRoots[g]);
+    }
+    if (dirty.size() > guideCount) return full();
+
+    // Per strand: bound again when its root, normal or list changed, or a dirty point lies within
+    // the distance of the first guide past its candidates (1 % more, against rounding).
+    const std::size_t chunkCount = previous->binding.chunks.size();
+    std::vector<std::uint8_t> marks(strandCount, 0);
+    std::atomic<std::size_t> marked{0};
+    parallelRange(0, chunkCount, 1, [&](std::size_t begin, std::size_t end) {
+        std::vector<Vec3f> near;
+        for (std::size_t c = begin; c < end; ++c) {
+            const BindingChunk& old = *previous->binding.chunks[c];
+            const std::size_t first = old.firstStrand;
+            Vec3f lo = state->strandRoots[first], hi = lo;
+            float reach2 = 0.0f;
+            for (std::size_t k = 0; k < old.strandCount(); ++k) {
+                lo = minPerAxis(lo, state->strandRoots[first + k]);
+                hi = maxPerAxis(hi, state->strandRoots[first + k]);
+                reach2 = std::max(reach2, old.next2[k]);
+            }
+            const float reach = std::sqrt(reach2) * 1.01f;
+            near.clear();
+            for (const Vec3f& p : dirty) {
+                const Vec3f gap = maxPerAxis(maxPerAxis(lo - p, p - hi), Vec3f{});
+                if (!(reach < kInfiniteDistance) || lengthSquared(gap) <= reach * reach)
+                    near.push_back(p);
+            }
+            std::size_t count = 0;
+            for (std::size_t k = 0; k < old.strandCount(); ++k) {
+                const std::size_t s = first + k;
+                bool redo = !sameBits(state->strandRoots[s], previous->strandRoots[s]) ||
+                            state->strandLists[s] != previous->strandLists[s] ||
+                            (!state->strandNormals.empty() &&
+                             !sameBits(state->strandNormals[s], previous->strandNormals[s]));
+                const float limit2 = old.next2[k] * 1.0201f;
+                for (std::size_t i = 0; i < near.size() && !redo; ++i)
+                    redo = !(lengthSquared(near[i] - state->strandRoots[s]) > limit2);
+                marks[s] = redo ? 1 : 0;
+                count += redo ? 1 : 0;
+            }
+            marked.fetch_add(count, std::memory_order_relaxed);
+        }
+    });
+    if (marked.load() * 2 > strandCount) return full();
+
+    Binding& binding = state->binding;
+    binding.strandCount = strandCount;
+    binding.guideCount = guideCount;
+    binding.chunks.resize(chunkCount);
+    const BindContext context{&settings, &inputs, &lists, state->strandLists};
+    parallelRange(0, chunkCount, 1, [&](std::size_t begin, std::size_t end) {
+        for (std::size_t c = begin; c < end; ++c) {
+            const auto& old = previous->binding.chunks[c];
+            const std::size_t first = old->firstStrand;
+            const std::size_t count = old->strandCount();
+            if (std::none_of(marks.begin() + static_cast<std::ptrdiff_t>(first),
+                             marks.begin() + static_cast<std::ptrdiff_t>(first + count),
+                             [](std::uint8_t m) { return m != 0; })) {
+                binding.chunks[c] = old;
+                continue;
+            }
+            auto chunk = std::make_shared<BindingChunk>();
+            startChunk(*chunk, first, count);
+            for (std::size_t k = 0; k < count; ++k) {
+                if (marks[first + k])
+                    bindOne(context, first + k, *chunk);
+                else
+                    copyStrand(*old, k, *chunk);
+            }
+            binding.chunks[c] = std::move(chunk);
+        }
+    });
+    countRecords(binding);
+    if (rebuiltStrands) *rebuiltStrands = marked.load();
+    return state;
+}
+
+FlatBinding flattenBinding(const Binding& binding) {
+    FlatBinding flat;
+    flat.wide = binding.guideCount > kNarrowGuideLimit;
+    flat.strandWords.reserve(binding.strandCount * 2);
+    flat.records.reserve(binding.recordCount * (flat.wide ? 2 : 1));
+    for (const auto& chunk : binding.chunks) {
+        for (std::size_t k = 0; k < chunk->strandCount(); ++k) {
+            const std::uint32_t begin = chunk->recordStart[k], end = chunk->recordStart[k + 1];
+            const std::uint32_t count = end - begin;
+            const auto start = static_cast<std::uint32_t>(flat.records.size());
+            const std::uint32_t twisted = chunk->twisted[k] ? 1u : 0u;
+            flat.strandWords.push_back(start << 6 | twisted << 5 | std::min(count, 31u));
+            flat.strandWords.push_back(floatBits(chunk->nearest2[k]));
+            if (count >= 31) flat.records.push_back(count);
+            for (std::uint32_t r = begin; r < end; ++r) {
+                if (flat.wide) {
+                    flat.records.push_back(chunk->guides[r]);
+                    flat.records.push_back(chunk->weights[r]);
+                } else {
+                    flat.records.push_back(chunk->guides[r] | std::uint32_t{chunk->weights[r]}
+                                                                  << 16);
+                }
+            }
+        }
+    }
+    // Twist floats follow all records, strand by strand in the records' order.
+    flat.twistStart = static_cast<std::uint32_t>(flat.records.size());
+    for (const auto& chunk : binding.chunks)
+        for (const float twist : chunk->twists)
+            flat.records.push_back(floatBits(twist));
+    return flat;
+}
+
+}  // namespace velmorin

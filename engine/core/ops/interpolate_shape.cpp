@@ -1,0 +1,365 @@
+#include "ops/interpolate_shape.h"
+
+#include <algorithm>
+#include <cmath>
+#include <set>
+
+#include "base/hash.h"
+#include "base/parallel.h"
+#include "mesh/scalp_mesh.h"
+
+namespace velmorin {
+namespace {
+
+constexpr std::size_t kMaxSamples = 64;
+
+// A 3 x 3 matrix by rows.
+struct Turn {
+    Vec3f r0{1, 0, 0}, r1{0, 1, 0}, r2{0, 0, 1};
+    Vec3f apply(const Vec3f& o) const { return {dot(r0, o), dot(r1, o), dot(r2, o)}; }
+};
+
+// The turn that takes a guide's root normal onto the strand's: none when they agree, a half turn
+// about a perpendicular when they oppose, else the shortest rotation.
+Turn turnBetween(const Vec3f& from, const Vec3f& to) {
+    Turn turn;
+    const float c = dot(from, to);
+    if (c > 0.999999f) return turn;
+    if (c < -0.999999f) {
+        const Vec3f k = normalized(
+            cross(from, std::fabs(from.x) < 0.9f ? Vec3f{1, 0, 0} : Vec3f{0, 1, 0}), {0, 0, 1});
+        // o goes to k * 2 (k . o) - o.
+        turn.r0 = Vec3f{2 * k.x * k.x - 1, 2 * k.x * k.y, 2 * k.x * k.z};
+        turn.r1 = Vec3f{2 * k.y * k.x, 2 * k.y * k.y - 1, 2 * k.y * k.z};
+        turn.r2 = Vec3f{2 * k.z * k.x, 2 * k.z * k.y, 2 * k.z * k.z - 1};
+        return turn;
+    }
+    // o goes to o c + k x o + k (k . o) / (1 + c), with k = from x to.
+    const Vec3f k = cross(from, to);
+    const float f = 1.0f / (1.0f + c);
+    turn.r0 = Vec3f{c + k.x * k.x * f, -k.z + k.x * k.y * f, k.y + k.x * k.z * f};
+    turn.r1 = Vec3f{k.z + k.y * k.x * f, c + k.y * k.y * f, -k.x + k.y * k.z * f};
+    turn.r2 = Vec3f{-k.y + k.z * k.x * f, k.x + k.z * k.y * f, c + k.z * k.z * f};
+    return turn;
+}
+
+float polylineLength(std::span<const Vec3f> points) {
+    float total = 0.0f;
+    for (std::size_t i = 1; i < points.size(); ++i)
+        total += length(points[i] - points[i - 1]);
+    return total;
+}
+
+// Places `out.size()` points at equal arc steps along `samples`, whose running arc lengths are
+// `arc`; past the end a point continues along the last segment.
+void placeAlong(std::span<const Vec3f> samples, std::span<const float> arc, float total,
+                std::span<Vec3f> out) {
+    const std::size_t n = out.size();
+    const std::size_t last = samples.size() - 1;
+    for (std::size_t i = 0; i < n; ++i) {
+        const float at = n > 1 ? total * static_cast<float>(i) / static_cast<float>(n - 1) : 0.0f;
+        std::size_t hi =
+            static_cast<std::size_t>(std::upper_bound(arc.begin(), arc.end(), at) - arc.begin());
+        hi = std::clamp<std::size_t>(hi, 1, last);
+        const std::size_t lo = hi - 1;
+        const float span = arc[hi] - arc[lo];
+        const float f = span > 0.0f ? (at - arc[lo]) / span : 0.0f;
+        out[i] = samples[lo] + (samples[hi] - samples[lo]) * f;
+    }
+}
+
+void runningArc(std::span<const Vec3f> samples, std::span<float> arc) {
+    arc[0] = 0.0f;
+    for (std::size_t j = 1; j < samples.size(); ++j)
+        arc[j] = arc[j - 1] + length(samples[j] - samples[j - 1]);
+}
+
+// Resamples `points` to `count` samples at equal arc steps, as offsets from the first point.
+void resampleOffsets(std::span<const Vec3f> points, std::span<Vec3f> out) {
+    std::vector<float> arc(points.size());
+    runningArc(points, arc);
+    placeAlong(points, arc, arc.back(), out);
+    const Vec3f root = points[0];
+    for (Vec3f& p : out)
+        p -= root;
+    out[0] = Vec3f{};
+}
+
+// What the shape of one strand reads, set up once per chunk.
+struct ShapeScratch {
+    Vec3f blended[kMaxSamples];
+    Vec3f walked[kMaxSamples];
+    float arc[kMaxSamples];
+};
+
+// Calls body(chunk, k, strand) for every strand of the binding, or of `only`, in parallel by 256.
+template <class Body>
+void forStrands(const Binding& binding, std::span<const std::uint64_t> only, const Body& body) {
+    if (only.empty()) {
+        parallelRange(0, binding.chunks.size(), 1, [&](std::size_t begin, std::size_t end) {
+            for (std::size_t c = begin; c < end; ++c) {
+                const BindingChunk& chunk = *binding.chunks[c];
+                for (std::size_t k = 0; k < chunk.strandCount(); ++k)
+                    body(chunk, k, chunk.firstStrand + k);
+            }
+        });
+        return;
+    }
+    parallelRange(0, only.size(), kBindingChunkStrands, [&](std::size_t begin, std::size_t end) {
+        for (std::size_t i = begin; i < end; ++i) {
+            const std::size_t s = only[i];
+            const BindingChunk& chunk = *binding.chunks[s / kBindingChunkStrands];
+            body(chunk, s - chunk.firstStrand, s);
+        }
+    });
+}
+
+}  // namespace
+
+bool isUsableGuide(const Guide& guide) {
+    if (guide.points.size() < 2) return false;
+    for (const Vec3f& p : guide.points)
+        if (!std::isfinite(p.x) || !std::isfinite(p.y) || !std::isfinite(p.z)) return false;
+    return true;
+}
+
+InterpolateGuideRows makeGuideRows(std::span<const Guide* const> guides, const ScalpMesh* scalp) {
+    InterpolateGuideRows rows;
+    std::size_t samples = 2;
+    for (const Guide* guide : guides)
+        samples = std::max(samples, guide->points.size());
+    samples = std::min(samples, kMaxSamples);
+    rows.sampleCount = samples;
+    const std::size_t count = guides.size();
+    rows.offsets.assign(count * samples, Vec3f{});
+    rows.lengths.assign(count, 0.0f);
+    rows.normals.assign(count, Vec3f{});
+    rows.turns.assign(count, 0);
+    rows.hashes.assign(count, 0);
+    std::set<std::string> names;
+    for (const Guide* guide : guides) {
+        for (const auto& entry : guide->attributes)
+            names.insert(entry.first);
+        for (const auto& entry : guide->pointAttributes)
+            if (!entry.second.empty()) names.insert(entry.first);
+    }
+    rows.layerNames.assign(names.begin(), names.end());
+    rows.layers.assign(rows.layerNames.size(), std::vector<float>(count, 0.0f));
+    parallelRange(0, count, 256, [&](std::size_t begin, std::size_t end) {
+        for (std::size_t g = begin; g < end; ++g) {
+            const Guide& guide = *guides[g];
+            const std::span<Vec3f> out(rows.offsets.data() + g * samples, samples);
+            if (guide.points.size() == samples) {
+                for (std::size_t j = 0; j < samples; ++j)
+                    out[j] = guide.points[j] - guide.points[0];
+            } else {
+                resampleOffsets(guide.points, out);
+            }
+            rows.lengths[g] = polylineLength(guide.points);
+            if (scalp && scalp->isOnSurface(guide.root)) {
+                rows.normals[g] = scalp->normalAt(guide.root);
+                rows.turns[g] = 1;
+            }
+            std::uint64_t h = hashCombine(0x726f7773ull, guide.id);
+            h = hashCombine(h, guide.points.size());
+            for (const Vec3f& p : guide.points)
+                for (const float f : {p.x, p.y, p.z})
+                    h = hashCombine(h, floatBits(f));
+            h = hashCombine(
+                h, static_cast<std::uint64_t>(static_cast<std::uint32_t>(guide.root.face)));
+            h = hashCombine(h, floatBits(guide.root.u));
+            h = hashCombine(h, floatBits(guide.root.v));
+            for (std::size_t l = 0; l < rows.layerNames.size(); ++l) {
+                const std::string& name = rows.layerNames[l];
+                float value = 0.0f;
+                if (const auto found = guide.attributes.find(name); found != guide.attributes.end())
+                    value = found->second;
+                else if (const auto layer = guide.pointAttributes.find(name);
+                         layer != guide.pointAttributes.end() && !layer->second.empty())
+                    value = layer->second.front();
+                rows.layers[l][g] = value;
+                h = hashCombine(h, floatBits(value));
+            }
+            rows.hashes[g] = h;
+        }
+    });
+    return rows;
+}
+
+void shapeStrands(const InterpolateState& state, const InterpolateGuideRows& rows,
+                  const ShapeSettings& settings, const StrandSet& in, std::span<Vec3f> outPoints,
+                  std::span<float> influence, std::span<const std::uint64_t> only) {
+    const std::size_t samples = rows.sampleCount;
+    const std::span<const Vec3f> points = in.points();
+    const std::span<const std::uint64_t> offsets = in.offsets();
+    const bool hasNormals = !state.strandNormals.empty();
+    const float limit = settings.limitDistance;
+    const auto body = [&](const BindingChunk& chunk, std::size_t k, std::size_t s,
+                          ShapeScratch& scratch) {
+        const std::size_t begin = offsets[s];
+        const std::size_t n = offsets[s + 1] - begin;
+        const std::uint32_t first = chunk.recordStart[k], end = chunk.recordStart[k + 1];
+        // 1. Influence.
+        float amount = 1.0f;
+        if (limit > 0.0f) {
+            const float t = std::sqrt(chunk.nearest2[k]) / limit;
+            amount = t >= 1.0f || !(t == t) ? 0.0f
+                                            : std::clamp(settings.falloff.at(t), 0.0f, 1.0f) *
+                                                  std::min((1.0f - t) * 20.0f, 1.0f);
+        }
+        if (!influence.empty()) influence[s] = first == end ? 0.0f : amount;
+        // 2. Strands nothing shapes keep their points.
+        if (first == end || amount <= 0.0f || n < 2 || samples < 2) return;
+
+        const std::span<const Vec3f> incoming = points.subspan(begin, n);
+        const std::span<Vec3f> out = outPoints.subspan(begin, n);
+        const Vec3f root = incoming[0];
+        float guideLength = 0.0f;
+        for (std::uint32_t r = first; r < end; ++r)
+            guideLength += (static_cast<float>(chunk.weights[r]) + 1.0f) / 65536.0f *
+                           rows.lengths[chunk.guides[r]];
+
+        if (settings.takeLength) {
+            // The strand's own shape, drawn out or cut back along its arc to the guides' length.
+            float arcLength = 0.0f;
+            for (std::size_t i = 1; i < n; ++i)
+                arcLength += length(incoming[i] - incoming[i - 1]);
+            if (!(arcLength > 0.0f)) return;
+            std::size_t segment = 1;
+            float segmentStart = 0.0f;
+            for (std::size_t i = 0; i < n; ++i) {
+                const float at = guideLength * static_cast<float>(i) / static_cast<float>(n - 1);
+                while (segment + 1 < n &&
+                       segmentStart + length(incoming[segment] - incoming[segment - 1]) < at) {
+                    segmentStart += length(incoming[segment] - incoming[segment - 1]);
+                    ++segment;
+                }
+                const Vec3f a = incoming[segment - 1], b = incoming[segment];
+                const float span = length(b - a);
+                const float f = span > 0.0f ? (at - segmentStart) / span : 0.0f;
+                const Vec3f p = a + (b - a) * f;
+                out[i] = amount < 1.0f ? incoming[i] + (p - incoming[i]) * amount : p;
+            }
+            out[0] = root;
+            return;
+        }
+
+        // 3-4. The guides' offsets turned into the strand's frame and blended.
+        Vec3f* blended = scratch.blended;
+        for (std::size_t j = 0; j < samples; ++j)
+            blended[j] = Vec3f{};
+        const Vec3f normal = hasNormals ? state.strandNormals[s] : Vec3f{};
+        const bool strandTurns = lengthSquared(normal) > 0.0f;
+        for (std::uint32_t r = first; r < end; ++r) {
+            const std::uint32_t g = chunk.guides[r];
+            const float w = (static_cast<float>(chunk.weights[r]) + 1.0f) / 65536.0f;
+            const Vec3f* row = rows.offsets.data() + static_cast<std::size_t>(g) * samples;
+            if (strandTurns && rows.turns[g]) {
+                const Turn turn = turnBetween(rows.normals[g], normal);
+                for (std::size_t j = 1; j < samples; ++j)
+                    blended[j] += turn.apply(row[j]) * w;
+            } else {
+                for (std::size_t j = 1; j < samples; ++j)
+                    blended[j] += row[j] * w;
+            }
+        }
+        for (std::size_t j = 0; j < samples; ++j)
+            blended[j] += root;
+
+        const std::span<Vec3f> curve(blended, samples);
+        if (settings.blendDirections) {
+            // 5. Each step along the blended way at the blended length, easing out only where
+            // that way nearly vanishes.
+            Vec3f* walked = scratch.walked;
+            const float h = guideLength / static_cast<float>(samples - 1);
+            walked[0] = root;
+            for (std::size_t j = 1; j < samples; ++j) {
+                const Vec3f d = blended[j] - blended[j - 1];
+                const float l = length(d);
+                walked[j] = walked[j - 1];
+                if (l > 0.0f && h > 0.0f) {
+                    const float e = std::min(l / (0.5f * h), 1.0f);
+                    walked[j] += d * (h * e * (2.0f - e) / l);
+                }
+            }
+            std::copy(walked, walked + samples, blended);
+        } else if (settings.preserveLength) {
+            // 6. Guides that point apart shorten their blend: scale it back about the root.
+            const float total = polylineLength(curve);
+            if (total > 1e-8f && guideLength > 0.0f) {
+                const float scale = std::min(guideLength / total, 2.0f);
+                for (std::size_t j = 1; j < samples; ++j)
+                    blended[j] = root + (blended[j] - root) * scale;
+            }
+        }
+
+        // 7. The strand's points at equal arc steps along the blend.
+        const std::span<float> arc(scratch.arc, samples);
+        runningArc(curve, arc);
+        placeAlong(curve, arc, arc[samples - 1], out);
+        // 8. Mixed with the incoming strand where the guides reach only partly.
+        if (amount < 1.0f)
+            for (std::size_t i = 1; i < n; ++i)
+                out[i] = incoming[i] + (out[i] - incoming[i]) * amount;
+        out[0] = root;
+    };
+    if (only.empty()) {
+        parallelRange(0, state.binding.chunks.size(), 1, [&](std::size_t begin, std::size_t end) {
+            ShapeScratch scratch;
+            for (std::size_t c = begin; c < end; ++c) {
+                const BindingChunk& chunk = *state.binding.chunks[c];
+                for (std::size_t k = 0; k < chunk.strandCount(); ++k)
+                    body(chunk, k, chunk.firstStrand + k, scratch);
+            }
+        });
+        return;
+    }
+    parallelRange(0, only.size(), kBindingChunkStrands, [&](std::size_t begin, std::size_t end) {
+        ShapeScratch scratch;
+        for (std::size_t i = begin; i < end; ++i) {
+            const std::size_t s = only[i];
+            const BindingChunk& chunk = *state.binding.chunks[s / kBindingChunkStrands];
+            body(chunk, s - chunk.firstStrand, s, scratch);
+        }
+    });
+}
+
+void writeGuideLayers(const InterpolateState& state, const InterpolateGuideRows& rows,
+                      StrandSet& out, std::span<const std::uint64_t> only) {
+    for (std::size_t l = 0; l < rows.layerNames.size(); ++l) {
+        const std::vector<float>& values = rows.layers[l];
+        std::vector<float>& channel = out.addStrandChannel(rows.layerNames[l], 0.0f);
+        forStrands(
+            state.binding, only, [&](const BindingChunk& chunk, std::size_t k, std::size_t s) {
+                const std::uint32_t first = chunk.recordStart[k], end = chunk.recordStart[k + 1];
+                if (first == end) return;
+                float value = 0.0f;
+                for (std::uint32_t r = first; r < end; ++r)
+                    value += (static_cast<float>(chunk.weights[r]) + 1.0f) / 65536.0f *
+                             values[chunk.guides[r]];
+                channel[s] = value;
+            });
+    }
+}
+
+std::vector<std::uint64_t> strandsBoundTo(const Binding& binding,
+                                          std::span<const std::uint8_t> changed) {
+    std::vector<std::vector<std::uint64_t>> found(binding.chunks.size());
+    parallelRange(0, binding.chunks.size(), 1, [&](std::size_t begin, std::size_t end) {
+        for (std::size_t c = begin; c < end; ++c) {
+            const BindingChunk& chunk = *binding.chunks[c];
+            for (std::size_t k = 0; k < chunk.strandCount(); ++k)
+                for (std::uint32_t r = chunk.recordStart[k]; r < chunk.recordStart[k + 1]; ++r)
+                    if (changed[chunk.guides[r]]) {
+                        found[c].push_back(chunk.firstStrand + k);
+                        break;
+                    }
+        }
+    });
+    std::vector<std::uint64_t> strands;
+    for (const auto& list : found)
+        strands.insert(strands.end(), list.begin(), list.end());
+    return strands;
+}
+
+}  // namespace velmorin

@@ -1,0 +1,553 @@
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstring>
+
+#include "base/hash.h"
+#include "base/parallel.h"
+#include "base/test/expect_message.h"
+#include "graph/errors.h"
+#include "graph/registry.h"
+#include "mesh/sample_meshes.h"
+#include "ops/interpolate_binding.h"
+#include "ops/interpolate_shape.h"
+#include "strands/guide.h"
+#include "strands/strand_changes.h"
+#include "strands/strand_set.h"
+
+namespace velmorin {
+namespace {
+
+using test::expectMessage;
+
+std::shared_ptr<const ScalpMesh> head() {
+    static const auto mesh = makeHeadScalp(1);
+    return mesh;
+}
+
+// Straight strands over the head-like scalp: about 400 per unit of density.
+std::shared_ptr<const StrandSet> scatterOnHead(double density, std::int64_t seed = 0) {
+    auto scatter = OperatorRegistry::instance().create("Scatter");
+    scatter->paramSet.set("density", density);
+    scatter->paramSet.set("seed", seed);
+    EvalContext ctx;
+    ctx.resolution = 4;
+    return scatter->evaluate(ctx, {head(), Value()}).get<StrandSet>();
+}
+
+// Guides rooted where a sparse scatter put its roots, each bent its own way (hashed from its id),
+// of `points` points.
+std::shared_ptr<GuideSet> guidesOnHead(double density, std::size_t points = 6) {
+    const auto roots = scatterOnHead(density, 7);
+    auto guides = std::make_shared<GuideSet>();
+    for (std::size_t s = 0; s < roots->strandCount(); ++s) {
+        Guide guide;
+        guide.id = roots->ids()[s];
+        guide.root = roots->roots()[s];
+        const Vec3f start = roots->strandPoints(s)[0];
+        const Vec3f normal = head()->normalAt(guide.root);
+        // An arc of a circle: equal steps along it, so its points are where a strand of as many
+        // points that follows it exactly puts its own.
+        const Vec3f side = normalized(cross(normal, Vec3f{unitFloat(mix64(guide.id)) - 0.5f, 0.3f,
+                                                          unitFloat(mix64(guide.id + 1)) - 0.5f}),
+                                      {1, 0, 0});
+        const float turn = 0.5f + unitFloat(mix64(guide.id + 3));
+        for (std::size_t k = 0; k < points; ++k) {
+            const float a = turn * static_cast<float>(k) / static_cast<float>(points - 1);
+            guide.points.push_back(start + normal * (std::sin(a) * 1.5f) +
+                                   side * ((1.0f - std::cos(a)) * 1.5f));
+        }
+        guide.attributes["curl"] = unitFloat(mix64(guide.id + 2));
+        guides->guides.push_back(std::move(guide));
+    }
+    return guides;
+}
+
+struct Run {
+    std::shared_ptr<const StrandSet> strands;
+    std::shared_ptr<const GuideSet> guides;
+    bool scalp = true;
+};
+
+std::unique_ptr<Operator> makeInterpolate() {
+    return OperatorRegistry::instance().create("Interpolate");
+}
+
+std::shared_ptr<const StrandSet> interpolate(const Operator& op, const Run& run,
+                                             std::vector<std::string>* notes = nullptr) {
+    NoteList list;
+    EvalContext ctx;
+    ctx.notes = &list;
+    Value guides, scalp;
+    if (run.guides) guides = run.guides;
+    if (run.scalp) scalp = head();
+    const Value out = op.evaluate(ctx, {run.strands, guides, scalp});
+    if (notes) *notes = list.take();
+    return out.get<StrandSet>();
+}
+
+std::vector<std::uint32_t> bitsOf(std::span<const Vec3f> points) {
+    std::vector<std::uint32_t> bits(points.size() * 3);
+    std::memcpy(bits.data(), points.data(), points.size_bytes());
+    return bits;
+}
+
+float distance(const Vec3f& a, const Vec3f& b) {
+    return length(a - b);
+}
+
+TEST(Interpolate, IsRegisteredWithItsTextsPortsAndParams) {
+    const OperatorRegistry& registry = OperatorRegistry::instance();
+    const OperatorInfo* info = registry.info("Interpolate");
+    ASSERT_NE(info, nullptr);
+    EXPECT_EQ(info->category, "grow");
+    EXPECT_EQ(info->description, "Grows each root into a strand shaped like the guides around it.");
+    EXPECT_EQ(info->keywords, "children guides blend strands");
+    const auto op = makeInterpolate();
+    EXPECT_EQ(op->version(), 2);
+    const std::vector<PortSpec> ports = op->inputs();
+    ASSERT_EQ(ports.size(), 3u);
+    EXPECT_EQ(ports[0].name, "strands");
+    EXPECT_FALSE(ports[0].optional);
+    EXPECT_EQ(ports[1].type, PortType::Guides);
+    EXPECT_EQ(ports[2].type, PortType::Mesh);
+    EXPECT_TRUE(op->carriesInput(1));
+    EXPECT_FALSE(op->carriesInput(2));
+    EXPECT_FALSE(affectApplies(*op));
+    std::vector<std::string> names;
+    for (const ParamSpec& spec : op->params())
+        names.push_back(spec.name);
+    EXPECT_EQ(names, (std::vector<std::string>{"smoothness", "neighbors", "guideWeight", "blend",
+                                               "preserveLength", "keepClearance", "respectParts",
+                                               "followSurface", "limitDistance", "falloff", "take",
+                                               "influenceChannel", "regionMap", "regionChannel",
+                                               "fillTubes", "tubeBlend"}));
+    // The influence channel is written only with a limit.
+    EXPECT_TRUE(op->fixedChannels().empty());
+    op->paramSet.set("limitDistance", 2.0);
+    ASSERT_EQ(op->fixedChannels().size(), 1u);
+    EXPECT_EQ(op->fixedChannels()[0].name, "guideInfluence");
+}
+
+TEST(Interpolate, RefusesWhatItCannotRunWithTheArtistsWords) {
+    const auto op = makeInterpolate();
+    EvalContext ctx;
+    expectMessage<GraphError>(
+        [&] {
+            op->evaluate(ctx, {Value(), Value(), Value()});
+        },
+        "Interpolate: strands input not connected");
+    op->paramSet.values["take"] = std::string("twist");
+    expectMessage<GraphError>(
+        [&] {
+            interpolate(*op, {scatterOnHead(1.0), guidesOnHead(0.2)});
+        },
+        "Interpolate: take must be shape or length");
+}
+
+TEST(Interpolate, BadGuidesPassTheStrandsThroughWithANote) {
+    const auto strands = scatterOnHead(2.0);
+    const float nan = std::nanf("");
+    auto oneShort = std::make_shared<GuideSet>();
+    oneShort->guides.emplace_back();
+    oneShort->guides[0].id = 1;
+    oneShort->guides[0].points = {{0, 0, 0}};
+    auto withNan = std::make_shared<GuideSet>(*oneShort);
+    withNan->guides.emplace_back();
+    withNan->guides[1].id = 2;
+    withNan->guides[1].points = {{0, 0, 0}, {nan, 1, 0}};
+    const std::string none =
+        "no guides: place some with the guide tools; the strands keep their incoming shape";
+    struct Case {
+        std::shared_ptr<const GuideSet> guides;
+        std::vector<std::string> notes;
+    };
+    const std::vector<Case> cases = {
+        {nullptr, {none}},
+        {std::make_shared<GuideSet>(), {none}},
+        {oneShort,
+         {"1 guide has fewer than 2 points or points that are not numbers: it shapes no strand "
+          "(redraw it with the guide tools)",
+          none}},
+        {withNan,
+         {"2 guides have fewer than 2 points or points that are not numbers: they shape no "
+          "strand (redraw them with the guide tools)",
+          none}},
+    };
+    for (const Case& c : cases) {
+        std::vector<std::string> notes;
+        const auto out = interpolate(*makeInterpolate(), {strands, c.guides}, &notes);
+        EXPECT_EQ(out, strands);
+        EXPECT_EQ(notes, c.notes);
+    }
+    // A bad guide beside good ones shapes nothing and stops nothing.
+    auto mixed = guidesOnHead(0.2);
+    mixed->guides.push_back(withNan->guides[1]);
+    std::vector<std::string> notes;
+    const auto out = interpolate(*makeInterpolate(), {strands, mixed}, &notes);
+    EXPECT_NE(out, strands);
+    ASSERT_EQ(notes.size(), 1u);
+    EXPECT_TRUE(std::all_of(out->points().begin(), out->points().end(),
+                            [](const Vec3f& p) { return std::isfinite(p.x + p.y + p.z); }));
+}
+
+TEST(Interpolate, AStrandOnAGuidesRootTakesThatGuidesShape) {
+    const auto guides = guidesOnHead(0.2, 5);
+    // One strand of five points on each guide's root, built by hand.
+    auto strands = std::make_shared<StrandSet>();
+    for (const Guide& guide : guides->guides) {
+        const Vec3f p = guide.points[0];
+        const Vec3f line[5] = {p, p + Vec3f{0, 0.1f, 0}, p + Vec3f{0, 0.2f, 0},
+                               p + Vec3f{0, 0.3f, 0}, p + Vec3f{0, 0.4f, 0}};
+        strands->addStrand(guide.id, guide.root, line);
+    }
+    for (const std::int64_t neighbors : {1, 3, 8}) {
+        for (const double smoothness : {0.0, 0.5, 1.0}) {
+            const auto op = makeInterpolate();
+            op->paramSet.set("neighbors", neighbors);
+            op->paramSet.set("smoothness", smoothness);
+            const auto out = interpolate(*op, {strands, guides});
+            for (std::size_t s = 0; s < out->strandCount(); ++s) {
+                const auto points = out->strandPoints(s);
+                const Guide& guide = guides->guides[s];
+                const float span = distance(guide.points.back(), guide.points[0]);
+                for (std::size_t k = 0; k < points.size(); ++k)
+                    ASSERT_LT(distance(points[k], guide.points[k]), span * 2e-4f)
+                        << "strand " << s << " point " << k << " neighbors " << neighbors;
+            }
+            // Its guide layer comes with it.
+            const auto* curl = out->strandChannel("curl");
+            ASSERT_NE(curl, nullptr);
+            for (std::size_t s = 0; s < out->strandCount(); ++s)
+                ASSERT_NEAR((*curl)[s], guides->guides[s].attributes.at("curl"), 1e-3f);
+        }
+    }
+}
+
+// Strands and guide roots from Scatter, bound directly.
+struct Bound {
+    std::vector<Vec3f> strandRoots, guideRoots;
+    std::vector<std::int32_t> strandLabels, guideLabels;
+};
+
+Bound boundRoots(double strandDensity, double guideDensity) {
+    Bound b;
+    const auto strands = scatterOnHead(strandDensity);
+    for (std::size_t s = 0; s < strands->strandCount(); ++s)
+        b.strandRoots.push_back(strands->strandPoints(s)[0]);
+    const auto guides = scatterOnHead(guideDensity, 3);
+    for (std::size_t s = 0; s < guides->strandCount(); ++s)
+        b.guideRoots.push_back(guides->strandPoints(s)[0]);
+    return b;
+}
+
+BindingInputs inputsOf(const Bound& b) {
+    BindingInputs inputs;
+    inputs.strandRoots = b.strandRoots;
+    inputs.guideRoots = b.guideRoots;
+    inputs.strandLabels = b.strandLabels;
+    inputs.guideLabels = b.guideLabels;
+    return inputs;
+}
+
+TEST(InterpolateBinding, WeightsOfEveryBoundStrandAddToOneExactly) {
+    const Bound b = boundRoots(6.0, 0.3);
+    for (const std::int64_t neighbors : {1, 2, 3, 8, 16}) {
+        for (const double smoothness : {0.0, 0.25, 0.5, 0.8, 1.0}) {
+            const auto settings = makeInterpolateSettings(
+                smoothness, neighbors, b.guideRoots.size(), false, 0, false, false);
+            const auto state = bindStrands(settings, inputsOf(b));
+            ASSERT_EQ(state->binding.strandCount, b.strandRoots.size());
+            for (const auto& chunk : state->binding.chunks) {
+                for (std::size_t k = 0; k < chunk->strandCount(); ++k) {
+                    ASSERT_TRUE(chunk->found[k]);
+                    std::uint32_t total = 0;
+                    for (std::uint32_t r = chunk->recordStart[k]; r < chunk->recordStart[k + 1];
+                         ++r)
+                        total += chunk->weights[r] + 1u;
+                    ASSERT_EQ(total, 65536u) << "neighbors " << neighbors;
+                    if (neighbors == 1) {
+                        ASSERT_EQ(chunk->recordStart[k + 1] - chunk->recordStart[k], 1u);
+                    }
+                }
+            }
+        }
+    }
+}
+
+TEST(InterpolateBinding, SettingsFollowSmoothnessAndTheGuideCount) {
+    struct Case {
+        double smoothness;
+        std::int64_t neighbors;
+        std::size_t guides;
+        float reachScale, power;
+        unsigned kept, candidates;
+    };
+    const Case cases[] = {
+        {0.5, 3, 100, 1.5f, 2.0f, 3, 14}, {0.0, 3, 100, 1.0f, 6.0f, 3, 14},
+        {1.0, 3, 100, 3.0f, 1.0f, 3, 14}, {0.25, 1, 100, 1.25f, 4.0f, 1, 1},
+        {0.5, 16, 5, 1.5f, 2.0f, 5, 5},   {0.5, 2, 100, 1.5f, 2.0f, 2, 10},
+        {0.5, 1, 0, 1.5f, 2.0f, 0, 0},
+    };
+    for (const Case& c : cases) {
+        const auto s =
+            makeInterpolateSettings(c.smoothness, c.neighbors, c.guides, false, 0, false, false);
+        EXPECT_FLOAT_EQ(s.reachScale, c.reachScale) << c.smoothness;
+        EXPECT_FLOAT_EQ(s.power, c.power) << c.smoothness;
+        EXPECT_EQ(s.kept, c.kept);
+        EXPECT_EQ(s.candidates, c.candidates);
+    }
+    // Parts or the surface walk widen nearest mode's search.
+    EXPECT_EQ(makeInterpolateSettings(0.5, 1, 100, true, 0, false, false).candidates, 8u);
+}
+
+TEST(InterpolateBinding, TwinGuidesAndAStrandOnThemDivideNothingByZero) {
+    const std::vector<Vec3f> guides = {{0, 0, 0}, {0, 0, 0}, {1, 0, 0}, {0, 0, 1}};
+    const std::vector<Vec3f> strands = {{0, 0, 0}, {0.5f, 0, 0}, {0.3f, 0, 0.3f}};
+    BindingInputs inputs;
+    inputs.strandRoots = strands;
+    inputs.guideRoots = guides;
+    const auto state =
+        bindStrands(makeInterpolateSettings(0.5, 3, guides.size(), false, 0, false, false), inputs);
+    const BindingChunk& chunk = *state->binding.chunks[0];
+    for (std::size_t k = 0; k < strands.size(); ++k) {
+        EXPECT_TRUE(chunk.found[k]);
+        EXPECT_EQ(chunk.next2[k], kInfiniteDistance) << "twins make the next distance unclean";
+    }
+    // The strand on the twins goes to them alone.
+    for (std::uint32_t r = chunk.recordStart[0]; r < chunk.recordStart[1]; ++r)
+        EXPECT_LT(chunk.guides[r], 2u);
+}
+
+TEST(InterpolateBinding, StrandsOfOneRegionNeverTakeAGuideOfAnother) {
+    Bound b = boundRoots(4.0, 0.4);
+    // Three bands across the head by height; the guides of band 2 are left out, so its strands
+    // blend the guides of every region.
+    const auto band = [](const Vec3f& p) { return static_cast<std::int32_t>(std::floor(p.y)) % 3; };
+    for (const Vec3f& p : b.strandRoots)
+        b.strandLabels.push_back(band(p) < 0 ? 0 : band(p));
+    for (const Vec3f& p : b.guideRoots)
+        b.guideLabels.push_back(band(p) == 2 || band(p) < 0 ? -1 : band(p));
+    const auto state = bindStrands(
+        makeInterpolateSettings(0.5, 3, b.guideRoots.size(), false, 0, false, false), inputsOf(b));
+    ASSERT_EQ(state->regionLabels, (std::vector<std::int32_t>{0, 1}));
+    std::size_t crossing = 0;
+    for (const auto& chunk : state->binding.chunks) {
+        for (std::size_t k = 0; k < chunk->strandCount(); ++k) {
+            const std::size_t s = chunk->firstStrand + k;
+            for (std::uint32_t r = chunk->recordStart[k]; r < chunk->recordStart[k + 1]; ++r) {
+                const std::int32_t guideRegion = state->guideRegions[chunk->guides[r]];
+                if (b.strandLabels[s] == 2) {
+                    crossing += guideRegion >= 0 ? 1 : 0;
+                    EXPECT_EQ(state->strandLists[s], 0);
+                } else {
+                    ASSERT_EQ(guideRegion, b.strandLabels[s]) << "strand " << s;
+                }
+            }
+        }
+    }
+    EXPECT_GT(crossing, 0u);
+}
+
+TEST(InterpolateBinding, AStrandAcrossAPartFromItsGuidesKeepsThemAll) {
+    // Guides either side of a part line along z at x = 0, strands on the plane y = 0.
+    std::vector<Vec3f> guides, strands, normals;
+    for (int i = -3; i <= 3; ++i) {
+        guides.push_back({-0.5f, 0, static_cast<float>(i)});
+        guides.push_back({0.5f, 0, static_cast<float>(i)});
+    }
+    for (int i = 0; i < 40; ++i) {
+        strands.push_back({-1.5f + 0.075f * static_cast<float>(i), 0, 0.37f});
+        normals.push_back({0, 1, 0});
+    }
+    strands.push_back({-3.2f, 0, 0.1f});
+    normals.push_back({0, 1, 0});
+    BindingInputs inputs;
+    inputs.strandRoots = strands;
+    inputs.strandNormals = normals;
+    inputs.guideRoots = guides;
+    inputs.parts = makePartsSnapshot({{{0, 0, -10}, {0, 0, 10}}, {{-2, 0, -0.05f}, {-2, 0, 10}}});
+    const auto state =
+        bindStrands(makeInterpolateSettings(0.5, 3, guides.size(), false, 0, true, false), inputs);
+    const BindingChunk& chunk = *state->binding.chunks[0];
+    for (std::size_t k = 0; k + 1 < strands.size(); ++k) {
+        ASSERT_GT(chunk.recordStart[k + 1], chunk.recordStart[k]);
+        for (std::uint32_t r = chunk.recordStart[k]; r < chunk.recordStart[k + 1]; ++r) {
+            const float side = guides[chunk.guides[r]].x;
+            if (strands[k].x > -2.0f && side > -2.0f) {
+                ASSERT_EQ(side > 0.0f, strands[k].x > 0.0f) << "strand " << k;
+            }
+        }
+    }
+    // Every candidate of the last strand lies across the second part: it keeps them all.
+    EXPECT_GT(chunk.recordStart[strands.size()] - chunk.recordStart[strands.size() - 1], 1u);
+}
+
+TEST(Interpolate, AStrandBeyondTheLimitKeepsItsIncomingShape) {
+    const auto strands = scatterOnHead(3.0);
+    auto guides = std::make_shared<GuideSet>();
+    // Guides only over the front part of the head.
+    const auto all = guidesOnHead(0.3);
+    for (const Guide& guide : all->guides)
+        if (guide.points[0].z > 1.0f) guides->guides.push_back(guide);
+    ASSERT_GT(guides->guides.size(), 5u);
+    const auto op = makeInterpolate();
+    op->paramSet.set("limitDistance", 1.0);
+    const auto out = interpolate(*op, {strands, guides});
+    const auto* influence = out->strandChannel("guideInfluence");
+    ASSERT_NE(influence, nullptr);
+    std::size_t beyond = 0, within = 0;
+    for (std::size_t s = 0; s < strands->strandCount(); ++s) {
+        const Vec3f root = strands->strandPoints(s)[0];
+        float nearest = 1e30f;
+        for (const Guide& guide : guides->guides)
+            nearest = std::min(nearest, distance(root, guide.points[0]));
+        if (nearest >= 1.0001f) {
+            ++beyond;
+            ASSERT_EQ((*influence)[s], 0.0f);
+            ASSERT_EQ(bitsOf(out->strandPoints(s)), bitsOf(strands->strandPoints(s)));
+        } else if (nearest < 0.5f) {
+            ++within;
+            ASSERT_GT((*influence)[s], 0.0f);
+            ASSERT_NE(bitsOf(out->strandPoints(s)), bitsOf(strands->strandPoints(s)));
+        }
+        ASSERT_EQ(bitsOf(out->strandPoints(s).first(1)), bitsOf(strands->strandPoints(s).first(1)));
+    }
+    EXPECT_GT(beyond, 100u) << within;
+    EXPECT_GT(within, 30u) << beyond;
+}
+
+TEST(InterpolateBinding, TheFlatTableReadsBackAsTheChunksNarrowAndWide) {
+    for (const std::size_t guideCount : {std::size_t{300}, kNarrowGuideLimit + 20}) {
+        // Guides on a grid of the plane, strands between them.
+        std::vector<Vec3f> guides, strands;
+        const auto side = static_cast<std::size_t>(std::ceil(std::sqrt(double(guideCount))));
+        for (std::size_t g = 0; g < guideCount; ++g)
+            guides.push_back({static_cast<float>(g % side), 0, static_cast<float>(g / side)});
+        for (std::size_t s = 0; s < 3000; ++s)
+            strands.push_back({unitFloat(mix64(s)) * side, 0, unitFloat(mix64(s + 99)) * side});
+        BindingInputs inputs;
+        inputs.strandRoots = strands;
+        inputs.guideRoots = guides;
+        const auto state = bindStrands(
+            makeInterpolateSettings(1.0, 16, guides.size(), false, 0, false, false), inputs);
+        const FlatBinding flat = flattenBinding(state->binding);
+        const bool wide = guideCount > kNarrowGuideLimit;
+        EXPECT_EQ(flat.wide, wide);
+        std::size_t s = 0;
+        bool sawLong = false;
+        for (const auto& chunk : state->binding.chunks) {
+            for (std::size_t k = 0; k < chunk->strandCount(); ++k, ++s) {
+                const std::uint32_t word = flat.strandWords[2 * s];
+                std::uint32_t start = word >> 6, count = word & 31u;
+                if (count == 31) {
+                    count = flat.records[start++];
+                    sawLong = true;
+                }
+                ASSERT_EQ(count, chunk->recordStart[k + 1] - chunk->recordStart[k]);
+                ASSERT_EQ(flat.strandWords[2 * s + 1], floatBits(chunk->nearest2[k]));
+                for (std::uint32_t i = 0; i < count; ++i) {
+                    const std::uint32_t r = chunk->recordStart[k] + i;
+                    const std::uint32_t guide =
+                        wide ? flat.records[start + 2 * i] : flat.records[start + i] & 0xFFFFu;
+                    const std::uint32_t weight =
+                        wide ? flat.records[start + 2 * i + 1] : flat.records[start + i] >> 16;
+                    ASSERT_EQ(guide, chunk->guides[r]);
+                    ASSERT_EQ(weight, chunk->weights[r]);
+                }
+            }
+        }
+        EXPECT_TRUE(sawLong) << "16 soft neighbours make strands of 31 records or more";
+    }
+}
+
+TEST(Interpolate, OneAndTwoThreadsMakeTheSameBits) {
+    const auto strands = scatterOnHead(8.0);
+    const auto guides = guidesOnHead(0.4);
+    for (const char* blend : {"offsets", "directions"}) {
+        std::vector<std::uint32_t> bits[2];
+        for (const int threads : {1, 2}) {
+            runWithThreads(threads, [&] {
+                const auto op = makeInterpolate();
+                op->paramSet.set("blend", std::string(blend));
+                op->paramSet.set("limitDistance", 1.5);
+                bits[threads - 1] = bitsOf(interpolate(*op, {strands, guides})->points());
+            });
+        }
+        EXPECT_EQ(bits[0], bits[1]) << blend;
+    }
+}
+
+TEST(InterpolateBinding, RebindingAfterMovedGuidesEqualsAFullBinding) {
+    const Bound b = boundRoots(8.0, 0.4);
+    const auto settings =
+        makeInterpolateSettings(0.5, 3, b.guideRoots.size(), false, 0, false, false);
+    const auto before = bindStrands(settings, inputsOf(b));
+    for (const std::size_t moved : {std::size_t{0}, std::size_t{17}, b.guideRoots.size() / 2}) {
+        Bound after = b;
+        after.guideRoots[moved] += Vec3f{0.2f, 0.05f, -0.1f};
+        std::size_t rebuilt = 0;
+        const auto updated = rebindStrands(before, settings, inputsOf(after), &rebuilt);
+        const auto full = bindStrands(settings, inputsOf(after));
+        EXPECT_GT(rebuilt, 0u);
+        EXPECT_LT(rebuilt, b.strandRoots.size() / 4);
+        std::size_t shared = 0;
+        for (std::size_t c = 0; c < full->binding.chunks.size(); ++c) {
+            const BindingChunk& x = *updated->binding.chunks[c];
+            const BindingChunk& y = *full->binding.chunks[c];
+            shared += updated->binding.chunks[c] == before->binding.chunks[c] ? 1 : 0;
+            ASSERT_EQ(x.recordStart, y.recordStart) << "chunk " << c;
+            ASSERT_EQ(x.weights, y.weights);
+            ASSERT_EQ(x.guides, y.guides);
+            ASSERT_EQ(0, std::memcmp(x.nearest2.data(), y.nearest2.data(), x.nearest2.size() * 4));
+            ASSERT_EQ(0, std::memcmp(x.next2.data(), y.next2.data(), x.next2.size() * 4));
+        }
+        EXPECT_GT(shared, full->binding.chunks.size() / 2);
+    }
+}
+
+TEST(Interpolate, MovingOneGuideRedoesOnlyItsStrandsAndEqualsAFullRun) {
+    const auto strands = scatterOnHead(10.0);
+    const auto guides = guidesOnHead(0.5);
+    const auto op = makeInterpolate();
+    const auto first = interpolate(*op, {strands, guides});
+    auto moved = std::make_shared<GuideSet>(*guides);
+    const std::size_t g = moved->guides.size() / 3;
+    for (std::size_t k = 1; k < moved->guides[g].points.size(); ++k)
+        moved->guides[g].points[k] += Vec3f{0.3f, 0.1f, 0.0f} * static_cast<float>(k);
+
+    const auto none = std::make_shared<StrandChanges>();
+    none->all = false;
+    none->sameLayout = true;
+    const std::vector<std::shared_ptr<const StrandChanges>> changes = {none, nullptr, none};
+    IncrementalInputs incremental;
+    incremental.previous = first;
+    incremental.changes = changes;
+    EvalContext ctx;
+    Value out;
+    StrandChanges made;
+    ASSERT_TRUE(op->evaluateIncremental(ctx, {strands, moved, head()}, incremental, &out, &made));
+    const auto updated = out.get<StrandSet>();
+    const auto full = interpolate(*makeInterpolate(), {strands, moved});
+    EXPECT_EQ(updated->contentHash(), full->contentHash());
+    ASSERT_FALSE(made.all);
+    EXPECT_GT(made.strands.size(), 0u);
+    EXPECT_LT(made.strands.size(), strands->strandCount() / 10);
+    // Exactly the listed strands differ from the run before.
+    std::size_t listed = 0;
+    for (std::size_t s = 0; s < strands->strandCount(); ++s) {
+        const bool differs = bitsOf(first->strandPoints(s)) != bitsOf(updated->strandPoints(s));
+        const bool isListed = listed < made.strands.size() && made.strands[listed] == s;
+        listed += isListed ? 1 : 0;
+        if (differs) {
+            ASSERT_TRUE(isListed) << "strand " << s;
+        }
+    }
+    // A moved root needs the binding again: not incremental.
+    auto rooted = std::make_shared<GuideSet>(*moved);
+    rooted->guides[g].points[0] += Vec3f{0.01f, 0, 0};
+    EXPECT_FALSE(op->evaluateIncremental(ctx, {strands, rooted, head()}, incremental, &out, &made));
+}
+
+}  // namespace
+}  // namespace velmorin
