@@ -116,5 +116,30 @@ void BM_ShapeTwistClumps(benchmark::State& state) {
 }
 BENCHMARK(BM_ShapeTwistClumps)->Unit(benchmark::kMillisecond)->UseRealTime();
 
+// Helix curls with spacing noise and weight; arg 1 curls by clump, its axes made in every run as
+// a Curl does.
+void BM_ShapeCurl(benchmark::State& state) {
+    CurlSettings settings;
+    settings.frequency = 3.0f;
+    settings.spacingRandom = 0.3f;
+    settings.weight = 0.5f;
+    const bool byClump = state.range(0) != 0;
+    pointsRun(state, [&](const StrandSet& in, std::span<Vec3f> out) {
+        ClumpAxes axes;
+        if (byClump) {
+            axes = clumpAxes(in, *in.strandChannel("clumpId"));
+            settings.clumps = &axes;
+            settings.clumpChannel = in.strandChannel("clumpId");
+        }
+        curlStrands(in, settings, StrandSelection::every(), out);
+    });
+}
+BENCHMARK(BM_ShapeCurl)
+    ->ArgName("clump")
+    ->Arg(0)
+    ->Arg(1)
+    ->Unit(benchmark::kMillisecond)
+    ->UseRealTime();
+
 }  // namespace
 }  // namespace velmorin

@@ -26,6 +26,7 @@ void registerBuiltinOperators(OperatorRegistry& registry) {
     registerTransformOperator(registry);
     registerTwistOperator(registry);
     registerNoiseOperator(registry);
+    registerCurlOperator(registry);
     registerMapOperator(registry);
     registerExpressionOperator(registry);
     registerControlOperator(registry);

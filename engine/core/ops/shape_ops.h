@@ -103,10 +103,11 @@ struct CurlSettings {
     float phaseRandom = 0.0f;
     float weight = 0.0f;
     Vec3f weightDirection{0.0f, -1.0f, 0.0f};
+    std::uint64_t seed = 0;
     // With clump coherence: the clumps, which share phase, frequency and plane and curl around
     // their axis; null curls each strand on its own.
     const ClumpAxes* clumps = nullptr;
-    const std::vector<float>* clumpChannel = nullptr;
+    const std::vector<float>* clumpChannel = nullptr;  // per strand, the clumps' ids
 };
 void curlStrands(const StrandSet& input, const CurlSettings& settings,
                  const StrandSelection& selection, std::span<Vec3f> out);

@@ -21,6 +21,11 @@ std::vector<ShapeRun> busyRuns() {
                               {"mode", std::string("curvature")},
                               {"minSegments", std::int64_t{2}},
                               {"maxAngle", 20.0}}),
+        ShapeRun("Curl", {{"radius", 0.2},
+                          {"frequency", 1.5},
+                          {"spacingRandom", 0.3},
+                          {"phaseRandom", 1.0},
+                          {"weight", 0.5}}),
     };
 }
 
@@ -42,6 +47,7 @@ TEST(ShapeOps, RegisteredWithTheirTextsInMenuOrder) {
         {"Noise", "look",
          "Random displacement; on a fraction of the strands at a high frequency, frizz.",
          "frizz random jitter"},
+        {"Curl", "look", "Helical curls around each strand.", "coil wave helix kinky afro"},
     };
     const OperatorRegistry& registry = OperatorRegistry::instance();
     for (const Entry& entry : entries) {

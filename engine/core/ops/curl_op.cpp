@@ -1,0 +1,430 @@
+#include <algorithm>
+#include <cmath>
+#include <numbers>
+
+#include "graph/delivered_params.h"
+#include "graph/registry.h"
+#include "ops/shape_ops.h"
+
+namespace velmorin {
+
+namespace {
+
+constexpr float kTwoPi = 2.0f * std::numbers::pi_v<float>;
+
+// How many turns one knot of the spacing noise spans: the frequency varies every turn or two.
+constexpr float kTurnsPerSpacingKnot = 1.5f;
+
+float smoothstep01(float x) {
+    x = std::clamp(x, 0.0f, 1.0f);
+    return x * x * (3.0f - 2.0f * x);
+}
+
+// A smooth signed noise of one variable, -1 to 1: random knots one apart, eased between.
+float spacingNoise(std::uint64_t hash, float x) {
+    const float cell = std::floor(x);
+    const auto knot = static_cast<std::int64_t>(cell);
+    const float a = 2.0f * unitFloat(hashCombine(hash, static_cast<std::uint64_t>(knot))) - 1.0f;
+    const float b =
+        2.0f * unitFloat(hashCombine(hash, static_cast<std::uint64_t>(knot + 1))) - 1.0f;
+    return a + (b - a) * smoothstep01(x - cell);
+}
+
+// A triangle wave of the turn u (in turns): 0 at 0, 1 at a quarter, -1 at three quarters, like a
+// sine but with sharp corners.
+float triangleWave(float u) {
+    const float shifted = u + 0.75f;
+    return 4.0f * std::abs(shifted - std::floor(shifted) - 0.5f) - 1.0f;
+}
+
+// What a strand (or its clump) draws: a strand's own id, or with clump coherence its clump's
+// channel value, so that every strand of a clump draws alike.
+struct CurlDraws {
+    float frequencyScale = 1.0f;
+    float phaseTurns = 0.0f;
+    float planeAngle = 0.0f;
+    std::uint64_t spacingHash = 0;
+};
+
+CurlDraws drawCurl(std::uint64_t id, const CurlSettings& settings) {
+    StrandDraws draws(id, settings.seed);
+    CurlDraws out;
+    out.frequencyScale = 1.0f + settings.randomness * draws.nextSigned();
+    out.phaseTurns = settings.phase + settings.phaseRandom * draws.next();
+    out.planeAngle = kTwoPi * draws.next();
+    out.spacingHash = hashCombine(id, hashCombine(settings.seed, 0x73706163696e67ull));
+    return out;
+}
+
+}  // namespace
+
+void curlStrands(const StrandSet& input, const CurlSettings& settings,
+                 const StrandSelection& selection, std::span<Vec3f> out) {
+    const bool radiusMapped = settings.radius.isMapped();
+    const float plainRadius = settings.radius.value();
+    const std::span<const std::uint64_t> ids = input.ids();
+    const std::span<const float> widths = input.widths();
+    const bool byClump = settings.clumps && settings.clumpChannel;
+    const bool coil = settings.shape == CurlShape::Coil;
+    const bool planar = settings.shape == CurlShape::Wave || settings.shape == CurlShape::Zigzag;
+    const Vec3f pull = normalized(settings.weightDirection);
+    const bool weighted = settings.weight > 0.0f && lengthSquared(pull) > 0.0f;
+    // Nothing to curl: every strand goes through bit for bit.
+    const bool idle = settings.frequency == 0.0f ||
+                      (!coil && !radiusMapped && plainRadius == 0.0f) ||
+                      (coil && settings.coilWidths == 0.0f);
+
+    // First pass: the frames carried along each clump's axis, which its strands share.
+    constexpr std::size_t kAxisSegments = ClumpAxes::kAxisPoints - 1;
+    std::vector<SegmentFrame> clumpFrames;
+    if (byClump && !idle) {
+        const ClumpAxes& clumps = *settings.clumps;
+        clumpFrames.resize(clumps.clumpCount * kAxisSegments);
+        parallelRange(0, clumps.clumpCount, 256, [&](std::size_t first, std::size_t last) {
+            for (std::size_t c = first; c < last; ++c)
+                transportFrames(
+                    clumps.axisPoints(c),
+                    std::span<SegmentFrame>(clumpFrames).subspan(c * kAxisSegments, kAxisSegments));
+        });
+    }
+
+    forSelectedChunks(input.strandCount(), selection, [&](std::size_t first, std::size_t last) {
+        std::vector<float> arcs;
+        std::vector<SegmentFrame> frames;
+        std::vector<float> hanging;
+        for (std::size_t i = first; i < last; ++i) {
+            const std::size_t s = selection.strand(i);
+            const std::span<const Vec3f> points = input.strandPoints(s);
+            const std::size_t begin = input.pointRange(s).begin;
+            const std::size_t n = points.size();
+            std::copy(points.begin(), points.end(), out.begin() + begin);
+            if (n < 2 || idle) continue;
+            arcs.resize(n);
+            const float total = arcLengths(points, arcs);
+            if (!(total > 0.0f)) continue;
+
+            // The axis the curl winds around: the strand's own line, or its clump's middle.
+            std::span<const Vec3f> axis;
+            std::span<const float> axisArcs;
+            std::span<const SegmentFrame> axisFrames;
+            std::uint64_t drawId = ids[s];
+            if (byClump) {
+                const std::uint32_t clump = settings.clumps->clumpOf[s];
+                axis = settings.clumps->axisPoints(clump);
+                axisArcs = settings.clumps->axisArcs(clump);
+                axisFrames = std::span<const SegmentFrame>(clumpFrames)
+                                 .subspan(clump * kAxisSegments, kAxisSegments);
+                drawId = mix64(floatBits((*settings.clumpChannel)[s]));
+            }
+            const bool ownAxis = axis.empty() || !(axisArcs.back() > 0.0f);
+            if (ownAxis) {
+                frames.resize(n - 1);
+                transportFrames(points, frames);
+                axis = points;
+                axisArcs = arcs;
+                axisFrames = frames;
+            }
+            const float axisLength = axisArcs.back();
+            const CurlDraws draws = drawCurl(drawId, settings);
+            // The radius varies by the strand's own draw even within a clump.
+            StrandDraws own(ids[s], hashCombine(settings.seed, 1));
+            const float radiusScale = 1.0f + settings.randomness * own.nextSigned();
+            const float frequency = settings.frequency * draws.frequencyScale;
+            const float widest = settings.shape == CurlShape::Zigzag ? 0.25f : 1.0f / kTwoPi;
+            const float planeCos = planar ? std::cos(draws.planeAngle) : 1.0f;
+            const float planeSin = planar ? std::sin(draws.planeAngle) : 0.0f;
+
+            // The turns hanging below each point along the pull, for the weight's stretch.
+            if (weighted) {
+                hanging.assign(n, 0.0f);
+                for (std::size_t k = n - 1; k-- > 0;) {
+                    const float ds = arcs[k + 1] - arcs[k];
+                    const Vec3f along = normalized(points[k + 1] - points[k]);
+                    const float t = 0.5f * (arcs[k] + arcs[k + 1]) / total;
+                    const float hang = std::max(0.0f, dot(along, pull));
+                    hanging[k] =
+                        hanging[k + 1] + frequency * settings.frequencyProfile.at(t) * hang * ds;
+                }
+            }
+
+            float turns = 0.0f;  // since the root, without the phase
+            float rate = frequency * settings.frequencyProfile.at(0.0f);
+            float axial = 0.0f;  // how far along its own line the curled strand reaches
+            float lastX = 0.0f;
+            float lastY = 0.0f;
+            std::size_t strandSegment = 0;
+            std::size_t axisSegment = 0;
+            for (std::size_t k = 1; k < n; ++k) {
+                const float ds = arcs[k] - arcs[k - 1];
+                const float t = arcs[k] / total;
+                // The turn angle integrates the frequency along the curl's own length, the spacing
+                // noise riding on the frequency.
+                float nextRate = frequency * settings.frequencyProfile.at(t);
+                if (settings.spacingRandom > 0.0f)
+                    nextRate *=
+                        1.0f + settings.spacingRandom *
+                                   spacingNoise(draws.spacingHash, turns / kTurnsPerSpacingKnot);
+                turns += 0.5f * (rate + nextRate) * ds;
+                rate = nextRate;
+
+                float radius = coil ? settings.coilWidths *
+                                          (begin + k < widths.size() ? widths[begin + k] : 0.0f)
+                                    : (radiusMapped ? settings.radius.atPoint(s, k) : plainRadius);
+                radius *= radiusScale * settings.profile.at(t) * smoothstep01(turns / 0.25f);
+                // A turn can't reach further around than its own length: wider curls are held
+                // to a flat circle (a zigzag to its straight flanks), so the strand keeps its
+                // length.
+                if (rate > 0.0f) radius = std::min(radius, widest / rate);
+                if (weighted && hanging[k] > 0.0f && rate > 0.0f && radius > 0.0f) {
+                    // A turn keeps its length while its spacing stretches, so its radius narrows;
+                    // stretched past its length the curl goes straight.
+                    const float around = std::min(1.0f, kTwoPi * radius * rate);
+                    const float spacing = std::sqrt(1.0f - around * around);
+                    const float stretched =
+                        std::min(1.0f, spacing * (1.0f + settings.weight * hanging[k] / 10.0f));
+                    radius =
+                        std::min(radius, std::sqrt(1.0f - stretched * stretched) / (kTwoPi * rate));
+                }
+
+                const float angle = kTwoPi * (turns + draws.phaseTurns);
+                float x = 0.0f;
+                float y = 0.0f;
+                switch (settings.shape) {
+                    case CurlShape::Helix:
+                    case CurlShape::Coil:
+                        x = radius * std::cos(angle);
+                        y = radius * std::sin(angle);
+                        break;
+                    case CurlShape::Wave:
+                        x = radius * std::sin(angle);
+                        break;
+                    case CurlShape::Zigzag:
+                        x = radius * triangleWave(turns + draws.phaseTurns);
+                        break;
+                }
+                // The segment keeps its length: what the offset takes of it comes off the way
+                // along the line, which shrinks the axis.
+                float dx = x - lastX;
+                float dy = y - lastY;
+                const float step = dx * dx + dy * dy;
+                if (step > ds * ds) {
+                    // Where the radius grows faster than the segment's length allows (easing in,
+                    // a profile's steep rise), the offset lags behind to keep the length.
+                    const float keep = ds / std::sqrt(step);
+                    dx *= keep;
+                    dy *= keep;
+                    x = lastX + dx;
+                    y = lastY + dy;
+                }
+                axial += std::sqrt(std::max(0.0f, ds * ds - dx * dx - dy * dy));
+                lastX = x;
+                lastY = y;
+
+                const Vec3f center = pointAtArc(points, arcs, axial, strandSegment);
+                // The frame at the same share of the axis's length.
+                if (ownAxis)
+                    axisSegment = strandSegment;
+                else
+                    pointAtArc(axis, axisArcs, axial / total * axisLength, axisSegment);
+                const SegmentFrame& frame =
+                    axisFrames[std::min(axisSegment, axisFrames.size() - 1)];
+                const Vec3f across = frame.normal * planeCos + frame.binormal * planeSin;
+                const Vec3f up = frame.binormal * planeCos - frame.normal * planeSin;
+                out[begin + k] = center + across * x + up * y;
+            }
+        }
+    });
+}
+
+namespace {
+
+ParamSpec choiceParam(std::string name, std::string value, std::vector<std::string> choices,
+                      std::string description) {
+    ParamSpec spec = shapeParam(std::move(name), std::move(value), std::move(description));
+    spec.choices = std::move(choices);
+    spec.animatable = false;
+    return spec;
+}
+
+CurlShape curlShapeOf(const std::string& shape) {
+    if (shape == "wave") return CurlShape::Wave;
+    if (shape == "zigzag") return CurlShape::Zigzag;
+    if (shape == "coil") return CurlShape::Coil;
+    return CurlShape::Helix;
+}
+
+// Helical curls around each strand.
+class CurlOp final : public Operator {
+  public:
+    std::string type() const override { return "Curl"; }
+    std::string category() const override { return "look"; }
+    std::vector<PortSpec> inputs() const override { return {{"strands", PortType::Strands}}; }
+    std::vector<ParamSpec> params() const override {
+        ParamSpec radius = shapeParam("radius", 0.05,
+                                      "Curl radius, scene units (mappable, per point); a coil's is "
+                                      "coilWidths");
+        radius.min = 0.0;
+        radius.softMax = 0.5;
+        radius.unit = "length";
+        ParamSpec frequency = shapeParam("frequency", 0.4, "Turns per unit of length");
+        frequency.min = 0.0;
+        frequency.softMax = 10.0;
+        ParamSpec frequencyProfile =
+            shapeParam("frequencyProfile", Ramp{},
+                       "Frequency along the length, root to tip, a share of frequency (the "
+                       "tightest): curls loosening or tightening toward the tip");
+        ParamSpec shape = choiceParam(
+            "shape", "helix", {"helix", "wave", "zigzag", "coil"},
+            "helix: around the strand; wave: a planar sine; zigzag: sharp planar kinks (kinky "
+            "hair); coil: a tight helix coilWidths strand widths across (coily hair)");
+        ParamSpec coilWidths = shapeParam("coilWidths", 3.0,
+                                          "Coil: its radius in strand widths at each point (the "
+                                          "widths the strands carry: put a Width node before it)");
+        coilWidths.min = 0.0;
+        coilWidths.softMax = 10.0;
+        coilWidths.showWhen = ShowWhen{"shape", {std::string("coil")}};
+        ParamSpec phase =
+            shapeParam("phase", 0.0, "Where along a turn every curl starts, in turns (0-1)");
+        phase.min = 0.0;
+        phase.max = 1.0;
+        phase.unit = "turns";
+        ParamSpec coherence = choiceParam(
+            "coherence", "strand", {"strand", "clump"},
+            "strand: each strand curls on its own; clump: the strands of a clump curl together "
+            "around its middle, with one phase, frequency and plane (ringlets; after a Clump)");
+        ParamSpec channel = shapeParam("clumpChannel", std::string("clumpId"),
+                                       "Coherence clump: the channel naming each strand's clump "
+                                       "(Clump writes clumpId)");
+        channel.channel = ChannelRole::Reads;
+        channel.channelOptional = true;
+        channel.animatable = false;
+        channel.showWhen = ShowWhen{"coherence", {std::string("clump")}};
+        ParamSpec weight = shapeParam(
+            "weight", 0.0,
+            "How much each part of a curl stretches under the hair hanging below it, 0 or more: "
+            "its turns spread apart where more turns hang below them along weightDirection (loose "
+            "at the root, tight at the tip; long ringlets more than short curls, hair lying across "
+            "it or pointing up barely), each turn keeping its length, so the radius narrows (an "
+            "overstretched curl goes straight). 0: none; 1: 10 turns hanging straight below a "
+            "point double its spacing");
+        weight.min = 0.0;
+        weight.softMax = 2.0;
+        ParamSpec weightDirection = shapeParam(
+            "weightDirection", Vec3f{0.0f, -1.0f, 0.0f},
+            "The way the weight pulls (world space): curls stretch where the strands hang along "
+            "it");
+        weightDirection.worldDirection = true;
+        ParamSpec tolerance = shapeParam(
+            "tolerance", 0.0,
+            "How far a straight segment may stray from the round curl, a share of its radius: "
+            "where the points coming in are too few a turn for it, Curl cuts each segment");
+        tolerance.min = 0.0;
+        tolerance.softMax = 0.5;
+        return {
+            radius,
+            frequency,
+            frequencyProfile,
+            fractionParam("randomness", 0.3, "Per-strand variation of radius and frequency, 0-1"),
+            fractionParam("spacingRandom", 0.0,
+                          "Smooth random variation of the spacing along each strand (each "
+                          "clump's with coherence clump), 0-1: the frequency varies by up to "
+                          "this share every turn or two"),
+            profileParam("Radius along the length, root to tip (eased in from 0 at the root "
+                         "over the first quarter turn)"),
+            shape,
+            coilWidths,
+            phase,
+            fractionParam("phaseRandom", 0.0,
+                          "How much of a turn each strand's (or clump's) start varies at "
+                          "random, 0-1"),
+            coherence,
+            channel,
+            weight,
+            weightDirection,
+            tolerance,
+            seedParam()};
+    }
+    Value evaluate(const EvalContext& ctx, const std::vector<Value>& inputs) const override {
+        Value out;
+        StrandChanges changes;
+        run(ctx, inputs, nullptr, &out, &changes);
+        return out;
+    }
+    bool evaluateIncremental(const EvalContext& ctx, const std::vector<Value>& inputs,
+                             const IncrementalInputs& incremental, Value* out,
+                             StrandChanges* changes) const override {
+        return run(ctx, inputs, &incremental, out, changes);
+    }
+
+  private:
+    // Whether every changed strand kept its clump: one that moved to another would change its old
+    // clump's axis too, and only the previous input could say which clump that was.
+    static bool clumpsKept(const std::vector<float>& ids, const std::string& channel,
+                           const IncrementalInputs& incremental) {
+        const auto previous = incremental.previous.get<StrandSet>();
+        const std::vector<float>* before = previous ? previous->strandChannel(channel) : nullptr;
+        if (!before || before->size() != ids.size() || incremental.changes.empty() ||
+            !incremental.changes[0] || incremental.changes[0]->all)
+            return false;
+        for (const std::uint64_t s : incremental.changes[0]->strands)
+            if (s >= ids.size() || !((*before)[s] == ids[s])) return false;
+        return true;
+    }
+
+    bool run(const EvalContext& ctx, const std::vector<Value>& inputs,
+             const IncrementalInputs* incremental, Value* out, StrandChanges* changes) const {
+        const auto input = inputs.empty() ? nullptr : inputs[0].get<StrandSet>();
+        if (!input) return runInPlace(inputs, incremental, false, {}, {}, out, changes);
+        CurlSettings settings;
+        settings.radius = fieldSampler(paramSet, ctx, "radius", *input);
+        settings.frequency = static_cast<float>(paramSet.getFloat("frequency", 0.4));
+        settings.frequencyProfile = paramRamp(paramSet, ctx, "frequencyProfile", Ramp{});
+        settings.randomness = static_cast<float>(paramSet.getFloat("randomness", 0.3));
+        settings.spacingRandom = static_cast<float>(paramSet.getFloat("spacingRandom", 0.0));
+        settings.profile = paramRamp(paramSet, ctx, "profile", Ramp{});
+        settings.shape = curlShapeOf(paramSet.getString("shape", "helix"));
+        settings.coilWidths = static_cast<float>(paramSet.getFloat("coilWidths", 3.0));
+        settings.phase = static_cast<float>(paramSet.getFloat("phase", 0.0));
+        settings.phaseRandom = static_cast<float>(paramSet.getFloat("phaseRandom", 0.0));
+        settings.weight = static_cast<float>(paramSet.getFloat("weight", 0.0));
+        settings.weightDirection = paramSet.getVec3("weightDirection", {0.0f, -1.0f, 0.0f});
+        settings.seed = static_cast<std::uint64_t>(paramSet.getInt("seed", 0));
+
+        ClumpAxes clumps;
+        WidenChanges widen;
+        if (paramSet.getString("coherence", "strand") == "clump") {
+            const std::string channel = paramSet.getString("clumpChannel", "clumpId");
+            // Without the channel there are no clumps to follow, and each strand curls on its own.
+            if (const std::vector<float>* ids = input->strandChannel(channel)) {
+                if (incremental && !clumpsKept(*ids, channel, *incremental)) return false;
+                clumps = clumpAxes(*input, *ids);
+                settings.clumps = &clumps;
+                settings.clumpChannel = ids;
+                // A changed strand moves its clump's axis, and with it every strand of the clump.
+                widen = [&clumps](std::span<const std::uint64_t> changed) {
+                    return strandsOfClumps(clumps, changed);
+                };
+            }
+        }
+        constexpr ColumnId kColumns[] = {ColumnId::kPoints};
+        return runInPlace(
+            inputs, incremental, noneMapped({&settings.radius}), kColumns,
+            [&](const StrandSet& from, const StrandSelection& selection, StrandSet& made) {
+                curlStrands(from, settings, selection, made.writePoints());
+            },
+            out, changes, widen);
+    }
+};
+
+}  // namespace
+
+void registerCurlOperator(OperatorRegistry& registry) {
+    OperatorInfo info;
+    info.category = "look";
+    info.description = "Helical curls around each strand.";
+    info.keywords = "coil wave helix kinky afro";
+    registry.registerType(
+        "Curl", [] { return std::make_unique<CurlOp>(); }, info);
+}
+
+}  // namespace velmorin

@@ -1,0 +1,221 @@
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <numbers>
+
+#include "ops/shape_ops.h"
+#include "ops/test/shape_checks.h"
+
+namespace velmorin {
+namespace {
+
+using test::handStrands;
+using test::ShapeRun;
+using test::straight;
+
+// A straight strand up the y axis, 4 long in 200 segments: fine enough that chords follow the curl.
+std::shared_ptr<const StrandSet> upright() {
+    return handStrands({straight(201, 0.02f)});
+}
+
+float distanceOffY(const Vec3f& p) {
+    return std::hypot(p.x, p.z);
+}
+
+std::vector<float> segmentLengths(std::span<const Vec3f> points) {
+    std::vector<float> lengths;
+    for (std::size_t k = 1; k < points.size(); ++k)
+        lengths.push_back(length(points[k] - points[k - 1]));
+    return lengths;
+}
+
+TEST(Curl, EveryShapeKeepsRootAndSegmentLengths) {
+    // A radius wider than a turn's length allows is held to what keeps the lengths.
+    for (const double radius : {0.05, 0.5})
+        for (const char* shape : {"helix", "wave", "zigzag", "coil"}) {
+            SCOPED_TRACE(shape + std::string(" radius ") + std::to_string(radius));
+            const auto strands = upright();
+            const auto out = ShapeRun("Curl", {{"shape", std::string(shape)},
+                                               {"radius", radius},
+                                               {"frequency", 2.0},
+                                               {"coilWidths", 5.0}})
+                                 .run(strands);
+            const auto before = segmentLengths(strands->strandPoints(0));
+            const auto after = segmentLengths(out->strandPoints(0));
+            ASSERT_EQ(after.size(), before.size());
+            for (std::size_t k = 0; k < before.size(); ++k)
+                EXPECT_NEAR(after[k], before[k], 1e-3f) << "segment " << k;
+            EXPECT_EQ(out->strandPoints(0)[0], Vec3f{});
+            // The axis shrinks so that the curl's own length stays the strand's.
+            EXPECT_LT(out->strandPoints(0).back().y, 3.99f);
+        }
+}
+
+TEST(Curl, HelixWindsAtTheRadiusByTurnsPerUnitOfLength) {
+    const auto out = ShapeRun("Curl", {{"radius", 0.05}, {"frequency", 2.0}, {"randomness", 0.0}})
+                         .run(upright());
+    const auto points = out->strandPoints(0);
+    // Eased in over the first quarter turn (1/8 of a unit, 6 segments), then the full radius.
+    EXPECT_LT(distanceOffY(points[3]), 0.045f);
+    for (std::size_t k = 10; k < points.size(); ++k)
+        EXPECT_NEAR(distanceOffY(points[k]), 0.05f, 1e-3f) << "point " << k;
+    // 2 turns per unit over 4 units: 8 turns around the y axis.
+    float swept = 0.0f;
+    for (std::size_t k = 2; k < points.size(); ++k) {
+        const float a0 = std::atan2(points[k - 1].z, points[k - 1].x);
+        const float a1 = std::atan2(points[k].z, points[k].x);
+        swept += std::remainder(a1 - a0, 2.0f * std::numbers::pi_v<float>);
+    }
+    EXPECT_NEAR(std::abs(swept) / (2.0f * std::numbers::pi_v<float>), 8.0f, 0.1f);
+}
+
+TEST(Curl, WaveAndZigzagStayInOnePlane) {
+    for (const char* shape : {"wave", "zigzag"}) {
+        SCOPED_TRACE(shape);
+        const auto out = ShapeRun("Curl", {{"shape", std::string(shape)},
+                                           {"radius", 0.05},
+                                           {"frequency", 2.0},
+                                           {"randomness", 0.0}})
+                             .run(upright());
+        const auto points = out->strandPoints(0);
+        float largest = 0.0f;
+        Vec3f across{};
+        for (const Vec3f& p : points) {
+            const Vec3f offset{p.x, 0.0f, p.z};
+            if (length(offset) > largest) {
+                largest = length(offset);
+                across = offset / largest;
+            }
+        }
+        EXPECT_NEAR(largest, 0.05f, 2e-3f);
+        for (const Vec3f& p : points)
+            EXPECT_NEAR(length(cross(Vec3f{p.x, 0.0f, p.z}, across)), 0.0f, 1e-4f);
+    }
+}
+
+TEST(Curl, CoilRadiusIsCoilWidthsTimesTheStrandWidths) {
+    // Widths are 0.01: 5 widths across is a radius of 0.05, whatever the radius param says.
+    const auto out = ShapeRun("Curl", {{"shape", std::string("coil")},
+                                       {"coilWidths", 5.0},
+                                       {"radius", 0.3},
+                                       {"frequency", 2.0},
+                                       {"randomness", 0.0}})
+                         .run(upright());
+    for (std::size_t k = 10; k < 201; k += 10)
+        EXPECT_NEAR(distanceOffY(out->strandPoints(0)[k]), 0.05f, 1e-3f) << "point " << k;
+}
+
+TEST(Curl, NothingToCurlKeepsEveryBit) {
+    const auto strands = test::mixedStrands(200, 3);
+    const std::map<std::string, ParamValue> idle[] = {
+        {{"frequency", 0.0}},
+        {{"radius", 0.0}},
+        {{"shape", std::string("coil")}, {"coilWidths", 0.0}},
+    };
+    for (const auto& params : idle)
+        EXPECT_EQ(ShapeRun("Curl", params).run(strands)->contentHash(), strands->contentHash());
+}
+
+TEST(Curl, PhaseHalfATurnMirrorsAWave) {
+    const std::map<std::string, ParamValue> wave{
+        {"shape", std::string("wave")}, {"radius", 0.05}, {"frequency", 2.0}, {"randomness", 0.0}};
+    auto shifted = wave;
+    shifted["phase"] = 0.5;
+    const auto setA = ShapeRun("Curl", wave).run(upright());
+    const auto setB = ShapeRun("Curl", shifted).run(upright());
+    const auto a = setA->strandPoints(0);
+    const auto b = setB->strandPoints(0);
+    for (std::size_t k = 20; k < a.size(); k += 20) {
+        EXPECT_NEAR(a[k].x, -b[k].x, 1e-4f) << "point " << k;
+        EXPECT_NEAR(a[k].z, -b[k].z, 1e-4f) << "point " << k;
+    }
+}
+
+TEST(Curl, WeightStretchesWhereTurnsHangBelow) {
+    const auto down = handStrands({straight(201, 0.02f, {0, -1, 0})});
+    const std::map<std::string, ParamValue> base{
+        {"radius", 0.05}, {"frequency", 2.0}, {"randomness", 0.0}};
+    auto heavy = base;
+    heavy["weight"] = 1.0;
+    const auto plainSet = ShapeRun("Curl", base).run(down);
+    const auto weightedSet = ShapeRun("Curl", heavy).run(down);
+    const auto plain = plainSet->strandPoints(0);
+    const auto weighted = weightedSet->strandPoints(0);
+    // Near the root 8 turns hang below: the radius narrows there, less toward the tip.
+    const float nearRoot = distanceOffY(weighted[20]);
+    const float nearTip = distanceOffY(weighted[190]);
+    EXPECT_LT(nearRoot, 0.8f * distanceOffY(plain[20]));
+    EXPECT_LT(nearRoot, nearTip);
+    // The curl, stretched, reaches further down.
+    EXPECT_LT(weighted.back().y, plain.back().y);
+    // A strand pointing against the pull carries no weight.
+    auto against = heavy;
+    against["weightDirection"] = Vec3f{0, 1, 0};
+    EXPECT_EQ(ShapeRun("Curl", against).run(down)->contentHash(),
+              ShapeRun("Curl", base).run(down)->contentHash());
+}
+
+std::shared_ptr<StrandSet> clumped(const std::vector<Vec3f>& roots,
+                                   const std::vector<float>& clumpIds) {
+    std::vector<std::vector<Vec3f>> strands;
+    for (const Vec3f& root : roots) {
+        std::vector<Vec3f> points = straight(101, 0.02f);
+        for (Vec3f& p : points)
+            p = p + root;
+        strands.push_back(points);
+    }
+    auto set = std::make_shared<StrandSet>(*handStrands(strands));
+    set->addStrandChannel("clumpId", -1.0f) = clumpIds;
+    return set;
+}
+
+TEST(Curl, ClumpCoherenceSharesPhaseAndPlaneWithinAClumpOnly) {
+    const auto strands = clumped({{0, 0, 0}, {0.2f, 0, 0}, {5, 0, 0}}, {1, 1, 2});
+    for (const char* shape : {"helix", "wave"}) {
+        SCOPED_TRACE(shape);
+        const auto out = ShapeRun("Curl", {{"shape", std::string(shape)},
+                                           {"coherence", std::string("clump")},
+                                           {"frequency", 2.0},
+                                           {"phaseRandom", 1.0}})
+                             .run(strands);
+        // Each point's offset from its own line: the same way for strands of one clump.
+        const auto offset = [&](std::size_t s, std::size_t k) {
+            const Vec3f p = out->strandPoints(s)[k];
+            const Vec3f root = strands->strandPoints(s)[0];
+            return normalized(Vec3f{p.x - root.x, 0.0f, p.z - root.z});
+        };
+        for (std::size_t k = 30; k < 101; k += 10)
+            EXPECT_NEAR(dot(offset(0, k), offset(1, k)), 1.0f, 1e-3f) << "point " << k;
+        float apart = 0.0f;
+        for (std::size_t k = 30; k < 101; ++k)
+            apart = std::max(apart, 1.0f - dot(offset(0, k), offset(2, k)));
+        EXPECT_GT(apart, 0.1f);
+    }
+    // Without the channel each strand curls on its own, like coherence strand.
+    auto plain = std::make_shared<StrandSet>(*strands);
+    plain->removeStrandChannel("clumpId");
+    EXPECT_EQ(ShapeRun("Curl", {{"coherence", std::string("clump")}}).run(plain)->contentHash(),
+              ShapeRun("Curl").run(plain)->contentHash());
+}
+
+TEST(Curl, ClumpRunsMatchAtAnyThreadCountAndRedoOnlyTheChangedClumps) {
+    auto strands = std::make_shared<StrandSet>(*test::gridStrands(2000, 9, 4));
+    std::vector<float>& ids = strands->addStrandChannel("clumpId", 0.0f);
+    for (std::size_t s = 0; s < ids.size(); ++s)
+        ids[s] = static_cast<float>(s / 100);
+    const ShapeRun curl("Curl", {{"coherence", std::string("clump")},
+                                 {"frequency", 3.0},
+                                 {"spacingRandom", 0.5},
+                                 {"phaseRandom", 0.5},
+                                 {"weight", 0.5}});
+    const auto [one, two] =
+        test::onOneAndTwoThreads([&] { return curl.run(strands)->contentHash(); });
+    EXPECT_EQ(one, two);
+    // Strand 150 moves the axis of clump 1, strands 100 to 199.
+    const auto outcome = test::incrementalAfterMove(curl, strands, {150});
+    EXPECT_EQ(outcome.run, "incremental 100");
+    EXPECT_TRUE(outcome.sameAsFull);
+}
+
+}  // namespace
+}  // namespace velmorin
