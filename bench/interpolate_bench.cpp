@@ -126,7 +126,8 @@ void BM_InterpolateOneGuideMoved(benchmark::State& state) {
         moved->guides[2500].points[15].x += 0.01f;
         state.ResumeTiming();
         IncrementalInputs incremental;
-        incremental.previous = previous;
+        // Handed over, as an editor that keeps only the latest result does.
+        incremental.previous = std::move(previous);
         incremental.changes = changes;
         Value out;
         StrandChanges made;
