@@ -56,6 +56,16 @@ struct Groom {
     }
 };
 
+// A digest of bits, so that a run's counters show at a glance whether a change altered results.
+template <class T>
+double digest(std::span<const T> values) {
+    std::uint64_t h = 0x696e74ull;
+    const auto* words = reinterpret_cast<const std::uint32_t*>(values.data());
+    for (std::size_t i = 0; i < values.size_bytes() / 4; ++i)
+        h = hashCombine(h, words[i]);
+    return static_cast<double>(h % 100000);
+}
+
 const Groom& groom() {
     static const Groom made;
     return made;
@@ -72,8 +82,12 @@ void BM_InterpolateBinding(benchmark::State& state) {
     const Groom& g = groom();
     const auto settings =
         makeInterpolateSettings(0.5, 3, g.guideRoots.size(), false, 0, false, false);
+    std::shared_ptr<const InterpolateState> bound;
     for (auto _ : state)
-        runWithThreads(2, [&] { benchmark::DoNotOptimize(bindStrands(settings, inputsOf(g))); });
+        runWithThreads(2, [&] { bound = bindStrands(settings, inputsOf(g)); });
+    const FlatBinding flat = flattenBinding(bound->binding);
+    state.counters["strandDigest"] = digest<std::uint32_t>(flat.strandWords);
+    state.counters["recordDigest"] = digest<std::uint32_t>(flat.records);
     state.counters["strands"] = static_cast<double>(g.strandRoots.size());
     state.counters["guides"] = static_cast<double>(g.guideRoots.size());
 }
@@ -92,6 +106,7 @@ void BM_InterpolateShape(benchmark::State& state) {
     for (auto _ : state)
         runWithThreads(2,
                        [&] { shapeStrands(*bound, rows, ShapeSettings{}, *g.strands, out, {}); });
+    state.counters["digest"] = digest<Vec3f>(out);
 }
 BENCHMARK(BM_InterpolateShape)->Unit(benchmark::kMillisecond)->UseRealTime();
 
@@ -111,7 +126,8 @@ void BM_InterpolateOneGuideMoved(benchmark::State& state) {
         moved->guides[2500].points[15].x += 0.01f;
         state.ResumeTiming();
         IncrementalInputs incremental;
-        incremental.previous = previous;
+        // Handed over, as an editor that keeps only the latest result does.
+        incremental.previous = std::move(previous);
         incremental.changes = changes;
         Value out;
         StrandChanges made;

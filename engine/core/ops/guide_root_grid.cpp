@@ -3,32 +3,46 @@
 #include <algorithm>
 #include <cassert>
 #include <cmath>
+#include <cstring>
 
 namespace velmorin {
 namespace {
 
 constexpr float kNoBound = 3.4e38f;
 
-// Keeps the best k of (distance, index) pairs, sorted, lower index first among equals.
-inline void insertBest(int k, int& count, std::uint32_t* indices, float* d2, std::uint32_t index,
-                       float distance2) {
-    if (count == k && (distance2 > d2[k - 1] || (distance2 == d2[k - 1] && index > indices[k - 1])))
-        return;
-    int at = count < k ? count++ : k - 1;
-    while (at > 0 &&
-           (d2[at - 1] > distance2 || (d2[at - 1] == distance2 && indices[at - 1] > index))) {
-        d2[at] = d2[at - 1];
-        indices[at] = indices[at - 1];
-        --at;
-    }
-    d2[at] = distance2;
-    indices[at] = index;
+// A root's distance and index as one key: squared distances are never negative, so their bits
+// order as the numbers do, and the index below breaks ties toward the lower index.
+// The squared distance a key holds.
+inline float distanceOf(std::uint64_t key) {
+    const auto bits = static_cast<std::uint32_t>(key >> 32);
+    float distance2;
+    std::memcpy(&distance2, &bits, sizeof distance2);
+    return distance2;
+}
+
+inline std::uint64_t rankKey(float distance2, std::uint32_t index) {
+    std::uint32_t bits;
+    std::memcpy(&bits, &distance2, sizeof bits);
+    return std::uint64_t{bits} << 32 | index;
+}
+
+// Keeps the best k keys, ascending. The place is found by counting rather than by a search
+// that stops early: a query inserts dozens of keys at places no branch predictor can guess.
+inline void insertBest(int k, int& count, std::uint64_t* keys, std::uint64_t key) {
+    if (count == k && key >= keys[k - 1]) return;
+    int at = 0;
+    for (int i = 0; i < count; ++i)
+        at += keys[i] < key ? 1 : 0;
+    if (count < k) ++count;
+    std::memmove(keys + at + 1, keys + at,
+                 sizeof(std::uint64_t) * static_cast<std::size_t>(count - 1 - at));
+    keys[at] = key;
 }
 
 }  // namespace
 
-GuideRootGrid::GuideRootGrid(std::span<const Vec3f> points,
-                             std::span<const std::uint32_t> indices) {
+GuideRootGrid::GuideRootGrid(std::span<const Vec3f> points, std::span<const std::uint32_t> indices,
+                             int typicalK) {
     assert(points.size() == indices.size());
     if (points.empty()) return;
     Vec3f lo = points[0], hi = points[0];
@@ -38,12 +52,15 @@ GuideRootGrid::GuideRootGrid(std::span<const Vec3f> points,
     }
     const Vec3f extent = hi - lo;
     // Roots lie on a surface, so the cell follows the spacing over the box's face areas rather
-    // than its volume: about one or two roots a cell.
+    // than its volume. A query for k points reaches about sqrt(k / pi) spacings; a cell that wide
+    // lets most queries stop after the ring round their own cell instead of walking out through
+    // many nearly empty rings.
     const double area = static_cast<double>(extent.x) * extent.y +
                         static_cast<double>(extent.y) * extent.z +
                         static_cast<double>(extent.z) * extent.x;
     const double largest = std::max({extent.x, extent.y, extent.z});
-    double cell = std::sqrt(area / static_cast<double>(points.size())) * 1.2;
+    const double reach = std::sqrt(std::max(1.0, static_cast<double>(typicalK) / 3.14159265));
+    double cell = std::sqrt(area / static_cast<double>(points.size())) * 1.2 * reach;
     if (!(cell > largest * 1e-4)) cell = largest > 0.0 ? largest / 64.0 : 1.0;
     // No more than about eight cells a root, nor 512 along an axis.
     for (;;) {
@@ -80,7 +97,8 @@ GuideRootGrid::GuideRootGrid(std::span<const Vec3f> points,
     }
 }
 
-int GuideRootGrid::nearest(const Vec3f& p, int k, std::uint32_t* indices, float* distances2) const {
+int GuideRootGrid::nearest(const Vec3f& p, int k, std::uint32_t* indices, float* distances2,
+                           float within2) const {
     assert(std::isfinite(p.x) && std::isfinite(p.y) && std::isfinite(p.z));
     k = std::min({k, kMaxNearest, static_cast<int>(points_.size())});
     if (k <= 0) return 0;
@@ -90,11 +108,34 @@ int GuideRootGrid::nearest(const Vec3f& p, int k, std::uint32_t* indices, float*
         center[a] = at <= 0.0f ? 0 : std::min(static_cast<int>(at), dims_[a] - 1);
     }
     int count = 0;
+    std::uint64_t keys[kMaxNearest];
     const auto visit = [&](int x, int y, int z) {
+        // A cell that lies wholly beyond the farthest entry of a full list, or beyond `within2`,
+        // holds no root of the answer and is skipped. The cell is
+        // widened by a thousandth of its size against rounding where roots were sorted into
+        // cells, and the grid's outer cells hold everything beyond them, so no root that could
+        // tie or win is ever skipped.
+        const float worst2 = count == k ? distanceOf(keys[k - 1]) : within2;
+        if (worst2 < kNoBound) {
+            const int at[3] = {x, y, z};
+            float gap2 = 0.0f;
+            for (int a = 0; a < 3; ++a) {
+                const float lo = min_[a] + static_cast<float>(at[a]) * cell_ - cell_ * 1e-3f;
+                const float hi = lo + cell_ * 1.002f;
+                float gap = 0.0f;
+                if (at[a] > 0 && p[a] < lo) gap = lo - p[a];
+                if (at[a] < dims_[a] - 1 && p[a] > hi) gap = p[a] - hi;
+                gap2 += gap * gap;
+            }
+            if (gap2 > worst2) return;
+        }
         const std::size_t cell = (static_cast<std::size_t>(z) * dims_[1] + y) * dims_[0] + x;
         for (std::uint32_t i = cellStart_[cell]; i < cellStart_[cell + 1]; ++i) {
             const Vec3f d = points_[i] - p;
-            insertBest(k, count, indices, distances2, indices_[i], dot(d, d));
+            const float distance2 = dot(d, d);
+            // Beyond `within2` a root can't be among the k nearest: don't let it fill the list.
+            if (distance2 > within2) continue;
+            insertBest(k, count, keys, rankKey(distance2, indices_[i]));
         }
     };
     for (int ring = 0;; ++ring) {
@@ -123,7 +164,13 @@ int GuideRootGrid::nearest(const Vec3f& p, int k, std::uint32_t* indices, float*
             if (hi[a] < dims_[a] - 1) bound = std::min(bound, min_[a] + (hi[a] + 1) * cell_ - p[a]);
         }
         if (bound == kNoBound) break;
-        if (count == k && bound > 0.0f && distances2[k - 1] <= bound * bound) break;
+        if (count == k && bound > 0.0f && distanceOf(keys[k - 1]) <= bound * bound) break;
+        // Every root within `within2` has been seen, and there are k of them.
+        if (bound > 0.0f && within2 * 1.001f < bound * bound) break;
+    }
+    for (int i = 0; i < count; ++i) {
+        indices[i] = static_cast<std::uint32_t>(keys[i]);
+        distances2[i] = distanceOf(keys[i]);
     }
     return count;
 }

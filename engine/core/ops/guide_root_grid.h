@@ -18,13 +18,20 @@ class GuideRootGrid {
 
     GuideRootGrid() = default;
     // `points` must be finite; `indices` (one per point, ascending) are what queries report.
-    GuideRootGrid(std::span<const Vec3f> points, std::span<const std::uint32_t> indices);
+    // `typicalK` is how many nearest points most queries will ask for: it sizes the cells so
+    // that such a query usually ends after the cells next to its own. Answers do not depend on it.
+    GuideRootGrid(std::span<const Vec3f> points, std::span<const std::uint32_t> indices,
+                  int typicalK = 1);
 
     std::size_t size() const { return points_.size(); }
 
     // The up to `k` (at most kMaxNearest) nearest points to `p`, nearest first, with their
     // squared distances; equal distances in index order. Returns how many were found. Reads only.
-    int nearest(const Vec3f& p, int k, std::uint32_t* indices, float* distances2) const;
+    // `within2`, when the caller knows k points no farther than that squared distance (the
+    // answer of a query nearby), lets the search skip every cell beyond it from the start; the
+    // answer is the same.
+    int nearest(const Vec3f& p, int k, std::uint32_t* indices, float* distances2,
+                float within2 = 3.4e38f) const;
 
   private:
     Vec3f min_;

@@ -155,8 +155,16 @@ struct BindContext {
     std::span<const std::int32_t> strandLists;
 };
 
+// The candidates of the last strand bound in a chunk. Neighbouring strands are mostly rooted
+// side by side, so the farthest of those guides from the next root bounds that root's search.
+struct NearestHint {
+    std::int32_t list = -1;
+    int count = 0;
+    std::uint32_t guides[GuideRootGrid::kMaxNearest];
+};
+
 // Binds strand `s` and appends its records to `chunk`.
-void bindOne(const BindContext& context, std::size_t s, BindingChunk& chunk) {
+void bindOne(const BindContext& context, std::size_t s, BindingChunk& chunk, NearestHint& hint) {
     const InterpolateSettings& settings = *context.settings;
     const BindingInputs& inputs = *context.inputs;
     float nearest2 = kInfiniteDistance;
@@ -177,7 +185,19 @@ void bindOne(const BindContext& context, std::size_t s, BindingChunk& chunk) {
         static_cast<int>(std::min<std::size_t>(settings.candidates, list.grid.size()));
     std::uint32_t guides[GuideRootGrid::kMaxNearest];
     float d2[GuideRootGrid::kMaxNearest];
-    int count = list.grid.nearest(root, wanted + 1, guides, d2);
+    const std::int32_t listIndex = context.strandLists[s];
+    float within2 = 3.4e38f;
+    if (hint.list == listIndex && hint.count == wanted + 1) {
+        within2 = 0.0f;
+        for (int i = 0; i < hint.count; ++i)
+            within2 = std::max(within2, lengthSquared(inputs.guideRoots[hint.guides[i]] - root));
+        // A margin, as the grid may round its own distances a hair differently.
+        within2 = within2 * 1.001f + 1e-30f;
+    }
+    int count = list.grid.nearest(root, wanted + 1, guides, d2, within2);
+    hint.list = listIndex;
+    hint.count = count;
+    std::copy(guides, guides + count, hint.guides);
     bool clean = true;
     for (int i = 1; i < count; ++i)
         if (!(d2[i] > d2[i - 1])) clean = false;
@@ -330,7 +350,8 @@ void prepareGuides(const InterpolateSettings& settings, const BindingInputs& inp
         points.clear();
         for (const std::uint32_t g : members[l])
             points.push_back(inputs.guideRoots[g]);
-        lists[l].grid = GuideRootGrid(points, members[l]);
+        lists[l].grid =
+            GuideRootGrid(points, members[l], static_cast<int>(settings.candidates) + 1);
         ReachTable table =
             measureReach(lists[l].grid, inputs.guideRoots, members[l], guideCount, settings);
         if (l == 0)
@@ -470,8 +491,9 @@ std::shared_ptr<const InterpolateState> bindStrands(const InterpolateSettings& s
             const std::size_t last = std::min(first + kBindingChunkStrands, strandCount);
             auto chunk = std::make_shared<BindingChunk>();
             startChunk(*chunk, first, last - first);
+            NearestHint hint;
             for (std::size_t s = first; s < last; ++s)
-                bindOne(context, s, *chunk);
+                bindOne(context, s, *chunk, hint);
             binding.chunks[c] = std::move(chunk);
         }
     });
@@ -586,9 +608,10 @@ std::shared_ptr<const InterpolateState> rebindStrands(
             }
             auto chunk = std::make_shared<BindingChunk>();
             startChunk(*chunk, first, count);
+            NearestHint hint;
             for (std::size_t k = 0; k < count; ++k) {
                 if (marks[first + k])
-                    bindOne(context, first + k, *chunk);
+                    bindOne(context, first + k, *chunk, hint);
                 else
                     copyStrand(*old, k, *chunk);
             }

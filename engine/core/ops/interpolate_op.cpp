@@ -392,7 +392,13 @@ class InterpolateOp final : public Operator {
             for (std::size_t g = 0; g < changed.size(); ++g)
                 changed[g] = rows->hashes[g] != previousRows->hashes[g] ? 1 : 0;
             std::vector<std::uint64_t> redo = strandsBoundTo(previousState->binding, changed);
-            auto made = std::make_shared<StrandSet>(*previous);
+            // Only the bound strands change. When nothing but the incremental inputs and this
+            // run hold the previous result, it can't be seen again, so its columns are taken
+            // over rather than the whole points column copied.
+            const bool handedOver = previous.use_count() <= 2;
+            auto made = handedOver ? std::make_shared<StrandSet>(
+                                         std::move(const_cast<StrandSet&>(*previous)))  // NOLINT
+                                   : std::make_shared<StrandSet>(*previous);
             if (!redo.empty()) {
                 std::vector<Vec3f>& points = made->writePoints();
                 std::span<float> influence;

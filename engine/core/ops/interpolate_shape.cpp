@@ -56,11 +56,14 @@ void placeAlong(std::span<const Vec3f> samples, std::span<const float> arc, floa
                 std::span<Vec3f> out) {
     const std::size_t n = out.size();
     const std::size_t last = samples.size() - 1;
+    // The points' arc positions only grow, so one walk along the table finds each one's segment
+    // (the first entry past it, as a binary search would) without starting over.
+    std::size_t past = 0;
     for (std::size_t i = 0; i < n; ++i) {
         const float at = n > 1 ? total * static_cast<float>(i) / static_cast<float>(n - 1) : 0.0f;
-        std::size_t hi =
-            static_cast<std::size_t>(std::upper_bound(arc.begin(), arc.end(), at) - arc.begin());
-        hi = std::clamp<std::size_t>(hi, 1, last);
+        while (past < arc.size() && arc[past] <= at)
+            ++past;
+        const std::size_t hi = std::clamp<std::size_t>(past, 1, last);
         const std::size_t lo = hi - 1;
         const float span = arc[hi] - arc[lo];
         const float f = span > 0.0f ? (at - arc[lo]) / span : 0.0f;
