@@ -415,7 +415,13 @@ void relaxPlacement(const ScalpMesh& scalp, const PlacementSettings& settings,
                 for (std::size_t i = begin; i < end; ++i) {
                     const float ri = radii[i];
                     if (!(ri > 0.0f)) continue;
-                    const ClosestPoint hit = scalp.closestPoint(positions[i], 4.0f * ri);
+                    // The candidate's last location lies on the surface, so the closest point
+                    // is no farther than it: searching only that far (with a margin for
+                    // rounding) prunes the tree walk and finds the same point, the nearest in
+                    // reach with ties going to the lower triangle.
+                    const float lastDistance = length(positions[i] - scalp.pointAt(roots[i]));
+                    const float reachNow = std::min(4.0f * ri, lastDistance * 1.001f + ri * 1e-4f);
+                    const ClosestPoint hit = scalp.closestPoint(positions[i], reachNow);
                     if (hit.found() && allowed(hit.root, hit.point)) {
                         roots[i] = hit.root;
                         positions[i] = hit.point;
