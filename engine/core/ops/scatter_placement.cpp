@@ -297,19 +297,14 @@ std::size_t selectStrands(std::span<const std::uint64_t> ids, const PreviewPlan&
     forEachBlock(ids.size(), [&](std::size_t block, std::size_t begin, std::size_t end) {
         std::size_t kept = 0;
         bool partial = false;
+        // Without branches: the tests fall either way at random, by id.
         for (std::size_t i = begin; i < end; ++i) {
             const double u = unitFloat(ids[i]);
-            const bool byPreview = u < t, byCoarse = u < q;
-            std::uint8_t mark = 0;
-            if (byPreview && byCoarse)
-                mark = 2;
-            else if (byPreview)
-                mark = 1;
-            else if (byCoarse)
-                mark = 3;
-            marks[i] = mark;
-            if (mark != 0) ++kept;
-            if (mark == 1 || mark == 3) partial = true;
+            const unsigned byPreview = u < t, byCoarse = u < q;
+            const unsigned mark = byPreview * (1 + byCoarse) + (1 - byPreview) * byCoarse * 3;
+            marks[i] = static_cast<std::uint8_t>(mark);
+            kept += byPreview | byCoarse;
+            partial |= (byPreview ^ byCoarse) != 0;
         }
         keptPerChunk[block] = kept;
         partialPerChunk[block] = partial ? 1 : 0;
