@@ -368,10 +368,17 @@ void relaxPlacement(const ScalpMesh& scalp, const PlacementSettings& settings,
                 const std::uint32_t* list = neighbors.data() + i * kNeighbors;
                 for (int k = 0; k < kNeighbors; ++k) {
                     const std::uint32_t j = list[k];
-                    if (j == i || !(radii[j] > 0.0f)) continue;
-                    const float s = ri + radii[j];
+                    if (j == i) continue;
+                    // A plain density gives every candidate the same radius: no need to read it.
+                    const float rj = mapped ? radii[j] : r0;
+                    if (!(rj > 0.0f)) continue;
+                    const float s = ri + rj;
                     const Vec3f d = pi - positions[j];
-                    const float dist = length(d);
+                    const float d2 = lengthSquared(d);
+                    // Clearly out of reach without the square root; the margin covers rounding,
+                    // so the test below decides every pair near the edge as before.
+                    if (d2 >= s * s * 1.00002f) continue;
+                    const float dist = std::sqrt(d2);
                     if (!(dist < s)) continue;
                     Vec3f direction;
                     if (dist <= s * 1e-6f) {
