@@ -165,11 +165,13 @@ ScatterPlacement placeRandom(const ScalpMesh& scalp, std::span<const float> face
     const std::size_t count = blockStarts(blockFirst);
 
     // Roots, and which of them the density map and the mask keep, each candidate on its own.
-    std::vector<std::uint64_t> ids(count);
-    std::vector<StrandRoot> roots(count);
     const bool mapped = static_cast<bool>(settings.mappedDensity);
     const bool masked = settings.mask && !settings.mask->empty();
     const bool filtered = mapped || masked;
+    // Unfiltered, the even roots (equal to the random ones until relaxation) are written in the
+    // same pass; filtered, by the compaction.
+    std::vector<std::uint64_t> ids(count);
+    std::vector<StrandRoot> roots(count), evenRoots(filtered ? 0 : count);
     std::vector<std::uint8_t> keep(filtered ? count : 0, 1);
     std::vector<std::size_t> keptFirst(filtered ? blockFirst.size() : 0, 0);
     forEachBlock(drawn, [&](std::size_t block, std::size_t begin, std::size_t end) {
@@ -183,6 +185,7 @@ ScatterPlacement placeRandom(const ScalpMesh& scalp, std::span<const float> face
             const StrandRoot root{face, (1.0f - r2) * a, r2 * a};
             ids[at] = id;
             roots[at] = root;
+            if (!filtered) evenRoots[at] = root;
             if (filtered) {
                 const Vec3f position = scalp.pointAt(root);
                 if (mapped && !keptByDensity(id, settings.mappedDensity(root, position), density))
@@ -202,6 +205,7 @@ ScatterPlacement placeRandom(const ScalpMesh& scalp, std::span<const float> face
         const std::size_t kept = blockStarts(keptFirst);
         std::vector<std::uint64_t> keptIds(kept);
         std::vector<StrandRoot> keptRoots(kept);
+        evenRoots.resize(kept);
         forEachBlock(drawn, [&](std::size_t block, std::size_t, std::size_t) {
             std::size_t to = keptFirst[block];
             const std::size_t from = blockFirst[block];
@@ -210,6 +214,7 @@ ScatterPlacement placeRandom(const ScalpMesh& scalp, std::span<const float> face
                 if (!keep[i]) continue;
                 keptIds[to] = ids[i];
                 keptRoots[to] = roots[i];
+                evenRoots[to] = roots[i];
                 ++to;
             }
         });
@@ -217,13 +222,8 @@ ScatterPlacement placeRandom(const ScalpMesh& scalp, std::span<const float> face
         roots = std::move(keptRoots);
     }
     placed.ids = std::move(ids);
-    placed.evenRoots.resize(roots.size());
-    forEach(roots.size(), [&](std::size_t begin, std::size_t end) {
-        std::copy(roots.begin() + static_cast<std::ptrdiff_t>(begin),
-                  roots.begin() + static_cast<std::ptrdiff_t>(end),
-                  placed.evenRoots.begin() + static_cast<std::ptrdiff_t>(begin));
-    });
     placed.randomRoots = std::move(roots);
+    placed.evenRoots = std::move(evenRoots);
     return placed;
 }
 
