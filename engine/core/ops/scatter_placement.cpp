@@ -338,9 +338,16 @@ StrandSet growStrands(const ScalpMesh& scalp, std::span<const std::uint64_t> ids
         keptCount = blockStarts(firstOfBlock);
         source.resize(keptCount);
         forEachBlock(count, [&](std::size_t block, std::size_t begin, std::size_t end) {
-            std::size_t at = firstOfBlock[block];
-            for (std::size_t i = begin; i < end; ++i)
-                if ((*marks)[i] != 0) source[at++] = static_cast<std::uint32_t>(i);
+            // Kept or not falls at random by id: every index is written to the block's own list
+            // and only a kept one advances it, with no branch to mispredict.
+            std::uint32_t kept[kGrain + 1];
+            std::size_t keptHere = 0;
+            for (std::size_t i = begin; i < end; ++i) {
+                kept[keptHere] = static_cast<std::uint32_t>(i);
+                keptHere += (*marks)[i] != 0;
+            }
+            std::copy_n(kept, keptHere,
+                        source.begin() + static_cast<std::ptrdiff_t>(firstOfBlock[block]));
         });
     } else {
         keptCount = count;
