@@ -301,18 +301,25 @@ void relaxPlacement(const ScalpMesh& scalp, const PlacementSettings& settings,
                     // more than last time's 24th distance are sorted; when fewer than 24 lie
                     // there (and some lie beyond), the search takes every candidate in reach.
                     const float limit = reach[i];
-                    std::size_t within = 0, total = 0;
-                    for (int r = 0; r < runCount; ++r) {
-                        for (std::uint32_t e = runs[r].begin; e < runs[r].end; ++e) {
-                            if (e == entry) continue;
-                            ++total;
-                            const float d2 = lengthSquared(grid.positionAt(e) - p);
-                            if (d2 < limit && within < kCloseCapacity)
-                                close[within++] = nearKey(d2, e);
+                    std::size_t total = 0;
+                    for (int r = 0; r < runCount; ++r)
+                        total += runs[r].end - runs[r].begin;
+                    --total;  // the candidate itself
+                    std::size_t found = 0;
+                    std::size_t within = 0;
+                    if (total < kCloseCapacity) {
+                        // Near or not falls either way: every key is written and only a near one
+                        // advances the list, with no branch to mispredict.
+                        for (int r = 0; r < runCount; ++r) {
+                            for (std::uint32_t e = runs[r].begin; e < runs[r].end; ++e) {
+                                if (e == entry) continue;
+                                const float d2 = lengthSquared(grid.positionAt(e) - p);
+                                close[within] = nearKey(d2, e);
+                                within += d2 < limit;
+                            }
                         }
                     }
-                    std::size_t found = 0;
-                    if (within < kCloseCapacity && (within >= kNeighbors || within == total)) {
+                    if (total < kCloseCapacity && (within >= kNeighbors || within == total)) {
                         found = std::min<std::size_t>(within, kNeighbors);
                         std::sort(close, close + within);
                     } else {
