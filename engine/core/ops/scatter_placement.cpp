@@ -28,6 +28,34 @@ void forEach(std::size_t count, const RangeBody& body) {
     parallelRange(0, count, kGrain, body);
 }
 
+// Runs body(block, begin, end) over [0, count) in blocks of exactly kGrain items (the last may be
+// shorter), so that a block's number names the same items at any thread count: per-block counts
+// and prefix sums rely on it, where parallelRange's own chunks fall wherever its splits put them.
+template <class Body>
+void forEachBlock(std::size_t count, const Body& body) {
+    const std::size_t blocks = (count + kGrain - 1) / kGrain;
+    const auto run = [&](std::size_t first, std::size_t last) {
+        for (std::size_t b = first; b < last; ++b)
+            body(b, b * kGrain, std::min(count, (b + 1) * kGrain));
+    };
+    if (blocks <= 1) {
+        run(0, blocks);
+        return;
+    }
+    parallelRange(0, blocks, 1, run);
+}
+
+// Turns per-block counts into each block's first slot; returns the total.
+std::size_t blockStarts(std::vector<std::size_t>& counts) {
+    std::size_t total = 0;
+    for (std::size_t& c : counts) {
+        const std::size_t n = c;
+        c = total;
+        total += n;
+    }
+    return total;
+}
+
 float triangleArea(const Vec3f& a, const Vec3f& b, const Vec3f& c) {
     return 0.5f * length(cross(b - a, c - a));
 }
@@ -85,68 +113,117 @@ ScatterPlacement placeRandom(const ScalpMesh& scalp, std::span<const float> face
     const double density = settings.density;
     if (!(density > 0.0) || faceAreas.empty()) return placed;
     const double share = std::clamp(settings.share, 0.0, 1.0);
+    const bool thinned = share < 1.0;
 
-    double totalArea = 0.0;
-    for (const float area : faceAreas)
-        totalArea += area;
-    const double reserve = totalArea * density * share * 1.1 + 16.0;
-    std::vector<std::uint64_t> ids;
-    std::vector<std::int32_t> faces;
-    ids.reserve(static_cast<std::size_t>(std::min(reserve, kMaxStrands * 1.1)));
-    faces.reserve(ids.capacity());
-
+    // Each face's candidate count k = 0 .. n - 1, then the running count of all before it: the
+    // k-th candidate of face f is number faceFirst[f] + k of one sequence over all faces, and
+    // blocks of that sequence are the units of work.
     const std::uint64_t seedHash = mix64(settings.seed);
-    for (std::size_t f = 0; f < faceAreas.size(); ++f) {
-        const std::uint64_t faceHash = hashCombine(seedHash, f);
-        double expected = static_cast<double>(faceAreas[f]) * density;
-        if (!(expected > 0.0)) continue;
-        expected = std::min(expected, kMaxStrands);
-        auto count = static_cast<std::uint64_t>(expected);
-        if (unitFloat(faceHash) < expected - static_cast<double>(count)) ++count;
-        for (std::uint64_t k = 0; k < count; ++k) {
-            const std::uint64_t id = hashCombine(faceHash, k);
-            if (share < 1.0 && unitFloat(id) >= share) continue;
-            ids.push_back(id);
-            faces.push_back(static_cast<std::int32_t>(f));
-        }
-    }
-
-    // Roots, and which of them the density map and the mask keep, each candidate on its own.
-    const std::size_t count = ids.size();
-    std::vector<StrandRoot> roots(count);
-    std::vector<std::uint8_t> keep(count, 1);
-    const bool mapped = static_cast<bool>(settings.mappedDensity);
-    const bool masked = settings.mask && !settings.mask->empty();
-    forEach(count, [&](std::size_t begin, std::size_t end) {
-        for (std::size_t i = begin; i < end; ++i) {
-            const std::uint64_t h = mix64(ids[i]);
-            const float a = std::sqrt(streamDraw(h, 2));
-            const float r2 = streamDraw(h, 3);
-            const StrandRoot root{faces[i], (1.0f - r2) * a, r2 * a};
-            roots[i] = root;
-            if (!mapped && !masked) continue;
-            const Vec3f position = scalp.pointAt(root);
-            if (mapped && !keptByDensity(ids[i], settings.mappedDensity(root, position), density))
-                keep[i] = 0;
-            else if (masked && !settings.mask->passes(position))
-                keep[i] = 0;
+    const std::size_t faceCount = faceAreas.size();
+    std::vector<std::uint64_t> faceFirst(faceCount + 1, 0);
+    forEach(faceCount, [&](std::size_t begin, std::size_t end) {
+        for (std::size_t f = begin; f < end; ++f) {
+            double expected = static_cast<double>(faceAreas[f]) * density;
+            std::uint64_t count = 0;
+            if (expected > 0.0) {
+                expected = std::min(expected, kMaxStrands);
+                count = static_cast<std::uint64_t>(expected);
+                if (unitFloat(hashCombine(seedHash, f)) < expected - static_cast<double>(count))
+                    ++count;
+            }
+            faceFirst[f + 1] = count;
         }
     });
+    for (std::size_t f = 0; f < faceCount; ++f)
+        faceFirst[f + 1] += faceFirst[f];
+    const std::size_t drawn = faceFirst[faceCount];
 
-    if (mapped || masked) {
-        std::size_t kept = 0;
-        for (std::size_t i = 0; i < count; ++i) {
-            if (!keep[i]) continue;
-            ids[kept] = ids[i];
-            roots[kept] = roots[i];
-            ++kept;
+    // Calls visit(id, face) for the drawn candidates [begin, end), in order.
+    const auto forEachDrawn = [&](std::size_t begin, std::size_t end, const auto& visit) {
+        std::size_t f = static_cast<std::size_t>(
+            std::upper_bound(faceFirst.begin(), faceFirst.end(), begin) - faceFirst.begin() - 1);
+        std::uint64_t faceHash = hashCombine(seedHash, f);
+        for (std::size_t n = begin; n < end; ++n) {
+            while (n >= faceFirst[f + 1])
+                faceHash = hashCombine(seedHash, ++f);
+            visit(hashCombine(faceHash, n - faceFirst[f]), static_cast<std::int32_t>(f));
         }
-        ids.resize(kept);
-        roots.resize(kept);
+    };
+
+    // Where each block's candidates go: with a preview share, only those it keeps.
+    std::vector<std::size_t> blockFirst((drawn + kGrain - 1) / kGrain, 0);
+    forEachBlock(drawn, [&](std::size_t block, std::size_t begin, std::size_t end) {
+        std::size_t kept = end - begin;
+        if (thinned) {
+            kept = 0;
+            forEachDrawn(begin, end, [&](std::uint64_t id, std::int32_t) {
+                kept += !(unitFloat(id) >= share);
+            });
+        }
+        blockFirst[block] = kept;
+    });
+    const std::size_t count = blockStarts(blockFirst);
+
+    // Roots, and which of them the density map and the mask keep, each candidate on its own.
+    const bool mapped = static_cast<bool>(settings.mappedDensity);
+    const bool masked = settings.mask && !settings.mask->empty();
+    const bool filtered = mapped || masked;
+    // Unfiltered, the even roots (equal to the random ones until relaxation) are written in the
+    // same pass; filtered, by the compaction.
+    std::vector<std::uint64_t> ids(count);
+    std::vector<StrandRoot> roots(count), evenRoots(filtered ? 0 : count);
+    std::vector<std::uint8_t> keep(filtered ? count : 0, 1);
+    std::vector<std::size_t> keptFirst(filtered ? blockFirst.size() : 0, 0);
+    forEachBlock(drawn, [&](std::size_t block, std::size_t begin, std::size_t end) {
+        std::size_t at = blockFirst[block];
+        std::size_t kept = 0;
+        forEachDrawn(begin, end, [&](std::uint64_t id, std::int32_t face) {
+            if (thinned && unitFloat(id) >= share) return;
+            const std::uint64_t h = mix64(id);
+            const float a = std::sqrt(streamDraw(h, 2));
+            const float r2 = streamDraw(h, 3);
+            const StrandRoot root{face, (1.0f - r2) * a, r2 * a};
+            ids[at] = id;
+            roots[at] = root;
+            if (!filtered) evenRoots[at] = root;
+            if (filtered) {
+                const Vec3f position = scalp.pointAt(root);
+                if (mapped && !keptByDensity(id, settings.mappedDensity(root, position), density))
+                    keep[at] = 0;
+                else if (masked && !settings.mask->passes(position))
+                    keep[at] = 0;
+                kept += keep[at];
+            }
+            ++at;
+        });
+        if (filtered) keptFirst[block] = kept;
+    });
+
+    if (filtered) {
+        // Survivors, compacted in order: the blocks are the same as above, so each block's
+        // survivors start where the counts before it end.
+        const std::size_t kept = blockStarts(keptFirst);
+        std::vector<std::uint64_t> keptIds(kept);
+        std::vector<StrandRoot> keptRoots(kept);
+        evenRoots.resize(kept);
+        forEachBlock(drawn, [&](std::size_t block, std::size_t, std::size_t) {
+            std::size_t to = keptFirst[block];
+            const std::size_t from = blockFirst[block];
+            const std::size_t last = block + 1 < blockFirst.size() ? blockFirst[block + 1] : count;
+            for (std::size_t i = from; i < last; ++i) {
+                if (!keep[i]) continue;
+                keptIds[to] = ids[i];
+                keptRoots[to] = roots[i];
+                evenRoots[to] = roots[i];
+                ++to;
+            }
+        });
+        ids = std::move(keptIds);
+        roots = std::move(keptRoots);
     }
     placed.ids = std::move(ids);
-    placed.evenRoots = roots;
     placed.randomRoots = std::move(roots);
+    placed.evenRoots = std::move(evenRoots);
     return placed;
 }
 
@@ -213,29 +290,24 @@ std::size_t selectStrands(std::span<const std::uint64_t> ids, const PreviewPlan&
     const double q = plan.coarse;
     marks.resize(ids.size());
     // Marks are 0 dropped, 1 partial (u < t only), 2 both, 3 coarse only; written back as the
-    // preview marks 0, 1 and 2 by growStrands. Chunks count their own kept and partial strands.
+    // preview marks 0, 1 and 2 by growStrands. Blocks count their own kept and partial strands.
     const std::size_t chunks = (ids.size() + kGrain - 1) / kGrain;
     std::vector<std::size_t> keptPerChunk(chunks, 0);
     std::vector<std::uint8_t> partialPerChunk(chunks, 0);
-    forEach(ids.size(), [&](std::size_t begin, std::size_t end) {
+    forEachBlock(ids.size(), [&](std::size_t block, std::size_t begin, std::size_t end) {
         std::size_t kept = 0;
         bool partial = false;
+        // Without branches: the tests fall either way at random, by id.
         for (std::size_t i = begin; i < end; ++i) {
             const double u = unitFloat(ids[i]);
-            const bool byPreview = u < t, byCoarse = u < q;
-            std::uint8_t mark = 0;
-            if (byPreview && byCoarse)
-                mark = 2;
-            else if (byPreview)
-                mark = 1;
-            else if (byCoarse)
-                mark = 3;
-            marks[i] = mark;
-            if (mark != 0) ++kept;
-            if (mark == 1 || mark == 3) partial = true;
+            const unsigned byPreview = u < t, byCoarse = u < q;
+            const unsigned mark = byPreview * (1 + byCoarse) + (1 - byPreview) * byCoarse * 3;
+            marks[i] = static_cast<std::uint8_t>(mark);
+            kept += byPreview | byCoarse;
+            partial |= (byPreview ^ byCoarse) != 0;
         }
-        keptPerChunk[begin / kGrain] += kept;
-        if (partial) partialPerChunk[begin / kGrain] = 1;
+        keptPerChunk[block] = kept;
+        partialPerChunk[block] = partial ? 1 : 0;
     });
     std::size_t kept = 0;
     anyPartial = false;
@@ -253,40 +325,43 @@ StrandSet growStrands(const ScalpMesh& scalp, std::span<const std::uint64_t> ids
     const int segments = std::clamp(settings.segments, 1, 256);
     const std::size_t perStrand = static_cast<std::size_t>(segments) + 1;
 
-    // Where each kept strand comes from: a prefix count per chunk keeps the order of the ids.
+    // Where each kept strand comes from: a prefix count per block keeps the order of the ids.
     std::vector<std::uint32_t> source;
     if (marks) {
-        const std::size_t chunks = (count + kGrain - 1) / kGrain;
-        std::vector<std::size_t> firstOfChunk(chunks + 1, 0);
-        for (std::size_t c = 0; c < chunks; ++c) {
+        std::vector<std::size_t> firstOfBlock((count + kGrain - 1) / kGrain, 0);
+        forEachBlock(count, [&](std::size_t block, std::size_t begin, std::size_t end) {
             std::size_t kept = 0;
-            const std::size_t end = std::min(count, (c + 1) * kGrain);
-            for (std::size_t i = c * kGrain; i < end; ++i)
-                kept += (*marks)[i] != 0;
-            firstOfChunk[c + 1] = firstOfChunk[c] + kept;
-        }
-        keptCount = firstOfChunk[chunks];
-        source.resize(keptCount);
-        forEach(count, [&](std::size_t begin, std::size_t end) {
-            std::size_t at = firstOfChunk[begin / kGrain];
             for (std::size_t i = begin; i < end; ++i)
-                if ((*marks)[i] != 0) source[at++] = static_cast<std::uint32_t>(i);
+                kept += (*marks)[i] != 0;
+            firstOfBlock[block] = kept;
+        });
+        keptCount = blockStarts(firstOfBlock);
+        source.resize(keptCount);
+        forEachBlock(count, [&](std::size_t block, std::size_t begin, std::size_t end) {
+            // Kept or not falls at random by id: every index is written to the block's own list
+            // and only a kept one advances it, with no branch to mispredict.
+            std::uint32_t kept[kGrain + 1];
+            std::size_t keptHere = 0;
+            for (std::size_t i = begin; i < end; ++i) {
+                kept[keptHere] = static_cast<std::uint32_t>(i);
+                keptHere += (*marks)[i] != 0;
+            }
+            std::copy_n(kept, keptHere,
+                        source.begin() + static_cast<std::ptrdiff_t>(firstOfBlock[block]));
         });
     } else {
         keptCount = count;
     }
 
+    // Every element is written below, in parallel: the columns come unfilled, from the pool
+    // where it kept arrays of these lengths.
     StrandSet out;
+    out.resizeForOverwrite(keptCount, keptCount * perStrand);
     std::vector<std::uint64_t>& outIds = out.writeIds();
     std::vector<StrandRoot>& outRoots = out.writeRoots();
     std::vector<std::uint64_t>& offsets = out.writeOffsets();
     std::vector<Vec3f>& points = out.writePoints();
     std::vector<float>& widths = out.writeWidths();
-    outIds.resize(keptCount);
-    outRoots.resize(keptCount);
-    offsets.resize(keptCount + 1);
-    points.resize(keptCount * perStrand);
-    widths.resize(keptCount * perStrand);
     std::vector<float>* previewMarks =
         marks && settings.writeMarks ? &out.addStrandChannel("_preview", 1.0f) : nullptr;
 
@@ -294,6 +369,11 @@ StrandSet growStrands(const ScalpMesh& scalp, std::span<const std::uint64_t> ids
     const auto& meshPoints = scalp.points();
     const auto& triangles = scalp.triangles();
     forEach(keptCount, [&](std::size_t begin, std::size_t end) {
+        // The distance of each point from the root, once per chunk instead of a division per
+        // point; the same expression, so the same bits.
+        float along[257];
+        for (std::size_t k = 0; k < perStrand; ++k)
+            along[k] = settings.length * static_cast<float>(k) / static_cast<float>(segments);
         for (std::size_t s = begin; s < end; ++s) {
             const std::size_t i = marks ? source[s] : s;
             const StrandRoot root = roots[i];
@@ -313,8 +393,7 @@ StrandSet growStrands(const ScalpMesh& scalp, std::span<const std::uint64_t> ids
             Vec3f* strandPoints = points.data() + s * perStrand;
             float* strandWidths = widths.data() + s * perStrand;
             for (std::size_t k = 0; k < perStrand; ++k) {
-                strandPoints[k] = position + normal * (settings.length * static_cast<float>(k) /
-                                                       static_cast<float>(segments));
+                strandPoints[k] = position + normal * along[k];
                 strandWidths[k] = 1.0f;
             }
             if (previewMarks) {

@@ -1,7 +1,9 @@
 // Blue-noise relaxation of scatter candidates and the blend between even and random roots.
 
 #include <algorithm>
+#include <bit>
 #include <cmath>
+#include <limits>
 #include <unordered_map>
 
 #include <tbb/parallel_sort.h>
@@ -82,8 +84,10 @@ Vec3f closestOnSegment(const Vec3f& p, const Vec3f& a, const Vec3f& b) {
     return a + ab * t;
 }
 
-// The neighbour grid of one refresh: candidates sorted by cell, each occupied cell with the cells
-// round it that hold candidates, and the border edges near it.
+// The neighbour grid of one refresh: candidates sorted by cell (cells in key order, a cell's
+// candidates in index order) with their positions beside them, and the border edges near each cell.
+// The key puts x in the low bits, so a row of cells along x is one run of the sorted entries: a
+// search looks up one run per row instead of one cell at a time.
 class NeighborGrid {
   public:
     NeighborGrid(float cell, std::span<const BorderEdge> edges) : inverse_(1.0f / cell) {
@@ -123,6 +127,14 @@ class NeighborGrid {
         tbb::parallel_sort(entries_.begin(), entries_.end(), [](const Entry& a, const Entry& b) {
             return a.key != b.key ? a.key < b.key : a.index < b.index;
         });
+        sortedIndex_.resize(count);
+        sortedPosition_.resize(count);
+        forEach(count, [&](std::size_t begin, std::size_t end) {
+            for (std::size_t e = begin; e < end; ++e) {
+                sortedIndex_[e] = entries_[e].index;
+                sortedPosition_[e] = positions[entries_[e].index];
+            }
+        });
         cellStart_.clear();
         cellKeys_.clear();
         for (std::size_t i = 0; i < count; ++i) {
@@ -132,25 +144,39 @@ class NeighborGrid {
             }
         }
         cellStart_.push_back(static_cast<std::uint32_t>(count));
-        lookup_.clear();
-        lookup_.reserve(cellKeys_.size() * 2);
-        for (std::uint32_t c = 0; c < cellKeys_.size(); ++c)
-            lookup_.emplace(cellKeys_[c], c);
     }
 
-    // Calls visit(index) for each candidate in the cells within `rings` cells of the candidate's.
-    template <class Visit>
-    void forEachNear(const Vec3f& position, int rings, Visit&& visit) const {
+    std::size_t cellCount() const { return cellKeys_.size(); }
+    // The candidates of a cell, as a run of the sorted entries.
+    std::uint32_t cellBegin(std::size_t cell) const { return cellStart_[cell]; }
+    std::uint32_t cellEnd(std::size_t cell) const { return cellStart_[cell + 1]; }
+    std::uint32_t indexAt(std::uint32_t entry) const { return sortedIndex_[entry]; }
+    const Vec3f& positionAt(std::uint32_t entry) const { return sortedPosition_[entry]; }
+
+    // A run of sorted entries: the candidates of consecutive cells of one row.
+    struct Run {
+        std::uint32_t begin, end;
+    };
+
+    // The runs of the cells within `rings` cells of `position`'s cell, rows in z then y order and
+    // each row along x: the order a cell-by-cell scan would meet them. Returns the run count;
+    // `runs` holds (2 * rings + 1) squared entries.
+    int runsNear(const Vec3f& position, int rings, Run* runs) const {
         const CellCoord c = cellOf(position, inverse_);
+        int count = 0;
         for (int dz = -rings; dz <= rings; ++dz)
-            for (int dy = -rings; dy <= rings; ++dy)
-                for (int dx = -rings; dx <= rings; ++dx) {
-                    const auto found = lookup_.find(cellKey(c.x + dx, c.y + dy, c.z + dz));
-                    if (found == lookup_.end()) continue;
-                    const std::uint32_t cell = found->second;
-                    for (std::uint32_t e = cellStart_[cell]; e < cellStart_[cell + 1]; ++e)
-                        visit(entries_[e].index);
-                }
+            for (int dy = -rings; dy <= rings; ++dy) {
+                const std::uint64_t first = cellKey(c.x - rings, c.y + dy, c.z + dz);
+                const std::uint64_t last = cellKey(c.x + rings, c.y + dy, c.z + dz);
+                const auto from = std::lower_bound(cellKeys_.begin(), cellKeys_.end(), first);
+                auto to = from;
+                while (to != cellKeys_.end() && *to <= last)
+                    ++to;
+                if (from == to) continue;
+                runs[count++] = {cellStart_[static_cast<std::size_t>(from - cellKeys_.begin())],
+                                 cellStart_[static_cast<std::size_t>(to - cellKeys_.begin())]};
+            }
+        return count;
     }
 
     const std::vector<std::uint32_t>* edgesNear(const Vec3f& position) const {
@@ -166,9 +192,10 @@ class NeighborGrid {
     };
     float inverse_;
     std::vector<Entry> entries_;
+    std::vector<std::uint32_t> sortedIndex_;
+    std::vector<Vec3f> sortedPosition_;
     std::vector<std::uint32_t> cellStart_;
     std::vector<std::uint64_t> cellKeys_;
-    std::unordered_map<std::uint64_t, std::uint32_t> lookup_;
     std::unordered_map<std::uint64_t, std::vector<std::uint32_t>> edgeCells_;
 };
 
@@ -211,47 +238,117 @@ void relaxPlacement(const ScalpMesh& scalp, const PlacementSettings& settings,
     std::vector<std::uint32_t> neighbors(count * kNeighbors);
     std::vector<std::uint32_t> nearestEdge(count, kNoEdge);
 
+    // Each refresh works cell by cell: a cell's candidates share their runs of nearby cells and
+    // their border edges, and read the positions of their neighbours from the sorted copy, which
+    // lies in the order of the scan.
+    constexpr int kMaxRuns = 7 * 7;
+    // A neighbour as one number: the squared distance's bits above the entry's place in the scan.
+    // Distances are never negative, so their bits order as the distances do, and comparing the
+    // numbers orders by distance and then by the order of the scan, the order of the lists.
+    const auto nearKey = [](float distanceSquared, std::uint32_t entry) {
+        return (static_cast<std::uint64_t>(floatBits(distanceSquared)) << 32) | entry;
+    };
+    // Every candidate in the runs but the one at `self`, the nearest 24 into `best`, nearest first;
+    // returns how many there are.
+    const auto nearestInReach = [&](const NeighborGrid::Run* runs, int runCount, std::uint32_t self,
+                                    const Vec3f& p, std::uint64_t* best) {
+        std::size_t found = 0;
+        for (int r = 0; r < runCount; ++r) {
+            for (std::uint32_t e = runs[r].begin; e < runs[r].end; ++e) {
+                if (e == self) continue;
+                const std::uint64_t key = nearKey(lengthSquared(grid.positionAt(e) - p), e);
+                if (found == kNeighbors && !(key < best[kNeighbors - 1])) continue;
+                std::size_t at = found < kNeighbors ? found++ : kNeighbors - 1;
+                while (at > 0 && key < best[at - 1]) {
+                    best[at] = best[at - 1];
+                    --at;
+                }
+                best[at] = key;
+            }
+        }
+        return found;
+    };
+    // The squared distance within which each candidate looks first: its 24th distance at the last
+    // refresh, with a margin for the steps since.
+    constexpr std::size_t kCloseCapacity = 128;
+    constexpr float kReachMargin = 1.15f * 1.15f;
+    std::vector<float> reach(count, std::numeric_limits<float>::infinity());
     auto refresh = [&] {
         grid.rebuild(positions);
-        forEach(count, [&](std::size_t begin, std::size_t end) {
-            float bestDistance[kNeighbors];
-            std::uint32_t bestIndex[kNeighbors];
-            for (std::size_t i = begin; i < end; ++i) {
-                int found = 0;
-                const Vec3f p = positions[i];
-                const int rings = std::clamp(
-                    static_cast<int>(std::ceil(2.0f * radii[i] / cell - 1e-3f)), 1, maxRings);
-                grid.forEachNear(p, rings, [&](std::uint32_t j) {
-                    if (j == i) return;
-                    const float d2 = lengthSquared(positions[j] - p);
-                    if (found == kNeighbors && !(d2 < bestDistance[kNeighbors - 1])) return;
-                    // Insertion keeps the list nearest first; equal distances keep scan order.
-                    int at = found < kNeighbors ? found++ : kNeighbors - 1;
-                    while (at > 0 && bestDistance[at - 1] > d2) {
-                        bestDistance[at] = bestDistance[at - 1];
-                        bestIndex[at] = bestIndex[at - 1];
-                        --at;
+        parallelRange(0, grid.cellCount(), kGrain, [&](std::size_t cellBegin, std::size_t cellEnd) {
+            NeighborGrid::Run cellRuns[kMaxRuns], ownRuns[kMaxRuns];
+            std::uint64_t close[kCloseCapacity];
+            for (std::size_t cellIndex = cellBegin; cellIndex < cellEnd; ++cellIndex) {
+                const std::uint32_t first = grid.cellBegin(cellIndex);
+                const std::uint32_t last = grid.cellEnd(cellIndex);
+                const Vec3f cellPoint = grid.positionAt(first);
+                const int cellRunCount = grid.runsNear(cellPoint, 1, cellRuns);
+                const auto* nearEdges = grid.edgesNear(cellPoint);
+                for (std::uint32_t entry = first; entry < last; ++entry) {
+                    const std::uint32_t i = grid.indexAt(entry);
+                    const Vec3f p = grid.positionAt(entry);
+                    const int rings = std::clamp(
+                        static_cast<int>(std::ceil(2.0f * radii[i] / cell - 1e-3f)), 1, maxRings);
+                    const NeighborGrid::Run* runs = cellRuns;
+                    int runCount = cellRunCount;
+                    if (rings != 1) {
+                        runCount = grid.runsNear(p, rings, ownRuns);
+                        runs = ownRuns;
                     }
-                    bestDistance[at] = d2;
-                    bestIndex[at] = j;
-                });
-                std::uint32_t* list = neighbors.data() + i * kNeighbors;
-                for (int k = 0; k < kNeighbors; ++k)
-                    list[k] = k < found ? bestIndex[k] : static_cast<std::uint32_t>(i);
-
-                std::uint32_t edge = kNoEdge;
-                if (const auto* near = grid.edgesNear(p)) {
-                    float best = 0.0f;
-                    for (const std::uint32_t e : *near) {
-                        const float d2 =
-                            lengthSquared(p - closestOnSegment(p, edges[e].a, edges[e].b));
-                        if (edge == kNoEdge || d2 < best) {
-                            best = d2;
-                            edge = e;
+                    // The nearest 24 by distance and, between equals, by the order of the scan:
+                    // an entry's place in the sorted array is that order. Most candidates keep
+                    // their spacing from one refresh to the next, so only those within a little
+                    // more than last time's 24th distance are sorted; when fewer than 24 lie
+                    // there (and some lie beyond), the search takes every candidate in reach.
+                    const float limit = reach[i];
+                    std::size_t total = 0;
+                    for (int r = 0; r < runCount; ++r)
+                        total += runs[r].end - runs[r].begin;
+                    --total;  // the candidate itself
+                    std::size_t found = 0;
+                    std::size_t within = 0;
+                    if (total < kCloseCapacity) {
+                        // Near or not falls either way: every key is written and only a near one
+                        // advances the list, with no branch to mispredict.
+                        for (int r = 0; r < runCount; ++r) {
+                            for (std::uint32_t e = runs[r].begin; e < runs[r].end; ++e) {
+                                if (e == entry) continue;
+                                const float d2 = lengthSquared(grid.positionAt(e) - p);
+                                close[within] = nearKey(d2, e);
+                                within += d2 < limit;
+                            }
                         }
                     }
+                    if (total < kCloseCapacity && (within >= kNeighbors || within == total)) {
+                        found = std::min<std::size_t>(within, kNeighbors);
+                        std::sort(close, close + within);
+                    } else {
+                        found = nearestInReach(runs, runCount, entry, p, close);
+                    }
+                    reach[i] = found == kNeighbors
+                                   ? std::bit_cast<float>(
+                                         static_cast<std::uint32_t>(close[kNeighbors - 1] >> 32)) *
+                                         kReachMargin
+                                   : std::numeric_limits<float>::infinity();
+                    std::uint32_t* list = neighbors.data() + i * kNeighbors;
+                    for (std::size_t k = 0; k < kNeighbors; ++k)
+                        list[k] = k < found ? grid.indexAt(static_cast<std::uint32_t>(close[k]))
+                                            : static_cast<std::uint32_t>(i);
+
+                    std::uint32_t edge = kNoEdge;
+                    if (nearEdges) {
+                        float best = 0.0f;
+                        for (const std::uint32_t e : *nearEdges) {
+                            const float d2 =
+                                lengthSquared(p - closestOnSegment(p, edges[e].a, edges[e].b));
+                            if (edge == kNoEdge || d2 < best) {
+                                best = d2;
+                                edge = e;
+                            }
+                        }
+                    }
+                    nearestEdge[i] = edge;
                 }
-                nearestEdge[i] = edge;
             }
         });
     };
@@ -278,10 +375,17 @@ void relaxPlacement(const ScalpMesh& scalp, const PlacementSettings& settings,
                 const std::uint32_t* list = neighbors.data() + i * kNeighbors;
                 for (int k = 0; k < kNeighbors; ++k) {
                     const std::uint32_t j = list[k];
-                    if (j == i || !(radii[j] > 0.0f)) continue;
-                    const float s = ri + radii[j];
+                    if (j == i) continue;
+                    // A plain density gives every candidate the same radius: no need to read it.
+                    const float rj = mapped ? radii[j] : r0;
+                    if (!(rj > 0.0f)) continue;
+                    const float s = ri + rj;
                     const Vec3f d = pi - positions[j];
-                    const float dist = length(d);
+                    const float d2 = lengthSquared(d);
+                    // Clearly out of reach without the square root; the margin covers rounding,
+                    // so the test below decides every pair near the edge as before.
+                    if (d2 >= s * s * 1.00002f) continue;
+                    const float dist = std::sqrt(d2);
                     if (!(dist < s)) continue;
                     Vec3f direction;
                     if (dist <= s * 1e-6f) {
@@ -325,7 +429,13 @@ void relaxPlacement(const ScalpMesh& scalp, const PlacementSettings& settings,
                 for (std::size_t i = begin; i < end; ++i) {
                     const float ri = radii[i];
                     if (!(ri > 0.0f)) continue;
-                    const ClosestPoint hit = scalp.closestPoint(positions[i], 4.0f * ri);
+                    // The candidate's last location lies on the surface, so the closest point
+                    // is no farther than it: searching only that far (with a margin for
+                    // rounding) prunes the tree walk and finds the same point, the nearest in
+                    // reach with ties going to the lower triangle.
+                    const float lastDistance = length(positions[i] - scalp.pointAt(roots[i]));
+                    const float reachNow = std::min(4.0f * ri, lastDistance * 1.001f + ri * 1e-4f);
+                    const ClosestPoint hit = scalp.closestPoint(positions[i], reachNow);
                     if (hit.found() && allowed(hit.root, hit.point)) {
                         roots[i] = hit.root;
                         positions[i] = hit.point;

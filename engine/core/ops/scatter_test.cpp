@@ -167,6 +167,14 @@ TEST(Scatter, LowerPreviewKeepsASubsetWithTheSameRoots) {
             ASSERT_NE(found, fullRoots.end()) << "randomness " << randomness;
             EXPECT_EQ(found->second, half->roots()[s]) << "randomness " << randomness;
         }
+        // Exactly the strands whose ids the preview keeps (both shares are 0.5 here), each once
+        // and in the full run's order.
+        std::vector<std::uint64_t> expected;
+        for (const std::uint64_t id : full->ids())
+            if (unitFloat(id) < 0.5f) expected.push_back(id);
+        EXPECT_TRUE(
+            std::equal(expected.begin(), expected.end(), half->ids().begin(), half->ids().end()))
+            << "randomness " << randomness;
         EXPECT_EQ(full->strandChannel("_preview"), nullptr);
     }
 }

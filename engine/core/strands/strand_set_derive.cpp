@@ -180,6 +180,17 @@ void StrandSet::clear() {
         list.clear();
 }
 
+void StrandSet::resizeForOverwrite(std::size_t strandCount, std::size_t pointCount) {
+    assert(strandChannels_.empty() && pointChannels_.empty());
+    dropCachedExtents();
+    replaceArray(ids_, ArrayPool<std::uint64_t>::instance().makeForOverwrite(strandCount), true);
+    replaceArray(roots_, ArrayPool<StrandRoot>::instance().makeForOverwrite(strandCount), true);
+    replaceArray(offsets_, ArrayPool<std::uint64_t>::instance().makeForOverwrite(strandCount + 1),
+                 true);
+    replaceArray(points_, ArrayPool<Vec3f>::instance().makeForOverwrite(pointCount), true);
+    replaceArray(widths_, ArrayPool<float>::instance().makeForOverwrite(pointCount), true);
+}
+
 // ---- Deriving
 
 void StrandSet::subset(std::span<const std::uint64_t> indices, StrandSet& out) const {

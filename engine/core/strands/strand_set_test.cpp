@@ -623,5 +623,38 @@ TEST(StrandSet, CopyOnWriteTakesLargeArraysFromThePoolAndGivesThemBack) {
     pool.trim();
 }
 
+TEST(StrandSet, ResizeForOverwriteSizesEveryColumnAndReusesPooledArrays) {
+    StrandSet small;
+    small.resizeForOverwrite(3, 7);
+    EXPECT_EQ(small.strandCount(), 3u);
+    EXPECT_EQ(small.offsets().size(), 4u);
+    EXPECT_EQ(small.roots().size(), 3u);
+    EXPECT_EQ(small.pointCount(), 7u);
+    EXPECT_EQ(small.widths().size(), 7u);
+    for (const ColumnId column : {ColumnId::kIds, ColumnId::kRoots, ColumnId::kOffsets,
+                                  ColumnId::kPoints, ColumnId::kWidths})
+        EXPECT_TRUE(small.isOwned(column));
+
+    // A large column takes the array that the pool kept at exactly its length.
+    const std::size_t points = 360000;  // 4.3 MB of points
+    ArrayPool<Vec3f>& pool = ArrayPool<Vec3f>::instance();
+    pool.trim();
+    std::vector<Vec3f> spare(points);
+    const Vec3f* spareData = spare.data();
+    pool.release(std::move(spare));
+    StrandSet large;
+    large.resizeForOverwrite(points / 9, points);
+    EXPECT_EQ(large.points().data(), spareData);
+    EXPECT_TRUE(pool.pooledLengths().empty());
+    // A set that shared the old columns keeps them.
+    StrandSet copy = large;
+    copy.resizeForOverwrite(1, 2);
+    EXPECT_EQ(large.points().data(), spareData);
+    EXPECT_EQ(copy.pointCount(), 2u);
+    large = StrandSet();
+    EXPECT_EQ(pool.pooledLengths(), std::vector<std::size_t>{points});
+    pool.trim();
+}
+
 }  // namespace
 }  // namespace velmorin
