@@ -2,7 +2,6 @@
 #include "graph/registry.h"
 #include "ops/field_ops.h"
 #include "ops/shape_ops.h"
-#include "ops/shape_ops_b.h"
 #include "ops/source_ops.h"
 
 namespace velmorin {

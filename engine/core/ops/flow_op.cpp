@@ -7,13 +7,13 @@
 #include "graph/registry.h"
 #include "mesh/scalp_mesh.h"
 #include "ops/field_op_params.h"
-#include "ops/shape_ops_b.h"
+#include "ops/shape_ops.h"
 #include "strands/strand_set.h"
 
 namespace velmorin {
 
-void flowStrands(const StrandSet& input, const FlowSettings& settings, std::span<Vec3f> points,
-                 StrandPick pick) {
+void flowStrands(const StrandSet& input, const FlowSettings& settings, const StrandSelection& pick,
+                 std::span<Vec3f> points) {
     const std::span<const std::uint64_t> ids = input.ids();
     const std::span<const StrandRoot> roots = input.roots();
     const ScalpMesh* scalp = settings.scalp;
@@ -145,10 +145,13 @@ class FlowOp final : public Operator {
         // A field made on another scalp would be read at the wrong vertices.
         settings.flow =
             scalp && flow->directions().size() == scalp->pointCount() ? flow.get() : nullptr;
-        return runShape(inputs, incremental, out, changes,
-                        [&](const StrandSet& input, std::span<Vec3f> points, StrandPick pick) {
-                            flowStrands(input, settings, points, pick);
-                        });
+        constexpr ColumnId kColumns[] = {ColumnId::kPoints};
+        return runInPlace(
+            inputs, incremental, true, kColumns,
+            [&](const StrandSet& from, const StrandSelection& selection, StrandSet& made) {
+                flowStrands(from, settings, selection, made.writePoints());
+            },
+            out, changes);
     }
 };
 

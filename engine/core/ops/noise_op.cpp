@@ -222,7 +222,8 @@ class NoiseOp final : public Operator {
         }
         constexpr ColumnId kColumns[] = {ColumnId::kPoints};
         return runInPlace(
-            inputs, incremental, noneMapped({&settings.amplitude, &settings.fraction}), kColumns,
+            inputs, incremental, mapsReadOnlyTheirStrand(paramSet, ctx, {"amplitude", "fraction"}),
+            kColumns,
             [&](const StrandSet& from, const StrandSelection& selection, StrandSet& made) {
                 noiseStrands(from, settings, selection, made.writePoints());
             },

@@ -8,7 +8,7 @@
 #include "graph/delivered_params.h"
 #include "graph/registry.h"
 #include "ops/field_op_params.h"
-#include "ops/shape_ops_b.h"
+#include "ops/shape_ops.h"
 #include "strands/strand_set.h"
 
 namespace velmorin {
@@ -57,8 +57,8 @@ void boxFilter(Cells& cells, int period, float width) {
 
 }  // namespace
 
-void smoothStrands(const StrandSet& input, const SmoothSettings& settings, std::span<Vec3f> points,
-                   StrandPick pick) {
+void smoothStrands(const StrandSet& input, const SmoothSettings& settings,
+                   const StrandSelection& pick, std::span<Vec3f> points) {
     parallelRange(0, pick.size(input.strandCount()), 256, [&](std::size_t begin, std::size_t end) {
         Cells cells;
         std::vector<float> shares;  // per point, grown once per chunk
@@ -176,10 +176,13 @@ class SmoothOp final : public Operator {
         if (strands) settings.strength = fieldSampler(paramSet, ctx, "strength", *strands);
         settings.scale = static_cast<float>(paramSet.getFloat("scale", 0.09));
         settings.profile = paramRamp(paramSet, ctx, "profile", Ramp{});
-        return runShape(inputs, incremental, out, changes,
-                        [&](const StrandSet& input, std::span<Vec3f> points, StrandPick pick) {
-                            smoothStrands(input, settings, points, pick);
-                        });
+        constexpr ColumnId kColumns[] = {ColumnId::kPoints};
+        return runInPlace(
+            inputs, incremental, true, kColumns,
+            [&](const StrandSet& from, const StrandSelection& selection, StrandSet& made) {
+                smoothStrands(from, settings, selection, made.writePoints());
+            },
+            out, changes);
     }
 };
 
