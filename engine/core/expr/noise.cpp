@@ -193,6 +193,79 @@ Vec3f fractalNoiseVector(const Vec3f& p, const Fractal& fractal, std::uint64_t s
     return fractalSum<Vec3f>(p, fractal, seed, gradientNoiseVector);
 }
 
+FractalNoiseAlongZ::FractalNoiseAlongZ(float x, float y, const Fractal& fractal,
+                                       std::uint64_t seed) {
+    // The octaves, weights and norm of fractalSum.
+    const float octavesHeld = std::isnan(fractal.octaves) ? 1.0f : fractal.octaves;
+    octaveCount_ = static_cast<int>(std::clamp(octavesHeld, 1.0f, 16.0f));
+    float amplitude = 1.0f, frequency = 1.0f, norm = 0.0f;
+    for (int o = 0; o < octaveCount_; ++o) {
+        Octave& octave = octaves_[o];
+        octave.weight = amplitude;
+        if (fractal.spacing > 0.0f)
+            octave.weight *= 1.0f - smoothUnit(0.5f, 1.0f, fractal.spacing * frequency);
+        octave.seed = hashCombine(seed, static_cast<std::uint64_t>(o));
+        octave.frequency = frequency;
+        const Cell c = cellOf(Vec3f{x * frequency, y * frequency, 0.0f});
+        octave.cellX = c.i[0];
+        octave.cellY = c.i[1];
+        octave.fx = c.f[0];
+        octave.fy = c.f[1];
+        norm += amplitude;
+        amplitude *= fractal.gain;
+        frequency *= fractal.lacunarity;
+    }
+    scale_ = std::fabs(norm) > 1e-12f ? 1.0f / norm : 0.0f;
+}
+
+void FractalNoiseAlongZ::enterCell(Octave& octave, std::int64_t cellZ) const {
+    const std::int64_t i[3] = {octave.cellX, octave.cellY, cellZ};
+    std::uint64_t h[8];
+    cornerHashes(i, nullptr, octave.seed, h);
+    const float x = octave.fx, y = octave.fy;
+    const float u = noiseFade(x), v = noiseFade(y);
+    for (int channel = 0; channel < 3; ++channel) {
+        // gradientChannel's corners with z left out: the x and y part blended across the face,
+        // and the z gradients blended alike as the slope in z.
+        const auto face = [&](int first, float* constant, float* slope) {
+            const float* g[4];
+            for (int k = 0; k < 4; ++k)
+                g[k] = kGradients[((h[first + k] >> (16 * channel)) & 0xFFFFu) % 12u];
+            const float c00 = blend(g[0][0] * x + g[0][1] * y, g[1][0] * (x - 1) + g[1][1] * y, u);
+            const float c10 =
+                blend(g[2][0] * x + g[2][1] * (y - 1), g[3][0] * (x - 1) + g[3][1] * (y - 1), u);
+            *constant = blend(c00, c10, v);
+            *slope = blend(blend(g[0][2], g[1][2], u), blend(g[2][2], g[3][2], u), v);
+        };
+        face(0, &octave.low[channel], &octave.lowSlope[channel]);
+        face(4, &octave.high[channel], &octave.highSlope[channel]);
+    }
+    octave.cellZ = cellZ;
+    octave.cellValid = true;
+}
+
+Vec3f FractalNoiseAlongZ::at(float z) {
+    Vec3f sum{};
+    for (int o = 0; o < octaveCount_; ++o) {
+        Octave& octave = octaves_[o];
+        // A faded-out octave adds nothing; skipping it keeps the sum's bits.
+        if (octave.weight == 0.0f) continue;
+        const float q = z * octave.frequency;
+        const float below = floorOf(q);
+        const std::int64_t cellZ = latticeFloor(below);
+        if (!octave.cellValid || cellZ != octave.cellZ) enterCell(octave, cellZ);
+        const float f = q - below;
+        const float w = noiseFade(f);
+        Vec3f n;
+        float* out[3] = {&n.x, &n.y, &n.z};
+        for (int c = 0; c < 3; ++c)
+            *out[c] = blend(octave.low[c] + octave.lowSlope[c] * f,
+                            octave.high[c] + octave.highSlope[c] * (f - 1.0f), w);
+        sum = sum + n * octave.weight;
+    }
+    return sum * scale_;
+}
+
 float fractalNoise4(const Vec3f& p, float w, const Fractal& fractal, std::uint64_t seed) {
     // The fourth axis scales with the octave's frequency like the other three.
     float frequency = 1.0f;

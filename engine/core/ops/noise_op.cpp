@@ -75,14 +75,26 @@ void noiseStrands(const StrandSet& input, const NoiseSettings& settings,
             if (settings.mode == NoiseMode::Smooth) {
                 Fractal fractal = smooth;
                 fractal.spacing = sampleSpacing(settings, total, n - 1);
+                if (world) {
+                    for (std::size_t k = 1; k < n; ++k) {
+                        const float t = arcs[k] / total;
+                        const float a =
+                            (amplitudeMapped ? settings.amplitude.atPoint(s, k) : plainAmplitude) *
+                            settings.profile.at(t);
+                        out[begin + k] =
+                            points[k] +
+                            fractalNoiseVector(points[k] * frequency, fractal, noiseSeed) * a;
+                    }
+                    continue;
+                }
+                // In the strand's own space its points lie on one line along z of the lattice.
+                FractalNoiseAlongZ line(draws.base.x, draws.base.y, fractal, noiseSeed);
                 for (std::size_t k = 1; k < n; ++k) {
                     const float t = arcs[k] / total;
                     const float a =
                         (amplitudeMapped ? settings.amplitude.atPoint(s, k) : plainAmplitude) *
                         settings.profile.at(t);
-                    const Vec3f q =
-                        world ? points[k] * frequency : draws.base + Vec3f{0, 0, t * frequency};
-                    out[begin + k] = points[k] + fractalNoiseVector(q, fractal, noiseSeed) * a;
+                    out[begin + k] = points[k] + line.at(draws.base.z + t * frequency) * a;
                 }
                 continue;
             }
