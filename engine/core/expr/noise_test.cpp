@@ -27,7 +27,11 @@ TEST(FractalNoiseAlongZ, MatchesTheGeneralFractalSum) {
         const float x = (unitFloat(hashCombine(line, 1)) - 0.5f) * 600.0f;
         const float y = (unitFloat(hashCombine(line, 2)) - 0.5f) * 600.0f;
         const std::uint64_t seed = hashCombine(kVectorNoiseSeed, line);
-        FractalNoiseAlongZ walk(x, y, fractal, seed);
+        // One walker for two lines, the second taking over from the first.
+        FractalNoiseAlongZ walk(fractal, seed);
+        walk.startLine(y, x, c.spacing * 0.5f);
+        walk.at(1.0f);
+        walk.startLine(x, y, c.spacing);
         for (int k = 0; k < 60; ++k) {
             // Rising by steps, then jumping back: the cell the walk holds must not leak.
             const float z = k < 40 ? -3.0f + 0.17f * static_cast<float>(k)

@@ -59,6 +59,8 @@ void noiseStrands(const StrandSet& input, const NoiseSettings& settings,
 
     forSelectedChunks(input.strandCount(), selection, [&](std::size_t first, std::size_t last) {
         std::vector<float> arcs;
+        // The strands' own-space lines, set up once for the chunk.
+        FractalNoiseAlongZ line(smooth, noiseSeed);
         for (std::size_t i = first; i < last; ++i) {
             const std::size_t s = selection.strand(i);
             const std::span<const Vec3f> points = input.strandPoints(s);
@@ -88,7 +90,7 @@ void noiseStrands(const StrandSet& input, const NoiseSettings& settings,
                     continue;
                 }
                 // In the strand's own space its points lie on one line along z of the lattice.
-                FractalNoiseAlongZ line(draws.base.x, draws.base.y, fractal, noiseSeed);
+                line.startLine(draws.base.x, draws.base.y, fractal.spacing);
                 for (std::size_t k = 1; k < n; ++k) {
                     const float t = arcs[k] / total;
                     const float a =
@@ -138,11 +140,12 @@ std::optional<CoarseStrand> coarseForNoise(const StrandSet& input, const NoiseSe
         for (std::size_t s = begin; s < end && s < firstCoarse.load(); ++s) {
             const std::span<const Vec3f> points = input.strandPoints(s);
             if (points.size() < 2) continue;
+            // The spacing first: most strands are fine enough, and then need no draw.
+            const float total = settings.space == NoiseSpace::World ? strandLength(points) : 1.0f;
+            if (sampleSpacing(settings, total, points.size() - 1) <= kFadingSpacing) continue;
             const float fraction =
                 fractionMapped ? settings.fraction.atStrand(s) : settings.fraction.value();
             if (!(noiseDraws(ids[s], settings.seed).pick < fraction)) continue;
-            const float total = settings.space == NoiseSpace::World ? strandLength(points) : 1.0f;
-            if (sampleSpacing(settings, total, points.size() - 1) <= kFadingSpacing) continue;
             std::size_t seen = firstCoarse.load();
             while (s < seen && !firstCoarse.compare_exchange_weak(seen, s)) {
             }
