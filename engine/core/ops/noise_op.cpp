@@ -68,11 +68,19 @@ void noiseStrands(const StrandSet& input, const NoiseSettings& settings,
             const std::size_t n = points.size();
             const NoiseDraws draws = noiseDraws(ids[s], settings.seed);
             const float fraction = fractionMapped ? settings.fraction.atStrand(s) : plainFraction;
-            std::copy(points.begin(), points.end(), out.begin() + begin);
-            if (n < 2 || !(draws.pick < fraction)) continue;
+            const auto keep = [&] { std::copy(points.begin(), points.end(), out.begin() + begin); };
+            if (n < 2 || !(draws.pick < fraction)) {
+                keep();
+                continue;
+            }
             arcs.resize(n);
             const float total = arcLengths(points, arcs);
-            if (!(total > 0.0f)) continue;
+            if (!(total > 0.0f)) {
+                keep();
+                continue;
+            }
+            // The root stays; the loops below write every other point once.
+            out[begin] = points[0];
 
             if (settings.mode == NoiseMode::Smooth) {
                 Fractal fractal = smooth;
