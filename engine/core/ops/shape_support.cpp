@@ -66,18 +66,6 @@ float strandLength(std::span<const Vec3f> points) {
     return total;
 }
 
-Vec3f pointAtArc(std::span<const Vec3f> points, std::span<const float> arcs, float s,
-                 std::size_t& segment) {
-    const std::size_t last = points.size() - 1;
-    if (last == 0 || s <= 0.0f) return points[0];
-    if (s >= arcs[last]) return points[last];
-    while (segment + 1 < last && arcs[segment + 1] < s)
-        ++segment;
-    const float span = arcs[segment + 1] - arcs[segment];
-    const float f = span > 0.0f ? (s - arcs[segment]) / span : 0.0f;
-    return lerp(points[segment], points[segment + 1], std::clamp(f, 0.0f, 1.0f));
-}
-
 Vec3f rotateAbout(const Vec3f& v, const Vec3f& axis, float angle) {
     return rotateAbout(v, axis, std::cos(angle), std::sin(angle));
 }

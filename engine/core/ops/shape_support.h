@@ -4,6 +4,7 @@
 // frame at its root on the scalp, the axes of clumps, and the run that rewrites columns of the
 // input, for every strand or, incrementally, for the strands that changed upstream.
 
+#include <algorithm>
 #include <cstdint>
 #include <functional>
 #include <initializer_list>
@@ -51,8 +52,18 @@ float arcShares(std::span<const Vec3f> points, std::span<float> t);
 
 // Walks forward along a polyline to arc `s` (clamped to the ends). `segment` holds where the last
 // call stopped and moves on from there, so that increasing arcs cost one pass over the strand.
-Vec3f pointAtArc(std::span<const Vec3f> points, std::span<const float> arcs, float s,
-                 std::size_t& segment);
+// Inline: it runs once per point in the hottest loops.
+inline Vec3f pointAtArc(std::span<const Vec3f> points, std::span<const float> arcs, float s,
+                        std::size_t& segment) {
+    const std::size_t last = points.size() - 1;
+    if (last == 0 || s <= 0.0f) return points[0];
+    if (s >= arcs[last]) return points[last];
+    while (segment + 1 < last && arcs[segment + 1] < s)
+        ++segment;
+    const float span = arcs[segment + 1] - arcs[segment];
+    const float f = span > 0.0f ? (s - arcs[segment]) / span : 0.0f;
+    return lerp(points[segment], points[segment + 1], std::clamp(f, 0.0f, 1.0f));
+}
 
 // The random draws of one strand: the first is unitFloat(h) with h = hashCombine(id, seed), the
 // k-th further one hashes h once more with k (h = hashCombine(h, k)), so a draw never depends on
