@@ -5,6 +5,8 @@
 #include <memory>
 #include <vector>
 
+#include "graph/graph.h"
+#include "graph/test/eval_operators.h"
 #include "ops/shape_ops.h"
 #include "strands/test/test_strands.h"
 
@@ -103,6 +105,29 @@ BENCHMARK(BM_ShapeNoise)
     ->Arg(1)
     ->Unit(benchmark::kMillisecond)
     ->UseRealTime();
+
+// Noise after a source in a graph, its amplitude changed before every evaluation: what an artist
+// dragging the slider waits for, the run and everything the graph does around it.
+void BM_ShapeNoiseAmplitudeThroughGraph(benchmark::State& state) {
+    test::registerEvalTestOperators();
+    Graph graph;
+    const std::uint32_t source = graph.addNode("EvalScene", "scene");
+    const std::uint32_t noise = graph.addNode("Noise", "noise");
+    graph.connect(source, noise, 0);
+    graph.operatorOf(noise).paramSet.set("frequency", 0.5);
+    SceneInputs scene;
+    scene["groom"] = SceneInput{Value(std::make_shared<const StrandSet>(strands())), 1};
+    EvalContext ctx;
+    ctx.sceneInputs = &scene;
+    graph.evaluate(noise, ctx);
+    int step = 0;
+    for (auto _ : state) {
+        graph.operatorOf(noise).paramSet.set("amplitude", 0.2 + 1e-4 * ++step);
+        benchmark::DoNotOptimize(graph.evaluate(noise, ctx));
+    }
+    setBytes(state);
+}
+BENCHMARK(BM_ShapeNoiseAmplitudeThroughGraph)->Unit(benchmark::kMillisecond)->UseRealTime();
 
 void BM_ShapeTwistClumps(benchmark::State& state) {
     TwistSettings settings;

@@ -193,6 +193,125 @@ Vec3f fractalNoiseVector(const Vec3f& p, const Fractal& fractal, std::uint64_t s
     return fractalSum<Vec3f>(p, fractal, seed, gradientNoiseVector);
 }
 
+FractalNoiseAlongZ::FractalNoiseAlongZ(const Fractal& fractal, std::uint64_t seed)
+    : fractal_(fractal) {
+    // The octaves and norm of fractalSum.
+    const float octavesHeld = std::isnan(fractal.octaves) ? 1.0f : fractal.octaves;
+    octaveCount_ = static_cast<int>(std::clamp(octavesHeld, 1.0f, 16.0f));
+    float amplitude = 1.0f, frequency = 1.0f, norm = 0.0f;
+    for (int o = 0; o < octaveCount_; ++o) {
+        Octave& octave = octaves_[o];
+        octave.seed = hashCombine(seed, static_cast<std::uint64_t>(o));
+        octave.frequency = frequency;
+        norm += amplitude;
+        amplitude *= fractal.gain;
+        frequency *= fractal.lacunarity;
+    }
+    scale_ = std::fabs(norm) > 1e-12f ? 1.0f / norm : 0.0f;
+}
+
+void FractalNoiseAlongZ::startLine(float x, float y, float spacing) {
+    // The weights of fractalSum, which change with the spacing only.
+    const bool reweigh = !(spacing == spacing_);
+    spacing_ = spacing;
+    float amplitude = 1.0f;
+    for (int o = 0; o < octaveCount_; ++o) {
+        Octave& octave = octaves_[o];
+        if (reweigh) {
+            octave.weight = amplitude;
+            if (spacing > 0.0f)
+                octave.weight *= 1.0f - smoothUnit(0.5f, 1.0f, spacing * octave.frequency);
+            amplitude *= fractal_.gain;
+        }
+        const Cell c = cellOf(Vec3f{x * octave.frequency, y * octave.frequency, 0.0f});
+        octave.cellX = c.i[0];
+        octave.cellY = c.i[1];
+        octave.fx = c.f[0];
+        octave.fy = c.f[1];
+        octave.cellValid = false;
+    }
+}
+
+void FractalNoiseAlongZ::blendFace(const Octave& octave, std::int64_t faceZ, float* constant,
+                                   float* slope) const {
+    // The four corner hashes of the face, as cornerHashes makes them.
+    const std::uint64_t xs[2] = {
+        static_cast<std::uint64_t>(octave.cellX) * 0x9E3779B185EBCA87ull,
+        (static_cast<std::uint64_t>(octave.cellX) + 1u) * 0x9E3779B185EBCA87ull};
+    const std::uint64_t ys[2] = {
+        static_cast<std::uint64_t>(octave.cellY) * 0xC2B2AE3D27D4EB4Full,
+        (static_cast<std::uint64_t>(octave.cellY) + 1u) * 0xC2B2AE3D27D4EB4Full};
+    const std::uint64_t zs = static_cast<std::uint64_t>(faceZ) * 0x165667B19E3779F9ull;
+    std::uint64_t h[4];
+    for (int c = 0; c < 4; ++c) {
+        std::uint64_t v = octave.seed ^ xs[c & 1] ^ ys[(c >> 1) & 1] ^ zs;
+        v ^= v >> 29;
+        v *= 0xBF58476D1CE4E5B9ull;
+        v ^= v >> 32;
+        h[c] = v;
+    }
+    const float x = octave.fx, y = octave.fy;
+    const float u = noiseFade(x), v = noiseFade(y);
+    for (int channel = 0; channel < 3; ++channel) {
+        // gradientChannel's corners with z left out: the x and y part blended across the face,
+        // and the z gradients blended alike as the slope in z.
+        const float* g[4];
+        for (int k = 0; k < 4; ++k)
+            g[k] = kGradients[((h[k] >> (16 * channel)) & 0xFFFFu) % 12u];
+        const float c00 = blend(g[0][0] * x + g[0][1] * y, g[1][0] * (x - 1) + g[1][1] * y, u);
+        const float c10 =
+            blend(g[2][0] * x + g[2][1] * (y - 1), g[3][0] * (x - 1) + g[3][1] * (y - 1), u);
+        constant[channel] = blend(c00, c10, v);
+        slope[channel] = blend(blend(g[0][2], g[1][2], u), blend(g[2][2], g[3][2], u), v);
+    }
+}
+
+void FractalNoiseAlongZ::enterCell(Octave& octave, std::int64_t cellZ, float below) const {
+    const std::int64_t upper = static_cast<std::int64_t>(static_cast<std::uint64_t>(cellZ) + 1u);
+    if (octave.cellValid &&
+        static_cast<std::uint64_t>(octave.cellZ) + 1u == static_cast<std::uint64_t>(cellZ)) {
+        // One cell up: the lower face is the upper face of the cell before, the same corners
+        // with the same offset in z, so it carries over as it is.
+        std::copy_n(octave.high, 3, octave.low);
+        std::copy_n(octave.highSlope, 3, octave.lowSlope);
+    } else {
+        blendFace(octave, cellZ, octave.low, octave.lowSlope);
+    }
+    blendFace(octave, upper, octave.high, octave.highSlope);
+    octave.cellZ = cellZ;
+    octave.cellBelow = below;
+    octave.cellValid = true;
+}
+
+Vec3f FractalNoiseAlongZ::at(float z) {
+    Vec3f sum{};
+    for (int o = 0; o < octaveCount_; ++o) {
+        Octave& octave = octaves_[o];
+        // A faded-out octave adds nothing; skipping it keeps the sum's bits.
+        if (octave.weight == 0.0f) continue;
+        const float q = z * octave.frequency;
+        // Within the cell held, floorOf(q) is its lower z: no floor to take.
+        if (!(octave.cellValid && q >= octave.cellBelow && q < octave.cellBelow + 1.0f)) {
+            const float below = floorOf(q);
+            const std::int64_t cellZ = latticeFloor(below);
+            if (!octave.cellValid || cellZ != octave.cellZ) {
+                enterCell(octave, cellZ, below);
+            } else {
+                octave.cellBelow = below;
+            }
+        }
+        const float f = q - octave.cellBelow;
+        const float w = noiseFade(f);
+        Vec3f n;
+        float* out[3] = {&n.x, &n.y, &n.z};
+        for (int c = 0; c < 3; ++c)
+            *out[c] = blend(octave.low[c] + octave.lowSlope[c] * f,
+                            octave.high[c] + octave.highSlope[c] * (f - 1.0f), w);
+        sum = sum + n * octave.weight;
+    }
+    return sum * scale_;
+}
+
 float fractalNoise4(const Vec3f& p, float w, const Fractal& fractal, std::uint64_t seed) {
     // The fourth axis scales with the octave's frequency like the other three.
     float frequency = 1.0f;

@@ -67,6 +67,44 @@ Vec3f fractalNoiseVector(const Vec3f& p, const Fractal& fractal, std::uint64_t s
 float fractalNoise4(const Vec3f& p, float w, const Fractal& fractal, std::uint64_t seed);
 Vec3f fractalNoiseVector4(const Vec3f& p, float w, const Fractal& fractal, std::uint64_t seed);
 
+// fractalNoiseVector({x, y, z}, fractal, seed) for many z and one x and y (a line along z, as noise
+// in a strand's own space walks), to within rounding. Each octave hashes a lattice cell's corners
+// and blends them across x and y once, when z first enters the cell, so that a sample costs a few
+// multiply-adds per octave; z rising step by step makes that once or twice a cell. Made once (on
+// the stack, no allocation) for many lines, each begun by startLine. `fractal.absolute` is not
+// supported.
+class FractalNoiseAlongZ {
+  public:
+    FractalNoiseAlongZ(const Fractal& fractal, std::uint64_t seed);
+    // Begins the line through x and y, sampled `spacing` apart (fractal.spacing for this line).
+    void startLine(float x, float y, float spacing);
+    Vec3f at(float z);
+
+  private:
+    struct Octave {
+        std::uint64_t seed = 0;
+        std::int64_t cellX = 0, cellY = 0;
+        std::int64_t cellZ = 0;
+        bool cellValid = false;
+        float cellBelow = 0.0f;      // the cell's lower z as a float: samples in it skip the floor
+        float fx = 0.0f, fy = 0.0f;  // offsets in the x and y cell
+        float frequency = 1.0f;
+        float weight = 0.0f;
+        // Per channel, the noise on the cell's lower and upper z faces as a line in the offset:
+        // lower(fz) = low[c] + lowSlope[c] * fz, upper(fz) = high[c] + highSlope[c] * (fz - 1).
+        float low[3] = {}, lowSlope[3] = {}, high[3] = {}, highSlope[3] = {};
+    };
+    void enterCell(Octave& octave, std::int64_t cellZ, float below) const;
+    // Sets one face (the cell's corners at lattice z `faceZ`) of every channel.
+    void blendFace(const Octave& octave, std::int64_t faceZ, float* constant, float* slope) const;
+
+    Octave octaves_[16];
+    Fractal fractal_;
+    float spacing_ = -1.0f;  // the spacing the weights are for; none yet
+    int octaveCount_ = 0;
+    float scale_ = 0.0f;  // 1 / the sum of amplitudes, or 0
+};
+
 // A 0-1 value per unit cell (the hash of floor(p)), and three of them.
 float cellNoise(const Vec3f& p);
 Vec3f cellNoiseVector(const Vec3f& p);

@@ -6,7 +6,7 @@
 #include "graph/registry.h"
 #include "mesh/scalp_mesh.h"
 #include "ops/field_op_params.h"
-#include "ops/shape_ops_b.h"
+#include "ops/shape_ops.h"
 #include "strands/strand_set.h"
 
 namespace velmorin {
@@ -16,8 +16,8 @@ float bendShare(float t, float start, float end) {
     return std::clamp((t - start) / (end - start), 0.0f, 1.0f);
 }
 
-void bendStrands(const StrandSet& input, const BendSettings& settings, std::span<Vec3f> points,
-                 StrandPick pick) {
+void bendStrands(const StrandSet& input, const BendSettings& settings, const StrandSelection& pick,
+                 std::span<Vec3f> points) {
     const std::span<const std::uint64_t> ids = input.ids();
     const std::span<const StrandRoot> roots = input.roots();
     const bool mappedAngle = settings.angle.isMapped();
@@ -176,10 +176,13 @@ class BendOp final : public Operator {
             settings.angle = fieldSampler(paramSet, ctx, "angle", *strands);
             settings.direction = fieldSampler(paramSet, ctx, "direction", *strands);
         }
-        return runShape(inputs, incremental, out, changes,
-                        [&](const StrandSet& input, std::span<Vec3f> points, StrandPick pick) {
-                            bendStrands(input, settings, points, pick);
-                        });
+        constexpr ColumnId kColumns[] = {ColumnId::kPoints};
+        return runInPlace(
+            inputs, incremental, true, kColumns,
+            [&](const StrandSet& from, const StrandSelection& selection, StrandSet& made) {
+                bendStrands(from, settings, selection, made.writePoints());
+            },
+            out, changes);
     }
 };
 

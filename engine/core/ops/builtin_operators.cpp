@@ -3,7 +3,6 @@
 #include "ops/field_ops.h"
 #include "ops/grow_ops.h"
 #include "ops/shape_ops.h"
-#include "ops/shape_ops_b.h"
 #include "ops/source_ops.h"
 
 namespace velmorin {

@@ -6,13 +6,13 @@
 #include "graph/registry.h"
 #include "mesh/scalp_mesh.h"
 #include "ops/field_op_params.h"
-#include "ops/shape_ops_b.h"
+#include "ops/shape_ops.h"
 #include "strands/strand_set.h"
 
 namespace velmorin {
 
 void directStrands(const StrandSet& input, const DirectionSettings& settings,
-                   std::span<Vec3f> points, StrandPick pick) {
+                   const StrandSelection& pick, std::span<Vec3f> points) {
     const std::span<const std::uint64_t> ids = input.ids();
     const std::span<const StrandRoot> roots = input.roots();
     const TangentFrom from = settings.alongU ? TangentFrom::U : TangentFrom::Direction;
@@ -156,10 +156,13 @@ class DirectionOp final : public Operator {
         settings.rollRandom = static_cast<float>(paramSet.getFloat("rollRandom", 0.0));
         settings.seed = static_cast<std::uint64_t>(paramSet.getInt("seed", 0));
         settings.scalp = scalp.get();
-        return runShape(inputs, incremental, out, changes,
-                        [&](const StrandSet& input, std::span<Vec3f> points, StrandPick pick) {
-                            directStrands(input, settings, points, pick);
-                        });
+        constexpr ColumnId kColumns[] = {ColumnId::kPoints};
+        return runInPlace(
+            inputs, incremental, true, kColumns,
+            [&](const StrandSet& from, const StrandSelection& selection, StrandSet& made) {
+                directStrands(from, settings, selection, made.writePoints());
+            },
+            out, changes);
     }
 };
 

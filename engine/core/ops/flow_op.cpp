@@ -1,5 +1,6 @@
 #include <algorithm>
 #include <cmath>
+#include <optional>
 
 #include "base/parallel.h"
 #include "editing/flow.h"
@@ -7,17 +8,61 @@
 #include "graph/registry.h"
 #include "mesh/scalp_mesh.h"
 #include "ops/field_op_params.h"
-#include "ops/shape_ops_b.h"
+#include "ops/shape_ops.h"
 #include "strands/strand_set.h"
 
 namespace velmorin {
+namespace {
 
-void flowStrands(const StrandSet& input, const FlowSettings& settings, std::span<Vec3f> points,
-                 StrandPick pick) {
+// The closest point of the scalp to `p`, walked to from triangle `face` across the edges toward
+// it. A strand's next point lies a segment from the last, over the same or a neighbouring
+// triangle, so the walk takes a step or two where the tree searches from its top. Nothing where
+// the walk reaches a border, goes round in circles (over a ridge the point lies off every
+// triangle's face) or lands farther than `maxDistance`: the caller asks the tree then, which also
+// finds a nearer part of the surface that the walk can't see.
+std::optional<ClosestPoint> walkToClosest(const ScalpMesh& scalp, const SurfaceTopology& topology,
+                                          std::int32_t face, const Vec3f& p, float maxDistance) {
+    constexpr int kMostSteps = 6;
+    const std::vector<Triangle>& triangles = scalp.triangles();
+    const std::vector<Vec3f>& corners = scalp.points();
+    for (int step = 0; step < kMostSteps; ++step) {
+        const Triangle& triangle = triangles[static_cast<std::size_t>(face)];
+        const Vec3f p0 = corners[triangle[0]];
+        const Vec3f e1 = corners[triangle[1]] - p0, e2 = corners[triangle[2]] - p0;
+        const Vec3f d = p - p0;
+        const float d11 = dot(e1, e1), d12 = dot(e1, e2), d22 = dot(e2, e2);
+        const float d1 = dot(d, e1), d2 = dot(d, e2);
+        const float det = d11 * d22 - d12 * d12;
+        if (!(det > 0.0f)) return std::nullopt;
+        const float u = (d22 * d1 - d12 * d2) / det;
+        const float v = (d11 * d2 - d12 * d1) / det;
+        const float w = 1.0f - u - v;
+        if (u >= 0.0f && v >= 0.0f && w >= 0.0f) {
+            ClosestPoint found;
+            found.root = {face, u, v};
+            found.point = p0 + e1 * u + e2 * v;
+            found.distance = length(p - found.point);
+            if (!(found.distance <= maxDistance)) return std::nullopt;
+            return found;
+        }
+        // Out across the edge facing the most negative weight: corner 0's weight faces edge 1
+        // (corners 1 to 2), corner 1's edge 2, corner 2's edge 0.
+        const int edge = w <= u && w <= v ? 1 : u <= v ? 2 : 0;
+        face = topology.neighborAcross(static_cast<std::uint32_t>(face), edge);
+        if (face < 0) return std::nullopt;
+    }
+    return std::nullopt;
+}
+
+}  // namespace
+
+void flowStrands(const StrandSet& input, const FlowSettings& settings, const StrandSelection& pick,
+                 std::span<Vec3f> points) {
     const std::span<const std::uint64_t> ids = input.ids();
     const std::span<const StrandRoot> roots = input.roots();
     const ScalpMesh* scalp = settings.scalp;
     const FlowField* flow = settings.flow;
+    const std::shared_ptr<const SurfaceTopology> topology = scalp ? scalp->topology() : nullptr;
     parallelRange(0, pick.size(input.strandCount()), 256, [&](std::size_t begin, std::size_t end) {
         for (std::size_t item = begin; item < end; ++item) {
             const std::size_t s = pick.strand(item);
@@ -53,8 +98,10 @@ void flowStrands(const StrandSet& input, const FlowSettings& settings, std::span
                 const Vec3f direction = laid * std::cos(angle) + normal * std::sin(angle);
                 Vec3f next = out[k - 1] + direction * segment;
                 height += segment * std::sin(angle);
-                const ClosestPoint below =
-                    scalp->closestPoint(next, std::fabs(height) + 2.0f * segment + 1e-4f);
+                const float reach = std::fabs(height) + 2.0f * segment + 1e-4f;
+                const std::optional<ClosestPoint> walked =
+                    walkToClosest(*scalp, *topology, at.face, next, reach);
+                const ClosestPoint below = walked ? *walked : scalp->closestPoint(next, reach);
                 if (below.found()) {
                     at = below.root;
                     const Vec3f surfaceNormal = scalp->normalAt(at);
@@ -145,10 +192,13 @@ class FlowOp final : public Operator {
         // A field made on another scalp would be read at the wrong vertices.
         settings.flow =
             scalp && flow->directions().size() == scalp->pointCount() ? flow.get() : nullptr;
-        return runShape(inputs, incremental, out, changes,
-                        [&](const StrandSet& input, std::span<Vec3f> points, StrandPick pick) {
-                            flowStrands(input, settings, points, pick);
-                        });
+        constexpr ColumnId kColumns[] = {ColumnId::kPoints};
+        return runInPlace(
+            inputs, incremental, true, kColumns,
+            [&](const StrandSet& from, const StrandSelection& selection, StrandSet& made) {
+                flowStrands(from, settings, selection, made.writePoints());
+            },
+            out, changes);
     }
 };
 

@@ -88,7 +88,8 @@ class LengthOp final : public Operator {
         settings.seed = static_cast<std::uint64_t>(paramSet.getInt("seed", 0));
         constexpr ColumnId kColumns[] = {ColumnId::kPoints};
         return runInPlace(
-            inputs, incremental, noneMapped({&settings.length, &settings.fraction}), kColumns,
+            inputs, incremental, mapsReadOnlyTheirStrand(paramSet, ctx, {"length", "fraction"}),
+            kColumns,
             [&](const StrandSet& from, const StrandSelection& selection, StrandSet& made) {
                 trimStrands(from, settings, selection, made.writePoints());
             },

@@ -59,6 +59,8 @@ void noiseStrands(const StrandSet& input, const NoiseSettings& settings,
 
     forSelectedChunks(input.strandCount(), selection, [&](std::size_t first, std::size_t last) {
         std::vector<float> arcs;
+        // The strands' own-space lines, set up once for the chunk.
+        FractalNoiseAlongZ line(smooth, noiseSeed);
         for (std::size_t i = first; i < last; ++i) {
             const std::size_t s = selection.strand(i);
             const std::span<const Vec3f> points = input.strandPoints(s);
@@ -66,23 +68,43 @@ void noiseStrands(const StrandSet& input, const NoiseSettings& settings,
             const std::size_t n = points.size();
             const NoiseDraws draws = noiseDraws(ids[s], settings.seed);
             const float fraction = fractionMapped ? settings.fraction.atStrand(s) : plainFraction;
-            std::copy(points.begin(), points.end(), out.begin() + begin);
-            if (n < 2 || !(draws.pick < fraction)) continue;
+            const auto keep = [&] { std::copy(points.begin(), points.end(), out.begin() + begin); };
+            if (n < 2 || !(draws.pick < fraction)) {
+                keep();
+                continue;
+            }
             arcs.resize(n);
             const float total = arcLengths(points, arcs);
-            if (!(total > 0.0f)) continue;
+            if (!(total > 0.0f)) {
+                keep();
+                continue;
+            }
+            // The root stays; the loops below write every other point once.
+            out[begin] = points[0];
 
             if (settings.mode == NoiseMode::Smooth) {
                 Fractal fractal = smooth;
                 fractal.spacing = sampleSpacing(settings, total, n - 1);
+                if (world) {
+                    for (std::size_t k = 1; k < n; ++k) {
+                        const float t = arcs[k] / total;
+                        const float a =
+                            (amplitudeMapped ? settings.amplitude.atPoint(s, k) : plainAmplitude) *
+                            settings.profile.at(t);
+                        out[begin + k] =
+                            points[k] +
+                            fractalNoiseVector(points[k] * frequency, fractal, noiseSeed) * a;
+                    }
+                    continue;
+                }
+                // In the strand's own space its points lie on one line along z of the lattice.
+                line.startLine(draws.base.x, draws.base.y, fractal.spacing);
                 for (std::size_t k = 1; k < n; ++k) {
                     const float t = arcs[k] / total;
                     const float a =
                         (amplitudeMapped ? settings.amplitude.atPoint(s, k) : plainAmplitude) *
                         settings.profile.at(t);
-                    const Vec3f q =
-                        world ? points[k] * frequency : draws.base + Vec3f{0, 0, t * frequency};
-                    out[begin + k] = points[k] + fractalNoiseVector(q, fractal, noiseSeed) * a;
+                    out[begin + k] = points[k] + line.at(draws.base.z + t * frequency) * a;
                 }
                 continue;
             }
@@ -126,11 +148,12 @@ std::optional<CoarseStrand> coarseForNoise(const StrandSet& input, const NoiseSe
         for (std::size_t s = begin; s < end && s < firstCoarse.load(); ++s) {
             const std::span<const Vec3f> points = input.strandPoints(s);
             if (points.size() < 2) continue;
+            // The spacing first: most strands are fine enough, and then need no draw.
+            const float total = settings.space == NoiseSpace::World ? strandLength(points) : 1.0f;
+            if (sampleSpacing(settings, total, points.size() - 1) <= kFadingSpacing) continue;
             const float fraction =
                 fractionMapped ? settings.fraction.atStrand(s) : settings.fraction.value();
             if (!(noiseDraws(ids[s], settings.seed).pick < fraction)) continue;
-            const float total = settings.space == NoiseSpace::World ? strandLength(points) : 1.0f;
-            if (sampleSpacing(settings, total, points.size() - 1) <= kFadingSpacing) continue;
             std::size_t seen = firstCoarse.load();
             while (s < seen && !firstCoarse.compare_exchange_weak(seen, s)) {
             }
@@ -222,7 +245,8 @@ class NoiseOp final : public Operator {
         }
         constexpr ColumnId kColumns[] = {ColumnId::kPoints};
         return runInPlace(
-            inputs, incremental, noneMapped({&settings.amplitude, &settings.fraction}), kColumns,
+            inputs, incremental, mapsReadOnlyTheirStrand(paramSet, ctx, {"amplitude", "fraction"}),
+            kColumns,
             [&](const StrandSet& from, const StrandSelection& selection, StrandSet& made) {
                 noiseStrands(from, settings, selection, made.writePoints());
             },

@@ -1,12 +1,17 @@
 #pragma once
-// The shape operators that change strands point by point, one strand at a time: Length, Width,
-// Resample, Noise, Curl and Twist. Each node is a thin class over one plain function on strand
-// data, declared here so that tests and benchmarks call it without a graph. The classes are reached
-// only through the registration functions.
+// The shape operators, which change strands point by point, one strand at a time: Length, Width,
+// Resample, Noise, Curl and Twist, and Bend, Direction, Transform, Smooth and Flow, which turn,
+// move and relax whole strands. Each node is a thin class over one plain function on strand data,
+// declared here so that tests and benchmarks call it without a graph. A function reads `input` and
+// writes every value of each selected strand into `out` (a column of a set with the input's
+// layout), so that an incremental run can start from the previous result; strands it leaves as they
+// are (fewer than 2 points, an effect of nothing, no root frame where one is needed) are written as
+// they came. The classes are reached only through the registration functions.
 
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <string_view>
 
 #include "fields/field_sampler.h"
 #include "graph/ramp.h"
@@ -15,6 +20,7 @@
 
 namespace velmorin {
 
+struct FlowField;
 class OperatorRegistry;
 
 void registerLengthOperator(OperatorRegistry& registry);
@@ -23,6 +29,11 @@ void registerResampleOperator(OperatorRegistry& registry);
 void registerTwistOperator(OperatorRegistry& registry);
 void registerNoiseOperator(OperatorRegistry& registry);
 void registerCurlOperator(OperatorRegistry& registry);
+void registerDirectionOperator(OperatorRegistry& registry);
+void registerFlowOperator(OperatorRegistry& registry);
+void registerSmoothOperator(OperatorRegistry& registry);
+void registerBendOperator(OperatorRegistry& registry);
+void registerTransformOperator(OperatorRegistry& registry);
 
 // Length: keeps a share of each strand from the root, its points spread at equal arc steps over
 // what is kept; a point count never changes. `length` and `fraction` are sampled per strand.
@@ -123,5 +134,85 @@ struct TwistSettings {
 };
 void twistStrands(const StrandSet& input, const TwistSettings& settings,
                   const StrandSelection& selection, std::span<Vec3f> out);
+
+// What a bend turns strands toward.
+enum class BendAlong { Normal, Tangent, Direction };
+
+struct BendSettings {
+    FieldSampler angle{30.0f};  // degrees, per strand
+    float start = 0.0f;         // where the turn starts and ends, as shares of the arc length
+    float end = 1.0f;
+    BendAlong along = BendAlong::Normal;
+    FieldSampler direction;  // a vector per strand (world space)
+    float randomness = 0.0f;
+    std::uint64_t seed = 0;
+    const ScalpMesh* scalp = nullptr;
+};
+
+// How much of a bend's whole turn has happened at arc share t.
+float bendShare(float t, float start, float end);
+
+void bendStrands(const StrandSet& input, const BendSettings& settings,
+                 const StrandSelection& selection, std::span<Vec3f> out);
+
+struct DirectionSettings {
+    FieldSampler inclination{0.0f};  // degrees from the normal, per strand
+    FieldSampler roll{0.0f};         // degrees around the normal, per strand
+    FieldSampler strength{1.0f};     // share of the turn, per strand
+    bool alongU = true;              // roll 0 along the scalp's U, else along `direction`
+    Vec3f direction{0.0f, -1.0f, 0.0f};
+    float inclinationRandom = 0.0f;  // degrees
+    float rollRandom = 0.0f;         // degrees
+    std::uint64_t seed = 0;
+    const ScalpMesh* scalp = nullptr;
+};
+
+void directStrands(const StrandSet& input, const DirectionSettings& settings,
+                   const StrandSelection& selection, std::span<Vec3f> out);
+
+struct TransformSettings {
+    bool world = false;  // the whole set about `pivot` in world axes, else each strand at its root
+    Vec3f translate;
+    Vec3f rotate;  // degrees about x, then y, then z
+    FieldSampler scale{1.0f};
+    Vec3f pivot;
+    float translateRandom = 0.0f;  // scene units, per axis
+    float rotateRandom = 0.0f;     // degrees, per axis
+    float scaleRandom = 0.0f;      // share
+    std::uint64_t seed = 0;
+    const ScalpMesh* scalp = nullptr;
+};
+
+void transformStrands(const StrandSet& input, const TransformSettings& settings,
+                      const StrandSelection& selection, std::span<Vec3f> out);
+
+struct SmoothSettings {
+    FieldSampler strength{1.0f};  // per strand
+    float scale = 0.09f;          // bump size as a share of the length; 1 straightens
+    Ramp profile;
+};
+
+// The most cells a strand is smoothed over.
+inline constexpr int kSmoothCells = 127;
+
+void smoothStrands(const StrandSet& input, const SmoothSettings& settings,
+                   const StrandSelection& selection, std::span<Vec3f> out);
+
+struct FlowSettings {
+    FieldSampler lift{12.0f};  // degrees off the skin at the root, per strand
+    float bend = 0.6f;         // how much of the lift is gone at the tip
+    float random = 6.0f;       // degrees of random turn about the normal
+    std::uint64_t seed = 0;
+    const ScalpMesh* scalp = nullptr;
+    const FlowField* flow = nullptr;
+};
+
+// The note of a Flow run with no flow arrows.
+inline constexpr std::string_view kNoFlowArrows =
+    "no flow arrows: lay some with the Flow tool (Groom Tools > Create > Flow); strands lie along "
+    "their own direction";
+
+void flowStrands(const StrandSet& input, const FlowSettings& settings,
+                 const StrandSelection& selection, std::span<Vec3f> out);
 
 }  // namespace velmorin

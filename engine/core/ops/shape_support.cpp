@@ -1,10 +1,14 @@
 #include "ops/shape_support.h"
 
 #include <algorithm>
+#include <cassert>
 #include <cmath>
 #include <numeric>
+#include <variant>
 
-#include "fields/field_sampler.h"
+#include "fields/field_scene.h"
+#include "graph/delivered_params.h"
+#include "mesh/scalp_mesh.h"
 
 namespace velmorin {
 
@@ -46,6 +50,15 @@ float arcLengths(std::span<const Vec3f> points, std::span<float> arcs) {
     return total;
 }
 
+float arcShares(std::span<const Vec3f> points, std::span<float> t) {
+    if (points.empty()) return 0.0f;
+    const float total = arcLengths(points, t);
+    const float scale = total > 0.0f ? 1.0f / total : 0.0f;
+    for (std::size_t k = 1; k < points.size(); ++k)
+        t[k] *= scale;
+    return total;
+}
+
 float strandLength(std::span<const Vec3f> points) {
     float total = 0.0f;
     for (std::size_t k = 1; k < points.size(); ++k)
@@ -53,21 +66,8 @@ float strandLength(std::span<const Vec3f> points) {
     return total;
 }
 
-Vec3f pointAtArc(std::span<const Vec3f> points, std::span<const float> arcs, float s,
-                 std::size_t& segment) {
-    const std::size_t last = points.size() - 1;
-    if (last == 0 || s <= 0.0f) return points[0];
-    if (s >= arcs[last]) return points[last];
-    while (segment + 1 < last && arcs[segment + 1] < s)
-        ++segment;
-    const float span = arcs[segment + 1] - arcs[segment];
-    const float f = span > 0.0f ? (s - arcs[segment]) / span : 0.0f;
-    return lerp(points[segment], points[segment + 1], std::clamp(f, 0.0f, 1.0f));
-}
-
 Vec3f rotateAbout(const Vec3f& v, const Vec3f& axis, float angle) {
-    const float c = std::cos(angle), s = std::sin(angle);
-    return v * c + cross(axis, v) * s + axis * (dot(axis, v) * (1.0f - c));
+    return rotateAbout(v, axis, std::cos(angle), std::sin(angle));
 }
 
 Vec3f anyPerpendicular(const Vec3f& direction) {
@@ -111,12 +111,95 @@ void transportFrames(std::span<const Vec3f> points, std::span<SegmentFrame> fram
     }
 }
 
+Vec3f scalpUDirection(const ScalpMesh& scalp, std::int32_t face) {
+    if (!scalp.hasUvs() || !scalp.isOnSurface({face, 0.0f, 0.0f})) return {};
+    const Triangle& corners = scalp.triangles()[static_cast<std::size_t>(face)];
+    const std::vector<Vec3f>& points = scalp.points();
+    const std::size_t base = static_cast<std::size_t>(face) * 3;
+    const Uv& uv0 = scalp.uvs()[base];
+    const Uv& uv1 = scalp.uvs()[base + 1];
+    const Uv& uv2 = scalp.uvs()[base + 2];
+    const Vec3f e1 = points[corners[1]] - points[corners[0]];
+    const Vec3f e2 = points[corners[2]] - points[corners[0]];
+    const float du1 = uv1.u - uv0.u, dv1 = uv1.v - uv0.v;
+    const float du2 = uv2.u - uv0.u, dv2 = uv2.v - uv0.v;
+    const float det = du1 * dv2 - du2 * dv1;
+    if (std::fabs(det) < 1e-12f) return {};
+    // dP/du of the map from UV to the triangle.
+    return (e1 * dv2 - e2 * dv1) / det;
+}
+
+RootFrame rootFrame(const ScalpMesh* scalp, const StrandRoot& root, TangentFrom from,
+                    const Vec3f& direction) {
+    RootFrame frame;
+    if (!scalp || !scalp->isOnSurface(root)) return frame;
+    frame.normal = scalp->normalAt(root);
+    if (lengthSquared(frame.normal) < 0.25f) return frame;
+    Vec3f tangent;
+    if (from != TangentFrom::Direction) {
+        const Vec3f u = alongSurface(scalpUDirection(*scalp, root.face), frame.normal);
+        if (lengthSquared(u) > 1e-12f) tangent = normalized(u);
+    }
+    if (lengthSquared(tangent) == 0.0f) {
+        if (from == TangentFrom::Triangle) {
+            tangent = scalp->frameAt(root).tangent;
+        } else {
+            const Vec3f laid = alongSurface(direction, frame.normal);
+            const float size = length(direction);
+            if (size == 0.0f || length(laid) < 1e-6f * size) return frame;
+            tangent = normalized(laid);
+        }
+    }
+    frame.tangent = tangent;
+    frame.binormal = cross(tangent, frame.normal);
+    frame.valid = true;
+    return frame;
+}
+
+std::shared_ptr<const ScalpMesh> sceneScalp(const EvalContext& ctx) {
+    const SceneInput* input = ctx.sceneInput(kScalpInput);
+    return input ? input->value.get<ScalpMesh>() : nullptr;
+}
+
+bool mapsReadOnlyTheirStrand(const ParamSet& params, const EvalContext& ctx,
+                             std::initializer_list<std::string_view> names) {
+    for (const std::string_view name : names) {
+        if (ctx.delivered && ctx.delivered->field(name)) return false;
+        if (!params.has(name)) continue;
+        const auto* map = std::get_if<MapReference>(&params.checked(name));
+        if (map && map->source == MapSource::Expression) return false;
+    }
+    return true;
+}
+
 void copyStrandPoints(const StrandSet& input, std::size_t strand, std::span<Vec3f> out) {
     const StrandSet::PointRange range = input.pointRange(strand);
     const std::span<const Vec3f> from = input.points();
     std::copy_n(from.begin() + static_cast<std::ptrdiff_t>(range.begin), range.count,
                 out.begin() + static_cast<std::ptrdiff_t>(range.begin));
 }
+
+namespace {
+
+// Gives `set` a column of its own for `apply` to fill, without copying the values it held.
+void freshColumn(StrandSet& set, ColumnId column) {
+    if (column == ColumnId::kPoints) {
+        [[maybe_unused]] std::vector<Vec3f>& points = set.overwritePoints();
+#ifndef NDEBUG
+        // A point the run forgets to write shows up in every test as NaN.
+        std::fill(points.begin(), points.end(), Vec3f{NAN, NAN, NAN});
+#endif
+    } else if (column == ColumnId::kWidths) {
+        [[maybe_unused]] std::vector<float>& widths = set.overwriteWidths();
+#ifndef NDEBUG
+        std::fill(widths.begin(), widths.end(), NAN);
+#endif
+    } else {
+        assert(false && "a shape run rewrites points or widths only");
+    }
+}
+
+}  // namespace
 
 bool runInPlace(const std::vector<Value>& inputs, const IncrementalInputs* incremental,
                 bool canUpdate, std::span<const ColumnId> columns, const InPlaceApply& apply,
@@ -128,7 +211,14 @@ bool runInPlace(const std::vector<Value>& inputs, const IncrementalInputs* incre
             return true;
         }
         auto made = std::make_shared<StrandSet>(*input);
+        for (const ColumnId column : columns)
+            freshColumn(*made, column);
         apply(*input, StrandSelection::every(), *made);
+        if (changes) {
+            changes->all = true;
+            changes->strands.clear();
+            changes->sameLayout = true;
+        }
         *out = std::shared_ptr<const StrandSet>(std::move(made));
         return true;
     }
@@ -148,6 +238,8 @@ bool runInPlace(const std::vector<Value>& inputs, const IncrementalInputs* incre
     }
 
     auto made = std::make_shared<StrandSet>(*input);
+    // The unchanged strands keep the previous result's values; only the listed ones are redone.
+    // The previous result is shared with the cache, so its columns are copied, not taken.
     StrandSet before(*previous);
     for (const ColumnId column : columns) {
         if (column == ColumnId::kWidths && previous->widths().size() != input->pointCount())
@@ -160,13 +252,9 @@ bool runInPlace(const std::vector<Value>& inputs, const IncrementalInputs* incre
     apply(*input, StrandSelection::only(redo), *made);
     changes->all = false;
     changes->strands = std::move(redo);
+    changes->sameLayout = true;
     *out = std::shared_ptr<const StrandSet>(std::move(made));
     return true;
-}
-
-bool noneMapped(std::initializer_list<const FieldSampler*> samplers) {
-    return std::none_of(samplers.begin(), samplers.end(),
-                        [](const FieldSampler* sampler) { return sampler->isMapped(); });
 }
 
 ClumpAxes clumpAxes(const StrandSet& strands, const std::vector<float>& channel) {

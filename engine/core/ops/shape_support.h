@@ -1,15 +1,18 @@
 #pragma once
-// What the shape operators (Length, Width, Resample, Noise, Curl, Twist) share: arc lengths and
-// points at an arc along one strand, the per-strand random draws, frames carried along a strand,
-// turns about an axis, the axes of clumps, and the run that rewrites one column of the input in
-// place, for every strand or, incrementally, for the strands that changed upstream.
+// What the shape operators share: param records, arc lengths and points at an arc along one
+// strand, the per-strand random draws, turns about an axis, frames carried along a strand and the
+// frame at its root on the scalp, the axes of clumps, and the run that rewrites columns of the
+// input, for every strand or, incrementally, for the strands that changed upstream.
 
+#include <algorithm>
 #include <cstdint>
 #include <functional>
+#include <initializer_list>
 #include <memory>
 #include <optional>
 #include <span>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "base/hash.h"
@@ -19,11 +22,17 @@
 #include "graph/params.h"
 #include "graph/value.h"
 #include "strands/strand_changes.h"
+#include "strands/strand_root.h"
 #include "strands/strand_set.h"
 
 namespace velmorin {
 
-class FieldSampler;
+class ScalpMesh;
+
+// The scene input that carries the groom's flow (a FlowField built on the scene's scalp).
+inline constexpr std::string_view kFlowInput = "flow";
+
+inline constexpr float kDegrees = 3.14159265358979f / 180.0f;
 
 // Param records the shape operators declare alike: a float held to 0-1 with the unit "fraction",
 // the animatable-free `seed`, and a ramp along the length (no keys: 1 everywhere).
@@ -37,10 +46,24 @@ ParamSpec profileParam(std::string description);
 float arcLengths(std::span<const Vec3f> points, std::span<float> arcs);
 float strandLength(std::span<const Vec3f> points);
 
+// Fills `t` (one entry per point) with each point's share of the strand's arc length, root 0 to
+// tip 1, and returns the length. A strand of no length has every t 0.
+float arcShares(std::span<const Vec3f> points, std::span<float> t);
+
 // Walks forward along a polyline to arc `s` (clamped to the ends). `segment` holds where the last
 // call stopped and moves on from there, so that increasing arcs cost one pass over the strand.
-Vec3f pointAtArc(std::span<const Vec3f> points, std::span<const float> arcs, float s,
-                 std::size_t& segment);
+// Inline: it runs once per point in the hottest loops.
+inline Vec3f pointAtArc(std::span<const Vec3f> points, std::span<const float> arcs, float s,
+                        std::size_t& segment) {
+    const std::size_t last = points.size() - 1;
+    if (last == 0 || s <= 0.0f) return points[0];
+    if (s >= arcs[last]) return points[last];
+    while (segment + 1 < last && arcs[segment + 1] < s)
+        ++segment;
+    const float span = arcs[segment + 1] - arcs[segment];
+    const float f = span > 0.0f ? (s - arcs[segment]) / span : 0.0f;
+    return lerp(points[segment], points[segment + 1], std::clamp(f, 0.0f, 1.0f));
+}
 
 // The random draws of one strand: the first is unitFloat(h) with h = hashCombine(id, seed), the
 // k-th further one hashes h once more with k (h = hashCombine(h, k)), so a draw never depends on
@@ -62,8 +85,17 @@ class StrandDraws {
     std::uint64_t drawn_ = 0;
 };
 
-// v turned by `angle` radians about the unit vector `axis` (right-handed).
+// v turned about the unit vector `axis` (right-handed) by the angle whose cosine and sine are
+// given, or by `angle` radians.
+inline Vec3f rotateAbout(const Vec3f& v, const Vec3f& axis, float cosA, float sinA) {
+    return v * cosA + cross(axis, v) * sinA + axis * (dot(axis, v) * (1.0f - cosA));
+}
 Vec3f rotateAbout(const Vec3f& v, const Vec3f& axis, float angle);
+
+// The part of `v` in the plane of the unit normal `n`.
+inline Vec3f alongSurface(const Vec3f& v, const Vec3f& n) {
+    return v - n * dot(v, n);
+}
 
 // A unit vector perpendicular to the unit vector `direction`, the same for the same direction.
 Vec3f anyPerpendicular(const Vec3f& direction);
@@ -80,6 +112,35 @@ struct SegmentFrame {
 };
 void transportFrames(std::span<const Vec3f> points, std::span<SegmentFrame> frames,
                      Vec3f firstNormal = {});
+
+// The frame at a strand's root: the scalp's normal there, a tangent in the surface and the
+// binormal tangent x normal (x along the tangent, y the normal, z across, as the scalp's frames).
+struct RootFrame {
+    Vec3f normal;
+    Vec3f tangent;
+    Vec3f binormal;
+    bool valid = false;
+};
+
+// Where a root frame's tangent points.
+enum class TangentFrom {
+    U,          // the scalp's U direction (its UVs), else the given direction laid on the scalp
+    Direction,  // the given direction laid onto the scalp
+    Triangle,   // the scalp's U direction, else the triangle's own frame (ScalpMesh::frameAt)
+};
+
+// The frame at `root` on `scalp`. Invalid when there is no scalp, the root is off it, or the
+// tangent has no direction: a direction laid onto the scalp that is shorter than 1e-6 of itself
+// (a direction along the normal) has none.
+RootFrame rootFrame(const ScalpMesh* scalp, const StrandRoot& root, TangentFrom from,
+                    const Vec3f& direction);
+
+// The direction of growing U on a triangle of the scalp, in world space (not unit length); zero
+// without UVs or on a triangle whose UVs have no area.
+Vec3f scalpUDirection(const ScalpMesh& scalp, std::int32_t face);
+
+// The scene's scalp, or null.
+std::shared_ptr<const ScalpMesh> sceneScalp(const EvalContext& ctx);
 
 // Which strands a run redoes: every one, or a list of ascending indices.
 struct StrandSelection {
@@ -101,16 +162,19 @@ void forSelectedChunks(std::size_t strandCount, const StrandSelection& selection
                   [&](std::size_t first, std::size_t last) { chunk(first, last); });
 }
 
-// Writes the selected strands of `out` from `input` as they came (both of one layout).
+// Writes the strand's points into `out` (a point column of the input's layout) as they came.
 void copyStrandPoints(const StrandSet& input, std::size_t strand, std::span<Vec3f> out);
 
 // The run of a shape operator that keeps its input's layout and rewrites columns of it. Full:
-// `apply(input, every, out)` on a copy of the input. Incremental (`incremental` set): when the only
-// input's changes name some strands, the layout is the same and `canUpdate` is true, `out` is a
-// copy of the input holding the previous result's `columns`, and `apply` redoes the changed strands
-// only; the result names them. `widen`, where given, turns the changed strands into those to redo
-// (strands that move with a changed one). Returns false where an incremental run can't be made; a
-// full run returns true. `apply` must write every point of each strand it is given.
+// `apply(input, every, out)` on a copy of the input whose `columns` are fresh arrays of unspecified
+// values (nothing is copied only to be overwritten). Incremental (`incremental` set): when the
+// strands input's changes name some strands, the layout is the same, every other input is
+// unchanged and `canUpdate` is true, `out` is a copy of the input holding the previous result's
+// `columns`, and `apply` redoes the changed strands only; the result names them. `widen`, where
+// given, turns the changed strands into those to redo (strands that move with a changed one).
+// Without strands on the input the result is nothing. Returns false where an incremental run can't
+// be made; a full run returns true. `apply` must write every value of `columns` for each strand it
+// is given, through the write accessors of `out` (which copy nothing then).
 using InPlaceApply =
     std::function<void(const StrandSet& input, const StrandSelection& selection, StrandSet& out)>;
 using WidenChanges = std::function<std::vector<std::uint64_t>(std::span<const std::uint64_t>)>;
@@ -118,9 +182,11 @@ bool runInPlace(const std::vector<Value>& inputs, const IncrementalInputs* incre
                 bool canUpdate, std::span<const ColumnId> columns, const InPlaceApply& apply,
                 Value* out, StrandChanges* changes, const WidenChanges& widen = {});
 
-// Whether an incremental run may go on with these samplers: a mapped param may read the whole set
-// (an expression of the longest strand, say), so that one changed strand may change them all.
-bool noneMapped(std::initializer_list<const FieldSampler*> samplers);
+// Whether each named mapped param reads only the strand it is sampled for, so that an incremental
+// run may redo only the changed strands. A field delivered to the param's input and an expression
+// map may read the whole set (an expression of the longest strand, say), which rules that out.
+bool mapsReadOnlyTheirStrand(const ParamSet& params, const EvalContext& ctx,
+                             std::initializer_list<std::string_view> names);
 
 // The axes of clumps: for each clump (the strands sharing one value of a strand channel), the mean
 // of its core strands (those every preview holds: `_preview` 1 or no such channel), sampled at

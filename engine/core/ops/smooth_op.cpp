@@ -8,7 +8,7 @@
 #include "graph/delivered_params.h"
 #include "graph/registry.h"
 #include "ops/field_op_params.h"
-#include "ops/shape_ops_b.h"
+#include "ops/shape_ops.h"
 #include "strands/strand_set.h"
 
 namespace velmorin {
@@ -21,19 +21,40 @@ struct Cells {
     std::array<Vec3f, kSmoothCells + 1> curve;  // the strand at m + 1 equal arc steps
     std::array<Vec3f, kPeriod> differences;
     std::array<Vec3f, kPeriod + 1> sums;
+    std::array<Vec3f, kPeriod> filtered;  // a box filter's output, kept here to be set up once
 };
 
-// The integral of the periodic, cell-wise constant differences from 0 to `cell` + `fraction` (in
-// cells; `cell` may lie outside one period).
-Vec3f integral(const Cells& cells, int period, int cell, float fraction) {
-    const int turns = cell >= 0 ? cell / period : -((period - 1 - cell) / period);
-    const auto at = static_cast<std::size_t>(cell - turns * period);
-    return cells.sums[static_cast<std::size_t>(period)] * static_cast<float>(turns) +
-           cells.sums[at] + cells.differences[at] * fraction;
-}
+// The integral of the periodic, cell-wise constant differences from 0 to a point that walks
+// forward a cell at a time: the cell is held as whole periods plus a cell within one, so that no
+// step divides.
+class PeriodicIntegral {
+  public:
+    // Starts at `cell` + `fraction` (in cells; `cell` may lie outside one period).
+    PeriodicIntegral(const Cells& cells, int period, int cell, float fraction)
+        : cells_(cells), period_(period), fraction_(fraction) {
+        turns_ = cell >= 0 ? cell / period : -((period - 1 - cell) / period);
+        at_ = cell - turns_ * period;
+    }
+    Vec3f value() const {
+        const auto at = static_cast<std::size_t>(at_);
+        return cells_.sums[static_cast<std::size_t>(period_)] * static_cast<float>(turns_) +
+               cells_.sums[at] + cells_.differences[at] * fraction_;
+    }
+    void next() {
+        if (++at_ == period_) at_ = 0, ++turns_;
+    }
+
+  private:
+    const Cells& cells_;
+    int period_;
+    float fraction_;
+    int turns_ = 0;
+    int at_ = 0;
+};
 
 // One box filter of `width` cells over the periodic differences, from their running sums. Every
-// cell's window has the same reach either side of its centre, so the window's ends are found once.
+// cell's window has the same reach either side of its centre, so the window's ends are found once
+// and walk along with the cell.
 void boxFilter(Cells& cells, int period, float width) {
     cells.sums[0] = Vec3f{};
     for (int i = 0; i < period; ++i)
@@ -43,22 +64,18 @@ void boxFilter(Cells& cells, int period, float width) {
     const float low = 0.5f - 0.5f * width, high = 0.5f + 0.5f * width;
     const int lowCell = static_cast<int>(std::floor(low));
     const int highCell = static_cast<int>(std::floor(high));
-    const float lowFraction = low - static_cast<float>(lowCell);
-    const float highFraction = high - static_cast<float>(highCell);
     const float scale = 1.0f / width;
-    std::array<Vec3f, kPeriod> filtered;
-    for (int j = 0; j < period; ++j)
-        filtered[static_cast<std::size_t>(j)] =
-            (integral(cells, period, j + highCell, highFraction) -
-             integral(cells, period, j + lowCell, lowFraction)) *
-            scale;
-    std::copy(filtered.begin(), filtered.begin() + period, cells.differences.begin());
+    PeriodicIntegral to(cells, period, highCell, high - static_cast<float>(highCell));
+    PeriodicIntegral from(cells, period, lowCell, low - static_cast<float>(lowCell));
+    for (int j = 0; j < period; ++j, to.next(), from.next())
+        cells.filtered[static_cast<std::size_t>(j)] = (to.value() - from.value()) * scale;
+    std::copy(cells.filtered.begin(), cells.filtered.begin() + period, cells.differences.begin());
 }
 
 }  // namespace
 
-void smoothStrands(const StrandSet& input, const SmoothSettings& settings, std::span<Vec3f> points,
-                   StrandPick pick) {
+void smoothStrands(const StrandSet& input, const SmoothSettings& settings,
+                   const StrandSelection& pick, std::span<Vec3f> points) {
     parallelRange(0, pick.size(input.strandCount()), 256, [&](std::size_t begin, std::size_t end) {
         Cells cells;
         std::vector<float> shares;  // per point, grown once per chunk
@@ -176,10 +193,13 @@ class SmoothOp final : public Operator {
         if (strands) settings.strength = fieldSampler(paramSet, ctx, "strength", *strands);
         settings.scale = static_cast<float>(paramSet.getFloat("scale", 0.09));
         settings.profile = paramRamp(paramSet, ctx, "profile", Ramp{});
-        return runShape(inputs, incremental, out, changes,
-                        [&](const StrandSet& input, std::span<Vec3f> points, StrandPick pick) {
-                            smoothStrands(input, settings, points, pick);
-                        });
+        constexpr ColumnId kColumns[] = {ColumnId::kPoints};
+        return runInPlace(
+            inputs, incremental, true, kColumns,
+            [&](const StrandSet& from, const StrandSelection& selection, StrandSet& made) {
+                smoothStrands(from, settings, selection, made.writePoints());
+            },
+            out, changes);
     }
 };
 

@@ -7,7 +7,7 @@
 #include "graph/registry.h"
 #include "mesh/scalp_mesh.h"
 #include "ops/field_op_params.h"
-#include "ops/shape_ops_b.h"
+#include "ops/shape_ops.h"
 #include "strands/strand_set.h"
 
 namespace velmorin {
@@ -30,7 +30,7 @@ Vec3f turned(const std::array<Vec3f, 3>& rows, const Vec3f& v) {
 }  // namespace
 
 void transformStrands(const StrandSet& input, const TransformSettings& settings,
-                      std::span<Vec3f> points, StrandPick pick) {
+                      const StrandSelection& pick, std::span<Vec3f> points) {
     const std::span<const std::uint64_t> ids = input.ids();
     const std::span<const StrandRoot> roots = input.roots();
     const bool random = settings.translateRandom != 0.0f || settings.rotateRandom != 0.0f ||
@@ -162,10 +162,13 @@ class TransformOp final : public Operator {
         settings.scaleRandom = static_cast<float>(paramSet.getFloat("scaleRandom", 0.0));
         settings.seed = static_cast<std::uint64_t>(paramSet.getInt("seed", 0));
         settings.scalp = scalp.get();
-        return runShape(inputs, incremental, out, changes,
-                        [&](const StrandSet& input, std::span<Vec3f> points, StrandPick pick) {
-                            transformStrands(input, settings, points, pick);
-                        });
+        constexpr ColumnId kColumns[] = {ColumnId::kPoints};
+        return runInPlace(
+            inputs, incremental, true, kColumns,
+            [&](const StrandSet& from, const StrandSelection& selection, StrandSet& made) {
+                transformStrands(from, settings, selection, made.writePoints());
+            },
+            out, changes);
     }
 };
 

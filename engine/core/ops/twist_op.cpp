@@ -155,7 +155,7 @@ class TwistOp final : public Operator {
         }
         constexpr ColumnId kColumns[] = {ColumnId::kPoints};
         return runInPlace(
-            inputs, incremental, noneMapped({&settings.turns}), kColumns,
+            inputs, incremental, mapsReadOnlyTheirStrand(paramSet, ctx, {"turns"}), kColumns,
             [&](const StrandSet& from, const StrandSelection& selection, StrandSet& made) {
                 twistStrands(from, settings, selection, made.writePoints());
             },

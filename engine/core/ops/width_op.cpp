@@ -86,7 +86,7 @@ class WidthOp final : public Operator {
         settings.seed = static_cast<std::uint64_t>(paramSet.getInt("seed", 0));
         constexpr ColumnId kColumns[] = {ColumnId::kWidths};
         return runInPlace(
-            inputs, incremental, noneMapped({&settings.width}), kColumns,
+            inputs, incremental, mapsReadOnlyTheirStrand(paramSet, ctx, {"width"}), kColumns,
             [&](const StrandSet& from, const StrandSelection& selection, StrandSet& made) {
                 std::vector<float>& widths = made.writeWidths();
                 // A set that never had widths gets one per point here.

@@ -132,6 +132,14 @@ std::vector<float>& StrandSet::writeWidths() {
     dropCachedExtents();
     return promote(widths_);
 }
+std::vector<Vec3f>& StrandSet::overwritePoints() {
+    dropCachedExtents();
+    return promoteForOverwrite(points_);
+}
+std::vector<float>& StrandSet::overwriteWidths() {
+    dropCachedExtents();
+    return promoteForOverwrite(widths_);
+}
 
 // ---- Channels
 

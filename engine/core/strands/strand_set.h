@@ -106,6 +106,11 @@ class StrandSet {
     std::vector<std::uint64_t>& writeOffsets();
     std::vector<Vec3f>& writePoints();
     std::vector<float>& writeWidths();
+    // Write access for a caller that writes every value: the column is un-shared without copying
+    // (a column another set holds gives way to a fresh array of the same length, its values
+    // unspecified) and the cached extents are dropped.
+    std::vector<Vec3f>& overwritePoints();
+    std::vector<float>& overwriteWidths();
 
     // A channel's values, or null when the set has no channel of that name.
     const std::vector<float>* strandChannel(std::string_view name) const;
@@ -209,6 +214,9 @@ class StrandSet {
     // Makes the column this set's own (copy-on-write) and returns its array.
     template <class T>
     std::vector<T>& promote(Column<T>& column);
+    // Makes the column this set's own at its length without keeping its values.
+    template <class T>
+    std::vector<T>& promoteForOverwrite(Column<T>& column);
     // Makes the column this set's own at `length` elements, keeping its values in front; the
     // elements past the old length are unspecified. Copies at most once.
     template <class T>

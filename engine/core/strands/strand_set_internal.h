@@ -58,6 +58,20 @@ std::vector<T>& StrandSet::promote(Column<T>& column) {
 }
 
 template <class T>
+std::vector<T>& StrandSet::promoteForOverwrite(Column<T>& column) {
+    {
+        std::lock_guard guard(columnLock_);
+        if (column.owned) return *column.array;
+        if (column.array.use_count() == 1) {
+            column.owned = true;
+            return *column.array;
+        }
+    }
+    replaceArray(column, ArrayPool<T>::instance().makeForOverwrite(column.array->size()), true);
+    return *column.array;
+}
+
+template <class T>
 T* StrandSet::extend(Column<T>& column, std::size_t length) {
     bool shared;
     {

@@ -219,6 +219,26 @@ TEST(StrandSet, WritingOneColumnOfACopyCopiesThatColumnOnly) {
     EXPECT_EQ(copy.widths()[1], widths[1]);
 }
 
+TEST(StrandSet, OverwritingASharedColumnLeavesItsHolderAloneAndKeepsItsLength) {
+    const StrandSet original = randomStrands(50, 5);
+    StrandSet copy = original;
+    const std::vector<Vec3f> points = values(original.points());
+    std::vector<Vec3f>& fresh = copy.overwritePoints();
+    ASSERT_EQ(fresh.size(), points.size());
+    EXPECT_NE(copy.columnData(ColumnId::kPoints), original.columnData(ColumnId::kPoints));
+    EXPECT_TRUE(copy.isOwned(ColumnId::kPoints));
+    std::fill(fresh.begin(), fresh.end(), Vec3f{1, 2, 3});
+    EXPECT_EQ(values(original.points()), points);
+    EXPECT_EQ(copy.columnData(ColumnId::kWidths), original.columnData(ColumnId::kWidths));
+
+    // A column nothing else holds is taken over as it is.
+    StrandSet alone = randomStrands(50, 5);
+    const void* array = alone.columnData(ColumnId::kWidths);
+    const std::vector<float> widths = values(alone.widths());
+    EXPECT_EQ(values(std::span<const float>(alone.overwriteWidths())), widths);
+    EXPECT_EQ(alone.columnData(ColumnId::kWidths), array);
+}
+
 TEST(StrandSet, ChannelsStartAtTheirDefaultAndAreListedInNameOrder) {
     StrandSet set = randomStrands(17, 9);
     EXPECT_EQ(set.addStrandChannel("region", 0.5f), std::vector<float>(17, 0.5f));

@@ -1,7 +1,8 @@
 #pragma once
-// What the tests of the shape operators share: small strands built by hand, a field of one value
-// per strand or point, a run of a registered operator with its params and delivered fields, and
-// the run through a graph that compares an incremental evaluation with a full one.
+// What the tests of the shape operators share beyond their strands (ops/test/shape_strands.h): a
+// field of one value per strand or point, points compared within a tolerance, a run of a registered
+// operator with its params and delivered fields, and the run through a graph that compares an
+// incremental evaluation with a full one.
 
 #include <gtest/gtest.h>
 
@@ -18,35 +19,10 @@
 #include "graph/graph.h"
 #include "graph/registry.h"
 #include "graph/test/eval_operators.h"
+#include "ops/test/shape_strands.h"
 #include "strands/strand_set.h"
-#include "strands/test/test_strands.h"
 
 namespace velmorin::test {
-
-// A set of the given strands, ids 100, 101..., unbound roots, widths 0.01.
-inline std::shared_ptr<const StrandSet> handStrands(
-    const std::vector<std::vector<Vec3f>>& strands) {
-    auto set = std::make_shared<StrandSet>();
-    for (std::size_t s = 0; s < strands.size(); ++s) {
-        const std::vector<float> widths(strands[s].size(), 0.01f);
-        set->addStrand(100 + s, StrandRoot{}, strands[s], widths);
-    }
-    return set;
-}
-
-// A straight strand of `count` points from the origin, `step` apart along `direction`.
-inline std::vector<Vec3f> straight(std::size_t count, float step = 1.0f,
-                                   Vec3f direction = {0, 1, 0}) {
-    std::vector<Vec3f> points;
-    for (std::size_t k = 0; k < count; ++k)
-        points.push_back(direction * (step * static_cast<float>(k)));
-    return points;
-}
-
-// Random strands (0 to 12 points, some empty or of one point) from the strand tests, as a set.
-inline std::shared_ptr<const StrandSet> mixedStrands(std::size_t count, std::uint64_t seed) {
-    return std::make_shared<const StrandSet>(randomStrands(count, seed));
-}
 
 // A field of listed values: per strand, and per point (`perPoint[strand][point]`) where given.
 class ListField final : public FieldValue {

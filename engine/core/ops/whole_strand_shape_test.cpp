@@ -10,8 +10,8 @@
 #include "graph/registry.h"
 #include "graph/test/eval_operators.h"
 #include "mesh/sample_meshes.h"
-#include "ops/shape_ops_b.h"
-#include "ops/test/shape_strands_b.h"
+#include "ops/shape_ops.h"
+#include "ops/test/shape_checks.h"
 #include "strands/strand_changes.h"
 #include "strands/test/test_strands.h"
 
@@ -48,15 +48,6 @@ StrandSet strandsAtOrigin(const std::vector<Points>& strands) {
     return set;
 }
 
-void expectPoints(std::span<const Vec3f> got, const Points& expected, float tolerance = 1e-5f) {
-    ASSERT_EQ(got.size(), expected.size());
-    for (std::size_t k = 0; k < got.size(); ++k) {
-        EXPECT_NEAR(got[k].x, expected[k].x, tolerance) << "point " << k;
-        EXPECT_NEAR(got[k].y, expected[k].y, tolerance) << "point " << k;
-        EXPECT_NEAR(got[k].z, expected[k].z, tolerance) << "point " << k;
-    }
-}
-
 float cosd(float degrees) {
     return std::cos(degrees * kDegrees);
 }
@@ -73,8 +64,9 @@ Points runKernel(const StrandSet& input, Kernel kernel) {
 }
 
 Points bent(const StrandSet& input, const BendSettings& settings) {
-    return runKernel(
-        input, [&](const StrandSet& in, std::span<Vec3f> out) { bendStrands(in, settings, out); });
+    return runKernel(input, [&](const StrandSet& in, std::span<Vec3f> out) {
+        bendStrands(in, settings, StrandSelection::every(), out);
+    });
 }
 
 BendSettings bend(float angle, float start, float end, BendAlong along = BendAlong::Normal) {
@@ -94,25 +86,26 @@ TEST(Bend, TurnsEachSegmentByTheShareOfTheBendAtItsMiddle) {
     const StrandSet lying = strandsAtOrigin({kLying});
     // Toward the normal (+Y) about +Z: the first segment's middle is a quarter along, the second's
     // three quarters.
-    expectPoints(
+    test::expectPointsNear(
         bent(lying, bend(60.0f, 0.0f, 1.0f)),
         {{0, 0, 0}, {cosd(15), sind(15), 0}, {cosd(15) + cosd(45), sind(15) + sind(45), 0}});
     // Start and end 0 turn every segment wholly: 180 stops at the normal and stands it up.
-    expectPoints(bent(lying, bend(180.0f, 0.0f, 0.0f)), kStanding);
-    expectPoints(bent(lying, bend(90.0f, 0.0f, 0.0f)), kStanding);
+    test::expectPointsNear(bent(lying, bend(180.0f, 0.0f, 0.0f)), kStanding);
+    test::expectPointsNear(bent(lying, bend(90.0f, 0.0f, 0.0f)), kStanding);
     // Past the end the strand holds its shape: only the first segment (middle at 0.25) turns.
-    expectPoints(
+    test::expectPointsNear(
         bent(lying, bend(40.0f, 0.0f, 0.5f)),
         {{0, 0, 0}, {cosd(20), sind(20), 0}, {cosd(20) + cosd(40), sind(20) + sind(40), 0}});
     // Negative: away from the normal, down onto the scalp, and no further than the tangent plane.
     const StrandSet leaning = strandsAtOrigin({{{0, 0, 0}, {0, 1, 1}}});
-    expectPoints(bent(leaning, bend(-90.0f, 0.0f, 0.0f)), {{0, 0, 0}, {0, 0, std::sqrt(2.0f)}});
+    test::expectPointsNear(bent(leaning, bend(-90.0f, 0.0f, 0.0f)),
+                           {{0, 0, 0}, {0, 0, std::sqrt(2.0f)}});
 }
 
 TEST(Bend, StandingStrandsLieDownOnlyOntoTheScalp) {
     const StrandSet standing = strandsAtOrigin({kStanding});
     // Already along the normal: nothing to bend toward.
-    expectPoints(bent(standing, bend(45.0f, 0.0f, 0.0f)), kStanding);
+    test::expectPointsNear(bent(standing, bend(45.0f, 0.0f, 0.0f)), kStanding);
     // Away from it, about the binormal, and never below the tangent plane.
     for (const float angle : {-90.0f, -150.0f}) {
         const Points down = bent(standing, bend(angle, 0.0f, 0.0f));
@@ -126,20 +119,20 @@ TEST(Bend, CombsTowardADirectionOrTheScalpsU) {
     const StrandSet standing = strandsAtOrigin({kStanding});
     BendSettings comb = bend(90.0f, 0.0f, 0.0f, BendAlong::Direction);
     comb.direction.setPlainVector({0.0f, 3.0f, -2.0f});  // laid on the scalp: -Z
-    expectPoints(bent(standing, comb), {{0, 0, 0}, {0, 0, -1}, {0, 0, -2}});
+    test::expectPointsNear(bent(standing, comb), {{0, 0, 0}, {0, 0, -1}, {0, 0, -2}});
     // Negative combs away from it, and may pass the scalp: -90 of 90 turns it onto +Z.
     comb.angle = FieldSampler(-120.0f);
-    expectPoints(bent(standing, comb), {{0, 0, 0}, {0, 0, 1}, {0, 0, 2}});
+    test::expectPointsNear(bent(standing, comb), {{0, 0, 0}, {0, 0, 1}, {0, 0, 2}});
     // A direction along the normal lays onto nothing.
     comb.direction.setPlainVector({0.0f, -1.0f, 0.0f});
-    expectPoints(bent(standing, comb), kStanding);
+    test::expectPointsNear(bent(standing, comb), kStanding);
 
     // Tangent: the scalp's U (+X), or without UVs the direction.
     BendSettings tangent = bend(90.0f, 0.0f, 0.0f, BendAlong::Tangent);
     tangent.direction.setPlainVector({0.0f, 0.0f, 1.0f});
-    expectPoints(bent(standing, tangent), {{0, 0, 0}, {1, 0, 0}, {2, 0, 0}});
+    test::expectPointsNear(bent(standing, tangent), {{0, 0, 0}, {1, 0, 0}, {2, 0, 0}});
     tangent.scalp = planeWithoutUvs().get();
-    expectPoints(bent(standing, tangent), {{0, 0, 0}, {0, 0, 1}, {0, 0, 2}});
+    test::expectPointsNear(bent(standing, tangent), {{0, 0, 0}, {0, 0, 1}, {0, 0, 2}});
 }
 
 TEST(Bend, RandomnessScalesEachStrandsAngleDownByItsDraw) {
@@ -158,7 +151,7 @@ TEST(Bend, RandomnessScalesEachStrandsAngleDownByItsDraw) {
 
 Points directed(const StrandSet& input, const DirectionSettings& settings) {
     return runKernel(input, [&](const StrandSet& in, std::span<Vec3f> out) {
-        directStrands(in, settings, out);
+        directStrands(in, settings, StrandSelection::every(), out);
     });
 }
 
@@ -193,7 +186,8 @@ TEST(Direction, TurnsWholeStrandsToInclinationAndRoll) {
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(testing::Message() << c.inclination << " " << c.roll << " " << c.strength);
-        expectPoints(directed(strand, direct(c.inclination, c.roll, c.strength)), c.expected);
+        test::expectPointsNear(directed(strand, direct(c.inclination, c.roll, c.strength)),
+                               c.expected);
     }
 }
 
@@ -202,14 +196,14 @@ TEST(Direction, RollZeroFollowsTheDirectionOrUAndRandomnessAddsSignedDraws) {
     DirectionSettings settings = direct(90.0f, 90.0f);
     settings.alongU = false;
     settings.direction = {0.0f, 5.0f, -1.0f};  // laid: -Z, so roll 90 points along -Z x Y = +X
-    expectPoints(directed(standing, settings), {{0, 0, 0}, {1, 0, 0}, {2, 0, 0}});
+    test::expectPointsNear(directed(standing, settings), {{0, 0, 0}, {1, 0, 0}, {2, 0, 0}});
     settings.direction = {0.0f, 1.0f, 0.0f};  // along the normal: no roll 0, no turn
-    expectPoints(directed(standing, settings), kStanding);
+    test::expectPointsNear(directed(standing, settings), kStanding);
     // Without UVs the tangent is the direction's.
     DirectionSettings bare = direct(90.0f, 0.0f);
     bare.scalp = planeWithoutUvs().get();
     bare.direction = {0.0f, 0.0f, 1.0f};
-    expectPoints(directed(standing, bare), {{0, 0, 0}, {0, 0, 1}, {0, 0, 2}});
+    test::expectPointsNear(directed(standing, bare), {{0, 0, 0}, {0, 0, 1}, {0, 0, 2}});
 
     DirectionSettings random = direct(40.0f, 0.0f);
     random.inclinationRandom = 20.0f;
@@ -230,7 +224,7 @@ TEST(Direction, RollZeroFollowsTheDirectionOrUAndRandomnessAddsSignedDraws) {
 
 Points transformed(const StrandSet& input, const TransformSettings& settings) {
     return runKernel(input, [&](const StrandSet& in, std::span<Vec3f> out) {
-        transformStrands(in, settings, out);
+        transformStrands(in, settings, StrandSelection::every(), out);
     });
 }
 
@@ -276,7 +270,7 @@ TEST(Transform, StrandSpaceWorksInTheRootsFrameAndWorldSpaceAboutThePivot) {
         settings.scalp = wall().get();
         SCOPED_TRACE(testing::Message() << (c.world ? "world " : "strand ") << c.rotate.x << " "
                                         << c.rotate.y << " " << c.rotate.z);
-        expectPoints(transformed(strand, settings), c.expected);
+        test::expectPointsNear(transformed(strand, settings), c.expected);
     }
 }
 
@@ -299,14 +293,14 @@ TEST(Transform, RandomnessDrawsScaleThenMoveThenTurnPerStrand) {
         }
         const Vec3f move{2.0f * draws[1], 2.0f * draws[2], 2.0f * draws[3]};
         const float scale = 1.0f + 0.5f * draws[0];
-        expectPoints(std::span<const Vec3f>(points).subspan(s * 2, 2),
-                     {move, Vec3f{scale, 0, 0} + move});
+        test::expectPointsNear(std::span<const Vec3f>(points).subspan(s * 2, 2),
+                               {move, Vec3f{scale, 0, 0} + move});
     }
 }
 
 Points smoothed(const StrandSet& input, const SmoothSettings& settings) {
     return runKernel(input, [&](const StrandSet& in, std::span<Vec3f> out) {
-        smoothStrands(in, settings, out);
+        smoothStrands(in, settings, StrandSelection::every(), out);
     });
 }
 
@@ -321,19 +315,21 @@ SmoothSettings smooth(float strength, float scale, Ramp profile = {}) {
 TEST(Smooth, ScaleOneStraightensAlongTheChordKeepingSegmentLengths) {
     const StrandSet peak = strandsAtOrigin({{{0, 0, 0}, {1, 1, 0}, {2, 0, 0}}});
     const float r2 = std::sqrt(2.0f);
-    expectPoints(smoothed(peak, smooth(1.0f, 1.0f)), {{0, 0, 0}, {r2, 0, 0}, {2 * r2, 0, 0}});
+    test::expectPointsNear(smoothed(peak, smooth(1.0f, 1.0f)),
+                           {{0, 0, 0}, {r2, 0, 0}, {2 * r2, 0, 0}});
     // Half way: the middle point mixed half way down to the chord, then each segment pushed back
     // to its own length along the mixed shape.
     const Vec3f up = normalized(Vec3f{1, 0.5f, 0}) * r2;
     const Vec3f down = normalized(Vec3f{1, -0.5f, 0}) * r2;
-    expectPoints(smoothed(peak, smooth(0.5f, 1.0f)), {{0, 0, 0}, up, up + down});
+    test::expectPointsNear(smoothed(peak, smooth(0.5f, 1.0f)), {{0, 0, 0}, up, up + down});
     // The profile multiplies the strength: a profile of one half is strength one half.
     const Ramp half{{{0.0f, 0.5f, 0.0f}}, true};
-    expectPoints(smoothed(peak, smooth(1.0f, 1.0f, half)), {{0, 0, 0}, up, up + down});
+    test::expectPointsNear(smoothed(peak, smooth(1.0f, 1.0f, half)), {{0, 0, 0}, up, up + down});
     // Strength 0 and straight strands change nothing.
-    expectPoints(smoothed(peak, smooth(0.0f, 1.0f)), {{0, 0, 0}, {1, 1, 0}, {2, 0, 0}});
+    test::expectPointsNear(smoothed(peak, smooth(0.0f, 1.0f)), {{0, 0, 0}, {1, 1, 0}, {2, 0, 0}});
     const StrandSet straight = strandsAtOrigin({{{0, 0, 0}, {0, 0.5f, 0}, {0, 2, 0}}});
-    expectPoints(smoothed(straight, smooth(1.0f, 0.3f)), {{0, 0, 0}, {0, 0.5f, 0}, {0, 2, 0}});
+    test::expectPointsNear(smoothed(straight, smooth(1.0f, 0.3f)),
+                           {{0, 0, 0}, {0, 0.5f, 0}, {0, 2, 0}});
 }
 
 TEST(Smooth, TakesOutSmallBumpsAndKeepsEveryLength) {
@@ -380,30 +376,31 @@ FlowSettings flowing(float lift, float bend, float random = 0.0f) {
 }
 
 Points flowed(const StrandSet& input, const FlowSettings& settings) {
-    return runKernel(
-        input, [&](const StrandSet& in, std::span<Vec3f> out) { flowStrands(in, settings, out); });
+    return runKernel(input, [&](const StrandSet& in, std::span<Vec3f> out) {
+        flowStrands(in, settings, StrandSelection::every(), out);
+    });
 }
 
 TEST(Flow, LaysStrandsAlongTheFlowLiftedAtTheRootAndFallingTowardTheTip) {
     const StrandSet standing = strandsAtOrigin({kStanding});
-    expectPoints(flowed(standing, flowing(0.0f, 0.0f)), kLying);
+    test::expectPointsNear(flowed(standing, flowing(0.0f, 0.0f)), kLying);
     // An even lift: a straight line at that angle off the skin.
-    expectPoints(flowed(standing, flowing(30.0f, 0.0f)),
-                 {{0, 0, 0}, {cosd(30), 0.5f, 0}, {2 * cosd(30), 1, 0}});
+    test::expectPointsNear(flowed(standing, flowing(30.0f, 0.0f)),
+                           {{0, 0, 0}, {cosd(30), 0.5f, 0}, {2 * cosd(30), 1, 0}});
     // Bend 1: the lift falls to nothing at the tip; each segment takes it at its middle.
-    expectPoints(flowed(standing, flowing(30.0f, 1.0f)),
-                 {{0, 0, 0},
-                  {cosd(22.5f), sind(22.5f), 0},
-                  {cosd(22.5f) + cosd(7.5f), sind(22.5f) + sind(7.5f), 0}});
+    test::expectPointsNear(flowed(standing, flowing(30.0f, 1.0f)),
+                           {{0, 0, 0},
+                            {cosd(22.5f), sind(22.5f), 0},
+                            {cosd(22.5f) + cosd(7.5f), sind(22.5f) + sind(7.5f), 0}});
     // Random: each strand turns about the normal by its signed draw.
     FlowSettings random = flowing(0.0f, 0.0f, 20.0f);
     random.seed = 8;
     const Points turned = flowed(standing, random);
     const float degrees = 20.0f * (2.0f * unitFloat(hashCombine(1, 8)) - 1.0f);
     // About +Y, a turn takes +X toward -Z.
-    expectPoints(turned, {{0, 0, 0},
-                          {cosd(degrees), 0, -sind(degrees)},
-                          {2 * cosd(degrees), 0, -2 * sind(degrees)}});
+    test::expectPointsNear(turned, {{0, 0, 0},
+                                    {cosd(degrees), 0, -sind(degrees)},
+                                    {2 * cosd(degrees), 0, -2 * sind(degrees)}});
 }
 
 TEST(Flow, FollowsACurvedScalpAtItsOffsetKeepingLengths) {
@@ -519,15 +516,6 @@ struct ShapeGraph {
     std::shared_ptr<const StrandSet> run() { return test::strandsOf(graph.evaluate(node, ctx)); }
 };
 
-// Restores the process-wide switches whatever a test did with them.
-struct SwitchesRestored {
-    ~SwitchesRestored() {
-        setIncrementalEvaluation(true);
-        setStrandDiffing(true);
-        setIncrementalCheck(false);
-    }
-};
-
 std::shared_ptr<const StrandSet> groomWithShortStrands() {
     StrandSet set(*test::scalpStrands(*head(), 300, 6, 5));
     const StrandRoot root = set.roots()[0];
@@ -579,7 +567,7 @@ TEST(ShapeNodesB, SameBitsAtOneAndTwoThreads) {
 }
 
 TEST(ShapeNodesB, ChangedStrandsRunIncrementallyAsAFullRunWould) {
-    SwitchesRestored restore;
+    test::EvaluationSwitchesRestored restore;
     setIncrementalCheck(true);  // every incremental run is checked against a full one
     const auto groom = test::scalpStrands(*head(), 400, 9, 13);
     for (const NodeCase& c : nodeCases()) {

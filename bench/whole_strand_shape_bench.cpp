@@ -11,8 +11,8 @@
 #include "editing/flow.h"
 #include "mesh/sample_meshes.h"
 #include "mesh/scalp_mesh.h"
-#include "ops/shape_ops_b.h"
-#include "ops/test/shape_strands_b.h"
+#include "ops/shape_ops.h"
+#include "ops/test/shape_strands.h"
 #include "strands/strand_set.h"
 
 namespace velmorin {
@@ -49,11 +49,11 @@ void runKernel(benchmark::State& state, Kernel kernel, bool sparse = false) {
     const StrandSet& input = strands();
     std::vector<Vec3f> points(input.points().begin(), input.points().end());
     std::vector<std::uint64_t> listed;
-    StrandPick pick;
+    StrandSelection pick;
     if (sparse) {
         for (std::uint64_t s = 0; s < input.strandCount(); s += 100)
             listed.push_back(s);
-        pick = StrandPick{false, listed};
+        pick = StrandSelection::only(listed);
     }
     for (auto _ : state) {
         runWithThreads(static_cast<int>(state.range(0)),
@@ -66,41 +66,41 @@ void runKernel(benchmark::State& state, Kernel kernel, bool sparse = false) {
                             static_cast<int64_t>(read * sizeof(Vec3f)));
 }
 
-void BM_Bend(benchmark::State& state) {
+void BM_ShapeBend(benchmark::State& state) {
     BendSettings settings;
     settings.angle = FieldSampler(60.0f);
     settings.end = 0.8f;
     settings.randomness = 0.3f;
     settings.scalp = &head();
-    runKernel(state, [&](const StrandSet& in, std::span<Vec3f> out, StrandPick pick) {
-        bendStrands(in, settings, out, pick);
+    runKernel(state, [&](const StrandSet& in, std::span<Vec3f> out, const StrandSelection& pick) {
+        bendStrands(in, settings, pick, out);
     });
 }
-BENCHMARK(BM_Bend)->Arg(1)->Arg(2)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(BM_ShapeBend)->Arg(1)->Arg(2)->Unit(benchmark::kMillisecond)->UseRealTime();
 
-void BM_Direction(benchmark::State& state) {
+void BM_ShapeDirection(benchmark::State& state) {
     DirectionSettings settings;
     settings.inclination = FieldSampler(60.0f);
     settings.roll = FieldSampler(20.0f);
     settings.rollRandom = 10.0f;
     settings.scalp = &head();
-    runKernel(state, [&](const StrandSet& in, std::span<Vec3f> out, StrandPick pick) {
-        directStrands(in, settings, out, pick);
+    runKernel(state, [&](const StrandSet& in, std::span<Vec3f> out, const StrandSelection& pick) {
+        directStrands(in, settings, pick, out);
     });
 }
-BENCHMARK(BM_Direction)->Arg(1)->Arg(2)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(BM_ShapeDirection)->Arg(1)->Arg(2)->Unit(benchmark::kMillisecond)->UseRealTime();
 
-void BM_Transform(benchmark::State& state) {
+void BM_ShapeTransform(benchmark::State& state) {
     TransformSettings settings;
     settings.rotate = {10.0f, 20.0f, 30.0f};
     settings.scale = FieldSampler(1.2f);
     settings.rotateRandom = 5.0f;
     settings.scalp = &head();
-    runKernel(state, [&](const StrandSet& in, std::span<Vec3f> out, StrandPick pick) {
-        transformStrands(in, settings, out, pick);
+    runKernel(state, [&](const StrandSet& in, std::span<Vec3f> out, const StrandSelection& pick) {
+        transformStrands(in, settings, pick, out);
     });
 }
-BENCHMARK(BM_Transform)->Arg(1)->Arg(2)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(BM_ShapeTransform)->Arg(1)->Arg(2)->Unit(benchmark::kMillisecond)->UseRealTime();
 
 SmoothSettings smoothSettings() {
     SmoothSettings settings;
@@ -109,34 +109,34 @@ SmoothSettings smoothSettings() {
     return settings;
 }
 
-void BM_Smooth(benchmark::State& state) {
+void BM_ShapeSmooth(benchmark::State& state) {
     const SmoothSettings settings = smoothSettings();
-    runKernel(state, [&](const StrandSet& in, std::span<Vec3f> out, StrandPick pick) {
-        smoothStrands(in, settings, out, pick);
+    runKernel(state, [&](const StrandSet& in, std::span<Vec3f> out, const StrandSelection& pick) {
+        smoothStrands(in, settings, pick, out);
     });
 }
-BENCHMARK(BM_Smooth)->Arg(1)->Arg(2)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(BM_ShapeSmooth)->Arg(1)->Arg(2)->Unit(benchmark::kMillisecond)->UseRealTime();
 
-void BM_SmoothOnePercent(benchmark::State& state) {
+void BM_ShapeSmoothOnePercent(benchmark::State& state) {
     const SmoothSettings settings = smoothSettings();
     runKernel(
         state,
-        [&](const StrandSet& in, std::span<Vec3f> out, StrandPick pick) {
-            smoothStrands(in, settings, out, pick);
+        [&](const StrandSet& in, std::span<Vec3f> out, const StrandSelection& pick) {
+            smoothStrands(in, settings, pick, out);
         },
         true);
 }
-BENCHMARK(BM_SmoothOnePercent)->Arg(1)->Arg(2)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(BM_ShapeSmoothOnePercent)->Arg(1)->Arg(2)->Unit(benchmark::kMillisecond)->UseRealTime();
 
-void BM_Flow(benchmark::State& state) {
+void BM_ShapeFlow(benchmark::State& state) {
     FlowSettings settings;
     settings.scalp = &head();
     settings.flow = &flow();
-    runKernel(state, [&](const StrandSet& in, std::span<Vec3f> out, StrandPick pick) {
-        flowStrands(in, settings, out, pick);
+    runKernel(state, [&](const StrandSet& in, std::span<Vec3f> out, const StrandSelection& pick) {
+        flowStrands(in, settings, pick, out);
     });
 }
-BENCHMARK(BM_Flow)->Arg(1)->Arg(2)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(BM_ShapeFlow)->Arg(1)->Arg(2)->Unit(benchmark::kMillisecond)->UseRealTime();
 
 }  // namespace
 }  // namespace velmorin

@@ -1,6 +1,7 @@
 #pragma once
-// Strands for the tests and benchmarks of the shape nodes: rooted on a scalp, leaning and a little
-// wavy, so that every node has something to turn.
+// Strands for the tests and benchmarks of the shape operators: small ones built by hand, random
+// ones with the awkward cases (empty, one point), and many rooted on a scalp, leaning and a little
+// wavy, so that every operator has something to turn.
 
 #include <cstdint>
 #include <memory>
@@ -10,8 +11,34 @@
 #include "base/parallel.h"
 #include "mesh/scalp_mesh.h"
 #include "strands/strand_set.h"
+#include "strands/test/test_strands.h"
 
 namespace velmorin::test {
+
+// A set of the given strands, ids 100, 101..., unbound roots, widths 0.01.
+inline std::shared_ptr<const StrandSet> handStrands(
+    const std::vector<std::vector<Vec3f>>& strands) {
+    auto set = std::make_shared<StrandSet>();
+    for (std::size_t s = 0; s < strands.size(); ++s) {
+        const std::vector<float> widths(strands[s].size(), 0.01f);
+        set->addStrand(100 + s, StrandRoot{}, strands[s], widths);
+    }
+    return set;
+}
+
+// A straight strand of `count` points from the origin, `step` apart along `direction`.
+inline std::vector<Vec3f> straight(std::size_t count, float step = 1.0f,
+                                   Vec3f direction = {0, 1, 0}) {
+    std::vector<Vec3f> points;
+    for (std::size_t k = 0; k < count; ++k)
+        points.push_back(direction * (step * static_cast<float>(k)));
+    return points;
+}
+
+// Random strands (0 to 12 points, some empty or of one point) from the strand tests, as a set.
+inline std::shared_ptr<const StrandSet> mixedStrands(std::size_t count, std::uint64_t seed) {
+    return std::make_shared<const StrandSet>(randomStrands(count, seed));
+}
 
 // `count` strands of `points` points each, ids hashed from `seed`, rooted at hashed spots of the
 // scalp and about `length` long: out along the normal, leaning by up to half a unit sideways and
