@@ -408,7 +408,7 @@ class CurlOp final : public Operator {
         }
         constexpr ColumnId kColumns[] = {ColumnId::kPoints};
         return runInPlace(
-            inputs, incremental, noneMapped({&settings.radius}), kColumns,
+            inputs, incremental, mapsReadOnlyTheirStrand(paramSet, ctx, {"radius"}), kColumns,
             [&](const StrandSet& from, const StrandSelection& selection, StrandSet& made) {
                 curlStrands(from, settings, selection, made.writePoints());
             },
