@@ -103,7 +103,7 @@ ParamSpec fraction(std::string name, double value, std::string description) {
 }
 
 // Bends strands toward or away from the scalp, or combs them toward a direction.
-class BendOp final : public Operator {
+class BendOp final : public ShapeOperator {
   public:
     std::string type() const override { return "Bend"; }
     std::string category() const override { return "deform"; }
@@ -144,20 +144,10 @@ class BendOp final : public Operator {
     }
     std::vector<std::string> sceneInputs() const override { return {std::string(kScalpInput)}; }
 
-    Value evaluate(const EvalContext& ctx, const std::vector<Value>& inputs) const override {
-        Value out;
-        run(ctx, inputs, nullptr, &out, nullptr);
-        return out;
-    }
-    bool evaluateIncremental(const EvalContext& ctx, const std::vector<Value>& inputs,
-                             const IncrementalInputs& incremental, Value* out,
-                             StrandChanges* changes) const override {
-        return run(ctx, inputs, &incremental, out, changes);
-    }
-
   private:
     bool run(const EvalContext& ctx, const std::vector<Value>& inputs,
-             const IncrementalInputs* incremental, Value* out, StrandChanges* changes) const {
+             const IncrementalInputs* incremental, Value* out,
+             StrandChanges* changes) const override {
         const auto strands = inputs.empty() ? nullptr : inputs[0].get<StrandSet>();
         if (incremental && !mapsReadOnlyTheirStrand(paramSet, ctx, {"angle", "direction"}))
             return false;

@@ -254,7 +254,7 @@ CurlShape curlShapeOf(const std::string& shape) {
 }
 
 // Helical curls around each strand.
-class CurlOp final : public Operator {
+class CurlOp final : public ShapeOperator {
   public:
     std::string type() const override { return "Curl"; }
     std::string category() const override { return "look"; }
@@ -344,17 +344,6 @@ class CurlOp final : public Operator {
             tolerance,
             seedParam()};
     }
-    Value evaluate(const EvalContext& ctx, const std::vector<Value>& inputs) const override {
-        Value out;
-        StrandChanges changes;
-        run(ctx, inputs, nullptr, &out, &changes);
-        return out;
-    }
-    bool evaluateIncremental(const EvalContext& ctx, const std::vector<Value>& inputs,
-                             const IncrementalInputs& incremental, Value* out,
-                             StrandChanges* changes) const override {
-        return run(ctx, inputs, &incremental, out, changes);
-    }
 
   private:
     // Whether every changed strand kept its clump: one that moved to another would change its old
@@ -372,7 +361,8 @@ class CurlOp final : public Operator {
     }
 
     bool run(const EvalContext& ctx, const std::vector<Value>& inputs,
-             const IncrementalInputs* incremental, Value* out, StrandChanges* changes) const {
+             const IncrementalInputs* incremental, Value* out,
+             StrandChanges* changes) const override {
         const auto input = inputs.empty() ? nullptr : inputs[0].get<StrandSet>();
         if (!input) return runInPlace(inputs, incremental, false, {}, {}, out, changes);
         CurlSettings settings;

@@ -77,7 +77,7 @@ ParamSpec angleParam(std::string name, double value, std::string description) {
 }
 
 // Points strands by inclination and roll at the root: a rigid turn of each strand about its root.
-class DirectionOp final : public Operator {
+class DirectionOp final : public ShapeOperator {
   public:
     std::string type() const override { return "Direction"; }
     std::string category() const override { return "shape"; }
@@ -124,20 +124,10 @@ class DirectionOp final : public Operator {
     }
     std::vector<std::string> sceneInputs() const override { return {std::string(kScalpInput)}; }
 
-    Value evaluate(const EvalContext& ctx, const std::vector<Value>& inputs) const override {
-        Value out;
-        run(ctx, inputs, nullptr, &out, nullptr);
-        return out;
-    }
-    bool evaluateIncremental(const EvalContext& ctx, const std::vector<Value>& inputs,
-                             const IncrementalInputs& incremental, Value* out,
-                             StrandChanges* changes) const override {
-        return run(ctx, inputs, &incremental, out, changes);
-    }
-
   private:
     bool run(const EvalContext& ctx, const std::vector<Value>& inputs,
-             const IncrementalInputs* incremental, Value* out, StrandChanges* changes) const {
+             const IncrementalInputs* incremental, Value* out,
+             StrandChanges* changes) const override {
         if (incremental &&
             !mapsReadOnlyTheirStrand(paramSet, ctx, {"inclination", "roll", "strength"}))
             return false;

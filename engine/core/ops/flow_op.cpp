@@ -125,7 +125,7 @@ namespace {
 using field_ops::makeParam;
 
 // Lays strands along the flow arrows drawn on the scalp.
-class FlowOp final : public Operator {
+class FlowOp final : public ShapeOperator {
   public:
     std::string type() const override { return "Flow"; }
     std::string category() const override { return "shape"; }
@@ -157,20 +157,10 @@ class FlowOp final : public Operator {
         return {std::string(kScalpInput), std::string(kFlowInput)};
     }
 
-    Value evaluate(const EvalContext& ctx, const std::vector<Value>& inputs) const override {
-        Value out;
-        run(ctx, inputs, nullptr, &out, nullptr);
-        return out;
-    }
-    bool evaluateIncremental(const EvalContext& ctx, const std::vector<Value>& inputs,
-                             const IncrementalInputs& incremental, Value* out,
-                             StrandChanges* changes) const override {
-        return run(ctx, inputs, &incremental, out, changes);
-    }
-
   private:
     bool run(const EvalContext& ctx, const std::vector<Value>& inputs,
-             const IncrementalInputs* incremental, Value* out, StrandChanges* changes) const {
+             const IncrementalInputs* incremental, Value* out,
+             StrandChanges* changes) const override {
         const SceneInput* flowInput = ctx.sceneInput(kFlowInput);
         const auto flow = flowInput ? flowInput->value.get<FlowField>() : nullptr;
         if (!flow || (flow->sources().pinCount() == 0 && flow->sources().sinkCount() == 0)) {

@@ -48,7 +48,7 @@ void trimStrands(const StrandSet& input, const LengthSettings& settings,
 namespace {
 
 // Trims strands to a share of their length.
-class LengthOp final : public Operator {
+class LengthOp final : public ShapeOperator {
   public:
     std::string type() const override { return "Length"; }
     std::string category() const override { return "shape"; }
@@ -64,21 +64,11 @@ class LengthOp final : public Operator {
                               "0-1: each loses up to this (0: no random trim)"),
                 seedParam()};
     }
-    Value evaluate(const EvalContext& ctx, const std::vector<Value>& inputs) const override {
-        Value out;
-        StrandChanges changes;
-        run(ctx, inputs, nullptr, &out, &changes);
-        return out;
-    }
-    bool evaluateIncremental(const EvalContext& ctx, const std::vector<Value>& inputs,
-                             const IncrementalInputs& incremental, Value* out,
-                             StrandChanges* changes) const override {
-        return run(ctx, inputs, &incremental, out, changes);
-    }
 
   private:
     bool run(const EvalContext& ctx, const std::vector<Value>& inputs,
-             const IncrementalInputs* incremental, Value* out, StrandChanges* changes) const {
+             const IncrementalInputs* incremental, Value* out,
+             StrandChanges* changes) const override {
         const auto input = inputs.empty() ? nullptr : inputs[0].get<StrandSet>();
         if (!input) return runInPlace(inputs, incremental, false, {}, {}, out, changes);
         LengthSettings settings;

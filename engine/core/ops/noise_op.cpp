@@ -168,7 +168,7 @@ std::optional<CoarseStrand> coarseForNoise(const StrandSet& input, const NoiseSe
 namespace {
 
 // Random displacement; on a fraction of the strands at a high frequency, frizz.
-class NoiseOp final : public Operator {
+class NoiseOp final : public ShapeOperator {
   public:
     std::string type() const override { return "Noise"; }
     std::string category() const override { return "look"; }
@@ -204,21 +204,11 @@ class NoiseOp final : public Operator {
                 space,       fraction,
                 seedParam(), mode};
     }
-    Value evaluate(const EvalContext& ctx, const std::vector<Value>& inputs) const override {
-        Value out;
-        StrandChanges changes;
-        run(ctx, inputs, nullptr, &out, &changes);
-        return out;
-    }
-    bool evaluateIncremental(const EvalContext& ctx, const std::vector<Value>& inputs,
-                             const IncrementalInputs& incremental, Value* out,
-                             StrandChanges* changes) const override {
-        return run(ctx, inputs, &incremental, out, changes);
-    }
 
   private:
     bool run(const EvalContext& ctx, const std::vector<Value>& inputs,
-             const IncrementalInputs* incremental, Value* out, StrandChanges* changes) const {
+             const IncrementalInputs* incremental, Value* out,
+             StrandChanges* changes) const override {
         const auto input = inputs.empty() ? nullptr : inputs[0].get<StrandSet>();
         if (!input) return runInPlace(inputs, incremental, false, {}, {}, out, changes);
         NoiseSettings settings;

@@ -233,7 +233,7 @@ ResampleMode modeNamed(const std::string& mode) {
 }
 
 // Evens out the points along each strand.
-class ResampleOp final : public Operator {
+class ResampleOp final : public ShapeOperator {
   public:
     std::string type() const override { return "Resample"; }
     std::string category() const override { return "shape"; }
@@ -276,21 +276,11 @@ class ResampleOp final : public Operator {
         angle.showWhen = ShowWhen{"mode", {ParamValue(std::string("curvature"))}};
         return {segments, mode, fewest, angle};
     }
-    Value evaluate(const EvalContext& ctx, const std::vector<Value>& inputs) const override {
-        Value out;
-        StrandChanges changes;
-        run(ctx, inputs, nullptr, &out, &changes);
-        return out;
-    }
-    bool evaluateIncremental(const EvalContext& ctx, const std::vector<Value>& inputs,
-                             const IncrementalInputs& incremental, Value* out,
-                             StrandChanges* changes) const override {
-        return run(ctx, inputs, &incremental, out, changes);
-    }
 
   private:
     bool run(const EvalContext&, const std::vector<Value>& inputs,
-             const IncrementalInputs* incremental, Value* out, StrandChanges* changes) const {
+             const IncrementalInputs* incremental, Value* out,
+             StrandChanges* changes) const override {
         const auto input = inputs.empty() ? nullptr : inputs[0].get<StrandSet>();
         ResampleSettings settings;
         settings.segments = static_cast<int>(paramSet.getInt("segments", 16));

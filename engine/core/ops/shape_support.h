@@ -19,6 +19,7 @@
 #include "base/parallel.h"
 #include "base/vec3.h"
 #include "graph/eval_context.h"
+#include "graph/operator.h"
 #include "graph/params.h"
 #include "graph/value.h"
 #include "strands/strand_changes.h"
@@ -181,6 +182,28 @@ using WidenChanges = std::function<std::vector<std::uint64_t>(std::span<const st
 bool runInPlace(const std::vector<Value>& inputs, const IncrementalInputs* incremental,
                 bool canUpdate, std::span<const ColumnId> columns, const InPlaceApply& apply,
                 Value* out, StrandChanges* changes, const WidenChanges& widen = {});
+
+// A shape node: its full and incremental evaluations are one `run`, which with `incremental` null
+// is the full run (it always succeeds) and otherwise may decline, as runInPlace does.
+class ShapeOperator : public Operator {
+  public:
+    Value evaluate(const EvalContext& ctx, const std::vector<Value>& inputs) const final {
+        Value out;
+        StrandChanges changes;
+        run(ctx, inputs, nullptr, &out, &changes);
+        return out;
+    }
+    bool evaluateIncremental(const EvalContext& ctx, const std::vector<Value>& inputs,
+                             const IncrementalInputs& incremental, Value* out,
+                             StrandChanges* changes) const final {
+        return run(ctx, inputs, &incremental, out, changes);
+    }
+
+  protected:
+    virtual bool run(const EvalContext& ctx, const std::vector<Value>& inputs,
+                     const IncrementalInputs* incremental, Value* out,
+                     StrandChanges* changes) const = 0;
+};
 
 // Whether each named mapped param reads only the strand it is sampled for, so that an incremental
 // run may redo only the changed strands. A field delivered to the param's input and an expression

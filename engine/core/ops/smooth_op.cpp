@@ -152,7 +152,7 @@ namespace {
 using field_ops::makeParam;
 
 // Takes out bumps up to a size, keeping lengths and roots.
-class SmoothOp final : public Operator {
+class SmoothOp final : public ShapeOperator {
   public:
     std::string type() const override { return "Smooth"; }
     std::string category() const override { return "shape"; }
@@ -173,20 +173,10 @@ class SmoothOp final : public Operator {
         return {strength, scale, profile};
     }
 
-    Value evaluate(const EvalContext& ctx, const std::vector<Value>& inputs) const override {
-        Value out;
-        run(ctx, inputs, nullptr, &out, nullptr);
-        return out;
-    }
-    bool evaluateIncremental(const EvalContext& ctx, const std::vector<Value>& inputs,
-                             const IncrementalInputs& incremental, Value* out,
-                             StrandChanges* changes) const override {
-        return run(ctx, inputs, &incremental, out, changes);
-    }
-
   private:
     bool run(const EvalContext& ctx, const std::vector<Value>& inputs,
-             const IncrementalInputs* incremental, Value* out, StrandChanges* changes) const {
+             const IncrementalInputs* incremental, Value* out,
+             StrandChanges* changes) const override {
         if (incremental && !mapsReadOnlyTheirStrand(paramSet, ctx, {"strength"})) return false;
         const auto strands = inputs.empty() ? nullptr : inputs[0].get<StrandSet>();
         SmoothSettings settings;

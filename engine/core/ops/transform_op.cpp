@@ -89,7 +89,7 @@ using field_ops::makeParam;
 using field_ops::shownFor;
 
 // Moves, turns and scales strands about their roots or the whole set about a pivot.
-class TransformOp final : public Operator {
+class TransformOp final : public ShapeOperator {
   public:
     std::string type() const override { return "Transform"; }
     std::string category() const override { return "deform"; }
@@ -134,20 +134,10 @@ class TransformOp final : public Operator {
     }
     std::vector<std::string> sceneInputs() const override { return {std::string(kScalpInput)}; }
 
-    Value evaluate(const EvalContext& ctx, const std::vector<Value>& inputs) const override {
-        Value out;
-        run(ctx, inputs, nullptr, &out, nullptr);
-        return out;
-    }
-    bool evaluateIncremental(const EvalContext& ctx, const std::vector<Value>& inputs,
-                             const IncrementalInputs& incremental, Value* out,
-                             StrandChanges* changes) const override {
-        return run(ctx, inputs, &incremental, out, changes);
-    }
-
   private:
     bool run(const EvalContext& ctx, const std::vector<Value>& inputs,
-             const IncrementalInputs* incremental, Value* out, StrandChanges* changes) const {
+             const IncrementalInputs* incremental, Value* out,
+             StrandChanges* changes) const override {
         if (incremental && !mapsReadOnlyTheirStrand(paramSet, ctx, {"scale"})) return false;
         const auto strands = inputs.empty() ? nullptr : inputs[0].get<StrandSet>();
         const std::shared_ptr<const ScalpMesh> scalp = sceneScalp(ctx);

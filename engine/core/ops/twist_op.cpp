@@ -76,7 +76,7 @@ void twistStrands(const StrandSet& input, const TwistSettings& settings,
 namespace {
 
 // Twists strands around a lock or clump: ropes, twisted locks.
-class TwistOp final : public Operator {
+class TwistOp final : public ShapeOperator {
   public:
     std::string type() const override { return "Twist"; }
     std::string category() const override { return "look"; }
@@ -100,17 +100,6 @@ class TwistOp final : public Operator {
         return {turns, profileParam("How much of the twist along the length, root to tip"),
                 channel};
     }
-    Value evaluate(const EvalContext& ctx, const std::vector<Value>& inputs) const override {
-        Value out;
-        StrandChanges changes;
-        run(ctx, inputs, nullptr, &out, &changes);
-        return out;
-    }
-    bool evaluateIncremental(const EvalContext& ctx, const std::vector<Value>& inputs,
-                             const IncrementalInputs& incremental, Value* out,
-                             StrandChanges* changes) const override {
-        return run(ctx, inputs, &incremental, out, changes);
-    }
 
   private:
     static bool clumpsKept(const std::vector<float>& ids, const std::string& channel,
@@ -126,7 +115,8 @@ class TwistOp final : public Operator {
     }
 
     bool run(const EvalContext& ctx, const std::vector<Value>& inputs,
-             const IncrementalInputs* incremental, Value* out, StrandChanges* changes) const {
+             const IncrementalInputs* incremental, Value* out,
+             StrandChanges* changes) const override {
         const auto input = inputs.empty() ? nullptr : inputs[0].get<StrandSet>();
         if (!input) return runInPlace(inputs, incremental, false, {}, {}, out, changes);
         TwistSettings settings;

@@ -44,7 +44,7 @@ void widenStrands(const StrandSet& input, const WidthSettings& settings,
 namespace {
 
 // Strand thickness, root to tip.
-class WidthOp final : public Operator {
+class WidthOp final : public ShapeOperator {
   public:
     std::string type() const override { return "Width"; }
     std::string category() const override { return "shape"; }
@@ -62,21 +62,11 @@ class WidthOp final : public Operator {
                               "or thicker"),
                 seedParam()};
     }
-    Value evaluate(const EvalContext& ctx, const std::vector<Value>& inputs) const override {
-        Value out;
-        StrandChanges changes;
-        run(ctx, inputs, nullptr, &out, &changes);
-        return out;
-    }
-    bool evaluateIncremental(const EvalContext& ctx, const std::vector<Value>& inputs,
-                             const IncrementalInputs& incremental, Value* out,
-                             StrandChanges* changes) const override {
-        return run(ctx, inputs, &incremental, out, changes);
-    }
 
   private:
     bool run(const EvalContext& ctx, const std::vector<Value>& inputs,
-             const IncrementalInputs* incremental, Value* out, StrandChanges* changes) const {
+             const IncrementalInputs* incremental, Value* out,
+             StrandChanges* changes) const override {
         const auto input = inputs.empty() ? nullptr : inputs[0].get<StrandSet>();
         if (!input) return runInPlace(inputs, incremental, false, {}, {}, out, changes);
         WidthSettings settings;
