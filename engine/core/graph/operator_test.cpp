@@ -3,7 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "graph/field_value.h"
-#include "graph/test/specs.h"
+#include "graph/test/declarations.h"
 
 namespace velmorin {
 namespace {

@@ -15,7 +15,7 @@
 #include "graph/errors.h"
 #include "graph/eval_context.h"
 #include "graph/field_value.h"
-#include "graph/test/specs.h"
+#include "graph/test/declarations.h"
 
 namespace velmorin {
 namespace {

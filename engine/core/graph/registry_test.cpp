@@ -7,7 +7,7 @@
 
 #include "base/test/expect_message.h"
 #include "graph/errors.h"
-#include "graph/test/specs.h"
+#include "graph/test/declarations.h"
 
 namespace velmorin {
 namespace {

@@ -20,7 +20,7 @@
 #include "graph/graph.h"
 #include "graph/operator.h"
 #include "graph/registry.h"
-#include "graph/test/specs.h"
+#include "graph/test/declarations.h"
 #include "graph/uniform_value.h"
 #include "strands/guide.h"
 #include "strands/strand_changes.h"

@@ -13,7 +13,7 @@
 
 #include "graph/operator.h"
 #include "graph/registry.h"
-#include "graph/test/specs.h"
+#include "graph/test/declarations.h"
 
 namespace velmorin::test {
 
