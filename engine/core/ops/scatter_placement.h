@@ -68,6 +68,16 @@ ScatterPlacement placeRandom(const ScalpMesh& scalp, std::span<const float> face
 void relaxPlacement(const ScalpMesh& scalp, const PlacementSettings& settings,
                     ScatterPlacement& placed);
 
+// The size of the relaxation's neighbour lists.
+inline constexpr int kRelaxNeighbors = 24;
+
+// The relaxation's neighbour lists: for each position its 24 nearest others no farther than
+// `range`, nearest first and equal distances in index order, padded with its own index where fewer
+// lie in range. `cell` is the size of the search grid's cells; it changes the speed, never the
+// lists. `lists` takes 24 entries per position.
+void nearestNeighbors(std::span<const Vec3f> positions, float cell, float range,
+                      std::span<std::uint32_t> lists);
+
 // The roots at `randomness` between the even (0) and the random (1) roots, pair by pair.
 std::vector<StrandRoot> blendRoots(const ScalpMesh& scalp, std::span<const StrandRoot> even,
                                    std::span<const StrandRoot> random, float randomness);

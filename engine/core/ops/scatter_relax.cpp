@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <bit>
 #include <cmath>
-#include <limits>
 #include <unordered_map>
 
 #include <tbb/parallel_sort.h>
@@ -19,7 +18,6 @@ namespace {
 
 constexpr std::size_t kGrain = 256;
 constexpr int kIterations = 24;
-constexpr int kNeighbors = 24;
 constexpr float kRadiusScale = 1.0746f;  // the spacing of a hexagonal packing at unit density
 constexpr std::uint32_t kNoEdge = 0xffffffffu;
 
@@ -84,15 +82,11 @@ Vec3f closestOnSegment(const Vec3f& p, const Vec3f& a, const Vec3f& b) {
     return a + ab * t;
 }
 
-// The neighbour grid of one refresh: candidates sorted by cell (cells in key order, a cell's
-// candidates in index order) with their positions beside them, and the border edges near each cell.
-// The key puts x in the low bits, so a row of cells along x is one run of the sorted entries: a
-// search looks up one run per row instead of one cell at a time.
-class NeighborGrid {
+// The border edges near each cell of a grid: each edge joins every cell within two cells of its
+// samples, so a point finds in its own cell's list every edge within two cells of it.
+class EdgeGrid {
   public:
-    NeighborGrid(float cell, std::span<const BorderEdge> edges) : inverse_(1.0f / cell) {
-        // Each edge joins every cell within two cells of its samples, so a point finds in its own
-        // cell's list every edge within two cells of it.
+    EdgeGrid(float cell, std::span<const BorderEdge> edges) : inverse_(1.0f / cell) {
         for (std::uint32_t e = 0; e < edges.size(); ++e) {
             const float len = length(edges[e].b - edges[e].a);
             const int steps = std::max(1, static_cast<int>(std::ceil(len * inverse_ * 2.0f)));
@@ -102,104 +96,310 @@ class NeighborGrid {
                 for (int dz = -2; dz <= 2; ++dz)
                     for (int dy = -2; dy <= 2; ++dy)
                         for (int dx = -2; dx <= 2; ++dx) {
-                            auto& list = edgeCells_[cellKey(c.x + dx, c.y + dy, c.z + dz)];
+                            auto& list = cells_[cellKey(c.x + dx, c.y + dy, c.z + dz)];
                             if (list.empty() || list.back() != e) list.push_back(e);
                         }
             }
         }
-        for (auto& [key, list] : edgeCells_) {
+        for (auto& [key, list] : cells_) {
             std::sort(list.begin(), list.end());
             list.erase(std::unique(list.begin(), list.end()), list.end());
         }
     }
 
-    // Sorts the candidates into cells at their current positions.
-    void rebuild(std::span<const Vec3f> positions) {
+    const std::vector<std::uint32_t>* near(const Vec3f& position) const {
+        const CellCoord c = cellOf(position, inverse_);
+        const auto found = cells_.find(cellKey(c.x, c.y, c.z));
+        return found == cells_.end() ? nullptr : &found->second;
+    }
+
+  private:
+    float inverse_;
+    std::unordered_map<std::uint64_t, std::vector<std::uint32_t>> cells_;
+};
+
+// Candidates sorted by cell (cells in key order, a cell's candidates in index order) with their
+// positions beside them. The key puts x in the low bits, so a row of cells along x is one run of
+// the sorted cells; a table finds a row's run from its y and z.
+class CandidateGrid {
+  public:
+    CandidateGrid(float cell, std::span<const Vec3f> positions) : inverse_(1.0f / cell) {
         const std::size_t count = positions.size();
-        entries_.resize(count);
+        std::vector<Entry> entries(count);
         forEach(count, [&](std::size_t begin, std::size_t end) {
             for (std::size_t i = begin; i < end; ++i) {
                 const CellCoord c = cellOf(positions[i], inverse_);
-                entries_[i] = {cellKey(c.x, c.y, c.z), static_cast<std::uint32_t>(i)};
+                entries[i] = {cellKey(c.x, c.y, c.z), static_cast<std::uint32_t>(i)};
             }
         });
-        // Within a cell the candidates stay in index order, so every scan meets them in one order.
-        tbb::parallel_sort(entries_.begin(), entries_.end(), [](const Entry& a, const Entry& b) {
+        tbb::parallel_sort(entries.begin(), entries.end(), [](const Entry& a, const Entry& b) {
             return a.key != b.key ? a.key < b.key : a.index < b.index;
         });
         sortedIndex_.resize(count);
         sortedPosition_.resize(count);
         forEach(count, [&](std::size_t begin, std::size_t end) {
             for (std::size_t e = begin; e < end; ++e) {
-                sortedIndex_[e] = entries_[e].index;
-                sortedPosition_[e] = positions[entries_[e].index];
+                sortedIndex_[e] = entries[e].index;
+                sortedPosition_[e] = positions[entries[e].index];
             }
         });
-        cellStart_.clear();
-        cellKeys_.clear();
+        std::size_t rowCount = 0;
         for (std::size_t i = 0; i < count; ++i) {
-            if (i == 0 || entries_[i].key != entries_[i - 1].key) {
+            if (i == 0 || entries[i].key != entries[i - 1].key) {
+                if (cellKeys_.empty() || (entries[i].key >> 21) != (cellKeys_.back() >> 21))
+                    ++rowCount;
                 cellStart_.push_back(static_cast<std::uint32_t>(i));
-                cellKeys_.push_back(entries_[i].key);
+                cellKeys_.push_back(entries[i].key);
             }
         }
         cellStart_.push_back(static_cast<std::uint32_t>(count));
+        // Where the rows' bounding rectangle in y and z is not much larger than the cell count, a
+        // dense table finds a row by its place: the rows round one spot then lie side by side in
+        // memory, and a search, which meets the rows round one spot after another, mostly finds
+        // them in cache. Rows spread far apart go to a hash table instead.
+        std::uint64_t yLow = kRowMask, yHigh = 0, zLow = kRowMask, zHigh = 0;
+        for (const std::uint64_t key : cellKeys_) {
+            const std::uint64_t row = key >> 21;
+            yLow = std::min(yLow, row & kRowMask);
+            yHigh = std::max(yHigh, row & kRowMask);
+            zLow = std::min(zLow, row >> 21);
+            zHigh = std::max(zHigh, row >> 21);
+        }
+        if (!cellKeys_.empty() &&
+            (yHigh - yLow + 1) * (zHigh - zLow + 1) <= 8 * cellKeys_.size() + 4096) {
+            yLow_ = yLow;
+            zLow_ = zLow;
+            width_ = yHigh - yLow + 1;
+            height_ = zHigh - zLow + 1;
+            denseRows_.assign(width_ * height_, {0, 0});
+            for (std::uint32_t c = 0; c < cellKeys_.size(); ++c) {
+                const std::uint64_t row = cellKeys_[c] >> 21;
+                auto& range = denseRows_[((row >> 21) - zLow) * width_ + ((row & kRowMask) - yLow)];
+                if (range.first == range.second) range.first = c;
+                range.second = c + 1;
+            }
+            return;
+        }
+        // Open addressing at most half full.
+        std::size_t size = 16;
+        while (size < rowCount * 2)
+            size *= 2;
+        rows_.assign(size, Row{kNoRow, 0, 0});
+        std::size_t slot = 0;
+        for (std::uint32_t c = 0; c < cellKeys_.size(); ++c) {
+            const std::uint64_t row = cellKeys_[c] >> 21;
+            if (c > 0 && (cellKeys_[c - 1] >> 21) == row) {
+                ++rows_[slot].end;
+                continue;
+            }
+            slot = static_cast<std::size_t>(mix64(row)) & (size - 1);
+            while (rows_[slot].row != kNoRow)
+                slot = (slot + 1) & (size - 1);
+            rows_[slot] = {row, c, c + 1};
+        }
     }
 
-    std::size_t cellCount() const { return cellKeys_.size(); }
-    // The candidates of a cell, as a run of the sorted entries.
-    std::uint32_t cellBegin(std::size_t cell) const { return cellStart_[cell]; }
-    std::uint32_t cellEnd(std::size_t cell) const { return cellStart_[cell + 1]; }
+    float inverse() const { return inverse_; }
     std::uint32_t indexAt(std::uint32_t entry) const { return sortedIndex_[entry]; }
     const Vec3f& positionAt(std::uint32_t entry) const { return sortedPosition_[entry]; }
+    std::size_t size() const { return sortedIndex_.size(); }
+    std::uint64_t cellKeyAt(std::uint32_t cell) const { return cellKeys_[cell]; }
+    // The entries of cells [first, last).
+    std::uint32_t entriesBegin(std::uint32_t first) const { return cellStart_[first]; }
 
-    // A run of sorted entries: the candidates of consecutive cells of one row.
-    struct Run {
-        std::uint32_t begin, end;
-    };
-
-    // The runs of the cells within `rings` cells of `position`'s cell, rows in z then y order and
-    // each row along x: the order a cell-by-cell scan would meet them. Returns the run count;
-    // `runs` holds (2 * rings + 1) squared entries.
-    int runsNear(const Vec3f& position, int rings, Run* runs) const {
-        const CellCoord c = cellOf(position, inverse_);
-        int count = 0;
-        for (int dz = -rings; dz <= rings; ++dz)
-            for (int dy = -rings; dy <= rings; ++dy) {
-                const std::uint64_t first = cellKey(c.x - rings, c.y + dy, c.z + dz);
-                const std::uint64_t last = cellKey(c.x + rings, c.y + dy, c.z + dz);
-                const auto from = std::lower_bound(cellKeys_.begin(), cellKeys_.end(), first);
-                auto to = from;
-                while (to != cellKeys_.end() && *to <= last)
-                    ++to;
-                if (from == to) continue;
-                runs[count++] = {cellStart_[static_cast<std::size_t>(from - cellKeys_.begin())],
-                                 cellStart_[static_cast<std::size_t>(to - cellKeys_.begin())]};
-            }
-        return count;
+    // The cells [begin, end) of the row at y and z; empty where the row has none.
+    std::pair<std::uint32_t, std::uint32_t> row(std::int64_t y, std::int64_t z) const {
+        const std::uint64_t key = cellKey(0, y, z) >> 21;
+        if (!denseRows_.empty()) {
+            const std::uint64_t column = (key & kRowMask) - yLow_, line = (key >> 21) - zLow_;
+            if (column >= width_ || line >= height_) return {0, 0};
+            return denseRows_[line * width_ + column];
+        }
+        if (rows_.empty()) return {0, 0};
+        std::size_t at = static_cast<std::size_t>(mix64(key)) & (rows_.size() - 1);
+        while (rows_[at].row != kNoRow) {
+            if (rows_[at].row == key) return {rows_[at].begin, rows_[at].end};
+            at = (at + 1) & (rows_.size() - 1);
+        }
+        return {0, 0};
     }
-
-    const std::vector<std::uint32_t>* edgesNear(const Vec3f& position) const {
-        const CellCoord c = cellOf(position, inverse_);
-        const auto found = edgeCells_.find(cellKey(c.x, c.y, c.z));
-        return found == edgeCells_.end() ? nullptr : &found->second;
+    // The first cell of [begin, end) whose key is not below `key`.
+    std::uint32_t lowerBound(std::uint32_t begin, std::uint32_t end, std::uint64_t key) const {
+        return static_cast<std::uint32_t>(
+            std::lower_bound(cellKeys_.begin() + begin, cellKeys_.begin() + end, key) -
+            cellKeys_.begin());
     }
 
   private:
+    static constexpr std::uint64_t kNoRow = ~std::uint64_t{0};
+    static constexpr std::uint64_t kRowMask = (std::uint64_t{1} << 21) - 1;
     struct Entry {
         std::uint64_t key;
         std::uint32_t index;
     };
+    struct Row {
+        std::uint64_t row;
+        std::uint32_t begin, end;
+    };
     float inverse_;
-    std::vector<Entry> entries_;
     std::vector<std::uint32_t> sortedIndex_;
     std::vector<Vec3f> sortedPosition_;
     std::vector<std::uint32_t> cellStart_;
     std::vector<std::uint64_t> cellKeys_;
-    std::unordered_map<std::uint64_t, std::vector<std::uint32_t>> edgeCells_;
+    std::vector<Row> rows_;
+    std::uint64_t yLow_ = 0, zLow_ = 0, width_ = 0, height_ = 0;
+    std::vector<std::pair<std::uint32_t, std::uint32_t>> denseRows_;
 };
 
+// The nearest-neighbour search over a grid: cells are taken in shells of growing distance from the
+// candidate's cell, and the search ends once the next shell cannot hold anything nearer than the
+// current 24th, or lies out of range. Within a shell, rows too far off in y and z are passed over.
+// A neighbour is one number, the squared distance's bits above its index: distances are never
+// negative, so comparing the numbers orders by distance and then by index, whatever the order of
+// the scan.
+void nearestInGrid(const CandidateGrid& grid, float range, std::span<std::uint32_t> lists) {
+    const std::size_t count = grid.size();
+    const float inverse = grid.inverse();
+    const float cell = 1.0f / inverse;
+    const float range2 = range * range;
+    const int maxShell = static_cast<int>(std::ceil(range * inverse)) + 1;
+    // A row of cells near the candidate: its y and z, its least squared distance, its cells, and
+    // the part of them scanned so far.
+    struct RowScan {
+        std::int64_t y, z;
+        float bound;
+        std::uint32_t begin, end, left, right;
+    };
+    parallelRange(0, count, kGrain, [&](std::size_t entryBegin, std::size_t entryEnd) {
+        std::vector<RowScan> rows;
+        std::uint64_t best[kRelaxNeighbors];
+        int start = 0;
+        float hint = range2;
+        for (std::size_t at = entryBegin; at < entryEnd; ++at) {
+            const auto self = static_cast<std::uint32_t>(at);
+            const Vec3f p = grid.positionAt(self);
+            const std::uint32_t i = grid.indexAt(self);
+            const float tx = p.x * inverse, ty = p.y * inverse, tz = p.z * inverse;
+            const CellCoord c = cellOf(p, inverse);
+            const float fx = tx - static_cast<float>(c.x), fy = ty - static_cast<float>(c.y),
+                        fz = tz - static_cast<float>(c.z);
+            // Cells are assigned by rounded products, so bounds keep a margin of a little more
+            // than that rounding at these coordinates.
+            const float slack = 1e-3f + (std::max({std::abs(tx), std::abs(ty), std::abs(tz)}) +
+                                         static_cast<float>(maxShell) + 2.0f) *
+                                            4e-7f;
+            // The least distance, along one axis, to cells `offset` away from the candidate's.
+            const auto axisBound = [&](int offset, float fraction) {
+                if (offset == 0) return 0.0f;
+                const float cells = static_cast<float>(std::abs(offset) - 1) +
+                                    (offset > 0 ? 1.0f - fraction : fraction);
+                const float d = std::max(0.0f, cells - slack) * cell;
+                return d * d;
+            };
+            std::size_t found = 0;
+            float limit = range2;
+            // Only what lies within `within` joins the list while it is short of 24.
+            float within = range2;
+            // Beyond the limit, with a margin for the rounding of squared distances.
+            const auto beyond = [&](float bound2) { return bound2 > limit * 1.0001f; };
+            const auto scanCells = [&](std::uint32_t first, std::uint32_t last) {
+                const std::uint32_t end = grid.entriesBegin(last);
+                for (std::uint32_t e = grid.entriesBegin(first); e < end; ++e) {
+                    if (e == self) continue;
+                    const float d2 = lengthSquared(grid.positionAt(e) - p);
+                    if (!(d2 <= within)) continue;
+                    const std::uint64_t key =
+                        (static_cast<std::uint64_t>(floatBits(d2)) << 32) | grid.indexAt(e);
+                    if (found == kRelaxNeighbors && !(key < best[kRelaxNeighbors - 1])) continue;
+                    std::size_t k = found < kRelaxNeighbors ? found++ : kRelaxNeighbors - 1;
+                    while (k > 0 && key < best[k - 1]) {
+                        best[k] = best[k - 1];
+                        --k;
+                    }
+                    best[k] = key;
+                    if (found == kRelaxNeighbors)
+                        limit = std::bit_cast<float>(
+                            static_cast<std::uint32_t>(best[kRelaxNeighbors - 1] >> 32));
+                }
+            };
+            const float nearestFace = std::min({fx, 1.0f - fx, fy, 1.0f - fy, fz, 1.0f - fz});
+            // The first step takes the whole block of cells to the shell where the search ended
+            // for the candidate before, which lies close by in the scan and mostly has a like
+            // spacing. That saves the shell-by-shell steps of most searches and changes nothing
+            // in the lists: every cell scanned beyond need is only more of the same test.
+            const int first = std::min(start, maxShell);
+            int shell = first;
+            const auto search = [&](float reach) {
+                rows.clear();
+                found = 0;
+                limit = within = reach;
+                shell = first;
+                for (; shell <= maxShell; ++shell) {
+                    if (shell > first) {
+                        const float cells = static_cast<float>(shell - 1) + nearestFace - slack;
+                        const float d = std::max(0.0f, cells) * cell;
+                        if (beyond(d * d)) break;
+                    }
+                    // The rows met in earlier shells gain their cells at -shell and +shell along x.
+                    // The limit only shrinks, so a row once out of reach stays out.
+                    for (RowScan& row : rows) {
+                        if (beyond(row.bound)) continue;
+                        if (row.left > row.begin &&
+                            grid.cellKeyAt(row.left - 1) == cellKey(c.x - shell, row.y, row.z)) {
+                            --row.left;
+                            scanCells(row.left, row.left + 1);
+                        }
+                        if (row.right < row.end &&
+                            grid.cellKeyAt(row.right) == cellKey(c.x + shell, row.y, row.z)) {
+                            scanCells(row.right, row.right + 1);
+                            ++row.right;
+                        }
+                    }
+                    // The rows on the shell's rim in y and z: their cells from -shell to +shell.
+                    const std::size_t older = rows.size();
+                    for (int dz = -shell; dz <= shell; ++dz) {
+                        const float zBound = axisBound(dz, fz);
+                        if (beyond(zBound)) continue;
+                        const bool rim = std::abs(dz) == shell || shell == first;
+                        for (int dy = -shell; dy <= shell;
+                             dy += rim || dy == shell ? 1 : 2 * shell) {
+                            const float bound = zBound + axisBound(dy, fy);
+                            if (beyond(bound)) continue;
+                            const std::int64_t y = c.y + dy, z = c.z + dz;
+                            const auto [begin, end] = grid.row(y, z);
+                            if (begin == end) continue;
+                            const std::uint32_t left =
+                                grid.lowerBound(begin, end, cellKey(c.x - shell, y, z));
+                            const std::uint32_t right =
+                                grid.lowerBound(left, end, cellKey(c.x + shell + 1, y, z));
+                            rows.push_back({y, z, bound, begin, end, left, right});
+                        }
+                    }
+                    for (std::size_t r = older; r < rows.size(); ++r)
+                        if (rows[r].left < rows[r].right) scanCells(rows[r].left, rows[r].right);
+                }
+            };
+            // The candidate before lies close by and mostly has a like spacing: within twice its
+            // 24th squared distance there are mostly 24 to find, and the search looks at far
+            // fewer cells. Where there are not, it looks again over the whole range.
+            search(std::min(range2, hint));
+            if (found < kRelaxNeighbors && hint < range2) search(range2);
+            hint = found == kRelaxNeighbors ? 2.0f * limit : range2;
+            start = std::max(0, shell - 2);
+            std::uint32_t* list = lists.data() + static_cast<std::size_t>(i) * kRelaxNeighbors;
+            for (std::size_t k = 0; k < kRelaxNeighbors; ++k)
+                list[k] = k < found ? static_cast<std::uint32_t>(best[k]) : i;
+        }
+    });
+}
+
 }  // namespace
+
+void nearestNeighbors(std::span<const Vec3f> positions, float cell, float range,
+                      std::span<std::uint32_t> lists) {
+    if (positions.empty()) return;
+    nearestInGrid(CandidateGrid(cell, positions), range, lists);
+}
 
 void relaxPlacement(const ScalpMesh& scalp, const PlacementSettings& settings,
                     ScatterPlacement& placed) {
@@ -228,127 +428,32 @@ void relaxPlacement(const ScalpMesh& scalp, const PlacementSettings& settings,
     const float largest = *std::max_element(radii.begin(), radii.end());
     if (!(largest > 0.0f)) return;
 
-    // Cells two radii wide: a candidate of the working density meets every candidate it can
-    // touch in the 27 cells round it. Sparser spots (larger radii) look further.
-    const float cell = 2.0f * r0;
+    // Neighbours come from a grid of half-radius cells; border edges from one of cells two radii
+    // wide, so a candidate finds every edge within two radii of it.
     const float searchRange = 3.0f * largest + r0;
-    const int maxRings = std::clamp(static_cast<int>(std::ceil(searchRange / cell)), 1, 3);
     const std::vector<BorderEdge> edges = borderEdges(scalp);
-    NeighborGrid grid(cell, edges);
-    std::vector<std::uint32_t> neighbors(count * kNeighbors);
+    const EdgeGrid edgeGrid(2.0f * r0, edges);
+    std::vector<std::uint32_t> neighbors(count * kRelaxNeighbors);
     std::vector<std::uint32_t> nearestEdge(count, kNoEdge);
 
-    // Each refresh works cell by cell: a cell's candidates share their runs of nearby cells and
-    // their border edges, and read the positions of their neighbours from the sorted copy, which
-    // lies in the order of the scan.
-    constexpr int kMaxRuns = 7 * 7;
-    // A neighbour as one number: the squared distance's bits above the entry's place in the scan.
-    // Distances are never negative, so their bits order as the distances do, and comparing the
-    // numbers orders by distance and then by the order of the scan, the order of the lists.
-    const auto nearKey = [](float distanceSquared, std::uint32_t entry) {
-        return (static_cast<std::uint64_t>(floatBits(distanceSquared)) << 32) | entry;
-    };
-    // Every candidate in the runs but the one at `self`, the nearest 24 into `best`, nearest first;
-    // returns how many there are.
-    const auto nearestInReach = [&](const NeighborGrid::Run* runs, int runCount, std::uint32_t self,
-                                    const Vec3f& p, std::uint64_t* best) {
-        std::size_t found = 0;
-        for (int r = 0; r < runCount; ++r) {
-            for (std::uint32_t e = runs[r].begin; e < runs[r].end; ++e) {
-                if (e == self) continue;
-                const std::uint64_t key = nearKey(lengthSquared(grid.positionAt(e) - p), e);
-                if (found == kNeighbors && !(key < best[kNeighbors - 1])) continue;
-                std::size_t at = found < kNeighbors ? found++ : kNeighbors - 1;
-                while (at > 0 && key < best[at - 1]) {
-                    best[at] = best[at - 1];
-                    --at;
-                }
-                best[at] = key;
-            }
-        }
-        return found;
-    };
-    // The squared distance within which each candidate looks first: its 24th distance at the last
-    // refresh, with a margin for the steps since.
-    constexpr std::size_t kCloseCapacity = 128;
-    constexpr float kReachMargin = 1.15f * 1.15f;
-    std::vector<float> reach(count, std::numeric_limits<float>::infinity());
     auto refresh = [&] {
-        grid.rebuild(positions);
-        parallelRange(0, grid.cellCount(), kGrain, [&](std::size_t cellBegin, std::size_t cellEnd) {
-            NeighborGrid::Run cellRuns[kMaxRuns], ownRuns[kMaxRuns];
-            std::uint64_t close[kCloseCapacity];
-            for (std::size_t cellIndex = cellBegin; cellIndex < cellEnd; ++cellIndex) {
-                const std::uint32_t first = grid.cellBegin(cellIndex);
-                const std::uint32_t last = grid.cellEnd(cellIndex);
-                const Vec3f cellPoint = grid.positionAt(first);
-                const int cellRunCount = grid.runsNear(cellPoint, 1, cellRuns);
-                const auto* nearEdges = grid.edgesNear(cellPoint);
-                for (std::uint32_t entry = first; entry < last; ++entry) {
-                    const std::uint32_t i = grid.indexAt(entry);
-                    const Vec3f p = grid.positionAt(entry);
-                    const int rings = std::clamp(
-                        static_cast<int>(std::ceil(2.0f * radii[i] / cell - 1e-3f)), 1, maxRings);
-                    const NeighborGrid::Run* runs = cellRuns;
-                    int runCount = cellRunCount;
-                    if (rings != 1) {
-                        runCount = grid.runsNear(p, rings, ownRuns);
-                        runs = ownRuns;
-                    }
-                    // The nearest 24 by distance and, between equals, by the order of the scan:
-                    // an entry's place in the sorted array is that order. Most candidates keep
-                    // their spacing from one refresh to the next, so only those within a little
-                    // more than last time's 24th distance are sorted; when fewer than 24 lie
-                    // there (and some lie beyond), the search takes every candidate in reach.
-                    const float limit = reach[i];
-                    std::size_t total = 0;
-                    for (int r = 0; r < runCount; ++r)
-                        total += runs[r].end - runs[r].begin;
-                    --total;  // the candidate itself
-                    std::size_t found = 0;
-                    std::size_t within = 0;
-                    if (total < kCloseCapacity) {
-                        // Near or not falls either way: every key is written and only a near one
-                        // advances the list, with no branch to mispredict.
-                        for (int r = 0; r < runCount; ++r) {
-                            for (std::uint32_t e = runs[r].begin; e < runs[r].end; ++e) {
-                                if (e == entry) continue;
-                                const float d2 = lengthSquared(grid.positionAt(e) - p);
-                                close[within] = nearKey(d2, e);
-                                within += d2 < limit;
-                            }
+        nearestNeighbors(positions, 0.5f * r0, searchRange, neighbors);
+        forEach(count, [&](std::size_t begin, std::size_t end) {
+            for (std::size_t i = begin; i < end; ++i) {
+                const Vec3f p = positions[i];
+                std::uint32_t edge = kNoEdge;
+                if (const auto* nearEdges = edgeGrid.near(p)) {
+                    float best = 0.0f;
+                    for (const std::uint32_t e : *nearEdges) {
+                        const float d2 =
+                            lengthSquared(p - closestOnSegment(p, edges[e].a, edges[e].b));
+                        if (edge == kNoEdge || d2 < best) {
+                            best = d2;
+                            edge = e;
                         }
                     }
-                    if (total < kCloseCapacity && (within >= kNeighbors || within == total)) {
-                        found = std::min<std::size_t>(within, kNeighbors);
-                        std::sort(close, close + within);
-                    } else {
-                        found = nearestInReach(runs, runCount, entry, p, close);
-                    }
-                    reach[i] = found == kNeighbors
-                                   ? std::bit_cast<float>(
-                                         static_cast<std::uint32_t>(close[kNeighbors - 1] >> 32)) *
-                                         kReachMargin
-                                   : std::numeric_limits<float>::infinity();
-                    std::uint32_t* list = neighbors.data() + i * kNeighbors;
-                    for (std::size_t k = 0; k < kNeighbors; ++k)
-                        list[k] = k < found ? grid.indexAt(static_cast<std::uint32_t>(close[k]))
-                                            : static_cast<std::uint32_t>(i);
-
-                    std::uint32_t edge = kNoEdge;
-                    if (nearEdges) {
-                        float best = 0.0f;
-                        for (const std::uint32_t e : *nearEdges) {
-                            const float d2 =
-                                lengthSquared(p - closestOnSegment(p, edges[e].a, edges[e].b));
-                            if (edge == kNoEdge || d2 < best) {
-                                best = d2;
-                                edge = e;
-                            }
-                        }
-                    }
-                    nearestEdge[i] = edge;
                 }
+                nearestEdge[i] = edge;
             }
         });
     };
@@ -372,8 +477,8 @@ void relaxPlacement(const ScalpMesh& scalp, const PlacementSettings& settings,
                     continue;
                 }
                 Vec3f force;
-                const std::uint32_t* list = neighbors.data() + i * kNeighbors;
-                for (int k = 0; k < kNeighbors; ++k) {
+                const std::uint32_t* list = neighbors.data() + i * kRelaxNeighbors;
+                for (int k = 0; k < kRelaxNeighbors; ++k) {
                     const std::uint32_t j = list[k];
                     if (j == i) continue;
                     // A plain density gives every candidate the same radius: no need to read it.

@@ -281,6 +281,89 @@ TEST(Scatter, SameBitsAtOneAndTwoThreads) {
     }
 }
 
+// The relaxation's neighbour lists by brute force: every other candidate within range, ordered by
+// squared distance and then by index, the first 24 kept and the rest padded with the candidate.
+std::vector<std::uint32_t> nearestByBruteForce(std::span<const Vec3f> positions, float range) {
+    std::vector<std::uint32_t> lists(positions.size() * kRelaxNeighbors);
+    std::vector<std::pair<float, std::uint32_t>> all;
+    for (std::uint32_t i = 0; i < positions.size(); ++i) {
+        all.clear();
+        for (std::uint32_t j = 0; j < positions.size(); ++j) {
+            const float d2 = lengthSquared(positions[j] - positions[i]);
+            if (j != i && d2 <= range * range) all.emplace_back(d2, j);
+        }
+        std::sort(all.begin(), all.end());
+        for (std::size_t k = 0; k < kRelaxNeighbors; ++k)
+            lists[i * kRelaxNeighbors + k] = k < all.size() ? all[k].second : i;
+    }
+    return lists;
+}
+
+// Compares the neighbour lists at one and two threads with brute force.
+void expectNearestInRange(const std::string& name, std::span<const Vec3f> positions, float cell,
+                          float range) {
+    const std::vector<std::uint32_t> expected = nearestByBruteForce(positions, range);
+    for (const int threads : {1, 2}) {
+        std::vector<std::uint32_t> lists(positions.size() * kRelaxNeighbors);
+        runWithThreads(threads, [&] { nearestNeighbors(positions, cell, range, lists); });
+        std::size_t wrong = 0;
+        for (std::size_t i = 0; i < positions.size(); ++i)
+            wrong += !std::equal(lists.begin() + i * kRelaxNeighbors,
+                                 lists.begin() + (i + 1) * kRelaxNeighbors,
+                                 expected.begin() + i * kRelaxNeighbors);
+        EXPECT_EQ(wrong, 0u) << name << " at " << threads << " threads";
+    }
+}
+
+TEST(Scatter, NeighbourListsAreTheNearestInRange) {
+    struct Case {
+        std::string name;
+        double density;
+        DensityAt mapped;
+        float rangeInRadii;  // 0: the relaxation's own range
+    };
+    // A density falling off across the head makes radii from one to several times the smallest.
+    const DensityAt falling = [](const StrandRoot&, const Vec3f& p) {
+        return 12.0f / (1.0f + 0.04f * (p.x + 10.0f) * (p.x + 10.0f));
+    };
+    const std::vector<Case> cases = {
+        {"plain", 10.0, {}, 0.0f},
+        {"mapped", 12.0, falling, 0.0f},
+        {"short range, padded lists", 10.0, {}, 1.5f},
+    };
+    for (const Case& c : cases) {
+        PlacementSettings settings;
+        settings.density = c.density;
+        settings.mappedDensity = c.mapped;
+        const ScatterPlacement placed = placeRandom(*head(), growthAreas(*head()), settings);
+        ASSERT_GT(placed.size(), 1000u) << c.name;
+        ASSERT_LT(placed.size(), 6000u) << c.name;
+        const float r0 = 1.0746f / std::sqrt(static_cast<float>(c.density));
+        std::vector<Vec3f> positions;
+        float largest = 0.0f;
+        for (const StrandRoot& root : placed.randomRoots) {
+            positions.push_back(head()->pointAt(root));
+            const float d = c.mapped ? c.mapped(root, positions.back()) : float(c.density);
+            largest = std::max(largest, 1.0746f / std::sqrt(d));
+        }
+        if (c.mapped) {
+            EXPECT_GT(largest, 3.0f * r0) << c.name;
+        }
+        // Two candidates on one spot and one far from all: ties and empty lists.
+        positions.push_back(positions[7]);
+        positions.push_back(positions[7] + Vec3f{0.0f, 0.0f, 1e4f});
+        const float range = c.rangeInRadii > 0.0f ? c.rangeInRadii * r0 : 3.0f * largest + r0;
+        expectNearestInRange(c.name, positions, 0.5f * r0, range);
+    }
+    // A lattice, numbered column by column, has many equal distances across cells: they must go
+    // by index, not by the order the grid meets them.
+    std::vector<Vec3f> lattice;
+    for (int x = 0; x < 40; ++x)
+        for (int y = 0; y < 40; ++y)
+            lattice.push_back({0.25f * static_cast<float>(x), 0.25f * static_cast<float>(y), 0.0f});
+    expectNearestInRange("lattice", lattice, 0.5f, 4.0f);
+}
+
 TEST(Scatter, CachedRunsGiveTheSameStrands) {
     auto op = makeScatter();
     const ScatterRun run{.density = 12.0, .randomness = 0.5};
