@@ -57,6 +57,7 @@ class WiggleOp : public Operator {
                 wiggle(*update->input, strands[i], points);
         });
         changes->all = false;
+        changes->sameLayout = true;
         changes->strands.assign(strands.begin(), strands.end());
         *out = update->out;
         return true;

@@ -8,6 +8,7 @@
 #include <optional>
 #include <span>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "graph/value.h"
@@ -76,10 +77,19 @@ std::optional<double> controlValue(const EvalContext& ctx, std::string_view cont
 
 // What an incremental run builds on: the node's last result and the changes of its inputs.
 struct IncrementalInputs {
-    Value previous;                                                 // nodes of one output
+    // The last result of a node of one output. The graph hands it over for the run and keeps no
+    // reference of its own (unless the incremental check is on), so that an operator that lets go
+    // of it (takePrevious) may find its columns held by nobody else and take them over instead of
+    // copying them.
+    mutable Value previous;
     std::vector<Value> previousAll;                                 // nodes of several outputs
     std::span<const std::shared_ptr<const StrandChanges>> changes;  // one per port input
     bool active = true;
+
+    // Lets go of `previous`, which is empty afterwards, and hands it to the caller. An operator
+    // that takes the previous result says in its changes whether the layout stayed, since the
+    // graph no longer holds the result to compare with.
+    Value takePrevious() const { return std::exchange(previous, Value()); }
 };
 
 }  // namespace velmorin

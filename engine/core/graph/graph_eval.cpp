@@ -512,20 +512,44 @@ void Evaluation::runOperator(NodeRun& run) {
 }
 
 bool Evaluation::runIncrementally(NodeRun& run, const EvalContext& ctx) {
-    const NodeRuntime& runtime = run.node.runtime;
+    NodeRuntime& runtime = run.node.runtime;
     const std::size_t outputCount = run.outputs.size();
     IncrementalInputs previous;
-    previous.previous = runtime.results.front();
-    previous.previousAll = runtime.results;
     previous.changes = std::span<const ChangesPointer>(run.changes.data(), run.portCount);
     previous.active = true;
     if (outputCount == 1) {
+        // The node lets go of its last result for the run, so that an operator that takes it over
+        // (IncrementalInputs::takePrevious) may find its columns held by nobody else and update
+        // them in place instead of copying them. What the operator leaves untaken comes back; a
+        // result taken leaves the node without one until this run's is recorded. The check
+        // compares with the last result afterwards, so with it on the node keeps its own.
+        const bool handOver = !incrementalCheck();
+        previous.previous = handOver ? std::move(runtime.results.front()) : runtime.results.front();
+        const auto handBack = [&] {
+            if (!handOver) return;
+            if (!previous.previous.empty()) {
+                runtime.results.front() = std::move(previous.previous);
+            } else {
+                runtime.results.clear();
+                runtime.valid = false;
+            }
+        };
         Value out;
         StrandChanges changed;
-        if (!run.op.evaluateIncremental(ctx, run.inputs, previous, &out, &changed)) return false;
+        bool updated = false;
+        try {
+            updated = run.op.evaluateIncremental(ctx, run.inputs, previous, &out, &changed);
+        } catch (...) {
+            handBack();
+            throw;
+        }
+        handBack();
+        if (!updated) return false;
         run.results = {out};
         run.outChanges = {std::make_shared<const StrandChanges>(std::move(changed))};
     } else {
+        previous.previous = runtime.results.front();
+        previous.previousAll = runtime.results;
         std::vector<Value> outs;
         std::vector<StrandChanges> changed;
         if (!run.op.evaluateIncrementalAll(ctx, run.inputs, previous, &outs, &changed))

@@ -121,6 +121,33 @@ TEST(GraphEval, ChangedStrandsRunIncrementallyDownstream) {
     EXPECT_EQ(chain.graph.incrementalRuns, 2u);
 }
 
+// An incremental run updates a last result that nothing outside the graph holds where it lies,
+// and never writes into one that a caller still holds.
+TEST(GraphEval, AnIncrementalRunTakesOverOnlyAResultNobodyElseHolds) {
+    SceneChain chain;
+    chain.run();
+    const auto pointsOf = [&](std::uint32_t id) {
+        return chain.graph.node(id).runtime.results[0].get<StrandSet>()->points().data();
+    };
+    const Vec3f* const unheldA = pointsOf(chain.liftA);
+    const Vec3f* const unheldB = pointsOf(chain.liftB);
+    chain.setGroom(moved(*chain.groom(), {3, 17}, 1.0f), 2);
+    const auto held = chain.run();
+    ASSERT_EQ(chain.graph.runs[chain.liftB], "incremental 2");
+    EXPECT_EQ(pointsOf(chain.liftA), unheldA);
+    EXPECT_EQ(held->points().data(), unheldB);
+
+    const std::vector<Vec3f> heldPoints(held->points().begin(), held->points().end());
+    chain.setGroom(moved(*chain.groom(), {5}, 1.0f), 3);
+    const auto next = chain.run();
+    ASSERT_EQ(chain.graph.runs[chain.liftB], "incremental 1");
+    EXPECT_NE(next->points().data(), held->points().data());
+    EXPECT_TRUE(std::equal(heldPoints.begin(), heldPoints.end(), held->points().begin()));
+    SceneChain fresh;
+    fresh.setGroom(chain.groom(), 3);
+    EXPECT_EQ(next->contentHash(), fresh.run()->contentHash());
+}
+
 TEST(GraphEval, IncrementalCheckNamesWhatAnIncrementalRunGotWrong) {
     SwitchesRestored restore;
     setIncrementalCheck(true);

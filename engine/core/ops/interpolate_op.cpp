@@ -368,7 +368,7 @@ class InterpolateOp final : public Operator {
         if (incremental) {
             // Only guide shapes may have changed, not the strands, the scalp or any guide's root:
             // then the binding stands and only the strands bound to a changed guide move.
-            const auto previous = incremental->previous.get<StrandSet>();
+            auto previous = incremental->previous.get<StrandSet>();
             const auto& inputChanges = incremental->changes;
             if (!previous || !previousState || !previousRows || inputChanges.empty() ||
                 !inputChanges[0] || inputChanges[0]->all || !inputChanges[0]->strands.empty())
@@ -392,13 +392,12 @@ class InterpolateOp final : public Operator {
             for (std::size_t g = 0; g < changed.size(); ++g)
                 changed[g] = rows->hashes[g] != previousRows->hashes[g] ? 1 : 0;
             std::vector<std::uint64_t> redo = strandsBoundTo(previousState->binding, changed);
-            // Only the bound strands change. When nothing but the incremental inputs and this
-            // run hold the previous result, it can't be seen again, so its columns are taken
-            // over rather than the whole points column copied.
-            const bool handedOver = previous.use_count() <= 2;
-            auto made = handedOver ? std::make_shared<StrandSet>(
-                                         std::move(const_cast<StrandSet&>(*previous)))  // NOLINT
-                                   : std::make_shared<StrandSet>(*previous);
+            // Only the bound strands change. The previous result is let go of: where nothing else
+            // held it, its columns are this run's alone and the points are written in place
+            // rather than the whole column copied.
+            auto made = std::make_shared<StrandSet>(*previous);
+            previous.reset();
+            incremental->takePrevious();
             if (!redo.empty()) {
                 std::vector<Vec3f>& points = made->writePoints();
                 std::span<float> influence;

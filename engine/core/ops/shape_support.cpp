@@ -224,7 +224,7 @@ bool runInPlace(const std::vector<Value>& inputs, const IncrementalInputs* incre
     }
 
     if (!canUpdate || !input || incremental->changes.empty()) return false;
-    const auto previous = incremental->previous.get<StrandSet>();
+    auto previous = incremental->previous.get<StrandSet>();
     const auto& changed = incremental->changes[0];
     if (!previous || !changed || changed->all || !changed->sameLayout) return false;
     if (previous->strandCount() != input->strandCount() ||
@@ -237,15 +237,19 @@ bool runInPlace(const std::vector<Value>& inputs, const IncrementalInputs* incre
             return false;
     }
 
-    auto made = std::make_shared<StrandSet>(*input);
-    // The unchanged strands keep the previous result's values; only the listed ones are redone.
-    // The previous result is shared with the cache, so its columns are copied, not taken.
-    StrandSet before(*previous);
     for (const ColumnId column : columns) {
         if (column == ColumnId::kWidths && previous->widths().size() != input->pointCount())
             return false;
-        made->moveColumnFrom(column, before);
     }
+    auto made = std::make_shared<StrandSet>(*input);
+    // The unchanged strands keep the previous result's values; only the listed ones are redone.
+    // The previous result is let go of here: where nothing else held it, its columns are now this
+    // run's alone and are written in place, else the first write copies them.
+    StrandSet before(*previous);
+    previous.reset();
+    incremental->takePrevious();
+    for (const ColumnId column : columns)
+        made->moveColumnFrom(column, before);
     std::vector<std::uint64_t> redo =
         widen ? widen(changed->strands)
               : std::vector<std::uint64_t>(changed->strands.begin(), changed->strands.end());

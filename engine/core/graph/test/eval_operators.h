@@ -40,12 +40,16 @@ struct StrandUpdate {
 inline std::optional<StrandUpdate> strandUpdate(const Value& inputValue,
                                                 const IncrementalInputs& incremental) {
     const auto input = inputValue.get<StrandSet>();
-    const auto previous = incremental.previous.get<StrandSet>();
+    auto previous = incremental.previous.get<StrandSet>();
     if (!input || !previous || incremental.changes.empty()) return std::nullopt;
     const auto& changed = incremental.changes[0];
     if (!changed || changed->all || !changed->sameLayout) return std::nullopt;
     auto out = std::make_shared<StrandSet>(*input);
+    // Let go of the previous result, so that its points are written in place where nothing else
+    // holds them.
     StrandSet before(*previous);
+    previous.reset();
+    incremental.takePrevious();
     out->moveColumnFrom(ColumnId::kPoints, before);
     return StrandUpdate{input, out, changed->strands};
 }
@@ -138,6 +142,7 @@ class LiftOp : public CountingOp {
         for (std::uint64_t s : update->strands)
             liftStrand(*update->input, s, points, fault == 2 ? 2.0f : 1.0f);
         changes->all = false;
+        changes->sameLayout = true;
         changes->strands.assign(update->strands.begin(), update->strands.end());
         if (fault == 1 && !changes->strands.empty()) changes->strands.pop_back();
         if (fault == 3) changes->strands.push_back(update->out->strandCount());
