@@ -346,20 +346,6 @@ class CurlOp final : public ShapeOperator {
     }
 
   private:
-    // Whether every changed strand kept its clump: one that moved to another would change its old
-    // clump's axis too, and only the previous input could say which clump that was.
-    static bool clumpsKept(const std::vector<float>& ids, const std::string& channel,
-                           const IncrementalInputs& incremental) {
-        const auto previous = incremental.previous.get<StrandSet>();
-        const std::vector<float>* before = previous ? previous->strandChannel(channel) : nullptr;
-        if (!before || before->size() != ids.size() || incremental.changes.empty() ||
-            !incremental.changes[0] || incremental.changes[0]->all)
-            return false;
-        for (const std::uint64_t s : incremental.changes[0]->strands)
-            if (s >= ids.size() || !((*before)[s] == ids[s])) return false;
-        return true;
-    }
-
     bool run(const EvalContext& ctx, const std::vector<Value>& inputs,
              const IncrementalInputs* incremental, Value* out,
              StrandChanges* changes) const override {

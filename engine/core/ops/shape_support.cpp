@@ -261,6 +261,18 @@ bool runInPlace(const std::vector<Value>& inputs, const IncrementalInputs* incre
     return true;
 }
 
+bool clumpsKept(const std::vector<float>& ids, const std::string& channel,
+                const IncrementalInputs& incremental) {
+    const auto previous = incremental.previous.get<StrandSet>();
+    const std::vector<float>* before = previous ? previous->strandChannel(channel) : nullptr;
+    if (!before || before->size() != ids.size() || incremental.changes.empty() ||
+        !incremental.changes[0] || incremental.changes[0]->all)
+        return false;
+    for (const std::uint64_t s : incremental.changes[0]->strands)
+        if (s >= ids.size() || !((*before)[s] == ids[s])) return false;
+    return true;
+}
+
 ClumpAxes clumpAxes(const StrandSet& strands, const std::vector<float>& channel) {
     constexpr std::size_t kPoints = ClumpAxes::kAxisPoints;
     const std::size_t strandCount = strands.strandCount();

@@ -233,6 +233,11 @@ struct ClumpAxes {
 // any thread count.
 ClumpAxes clumpAxes(const StrandSet& strands, const std::vector<float>& channel);
 
+// Whether every changed strand kept its clump (its value of `channel`, `ids` now): one that moved
+// to another would change its old clump's axis too, which only the previous result can tell.
+bool clumpsKept(const std::vector<float>& ids, const std::string& channel,
+                const IncrementalInputs& incremental);
+
 // Every strand of the clumps that hold one of `strands` (ascending): what an incremental run must
 // redo when a change to one strand moves its clump's axis.
 std::vector<std::uint64_t> strandsOfClumps(const ClumpAxes& axes,

@@ -102,18 +102,6 @@ class TwistOp final : public ShapeOperator {
     }
 
   private:
-    static bool clumpsKept(const std::vector<float>& ids, const std::string& channel,
-                           const IncrementalInputs& incremental) {
-        const auto previous = incremental.previous.get<StrandSet>();
-        const std::vector<float>* before = previous ? previous->strandChannel(channel) : nullptr;
-        if (!before || before->size() != ids.size() || incremental.changes.empty() ||
-            !incremental.changes[0] || incremental.changes[0]->all)
-            return false;
-        for (const std::uint64_t s : incremental.changes[0]->strands)
-            if (s >= ids.size() || !((*before)[s] == ids[s])) return false;
-        return true;
-    }
-
     bool run(const EvalContext& ctx, const std::vector<Value>& inputs,
              const IncrementalInputs* incremental, Value* out,
              StrandChanges* changes) const override {
