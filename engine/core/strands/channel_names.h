@@ -1,0 +1,41 @@
+#pragma once
+// The channel names that operators, the look, the display and the exporters share. A channel is a
+// float column, so a colour is three channels, one per component, in linear RGB. Operators write
+// these names; every reader (the preview renderer, the Alembic and USD writers) reads them from
+// here rather than spelling them again.
+
+#include <array>
+#include <string_view>
+
+namespace velmorin::channels {
+
+// Engine-private: marks a strand set made for preview. Left out when strands become guides.
+inline constexpr std::string_view kPreview = "_preview";
+
+// Structure and origin of a strand.
+inline constexpr std::string_view kClumpId = "clumpId";
+inline constexpr std::string_view kRegion = "region";
+inline constexpr std::string_view kGuideInfluence = "guideInfluence";
+inline constexpr std::string_view kGroupId = "groupId";
+inline constexpr std::string_view kTubeId = "tubeId";
+inline constexpr std::string_view kTubeU = "tubeU";
+inline constexpr std::string_view kTubeV = "tubeV";
+inline constexpr std::string_view kFeatherId = "featherId";
+inline constexpr std::string_view kBraidId = "braidId";
+inline constexpr std::string_view kFlyaway = "flyaway";
+
+// The look. The shown colour, per point or per strand, as the three channels of kColor; the
+// pigment that made it (melanin mode) beside it for shaders that model pigment themselves.
+inline constexpr std::array<std::string_view, 3> kColor = {"colorR", "colorG", "colorB"};
+inline constexpr std::string_view kMelanin = "melanin";
+inline constexpr std::string_view kRedness = "redness";
+inline constexpr std::array<std::string_view, 3> kDye = {"dyeR", "dyeG", "dyeB"};
+inline constexpr std::string_view kSpecular = "specular";
+inline constexpr std::string_view kRoughness = "roughness";
+inline constexpr std::string_view kTilt = "tilt";
+inline constexpr std::string_view kOpacity = "opacity";
+inline constexpr std::string_view kIridescence = "iridescence";
+inline constexpr std::string_view kAmbientOcclusion = "ao";
+inline constexpr std::string_view kWetness = "wetness";
+
+}  // namespace velmorin::channels
