@@ -1,0 +1,135 @@
+#include "cli/cli.h"
+
+#include <algorithm>
+#include <exception>
+#include <string_view>
+#include <vector>
+
+#include "common/commands.h"
+#include "common/progress.h"
+
+namespace velmorin {
+namespace {
+
+constexpr std::string_view kProgram = "velmorin";
+
+// The tool's own commands, which work on groom files and wait for them.
+struct ToolCommand {
+    std::string_view name;
+    std::string_view usage;
+    std::string_view summary;
+};
+
+constexpr ToolCommand kToolCommands[] = {
+    {"new", "new [-mesh SCALP.obj] GROOM",
+     "Makes a groom file: the default graph on a scalp, with starter guides."},
+    {"param", "param GROOM NODE.PARAM [VALUE]", "Reads or sets a param of a groom's graph."},
+    {"demo", "demo [GROOM]",
+     "Makes a groom on the head-like sample scalp, evaluates it and writes it out."},
+};
+
+const ToolCommand* findToolCommand(std::string_view name) {
+    for (const ToolCommand& command : kToolCommands)
+        if (command.name == name) return &command;
+    return nullptr;
+}
+
+std::string toolHelp() {
+    std::string text = "usage: velmorin COMMAND [flags] [GROOM]\n\n";
+    text += "Velmorin " + std::string(kVelmorinVersion) +
+            ", the hair, fur and feather grooming engine, from the command line. Answers (JSON\n"
+            "for most) go to standard output, messages to standard error. Exit codes: 0 done,\n"
+            "1 the command failed, 2 bad usage.\n\ncommands:\n";
+    std::size_t width = 0;
+    for (const CommandSpec& spec : commandSpecs())
+        width = std::max(width, spec.cliName.size());
+    for (const ToolCommand& command : kToolCommands)
+        width = std::max(width, command.name.size());
+    const auto line = [&](std::string_view name, std::string_view summary) {
+        // The first sentence is enough for the list; the command's own help has the rest.
+        const auto end = summary.find(". ");
+        const std::string_view first =
+            end == std::string_view::npos ? summary : summary.substr(0, end + 1);
+        text += "  " + std::string(name) + std::string(width + 2 - name.size(), ' ') +
+                std::string(first) + "\n";
+    };
+    for (const CommandSpec& spec : commandSpecs())
+        line(spec.cliName, spec.summary);
+    for (const ToolCommand& command : kToolCommands)
+        line(command.name, command.summary);
+    text += "\n'velmorin COMMAND --help' lists a command's flags.\n";
+    return text;
+}
+
+bool asksForHelp(std::span<const std::string> args) {
+    return std::any_of(args.begin(), args.end(),
+                       [](const std::string& arg) { return arg == "--help" || arg == "-h"; });
+}
+
+int usageError(std::ostream& err, std::string_view command, std::string_view what) {
+    err << kProgram << ' ' << command << ": " << what << "\n"
+        << "Run 'velmorin " << command << " --help' for its flags.\n";
+    return kExitUsage;
+}
+
+}  // namespace
+
+int velmorinMain(std::span<const std::string> args, CommandBackend& backend, std::ostream& out,
+                 std::ostream& err) {
+    if (args.empty()) {
+        err << toolHelp();
+        return kExitUsage;
+    }
+    const std::string& name = args.front();
+    if (name == "--help" || name == "-h" || name == "help") {
+        if (name == "help" && args.size() > 1) {
+            const std::vector<std::string> again = {args[1], "--help"};
+            return velmorinMain(again, backend, out, err);
+        }
+        out << toolHelp();
+        return kExitOk;
+    }
+    if (name == "--version") {
+        out << kVelmorinVersion << "\n";
+        return kExitOk;
+    }
+    const auto rest = args.subspan(1);
+    if (const ToolCommand* tool = findToolCommand(name)) {
+        if (asksForHelp(rest)) {
+            out << "usage: velmorin " << tool->usage << "\n\n" << tool->summary << "\n";
+            return kExitOk;
+        }
+        err << kProgram << ' ' << name
+            << ": needs the groom file support, which is not in this build yet\n";
+        return kExitFailed;
+    }
+    const CommandSpec* spec = findCommand(name);
+    // Only the short names: the Maya names belong to Maya's script editor.
+    if (!spec || spec->cliName != name) {
+        err << kProgram << ": unknown command '" << name
+            << "'. 'velmorin --help' lists the commands.\n";
+        return kExitUsage;
+    }
+    if (asksForHelp(rest)) {
+        out << commandHelp(*spec, kProgram);
+        return kExitOk;
+    }
+    try {
+        const CommandAnswer answer =
+            runCommand(*spec, rest, backend, ProgressReporter::forStandardError());
+        out << answer.text;
+        if (!answer.text.empty() && answer.text.back() != '\n') out << '\n';
+        return answer.ok ? kExitOk : kExitFailed;
+    } catch (const CommandError& error) {
+        if (error.kind() == CommandError::Kind::Usage)
+            return usageError(err, spec->cliName, error.what());
+        err << kProgram << ' ' << spec->cliName << ": " << error.what() << "\n";
+    } catch (const std::exception& error) {
+        err << kProgram << ' ' << spec->cliName << ": " << error.what() << "\n";
+    } catch (...) {
+        err << kProgram << ' ' << spec->cliName << ": unexpected error\n";
+    }
+    return kExitFailed;
+}
+
+}  // namespace velmorin
