@@ -2,6 +2,7 @@
 // its answer on standard output and its message on standard error.
 
 #include <fcntl.h>
+#include <pty.h>
 #include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -62,8 +63,9 @@ class Folder {
     fs::path path_;
 };
 
-// Runs the tool with `args`, its output and messages caught in files (no pipe to fill up).
-ToolRun velmorin(const std::vector<std::string>& args) {
+// Runs the tool with `args`, its output and messages caught in files (no pipe to fill up). With
+// `terminal`, its messages go to a pseudo-terminal instead, as when a person watches.
+ToolRun velmorin(const std::vector<std::string>& args, bool terminal = false) {
     Folder folder;
     const std::string outPath = (folder / "out").string();
     const std::string errPath = (folder / "err").string();
@@ -71,8 +73,15 @@ ToolRun velmorin(const std::vector<std::string>& args) {
     posix_spawn_file_actions_init(&actions);
     posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, outPath.c_str(),
                                      O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, errPath.c_str(),
-                                     O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    int master = -1, slave = -1;
+    if (terminal) {
+        EXPECT_EQ(openpty(&master, &slave, nullptr, nullptr, nullptr), 0);
+        posix_spawn_file_actions_adddup2(&actions, slave, STDERR_FILENO);
+        posix_spawn_file_actions_addclose(&actions, master);
+    } else {
+        posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, errPath.c_str(),
+                                         O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    }
     std::vector<std::string> all = {VELMORIN_EXECUTABLE};
     all.insert(all.end(), args.begin(), args.end());
     std::vector<char*> argv;
@@ -90,7 +99,17 @@ ToolRun velmorin(const std::vector<std::string>& args) {
     waitpid(pid, &status, 0);
     run.exit = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
     run.out = readFile(outPath);
-    run.err = readFile(errPath);
+    if (terminal) {
+        // What the child wrote waits in the terminal's buffer; with our end of the slave closed,
+        // reading past it ends the stream.
+        close(slave);
+        char buffer[4096];
+        for (ssize_t n; (n = read(master, buffer, sizeof buffer)) > 0;)
+            run.err.append(buffer, static_cast<std::size_t>(n));
+        close(master);
+    } else {
+        run.err = readFile(errPath);
+    }
     return run;
 }
 
@@ -224,6 +243,18 @@ TEST(VelmorinTool, GraphStatsOfTheDefaultGraph) {
         EXPECT_EQ(run.exit, 1);
         EXPECT_EQ(run.err, "velmorin graphStats: graph: " + loadError + "\n");
     }
+}
+
+// A bar on a terminal, none into a file (GraphStatsOfAGraphFile checks that side).
+TEST(VelmorinTool, ProgressOnlyOnATerminal) {
+    Folder folder;
+    const auto graphPath = folder.write("groom.json", kGraph);
+    const ToolRun run = velmorin({"graphStats", "-graph", graphPath.string(), "-gn", "8"}, true);
+    ASSERT_EQ(run.exit, 0) << run.err;
+    EXPECT_NE(run.err.find("\rEvaluating the graph [##############################] 100% (1/1)"),
+              std::string::npos)
+        << run.err;
+    EXPECT_NO_THROW(Json::parse(run.out));  // the answer stays clean
 }
 
 TEST(VelmorinTool, GraphStatsRefusals) {

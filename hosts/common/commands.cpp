@@ -150,7 +150,7 @@ CommandAnswer graphStatsAnswer(const ParsedFlags& flags, ProgressReporter& progr
     EvalContext ctx;
     ctx.sceneInputs = &scene;
 
-    progress.begin("Evaluating the graph", 0);
+    progress.begin("Evaluating the graph", 1);
     const auto started = std::chrono::steady_clock::now();
     std::vector<Value> results;
     try {

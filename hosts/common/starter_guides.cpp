@@ -1,8 +1,10 @@
 #include "common/starter_guides.h"
 
 #include <algorithm>
+#include <array>
 #include <cmath>
 #include <limits>
+#include <queue>
 #include <stdexcept>
 #include <vector>
 
@@ -51,24 +53,133 @@ std::vector<StrandRoot> candidateRoots(const ScalpMesh& scalp, std::size_t count
     return roots;
 }
 
+// Candidates in a uniform grid of about one per cell, for the updates of spreadRoots: only the
+// candidates within a radius of the newest pick can come closer to the picks.
+class CandidateGrid {
+  public:
+    explicit CandidateGrid(const std::vector<Vec3f>& points) {
+        low_ = high_ = points.front();
+        for (const Vec3f& p : points) {
+            low_ = minPerAxis(low_, p);
+            high_ = maxPerAxis(high_, p);
+        }
+        const Vec3f extent = high_ - low_;
+        const float largest = std::max({extent.x, extent.y, extent.z, 1e-6f});
+        // A flat scalp still gets a volume, so the cell size stays finite.
+        double volume = 1.0;
+        for (int axis = 0; axis < 3; ++axis)
+            volume *= std::max(extent[axis], 1e-3f * largest);
+        cell_ = static_cast<float>(std::cbrt(volume / static_cast<double>(points.size())));
+        cell_ = std::max(cell_, largest / 1024.0f);
+        for (int axis = 0; axis < 3; ++axis)
+            dims_[axis] = std::max(1, static_cast<int>(extent[axis] / cell_) + 1);
+        const std::size_t cells = static_cast<std::size_t>(dims_[0]) * dims_[1] * dims_[2];
+        std::vector<std::uint32_t> cellOf(points.size());
+        start_.assign(cells + 1, 0);
+        for (std::size_t i = 0; i < points.size(); ++i) {
+            cellOf[i] = static_cast<std::uint32_t>(index(coordinates(points[i])));
+            ++start_[cellOf[i] + 1];
+        }
+        for (std::size_t c = 0; c < cells; ++c)
+            start_[c + 1] += start_[c];
+        members_.resize(points.size());
+        std::vector<std::uint32_t> fill(start_.begin(), start_.end() - 1);
+        for (std::size_t i = 0; i < points.size(); ++i)
+            members_[fill[cellOf[i]]++] = static_cast<std::uint32_t>(i);
+    }
+
+    // Calls visit(index) for every candidate in the cells that a ball of `radius` about `center`
+    // touches (and some beyond it).
+    template <class Visit>
+    void forEachNear(const Vec3f& center, float radius, Visit visit) const {
+        std::array<int, 3> from{}, to{};
+        for (int axis = 0; axis < 3; ++axis) {
+            const float low = (center[axis] - radius - low_[axis]) / cell_;
+            const float high = (center[axis] + radius - low_[axis]) / cell_;
+            from[axis] = low <= 0.0f ? 0 : static_cast<int>(std::min(low, 1e9f));
+            to[axis] = high >= static_cast<float>(dims_[axis] - 1)
+                           ? dims_[axis] - 1
+                           : std::max(0, static_cast<int>(high));
+        }
+        for (int z = from[2]; z <= to[2]; ++z)
+            for (int y = from[1]; y <= to[1]; ++y)
+                for (int x = from[0]; x <= to[0]; ++x) {
+                    const std::size_t c = index({x, y, z});
+                    for (std::uint32_t k = start_[c]; k < start_[c + 1]; ++k)
+                        visit(members_[k]);
+                }
+    }
+
+  private:
+    std::array<int, 3> coordinates(const Vec3f& p) const {
+        std::array<int, 3> at{};
+        for (int axis = 0; axis < 3; ++axis)
+            at[axis] =
+                std::clamp(static_cast<int>((p[axis] - low_[axis]) / cell_), 0, dims_[axis] - 1);
+        return at;
+    }
+    std::size_t index(const std::array<int, 3>& at) const {
+        return (static_cast<std::size_t>(at[2]) * dims_[1] + at[1]) * dims_[0] + at[0];
+    }
+
+    Vec3f low_, high_;
+    float cell_ = 1.0f;
+    std::array<int, 3> dims_{1, 1, 1};
+    std::vector<std::uint32_t> start_;
+    std::vector<std::uint32_t> members_;
+};
+
 // Farthest-point picks: each next root is the candidate farthest from every root taken so far
 // (the lowest index among equals), which spreads roots evenly whatever the mesh's tessellation.
+// A candidate's distance only shrinks, and only the candidates nearer the newest pick than the
+// distance it was picked at can shrink, so each pick updates a neighbourhood through the grid and
+// a heap with stale entries skipped finds the next.
 std::vector<StrandRoot> spreadRoots(const ScalpMesh& scalp, const std::vector<StrandRoot>& pool,
                                     std::size_t count) {
     std::vector<Vec3f> at(pool.size());
     for (std::size_t i = 0; i < pool.size(); ++i)
         at[i] = scalp.pointAt(pool[i]);
-    std::vector<float> nearest(pool.size(), std::numeric_limits<float>::max());
+    const CandidateGrid grid(at);
+    struct Entry {
+        float distance2;
+        std::uint32_t index;
+        // Lower priority: nearer, or as near with a higher index.
+        bool operator<(const Entry& o) const {
+            return distance2 < o.distance2 || (distance2 == o.distance2 && index > o.index);
+        }
+    };
+    std::priority_queue<Entry> heap;
+    std::vector<float> nearest(pool.size(), std::numeric_limits<float>::infinity());
     std::vector<StrandRoot> picked;
     picked.reserve(count);
-    std::size_t next = 0;
-    while (picked.size() < count) {
+    std::uint32_t next = 0;
+    float reach2 = std::numeric_limits<float>::infinity();
+    while (true) {
         picked.push_back(pool[next]);
+        // Below any distance: no entry is current for it again, and nothing updates it.
+        nearest[next] = -1.0f;
+        if (picked.size() == count) break;
         const Vec3f p = at[next];
-        for (std::size_t i = 0; i < pool.size(); ++i)
-            nearest[i] = std::min(nearest[i], lengthSquared(at[i] - p));
-        next = static_cast<std::size_t>(std::max_element(nearest.begin(), nearest.end()) -
-                                        nearest.begin());
+        const auto update = [&](std::uint32_t i) {
+            const float d2 = lengthSquared(at[i] - p);
+            if (d2 < nearest[i]) {
+                nearest[i] = d2;
+                heap.push({d2, i});
+            }
+        };
+        if (std::isinf(reach2)) {
+            for (std::uint32_t i = 0; i < pool.size(); ++i)
+                update(i);
+        } else {
+            grid.forEachNear(p, std::sqrt(reach2), update);
+        }
+        // The farthest candidate whose entry is current; an entry left behind by a later update
+        // is stale.
+        while (heap.top().distance2 != nearest[heap.top().index])
+            heap.pop();
+        next = heap.top().index;
+        reach2 = heap.top().distance2;
+        heap.pop();
     }
     return picked;
 }
