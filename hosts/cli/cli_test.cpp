@@ -184,6 +184,16 @@ TEST(VelmorinTool, ExpressionCheck) {
     EXPECT_EQ(broken.exit, 1);
     EXPECT_EQ(Json::parse(broken.out), (Json{{"valid", false}, {"error", message}}));
 
+    // The names alone do too, each a number.
+    const ToolRun names =
+        velmorin({"expression", "-check", "$amount * $gain", "-v", "amount, gain"});
+    EXPECT_EQ(names.exit, 0) << names.out;
+    EXPECT_EQ(Json::parse(names.out), (Json{{"valid", true}, {"type", "number"}}));
+    const ToolRun badName = velmorin({"expression", "-check", "1", "-v", "amount a-b"});
+    EXPECT_EQ(badName.exit, 1);
+    EXPECT_EQ(Json::parse(badName.out)["error"],
+              "'a-b' is not a variable name (letters, digits and _)");
+
     const ToolRun variables = velmorin({"expression", "-c", "$a", "-v", "[1]"});
     EXPECT_EQ(variables.exit, 1);
     EXPECT_EQ(Json::parse(variables.out)["error"],

@@ -99,9 +99,14 @@ FlagValue readValue(const FlagSpec& flag, const std::string& text) {
 
 ParsedFlags parseFlags(const CommandSpec& spec, std::span<const std::string> args) {
     ParsedFlags parsed;
+    bool flagsEnded = false;
     for (std::size_t i = 0; i < args.size(); ++i) {
         const std::string& arg = args[i];
-        if (arg.size() < 2 || arg[0] != '-' || readDouble(arg)) {
+        if (!flagsEnded && arg == "--") {
+            flagsEnded = true;
+            continue;
+        }
+        if (flagsEnded || arg.size() < 2 || arg[0] != '-' || readDouble(arg)) {
             parsed.positional_.push_back(arg);
             continue;
         }
@@ -190,7 +195,8 @@ std::string commandHelp(const CommandSpec& spec, std::string_view program) {
     std::ostringstream out;
     out << "usage: " << program << ' ' << spec.cliName;
     if (!spec.flags.empty()) out << " [flags]";
-    if (spec.takesGroom) out << " GROOM";
+    if (spec.groom == GroomArgument::Optional) out << " [GROOM]";
+    if (spec.groom == GroomArgument::Required) out << " GROOM";
     out << "\n\n" << spec.summary << "\n";
     if (spec.flags.empty()) return out.str();
     out << "\nflags:\n";

@@ -5,7 +5,8 @@
 //
 // A flag is written with its short or long name after one dash ("-f", "-file"), or its long name
 // after two ("--file"); a value follows as the next argument, or after "=" in the two-dash form
-// ("--file=out.abc"). A value may itself begin with a dash ("-startFrame -5").
+// ("--file=out.abc"). A value may itself begin with a dash ("-startFrame -5"). After "--" every
+// argument is positional, for a groom whose file name begins with a dash.
 
 #include <cstdint>
 #include <map>
@@ -32,14 +33,16 @@ struct FlagSpec {
     bool multiUse = false;     // may be given more than once; every value is kept
 };
 
+// Whether a command works on a groom: the object argument in Maya, the GROOM argument of the
+// command-line host.
+enum class GroomArgument : std::uint8_t { None, Optional, Required };
+
 struct CommandSpec {
     std::string_view name;     // the Maya command: "velmorinExportAlembic"
     std::string_view cliName;  // the command-line host's name: "exportAlembic"
     std::string_view summary;  // one line for the help
     std::vector<FlagSpec> flags;
-    // Whether the command works on a groom: the object argument in Maya, the GROOM argument of
-    // the command-line host.
-    bool takesGroom = false;
+    GroomArgument groom = GroomArgument::None;
 
     const FlagSpec* findFlag(std::string_view name) const;  // by short or long name, no dash
 };

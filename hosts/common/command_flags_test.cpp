@@ -1,6 +1,8 @@
 #include <gtest/gtest.h>
 
 #include <set>
+#include <sstream>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -95,8 +97,11 @@ TEST(ParseFlags, ReadsEveryFormAndType) {
     EXPECT_EQ(flags.positional(), std::vector<std::string>{"groom.groom"});
     EXPECT_EQ(flags.order(), (std::vector<std::string>{"file", "startFrame", "endFrame",
                                                        "pointsPerStrand", "shafts", "unreal"}));
-    // A bare negative number is an argument, not a flag.
+    // A bare negative number is an argument, not a flag; after "--" everything is.
     EXPECT_EQ(parse("exportUsd", {"-3"}).positional(), std::vector<std::string>{"-3"});
+    const ParsedFlags ended = parse("exportUsd", {"-f", "a", "--", "-f", "--"});
+    EXPECT_EQ(ended.string("file"), "a");
+    EXPECT_EQ(ended.positional(), (std::vector<std::string>{"-f", "--"}));
 }
 
 TEST(ParseFlags, BoolWords) {
@@ -228,6 +233,34 @@ TEST(ExportFrames, RangeStepAndCurrentFrame) {
     }
 }
 
+TEST(RunFrameExport, WritesEveryFrameAndSaysWhatItWrote) {
+    std::ostringstream bar;
+    ProgressReporter progress(bar, 4);
+    std::vector<double> written;
+    const std::vector<double> frames = {1.0, 1.5, 2.0};
+    const std::string answer = runFrameExport(frames, "out.abc", progress, [&](double frame) {
+        written.push_back(frame);
+        return static_cast<std::size_t>(100 * written.size());  // 100, 200, 300
+    });
+    EXPECT_EQ(answer, "wrote 3 frame(s), 200 strands per frame on average, to out.abc");
+    EXPECT_EQ(written, frames);
+    EXPECT_NE(bar.str().find("Writing frames [####] 100% (3/3)\n"), std::string::npos) << bar.str();
+
+    // A failing frame ends the loop there and the bar's line with it.
+    std::ostringstream stopped;
+    ProgressReporter stoppedProgress(stopped, 4);
+    written.clear();
+    EXPECT_THROW(runFrameExport(frames, "out.abc", stoppedProgress,
+                                [&](double frame) -> std::size_t {
+                                    written.push_back(frame);
+                                    if (frame > 1.2) throw std::runtime_error("disk full");
+                                    return 1;
+                                }),
+                 std::runtime_error);
+    EXPECT_EQ(written, (std::vector<double>{1.0, 1.5}));
+    EXPECT_EQ(stopped.str().back(), '\n');
+}
+
 TEST(CommandHelp, ListsEveryFlagWithItsTypeAndMeaning) {
     const std::string help = commandHelp(spec("exportUsd"), "velmorin");
     EXPECT_EQ(help.rfind("usage: velmorin exportUsd [flags] GROOM\n", 0), 0u) << help;
@@ -240,6 +273,9 @@ TEST(CommandHelp, ListsEveryFlagWithItsTypeAndMeaning) {
             << flag.longName;
     EXPECT_EQ(commandHelp(spec("version"), "velmorin"),
               "usage: velmorin version\n\nPrints the version of Velmorin.\n");
+    EXPECT_EQ(commandHelp(spec("graphStats"), "velmorin")
+                  .rfind("usage: velmorin graphStats [flags] [GROOM]\n", 0),
+              0u);
 }
 
 TEST(CommandErrorText, MayaForms) {

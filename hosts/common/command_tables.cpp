@@ -35,17 +35,17 @@ std::vector<FlagSpec> withFrameFlags(std::vector<FlagSpec> own) {
 
 std::vector<CommandSpec> makeSpecs() {
     std::vector<CommandSpec> specs;
-    specs.push_back({"velmorinVersion", "version", "Prints the version of Velmorin.", {}, false});
+    specs.push_back({"velmorinVersion", "version", "Prints the version of Velmorin.", {}});
     specs.push_back({"velmorinDefaultGraph",
                      "defaultGraph",
                      "Prints the graph JSON that a new groom starts from.",
                      {},
-                     false});
+                     GroomArgument::None});
     specs.push_back({"velmorinOperators",
                      "operators",
                      "Prints the schema JSON of every operator: params, ports, menu data.",
                      {},
-                     false});
+                     GroomArgument::None});
     specs.push_back(
         {"velmorinExpression",
          "expression",
@@ -56,7 +56,7 @@ std::vector<CommandSpec> makeSpecs() {
              {"v", "variables", T::String,
               "The node's own variables it may read, as JSON: {\"amount\": 0.5}"},
          },
-         false});
+         GroomArgument::None});
     specs.push_back(
         {"velmorinGraphStats",
          "graphStats",
@@ -77,7 +77,7 @@ std::vector<CommandSpec> makeSpecs() {
              {"m", "mesh", T::String, "An OBJ file of the scalp; default the head-like scalp"},
              {"gn", "guides", T::Int, "How many starter guides to grow, 1 to 10000; default 64"},
          },
-         true});
+         GroomArgument::Optional});
     specs.push_back(
         {"velmorinExportAlembic", "exportAlembic",
          "Writes the groom's strands (or guides) to an Alembic file, frame by frame.",
@@ -100,13 +100,13 @@ std::vector<CommandSpec> makeSpecs() {
              {"gg", "guideGroup", T::String, "Write only the guides of this group"},
              {"gp", "guidePoses", T::None, "Write only the guides, as posed at each frame"},
          }),
-         true});
+         GroomArgument::Required});
     specs.push_back({"velmorinExportUsd", "exportUsd",
                      "Writes the groom's strands to a USD text file (.usda), frame by frame.",
                      withFrameFlags({
                          {"scl", "scales", T::String, "Scales as mesh, instancer, both or none"},
                      }),
-                     true});
+                     GroomArgument::Required});
     specs.push_back({"velmorinExportGroom",
                      "exportGroom",
                      "Writes the groom to a .groom file, with what it holds by reference.",
@@ -114,7 +114,7 @@ std::vector<CommandSpec> makeSpecs() {
                          {"f", "file", T::String, "Output path (required)"},
                          {"n", "name", T::String, "Name of the groom in the file"},
                      },
-                     true});
+                     GroomArgument::Required});
     specs.push_back(
         {"velmorinImportGroom",
          "importGroom",
@@ -129,7 +129,7 @@ std::vector<CommandSpec> makeSpecs() {
              {"r", "rest", T::None, "Make the scalp's rest pose too"},
              {"cch", "caches", T::Bool, "Bring the file's caches along"},
          },
-         true});
+         GroomArgument::Optional});
     return specs;
 }
 

@@ -5,6 +5,7 @@
 
 #include <cerrno>
 #include <chrono>
+#include <cmath>
 #include <cstdio>
 #include <cstring>
 #include <fstream>
@@ -52,6 +53,25 @@ std::string readTextFile(const std::string& path, std::string_view kind) {
     return text.str();
 }
 
+// The variables of an expression check: JSON as the Expression node holds them ({"amount": 0.5}),
+// or only the names it may use ("amount center" or "amount, center"), each then a number.
+std::string variablesJson(std::string_view text) {
+    const auto first = text.find_first_not_of(" \t\r\n");
+    if (first == std::string_view::npos || text[first] == '{' || text[first] == '[')
+        return std::string(text);
+    Json names = Json::object();
+    std::string name;
+    for (const char c : std::string(text) + " ") {
+        if (c == ' ' || c == ',' || c == '\t' || c == '\n') {
+            if (!name.empty()) names[name] = 0.0;
+            name.clear();
+        } else {
+            name += c;
+        }
+    }
+    return names.dump();
+}
+
 CommandAnswer expressionAnswer(const ParsedFlags& flags) {
     const auto source = flags.string("check");
     if (!source) return {functionHelpJson().dump(2)};
@@ -60,7 +80,8 @@ CommandAnswer expressionAnswer(const ParsedFlags& flags) {
     };
     ExpressionEnvironment environment;
     try {
-        environment = expressionEnvironment(1.0, flags.string("variables").value_or(""), {});
+        environment =
+            expressionEnvironment(1.0, variablesJson(flags.string("variables").value_or("")), {});
     } catch (const ExpressionError& error) {
         return refuse(error);
     }
@@ -216,12 +237,32 @@ std::string CommandBackend::groomGraphStats(const CommandRequest&) {
     notAvailable("Graph stats of a groom");
 }
 
+std::string runFrameExport(std::span<const double> frames, const std::string& path,
+                           ProgressReporter& progress,
+                           const std::function<std::size_t(double frame)>& writeFrame) {
+    progress.begin("Writing frames", static_cast<std::ptrdiff_t>(frames.size()));
+    double strands = 0.0;
+    try {
+        for (const double frame : frames) {
+            strands += static_cast<double>(writeFrame(frame));
+            progress.advance();
+        }
+    } catch (...) {
+        progress.finish();
+        throw;
+    }
+    progress.finish();
+    const double average = frames.empty() ? 0.0 : strands / static_cast<double>(frames.size());
+    return "wrote " + std::to_string(frames.size()) + " frame(s), " +
+           std::to_string(std::llround(average)) + " strands per frame on average, to " + path;
+}
+
 CommandAnswer runCommand(const CommandSpec& spec, std::span<const std::string> args,
                          CommandBackend& backend, ProgressReporter& progress) {
     const ParsedFlags flags = parseFlags(spec, args);
     const auto& positional = flags.positional();
-    if (positional.size() > (spec.takesGroom ? 1u : 0u))
-        throwUsage("unexpected argument '" + positional[spec.takesGroom ? 1 : 0] + "'");
+    const std::size_t most = spec.groom == GroomArgument::None ? 0 : 1;
+    if (positional.size() > most) throwUsage("unexpected argument '" + positional[most] + "'");
     checkFlags(spec, flags);
     const std::string groom = positional.empty() ? std::string() : positional.front();
     const CommandRequest request{spec, flags, groom, progress};
@@ -235,11 +276,11 @@ CommandAnswer runCommand(const CommandSpec& spec, std::span<const std::string> a
         if (!groom.empty()) return {backend.groomGraphStats(request)};
         return graphStatsAnswer(flags, progress);
     }
-    // The import reads its groom from -file; its argument names the groom it goes into.
-    if (name != "importGroom" && groom.empty()) throwUsage("name a groom");
+    if (spec.groom == GroomArgument::Required && groom.empty()) throwUsage("name a groom");
     if (name == "exportAlembic") return {backend.exportAlembic(request)};
     if (name == "exportUsd") return {backend.exportUsd(request)};
     if (name == "exportGroom") return {backend.exportGroom(request)};
+    // The import reads its groom from -file; its argument names the groom it goes into.
     if (name == "importGroom") {
         if (groom.empty() && !flags.has("info") && !flags.has("checkScalp") &&
             !flags.has("makeScalp"))

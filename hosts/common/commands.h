@@ -4,6 +4,8 @@
 // command-line tool both run them through runCommand; what needs a live groom (a session, the
 // groom file, the writers) is reached through a CommandBackend that the host binds.
 
+#include <cstddef>
+#include <functional>
 #include <span>
 #include <string>
 #include <string_view>
@@ -33,6 +35,14 @@ std::string commandErrorText(const CommandSpec& spec, std::string_view what);
 // "-endFrame is before -startFrame"). The end frame is always among them, even where the step
 // does not land on it.
 std::vector<double> exportFrames(const ParsedFlags& flags, double currentFrame);
+
+// The frame loop of an export: hands each frame to `writeFrame`, which returns how many strands it
+// wrote, with the progress bar going, and gives the command's answer: "wrote 3 frame(s), 1200
+// strands per frame on average, to out.abc". An exception from `writeFrame` ends the loop and
+// reaches the caller.
+std::string runFrameExport(std::span<const double> frames, const std::string& path,
+                           ProgressReporter& progress,
+                           const std::function<std::size_t(double frame)>& writeFrame);
 
 // Checks the rules between a command's flags (required flags, ranges, flags that exclude or need
 // each other). Throws CommandError (usage) with the rule's sentence.
