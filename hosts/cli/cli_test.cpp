@@ -283,7 +283,7 @@ TEST(VelmorinTool, GraphStatsRefusals) {
          "velmorin graphStats: cannot read the graph file '" + missing +
              "': there is no such file"},
         {{"graphStats", "-graph", graphPath.string(), "-evaluations"},
-         1,
+         2,
          "velmorin graphStats: -evaluations reads a groom's session: name a groom"},
         {{"graphStats", "-drawTimes"},
          1,

@@ -4,6 +4,7 @@
 #include <cmath>
 
 #include "common/commands.h"
+#include "common/starter_guides.h"
 
 namespace velmorin {
 namespace {
@@ -213,6 +214,16 @@ void checkImportFlags(const ParsedFlags& flags) {
     if (asked > 1) throwUsage("give one of -info, -checkScalp and -makeScalp");
 }
 
+void checkGraphStatsFlags(const ParsedFlags& flags) {
+    if (flags.positional().empty()) {
+        for (const char* name : {"instances", "evaluations", "frameInfo", "hairLook"})
+            if (flags.has(name)) throwUsage(dash(name) + " reads a groom's session: name a groom");
+    }
+    checkNumber(
+        flags, "guides", [](double n) { return n >= 1.0 && n <= kMaxStarterGuides; },
+        "-guides must be 1 to 10000");
+}
+
 }  // namespace
 
 const std::vector<CommandSpec>& commandSpecs() {
@@ -257,6 +268,7 @@ void checkFlags(const CommandSpec& spec, const ParsedFlags& flags) {
     if (name == "exportUsd") checkUsdFlags(flags);
     if (name == "exportGroom" && !flags.has("file")) throwUsage("-file is required");
     if (name == "importGroom") checkImportFlags(flags);
+    if (name == "graphStats") checkGraphStatsFlags(flags);
     if (name == "expression" && flags.has("variables") && !flags.has("check"))
         throwUsage("-variables goes with -check");
 }

@@ -132,11 +132,7 @@ CommandAnswer graphStatsAnswer(const ParsedFlags& flags, ProgressReporter& progr
     for (const char* name : {"drawTimes", "overlays", "hairShading"})
         if (flags.has(name))
             throwFailure("-" + std::string(name) + " reads the viewport, and there is none here");
-    for (const char* name : {"instances", "evaluations", "frameInfo", "hairLook"})
-        if (flags.has(name))
-            throwFailure("-" + std::string(name) + " reads a groom's session: name a groom");
     const auto guideCount = flags.integer("guides").value_or(64);
-    if (guideCount < 1 || guideCount > kMaxStarterGuides) throwUsage("-guides must be 1 to 10000");
 
     Graph graph;
     const auto graphPath = flags.string("graph");
