@@ -77,6 +77,13 @@ std::shared_ptr<const T> readText(std::string_view text, const std::string& inpu
     }
 }
 
+// The node of that name, or 0: a host names nodes that may have gone.
+std::uint32_t findNode(const Graph& graph, std::string_view name) {
+    for (const auto& [id, node] : graph.nodes())
+        if (node.name == name) return id;
+    return 0;
+}
+
 std::uint64_t textKey(std::uint64_t seed, std::string_view text) {
     return hashText(seed, text);
 }
@@ -620,7 +627,7 @@ std::uint32_t GroomSession::requestedNode(const FrameRequest& request) const {
                               : request.viewport    ? viewNode_
                                                     : request.node;
     if (!name.empty()) {
-        const std::uint32_t id = g.nodeId(name);
+        const std::uint32_t id = findNode(g, name);
         if (id != 0) return id;
         if (!request.node.empty())
             throw std::invalid_argument("the graph has no node named '" + name + "'");
@@ -710,7 +717,7 @@ std::vector<SessionMessage> GroomSession::takeMessages() {
 std::uint32_t GroomSession::sculptNode(const std::string& name) const {
     const Graph* g = graph();
     if (!g) throw std::invalid_argument("the groom has no graph");
-    const std::uint32_t id = g->nodeId(name);
+    const std::uint32_t id = findNode(*g, name);
     if (id == 0) throw std::invalid_argument("the graph has no node named '" + name + "'");
     const std::string type = g->operatorOf(id).type();
     if (type != "Sculpt")
