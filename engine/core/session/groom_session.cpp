@@ -8,6 +8,7 @@
 
 #include "base/hash.h"
 #include "fields/field_scene.h"
+#include "graph/param_json.h"
 #include "graph/uniform_value.h"
 #include "strands/strand_set.h"
 
@@ -676,10 +677,20 @@ std::shared_ptr<const GroomFrame> GroomSession::evaluate(const FrameRequest& req
     });
     frame->serial = ++frames_;
     lastReads_ = inputs->size();
-    for (const auto& [id, note] : g->notes)
-        if (g->hasNode(id)) messages.push_back({note, g->node(id).name});
+    // A note goes out once, when it is new: a playback does not repeat a node's warning on every
+    // frame.
+    std::map<std::string, std::string> notes;
+    for (const auto& [id, note] : g->notes) {
+        if (!g->hasNode(id)) continue;
+        const std::string& name = g->node(id).name;
+        const auto last = lastNotes_.find(name);
+        if (last == lastNotes_.end() || last->second != note) messages.push_back({note, name});
+        notes[name] = note;
+    }
+    lastNotes_ = std::move(notes);
     messages_.insert(messages_.end(), messages.begin(), messages.end());
     frame_ = std::move(frame);
+    frameEdits_ = edits_;
     return frame_;
 }
 
@@ -834,7 +845,7 @@ GroomStats GroomSession::stats() const {
         }
         if (frame_->guides) stats.guides = frame_->guides->guides.size();
         // The frame shown is stale when an input changed after it was made.
-        stats.stale = false;
+        stats.stale = frameEdits_ != edits_;
     }
     const Graph* g = graph();
     if (!g) return stats;
@@ -865,6 +876,15 @@ GroomStats GroomSession::stats() const {
             if (type == "HairColor" || type == "Bands" || type == "FeatherColor")
                 ++stats.colorNodes;
             if (type == "Simulate") ++stats.simulations;
+            // The look's params as the viewport shader reads them, from the first such node.
+            nlohmann::ordered_json* look = type == "HairColor"    ? &stats.hairColor
+                                           : type == "RenderData" ? &stats.renderData
+                                                                  : nullptr;
+            if (look && look->is_null()) {
+                *look = nlohmann::ordered_json::object();
+                for (const auto& [param, spec] : op.paramSet.specs())
+                    (*look)[param] = paramValueJson(op.paramSet.checked(param));
+            }
             return true;
         });
     return stats;

@@ -400,6 +400,9 @@ class GroomSession {
     std::uint64_t restEvaluations_ = 0;
     std::uint64_t lastReads_ = 0;
     std::shared_ptr<const GroomFrame> frame_;
+    std::uint64_t frameEdits_ = 0;  // `edits` when frame_ was made
+    // The notes of the last evaluation by node name: a note goes out to the host when it is new.
+    std::map<std::string, std::string> lastNotes_;
     std::unique_ptr<DetachedEvaluation> detached_;
     DetachedEvaluation::Counters detachedCounters_;
     std::vector<SessionMessage> messages_;

@@ -267,6 +267,38 @@ TEST(GroomSession, MisuseGetsItsMessageAndKeepsTheLastGoodStateAndFrame) {
     EXPECT_EQ(after->strands, good->strands);
 }
 
+TEST(GroomSession, UpdateScalpPointsKeepsTheKeysOfNodesThatDoNotReadTheScalp) {
+    GroomSession session;
+    expectMessage([&] { session.updateScalpPoints({}); },
+                  "updateScalpPoints: the session has no scalp");
+    session.setScalp(plane());
+    // Live guides, which no pose puts on the scalp.
+    auto guides = std::make_shared<GuideSet>();
+    guides->guides = twoGuides(*session.scalp()).guides();
+    session.setGuides(guides);
+    session.setGraph(sessionGraph());
+    session.evaluate();
+    const Graph& graph = *session.graph();
+    const auto before = stamps(graph);
+
+    std::uint64_t edits = session.edits();
+    session.updateScalpPoints(session.scalp()->points());  // the same points: no change
+    EXPECT_EQ(session.edits(), edits);
+    std::vector<Vec3f> points = session.scalp()->points();
+    for (Vec3f& p : points)
+        p.y += 0.25f;
+    const auto held = session.scalp();
+    session.updateScalpPoints(points);
+    EXPECT_EQ(session.edits(), edits + 1);
+    EXPECT_NE(session.scalp(), held);
+    EXPECT_EQ(session.scalp()->topologySignature(), held->topologySignature());
+    EXPECT_EQ(held->points()[0].y, 0.0f);  // the old mesh, which results may hold, is untouched
+    session.evaluate();
+    const auto after = stamps(graph);
+    EXPECT_EQ(after.at(graph.nodeId("guides")), before.at(graph.nodeId("guides")));
+    EXPECT_NE(after.at(graph.nodeId("scatter")), before.at(graph.nodeId("scatter")));
+}
+
 // One frame of the three-frame run: the posed guides, and the strands' content.
 struct FrameBits {
     std::vector<Vec3f> guide1, guide2;
