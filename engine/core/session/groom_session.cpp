@@ -175,6 +175,7 @@ void GroomSession::setGraph(std::string_view json) {
     document->graph = std::move(graph);
     document_ = std::move(document);
     graphText_ = std::string(json);
+    lastNotes_.clear();
     touch();
 }
 
@@ -651,11 +652,11 @@ std::shared_ptr<const GroomFrame> GroomSession::evaluate(const FrameRequest& req
     if (!g) return nullptr;
     std::vector<SessionMessage> messages;
     std::shared_ptr<SceneInputs> inputs = prepareFrame(request.time, messages);
+    // What the preparation said (a scale change) goes out even when the graph then fails.
+    messages_.insert(messages_.end(), messages.begin(), messages.end());
+    messages.clear();
     const std::uint32_t node = requestedNode(request);
-    if (node == 0) {
-        messages_.insert(messages_.end(), messages.begin(), messages.end());
-        return nullptr;
-    }
+    if (node == 0) return nullptr;
     auto frame = std::make_shared<GroomFrame>();
     frame->context = contextFor(request, inputs.get());
     frame->outputs = g->evaluate(node, frame->context);

@@ -185,6 +185,12 @@ TEST(GroomSession, EqualScalpOrGuidesOrAnotherFrameEvaluateNothingAgain) {
     ASSERT_NE(first->strands, nullptr);
     EXPECT_GT(first->strands->strandCount(), 0u);
     const auto before = stamps(*session.graph());
+    // The Scalp node's status goes out with the first frame only.
+    const std::vector<SessionMessage> told = session.takeMessages();
+    ASSERT_EQ(told.size(), 1u);
+    EXPECT_EQ(told[0].node, "scalp");
+    EXPECT_EQ(told[0].text, "Subdivision off (32 triangles from 16 faces)");
+    EXPECT_FALSE(session.stats().stale);
 
     const std::uint64_t edits = session.edits();
     session.setScalp(plane());
@@ -200,6 +206,9 @@ TEST(GroomSession, EqualScalpOrGuidesOrAnotherFrameEvaluateNothingAgain) {
     EXPECT_EQ(next->strands, first->strands);
     EXPECT_EQ(next->time, 2.0);
     EXPECT_EQ(session.time(), 2.0);
+    EXPECT_TRUE(session.takeMessages().empty());
+    session.setTime(3.0);
+    EXPECT_TRUE(session.stats().stale);
 
     // A real change of the guides runs the nodes that read them.
     GuideHierarchy moved = *session.hierarchy();
@@ -395,6 +404,11 @@ TEST(GroomSession, SculptNodeRecordsOffsetsAndAppliesThem) {
     expectMessage([&] { session.sculptInput("guides"); },
                   "node 'guides' is a Guides, not a Sculpt node");
     expectMessage([&] { session.sculptInput("lonely"); }, "Sculpt node 'lonely' is fed no guides");
+
+    // With nothing sculpted the node hands on its input itself.
+    const auto unsculpted = session.evaluate();
+    const Graph& graph = *session.graph();
+    EXPECT_EQ(unsculpted->outputs.at(0), graph.cachedResults(graph.nodeId("guides")).at(0));
 
     const auto input = session.sculptInput("sculpt");
     ASSERT_EQ(input->guides.size(), 2u);
