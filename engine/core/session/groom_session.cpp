@@ -289,6 +289,7 @@ void GroomSession::setGuideData(std::string_view json) {
     guideText_ = std::string(json);
     hierarchy_ = guideText_.empty() ? nullptr : std::move(hierarchy);
     hierarchyKey_ = hierarchy_ ? hierarchy_->contentHash() : 0;
+    refreshCatalog();
     touch();
 }
 
@@ -300,6 +301,7 @@ void GroomSession::setHierarchy(std::shared_ptr<const GuideHierarchy> hierarchy)
     guideText_ = hierarchy ? hierarchy->toJson() : std::string();
     hierarchy_ = std::move(hierarchy);
     hierarchyKey_ = key;
+    refreshCatalog();
     touch();
 }
 
@@ -308,6 +310,7 @@ void GroomSession::setGuides(std::shared_ptr<const GuideSet> guides) {
     flatGuides_ = std::move(guides);
     // Live curves come as a new value each time they change, so their key is a serial.
     guidesKey_ = flatGuides_ ? edits_ + 1 : 0;
+    refreshCatalog();
     touch();
 }
 
@@ -318,13 +321,33 @@ void GroomSession::setScalpMaps(std::string_view json) {
     // ScalpMaps puts its own "scalpMaps: " before its words.
     std::shared_ptr<const ScalpMaps> maps =
         std::make_shared<const ScalpMaps>(ScalpMaps::fromJson(json));
-    auto catalog = std::make_shared<MapCatalogValue>();
-    catalog->maps = *maps;
     mapsText_ = std::string(json);
     maps_ = std::move(maps);
-    mapsKey_ = catalog->key();
-    catalog_ = std::move(catalog);
+    refreshCatalog();
     touch();
+}
+
+void GroomSession::refreshCatalog() {
+    auto catalog = std::make_shared<MapCatalogValue>();
+    if (maps_) catalog->maps = *maps_;
+    // Per-point layers painted on guides reach Map nodes by name like painted maps.
+    if (flatGuides_)
+        for (const Guide& guide : flatGuides_->guides)
+            for (const auto& [name, values] : guide.pointAttributes)
+                catalog->guideLayers.emplace(name, "guides");
+    if (hierarchy_)
+        for (const Guide& guide : hierarchy_->guides())
+            for (const auto& [name, values] : guide.pointAttributes)
+                catalog->guideLayers.emplace(name, "hierarchy");
+    if (catalog->maps.maps.empty() && catalog->guideLayers.empty()) {
+        catalog_.reset();
+        mapsKey_ = 0;
+        return;
+    }
+    const std::uint64_t key = catalog->key();
+    if (catalog_ && key == mapsKey_) return;
+    mapsKey_ = key;
+    catalog_ = std::move(catalog);
 }
 
 void GroomSession::setPartData(std::string_view json) {

@@ -330,6 +330,9 @@ class GroomSession {
 
   private:
     void touch() { ++edits_; }
+    // The catalog of maps as the graph sees it: the painted maps and the layers painted on the
+    // guides; replaced only when what it holds changed.
+    void refreshCatalog();
     void measureScale(std::vector<SessionMessage>& messages);
     void waitDetached();
     void prepareFollow(std::vector<SessionMessage>& messages);

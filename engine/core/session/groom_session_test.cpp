@@ -9,6 +9,7 @@
 
 #include "base/parallel.h"
 #include "base/test/expect_message.h"
+#include "fields/field_scene.h"
 #include "graph/graph_tools.h"
 #include "mesh/sample_meshes.h"
 #include "session/groom_session.h"
@@ -306,6 +307,26 @@ TEST(GroomSession, UpdateScalpPointsKeepsTheKeysOfNodesThatDoNotReadTheScalp) {
     const auto after = stamps(graph);
     EXPECT_EQ(after.at(graph.nodeId("guides")), before.at(graph.nodeId("guides")));
     EXPECT_NE(after.at(graph.nodeId("scatter")), before.at(graph.nodeId("scatter")));
+}
+
+TEST(GroomSession, GuideLayersJoinThePaintedMapsInTheCatalog) {
+    GroomSession session;
+    groom(session, sessionGraph());
+    GuideHierarchy painted = *session.hierarchy();
+    painted.setPointAttribute(1, "curl", {0.0f, 0.5f, 1.0f});
+    session.setGuideData(painted.toJson());
+    session.setScalpMaps(R"({"mask":{"kind":"texture","texture":"mask.png"}})");
+    const auto frame = session.evaluate();
+    const auto catalog = frame->sceneInputs->at("maps").value.get<MapCatalogValue>();
+    ASSERT_NE(catalog, nullptr);
+    EXPECT_NE(catalog->maps.find("mask"), nullptr);
+    const std::map<std::string, std::string, std::less<>> layers{{"curl", "hierarchy"}};
+    EXPECT_EQ(catalog->guideLayers, layers);
+    // Other guides with the same layers leave the catalog as it was.
+    GuideHierarchy moved = painted;
+    moved.setPoints(2, {{-0.4f, 0, -0.3f}, {-0.2f, 0.5f, -0.3f}, {0, 1, -0.3f}});
+    session.setGuideData(moved.toJson());
+    EXPECT_EQ(session.evaluate()->sceneInputs->at("maps").value.get<MapCatalogValue>(), catalog);
 }
 
 // One frame of the three-frame run: the posed guides, and the strands' content.
