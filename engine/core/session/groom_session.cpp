@@ -512,7 +512,11 @@ void GroomSession::measureScale(std::vector<SessionMessage>& messages) {
     scaleArea_ = surfaceArea(*scalp_);
     const bool automatic = scaleMode_ == ScaleMode::Automatic;
     const double measure = automatic ? scaleArea_ : scaleMeasure_;
-    if (!std::isfinite(measure) || !(measure > 0.0)) return;
+    if (!std::isfinite(measure) || !(measure > 0.0)) {
+        // Nothing to measure by (a measured mode before the host's first measure): no scale.
+        scaleFactor_ = 1.0;
+        return;
+    }
     const bool hadReference = scaleReference_ > 0.0;
     if (!hadReference) scaleReference_ = measure;
     double factor = automatic ? std::sqrt(measure / scaleReference_) : measure / scaleReference_;

@@ -512,6 +512,23 @@ TEST(GroomSession, ScaleFollowsTheScalpArea) {
     session.setScaleMode(ScaleMode::Off);
     session.evaluate();
     EXPECT_EQ(session.scaleFactor(), 1.0);
+
+    // Measured: the host's measure against the first one, as a plain ratio and without a word.
+    session.setScaleMode(ScaleMode::Measured);
+    session.setScaleReference(0.0);
+    session.evaluate();
+    EXPECT_EQ(session.scaleFactor(), 1.0);  // no measure yet
+    session.setScaleMeasure(2.0);
+    session.evaluate();
+    EXPECT_EQ(session.scaleReference(), 2.0);
+    EXPECT_EQ(session.scaleFactor(), 1.0);
+    session.setScaleMeasure(3.0);
+    session.takeMessages();
+    session.evaluate();
+    EXPECT_DOUBLE_EQ(session.scaleFactor(), 1.5);
+    EXPECT_TRUE(session.takeMessages().empty());
+    // The guides follow: guide 2's tip stands 1.5 above the scalp.
+    EXPECT_NEAR(guidePoints(*session.frame(), 2)[2].y, 1.5f, 1e-5f);
 }
 
 TEST(GroomSession, DetachedEvaluationHandsOverItsResultsAndItsFailureOnce) {
