@@ -297,7 +297,10 @@ class GroomSession {
     std::uint64_t edits() const { return edits_; }
     // Brings the session to the request's frame and returns the frame result: null with no graph
     // (and no error). Waits for a running detached evaluation first and throws its failure, once.
-    // A GraphError passes to the caller and the last good frame stays.
+    // A GraphError passes to the caller and the last good frame stays; so does the guide data's
+    // face check (see setGuideData) when a new scalp lacks faces the guides say they are bound to.
+    // A request naming a node the graph does not have throws std::invalid_argument "the graph has
+    // no node named 'n'"; a view node that has gone shows the output instead.
     std::shared_ptr<const GroomFrame> evaluate(const FrameRequest& request);
     // evaluate at the session's own time and viewport flag.
     std::shared_ptr<const GroomFrame> evaluate();
