@@ -458,6 +458,34 @@ TEST(GroomSession, SculptNodeRecordsOffsetsAndAppliesThem) {
     EXPECT_EQ(out->guides[1].points, input->guides[1].points);  // not sculpted: unchanged
 }
 
+TEST(GroomSession, NamedInputsReachTheNodesThatNameThem) {
+    GroomSession session;
+    groom(session, R"({"version":1,"nodes":[{"name":"guides","type":"Guides"},
+        {"name":"shot","type":"Sculpt","params":{"layer":"shot12","strength":0.5}},
+        {"name":"body","type":"ColliderMesh","params":{"name":"body"}}],
+        "connections":[{"from":"guides","to":"shot","input":"guides"}],"output":"shot"})");
+    const auto body = plane(5.0f);
+    session.setCollider("body", body);
+    session.setSculptData("shot12", R"({"guides":{"2":[0,0,0, 0,0,0, 0,0,1]}})");
+    EXPECT_EQ(session.sculptData(), "");  // the groom's own layer is another
+    EXPECT_EQ(session.sculptLayers().count("shot12"), 1u);
+
+    const auto collider = session.evaluate({1.0, true, "body"});
+    EXPECT_EQ(collider->outputs.at(0).get<ScalpMesh>(), body);
+    // The layer's offset of 1 along guide 2's tip, at the node's strength of 0.5.
+    const auto sculpted = session.evaluate({1.0, true, {}});
+    const auto guides = sculpted->outputs.at(0).get<GuideSet>();
+    ASSERT_NE(guides, nullptr);
+    EXPECT_NEAR(guides->guides[1].points[2].y, 1.5f, 1e-5f);
+    EXPECT_NEAR(guides->guides[1].points[1].y, 0.5f, 1e-6f);
+
+    // Taking the layer away hands the guides on untouched.
+    session.setSculptData("shot12", "");
+    EXPECT_TRUE(session.sculptLayers().empty());
+    const auto plain = session.evaluate({1.0, true, {}});
+    EXPECT_NEAR(plain->outputs.at(0).get<GuideSet>()->guides[1].points[2].y, 1.0f, 1e-6f);
+}
+
 TEST(GroomSession, SculptingACorrectiveNeedsItsWeightOnTheFrame) {
     GroomSession session;
     groom(session, sessionGraph());
