@@ -549,9 +549,7 @@ void GroomSession::waitDetached() {
 }
 
 void GroomSession::prepareFollow(std::vector<SessionMessage>&) {
-    // Guides are bound to the scalp by surface location and posed on the current scalp at every
-    // change of it, so a groom that follows a moving scalp needs no carry of its own yet: edits
-    // made on one frame ride with the surface through the pose.
+    follow_.prepare(followScalp_ ? restScalp_ : nullptr, scalp_);
 }
 
 void GroomSession::updateActiveHierarchy(double frame) {
@@ -560,13 +558,14 @@ void GroomSession::updateActiveHierarchy(double frame) {
         posedKey_ = activeKey_ = 0;
         return;
     }
-    std::uint64_t posedKey = hashCombine(hierarchyKey_, scalp_ ? scalp_->contentSignature() : 0);
+    const std::shared_ptr<const ScalpMesh>& scalp = growthScalp();
+    std::uint64_t posedKey = hashCombine(hierarchyKey_, scalp ? scalp->contentSignature() : 0);
     posedKey = hashCombine(posedKey, doubleBits(scaleFactor_));
     if (!posed_ || posedKey != posedKey_) {
-        if (scalp_) checkGuidesFitScalp(*hierarchy_, *scalp_, "guideData: ");
+        if (scalp) checkGuidesFitScalp(*hierarchy_, *scalp, "guideData: ");
         auto posed = std::make_shared<GuideHierarchy>(*hierarchy_);
         if (scaleFactor_ != 1.0) posed->setScale(static_cast<float>(posed->scale() * scaleFactor_));
-        if (scalp_ && scalp_->triangleCount() > 0) posed->pose(*scalp_);
+        if (scalp && scalp->triangleCount() > 0) posed->pose(*scalp);
         posed_ = std::move(posed);
         posedKey_ = posedKey;
     }
@@ -612,7 +611,8 @@ std::shared_ptr<SceneInputs> GroomSession::prepareFrame(double frame,
     auto put = [&](std::string name, Value value, std::uint64_t key) {
         if (!value.empty()) (*inputs)[std::move(name)] = SceneInput{std::move(value), key};
     };
-    if (scalp_) put(std::string(kScalpInput), scalp_, scalp_->contentSignature());
+    const std::shared_ptr<const ScalpMesh>& scalp = growthScalp();
+    if (scalp) put(std::string(kScalpInput), scalp, scalp->contentSignature());
     if (restScalp_) put(std::string(kRestScalpInput), restScalp_, restScalp_->contentSignature());
     put(std::string(kScalpHistoryInput), scalpHistory_, historyKey_);
     put(std::string(kHierarchyInput), active_, activeKey_);
@@ -622,9 +622,9 @@ std::shared_ptr<SceneInputs> GroomSession::prepareFrame(double frame,
     if (parts_ && !parts_->parts().empty())
         put(std::string(kPartsInput), std::make_shared<const PartLines>(parts_->parts().front()),
             partsKey_);
-    if (flow_ && scalp_) {
-        const std::uint64_t key = FlowField::keyOf(*flow_, *scalp_);
-        if (!flowField_ || flowField_->key() != key) flowField_ = FlowField::build(*flow_, *scalp_);
+    if (flow_ && scalp) {
+        const std::uint64_t key = FlowField::keyOf(*flow_, *scalp);
+        if (!flowField_ || flowField_->key() != key) flowField_ = FlowField::build(*flow_, *scalp);
         put(std::string(kFlowSceneInput), flowField_, key);
     }
     for (const auto& [name, mesh] : colliders_)
@@ -691,6 +691,9 @@ std::shared_ptr<const GroomFrame> GroomSession::evaluate(const FrameRequest& req
     frame->viewport = request.viewport;
     frame->node = g->node(node).name;
     frame->sceneInputs = inputs;
+    // Grown on the rest scalp while following: carried onto the scalp of the frame.
+    for (Value& value : frame->outputs)
+        value = follow_.carry(value);
     for (const Value& value : frame->outputs)
         if (auto strands = value.get<StrandSet>()) {
             frame->strands = std::move(strands);
@@ -700,7 +703,7 @@ std::shared_ptr<const GroomFrame> GroomSession::evaluate(const FrameRequest& req
     g->forEachActiveUpstream(node, [&](const std::string& name, const Operator& op) {
         if (op.type() != "Guides") return true;
         const std::vector<Value>& results = g->cachedResults(g->nodeId(name));
-        if (!results.empty()) frame->guides = results[0].get<GuideSet>();
+        if (!results.empty()) frame->guides = follow_.carry(results[0]).get<GuideSet>();
         return !frame->guides;
     });
     frame->serial = ++frames_;
@@ -785,7 +788,8 @@ std::shared_ptr<const GuideSet> GroomSession::evaluateSculptInput(std::uint32_t 
 }
 
 std::shared_ptr<const GuideSet> GroomSession::sculptInput(const std::string& name) {
-    return evaluateSculptInput(sculptNode(name));
+    // Shown where the scalp is now, as the sculpting tools see the guides.
+    return follow_.carry(evaluateSculptInput(sculptNode(name))).get<GuideSet>();
 }
 
 void GroomSession::sculpt(const std::string& name, const GuideSet& sculpted, float strength) {
@@ -801,9 +805,12 @@ void GroomSession::sculpt(const std::string& name, const GuideSet& sculpted, flo
     const std::string layer = op.paramSet.getString("layer", std::string(kDefaultSculptLayer));
     const auto found = sculptLayers_.find(layer);
     SculptEdits edits = found == sculptLayers_.end() ? SculptEdits() : *found->second.edits;
-    // Every guide is checked before anything is stored.
+    // Every guide is checked before anything is stored. Brushed where the scalp is now, they are
+    // taken back to where the graph grows them.
+    std::vector<Guide> back = sculpted.guides;
+    follow_.uncarry(back);
     GuideOffsets made;
-    for (const Guide& guide : sculpted.guides) {
+    for (const Guide& guide : back) {
         const auto in = byId.find(guide.id);
         if (in == byId.end()) continue;
         made[guide.id] = sculptOffsets(*in->second, guide.points, total);
@@ -842,8 +849,10 @@ void GroomSession::sculptCorrective(const std::string& layer, const GuideSet& sc
     std::unordered_map<std::uint64_t, const Guide*> byId;
     for (const Guide& guide : inputs)
         byId.emplace(guide.id, &guide);
+    std::vector<Guide> back = sculpted.guides;
+    follow_.uncarry(back);
     GuideOffsets made;
-    for (const Guide& guide : sculpted.guides) {
+    for (const Guide& guide : back) {
         const auto in = byId.find(guide.id);
         if (in == byId.end()) continue;
         made[guide.id] = sculptOffsets(*in->second, guide.points, weight);

@@ -38,6 +38,7 @@
 #include "maps/scalp_maps.h"
 #include "mesh/scalp_history.h"
 #include "mesh/scalp_mesh.h"
+#include "session/follow_carry.h"
 #include "strands/guide.h"
 
 namespace velmorin {
@@ -274,7 +275,10 @@ class GroomSession {
     void setControl(const std::string& name, double value);
     void removeControl(const std::string& name);
     const std::map<std::string, double>& controls() const { return controls_; }
-    // Whether the groom rides a deforming scalp (its guides carried along as the scalp moves).
+    // Whether the groom rides a deforming scalp: with a rest scalp of the same topology, the graph
+    // grows on the rest scalp and what it makes is carried onto the current one (FollowCarry), so
+    // a deforming scalp costs a carry instead of a new groom. Off, the groom grows on the current
+    // scalp itself.
     void setFollowScalp(bool follow);
     bool followScalp() const { return followScalp_; }
 
@@ -347,6 +351,10 @@ class GroomSession {
     std::uint32_t sculptNode(const std::string& name) const;
     EvalContext contextFor(const FrameRequest& request, const SceneInputs* inputs) const;
     std::shared_ptr<const GuideSet> evaluateSculptInput(std::uint32_t id);
+    // The scalp the graph grows on: the rest scalp while the groom follows a moving one.
+    const std::shared_ptr<const ScalpMesh>& growthScalp() const {
+        return follow_.active() ? restScalp_ : scalp_;
+    }
 
     std::shared_ptr<GraphDocument> document_;
     std::string graphText_;
@@ -393,6 +401,7 @@ class GroomSession {
     double previewPointBudget_ = 0.0;
     std::map<std::string, double> controls_;
     bool followScalp_ = false;
+    FollowCarry follow_;
 
     ScaleMode scaleMode_ = ScaleMode::Automatic;
     double scaleReference_ = 0.0;

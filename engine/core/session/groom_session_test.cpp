@@ -486,6 +486,71 @@ TEST(GroomSession, NamedInputsReachTheNodesThatNameThem) {
     EXPECT_NEAR(plain->outputs.at(0).get<GuideSet>()->guides[1].points[2].y, 1.0f, 1e-6f);
 }
 
+// The plane lifted by `lift` along +Y: the same topology, moved.
+std::shared_ptr<const ScalpMesh> liftedPlane(float lift) {
+    auto mesh = std::make_shared<ScalpMesh>(*plane());
+    std::vector<Vec3f> points = mesh->points();
+    for (Vec3f& p : points)
+        p.y += lift;
+    mesh->setPoints(std::move(points));
+    return mesh;
+}
+
+TEST(GroomSession, FollowingAScalpCarriesTheGroomInsteadOfGrowingItAgain) {
+    GroomSession still;
+    groom(still, sessionGraph());
+    const auto atRest = still.evaluate();
+
+    GroomSession session;
+    groom(session, sessionGraph());
+    session.setRestScalp(plane());
+    session.setFollowScalp(true);
+    session.evaluate();
+    const auto before = stamps(*session.graph());
+    session.setScalp(liftedPlane(1.0f));
+    const auto lifted = session.evaluate();
+    // Nothing grew again: the graph still works on the rest scalp.
+    EXPECT_EQ(stamps(*session.graph()), before);
+    ASSERT_EQ(lifted->strands->pointCount(), atRest->strands->pointCount());
+    const auto in = atRest->strands->points();
+    const auto out = lifted->strands->points();
+    for (std::size_t i = 0; i < in.size(); i += 97) {
+        EXPECT_NEAR(out[i].x, in[i].x, 1e-5f) << i;
+        EXPECT_NEAR(out[i].y, in[i].y + 1.0f, 1e-5f) << i;
+        EXPECT_NEAR(out[i].z, in[i].z, 1e-5f) << i;
+    }
+    EXPECT_NEAR(guidePoints(*lifted, 2)[2].y, 2.0f, 1e-5f);
+    // The same frame again costs nothing: the carried strands are the same value.
+    EXPECT_EQ(session.evaluate()->strands, lifted->strands);
+
+    // Off: the groom grows on the lifted scalp itself.
+    session.setFollowScalp(false);
+    session.evaluate();
+    EXPECT_NE(stamps(*session.graph()), before);
+}
+
+TEST(GroomSession, SculptingAFollowingGroomRecordsWhereTheGraphWorks) {
+    GroomSession session;
+    groom(session, sculptGraph());
+    session.setRestScalp(plane());
+    session.setFollowScalp(true);
+    session.setScalp(liftedPlane(2.0f));
+    const auto input = session.sculptInput("sculpt");
+    EXPECT_NEAR(input->guides[0].points[0].y, 2.0f, 1e-5f);  // shown on the lifted scalp
+    GuideSet sculpted;
+    sculpted.guides.push_back(input->guides[0]);
+    sculpted.guides[0].points[2] = sculpted.guides[0].points[2] + Vec3f{0.25f, 0.0f, 0.0f};
+    session.sculpt("sculpt", sculpted);
+    const auto shown = session.evaluate()->outputs.at(0).get<GuideSet>();
+    EXPECT_NEAR(shown->guides[0].points[2].x, sculpted.guides[0].points[2].x, 1e-5f);
+    EXPECT_NEAR(shown->guides[0].points[2].y, sculpted.guides[0].points[2].y, 1e-5f);
+    // Recorded against the rest pose: on the rest scalp the offset shows at rest height.
+    session.setScalp(plane());
+    const auto rest = session.evaluate()->outputs.at(0).get<GuideSet>();
+    EXPECT_NEAR(rest->guides[0].points[2].y, 1.0f, 1e-5f);
+    EXPECT_NEAR(rest->guides[0].points[2].x, 0.35f, 1e-5f);
+}
+
 TEST(GroomSession, SculptingACorrectiveNeedsItsWeightOnTheFrame) {
     GroomSession session;
     groom(session, sessionGraph());
