@@ -501,15 +501,21 @@ void GroomSession::setScaleMeasure(double measure) {
 }
 
 void GroomSession::measureScale(std::vector<SessionMessage>& messages) {
-    if (scaleMode_ == ScaleMode::Off || !scalp_) {
+    // A followed scalp is measured at rest: its deformation is not a change of size.
+    const std::shared_ptr<const ScalpMesh>& scalp =
+        followScalp_ && restScalp_ && scalp_ &&
+                restScalp_->topologySignature() == scalp_->topologySignature()
+            ? restScalp_
+            : scalp_;
+    if (scaleMode_ == ScaleMode::Off || !scalp) {
         scaleFactor_ = 1.0;
         return;
     }
     // The area is measured once per scalp, not once per frame.
-    const std::uint64_t measuredFor = scalp_->contentSignature() | 1;
+    const std::uint64_t measuredFor = scalp->contentSignature() | 1;
     if (measuredFor == scaleMeasuredFor_) return;
     scaleMeasuredFor_ = measuredFor;
-    scaleArea_ = surfaceArea(*scalp_);
+    scaleArea_ = surfaceArea(*scalp);
     const bool automatic = scaleMode_ == ScaleMode::Automatic;
     const double measure = automatic ? scaleArea_ : scaleMeasure_;
     if (!std::isfinite(measure) || !(measure > 0.0)) {
