@@ -523,6 +523,19 @@ TEST(GroomSession, FollowingAScalpCarriesTheGroomInsteadOfGrowingItAgain) {
     // The same frame again costs nothing: the carried strands are the same value.
     EXPECT_EQ(session.evaluate()->strands, lifted->strands);
 
+    // The carry gives the same bits at any thread count.
+    const auto carriedWith = [&](int threads) {
+        std::uint64_t hash = 0;
+        runWithThreads(threads, [&] {
+            FollowCarry carry;
+            carry.prepare(plane(), liftedPlane(0.5f));
+            hash = carry.carry(atRest->strands).get<StrandSet>()->contentHash();
+        });
+        return hash;
+    };
+    EXPECT_EQ(carriedWith(1), carriedWith(2));
+    EXPECT_NE(carriedWith(1), atRest->strands->contentHash());
+
     // Off: the groom grows on the lifted scalp itself.
     session.setFollowScalp(false);
     session.evaluate();
