@@ -74,12 +74,14 @@ class Spool {
         return file_ != nullptr;
     }
     bool append(const char* data, std::size_t size) {
+        if (file_ == nullptr) return false;
         if (size == 0) return true;
         if (std::fwrite(data, 1, size, file_) != size) return false;
         size_ += size;
         return true;
     }
     bool append(std::string_view text) { return append(text.data(), text.size()); }
+    bool flush() { return file_ != nullptr && std::fflush(file_) == 0; }
     std::uint64_t size() const { return size_; }
 
     // Cuts the spool back to `size` bytes, undoing a frame that could not be written whole.
@@ -96,7 +98,7 @@ class Spool {
 
     // Appends the whole spool to `out` through `block`.
     bool copyTo(std::FILE* out, std::vector<char>& block) {
-        if (std::fflush(file_) != 0 || std::fseek(file_, 0, SEEK_SET) != 0) return false;
+        if (!flush() || std::fseek(file_, 0, SEEK_SET) != 0) return false;
         std::uint64_t left = size_;
         while (left > 0) {
             const std::size_t want =
@@ -565,21 +567,41 @@ bool UsdCurvesWriter::appendArray(Property& property, const FramePlan& plan, std
     };
 
     if (!property.spool.append(plan.frameText) || !property.spool.append(": [")) return false;
-    if (chunks_.size() < kBlockChunks) chunks_.resize(kBlockChunks);
+    // Blocks go through two sets of chunk buffers, so that one block is written to the spool while
+    // the next is formatted: the file's bytes then cost no thread its share of the formatting.
+    if (chunks_.size() < 2 * kBlockChunks) chunks_.resize(2 * kBlockChunks);
     const std::size_t blockStrands = kChunkStrands * kBlockChunks;
-    for (std::size_t block = 0; block < plan.keptCount; block += blockStrands) {
-        const std::size_t blockEnd = std::min(plan.keptCount, block + blockStrands);
-        const std::size_t chunkCount = (blockEnd - block + kChunkStrands - 1) / kChunkStrands;
-        parallelRange(0, chunkCount, 1, [&](std::size_t first, std::size_t last) {
-            for (std::size_t c = first; c < last; ++c) {
-                const std::size_t begin = block + c * kChunkStrands;
-                formatChunk(begin, std::min(blockEnd, begin + kChunkStrands), chunks_[c]);
+    const std::size_t blockCount = (plan.keptCount + blockStrands - 1) / blockStrands;
+    const auto chunksOf = [&](std::size_t block) {
+        const std::size_t strandsIn = std::min(plan.keptCount - block * blockStrands, blockStrands);
+        return (strandsIn + kChunkStrands - 1) / kChunkStrands;
+    };
+    bool written = true;
+    for (std::size_t block = 0; block <= blockCount && written; ++block) {
+        parallelRange(0, 2, 1, [&](std::size_t first, std::size_t last) {
+            for (std::size_t task = first; task < last; ++task) {
+                if (task == 0 && block > 0) {
+                    const std::size_t set = (block - 1) % 2 * kBlockChunks;
+                    for (std::size_t c = 0; c < chunksOf(block - 1) && written; ++c) {
+                        written = property.spool.append(chunks_[set + c].data.get(),
+                                                        chunks_[set + c].used);
+                    }
+                }
+                if (task == 1 && block < blockCount) {
+                    const std::size_t start = block * blockStrands;
+                    const std::size_t set = block % 2 * kBlockChunks;
+                    parallelRange(0, chunksOf(block), 1, [&](std::size_t from, std::size_t to) {
+                        for (std::size_t c = from; c < to; ++c) {
+                            const std::size_t begin = start + c * kChunkStrands;
+                            formatChunk(begin, std::min(plan.keptCount, begin + kChunkStrands),
+                                        chunks_[set + c]);
+                        }
+                    });
+                }
             }
         });
-        for (std::size_t c = 0; c < chunkCount; ++c) {
-            if (!property.spool.append(chunks_[c].data.get(), chunks_[c].used)) return false;
-        }
     }
+    if (!written) return false;
     return property.spool.append("],\n");
 }
 
@@ -616,6 +638,10 @@ void UsdCurvesWriter::writeSamples(const FramePlan& plan, const StrandSet& stran
             written = properties_[p]->spool.append(plan.frameText) &&
                       properties_[p]->spool.append(": None,\n");
         }
+        // A written frame is on disk whole, so that undoing a later one or a close that fails
+        // (a full disk) cannot take any of it with them.
+        for (std::size_t p = 0; p < properties_.size() && written; ++p)
+            written = properties_[p]->spool.flush();
     } catch (const UsdError&) {
         written = false;
     }

@@ -7,6 +7,8 @@
 #include <sstream>
 
 #include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/resource.h>
 
 #include "base/hash.h"
 #include "base/test/expect_message.h"
@@ -177,26 +179,28 @@ TEST(UsdCurvesWriter, WritesTheGoldenGroom) {
 }
 
 // What was written reads back the same: counts, positions, extent, widths, ids, uvs, colours and
-// channels at every frame, for sets with empty and one-point strands in them.
+// channels at every frame, for sets with empty and one-point strands in them. The last frame is
+// large enough to be formatted in several blocks.
 TEST(UsdCurvesWriter, ReadsBackWhatItWrote) {
     ScratchFolder folder("usd-read-back");
     const std::string path = folder.file("groom.usda");
-    constexpr std::size_t kStrands = 10000;
     const std::array<double, 3> frames = {-1.0, 0.5, 12.0};
+    const std::array<std::size_t, 3> strandCounts = {10000, 10000, 80000};
     std::vector<StrandSet> sets;
     std::vector<std::vector<Uv>> uvs;
     {
         UsdCurvesWriter writer(path, UsdOptions{});
         for (std::size_t f = 0; f < frames.size(); ++f) {
-            StrandSet set = test::randomStrands(kStrands, 17 + f);
+            const std::size_t count = strandCounts[f];
+            StrandSet set = test::randomStrands(count, 17 + f);
             for (std::size_t k = 0; k < 3; ++k) {
                 std::vector<float>& values =
                     set.addPointChannel(std::string(channels::kColor[k]), 0.0f);
                 for (std::size_t p = 0; p < values.size(); ++p)
                     values[p] = unitFloat(hashCombine(p, k + 10 * f));
             }
-            std::vector<Uv>& frameUvs = uvs.emplace_back(kStrands);
-            for (std::size_t s = 0; s < kStrands; ++s)
+            std::vector<Uv>& frameUvs = uvs.emplace_back(count);
+            for (std::size_t s = 0; s < count; ++s)
                 frameUvs[s] = {unitFloat(s + f), unitFloat(s * 3 + f)};
             writer.writeFrame(frames[f], set, frameUvs);
             sets.push_back(std::move(set));
@@ -470,6 +474,59 @@ TEST(UsdCurvesWriter, RefusesBadFramesAndWritesNothingOfThem) {
     }
     EXPECT_EQ(strands.property("primvars:a_b"), nullptr);
     // Only the file is left: the spools are gone.
+    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(folder.path()), {}), 1);
+}
+
+// Holds files to `bytes` while it lives, so that writing past that fails as on a full disk.
+class FileSizeLimit {
+  public:
+    explicit FileSizeLimit(rlim_t bytes) {
+        ::getrlimit(RLIMIT_FSIZE, &saved_);
+        previous_ = ::signal(SIGXFSZ, SIG_IGN);
+        rlimit limit = saved_;
+        limit.rlim_cur = bytes;
+        ::setrlimit(RLIMIT_FSIZE, &limit);
+    }
+    ~FileSizeLimit() {
+        ::setrlimit(RLIMIT_FSIZE, &saved_);
+        ::signal(SIGXFSZ, previous_);
+    }
+
+  private:
+    rlimit saved_{};
+    sighandler_t previous_ = nullptr;
+};
+
+// A frame that fails half-way through its spools is taken out of all of them, and a close that
+// fails leaves the writer open to try again.
+TEST(UsdCurvesWriter, UndoesWhatCannotBeWritten) {
+    ScratchFolder folder("usd-full");
+    const std::string path = folder.file("full.usda");
+    UsdCurvesWriter writer(path, UsdOptions{});
+    const StrandSet small = twoStrands();
+    writer.writeFrame(1, small);
+    {
+        const FileSizeLimit limit(64 * 1024);
+        expectMessage<UsdError>([&] { writer.writeFrame(2, test::randomStrands(20000, 5)); },
+                                "cannot write '" + path + "'");
+        writer.writeFrame(2, small);
+    }
+    {
+        StrandSet big = test::randomStrands(20000, 5);
+        big.overwriteWidths().clear();
+        writer.writeFrame(3, big);
+        const FileSizeLimit limit(64 * 1024);
+        expectMessage<UsdError>([&] { writer.close(); }, "cannot write '" + path + "'");
+        EXPECT_FALSE(writer.closed());
+    }
+    writer.close();
+    const UsdaLayer layer = parseUsda(readText(path));
+    const auto& strands = strandsPrim(layer);
+    EXPECT_EQ(sampleTimes(strands.property("points")), (std::vector<double>{1, 2, 3}));
+    // The channels of the failed frame 2 never came to be; those of frame 3 did.
+    EXPECT_EQ(sampleTimes(strands.property("primvars:mass")), (std::vector<double>{3}));
+    EXPECT_EQ(sampleTimes(strands.property("widths")), (std::vector<double>{1, 2, 3}));
+    EXPECT_TRUE(strands.property("widths")->samples[2].second.isNone());
     EXPECT_EQ(std::distance(std::filesystem::directory_iterator(folder.path()), {}), 1);
 }
 
