@@ -7,8 +7,11 @@
 #include <cmath>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <string>
 #include <string_view>
+
+#include "usd/float_text.h"
 
 namespace velmorin {
 
@@ -26,16 +29,19 @@ std::string usdIdentifier(std::string_view name);
 std::string usdQuoted(std::string_view text);
 
 // Writes a float at `out` and returns the end: the shortest text that reads back as the same
-// float; "nan", "inf" and "-inf" for the values that are not finite. `out` has room for
-// kUsdFloatChars.
+// float, the very text std::to_chars writes, in about half its time; "nan", "inf" and "-inf" for
+// the values that are not finite. `out` has room for kUsdFloatChars.
 inline char* writeUsdFloat(char* out, float value) {
     if (std::isnan(value)) {
-        out[0] = 'n';
-        out[1] = 'a';
-        out[2] = 'n';
+        std::memcpy(out, "nan", 3);
         return out + 3;
     }
-    return std::to_chars(out, out + kUsdFloatChars, value).ptr;
+    if (std::isinf(value)) {
+        const std::size_t size = value < 0 ? 4 : 3;
+        std::memcpy(out, value < 0 ? "-inf" : "inf", size);
+        return out + size;
+    }
+    return float_text::writeFloat(out, value);
 }
 
 inline char* writeUsdInt(char* out, std::int64_t value) {
