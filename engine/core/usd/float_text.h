@@ -3,7 +3,7 @@
 // (fixed or scientific, whichever is shorter, fixed on a tie), written faster than std::to_chars
 // writes it: the exporters print tens of millions of floats a frame. The digits come from the
 // Schubfach method (R. Giulietti, "The Schubfach way to render doubles", 2020) in its 32-bit form:
-// one 64 by 32-bit product per bound with a table of 77 powers of ten, no loops over digits.
+// one 64 by 32-bit product per bound with a table of 77 powers of ten, and no search over lengths.
 
 #include <bit>
 #include <charconv>
