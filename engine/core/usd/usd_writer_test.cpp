@@ -479,6 +479,7 @@ TEST(UsdCurvesWriter, RefusesBadFramesAndWritesNothingOfThem) {
     expectMessage<UsdError>([&] { writer.writeFrame(2, massPerPoint); },
                             "frame 2: primvars:mass was written per strand and is now per point; "
                             "a primvar keeps one interpolation through an export");
+    EXPECT_EQ(writer.framesWritten(), 1u);
     writer.close();
     writer.close();  // a second close does nothing
     EXPECT_TRUE(writer.closed());
