@@ -131,6 +131,60 @@ TEST(Clump, LockRadiusHoldsStrandsOnARingAroundTheAxis) {
     EXPECT_GT(widest, 0.15f);
 }
 
+TEST(Clump, FlatnessSquashesALockIntoARibbonAndVolumizeSpreadsIt) {
+    std::vector<std::vector<Vec3f>> ring;
+    for (int i = 0; i < 12; ++i)
+        ring.push_back(upFrom({std::cos(0.5f * i), 0, std::sin(0.5f * i)}));
+    const auto strands = handStrands(ring);
+    const Value axis = centerGuides({upFrom({0, 0, 0})});
+    // Width along x: the thin way is the axis (y) crossed with x, so z is squashed out.
+    const auto ribbon = ShapeRun("Clump", {{"centersFrom", std::string("inputCurves")},
+                                           {"strength", 1.0},
+                                           {"lockRadius", 0.3},
+                                           {"flatness", 1.0},
+                                           {"flatAlong", std::string("direction")},
+                                           {"flatDirection", Vec3f{1, 0, 0}}})
+                            .run(strands, {axis});
+    float widest = 0.0f;
+    for (std::size_t s = 0; s < ring.size(); ++s)
+        for (std::size_t k = 1; k < 3; ++k) {
+            EXPECT_NEAR(ribbon->strandPoints(s)[k].z, 0.0f, 1e-5f) << s;
+            widest = std::max(widest, std::abs(ribbon->strandPoints(s)[k].x));
+        }
+    EXPECT_GT(widest, 0.1f);
+    // With no pull, volumize 1 doubles every point's distance across the axis.
+    const auto spread = ShapeRun("Clump", {{"centersFrom", std::string("inputCurves")},
+                                           {"strength", 0.0},
+                                           {"volumize", 1.0}})
+                            .run(handStrands({upFrom({1, 0, 0})}), {axis});
+    expectPointsNear(spread->strandPoints(0), {{1, 0, 0}, {2, 1, 0}, {2, 2, 0}});
+}
+
+TEST(Clump, CopyAmountGivesEachAxisItsNeighboursShape) {
+    // Two center curves: one straight, one bending along x.
+    const std::vector<Vec3f> bending = {{5, 0, 0}, {5.5f, 1, 0}, {6.5f, 2, 0}};
+    GuideSet guides;
+    for (const auto& curve : {upFrom({0, 0, 0}), bending}) {
+        Guide guide;
+        guide.id = 1 + guides.guides.size();
+        guide.points = curve;
+        guides.guides.push_back(guide);
+    }
+    const CenterCurves curves = centerCurvesOf(guides, "");
+    const auto strands = handStrands({upFrom({0.1f, 0, 0}), upFrom({5.1f, 0, 0})});
+    CenterPickSettings settings;
+    settings.source = CenterSource::InputCurves;
+    settings.centers = &curves;
+    const auto plan = buildCenterPlan(*strands, settings);
+    ASSERT_EQ(plan->size(), 2u);
+    for (const float amount : {0.0f, 0.5f, 1.0f}) {
+        const ClumpAxisTable axes = clumpAxisTable(*plan, *strands, &curves, amount, false);
+        // The straight axis's tip moves toward the bending one's shape, from its own root.
+        EXPECT_NEAR(centerAlong(axes, 0, 1.0f).x, 1.5f * amount, 1e-5f) << amount;
+        EXPECT_NEAR(centerAlong(axes, 1, 1.0f).x, 6.5f - 1.5f * amount, 1e-5f) << amount;
+    }
+}
+
 TEST(Clump, NegativeStrengthPartsStrandsAroundTheCentersKeepingLengths) {
     // On the axis, near it, and far away from it.
     const auto strands =
