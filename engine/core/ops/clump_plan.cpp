@@ -25,9 +25,11 @@ namespace velmorin {
 namespace {
 
 constexpr std::size_t kGrain = 256;
-constexpr int kRelaxSteps = 24;
+constexpr int kRelaxSteps = 48;
 constexpr float kRadiusScale = 1.0746f;  // the spacing of a hexagonal packing at unit density
 constexpr std::uint32_t kNoValue = 0xffffffffu;
+constexpr std::size_t kCandidatesPerPick = 64;
+constexpr std::size_t kFewestCandidates = 4096;
 
 // Runs body over [0, count) in chunks; small counts in one piece on this thread.
 void forEach(std::size_t count, const RangeBody& body) {
@@ -146,7 +148,8 @@ std::uint32_t nearestIn(const GroupTree& group, const Vec3f& p) {
 }
 
 // The strands a pick may make centers of, in rank order: those every preview holds, each admitted
-// by a draw below its centerWeight, ranked by a second draw.
+// by a draw below its centerWeight, ranked by a second draw; the first `wanted` are the random
+// picks.
 std::vector<std::uint32_t> rankedCandidates(const StrandSet& strands,
                                             const CenterPickSettings& settings,
                                             const ReadChannels& read, std::size_t wanted) {
@@ -170,11 +173,14 @@ std::vector<std::uint32_t> rankedCandidates(const StrandSet& strands,
     std::vector<std::uint64_t> kept;
     for (const std::uint64_t r : rank)
         if (r != ~std::uint64_t{0}) kept.push_back(r);
-    wanted = std::min(wanted, kept.size());
-    std::nth_element(kept.begin(), kept.begin() + static_cast<std::ptrdiff_t>(wanted), kept.end());
-    std::sort(kept.begin(), kept.begin() + static_cast<std::ptrdiff_t>(wanted));
-    // All candidates stay: the picks are the first `wanted`, the rest are spots to snap to.
-    std::sort(kept.begin() + static_cast<std::ptrdiff_t>(wanted), kept.end());
+    // The picks are the first `wanted`; the first kCandidatesPerPick times as many are where a
+    // center may settle, finely enough spread to stand for the hair (a million strands need not
+    // all be searched for the one nearest a spot).
+    const std::size_t place = std::min(
+        kept.size(), std::max<std::size_t>(wanted * kCandidatesPerPick, kFewestCandidates));
+    std::nth_element(kept.begin(), kept.begin() + static_cast<std::ptrdiff_t>(place), kept.end());
+    kept.resize(place);
+    std::sort(kept.begin(), kept.end());
     std::vector<std::uint32_t> ordered(kept.size());
     for (std::size_t i = 0; i < kept.size(); ++i)
         ordered[i] = static_cast<std::uint32_t>(kept[i] & 0xffffffffu);
@@ -202,7 +208,7 @@ void relaxSpots(std::span<Vec3f> spots, std::span<Vec3f> normals,
                 for (int k = 0; k < kRelaxNeighbors; ++k) {
                     const std::uint32_t j = list[k];
                     if (j == i) continue;
-                    const float reach = 2.0f * r0;
+                    const float reach = r0;
                     const Vec3f d = p - spots[j];
                     const float dist = std::sqrt(lengthSquared(d));
                     if (!(dist < reach)) continue;
