@@ -82,6 +82,20 @@ void BM_ClumpPickCenters(benchmark::State& state) {
 }
 BENCHMARK(BM_ClumpPickCenters)->Arg(1)->Arg(2)->Unit(benchmark::kMillisecond)->UseRealTime();
 
+// What a run with a cached plan pays to know that its plan still holds: the hash of ids, roots and
+// the channels the choice reads.
+void BM_ClumpPlanKey(benchmark::State& state) {
+    const CenterPickSettings settings = pickSettings();
+    std::uint64_t key = 0;
+    for (auto _ : state)
+        runWithThreads(2, [&] {
+            key =
+                centerPlanKey(centerSettingsKey(settings), centerChunkHashes(*strands(), settings));
+        });
+    benchmark::DoNotOptimize(key);
+}
+BENCHMARK(BM_ClumpPlanKey)->Unit(benchmark::kMillisecond)->UseRealTime();
+
 // The shape step alone, with the axes made from the current points as every run makes them.
 void BM_ClumpShapeStep(benchmark::State& state) {
     const auto plan = buildCenterPlan(*strands(), pickSettings());

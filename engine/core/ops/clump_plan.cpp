@@ -7,6 +7,7 @@
 // candidates, keeps the clumps.
 
 #include <algorithm>
+#include <bit>
 #include <cmath>
 #include <limits>
 #include <numeric>
@@ -307,24 +308,26 @@ std::uint64_t centerChunkHash(const StrandSet& strands, const CenterPickSettings
     const std::size_t begin = chunk * CenterPlan::kKeyChunk;
     const std::size_t end = std::min(strands.strandCount(), begin + CenterPlan::kKeyChunk);
     const bool weightMapped = settings.centerWeight.isMapped();
+    // A multiply-and-turn fold over 64-bit words, mixed once at the end: each step is a bijection,
+    // so a change of any one word changes the key, and the fold costs less than the reads.
     std::uint64_t h = hashCombine(0x636c756d70ull, chunk);
+    const auto add = [&h](std::uint64_t word) { h = std::rotl((h ^ word) * kGolden, 29); };
+    const auto pair = [](std::uint32_t high, std::uint32_t low) {
+        return (static_cast<std::uint64_t>(high) << 32) | low;
+    };
+    const std::span<const std::uint64_t> ids = strands.ids();
+    const std::span<const StrandRoot> roots = strands.roots();
     for (std::size_t s = begin; s < end; ++s) {
-        h = hashCombine(h, strands.ids()[s]);
+        add(ids[s]);
         const std::span<const Vec3f> points = strands.strandPoints(s);
-        if (points.empty()) {
-            h = hashCombine(h, kNoValue);
-        } else {
-            h = hashCombine(h, floatBits(points[0].x));
-            h = hashCombine(h, floatBits(points[0].y));
-            h = hashCombine(h, floatBits(points[0].z));
-        }
-        const StrandRoot& root = strands.roots()[s];
-        h = hashCombine(h, static_cast<std::uint32_t>(root.face));
-        if (read.preview) h = hashCombine(h, floatBits((*read.preview)[s]));
-        if (read.region || read.tube) h = hashCombine(h, groupKey(read, s));
-        if (weightMapped) h = hashCombine(h, floatBits(settings.centerWeight.atStrand(s)));
+        const Vec3f root = points.empty() ? Vec3f{NAN, NAN, NAN} : points[0];
+        add(pair(floatBits(root.x), floatBits(root.y)));
+        add(pair(floatBits(root.z), static_cast<std::uint32_t>(roots[s].face)));
+        if (read.preview) add(floatBits((*read.preview)[s]));
+        if (read.region || read.tube) add(groupKey(read, s));
+        if (weightMapped) add(floatBits(settings.centerWeight.atStrand(s)));
     }
-    return h;
+    return mix64(h);
 }
 
 std::vector<std::uint64_t> centerChunkHashes(const StrandSet& strands,

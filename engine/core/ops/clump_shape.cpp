@@ -247,12 +247,16 @@ void clumpStrands(const StrandSet& input, const CenterPlan& plan, const ClumpAxi
                 const float raw =
                     (strengthMapped ? settings.strength.atPoint(s, k) : plainStrength) * escape *
                     settings.profile.at(t);
-                const float v = volumize * settings.volumizeProfile.at(t);
-                if (raw == 0.0f && v == 0.0f) continue;
+                const float v = volumize == 0.0f ? 0.0f : volumize * settings.volumizeProfile.at(t);
+                const bool repels = raw < 0.0f && repelRadius > 0.0f;
+                if (!(raw > 0.0f) && !repels && v == 0.0f) continue;
                 walkAxis(axisArc, arc, at);
                 const std::size_t j = at.segment;
                 const Vec3f onAxis = lerp(axis[j], axis[j + 1], at.f);
-                Vec3f tangent = normalized(axis[j + 1] - axis[j], run.tangent0);
+                // The way along the axis, only where something reads it.
+                Vec3f tangent = run.tangent0;
+                if (framed || repels || v != 0.0f)
+                    tangent = normalized(axis[j + 1] - axis[j], run.tangent0);
                 Vec3f normal, binormal;
                 if (framed) {
                     tangent = normalized(lerp(tangents[j], tangents[j + 1], at.f), tangent);
@@ -283,7 +287,7 @@ void clumpStrands(const StrandSet& input, const CenterPlan& plan, const ClumpAxi
                     const Vec3f along = tangent * dot(offset, tangent);
                     p = axisPoint + along + (offset - along) * (1.0f + v);
                 }
-                if (raw < 0.0f && repelRadius > 0.0f) {
+                if (repels) {
                     // Measured from the axis at the same arc, held to its tip.
                     const Vec3f d = p - onAxis;
                     const Vec3f across = d - tangent * dot(d, tangent);
