@@ -250,9 +250,11 @@ class ClumpOp final : public Operator {
     }
 
     std::string evaluationNote(const EvalContext&) const override {
+        // A mapped strength may pull in one place and part in another: only a plain negative one
+        // surely parts.
         const ParamValue& strength = paramSet.checked("strength");
         const double* plain = std::get_if<double>(&strength);
-        const bool repels = !plain || *plain < 0.0;
+        const bool repels = plain && *plain < 0.0;
         return repels && paramSet.getString("centersFrom", "pick") == "pick" ? kRepelByPick : "";
     }
 

@@ -2,6 +2,7 @@
 
 #include <cmath>
 #include <map>
+#include <set>
 
 #include "base/test/expect_message.h"
 #include "editing/parts.h"
@@ -132,6 +133,38 @@ TEST(Clump, LockRadiusHoldsStrandsOnARingAroundTheAxis) {
         widest = std::max(widest, r);
     }
     EXPECT_GT(widest, 0.15f);
+}
+
+TEST(Clump, RandomStrengthScalesThePullDownPerClumpOrPerStrand) {
+    // Two clumps of strands all one unit off their axes, pulled at strength 1.
+    std::vector<std::vector<Vec3f>> lines;
+    for (int i = 0; i < 20; ++i)
+        lines.push_back(upFrom({i < 10 ? 1.0f : 21.0f, 0, 0.001f * static_cast<float>(i)}));
+    const auto strands = handStrands(lines);
+    const Value axes = centerGuides({upFrom({0, 0, 0}), upFrom({20, 0, 0})});
+    // How far each strand's tip came toward its axis, 0 to 1.
+    const auto pulled = [&](const char* param) {
+        const auto out =
+            ShapeRun("Clump",
+                     {{"centersFrom", std::string("inputCurves")}, {"strength", 1.0}, {param, 0.8}})
+                .run(strands, {axes});
+        std::vector<float> shares;
+        for (std::size_t s = 0; s < lines.size(); ++s)
+            shares.push_back(1.0f - (out->strandPoints(s)[2].x - (s < 10 ? 0.0f : 20.0f)));
+        return shares;
+    };
+    for (const char* param : {"strengthRandom", "strandStrengthRandom"}) {
+        SCOPED_TRACE(param);
+        const std::vector<float> shares = pulled(param);
+        std::set<float> distinct;
+        for (const float share : shares) {
+            EXPECT_GE(share, 0.2f - 1e-5f);
+            EXPECT_LE(share, 1.0f + 1e-5f);
+            distinct.insert(std::round(share * 1e4f));
+        }
+        // Per clump: one share for each clump's strands; per strand: one each.
+        EXPECT_EQ(distinct.size(), std::string(param) == "strengthRandom" ? 2u : 20u);
+    }
 }
 
 TEST(Clump, FlatnessSquashesALockIntoARibbonAndVolumizeSpreadsIt) {
@@ -535,6 +568,27 @@ TEST(Wet, DryPassesThroughAndEachLevelWritesItsOwnChannel) {
         }
         EXPECT_LT(biggest.size() * 4, smallest.size());
     }
+}
+
+TEST(Wet, SameBitsAtAnyThreadCountAndForTheStrandsAPreviewKeeps) {
+    const auto full = markedGrid(20000, 9, 13);
+    const ShapeRun wet("Wet", {{"clumpSize", 3.0}});
+    const auto [one, two] = test::onOneAndTwoThreads([&] { return wet.run(full)->contentHash(); });
+    EXPECT_EQ(one, two);
+    StrandSet preview;
+    full->thinned(0.4, preview);
+    const auto fullOut = wet.run(full);
+    const auto previewOut = wet.run(std::make_shared<const StrandSet>(preview));
+    std::map<std::uint64_t, std::size_t> indexOf;
+    for (std::size_t s = 0; s < full->strandCount(); ++s)
+        indexOf[full->ids()[s]] = s;
+    std::size_t differing = 0;
+    for (std::size_t s = 0; s < preview.strandCount(); ++s) {
+        const auto a = previewOut->strandPoints(s);
+        const auto b = fullOut->strandPoints(indexOf.at(preview.ids()[s]));
+        differing += !std::equal(a.begin(), a.end(), b.begin());
+    }
+    EXPECT_EQ(differing, 0u);
 }
 
 TEST(Wet, OneLevelIsOneClumpOfClumpSize) {
