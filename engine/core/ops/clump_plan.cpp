@@ -7,6 +7,7 @@
 // candidates, keeps the clumps.
 
 #include <algorithm>
+#include <array>
 #include <bit>
 #include <cmath>
 #include <limits>
@@ -139,6 +140,110 @@ std::vector<GroupTree> groupTrees(std::size_t groupCount, std::span<const std::u
     });
     return trees;
 }
+
+// Points in a dense grid of cells about one spacing wide, for the million nearest-center questions
+// of an assignment: a search looks at the rings of cells around a strand's cell and stops once
+// the next ring lies farther than the nearest point found. Its answers equal the tree's, the
+// lower index winning equal distances. Too sparse a spread for a dense grid leaves it empty.
+class CenterGrid {
+  public:
+    CenterGrid() = default;
+    explicit CenterGrid(std::span<const Vec3f> points) {
+        if (points.size() < 8) return;
+        Vec3f low = points[0], high = points[0];
+        for (const Vec3f& p : points) {
+            low = minPerAxis(low, p);
+            high = maxPerAxis(high, p);
+        }
+        const Vec3f size = high - low;
+        // Cells about two spacings wide over the box's two longest sides (points on a surface), so
+        // that the nearest point mostly lies in the first ring of cells around a strand.
+        float sides[3] = {size.x, size.y, size.z};
+        std::sort(sides, sides + 3);
+        const float area = sides[1] * sides[2];
+        if (!(area > 0.0f)) return;
+        cell_ = 2.0f * std::sqrt(area / static_cast<float>(points.size()));
+        inverse_ = 1.0f / cell_;
+        for (int a = 0; a < 3; ++a) {
+            const float extent = a == 0 ? size.x : a == 1 ? size.y : size.z;
+            cells_[a] = static_cast<int>(std::floor(extent * inverse_)) + 1;
+        }
+        const std::size_t total = static_cast<std::size_t>(cells_[0]) * cells_[1] * cells_[2];
+        if (total > 64 * points.size() + 4096) return;
+        low_ = low;
+        points_.assign(points.begin(), points.end());
+        start_.assign(total + 1, 0);
+        std::vector<std::uint32_t> cellOf(points.size());
+        for (std::uint32_t i = 0; i < points.size(); ++i) {
+            cellOf[i] = static_cast<std::uint32_t>(flat(coords(points[i])));
+            ++start_[cellOf[i] + 1];
+        }
+        for (std::size_t c = 0; c < total; ++c)
+            start_[c + 1] += start_[c];
+        items_.resize(points.size());
+        std::vector<std::uint32_t> at(start_.begin(), start_.end() - 1);
+        for (std::uint32_t i = 0; i < points.size(); ++i)
+            items_[at[cellOf[i]]++] = i;
+    }
+
+    bool empty() const { return points_.empty(); }
+
+    std::uint32_t nearest(const Vec3f& p) const {
+        const std::array<int, 3> c = coords(p);
+        // Rings nearer than the grid's box hold nothing.
+        int first = 0, last = 0;
+        for (int a = 0; a < 3; ++a) {
+            first = std::max({first, -c[a], c[a] - (cells_[a] - 1)});
+            last = std::max({last, c[a], cells_[a] - 1 - c[a]});
+        }
+        std::uint32_t best = kNoValue;
+        float best2 = INFINITY;
+        for (int ring = first; ring <= last; ++ring) {
+            for (int z = c[2] - ring; z <= c[2] + ring; ++z) {
+                if (z < 0 || z >= cells_[2]) continue;
+                for (int y = c[1] - ring; y <= c[1] + ring; ++y) {
+                    if (y < 0 || y >= cells_[1]) continue;
+                    const bool rim = std::abs(z - c[2]) == ring || std::abs(y - c[1]) == ring;
+                    for (int x = c[0] - ring; x <= c[0] + ring;
+                         x += rim || ring == 0 ? 1 : 2 * ring) {
+                        if (x < 0 || x >= cells_[0]) continue;
+                        const std::size_t cell = flat({x, y, z});
+                        for (std::uint32_t e = start_[cell]; e < start_[cell + 1]; ++e) {
+                            const std::uint32_t i = items_[e];
+                            const float d2 = lengthSquared(points_[i] - p);
+                            if (d2 < best2 || (d2 == best2 && i < best)) {
+                                best2 = d2;
+                                best = i;
+                            }
+                        }
+                    }
+                }
+            }
+            // Anything in the rings beyond lies at least `ring` cells away.
+            const float reach = static_cast<float>(ring) * cell_;
+            if (best != kNoValue && best2 < reach * reach * 0.999f) break;
+        }
+        return best;
+    }
+
+  private:
+    std::array<int, 3> coords(const Vec3f& p) const {
+        const Vec3f d = (p - low_) * inverse_;
+        const auto clampCoord = [](float v) {
+            return static_cast<int>(std::floor(std::clamp(v, -1e6f, 1e6f)));
+        };
+        return {clampCoord(d.x), clampCoord(d.y), clampCoord(d.z)};
+    }
+    std::size_t flat(const std::array<int, 3>& c) const {
+        return (static_cast<std::size_t>(c[2]) * cells_[1] + c[1]) * cells_[0] + c[0];
+    }
+
+    float cell_ = 0.0f, inverse_ = 0.0f;
+    int cells_[3] = {0, 0, 0};
+    Vec3f low_;
+    std::vector<Vec3f> points_;
+    std::vector<std::uint32_t> start_, items_;
+};
 
 // The nearest item of a group tree to p, or kNoValue.
 std::uint32_t nearestIn(const GroupTree& group, const Vec3f& p) {
@@ -515,13 +620,31 @@ std::shared_ptr<const CenterPlan> buildCenterPlan(const StrandSet& strands,
     const std::vector<GroupTree> centerTrees =
         groupTrees(groups.keys.size(), centerIndex, centerGroup, plan->roots);
     const int ask = settings.parts ? PointTree::kMaxNearest : 1;
+    // Without parts a strand asks for its one nearest center, which a grid answers faster.
+    std::vector<CenterGrid> grids(centerTrees.size());
+    if (!settings.parts)
+        parallelRange(0, grids.size(), 1, [&](std::size_t begin, std::size_t end) {
+            for (std::size_t g = begin; g < end; ++g) {
+                std::vector<Vec3f> points;
+                for (const std::uint32_t c : centerTrees[g].items)
+                    points.push_back(plan->roots[c]);
+                grids[g] = CenterGrid(points);
+            }
+        });
     parallelRange(0, count, kGrain, [&](std::size_t begin, std::size_t end) {
         std::uint32_t found[PointTree::kMaxNearest];
         float d2[PointTree::kMaxNearest];
         for (std::size_t s = begin; s < end; ++s) {
             if (strands.pointRange(s).count == 0) continue;
             const GroupTree& group = centerTrees[groups.of[s]];
-            const int n = group.tree.nearest(roots[s], ask, found, d2);
+            const CenterGrid& grid = grids[groups.of[s]];
+            int n = 0;
+            if (!grid.empty()) {
+                found[0] = grid.nearest(roots[s]);
+                n = found[0] == kNoValue ? 0 : 1;
+            } else {
+                n = group.tree.nearest(roots[s], ask, found, d2);
+            }
             for (int k = 0; k < n; ++k) {
                 const std::uint32_t c = group.items[found[k]];
                 if (settings.parts) {

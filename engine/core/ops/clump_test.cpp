@@ -425,6 +425,23 @@ TEST(Clump, KeepsItsPlanUntilTheChoiceOfCentersChanges) {
     EXPECT_NE(clumpPlanOf(*op)->key, first->key);
 }
 
+TEST(Clump, RefitsItsCountToTheScalpOnlyWhenTheAreaChangesByMoreThanOnePercent) {
+    const auto strands = test::gridStrands(2000, 3, 14);
+    auto op = ShapeRun("Clump", {{"count", std::int64_t{10}}}).make();
+    const auto areaOn = [&](float side, std::uint64_t key) {
+        SceneInputs scene;
+        scene["scalp"] = SceneInput{Value(makeUvPlane(side, 4)), key};
+        EvalContext ctx;
+        ctx.sceneInputs = &scene;
+        op->evaluate(ctx, {Value(strands)});
+        return clumpPlanOf(*op)->area;
+    };
+    const float first = areaOn(10.0f, 1);
+    EXPECT_NEAR(first, 100.0f, 1e-3f);
+    EXPECT_EQ(areaOn(10.04f, 2), first);  // 0.8% more
+    EXPECT_NEAR(areaOn(10.2f, 3), 104.04f, 1e-3f);
+}
+
 TEST(Clump, WritesTheClumpNumbersTwistFollows) {
     const auto strands = test::gridStrands(3000, 5, 2);
     const ShapeRun clump("Clump",
