@@ -82,7 +82,10 @@ class ClumpOp final : public Operator {
         return {{"strands", PortType::Strands}, {"centers", PortType::Curves, true}};
     }
     bool carriesInput(std::size_t index) const override { return index == 0; }
-    std::vector<std::string> sceneInputs() const override { return {"parts"}; }
+    // The scalp's area fits the count and its normals lie under the centers; parts divide clumps.
+    std::vector<std::string> sceneInputs() const override {
+        return {std::string(kScalpInput), "parts"};
+    }
 
     std::vector<ParamSpec> params() const override {
         ParamSpec strength = shapeParam(

@@ -1,5 +1,6 @@
 #include <mutex>
 
+#include "fields/field_scene.h"
 #include "graph/errors.h"
 #include "graph/registry.h"
 #include "ops/clump.h"
@@ -14,6 +15,8 @@ class WetOp final : public Operator {
     std::string type() const override { return "Wet"; }
     std::string category() const override { return "look"; }
     std::vector<PortSpec> inputs() const override { return {{"strands", PortType::Strands}}; }
+    // What its Clump levels read: the scalp's area and normals.
+    std::vector<std::string> sceneInputs() const override { return {std::string(kScalpInput)}; }
 
     std::vector<ParamSpec> params() const override {
         ParamSpec wetness = fractionParam(
