@@ -399,7 +399,8 @@ class ClumpOp final : public Operator {
         std::shared_ptr<const CenterPlan> plan;
         if (incremental) {
             plan = reusablePlan(*input, pick, inputs, *incremental);
-            if (!plan || !mapsReadOnlyTheirStrand(paramSet, ctx, {"strength", "volumize"}))
+            if (!plan ||
+                !mapsReadOnlyTheirStrand(paramSet, ctx, {"strength", "volumize", "centerWeight"}))
                 return false;
         } else {
             if (source == CenterSource::Pick) pick.area = fittedArea(rootArea(*input, pick.scalp));
