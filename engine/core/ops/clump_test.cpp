@@ -99,6 +99,23 @@ TEST(Clump, StrengthOnePullsOntoTheAxisAtTheSameArcAndZeroChangesNothing) {
     EXPECT_LE(tipOf.size(), 20u);
 }
 
+TEST(Clump, GivenCenterPointsTakeTheNearestGatheredStrandAsTheirAxis) {
+    // The center curve bends away; as points, only its root counts, and the strand nearest it is
+    // the axis.
+    const Value bent = centerGuides({{{0, 0, 0}, {3, 1, 0}, {6, 2, 0}}});
+    const auto strands = handStrands({upFrom({0.5f, 0, 0}), upFrom({0.1f, 0, 0})});
+    const auto out =
+        ShapeRun("Clump", {{"centersFrom", std::string("inputPoints")}, {"strength", 1.0}})
+            .run(strands, {bent});
+    expectPointsNear(out->strandPoints(0), {{0.5f, 0, 0}, {0.1f, 1, 0}, {0.1f, 2, 0}});
+    expectPointsNear(out->strandPoints(1), upFrom({0.1f, 0, 0}));
+    // As curves, the same center is the bending curve itself.
+    const auto curved =
+        ShapeRun("Clump", {{"centersFrom", std::string("inputCurves")}, {"strength", 1.0}})
+            .run(strands, {bent});
+    EXPECT_GT(curved->strandPoints(0)[2].x, 1.0f);
+}
+
 TEST(Clump, PastTipGathersAtTheAxisTipOrExtendsAlongIt) {
     const auto strands = handStrands({upFrom({1, 0, 0}, 5)});
     const Value axis = centerGuides({upFrom({0, 0, 0})});
