@@ -79,8 +79,9 @@ struct CenterPlan {
     static constexpr int kNeighbors = 6;            // neighbouring centers, for copyAmount
 
     std::uint64_t key = 0;
-    std::uint64_t settingsKey = 0;           // the part of the key that is not the strands'
-    std::vector<std::uint64_t> chunkHashes;  // per kKeyChunk strands: ids, roots, channels read
+    std::uint64_t settingsKey = 0;            // the part of the key that is not the strands'
+    std::vector<std::uint64_t> chunkHashes;   // per kKeyChunk strands: ids, roots, channels read
+    std::vector<std::uint64_t> strandHashes;  // per strand: what the chunks' hashes fold
     std::size_t strandCount = 0;
     float area = 0.0f;  // the area the count was fitted to
 
@@ -106,12 +107,16 @@ struct CenterPlan {
 };
 
 // The key pieces of a plan for `strands` under `settings`: per kKeyChunk strands a hash of what
-// the choice reads of them (ids, root points, `_preview`, the region and tube channels), and the
-// hash of the settings. Chunks are hashed in parallel, the same at any thread count.
+// the choice reads of them (ids, root points, `_preview`, the region and tube channels, a mapped
+// centerWeight), and the hash of the settings. Chunks are hashed in parallel, the same at any
+// thread count.
 std::vector<std::uint64_t> centerChunkHashes(const StrandSet& strands,
                                              const CenterPickSettings& settings);
-std::uint64_t centerChunkHash(const StrandSet& strands, const CenterPickSettings& settings,
-                              std::size_t chunk);
+// Whether `plan` still holds for `strands` where only the `changed` strands may differ from those
+// it was built for: the same settings and, for each changed strand, the same hash of what the
+// choice reads of it.
+bool centerPlanHolds(const CenterPlan& plan, const StrandSet& strands,
+                     const CenterPickSettings& settings, std::span<const std::uint64_t> changed);
 std::uint64_t centerSettingsKey(const CenterPickSettings& settings);
 std::uint64_t centerPlanKey(std::uint64_t settingsKey, std::span<const std::uint64_t> chunks);
 

@@ -474,7 +474,7 @@ class ClumpOp final : public Operator {
     }
 
     // The cached plan, where the changed strands left its key as it was: the same settings, the
-    // same centers input and, for the chunks of strands that changed, the same hashes.
+    // same centers input and, for each strand that changed, the same hash of what it reads.
     std::shared_ptr<const CenterPlan> reusablePlan(const StrandSet& strands,
                                                    CenterPickSettings& pick,
                                                    const std::vector<Value>& inputs,
@@ -492,18 +492,7 @@ class ClumpOp final : public Operator {
             plan = plan_;
             if (pick.source == CenterSource::Pick) pick.area = fittedArea_;
         }
-        if (!plan || plan->strandCount != strands.strandCount() ||
-            plan->settingsKey != centerSettingsKey(pick))
-            return nullptr;
-        std::size_t lastChunk = ~std::size_t{0};
-        for (const std::uint64_t s : changed.strands) {
-            const std::size_t chunk = s / CenterPlan::kKeyChunk;
-            if (chunk == lastChunk) continue;
-            lastChunk = chunk;
-            if (chunk >= plan->chunkHashes.size() ||
-                centerChunkHash(strands, pick, chunk) != plan->chunkHashes[chunk])
-                return nullptr;
-        }
+        if (!plan || !centerPlanHolds(*plan, strands, pick, changed.strands)) return nullptr;
         return plan;
     }
 

@@ -407,44 +407,87 @@ CenterCurves centerCurvesOf(const StrandSet& strands, const std::string& regionC
     return centers;
 }
 
-std::uint64_t centerChunkHash(const StrandSet& strands, const CenterPickSettings& settings,
-                              std::size_t chunk) {
-    const ReadChannels read = readChannels(strands, settings);
-    const std::size_t begin = chunk * CenterPlan::kKeyChunk;
-    const std::size_t end = std::min(strands.strandCount(), begin + CenterPlan::kKeyChunk);
-    const bool weightMapped = settings.centerWeight.isMapped();
-    // A multiply-and-turn fold over 64-bit words, mixed once at the end: each step is a bijection,
-    // so a change of any one word changes the key, and the fold costs less than the reads.
-    std::uint64_t h = hashCombine(0x636c756d70ull, chunk);
-    const auto add = [&h](std::uint64_t word) { h = std::rotl((h ^ word) * kGolden, 29); };
-    const auto pair = [](std::uint32_t high, std::uint32_t low) {
-        return (static_cast<std::uint64_t>(high) << 32) | low;
-    };
-    const std::span<const std::uint64_t> ids = strands.ids();
-    const std::span<const StrandRoot> roots = strands.roots();
-    for (std::size_t s = begin; s < end; ++s) {
-        add(ids[s]);
-        const std::span<const Vec3f> points = strands.strandPoints(s);
-        const Vec3f root = points.empty() ? Vec3f{NAN, NAN, NAN} : points[0];
-        add(pair(floatBits(root.x), floatBits(root.y)));
-        add(pair(floatBits(root.z), static_cast<std::uint32_t>(roots[s].face)));
-        if (read.preview) add(floatBits((*read.preview)[s]));
-        if (read.region || read.tube) add(groupKey(read, s));
-        if (weightMapped) add(floatBits(settings.centerWeight.atStrand(s)));
-    }
-    return mix64(h);
+namespace {
+
+// A multiply-and-turn fold over 64-bit words: each step is a bijection, so a change of any one
+// word changes the result, and a fold costs less than a full mix per word.
+inline std::uint64_t fold(std::uint64_t h, std::uint64_t word) {
+    return std::rotl((h ^ word) * kGolden, 29);
 }
+
+// What the choice reads of one strand, as one hash: its id, root, and the channels read.
+class StrandKeys {
+  public:
+    StrandKeys(const StrandSet& strands, const CenterPickSettings& settings)
+        : strands_(strands),
+          settings_(settings),
+          read_(readChannels(strands, settings)),
+          weightMapped_(settings.centerWeight.isMapped()) {}
+
+    std::uint64_t operator()(std::size_t s) const {
+        const auto pair = [](std::uint32_t high, std::uint32_t low) {
+            return (static_cast<std::uint64_t>(high) << 32) | low;
+        };
+        const std::span<const Vec3f> points = strands_.strandPoints(s);
+        const Vec3f root = points.empty() ? Vec3f{NAN, NAN, NAN} : points[0];
+        std::uint64_t h = fold(0x636c756d70ull, strands_.ids()[s]);
+        h = fold(h, pair(floatBits(root.x), floatBits(root.y)));
+        h = fold(h, pair(floatBits(root.z), static_cast<std::uint32_t>(strands_.roots()[s].face)));
+        if (read_.preview) h = fold(h, floatBits((*read_.preview)[s]));
+        if (read_.region || read_.tube) h = fold(h, groupKey(read_, s));
+        if (weightMapped_) h = fold(h, floatBits(settings_.centerWeight.atStrand(s)));
+        return mix64(h);
+    }
+
+  private:
+    const StrandSet& strands_;
+    const CenterPickSettings& settings_;
+    ReadChannels read_;
+    bool weightMapped_;
+};
+
+std::size_t chunkCount(std::size_t strands) {
+    return (strands + CenterPlan::kKeyChunk - 1) / CenterPlan::kKeyChunk;
+}
+
+// Fills the per-strand hashes where asked for and returns the chunks' hashes folded from them.
+std::vector<std::uint64_t> keyChunks(const StrandSet& strands, const CenterPickSettings& settings,
+                                     std::vector<std::uint64_t>* perStrand) {
+    const StrandKeys keys(strands, settings);
+    const std::size_t count = strands.strandCount();
+    if (perStrand) perStrand->resize(count);
+    std::vector<std::uint64_t> chunks(chunkCount(count));
+    parallelRange(0, chunks.size(), 1, [&](std::size_t begin, std::size_t end) {
+        for (std::size_t c = begin; c < end; ++c) {
+            std::uint64_t h = hashCombine(0x636c756d70ull, c);
+            const std::size_t last = std::min(count, (c + 1) * CenterPlan::kKeyChunk);
+            for (std::size_t s = c * CenterPlan::kKeyChunk; s < last; ++s) {
+                const std::uint64_t k = keys(s);
+                if (perStrand) (*perStrand)[s] = k;
+                h = fold(h, k);
+            }
+            chunks[c] = mix64(h);
+        }
+    });
+    return chunks;
+}
+
+}  // namespace
 
 std::vector<std::uint64_t> centerChunkHashes(const StrandSet& strands,
                                              const CenterPickSettings& settings) {
-    const std::size_t chunks =
-        (strands.strandCount() + CenterPlan::kKeyChunk - 1) / CenterPlan::kKeyChunk;
-    std::vector<std::uint64_t> hashes(chunks);
-    parallelRange(0, chunks, 1, [&](std::size_t begin, std::size_t end) {
-        for (std::size_t c = begin; c < end; ++c)
-            hashes[c] = centerChunkHash(strands, settings, c);
-    });
-    return hashes;
+    return keyChunks(strands, settings, nullptr);
+}
+
+bool centerPlanHolds(const CenterPlan& plan, const StrandSet& strands,
+                     const CenterPickSettings& settings, std::span<const std::uint64_t> changed) {
+    if (plan.strandCount != strands.strandCount() ||
+        plan.settingsKey != centerSettingsKey(settings))
+        return false;
+    const StrandKeys keys(strands, settings);
+    for (const std::uint64_t s : changed)
+        if (s >= plan.strandHashes.size() || keys(s) != plan.strandHashes[s]) return false;
+    return true;
 }
 
 std::uint64_t centerSettingsKey(const CenterPickSettings& settings) {
@@ -504,7 +547,7 @@ std::shared_ptr<const CenterPlan> buildCenterPlan(const StrandSet& strands,
     plan->source = settings.source;
     plan->strandCount = count;
     plan->area = settings.area;
-    plan->chunkHashes = centerChunkHashes(strands, settings);
+    plan->chunkHashes = keyChunks(strands, settings, &plan->strandHashes);
     plan->settingsKey = centerSettingsKey(settings);
     plan->key = centerPlanKey(plan->settingsKey, plan->chunkHashes);
     plan->centerOf.assign(count, -1);

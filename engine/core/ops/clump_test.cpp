@@ -578,6 +578,10 @@ TEST(Clump, IncrementalRunsRedoTheBentStrandsAndTheClumpsOfBentAxes) {
     EXPECT_EQ(rerunAfterBending(clump, strands, {axis}, same),
               "incremental " + std::to_string(plan->membersOf(0).size()));
     EXPECT_TRUE(same);
+    // A moved root may move the centers: that runs in full.
+    const auto moved = test::incrementalAfterMove(clump, strands, {10});
+    EXPECT_EQ(moved.run.rfind("full", 0), 0u) << moved.run;
+    EXPECT_TRUE(moved.sameAsFull);
 }
 
 TEST(Wet, DryPassesThroughAndEachLevelWritesItsOwnChannel) {
