@@ -230,8 +230,11 @@ void clumpStrands(const StrandSet& input, const CenterPlan& plan, const ClumpAxi
             const float lockAngle = kTwoPi * draws.next();
             const float sideAngle = kTwoPi * draws.next();
             const float lockRadius = run.radius * share;
-            const float lockN = lockRadius * std::cos(lockAngle);
-            const float lockB = lockRadius * std::sin(lockAngle);
+            float lockN = 0.0f, lockB = 0.0f;
+            if (lockRadius > 0.0f) {
+                lockN = lockRadius * std::cos(lockAngle);
+                lockB = lockRadius * std::sin(lockAngle);
+            }
             const float volumize = volumizeMapped ? settings.volumize.atStrand(s) : plainVolumize;
 
             const Vec3f* axis = axes.points.data() + c * kSamples;
