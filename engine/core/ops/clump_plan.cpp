@@ -188,7 +188,80 @@ class CenterGrid {
 
     bool empty() const { return points_.empty(); }
 
+    // Lists, for each small cell (a quarter of a grid cell) that holds one of `queries`, the
+    // points that can be nearest to anything in it, so that a strand compares against a handful
+    // of centers instead of searching rings of cells.
+    void prepare(std::span<const Vec3f> queries) {
+        if (points_.empty()) return;
+        fineInverse_ = 4.0f * inverse_;
+        const float fine = 1.0f / fineInverse_;
+        std::size_t total = 1;
+        for (int a = 0; a < 3; ++a) {
+            fineCells_[a] = 4 * cells_[a];
+            total *= static_cast<std::size_t>(fineCells_[a]);
+        }
+        if (total > (std::size_t{1} << 22)) return;
+        std::vector<std::uint32_t> slots(total, kNoValue);
+        std::vector<std::size_t> occupied;
+        for (const Vec3f& q : queries) {
+            const std::size_t f = fineIndex(q);
+            if (f == kOutside || slots[f] != kNoValue) continue;
+            slots[f] = static_cast<std::uint32_t>(occupied.size());
+            occupied.push_back(f);
+        }
+        std::vector<std::vector<std::uint32_t>> lists(occupied.size());
+        parallelRange(0, occupied.size(), 64, [&](std::size_t begin, std::size_t end) {
+            for (std::size_t i = begin; i < end; ++i) {
+                const std::size_t f = occupied[i];
+                const std::size_t fx = f % static_cast<std::size_t>(fineCells_[0]);
+                const std::size_t fy = (f / static_cast<std::size_t>(fineCells_[0])) %
+                                       static_cast<std::size_t>(fineCells_[1]);
+                const std::size_t fz = f / (static_cast<std::size_t>(fineCells_[0]) *
+                                            static_cast<std::size_t>(fineCells_[1]));
+                const Vec3f middle =
+                    low_ + Vec3f{static_cast<float>(fx) + 0.5f, static_cast<float>(fy) + 0.5f,
+                                 static_cast<float>(fz) + 0.5f} *
+                               fine;
+                // Whatever is nearest to a point of the cell lies within the middle's nearest
+                // distance and the cell's diagonal of the middle (with a margin for rounding).
+                const float reach =
+                    length(points_[ringNearest(middle)] - middle) + fine * (1.7321f + 1e-3f);
+                within(middle, reach, lists[i]);
+                std::sort(lists[i].begin(), lists[i].end());
+            }
+        });
+        listStart_.assign(occupied.size() + 1, 0);
+        for (std::size_t i = 0; i < lists.size(); ++i)
+            listStart_[i + 1] = listStart_[i] + static_cast<std::uint32_t>(lists[i].size());
+        listItems_.clear();
+        for (const auto& list : lists)
+            listItems_.insert(listItems_.end(), list.begin(), list.end());
+        fineSlots_ = std::move(slots);
+    }
+
     std::uint32_t nearest(const Vec3f& p) const {
+        if (!fineSlots_.empty()) {
+            const std::size_t f = fineIndex(p);
+            if (f != kOutside && fineSlots_[f] != kNoValue) {
+                std::uint32_t best = kNoValue;
+                float best2 = INFINITY;
+                // Ascending indices: the first of equal distances stays.
+                for (std::uint32_t e = listStart_[fineSlots_[f]]; e < listStart_[fineSlots_[f] + 1];
+                     ++e) {
+                    const float d2 = lengthSquared(points_[listItems_[e]] - p);
+                    if (d2 < best2) {
+                        best2 = d2;
+                        best = listItems_[e];
+                    }
+                }
+                return best;
+            }
+        }
+        return ringNearest(p);
+    }
+
+    // The nearest point by rings of cells around p's.
+    std::uint32_t ringNearest(const Vec3f& p) const {
         const std::array<int, 3> c = coords(p);
         // Rings nearer than the grid's box hold nothing.
         int first = 0, last = 0;
@@ -199,26 +272,13 @@ class CenterGrid {
         std::uint32_t best = kNoValue;
         float best2 = INFINITY;
         for (int ring = first; ring <= last; ++ring) {
-            for (int z = c[2] - ring; z <= c[2] + ring; ++z) {
-                if (z < 0 || z >= cells_[2]) continue;
-                for (int y = c[1] - ring; y <= c[1] + ring; ++y) {
-                    if (y < 0 || y >= cells_[1]) continue;
-                    const bool rim = std::abs(z - c[2]) == ring || std::abs(y - c[1]) == ring;
-                    for (int x = c[0] - ring; x <= c[0] + ring;
-                         x += rim || ring == 0 ? 1 : 2 * ring) {
-                        if (x < 0 || x >= cells_[0]) continue;
-                        const std::size_t cell = flat({x, y, z});
-                        for (std::uint32_t e = start_[cell]; e < start_[cell + 1]; ++e) {
-                            const std::uint32_t i = items_[e];
-                            const float d2 = lengthSquared(points_[i] - p);
-                            if (d2 < best2 || (d2 == best2 && i < best)) {
-                                best2 = d2;
-                                best = i;
-                            }
-                        }
-                    }
+            forRing(c, ring, [&](std::uint32_t i) {
+                const float d2 = lengthSquared(points_[i] - p);
+                if (d2 < best2 || (d2 == best2 && i < best)) {
+                    best2 = d2;
+                    best = i;
                 }
-            }
+            });
             // Anything in the rings beyond lies at least `ring` cells away.
             const float reach = static_cast<float>(ring) * cell_;
             if (best != kNoValue && best2 < reach * reach * 0.999f) break;
@@ -226,7 +286,49 @@ class CenterGrid {
         return best;
     }
 
+    // Appends the points within `reach` of p.
+    void within(const Vec3f& p, float reach, std::vector<std::uint32_t>& out) const {
+        const std::array<int, 3> c = coords(p);
+        const int rings = static_cast<int>(std::ceil(reach * inverse_)) + 1;
+        for (int ring = 0; ring <= rings; ++ring)
+            forRing(c, ring, [&](std::uint32_t i) {
+                if (lengthSquared(points_[i] - p) <= reach * reach) out.push_back(i);
+            });
+    }
+
   private:
+    static constexpr std::size_t kOutside = ~std::size_t{0};
+
+    // Calls visit(i) for every point in the cells `ring` cells around cell c (a shell).
+    template <class Visit>
+    void forRing(const std::array<int, 3>& c, int ring, const Visit& visit) const {
+        for (int z = c[2] - ring; z <= c[2] + ring; ++z) {
+            if (z < 0 || z >= cells_[2]) continue;
+            for (int y = c[1] - ring; y <= c[1] + ring; ++y) {
+                if (y < 0 || y >= cells_[1]) continue;
+                const bool rim = std::abs(z - c[2]) == ring || std::abs(y - c[1]) == ring;
+                for (int x = c[0] - ring; x <= c[0] + ring; x += rim || ring == 0 ? 1 : 2 * ring) {
+                    if (x < 0 || x >= cells_[0]) continue;
+                    const std::size_t cell = flat({x, y, z});
+                    for (std::uint32_t e = start_[cell]; e < start_[cell + 1]; ++e)
+                        visit(items_[e]);
+                }
+            }
+        }
+    }
+
+    std::size_t fineIndex(const Vec3f& p) const {
+        const Vec3f d = (p - low_) * fineInverse_;
+        const float at[3] = {d.x, d.y, d.z};
+        std::size_t index = 0;
+        for (int a = 2; a >= 0; --a) {
+            if (!(at[a] >= 0.0f) || !(at[a] < static_cast<float>(fineCells_[a]))) return kOutside;
+            index =
+                index * static_cast<std::size_t>(fineCells_[a]) + static_cast<std::size_t>(at[a]);
+        }
+        return index;
+    }
+
     std::array<int, 3> coords(const Vec3f& p) const {
         const Vec3f d = (p - low_) * inverse_;
         const auto clampCoord = [](float v) {
@@ -243,6 +345,9 @@ class CenterGrid {
     Vec3f low_;
     std::vector<Vec3f> points_;
     std::vector<std::uint32_t> start_, items_;
+    float fineInverse_ = 0.0f;
+    int fineCells_[3] = {0, 0, 0};
+    std::vector<std::uint32_t> fineSlots_, listStart_, listItems_;
 };
 
 // The nearest item of a group tree to p, or kNoValue.
@@ -674,6 +779,8 @@ std::shared_ptr<const CenterPlan> buildCenterPlan(const StrandSet& strands,
                 grids[g] = CenterGrid(points);
             }
         });
+    // With one group every strand asks the same grid: list the few centers each place can have.
+    if (grids.size() == 1) grids[0].prepare(roots);
     parallelRange(0, count, kGrain, [&](std::size_t begin, std::size_t end) {
         std::uint32_t found[PointTree::kMaxNearest];
         float d2[PointTree::kMaxNearest];
