@@ -409,6 +409,11 @@ TEST(Clump, SameBitsAtAnyThreadCountAndForTheStrandsAPreviewKeeps) {
     const auto [one, two] =
         test::onOneAndTwoThreads([&] { return clump.run(full)->contentHash(); });
     EXPECT_EQ(one, two);
+    // Enough centers that their relaxation and the lists of near centers run in parallel too.
+    const ShapeRun many("Clump", {{"count", std::int64_t{700}}, {"randomness", 0.6}});
+    const auto [manyOne, manyTwo] =
+        test::onOneAndTwoThreads([&] { return many.run(full)->contentHash(); });
+    EXPECT_EQ(manyOne, manyTwo);
 
     // A preview keeps a subset by id that holds every marked strand, and with them the centers.
     StrandSet preview;
