@@ -259,6 +259,33 @@ TEST(Clump, NegativeStrengthPartsStrandsAroundTheCentersKeepingLengths) {
     expectPointsNear(out->strandPoints(2), upFrom({3, 0, 0}, 5), 0.0f);
 }
 
+TEST(Clump, AwkwardStrandsComeOutFiniteWithRootsInPlace) {
+    // Empty strands, strands of one point, strands of no length, among ordinary ones.
+    const auto strands = test::mixedStrands(600, 3);
+    const std::vector<std::map<std::string, ParamValue>> settings = {
+        {{"count", std::int64_t{30}}},
+        {{"count", std::int64_t{5000}}, {"randomness", 0.0}},
+        {{"lockRadius", 0.2}, {"flatness", 0.5}, {"volumize", 0.4}, {"copyAmount", 0.5}},
+        {{"strength", -1.0}, {"repelRadius", 2.0}},
+        {{"clumpBy", std::string("size")}, {"size", 0.3}, {"pastTip", std::string("extend")}},
+    };
+    for (const auto& params : settings) {
+        const auto out = ShapeRun("Clump", params).run(strands);
+        for (std::size_t s = 0; s < strands->strandCount(); ++s) {
+            const auto before = strands->strandPoints(s), after = out->strandPoints(s);
+            ASSERT_EQ(after.size(), before.size());
+            if (before.empty()) continue;
+            EXPECT_EQ(after[0], before[0]) << "strand " << s;
+            for (const Vec3f& p : after)
+                ASSERT_TRUE(std::isfinite(p.x) && std::isfinite(p.y) && std::isfinite(p.z))
+                    << "strand " << s;
+            if (before.size() < 2) {
+                EXPECT_TRUE(std::equal(after.begin(), after.end(), before.begin()));
+            }
+        }
+    }
+}
+
 TEST(ClumpPlan, EveryStrandHasAtMostOneCenterTheNearestOfItsRegion) {
     auto strands = std::make_shared<StrandSet>(*test::gridStrands(4000, 3, 11));
     std::vector<float>& region = strands->addStrandChannel("region", 0.0f);
