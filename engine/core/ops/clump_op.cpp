@@ -417,7 +417,7 @@ class ClumpOp final : public Operator {
             if (!channel.empty()) {
                 made->removeStrandChannel(channel);
                 std::vector<float>& numbers = made->addStrandChannel(channel, -1.0f);
-                parallelRange(0, numbers.size(), 4096, [&](std::size_t begin, std::size_t end) {
+                parallelRange(0, numbers.size(), 256, [&](std::size_t begin, std::size_t end) {
                     for (std::size_t s = begin; s < end; ++s) {
                         const std::int32_t c = plan->centerOf[s];
                         numbers[s] = c < 0 ? -1.0f : plan->numbers[static_cast<std::size_t>(c)];
