@@ -1,5 +1,6 @@
 #include "fields/mapped_params.h"
 #include "graph/registry.h"
+#include "ops/clump.h"
 #include "ops/field_ops.h"
 #include "ops/grow_ops.h"
 #include "ops/shape_ops.h"
@@ -24,9 +25,11 @@ void registerBuiltinOperators(OperatorRegistry& registry) {
     registerSculptOperator(registry);
     registerBendOperator(registry);
     registerTransformOperator(registry);
+    registerClumpOperator(registry);
     registerTwistOperator(registry);
     registerNoiseOperator(registry);
     registerCurlOperator(registry);
+    registerWetOperator(registry);
     registerMapOperator(registry);
     registerExpressionOperator(registry);
     registerControlOperator(registry);
