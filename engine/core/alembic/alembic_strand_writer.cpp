@@ -40,20 +40,20 @@ struct ChannelSource {
     bool present() const { return perPoint != nullptr || perStrand != nullptr; }
 };
 
-// Per point values of a channel (a strand channel repeated along its strand), or 0 without it.
-void pointValues(const StrandSet& set, std::string_view name, std::vector<float>& out) {
+// Per point values of a channel (a strand channel repeated along its strand), or 0 without it,
+// into every `stride`-th entry of `out` from `first`: colours are interleaved straight from their
+// three channels.
+void pointValues(const StrandSet& set, std::string_view name, std::vector<float>& out,
+                 std::size_t stride = 1, std::size_t first = 0) {
     const ChannelSource source(set, name);
-    out.resize(set.pointCount());
-    if (source.perPoint != nullptr) {
-        out.assign(source.perPoint->begin(), source.perPoint->end());
-        return;
-    }
+    out.resize(set.pointCount() * stride);
     const auto offsets = set.offsets();
-    parallelRange(0, set.strandCount(), kGrain, [&](std::size_t begin, std::size_t end) {
+    parallelRange(0, set.strandCount(), kGrain / 8, [&](std::size_t begin, std::size_t end) {
         for (std::size_t s = begin; s < end; ++s) {
-            const float value = source.perStrand != nullptr ? (*source.perStrand)[s] : 0.0f;
-            std::fill(out.begin() + static_cast<std::ptrdiff_t>(offsets[s]),
-                      out.begin() + static_cast<std::ptrdiff_t>(offsets[s + 1]), value);
+            const float strandValue = source.perStrand != nullptr ? (*source.perStrand)[s] : 0.0f;
+            for (std::size_t p = offsets[s]; p < offsets[s + 1]; ++p)
+                out[p * stride + first] =
+                    source.perPoint != nullptr ? (*source.perPoint)[p] : strandValue;
         }
     });
 }
@@ -362,12 +362,8 @@ struct AlembicStrandWriter::Impl {
         setParam(object.width, widths, pointCount);
         setParam(object.rootUv, s.rootUv.data(), strandCount);
         if (object.color.valid()) {
-            s.color.resize(3 * pointCount);
-            for (std::size_t c = 0; c < 3; ++c) {
-                pointValues(set, channels::kColor[c], s.channel);
-                for (std::size_t p = 0; p < pointCount; ++p)
-                    s.color[3 * p + c] = s.channel[p];
-            }
+            for (std::size_t c = 0; c < 3; ++c)
+                pointValues(set, channels::kColor[c], s.color, 3, c);
             setParam(object.color, s.color.data(), pointCount);
         }
         if (object.roughness.valid()) {
@@ -381,14 +377,20 @@ struct AlembicStrandWriter::Impl {
                 s.ints[i] = clumpNumber(s.channel[i]);
             setParam(object.clumpId, s.ints.data(), strandCount);
         }
-        if (object.iridescence.valid()) {
-            pointValues(set, channels::kIridescence, s.channel);
-            setParam(object.iridescence, s.channel.data(), pointCount);
+        writePointChannel(object.iridescence, set, channels::kIridescence);
+        writePointChannel(object.ao, set, channels::kAmbientOcclusion);
+    }
+
+    // A vertex parameter from a channel: a point channel goes to the library as it is.
+    void writePointChannel(AbcG::OFloatGeomParam& param, const StrandSet& set,
+                           std::string_view name) {
+        if (!param.valid()) return;
+        if (const std::vector<float>* channel = set.pointChannel(name)) {
+            setParam(param, channel->data(), channel->size());
+            return;
         }
-        if (object.ao.valid()) {
-            pointValues(set, channels::kAmbientOcclusion, s.channel);
-            setParam(object.ao, s.channel.data(), pointCount);
-        }
+        pointValues(set, name, scratch.channel);
+        setParam(param, scratch.channel.data(), scratch.channel.size());
     }
 
     void checkForm(Form wanted, const char* message) const {
@@ -400,8 +402,10 @@ struct AlembicStrandWriter::Impl {
     void checkGroups(const char* operation, std::span<const AlembicGroup> groups) const {
         for (std::size_t i = 0; i < groups.size(); ++i) {
             const AlembicGroup& group = groups[i];
-            if (group.name.empty())
-                throw std::invalid_argument(std::string(operation) + ": a group needs a name");
+            // The library takes "/" for the path between objects.
+            if (group.name.empty() || group.name.find('/') != std::string::npos)
+                throw std::invalid_argument(std::string(operation) +
+                                            ": a group needs a name without '/'");
             for (std::size_t j = 0; j < i; ++j) {
                 if (groups[j].name == group.name)
                     throw AlembicError("two groups named '" + group.name + "'");

@@ -430,6 +430,11 @@ TEST(AlembicStrandWriter, RefusesMisuseWithItsMessagesAndWritesNothing) {
     for (double cm : {0.0, -1.0, std::nan(""), HUGE_VAL})
         EXPECT_EQ(messageOf<std::invalid_argument>([&] { writer.setSpace("Z", cm); }),
                   "the centimeters per unit must be positive");
+    for (const char* name : {"", "a/b"})
+        EXPECT_EQ(messageOf<std::invalid_argument>([&] {
+                      writer.writeStrandsGrouped(0.0, std::vector<AlembicGroup>{{name, 1, {}, {}}});
+                  }),
+                  "writeStrandsGrouped: a group needs a name without '/'");
     writer.writeStrands(2.0, set);
     EXPECT_EQ(messageOf<std::invalid_argument>([&] { writer.writeStrands(2.0, set); }),
               "writeStrands: frames are written in order, each after the last");
