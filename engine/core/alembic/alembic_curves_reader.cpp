@@ -2,6 +2,7 @@
 
 #include "alembic/alembic_error.h"
 #include "alembic/alembic_strand_writer.h"
+#include "alembic/archive_layout.h"
 #include "alembic/ogawa_check.h"
 #include "strands/channel_names.h"
 #include "strands/guide_conversion.h"
@@ -24,6 +25,7 @@ namespace AbcG = Alembic::AbcGeom;
 
 // Deeper object trees are refused by the index check already; this bounds the walk's recursion.
 constexpr std::size_t kMaxObjectDepth = 256;
+constexpr std::size_t kMaxSamples = std::size_t{1} << 20;
 
 // What one sample's counts say: the curves and the points they hold.
 struct Layout {
@@ -166,11 +168,28 @@ struct AlembicCurvesReader::Impl {
         throw AlembicError(name + ": " + reason);
     }
 
+    // The library sizes what it reads by a property's type, taken from the file as it is: a type
+    // of no bytes (a zero extent, an unknown kind) would divide by zero, so such a file is refused
+    // before any sample is read.
+    void checkTypes(const Abc::ICompoundProperty& compound, std::size_t depth) {
+        if (depth > kMaxObjectDepth) fail("the archive's properties nest too deep");
+        for (std::size_t i = 0; i < compound.getNumProperties(); ++i) {
+            const AbcA::PropertyHeader& header = compound.getPropertyHeader(i);
+            if (header.isCompound()) {
+                checkTypes(Abc::ICompoundProperty(compound, header.getName()), depth + 1);
+            } else if (header.getDataType().getNumBytes() == 0) {
+                fail("the property '" + header.getName() + "' of '" +
+                     compound.getObject().getFullName() + "' has a damaged type");
+            }
+        }
+    }
+
     void collect(const Abc::IObject& object, std::size_t depth) {
         if (depth > kMaxObjectDepth) fail("the archive's objects nest too deep");
         for (std::size_t i = 0; i < object.getNumChildren(); ++i) {
             const Abc::IObject child = object.getChild(i);
             if (!child.valid()) continue;
+            checkTypes(child.getProperties(), 0);
             if (AbcG::ICurves::matches(child.getHeader()))
                 curves.emplace_back(child, Abc::kWrapExisting);
             collect(child, depth + 1);
@@ -178,8 +197,10 @@ struct AlembicCurvesReader::Impl {
     }
 
     void open(const OgawaRead& read, std::uint64_t size,
+              const std::function<std::string()>& checkLayout,
               const std::function<Abc::IArchive(Alembic::AbcCoreFactory::IFactory&)>& make) {
-        const std::string problem = checkOgawaIndex(size, read);
+        std::string problem = checkOgawaIndex(size, read);
+        if (problem.empty()) problem = checkLayout();
         if (!problem.empty()) fail(problem);
         try {
             Alembic::AbcCoreFactory::IFactory factory;
@@ -324,9 +345,9 @@ AlembicCurvesReader::AlembicCurvesReader(const std::string& path)
         file.read(static_cast<char*>(out), static_cast<std::streamsize>(count));
         return static_cast<std::size_t>(file.gcount()) == count;
     };
-    impl_->open(read, size, [&](Alembic::AbcCoreFactory::IFactory& factory) {
-        return factory.getArchive(path);
-    });
+    impl_->open(
+        read, size, [&] { return checkAlembicLayout(path); },
+        [&](Alembic::AbcCoreFactory::IFactory& factory) { return factory.getArchive(path); });
 }
 
 AlembicCurvesReader::AlembicCurvesReader(std::string name, std::string bytes)
@@ -338,11 +359,19 @@ AlembicCurvesReader::AlembicCurvesReader(std::string name, std::string bytes)
         return true;
     };
     const std::uint64_t size = bytes.size();
-    impl_->open(read, size, [&](Alembic::AbcCoreFactory::IFactory& factory) {
-        impl_->stream = std::make_unique<std::istringstream>(std::move(bytes));
-        Alembic::AbcCoreFactory::IFactory::CoreType type;
-        return factory.getArchive(std::vector<std::istream*>{impl_->stream.get()}, type);
-    });
+    impl_->open(
+        read, size,
+        [&] {
+            impl_->stream = std::make_unique<std::istringstream>(std::move(bytes));
+            return checkAlembicLayout(*impl_->stream);
+        },
+        [&](Alembic::AbcCoreFactory::IFactory& factory) {
+            // The check read the stream before; the library starts afresh on it.
+            impl_->stream->clear();
+            impl_->stream->seekg(0);
+            Alembic::AbcCoreFactory::IFactory::CoreType type;
+            return factory.getArchive(std::vector<std::istream*>{impl_->stream.get()}, type);
+        });
 }
 
 AlembicCurvesReader::~AlembicCurvesReader() = default;
@@ -367,9 +396,14 @@ std::vector<double> AlembicCurvesReader::sampleTimes() const {
             AbcG::ICurvesSchema schema = object.getSchema();
             const AbcA::TimeSamplingPtr sampling = schema.getTimeSampling();
             const std::size_t count = schema.getNumSamples();
+            // A count is a number in the file; no groom has a million frames, so more is damage.
+            if (count > kMaxSamples)
+                impl_->fail("a curves object claims " + std::to_string(count) + " samples");
             for (std::size_t i = 0; i < count && sampling; ++i)
                 times.push_back(sampling->getSampleTime(i));
         }
+    } catch (const AlembicError&) {
+        throw;
     } catch (const std::exception& error) {
         impl_->fail(error.what());
     }
