@@ -75,6 +75,38 @@ struct Walk {
         for (std::size_t child = 0; child < needed; ++child)
             if (!group->isChildData(child))
                 fail("a property's samples are missing from the archive");
+        if (header.header.isArray())
+            for (std::size_t sample = 0; sample <= last; ++sample)
+                arraySample(header.header.getDataType(), group->getData(2 * sample, 0),
+                            group->getData(2 * sample + 1, 0));
+    }
+
+    // The library sizes an array sample by the dimensions the file gives, unless they disagree
+    // with the bytes held; dimensions of a broken length, a product past 64 bits, or more
+    // strings than bytes would have it write past what it allocates.
+    static void arraySample(const AbcA::DataType& type, const Ogawa::IDataPtr& data,
+                            const Ogawa::IDataPtr& dims) {
+        if (!data || !dims) fail("a property's samples are missing from the archive");
+        const std::uint64_t bytes = data->getSize();
+        if (bytes < 16 || dims->getSize() == 0) return;
+        const std::uint64_t ranks = dims->getSize() / 8;
+        if (dims->getSize() % 8 != 0 || ranks > 64)
+            fail("an array sample of the archive has damaged dimensions");
+        std::uint64_t values[64];
+        dims->read(ranks * 8, values, 0, 0);
+        std::uint64_t points = 1;
+        for (std::uint64_t r = 0; r < ranks; ++r)
+            if (__builtin_mul_overflow(points, values[r], &points))
+                fail("an array sample of the archive has damaged dimensions");
+        std::uint64_t total = 0;
+        if (__builtin_mul_overflow(points, std::uint64_t{type.getNumBytes()}, &total))
+            fail("an array sample of the archive has damaged dimensions");
+        const Alembic::Util::PlainOldDataType pod = type.getPod();
+        const std::uint64_t held = bytes - 16;
+        // Each string takes at least its terminator.
+        if ((pod == Alembic::Util::kStringPOD && points > held / type.getExtent()) ||
+            (pod == Alembic::Util::kWstringPOD && points > held / 4 / type.getExtent()))
+            fail("an array sample of the archive has damaged dimensions");
     }
 
     void compound(const Ogawa::IGroupPtr& group, std::size_t depth) {
