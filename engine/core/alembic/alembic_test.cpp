@@ -446,13 +446,42 @@ TEST(AlembicStrandWriter, RefusesMisuseWithItsMessagesAndWritesNothing) {
 }
 
 // Writes curves through the library directly, as another program might, with `counts` for the
-// points given.
+// points given and widths of any scope.
 void writeRawCurves(const std::string& path, const std::vector<Imath::V3f>& points,
-                    const std::vector<std::int32_t>& counts) {
+                    const std::vector<std::int32_t>& counts, const std::vector<float>& widths = {},
+                    AbcG::GeometryScope scope = AbcG::kVertexScope) {
     Abc::OArchive archive(Alembic::AbcCoreOgawa::WriteArchive(), path);
     AbcG::OCurves curves(archive.getTop(), "raw");
-    curves.getSchema().set(AbcG::OCurvesSchema::Sample(
-        Abc::P3fArraySample(points), Abc::Int32ArraySample(counts), AbcG::kLinear));
+    AbcG::OFloatGeomParam::Sample widthSample;
+    if (!widths.empty()) widthSample = AbcG::OFloatGeomParam::Sample(widths, scope);
+    curves.getSchema().set(AbcG::OCurvesSchema::Sample(Abc::P3fArraySample(points),
+                                                       Abc::Int32ArraySample(counts), AbcG::kLinear,
+                                                       AbcG::kNonPeriodic, widthSample));
+}
+
+// Other programs write widths per point, per curve or once; every point gets its width.
+TEST(AlembicCurvesReader, GivesEveryPointItsWidthWhateverTheScope) {
+    TempFile file("widths");
+    const std::vector<Imath::V3f> four(4, Imath::V3f(0.0f));
+    struct Case {
+        std::vector<float> widths;
+        AbcG::GeometryScope scope;
+        std::vector<float> expected;
+    };
+    const Case cases[] = {
+        {{1, 2, 3, 4}, AbcG::kVertexScope, {1, 2, 3, 4}},
+        {{5, 6}, AbcG::kUniformScope, {5, 6, 6, 6}},
+        {{7}, AbcG::kConstantScope, {7, 7, 7, 7}},
+        {{}, AbcG::kVertexScope, {1, 1, 1, 1}},
+    };
+    for (const Case& c : cases) {
+        writeRawCurves(file.path(), four, {1, 3}, c.widths, c.scope);
+        EXPECT_EQ(values(AlembicCurvesReader(file.path()).readStrands(0.0).widths()), c.expected);
+    }
+    writeRawCurves(file.path(), four, {1, 3}, {1, 2, 3}, AbcG::kVertexScope);
+    const AlembicCurvesReader reader(file.path());
+    EXPECT_EQ(messageOf<AlembicError>([&] { reader.readStrands(0.0); }),
+              file.path() + ": the parameter 'width' holds 3 values for 2 curves of 4 points");
 }
 
 TEST(AlembicCurvesReader, RefusesFilesAndSamplesThatMakeNoSenseNamingTheFile) {
