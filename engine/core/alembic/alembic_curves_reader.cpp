@@ -222,15 +222,19 @@ void AlembicCurvesReader::Impl::readObject(AbcG::ICurves& object, double time,
                                            std::uint64_t firstId, StrandSet& out) const {
     const Abc::ISampleSelector selector(time);
     AbcG::ICurvesSchema& schema = object.getSchema();
-    AbcG::ICurvesSchema::Sample sample;
-    schema.get(sample, selector);
-    const Abc::P3fArraySamplePtr positions = sample.getPositions();
-    const Abc::Int32ArraySamplePtr counts = sample.getCurvesNumVertices();
-    // An empty array may come back without storage; only a missing one is an error.
-    if (!positions || !counts) fail("a curves sample has no positions or vertex counts");
+    // Positions go from the file straight into the set's column, without a buffer between.
+    Abc::IP3fArrayProperty positions = schema.getPositionsProperty();
+    Abc::IInt32ArrayProperty countsProperty = schema.getNumVerticesProperty();
+    if (!positions.valid() || !countsProperty.valid())
+        fail("a curves sample has no positions or vertex counts");
+    Abc::Int32ArraySamplePtr counts;
+    countsProperty.get(counts, selector);
+    Alembic::Util::Dimensions dimensions;
+    positions.getDimensions(dimensions, selector);
+    if (!counts) fail("a curves sample has no positions or vertex counts");
 
     const std::size_t curveCount = counts->size();
-    const std::size_t pointCount = positions->size();
+    const std::size_t pointCount = dimensions.numPoints();
     out.resizeForOverwrite(curveCount, pointCount);
     std::vector<std::uint64_t>& offsets = out.writeOffsets();
     std::uint64_t total = 0;
@@ -247,20 +251,26 @@ void AlembicCurvesReader::Impl::readObject(AbcG::ICurves& object, double time,
     const Layout layout{curveCount, pointCount, offsets.data()};
 
     if (pointCount > 0)
-        std::memcpy(static_cast<void*>(out.writePoints().data()), positions->get(),
-                    pointCount * sizeof(Vec3f));
+        positions.getAs(out.writePoints().data(), Alembic::Util::kFloat32POD, selector);
     std::vector<StrandRoot>& roots = out.writeRoots();
     std::fill(roots.begin(), roots.end(), StrandRoot{});
 
     const Abc::ICompoundProperty arb = schema.getArbGeomParams();
-    std::vector<float> scratch;
     const std::string file = name;
 
     // Widths: the curves' own, else the groom parameter, else 1.
     std::vector<float>& widths = out.writeWidths();
     AbcG::IFloatGeomParam::Sample widthSample;
     AbcG::IFloatGeomParam widthParam = schema.getWidthsParam();
-    if (widthParam.valid() && (widthSample = widthParam.getExpandedValue(selector)).getVals()) {
+    Alembic::Util::Dimensions widthCount;
+    if (widthParam.valid() && !widthParam.isIndexed() && perPointScope(widthParam.getScope()) &&
+        (widthParam.getValueProperty().getDimensions(widthCount, selector),
+         widthCount.numPoints() == pointCount)) {
+        if (pointCount > 0)
+            widthParam.getValueProperty().getAs(widths.data(), Alembic::Util::kFloat32POD,
+                                                selector);
+    } else if (widthParam.valid() &&
+               (widthSample = widthParam.getExpandedValue(selector)).getVals()) {
         toPoints(file, "width", values(widthSample), 1, 0, layout, widths);
     } else if (readArb<AbcG::IFloatGeomParam>(arb, "groom_width", selector, widthSample)) {
         toPoints(file, "groom_width", values(widthSample), 1, 0, layout, widths);
@@ -295,8 +305,8 @@ void AlembicCurvesReader::Impl::readObject(AbcG::ICurves& object, double time,
     }
     if (haveUv) {
         for (std::size_t c = 0; c < 2; ++c) {
-            toCurves(file, uvName, values(uvSample), 2, c, layout, scratch);
-            out.addStrandChannel(std::string(kRootUvChannels[c]), 0.0f) = scratch;
+            toCurves(file, uvName, values(uvSample), 2, c, layout,
+                     out.addStrandChannel(std::string(kRootUvChannels[c]), 0.0f));
         }
     }
 
@@ -305,11 +315,12 @@ void AlembicCurvesReader::Impl::readObject(AbcG::ICurves& object, double time,
                                std::size_t components, std::size_t component,
                                std::string_view channel) {
         if (perPointScope(valuesRead.scope)) {
-            toPoints(file, paramName, valuesRead, components, component, layout, scratch);
-            out.addPointChannel(std::string(channel), 0.0f) = scratch;
+            // Straight into the channel: a set that fails to read is dropped whole.
+            toPoints(file, paramName, valuesRead, components, component, layout,
+                     out.addPointChannel(std::string(channel), 0.0f));
         } else {
-            toCurves(file, paramName, valuesRead, components, component, layout, scratch);
-            out.addStrandChannel(std::string(channel), 0.0f) = scratch;
+            toCurves(file, paramName, valuesRead, components, component, layout,
+                     out.addStrandChannel(std::string(channel), 0.0f));
         }
     };
     AbcG::IC3fGeomParam::Sample color;
