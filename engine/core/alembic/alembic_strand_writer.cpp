@@ -136,7 +136,6 @@ struct Scratch {
     std::vector<std::uint32_t> idLow;
     std::vector<std::uint32_t> idHigh;
     std::vector<float> rootUv;
-    std::vector<float> color;
     std::vector<float> channel;
     std::vector<std::int32_t> ints;
 };
@@ -362,9 +361,13 @@ struct AlembicStrandWriter::Impl {
         setParam(object.width, widths, pointCount);
         setParam(object.rootUv, s.rootUv.data(), strandCount);
         if (object.color.valid()) {
+            // The interleaved colours come from the shared pool, so that writer after writer
+            // reuses one array instead of faulting in fresh memory for every frame.
+            const ArrayPtr<float> color =
+                ArrayPool<float>::instance().makeForOverwrite(3 * pointCount);
             for (std::size_t c = 0; c < 3; ++c)
-                pointValues(set, channels::kColor[c], s.color, 3, c);
-            setParam(object.color, s.color.data(), pointCount);
+                pointValues(set, channels::kColor[c], *color, 3, c);
+            setParam(object.color, color->data(), pointCount);
         }
         if (object.roughness.valid()) {
             strandValues(set, channels::kRoughness, s.channel);
