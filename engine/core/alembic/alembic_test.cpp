@@ -351,9 +351,13 @@ TEST(AlembicStrandWriter, WritesInTheSpaceSetBeforeTheFirstFrame) {
         writer.setSpace("Z", 100.0);
         writer.writeStrands(0.0, set);
         writer.writeStrands(1.0, StrandSet());  // an empty set writes an empty sample
+        // Frames need not be evenly spaced: the times are kept as they were given.
+        writer.writeStrands(5.5, set);
         writer.close();
     }
     const AlembicCurvesReader reader(file.path());
+    EXPECT_EQ(reader.sampleTimes(), (std::vector<double>{0.0, 1.0, 5.5}));
+    EXPECT_EQ(reader.readStrands(5.5).pointCount(), 2u);
     const StrandSet read = reader.readStrands(0.0);
     ASSERT_EQ(read.pointCount(), 2u);
     EXPECT_FLOAT_EQ(read.points()[0].x, 0.01f);
