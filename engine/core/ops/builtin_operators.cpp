@@ -1,5 +1,6 @@
 #include "fields/mapped_params.h"
 #include "graph/registry.h"
+#include "ops/color_ops.h"
 #include "ops/field_ops.h"
 #include "ops/grow_ops.h"
 #include "ops/shape_ops.h"
@@ -26,6 +27,10 @@ void registerBuiltinOperators(OperatorRegistry& registry) {
     registerTwistOperator(registry);
     registerNoiseOperator(registry);
     registerCurlOperator(registry);
+    registerHairColorOperator(registry);
+    registerBandsOperator(registry);
+    registerFeatherColorOperator(registry);
+    registerRenderDataOperator(registry);
     registerMapOperator(registry);
     registerExpressionOperator(registry);
     registerControlOperator(registry);
@@ -34,6 +39,7 @@ void registerBuiltinOperators(OperatorRegistry& registry) {
     registerFieldCombineOperator(registry);
     registerCurveOperator(registry);
     registerValueOperator(registry);
+    registerOutputOperator(registry);
     // What the operators' mapped params read, asked for by evaluation.
     installFieldMappedParams(registry);
 }
