@@ -84,10 +84,27 @@ Vec3f varyColor(const Vec3f& color, float value, float turns, float saturation) 
     return fromHueChromaLightness(hcl);
 }
 
-void colorDraws(std::uint64_t id, std::uint64_t seed, std::span<float, kColorDraws> out) {
+void colorDraws(std::uint64_t id, std::uint64_t seed, std::span<float, kColorDraws> out,
+                std::size_t count) {
     StrandDraws draws(id, seed);
-    for (float& draw : out)
-        draw = draws.next();
+    for (std::size_t d = 0; d < count; ++d)
+        out[d] = draws.next();
+}
+
+std::size_t colorDrawsUsed(const HairColorSettings& settings) {
+    const bool melanin = settings.mode == HairColorMode::Melanin;
+    const bool used[kColorDraws] = {settings.greys.isMapped() || settings.greys.value() > 0.0f,
+                                    melanin && settings.melaninRandom != 0.0f,
+                                    !melanin && settings.valueRandom != 0.0f,
+                                    !melanin && settings.hueRandom != 0.0f,
+                                    !melanin && settings.saturationRandom != 0.0f,
+                                    settings.tipped() && settings.tipOffsetRandom != 0.0f,
+                                    settings.specularRandom != 0.0f,
+                                    settings.roughnessRandom != 0.0f};
+    std::size_t count = 0;
+    for (std::size_t d = 0; d < kColorDraws; ++d)
+        if (used[d]) count = d + 1;
+    return count;
 }
 
 Ramp defaultTipProfile() {

@@ -142,10 +142,15 @@ Ramp defaultTipProfile();
 
 // The random draws of HairColor for one strand, in this order: greys, melanin, value, hue,
 // saturation, tip offset, specular, roughness. Bands draws melanin in the same place, so that with
-// HairColor's seed a strand's bands are as much darker as the strand.
+// HairColor's seed a strand's bands are as much darker as the strand. Each draw hashes the one
+// before it, so only the first `count` are made (the rest of `out` is left as it was): a run needs
+// those up to the last randomness it uses.
 inline constexpr std::size_t kColorDraws = 8;
 inline constexpr std::size_t kMelaninDraw = 1;
-void colorDraws(std::uint64_t id, std::uint64_t seed, std::span<float, kColorDraws> out);
+void colorDraws(std::uint64_t id, std::uint64_t seed, std::span<float, kColorDraws> out,
+                std::size_t count = kColorDraws);
+// How many of the draws these settings use.
+std::size_t colorDrawsUsed(const HairColorSettings& settings);
 
 // Where HairColor writes: the three colour channels (per point when tipped, else per strand), and
 // per strand the pigment (melanin mode only: melanin, redness, the three dye channels) and the

@@ -95,16 +95,20 @@ void colorHair(const StrandSet& input, const HairColorSettings& settings,
     const bool shareClumps = settings.clumps && settings.clumpShare > 0.0f;
     const bool tipped = settings.tipped();
     const float k = std::clamp(settings.clumpShare, 0.0f, 1.0f);
+    const std::size_t used = colorDrawsUsed(settings);
     forSelectedChunks(input.strandCount(), selection, [&](std::size_t first, std::size_t last) {
+        // Draws a run does not use stay at one half, the middle of their range.
         std::array<float, kColorDraws> draws;
         std::array<float, kColorDraws> clumpDraws;
+        draws.fill(0.5f);
+        clumpDraws.fill(0.5f);
         std::vector<float> t;
         for (std::size_t i = first; i < last; ++i) {
             const std::size_t s = selection.strand(i);
-            colorDraws(ids[s], settings.seed, draws);
+            colorDraws(ids[s], settings.seed, draws, used);
             if (shareClumps) {
-                colorDraws(floatBits((*settings.clumps)[s]), settings.seed, clumpDraws);
-                for (std::size_t d = 0; d < kColorDraws; ++d)
+                colorDraws(floatBits((*settings.clumps)[s]), settings.seed, clumpDraws, used);
+                for (std::size_t d = 0; d < used; ++d)
                     draws[d] = (1.0f - k) * draws[d] + k * clumpDraws[d];
             }
             const auto signedDraw = [&](std::size_t d) { return 2.0f * draws[d] - 1.0f; };
