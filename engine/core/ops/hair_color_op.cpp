@@ -485,23 +485,33 @@ class HairColorOp final : public ShapeOperator {
             return false;
         const HairColorSettings settings = settingsFor(ctx, *input);
 
-        // The previous result's channels, taken over where nothing else holds them.
         auto made = std::make_shared<StrandSet>(*input);
+        const std::string clumpChannel =
+            paramSet.getString("clumpChannel", std::string(channels::kClumpId));
         StrandSet before(*previous);
         previous.reset();
         incremental->takePrevious();
-        const std::string clumpChannel =
-            paramSet.getString("clumpChannel", std::string(channels::kClumpId));
+        // Where nothing the colours read has changed, the previous result's channels are this
+        // result's as they stand, shared rather than copied (the nodes after this one hold them
+        // too). Otherwise they are taken over, where nothing else holds them, for the changed
+        // strands to be redone in them.
         const bool kept = colorsKept(settings, before, changed->strands, clumpChannel);
-        // Each written channel at the scope it had, in place of the input's of that name.
         for (const std::string_view name : kWrittenChannels) {
             const std::string named(name);
             if (before.strandChannel(name)) {
                 made->removePointChannel(name);
-                made->moveStrandChannelFrom(named, before);
+                if (kept) {
+                    made->shareStrandChannelFrom(named, before);
+                } else {
+                    made->moveStrandChannelFrom(named, before);
+                }
             } else if (before.pointChannel(name)) {
                 made->removeStrandChannel(name);
-                made->movePointChannelFrom(named, before);
+                if (kept) {
+                    made->sharePointChannelFrom(named, before);
+                } else {
+                    made->movePointChannelFrom(named, before);
+                }
             } else {
                 made->removeStrandChannel(name);
                 made->removePointChannel(name);
