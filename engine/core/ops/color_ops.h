@@ -154,7 +154,8 @@ std::size_t colorDrawsUsed(const HairColorSettings& settings);
 
 // Where HairColor writes: the three colour channels (per point when tipped, else per strand), and
 // per strand the pigment (melanin mode only: melanin, redness, the three dye channels) and the
-// highlight. Spans of the out set's channels; the pigment ones empty in colour mode.
+// highlight. Spans of the out set's channels; the pigment ones empty in colour mode, and those of
+// a group taken as it was from an earlier result (below) empty too.
 struct HairColorChannels {
     std::array<std::span<float>, 3> color;
     std::span<float> melanin, redness;
@@ -167,7 +168,26 @@ struct HairColorChannels {
 // incremental run rewrites only some strands); otherwise every channel starts anew.
 HairColorChannels makeHairColorChannels(StrandSet& out, const HairColorSettings& settings,
                                         bool keepValues);
-// Writes every channel value of the selected strands.
+
+// The groups of per-strand channels that a change of other params leaves as they were, so that a
+// node whose param changed rewrites only what that param reaches (a melanin change: the colour and
+// melanin, not the highlight, redness or dye). Each group's key stands for everything it depends
+// on but the strands; 0 where a group can't be kept (a mapped param, a map, colour mode).
+enum class HairColorGroup : std::size_t { Highlight, Dye, Redness };
+inline constexpr std::size_t kHairColorGroups = 3;
+std::array<std::uint64_t, kHairColorGroups> hairColorGroupKeys(const HairColorSettings& settings,
+                                                               bool hasMap);
+// Whether the group's values depend on the strands' ids (their random draws), not only on their
+// count.
+bool hairColorGroupReadsIds(const HairColorSettings& settings, HairColorGroup group);
+// The group's channels, all per strand.
+std::span<const std::string_view> hairColorGroupChannels(HairColorGroup group);
+// The same as makeHairColorChannels without keeping values, but the channels of the groups in
+// `kept` are shared from `earlier` as they stand (their spans stay empty).
+HairColorChannels makeHairColorChannels(StrandSet& out, const HairColorSettings& settings,
+                                        const StrandSet& earlier,
+                                        std::array<bool, kHairColorGroups> kept);
+// Writes every channel value of the selected strands (those with a span).
 void colorHair(const StrandSet& input, const HairColorSettings& settings,
                const StrandSelection& selection, const HairColorChannels& channels);
 // The whole of it on a shallow copy of `input`: what the node gives.

@@ -1,5 +1,6 @@
 #include <algorithm>
 #include <filesystem>
+#include <mutex>
 
 #include "base/hash.h"
 #include "fields/field_map.h"
@@ -58,9 +59,69 @@ std::span<float> freshPointChannel(StrandSet& out, std::string_view name, float 
 
 }  // namespace
 
-HairColorChannels makeHairColorChannels(StrandSet& out, const HairColorSettings& settings,
-                                        bool keepValues) {
+namespace {
+
+constexpr std::string_view kHighlightChannels[] = {channels::kSpecular, channels::kRoughness,
+                                                   channels::kTilt};
+constexpr std::string_view kDyeChannels[] = {channels::kDye[0], channels::kDye[1],
+                                             channels::kDye[2]};
+constexpr std::string_view kRednessChannels[] = {channels::kRedness};
+
+std::uint64_t floatKey(std::uint64_t h, float value) {
+    return hashCombine(h, floatBits(value));
+}
+
+}  // namespace
+
+std::span<const std::string_view> hairColorGroupChannels(HairColorGroup group) {
+    switch (group) {
+        case HairColorGroup::Highlight:
+            return kHighlightChannels;
+        case HairColorGroup::Dye:
+            return kDyeChannels;
+        case HairColorGroup::Redness:
+            return kRednessChannels;
+    }
+    return {};
+}
+
+bool hairColorGroupReadsIds(const HairColorSettings& settings, HairColorGroup group) {
+    return group == HairColorGroup::Highlight &&
+           (settings.specularRandom != 0.0f || settings.roughnessRandom != 0.0f);
+}
+
+std::array<std::uint64_t, kHairColorGroups> hairColorGroupKeys(const HairColorSettings& settings,
+                                                               bool hasMap) {
+    std::array<std::uint64_t, kHairColorGroups> keys{};
+    if (!settings.specular.isMapped() && !settings.roughness.isMapped()) {
+        std::uint64_t h = 0x686967686cull;
+        for (const float value :
+             {settings.specular.value(), settings.specularRandom, settings.roughness.value(),
+              settings.roughnessRandom, settings.tilt, settings.clumpShare})
+            h = floatKey(h, value);
+        keys[0] = hashCombine(h, settings.seed) | 1;
+    }
+    if (settings.mode != HairColorMode::Melanin) return keys;
+    if (!settings.dye.isMapped() && !hasMap) {
+        const Vec3f dye = settings.dye.vectorValue();
+        keys[1] = floatKey(floatKey(floatKey(0x647965ull, dye.x), dye.y), dye.z) | 1;
+    }
+    if (!settings.redness.isMapped()) keys[2] = floatKey(0x726564ull, settings.redness.value()) | 1;
+    return keys;
+}
+
+namespace {
+
+// The channels for `settings`, those of the groups in `kept` shared from `earlier`.
+HairColorChannels makeChannels(StrandSet& out, const HairColorSettings& settings, bool keepValues,
+                               const StrandSet* earlier, std::array<bool, kHairColorGroups> kept) {
     HairColorChannels channels;
+    const auto perStrand = [&](std::string_view name, float value, bool shared) {
+        if (!shared) return freshStrandChannel(out, name, value, keepValues);
+        out.removePointChannel(name);
+        out.shareStrandChannelFrom(std::string(name), *earlier);
+        return std::span<float>();
+    };
     for (std::size_t c = 0; c < 3; ++c) {
         channels.color[c] =
             settings.tipped()
@@ -69,9 +130,9 @@ HairColorChannels makeHairColorChannels(StrandSet& out, const HairColorSettings&
     }
     if (settings.mode == HairColorMode::Melanin) {
         channels.melanin = freshStrandChannel(out, channels::kMelanin, 0.0f, keepValues);
-        channels.redness = freshStrandChannel(out, channels::kRedness, 0.0f, keepValues);
+        channels.redness = perStrand(channels::kRedness, 0.0f, kept[2]);
         for (std::size_t c = 0; c < 3; ++c)
-            channels.dye[c] = freshStrandChannel(out, channels::kDye[c], 1.0f, keepValues);
+            channels.dye[c] = perStrand(channels::kDye[c], 1.0f, kept[1]);
     } else {
         // The pigment an earlier HairColor left would tell a pigment shader another colour than
         // the one this node picks.
@@ -82,10 +143,23 @@ HairColorChannels makeHairColorChannels(StrandSet& out, const HairColorSettings&
             out.removePointChannel(name);
         }
     }
-    channels.specular = freshStrandChannel(out, channels::kSpecular, 0.3f, keepValues);
-    channels.roughness = freshStrandChannel(out, channels::kRoughness, 0.2f, keepValues);
-    channels.tilt = freshStrandChannel(out, channels::kTilt, 3.0f, keepValues);
+    channels.specular = perStrand(channels::kSpecular, 0.3f, kept[0]);
+    channels.roughness = perStrand(channels::kRoughness, 0.2f, kept[0]);
+    channels.tilt = perStrand(channels::kTilt, 3.0f, kept[0]);
     return channels;
+}
+
+}  // namespace
+
+HairColorChannels makeHairColorChannels(StrandSet& out, const HairColorSettings& settings,
+                                        bool keepValues) {
+    return makeChannels(out, settings, keepValues, nullptr, {});
+}
+
+HairColorChannels makeHairColorChannels(StrandSet& out, const HairColorSettings& settings,
+                                        const StrandSet& earlier,
+                                        std::array<bool, kHairColorGroups> kept) {
+    return makeChannels(out, settings, false, &earlier, kept);
 }
 
 void colorHair(const StrandSet& input, const HairColorSettings& settings,
@@ -126,10 +200,12 @@ void colorHair(const StrandSet& input, const HairColorSettings& settings,
                 const Vec3f dye = times(colorAt(settings.dye, s), map);
                 base = times(pigmentColor(melanin, redness), dye);
                 channels.melanin[s] = melanin;
-                channels.redness[s] = redness;
-                channels.dye[0][s] = dye.x;
-                channels.dye[1][s] = dye.y;
-                channels.dye[2][s] = dye.z;
+                if (!channels.redness.empty()) channels.redness[s] = redness;
+                if (!channels.dye[0].empty()) {
+                    channels.dye[0][s] = dye.x;
+                    channels.dye[1][s] = dye.y;
+                    channels.dye[2][s] = dye.z;
+                }
             } else {
                 base = grey ? kGreyColor : times(colorAt(settings.color, s), map);
                 base = varyColor(base, settings.valueRandom * signedDraw(2),
@@ -160,6 +236,7 @@ void colorHair(const StrandSet& input, const HairColorSettings& settings,
                 }
             }
 
+            if (channels.specular.empty()) continue;
             channels.specular[s] =
                 std::max(0.0f, settings.specular.atStrand(s) *
                                    (1.0f + settings.specularRandom * signedDraw(6)));
@@ -398,6 +475,18 @@ class HairColorOp final : public ShapeOperator {
                 roughnessRandom,
                 tilt};
     }
+    // A clone of the graph keeps what the last full run wrote.
+    void copyStateFrom(const Operator& other) override {
+        const auto* from = dynamic_cast<const HairColorOp*>(&other);
+        if (!from) return;
+        std::shared_ptr<const KeptLook> kept;
+        {
+            std::lock_guard lock(from->keptMutex_);
+            kept = from->kept_;
+        }
+        std::lock_guard lock(keptMutex_);
+        kept_ = std::move(kept);
+    }
     std::vector<std::string> sceneInputs() const override {
         // Only a map read by name reaches the scalp and the painted maps.
         if (paramSet.getString("map", "").empty()) return {};
@@ -438,6 +527,72 @@ class HairColorOp final : public ShapeOperator {
         return settings;
     }
 
+    // What the last full run wrote of the groups that a later one may keep: a param change then
+    // rewrites only the channels the param reaches.
+    struct KeptLook {
+        std::size_t strandCount = 0;
+        std::shared_ptr<const std::vector<std::uint64_t>> ids;  // for groups that read them
+        std::shared_ptr<const std::vector<float>> clumps;       // where the draws read them
+        std::array<std::uint64_t, kHairColorGroups> keys{};
+        StrandSet channels;  // the groups' channels, shared with the result that holds them
+    };
+
+    std::shared_ptr<StrandSet> fullRun(const StrandSet& input,
+                                       const HairColorSettings& settings) const {
+        const auto keys = hairColorGroupKeys(settings, !paramSet.getString("map", "").empty());
+        std::shared_ptr<const KeptLook> last;
+        {
+            std::lock_guard lock(keptMutex_);
+            last = kept_;
+        }
+        std::array<bool, kHairColorGroups> keep{};
+        bool anyKept = false;
+        bool drawsKept = false;  // the ids and clumps are the last run's
+        if (last && last->strandCount == input.strandCount()) {
+            const std::span<const std::uint64_t> ids = input.ids();
+            drawsKept = last->ids &&
+                        std::equal(ids.begin(), ids.end(), last->ids->begin(), last->ids->end());
+            if (settings.clumps)
+                drawsKept = drawsKept && last->clumps && *last->clumps == *settings.clumps;
+            else
+                drawsKept = drawsKept && !last->clumps;
+            for (std::size_t g = 0; g < kHairColorGroups; ++g) {
+                const auto group = static_cast<HairColorGroup>(g);
+                keep[g] = keys[g] != 0 && keys[g] == last->keys[g] &&
+                          last->channels.strandChannel(hairColorGroupChannels(group).front()) &&
+                          (drawsKept || !hairColorGroupReadsIds(settings, group));
+                anyKept = anyKept || keep[g];
+            }
+        }
+        auto made = std::make_shared<StrandSet>(input);
+        const HairColorChannels channels =
+            anyKept ? makeHairColorChannels(*made, settings, last->channels, keep)
+                    : makeHairColorChannels(*made, settings, false);
+        colorHair(input, settings, StrandSelection::every(), channels);
+
+        auto next = std::make_shared<KeptLook>();
+        next->strandCount = input.strandCount();
+        next->keys = keys;
+        next->ids = drawsKept ? last->ids
+                              : std::make_shared<const std::vector<std::uint64_t>>(
+                                    input.ids().begin(), input.ids().end());
+        if (settings.clumps)
+            next->clumps = drawsKept ? last->clumps
+                                     : std::make_shared<const std::vector<float>>(*settings.clumps);
+        for (std::size_t g = 0; g < kHairColorGroups; ++g) {
+            if (keys[g] == 0) continue;
+            for (const std::string_view name :
+                 hairColorGroupChannels(static_cast<HairColorGroup>(g)))
+                next->channels.shareStrandChannelFrom(std::string(name), *made);
+        }
+        std::lock_guard lock(keptMutex_);
+        kept_ = std::move(next);
+        return made;
+    }
+
+    mutable std::mutex keptMutex_;
+    mutable std::shared_ptr<const KeptLook> kept_;
+
     // Whether the channels of the listed strands come out as they were: nothing the colour reads
     // can have changed with their points (no field, no tip), and each kept its clump.
     static bool colorsKept(const HairColorSettings& settings, const StrandSet& before,
@@ -465,7 +620,7 @@ class HairColorOp final : public ShapeOperator {
                 *out = Value();
                 return true;
             }
-            *out = std::shared_ptr<const StrandSet>(colorHair(*input, settingsFor(ctx, *input)));
+            *out = std::shared_ptr<const StrandSet>(fullRun(*input, settingsFor(ctx, *input)));
             changes->all = true;
             changes->strands.clear();
             changes->sameLayout = true;

@@ -285,6 +285,55 @@ TEST(HairColor, IncrementalRunsMatchAFullRun) {
     }
 }
 
+TEST(HairColor, AParamChangeRewritesOnlyTheChannelsItReaches) {
+    const auto strands = test::gridStrands(500, 3, 10);
+    std::map<std::string, ParamValue> params = {
+        {"melaninRandom", 0.2}, {"specularRandom", 0.3}, {"clumpShare", 0.5}};
+    const ShapeRun run("HairColor", params);
+    const auto op = run.make();
+    const auto evaluate = [&](std::shared_ptr<const StrandSet> input) {
+        return op->evaluate(EvalContext{}, {Value(std::move(input))}).get<StrandSet>();
+    };
+    // Each run gives the bits a new node gives, whatever it keeps from the run before.
+    const auto expectFresh = [&](const std::shared_ptr<const StrandSet>& got,
+                                 std::shared_ptr<const StrandSet> input) {
+        EXPECT_EQ(got->contentHash(),
+                  ShapeRun("HairColor", params).run(std::move(input))->contentHash());
+    };
+    const auto shared = [](const StrandSet& a, const StrandSet& b, std::string_view name) {
+        return a.strandChannel(name) == b.strandChannel(name);
+    };
+    const auto first = evaluate(strands);
+
+    params["melanin"] = 0.7;
+    op->paramSet.set("melanin", 0.7);
+    const auto darker = evaluate(strands);
+    expectFresh(darker, strands);
+    for (const std::string_view kept : {channels::kSpecular, channels::kRoughness, channels::kTilt,
+                                        channels::kDye[0], channels::kDye[2], channels::kRedness})
+        EXPECT_TRUE(shared(*darker, *first, kept)) << kept;
+    for (const std::string_view redone : {channels::kMelanin, channels::kColor[1]})
+        EXPECT_FALSE(shared(*darker, *first, redone)) << redone;
+
+    params["specular"] = 0.6;
+    op->paramSet.set("specular", 0.6);
+    const auto brighter = evaluate(strands);
+    expectFresh(brighter, strands);
+    EXPECT_FALSE(shared(*brighter, *darker, channels::kSpecular));
+    EXPECT_TRUE(shared(*brighter, *darker, channels::kDye[1]));
+
+    // Other strands of the same count draw anew; so do the same strands in other clumps.
+    const auto others = test::gridStrands(500, 3, 11);
+    const auto onOthers = evaluate(others);
+    expectFresh(onOthers, others);
+    EXPECT_TRUE(shared(*onOthers, *brighter, channels::kDye[1]));
+    auto clumped = std::make_shared<StrandSet>(*others);
+    std::vector<float>& clumps = clumped->addStrandChannel("clumpId", 0.0f);
+    for (std::size_t s = 0; s < clumps.size(); ++s)
+        clumps[s] = static_cast<float>(s % 5);
+    expectFresh(evaluate(clumped), clumped);
+}
+
 TEST(HairColor, AMapReadAtEachRootByName) {
     // A plane whose colour set is red on its first half of triangles and green on the rest.
     auto plane = std::make_shared<ScalpMesh>(*makeUvPlane(10.0f, 10));
