@@ -211,6 +211,16 @@ class BandsOp final : public Operator {
                 return seed;
             }()};
     }
+    // The colour always; the pigment where the strands carry it.
+    std::vector<ChannelUse> fixedChannels() const override {
+        std::vector<ChannelUse> uses;
+        addChannelUses(uses, channels::kColor, ChannelRole::Writes, false);
+        const std::string_view pigment[] = {channels::kMelanin, channels::kRedness,
+                                            channels::kDye[0], channels::kDye[1],
+                                            channels::kDye[2]};
+        addChannelUses(uses, pigment, ChannelRole::Writes, true);
+        return uses;
+    }
     Value evaluate(const EvalContext& ctx, const std::vector<Value>& inputs) const override {
         const auto input = inputs.empty() ? nullptr : inputs[0].get<StrandSet>();
         if (!input) return Value();

@@ -122,6 +122,41 @@ Ramp defaultBandsProfile() {
     return ramp;
 }
 
+namespace {
+
+const ParamValue* documentValue(const ParamSet& params, std::string_view name) {
+    if (const auto set = params.values.find(name); set != params.values.end()) return &set->second;
+    if (params.defaults) {
+        if (const auto found = params.defaults->find(name); found != params.defaults->end())
+            return &found->second;
+    }
+    return nullptr;
+}
+
+}  // namespace
+
+std::string documentText(const ParamSet& params, std::string_view name) {
+    const ParamValue* value = documentValue(params, name);
+    const std::string* text = value ? std::get_if<std::string>(value) : nullptr;
+    return text ? *text : std::string();
+}
+
+double documentNumber(const ParamSet& params, std::string_view name) {
+    const ParamValue* value = documentValue(params, name);
+    if (!value) return 0.0;
+    if (const auto* d = std::get_if<double>(value)) return *d;
+    if (const auto* i = std::get_if<std::int64_t>(value)) return static_cast<double>(*i);
+    // A map varies: count it as above 0.
+    if (std::holds_alternative<MapReference>(*value)) return 1.0;
+    return 0.0;
+}
+
+void addChannelUses(std::vector<ChannelUse>& uses, std::span<const std::string_view> names,
+                    ChannelRole role, bool optional) {
+    for (const std::string_view name : names)
+        uses.push_back({std::string(name), role, optional});
+}
+
 HairColorSettings::HairColorSettings() {
     dye.setPlainVector({1, 1, 1});
     color.setPlainVector({1, 1, 1});

@@ -22,6 +22,7 @@
 #include <vector>
 
 #include "fields/field_sampler.h"
+#include "graph/operator.h"
 #include "graph/ramp.h"
 #include "ops/shape_support.h"
 
@@ -98,6 +99,15 @@ struct LookChannel {
         return perPoint ? (*perPoint)[point] : perStrand ? (*perStrand)[strand] : fallback;
     }
 };
+
+// A param's current text or number as the node's document holds it (set, else its default),
+// without noting a read: for the questions asked of a node outside its run, such as the channels
+// it writes.
+std::string documentText(const ParamSet& params, std::string_view name);
+double documentNumber(const ParamSet& params, std::string_view name);
+// The channel uses of the names given, each with the role and optional flag given.
+void addChannelUses(std::vector<ChannelUse>& uses, std::span<const std::string_view> names,
+                    ChannelRole role, bool optional);
 
 // ---- HairColor ----
 

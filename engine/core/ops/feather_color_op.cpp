@@ -388,6 +388,23 @@ class FeatherColorOp final : public Operator {
             iridescenceOn,
             seed};
     }
+    // The look it writes where a pattern, the down colour or iridescence applies, and the
+    // feathers' flat coordinates it reads where feather operators wrote them.
+    std::vector<ChannelUse> fixedChannels() const override {
+        std::vector<ChannelUse> uses;
+        addChannelUses(uses, channels::kColor, ChannelRole::Writes, true);
+        const std::string_view pigment[] = {channels::kMelanin, channels::kRedness,
+                                            channels::kDye[0], channels::kDye[1],
+                                            channels::kDye[2]};
+        addChannelUses(uses, pigment, ChannelRole::Writes, true);
+        uses.push_back({std::string(channels::kIridescence), ChannelRole::Writes, false});
+        addChannelUses(uses, channels::kIridescenceColor, ChannelRole::Writes, true);
+        uses.push_back({std::string(channels::kIridescenceShift), ChannelRole::Writes, true});
+        const std::string_view reads[] = {channels::kFeatherAlong, channels::kFeatherAcross,
+                                          channels::kFeatherDown, channels::kFeatherId};
+        addChannelUses(uses, reads, ChannelRole::Reads, true);
+        return uses;
+    }
     Value evaluate(const EvalContext& ctx, const std::vector<Value>& inputs) const override {
         const auto input = inputs.empty() ? nullptr : inputs[0].get<StrandSet>();
         if (!input) return Value();

@@ -475,6 +475,21 @@ class HairColorOp final : public ShapeOperator {
                 roughnessRandom,
                 tilt};
     }
+    std::vector<ChannelUse> fixedChannels() const override {
+        std::vector<ChannelUse> uses;
+        addChannelUses(uses, channels::kColor, ChannelRole::Writes, false);
+        if (documentText(paramSet, "mode") != "color") {
+            const std::string_view pigment[] = {channels::kMelanin, channels::kRedness,
+                                                channels::kDye[0], channels::kDye[1],
+                                                channels::kDye[2]};
+            addChannelUses(uses, pigment, ChannelRole::Writes, false);
+        }
+        addChannelUses(uses, kHighlightChannels, ChannelRole::Writes, false);
+        const std::string clumps = documentText(paramSet, "clumpChannel");
+        if (documentNumber(paramSet, "clumpShare") > 0.0 && !clumps.empty())
+            uses.push_back({clumps, ChannelRole::Reads, true});
+        return uses;
+    }
     // A clone of the graph keeps what the last full run wrote.
     void copyStateFrom(const Operator& other) override {
         const auto* from = dynamic_cast<const HairColorOp*>(&other);

@@ -69,6 +69,28 @@ TEST(Operators, TheLookOperatorsAreRegisteredWithTheirMenuData) {
     EXPECT_TRUE(registry.create("Output")->params().empty());
 }
 
+TEST(Operators, TheLookOperatorsListTheChannelsTheyWriteAndRead) {
+    const auto names = [](const Operator& op, ChannelRole role) {
+        std::string list;
+        for (const ChannelUse& use : op.fixedChannels())
+            if (use.role == role) list += use.name + (use.optional ? "? " : " ");
+        return list;
+    };
+    auto hair = OperatorRegistry::instance().create("HairColor");
+    EXPECT_EQ(names(*hair, ChannelRole::Writes),
+              "colorR colorG colorB melanin redness dyeR dyeG dyeB specular roughness tilt ");
+    EXPECT_EQ(names(*hair, ChannelRole::Reads), "");
+    hair->paramSet.set("mode", std::string("color"));
+    hair->paramSet.set("clumpShare", 0.5);
+    hair->paramSet.set("clumpChannel", std::string("lockId"));
+    EXPECT_EQ(names(*hair, ChannelRole::Writes), "colorR colorG colorB specular roughness tilt ");
+    EXPECT_EQ(names(*hair, ChannelRole::Reads), "lockId? ");
+    EXPECT_EQ(names(*OperatorRegistry::instance().create("RenderData"), ChannelRole::Writes),
+              "opacity ");
+    EXPECT_EQ(names(*OperatorRegistry::instance().create("FeatherColor"), ChannelRole::Reads),
+              "featherAlong? featherAcross? featherDown? featherId? ");
+}
+
 TEST(Bands, PlacedByTheProfileAtEachPointsRepeatedShareOfTheLength) {
     // Nine points at t = k / 8; count 2 repeats the profile twice: band where frac(2t) >= 0.5.
     const auto strands = colored(test::handStrands({test::straight(9)}), {0, 0, 1});

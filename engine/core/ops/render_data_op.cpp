@@ -49,6 +49,10 @@ class RenderDataOp final : public ShapeOperator {
                 seedParam()};
     }
 
+    std::vector<ChannelUse> fixedChannels() const override {
+        return {{std::string(channels::kOpacity), ChannelRole::Writes, false}};
+    }
+
   private:
     bool run(const EvalContext& ctx, const std::vector<Value>& inputs,
              const IncrementalInputs* incremental, Value* out,
