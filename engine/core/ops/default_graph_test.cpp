@@ -6,6 +6,7 @@
 #include "graph/test/eval_operators.h"
 #include "mesh/sample_meshes.h"
 #include "ops/test/groom_scene.h"
+#include "ops/test/shape_checks.h"
 #include "strands/channel_names.h"
 
 namespace velmorin {
@@ -66,6 +67,26 @@ TEST(DefaultGraph, TheSameBitsAtOneAndTwoThreads) {
         });
     }
     EXPECT_EQ(hashes[0], hashes[1]);
+}
+
+TEST(DefaultGraph, AfterANoiseChangeTheLookNodesUpdateIncrementally) {
+    const test::GroomScene scene = test::groomScene(makeHeadScalp(1), 1.0);
+    // The graph checks every incremental run against a full one and throws on a difference.
+    test::EvaluationSwitchesRestored restore;
+    setIncrementalCheck(true);
+    Graph graph;
+    graph.fromJson(defaultGraphJson());
+    graph.operatorOf(graph.nodeId("scatter")).paramSet.set("density", 20.0);
+    EvalContext ctx;
+    ctx.sceneInputs = &scene.inputs;
+    graph.evaluateOutput(ctx);
+    const std::size_t strands =
+        test::strandsOf(graph.cachedResults(graph.nodeId("noise")))->strandCount();
+    graph.operatorOf(graph.nodeId("noise")).paramSet.set("amplitude", 0.3);
+    graph.evaluateOutput(ctx);
+    EXPECT_EQ(graph.runs[graph.nodeId("noise")], "full " + std::to_string(strands));
+    for (const char* node : {"color", "output"})
+        EXPECT_EQ(graph.runs[graph.nodeId(node)], "incremental " + std::to_string(strands)) << node;
 }
 
 }  // namespace
