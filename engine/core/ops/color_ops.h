@@ -182,7 +182,8 @@ HairColorChannels makeHairColorChannels(StrandSet& out, const HairColorSettings&
 // The groups of per-strand channels that a change of other params leaves as they were, so that a
 // node whose param changed rewrites only what that param reaches (a melanin change: the colour and
 // melanin, not the highlight, redness or dye). Each group's key stands for everything it depends
-// on but the strands; 0 where a group can't be kept (a mapped param, a map, colour mode).
+// on but the strands; 0 where a group cannot be kept (a param of it mapped, a map read by name,
+// and the pigment groups in colour mode, which writes none).
 enum class HairColorGroup : std::size_t { Highlight, Dye, Redness };
 inline constexpr std::size_t kHairColorGroups = 3;
 std::array<std::uint64_t, kHairColorGroups> hairColorGroupKeys(const HairColorSettings& settings,

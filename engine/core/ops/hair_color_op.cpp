@@ -34,13 +34,10 @@ Vec3f colorAtPoint(const FieldSampler& sampler, std::size_t strand, std::size_t 
     return {v, v, v};
 }
 
-Vec3f times(const Vec3f& a, const Vec3f& b) {
-    return {a.x * b.x, a.y * b.y, a.z * b.z};
-}
-
 // What a grey or white strand shows in colour mode: a light neutral.
 constexpr Vec3f kGreyColor{0.8f, 0.8f, 0.8f};
 
+// What a strand added later (by a Merge, say) shows: white, as a set without colour does.
 constexpr float kColorDefault = 1.0f;
 
 std::span<float> freshStrandChannel(StrandSet& out, std::string_view name, float value,
@@ -197,8 +194,8 @@ void colorHair(const StrandSet& input, const HairColorSettings& settings,
                     1.0f);
                 if (grey) melanin *= kGreyMelaninShare;
                 const float redness = std::clamp(settings.redness.atStrand(s), 0.0f, 1.0f);
-                const Vec3f dye = times(colorAt(settings.dye, s), map);
-                base = times(pigmentColor(melanin, redness), dye);
+                const Vec3f dye = tinted(colorAt(settings.dye, s), map);
+                base = tinted(pigmentColor(melanin, redness), dye);
                 channels.melanin[s] = melanin;
                 if (!channels.redness.empty()) channels.redness[s] = redness;
                 if (!channels.dye[0].empty()) {
@@ -207,7 +204,7 @@ void colorHair(const StrandSet& input, const HairColorSettings& settings,
                     channels.dye[2][s] = dye.z;
                 }
             } else {
-                base = grey ? kGreyColor : times(colorAt(settings.color, s), map);
+                base = grey ? kGreyColor : tinted(colorAt(settings.color, s), map);
                 base = varyColor(base, settings.valueRandom * signedDraw(2),
                                  0.5f * settings.hueRandom * signedDraw(3),
                                  settings.saturationRandom * signedDraw(4));
