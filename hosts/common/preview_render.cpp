@@ -4,14 +4,21 @@
 
 #include "common/preview_render.h"
 
+#ifdef __linux__
+#include <sys/mman.h>
+#endif
+
 #include <algorithm>
 #include <array>
 #include <cmath>
+#include <cstdlib>
 #include <cstring>
 #include <limits>
 #include <memory>
+#include <new>
 #include <span>
 #include <stdexcept>
+#include <type_traits>
 
 #include "base/hash.h"
 #include "base/parallel.h"
@@ -86,12 +93,22 @@ Lighting makeLighting(const CameraFrame& f) {
     return l;
 }
 
+// An unnormalised Gaussian lobe; beyond four widths it is under a thousandth and left out, which
+// spares most of the exponentials of a shading pass.
 float gaussian(float x, float width) {
-    return std::exp(-0.5f * x * x / (width * width));
+    const float t = x / width;
+    if (std::abs(t) > 4.0f) return 0.0f;
+    return std::exp(-0.5f * t * t);
 }
 
+// Arcsine to within 7e-5 radians (Abramowitz and Stegun 4.4.45): the angles only place lobes
+// that are degrees wide.
 float safeAsin(float s) {
-    return std::asin(std::clamp(s, -1.0f, 1.0f));
+    const float x = std::min(std::abs(s), 1.0f);
+    const float angle =
+        0.5f * kPi -
+        std::sqrt(1.0f - x) * (1.5707288f + x * (-0.2121144f + x * (0.0742610f - 0.0187293f * x)));
+    return s < 0.0f ? -angle : angle;
 }
 
 // The hair's look under one set of lights: Kajiya-Kay diffuse (lit by the sine of the angle to the
@@ -162,7 +179,7 @@ struct TileRect {
 
 struct TileBins {
     std::vector<std::uint64_t> offsets;  // tileCount + 1
-    std::vector<std::uint32_t> items;    // per tile, in item order
+    std::vector<std::uint64_t> items;    // per tile, in item order: what valueOf gave
 };
 
 struct TileGrid {
@@ -187,10 +204,12 @@ struct TileGrid {
     }
 };
 
-// Lists each item under every tile its rectangle reaches, in item order within a tile. Items are
-// counted and placed in fixed chunks, so the lists do not depend on the thread count.
-template <class RectOf>
-TileBins binByTile(std::size_t count, const TileGrid& grid, const RectOf& rectOf) {
+// Lists each item (as valueOf(i)) under every tile its rectangle reaches, in item order within a
+// tile. Items are counted and placed in fixed chunks, so the lists do not depend on the thread
+// count.
+template <class RectOf, class ValueOf>
+TileBins binByTile(std::size_t count, const TileGrid& grid, const RectOf& rectOf,
+                   const ValueOf& valueOf) {
     const std::size_t tiles = static_cast<std::size_t>(grid.count());
     // Chunks small enough to share the work, few enough that the chunk-by-tile table stays small.
     const std::size_t chunkItems =
@@ -227,10 +246,12 @@ TileBins binByTile(std::size_t count, const TileGrid& grid, const RectOf& rectOf
         for (std::size_t c = first; c < last; ++c) {
             std::uint64_t* next = cursor.data() + c * tiles;
             const std::size_t end = std::min(count, (c + 1) * chunkItems);
-            for (std::size_t i = c * chunkItems; i < end; ++i)
-                eachTile(rectOf(i), [&](std::size_t t) {
-                    bins.items[next[t]++] = static_cast<std::uint32_t>(i);
-                });
+            for (std::size_t i = c * chunkItems; i < end; ++i) {
+                const TileRect rect = rectOf(i);
+                if (rect.x1 < rect.x0) continue;
+                const std::uint64_t value = valueOf(i);
+                eachTile(rect, [&](std::size_t t) { bins.items[next[t]++] = value; });
+            }
         }
     });
     return bins;
@@ -241,14 +262,38 @@ TileBins binByTile(std::size_t count, const TileGrid& grid, const RectOf& rectOf
 
 // A strand point on screen with its shaded colour. Colour is kept in 16-bit fixed point (linear,
 // up to 16 for highlights), which halves the memory the largest array of the render takes.
+// Left uninitialised when made: the largest array of a render is written once, not cleared first.
 struct HairPoint {
-    float x = 0.0f;
-    float y = 0.0f;
-    float depth = 0.0f;
-    float radius = 0.0f;  // half the width, in pixels
-    std::array<std::uint16_t, 4> rgba{};
+    float x;
+    float y;
+    float depth;
+    float radius;  // half the width, in pixels
+    std::array<std::uint16_t, 4> rgba;
 };
 constexpr float kColorScale = 4096.0f;
+
+struct FreeMemory {
+    void operator()(void* pointer) const { std::free(pointer); }
+};
+
+// An uninitialised array on huge pages where the system lends them. The tile pass reads strand
+// points in depth order, from all over the array; on 4 KiB pages nearly every such read also
+// misses the address cache.
+template <class T>
+std::unique_ptr<T[], FreeMemory> makeLargeArray(std::size_t count) {
+    static_assert(std::is_trivially_default_constructible_v<T>);
+    constexpr std::size_t kHugePage = std::size_t{2} << 20;
+    const std::size_t bytes = std::max<std::size_t>(count * sizeof(T), 1);
+    if (bytes < kHugePage)
+        return std::unique_ptr<T[], FreeMemory>(static_cast<T*>(std::malloc(bytes)));
+    const std::size_t rounded = (bytes + kHugePage - 1) / kHugePage * kHugePage;
+    void* memory = std::aligned_alloc(kHugePage, rounded);
+    if (!memory) throw std::bad_alloc();
+#ifdef __linux__
+    madvise(memory, rounded, MADV_HUGEPAGE);
+#endif
+    return std::unique_ptr<T[], FreeMemory>(static_cast<T*>(memory));
+}
 
 std::uint16_t packColor(float v) {
     return static_cast<std::uint16_t>(std::clamp(v * kColorScale + 0.5f, 0.0f, 65535.0f));
@@ -291,7 +336,7 @@ constexpr int kPending = 4;
 // How dark hair behind fully opaque hair gets.
 constexpr float kSelfShadow = 0.7f;
 // A pixel this opaque takes no more strands.
-constexpr float kOpaque = 0.998f;
+constexpr float kOpaque = 0.995f;
 
 struct Fragment {
     float depth;
@@ -312,8 +357,7 @@ struct TileScratch {
     std::array<std::array<Fragment, kPending>, kTilePixels> pending;
     std::array<std::uint8_t, kTilePixels> pendingCount;
     std::array<std::uint8_t, kTilePixels> done;
-    std::vector<std::uint64_t> order;  // depth key << 32 | place in `segments`
-    std::vector<std::array<HairPoint, 2>> segments;
+    std::vector<std::uint64_t> order;  // nearest depth's bits << 32 | segment
     std::vector<std::uint64_t> sortSpare;
 };
 
@@ -387,7 +431,7 @@ class TileRenderer {
         const std::uint64_t begin = triangleBins_.offsets[tile];
         const std::uint64_t end = triangleBins_.offsets[tile + 1];
         for (std::uint64_t k = begin; k < end; ++k)
-            drawTriangle(triangleBins_.items[k], s);
+            drawTriangle(static_cast<std::uint32_t>(triangleBins_.items[k]), s);
         for (int p = 0; p < kTilePixels; ++p) {
             const int px = s.x0 + p % kTile;
             const int py = s.y0 + p / kTile;
@@ -471,24 +515,15 @@ class TileRenderer {
 
         const std::uint64_t begin = segmentBins_.offsets[tile];
         const std::uint64_t end = segmentBins_.offsets[tile + 1];
-        // The tile's segments are copied out in point order (a forward sweep through memory) so
-        // that the depth-ordered pass below reads them from cache.
-        s.order.clear();
-        s.segments.clear();
-        for (std::uint64_t k = begin; k < end; ++k) {
-            const std::uint32_t segment = segmentBins_.items[k];
-            const HairPoint& a = hair_[segment];
-            const HairPoint& b = hair_[segment + 1];
-            const float nearest = std::min(a.depth, b.depth);
-            std::uint32_t key;
-            std::memcpy(&key, &nearest, sizeof key);
-            s.order.push_back(static_cast<std::uint64_t>(key) << 32 | (k - begin));
-            s.segments.push_back({a, b});
-        }
+        // Each entry holds its segment's nearest depth as the sort key, so that sorting reads
+        // the bin alone; a segment's points are fetched only if it is drawn.
+        s.order.assign(segmentBins_.items.begin() + static_cast<std::ptrdiff_t>(begin),
+                       segmentBins_.items.begin() + static_cast<std::ptrdiff_t>(end));
         sortByKey(s.order, s.sortSpare);
 
         // Segments come nearest first. A fragment is never nearer than its segment's key, so a
         // waiting fragment at or before the key of the segment being drawn is final.
+        constexpr std::size_t kAhead = 16;
         float limit = kInfinity;
         for (std::size_t k = 0; k < s.order.size(); ++k) {
             if ((k & 255) == 0) {
@@ -497,10 +532,14 @@ class TileRenderer {
                 for (int p = 0; p < kTilePixels; ++p)
                     if (!s.done[p]) limit = std::max(limit, hidingDepth(s.scalpFar[p]));
             }
-            const auto& [a, b] = s.segments[static_cast<std::uint32_t>(s.order[k])];
-            const float key = std::min(a.depth, b.depth);
+            float key;
+            const auto bits = static_cast<std::uint32_t>(s.order[k] >> 32);
+            std::memcpy(&key, &bits, sizeof key);
             if (!(key < limit)) break;
-            drawSegment(a, b, key, s);
+            if (k + kAhead < s.order.size())
+                __builtin_prefetch(&hair_[static_cast<std::uint32_t>(s.order[k + kAhead])]);
+            const auto segment = static_cast<std::uint32_t>(s.order[k]);
+            drawSegment(hair_[segment], hair_[segment + 1], key, s);
         }
         for (int p = 0; p < kTilePixels; ++p)
             for (int i = 0; i < s.pendingCount[p]; ++i)
@@ -690,22 +729,27 @@ PreviewImage renderPreview(const StrandSet& strands, const ScalpMesh* scalp,
     const std::span<const Vec3f> scalpNormals =
         mesh.pointCount() > 0 ? mesh.vertexNormals() : std::span<const Vec3f>();
     const auto& triangles = mesh.triangles();
-    const TileBins triangleBins = binByTile(triangles.size(), grid, [&](std::size_t i) {
-        const Triangle& t = triangles[i];
-        const ScalpVertex& a = scalpVertices[t[0]];
-        const ScalpVertex& b = scalpVertices[t[1]];
-        const ScalpVertex& c = scalpVertices[t[2]];
-        // A triangle that crosses the eye's near limit is left out.
-        if (a.inverseDepth == 0.0f || b.inverseDepth == 0.0f || c.inverseDepth == 0.0f)
-            return TileRect{};
-        return grid.rect(std::min({a.x, b.x, c.x}), std::min({a.y, b.y, c.y}),
-                         std::max({a.x, b.x, c.x}), std::max({a.y, b.y, c.y}));
-    });
+    const TileBins triangleBins = binByTile(
+        triangles.size(), grid,
+        [&](std::size_t i) {
+            const Triangle& t = triangles[i];
+            const ScalpVertex& a = scalpVertices[t[0]];
+            const ScalpVertex& b = scalpVertices[t[1]];
+            const ScalpVertex& c = scalpVertices[t[2]];
+            // A triangle that crosses the eye's near limit is left out.
+            if (a.inverseDepth == 0.0f || b.inverseDepth == 0.0f || c.inverseDepth == 0.0f)
+                return TileRect{};
+            return grid.rect(std::min({a.x, b.x, c.x}), std::min({a.y, b.y, c.y}),
+                             std::max({a.x, b.x, c.x}), std::max({a.y, b.y, c.y}));
+        },
+        [](std::size_t i) { return static_cast<std::uint64_t>(i); });
 
     // The strands' points on screen, shaded. A segment starts at every point but a strand's last.
     const std::size_t strandCount = strands.strandCount();
     const std::size_t pointCount = strands.pointCount();
-    std::vector<HairPoint> hair(pointCount);
+    // Only points that start or end a drawn segment are written, and only those are read.
+    const auto hairPoints = makeLargeArray<HairPoint>(pointCount);
+    const std::span<HairPoint> hair(hairPoints.get(), pointCount);
     std::vector<std::uint8_t> segmentStarts(pointCount, 0);
     {
         const std::span<const Vec3f> points = strands.points();
@@ -755,16 +799,25 @@ PreviewImage renderPreview(const StrandSet& strands, const ScalpMesh* scalp,
             }
         });
     }
-    const TileBins segmentBins = binByTile(pointCount, grid, [&](std::size_t i) {
-        if (!segmentStarts[i]) return TileRect{};
-        const HairPoint& a = hair[i];
-        const HairPoint& b = hair[i + 1];
-        if ((a.radius <= 0.0f && b.radius <= 0.0f) || (a.rgba[3] == 0 && b.rgba[3] == 0))
-            return TileRect{};
-        const float reach = std::max(a.radius, b.radius) + 1.0f;
-        return grid.rect(std::min(a.x, b.x) - reach, std::min(a.y, b.y) - reach,
-                         std::max(a.x, b.x) + reach, std::max(a.y, b.y) + reach);
-    });
+    const TileBins segmentBins = binByTile(
+        pointCount, grid,
+        [&](std::size_t i) {
+            if (!segmentStarts[i]) return TileRect{};
+            const HairPoint& a = hair[i];
+            const HairPoint& b = hair[i + 1];
+            if ((a.radius <= 0.0f && b.radius <= 0.0f) || (a.rgba[3] == 0 && b.rgba[3] == 0))
+                return TileRect{};
+            const float reach = std::max(a.radius, b.radius) + 1.0f;
+            return grid.rect(std::min(a.x, b.x) - reach, std::min(a.y, b.y) - reach,
+                             std::max(a.x, b.x) + reach, std::max(a.y, b.y) + reach);
+        },
+        [&](std::size_t i) {
+            // Positive floats order as their bits do.
+            const float nearest = std::min(hair[i].depth, hair[i + 1].depth);
+            std::uint32_t bits;
+            std::memcpy(&bits, &nearest, sizeof bits);
+            return static_cast<std::uint64_t>(bits) << 32 | i;
+        });
 
     // Each tile drawn and resolved on its own.
     const std::size_t pixels = static_cast<std::size_t>(options.width) * options.height;
