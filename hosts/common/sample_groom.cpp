@@ -65,7 +65,10 @@ StrandSet growSampleGroom(const ScalpMesh& scalp, const SampleGroomOptions& opti
             // Each strand leans a little its own way and is a little longer or shorter.
             const Vec3f lean{unitFloat(h + 3) - 0.5f, unitFloat(h + 4) - 0.5f,
                              unitFloat(h + 5) - 0.5f};
-            const float strandLength = length * (0.8f + 0.4f * unitFloat(h + 6));
+            // Hair rooted towards the face is cut to a fringe above the eyes.
+            const float fringe = std::clamp((normal.z - 0.2f) / 0.5f, 0.0f, 1.0f);
+            const float strandLength =
+                length * (0.8f + 0.4f * unitFloat(h + 6)) * (1.0f - 0.55f * fringe);
             const float step = strandLength / static_cast<float>(n - 1);
             const float shade = 0.8f + 0.4f * unitFloat(h + 7);
             Vec3f p = scalp.pointAt(root);

@@ -1,6 +1,7 @@
 #pragma once
 // A groom to look at without a graph: strands grown straight from a scalp, lifted along the normal
-// and combed down by gravity, with a brown colour that lightens towards the tips. The preview
+// and combed down by gravity, cut shorter towards the face (+Z), with a brown colour that lightens
+// towards the tips. The preview
 // renderer's tests, its benchmark and the sample pictures draw it.
 
 #include <cstddef>
