@@ -169,6 +169,34 @@ Vec3f shadeSkin(Vec3f normal, const Vec3f& toEye, const Lighting& lighting) {
 // ---------------------------------------------------------------------------------------------
 // Binning
 
+struct FreeMemory {
+    void operator()(void* pointer) const { std::free(pointer); }
+};
+
+// An uninitialised array, so that the largest arrays of a render cost no serial clearing. With
+// `hugePages`, on huge pages where the system lends them: the tile pass reads strand points in
+// depth order, from all over the array, and on 4 KiB pages nearly every such read also misses the
+// address cache. (The bins, written and read in order, do better without: the system may stop to
+// compact memory for huge pages.)
+template <class T>
+std::unique_ptr<T[], FreeMemory> makeLargeArray(std::size_t count, bool hugePages) {
+    static_assert(std::is_trivially_default_constructible_v<T>);
+    constexpr std::size_t kHugePage = std::size_t{2} << 20;
+    const std::size_t bytes = std::max<std::size_t>(count * sizeof(T), 1);
+    void* memory = nullptr;
+    if (hugePages && bytes >= kHugePage) {
+        const std::size_t rounded = (bytes + kHugePage - 1) / kHugePage * kHugePage;
+        memory = std::aligned_alloc(kHugePage, rounded);
+#ifdef __linux__
+        if (memory) madvise(memory, rounded, MADV_HUGEPAGE);
+#endif
+    } else {
+        memory = std::malloc(bytes);
+    }
+    if (!memory) throw std::bad_alloc();
+    return std::unique_ptr<T[], FreeMemory>(static_cast<T*>(memory));
+}
+
 // Tile rectangle of an item, inclusive; x1 < x0 for an item that reaches no tile.
 struct TileRect {
     int x0 = 0;
@@ -179,7 +207,8 @@ struct TileRect {
 
 struct TileBins {
     std::vector<std::uint64_t> offsets;  // tileCount + 1
-    std::vector<std::uint64_t> items;    // per tile, in item order: what valueOf gave
+    // Per tile, in item order: what valueOf gave.
+    std::unique_ptr<std::uint64_t[], FreeMemory> items;
 };
 
 struct TileGrid {
@@ -241,7 +270,7 @@ TileBins binByTile(std::size_t count, const TileGrid& grid, const RectOf& rectOf
         }
     }
     bins.offsets[tiles] = total;
-    bins.items.resize(total);
+    bins.items = makeLargeArray<std::uint64_t>(total, false);
     parallelRange(0, chunks, 1, [&](std::size_t first, std::size_t last) {
         for (std::size_t c = first; c < last; ++c) {
             std::uint64_t* next = cursor.data() + c * tiles;
@@ -271,29 +300,6 @@ struct HairPoint {
     std::array<std::uint16_t, 4> rgba;
 };
 constexpr float kColorScale = 4096.0f;
-
-struct FreeMemory {
-    void operator()(void* pointer) const { std::free(pointer); }
-};
-
-// An uninitialised array on huge pages where the system lends them. The tile pass reads strand
-// points in depth order, from all over the array; on 4 KiB pages nearly every such read also
-// misses the address cache.
-template <class T>
-std::unique_ptr<T[], FreeMemory> makeLargeArray(std::size_t count) {
-    static_assert(std::is_trivially_default_constructible_v<T>);
-    constexpr std::size_t kHugePage = std::size_t{2} << 20;
-    const std::size_t bytes = std::max<std::size_t>(count * sizeof(T), 1);
-    if (bytes < kHugePage)
-        return std::unique_ptr<T[], FreeMemory>(static_cast<T*>(std::malloc(bytes)));
-    const std::size_t rounded = (bytes + kHugePage - 1) / kHugePage * kHugePage;
-    void* memory = std::aligned_alloc(kHugePage, rounded);
-    if (!memory) throw std::bad_alloc();
-#ifdef __linux__
-    madvise(memory, rounded, MADV_HUGEPAGE);
-#endif
-    return std::unique_ptr<T[], FreeMemory>(static_cast<T*>(memory));
-}
 
 std::uint16_t packColor(float v) {
     return static_cast<std::uint16_t>(std::clamp(v * kColorScale + 0.5f, 0.0f, 65535.0f));
@@ -517,8 +523,7 @@ class TileRenderer {
         const std::uint64_t end = segmentBins_.offsets[tile + 1];
         // Each entry holds its segment's nearest depth as the sort key, so that sorting reads
         // the bin alone; a segment's points are fetched only if it is drawn.
-        s.order.assign(segmentBins_.items.begin() + static_cast<std::ptrdiff_t>(begin),
-                       segmentBins_.items.begin() + static_cast<std::ptrdiff_t>(end));
+        s.order.assign(segmentBins_.items.get() + begin, segmentBins_.items.get() + end);
         sortByKey(s.order, s.sortSpare);
 
         // Segments come nearest first. A fragment is never nearer than its segment's key, so a
@@ -748,7 +753,7 @@ PreviewImage renderPreview(const StrandSet& strands, const ScalpMesh* scalp,
     const std::size_t strandCount = strands.strandCount();
     const std::size_t pointCount = strands.pointCount();
     // Only points that start or end a drawn segment are written, and only those are read.
-    const auto hairPoints = makeLargeArray<HairPoint>(pointCount);
+    const auto hairPoints = makeLargeArray<HairPoint>(pointCount, true);
     const std::span<HairPoint> hair(hairPoints.get(), pointCount);
     std::vector<std::uint8_t> segmentStarts(pointCount, 0);
     {
