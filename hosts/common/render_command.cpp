@@ -3,6 +3,7 @@
 #include <cctype>
 #include <charconv>
 #include <cmath>
+#include <cstdlib>
 #include <stdexcept>
 
 #include "base/hash.h"
@@ -28,6 +29,11 @@ CommandSpec makeRenderSpec() {
             {"d", "density", T::Double, "Share of strands drawn, above 0 and at most 1; default 1"},
             {"e", "exposure", T::Double, "Brighter or darker, in stops; default 0"},
             {"t", "transparent", T::None, "Leave the background out: alpha is the coverage"},
+            {"ey", "eye", T::String, "Camera position X,Y,Z, with -target, instead of a view"},
+            {"tg", "target", T::String, "The point the camera looks at, X,Y,Z"},
+            {"up", "up", T::String, "The camera's up direction X,Y,Z; default 0,1,0"},
+            {"fov", "fieldOfView", T::Double,
+             "Vertical field of view in degrees, above 0 and below 180; default 30"},
         },
         GroomArgument::Required};
 }
@@ -58,6 +64,49 @@ std::size_t drawnStrands(const StrandSet& strands, double density) {
     for (const std::uint64_t id : strands.ids())
         kept += density > unitFloat(id) ? 1 : 0;
     return kept;
+}
+
+// "1,2.5,-3": three numbers with commas between.
+Vec3f parseVector(const ParsedFlags& flags, std::string_view name) {
+    const std::string text = *flags.string(name);
+    float values[3];
+    const char* at = text.c_str();
+    for (int i = 0; i < 3; ++i) {
+        char* end = nullptr;
+        values[i] = std::strtof(at, &end);
+        const bool last = i == 2;
+        if (end == at || !std::isfinite(values[i]) || (last ? *end != '\0' : *end != ','))
+            throwUsage("-" + std::string(name) + " takes X,Y,Z, not '" + text + "'");
+        at = end + 1;
+    }
+    return {values[0], values[1], values[2]};
+}
+
+// An explicit camera from -eye and -target, with -up and -fieldOfView.
+std::optional<PreviewCamera> cameraOf(const ParsedFlags& flags) {
+    const bool eye = flags.has("eye");
+    if (eye != flags.has("target")) throwUsage("-eye and -target go together");
+    if (!eye) {
+        for (const char* name : {"up", "fieldOfView"})
+            if (flags.has(name))
+                throwUsage("-" + std::string(name) + " goes with -eye and -target");
+        return std::nullopt;
+    }
+    if (flags.has("view")) throwUsage("use -view or -eye and -target, not both");
+    PreviewCamera camera;
+    camera.eye = parseVector(flags, "eye");
+    camera.target = parseVector(flags, "target");
+    if (flags.has("up")) camera.up = parseVector(flags, "up");
+    const Vec3f forward = camera.target - camera.eye;
+    if (lengthSquared(forward) == 0.0f) throwUsage("-eye and -target must differ");
+    if (lengthSquared(cross(forward, camera.up)) == 0.0f)
+        throwUsage("-up must not point along the view");
+    if (const auto fov = flags.number("fieldOfView")) {
+        if (!(*fov > 0.0 && *fov < 180.0))
+            throwUsage("-fieldOfView must be above 0 and below 180 degrees");
+        camera.fovDegrees = static_cast<float>(*fov);
+    }
+    return camera;
 }
 
 bool endsWithPng(const std::string& path) {
@@ -109,6 +158,7 @@ RenderRequest parseRenderRequest(std::span<const std::string> args) {
         request.options.exposure = static_cast<float>(*exposure);
     }
     request.options.transparentBackground = flags.has("transparent");
+    request.options.camera = cameraOf(flags);
     if (positional.empty()) throwUsage("name a groom");
     request.groom = positional.front();
     return request;

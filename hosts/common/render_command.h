@@ -32,7 +32,10 @@ const CommandSpec& renderCommandSpec();
 // groom", "unexpected argument 'x'", "-output is required", "-output must name a .png file",
 // "-size must be WIDTHxHEIGHT, each 1 to 8192 pixels, not 'x'", "-view must be front, side, back,
 // top or three-quarter, not 'x'", "-density must be above 0 and at most 1", "-exposure must be -20
-// to 20 stops".
+// to 20 stops", and for an explicit camera "-eye takes X,Y,Z, not 'x'" (the same for -target and
+// -up), "-eye and -target go together", "-up goes with -eye and -target", "use -view or -eye and
+// -target, not both", "-eye and -target must differ", "-up must not point along the view",
+// "-fieldOfView must be above 0 and below 180 degrees".
 RenderRequest parseRenderRequest(std::span<const std::string> args);
 
 // Renders the request's groom file and writes the picture, returning the command's answer. The

@@ -64,6 +64,14 @@ TEST(RenderCommand, ReadsItsFlags) {
     }
     EXPECT_TRUE(parseRenderRequest(std::vector<std::string>{"g", "-o", "a.png", "-t"})
                     .options.transparentBackground);
+    const RenderRequest explicitCamera = parseRenderRequest(
+        std::vector<std::string>{"g", "-o", "a.png", "--eye", "1,2.5,-30", "--target=0,1e1,0",
+                                 "-up", "0,0,1", "-fov", "45"});
+    ASSERT_TRUE(explicitCamera.options.camera);
+    EXPECT_EQ(explicitCamera.options.camera->eye, (Vec3f{1.0f, 2.5f, -30.0f}));
+    EXPECT_EQ(explicitCamera.options.camera->target, (Vec3f{0.0f, 10.0f, 0.0f}));
+    EXPECT_EQ(explicitCamera.options.camera->up, (Vec3f{0.0f, 0.0f, 1.0f}));
+    EXPECT_EQ(explicitCamera.options.camera->fovDegrees, 45.0f);
     EXPECT_EQ(parseRenderRequest(std::vector<std::string>{"g", "-o", "a.png", "-e", "-1.5"})
                   .options.exposure,
               -1.5f);
@@ -97,6 +105,19 @@ TEST(RenderCommand, RefusesBadUsage) {
         {{"g.groom", "-o", "p.png", "-f", "inf"}, "-frame takes a number, not 'inf'"},
         {{"g.groom", "-o", "p.png", "-e", "30"}, "-exposure must be -20 to 20 stops"},
         {{"g.groom", "-o", "p.png", "-x"}, "unknown flag '-x'"},
+        {{"g.groom", "-o", "p.png", "-eye", "0,0,10"}, "-eye and -target go together"},
+        {{"g.groom", "-o", "p.png", "-fov", "40"}, "-fieldOfView goes with -eye and -target"},
+        {{"g.groom", "-o", "p.png", "-eye", "0,0,10", "-tg", "0,0,0", "-v", "front"},
+         "use -view or -eye and -target, not both"},
+        {{"g.groom", "-o", "p.png", "-eye", "0,0", "-tg", "0,0,0"}, "-eye takes X,Y,Z, not '0,0'"},
+        {{"g.groom", "-o", "p.png", "-eye", "0,0,1,", "-tg", "0,0,0"},
+         "-eye takes X,Y,Z, not '0,0,1,'"},
+        {{"g.groom", "-o", "p.png", "-eye", "1,2,3", "-tg", "1,2,3"},
+         "-eye and -target must differ"},
+        {{"g.groom", "-o", "p.png", "-eye", "0,5,0", "-tg", "0,0,0"},
+         "-up must not point along the view"},
+        {{"g.groom", "-o", "p.png", "-eye", "0,0,9", "-tg", "0,0,0", "-fov", "180"},
+         "-fieldOfView must be above 0 and below 180 degrees"},
     };
     for (const Case& c : cases) {
         try {
@@ -147,6 +168,10 @@ TEST(RenderCommand, WritesThePicture) {
     EXPECT_EQ(bytes[19], 48);
     EXPECT_EQ(bytes[23], 32);
 
+    request.options.camera = PreviewCamera{{0.0f, 0.0f, 60.0f}, {0.0f, 0.0f, 0.0f}};
+    EXPECT_EQ(writePreviewPicture(groom, scalp.get(), request),
+              "wrote " + path + ": 48x32, a given camera, " + std::to_string(kept.strandCount()) +
+                  " strands");
     request.output = (folder / "missing" / "p.png").string();
     try {
         writePreviewPicture(groom, scalp.get(), request);
