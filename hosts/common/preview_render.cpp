@@ -125,7 +125,7 @@ Vec3f shadeHair(const Vec3f& tangent, const Vec3f& toEye, const Vec3f& color, fl
     const float widthR = (2.5f + 7.5f * std::clamp(roughness, 0.0f, 1.0f)) * kPi / 180.0f;
     const float sinEye = dot(tangent, toEye);
     const float thetaEye = safeAsin(sinEye);
-    const Vec3f eyeAcross = normalized(toEye - tangent * sinEye, toEye);
+    const float cosEye = std::sqrt(std::max(1e-8f, 1.0f - sinEye * sinEye));
     const float occlusion = 0.3f + 0.7f * std::sqrt(std::clamp(along, 0.0f, 1.0f));
     // The secondary takes the pigment's hue twice over; darker hair gives a dimmer one.
     const float brightest = std::max({color.x, color.y, color.z, 1e-4f});
@@ -137,8 +137,11 @@ Vec3f shadeHair(const Vec3f& tangent, const Vec3f& toEye, const Vec3f& color, fl
     for (const Light& light : lighting.lights) {
         const float sinLight = dot(tangent, light.direction);
         const float cosLight = std::sqrt(std::max(0.0f, 1.0f - sinLight * sinLight));
-        const Vec3f lightAcross = normalized(light.direction - tangent * sinLight, toEye);
-        const float cosPhi = dot(lightAcross, eyeAcross);
+        // The cosine of the azimuth between light and eye around the strand: the angle between
+        // their parts across the tangent, whose lengths are the cosines just found.
+        const float cosPhi = std::clamp(
+            (dot(light.direction, toEye) - sinLight * sinEye) / std::max(cosLight * cosEye, 1e-6f),
+            -1.0f, 1.0f);
         // Strands lit from the side the eye sees are brighter than those lit from behind.
         const float facing = 0.35f + 0.65f * 0.5f * (1.0f + cosPhi);
         const float thetaHalf = 0.5f * (safeAsin(sinLight) + thetaEye);
