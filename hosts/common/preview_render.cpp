@@ -34,6 +34,18 @@ constexpr int kTilePixels = kTile * kTile;
 constexpr float kInfinity = std::numeric_limits<float>::infinity();
 constexpr float kPi = 3.14159265358979f;
 
+// Whole pixels below and above a coordinate, held within the range of an int: a point just in
+// front of the eye can land far off the picture, and only the part on the picture is drawn.
+float pixelRange(float v) {
+    return v > -1e9f ? std::min(v, 1e9f) : -1e9f;  // not a number goes low
+}
+int floorPixel(float v) {
+    return static_cast<int>(std::floor(pixelRange(v)));
+}
+int ceilPixel(float v) {
+    return static_cast<int>(std::ceil(pixelRange(v)));
+}
+
 // A mid brown, for strands with no colour channels.
 constexpr Vec3f kDefaultHairColor{0.16f, 0.085f, 0.045f};
 constexpr Vec3f kSkinColor{0.52f, 0.33f, 0.25f};
@@ -228,7 +240,7 @@ struct TileGrid {
               minY < static_cast<float>(height)))
             return {};
         const auto tile = [](float v, int last) {
-            return std::clamp(static_cast<int>(std::floor(v)) / kTile, 0, last);
+            return std::clamp(floorPixel(v) / kTile, 0, last);
         };
         return {tile(std::max(minX, 0.0f), tilesX - 1), tile(std::max(minY, 0.0f), tilesY - 1),
                 tile(std::min(maxX, static_cast<float>(width - 1)), tilesX - 1),
@@ -305,7 +317,9 @@ struct HairPoint {
 constexpr float kColorScale = 4096.0f;
 
 std::uint16_t packColor(float v) {
-    return static_cast<std::uint16_t>(std::clamp(v * kColorScale + 0.5f, 0.0f, 65535.0f));
+    const float scaled = v * kColorScale + 0.5f;
+    if (!(scaled > 0.0f)) return 0;  // negative, or not a number
+    return static_cast<std::uint16_t>(std::min(scaled, 65535.0f));
 }
 
 struct ScalpVertex {
@@ -477,12 +491,10 @@ class TileRenderer {
         const float area = (b.x - a.x) * (c.y - a.y) - (b.y - a.y) * (c.x - a.x);
         if (std::abs(area) < 1e-12f) return;
         const float inverseArea = 1.0f / area;
-        const int minX = std::max(s.x0, static_cast<int>(std::floor(std::min({a.x, b.x, c.x}))));
-        const int maxX =
-            std::min(s.x1 - 1, static_cast<int>(std::floor(std::max({a.x, b.x, c.x}))));
-        const int minY = std::max(s.y0, static_cast<int>(std::floor(std::min({a.y, b.y, c.y}))));
-        const int maxY =
-            std::min(s.y1 - 1, static_cast<int>(std::floor(std::max({a.y, b.y, c.y}))));
+        const int minX = std::max(s.x0, floorPixel(std::min({a.x, b.x, c.x})));
+        const int maxX = std::min(s.x1 - 1, floorPixel(std::max({a.x, b.x, c.x})));
+        const int minY = std::max(s.y0, floorPixel(std::min({a.y, b.y, c.y})));
+        const int maxY = std::min(s.y1 - 1, floorPixel(std::max({a.y, b.y, c.y})));
         const Vec3f& na = scalpNormals_[t[0]];
         const Vec3f& nb = scalpNormals_[t[1]];
         const Vec3f& nc = scalpNormals_[t[2]];
@@ -558,7 +570,9 @@ class TileRenderer {
         const float dx = b.x - a.x;
         const float dy = b.y - a.y;
         const float length2 = dx * dx + dy * dy;
-        if (length2 < 1e-12f) return;
+        // Too short to cross a pixel centre, or so long (a point right by the eye) that single
+        // precision can no longer place it.
+        if (!(length2 >= 1e-12f && length2 < 1e24f)) return;
         const float inverseLength2 = 1.0f / length2;
         const float inverseLength = std::sqrt(inverseLength2);
         // A pixel is touched while its centre is within the half width plus half a pixel.
@@ -598,29 +612,24 @@ class TileRenderer {
         if (std::abs(dx) >= std::abs(dy)) {
             const float slope = dy / dx;
             const float extent = reach * std::sqrt(length2) / std::abs(dx);
-            const int first =
-                std::max(s.x0, static_cast<int>(std::floor(std::min(a.x, b.x) - 1.0f)));
-            const int last = std::min(s.x1 - 1, static_cast<int>(std::floor(std::max(a.x, b.x))));
+            const int first = std::max(s.x0, floorPixel(std::min(a.x, b.x) - 1.0f));
+            const int last = std::min(s.x1 - 1, floorPixel(std::max(a.x, b.x)));
             for (int px = first; px <= last; ++px) {
                 const float centre = a.y + (static_cast<float>(px) + 0.5f - a.x) * slope;
-                const int top = std::max(s.y0, static_cast<int>(std::ceil(centre - extent - 0.5f)));
-                const int bottom =
-                    std::min(s.y1 - 1, static_cast<int>(std::floor(centre + extent - 0.5f)));
+                const int top = std::max(s.y0, ceilPixel(centre - extent - 0.5f));
+                const int bottom = std::min(s.y1 - 1, floorPixel(centre + extent - 0.5f));
                 for (int py = top; py <= bottom; ++py)
                     pixel(px, py);
             }
         } else {
             const float slope = dx / dy;
             const float extent = reach * std::sqrt(length2) / std::abs(dy);
-            const int first =
-                std::max(s.y0, static_cast<int>(std::floor(std::min(a.y, b.y) - 1.0f)));
-            const int last = std::min(s.y1 - 1, static_cast<int>(std::floor(std::max(a.y, b.y))));
+            const int first = std::max(s.y0, floorPixel(std::min(a.y, b.y) - 1.0f));
+            const int last = std::min(s.y1 - 1, floorPixel(std::max(a.y, b.y)));
             for (int py = first; py <= last; ++py) {
                 const float centre = a.x + (static_cast<float>(py) + 0.5f - a.y) * slope;
-                const int left =
-                    std::max(s.x0, static_cast<int>(std::ceil(centre - extent - 0.5f)));
-                const int right =
-                    std::min(s.x1 - 1, static_cast<int>(std::floor(centre + extent - 0.5f)));
+                const int left = std::max(s.x0, ceilPixel(centre - extent - 0.5f));
+                const int right = std::min(s.x1 - 1, floorPixel(centre + extent - 0.5f));
                 for (int px = left; px <= right; ++px)
                     pixel(px, py);
             }

@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <limits>
 #include <stdexcept>
 #include <vector>
 
@@ -271,6 +272,34 @@ TEST(PreviewRender, DensityDrawsTheStrandsThatThinningKeeps) {
     options.camera = thin.camera;
     EXPECT_EQ(renderPreview(kept, scalp.get(), options).rgba, thin.rgba);
     EXPECT_NE(renderPreview(groom, scalp.get(), options).rgba, thin.rgba);
+}
+
+TEST(PreviewRender, OddStrandsSpoilNothing) {
+    const float nan = std::nanf("");
+    const float inf = std::numeric_limits<float>::infinity();
+    StrandSet odd = oneStrand({-2.0f, 0.0f, 0.0f}, {2.0f, 0.0f, 0.0f}, 0.2f, 1);
+    const std::vector<std::vector<Vec3f>> shapes = {
+        {{0.0f, 1.0f, 0.0f}, {nan, 1.0f, 0.0f}, {1.0f, 1.0f, 0.0f}},        // not a number
+        {{0.0f, 2.0f, 0.0f}, {inf, 2.0f, 0.0f}},                            // at infinity
+        {{0.0f, 0.0f, 20.0f}, {0.0f, 0.5f, 9.9999f}, {0.3f, -0.4f, 0.0f}},  // through the eye
+        {{1e30f, 0.0f, 5.0f}, {-1e30f, 0.1f, 5.0f}},                        // far off the picture
+        {{0.0f, -1.0f, 0.0f}},                                              // a single point
+    };
+    for (std::size_t i = 0; i < shapes.size(); ++i)
+        odd.addStrand(10 + i, {}, shapes[i], std::vector<float>(shapes[i].size(), 0.2f));
+    odd.addStrand(20, {}, std::vector<Vec3f>{{0, -2, 0}, {1, -2, 0}}, std::vector<float>{-1, -1});
+    odd.addStrand(21, {}, std::vector<Vec3f>{{0, -1.5f, 0}, {1, -1.5f, 0}},
+                  std::vector<float>{1e30f, 1e30f});
+    // Colour and roughness that are not numbers, on the first strand only.
+    odd.addStrandChannel(std::string(channels::kColor[0]), 0.1f)[0] = nan;
+    odd.addStrandChannel(std::string(channels::kRoughness), 0.3f)[0] = nan;
+    const PreviewImage image = renderPreview(odd, nullptr, optionsFor(lookDownZ(), 64, 48));
+    for (std::size_t i = 0; i < image.linear.size(); ++i) {
+        ASSERT_TRUE(std::isfinite(image.linear[i])) << i;
+        ASSERT_GE(image.linear[i], 0.0f) << i;
+    }
+    for (std::size_t i = 3; i < image.linear.size(); i += 4)
+        ASSERT_LE(image.linear[i], 1.0f + 1e-5f);
 }
 
 TEST(PreviewRender, RefusesBadOptions) {
