@@ -18,8 +18,8 @@ CommandSpec makeRenderSpec() {
     return {
         "velmorinRender",
         "render",
-        "Draws a preview picture of a groom file to a PNG: the scalp and the strands, shaded, "
-        "from a named view.",
+        "Draws a preview picture of a groom file to a PNG. The scalp and the strands are "
+        "shaded and seen from a named view or a given camera.",
         {
             {"o", "output", T::String, "The PNG file to write (required)"},
             {"v", "view", T::String,
