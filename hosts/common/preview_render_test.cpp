@@ -274,6 +274,69 @@ TEST(PreviewRender, DensityDrawsTheStrandsThatThinningKeeps) {
     EXPECT_NE(renderPreview(groom, scalp.get(), options).rgba, thin.rgba);
 }
 
+TEST(PreviewRender, ExposureAndBackground) {
+    const StrandSet strand = oneStrand({-2.0f, 0.0f, 0.0f}, {2.0f, 0.0f, 0.0f}, 0.3f);
+    PreviewRenderOptions options = optionsFor(lookDownZ(), 64, 64);
+    options.background = {0.5f, 0.25f, 0.0f};
+    const PreviewImage plain = renderPreview(strand, nullptr, options);
+    // The background fills what the groom leaves, encoded in sRGB, opaque.
+    const std::size_t corner = 0;
+    EXPECT_EQ(plain.rgba[corner], 188);  // 0.5 linear
+    EXPECT_EQ(plain.rgba[corner + 1], 137);
+    EXPECT_EQ(plain.rgba[corner + 2], 0);
+    for (std::size_t i = 3; i < plain.rgba.size(); i += 4)
+        ASSERT_EQ(plain.rgba[i], 255);
+
+    // A stop brighter doubles the groom's light (before the shoulder) and leaves the rest.
+    options.exposure = 1.0f;
+    const PreviewImage brighter = renderPreview(strand, nullptr, options);
+    EXPECT_EQ(brighter.linear, plain.linear);
+    const std::size_t centre = (32 * 64 + 32) * 4;
+    EXPECT_GT(brighter.rgba[centre + 1], plain.rgba[centre + 1]);
+    EXPECT_EQ(std::vector<std::uint8_t>(brighter.rgba.begin(), brighter.rgba.begin() + 4),
+              std::vector<std::uint8_t>(plain.rgba.begin(), plain.rgba.begin() + 4));
+
+    // Without the background, alpha is the coverage and the colour the groom's own.
+    options.exposure = 0.0f;
+    options.transparentBackground = true;
+    const PreviewImage cutOut = renderPreview(strand, nullptr, options);
+    for (std::size_t i = 0; i < cutOut.rgba.size(); i += 4) {
+        const float alpha = cutOut.linear[i + 3];
+        ASSERT_EQ(cutOut.rgba[i + 3], static_cast<std::uint8_t>(alpha * 255.0f + 0.5f));
+        if (alpha == 0.0f) {
+            ASSERT_EQ(cutOut.rgba[i], 0);
+        }
+    }
+    EXPECT_EQ(cutOut.rgba[centre + 3], 255);
+    EXPECT_EQ(cutOut.rgba[centre], plain.rgba[centre]);
+}
+
+TEST(PreviewRender, NamedViewsSeeFromTheirSide) {
+    // +X is the head's left: on the right of the picture from the front, on the left from the
+    // back; from the side (+X), the face (+Z) is on the left; from the top, it is at the bottom.
+    const StrandSet marks = oneStrand({-1.0f, -1.0f, -1.0f}, {1.0f, 1.0f, 1.0f}, 0.01f);
+    struct Case {
+        PreviewView view;
+        Vec3f point;
+        bool right;  // lands right of the centre
+        bool below;  // lands below the centre
+    };
+    const Case cases[] = {
+        {PreviewView::Front, {1.0f, 0.5f, 0.0f}, true, false},
+        {PreviewView::Back, {1.0f, 0.5f, 0.0f}, false, false},
+        {PreviewView::Side, {0.0f, -0.5f, 1.0f}, false, true},
+        {PreviewView::Top, {0.5f, 0.0f, 1.0f}, true, true},
+    };
+    for (const Case& c : cases) {
+        const PreviewProjection projection{framePreviewCamera(marks, nullptr, c.view, 100, 100),
+                                           100, 100};
+        const auto at = projection.project(c.point);
+        ASSERT_TRUE(at);
+        EXPECT_EQ(at->x > 50.0f, c.right) << previewViewName(c.view);
+        EXPECT_EQ(at->y > 50.0f, c.below) << previewViewName(c.view);
+    }
+}
+
 TEST(PreviewRender, OddStrandsSpoilNothing) {
     const float nan = std::nanf("");
     const float inf = std::numeric_limits<float>::infinity();
