@@ -13,6 +13,9 @@ namespace {
 
 using Json = detail::GroomJson;
 
+// The magnitude of the lowest i64, which only an unsigned JSON number holds.
+constexpr std::uint64_t kInt64Magnitude = std::uint64_t{1} << 63;
+
 std::shared_ptr<const ScalpMesh> turnMesh(const std::shared_ptr<const ScalpMesh>& mesh, bool toZ) {
     if (!mesh) return mesh;
     auto turned = std::make_shared<ScalpMesh>(*mesh);
@@ -27,17 +30,24 @@ std::shared_ptr<const ScalpMesh> turnMesh(const std::shared_ptr<const ScalpMesh>
     return turned;
 }
 
-// A JSON number negated as the kind of number it is, so that an integer stays an integer and a turn
-// there and back gives the same text.
+// Whether a JSON number negates to a number of its own kind (an integer stays an integer), so that
+// a turn there and back gives the same text.
+bool negatesInKind(const Json& value) {
+    if (value.is_number_unsigned()) return value.get<std::uint64_t>() <= kInt64Magnitude;
+    if (value.is_number_integer()) return true;
+    return value.is_number_float();
+}
+
 Json negated(const Json& value) {
     if (value.is_number_unsigned()) {
         const auto n = value.get<std::uint64_t>();
-        if (n <= static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max())) {
-            return -static_cast<std::int64_t>(n);
-        }
-    } else if (value.is_number_integer()) {
+        if (n == kInt64Magnitude) return std::numeric_limits<std::int64_t>::min();
+        return -static_cast<std::int64_t>(n);
+    }
+    if (value.is_number_integer()) {
         const auto n = value.get<std::int64_t>();
-        if (n != std::numeric_limits<std::int64_t>::min()) return -n;
+        if (n == std::numeric_limits<std::int64_t>::min()) return kInt64Magnitude;
+        return -n;
     }
     return -value.get<double>();
 }
@@ -46,7 +56,8 @@ Json negated(const Json& value) {
 void turnTriple(Json& array, std::size_t at, bool toZ) {
     Json& y = array[at + 1];
     Json& z = array[at + 2];
-    if (!array[at].is_number() || !y.is_number() || !z.is_number()) return;
+    // Anything but numbers, or an integer too large to negate, is not a vector: it stays.
+    if (!array[at].is_number() || !negatesInKind(y) || !negatesInKind(z)) return;
     Json newY = toZ ? negated(z) : z;
     Json newZ = toZ ? y : negated(y);
     y = std::move(newY);
@@ -123,8 +134,8 @@ void turnMirror(Json& params, bool toZ) {
     const auto side = params.find("side");
     const bool positive = side == params.end() || *side == "positive";
     params["side"] = positive ? "negative" : "positive";
-    if (auto offset = params.find("offset"); offset != params.end() && offset->is_number()) {
-        *offset = -offset->get<double>();
+    if (auto offset = params.find("offset"); offset != params.end() && negatesInKind(*offset)) {
+        *offset = negated(*offset);
     }
 }
 

@@ -1,6 +1,7 @@
 // The groom file, the reader: the whole text through the JSON library, then each section checked
 // and read into a GroomFile that is handed out only when every section was read. Every size comes
 // from an array the text holds, so nothing is allocated beyond what the file itself carries.
+#include <algorithm>
 #include <charconv>
 #include <cstdio>
 #include <filesystem>
@@ -171,7 +172,10 @@ std::shared_ptr<const ScalpMesh> readMesh(const Json& json, const std::string& n
     if (const Json* levels = member(json, "subdivision")) {
         subdivision.levels = static_cast<int>(count(*levels, name + ".subdivision"));
     }
-    subdivision.from = text(json, "subdivisionFrom", name + ".subdivisionFrom");
+    // The render setting the levels match means nothing without levels.
+    if (subdivision.levels > 0) {
+        subdivision.from = text(json, "subdivisionFrom", name + ".subdivisionFrom");
+    }
     if (const Json* cage = member(json, "subdivisionCageFaces")) {
         subdivision.cageFaceCount = count(*cage, name + ".subdivisionCageFaces");
     }
@@ -348,6 +352,7 @@ GroomFile readDocument(const Json& doc) {
     }
     file.source = text(doc, "source", "source");
     file.graph = payloadText(doc, "graph");
+    if (file.graph == "{}") file.graph.clear();  // the writer's form of a groom with no graph
     file.hierarchy = payloadText(doc, "hierarchy");
     file.parts = payloadText(doc, "parts");
     file.correctives = payloadText(doc, "correctives");
@@ -406,12 +411,14 @@ GroomFile readDocument(const Json& doc) {
     if (member(doc, "scaleSource")) {
         file.scaleSource = scaleSource(text(doc, "scaleSource", "scaleSource"));
     }
-    file.scaleReference = number(doc, "scaleReference");
-    file.scaleTransformReference = number(doc, "scaleTransformReference");
+    // A reference of 0 or less is none: the next measure sets it.
+    file.scaleReference = std::max(0.0, number(doc, "scaleReference"));
+    file.scaleTransformReference = std::max(0.0, number(doc, "scaleTransformReference"));
     if (const Json* bake = member(doc, "cardBake")) {
         object(*bake, "cardBake");
         file.cardBake = {text(*bake, "prefix", "cardBake.prefix"),
                          text(*bake, "strands", "cardBake.strands")};
+        if (file.cardBake.prefix.empty()) file.cardBake = {};  // no bake without its images
     }
     if (const Json* caches = member(doc, "simCaches")) file.simCaches = simCachesOf(*caches);
     if (const Json* prototypes = member(doc, "prototypes")) {
@@ -431,7 +438,7 @@ GroomFile readDocument(const Json& doc) {
     }
     if (const Json* photos = member(doc, "referencePhotos")) {
         if (!photos->is_array()) fail("'referencePhotos' must be an array");
-        file.referencePhotos = photos->dump();
+        if (!photos->empty()) file.referencePhotos = photos->dump();
     }
     file.guideGroupColors = text(doc, "guideGroupColors", "guideGroupColors");
     file.hiddenGuideGroups = text(doc, "hiddenGuideGroups", "hiddenGuideGroups");

@@ -467,7 +467,7 @@ TEST(GroomFile, MirrorSidesKeepTheirWorldMeaning) {
     const std::vector<std::tuple<std::string, std::string, std::string, std::string>> cases = {
         {R"({"axis":"y","side":"negative","offset":2})", "Z",
          R"({"axis":"z","side":"negative","offset":2})", "Y"},
-        {R"({"axis":"z","offset":2})", "Z", R"({"axis":"y","offset":-2.0,"side":"negative"})", "Y"},
+        {R"({"axis":"z","offset":2})", "Z", R"({"axis":"y","offset":-2,"side":"negative"})", "Y"},
         {R"({"axis":"x","side":"negative"})", "Z", R"({"axis":"x","side":"negative"})", "Y"},
     };
     for (const auto& [params, target, expected, from] : cases) {
