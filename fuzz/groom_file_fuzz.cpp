@@ -2,19 +2,53 @@
 // crash, a leak or a hang. A groom that reads must write a text that reads back to the same content
 // and writes the same bytes again (unless a name of it would pass for a float block, which the
 // writer refuses), and turning it to the other up axis and back must give the same content. The
-// same bytes also go through the host's bake-list reader.
+// fast scanner must read alike with the JSON library whenever it vouches for a text. The same
+// bytes also go through the host's bake-list reader.
 
 #include <cstddef>
 #include <cstdint>
 #include <string>
 #include <string_view>
 
+#include <nlohmann/json.hpp>
+
 #include "files/groom_file.h"
+#include "files/json_scan.h"
 
 namespace {
 
 using velmorin::GroomFile;
 using velmorin::GroomFileError;
+
+using Json = nlohmann::ordered_json;
+
+Json unpacked(const Json& json) {
+    if (velmorin::detail::isPacked(json)) {
+        Json out = Json::array();
+        for (std::size_t i = 0; i < velmorin::detail::packedCount(json); ++i)
+            out.push_back(velmorin::detail::packedAt(json, i));
+        return out;
+    }
+    if (auto text = velmorin::detail::rawText(json)) return Json::parse(*text);
+    Json out = json;
+    if (out.is_structured()) {
+        for (auto& [key, value] : out.items())
+            value = unpacked(value);
+    }
+    return out;
+}
+
+// Whatever the scanner vouches for, the library reads to the same tree.
+void scanner(std::string_view text) {
+    const std::string_view raw[] = {"graph", "hierarchy"};
+    const auto scanned = velmorin::detail::scanJson(text, raw);
+    const auto compact = velmorin::detail::compactJson(text);
+    if (!scanned && !compact) return;
+    const Json library = Json::parse(text.begin(), text.end(), nullptr, false);
+    if (library.is_discarded()) __builtin_trap();
+    if (scanned && unpacked(*scanned) != library) __builtin_trap();
+    if (compact && Json::parse(*compact) != library) __builtin_trap();
+}
 
 void bakeList(std::string_view text) {
     try {
@@ -30,6 +64,7 @@ void bakeList(std::string_view text) {
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     const std::string_view text(reinterpret_cast<const char*>(data), size);
+    scanner(text);
     bakeList(text);
 
     GroomFile file;

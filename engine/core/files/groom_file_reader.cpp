@@ -9,6 +9,7 @@
 #include "base/document.h"
 #include "base/json_numbers.h"
 #include "files/groom_file_internal.h"
+#include "files/json_scan.h"
 
 namespace velmorin {
 namespace {
@@ -24,6 +25,43 @@ const Json* member(const Json& object, std::string_view key) {
     return found == object.end() ? nullptr : &*found;
 }
 
+// The sections kept as JSON text: the fast scanner copies them out without building a tree.
+constexpr std::string_view kTextSections[] = {"graph", "correctives", "flow",           "hierarchy",
+                                              "parts", "sculpts",     "referencePhotos"};
+
+// A list of numbers as the tree holds it: a JSON array, or the fast scanner's packed doubles.
+class Numbers {
+  public:
+    // Nothing for a value that is neither.
+    static std::optional<Numbers> of(const Json* json) {
+        if (!json || !(json->is_array() || detail::isPacked(*json))) return std::nullopt;
+        return Numbers(*json);
+    }
+    std::size_t size() const { return packed_ ? detail::packedCount(json_) : json_.size(); }
+    std::optional<float> floatAt(std::size_t i) const {
+        return packed_ ? detail::narrowToFloat(detail::packedAt(json_, i))
+                       : detail::groomFloat(json_[i]);
+    }
+    std::optional<std::int32_t> intAt(std::size_t i) const {
+        return packed_ ? intFromJson(Json(detail::packedAt(json_, i))) : intFromJson(json_[i]);
+    }
+
+  private:
+    explicit Numbers(const Json& json) : json_(json), packed_(detail::isPacked(json)) {}
+    const Json& json_;
+    bool packed_;
+};
+
+// An array to walk entry by entry: packed numbers are unpacked into `scratch`, so that every
+// section meets the same values (and gives the same words) however the text was read.
+const Json& entries(const Json& json, Json& scratch) {
+    if (!detail::isPacked(json)) return json;
+    scratch = Json::array();
+    for (std::size_t i = 0; i < detail::packedCount(json); ++i)
+        scratch.push_back(detail::packedAt(json, i));
+    return scratch;
+}
+
 std::string text(const Json& object, std::string_view key, std::string_view name,
                  std::string fallback = {}) {
     const Json* value = member(object, key);
@@ -35,14 +73,16 @@ std::string text(const Json& object, std::string_view key, std::string_view name
 double number(const Json& object, std::string_view key, double fallback = 0.0) {
     const Json* value = member(object, key);
     if (!value) return fallback;
-    if (!value->is_number()) fail("'" + std::string(key) + "' must be a number");
+    if (!value->is_number()) fail(std::string(1, '\'').append(key).append("' must be a number"));
     return value->get<double>();
 }
 
 std::vector<std::string> texts(const Json& object, std::string_view key) {
     std::vector<std::string> out;
+    Json scratch;
     const Json* value = member(object, key);
     if (!value) return out;
+    value = &entries(*value, scratch);
     if (!value->is_array()) fail("'" + std::string(key) + "' must be an array of strings");
     out.reserve(value->size());
     for (const Json& entry : *value) {
@@ -61,15 +101,16 @@ const Json& object(const Json& json, const std::string& name) {
 // (null) is refused like any other value that is not an array.
 template <class T, class Make>
 std::vector<T> tuples(const Json* json, const std::string& name, std::size_t tuple, Make make) {
-    if (!json || !json->is_array() || json->size() % tuple != 0) {
+    const auto numbers = Numbers::of(json);
+    if (!numbers || numbers->size() % tuple != 0) {
         fail("'" + name + "' must be an array of " + std::to_string(tuple) + "-tuples");
     }
     std::vector<T> out;
-    out.reserve(json->size() / tuple);
+    out.reserve(numbers->size() / tuple);
     float parts[4];
-    for (std::size_t i = 0; i < json->size(); i += tuple) {
+    for (std::size_t i = 0; i < numbers->size(); i += tuple) {
         for (std::size_t k = 0; k < tuple; ++k) {
-            const auto value = detail::groomFloat((*json)[i + k]);
+            const auto value = numbers->floatAt(i + k);
             if (!value) fail("'" + name + "' must hold numbers");
             parts[k] = *value;
         }
@@ -90,10 +131,11 @@ std::vector<Rgba> colors(const Json* json, const std::string& name) {
 
 // Whole triangles whose corners name points below `pointCount`; nothing for anything else.
 std::optional<std::vector<Triangle>> triangles(const Json* json, std::size_t pointCount) {
-    if (!json || !json->is_array() || json->size() % 3 != 0) return std::nullopt;
-    std::vector<Triangle> out(json->size() / 3);
-    for (std::size_t i = 0; i < json->size(); ++i) {
-        const auto corner = intFromJson((*json)[i]);
+    const auto numbers = Numbers::of(json);
+    if (!numbers || numbers->size() % 3 != 0) return std::nullopt;
+    std::vector<Triangle> out(numbers->size() / 3);
+    for (std::size_t i = 0; i < numbers->size(); ++i) {
+        const auto corner = numbers->intAt(i);
         if (!corner || *corner < 0 || static_cast<std::size_t>(*corner) >= pointCount) {
             return std::nullopt;
         }
@@ -127,11 +169,12 @@ std::shared_ptr<const ScalpMesh> readMesh(const Json& json, const std::string& n
     setMeshPart(name + ".triangles",
                 [&] { mesh->setGeometry(std::move(meshPoints), std::move(*meshTriangles)); });
     if (const Json* polygons = member(json, "polygons")) {
-        if (!polygons->is_array()) fail("bad " + name + ".polygons");
+        const auto numbers = Numbers::of(polygons);
+        if (!numbers) fail("bad " + name + ".polygons");
         std::vector<std::int32_t> counts;
-        counts.reserve(polygons->size());
-        for (const Json& entry : *polygons) {
-            const auto value = intFromJson(entry);
+        counts.reserve(numbers->size());
+        for (std::size_t i = 0; i < numbers->size(); ++i) {
+            const auto value = numbers->intAt(i);
             if (!value) fail("bad " + name + ".polygons");
             counts.push_back(*value);
         }
@@ -154,6 +197,8 @@ std::shared_ptr<const ScalpMesh> readMesh(const Json& json, const std::string& n
     }
     if (const Json* ranges = member(json, "scalpRanges")) {
         const std::string rangesName = name + ".scalpRanges";
+        Json scratch;
+        ranges = &entries(*ranges, scratch);
         if (!ranges->is_array()) fail("bad " + rangesName);
         std::vector<ScalpRange> list;
         ScalpRange next;
@@ -181,6 +226,8 @@ std::shared_ptr<const ScalpMesh> readMesh(const Json& json, const std::string& n
     }
     if (const Json* cages = member(json, "subdivisionScalpCageFaces")) {
         const std::string cagesName = name + ".subdivisionScalpCageFaces";
+        Json scratch;
+        cages = &entries(*cages, scratch);
         if (!cages->is_array()) fail("bad " + cagesName);
         for (const Json& entry : *cages)
             subdivision.scalpCageFaceCounts.push_back(count(entry, cagesName));
@@ -228,7 +275,9 @@ ScalpMap readMap(const std::string& name, const Json& json) {
     if (const Json* channels = member(json, "channels")) {
         const auto value = intFromJson(*channels);
         if (value != 1 && value != 4) {
-            fail("map '" + name + "' has " + channels->dump() + " channels (1 or 4)");
+            Json scratch;
+            fail("map '" + name + "' has " + entries(*channels, scratch).dump() +
+                 " channels (1 or 4)");
         }
         map.channels = *value;
     }
@@ -237,7 +286,8 @@ ScalpMap readMap(const std::string& name, const Json& json) {
     } else if (const Json* values = member(json, "values")) {
         const std::string valuesName = "maps." + name + ".values";
         const auto channels = static_cast<std::size_t>(map.channels);
-        if (!values->is_array() || values->size() % channels != 0) {
+        const auto numbers = Numbers::of(values);
+        if (!numbers || numbers->size() % channels != 0) {
             fail("'" + valuesName + "' must be an array of " + std::to_string(channels) +
                  "-tuples");
         }
@@ -250,11 +300,11 @@ InstancePrototype readPrototype(const Json& json, const std::string& name) {
     object(json, "prototypes." + name);
     InstancePrototype prototype;
     prototype.points = points(member(json, "points"), "prototypes.points");
-    const Json* list = member(json, "triangles");
-    if (!list || !list->is_array() || list->size() % 3 != 0) fail("bad prototypes.triangles");
+    const auto list = Numbers::of(member(json, "triangles"));
+    if (!list || list->size() % 3 != 0) fail("bad prototypes.triangles");
     prototype.triangles.resize(list->size() / 3);
     for (std::size_t i = 0; i < list->size(); ++i) {
-        const auto corner = intFromJson((*list)[i]);
+        const auto corner = list->intAt(i);
         if (!corner) fail("bad prototypes.triangles");
         if (*corner < 0 || static_cast<std::size_t>(*corner) >= prototype.points.size()) {
             fail("a prototype's triangle names a point it does not have");
@@ -290,6 +340,10 @@ ScaleSource scaleSource(const std::string& name) {
 std::string payloadText(const Json& doc, std::string_view key) {
     const Json* value = member(doc, key);
     if (!value) return {};
+    if (auto text = detail::rawText(*value)) {
+        if (text->front() != '{') fail("'" + std::string(key) + "' must be an object");
+        return std::move(*text);
+    }
     if (!value->is_object()) fail("'" + std::string(key) + "' must be an object");
     return value->dump();
 }
@@ -333,9 +387,13 @@ SimCaches simCachesOf(const Json& json) {
     return caches;
 }
 
-GroomFile readDocument(const Json& doc) {
+GroomFile readDocument(Json& doc) {
     const Json* format = doc.is_object() ? member(doc, "format") : nullptr;
     if (!format || *format != kGroomFormat) throw GroomFileError("not a Velmorin groom file");
+    if (auto version = doc.find("version"); version != doc.end()) {
+        Json scratch;
+        *version = Json(entries(*version, scratch));  // the shared check's words show its value
+    }
     try {
         checkFormatVersion(doc, kGroomFileVersion, "groom file");
     } catch (const SchemaError& error) {
@@ -347,7 +405,9 @@ GroomFile readDocument(const Json& doc) {
     file.framesPerSecond = number(doc, "framesPerSecond");
     file.units = text(doc, "units", "units", "cm");
     if (const Json* axis = member(doc, "upAxis")) {
-        detail::checkUpAxis(axis->is_string() ? axis->get<std::string>() : axis->dump());
+        Json scratch;
+        detail::checkUpAxis(axis->is_string() ? axis->get<std::string>()
+                                              : entries(*axis, scratch).dump());
         file.upAxis = axis->get<std::string>();
     }
     file.source = text(doc, "source", "source");
@@ -368,6 +428,8 @@ GroomFile readDocument(const Json& doc) {
         if (!scalp->is_object() || !scalp->empty()) file.scalp = readMesh(*scalp, "scalp");
     }
     if (const Json* scalps = member(doc, "scalps")) {
+        Json scratch;
+        scalps = &entries(*scalps, scratch);
         if (!scalps->is_array()) fail("'scalps' must be an array of meshes");
         for (const Json& entry : *scalps) {
             object(entry, "scalps");
@@ -379,6 +441,8 @@ GroomFile readDocument(const Json& doc) {
         }
     }
     if (const Json* guides = member(doc, "guides")) {
+        Json scratch;
+        guides = &entries(*guides, scratch);
         if (!guides->is_array()) fail("'guides' must be an array of guides");
         auto list = std::make_shared<std::vector<ExportedGuide>>();
         list->reserve(guides->size());
@@ -430,6 +494,8 @@ GroomFile readDocument(const Json& doc) {
             file.colliders[name] = readMesh(mesh, "colliders." + name);
     }
     if (const Json* markers = member(doc, "transferMarkers")) {
+        Json scratch;
+        markers = &entries(*markers, scratch);
         if (!markers->is_array()) fail("not a list of marker pairs");
         for (const Json& pair : *markers) {
             if (!pair.is_array() || pair.size() != 2) fail("not a list of marker pairs");
@@ -437,8 +503,12 @@ GroomFile readDocument(const Json& doc) {
         }
     }
     if (const Json* photos = member(doc, "referencePhotos")) {
-        if (!photos->is_array()) fail("'referencePhotos' must be an array");
-        if (!photos->empty()) file.referencePhotos = photos->dump();
+        auto text = detail::rawText(*photos);
+        if (text ? text->front() != '[' : !photos->is_array()) {
+            fail("'referencePhotos' must be an array");
+        }
+        if (!text) text = photos->dump();
+        if (*text != "[]") file.referencePhotos = std::move(*text);
     }
     file.guideGroupColors = text(doc, "guideGroupColors", "guideGroupColors");
     file.hiddenGuideGroups = text(doc, "hiddenGuideGroups", "hiddenGuideGroups");
@@ -458,10 +528,15 @@ SimCaches simCachesFromJson(std::string_view text) {
 
 GroomFile parseGroom(std::string_view text) {
     Json doc;
-    try {
-        doc = Json::parse(text.begin(), text.end());
-    } catch (const Json::exception& error) {
-        throw GroomFileError(std::string("groom file: invalid JSON: ") + error.what());
+    if (auto scanned = detail::scanJson(text, kTextSections)) {
+        doc = std::move(*scanned);
+    } else {
+        // What the scanner can't vouch for, the JSON library reads (or refuses in its words).
+        try {
+            doc = Json::parse(text.begin(), text.end());
+        } catch (const Json::exception& error) {
+            throw GroomFileError(std::string("groom file: invalid JSON: ") + error.what());
+        }
     }
     try {
         return readDocument(doc);

@@ -10,6 +10,7 @@
 
 #include "base/document.h"
 #include "files/groom_file_internal.h"
+#include "files/json_scan.h"
 
 namespace velmorin {
 namespace {
@@ -122,6 +123,9 @@ class Blocks {
         return out;
     }
 
+    // JSON text that goes into the file as it stands.
+    Json raw(std::string text) { return add(std::move(text)); }
+
   private:
     Json add(std::string block) {
         blocks_.push_back(std::move(block));
@@ -131,19 +135,27 @@ class Blocks {
     std::vector<std::string> blocks_;
 };
 
-// A payload text as its JSON object, or nothing when blank. A text that is not a JSON object fails
-// the save: the file would not read back.
-std::optional<Json> payload(const std::string& text, std::string_view key) {
+// A payload text as it goes into the file: its JSON object without blanks, or nothing when the
+// text is blank. The guide data of a large groom is most of the file, so its text is checked and
+// copied rather than parsed into a tree and dumped again; what the scanner can't vouch for goes
+// through the JSON library. A text that is not a JSON object fails the save: the file would not
+// read back.
+std::optional<Json> payload(Blocks& blocks, const std::string& text, std::string_view key) {
     if (isBlankDocument(text)) return std::nullopt;
+    const auto notAnObject = [&] {
+        return GroomFileError("groom file: the " + std::string(key) + " JSON is not an object");
+    };
+    if (auto compact = detail::compactJson(text)) {
+        if (compact->front() != '{') throw notAnObject();
+        return blocks.raw(std::move(*compact));
+    }
     Json json;
     try {
         json = Json::parse(text);
     } catch (const Json::exception& error) {
         throw GroomFileError("groom file: invalid " + std::string(key) + " JSON: " + error.what());
     }
-    if (!json.is_object()) {
-        throw GroomFileError("groom file: the " + std::string(key) + " JSON is not an object");
-    }
+    if (!json.is_object()) throw notAnObject();
     return json;
 }
 
@@ -301,7 +313,7 @@ std::string writeGroom(const GroomFile& file) {
     doc["units"] = file.units;
     doc["upAxis"] = file.upAxis;
     doc["source"] = file.source;
-    doc["graph"] = payload(file.graph, "graph").value_or(Json::object());
+    doc["graph"] = payload(blocks, file.graph, "graph").value_or(Json::object());
     const std::pair<const char*, const std::string*> payloads[] = {
         {"hierarchy", &file.hierarchy},
         {"parts", &file.parts},
@@ -309,7 +321,7 @@ std::string writeGroom(const GroomFile& file) {
         {"flow", &file.flow},
         {"sculpts", &file.sculpts}};
     for (const auto& [key, text] : payloads) {
-        if (auto json = payload(*text, key)) doc[key] = std::move(*json);
+        if (auto json = payload(blocks, *text, key)) doc[key] = std::move(*json);
     }
     if (!file.controls.empty()) doc["controls"] = file.controls;
     if (!file.maps.empty()) {
@@ -388,7 +400,12 @@ std::string writeGroom(const GroomFile& file) {
             markers.push_back(Json::array({markerSideJson(pair.from), markerSideJson(pair.to)}));
         doc["transferMarkers"] = std::move(markers);
     }
-    if (!file.referencePhotos.empty()) {
+    // The host's photo list passes through as it came, when it is a list that holds something.
+    if (auto compact = detail::compactJson(file.referencePhotos)) {
+        if (compact->front() == '[' && *compact != "[]") {
+            doc["referencePhotos"] = blocks.raw(std::move(*compact));
+        }
+    } else if (!file.referencePhotos.empty()) {
         Json photos = Json::parse(file.referencePhotos, nullptr, false);
         if (photos.is_array() && !photos.empty()) doc["referencePhotos"] = std::move(photos);
     }
