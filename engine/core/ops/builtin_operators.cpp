@@ -21,6 +21,7 @@ void registerBuiltinOperators(OperatorRegistry& registry) {
     registerDirectionOperator(registry);
     registerFlowOperator(registry);
     registerSmoothOperator(registry);
+    registerSculptOperator(registry);
     registerBendOperator(registry);
     registerTransformOperator(registry);
     registerTwistOperator(registry);

@@ -32,6 +32,7 @@ void registerCurlOperator(OperatorRegistry& registry);
 void registerDirectionOperator(OperatorRegistry& registry);
 void registerFlowOperator(OperatorRegistry& registry);
 void registerSmoothOperator(OperatorRegistry& registry);
+void registerSculptOperator(OperatorRegistry& registry);
 void registerBendOperator(OperatorRegistry& registry);
 void registerTransformOperator(OperatorRegistry& registry);
 
