@@ -116,6 +116,9 @@ struct GroomFile {
     std::string correctives;
     std::string flow;
     std::string sculpts;
+    // Sculpt data of the layers other than the one "sculpts" holds, by layer name (Sculpt nodes
+    // name the layer they read).
+    std::map<std::string, std::string> sculptLayers;
     std::vector<std::string> controls;  // the keyed controls, in the host's order
     std::map<std::string, ScalpMap> maps;
     std::map<std::string, std::shared_ptr<const ScalpMesh>> colliders;

@@ -59,6 +59,10 @@ std::map<std::string, std::uint64_t> groomContentHashes(const GroomFile& file) {
     out["flow"] = payloadHash(file.flow);
     out["sculpts"] = payloadHash(file.sculpts);
     out["referencePhotos"] = payloadHash(file.referencePhotos);
+    std::uint64_t layers = hashCombine(kGolden, file.sculptLayers.size());
+    for (const auto& [layer, text] : file.sculptLayers)
+        layers = hashCombine(hashText(layers, layer), payloadHash(text));
+    out["sculptLayers"] = layers;
     out["guideGroupColors"] = hashText(kGolden, file.guideGroupColors);
     out["hiddenGuideGroups"] = hashText(kGolden, file.hiddenGuideGroups);
     out["scalp"] = meshHash(kGolden, file.scalp);

@@ -26,8 +26,9 @@ const Json* member(const Json& object, std::string_view key) {
 }
 
 // The sections kept as JSON text: the fast scanner copies them out without building a tree.
-constexpr std::string_view kTextSections[] = {"graph", "correctives", "flow",           "hierarchy",
-                                              "parts", "sculpts",     "referencePhotos"};
+constexpr std::string_view kTextSections[] = {"graph",        "correctives",    "flow",
+                                              "hierarchy",    "parts",          "sculpts",
+                                              "sculptLayers", "referencePhotos"};
 
 // A list of numbers as the tree holds it: a JSON array, or the fast scanner's packed doubles.
 class Numbers {
@@ -419,6 +420,14 @@ GroomFile readDocument(Json& doc) {
     file.flow = payloadText(doc, "flow");
     file.sculpts = payloadText(doc, "sculpts");
 
+    if (const Json* layers = member(doc, "sculptLayers")) {
+        const auto text = detail::rawText(*layers);
+        const Json tree = text ? Json::parse(*text) : *layers;
+        for (const auto& [layer, data] : object(tree, "sculptLayers").items()) {
+            if (!data.is_object()) fail("'sculptLayers." + layer + "' must be an object");
+            file.sculptLayers[layer] = data.dump();
+        }
+    }
     file.controls = texts(doc, "controls");
     if (const Json* maps = member(doc, "maps")) {
         for (const auto& [name, map] : object(*maps, "maps").items())

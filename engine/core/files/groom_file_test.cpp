@@ -132,6 +132,7 @@ TEST(GroomFile, LayoutOfSectionsAndFloatBlocks) {
                                                "correctives",
                                                "flow",
                                                "sculpts",
+                                               "sculptLayers",
                                                "controls",
                                                "maps",
                                                "scalp",

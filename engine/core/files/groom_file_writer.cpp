@@ -140,10 +140,10 @@ class Blocks {
 // copied rather than parsed into a tree and dumped again; what the scanner can't vouch for goes
 // through the JSON library. A text that is not a JSON object fails the save: the file would not
 // read back.
-std::optional<Json> payload(Blocks& blocks, const std::string& text, std::string_view key) {
+std::optional<Json> payload(Blocks& blocks, const std::string& text, const std::string& key) {
     if (isBlankDocument(text)) return std::nullopt;
     const auto notAnObject = [&] {
-        return GroomFileError("groom file: the " + std::string(key) + " JSON is not an object");
+        return GroomFileError("groom file: the " + key + " JSON is not an object");
     };
     if (auto compact = detail::compactJson(text)) {
         if (compact->front() != '{') throw notAnObject();
@@ -153,7 +153,7 @@ std::optional<Json> payload(Blocks& blocks, const std::string& text, std::string
     try {
         json = Json::parse(text);
     } catch (const Json::exception& error) {
-        throw GroomFileError("groom file: invalid " + std::string(key) + " JSON: " + error.what());
+        throw GroomFileError("groom file: invalid " + key + " JSON: " + error.what());
     }
     if (!json.is_object()) throw notAnObject();
     return json;
@@ -322,6 +322,15 @@ std::string writeGroom(const GroomFile& file) {
         {"sculpts", &file.sculpts}};
     for (const auto& [key, text] : payloads) {
         if (auto json = payload(blocks, *text, key)) doc[key] = std::move(*json);
+    }
+    if (!file.sculptLayers.empty()) {
+        Json layers = Json::object();
+        for (const auto& [layer, text] : file.sculptLayers) {
+            if (auto json = payload(blocks, text, "sculptLayers." + layer)) {
+                layers[layer] = std::move(*json);
+            }
+        }
+        if (!layers.empty()) doc["sculptLayers"] = std::move(layers);
     }
     if (!file.controls.empty()) doc["controls"] = file.controls;
     if (!file.maps.empty()) {

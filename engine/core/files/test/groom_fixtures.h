@@ -61,6 +61,7 @@ inline GroomFile sampleGroom(int scalpDetail = 1, std::size_t guides = 24) {
     file.flow = R"({"pins":[{"face":[3,0.25,0.5],"dir":[0.1,0.0,-1.0]}],"version":1})";
     const std::string id = std::to_string(hierarchy.guides().front().id);
     file.sculpts = R"({"guides":{")" + id + R"(":[0.0,0.1,0.0,0.0,0.2,0.0]},"version":1})";
+    file.sculptLayers["shot"] = R"({"guides":{")" + id + R"(":[0.5,0.0,0.0]},"version":1})";
     file.correctives = R"({"layers":[{"name":"smile","time":12,"weight":1.0,"enabled":true,)"
                        R"("offsets":{")" +
                        id + R"(":[0.0,0.0,0.5]}}],"version":1})";
