@@ -4,11 +4,14 @@
 #include <algorithm>
 #include <atomic>
 #include <cstdio>
+#include <exception>
 #include <filesystem>
+#include <functional>
 #include <span>
 #include <system_error>
 
 #include "base/document.h"
+#include "base/parallel.h"
 #include "files/groom_file_internal.h"
 #include "files/json_scan.h"
 
@@ -20,29 +23,31 @@ using Json = detail::GroomJson;
 std::atomic<std::size_t> saveLimit{detail::kNoSaveLimit};
 
 // The blocks of number text that the tree holds placeholders for, in the order they were made.
+// Number arrays are formatted after the tree is built, all blocks in parallel: each block is its
+// own text, so the file does not depend on the thread count. The arrays must outlive the writer.
 class Blocks {
   public:
     // Checks and formats a float array; `tuple` floats are read from each element by `put`.
     template <class T, class Put>
-    Json floats(const std::string& name, std::span<const T> values, std::size_t tuple, Put put) {
-        std::string block;
-        block.reserve(values.size() * tuple * 10 + 2);
-        block += '[';
-        float parts[4];
-        for (std::size_t i = 0; i < values.size(); ++i) {
-            put(values[i], parts);
-            for (std::size_t k = 0; k < tuple; ++k) {
-                if (!std::isfinite(parts[k])) {
-                    throw GroomFileError("groom file: '" + name +
-                                         "' holds a non-finite value at index " +
-                                         std::to_string(i * tuple + k));
+    Json floats(std::string name, std::span<const T> values, std::size_t tuple, Put put) {
+        return add([name = std::move(name), values, tuple, put](std::string& block) {
+            block.reserve(values.size() * tuple * 10 + 2);
+            block += '[';
+            float parts[4];
+            for (std::size_t i = 0; i < values.size(); ++i) {
+                put(values[i], parts);
+                for (std::size_t k = 0; k < tuple; ++k) {
+                    if (!std::isfinite(parts[k])) {
+                        throw GroomFileError("groom file: '" + name +
+                                             "' holds a non-finite value at index " +
+                                             std::to_string(i * tuple + k));
+                    }
+                    if (i + k > 0) block += ',';
+                    detail::appendGroomFloat(block, parts[k]);
                 }
-                if (i + k > 0) block += ',';
-                detail::appendGroomFloat(block, parts[k]);
             }
-        }
-        block += ']';
-        return add(std::move(block));
+            block += ']';
+        });
     }
 
     Json points(const std::string& name, std::span<const Vec3f> values) {
@@ -73,16 +78,16 @@ class Blocks {
     // A flat integer array: the same text the tree would dump, without a JSON value per number.
     template <class T>
     Json integers(std::span<const T> values) {
-        std::string block;
-        block.reserve(values.size() * 7 + 2);
-        block += '[';
-        char text[24];
-        for (std::size_t i = 0; i < values.size(); ++i) {
-            if (i > 0) block += ',';
-            block.append(text, std::to_chars(text, text + sizeof text, values[i]).ptr);
-        }
-        block += ']';
-        return add(std::move(block));
+        return add([values](std::string& block) {
+            block.reserve(values.size() * 7 + 2);
+            block += '[';
+            char text[24];
+            for (std::size_t i = 0; i < values.size(); ++i) {
+                if (i > 0) block += ',';
+                block.append(text, std::to_chars(text, text + sizeof text, values[i]).ptr);
+            }
+            block += ']';
+        });
     }
     Json triangles(std::span<const Triangle> triangles) {
         static_assert(sizeof(Triangle) == 3 * sizeof(std::uint32_t));
@@ -124,15 +129,44 @@ class Blocks {
     }
 
     // JSON text that goes into the file as it stands.
-    Json raw(std::string text) { return add(std::move(text)); }
+    Json raw(std::string text) {
+        blocks_.push_back(std::move(text));
+        jobs_.emplace_back();
+        return placeholder();
+    }
+
+    // Formats every number block; a fault is that of the first block, in the writer's order.
+    void format() {
+        std::vector<std::exception_ptr> faults(jobs_.size());
+        parallelRange(0, jobs_.size(), 1, [&](std::size_t begin, std::size_t end) {
+            for (std::size_t i = begin; i < end; ++i) {
+                if (!jobs_[i]) continue;
+                try {
+                    jobs_[i](blocks_[i]);
+                } catch (...) {
+                    faults[i] = std::current_exception();
+                }
+            }
+        });
+        for (const std::exception_ptr& fault : faults) {
+            if (fault) std::rethrow_exception(fault);
+        }
+    }
 
   private:
-    Json add(std::string block) {
-        blocks_.push_back(std::move(block));
+    using Job = std::function<void(std::string&)>;
+
+    Json add(Job job) {
+        blocks_.emplace_back();
+        jobs_.push_back(std::move(job));
+        return placeholder();
+    }
+    Json placeholder() const {
         return std::string(kFloatBlockPrefix) + std::to_string(blocks_.size() - 1) + "@";
     }
 
     std::vector<std::string> blocks_;
+    std::vector<Job> jobs_;
 };
 
 // A payload text as it goes into the file: its JSON object without blanks, or nothing when the
@@ -421,6 +455,7 @@ std::string writeGroom(const GroomFile& file) {
     if (!file.guideGroupColors.empty()) doc["guideGroupColors"] = file.guideGroupColors;
     if (!file.hiddenGuideGroups.empty()) doc["hiddenGuideGroups"] = file.hiddenGuideGroups;
 
+    blocks.format();
     std::string dumped;
     try {
         dumped = doc.dump();
