@@ -13,6 +13,7 @@
 #include "base/hash.h"
 #include "base/parallel.h"
 #include "base/test/expect_message.h"
+#include "files/loaded_groom.h"
 #include "files/test/groom_fixtures.h"
 
 namespace velmorin {
@@ -549,6 +550,34 @@ TEST(GroomFile, SimCachesJsonForTheHost) {
     };
     for (const auto& [input, message] : faults)
         expectMessage<GroomFileError>([&] { simCachesFromJson(input); }, message);
+}
+
+TEST(LoadedGroom, OneImagePerFileStampWhileAnyoneHoldsIt) {
+    GroomFolder folder;
+    const std::string path = (folder / "shared.groom").string();
+    saveGroomFile(path, sample());
+    auto first = LoadedGroom::load(path);
+    auto second = LoadedGroom::load(path);
+    EXPECT_EQ(first, second);
+    EXPECT_EQ(first->path, path);
+    EXPECT_EQ(groomContentHashes(first->file), groomContentHashes(sample()));
+
+    // A file written again is read again; those who hold the old image keep it.
+    GroomFile changed = sample();
+    changed.source = "scenes/other.ma";
+    saveGroomFile(path, changed);
+    std::filesystem::last_write_time(path, first->stamp + std::chrono::seconds(5));
+    auto third = LoadedGroom::load(path);
+    EXPECT_NE(third, first);
+    EXPECT_EQ(third->file.source, "scenes/other.ma");
+    EXPECT_EQ(first->file.source, "scenes/hero.ma");
+
+    // The cache keeps no image alive by itself.
+    const std::weak_ptr<const LoadedGroom> watch = third;
+    third.reset();
+    EXPECT_TRUE(watch.expired());
+    expectMessage<GroomFileError>([&] { LoadedGroom::load((folder / "none.groom").string()); },
+                                  "cannot read '" + (folder / "none.groom").string() + "'");
 }
 
 }  // namespace
