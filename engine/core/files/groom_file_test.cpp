@@ -440,6 +440,33 @@ TEST(GroomFile, WriterRefusesWhatWouldNotReadBack) {
     file.parts = "[1,2]";
     expectMessage<GroomFileError>([&] { writeGroom(file); },
                                   "groom file: the parts JSON is not an object");
+    const std::vector<std::pair<std::function<void(GroomFile&)>, std::string>> refusals = {
+        {[](GroomFile& f) {
+             f.maps["m"] = {MapKind::Vertices, 3, {1, 2, 3}, ""};
+         },
+         "groom file: map 'm' has 3 channels (1 or 4)"},
+        {[](GroomFile& f) {
+             f.maps["m"] = {MapKind::Vertices, 4, {1, 2}, ""};
+         },
+         "groom file: map 'm' has 2 values, not 4 for each vertex"},
+        {[](GroomFile& f) {
+             f.scalps = {{"a", makeUvPlane(1, 1)}, {"a", makeUvPlane(1, 1)}};
+         },
+         "groom file: bad scalps name 'a'"},
+        {[](GroomFile& f) {
+             f.prototypes["p"] = {{{0, 0, 0}}, {{0, 0, 1}}, {}, {}};
+         },
+         "groom file: a triangle of the prototype 'p' names a point it does not have"},
+        {[](GroomFile& f) {
+             f.prototypes["p"] = {{{0, 0, 0}}, {}, {{0, 1, 0}, {0, 1, 0}}, {}};
+         },
+         "groom file: the prototype 'p' needs one normal and one UV a point, or none"},
+    };
+    for (const auto& [spoil, message] : refusals) {
+        GroomFile refused;
+        spoil(refused);
+        expectMessage<GroomFileError>([&] { writeGroom(refused); }, message);
+    }
     file.parts = "{";
     expectMessage<GroomFileError>(
         [&] { writeGroom(file); },

@@ -268,6 +268,15 @@ Json simCachesTree(const SimCaches& caches) {
 }
 
 Json mapJson(Blocks& blocks, const std::string& name, const ScalpMap& map) {
+    // What the reader would refuse is refused here, so that a saved groom always reads back.
+    if (map.channels != 1 && map.channels != 4) {
+        throw GroomFileError("groom file: map '" + name + "' has " + std::to_string(map.channels) +
+                             " channels (1 or 4)");
+    }
+    if (map.kind == MapKind::Vertices && map.values.size() % 4 != 0 && map.channels == 4) {
+        throw GroomFileError("groom file: map '" + name + "' has " +
+                             std::to_string(map.values.size()) + " values, not 4 for each vertex");
+    }
     Json json = {{"kind", std::string(mapKindName(map.kind))}};
     if (map.kind == MapKind::Texture) json["texture"] = map.texture;
     if (map.channels == 4) json["channels"] = 4;
@@ -277,7 +286,20 @@ Json mapJson(Blocks& blocks, const std::string& name, const ScalpMap& map) {
     return json;
 }
 
-Json prototypeJson(Blocks& blocks, const InstancePrototype& prototype) {
+Json prototypeJson(Blocks& blocks, const std::string& name, const InstancePrototype& prototype) {
+    const std::size_t n = prototype.points.size();
+    const bool inside =
+        std::all_of(prototype.triangles.begin(), prototype.triangles.end(),
+                    [&](const Triangle& t) { return t[0] < n && t[1] < n && t[2] < n; });
+    if (!inside) {
+        throw GroomFileError("groom file: a triangle of the prototype '" + name +
+                             "' names a point it does not have");
+    }
+    if ((!prototype.normals.empty() && prototype.normals.size() != n) ||
+        (!prototype.uvs.empty() && prototype.uvs.size() != n)) {
+        throw GroomFileError("groom file: the prototype '" + name +
+                             "' needs one normal and one UV a point, or none");
+    }
     Json json = Json::object();
     json["points"] = blocks.points("prototypes.points", prototype.points);
     json["triangles"] = blocks.triangles(prototype.triangles);
@@ -382,7 +404,14 @@ std::string writeGroom(const GroomFile& file) {
     }
     if (!file.scalps.empty()) {
         Json scalps = Json::array();
-        for (const NamedScalp& named : file.scalps) {
+        for (std::size_t i = 0; i < file.scalps.size(); ++i) {
+            const NamedScalp& named = file.scalps[i];
+            const bool repeated =
+                std::any_of(file.scalps.begin(), file.scalps.begin() + i,
+                            [&](const NamedScalp& s) { return s.name == named.name; });
+            if (named.name.empty() || repeated) {
+                throw GroomFileError("groom file: bad scalps name '" + named.name + "'");
+            }
             if (!named.mesh) {
                 throw GroomFileError("groom file: the scalp '" + named.name + "' has no mesh");
             }
@@ -426,7 +455,7 @@ std::string writeGroom(const GroomFile& file) {
     if (!file.prototypes.empty()) {
         Json prototypes = Json::object();
         for (const auto& [name, prototype] : file.prototypes)
-            prototypes[name] = prototypeJson(blocks, prototype);
+            prototypes[name] = prototypeJson(blocks, name, prototype);
         doc["prototypes"] = std::move(prototypes);
     }
     if (!file.colliders.empty()) {
