@@ -190,7 +190,9 @@ std::shared_ptr<const ScalpMesh> readMesh(const Json& json, const std::string& n
         setMeshPart(name + ".uvs", [&] { mesh->setUvs(std::move(values)); });
     }
     if (const Json* sets = member(json, "colorSets")) {
-        for (const auto& [set, block] : object(*sets, name + ".colorSets").items()) {
+        for (const auto& item : object(*sets, name + ".colorSets").items()) {
+            const std::string& set = item.key();
+            const Json& block = item.value();
             const std::string setName = name + ".colorSets." + set;
             auto values = colors(&block, setName);
             setMeshPart(setName, [&] { mesh->setColorSet(set, std::move(values)); });
@@ -356,7 +358,9 @@ std::string payloadText(const Json& doc, std::string_view key) {
 SimCaches simCachesOf(const Json& json) {
     if (!json.is_object()) simCachesFault("not an object of Simulate nodes' bakes");
     SimCaches caches;
-    for (const auto& [key, entry] : json.items()) {
+    for (const auto& item : json.items()) {
+        const std::string& key = item.key();
+        const Json& entry = item.value();
         std::uint32_t node = 0;
         const auto [end, error] = std::from_chars(key.data(), key.data() + key.size(), node);
         if (key.empty() || error != std::errc() || end != key.data() + key.size() ||
