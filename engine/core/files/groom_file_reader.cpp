@@ -566,6 +566,10 @@ GroomFile readGroomFile(const std::string& path) {
     std::FILE* in = std::fopen(file.c_str(), "rb");
     if (!in) throw GroomFileError("cannot read '" + path + "'");
     std::string content;
+    // The size on disk is only a hint for the first allocation; what is read is what counts.
+    std::error_code ignored;
+    const auto size = std::filesystem::file_size(file, ignored);
+    if (!ignored) content.reserve(static_cast<std::size_t>(size));
     char buffer[1 << 16];
     std::size_t got = 0;
     while ((got = std::fread(buffer, 1, sizeof buffer, in)) > 0)

@@ -13,6 +13,7 @@
 #include "base/hash.h"
 #include "base/parallel.h"
 #include "base/test/expect_message.h"
+#include "files/json_scan.h"
 #include "files/loaded_groom.h"
 #include "files/test/groom_fixtures.h"
 
@@ -138,6 +139,18 @@ TEST(GroomFile, TextTheFastScannerLeavesToTheLibraryReadsAlike) {
     const GroomFile pretty = parseGroom(spaced);
     EXPECT_EQ(groomContentHashes(pretty), groomContentHashes(sample()));
     EXPECT_TRUE(writeGroom(pretty) == sampleText());
+}
+
+TEST(GroomFile, LargeGroomReadsItsSectionsInParallelAlike) {
+    const GroomFile large = test::sampleGroom(3, 300);
+    const std::string text = writeGroom(large);
+    ASSERT_GT(text.size(), detail::kMembersInParallelAbove);
+    for (int threads : {1, 2}) {
+        GroomFile read;
+        runWithThreads(threads, [&] { read = parseGroom(text); });
+        EXPECT_EQ(groomContentHashes(read), groomContentHashes(large));
+        EXPECT_TRUE(writeGroom(read) == text);
+    }
 }
 
 TEST(GroomFile, SavedFileReadsBackAndReplacesTheOldOne) {

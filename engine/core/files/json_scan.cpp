@@ -1,5 +1,7 @@
 #include "files/json_scan.h"
 
+#include "base/parallel.h"
+
 #include <algorithm>
 #include <charconv>
 #include <cstring>
@@ -32,7 +34,82 @@ class Scanner {
         return p_ == end_;
     }
 
+    // The text is the value of a member of the top-level object: read as `whole` reads it there,
+    // its text kept when `raw`.
+    bool member(Json& out, bool raw) {
+        if (raw) {
+            std::string text;
+            if (!compact(text, 1)) return false;
+            out = Json::binary(std::vector<std::uint8_t>(text.begin(), text.end()), kRawJson);
+        } else if (!value(out, 1)) {
+            return false;
+        }
+        return p_ == end_;
+    }
+
+    // Splits a top-level object into its members' keys and value texts without reading the
+    // values: strings are skipped by their quotes and escapes, structures by their brackets. What
+    // lies inside is checked when each value is read. False for anything but an object.
+    bool members(std::vector<std::pair<std::string, std::string_view>>& out) {
+        blanks();
+        if (!take('{')) return false;
+        blanks();
+        if (take('}')) return trailing();
+        while (true) {
+            std::string key;
+            if (!string(&key)) return false;
+            blanks();
+            if (!take(':')) return false;
+            blanks();
+            const char* start = p_;
+            if (!skip()) return false;
+            out.emplace_back(std::move(key),
+                             std::string_view(start, static_cast<std::size_t>(p_ - start)));
+            blanks();
+            if (take('}')) return trailing();
+            if (!take(',')) return false;
+            blanks();
+        }
+    }
+
   private:
+    bool trailing() {
+        blanks();
+        return p_ == end_;
+    }
+
+    // Past one value, by its outline only.
+    bool skip() {
+        if (p_ >= end_) return false;
+        if (*p_ == '"') return string(nullptr);
+        if (*p_ != '{' && *p_ != '[') {
+            while (p_ < end_ && *p_ != ',' && *p_ != '}' && *p_ != ']' && *p_ != ' ' &&
+                   *p_ != '\n' && *p_ != '\r' && *p_ != '\t')
+                ++p_;
+            return true;
+        }
+        std::size_t depth = 0;
+        bool quoted = false;
+        for (; p_ < end_; ++p_) {
+            const char c = *p_;
+            if (quoted) {
+                if (c == '\\') {
+                    ++p_;
+                } else if (c == '"') {
+                    quoted = false;
+                }
+            } else if (c == '"') {
+                quoted = true;
+            } else if (c == '{' || c == '[') {
+                ++depth;
+            } else if ((c == '}' || c == ']') && --depth == 0) {
+                ++p_;
+                return true;
+            }
+        }
+        return false;
+    }
+
     void blanks() {
         while (p_ < end_ && (*p_ == ' ' || *p_ == '\n' || *p_ == '\r' || *p_ == '\t'))
             ++p_;
@@ -209,6 +286,15 @@ class Scanner {
         }
         text = std::string_view(start, static_cast<std::size_t>(p_ - start));
         return true;
+    }
+
+    static bool surelyFinite(std::string_view text) {
+        if (text.size() > 25) return false;
+        const std::size_t e = text.find_first_of("eE");
+        if (e == std::string_view::npos) return true;
+        std::size_t digits = text.size() - e - 1;
+        if (digits > 0 && (text[e + 1] == '+' || text[e + 1] == '-')) --digits;
+        return digits <= 2;
     }
 
     static bool toDouble(std::string_view text, double& out) {
@@ -392,9 +478,13 @@ class Scanner {
         } else {
             std::string_view text;
             bool integer = false;
-            Json check;
-            // A number the library would hold as infinity is left to it.
-            if (!number(text, integer) || !numberValue(text, integer, check)) return false;
+            if (!number(text, integer)) return false;
+            // A number the library would hold as infinity is left to it. A short one can't be:
+            // 25 characters with an exponent of two digits stay far below the largest double.
+            if (!surelyFinite(text)) {
+                Json check;
+                if (!numberValue(text, integer, check)) return false;
+            }
         }
         out.append(start, p_);
         return true;
@@ -415,7 +505,31 @@ std::optional<std::string> compactJson(std::string_view text) {
     return out;
 }
 
-std::optional<Json> scanJson(std::string_view text, std::span<const std::string_view> rawKeys) {
+// A large document's top-level members are read in parallel, each on its own: a groom's guide
+// data and its number arrays then take a thread each. Nothing when the scanner can't vouch for it.
+std::optional<Json> scanMembers(std::string_view text, std::span<const std::string_view> rawKeys) {
+    std::vector<std::pair<std::string, std::string_view>> members;
+    if (!Scanner(text).members(members)) return std::nullopt;
+    std::vector<Json> values(members.size());
+    std::vector<char> read(members.size(), 0);
+    parallelRange(0, members.size(), 1, [&](std::size_t begin, std::size_t end) {
+        for (std::size_t i = begin; i < end; ++i) {
+            const bool raw =
+                std::find(rawKeys.begin(), rawKeys.end(), members[i].first) != rawKeys.end();
+            read[i] = Scanner(members[i].second).member(values[i], raw);
+        }
+    });
+    if (std::find(read.begin(), read.end(), 0) != read.end()) return std::nullopt;
+    Json out = Json::object();
+    // In order, so that a repeated key keeps its first place and its last value, as the library's.
+    for (std::size_t i = 0; i < members.size(); ++i)
+        out[members[i].first] = std::move(values[i]);
+    return out;
+}
+
+std::optional<Json> scanJson(std::string_view text, std::span<const std::string_view> rawKeys,
+                             std::size_t membersInParallelAbove) {
+    if (text.size() > membersInParallelAbove) return scanMembers(text, rawKeys);
     Json out;
     Scanner scanner(text);
     if (!scanner.whole(out, rawKeys)) return std::nullopt;

@@ -33,9 +33,12 @@ std::optional<std::string> compactJson(std::string_view text);
 
 // The whole text as a tree, with arrays of kPackAtLeast numbers or more as kPackedNumbers binaries
 // and the values of the top-level keys in `rawKeys` as kRawJson binaries; nothing when the scanner
-// can't vouch for it.
-std::optional<nlohmann::ordered_json> scanJson(std::string_view text,
-                                               std::span<const std::string_view> rawKeys);
+// can't vouch for it. A text longer than `membersInParallelAbove` bytes must be an object, whose
+// members are read in parallel.
+inline constexpr std::size_t kMembersInParallelAbove = std::size_t{1} << 20;
+std::optional<nlohmann::ordered_json> scanJson(
+    std::string_view text, std::span<const std::string_view> rawKeys,
+    std::size_t membersInParallelAbove = kMembersInParallelAbove);
 
 // The doubles of a kPackedNumbers binary, copied out.
 std::size_t packedCount(const nlohmann::ordered_json& json);
