@@ -2,6 +2,7 @@
 // scalp or guide data equal to what the session holds, cost the setters' comparisons and the
 // graph's keys only: no node runs again and no strand is copied. What is left per frame is the
 // scene-input table, one key per node, the Scalp node's hand-on of its mesh and the frame record.
+// A deforming scalp followed by the groom costs one pass over the strands' points.
 #include <benchmark/benchmark.h>
 
 #include <memory>
@@ -105,6 +106,36 @@ void BM_SessionEqualInputs(benchmark::State& state) {
     state.counters["strands"] = static_cast<double>(session.frame()->strands->strandCount());
 }
 BENCHMARK(BM_SessionEqualInputs)->Unit(benchmark::kMicrosecond);
+
+// A deforming scalp with Follow Scalp on: each frame carries the million strands and the guides
+// from the rest scalp onto the scalp of the frame, and nothing in the graph runs again. Two poses
+// alternate, so every frame carries anew.
+void BM_SessionFollowFrame(benchmark::State& state) {
+    GroomSession& session = millionStrandSession();
+    const auto rest = session.scalp();
+    std::shared_ptr<const ScalpMesh> poses[2];
+    for (int k = 0; k < 2; ++k) {
+        auto pose = std::make_shared<ScalpMesh>(*rest);
+        std::vector<Vec3f> points = pose->points();
+        for (Vec3f& p : points)
+            p.y += 0.5f * float(k + 1) * (1.0f + 0.1f * p.x);
+        pose->setPoints(std::move(points));
+        poses[k] = std::move(pose);
+    }
+    session.setRestScalp(rest);
+    session.setFollowScalp(true);
+    int k = 0;
+    for (auto _ : state) {
+        session.setScalp(poses[k]);
+        k ^= 1;
+        benchmark::DoNotOptimize(session.evaluate());
+    }
+    state.counters["strands"] = static_cast<double>(session.frame()->strands->strandCount());
+    session.setFollowScalp(false);
+    session.setScalp(rest);
+    session.evaluate();
+}
+BENCHMARK(BM_SessionFollowFrame)->Unit(benchmark::kMillisecond);
 
 }  // namespace
 }  // namespace velmorin

@@ -175,6 +175,7 @@ void GroomSession::setGraph(std::string_view json) {
     document->graph = std::move(graph);
     document_ = std::move(document);
     graphText_ = std::string(json);
+    lastNotes_.clear();
     touch();
 }
 
@@ -288,6 +289,7 @@ void GroomSession::setGuideData(std::string_view json) {
     guideText_ = std::string(json);
     hierarchy_ = guideText_.empty() ? nullptr : std::move(hierarchy);
     hierarchyKey_ = hierarchy_ ? hierarchy_->contentHash() : 0;
+    refreshCatalog();
     touch();
 }
 
@@ -299,6 +301,7 @@ void GroomSession::setHierarchy(std::shared_ptr<const GuideHierarchy> hierarchy)
     guideText_ = hierarchy ? hierarchy->toJson() : std::string();
     hierarchy_ = std::move(hierarchy);
     hierarchyKey_ = key;
+    refreshCatalog();
     touch();
 }
 
@@ -307,6 +310,7 @@ void GroomSession::setGuides(std::shared_ptr<const GuideSet> guides) {
     flatGuides_ = std::move(guides);
     // Live curves come as a new value each time they change, so their key is a serial.
     guidesKey_ = flatGuides_ ? edits_ + 1 : 0;
+    refreshCatalog();
     touch();
 }
 
@@ -317,13 +321,33 @@ void GroomSession::setScalpMaps(std::string_view json) {
     // ScalpMaps puts its own "scalpMaps: " before its words.
     std::shared_ptr<const ScalpMaps> maps =
         std::make_shared<const ScalpMaps>(ScalpMaps::fromJson(json));
-    auto catalog = std::make_shared<MapCatalogValue>();
-    catalog->maps = *maps;
     mapsText_ = std::string(json);
     maps_ = std::move(maps);
-    mapsKey_ = catalog->key();
-    catalog_ = std::move(catalog);
+    refreshCatalog();
     touch();
+}
+
+void GroomSession::refreshCatalog() {
+    auto catalog = std::make_shared<MapCatalogValue>();
+    if (maps_) catalog->maps = *maps_;
+    // Per-point layers painted on guides reach Map nodes by name like painted maps.
+    if (flatGuides_)
+        for (const Guide& guide : flatGuides_->guides)
+            for (const auto& [name, values] : guide.pointAttributes)
+                catalog->guideLayers.emplace(name, "guides");
+    if (hierarchy_)
+        for (const Guide& guide : hierarchy_->guides())
+            for (const auto& [name, values] : guide.pointAttributes)
+                catalog->guideLayers.emplace(name, "hierarchy");
+    if (catalog->maps.maps.empty() && catalog->guideLayers.empty()) {
+        catalog_.reset();
+        mapsKey_ = 0;
+        return;
+    }
+    const std::uint64_t key = catalog->key();
+    if (catalog_ && key == mapsKey_) return;
+    mapsKey_ = key;
+    catalog_ = std::move(catalog);
 }
 
 void GroomSession::setPartData(std::string_view json) {
@@ -477,18 +501,28 @@ void GroomSession::setScaleMeasure(double measure) {
 }
 
 void GroomSession::measureScale(std::vector<SessionMessage>& messages) {
-    if (scaleMode_ == ScaleMode::Off || !scalp_) {
+    // A followed scalp is measured at rest: its deformation is not a change of size.
+    const std::shared_ptr<const ScalpMesh>& scalp =
+        followScalp_ && restScalp_ && scalp_ &&
+                restScalp_->topologySignature() == scalp_->topologySignature()
+            ? restScalp_
+            : scalp_;
+    if (scaleMode_ == ScaleMode::Off || !scalp) {
         scaleFactor_ = 1.0;
         return;
     }
     // The area is measured once per scalp, not once per frame.
-    const std::uint64_t measuredFor = scalp_->contentSignature() | 1;
+    const std::uint64_t measuredFor = scalp->contentSignature() | 1;
     if (measuredFor == scaleMeasuredFor_) return;
     scaleMeasuredFor_ = measuredFor;
-    scaleArea_ = surfaceArea(*scalp_);
+    scaleArea_ = surfaceArea(*scalp);
     const bool automatic = scaleMode_ == ScaleMode::Automatic;
     const double measure = automatic ? scaleArea_ : scaleMeasure_;
-    if (!std::isfinite(measure) || !(measure > 0.0)) return;
+    if (!std::isfinite(measure) || !(measure > 0.0)) {
+        // Nothing to measure by (a measured mode before the host's first measure): no scale.
+        scaleFactor_ = 1.0;
+        return;
+    }
     const bool hadReference = scaleReference_ > 0.0;
     if (!hadReference) scaleReference_ = measure;
     double factor = automatic ? std::sqrt(measure / scaleReference_) : measure / scaleReference_;
@@ -521,9 +555,7 @@ void GroomSession::waitDetached() {
 }
 
 void GroomSession::prepareFollow(std::vector<SessionMessage>&) {
-    // Guides are bound to the scalp by surface location and posed on the current scalp at every
-    // change of it, so a groom that follows a moving scalp needs no carry of its own yet: edits
-    // made on one frame ride with the surface through the pose.
+    follow_.prepare(followScalp_ ? restScalp_ : nullptr, scalp_);
 }
 
 void GroomSession::updateActiveHierarchy(double frame) {
@@ -532,13 +564,14 @@ void GroomSession::updateActiveHierarchy(double frame) {
         posedKey_ = activeKey_ = 0;
         return;
     }
-    std::uint64_t posedKey = hashCombine(hierarchyKey_, scalp_ ? scalp_->contentSignature() : 0);
+    const std::shared_ptr<const ScalpMesh>& scalp = growthScalp();
+    std::uint64_t posedKey = hashCombine(hierarchyKey_, scalp ? scalp->contentSignature() : 0);
     posedKey = hashCombine(posedKey, doubleBits(scaleFactor_));
     if (!posed_ || posedKey != posedKey_) {
-        if (scalp_) checkGuidesFitScalp(*hierarchy_, *scalp_, "guideData: ");
+        if (scalp) checkGuidesFitScalp(*hierarchy_, *scalp, "guideData: ");
         auto posed = std::make_shared<GuideHierarchy>(*hierarchy_);
         if (scaleFactor_ != 1.0) posed->setScale(static_cast<float>(posed->scale() * scaleFactor_));
-        if (scalp_ && scalp_->triangleCount() > 0) posed->pose(*scalp_);
+        if (scalp && scalp->triangleCount() > 0) posed->pose(*scalp);
         posed_ = std::move(posed);
         posedKey_ = posedKey;
     }
@@ -584,7 +617,8 @@ std::shared_ptr<SceneInputs> GroomSession::prepareFrame(double frame,
     auto put = [&](std::string name, Value value, std::uint64_t key) {
         if (!value.empty()) (*inputs)[std::move(name)] = SceneInput{std::move(value), key};
     };
-    if (scalp_) put(std::string(kScalpInput), scalp_, scalp_->contentSignature());
+    const std::shared_ptr<const ScalpMesh>& scalp = growthScalp();
+    if (scalp) put(std::string(kScalpInput), scalp, scalp->contentSignature());
     if (restScalp_) put(std::string(kRestScalpInput), restScalp_, restScalp_->contentSignature());
     put(std::string(kScalpHistoryInput), scalpHistory_, historyKey_);
     put(std::string(kHierarchyInput), active_, activeKey_);
@@ -594,9 +628,9 @@ std::shared_ptr<SceneInputs> GroomSession::prepareFrame(double frame,
     if (parts_ && !parts_->parts().empty())
         put(std::string(kPartsInput), std::make_shared<const PartLines>(parts_->parts().front()),
             partsKey_);
-    if (flow_ && scalp_) {
-        const std::uint64_t key = FlowField::keyOf(*flow_, *scalp_);
-        if (!flowField_ || flowField_->key() != key) flowField_ = FlowField::build(*flow_, *scalp_);
+    if (flow_ && scalp) {
+        const std::uint64_t key = FlowField::keyOf(*flow_, *scalp);
+        if (!flowField_ || flowField_->key() != key) flowField_ = FlowField::build(*flow_, *scalp);
         put(std::string(kFlowSceneInput), flowField_, key);
     }
     for (const auto& [name, mesh] : colliders_)
@@ -651,11 +685,11 @@ std::shared_ptr<const GroomFrame> GroomSession::evaluate(const FrameRequest& req
     if (!g) return nullptr;
     std::vector<SessionMessage> messages;
     std::shared_ptr<SceneInputs> inputs = prepareFrame(request.time, messages);
+    // What the preparation said (a scale change) goes out even when the graph then fails.
+    messages_.insert(messages_.end(), messages.begin(), messages.end());
+    messages.clear();
     const std::uint32_t node = requestedNode(request);
-    if (node == 0) {
-        messages_.insert(messages_.end(), messages.begin(), messages.end());
-        return nullptr;
-    }
+    if (node == 0) return nullptr;
     auto frame = std::make_shared<GroomFrame>();
     frame->context = contextFor(request, inputs.get());
     frame->outputs = g->evaluate(node, frame->context);
@@ -663,6 +697,9 @@ std::shared_ptr<const GroomFrame> GroomSession::evaluate(const FrameRequest& req
     frame->viewport = request.viewport;
     frame->node = g->node(node).name;
     frame->sceneInputs = inputs;
+    // Grown on the rest scalp while following: carried onto the scalp of the frame.
+    for (Value& value : frame->outputs)
+        value = follow_.carry(value);
     for (const Value& value : frame->outputs)
         if (auto strands = value.get<StrandSet>()) {
             frame->strands = std::move(strands);
@@ -672,7 +709,7 @@ std::shared_ptr<const GroomFrame> GroomSession::evaluate(const FrameRequest& req
     g->forEachActiveUpstream(node, [&](const std::string& name, const Operator& op) {
         if (op.type() != "Guides") return true;
         const std::vector<Value>& results = g->cachedResults(g->nodeId(name));
-        if (!results.empty()) frame->guides = results[0].get<GuideSet>();
+        if (!results.empty()) frame->guides = follow_.carry(results[0]).get<GuideSet>();
         return !frame->guides;
     });
     frame->serial = ++frames_;
@@ -757,7 +794,8 @@ std::shared_ptr<const GuideSet> GroomSession::evaluateSculptInput(std::uint32_t 
 }
 
 std::shared_ptr<const GuideSet> GroomSession::sculptInput(const std::string& name) {
-    return evaluateSculptInput(sculptNode(name));
+    // Shown where the scalp is now, as the sculpting tools see the guides.
+    return follow_.carry(evaluateSculptInput(sculptNode(name))).get<GuideSet>();
 }
 
 void GroomSession::sculpt(const std::string& name, const GuideSet& sculpted, float strength) {
@@ -773,9 +811,12 @@ void GroomSession::sculpt(const std::string& name, const GuideSet& sculpted, flo
     const std::string layer = op.paramSet.getString("layer", std::string(kDefaultSculptLayer));
     const auto found = sculptLayers_.find(layer);
     SculptEdits edits = found == sculptLayers_.end() ? SculptEdits() : *found->second.edits;
-    // Every guide is checked before anything is stored.
+    // Every guide is checked before anything is stored. Brushed where the scalp is now, they are
+    // taken back to where the graph grows them.
+    std::vector<Guide> back = sculpted.guides;
+    follow_.uncarry(back);
     GuideOffsets made;
-    for (const Guide& guide : sculpted.guides) {
+    for (const Guide& guide : back) {
         const auto in = byId.find(guide.id);
         if (in == byId.end()) continue;
         made[guide.id] = sculptOffsets(*in->second, guide.points, total);
@@ -814,8 +855,10 @@ void GroomSession::sculptCorrective(const std::string& layer, const GuideSet& sc
     std::unordered_map<std::uint64_t, const Guide*> byId;
     for (const Guide& guide : inputs)
         byId.emplace(guide.id, &guide);
+    std::vector<Guide> back = sculpted.guides;
+    follow_.uncarry(back);
     GuideOffsets made;
-    for (const Guide& guide : sculpted.guides) {
+    for (const Guide& guide : back) {
         const auto in = byId.find(guide.id);
         if (in == byId.end()) continue;
         made[guide.id] = sculptOffsets(*in->second, guide.points, weight);

@@ -38,6 +38,7 @@
 #include "maps/scalp_maps.h"
 #include "mesh/scalp_history.h"
 #include "mesh/scalp_mesh.h"
+#include "session/follow_carry.h"
 #include "strands/guide.h"
 
 namespace velmorin {
@@ -274,7 +275,10 @@ class GroomSession {
     void setControl(const std::string& name, double value);
     void removeControl(const std::string& name);
     const std::map<std::string, double>& controls() const { return controls_; }
-    // Whether the groom rides a deforming scalp (its guides carried along as the scalp moves).
+    // Whether the groom rides a deforming scalp: with a rest scalp of the same topology, the graph
+    // grows on the rest scalp and what it makes is carried onto the current one (FollowCarry), so
+    // a deforming scalp costs a carry instead of a new groom. Off, the groom grows on the current
+    // scalp itself.
     void setFollowScalp(bool follow);
     bool followScalp() const { return followScalp_; }
 
@@ -297,7 +301,10 @@ class GroomSession {
     std::uint64_t edits() const { return edits_; }
     // Brings the session to the request's frame and returns the frame result: null with no graph
     // (and no error). Waits for a running detached evaluation first and throws its failure, once.
-    // A GraphError passes to the caller and the last good frame stays.
+    // A GraphError passes to the caller and the last good frame stays; so does the guide data's
+    // face check (see setGuideData) when a new scalp lacks faces the guides say they are bound to.
+    // A request naming a node the graph does not have throws std::invalid_argument "the graph has
+    // no node named 'n'"; a view node that has gone shows the output instead.
     std::shared_ptr<const GroomFrame> evaluate(const FrameRequest& request);
     // evaluate at the session's own time and viewport flag.
     std::shared_ptr<const GroomFrame> evaluate();
@@ -330,6 +337,9 @@ class GroomSession {
 
   private:
     void touch() { ++edits_; }
+    // The catalog of maps as the graph sees it: the painted maps and the layers painted on the
+    // guides; replaced only when what it holds changed.
+    void refreshCatalog();
     void measureScale(std::vector<SessionMessage>& messages);
     void waitDetached();
     void prepareFollow(std::vector<SessionMessage>& messages);
@@ -341,6 +351,10 @@ class GroomSession {
     std::uint32_t sculptNode(const std::string& name) const;
     EvalContext contextFor(const FrameRequest& request, const SceneInputs* inputs) const;
     std::shared_ptr<const GuideSet> evaluateSculptInput(std::uint32_t id);
+    // The scalp the graph grows on: the rest scalp while the groom follows a moving one.
+    const std::shared_ptr<const ScalpMesh>& growthScalp() const {
+        return follow_.active() ? restScalp_ : scalp_;
+    }
 
     std::shared_ptr<GraphDocument> document_;
     std::string graphText_;
@@ -387,6 +401,7 @@ class GroomSession {
     double previewPointBudget_ = 0.0;
     std::map<std::string, double> controls_;
     bool followScalp_ = false;
+    FollowCarry follow_;
 
     ScaleMode scaleMode_ = ScaleMode::Automatic;
     double scaleReference_ = 0.0;

@@ -9,6 +9,7 @@
 
 #include "base/parallel.h"
 #include "base/test/expect_message.h"
+#include "fields/field_scene.h"
 #include "graph/graph_tools.h"
 #include "mesh/sample_meshes.h"
 #include "session/groom_session.h"
@@ -185,6 +186,12 @@ TEST(GroomSession, EqualScalpOrGuidesOrAnotherFrameEvaluateNothingAgain) {
     ASSERT_NE(first->strands, nullptr);
     EXPECT_GT(first->strands->strandCount(), 0u);
     const auto before = stamps(*session.graph());
+    // The Scalp node's status goes out with the first frame only.
+    const std::vector<SessionMessage> told = session.takeMessages();
+    ASSERT_EQ(told.size(), 1u);
+    EXPECT_EQ(told[0].node, "scalp");
+    EXPECT_EQ(told[0].text, "Subdivision off (32 triangles from 16 faces)");
+    EXPECT_FALSE(session.stats().stale);
 
     const std::uint64_t edits = session.edits();
     session.setScalp(plane());
@@ -200,6 +207,9 @@ TEST(GroomSession, EqualScalpOrGuidesOrAnotherFrameEvaluateNothingAgain) {
     EXPECT_EQ(next->strands, first->strands);
     EXPECT_EQ(next->time, 2.0);
     EXPECT_EQ(session.time(), 2.0);
+    EXPECT_TRUE(session.takeMessages().empty());
+    session.setTime(3.0);
+    EXPECT_TRUE(session.stats().stale);
 
     // A real change of the guides runs the nodes that read them.
     GuideHierarchy moved = *session.hierarchy();
@@ -299,6 +309,26 @@ TEST(GroomSession, UpdateScalpPointsKeepsTheKeysOfNodesThatDoNotReadTheScalp) {
     EXPECT_NE(after.at(graph.nodeId("scatter")), before.at(graph.nodeId("scatter")));
 }
 
+TEST(GroomSession, GuideLayersJoinThePaintedMapsInTheCatalog) {
+    GroomSession session;
+    groom(session, sessionGraph());
+    GuideHierarchy painted = *session.hierarchy();
+    painted.setPointAttribute(1, "curl", {0.0f, 0.5f, 1.0f});
+    session.setGuideData(painted.toJson());
+    session.setScalpMaps(R"({"mask":{"kind":"texture","texture":"mask.png"}})");
+    const auto frame = session.evaluate();
+    const auto catalog = frame->sceneInputs->at("maps").value.get<MapCatalogValue>();
+    ASSERT_NE(catalog, nullptr);
+    EXPECT_NE(catalog->maps.find("mask"), nullptr);
+    const std::map<std::string, std::string, std::less<>> layers{{"curl", "hierarchy"}};
+    EXPECT_EQ(catalog->guideLayers, layers);
+    // Other guides with the same layers leave the catalog as it was.
+    GuideHierarchy moved = painted;
+    moved.setPoints(2, {{-0.4f, 0, -0.3f}, {-0.2f, 0.5f, -0.3f}, {0, 1, -0.3f}});
+    session.setGuideData(moved.toJson());
+    EXPECT_EQ(session.evaluate()->sceneInputs->at("maps").value.get<MapCatalogValue>(), catalog);
+}
+
 // One frame of the three-frame run: the posed guides, and the strands' content.
 struct FrameBits {
     std::vector<Vec3f> guide1, guide2;
@@ -396,6 +426,11 @@ TEST(GroomSession, SculptNodeRecordsOffsetsAndAppliesThem) {
                   "node 'guides' is a Guides, not a Sculpt node");
     expectMessage([&] { session.sculptInput("lonely"); }, "Sculpt node 'lonely' is fed no guides");
 
+    // With nothing sculpted the node hands on its input itself.
+    const auto unsculpted = session.evaluate();
+    const Graph& graph = *session.graph();
+    EXPECT_EQ(unsculpted->outputs.at(0), graph.cachedResults(graph.nodeId("guides")).at(0));
+
     const auto input = session.sculptInput("sculpt");
     ASSERT_EQ(input->guides.size(), 2u);
     GuideSet sculpted;
@@ -421,6 +456,112 @@ TEST(GroomSession, SculptNodeRecordsOffsetsAndAppliesThem) {
         EXPECT_NEAR(out->guides[0].points[i].y, sculpted.guides[0].points[i].y, 1e-5f) << i;
     }
     EXPECT_EQ(out->guides[1].points, input->guides[1].points);  // not sculpted: unchanged
+}
+
+TEST(GroomSession, NamedInputsReachTheNodesThatNameThem) {
+    GroomSession session;
+    groom(session, R"({"version":1,"nodes":[{"name":"guides","type":"Guides"},
+        {"name":"shot","type":"Sculpt","params":{"layer":"shot12","strength":0.5}},
+        {"name":"body","type":"ColliderMesh","params":{"name":"body"}}],
+        "connections":[{"from":"guides","to":"shot","input":"guides"}],"output":"shot"})");
+    const auto body = plane(5.0f);
+    session.setCollider("body", body);
+    session.setSculptData("shot12", R"({"guides":{"2":[0,0,0, 0,0,0, 0,0,1]}})");
+    EXPECT_EQ(session.sculptData(), "");  // the groom's own layer is another
+    EXPECT_EQ(session.sculptLayers().count("shot12"), 1u);
+
+    const auto collider = session.evaluate({1.0, true, "body"});
+    EXPECT_EQ(collider->outputs.at(0).get<ScalpMesh>(), body);
+    // The layer's offset of 1 along guide 2's tip, at the node's strength of 0.5.
+    const auto sculpted = session.evaluate({1.0, true, {}});
+    const auto guides = sculpted->outputs.at(0).get<GuideSet>();
+    ASSERT_NE(guides, nullptr);
+    EXPECT_NEAR(guides->guides[1].points[2].y, 1.5f, 1e-5f);
+    EXPECT_NEAR(guides->guides[1].points[1].y, 0.5f, 1e-6f);
+
+    // Taking the layer away hands the guides on untouched.
+    session.setSculptData("shot12", "");
+    EXPECT_TRUE(session.sculptLayers().empty());
+    const auto plain = session.evaluate({1.0, true, {}});
+    EXPECT_NEAR(plain->outputs.at(0).get<GuideSet>()->guides[1].points[2].y, 1.0f, 1e-6f);
+}
+
+// The plane lifted by `lift` along +Y: the same topology, moved.
+std::shared_ptr<const ScalpMesh> liftedPlane(float lift) {
+    auto mesh = std::make_shared<ScalpMesh>(*plane());
+    std::vector<Vec3f> points = mesh->points();
+    for (Vec3f& p : points)
+        p.y += lift;
+    mesh->setPoints(std::move(points));
+    return mesh;
+}
+
+TEST(GroomSession, FollowingAScalpCarriesTheGroomInsteadOfGrowingItAgain) {
+    GroomSession still;
+    groom(still, sessionGraph());
+    const auto atRest = still.evaluate();
+
+    GroomSession session;
+    groom(session, sessionGraph());
+    session.setRestScalp(plane());
+    session.setFollowScalp(true);
+    session.evaluate();
+    const auto before = stamps(*session.graph());
+    session.setScalp(liftedPlane(1.0f));
+    const auto lifted = session.evaluate();
+    // Nothing grew again: the graph still works on the rest scalp.
+    EXPECT_EQ(stamps(*session.graph()), before);
+    ASSERT_EQ(lifted->strands->pointCount(), atRest->strands->pointCount());
+    const auto in = atRest->strands->points();
+    const auto out = lifted->strands->points();
+    for (std::size_t i = 0; i < in.size(); i += 97) {
+        EXPECT_NEAR(out[i].x, in[i].x, 1e-5f) << i;
+        EXPECT_NEAR(out[i].y, in[i].y + 1.0f, 1e-5f) << i;
+        EXPECT_NEAR(out[i].z, in[i].z, 1e-5f) << i;
+    }
+    EXPECT_NEAR(guidePoints(*lifted, 2)[2].y, 2.0f, 1e-5f);
+    // The same frame again costs nothing: the carried strands are the same value.
+    EXPECT_EQ(session.evaluate()->strands, lifted->strands);
+
+    // The carry gives the same bits at any thread count.
+    const auto carriedWith = [&](int threads) {
+        std::uint64_t hash = 0;
+        runWithThreads(threads, [&] {
+            FollowCarry carry;
+            carry.prepare(plane(), liftedPlane(0.5f));
+            hash = carry.carry(atRest->strands).get<StrandSet>()->contentHash();
+        });
+        return hash;
+    };
+    EXPECT_EQ(carriedWith(1), carriedWith(2));
+    EXPECT_NE(carriedWith(1), atRest->strands->contentHash());
+
+    // Off: the groom grows on the lifted scalp itself.
+    session.setFollowScalp(false);
+    session.evaluate();
+    EXPECT_NE(stamps(*session.graph()), before);
+}
+
+TEST(GroomSession, SculptingAFollowingGroomRecordsWhereTheGraphWorks) {
+    GroomSession session;
+    groom(session, sculptGraph());
+    session.setRestScalp(plane());
+    session.setFollowScalp(true);
+    session.setScalp(liftedPlane(2.0f));
+    const auto input = session.sculptInput("sculpt");
+    EXPECT_NEAR(input->guides[0].points[0].y, 2.0f, 1e-5f);  // shown on the lifted scalp
+    GuideSet sculpted;
+    sculpted.guides.push_back(input->guides[0]);
+    sculpted.guides[0].points[2] = sculpted.guides[0].points[2] + Vec3f{0.25f, 0.0f, 0.0f};
+    session.sculpt("sculpt", sculpted);
+    const auto shown = session.evaluate()->outputs.at(0).get<GuideSet>();
+    EXPECT_NEAR(shown->guides[0].points[2].x, sculpted.guides[0].points[2].x, 1e-5f);
+    EXPECT_NEAR(shown->guides[0].points[2].y, sculpted.guides[0].points[2].y, 1e-5f);
+    // Recorded against the rest pose: on the rest scalp the offset shows at rest height.
+    session.setScalp(plane());
+    const auto rest = session.evaluate()->outputs.at(0).get<GuideSet>();
+    EXPECT_NEAR(rest->guides[0].points[2].y, 1.0f, 1e-5f);
+    EXPECT_NEAR(rest->guides[0].points[2].x, 0.35f, 1e-5f);
 }
 
 TEST(GroomSession, SculptingACorrectiveNeedsItsWeightOnTheFrame) {
@@ -477,6 +618,23 @@ TEST(GroomSession, ScaleFollowsTheScalpArea) {
     session.setScaleMode(ScaleMode::Off);
     session.evaluate();
     EXPECT_EQ(session.scaleFactor(), 1.0);
+
+    // Measured: the host's measure against the first one, as a plain ratio and without a word.
+    session.setScaleMode(ScaleMode::Measured);
+    session.setScaleReference(0.0);
+    session.evaluate();
+    EXPECT_EQ(session.scaleFactor(), 1.0);  // no measure yet
+    session.setScaleMeasure(2.0);
+    session.evaluate();
+    EXPECT_EQ(session.scaleReference(), 2.0);
+    EXPECT_EQ(session.scaleFactor(), 1.0);
+    session.setScaleMeasure(3.0);
+    session.takeMessages();
+    session.evaluate();
+    EXPECT_DOUBLE_EQ(session.scaleFactor(), 1.5);
+    EXPECT_TRUE(session.takeMessages().empty());
+    // The guides follow: guide 2's tip stands 1.5 above the scalp.
+    EXPECT_NEAR(guidePoints(*session.frame(), 2)[2].y, 1.5f, 1e-5f);
 }
 
 TEST(GroomSession, DetachedEvaluationHandsOverItsResultsAndItsFailureOnce) {
