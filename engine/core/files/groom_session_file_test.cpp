@@ -23,44 +23,14 @@ std::string readBytes(const std::filesystem::path& path) {
     return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
 }
 
-// The default graph without the nodes whose operators are not built yet, each one's input joined
-// to what it fed, so that the session grows strands with what this build has.
-std::string builtDefaultGraph() {
-    Json doc = Json::parse(defaultGraphJson());
-    Json nodes = Json::array();
-    for (const Json& node : doc["nodes"]) {
-        const std::string name = node["name"].get<std::string>();
-        if (OperatorRegistry::instance().contains(node["type"].get<std::string>())) {
-            nodes.push_back(node);
-            continue;
-        }
-        std::string source;
-        Json connections = Json::array();
-        for (const Json& c : doc["connections"]) {
-            if (c["to"] == name) {
-                source = c["from"].get<std::string>();
-            } else {
-                connections.push_back(c);
-            }
-        }
-        for (Json& c : connections) {
-            if (c["from"] == name) c["from"] = source;
-        }
-        doc["connections"] = std::move(connections);
-        if (doc["output"] == name) doc["output"] = source;
-    }
-    doc["nodes"] = std::move(nodes);
-    return doc.dump();
-}
-
-// A session with every input a groom file carries: the built default graph on a plane, six
+// A session with every input a groom file carries: the default graph on a plane, six
 // guides of four points, a vertex map, parts, flow, a corrective and two sculpt layers that move
 // the first guide, a collider, follow and a measured scale.
 void groom(GroomSession& session) {
     const auto scalp = makeUvPlane(2.0f, 4);
     const GuideHierarchy hierarchy = test::scalpHierarchy(*scalp, 6, 4, 0, 3);
     const std::string id = std::to_string(hierarchy.guides().front().id);
-    session.setGraph(builtDefaultGraph());
+    session.setGraph(defaultGraphJson());
     session.setScalp(scalp);
     session.setGuideData(hierarchy.toJson());
     ScalpMaps maps;

@@ -37,41 +37,9 @@ GuideHierarchy twoGuides(const ScalpMesh& scalp) {
     return h;
 }
 
-// The default graph with the nodes whose operators this build does not have yet taken out, each
-// one's input joined to what it fed and the output moved back along the chain with it. With
-// every operator of the default graph built, this is defaultGraphJson() itself.
-std::string defaultGraphOfBuiltOperators() {
-    Json doc = Json::parse(defaultGraphJson());
-    const OperatorRegistry& registry = OperatorRegistry::instance();
-    Json nodes = Json::array();
-    std::vector<std::string> missing;
-    for (const Json& node : doc["nodes"]) {
-        if (registry.contains(node["type"].get<std::string>()))
-            nodes.push_back(node);
-        else
-            missing.push_back(node["name"].get<std::string>());
-    }
-    for (const std::string& name : missing) {
-        std::string source;
-        Json connections = Json::array();
-        for (const Json& c : doc["connections"]) {
-            if (c["to"] == name)
-                source = c["from"].get<std::string>();
-            else
-                connections.push_back(c);
-        }
-        for (Json& c : connections)
-            if (c["from"] == name) c["from"] = source;
-        doc["connections"] = std::move(connections);
-        if (doc["output"] == name) doc["output"] = source;
-    }
-    doc["nodes"] = std::move(nodes);
-    return doc.dump();
-}
-
-// The graph the session tests groom with: the default graph as far as its operators are built.
+// The graph the session tests groom with.
 std::string sessionGraph() {
-    return defaultGraphOfBuiltOperators();
+    return defaultGraphJson();
 }
 
 // Guides fed through a Sculpt node, which is the output; and a Sculpt node fed nothing.
