@@ -11,6 +11,7 @@
 #include "mesh/scalp_mesh.h"
 #include "ops/clump.h"
 #include "ops/interpolate_binding.h"
+#include "ops/shape_support.h"
 #include "strands/channel_names.h"
 #include "strands/strand_changes.h"
 
@@ -74,7 +75,7 @@ FlatAlong flatAlongOf(const std::string& name) {
 }
 
 // Pulls strands toward their clump's center (or into round locks).
-class ClumpOp final : public Operator {
+class ClumpOp final : public ShapeOperator {
   public:
     std::string type() const override { return "Clump"; }
     std::string category() const override { return "look"; }
@@ -276,19 +277,6 @@ class ClumpOp final : public Operator {
         fittedArea_ = area;
     }
 
-    Value evaluate(const EvalContext& ctx, const std::vector<Value>& inputs) const override {
-        Value out;
-        StrandChanges changes;
-        run(ctx, inputs, nullptr, &out, &changes);
-        return out;
-    }
-
-    bool evaluateIncremental(const EvalContext& ctx, const std::vector<Value>& inputs,
-                             const IncrementalInputs& incremental, Value* out,
-                             StrandChanges* changes) const override {
-        return run(ctx, inputs, &incremental, out, changes);
-    }
-
     // The plan of the last run, for tests; null before the first.
     std::shared_ptr<const CenterPlan> plan() const {
         std::lock_guard<std::mutex> lock(mutex_);
@@ -317,7 +305,8 @@ class ClumpOp final : public Operator {
     }
 
     bool run(const EvalContext& ctx, const std::vector<Value>& inputs,
-             const IncrementalInputs* incremental, Value* out, StrandChanges* changes) const {
+             const IncrementalInputs* incremental, Value* out,
+             StrandChanges* changes) const override {
         const auto input = inputs.empty() ? nullptr : inputs[0].get<StrandSet>();
         if (!input) {
             if (incremental) return false;
