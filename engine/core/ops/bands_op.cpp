@@ -62,21 +62,13 @@ std::shared_ptr<StrandSet> bandStrands(const StrandSet& input, const BandsSettin
     const std::span<const std::uint64_t> ids = input.ids();
 
     // What the hair shows and is made of before the bands, at either scope.
-    const LookChannel color[3] = {LookChannel(input, channels::kColor[0], 1.0f),
-                                  LookChannel(input, channels::kColor[1], 1.0f),
-                                  LookChannel(input, channels::kColor[2], 1.0f)};
-    const bool pigment = LookChannel(input, channels::kMelanin, 0.0f).present();
-    const LookChannel melanin(input, channels::kMelanin, 0.0f);
-    const LookChannel redness(input, channels::kRedness, 0.0f);
-    const LookChannel dye[3] = {LookChannel(input, channels::kDye[0], 1.0f),
-                                LookChannel(input, channels::kDye[1], 1.0f),
-                                LookChannel(input, channels::kDye[2], 1.0f)};
+    const HairLookChannels look(input);
+    const auto& [color, melanin, redness, dye] = look;
+    const bool pigment = look.hasPigment();
 
     // Everything written varies along the strand now: per point, in place of the input's.
-    const auto pointChannel = [&](std::string_view name, float value) -> std::span<float> {
-        out->removeStrandChannel(name);
-        out->removePointChannel(name);
-        return out->addPointChannel(std::string(name), value);
+    const auto pointChannel = [&](std::string_view name, float value) {
+        return freshPointChannel(*out, name, value);
     };
     std::array<std::span<float>, 3> outColor, outDye;
     std::span<float> outMelanin, outRedness;

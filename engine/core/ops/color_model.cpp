@@ -135,6 +135,12 @@ const ParamValue* documentValue(const ParamSet& params, std::string_view name) {
 
 }  // namespace
 
+std::span<float> freshPointChannel(StrandSet& set, std::string_view name, float value) {
+    set.removeStrandChannel(name);
+    set.removePointChannel(name);
+    return set.addPointChannel(std::string(name), value);
+}
+
 std::string documentText(const ParamSet& params, std::string_view name) {
     const ParamValue* value = documentValue(params, name);
     const std::string* text = value ? std::get_if<std::string>(value) : nullptr;

@@ -25,6 +25,7 @@
 #include "graph/operator.h"
 #include "graph/ramp.h"
 #include "ops/shape_support.h"
+#include "strands/channel_names.h"
 
 namespace velmorin {
 
@@ -99,6 +100,29 @@ struct LookChannel {
         return perPoint ? (*perPoint)[point] : perStrand ? (*perStrand)[strand] : fallback;
     }
 };
+
+// The look a strand already has, as Bands and FeatherColor read it before painting over it: the
+// shown colour, and the pigment (melanin, redness, dye) when a HairColor in melanin mode wrote it.
+struct HairLookChannels {
+    LookChannel color[3];
+    LookChannel melanin;
+    LookChannel redness;
+    LookChannel dye[3];
+    explicit HairLookChannels(const StrandSet& set)
+        : color{{set, channels::kColor[0], 1.0f},
+                {set, channels::kColor[1], 1.0f},
+                {set, channels::kColor[2], 1.0f}},
+          melanin(set, channels::kMelanin, 0.0f),
+          redness(set, channels::kRedness, 0.0f),
+          dye{{set, channels::kDye[0], 1.0f},
+              {set, channels::kDye[1], 1.0f},
+              {set, channels::kDye[2], 1.0f}} {}
+    bool hasPigment() const { return melanin.present(); }
+};
+
+// A point channel `name` made afresh (filled with `value`) in place of whatever channel of that
+// name `set` had at either scope, for an operator whose output varies along the strand.
+std::span<float> freshPointChannel(StrandSet& set, std::string_view name, float value);
 
 // A param's current text or number as the node's document holds it (set, else its default),
 // without noting a read: for the questions asked of a node outside its run, such as the channels

@@ -127,20 +127,12 @@ std::shared_ptr<StrandSet> colorFeathers(const StrandSet& input,
     const std::vector<float>* feathers = input.strandChannel(channels::kFeatherId);
     const bool downed = down && settings.downStrength > 0.0f;
 
-    const LookChannel color[3] = {LookChannel(input, channels::kColor[0], 1.0f),
-                                  LookChannel(input, channels::kColor[1], 1.0f),
-                                  LookChannel(input, channels::kColor[2], 1.0f)};
-    const bool pigment = patterned && LookChannel(input, channels::kMelanin, 0.0f).present();
-    const LookChannel melanin(input, channels::kMelanin, 0.0f);
-    const LookChannel redness(input, channels::kRedness, 0.0f);
-    const LookChannel dye[3] = {LookChannel(input, channels::kDye[0], 1.0f),
-                                LookChannel(input, channels::kDye[1], 1.0f),
-                                LookChannel(input, channels::kDye[2], 1.0f)};
+    const HairLookChannels look(input);
+    const auto& [color, melanin, redness, dye] = look;
+    const bool pigment = patterned && look.hasPigment();
 
-    const auto pointChannel = [&](std::string_view name, float value) -> std::span<float> {
-        out->removeStrandChannel(name);
-        out->removePointChannel(name);
-        return out->addPointChannel(std::string(name), value);
+    const auto pointChannel = [&](std::string_view name, float value) {
+        return freshPointChannel(*out, name, value);
     };
     // Only what changes is rewritten: the colour where a pattern or the down colour applies, the
     // pigment where a pattern does.
