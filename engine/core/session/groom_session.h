@@ -15,6 +15,7 @@
 // Threads: one host thread drives a session. A detached evaluation runs on a clone of the graph
 // and a snapshot of the scene inputs; the next evaluate waits for it.
 
+#include <array>
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -122,6 +123,37 @@ struct GroomStats {
     // "restEvaluations", "distanceFieldsMade", "cacheBytes", "cacheEvictions", "strokeDocument",
     // "live", "baked", "bakeStale", "bakedFirst", "bakedLast", "bakedFile", "stepMs",
     // "simulations".
+    nlohmann::ordered_json toJson() const;
+};
+
+// The look the viewport's hair shader draws with, read off the graph's colour nodes (the first
+// active HairColor, RenderData and iridescent FeatherColor upstream of the output). A graph with no
+// HairColor gives the HairColor defaults. Mapped params give their unmapped value: the shader takes
+// one look for the groom and the strands' own colours from their channels.
+struct HairLook {
+    float melanin = 0.5f, specular = 0.3f, roughness = 0.2f;
+    float specularRandom = 0.0f, roughnessRandom = 0.0f;
+    float tilt = 3.0f;              // cuticle tilt, degrees
+    bool colorsByRgb = false;       // HairColor in color mode: the channels are the colour itself
+    std::uint64_t colorBlends = 0;  // Bands and FeatherColor nodes painting over HairColor
+    bool iridescent = false;
+    Vec3f iridescenceColor{0.1f, 0.6f, 0.4f};
+    float iridescenceShift = 0.25f;
+    // The shader's lobes: x the longitudinal width from the roughness (d'Eon et al. 2011 as
+    // Chiang et al. 2016 fit it), y the azimuthal spread, z the cuticle tilt in radians, w the
+    // fibre's index of refraction.
+    std::array<float, 4> lobes{};
+    float specularTint = 1.0f;        // specular over aiStandardHair's full tint of 0.3, at most 1
+    float azimuthalRoughness = 0.2f;  // HairColor has one roughness: it serves both directions
+    float shift = 0.0f;               // the primary highlight's shift along the strand, radians
+    nlohmann::ordered_json hairColorParams;   // the HairColor node's params, or null
+    nlohmann::ordered_json renderDataParams;  // the RenderData node's params, or null
+    std::vector<std::string> colorNodes;      // the colour nodes' names, output first
+
+    // "melanin", "specular", "roughness", "specularRandom", "roughnessRandom", "tilt",
+    // "colorsByRgb", "colorBlends", "iridescent", "iridescenceColor", "iridescenceShift", "lobes",
+    // "specularTint", "azimuthalRoughness", "shift", "hairColorParams", "renderDataParams",
+    // "colorNodes".
     nlohmann::ordered_json toJson() const;
 };
 
@@ -325,6 +357,9 @@ class GroomSession {
     // ---- Queries ------------------------------------------------------------------------------
     GroomStats stats() const;
     nlohmann::ordered_json statsJson() const { return stats().toJson(); }
+    // The look of the graph's colour nodes, for the viewport's hair shader.
+    HairLook hairLook() const;
+    nlohmann::ordered_json hairLookJson() const { return hairLook().toJson(); }
     // Whether an active node of that type reaches the output.
     bool hasCardsNode() const;
     bool hasStrandMeshNode() const;

@@ -632,5 +632,56 @@ TEST(GroomSession, DetachedEvaluationHandsOverItsResultsAndItsFailureOnce) {
     EXPECT_EQ(session.edits(), edits);
 }
 
+TEST(GroomSession, HairLookReadsTheColourNodesThatReachTheOutput) {
+    GroomSession session;
+    // Without a graph, or without colour nodes, the look is HairColor's defaults.
+    Json bare = session.hairLookJson();
+    std::vector<std::string> keys;
+    for (const auto& [key, value] : bare.items())
+        keys.push_back(key);
+    EXPECT_EQ(keys, (std::vector<std::string>{
+                        "melanin", "specular", "roughness", "specularRandom", "roughnessRandom",
+                        "tilt", "colorsByRgb", "colorBlends", "iridescent", "iridescenceColor",
+                        "iridescenceShift", "lobes", "specularTint", "azimuthalRoughness", "shift",
+                        "hairColorParams", "renderDataParams", "colorNodes"}));
+    EXPECT_TRUE(bare["hairColorParams"].is_null());
+    EXPECT_FLOAT_EQ(bare["specularTint"].get<float>(), 1.0f);
+
+    // A chain of colour nodes; "unused" does not reach the output and is not read.
+    session.setGraph(R"({"version":1,"nodes":[{"name":"scalp","type":"Scalp"},
+        {"name":"scatter","type":"Scatter"},
+        {"name":"hair","type":"HairColor","params":{"mode":"color","specular":0.15,
+            "roughness":0.5,"tilt":4}},
+        {"name":"bands","type":"Bands"},
+        {"name":"feathers","type":"FeatherColor","params":{"iridescence":0.5,
+            "iridescenceColor":[0.2,0.3,0.4],"iridescenceShift":0.1}},
+        {"name":"opacity","type":"RenderData"},
+        {"name":"unused","type":"FeatherColor","params":{"iridescence":1}},
+        {"name":"output","type":"Output"}],
+        "connections":[{"from":"scalp","to":"scatter","input":"scalp"},
+            {"from":"scatter","to":"hair","input":"strands"},
+            {"from":"hair","to":"bands","input":"strands"},
+            {"from":"bands","to":"feathers","input":"strands"},
+            {"from":"feathers","to":"opacity","input":"strands"},
+            {"from":"opacity","to":"output","input":"strands"}],
+        "output":"output"})");
+    const HairLook look = session.hairLook();
+    EXPECT_TRUE(look.colorsByRgb);
+    EXPECT_FLOAT_EQ(look.specularTint, 0.5f);
+    EXPECT_FLOAT_EQ(look.roughness, 0.5f);
+    EXPECT_EQ(look.colorBlends, 2u);
+    EXPECT_TRUE(look.iridescent);
+    EXPECT_FLOAT_EQ(look.iridescenceColor.z, 0.4f);
+    EXPECT_FLOAT_EQ(look.iridescenceShift, 0.1f);
+    const float tilt = 4.0f * 3.14159265f / 180.0f;
+    EXPECT_NEAR(look.lobes[2], tilt, 1e-6f);
+    EXPECT_NEAR(look.shift, 2.0f * tilt, 1e-6f);
+    // A broader highlight is a wider lobe.
+    EXPECT_GT(look.lobes[0], 0.0f);
+    EXPECT_FLOAT_EQ(look.lobes[3], 1.55f);
+    EXPECT_EQ(look.colorNodes, (std::vector<std::string>{"feathers", "bands", "hair"}));
+    EXPECT_TRUE(look.renderDataParams.is_object());
+    EXPECT_EQ(session.stats().colorBlends, 2u);
+}
 }  // namespace
 }  // namespace velmorin
