@@ -1,6 +1,7 @@
 #include "fields/mapped_params.h"
 #include "graph/registry.h"
 #include "ops/clump.h"
+#include "ops/color_ops.h"
 #include "ops/field_ops.h"
 #include "ops/grow_ops.h"
 #include "ops/shape_ops.h"
@@ -30,6 +31,10 @@ void registerBuiltinOperators(OperatorRegistry& registry) {
     registerNoiseOperator(registry);
     registerCurlOperator(registry);
     registerWetOperator(registry);
+    registerHairColorOperator(registry);
+    registerBandsOperator(registry);
+    registerFeatherColorOperator(registry);
+    registerRenderDataOperator(registry);
     registerMapOperator(registry);
     registerExpressionOperator(registry);
     registerControlOperator(registry);
@@ -38,6 +43,7 @@ void registerBuiltinOperators(OperatorRegistry& registry) {
     registerFieldCombineOperator(registry);
     registerCurveOperator(registry);
     registerValueOperator(registry);
+    registerOutputOperator(registry);
     // What the operators' mapped params read, asked for by evaluation.
     installFieldMappedParams(registry);
 }

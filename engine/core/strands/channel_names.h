@@ -24,6 +24,14 @@ inline constexpr std::string_view kFeatherId = "featherId";
 inline constexpr std::string_view kBraidId = "braidId";
 inline constexpr std::string_view kFlyaway = "flyaway";
 
+// A feather's barbs in the feather's own flat space, written by the feather operators. Per point:
+// the position along the shaft, 0 at the feather's root to 1 at its tip, and across the vane, -1
+// at the left vane's edge through 0 at the shaft to 1 at the right vane's edge (left and right seen
+// from the vane's top with the tip up). Per strand: 1 on the barbs of the down zone, else 0.
+inline constexpr std::string_view kFeatherAlong = "featherAlong";
+inline constexpr std::string_view kFeatherAcross = "featherAcross";
+inline constexpr std::string_view kFeatherDown = "featherDown";
+
 // The look. The shown colour, per point or per strand, as the three channels of kColor; the
 // pigment that made it (melanin mode) beside it for shaders that model pigment themselves.
 inline constexpr std::array<std::string_view, 3> kColor = {"colorR", "colorG", "colorB"};
@@ -35,6 +43,11 @@ inline constexpr std::string_view kRoughness = "roughness";
 inline constexpr std::string_view kTilt = "tilt";
 inline constexpr std::string_view kOpacity = "opacity";
 inline constexpr std::string_view kIridescence = "iridescence";
+// Iridescence's colour seen face-on and how far its hue turns edge-on, in turns: one value for
+// the groom, the same on every strand (the first FeatherColor with iridescence sets them).
+inline constexpr std::array<std::string_view, 3> kIridescenceColor = {
+    "iridescenceR", "iridescenceG", "iridescenceB"};
+inline constexpr std::string_view kIridescenceShift = "iridescenceShift";
 inline constexpr std::string_view kAmbientOcclusion = "ao";
 inline constexpr std::string_view kWetness = "wetness";
 

@@ -416,6 +416,33 @@ bool StrandSet::moveChannelFrom(ChannelMap StrandSet::*channels, const std::stri
     return true;
 }
 
+bool StrandSet::shareStrandChannelFrom(const std::string& name, const StrandSet& source) {
+    return shareChannelFrom(&StrandSet::strandChannels_, name, source);
+}
+
+bool StrandSet::sharePointChannelFrom(const std::string& name, const StrandSet& source) {
+    return shareChannelFrom(&StrandSet::pointChannels_, name, source);
+}
+
+bool StrandSet::shareChannelFrom(ChannelMap StrandSet::*channels, const std::string& name,
+                                 const StrandSet& source) {
+    if (&source == this) return (this->*channels).contains(name);
+    Channel shared;
+    {
+        std::lock_guard guard(source.columnLock_);
+        const auto from = (source.*channels).find(name);
+        if (from == (source.*channels).end()) return false;
+        shared = from->second;
+        // Both sides hold the array now, so neither may write in place.
+        from->second.column.owned = false;
+    }
+    shared.column.owned = false;
+    dropCachedExtents();
+    std::lock_guard guard(columnLock_);
+    (this->*channels)[name] = std::move(shared);
+    return true;
+}
+
 std::uint64_t StrandSet::movedColumnCount() {
     return movedColumns.load();
 }

@@ -202,6 +202,11 @@ class StrandSet {
     void moveColumnFrom(ColumnId column, StrandSet& source);
     bool moveStrandChannelFrom(const std::string& name, StrandSet& source);
     bool movePointChannelFrom(const std::string& name, StrandSet& source);
+    // Take a channel of `source` as a shallow copy takes it: both sets hold the one array and
+    // neither owns it, so that nothing is copied until one of them writes to it. Replaces a
+    // channel of that name at the same level. False, changing nothing, when `source` lacks it.
+    bool shareStrandChannelFrom(const std::string& name, const StrandSet& source);
+    bool sharePointChannelFrom(const std::string& name, const StrandSet& source);
     // How many arrays the move operations have moved rather than copied, process-wide.
     static std::uint64_t movedColumnCount();
 
@@ -230,6 +235,8 @@ class StrandSet {
     // The channel half of the move-a-column operations, for either channel map.
     bool moveChannelFrom(ChannelMap StrandSet::*channels, const std::string& name,
                          StrandSet& source);
+    bool shareChannelFrom(ChannelMap StrandSet::*channels, const std::string& name,
+                          const StrandSet& source);
     void mergeChannels(const StrandSet& other, std::size_t oldStrands, std::size_t oldPoints);
     // Builds `out` from the strands listed in `indices` (all below strandCount); the index array
     // becomes the new set's ids column.

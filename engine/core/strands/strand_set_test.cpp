@@ -623,6 +623,30 @@ TEST(StrandSet, MovingAColumnTakesTheArrayFromItsOnlyHolderAndCopiesOtherwise) {
     EXPECT_EQ(StrandSet::movedColumnCount(), moved + 7);
 }
 
+TEST(StrandSet, SharingAChannelHoldsOneArrayUntilEitherSideWrites) {
+    const StrandSet source = randomStrands(20, 27);
+    // The same strands with a mass of their own and no curl.
+    StrandSet target = randomStrands(20, 27);
+    target.removeStrandChannel("mass");
+    target.removePointChannel("curl");
+    target.addStrandChannel("mass", 5.0f);
+    const std::vector<float>* mass = source.strandChannel("mass");
+    EXPECT_TRUE(target.shareStrandChannelFrom("mass", source));
+    EXPECT_TRUE(target.sharePointChannelFrom("curl", source));
+    EXPECT_FALSE(target.shareStrandChannelFrom("curl", source));
+    EXPECT_FALSE(target.sharePointChannelFrom("absent", source));
+    EXPECT_EQ(target.strandChannel("mass"), mass);
+    EXPECT_EQ(target.pointChannel("curl"), source.pointChannel("curl"));
+    EXPECT_EQ(target.channelDefault("mass"), 2.0f);
+    EXPECT_FALSE(target.ownsStrandChannel("mass"));
+    EXPECT_FALSE(source.ownsStrandChannel("mass"));
+    // A write on the target copies the array and leaves the source's values alone.
+    const std::vector<float> before = *mass;
+    target.addStrandChannel("mass", 0.0f)[0] = -1.0f;
+    EXPECT_NE(target.strandChannel("mass"), mass);
+    EXPECT_EQ(*source.strandChannel("mass"), before);
+}
+
 TEST(StrandSet, CopyOnWriteTakesLargeArraysFromThePoolAndGivesThemBack) {
     const std::size_t points = 360000;  // 4.3 MB of points
     StrandSet set;
