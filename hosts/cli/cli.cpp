@@ -7,6 +7,7 @@
 
 #include "common/commands.h"
 #include "common/progress.h"
+#include "common/render_command.h"
 
 namespace velmorin {
 namespace {
@@ -55,6 +56,7 @@ std::string toolHelp() {
     };
     for (const CommandSpec& spec : commandSpecs())
         line(spec.cliName, spec.summary);
+    line(renderCommandSpec().cliName, renderCommandSpec().summary);
     for (const ToolCommand& command : kToolCommands)
         line(command.name, command.summary);
     text += "\n'velmorin COMMAND --help' lists a command's flags.\n";
@@ -103,7 +105,9 @@ int velmorinMain(std::span<const std::string> args, CommandBackend& backend, std
             << ": needs the groom file support, which is not in this build yet\n";
         return kExitFailed;
     }
-    const CommandSpec* spec = findCommand(name);
+    // render is the tool's own command with a flag table, run like the host commands.
+    const bool render = name == renderCommandSpec().cliName;
+    const CommandSpec* spec = render ? &renderCommandSpec() : findCommand(name);
     // Only the short names: the Maya names belong to Maya's script editor.
     if (!spec || spec->cliName != name) {
         err << kProgram << ": unknown command '" << name
@@ -115,8 +119,9 @@ int velmorinMain(std::span<const std::string> args, CommandBackend& backend, std
         return kExitOk;
     }
     try {
-        const CommandAnswer answer =
-            runCommand(*spec, rest, backend, ProgressReporter::forStandardError());
+        ProgressReporter& progress = ProgressReporter::forStandardError();
+        const CommandAnswer answer = render ? CommandAnswer{runRenderCommand(rest, progress)}
+                                            : runCommand(*spec, rest, backend, progress);
         out << answer.text;
         if (!answer.text.empty() && answer.text.back() != '\n') out << '\n';
         return answer.ok ? kExitOk : kExitFailed;

@@ -18,6 +18,7 @@
 #include <nlohmann/json.hpp>
 
 #include "common/commands.h"
+#include "common/render_command.h"
 #include "expr/expression.h"
 #include "expr/function_table.h"
 #include "graph/graph.h"
@@ -409,6 +410,26 @@ TEST(VelmorinTool, HelpAndUnknownCommands) {
         EXPECT_EQ(stubHelp.exit, 0);
         EXPECT_EQ(stubHelp.out.rfind("usage: velmorin " + std::string(name), 0), 0u);
     }
+}
+
+TEST(VelmorinTool, RenderCommand) {
+    const ToolRun help = velmorin({"--help"});
+    EXPECT_NE(help.out.find("\n  render "), std::string::npos);
+    const ToolRun renderHelp = velmorin({"render", "--help"});
+    EXPECT_EQ(renderHelp.exit, 0);
+    EXPECT_EQ(renderHelp.out, commandHelp(renderCommandSpec(), "velmorin"));
+
+    // Flags that pass reach the groom file reader, which this build lacks.
+    const ToolRun stub = velmorin({"render", "g.groom", "-o", "p.png", "--view", "front"});
+    EXPECT_EQ(stub.exit, 1);
+    EXPECT_EQ(stub.err,
+              "velmorin render: needs the groom file support, which is not in this build yet\n");
+    const ToolRun usage = velmorin({"render", "g.groom", "-o", "p.png", "--size", "10x0"});
+    EXPECT_EQ(usage.exit, 2);
+    EXPECT_EQ(firstLine(usage.err),
+              "velmorin render: -size must be WIDTHxHEIGHT, each 1 to 8192 pixels, not '10x0'");
+    EXPECT_NE(usage.err.find("Run 'velmorin render --help' for its flags.\n"), std::string::npos);
+    EXPECT_EQ(usage.out, "");
 }
 
 }  // namespace

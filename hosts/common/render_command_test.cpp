@@ -1,0 +1,188 @@
+#include <gtest/gtest.h>
+
+#include <unistd.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <string>
+#include <vector>
+
+#include "common/progress.h"
+#include "common/render_command.h"
+#include "common/sample_groom.h"
+#include "mesh/sample_meshes.h"
+
+namespace velmorin {
+namespace {
+
+namespace fs = std::filesystem;
+
+TEST(RenderCommand, ReadsItsFlags) {
+    struct Case {
+        std::vector<std::string> args;
+        int width;
+        int height;
+        PreviewView view;
+        double density;
+        std::optional<double> frame;
+        std::string groom;
+    };
+    const Case cases[] = {
+        {{"g.groom", "-o", "p.png"}, 1024, 1024, PreviewView::ThreeQuarter, 1.0, {}, "g.groom"},
+        {{"--output=p.PNG", "--view", "side", "--size", "640x480", "g.groom"},
+         640,
+         480,
+         PreviewView::Side,
+         1.0,
+         {},
+         "g.groom"},
+        {{"g.groom", "-o", "p.png", "-s", "8192X1", "-v", "top", "-d", "0.25", "-f", "-12.5"},
+         8192,
+         1,
+         PreviewView::Top,
+         0.25,
+         -12.5,
+         "g.groom"},
+        {{"-o", "p.png", "--density", "1", "--view", "three-quarter", "--", "-odd.groom"},
+         1024,
+         1024,
+         PreviewView::ThreeQuarter,
+         1.0,
+         {},
+         "-odd.groom"},
+    };
+    for (const Case& c : cases) {
+        const RenderRequest request = parseRenderRequest(c.args);
+        EXPECT_EQ(request.options.width, c.width);
+        EXPECT_EQ(request.options.height, c.height);
+        EXPECT_EQ(request.options.view, c.view);
+        EXPECT_EQ(request.options.density, c.density);
+        EXPECT_EQ(request.frame, c.frame);
+        EXPECT_EQ(request.groom, c.groom);
+    }
+    EXPECT_TRUE(parseRenderRequest(std::vector<std::string>{"g", "-o", "a.png", "-t"})
+                    .options.transparentBackground);
+    const RenderRequest explicitCamera = parseRenderRequest(
+        std::vector<std::string>{"g", "-o", "a.png", "--eye", "1,2.5,-30", "--target=0,1e1,0",
+                                 "-up", "0,0,1", "-fov", "45"});
+    ASSERT_TRUE(explicitCamera.options.camera);
+    EXPECT_EQ(explicitCamera.options.camera->eye, (Vec3f{1.0f, 2.5f, -30.0f}));
+    EXPECT_EQ(explicitCamera.options.camera->target, (Vec3f{0.0f, 10.0f, 0.0f}));
+    EXPECT_EQ(explicitCamera.options.camera->up, (Vec3f{0.0f, 0.0f, 1.0f}));
+    EXPECT_EQ(explicitCamera.options.camera->fovDegrees, 45.0f);
+    EXPECT_EQ(parseRenderRequest(std::vector<std::string>{"g", "-o", "a.png", "-e", "-1.5"})
+                  .options.exposure,
+              -1.5f);
+}
+
+TEST(RenderCommand, RefusesBadUsage) {
+    struct Case {
+        std::vector<std::string> args;
+        std::string message;
+    };
+    const Case cases[] = {
+        {{"g.groom"}, "-output is required"},
+        {{"-o", "p.png"}, "name a groom"},
+        {{"g.groom", "h.groom", "-o", "p.png"}, "unexpected argument 'h.groom'"},
+        {{"g.groom", "-o", "p.jpg"}, "-output must name a .png file"},
+        {{"g.groom", "-o", "p.png", "-s", "0x10"},
+         "-size must be WIDTHxHEIGHT, each 1 to 8192 pixels, not '0x10'"},
+        {{"g.groom", "-o", "p.png", "-s", "8193x10"},
+         "-size must be WIDTHxHEIGHT, each 1 to 8192 pixels, not '8193x10'"},
+        {{"g.groom", "-o", "p.png", "-s", "640"},
+         "-size must be WIDTHxHEIGHT, each 1 to 8192 pixels, not '640'"},
+        {{"g.groom", "-o", "p.png", "-s", "-4x4"},
+         "-size must be WIDTHxHEIGHT, each 1 to 8192 pixels, not '-4x4'"},
+        {{"g.groom", "-o", "p.png", "-s", "4x4x4"},
+         "-size must be WIDTHxHEIGHT, each 1 to 8192 pixels, not '4x4x4'"},
+        {{"g.groom", "-o", "p.png", "-v", "Front"},
+         "-view must be front, side, back, top or three-quarter, not 'Front'"},
+        {{"g.groom", "-o", "p.png", "-d", "0"}, "-density must be above 0 and at most 1"},
+        {{"g.groom", "-o", "p.png", "-d", "1.01"}, "-density must be above 0 and at most 1"},
+        {{"g.groom", "-o", "p.png", "-d", "half"}, "-density takes a number, not 'half'"},
+        {{"g.groom", "-o", "p.png", "-f", "inf"}, "-frame takes a number, not 'inf'"},
+        {{"g.groom", "-o", "p.png", "-e", "30"}, "-exposure must be -20 to 20 stops"},
+        {{"g.groom", "-o", "p.png", "-x"}, "unknown flag '-x'"},
+        {{"g.groom", "-o", "p.png", "-eye", "0,0,10"}, "-eye and -target go together"},
+        {{"g.groom", "-o", "p.png", "-fov", "40"}, "-fieldOfView goes with -eye and -target"},
+        {{"g.groom", "-o", "p.png", "-eye", "0,0,10", "-tg", "0,0,0", "-v", "front"},
+         "use -view or -eye and -target, not both"},
+        {{"g.groom", "-o", "p.png", "-eye", "0,0", "-tg", "0,0,0"}, "-eye takes X,Y,Z, not '0,0'"},
+        {{"g.groom", "-o", "p.png", "-eye", "0,0,1,", "-tg", "0,0,0"},
+         "-eye takes X,Y,Z, not '0,0,1,'"},
+        {{"g.groom", "-o", "p.png", "-eye", "1,2,3", "-tg", "1,2,3"},
+         "-eye and -target must differ"},
+        {{"g.groom", "-o", "p.png", "-eye", "0,5,0", "-tg", "0,0,0"},
+         "-up must not point along the view"},
+        {{"g.groom", "-o", "p.png", "-eye", "0,0,9", "-tg", "0,0,0", "-fov", "180"},
+         "-fieldOfView must be above 0 and below 180 degrees"},
+    };
+    for (const Case& c : cases) {
+        try {
+            parseRenderRequest(c.args);
+            ADD_FAILURE() << c.message;
+        } catch (const CommandError& error) {
+            EXPECT_EQ(error.kind(), CommandError::Kind::Usage);
+            EXPECT_EQ(std::string(error.what()), c.message);
+        }
+    }
+}
+
+TEST(RenderCommand, GroomFilesWaitForTheirSupport) {
+    ProgressReporter quiet;
+    try {
+        runRenderCommand(std::vector<std::string>{"g.groom", "-o", "p.png"}, quiet);
+        ADD_FAILURE() << "rendered a groom file without the groom file support";
+    } catch (const CommandError& error) {
+        EXPECT_EQ(error.kind(), CommandError::Kind::Failure);
+        EXPECT_STREQ(error.what(), "needs the groom file support, which is not in this build yet");
+    }
+}
+
+TEST(RenderCommand, WritesThePicture) {
+    const auto scalp = makeHeadScalp();
+    SampleGroomOptions grow;
+    grow.count = 500;
+    grow.keepOutOfScalp = false;
+    const StrandSet groom = growSampleGroom(*scalp, grow);
+    const fs::path folder =
+        fs::temp_directory_path() / ("velmorin_render_" + std::to_string(getpid()));
+    fs::create_directories(folder);
+    const std::string path = (folder / "p.png").string();
+    RenderRequest request = parseRenderRequest(
+        std::vector<std::string>{"g.groom", "-o", path, "-s", "48x32", "-v", "back", "-d", "0.5"});
+    const std::string answer = writePreviewPicture(groom, scalp.get(), request);
+    StrandSet kept;
+    groom.thinned(0.5, kept);
+    EXPECT_EQ(answer, "wrote " + path + ": 48x32, back view, " +
+                          std::to_string(kept.strandCount()) + " strands");
+    std::ifstream in(path, std::ios::binary);
+    const std::vector<unsigned char> bytes((std::istreambuf_iterator<char>(in)),
+                                           std::istreambuf_iterator<char>());
+    ASSERT_GT(bytes.size(), 24u);
+    EXPECT_EQ(std::vector<unsigned char>(bytes.begin() + 1, bytes.begin() + 4),
+              (std::vector<unsigned char>{'P', 'N', 'G'}));
+    // The header's width and height, big-endian after "IHDR".
+    EXPECT_EQ(bytes[19], 48);
+    EXPECT_EQ(bytes[23], 32);
+
+    request.options.camera = PreviewCamera{{0.0f, 0.0f, 60.0f}, {0.0f, 0.0f, 0.0f}};
+    EXPECT_EQ(writePreviewPicture(groom, scalp.get(), request),
+              "wrote " + path + ": 48x32, a given camera, " + std::to_string(kept.strandCount()) +
+                  " strands");
+    request.output = (folder / "missing" / "p.png").string();
+    try {
+        writePreviewPicture(groom, scalp.get(), request);
+        ADD_FAILURE() << "wrote into a folder that is not there";
+    } catch (const CommandError& error) {
+        EXPECT_EQ(error.kind(), CommandError::Kind::Failure);
+        EXPECT_NE(std::string(error.what()).find("could not write"), std::string::npos)
+            << error.what();
+    }
+    fs::remove_all(folder);
+}
+
+}  // namespace
+}  // namespace velmorin
