@@ -402,8 +402,9 @@ const CommandSpec& paramCommandSpec() {
     static const CommandSpec spec{
         "velmorinParam",
         "param",
-        "Prints a param of a groom's graph as JSON, or sets it (VALUE as JSON, else a string) and "
-        "saves the groom.",
+        "Reads or sets a param of a groom's graph: 'velmorin param GROOM NODE.PARAM' prints its "
+        "value as JSON; 'velmorin param GROOM NODE.PARAM VALUE' sets it (VALUE read as JSON, else "
+        "as a string) with the param's own checks and saves the groom file.",
         {},
         GroomArgument::Required};
     return spec;
