@@ -503,6 +503,10 @@ TEST(VelmorinTool, GroomCommandsOnASmallGroom) {
         {{"exportAlembic", groom, "-f", small.path("unreal.abc"), "-ue", "-d", "0.5"},
          "wrote 1 frame(s), ",
          small.path("unreal.abc")},
+        {{"exportAlembic", groom, "-f", small.path("report.abc"), "-ue", "-rep", "-sf", "2", "-ef",
+          "3"},
+         "{\n  \"group\": \"\",\n  \"feathers\": 0,",
+         small.path("report.abc")},
         {{"exportUsd", groom, "-f", small.path("out.usda"), "-sf", "1", "-ef", "2", "-s", "0.5"},
          "wrote 3 frame(s), ",
          small.path("out.usda")},
@@ -525,6 +529,14 @@ TEST(VelmorinTool, GroomCommandsOnASmallGroom) {
     // The param read back is the number set, and the scatter density is a number.
     EXPECT_EQ(velmorin({"param", groom, "length.length"}).out, "0.5\n");
     EXPECT_TRUE(Json::parse(velmorin({"param", groom, "scatter.density"}).out).is_number());
+    // The report counts what the last frame wrote.
+    const Json report = Json::parse(
+        velmorin({"exportAlembic", groom, "-f", small.path("r2.abc"), "-ue", "-report"}).out);
+    EXPECT_EQ(report["guides"], 8);
+    EXPECT_EQ(report["frames"], 1);
+    EXPECT_EQ(report["objects"], Json::array({"hair"}));
+    EXPECT_GT(report["strands"].get<int>(), 0);
+    EXPECT_LE(report["minPoints"].get<int>(), report["maxPoints"].get<int>());
     // The USD file holds the three frames asked for, with root UVs from the plane's UVs.
     const test::UsdaLayer layer = test::parseUsda(readFile(small.path("out.usda")));
     const test::UsdaPrim* curves = findPrimOfType(layer.prims, "BasisCurves");
@@ -551,6 +563,8 @@ TEST(VelmorinTool, RefusalsLeaveNothingBehind) {
     const std::string corrupt = small.folder.write("corrupt.groom", "{\"velmorin\": ").string();
     const std::string noFaces =
         small.folder.write("nofaces.obj", "v 0 0 0\nv 1 0 0\nv 0 1 0\n").string();
+    const std::string triangle =
+        small.folder.write("triangle.obj", "v 0 0 0\nv 1 0 0\nv 0 0 1\nf 1 2 3\n").string();
     const std::string missing = small.path("missing.groom");
     const std::string abc = small.path("out.abc");
     const std::string usda = small.path("out.usda");
@@ -596,6 +610,15 @@ TEST(VelmorinTool, RefusalsLeaveNothingBehind) {
          "velmorin exportUsd: -scales must be mesh, instancer, both or none"},
         {{"render", corrupt, "-o", png}, 1, ""},
         {{"graphStats", missing}, 1, "velmorin graphStats: cannot read '" + missing + "'"},
+        {{"importGroom", "-f", groom, "-checkScalp", noFaces},
+         1,
+         "velmorin importGroom: " + noFaces +
+             ": the file has no faces. Export the scalp as a "
+             "polygon mesh."},
+        {{"importGroom", "-f", groom, "-checkScalp", triangle},
+         1,
+         "velmorin importGroom: " + triangle + " is not the scalp of " + groom +
+             ": it has 1 triangles against 32"},
         {{"importGroom", "-f", missing, "-info"},
          1,
          "velmorin importGroom: cannot read '" + missing + "'"},

@@ -171,23 +171,28 @@ Json pointsJson(const StrandSet* strands) {
     return points;
 }
 
-// The file's scalp against another mesh: same counts, and how far apart the points lie.
-Json compareScalps(const ScalpMesh* stored, const ScalpMesh& mesh) {
-    Json answer = Json::object();
-    const bool same = stored && stored->points().size() == mesh.points().size() &&
-                      stored->triangles() == mesh.triangles();
+// The file's scalp against another mesh: the same faces in the same order, or the reason they are
+// not; on a match, how far apart their points lie.
+Json compareScalps(const ScalpMesh* stored, const ScalpMesh& mesh, const std::string& meshPath,
+                   const std::string& groomPath) {
+    if (!stored) throwFailure(groomPath + " holds no scalp");
+    const std::string notIt = meshPath + " is not the scalp of " + groomPath + ": ";
+    if (stored->triangleCount() != mesh.triangleCount())
+        throwFailure(notIt + "it has " + std::to_string(mesh.triangleCount()) +
+                     " triangles against " + std::to_string(stored->triangleCount()));
+    if (stored->points().size() != mesh.points().size() || stored->triangles() != mesh.triangles())
+        throwFailure(notIt +
+                     "its faces are not the file's scalp's (another topology or vertex order)");
     double farthest = 0.0;
-    if (same)
-        for (std::size_t i = 0; i < mesh.points().size(); ++i) {
-            const Vec3f d = stored->points()[i] - mesh.points()[i];
-            farthest = std::max(farthest,
-                                static_cast<double>(std::sqrt(d.x * d.x + d.y * d.y + d.z * d.z)));
-        }
-    answer["matches"] = same;
+    for (std::size_t i = 0; i < mesh.points().size(); ++i) {
+        const Vec3f d = stored->points()[i] - mesh.points()[i];
+        farthest =
+            std::max(farthest, static_cast<double>(std::sqrt(d.x * d.x + d.y * d.y + d.z * d.z)));
+    }
+    Json answer = Json::object();
+    answer["matches"] = true;
     answer["points"] = mesh.points().size();
     answer["triangles"] = mesh.triangleCount();
-    answer["filePoints"] = stored ? stored->points().size() : 0;
-    answer["fileTriangles"] = stored ? stored->triangleCount() : 0;
     answer["maxDistance"] = farthest;
     return answer;
 }
@@ -283,8 +288,21 @@ std::string SessionBackend::exportAlembic(const CommandRequest& request) {
     auto writer =
         failing([&] { return std::make_unique<AlembicStrandWriter>(pending.temporary()); });
     writer->setSpace("Y", 1.0 / flags.number("scale").value_or(1.0));
+    // What -report tells: the last frame's counts, the extremes over every frame.
+    Json objects = Json::array();
+    std::size_t lastStrands = 0, lastGuides = 0, lastPoints = 0;
+    std::size_t minPoints = 0, maxPoints = 0;
+    bool anyStrand = false;
     answer = runFrameExport(frames, path, request.progress, [&](double frame) {
         const auto strands = thinnedTo(strandsAt(*session, frame), flags);
+        for (std::size_t i = 0; i < strands->strandCount(); ++i) {
+            const std::size_t n = strands->strandPoints(i).size();
+            minPoints = anyStrand ? std::min(minPoints, n) : n;
+            maxPoints = anyStrand ? std::max(maxPoints, n) : n;
+            anyStrand = true;
+        }
+        lastStrands = strands->strandCount();
+        lastPoints = strands->pointCount();
         const auto uvs = rootUvsOf(*strands, session->scalp().get());
         const auto written = withRootUvs(strands, uvs);
         failing([&] {
@@ -293,15 +311,32 @@ std::string SessionBackend::exportAlembic(const CommandRequest& request) {
                 if (!guides) guides = std::make_shared<const GuideSet>();
                 const auto groups = unrealGroups(written, guides, flags.string("groups"));
                 writer->writeGroomGrouped(frame, groups);
+                lastGuides = guides->guides.size();
+                objects = Json::array();
+                for (const AlembicGroup& group : groups)
+                    objects.push_back(group.name);
             } else {
                 writer->writeStrands(frame, *written);
+                objects = Json::array({"Strands"});
             }
         });
         return written->strandCount();
     });
     failing([&] { writer->close(); });
     pending.commit();
-    return answer;
+    if (!flags.has("report")) return answer;
+    Json report = Json::object();
+    report["group"] = flags.string("groups").value_or("");
+    report["feathers"] = 0;
+    report["strands"] = lastStrands;
+    report["guides"] = lastGuides;
+    report["pointsPerStrand"] =
+        lastStrands == 0 ? 0.0 : static_cast<double>(lastPoints) / static_cast<double>(lastStrands);
+    report["minPoints"] = minPoints;
+    report["maxPoints"] = maxPoints;
+    report["frames"] = frames.size();
+    report["objects"] = std::move(objects);
+    return report.dump(2);
 }
 
 std::string SessionBackend::exportUsd(const CommandRequest& request) {
@@ -347,10 +382,10 @@ std::string SessionBackend::importGroom(const CommandRequest& request) {
     if (flags.has("info")) return infoOf(file, path).dump(2);
     if (const auto mesh = flags.string("checkScalp")) {
         const auto other = failing([&] { return readObjMesh(*mesh); });
-        return compareScalps(file.scalp.get(), *other).dump(2);
+        return compareScalps(file.scalp.get(), *other, *mesh, path).dump(2);
     }
     if (flags.has("makeScalp")) {
-        if (!file.scalp) throwFailure("the groom file holds no scalp");
+        if (!file.scalp) throwFailure(path + " holds no scalp");
         const std::string out = flags.string("name").value_or(fileStem(path) + "_scalp") + ".obj";
         writeObj(out, *file.scalp);
         return "wrote " + out;
