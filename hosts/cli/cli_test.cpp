@@ -674,6 +674,15 @@ TEST(VelmorinTool, DemoWritesItsFourFiles) {
     ASSERT_EQ(stats2.exit, 0) << stats2.err;
     EXPECT_EQ(Json::parse(stats2.out)["strands"], stats["session"]["strands"]);
 
+    // A picture that can't be written takes the other three files with it.
+    Folder blocked;
+    fs::create_directory(blocked / "demo.png");
+    const ToolRun failed = velmorin({"demo", "-o", (blocked / "").string(), "-density", "0.02"});
+    EXPECT_EQ(failed.exit, 1);
+    EXPECT_EQ(failed.err, "velmorin demo: could not write " + (blocked / "demo.png").string() +
+                              ": Is a directory\n");
+    EXPECT_EQ(filesIn(blocked / ""), std::vector<std::string>{"demo.png"});
+
     const std::string abcls = VELMORIN_ABCLS;
     if (abcls.empty() || !fs::exists(abcls)) GTEST_SKIP() << "abcls is not built";
     Folder lsFolder;

@@ -548,18 +548,12 @@ std::string runParamCommand(std::span<const std::string> args) {
     return paramValueJson(params.checked(param)).dump();
 }
 
-std::string runDemoCommand(std::span<const std::string> args, ProgressReporter& progress) {
-    const auto started = std::chrono::steady_clock::now();
-    const ParsedFlags flags = parseFlags(demoCommandSpec(), args);
-    noPositional(flags);
-    const double density = flags.number("density").value_or(1.0);
-    if (!(density > 0.0 && density <= 1.0)) throwUsage("-density must be above 0 and at most 1");
-    const int guides = guideCount(flags);
-    const fs::path folder = flags.string("output").value_or("velmorin_demo");
-    std::error_code error;
-    fs::create_directories(folder, error);
-    if (error) throwFailure("cannot make the folder '" + folder.string() + "': " + error.message());
+namespace {
 
+// The demo's work; `written` lists each file as it stands complete.
+std::string writeDemo(const fs::path& folder, double density, int guides,
+                      ProgressReporter& progress, std::vector<fs::path>& written,
+                      std::chrono::steady_clock::time_point started) {
     auto session = starterSession(makeHeadScalp(), guides);
     session->setViewport(false);
     progress.begin("Evaluating the groom", 1);
@@ -582,6 +576,7 @@ std::string runDemoCommand(std::span<const std::string> args, ProgressReporter& 
     const std::string usdPath = (folder / "demo.usda").string();
     const std::string pngPath = (folder / "demo.png").string();
     failing([&] { saveGroom(*session, groomPath); });
+    written.push_back(groomPath);
     {
         PendingFile pending(abcPath);
         failing([&] {
@@ -594,6 +589,7 @@ std::string runDemoCommand(std::span<const std::string> args, ProgressReporter& 
             writer.close();
         });
         pending.commit();
+        written.push_back(abcPath);
     }
     failing([&] {
         UsdOptions options;
@@ -603,6 +599,7 @@ std::string runDemoCommand(std::span<const std::string> args, ProgressReporter& 
         writer.writeFrame(0.0, *strands, uvs);
         writer.close();
     });
+    written.push_back(usdPath);
     RenderRequest render;
     render.groom = groomPath;
     render.output = pngPath;
@@ -623,6 +620,33 @@ std::string runDemoCommand(std::span<const std::string> args, ProgressReporter& 
         std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
     answer["session"] = session->statsJson();
     return answer.dump(2);
+}
+
+}  // namespace
+
+std::string runDemoCommand(std::span<const std::string> args, ProgressReporter& progress) {
+    const auto started = std::chrono::steady_clock::now();
+    const ParsedFlags flags = parseFlags(demoCommandSpec(), args);
+    noPositional(flags);
+    const double density = flags.number("density").value_or(1.0);
+    if (!(density > 0.0 && density <= 1.0)) throwUsage("-density must be above 0 and at most 1");
+    const int guides = guideCount(flags);
+    const fs::path folder = flags.string("output").value_or("velmorin_demo");
+    std::error_code error;
+    fs::create_directories(folder, error);
+    if (error) throwFailure("cannot make the folder '" + folder.string() + "': " + error.message());
+
+    // The four files stand together or not at all: a failure removes what was written before it.
+    std::vector<fs::path> written;
+    try {
+        return writeDemo(folder, density, guides, progress, written, started);
+    } catch (...) {
+        for (const fs::path& path : written) {
+            std::error_code ignored;
+            fs::remove(path, ignored);
+        }
+        throw;
+    }
 }
 
 }  // namespace velmorin
