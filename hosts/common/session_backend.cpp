@@ -343,16 +343,21 @@ std::string SessionBackend::exportUsd(const CommandRequest& request) {
     const ParsedFlags& flags = request.flags;
     refuseSceneFlags(flags, {"scalpCache", "guideCache", "renderOverrides"});
     const std::string path = *flags.string("file");
-    auto session = openGroom(request.groom);
+    // The file itself, for its frame rate, which a session does not keep.
+    const GroomFile file = failing([&] { return readGroomFile(request.groom); });
+    auto session = std::make_unique<GroomSession>();
+    failing([&] { applyGroomFile(*session, file); });
+    session->setViewport(false);
     const auto frames = exportFrames(flags, session->time());
-    const GroomFile file = groomFileOf(*session);
     UsdOptions options;
     options.defaultPrim = fileStem(request.groom);
     options.doc = "groom " + fs::path(request.groom).filename().string();
     options.startTimeCode = frames.front();
     options.endTimeCode = frames.back();
     if (file.framesPerSecond > 0.0) options.framesPerSecond = file.framesPerSecond;
-    options.upAxis = file.upAxis;
+    // The session holds the groom in the engine's space, Y up in centimetres, whatever axis the
+    // file was saved with.
+    options.upAxis = "Y";
     // The writer spools beside its path and writes the file only on close; dropped unclosed by an
     // exception, it leaves nothing.
     auto writer = failing([&] { return std::make_unique<UsdCurvesWriter>(path, options); });
