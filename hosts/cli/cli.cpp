@@ -8,31 +8,31 @@
 #include "common/commands.h"
 #include "common/progress.h"
 #include "common/render_command.h"
+#include "common/session_backend.h"
 
 namespace velmorin {
 namespace {
 
 constexpr std::string_view kProgram = "velmorin";
 
-// The tool's own commands, which work on groom files and wait for them.
-struct ToolCommand {
-    std::string_view name;
-    std::string_view usage;
-    std::string_view summary;
-};
+// The tool's own commands, which make and change groom files: new, param and demo.
+const std::vector<const CommandSpec*>& toolCommands() {
+    static const std::vector<const CommandSpec*> commands = {&newCommandSpec(), &paramCommandSpec(),
+                                                             &demoCommandSpec()};
+    return commands;
+}
 
-constexpr ToolCommand kToolCommands[] = {
-    {"new", "new [-mesh SCALP.obj] GROOM",
-     "Makes a groom file: the default graph on a scalp, with starter guides."},
-    {"param", "param GROOM NODE.PARAM [VALUE]", "Reads or sets a param of a groom's graph."},
-    {"demo", "demo [GROOM]",
-     "Makes a groom on the head-like sample scalp, evaluates it and writes it out."},
-};
-
-const ToolCommand* findToolCommand(std::string_view name) {
-    for (const ToolCommand& command : kToolCommands)
-        if (command.name == name) return &command;
+const CommandSpec* findToolCommand(std::string_view name) {
+    for (const CommandSpec* command : toolCommands())
+        if (command->cliName == name) return command;
     return nullptr;
+}
+
+std::string runToolCommand(const CommandSpec& spec, std::span<const std::string> args,
+                           ProgressReporter& progress) {
+    if (spec.cliName == "new") return runNewCommand(args);
+    if (spec.cliName == "param") return runParamCommand(args);
+    return runDemoCommand(args, progress);
 }
 
 std::string toolHelp() {
@@ -44,8 +44,8 @@ std::string toolHelp() {
     std::size_t width = 0;
     for (const CommandSpec& spec : commandSpecs())
         width = std::max(width, spec.cliName.size());
-    for (const ToolCommand& command : kToolCommands)
-        width = std::max(width, command.name.size());
+    for (const CommandSpec* command : toolCommands())
+        width = std::max(width, command->cliName.size());
     const auto line = [&](std::string_view name, std::string_view summary) {
         // The first sentence is enough for the list; the command's own help has the rest.
         const auto end = summary.find(". ");
@@ -57,8 +57,8 @@ std::string toolHelp() {
     for (const CommandSpec& spec : commandSpecs())
         line(spec.cliName, spec.summary);
     line(renderCommandSpec().cliName, renderCommandSpec().summary);
-    for (const ToolCommand& command : kToolCommands)
-        line(command.name, command.summary);
+    for (const CommandSpec* command : toolCommands())
+        line(command->cliName, command->summary);
     text += "\n'velmorin COMMAND --help' lists a command's flags.\n";
     return text;
 }
@@ -96,18 +96,10 @@ int velmorinMain(std::span<const std::string> args, CommandBackend& backend, std
         return kExitOk;
     }
     const auto rest = args.subspan(1);
-    if (const ToolCommand* tool = findToolCommand(name)) {
-        if (asksForHelp(rest)) {
-            out << "usage: velmorin " << tool->usage << "\n\n" << tool->summary << "\n";
-            return kExitOk;
-        }
-        err << kProgram << ' ' << name
-            << ": needs the groom file support, which is not in this build yet\n";
-        return kExitFailed;
-    }
     // render is the tool's own command with a flag table, run like the host commands.
     const bool render = name == renderCommandSpec().cliName;
-    const CommandSpec* spec = render ? &renderCommandSpec() : findCommand(name);
+    const CommandSpec* tool = findToolCommand(name);
+    const CommandSpec* spec = render ? &renderCommandSpec() : tool ? tool : findCommand(name);
     // Only the short names: the Maya names belong to Maya's script editor.
     if (!spec || spec->cliName != name) {
         err << kProgram << ": unknown command '" << name
@@ -121,6 +113,7 @@ int velmorinMain(std::span<const std::string> args, CommandBackend& backend, std
     try {
         ProgressReporter& progress = ProgressReporter::forStandardError();
         const CommandAnswer answer = render ? CommandAnswer{runRenderCommand(rest, progress)}
+                                     : tool ? CommandAnswer{runToolCommand(*tool, rest, progress)}
                                             : runCommand(*spec, rest, backend, progress);
         out << answer.text;
         if (!answer.text.empty() && answer.text.back() != '\n') out << '\n';

@@ -9,6 +9,8 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
@@ -24,6 +26,7 @@
 #include "graph/graph.h"
 #include "graph/graph_tools.h"
 #include "graph/registry.h"
+#include "usd/test/usda_reader.h"
 
 extern char** environ;
 
@@ -294,10 +297,7 @@ TEST(VelmorinTool, GraphStatsRefusals) {
          2,
          "velmorin graphStats: -guides takes a whole number, not 'many'"},
         {{"graphStats", "-wrong"}, 2, "velmorin graphStats: unknown flag '-wrong'"},
-        {{"graphStats", "a.groom"},
-         1,
-         "velmorin graphStats: Graph stats of a groom is not available in this build: it needs "
-         "the groom session and file support"},
+        {{"graphStats", "a.groom"}, 1, "velmorin graphStats: cannot read 'a.groom'"},
     };
     for (const Case& c : cases) {
         const ToolRun run = velmorin(c.args);
@@ -326,20 +326,16 @@ TEST(VelmorinTool, ExportFlagRules) {
         // Flags that pass reach the writer, which this build lacks.
         {{"exportAlembic", "-f", "out.abc", "-sf", "1", "-ef", "24", "g.groom"},
          1,
-         "velmorin exportAlembic: Alembic export is not available in this build: it needs the "
-         "groom session and file support"},
+         "velmorin exportAlembic: cannot read 'g.groom'"},
         {{"exportUsd", "--file=out.usda", "g.groom"},
          1,
-         "velmorin exportUsd: USD export is not available in this build: it needs the groom "
-         "session and file support"},
+         "velmorin exportUsd: cannot read 'g.groom'"},
         {{"exportGroom", "-f", "out.groom", "g.groom"},
          1,
-         "velmorin exportGroom: Writing groom files is not available in this build: it needs "
-         "the groom session and file support"},
+         "velmorin exportGroom: cannot read 'g.groom'"},
         {{"importGroom", "-f", "in.groom", "-info"},
          1,
-         "velmorin importGroom: Reading groom files is not available in this build: it needs "
-         "the groom session and file support"},
+         "velmorin importGroom: cannot read 'in.groom'"},
         {{"exportAlembic", "-f", "out.abc", "-nope", "g.groom"},
          2,
          "velmorin exportAlembic: unknown flag '-nope'"},
@@ -402,13 +398,10 @@ TEST(VelmorinTool, HelpAndUnknownCommands) {
                                    "'. 'velmorin --help' lists the commands.\n");
     }
     for (const char* name : {"new", "param", "demo"}) {
-        const ToolRun stub = velmorin({name, "g.groom"});
-        EXPECT_EQ(stub.exit, 1);
-        EXPECT_EQ(stub.err, "velmorin " + std::string(name) +
-                                ": needs the groom file support, which is not in this build yet\n");
-        const ToolRun stubHelp = velmorin({name, "--help"});
-        EXPECT_EQ(stubHelp.exit, 0);
-        EXPECT_EQ(stubHelp.out.rfind("usage: velmorin " + std::string(name), 0), 0u);
+        const ToolRun toolHelp = velmorin({name, "--help"});
+        EXPECT_EQ(toolHelp.exit, 0);
+        EXPECT_EQ(toolHelp.out.rfind("usage: velmorin " + std::string(name), 0), 0u);
+        EXPECT_NE(help.out.find("\n  " + std::string(name) + " "), std::string::npos);
     }
 }
 
@@ -419,17 +412,286 @@ TEST(VelmorinTool, RenderCommand) {
     EXPECT_EQ(renderHelp.exit, 0);
     EXPECT_EQ(renderHelp.out, commandHelp(renderCommandSpec(), "velmorin"));
 
-    // Flags that pass reach the groom file reader, which this build lacks.
-    const ToolRun stub = velmorin({"render", "g.groom", "-o", "p.png", "--view", "front"});
-    EXPECT_EQ(stub.exit, 1);
-    EXPECT_EQ(stub.err,
-              "velmorin render: needs the groom file support, which is not in this build yet\n");
+    // Flags that pass reach the groom file reader.
+    const ToolRun missing = velmorin({"render", "nothere.groom", "-o", "p.png", "--view", "front"});
+    EXPECT_EQ(missing.exit, 1);
+    EXPECT_EQ(missing.err, "velmorin render: cannot read 'nothere.groom'\n");
+    EXPECT_FALSE(fs::exists("p.png"));
     const ToolRun usage = velmorin({"render", "g.groom", "-o", "p.png", "--size", "10x0"});
     EXPECT_EQ(usage.exit, 2);
     EXPECT_EQ(firstLine(usage.err),
               "velmorin render: -size must be WIDTHxHEIGHT, each 1 to 8192 pixels, not '10x0'");
     EXPECT_NE(usage.err.find("Run 'velmorin render --help' for its flags.\n"), std::string::npos);
     EXPECT_EQ(usage.out, "");
+}
+
+// A 6 cm square of 4 x 4 quads facing +Y, with UVs from 0 to 1 across it: a scalp small enough
+// that the default graph grows a few thousand strands on it.
+std::string smallPlaneObj() {
+    constexpr int n = 4;
+    constexpr double size = 6.0;
+    std::ostringstream obj;
+    for (int j = 0; j <= n; ++j)
+        for (int i = 0; i <= n; ++i)
+            obj << "v " << i * size / n - size / 2 << " 0 " << j * size / n - size / 2 << "\n";
+    for (int j = 0; j <= n; ++j)
+        for (int i = 0; i <= n; ++i)
+            obj << "vt " << double(i) / n << " " << double(j) / n << "\n";
+    for (int j = 0; j < n; ++j)
+        for (int i = 0; i < n; ++i) {
+            const int a = j * (n + 1) + i + 1, b = a + 1, c = a + n + 2, d = a + n + 1;
+            obj << "f " << a << "/" << a << " " << d << "/" << d << " " << c << "/" << c << " " << b
+                << "/" << b << "\n";
+        }
+    return obj.str();
+}
+
+// A folder with the small plane and a groom made on it by `velmorin new`.
+struct SmallGroom {
+    Folder folder;
+    std::string obj = folder.write("plane.obj", smallPlaneObj()).string();
+    std::string groom = (folder / "small.groom").string();
+    SmallGroom() {
+        const ToolRun made = velmorin({"new", "-scalp", obj, "--guides", "8", "-o", groom});
+        EXPECT_EQ(made.exit, 0) << made.err;
+    }
+    std::string path(const std::string& name) const { return (folder / name).string(); }
+};
+
+// Every file in a folder, to show that a failed command left nothing behind.
+std::vector<std::string> filesIn(const fs::path& folder) {
+    std::vector<std::string> names;
+    for (const auto& entry : fs::directory_iterator(folder))
+        names.push_back(entry.path().filename().string());
+    std::sort(names.begin(), names.end());
+    return names;
+}
+
+const test::UsdaPrim* findPrimOfType(const std::vector<test::UsdaPrim>& prims,
+                                     std::string_view type) {
+    for (const test::UsdaPrim& prim : prims) {
+        if (prim.type == type) return &prim;
+        if (const auto* found = findPrimOfType(prim.children, type)) return found;
+    }
+    return nullptr;
+}
+
+TEST(VelmorinTool, GroomCommandsOnASmallGroom) {
+    SmallGroom small;
+    const std::string groom = small.groom;
+    ASSERT_TRUE(fs::exists(groom));
+    struct Case {
+        std::vector<std::string> args;
+        std::string answerStart;  // the answer begins with this
+        std::string output;       // the file it writes, if any
+    };
+    const std::vector<Case> cases = {
+        {{"param", groom, "scatter.density"}, "", ""},
+        {{"param", groom, "length.length", "0.5"}, "0.5", ""},
+        {{"param", groom, "length.length"}, "0.5", ""},
+        {{"exportGroom", groom, "-f", small.path("copy.groom")},
+         "wrote " + small.path("copy.groom"),
+         small.path("copy.groom")},
+        {{"importGroom", "-f", groom, "-info"}, "{\n  \"upAxis\": \"Y\"", ""},
+        {{"importGroom", "-f", groom, "-checkScalp", small.obj}, "{\n  \"matches\": true", ""},
+        {{"importGroom", "-f", groom, small.path("imported.groom")},
+         "read " + groom + " into " + small.path("imported.groom"),
+         small.path("imported.groom")},
+        {{"exportAlembic", groom, "-f", small.path("plain.abc"), "-sf", "1", "-ef", "3"},
+         "wrote 3 frame(s), ",
+         small.path("plain.abc")},
+        {{"exportAlembic", groom, "-f", small.path("unreal.abc"), "-ue", "-d", "0.5"},
+         "wrote 1 frame(s), ",
+         small.path("unreal.abc")},
+        {{"exportAlembic", groom, "-f", small.path("report.abc"), "-ue", "-rep", "-sf", "2", "-ef",
+          "3"},
+         "{\n  \"group\": \"\",\n  \"feathers\": 0,",
+         small.path("report.abc")},
+        {{"exportUsd", groom, "-f", small.path("out.usda"), "-sf", "1", "-ef", "2", "-s", "0.5"},
+         "wrote 3 frame(s), ",
+         small.path("out.usda")},
+        {{"graphStats", groom}, "{\n  \"view\": \"output\"", ""},
+        {{"render", groom, "-o", small.path("front.png"), "--view", "front", "--size", "64x48"},
+         "wrote " + small.path("front.png") + ": 64x48, front view, ",
+         small.path("front.png")},
+    };
+    for (const Case& c : cases) {
+        const ToolRun run = velmorin(c.args);
+        SCOPED_TRACE(c.args.front() + " " + c.args.back());
+        EXPECT_EQ(run.exit, 0) << run.err;
+        EXPECT_EQ(run.err, "");
+        EXPECT_EQ(run.out.rfind(c.answerStart, 0), 0u) << run.out;
+        if (!c.output.empty()) {
+            EXPECT_TRUE(fs::exists(c.output));
+            EXPECT_FALSE(fs::exists(c.output + ".tmp"));
+        }
+    }
+    // The param read back is the number set, and the scatter density is a number.
+    EXPECT_EQ(velmorin({"param", groom, "length.length"}).out, "0.5\n");
+    EXPECT_TRUE(Json::parse(velmorin({"param", groom, "scatter.density"}).out).is_number());
+    // The report counts what the last frame wrote.
+    const Json report = Json::parse(
+        velmorin({"exportAlembic", groom, "-f", small.path("r2.abc"), "-ue", "-report"}).out);
+    EXPECT_EQ(report["guides"], 8);
+    EXPECT_EQ(report["frames"], 1);
+    EXPECT_EQ(report["objects"], Json::array({"hair"}));
+    EXPECT_GT(report["strands"].get<int>(), 0);
+    EXPECT_LE(report["minPoints"].get<int>(), report["maxPoints"].get<int>());
+    // The USD file holds the three frames asked for, with root UVs from the plane's UVs.
+    const test::UsdaLayer layer = test::parseUsda(readFile(small.path("out.usda")));
+    const test::UsdaPrim* curves = findPrimOfType(layer.prims, "BasisCurves");
+    ASSERT_NE(curves, nullptr);
+    const test::UsdaProperty* points = curves->property("points");
+    ASSERT_NE(points, nullptr);
+    ASSERT_EQ(points->samples.size(), 3u);
+    EXPECT_EQ(points->samples[1].first, 1.5);
+    const test::UsdaProperty* st = curves->property("primvars:st");
+    ASSERT_NE(st, nullptr);
+    ASSERT_FALSE(st->samples.empty());
+    const std::vector<float> uvs = test::usdaFloats(st->samples.front().second);
+    ASSERT_FALSE(uvs.empty());
+    for (const float uv : uvs) {
+        EXPECT_GE(uv, 0.0f);
+        EXPECT_LE(uv, 1.0f);
+    }
+    EXPECT_GT(*std::max_element(uvs.begin(), uvs.end()), 0.5f);
+}
+
+TEST(VelmorinTool, RefusalsLeaveNothingBehind) {
+    SmallGroom small;
+    const std::string groom = small.groom;
+    const std::string corrupt = small.folder.write("corrupt.groom", "{\"velmorin\": ").string();
+    const std::string noFaces =
+        small.folder.write("nofaces.obj", "v 0 0 0\nv 1 0 0\nv 0 1 0\n").string();
+    const std::string triangle =
+        small.folder.write("triangle.obj", "v 0 0 0\nv 1 0 0\nv 0 0 1\nf 1 2 3\n").string();
+    const std::string missing = small.path("missing.groom");
+    const std::string abc = small.path("out.abc");
+    const std::string usda = small.path("out.usda");
+    const std::string png = small.path("out.png");
+    const std::string made = small.path("made.groom");
+    struct Case {
+        std::vector<std::string> args;
+        int exit;
+        std::string message;  // the first line on standard error
+    };
+    const std::vector<Case> cases = {
+        {{"new", "-o", made}, 2, "velmorin new: -scalp is required"},
+        {{"new", "-scalp", small.obj}, 2, "velmorin new: -output is required"},
+        {{"new", "-scalp", small.obj, "-o", made, "--guides", "many"},
+         2,
+         "velmorin new: -guides takes a whole number, not 'many'"},
+        {{"new", "-scalp", small.obj, "-o", made, "--guides", "0"},
+         2,
+         "velmorin new: -guides must be 1 to 10000"},
+        {{"new", "-scalp", small.obj, "-o", made, "--hair"},
+         2,
+         "velmorin new: unknown flag '--hair'"},
+        {{"new", "-scalp", noFaces, "-o", made},
+         1,
+         "velmorin new: " + noFaces +
+             ": the file has no faces. Export the scalp as a polygon mesh."},
+        {{"exportAlembic", groom, "-f", abc, "-sf", "5", "-ef", "2"},
+         2,
+         "velmorin exportAlembic: -endFrame is before -startFrame"},
+        {{"exportAlembic", groom}, 2, "velmorin exportAlembic: -file is required"},
+        {{"exportAlembic", groom, "-f", abc, "-sf", "one"},
+         2,
+         "velmorin exportAlembic: -startFrame takes a number, not 'one'"},
+        {{"exportAlembic", corrupt, "-f", abc}, 1, ""},
+        {{"exportAlembic", missing, "-f", abc},
+         1,
+         "velmorin exportAlembic: cannot read '" + missing + "'"},
+        {{"exportUsd", missing, "-f", usda},
+         1,
+         "velmorin exportUsd: cannot read '" + missing + "'"},
+        {{"exportUsd", groom, "-f", usda, "-scales", "fur"},
+         2,
+         "velmorin exportUsd: -scales must be mesh, instancer, both or none"},
+        {{"render", corrupt, "-o", png}, 1, ""},
+        {{"graphStats", missing}, 1, "velmorin graphStats: cannot read '" + missing + "'"},
+        {{"importGroom", "-f", groom, "-checkScalp", noFaces},
+         1,
+         "velmorin importGroom: " + noFaces +
+             ": the file has no faces. Export the scalp as a "
+             "polygon mesh."},
+        {{"importGroom", "-f", groom, "-checkScalp", triangle},
+         1,
+         "velmorin importGroom: " + triangle + " is not the scalp of " + groom +
+             ": it has 1 triangles against 32"},
+        {{"importGroom", "-f", missing, "-info"},
+         1,
+         "velmorin importGroom: cannot read '" + missing + "'"},
+        {{"param", groom, "length"}, 2, "velmorin param: 'length' is not NODE.PARAM"},
+        {{"param", groom}, 2, "velmorin param: name a groom and NODE.PARAM"},
+        {{"param", groom, "nonode.length", "1"},
+         1,
+         "velmorin param: the graph has no node named 'nonode'"},
+        {{"param", groom, "length.nothing", "1"}, 1, "velmorin param: unknown parameter 'nothing'"},
+        {{"param", corrupt, "length.length", "1"}, 1, ""},
+        {{"demo", "-o", small.path("demo"), "-density", "0"},
+         2,
+         "velmorin demo: -density must be above 0 and at most 1"},
+    };
+    const std::string before = readFile(groom);
+    const std::vector<std::string> files = filesIn(small.folder / "");
+    for (const Case& c : cases) {
+        const ToolRun run = velmorin(c.args);
+        SCOPED_TRACE(c.args.front() + " " + c.args.back());
+        EXPECT_EQ(run.exit, c.exit);
+        EXPECT_EQ(run.out, "");
+        if (c.message.empty())
+            EXPECT_EQ(run.err.rfind("velmorin " + c.args.front() + ": groom file: ", 0), 0u)
+                << run.err;
+        else
+            EXPECT_EQ(firstLine(run.err), c.message);
+        EXPECT_EQ(filesIn(small.folder / ""), files);
+    }
+    // A refused param leaves the groom as it was.
+    EXPECT_EQ(readFile(groom), before);
+}
+
+TEST(VelmorinTool, DemoWritesItsFourFiles) {
+    Folder folder;
+    const fs::path out = folder / "demo";
+    const ToolRun run = velmorin({"demo", "-o", out.string(), "-density", "0.05"});
+    ASSERT_EQ(run.exit, 0) << run.err;
+    const Json stats = Json::parse(run.out);
+    EXPECT_GT(stats["strands"].get<int>(), 100);
+    EXPECT_EQ(stats["session"]["guides"], 64);
+    for (const char* name : {"demo.groom", "demo.abc", "demo.usda", "demo.png"})
+        EXPECT_GT(fs::file_size(out / name), 0u) << name;
+    EXPECT_EQ(filesIn(out),
+              (std::vector<std::string>{"demo.abc", "demo.groom", "demo.png", "demo.usda"}));
+
+    const test::UsdaLayer layer = test::parseUsda(readFile(out / "demo.usda"));
+    const test::UsdaPrim* curves = findPrimOfType(layer.prims, "BasisCurves");
+    ASSERT_NE(curves, nullptr);
+    ASSERT_NE(curves->property("points"), nullptr);
+
+    // The groom it wrote reads back and evaluates to the strands it reported at full density.
+    const ToolRun stats2 = velmorin({"graphStats", (out / "demo.groom").string()});
+    ASSERT_EQ(stats2.exit, 0) << stats2.err;
+    EXPECT_EQ(Json::parse(stats2.out)["strands"], stats["session"]["strands"]);
+
+    // A picture that can't be written takes the other three files with it.
+    Folder blocked;
+    fs::create_directory(blocked / "demo.png");
+    const ToolRun failed = velmorin({"demo", "-o", (blocked / "").string(), "-density", "0.02"});
+    EXPECT_EQ(failed.exit, 1);
+    EXPECT_EQ(failed.err, "velmorin demo: could not write " + (blocked / "demo.png").string() +
+                              ": Is a directory\n");
+    EXPECT_EQ(filesIn(blocked / ""), std::vector<std::string>{"demo.png"});
+
+    const std::string abcls = VELMORIN_ABCLS;
+    if (abcls.empty() || !fs::exists(abcls)) GTEST_SKIP() << "abcls is not built";
+    Folder lsFolder;
+    const std::string listing = (lsFolder / "listing").string();
+    const std::string command =
+        "'" + abcls + "' -r '" + (out / "demo.abc").string() + "' > '" + listing + "' 2>&1";
+    EXPECT_EQ(std::system(command.c_str()), 0);
+    const std::string text = readFile(listing);
+    EXPECT_NE(text.find("hair"), std::string::npos) << text;
 }
 
 }  // namespace

@@ -5,12 +5,11 @@
 #include <vector>
 
 #include "cli/cli.h"
-#include "common/commands.h"
+#include "common/session_backend.h"
 
 int main(int argc, char** argv) {
     const std::vector<std::string> args(argv + 1, argv + argc);
-    // The commands that need a groom answer that they are not in this build until a backend that
-    // drives a session, the groom file and the writers is bound here.
-    velmorin::CommandBackend backend;
+    // Each command that needs a groom reads its groom file into a session of its own.
+    velmorin::SessionBackend backend;
     return velmorin::velmorinMain(args, backend, std::cout, std::cerr);
 }

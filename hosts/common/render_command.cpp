@@ -164,10 +164,6 @@ RenderRequest parseRenderRequest(std::span<const std::string> args) {
     return request;
 }
 
-std::string renderGroomFile(const RenderRequest&, ProgressReporter&) {
-    throwFailure("needs the groom file support, which is not in this build yet");
-}
-
 std::string writePreviewPicture(const StrandSet& strands, const ScalpMesh* scalp,
                                 const RenderRequest& request) {
     const PreviewImage image = renderPreview(strands, scalp, request.options);

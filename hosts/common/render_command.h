@@ -38,9 +38,8 @@ const CommandSpec& renderCommandSpec();
 // "-fieldOfView must be above 0 and below 180 degrees".
 RenderRequest parseRenderRequest(std::span<const std::string> args);
 
-// Renders the request's groom file and writes the picture, returning the command's answer. The
-// groom file support binds this; until then it throws CommandError (failure) "needs the groom
-// file support, which is not in this build yet".
+// Renders the request's groom file and writes the picture, returning the command's answer
+// (defined beside the session backend, which reads groom files).
 std::string renderGroomFile(const RenderRequest& request, ProgressReporter& progress);
 
 // Renders strands on a scalp as the request asks and writes the PNG. Answers "wrote picture.png:

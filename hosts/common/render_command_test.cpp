@@ -130,15 +130,16 @@ TEST(RenderCommand, RefusesBadUsage) {
     }
 }
 
-TEST(RenderCommand, GroomFilesWaitForTheirSupport) {
+TEST(RenderCommand, AMissingGroomFileFails) {
     ProgressReporter quiet;
     try {
-        runRenderCommand(std::vector<std::string>{"g.groom", "-o", "p.png"}, quiet);
-        ADD_FAILURE() << "rendered a groom file without the groom file support";
+        runRenderCommand(std::vector<std::string>{"nothere.groom", "-o", "p.png"}, quiet);
+        ADD_FAILURE() << "rendered a groom file that is not there";
     } catch (const CommandError& error) {
         EXPECT_EQ(error.kind(), CommandError::Kind::Failure);
-        EXPECT_STREQ(error.what(), "needs the groom file support, which is not in this build yet");
+        EXPECT_STREQ(error.what(), "cannot read 'nothere.groom'");
     }
+    EXPECT_FALSE(fs::exists("p.png"));
 }
 
 TEST(RenderCommand, WritesThePicture) {

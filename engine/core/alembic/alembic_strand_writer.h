@@ -4,6 +4,7 @@
 // Engine's groom importer reads. The library is used through Alembic::AbcGeom; this header keeps it
 // out of sight.
 
+#include "strands/channel_names.h"
 #include "strands/guide.h"
 #include "strands/strand_set.h"
 
@@ -18,7 +19,8 @@ namespace velmorin {
 
 // The strand channels that hold a strand's UV on the scalp, written as its root UV. Without them
 // the root UV is (0, 0).
-inline constexpr std::array<std::string_view, 2> kRootUvChannels = {"rootU", "rootV"};
+inline constexpr std::array<std::string_view, 2> kRootUvChannels = {channels::kRootU,
+                                                                    channels::kRootV};
 
 // The version of Unreal's groom schema that the files follow (Unreal's "Alembic for Grooms", 1.5).
 inline constexpr std::int32_t kGroomVersionMajor = 1;

@@ -23,6 +23,9 @@ inline constexpr std::string_view kTubeV = "tubeV";
 inline constexpr std::string_view kFeatherId = "featherId";
 inline constexpr std::string_view kBraidId = "braidId";
 inline constexpr std::string_view kFlyaway = "flyaway";
+// Where a strand's root lies in the scalp's UV space: the exporters write them as its root UV.
+inline constexpr std::string_view kRootU = "rootU";
+inline constexpr std::string_view kRootV = "rootV";
 
 // A feather's barbs in the feather's own flat space, written by the feather operators. Per point:
 // the position along the shaft, 0 at the feather's root to 1 at its tip, and across the vane, -1
