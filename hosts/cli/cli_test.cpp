@@ -659,10 +659,11 @@ TEST(VelmorinTool, DemoWritesItsFourFiles) {
     const Json stats = Json::parse(run.out);
     EXPECT_GT(stats["strands"].get<int>(), 100);
     EXPECT_EQ(stats["session"]["guides"], 64);
-    for (const char* name : {"demo.groom", "demo.abc", "demo.usda", "demo.png"})
+    const std::vector<std::string> files{"demo.abc", "demo.groom", "demo.png", "demo.usda",
+                                         "demo_side.png"};
+    for (const std::string& name : files)
         EXPECT_GT(fs::file_size(out / name), 0u) << name;
-    EXPECT_EQ(filesIn(out),
-              (std::vector<std::string>{"demo.abc", "demo.groom", "demo.png", "demo.usda"}));
+    EXPECT_EQ(filesIn(out), files);
 
     const test::UsdaLayer layer = test::parseUsda(readFile(out / "demo.usda"));
     const test::UsdaPrim* curves = findPrimOfType(layer.prims, "BasisCurves");

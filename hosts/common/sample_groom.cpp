@@ -7,6 +7,7 @@
 
 #include "base/hash.h"
 #include "base/parallel.h"
+#include "mesh/sample_meshes.h"
 #include "mesh/scalp_mesh.h"
 #include "strands/channel_names.h"
 
@@ -102,6 +103,20 @@ StrandSet growSampleGroom(const ScalpMesh& scalp, const SampleGroomOptions& opti
         }
     });
     return strands;
+}
+
+std::shared_ptr<const ScalpMesh> withSampleHead(const ScalpMesh& scalp) {
+    const auto sphere = makeSphere(1.0f, 48, 64);
+    std::vector<Vec3f> points = scalp.points();
+    std::vector<Triangle> triangles = scalp.triangles();
+    const auto first = static_cast<std::uint32_t>(points.size());
+    for (const Vec3f& p : sphere->points()) {
+        const float down = p.y < 0.0f ? 1.35f : 1.0f;
+        points.push_back({7.45f * p.x, 8.85f * p.y * down, -0.6f + 9.65f * p.z});
+    }
+    for (const Triangle& t : sphere->triangles())
+        triangles.push_back({t[0] + first, t[1] + first, t[2] + first});
+    return std::make_shared<const ScalpMesh>(std::move(points), std::move(triangles));
 }
 
 }  // namespace velmorin

@@ -6,6 +6,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 
 #include "base/vec3.h"
 #include "strands/strand_set.h"
@@ -34,5 +35,11 @@ struct SampleGroomOptions {
 // std::invalid_argument "sample groom: the scalp has no triangles" and "sample groom: a strand
 // needs 2 points or more".
 StrandSet growSampleGroom(const ScalpMesh& scalp, const SampleGroomOptions& options = {});
+
+// The head-like sample scalp (makeHeadScalp) with the rest of a head under it, for pictures only:
+// the sample scalp stops at the hairline, and hair over an empty face reads as a hat. The head is
+// the skull's ellipsoid the sample scalp is laid on, a little inside it, stretched down for the
+// face. Other scalps get the same ellipsoid, which fits only the sample.
+std::shared_ptr<const ScalpMesh> withSampleHead(const ScalpMesh& scalp);
 
 }  // namespace velmorin

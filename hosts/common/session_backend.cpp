@@ -16,6 +16,7 @@
 #include "common/obj_mesh.h"
 #include "common/progress.h"
 #include "common/render_command.h"
+#include "common/sample_groom.h"
 #include "common/starter_guides.h"
 #include "files/groom_file.h"
 #include "files/groom_session_file.h"
@@ -580,6 +581,7 @@ std::string writeDemo(const fs::path& folder, double density, int guides,
     const std::string abcPath = (folder / "demo.abc").string();
     const std::string usdPath = (folder / "demo.usda").string();
     const std::string pngPath = (folder / "demo.png").string();
+    const std::string sidePngPath = (folder / "demo_side.png").string();
     failing([&] { saveGroom(*session, groomPath); });
     written.push_back(groomPath);
     {
@@ -605,17 +607,24 @@ std::string writeDemo(const fs::path& folder, double density, int guides,
         writer.close();
     });
     written.push_back(usdPath);
-    RenderRequest render;
-    render.groom = groomPath;
-    render.output = pngPath;
-    render.options.width = 800;
-    render.options.height = 800;
-    render.options.view = PreviewView::Front;
-    writePreviewPicture(*strands, scalp.get(), render);
+    // The pictures show the sample scalp on the rest of a head, so that the hair does not hang
+    // over an empty face.
+    const auto head = withSampleHead(*scalp);
+    for (const auto& [path, view] :
+         {std::pair{pngPath, PreviewView::Front}, std::pair{sidePngPath, PreviewView::Side}}) {
+        RenderRequest render;
+        render.groom = groomPath;
+        render.output = path;
+        render.options.width = 800;
+        render.options.height = 800;
+        render.options.view = view;
+        writePreviewPicture(*strands, head.get(), render);
+        written.push_back(path);
+    }
 
     Json answer = Json::object();
     answer["directory"] = folder.string();
-    answer["files"] = {groomPath, abcPath, usdPath, pngPath};
+    answer["files"] = {groomPath, abcPath, usdPath, pngPath, sidePngPath};
     answer["guides"] = guides;
     answer["density"] = density;
     answer["strands"] = strands->strandCount();

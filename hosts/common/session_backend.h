@@ -49,7 +49,7 @@ std::string runParamCommand(std::span<const std::string> args);
 
 // `velmorin demo [-output DIR] [-density D]`: the head-like sample scalp with starter guides and
 // the default graph, written as DIR/demo.groom, DIR/demo.abc (Unreal's layout), DIR/demo.usda and
-// DIR/demo.png (the front view). Answers statistics JSON.
+// DIR/demo.png and DIR/demo_side.png (the front and side views). Answers statistics JSON.
 std::string runDemoCommand(std::span<const std::string> args, ProgressReporter& progress);
 
 }  // namespace velmorin

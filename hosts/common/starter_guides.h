@@ -16,7 +16,7 @@ struct StarterGuideOptions {
     int segments = 8;     // 1 to 64
     // How far gravity combs the guides: 0 leaves them straight along the normal, 1 lays their
     // tips along the pull.
-    float gravity = 0.6f;
+    float gravity = 0.85f;
     std::uint64_t seed = 0;
 };
 
