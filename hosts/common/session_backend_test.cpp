@@ -1,13 +1,20 @@
-// The root UVs that the exports hand to both writers.
+// The root UVs that the exports hand to both writers, and a picture of a groom that a save and load
+// does not change.
 
 #include <gtest/gtest.h>
 
 #include <array>
+#include <filesystem>
 #include <vector>
 
+#include "common/preview_render.h"
 #include "common/session_backend.h"
+#include "common/starter_guides.h"
+#include "files/groom_session_file.h"
+#include "graph/graph_tools.h"
 #include "mesh/sample_meshes.h"
 #include "mesh/scalp_mesh.h"
+#include "session/groom_session.h"
 #include "strands/strand_set.h"
 
 namespace velmorin {
@@ -54,6 +61,46 @@ TEST(RootUvs, FollowTheScalpUvsAtEachRoot) {
     const std::vector<std::array<float, 2>> zeros(cases.size(), {0.0f, 0.0f});
     EXPECT_EQ(rootUvsOf(strands, &bare), zeros);
     EXPECT_EQ(rootUvsOf(strands, nullptr), zeros);
+}
+
+PreviewImage pictureOf(GroomSession& session) {
+    FrameRequest request;
+    request.viewport = false;
+    const auto frame = session.evaluate(request);
+    EXPECT_TRUE(frame && frame->strands && frame->strands->strandCount() > 0);
+    PreviewRenderOptions options;
+    options.width = 96;
+    options.height = 96;
+    options.view = PreviewView::ThreeQuarter;
+    return renderPreview(*frame->strands, session.scalp().get(), options);
+}
+
+TEST(GroomPicture, IsTheSameAfterASaveAndLoad) {
+    GroomSession session;
+    const auto scalp = makeHeadScalp();
+    StarterGuideOptions guides;
+    guides.count = 12;
+    session.setScalp(scalp);
+    session.setGraph(defaultGraphJson());
+    session.setHierarchy(std::make_shared<const GuideHierarchy>(makeStarterGuides(*scalp, guides)));
+    session.setPreviewDensity(0.1);
+    const PreviewImage before = pictureOf(session);
+
+    const std::filesystem::path path =
+        std::filesystem::temp_directory_path() / "velmorin_picture_round_trip.groom";
+    saveGroom(session, path.string());
+    GroomSession loaded;
+    loadGroom(loaded, path.string());
+    loaded.setPreviewDensity(0.1);
+    const PreviewImage after = pictureOf(loaded);
+    std::filesystem::remove(path);
+
+    EXPECT_EQ(before.rgba, after.rgba);
+    // Hair is in the picture, not the scalp and background alone.
+    std::size_t covered = 0;
+    for (std::size_t i = 3; i < before.linear.size(); i += 4)
+        covered += before.linear[i] > 0.5f;
+    EXPECT_GT(covered, 50u);
 }
 
 }  // namespace

@@ -63,7 +63,11 @@ std::shared_ptr<StrandSet> bandStrands(const StrandSet& input, const BandsSettin
 
     // What the hair shows and is made of before the bands, at either scope.
     const HairLookChannels look(input);
-    const auto& [color, melanin, redness, dye] = look;
+    // Plain references, not a structured binding: lambdas below capture them.
+    const auto& color = look.color;
+    const auto& melanin = look.melanin;
+    const auto& redness = look.redness;
+    const auto& dye = look.dye;
     const bool pigment = look.hasPigment();
 
     // Everything written varies along the strand now: per point, in place of the input's.

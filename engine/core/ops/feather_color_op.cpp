@@ -128,7 +128,11 @@ std::shared_ptr<StrandSet> colorFeathers(const StrandSet& input,
     const bool downed = down && settings.downStrength > 0.0f;
 
     const HairLookChannels look(input);
-    const auto& [color, melanin, redness, dye] = look;
+    // Plain references, not a structured binding: lambdas below capture them.
+    const auto& color = look.color;
+    const auto& melanin = look.melanin;
+    const auto& redness = look.redness;
+    const auto& dye = look.dye;
     const bool pigment = patterned && look.hasPigment();
 
     const auto pointChannel = [&](std::string_view name, float value) {
