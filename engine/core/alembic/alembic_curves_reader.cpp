@@ -61,6 +61,14 @@ bool perPointScope(AbcG::GeometryScope scope) {
            scope == AbcG::kFacevaryingScope;
 }
 
+// A parameter whose value count fits neither the curves, the points nor a constant.
+AlembicError wrongValueCount(const std::string& file, const std::string& name, std::size_t values,
+                             const Layout& layout) {
+    return AlembicError(file + ": the parameter '" + name + "' holds " + std::to_string(values) +
+                        " values for " + std::to_string(layout.curves) + " curves of " +
+                        std::to_string(layout.points) + " points");
+}
+
 // One component of values, per point: as read for a point scope, repeated along each curve for
 // a curve's value, everywhere for a constant. Throws for a count that fits neither.
 template <class T>
@@ -82,10 +90,7 @@ void toPoints(const std::string& file, const std::string& name, const ParamValue
     } else if (values.size == 1) {
         std::fill(out.begin(), out.end(), value(0));
     } else {
-        throw AlembicError(file + ": the parameter '" + name + "' holds " +
-                           std::to_string(values.size) + " values for " +
-                           std::to_string(layout.curves) + " curves of " +
-                           std::to_string(layout.points) + " points");
+        throw wrongValueCount(file, name, values.size, layout);
     }
 }
 
@@ -109,10 +114,7 @@ void toCurves(const std::string& file, const std::string& name, const ParamValue
     } else if (values.size == 1) {
         std::fill(out.begin(), out.end(), value(0));
     } else {
-        throw AlembicError(file + ": the parameter '" + name + "' holds " +
-                           std::to_string(values.size) + " values for " +
-                           std::to_string(layout.curves) + " curves of " +
-                           std::to_string(layout.points) + " points");
+        throw wrongValueCount(file, name, values.size, layout);
     }
 }
 
