@@ -166,13 +166,7 @@ class BendOp final : public ShapeOperator {
             settings.angle = fieldSampler(paramSet, ctx, "angle", *strands);
             settings.direction = fieldSampler(paramSet, ctx, "direction", *strands);
         }
-        constexpr ColumnId kColumns[] = {ColumnId::kPoints};
-        return runInPlace(
-            inputs, incremental, true, kColumns,
-            [&](const StrandSet& from, const StrandSelection& selection, StrandSet& made) {
-                bendStrands(from, settings, selection, made.writePoints());
-            },
-            out, changes);
+        return reshapePoints(inputs, incremental, true, &bendStrands, settings, out, changes);
     }
 };
 

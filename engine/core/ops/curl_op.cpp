@@ -382,13 +382,9 @@ class CurlOp final : public ShapeOperator {
                 };
             }
         }
-        constexpr ColumnId kColumns[] = {ColumnId::kPoints};
-        return runInPlace(
-            inputs, incremental, mapsReadOnlyTheirStrand(paramSet, ctx, {"radius"}), kColumns,
-            [&](const StrandSet& from, const StrandSelection& selection, StrandSet& made) {
-                curlStrands(from, settings, selection, made.writePoints());
-            },
-            out, changes, widen);
+        return reshapePoints(inputs, incremental,
+                             mapsReadOnlyTheirStrand(paramSet, ctx, {"radius"}), &curlStrands,
+                             settings, out, changes, widen);
     }
 };
 

@@ -146,13 +146,7 @@ class DirectionOp final : public ShapeOperator {
         settings.rollRandom = static_cast<float>(paramSet.getFloat("rollRandom", 0.0));
         settings.seed = static_cast<std::uint64_t>(paramSet.getInt("seed", 0));
         settings.scalp = scalp.get();
-        constexpr ColumnId kColumns[] = {ColumnId::kPoints};
-        return runInPlace(
-            inputs, incremental, true, kColumns,
-            [&](const StrandSet& from, const StrandSelection& selection, StrandSet& made) {
-                directStrands(from, settings, selection, made.writePoints());
-            },
-            out, changes);
+        return reshapePoints(inputs, incremental, true, &directStrands, settings, out, changes);
     }
 };
 

@@ -182,13 +182,7 @@ class FlowOp final : public ShapeOperator {
         // A field made on another scalp would be read at the wrong vertices.
         settings.flow =
             scalp && flow->directions().size() == scalp->pointCount() ? flow.get() : nullptr;
-        constexpr ColumnId kColumns[] = {ColumnId::kPoints};
-        return runInPlace(
-            inputs, incremental, true, kColumns,
-            [&](const StrandSet& from, const StrandSelection& selection, StrandSet& made) {
-                flowStrands(from, settings, selection, made.writePoints());
-            },
-            out, changes);
+        return reshapePoints(inputs, incremental, true, &flowStrands, settings, out, changes);
     }
 };
 

@@ -76,14 +76,9 @@ class LengthOp final : public ShapeOperator {
         settings.fraction = fieldSampler(paramSet, ctx, "fraction", *input);
         settings.randomness = static_cast<float>(paramSet.getFloat("randomness", 0.0));
         settings.seed = static_cast<std::uint64_t>(paramSet.getInt("seed", 0));
-        constexpr ColumnId kColumns[] = {ColumnId::kPoints};
-        return runInPlace(
-            inputs, incremental, mapsReadOnlyTheirStrand(paramSet, ctx, {"length", "fraction"}),
-            kColumns,
-            [&](const StrandSet& from, const StrandSelection& selection, StrandSet& made) {
-                trimStrands(from, settings, selection, made.writePoints());
-            },
-            out, changes);
+        return reshapePoints(inputs, incremental,
+                             mapsReadOnlyTheirStrand(paramSet, ctx, {"length", "fraction"}),
+                             &trimStrands, settings, out, changes);
     }
 };
 

@@ -183,6 +183,22 @@ bool runInPlace(const std::vector<Value>& inputs, const IncrementalInputs* incre
                 bool canUpdate, std::span<const ColumnId> columns, const InPlaceApply& apply,
                 Value* out, StrandChanges* changes, const WidenChanges& widen = {});
 
+// runInPlace for the usual shape node, which rewrites only the points, through
+// `shape(input, settings, selection, points)`.
+template <class Settings>
+bool reshapePoints(
+    const std::vector<Value>& inputs, const IncrementalInputs* incremental, bool canUpdate,
+    void (*shape)(const StrandSet&, const Settings&, const StrandSelection&, std::span<Vec3f>),
+    const Settings& settings, Value* out, StrandChanges* changes, const WidenChanges& widen = {}) {
+    constexpr ColumnId kColumns[] = {ColumnId::kPoints};
+    return runInPlace(
+        inputs, incremental, canUpdate, kColumns,
+        [&](const StrandSet& from, const StrandSelection& selection, StrandSet& made) {
+            shape(from, settings, selection, made.writePoints());
+        },
+        out, changes, widen);
+}
+
 // A shape node: its full and incremental evaluations are one `run`, which with `incremental` null
 // is the full run (it always succeeds) and otherwise may decline, as runInPlace does.
 class ShapeOperator : public Operator {

@@ -183,13 +183,7 @@ class SmoothOp final : public ShapeOperator {
         if (strands) settings.strength = fieldSampler(paramSet, ctx, "strength", *strands);
         settings.scale = static_cast<float>(paramSet.getFloat("scale", 0.09));
         settings.profile = paramRamp(paramSet, ctx, "profile", Ramp{});
-        constexpr ColumnId kColumns[] = {ColumnId::kPoints};
-        return runInPlace(
-            inputs, incremental, true, kColumns,
-            [&](const StrandSet& from, const StrandSelection& selection, StrandSet& made) {
-                smoothStrands(from, settings, selection, made.writePoints());
-            },
-            out, changes);
+        return reshapePoints(inputs, incremental, true, &smoothStrands, settings, out, changes);
     }
 };
 

@@ -152,13 +152,7 @@ class TransformOp final : public ShapeOperator {
         settings.scaleRandom = static_cast<float>(paramSet.getFloat("scaleRandom", 0.0));
         settings.seed = static_cast<std::uint64_t>(paramSet.getInt("seed", 0));
         settings.scalp = scalp.get();
-        constexpr ColumnId kColumns[] = {ColumnId::kPoints};
-        return runInPlace(
-            inputs, incremental, true, kColumns,
-            [&](const StrandSet& from, const StrandSelection& selection, StrandSet& made) {
-                transformStrands(from, settings, selection, made.writePoints());
-            },
-            out, changes);
+        return reshapePoints(inputs, incremental, true, &transformStrands, settings, out, changes);
     }
 };
 

@@ -131,13 +131,8 @@ class TwistOp final : public ShapeOperator {
                 return strandsOfClumps(clumps, changed);
             };
         }
-        constexpr ColumnId kColumns[] = {ColumnId::kPoints};
-        return runInPlace(
-            inputs, incremental, mapsReadOnlyTheirStrand(paramSet, ctx, {"turns"}), kColumns,
-            [&](const StrandSet& from, const StrandSelection& selection, StrandSet& made) {
-                twistStrands(from, settings, selection, made.writePoints());
-            },
-            out, changes, widen);
+        return reshapePoints(inputs, incremental, mapsReadOnlyTheirStrand(paramSet, ctx, {"turns"}),
+                             &twistStrands, settings, out, changes, widen);
     }
 };
 
