@@ -6,6 +6,7 @@
 #include "base/hash.h"
 #include "base/parallel.h"
 #include "base/test/expect_message.h"
+#include "fields/field_scene.h"
 #include "graph/errors.h"
 #include "graph/registry.h"
 #include "mesh/sample_meshes.h"
@@ -547,6 +548,126 @@ TEST(Interpolate, MovingOneGuideRedoesOnlyItsStrandsAndEqualsAFullRun) {
     auto rooted = std::make_shared<GuideSet>(*moved);
     rooted->guides[g].points[0] += Vec3f{0.01f, 0, 0};
     EXPECT_FALSE(op->evaluateIncremental(ctx, {strands, rooted, head()}, incremental, &out, &made));
+}
+
+// A plane painted in a colour set "zones": red left of x = 0, green right of it, blending across
+// the column of points at x = 0, and blue from z = 4 on, where no guide is rooted.
+std::shared_ptr<const ScalpMesh> zonedPlane() {
+    auto plane = std::make_shared<ScalpMesh>(*makeUvPlane(10.0f, 10));
+    const auto colorOf = [](const Vec3f& p) {
+        if (p.z > 3.5f) return Rgba{0, 0, 1, 1};
+        if (p.x < -0.01f) return Rgba{1, 0, 0, 1};
+        if (p.x > 0.01f) return Rgba{0, 1, 0, 1};
+        return Rgba{0.5f, 0.5f, 0, 1};
+    };
+    std::vector<Rgba> corners;
+    for (const Triangle& triangle : plane->triangles())
+        for (const std::uint32_t point : triangle)
+            corners.push_back(colorOf(plane->points()[point]));
+    plane->setColorSet("zones", corners);
+    return plane;
+}
+
+struct ZonedRun {
+    std::shared_ptr<const ScalpMesh> plane = zonedPlane();
+    std::shared_ptr<StrandSet> strands = std::make_shared<StrandSet>();
+    std::shared_ptr<GuideSet> guides = std::make_shared<GuideSet>();
+
+    // Straight strands on a grid that never meets x = 0; guides on the left bend to -x, on the
+    // right to +x, the nearest of them to the middle closer to it from the right.
+    ZonedRun() {
+        for (int i = 0; i < 24; ++i)
+            for (const float z : {-4.5f, -2.5f, -0.5f, 1.5f, 2.5f, 4.5f}) {
+                const Vec3f root{-4.7f + 0.4f * static_cast<float>(i), 0.0f, z};
+                const std::vector<Vec3f> points{root, root + Vec3f{0, 1, 0}, root + Vec3f{0, 2, 0}};
+                strands->addStrand(strands->strandCount() + 1, plane->closestPoint(root).root,
+                                   points);
+            }
+        for (const float x : {-4.0f, -2.5f, 1.5f, 3.5f})
+            for (const float z : {-3.0f, 0.0f, 2.0f}) {
+                Guide guide;
+                guide.id = guides->guides.size() + 1;
+                const Vec3f root{x, 0.0f, z};
+                guide.root = plane->closestPoint(root).root;
+                const float side = x < 0 ? -1.0f : 1.0f;
+                guide.points = {root, root + Vec3f{side * 0.5f, 1, 0},
+                                root + Vec3f{side * 1.5f, 1.5f, 0}};
+                guides->guides.push_back(std::move(guide));
+            }
+    }
+
+    std::shared_ptr<const StrandSet> interpolate(const Operator& op) const {
+        auto scene = std::make_shared<FieldScene>();
+        scene->scalp = plane;
+        EvalContext ctx;
+        ctx.scene = scene;
+        const Value out = op.evaluate(ctx, {strands, guides, plane});
+        return out.get<StrandSet>();
+    }
+};
+
+TEST(Interpolate, ARegionMapKeepsEachStrandToTheGuidesOfItsColor) {
+    const ZonedRun run;
+    const auto op = makeInterpolate();
+    // Without regions the strands just left of the middle lean toward the right's guides.
+    const auto unzoned = run.interpolate(*op);
+    std::size_t leaning = 0;
+    for (std::size_t s = 0; s < unzoned->strandCount(); ++s) {
+        const auto points = unzoned->strandPoints(s);
+        leaning += points[0].x < 0 && points[0].z < 4 && points.back().x > points[0].x ? 1 : 0;
+    }
+    EXPECT_GT(leaning, 0u);
+    EXPECT_EQ(unzoned->strandChannel("region"), nullptr);
+
+    op->paramSet.set("regionMap", std::string("zones"));
+    const auto zoned = run.interpolate(*op);
+    const auto* region = zoned->strandChannel("region");
+    ASSERT_NE(region, nullptr);
+    std::size_t free = 0;
+    for (std::size_t s = 0; s < zoned->strandCount(); ++s) {
+        const auto points = zoned->strandPoints(s);
+        const Vec3f root = points[0], tip = points.back();
+        // Regions number the guides' colours in order: green 0, red 1; blue has no guide.
+        if (root.z > 4) {
+            EXPECT_EQ((*region)[s], -1.0f) << s;
+            free += tip != run.strands->strandPoints(s).back() ? 1 : 0;
+        } else if (root.x < 0) {
+            EXPECT_EQ((*region)[s], 1.0f) << s;
+            EXPECT_LT(tip.x, root.x - 0.5f) << s;
+        } else {
+            EXPECT_EQ((*region)[s], 0.0f) << s;
+            EXPECT_GT(tip.x, root.x + 0.5f) << s;
+        }
+    }
+    // Strands in a colour no guide is rooted on still blend the nearest guides of any region.
+    EXPECT_EQ(free, 24u);
+
+    op->paramSet.set("regionChannel", std::string());
+    EXPECT_EQ(run.interpolate(*op)->strandChannel("region"), nullptr);
+    // The binding kept from the run with regions is not reused for a run without them.
+    op->paramSet.set("regionMap", std::string());
+    EXPECT_EQ(bitsOf(run.interpolate(*op)->points()), bitsOf(unzoned->points()));
+    op->paramSet.set("regionMap", std::string("nothing"));
+    expectMessage<GraphError>([&] { run.interpolate(*op); },
+                              "Interpolate: no map, color set or image named 'nothing' (Groom "
+                              "Tools > Paint > New... makes a map)");
+}
+
+TEST(Interpolate, RegionsMakeTheSameBitsOnOneAndTwoThreads) {
+    const ZonedRun run;
+    std::vector<std::uint32_t> bits[2];
+    std::vector<float> regions[2];
+    for (const int threads : {1, 2}) {
+        runWithThreads(threads, [&] {
+            const auto op = makeInterpolate();
+            op->paramSet.set("regionMap", std::string("zones"));
+            const auto out = run.interpolate(*op);
+            bits[threads - 1] = bitsOf(out->points());
+            regions[threads - 1] = *out->strandChannel("region");
+        });
+    }
+    EXPECT_EQ(bits[0], bits[1]);
+    EXPECT_EQ(regions[0], regions[1]);
 }
 
 }  // namespace
