@@ -15,6 +15,7 @@
 #include "ops/field_op_params.h"
 #include "ops/grow_ops.h"
 #include "ops/interpolate_binding.h"
+#include "ops/interpolate_clearance.h"
 #include "ops/interpolate_shape.h"
 #include "strands/strand_changes.h"
 
@@ -316,7 +317,8 @@ class InterpolateOp final : public Operator {
         InterpolateSettings settings;
         ShapeSettings shape;
         std::string influenceChannel;
-        std::string regionChannel;  // empty: none written
+        std::string regionChannel;                              // empty: none written
+        std::shared_ptr<const InterpolateClearance> clearance;  // null: keepClearance off
         BindingInputs binding;
         std::vector<Vec3f> strandRoots, strandNormals, guideRoots;
         std::vector<float> guideWeights;
@@ -396,6 +398,10 @@ class InterpolateOp final : public Operator {
         p.shape.falloff = paramRamp(paramSet, ctx, "falloff", defaultFalloff());
         if (p.settings.limitDistance > 0.0f)
             p.influenceChannel = paramSet.getString("influenceChannel", "guideInfluence");
+        if (paramSet.getBool("keepClearance", false) && !p.shape.takeLength && p.scalp)
+            if (auto field = clearanceField(p.scalp))
+                p.clearance = std::make_shared<const InterpolateClearance>(
+                    makeClearance(std::move(field), p.guides));
         const std::string regionMap = paramSet.getString("regionMap", "");
         if (!regionMap.empty()) {
             readRegionLabels(regionMap, ctx, p);
@@ -516,6 +522,8 @@ class InterpolateOp final : public Operator {
                 if (!p.influenceChannel.empty())
                     influence = made->addStrandChannel(p.influenceChannel, 0.0f);
                 shapeStrands(*previousState, *rows, p.shape, *p.strands, points, influence, redo);
+                if (p.clearance)
+                    keepClearance(*previousState, *p.clearance, made->offsets(), points, redo);
                 writeGuideLayers(*previousState, *rows, *made, redo);
             }
             {
@@ -536,6 +544,7 @@ class InterpolateOp final : public Operator {
         if (!p.influenceChannel.empty())
             influence = made->addStrandChannel(p.influenceChannel, 0.0f);
         shapeStrands(*state, *rows, p.shape, *p.strands, made->writePoints(), influence);
+        if (p.clearance) keepClearance(*state, *p.clearance, made->offsets(), made->writePoints());
         writeGuideLayers(*state, *rows, *made);
         if (!p.regionChannel.empty()) {
             std::vector<float>& region = made->addStrandChannel(p.regionChannel, -1.0f);

@@ -11,6 +11,7 @@
 #include "graph/registry.h"
 #include "mesh/sample_meshes.h"
 #include "ops/interpolate_binding.h"
+#include "ops/interpolate_clearance.h"
 #include "ops/interpolate_shape.h"
 #include "strands/guide.h"
 #include "strands/strand_changes.h"
@@ -668,6 +669,93 @@ TEST(Interpolate, RegionsMakeTheSameBitsOnOneAndTwoThreads) {
     }
     EXPECT_EQ(bits[0], bits[1]);
     EXPECT_EQ(regions[0], regions[1]);
+}
+
+// A plane of side 8 facing +y with a smooth bump 0.8 high and 1.5 wide at the origin.
+std::shared_ptr<const ScalpMesh> bumpedPlane() {
+    auto plane = std::make_shared<ScalpMesh>(*makeUvPlane(8.0f, 40));
+    std::vector<Vec3f> points = plane->points();
+    for (Vec3f& p : points) {
+        const float r2 = (p.x * p.x + p.z * p.z) / 2.25f;
+        p.y = r2 < 1.0f ? 0.8f * (1.0f - r2) * (1.0f - r2) : 0.0f;
+    }
+    plane->setPoints(std::move(points));
+    return plane;
+}
+
+float arcLength(std::span<const Vec3f> points) {
+    float sum = 0.0f;
+    for (std::size_t k = 1; k < points.size(); ++k)
+        sum += distance(points[k - 1], points[k]);
+    return sum;
+}
+
+TEST(Interpolate, KeepClearanceLiftsStrandsOverABumpTheirGuidesPassBeside) {
+    const auto plane = bumpedPlane();
+    // Guides either side of the bump lie along +x just over the flat skin; the strands between
+    // them would run straight through it.
+    auto guides = std::make_shared<GuideSet>();
+    for (const float z : {-2.5f, 2.5f}) {
+        Guide guide;
+        guide.id = guides->guides.size() + 1;
+        guide.root = plane->closestPoint({-3.0f, 0.0f, z}).root;
+        guide.points.push_back({-3.0f, 0.0f, z});
+        for (int k = 1; k < 12; ++k)
+            guide.points.push_back({-3.0f + 6.0f * static_cast<float>(k) / 11.0f, 0.15f, z});
+        guides->guides.push_back(std::move(guide));
+    }
+    auto strands = std::make_shared<StrandSet>();
+    for (int i = 0; i < 5; ++i)
+        for (int j = 0; j < 9; ++j) {
+            const Vec3f root{-3.5f + 0.25f * static_cast<float>(i), 0.0f,
+                             -1.0f + 0.25f * static_cast<float>(j)};
+            std::vector<Vec3f> points;
+            for (int k = 0; k < 8; ++k)
+                points.push_back(root + Vec3f{0, 0.3f * static_cast<float>(k), 0});
+            strands->addStrand(strands->strandCount() + 1, plane->closestPoint(root).root, points);
+        }
+    const auto field = clearanceField(plane);
+    ASSERT_NE(field, nullptr);
+    const float epsilon = 0.5f * field->voxelSize();
+    const auto op = makeInterpolate();
+    const auto run = [&] { return op->evaluate(EvalContext{}, {strands, guides, plane}); };
+    const auto sunken = run().get<StrandSet>();
+    float deepest = 0.0f;
+    for (const Vec3f& p : sunken->points())
+        deepest = std::min(deepest, field->distance(p));
+    EXPECT_LT(deepest, -0.3f);
+
+    op->paramSet.set("keepClearance", true);
+    const auto lifted = run().get<StrandSet>();
+    for (std::size_t s = 0; s < lifted->strandCount(); ++s) {
+        const auto points = lifted->strandPoints(s);
+        EXPECT_EQ(points[0], sunken->strandPoints(s)[0]) << s;
+        for (const Vec3f& p : points)
+            EXPECT_GE(field->distance(p), -epsilon) << s;
+        const float groomed = arcLength(sunken->strandPoints(s));
+        EXPECT_NEAR(arcLength(points), groomed, 0.01f * groomed) << s;
+        // Past the bump a lifted strand comes back down toward its groomed path.
+        float highest = 0.0f;
+        for (const Vec3f& p : points)
+            highest = std::max(highest, p.y);
+        if (highest > 0.4f) {
+            EXPECT_LT(points.back().y, highest - 0.2f) << s;
+        }
+    }
+
+    std::vector<std::uint32_t> bits[2];
+    for (const int threads : {1, 2})
+        runWithThreads(threads,
+                       [&] { bits[threads - 1] = bitsOf(run().get<StrandSet>()->points()); });
+    EXPECT_EQ(bits[0], bits[1]);
+
+    // It needs the scalp, and take shape.
+    EXPECT_EQ(
+        bitsOf(op->evaluate(EvalContext{}, {strands, guides, Value()}).get<StrandSet>()->points()),
+        bitsOf(makeInterpolate()
+                   ->evaluate(EvalContext{}, {strands, guides, Value()})
+                   .get<StrandSet>()
+                   ->points()));
 }
 
 }  // namespace
