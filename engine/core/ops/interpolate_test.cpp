@@ -671,6 +671,44 @@ TEST(Interpolate, RegionsMakeTheSameBitsOnOneAndTwoThreads) {
     EXPECT_EQ(regions[0], regions[1]);
 }
 
+TEST(Interpolate, RegionsStandInAnUpdateOfGuideShapesUntilTheirPaintChanges) {
+    ZonedRun run;
+    const auto op = makeInterpolate();
+    op->paramSet.set("regionMap", std::string("zones"));
+    const auto first = run.interpolate(*op);
+    auto moved = std::make_shared<GuideSet>(*run.guides);
+    for (std::size_t k = 1; k < moved->guides[1].points.size(); ++k)
+        moved->guides[1].points[k] += Vec3f{0.0f, 0.2f, 0.3f} * static_cast<float>(k);
+
+    const auto none = std::make_shared<StrandChanges>();
+    none->all = false;
+    none->sameLayout = true;
+    const std::vector<std::shared_ptr<const StrandChanges>> changes = {none, nullptr, none};
+    IncrementalInputs incremental;
+    incremental.previous = first;
+    incremental.changes = changes;
+    const auto update = [&](const std::shared_ptr<const ScalpMesh>& plane, Value& out) {
+        auto scene = std::make_shared<FieldScene>();
+        scene->scalp = plane;
+        EvalContext ctx;
+        ctx.scene = scene;
+        StrandChanges made;
+        return op->evaluateIncremental(ctx, {run.strands, moved, plane}, incremental, &out, &made);
+    };
+    Value out;
+    ASSERT_TRUE(update(run.plane, out));
+    run.guides = moved;
+    const auto fresh = makeInterpolate();
+    fresh->paramSet.set("regionMap", std::string("zones"));
+    EXPECT_EQ(out.get<StrandSet>()->contentHash(), run.interpolate(*fresh)->contentHash());
+
+    // Painted all red, the regions change and so does the binding: not incremental.
+    auto repainted = std::make_shared<ScalpMesh>(*run.plane);
+    repainted->setColorSet("zones",
+                           std::vector<Rgba>(repainted->triangleCount() * 3, Rgba{1, 0, 0, 1}));
+    EXPECT_FALSE(update(repainted, out));
+}
+
 // A plane of side 8 facing +y with a smooth bump 0.8 high and 1.5 wide at the origin.
 std::shared_ptr<const ScalpMesh> bumpedPlane() {
     auto plane = std::make_shared<ScalpMesh>(*makeUvPlane(8.0f, 40));
