@@ -1,11 +1,16 @@
 #include "fields/field_sampler.h"
 
+#include <filesystem>
+
+#include "base/hash.h"
 #include "fields/field_map.h"
 #include "fields/field_scene.h"
 #include "fields/field_values.h"
 #include "graph/delivered_params.h"
+#include "graph/errors.h"
 #include "graph/eval_context.h"
 #include "graph/params.h"
+#include "maps/texture.h"
 
 namespace velmorin {
 namespace {
@@ -57,6 +62,37 @@ FieldSampler fieldSampler(const ParamSet& params, const EvalContext& ctx, std::s
 FieldSampler fieldSamplerAtRoots(const ParamSet& params, const EvalContext& ctx,
                                  std::string_view name) {
     return resolveField(params, ctx, name, nullptr);
+}
+
+FieldSampler rootColorMap(std::string_view op, std::string_view param, const std::string& name,
+                          const EvalContext& ctx, const StrandSet& strands) {
+    if (name.empty()) return FieldSampler();
+    const FieldScene& scene = sceneOf(ctx);
+    FieldMap map;
+    map.name = name;
+    map.owner = std::string(op) + " " + std::string(param) + " '" + name + "'";
+    map.sourceKey = hashText(0, name);
+    if (const ScalpMap* painted = useCatalogMap(map, scene.catalog, scene.catalogKey, name)) {
+        if (map.kind == FieldMapKind::Texture && map.name.empty())
+            throw GraphError(map.owner +
+                             ": the texture map has no image file yet (paint it in Groom Tools > "
+                             "Paint)");
+        if (map.kind == FieldMapKind::Vertices &&
+            (!scene.scalp || painted->vertexCount() != scene.scalp->pointCount()))
+            throw GraphError(map.owner +
+                             ": the vertex map does not fit this scalp (paint it again, or "
+                             "convert it, in Groom Tools > Paint)");
+    } else if (scene.scalp && scene.scalp->colorSets().count(name)) {
+        map.kind = FieldMapKind::ColorSet;
+    } else {
+        std::error_code error;
+        if (parseUdimPattern(name).empty() && !std::filesystem::is_regular_file(name, error))
+            throw GraphError(std::string(op) + ": no map, color set or image named '" + name +
+                             "' (Groom Tools > Paint > New... makes a map)");
+        map.kind = FieldMapKind::Texture;
+    }
+    const MapColorFieldValue unbound(std::make_shared<const FieldMap>(std::move(map)));
+    return FieldSampler(unbound.prepare(&strands, scene));
 }
 
 }  // namespace velmorin

@@ -62,4 +62,11 @@ FieldSampler fieldSampler(const ParamSet& params, const EvalContext& ctx, std::s
 FieldSampler fieldSamplerAtRoots(const ParamSet& params, const EvalContext& ctx,
                                  std::string_view name);
 
+// A colour read at each root of `strands` from a map named `name` (empty: none, an unmapped
+// sampler): a map painted in Groom Tools > Paint by name, a colour set of that name on the scalp,
+// or an image file at the scalp's UVs, in that order. Throws GraphError in the words of `op` and
+// its `param` when none of them can be read.
+FieldSampler rootColorMap(std::string_view op, std::string_view param, const std::string& name,
+                          const EvalContext& ctx, const StrandSet& strands);
+
 }  // namespace velmorin

@@ -1,5 +1,4 @@
 #include <algorithm>
-#include <filesystem>
 #include <mutex>
 
 #include "base/hash.h"
@@ -281,46 +280,6 @@ ParamSpec shownForMode(ParamSpec spec, const char* mode) {
     return spec;
 }
 
-// The run's scene, or an empty one where the graph made none.
-const FieldScene& sceneOf(const EvalContext& ctx) {
-    static const FieldScene kNoScene;
-    const auto* scene = dynamic_cast<const FieldScene*>(ctx.scene.get());
-    return scene ? *scene : kNoScene;
-}
-
-// The `map` param's colour at each root: a painted map by name, a colour set of the scalp, or an
-// image file at the scalp's UVs.
-FieldSampler rootColorMap(const std::string& name, const EvalContext& ctx,
-                          const StrandSet& strands) {
-    if (name.empty()) return FieldSampler();
-    const FieldScene& scene = sceneOf(ctx);
-    FieldMap map;
-    map.name = name;
-    map.owner = "HairColor map '" + name + "'";
-    map.sourceKey = hashText(0, name);
-    if (const ScalpMap* painted = useCatalogMap(map, scene.catalog, scene.catalogKey, name)) {
-        if (map.kind == FieldMapKind::Texture && map.name.empty())
-            throw GraphError(map.owner +
-                             ": the texture map has no image file yet (paint it in Groom Tools > "
-                             "Paint)");
-        if (map.kind == FieldMapKind::Vertices &&
-            (!scene.scalp || painted->vertexCount() != scene.scalp->pointCount()))
-            throw GraphError(map.owner +
-                             ": the vertex map does not fit this scalp (paint it again, or "
-                             "convert it, in Groom Tools > Paint)");
-    } else if (scene.scalp && scene.scalp->colorSets().count(name)) {
-        map.kind = FieldMapKind::ColorSet;
-    } else {
-        std::error_code error;
-        if (parseUdimPattern(name).empty() && !std::filesystem::is_regular_file(name, error))
-            throw GraphError("HairColor: no map, color set or image named '" + name +
-                             "' (Groom Tools > Paint > New... makes a map)");
-        map.kind = FieldMapKind::Texture;
-    }
-    const MapColorFieldValue unbound(std::make_shared<const FieldMap>(std::move(map)));
-    return FieldSampler(unbound.prepare(&strands, scene));
-}
-
 // Every channel HairColor may write.
 constexpr std::string_view kWrittenChannels[] = {
     channels::kColor[0], channels::kColor[1],  channels::kColor[2], channels::kMelanin,
@@ -514,7 +473,7 @@ class HairColorOp final : public ShapeOperator {
         settings.redness = fieldSampler(paramSet, ctx, "redness", input);
         settings.dye = fieldSampler(paramSet, ctx, "dye", input);
         settings.color = fieldSampler(paramSet, ctx, "color", input);
-        settings.map = rootColorMap(paramSet.getString("map", ""), ctx, input);
+        settings.map = rootColorMap("HairColor", "map", paramSet.getString("map", ""), ctx, input);
         settings.greys = fieldSampler(paramSet, ctx, "greys", input);
         settings.melaninRandom = static_cast<float>(paramSet.getFloat("melaninRandom", 0.0));
         settings.valueRandom = static_cast<float>(paramSet.getFloat("valueRandom", 0.0));

@@ -1,5 +1,7 @@
+#include <algorithm>
 #include <cmath>
 #include <mutex>
+#include <span>
 
 #include "base/hash.h"
 #include "base/parallel.h"
@@ -13,6 +15,7 @@
 #include "ops/field_op_params.h"
 #include "ops/grow_ops.h"
 #include "ops/interpolate_binding.h"
+#include "ops/interpolate_clearance.h"
 #include "ops/interpolate_shape.h"
 #include "strands/strand_changes.h"
 
@@ -44,6 +47,71 @@ Ramp defaultFalloff() {
     return ramp;
 }
 
+// A colour's region label: its 8-bit red, green and blue packed into 24 bits.
+std::int32_t regionLabel(const Vec3f& color) {
+    const auto byte = [](float v) {
+        return static_cast<std::int32_t>(std::lround(std::clamp(v, 0.0f, 1.0f) * 255.0f));
+    };
+    return byte(color.x) << 16 | byte(color.y) << 8 | byte(color.z);
+}
+
+Vec3f labelColor(std::int32_t label) {
+    return Vec3f{static_cast<float>(label >> 16 & 255), static_cast<float>(label >> 8 & 255),
+                 static_cast<float>(label & 255)} /
+           255.0f;
+}
+
+// How far a colour may lie off the straight blend between two region colours and still count as
+// soft paint between them.
+constexpr float kSoftPaintTolerance = 0.03f;
+
+// The region label of a strand rooted in `color`, given the guides' region colours: the same
+// colour's, or for soft paint between two region colours the nearer one's; -1 for a colour no
+// guide is rooted on.
+std::int32_t strandRegion(const Vec3f& color, std::span<const Vec3f> regionColors) {
+    const std::int32_t own = regionLabel(color);
+    for (const Vec3f& region : regionColors)
+        if (regionLabel(region) == own) return own;
+    float best = kSoftPaintTolerance * kSoftPaintTolerance;
+    std::int32_t label = -1;
+    for (std::size_t a = 0; a < regionColors.size(); ++a)
+        for (std::size_t b = a + 1; b < regionColors.size(); ++b) {
+            const Vec3f from = regionColors[a];
+            const Vec3f way = regionColors[b] - from;
+            const float t = std::clamp(dot(color - from, way) / dot(way, way), 0.0f, 1.0f);
+            const Vec3f off = color - (from + way * t);
+            const float d2 = dot(off, off);
+            if (d2 < best) {
+                best = d2;
+                label = regionLabel(t <= 0.5f ? regionColors[a] : regionColors[b]);
+            }
+        }
+    return label;
+}
+
+// Whether the region labels would give the binding of `state` the same regions and lists.
+bool sameRegions(const InterpolateState& state, std::span<const std::int32_t> strandLabels,
+                 std::span<const std::int32_t> guideLabels) {
+    std::vector<std::int32_t> labels;
+    for (const std::int32_t label : guideLabels)
+        if (label >= 0) labels.push_back(label);
+    std::sort(labels.begin(), labels.end());
+    labels.erase(std::unique(labels.begin(), labels.end()), labels.end());
+    if (labels != state.regionLabels) return false;
+    if (labels.empty()) return true;
+    const auto index = [&](std::int32_t label) {
+        const auto found = std::lower_bound(labels.begin(), labels.end(), label);
+        return label >= 0 && found != labels.end() && *found == label
+                   ? static_cast<std::int32_t>(found - labels.begin())
+                   : -1;
+    };
+    for (std::size_t g = 0; g < guideLabels.size(); ++g)
+        if (index(guideLabels[g]) != state.guideRegions[g]) return false;
+    for (std::size_t s = 0; s < strandLabels.size(); ++s)
+        if (index(strandLabels[s]) + 1 != state.strandLists[s]) return false;
+    return true;
+}
+
 // Grows each root into a strand shaped like the guides around it.
 class InterpolateOp final : public Operator {
   public:
@@ -57,6 +125,9 @@ class InterpolateOp final : public Operator {
     }
     bool carriesInput(std::size_t index) const override { return index < 2; }
     std::vector<std::string> sceneInputs() const override {
+        // A region map read by name may be a colour set of the scalp.
+        if (!paramSet.getString("regionMap", "").empty())
+            return {std::string(kMapsInput), "parts", std::string(kScalpInput)};
         return {std::string(kMapsInput), "parts"};
     }
 
@@ -246,9 +317,13 @@ class InterpolateOp final : public Operator {
         InterpolateSettings settings;
         ShapeSettings shape;
         std::string influenceChannel;
+        std::string regionChannel;                              // empty: none written
+        std::shared_ptr<const InterpolateClearance> clearance;  // null: keepClearance off
         BindingInputs binding;
         std::vector<Vec3f> strandRoots, strandNormals, guideRoots;
         std::vector<float> guideWeights;
+        // With a region map: per strand and per guide the region label (-1: none).
+        std::vector<std::int32_t> strandLabels, guideLabels;
     };
 
     // Reads inputs and params; false when there is nothing to shape (the strands pass through).
@@ -323,7 +398,49 @@ class InterpolateOp final : public Operator {
         p.shape.falloff = paramRamp(paramSet, ctx, "falloff", defaultFalloff());
         if (p.settings.limitDistance > 0.0f)
             p.influenceChannel = paramSet.getString("influenceChannel", "guideInfluence");
+        if (paramSet.getBool("keepClearance", false) && !p.shape.takeLength && p.scalp)
+            if (auto field = clearanceField(p.scalp))
+                p.clearance = std::make_shared<const InterpolateClearance>(
+                    makeClearance(std::move(field), p.guides));
+        const std::string regionMap = paramSet.getString("regionMap", "");
+        if (!regionMap.empty()) {
+            readRegionLabels(regionMap, ctx, p);
+            p.regionChannel = paramSet.getString("regionChannel", "region");
+        }
         return true;
+    }
+
+    // The region labels of strands and guides from the colours of `mapName` at their roots.
+    static void readRegionLabels(const std::string& mapName, const EvalContext& ctx, Prepared& p) {
+        const StrandSet& strands = *p.strands;
+        const FieldSampler strandColors =
+            rootColorMap("Interpolate", "regionMap", mapName, ctx, strands);
+        StrandSet guideRoots;
+        for (const Guide* guide : p.guides)
+            guideRoots.addStrand(guide->id, guide->root,
+                                 std::span<const Vec3f>(guide->points.data(), 2));
+        const FieldSampler guideColors =
+            rootColorMap("Interpolate", "regionMap", mapName, ctx, guideRoots);
+        std::vector<Vec3f> regionColors;
+        p.guideLabels.resize(p.guides.size());
+        for (std::size_t g = 0; g < p.guides.size(); ++g) {
+            p.guideLabels[g] = regionLabel(guideColors.vectorAtStrand(g));
+            regionColors.push_back(labelColor(p.guideLabels[g]));
+        }
+        std::sort(regionColors.begin(), regionColors.end(),
+                  [](const Vec3f& a, const Vec3f& b) { return regionLabel(a) < regionLabel(b); });
+        regionColors.erase(std::unique(regionColors.begin(), regionColors.end(),
+                                       [](const Vec3f& a, const Vec3f& b) {
+                                           return regionLabel(a) == regionLabel(b);
+                                       }),
+                           regionColors.end());
+        p.strandLabels.resize(strands.strandCount());
+        parallelRange(0, strands.strandCount(), 256, [&](std::size_t begin, std::size_t end) {
+            for (std::size_t s = begin; s < end; ++s)
+                p.strandLabels[s] = strandRegion(strandColors.vectorAtStrand(s), regionColors);
+        });
+        p.binding.strandLabels = p.strandLabels;
+        p.binding.guideLabels = p.guideLabels;
     }
 
     // The strands' roots (their first points) and, with a scalp, their normals.
@@ -386,7 +503,8 @@ class InterpolateOp final : public Operator {
             if (!(previousState->settings == p.settings) ||
                 previousState->guideRoots != p.guideRoots ||
                 previousState->guideWeights != p.guideWeights ||
-                previousState->strandNormals.empty() != (p.scalp == nullptr))
+                previousState->strandNormals.empty() != (p.scalp == nullptr) ||
+                !sameRegions(*previousState, p.strandLabels, p.guideLabels))
                 return false;
             std::vector<std::uint8_t> changed(rows->guideCount(), 0);
             for (std::size_t g = 0; g < changed.size(); ++g)
@@ -404,6 +522,8 @@ class InterpolateOp final : public Operator {
                 if (!p.influenceChannel.empty())
                     influence = made->addStrandChannel(p.influenceChannel, 0.0f);
                 shapeStrands(*previousState, *rows, p.shape, *p.strands, points, influence, redo);
+                if (p.clearance)
+                    keepClearance(*previousState, *p.clearance, made->offsets(), points, redo);
                 writeGuideLayers(*previousState, *rows, *made, redo);
             }
             {
@@ -424,7 +544,15 @@ class InterpolateOp final : public Operator {
         if (!p.influenceChannel.empty())
             influence = made->addStrandChannel(p.influenceChannel, 0.0f);
         shapeStrands(*state, *rows, p.shape, *p.strands, made->writePoints(), influence);
+        if (p.clearance) keepClearance(*state, *p.clearance, made->offsets(), made->writePoints());
         writeGuideLayers(*state, *rows, *made);
+        if (!p.regionChannel.empty()) {
+            std::vector<float>& region = made->addStrandChannel(p.regionChannel, -1.0f);
+            parallelRange(0, region.size(), 256, [&](std::size_t begin, std::size_t end) {
+                for (std::size_t s = begin; s < end; ++s)
+                    region[s] = static_cast<float>(state->strandLists[s] - 1);
+            });
+        }
         {
             std::scoped_lock lock(stateMutex_, rowsMutex_);
             state_ = state;

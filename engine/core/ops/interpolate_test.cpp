@@ -6,10 +6,12 @@
 #include "base/hash.h"
 #include "base/parallel.h"
 #include "base/test/expect_message.h"
+#include "fields/field_scene.h"
 #include "graph/errors.h"
 #include "graph/registry.h"
 #include "mesh/sample_meshes.h"
 #include "ops/interpolate_binding.h"
+#include "ops/interpolate_clearance.h"
 #include "ops/interpolate_shape.h"
 #include "strands/guide.h"
 #include "strands/strand_changes.h"
@@ -547,6 +549,251 @@ TEST(Interpolate, MovingOneGuideRedoesOnlyItsStrandsAndEqualsAFullRun) {
     auto rooted = std::make_shared<GuideSet>(*moved);
     rooted->guides[g].points[0] += Vec3f{0.01f, 0, 0};
     EXPECT_FALSE(op->evaluateIncremental(ctx, {strands, rooted, head()}, incremental, &out, &made));
+}
+
+// A plane painted in a colour set "zones": red left of x = 0, green right of it, blending across
+// the column of points at x = 0, and blue from z = 4 on, where no guide is rooted.
+std::shared_ptr<const ScalpMesh> zonedPlane() {
+    auto plane = std::make_shared<ScalpMesh>(*makeUvPlane(10.0f, 10));
+    const auto colorOf = [](const Vec3f& p) {
+        if (p.z > 3.5f) return Rgba{0, 0, 1, 1};
+        if (p.x < -0.01f) return Rgba{1, 0, 0, 1};
+        if (p.x > 0.01f) return Rgba{0, 1, 0, 1};
+        return Rgba{0.5f, 0.5f, 0, 1};
+    };
+    std::vector<Rgba> corners;
+    for (const Triangle& triangle : plane->triangles())
+        for (const std::uint32_t point : triangle)
+            corners.push_back(colorOf(plane->points()[point]));
+    plane->setColorSet("zones", corners);
+    return plane;
+}
+
+struct ZonedRun {
+    std::shared_ptr<const ScalpMesh> plane = zonedPlane();
+    std::shared_ptr<StrandSet> strands = std::make_shared<StrandSet>();
+    std::shared_ptr<GuideSet> guides = std::make_shared<GuideSet>();
+
+    // Straight strands on a grid that never meets x = 0; guides on the left bend to -x, on the
+    // right to +x, the nearest of them to the middle closer to it from the right.
+    ZonedRun() {
+        for (int i = 0; i < 24; ++i)
+            for (const float z : {-4.5f, -2.5f, -0.5f, 1.5f, 2.5f, 4.5f}) {
+                const Vec3f root{-4.7f + 0.4f * static_cast<float>(i), 0.0f, z};
+                const std::vector<Vec3f> points{root, root + Vec3f{0, 1, 0}, root + Vec3f{0, 2, 0}};
+                strands->addStrand(strands->strandCount() + 1, plane->closestPoint(root).root,
+                                   points);
+            }
+        for (const float x : {-4.0f, -2.5f, 1.5f, 3.5f})
+            for (const float z : {-3.0f, 0.0f, 2.0f}) {
+                Guide guide;
+                guide.id = guides->guides.size() + 1;
+                const Vec3f root{x, 0.0f, z};
+                guide.root = plane->closestPoint(root).root;
+                const float side = x < 0 ? -1.0f : 1.0f;
+                guide.points = {root, root + Vec3f{side * 0.5f, 1, 0},
+                                root + Vec3f{side * 1.5f, 1.5f, 0}};
+                guides->guides.push_back(std::move(guide));
+            }
+    }
+
+    std::shared_ptr<const StrandSet> interpolate(const Operator& op) const {
+        auto scene = std::make_shared<FieldScene>();
+        scene->scalp = plane;
+        EvalContext ctx;
+        ctx.scene = scene;
+        const Value out = op.evaluate(ctx, {strands, guides, plane});
+        return out.get<StrandSet>();
+    }
+};
+
+TEST(Interpolate, ARegionMapKeepsEachStrandToTheGuidesOfItsColor) {
+    const ZonedRun run;
+    const auto op = makeInterpolate();
+    // Without regions the strands just left of the middle lean toward the right's guides.
+    const auto unzoned = run.interpolate(*op);
+    std::size_t leaning = 0;
+    for (std::size_t s = 0; s < unzoned->strandCount(); ++s) {
+        const auto points = unzoned->strandPoints(s);
+        leaning += points[0].x < 0 && points[0].z < 4 && points.back().x > points[0].x ? 1 : 0;
+    }
+    EXPECT_GT(leaning, 0u);
+    EXPECT_EQ(unzoned->strandChannel("region"), nullptr);
+
+    op->paramSet.set("regionMap", std::string("zones"));
+    const auto zoned = run.interpolate(*op);
+    const auto* region = zoned->strandChannel("region");
+    ASSERT_NE(region, nullptr);
+    std::size_t free = 0;
+    for (std::size_t s = 0; s < zoned->strandCount(); ++s) {
+        const auto points = zoned->strandPoints(s);
+        const Vec3f root = points[0], tip = points.back();
+        // Regions number the guides' colours in order: green 0, red 1; blue has no guide.
+        if (root.z > 4) {
+            EXPECT_EQ((*region)[s], -1.0f) << s;
+            free += tip != run.strands->strandPoints(s).back() ? 1 : 0;
+        } else if (root.x < 0) {
+            EXPECT_EQ((*region)[s], 1.0f) << s;
+            EXPECT_LT(tip.x, root.x - 0.5f) << s;
+        } else {
+            EXPECT_EQ((*region)[s], 0.0f) << s;
+            EXPECT_GT(tip.x, root.x + 0.5f) << s;
+        }
+    }
+    // Strands in a colour no guide is rooted on still blend the nearest guides of any region.
+    EXPECT_EQ(free, 24u);
+
+    op->paramSet.set("regionChannel", std::string());
+    EXPECT_EQ(run.interpolate(*op)->strandChannel("region"), nullptr);
+    // The binding kept from the run with regions is not reused for a run without them.
+    op->paramSet.set("regionMap", std::string());
+    EXPECT_EQ(bitsOf(run.interpolate(*op)->points()), bitsOf(unzoned->points()));
+    op->paramSet.set("regionMap", std::string("nothing"));
+    expectMessage<GraphError>([&] { run.interpolate(*op); },
+                              "Interpolate: no map, color set or image named 'nothing' (Groom "
+                              "Tools > Paint > New... makes a map)");
+}
+
+TEST(Interpolate, RegionsMakeTheSameBitsOnOneAndTwoThreads) {
+    const ZonedRun run;
+    std::vector<std::uint32_t> bits[2];
+    std::vector<float> regions[2];
+    for (const int threads : {1, 2}) {
+        runWithThreads(threads, [&] {
+            const auto op = makeInterpolate();
+            op->paramSet.set("regionMap", std::string("zones"));
+            const auto out = run.interpolate(*op);
+            bits[threads - 1] = bitsOf(out->points());
+            regions[threads - 1] = *out->strandChannel("region");
+        });
+    }
+    EXPECT_EQ(bits[0], bits[1]);
+    EXPECT_EQ(regions[0], regions[1]);
+}
+
+TEST(Interpolate, RegionsStandInAnUpdateOfGuideShapesUntilTheirPaintChanges) {
+    ZonedRun run;
+    const auto op = makeInterpolate();
+    op->paramSet.set("regionMap", std::string("zones"));
+    const auto first = run.interpolate(*op);
+    auto moved = std::make_shared<GuideSet>(*run.guides);
+    for (std::size_t k = 1; k < moved->guides[1].points.size(); ++k)
+        moved->guides[1].points[k] += Vec3f{0.0f, 0.2f, 0.3f} * static_cast<float>(k);
+
+    const auto none = std::make_shared<StrandChanges>();
+    none->all = false;
+    none->sameLayout = true;
+    const std::vector<std::shared_ptr<const StrandChanges>> changes = {none, nullptr, none};
+    IncrementalInputs incremental;
+    incremental.previous = first;
+    incremental.changes = changes;
+    const auto update = [&](const std::shared_ptr<const ScalpMesh>& plane, Value& out) {
+        auto scene = std::make_shared<FieldScene>();
+        scene->scalp = plane;
+        EvalContext ctx;
+        ctx.scene = scene;
+        StrandChanges made;
+        return op->evaluateIncremental(ctx, {run.strands, moved, plane}, incremental, &out, &made);
+    };
+    Value out;
+    ASSERT_TRUE(update(run.plane, out));
+    run.guides = moved;
+    const auto fresh = makeInterpolate();
+    fresh->paramSet.set("regionMap", std::string("zones"));
+    EXPECT_EQ(out.get<StrandSet>()->contentHash(), run.interpolate(*fresh)->contentHash());
+
+    // Painted all red, the regions change and so does the binding: not incremental.
+    auto repainted = std::make_shared<ScalpMesh>(*run.plane);
+    repainted->setColorSet("zones",
+                           std::vector<Rgba>(repainted->triangleCount() * 3, Rgba{1, 0, 0, 1}));
+    EXPECT_FALSE(update(repainted, out));
+}
+
+// A plane of side 8 facing +y with a smooth bump 0.8 high and 1.5 wide at the origin.
+std::shared_ptr<const ScalpMesh> bumpedPlane() {
+    auto plane = std::make_shared<ScalpMesh>(*makeUvPlane(8.0f, 40));
+    std::vector<Vec3f> points = plane->points();
+    for (Vec3f& p : points) {
+        const float r2 = (p.x * p.x + p.z * p.z) / 2.25f;
+        p.y = r2 < 1.0f ? 0.8f * (1.0f - r2) * (1.0f - r2) : 0.0f;
+    }
+    plane->setPoints(std::move(points));
+    return plane;
+}
+
+float arcLength(std::span<const Vec3f> points) {
+    float sum = 0.0f;
+    for (std::size_t k = 1; k < points.size(); ++k)
+        sum += distance(points[k - 1], points[k]);
+    return sum;
+}
+
+TEST(Interpolate, KeepClearanceLiftsStrandsOverABumpTheirGuidesPassBeside) {
+    const auto plane = bumpedPlane();
+    // Guides either side of the bump lie along +x just over the flat skin; the strands between
+    // them would run straight through it.
+    auto guides = std::make_shared<GuideSet>();
+    for (const float z : {-2.5f, 2.5f}) {
+        Guide guide;
+        guide.id = guides->guides.size() + 1;
+        guide.root = plane->closestPoint({-3.0f, 0.0f, z}).root;
+        guide.points.push_back({-3.0f, 0.0f, z});
+        for (int k = 1; k < 12; ++k)
+            guide.points.push_back({-3.0f + 6.0f * static_cast<float>(k) / 11.0f, 0.15f, z});
+        guides->guides.push_back(std::move(guide));
+    }
+    auto strands = std::make_shared<StrandSet>();
+    for (int i = 0; i < 5; ++i)
+        for (int j = 0; j < 9; ++j) {
+            const Vec3f root{-3.5f + 0.25f * static_cast<float>(i), 0.0f,
+                             -1.0f + 0.25f * static_cast<float>(j)};
+            std::vector<Vec3f> points;
+            for (int k = 0; k < 8; ++k)
+                points.push_back(root + Vec3f{0, 0.3f * static_cast<float>(k), 0});
+            strands->addStrand(strands->strandCount() + 1, plane->closestPoint(root).root, points);
+        }
+    const auto field = clearanceField(plane);
+    ASSERT_NE(field, nullptr);
+    const float epsilon = 0.5f * field->voxelSize();
+    const auto op = makeInterpolate();
+    const auto run = [&] { return op->evaluate(EvalContext{}, {strands, guides, plane}); };
+    const auto sunken = run().get<StrandSet>();
+    float deepest = 0.0f;
+    for (const Vec3f& p : sunken->points())
+        deepest = std::min(deepest, field->distance(p));
+    EXPECT_LT(deepest, -0.3f);
+
+    op->paramSet.set("keepClearance", true);
+    const auto lifted = run().get<StrandSet>();
+    for (std::size_t s = 0; s < lifted->strandCount(); ++s) {
+        const auto points = lifted->strandPoints(s);
+        EXPECT_EQ(points[0], sunken->strandPoints(s)[0]) << s;
+        for (const Vec3f& p : points)
+            EXPECT_GE(field->distance(p), -epsilon) << s;
+        const float groomed = arcLength(sunken->strandPoints(s));
+        EXPECT_NEAR(arcLength(points), groomed, 0.01f * groomed) << s;
+        // Past the bump a lifted strand comes back down toward its groomed path.
+        float highest = 0.0f;
+        for (const Vec3f& p : points)
+            highest = std::max(highest, p.y);
+        if (highest > 0.4f) {
+            EXPECT_LT(points.back().y, highest - 0.2f) << s;
+        }
+    }
+
+    std::vector<std::uint32_t> bits[2];
+    for (const int threads : {1, 2})
+        runWithThreads(threads,
+                       [&] { bits[threads - 1] = bitsOf(run().get<StrandSet>()->points()); });
+    EXPECT_EQ(bits[0], bits[1]);
+
+    // It needs the scalp, and take shape.
+    EXPECT_EQ(
+        bitsOf(op->evaluate(EvalContext{}, {strands, guides, Value()}).get<StrandSet>()->points()),
+        bitsOf(makeInterpolate()
+                   ->evaluate(EvalContext{}, {strands, guides, Value()})
+                   .get<StrandSet>()
+                   ->points()));
 }
 
 }  // namespace
