@@ -215,8 +215,13 @@ StrandSet resampleStrands(const StrandSet& input, const ResampleSettings& settin
     for (std::size_t s = 0; s < counts.size(); ++s)
         offsets[s + 1] = offsets[s] + counts[s];
     const std::size_t total = offsets.back();
-    out.writePoints().resize(total);
-    out.writeWidths().resize(total);
+    // resampleInto writes every value: the input's points and widths need not be copied first.
+    std::vector<Vec3f>& points = out.overwritePoints();
+    points.clear();
+    points.resize(total);
+    std::vector<float>& widths = out.overwriteWidths();
+    widths.clear();
+    widths.resize(total);
     for (const std::string& name : input.pointChannelNames())
         out.addPointChannel(name, input.pointChannelDefault(name)).resize(total);
     resampleInto(input, settings, StrandSelection::every(), out);
