@@ -576,24 +576,10 @@ TEST(Clump, TellsWhyNothingClumped) {
     EXPECT_EQ(op->evaluationNote(EvalContext{}), "");
 }
 
-// A graph of scene strands -> Clump, run, then run again after the listed strands bent (roots
-// kept). Gives the second run's text; the graph checks the incremental result against a full one.
+// Clump run, then run again after the listed strands bent (roots kept). Gives the second run's
+// text; the graph checks the incremental result against a full one.
 std::string rerunAfterBending(const ShapeRun& shape, std::shared_ptr<const StrandSet> strands,
                               std::vector<std::uint64_t> bent, bool& sameAsFull) {
-    test::EvaluationSwitchesRestored restore;
-    setIncrementalCheck(true);
-    test::registerEvalTestOperators();
-    Graph graph;
-    const std::uint32_t source = graph.addNode("EvalScene", "scene");
-    const std::uint32_t node = graph.addNode(shape.type, "clump");
-    for (const auto& [name, value] : shape.params)
-        graph.operatorOf(node).paramSet.set(name, value);
-    graph.connect(source, node, 0);
-    SceneInputs scene;
-    scene["groom"] = SceneInput{Value(strands), 1};
-    EvalContext ctx;
-    ctx.sceneInputs = &scene;
-    graph.evaluate(node, ctx);
     auto after = std::make_shared<StrandSet>(*strands);
     std::vector<Vec3f>& points = after->writePoints();
     for (const std::uint64_t s : bent) {
@@ -601,10 +587,9 @@ std::string rerunAfterBending(const ShapeRun& shape, std::shared_ptr<const Stran
         for (std::size_t k = 1; k < range.count; ++k)
             points[range.begin + k].x += 0.05f * static_cast<float>(k);
     }
-    scene["groom"] = SceneInput{Value(std::shared_ptr<const StrandSet>(after)), 2};
-    const auto incremental = test::strandsOf(graph.evaluate(node, ctx));
-    sameAsFull = incremental && incremental->contentHash() == shape.run(after)->contentHash();
-    return graph.runs[node];
+    const test::IncrementalOutcome outcome = test::incrementalAfterChange(shape, strands, after);
+    sameAsFull = outcome.sameAsFull;
+    return outcome.run;
 }
 
 TEST(Clump, IncrementalRunsRedoTheBentStrandsAndTheClumpsOfBentAxes) {

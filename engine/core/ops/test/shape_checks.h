@@ -102,15 +102,15 @@ struct EvaluationSwitchesRestored {
     }
 };
 
-// A graph of scene strands -> the operator under test, evaluated once, then again after 1% of
-// the strands moved. Gives the second run's text and whether its result equals a full run's.
+// A graph of scene strands -> the operator under test, evaluated once on `strands`, then again
+// on `after`. Gives the second run's text and whether its result equals a full run's.
 struct IncrementalOutcome {
     std::string run;
     bool sameAsFull = false;
 };
-inline IncrementalOutcome incrementalAfterMove(const ShapeRun& shape,
-                                               std::shared_ptr<const StrandSet> strands,
-                                               std::vector<std::uint64_t> movedStrands) {
+inline IncrementalOutcome incrementalAfterChange(const ShapeRun& shape,
+                                                 std::shared_ptr<const StrandSet> strands,
+                                                 std::shared_ptr<const StrandSet> after) {
     EvaluationSwitchesRestored restore;
     // Every incremental run is checked against a full one by the graph itself, which throws on a
     // difference or on a changed strand left off the list.
@@ -127,12 +127,18 @@ inline IncrementalOutcome incrementalAfterMove(const ShapeRun& shape,
     EvalContext ctx;
     ctx.sceneInputs = &scene;
     graph.evaluate(node, ctx);
-    const auto after = moved(*strands, movedStrands, 0.25f);
     scene["groom"] = SceneInput{Value(after), 2};
     const auto incremental = strandsOf(graph.evaluate(node, ctx));
     const auto full = shape.run(after);
     return {graph.runs[node],
             incremental && full && incremental->contentHash() == full->contentHash()};
+}
+
+// The same after the listed strands moved (1% of them, typically).
+inline IncrementalOutcome incrementalAfterMove(const ShapeRun& shape,
+                                               std::shared_ptr<const StrandSet> strands,
+                                               std::vector<std::uint64_t> movedStrands) {
+    return incrementalAfterChange(shape, strands, moved(*strands, movedStrands, 0.25f));
 }
 
 }  // namespace velmorin::test
