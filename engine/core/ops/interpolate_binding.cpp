@@ -9,6 +9,7 @@
 #include "base/hash.h"
 #include "base/parallel.h"
 #include "ops/guide_root_grid.h"
+#include "ops/interpolate_tubes.h"
 
 namespace velmorin {
 namespace {
@@ -179,6 +180,14 @@ void bindOne(const BindContext& context, std::size_t s, BindingChunk& chunk, Nea
         chunk.recordStart.push_back(static_cast<std::uint32_t>(chunk.guides.size()));
     };
     if (!isFinite(root) || list.grid.size() == 0) return finish();
+    if (inputs.tubes && inputs.tubes->riding[s]) {
+        // 3. A strand inside a tube rides it alone; nothing but the tubes can change that.
+        nearest2 = 0.0f;
+        next2 = 0.0f;
+        chunk.weights.push_back(static_cast<std::uint16_t>(kTotalWeight - 1));
+        chunk.guides.push_back(static_cast<std::uint32_t>(inputs.tubes->guide[s]));
+        return finish();
+    }
 
     // 1. The nearest guides, and the distance of the first one past them.
     const int wanted =
@@ -318,6 +327,7 @@ void prepareGuides(const InterpolateSettings& settings, const BindingInputs& inp
     state.guideRoots.assign(inputs.guideRoots.begin(), inputs.guideRoots.end());
     state.guideWeights.assign(inputs.guideWeights.begin(), inputs.guideWeights.end());
     state.parts = settings.respectParts ? inputs.parts : nullptr;
+    state.tubes = inputs.tubes;
 
     // Regions: the labels guides are rooted in, ascending.
     state.guideRegions.assign(guideCount, -1);

@@ -32,6 +32,8 @@ struct InterpolateSettings {
     float limitDistance = 0.0f;
     bool respectParts = false;  // parts were given and the param asks for them
     bool hasGuideWeights = false;
+    // With fillTubes, a hash of which strand rides which tube (TubeBinding::ridersHash); else 0.
+    std::uint64_t tubeRiders = 0;
 
     bool operator==(const InterpolateSettings&) const = default;
 };
@@ -42,6 +44,8 @@ InterpolateSettings makeInterpolateSettings(double smoothness, std::int64_t neig
                                             std::size_t guideCount, bool followSurface,
                                             double limitDistance, bool respectParts,
                                             bool hasGuideWeights);
+
+struct TubeBinding;  // ops/interpolate_tubes.h
 
 // Part lines as world polylines, for the test whether a guide lies across a part from a strand.
 // Immutable once shared.
@@ -108,6 +112,8 @@ struct InterpolateState {
     ReachTable allReach;                     // over all guides
     std::vector<ReachTable> regionReach;     // per region, indexed by guide
     std::shared_ptr<const PartsSnapshot> parts;
+    // With fillTubes, per strand the tube it rides or leans toward; null without.
+    std::shared_ptr<const TubeBinding> tubes;
     Binding binding;
 };
 
@@ -120,6 +126,8 @@ struct BindingInputs {
     std::span<const std::int32_t> strandLabels;  // empty, or a region label per strand (-1 none)
     std::span<const std::int32_t> guideLabels;   // empty, or a region label per guide (-1 none)
     std::shared_ptr<const PartsSnapshot> parts;  // null: none
+    // With fillTubes: a strand that rides a tube gets that guide alone. Null: none.
+    std::shared_ptr<const TubeBinding> tubes;
 };
 
 // Builds the whole binding. Strands rooted where nothing binds them get no records. The result

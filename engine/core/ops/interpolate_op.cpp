@@ -17,6 +17,8 @@
 #include "ops/interpolate_binding.h"
 #include "ops/interpolate_clearance.h"
 #include "ops/interpolate_shape.h"
+#include "ops/interpolate_tubes.h"
+#include "strands/channel_names.h"
 #include "strands/strand_changes.h"
 
 namespace velmorin {
@@ -272,6 +274,12 @@ class InterpolateOp final : public Operator {
         const std::string region = text("regionChannel", "region");
         if (!text("regionMap", "").empty() && !region.empty())
             channels.push_back({region, ChannelRole::Writes, true});
+        const auto fill = paramSet.values.find("fillTubes");
+        if (fill != paramSet.values.end() && std::get_if<bool>(&fill->second) &&
+            *std::get_if<bool>(&fill->second))
+            for (const std::string_view name :
+                 {channels::kTubeId, channels::kTubeU, channels::kTubeV})
+                channels.push_back({std::string(name), ChannelRole::Writes, true});
         return channels;
     }
 
@@ -324,6 +332,8 @@ class InterpolateOp final : public Operator {
         std::vector<float> guideWeights;
         // With a region map: per strand and per guide the region label (-1: none).
         std::vector<std::int32_t> strandLabels, guideLabels;
+        bool fillTubes = false;
+        std::shared_ptr<const TubeBinding> tubes;  // with fillTubes, after prepareTubes
     };
 
     // Reads inputs and params; false when there is nothing to shape (the strands pass through).
@@ -402,6 +412,7 @@ class InterpolateOp final : public Operator {
             if (auto field = clearanceField(p.scalp))
                 p.clearance = std::make_shared<const InterpolateClearance>(
                     makeClearance(std::move(field), p.guides));
+        p.fillTubes = paramSet.getBool("fillTubes", false);
         const std::string regionMap = paramSet.getString("regionMap", "");
         if (!regionMap.empty()) {
             readRegionLabels(regionMap, ctx, p);
@@ -465,6 +476,24 @@ class InterpolateOp final : public Operator {
         p.binding.strandNormals = p.strandNormals;
     }
 
+    // With fillTubes, the tube test of every strand root (read first), which the binding and the
+    // settings then carry.
+    void prepareTubes(Prepared& p, const InterpolateGuideRows& rows) const {
+        if (!p.fillTubes) return;
+        const float blend = static_cast<float>(paramSet.getFloat("tubeBlend", 0.25));
+        auto tubes = makeTubeGuides(p.guides, p.scalp.get(), rows.sampleCount, blend);
+        TubeTestInputs test;
+        test.strandRoots = p.strandRoots;
+        test.strandNormals = p.strandNormals;
+        test.strandLabels = p.strandLabels;
+        test.guideLabels = p.guideLabels;
+        test.parts = p.settings.respectParts ? p.binding.parts.get() : nullptr;
+        test.guideRoots = p.guideRoots;
+        p.tubes = bindTubes(std::move(tubes), test);
+        p.settings.tubeRiders = p.tubes->ridersHash;
+        p.binding.tubes = p.tubes;
+    }
+
     bool run(const EvalContext& ctx, const std::vector<Value>& inputs,
              const IncrementalInputs* incremental, Value* out, StrandChanges* changes) const {
         Prepared p;
@@ -482,6 +511,10 @@ class InterpolateOp final : public Operator {
         auto rows =
             std::make_shared<const InterpolateGuideRows>(makeGuideRows(p.guides, p.scalp.get()));
 
+        if (incremental && p.fillTubes) {
+            readStrandRoots(p);
+            prepareTubes(p, *rows);
+        }
         if (incremental) {
             // Only guide shapes may have changed, not the strands, the scalp or any guide's root:
             // then the binding stands and only the strands bound to a changed guide move.
@@ -506,10 +539,19 @@ class InterpolateOp final : public Operator {
                 previousState->strandNormals.empty() != (p.scalp == nullptr) ||
                 !sameRegions(*previousState, p.strandLabels, p.guideLabels))
                 return false;
+            // Strands that took another place in a tube need the binding again.
+            if ((p.tubes == nullptr) != (previousState->tubes == nullptr) ||
+                (p.tubes && p.tubes->hash != previousState->tubes->hash))
+                return false;
             std::vector<std::uint8_t> changed(rows->guideCount(), 0);
             for (std::size_t g = 0; g < changed.size(); ++g)
                 changed[g] = rows->hashes[g] != previousRows->hashes[g] ? 1 : 0;
+            if (p.tubes)
+                for (std::size_t g = 0; g < changed.size(); ++g)
+                    changed[g] |=
+                        p.tubes->tubes->hashes[g] != previousState->tubes->tubes->hashes[g];
             std::vector<std::uint64_t> redo = strandsBoundTo(previousState->binding, changed);
+            if (p.tubes) redo = addTubeStrands(*p.tubes, changed, std::move(redo));
             // Only the bound strands change. The previous result is let go of: where nothing else
             // held it, its columns are this run's alone and the points are written in place
             // rather than the whole column copied.
@@ -522,6 +564,8 @@ class InterpolateOp final : public Operator {
                 if (!p.influenceChannel.empty())
                     influence = made->addStrandChannel(p.influenceChannel, 0.0f);
                 shapeStrands(*previousState, *rows, p.shape, *p.strands, points, influence, redo);
+                if (p.tubes && !p.shape.takeLength)
+                    rideTubes(*previousState, *p.tubes, p.shape, *p.strands, points, redo);
                 if (p.clearance)
                     keepClearance(*previousState, *p.clearance, made->offsets(), points, redo);
                 writeGuideLayers(*previousState, *rows, *made, redo);
@@ -538,12 +582,16 @@ class InterpolateOp final : public Operator {
         }
 
         readStrandRoots(p);
+        prepareTubes(p, *rows);
         const auto state = rebindStrands(previousState, p.settings, p.binding);
         auto made = std::make_shared<StrandSet>(*p.strands);
         std::span<float> influence;
         if (!p.influenceChannel.empty())
             influence = made->addStrandChannel(p.influenceChannel, 0.0f);
         shapeStrands(*state, *rows, p.shape, *p.strands, made->writePoints(), influence);
+        if (p.tubes && !p.shape.takeLength)
+            rideTubes(*state, *p.tubes, p.shape, *p.strands, made->writePoints());
+        if (p.tubes) writeTubeChannels(*p.tubes, *made);
         if (p.clearance) keepClearance(*state, *p.clearance, made->offsets(), made->writePoints());
         writeGuideLayers(*state, *rows, *made);
         if (!p.regionChannel.empty()) {
