@@ -9,6 +9,7 @@
 #include "base/hash.h"
 #include "base/parallel.h"
 #include "ops/guide_root_grid.h"
+#include "ops/interpolate_follow.h"
 #include "ops/interpolate_tubes.h"
 
 namespace velmorin {
@@ -204,6 +205,10 @@ void bindOne(const BindContext& context, std::size_t s, BindingChunk& chunk, Nea
         within2 = within2 * 1.001f + 1e-30f;
     }
     int count = list.grid.nearest(root, wanted + 1, guides, d2, within2);
+    if (inputs.surface)
+        count = nearestOnSurface(*inputs.surface, inputs, s,
+                                 listIndex > 0 ? inputs.strandLabels[s] : -1, wanted + 1, guides,
+                                 d2, count);
     hint.list = listIndex;
     hint.count = count;
     std::copy(guides, guides + count, hint.guides);

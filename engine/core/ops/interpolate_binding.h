@@ -45,7 +45,8 @@ InterpolateSettings makeInterpolateSettings(double smoothness, std::int64_t neig
                                             double limitDistance, bool respectParts,
                                             bool hasGuideWeights);
 
-struct TubeBinding;  // ops/interpolate_tubes.h
+struct TubeBinding;    // ops/interpolate_tubes.h
+struct SurfaceGuides;  // ops/interpolate_follow.h
 
 // Part lines as world polylines, for the test whether a guide lies across a part from a strand.
 // Immutable once shared.
@@ -128,6 +129,9 @@ struct BindingInputs {
     std::shared_ptr<const PartsSnapshot> parts;  // null: none
     // With fillTubes: a strand that rides a tube gets that guide alone. Null: none.
     std::shared_ptr<const TubeBinding> tubes;
+    // With followSurface: the walk over the scalp that measures how far guides are. Null: in a
+    // straight line.
+    std::shared_ptr<const SurfaceGuides> surface;
 };
 
 // Builds the whole binding. Strands rooted where nothing binds them get no records. The result

@@ -16,6 +16,7 @@
 #include "ops/grow_ops.h"
 #include "ops/interpolate_binding.h"
 #include "ops/interpolate_clearance.h"
+#include "ops/interpolate_follow.h"
 #include "ops/interpolate_shape.h"
 #include "ops/interpolate_tubes.h"
 #include "strands/channel_names.h"
@@ -583,6 +584,8 @@ class InterpolateOp final : public Operator {
 
         readStrandRoots(p);
         prepareTubes(p, *rows);
+        if (p.settings.followSurface)
+            p.binding.surface = makeSurfaceGuides(p.scalp, p.guides, p.strands->roots());
         const auto state = rebindStrands(previousState, p.settings, p.binding);
         auto made = std::make_shared<StrandSet>(*p.strands);
         std::span<float> influence;
