@@ -10,6 +10,9 @@ namespace {
 
 // Pushes rounds a sunken point gets before it is left where the last one put it.
 constexpr int kPushRounds = 4;
+// Strands of more points than this walk in sixteen coarse steps.
+constexpr std::size_t kCoarseAbove = 17;
+constexpr std::size_t kCoarseSteps = 16;
 
 // `point` moved to lie `length` from `from`, along the way from `from` to it (kept where the way
 // has no length).
@@ -27,28 +30,118 @@ float targetHeight(const BindingChunk& chunk, std::size_t k, std::span<const flo
     return static_cast<float>(sum);
 }
 
-void walkStrand(const MeshDistanceField& field, float target, float ease, std::span<Vec3f> strand) {
-    Vec3f previousGroomed = strand[0];
-    Vec3f carried{};
-    // A little under the cell's precision, so that a point pushed just onto the skin stays there.
-    const float slack = 0.001f * field.voxelSize();
-    for (std::size_t j = 1; j < strand.size(); ++j) {
+// Pushes out of the skin for one strand, point by point or a coarse step at a time. The field is
+// asked only where its last answer, less the way moved since (the field's slope stays under 2),
+// can't show the point to lie high enough.
+class ClearanceWalk {
+  public:
+    ClearanceWalk(const MeshDistanceField& field, float target, float ease, Vec3f root)
+        : field_(field),
+          target_(target),
+          ease_(ease),
+          previousGroomed_(root),
+          // A little under the cell's precision, so that a point pushed just onto the skin stays.
+          slack_(0.001f * field.voxelSize()) {}
+
+    // Point j of `strand` from its groomed place (strand[j], not yet walked) after the walked
+    // strand[j - 1]: the offset carried from a lift eases off, the segment keeps its length, and
+    // a point too low is pushed out.
+    void step(std::span<Vec3f> strand, std::size_t j) {
         const Vec3f groomed = strand[j];
-        const float length = std::sqrt(dot(groomed - previousGroomed, groomed - previousGroomed));
-        carried = carried * (ease / (ease + length));
-        Vec3f point = keepLength(strand[j - 1], groomed + carried, length);
-        float height = field.distance(point);
+        const float length = std::sqrt(dot(groomed - previousGroomed_, groomed - previousGroomed_));
+        carried_ = carried_ * (ease_ / (ease_ + length));
+        Vec3f point = keepLength(strand[j - 1], groomed + carried_, length);
         bool lifted = false;
-        for (int round = 0; round < kPushRounds && height < target - slack; ++round) {
-            const Vec3f out = field.gradient(point);
-            if (dot(out, out) == 0.0f) break;
-            point = keepLength(strand[j - 1], point + out * (target - height), length);
-            height = field.distance(point);
-            lifted = true;
+        if (!provablyHigh(point)) {
+            float height = heightAt(point);
+            for (int round = 0; round < kPushRounds && height < target_ - slack_; ++round) {
+                const Vec3f out = field_.gradient(point);
+                if (dot(out, out) == 0.0f) break;
+                point = keepLength(strand[j - 1], point + out * (target_ - height), length);
+                height = heightAt(point);
+                lifted = true;
+            }
         }
-        if (lifted) carried = point - groomed;
-        previousGroomed = groomed;
+        if (lifted) carried_ = point - groomed;
+        previousGroomed_ = groomed;
         strand[j] = point;
+    }
+
+    // Points a + 1 to b as one step: b as step() would place it after a, without a lift, and the
+    // points between moved by the offsets at the two ends blended along the stretch. False, with
+    // nothing changed, where any of them would lie too low: the caller walks them one by one.
+    bool coarseStep(std::span<Vec3f> strand, std::size_t a, std::size_t b) {
+        float along = 0.0f;
+        Vec3f before = previousGroomed_;
+        for (std::size_t i = a + 1; i <= b; ++i) {
+            along += std::sqrt(dot(strand[i] - before, strand[i] - before));
+            before = strand[i];
+        }
+        const Vec3f groomed = strand[b];
+        const Vec3f carried = carried_ * (ease_ / (ease_ + along));
+        const float chord = std::sqrt(dot(groomed - previousGroomed_, groomed - previousGroomed_));
+        const Vec3f end = keepLength(strand[a], groomed + carried, chord);
+        const Vec3f fromOffset = strand[a] - previousGroomed_;
+        const Vec3f toOffset = end - groomed;
+        const float inverse = 1.0f / static_cast<float>(b - a);
+        for (std::size_t i = a + 1; i <= b; ++i) {
+            const float f = static_cast<float>(i - a) * inverse;
+            const Vec3f p = i == b ? end : strand[i] + fromOffset + (toOffset - fromOffset) * f;
+            if (!provablyHigh(p) && heightAt(p) < target_ - slack_) return false;
+        }
+        for (std::size_t i = a + 1; i < b; ++i) {
+            const float f = static_cast<float>(i - a) * inverse;
+            strand[i] += fromOffset + (toOffset - fromOffset) * f;
+        }
+        strand[b] = end;
+        carried_ = carried;
+        previousGroomed_ = groomed;
+        return true;
+    }
+
+  private:
+    float heightAt(const Vec3f& p) {
+        cachedAt_ = p;
+        cachedHeight_ = field_.distance(p);
+        cached_ = true;
+        return cachedHeight_;
+    }
+    // Whether the last answer proves `p` high enough: its height less twice the way moved (with
+    // a margin for rounding and the cells' 16-bit steps) still clears the target.
+    bool provablyHigh(const Vec3f& p) const {
+        if (!cached_) return false;
+        const float moved = std::sqrt(dot(p - cachedAt_, p - cachedAt_));
+        const float margin = moved * 1.0001f + 0.001f * field_.voxelSize();
+        return cachedHeight_ - 2.0f * margin >= target_;
+    }
+
+    const MeshDistanceField& field_;
+    float target_, ease_;
+    Vec3f previousGroomed_;
+    Vec3f carried_{};
+    float slack_;
+    bool cached_ = false;
+    Vec3f cachedAt_{};
+    float cachedHeight_ = 0.0f;
+};
+
+void walkStrand(const MeshDistanceField& field, float target, float ease, std::span<Vec3f> strand) {
+    ClearanceWalk walk(field, target, ease, strand[0]);
+    const std::size_t last = strand.size() - 1;
+    if (strand.size() <= kCoarseAbove) {
+        for (std::size_t j = 1; j <= last; ++j)
+            walk.step(strand, j);
+        return;
+    }
+    // A long strand in sixteen steps; a step that would sink is walked point by point.
+    std::size_t a = 0;
+    for (std::size_t k = 1; k <= kCoarseSteps; ++k) {
+        const std::size_t b = (last * k + kCoarseSteps / 2) / kCoarseSteps;
+        if (b <= a) continue;
+        if (b == a + 1 || !walk.coarseStep(strand, a, b))
+            for (std::size_t j = a + 1; j <= b; ++j)
+                walk.step(strand, j);
+        a = b;
     }
 }
 
