@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstring>
 
 #include "base/parallel.h"
 
@@ -157,30 +158,55 @@ std::shared_ptr<const MeshDistanceField> clearanceField(
     return sharedDistanceField(scalp, voxel, 4.0f * voxel, 256);
 }
 
+std::shared_ptr<const ScalpMesh> restScalp(const ScalpMesh& scalp) {
+    const std::vector<Vec3f>& rest = scalp.restPoints();
+    if (rest.size() != scalp.pointCount() || rest.empty()) return nullptr;
+    if (std::memcmp(rest.data(), scalp.points().data(), rest.size() * sizeof(Vec3f)) == 0)
+        return nullptr;
+    return std::make_shared<const ScalpMesh>(rest, scalp.triangles());
+}
+
 InterpolateClearance makeClearance(std::shared_ptr<const MeshDistanceField> field,
-                                   std::span<const Guide* const> guides) {
+                                   std::span<const Guide* const> guides,
+                                   std::shared_ptr<const ScalpMesh> deformed,
+                                   std::shared_ptr<const ScalpMesh> rest) {
     InterpolateClearance clearance;
+    const bool carried = deformed && rest;
     clearance.guideHeights.assign(guides.size(), 0.0f);
     parallelRange(0, guides.size(), 256, [&](std::size_t begin, std::size_t end) {
         for (std::size_t g = begin; g < end; ++g) {
+            const Guide& guide = *guides[g];
             float lowest = 0.0f;
-            for (std::size_t j = 1; j < guides[g]->points.size(); ++j)
-                lowest = std::min(lowest, field->distance(guides[g]->points[j]));
+            if (carried && !deformed->isOnSurface(guide.root)) continue;
+            const SurfaceFrame from = carried ? deformed->frameAt(guide.root) : SurfaceFrame{};
+            const SurfaceFrame to = carried ? rest->frameAt(guide.root) : SurfaceFrame{};
+            for (std::size_t j = 1; j < guide.points.size(); ++j) {
+                const Vec3f p =
+                    carried ? to.toWorld(from.toLocal(guide.points[j])) : guide.points[j];
+                lowest = std::min(lowest, field->distance(p));
+            }
             clearance.guideHeights[g] = lowest;
         }
     });
     // A strand regains its path within about a bulge's width: a few cells of the field.
     clearance.ease = 8.0f * field->voxelSize();
     clearance.field = std::move(field);
+    if (carried) {
+        clearance.deformed = std::move(deformed);
+        clearance.rest = std::move(rest);
+    }
     return clearance;
 }
 
 void keepClearance(const InterpolateState& state, const InterpolateClearance& clearance,
                    std::span<const std::uint64_t> offsets, std::span<Vec3f> points,
-                   std::span<const std::uint64_t> only) {
+                   std::span<const std::uint64_t> only, std::span<const StrandRoot> roots) {
     if (!clearance.field) return;
+    const bool carried = clearance.deformed && clearance.rest;
+    if (carried && roots.size() != state.binding.strandCount) return;
     const std::size_t count = only.empty() ? state.binding.strandCount : only.size();
     parallelRange(0, count, 256, [&](std::size_t begin, std::size_t end) {
+        std::vector<Vec3f> restPose;
         for (std::size_t i = begin; i < end; ++i) {
             const std::size_t s = only.empty() ? i : static_cast<std::size_t>(only[i]);
             const BindingChunk& chunk = *state.binding.chunks[s / kBindingChunkStrands];
@@ -188,8 +214,25 @@ void keepClearance(const InterpolateState& state, const InterpolateClearance& cl
             if (chunk.recordStart[k + 1] == chunk.recordStart[k] || offsets[s + 1] - offsets[s] < 2)
                 continue;
             const float target = targetHeight(chunk, k, clearance.guideHeights);
-            walkStrand(*clearance.field, target, clearance.ease,
-                       points.subspan(offsets[s], offsets[s + 1] - offsets[s]));
+            const std::span<Vec3f> strand = points.subspan(offsets[s], offsets[s + 1] - offsets[s]);
+            if (!carried) {
+                walkStrand(*clearance.field, target, clearance.ease, strand);
+                continue;
+            }
+            // To the rest pose by the root's frames on the two surfaces, walked there, and back;
+            // a point the walk left alone keeps its bits.
+            if (!clearance.deformed->isOnSurface(roots[s])) continue;
+            const SurfaceFrame deformed = clearance.deformed->frameAt(roots[s]);
+            const SurfaceFrame rest = clearance.rest->frameAt(roots[s]);
+            restPose.resize(strand.size() * 2);
+            for (std::size_t j = 0; j < strand.size(); ++j)
+                restPose[j] = restPose[strand.size() + j] =
+                    rest.toWorld(deformed.toLocal(strand[j]));
+            const std::span<Vec3f> walked(restPose.data(), strand.size());
+            walkStrand(*clearance.field, target, clearance.ease, walked);
+            for (std::size_t j = 1; j < strand.size(); ++j)
+                if (std::memcmp(&walked[j], &restPose[strand.size() + j], sizeof(Vec3f)) != 0)
+                    strand[j] = deformed.toWorld(rest.toLocal(walked[j]));
         }
     });
 }

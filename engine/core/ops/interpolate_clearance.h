@@ -23,6 +23,11 @@ struct InterpolateClearance {
     std::vector<float> guideHeights;
     // How far past a lifted stretch the carried offset halves.
     float ease = 0.0f;
+    // On a deformed scalp (points away from its rest points) the field is the rest pose's, so
+    // that one field serves every frame: each strand is carried to the rest pose by the frames
+    // of its root on the two surfaces, walked there, and its pushes carried back. Null at rest.
+    std::shared_ptr<const ScalpMesh> deformed;
+    std::shared_ptr<const ScalpMesh> rest;
 };
 
 // The scalp's clearance field from the shared cache: cells of a 128th of the bounding diagonal
@@ -30,15 +35,25 @@ struct InterpolateClearance {
 std::shared_ptr<const MeshDistanceField> clearanceField(
     const std::shared_ptr<const ScalpMesh>& scalp);
 
-// The clearance of `guides` over `field`.
+// The scalp in its rest pose where it is deformed (rest points given, one per point, and some
+// point away from its rest point); null where it rests as it is.
+std::shared_ptr<const ScalpMesh> restScalp(const ScalpMesh& scalp);
+
+// The clearance of `guides` over `field`. With a `deformed` scalp and its `rest` pose, `field` is
+// the rest pose's and the guides are carried to it by their roots' frames; guides rooted off the
+// scalp then count as lying on the skin.
 InterpolateClearance makeClearance(std::shared_ptr<const MeshDistanceField> field,
-                                   std::span<const Guide* const> guides);
+                                   std::span<const Guide* const> guides,
+                                   std::shared_ptr<const ScalpMesh> deformed = nullptr,
+                                   std::shared_ptr<const ScalpMesh> rest = nullptr);
 
 // Walks the listed strands (all when `only` is empty) of a set with `offsets`, whose shaped
 // points are `points`, lifting them out of the skin. Strands with no binding record stay as they
-// are. Parallel by 256 strands; the same bits at any thread count.
+// are; so do, on a deformed scalp, strands whose `roots` (one per strand there) lie off it.
+// Parallel by 256 strands; the same bits at any thread count.
 void keepClearance(const InterpolateState& state, const InterpolateClearance& clearance,
                    std::span<const std::uint64_t> offsets, std::span<Vec3f> points,
-                   std::span<const std::uint64_t> only = {});
+                   std::span<const std::uint64_t> only = {},
+                   std::span<const StrandRoot> roots = {});
 
 }  // namespace velmorin

@@ -113,5 +113,47 @@ TEST(InterpolateClearance, LongStrandsInCoarseStepsStayOnTheSkinWithTheirLength)
     }
 }
 
+TEST(InterpolateClearance, ADeformedScalpIsWalkedOverItsRestPosesField) {
+    // The bump turned a third of a right angle about z and moved, its rest points where they
+    // were; the guides and strands go with it.
+    const float c = std::cos(0.5236f), s = std::sin(0.5236f);
+    const auto move = [&](const Vec3f& p) {
+        return Vec3f{c * p.x - s * p.y + 1.0f, s * p.x + c * p.y + 2.0f, p.z + 0.5f};
+    };
+    auto deformed = std::make_shared<ScalpMesh>(*bump());
+    std::vector<Vec3f> points = bump()->points();
+    for (Vec3f& p : points)
+        p = move(p);
+    deformed->setPoints(std::move(points));
+    deformed->setRestPoints(bump()->points());
+    ASSERT_NE(restScalp(*deformed), nullptr);
+    EXPECT_EQ(restScalp(*bump()), nullptr);
+
+    const OverTheBump scene(30);
+    OverTheBump moved(30);
+    for (Guide& guide : moved.guides->guides)
+        for (Vec3f& p : guide.points)
+            p = move(p);
+    auto strands = std::make_shared<StrandSet>(*scene.strands);
+    for (Vec3f& p : strands->writePoints())
+        p = move(p);
+    moved.strands = strands;
+    auto op = OperatorRegistry::instance().create("Interpolate");
+    op->paramSet.set("keepClearance", true);
+    const auto atRest = scene.run(true);
+    const auto walked = op->evaluate(EvalContext{}, {moved.strands, moved.guides,
+                                                     std::shared_ptr<const ScalpMesh>(deformed)})
+                            .get<StrandSet>();
+    // The same walk as at rest, moved along; so it lies on the moved skin, not in it.
+    auto plain = std::make_shared<ScalpMesh>(*deformed);
+    plain->setRestPoints({});
+    const auto field = clearanceField(plain);
+    ASSERT_NE(field, nullptr);
+    for (std::size_t k = 0; k < walked->points().size(); ++k) {
+        EXPECT_LT(length(walked->points()[k] - move(atRest->points()[k])), 2e-3f) << k;
+        EXPECT_GE(field->distance(walked->points()[k]), -0.5f * field->voxelSize()) << k;
+    }
+}
+
 }  // namespace
 }  // namespace velmorin

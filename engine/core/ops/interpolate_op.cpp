@@ -409,10 +409,14 @@ class InterpolateOp final : public Operator {
         p.shape.falloff = paramRamp(paramSet, ctx, "falloff", defaultFalloff());
         if (p.settings.limitDistance > 0.0f)
             p.influenceChannel = paramSet.getString("influenceChannel", "guideInfluence");
-        if (paramSet.getBool("keepClearance", false) && !p.shape.takeLength && p.scalp)
-            if (auto field = clearanceField(p.scalp))
-                p.clearance = std::make_shared<const InterpolateClearance>(
-                    makeClearance(std::move(field), p.guides));
+        if (paramSet.getBool("keepClearance", false) && !p.shape.takeLength && p.scalp) {
+            // A deformed scalp is walked over its rest pose's field, the same on every frame.
+            auto rest = restScalp(*p.scalp);
+            auto deformed = rest ? p.scalp : nullptr;
+            if (auto field = clearanceField(rest ? rest : p.scalp))
+                p.clearance = std::make_shared<const InterpolateClearance>(makeClearance(
+                    std::move(field), p.guides, std::move(deformed), std::move(rest)));
+        }
         p.fillTubes = paramSet.getBool("fillTubes", false);
         const std::string regionMap = paramSet.getString("regionMap", "");
         if (!regionMap.empty()) {
@@ -568,7 +572,8 @@ class InterpolateOp final : public Operator {
                 if (p.tubes && !p.shape.takeLength)
                     rideTubes(*previousState, *p.tubes, p.shape, *p.strands, points, redo);
                 if (p.clearance)
-                    keepClearance(*previousState, *p.clearance, made->offsets(), points, redo);
+                    keepClearance(*previousState, *p.clearance, made->offsets(), points, redo,
+                                  p.strands->roots());
                 writeGuideLayers(*previousState, *rows, *made, redo);
             }
             {
@@ -595,7 +600,9 @@ class InterpolateOp final : public Operator {
         if (p.tubes && !p.shape.takeLength)
             rideTubes(*state, *p.tubes, p.shape, *p.strands, made->writePoints());
         if (p.tubes) writeTubeChannels(*p.tubes, *made);
-        if (p.clearance) keepClearance(*state, *p.clearance, made->offsets(), made->writePoints());
+        if (p.clearance)
+            keepClearance(*state, *p.clearance, made->offsets(), made->writePoints(), {},
+                          p.strands->roots());
         writeGuideLayers(*state, *rows, *made);
         if (!p.regionChannel.empty()) {
             std::vector<float>& region = made->addStrandChannel(p.regionChannel, -1.0f);
