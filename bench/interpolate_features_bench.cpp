@@ -150,7 +150,10 @@ void BM_InterpolateBindingFollowSurface(benchmark::State& state) {
     const auto settings =
         makeInterpolateSettings(0.5, 3, g.guideRoots.size(), follow, 0, false, false);
     BindingInputs inputs = g.inputs();
-    if (follow) inputs.surface = makeSurfaceGuides(g.scalp, g.guidePointers, g.strands->roots());
+    // The table of each scalp point's nearest guides is built once for these guides and kept.
+    if (follow)
+        inputs.surface = makeSurfaceGuides(g.scalp, g.guidePointers, g.strands->roots(),
+                                           settings.candidates + 1);
     std::shared_ptr<const InterpolateState> bound;
     for (auto _ : state)
         runWithThreads(2, [&] { bound = bindStrands(settings, inputs); });

@@ -184,5 +184,38 @@ TEST(InterpolateFollow, FollowingTheSurfaceMakesTheSameBitsOnThreadsAndAfterAMov
     EXPECT_EQ(evaluate(*op, moved)->contentHash(), evaluate(*follow(), moved)->contentHash());
 }
 
+TEST(InterpolateFollow, TheTableOfEachPointsNearestAnswersAsAWalkFromEveryRoot) {
+    const auto head = makeHeadScalp(1);
+    const auto strands = headStrands();
+    const auto guides = headGuides(*head);
+    std::vector<const Guide*> pointers;
+    std::vector<Vec3f> guideRoots;
+    for (const Guide& guide : guides->guides) {
+        pointers.push_back(&guide);
+        guideRoots.push_back(guide.points[0]);
+    }
+    constexpr int k = 9;
+    const auto walked = makeSurfaceGuides(head, pointers, strands->roots());
+    const auto tabled = makeSurfaceGuides(head, pointers, strands->roots(), k);
+    ASSERT_NE(tabled->table, nullptr);
+    BindingInputs inputs;
+    inputs.guideRoots = guideRoots;
+    std::size_t differ = 0;
+    for (std::size_t s = 0; s < strands->strandCount(); ++s) {
+        std::uint32_t a[k], b[k];
+        float da[k], db[k];
+        const int na = nearestOnSurface(*walked, inputs, s, -1, k, a, da, 0);
+        const int nb = nearestOnSurface(*tabled, inputs, s, -1, k, b, db, 0);
+        ASSERT_EQ(na, k);
+        ASSERT_EQ(nb, k);
+        for (int i = 0; i < k; ++i) {
+            // The same distances but for the order of their sums; guides swap only at a near tie.
+            EXPECT_NEAR(std::sqrt(da[i]), std::sqrt(db[i]), 1e-4f * (1.0f + std::sqrt(da[i])));
+            differ += a[i] != b[i] ? 1 : 0;
+        }
+    }
+    EXPECT_LE(differ, strands->strandCount() / 100);
+}
+
 }  // namespace
 }  // namespace velmorin

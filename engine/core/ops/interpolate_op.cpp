@@ -590,7 +590,8 @@ class InterpolateOp final : public Operator {
         readStrandRoots(p);
         prepareTubes(p, *rows);
         if (p.settings.followSurface)
-            p.binding.surface = makeSurfaceGuides(p.scalp, p.guides, p.strands->roots());
+            p.binding.surface =
+                makeSurfaceGuides(p.scalp, p.guides, p.strands->roots(), p.settings.candidates + 1);
         const auto state = rebindStrands(previousState, p.settings, p.binding);
         auto made = std::make_shared<StrandSet>(*p.strands);
         std::span<float> influence;
