@@ -126,12 +126,19 @@ void BM_InterpolateFillTubes(benchmark::State& state) {
     tubeSettings.tubeRiders = tubes->ridersHash;
     const auto bound = bindStrands(tubeSettings, inputs);
     const InterpolateGuideRows rows = makeGuideRows(g.guidePointers, g.scalp.get());
-    std::vector<Vec3f> out(g.strands->points().begin(), g.strands->points().end());
-    for (auto _ : state)
+    std::vector<Vec3f> shaped(g.strands->points().begin(), g.strands->points().end());
+    runWithThreads(2, [&] { shapeStrands(*bound, rows, ShapeSettings{}, *g.strands, shaped, {}); });
+    std::vector<Vec3f> out;
+    for (auto _ : state) {
+        // Leaners mix into the blend: each pass starts from the shape stage's points.
+        state.PauseTiming();
+        out = shaped;
+        state.ResumeTiming();
         runWithThreads(2, [&] {
             tubes = bindTubes(makeTubeGuides(g.guidePointers, g.scalp.get(), 16, 0.25f), test);
             rideTubes(*bound, *tubes, ShapeSettings{}, *g.strands, out);
         });
+    }
     std::size_t riders = 0, leaners = 0;
     for (std::size_t s = 0; s < tubes->strandCount(); ++s) {
         riders += tubes->riding[s];
