@@ -323,5 +323,32 @@ TEST(InterpolateTubes, FilledTubesMakeTheSameBitsOnOneAndTwoThreadsAndIncrementa
     }
 }
 
+TEST(InterpolateTubes, AStrandIsShapedAloneSoAPreviewSubsetKeepsItsBits) {
+    // Tubes, the surface walk and clearance together: every strand's result hangs on its own
+    // root, so a preview holding every third strand gives those strands the same bits.
+    const auto head = makeHeadScalp(1);
+    const auto strands = strandsOnHead();
+    const auto guides = tubesOnHead(head);
+    auto subset = std::make_shared<StrandSet>();
+    std::vector<std::size_t> kept;
+    for (std::size_t s = 0; s < strands->strandCount(); s += 3) {
+        subset->addStrand(strands->ids()[s], strands->roots()[s], strands->strandPoints(s));
+        kept.push_back(s);
+    }
+    const auto op = filling();
+    op->paramSet.set("followSurface", true);
+    op->paramSet.set("keepClearance", true);
+    const auto whole = op->evaluate(EvalContext{}, {strands, guides, head}).get<StrandSet>();
+    const auto part = op->evaluate(EvalContext{}, {subset, guides, head}).get<StrandSet>();
+    std::size_t riders = 0;
+    for (std::size_t i = 0; i < kept.size(); ++i) {
+        ASSERT_EQ(bitsOf(part->strandPoints(i)), bitsOf(whole->strandPoints(kept[i]))) << kept[i];
+        const float id = (*part->strandChannel(channels::kTubeId))[i];
+        EXPECT_EQ(id, (*whole->strandChannel(channels::kTubeId))[kept[i]]);
+        riders += id >= 0.0f ? 1 : 0;
+    }
+    EXPECT_GT(riders, 0u);
+}
+
 }  // namespace
 }  // namespace velmorin
