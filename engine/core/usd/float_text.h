@@ -3,13 +3,10 @@
 // (fixed or scientific, whichever is shorter, fixed on a tie), written faster than std::to_chars
 // writes it: the exporters print tens of millions of floats a frame. The digits come from the
 // Schubfach method (R. Giulietti, "The Schubfach way to render doubles", 2020) in its 32-bit form:
-// one 64 by 32-bit product with a table of 77 powers of ten, the interval's bounds a multiple of
-// the power either side of it, and no search over lengths. The text is then put together from
-// whole words: eight digits at once, and the decimal point placed by fixed-size copies.
+// one 64 by 32-bit product per bound with a table of 77 powers of ten, and no search over lengths.
 
 #include <bit>
 #include <charconv>
-#include <cstddef>
 #include <cstdint>
 #include <cstring>
 
@@ -51,25 +48,16 @@ constexpr int floorLog10ThreeQuartersPow2(int q) {
     return (q * 1262611 - 524031) >> 22;
 }
 
-// A 128-bit number in two words, enough for the 96-bit products below.
-struct Wide {
-    std::uint64_t high;
-    std::uint64_t low;
-
-    Wide plus(Wide other) const {
-        const std::uint64_t sum = low + other.low;
-        return {high + other.high + (sum < low ? 1 : 0), sum};
-    }
-    Wide minus(Wide other) const {
-        return {high - other.high - (low < other.low ? 1 : 0), low - other.low};
-    }
-    // The value over 2^64 rounded to odd, exact enough to tell the three bounds apart: the whole
-    // part, made odd when the fraction's leading 32 bits are more than 1.
-    std::uint32_t roundedToOdd() const {
-        return static_cast<std::uint32_t>(high) |
-               (static_cast<std::uint32_t>(low >> 32) > 1 ? 1u : 0u);
-    }
-};
+// g * cp / 2^64 rounded to odd: exact enough to tell the three bounds apart.
+inline std::uint32_t roundToOdd(std::uint64_t g, std::uint32_t cp) {
+    // The 96-bit product shifted down by 32, from two 64-bit products (cp < 2^30, so no carry is
+    // lost): its top 32 bits are the whole part, its low 32 the fraction's leading bits.
+    const std::uint64_t low = (g & 0xFFFFFFFFu) * cp;
+    const std::uint64_t middle = (g >> 32) * cp + (low >> 32);
+    const auto y1 = static_cast<std::uint32_t>(middle >> 32);
+    const auto y0 = static_cast<std::uint32_t>(middle);
+    return y1 | (y0 > 1 ? 1u : 0u);
+}
 
 struct Decimal {
     std::uint32_t digits;  // no trailing zeros
@@ -91,21 +79,15 @@ inline Decimal shortestUntrimmed(std::uint32_t bits) {
     }
     const bool even = (c & 1) == 0;
     const bool lowerCloser = fraction == 0 && biased > 1;
+    const std::uint32_t cbl = 4 * c - 2 + (lowerCloser ? 1 : 0);
+    const std::uint32_t cb = 4 * c;
+    const std::uint32_t cbr = 4 * c + 2;
     const int k = lowerCloser ? floorLog10ThreeQuartersPow2(q) : floorLog10Pow2(q);
     const int h = q + floorLog2Pow10(-k) + 1;
     const std::uint64_t g = kPow10[-k - kPow10Min];
-    // g * (4c << h) in full from two 64-bit products (it is below 2^96); the bounds lie g * (2 <<
-    // h) either side of it, or half that below when the lower neighbour is closer.
-    const std::uint32_t cb = (4 * c) << h;
-    const std::uint64_t low = (g & 0xFFFFFFFFu) * cb;
-    const std::uint64_t middle = (g >> 32) * cb + (low >> 32);
-    const Wide center{middle >> 32, (middle << 32) | (low & 0xFFFFFFFFu)};
-    const Wide step{g >> (63 - h), g << (h + 1)};
-    const Wide below =
-        lowerCloser ? Wide{step.high >> 1, (step.low >> 1) | (step.high << 63)} : step;
-    const std::uint32_t vbl = center.minus(below).roundedToOdd();
-    const std::uint32_t vb = center.roundedToOdd();
-    const std::uint32_t vbr = center.plus(step).roundedToOdd();
+    const std::uint32_t vbl = roundToOdd(g, cbl << h);
+    const std::uint32_t vb = roundToOdd(g, cb << h);
+    const std::uint32_t vbr = roundToOdd(g, cbr << h);
     const std::uint32_t lower = vbl + (even ? 0 : 1);
     const std::uint32_t upper = vbr - (even ? 0 : 1);
     // One digit fewer than vb / 4 has, when a number of that length lies in the interval.
@@ -138,30 +120,26 @@ inline constexpr char kDigitPairs[] =
     "40414243444546474849505152535455565758596061626364656667686970717273747576777879"
     "8081828384858687888990919293949596979899";
 
-// The eight digits of x < 10^8 as characters, the first in the lowest byte: two halves of four
-// digits side by side, split into pairs and then into digits, each step one multiplication.
-inline std::uint64_t eightDigits(std::uint32_t x) {
-    const std::uint64_t halves = (x / 10000) | (static_cast<std::uint64_t>(x % 10000) << 32);
-    std::uint64_t tens = ((halves * 10486) >> 20) & ((0x7Full << 32) | 0x7Full);  // / 100
-    const std::uint64_t pairs = ((halves - 100 * tens) << 16) + tens;
-    tens = ((pairs * 103) >> 10) & 0x000F000F000F000Full;  // / 10
-    return (((pairs - 10 * tens) << 8) + tens) | 0x3030303030303030ull;
+// Writes the digits of `value` (at most 9) right-aligned to end at `end`; returns their count.
+inline int writeDigits(char* end, std::uint32_t value) {
+    char* out = end;
+    while (value >= 100) {
+        const std::uint32_t pair = value % 100;
+        value /= 100;
+        out -= 2;
+        std::memcpy(out, kDigitPairs + 2 * pair, 2);
+    }
+    if (value >= 10) {
+        out -= 2;
+        std::memcpy(out, kDigitPairs + 2 * value, 2);
+    } else {
+        *--out = static_cast<char>('0' + value);
+    }
+    return static_cast<int>(end - out);
 }
 
-// The number of decimal digits of v > 0.
-inline int digitCount(std::uint32_t v) {
-    static constexpr std::uint32_t kPowers[] = {1,      10,      100,      1000,      10000,
-                                                100000, 1000000, 10000000, 100000000, 1000000000};
-    const int guess = (std::bit_width(v) * 1233) >> 12;
-    return guess + (v >= kPowers[guess] ? 1 : 0);
-}
-
-// How far past `out` writeFloat may store: it copies whole words, though its text is at most 15
-// characters.
-inline constexpr std::size_t kWriteRoom = 24;
-
-// Writes a finite float at `out` as std::to_chars writes its shortest form; returns the end. The
-// text is at most 15 characters; `out` has room for kWriteRoom.
+// Writes a finite float at `out` as std::to_chars writes its shortest form; returns the end. At
+// most 15 characters.
 inline char* writeFloat(char* out, float value) {
     const std::uint32_t bits = std::bit_cast<std::uint32_t>(value);
     if ((bits >> 31) != 0) *out++ = '-';
@@ -170,59 +148,57 @@ inline char* writeFloat(char* out, float value) {
         return out;
     }
     const Decimal d = shortestDecimal(bits & 0x7FFFFFFFu);
-    // All nine digit places, then the n digits of the number start at `first`; the buffer is long
-    // enough to copy 16 bytes from anywhere in them.
-    char digits[32];
-    const std::uint32_t top = d.digits / 100000000;
-    digits[0] = static_cast<char>('0' + top);
-    const std::uint64_t rest = eightDigits(d.digits - top * 100000000);
-    std::memcpy(digits + 1, &rest, 8);
-    const int n = digitCount(d.digits);
-    const char* first = digits + 9 - n;
+    char digits[10];
+    const int n = writeDigits(digits + 10, d.digits);
+    const char* first = digits + 10 - n;
     const int k = d.exponent;
+    const int sci = k + n - 1;  // the exponent of the scientific form
     const int scientificLength = n + (n > 1 ? 1 : 0) + 4;
-    if (k < 0) {
-        const int whole = n + k;
-        if (whole > 0) {
-            // The point inside the digits: all of them, then the fraction's moved one along.
-            std::memcpy(out, first, 16);
-            out[whole] = '.';
-            std::memcpy(out + whole + 1, first + whole, 8);
-            return out + n + 1;
-        }
-        if (2 - k <= scientificLength) {
-            // "0." and at most three zeros before the digits.
-            std::memcpy(out, "0.000", 5);
-            out += 2 - whole;
-            std::memcpy(out, first, 16);
-            return out + n;
-        }
-    } else if (k == 0) {
-        std::memcpy(out, first, 16);
-        return out + n;
-    } else if (n + k <= scientificLength) {
-        // The float is a whole number. Past 2^24 its exact digits are as short as the shortest
-        // digits padded with zeros, and nearer, so std::to_chars writes those.
-        const int shift = static_cast<int>((bits >> 23) & 0xFFu) - 150;
-        std::uint64_t whole = d.digits;
-        if (shift >= 0) {
-            whole = static_cast<std::uint64_t>((bits & 0x7FFFFFu) | 0x800000u) << shift;
+    const int fixedLength = k >= 0 ? n + k : (n > -k ? n + 1 : 2 - k);
+    if (fixedLength <= scientificLength) {
+        if (k > 0) {
+            // The float is a whole number. Past 2^24 its exact digits are as short as the shortest
+            // digits padded with zeros, and nearer, so std::to_chars writes those.
+            const int shift = static_cast<int>((bits >> 23) & 0xFFu) - 150;
+            std::uint64_t whole = d.digits;
+            if (shift >= 0) {
+                whole = static_cast<std::uint64_t>((bits & 0x7FFFFFu) | 0x800000u) << shift;
+            } else {
+                for (int i = 0; i < k; ++i)
+                    whole *= 10;
+            }
+            return std::to_chars(out, out + 20, whole).ptr;
+        } else if (k == 0) {
+            std::memcpy(out, first, static_cast<std::size_t>(n));
+            out += n;
+        } else if (n > -k) {
+            const int whole = n + k;
+            std::memcpy(out, first, static_cast<std::size_t>(whole));
+            out += whole;
+            *out++ = '.';
+            std::memcpy(out, first + whole, static_cast<std::size_t>(-k));
+            out += -k;
         } else {
-            for (int i = 0; i < k; ++i)
-                whole *= 10;
+            *out++ = '0';
+            *out++ = '.';
+            for (int i = 0; i < -k - n; ++i)
+                *out++ = '0';
+            std::memcpy(out, first, static_cast<std::size_t>(n));
+            out += n;
         }
-        return std::to_chars(out, out + 20, whole).ptr;
+        return out;
     }
-    out[0] = first[0];
-    out[1] = '.';
-    std::memcpy(out + 2, first + 1, 8);
-    out += n > 1 ? n + 1 : 1;
-    const int exponent = k + n - 1;
-    out[0] = 'e';
-    out[1] = exponent < 0 ? '-' : '+';
-    const int magnitude = exponent < 0 ? -exponent : exponent;
-    std::memcpy(out + 2, kDigitPairs + 2 * magnitude, 2);
-    return out + 4;
+    *out++ = first[0];
+    if (n > 1) {
+        *out++ = '.';
+        std::memcpy(out, first + 1, static_cast<std::size_t>(n - 1));
+        out += n - 1;
+    }
+    *out++ = 'e';
+    *out++ = sci < 0 ? '-' : '+';
+    const int magnitude = sci < 0 ? -sci : sci;
+    std::memcpy(out, kDigitPairs + 2 * magnitude, 2);
+    return out + 2;
 }
 
 }  // namespace velmorin::float_text

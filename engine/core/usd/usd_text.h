@@ -17,8 +17,6 @@ namespace velmorin {
 
 // The most characters one float takes: a sign, nine digits, the point and "e-38".
 inline constexpr std::size_t kUsdFloatChars = 16;
-// The room writeUsdFloat needs at `out`: it stores whole words past the end of its text.
-inline constexpr std::size_t kUsdFloatRoom = float_text::kWriteRoom;
 // The most characters one 64-bit integer takes.
 inline constexpr std::size_t kUsdIntChars = 20;
 
@@ -32,7 +30,7 @@ std::string usdQuoted(std::string_view text);
 
 // Writes a float at `out` and returns the end: the shortest text that reads back as the same
 // float, the very text std::to_chars writes, in about three quarters of its time; "nan", "inf" and
-// "-inf" for the values that are not finite. `out` has room for kUsdFloatRoom.
+// "-inf" for the values that are not finite. `out` has room for kUsdFloatChars.
 inline char* writeUsdFloat(char* out, float value) {
     if (std::isnan(value)) {
         std::memcpy(out, "nan", 3);

@@ -436,7 +436,7 @@ UsdCurvesWriter::FramePlan UsdCurvesWriter::planFrame(
         const float pad = 0.5f * whole.widest;
         const Vec3f lo = whole.min - Vec3f{pad, pad, pad};
         const Vec3f hi = whole.max + Vec3f{pad, pad, pad};
-        char text[2 * (3 * kUsdFloatChars + 6) + 4 + kUsdFloatRoom];
+        char text[2 * (3 * kUsdFloatChars + 6) + 4];
         char* out = text;
         const auto corner = [&](const Vec3f& v) {
             *out++ = '(';
@@ -588,7 +588,7 @@ bool UsdCurvesWriter::appendArray(Property& property, const FramePlan& plan, std
         const std::size_t last = plan.strand(end - 1);
         const std::size_t elements =
             item.perPoint ? offsets[last + 1] - offsets[plan.strand(begin)] : end - begin;
-        char* out = buffer.reserve(elements * bound + kUsdFloatRoom);
+        char* out = buffer.reserve(elements * bound);
         char* const start = out;
         bool first = begin == 0;
         const auto separate = [&] {
