@@ -140,7 +140,9 @@ TEST(UsdText, FloatsAreWrittenShortestAndReadBackExactly) {
         {std::numeric_limits<float>::infinity(), "inf"},
         {-std::numeric_limits<float>::infinity(), "-inf"},
     };
-    char text[kUsdFloatChars];
+    // The writer keeps within the room it asks for.
+    char text[kUsdFloatChars + 8];
+    std::fill(std::begin(text) + kUsdFloatChars, std::end(text), '#');
     for (const auto& [value, expected] : texts)
         EXPECT_EQ(std::string(text, writeUsdFloat(text, value)), expected);
     // Every finite float is written as std::to_chars writes it, and reads back as itself within
@@ -153,6 +155,16 @@ TEST(UsdText, FloatsAreWrittenShortestAndReadBackExactly) {
         for (std::uint32_t low = 0; low < 3; ++low) {
             patterns.push_back(exponent << 23 | low);
             patterns.push_back((exponent << 23 | 0x7FFFFFu) - low);
+        }
+    }
+    // Every length of digits at every place of the point, and the floats either side of them:
+    // "0.000ddd", "d.ddd", "ddd", whole numbers with zeros, and the scientific forms.
+    for (std::uint32_t digits = 1, length = 1; length <= 9;
+         ++length, digits = digits * 10 + length) {
+        for (int exponent = -14; exponent <= 14; ++exponent) {
+            const auto bits =
+                std::bit_cast<std::uint32_t>(static_cast<float>(digits * std::pow(10.0, exponent)));
+            patterns.insert(patterns.end(), {bits - 1, bits, bits + 1});
         }
     }
     for (std::uint32_t whole = 16777000; whole < 16777300; ++whole) {
@@ -172,6 +184,7 @@ TEST(UsdText, FloatsAreWrittenShortestAndReadBackExactly) {
         const auto result = std::from_chars(text, end, back);
         ASSERT_TRUE(result.ec == std::errc() && result.ptr == end) << std::string(text, end);
         ASSERT_EQ(std::bit_cast<std::uint32_t>(back), bits) << std::string(text, end);
+        ASSERT_EQ(std::string(text + kUsdFloatChars, 8), std::string(8, '#')) << bits;
     }
     EXPECT_EQ(usdDouble(24.0), "24");
     EXPECT_EQ(usdDouble(0.01), "0.01");
