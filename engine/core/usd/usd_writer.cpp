@@ -59,7 +59,9 @@ std::size_t elementChars(Source source) {
     return 0;
 }
 
-// The spool of one property: its time samples as they will stand in the file.
+// The spool of one property: its time samples as they will stand in the file. Its text is the
+// file's bytes followed by the pieces held in memory; the file is made when the spool opens, so a
+// path that cannot be written fails at once, even while the text stays in memory.
 class Spool {
   public:
     Spool() = default;
@@ -73,45 +75,96 @@ class Spool {
         if (file_ != nullptr) std::setvbuf(file_, nullptr, _IOFBF, kIoBlock);
         return file_ != nullptr;
     }
-    bool append(const char* data, std::size_t size) {
-        if (file_ == nullptr) return false;
+
+    // Appends to the file, after whatever it holds.
+    bool write(const char* data, std::size_t size) {
+        if (file_ == nullptr || !spill()) return false;
         if (size == 0) return true;
-        if (std::fwrite(data, 1, size, file_) != size) return false;
-        size_ += size;
+        if (std::fwrite(data, 1, size, file_) != size) {
+            failed_ = true;
+            return false;
+        }
+        fileBytes_ += size;
         return true;
     }
-    bool append(std::string_view text) { return append(text.data(), text.size()); }
-    bool flush() { return file_ != nullptr && std::fflush(file_) == 0; }
-    std::uint64_t size() const { return size_; }
+    // Keeps `size` bytes of `data` in memory, taking the buffer over.
+    void hold(std::unique_ptr<char[]> data, std::size_t size) {
+        if (size == 0) return;
+        held_.push_back({std::move(data), size});
+        heldBytes_ += size;
+    }
+    // Moves the text held in memory to the file.
+    bool spill() {
+        std::size_t moved = 0;
+        for (; moved < held_.size(); ++moved) {
+            const Piece& piece = held_[moved];
+            if (std::fwrite(piece.data.get(), 1, piece.size, file_) != piece.size) {
+                failed_ = true;
+                break;
+            }
+            fileBytes_ += piece.size;
+            heldBytes_ -= piece.size;
+        }
+        held_.erase(held_.begin(), held_.begin() + static_cast<std::ptrdiff_t>(moved));
+        return held_.empty();
+    }
+    bool flush() {
+        if (file_ != nullptr && std::fflush(file_) == 0) return true;
+        failed_ = true;
+        return false;
+    }
+    std::uint64_t size() const { return fileBytes_ + heldBytes_; }
+    std::size_t heldBytes() const { return heldBytes_; }
 
-    // Cuts the spool back to `size` bytes, undoing a frame that could not be written whole.
+    // Cuts the spool back to `size` bytes, undoing a frame that could not be written whole. The
+    // file is cut too when it is longer than that or a write to it failed part-way.
     bool truncate(std::uint64_t size) {
+        std::uint64_t keep = size > fileBytes_ ? size - fileBytes_ : 0;
+        std::size_t pieces = 0;
+        heldBytes_ = 0;
+        for (; pieces < held_.size() && keep > 0; ++pieces) {
+            Piece& piece = held_[pieces];
+            piece.size = static_cast<std::size_t>(std::min<std::uint64_t>(keep, piece.size));
+            keep -= piece.size;
+            heldBytes_ += piece.size;
+        }
+        held_.resize(pieces);
+        if (size >= fileBytes_ && !failed_) return true;
         if (file_ != nullptr) std::fclose(file_);
+        fileBytes_ = std::min(size, fileBytes_);
         std::error_code error;
-        std::filesystem::resize_file(path_, size, error);
+        std::filesystem::resize_file(path_, fileBytes_, error);
         file_ = std::fopen(path_.c_str(), "r+b");
         if (error || file_ == nullptr || std::fseek(file_, 0, SEEK_END) != 0) return false;
         std::setvbuf(file_, nullptr, _IOFBF, kIoBlock);
-        size_ = size;
+        failed_ = false;
         return true;
     }
 
-    // Appends the whole spool to `out` through `block`.
+    // Appends the whole spool to `out`: the file through `block`, then the pieces in memory.
     bool copyTo(std::FILE* out, std::vector<char>& block) {
-        if (!flush() || std::fseek(file_, 0, SEEK_SET) != 0) return false;
-        std::uint64_t left = size_;
-        while (left > 0) {
-            const std::size_t want =
-                static_cast<std::size_t>(std::min<std::uint64_t>(left, block.size()));
-            if (std::fread(block.data(), 1, want, file_) != want) return false;
-            if (std::fwrite(block.data(), 1, want, out) != want) return false;
-            left -= want;
+        if (fileBytes_ > 0) {
+            if (!flush() || std::fseek(file_, 0, SEEK_SET) != 0) return false;
+            std::uint64_t left = fileBytes_;
+            while (left > 0) {
+                const std::size_t want =
+                    static_cast<std::size_t>(std::min<std::uint64_t>(left, block.size()));
+                if (std::fread(block.data(), 1, want, file_) != want) return false;
+                if (std::fwrite(block.data(), 1, want, out) != want) return false;
+                left -= want;
+            }
+            if (std::fseek(file_, 0, SEEK_END) != 0) return false;
         }
-        return std::fseek(file_, 0, SEEK_END) == 0;
+        for (const Piece& piece : held_) {
+            if (std::fwrite(piece.data.get(), 1, piece.size, out) != piece.size) return false;
+        }
+        return true;
     }
 
-    // Closes and removes the spool; a failed removal is ignored.
+    // Closes and removes the spool and lets its memory go; a failed removal is ignored.
     void discard() {
+        held_.clear();
+        heldBytes_ = 0;
         if (file_ == nullptr) return;
         std::fclose(file_);
         file_ = nullptr;
@@ -120,9 +173,17 @@ class Spool {
     }
 
   private:
+    struct Piece {
+        std::unique_ptr<char[]> data;
+        std::size_t size = 0;
+    };
+
     std::filesystem::path path_;
     std::FILE* file_ = nullptr;
-    std::uint64_t size_ = 0;
+    std::uint64_t fileBytes_ = 0;
+    std::vector<Piece> held_;
+    std::size_t heldBytes_ = 0;
+    bool failed_ = false;  // a write failed, so the file may hold bytes past fileBytes_
 };
 
 // The opening of every message about one frame.
@@ -235,6 +296,44 @@ UsdCurvesWriter::Property& UsdCurvesWriter::addProperty(int rank, const std::str
     byName_[name] = property.get();
     properties_.push_back(std::move(property));
     return added;
+}
+
+// Spooled text stays in memory while all spools together hold no more than the budget; the first
+// text that would pass it sends every spool to its file, and later text follows it there.
+bool UsdCurvesWriter::spoolText(Property& property, std::string_view text) {
+    if (!spilled_ && heldBytes_ + text.size() <= options_.spoolMemoryBytes) {
+        auto copy = std::make_unique_for_overwrite<char[]>(text.size());
+        std::memcpy(copy.get(), text.data(), text.size());
+        property.spool.hold(std::move(copy), text.size());
+        heldBytes_ += text.size();
+        return true;
+    }
+    return spillToFiles() && property.spool.write(text.data(), text.size());
+}
+
+// A chunk's text is held by taking its buffer over, without a copy; the chunk gets a fresh one.
+bool UsdCurvesWriter::spoolChunk(Property& property, ChunkBuffer& chunk) {
+    if (!spilled_ && heldBytes_ + chunk.used <= options_.spoolMemoryBytes) {
+        if (chunk.used == 0) return true;
+        property.spool.hold(std::move(chunk.data), chunk.used);
+        heldBytes_ += chunk.used;
+        chunk.capacity = 0;
+        chunk.used = 0;
+        return true;
+    }
+    return spillToFiles() && property.spool.write(chunk.data.get(), chunk.used);
+}
+
+bool UsdCurvesWriter::spillToFiles() {
+    if (spilled_) return true;
+    spilled_ = true;
+    bool moved = true;
+    heldBytes_ = 0;
+    for (const auto& property : properties_) {
+        moved = property->spool.spill() && moved;
+        heldBytes_ += property->spool.heldBytes();
+    }
+    return moved;
 }
 
 UsdCurvesWriter::FramePlan UsdCurvesWriter::planFrame(
@@ -566,7 +665,7 @@ bool UsdCurvesWriter::appendArray(Property& property, const FramePlan& plan, std
         buffer.used = static_cast<std::size_t>(out - start);
     };
 
-    if (!property.spool.append(plan.frameText) || !property.spool.append(": [")) return false;
+    if (!spoolText(property, plan.frameText + ": [")) return false;
     // Blocks go through two sets of chunk buffers, so that one block is written to the spool while
     // the next is formatted: the file's bytes then cost no thread its share of the formatting.
     if (chunks_.size() < 2 * kBlockChunks) chunks_.resize(2 * kBlockChunks);
@@ -583,8 +682,7 @@ bool UsdCurvesWriter::appendArray(Property& property, const FramePlan& plan, std
                 if (task == 0 && block > 0) {
                     const std::size_t set = (block - 1) % 2 * kBlockChunks;
                     for (std::size_t c = 0; c < chunksOf(block - 1) && written; ++c) {
-                        written = property.spool.append(chunks_[set + c].data.get(),
-                                                        chunks_[set + c].used);
+                        written = spoolChunk(property, chunks_[set + c]);
                     }
                 }
                 if (task == 1 && block < blockCount) {
@@ -602,7 +700,7 @@ bool UsdCurvesWriter::appendArray(Property& property, const FramePlan& plan, std
         });
     }
     if (!written) return false;
-    return property.spool.append("],\n");
+    return spoolText(property, "],\n");
 }
 
 void UsdCurvesWriter::writeSamples(const FramePlan& plan, const StrandSet& strands) {
@@ -628,15 +726,13 @@ void UsdCurvesWriter::writeSamples(const FramePlan& plan, const StrandSet& stran
             if (written && item.source == Source::kPoints) {
                 Property& extent = *byName_.at("extent");
                 sampled[extent.order] = true;
-                written = extent.spool.append(plan.frameText) && extent.spool.append(": ") &&
-                          extent.spool.append(plan.extentText) && extent.spool.append(",\n");
+                written = spoolText(extent, plan.frameText + ": " + plan.extentText + ",\n");
             }
         }
         // A property this frame lacks is blocked here rather than left holding its last value.
         for (std::size_t p = 0; p < existing && written; ++p) {
             if (sampled[p]) continue;
-            written = properties_[p]->spool.append(plan.frameText) &&
-                      properties_[p]->spool.append(": None,\n");
+            written = spoolText(*properties_[p], plan.frameText + ": None,\n");
         }
         // A written frame is on disk whole, so that undoing a later one or a close that fails
         // (a full disk) cannot take any of it with them.
@@ -651,8 +747,11 @@ void UsdCurvesWriter::writeSamples(const FramePlan& plan, const StrandSet& stran
         byName_.erase(properties_.back()->name);
         properties_.pop_back();
     }
-    for (const auto& [property, size] : before)
+    heldBytes_ = 0;
+    for (const auto& [property, size] : before) {
         property->spool.truncate(size);
+        heldBytes_ += property->spool.heldBytes();
+    }
     cannotWrite();
 }
 

@@ -2,9 +2,11 @@
 // The USD writer of strands: a groom leaves for USD as plain .usda text that this writer composes
 // itself, with no USD library behind it. One writer makes one file. The host opens it, hands it
 // each frame in increasing order, and closes it. An animated groom is far too large to hold, so
-// each property's time samples go to a spool file of their own beside the output while frames
-// arrive, and `close` stitches the header, the prims and the spools into the file: memory stays
-// that of one frame however many frames there are.
+// each property's time samples go to a spool of their own while frames arrive, and `close`
+// stitches the header, the prims and the spools into the file. A spool holds its text in memory
+// while all spools together stay within UsdOptions::spoolMemoryBytes, so that a short export is
+// formatted once and written once; past that budget every spool goes on in a file of its own
+// beside the output, and memory stays that of one frame however many frames there are.
 //
 // The file holds one Xform (the default prim, of kind "component") with one linear BasisCurves
 // "strands" whose properties are all time-sampled: curveVertexCounts, points, extent, and, when
@@ -55,6 +57,10 @@ struct UsdOptions {
     std::vector<std::string> customData;
     // The strands prim is written with visibility "invisible".
     bool hidden = false;
+    // The most spooled text held in memory, all properties together. The frame that would go past
+    // it moves every spool's text to its file, and the spools stay in files from then on; 0 keeps
+    // them in files from the first frame.
+    std::size_t spoolMemoryBytes = std::size_t{1} << 30;
 };
 
 // Writes the strands of an animated groom to one .usda file.
@@ -107,6 +113,9 @@ class UsdCurvesWriter {
 
     Property& addProperty(int rank, const std::string& name, const std::string& declaration,
                           const std::string& metadata);
+    bool spoolText(Property& property, std::string_view text);
+    bool spoolChunk(Property& property, ChunkBuffer& chunk);
+    bool spillToFiles();
     FramePlan planFrame(double frame, const StrandSet& strands,
                         std::span<const std::array<float, 2>> rootUvs) const;
     void writeSamples(const FramePlan& plan, const StrandSet& strands);
@@ -123,6 +132,8 @@ class UsdCurvesWriter {
     std::size_t frames_ = 0;
     bool closed_ = false;
     std::vector<ChunkBuffer> chunks_;  // per-chunk text buffers, reused from frame to frame
+    std::size_t heldBytes_ = 0;        // spooled text held in memory, all spools together
+    bool spilled_ = false;             // the spools have gone to their files for good
 };
 
 }  // namespace velmorin

@@ -11,6 +11,7 @@
 #include <sys/resource.h>
 
 #include "base/hash.h"
+#include "base/parallel.h"
 #include "base/test/expect_message.h"
 #include "maps/test/map_test_support.h"
 #include "strands/channel_names.h"
@@ -139,7 +140,9 @@ TEST(UsdText, FloatsAreWrittenShortestAndReadBackExactly) {
         {std::numeric_limits<float>::infinity(), "inf"},
         {-std::numeric_limits<float>::infinity(), "-inf"},
     };
-    char text[kUsdFloatChars];
+    // The writer keeps within the room it asks for.
+    char text[kUsdFloatChars + 8];
+    std::fill(std::begin(text) + kUsdFloatChars, std::end(text), '#');
     for (const auto& [value, expected] : texts)
         EXPECT_EQ(std::string(text, writeUsdFloat(text, value)), expected);
     // Every finite float is written as std::to_chars writes it, and reads back as itself within
@@ -152,6 +155,16 @@ TEST(UsdText, FloatsAreWrittenShortestAndReadBackExactly) {
         for (std::uint32_t low = 0; low < 3; ++low) {
             patterns.push_back(exponent << 23 | low);
             patterns.push_back((exponent << 23 | 0x7FFFFFu) - low);
+        }
+    }
+    // Every length of digits at every place of the point, and the floats either side of them:
+    // "0.000ddd", "d.ddd", "ddd", whole numbers with zeros, and the scientific forms.
+    for (std::uint32_t digits = 1, length = 1; length <= 9;
+         ++length, digits = digits * 10 + length) {
+        for (int exponent = -14; exponent <= 14; ++exponent) {
+            const auto bits =
+                std::bit_cast<std::uint32_t>(static_cast<float>(digits * std::pow(10.0, exponent)));
+            patterns.insert(patterns.end(), {bits - 1, bits, bits + 1});
         }
     }
     for (std::uint32_t whole = 16777000; whole < 16777300; ++whole) {
@@ -171,6 +184,7 @@ TEST(UsdText, FloatsAreWrittenShortestAndReadBackExactly) {
         const auto result = std::from_chars(text, end, back);
         ASSERT_TRUE(result.ec == std::errc() && result.ptr == end) << std::string(text, end);
         ASSERT_EQ(std::bit_cast<std::uint32_t>(back), bits) << std::string(text, end);
+        ASSERT_EQ(std::string(text + kUsdFloatChars, 8), std::string(8, '#')) << bits;
     }
     EXPECT_EQ(usdDouble(24.0), "24");
     EXPECT_EQ(usdDouble(0.01), "0.01");
@@ -517,36 +531,109 @@ class FileSizeLimit {
 };
 
 // A frame that fails half-way through its spools is taken out of all of them, and a close that
-// fails leaves the writer open to try again.
+// fails leaves the writer open to try again. The spools are in files from the start, or hold the
+// first frame in memory and move to their files during the second.
 TEST(UsdCurvesWriter, UndoesWhatCannotBeWritten) {
-    ScratchFolder folder("usd-full");
-    const std::string path = folder.file("full.usda");
-    UsdCurvesWriter writer(path, UsdOptions{});
-    const StrandSet small = twoStrands();
-    writer.writeFrame(1, small);
-    {
-        const FileSizeLimit limit(64 * 1024);
-        expectMessage<UsdError>([&] { writer.writeFrame(2, test::randomStrands(20000, 5)); },
-                                "cannot write '" + path + "'");
-        writer.writeFrame(2, small);
+    for (const std::size_t memory : {std::size_t{0}, std::size_t{4096}}) {
+        SCOPED_TRACE(memory);
+        ScratchFolder folder("usd-full");
+        const std::string path = folder.file("full.usda");
+        UsdOptions options;
+        options.spoolMemoryBytes = memory;
+        UsdCurvesWriter writer(path, options);
+        const StrandSet small = twoStrands();
+        writer.writeFrame(1, small);
+        {
+            const FileSizeLimit limit(64 * 1024);
+            expectMessage<UsdError>([&] { writer.writeFrame(2, test::randomStrands(20000, 5)); },
+                                    "cannot write '" + path + "'");
+            writer.writeFrame(2, small);
+        }
+        {
+            StrandSet big = test::randomStrands(20000, 5);
+            big.overwriteWidths().clear();
+            writer.writeFrame(3, big);
+            const FileSizeLimit limit(64 * 1024);
+            expectMessage<UsdError>([&] { writer.close(); }, "cannot write '" + path + "'");
+            EXPECT_FALSE(writer.closed());
+        }
+        writer.close();
+        const UsdaLayer layer = parseUsda(readText(path));
+        const auto& strands = strandsPrim(layer);
+        EXPECT_EQ(sampleTimes(strands.property("points")), (std::vector<double>{1, 2, 3}));
+        // The channels of the failed frame 2 never came to be; those of frame 3 did.
+        EXPECT_EQ(sampleTimes(strands.property("primvars:mass")), (std::vector<double>{3}));
+        EXPECT_EQ(sampleTimes(strands.property("widths")), (std::vector<double>{1, 2, 3}));
+        EXPECT_TRUE(strands.property("widths")->samples[2].second.isNone());
+        EXPECT_EQ(std::distance(std::filesystem::directory_iterator(folder.path()), {}), 1);
     }
-    {
-        StrandSet big = test::randomStrands(20000, 5);
-        big.overwriteWidths().clear();
-        writer.writeFrame(3, big);
-        const FileSizeLimit limit(64 * 1024);
-        expectMessage<UsdError>([&] { writer.close(); }, "cannot write '" + path + "'");
-        EXPECT_FALSE(writer.closed());
+}
+
+// Spools held in memory, in files, or moved from one to the other part-way through a frame give
+// the same file, at one thread and at two. The memory is the budget's: nothing reaches the spool
+// files until a frame would pass it, and everything after it does.
+TEST(UsdCurvesWriter, WritesTheSameBytesWhereverItSpools) {
+    ScratchFolder folder("usd-spools");
+    // Three frames, the second with colours and a strand channel that the third lacks; each is
+    // formatted in several blocks.
+    std::vector<StrandSet> sets;
+    for (std::size_t f = 0; f < 3; ++f) {
+        StrandSet set = test::randomStrands(40000, 31 + f);
+        if (f == 1) {
+            for (std::size_t k = 0; k < 3; ++k) {
+                std::vector<float>& values =
+                    set.addPointChannel(std::string(channels::kColor[k]), 0.0f);
+                for (std::size_t p = 0; p < values.size(); ++p)
+                    values[p] = unitFloat(hashCombine(p, k));
+            }
+        } else if (f == 2) {
+            set.removeStrandChannel("mass");
+        }
+        sets.push_back(std::move(set));
     }
-    writer.close();
-    const UsdaLayer layer = parseUsda(readText(path));
-    const auto& strands = strandsPrim(layer);
-    EXPECT_EQ(sampleTimes(strands.property("points")), (std::vector<double>{1, 2, 3}));
-    // The channels of the failed frame 2 never came to be; those of frame 3 did.
-    EXPECT_EQ(sampleTimes(strands.property("primvars:mass")), (std::vector<double>{3}));
-    EXPECT_EQ(sampleTimes(strands.property("widths")), (std::vector<double>{1, 2, 3}));
-    EXPECT_TRUE(strands.property("widths")->samples[2].second.isNone());
-    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(folder.path()), {}), 1);
+    const std::string path = folder.file("spools.usda");
+    const std::string pointsSpool = path + ".points.spool";
+    // The text of frame 1 alone, to set a budget that the second frame passes.
+    std::size_t firstFrameBytes = 0;
+    {
+        UsdCurvesWriter writer(path, UsdOptions{});
+        writer.writeFrame(1, sets[0]);
+        writer.close();
+        firstFrameBytes = std::filesystem::file_size(path);
+    }
+    std::string expected;
+    for (const std::size_t memory :
+         {std::size_t{1} << 30, std::size_t{0}, firstFrameBytes, firstFrameBytes + 1000000}) {
+        for (const int threads : {1, 2}) {
+            SCOPED_TRACE(std::to_string(memory) + " bytes, " + std::to_string(threads) +
+                         " threads");
+            runWithThreads(threads, [&] {
+                UsdOptions options;
+                options.spoolMemoryBytes = memory;
+                UsdCurvesWriter writer(path, options);
+                for (std::size_t f = 0; f < sets.size(); ++f) {
+                    writer.writeFrame(static_cast<double>(f + 1), sets[f]);
+                    // Text in the file means the budget was passed by this frame or before.
+                    const std::size_t passedAt = memory == 0 ? 0 : 1;
+                    EXPECT_EQ(std::filesystem::file_size(pointsSpool) > 0,
+                              memory < (std::size_t{1} << 30) && f >= passedAt)
+                        << "frame " << f + 1;
+                }
+                writer.close();
+            });
+            const std::string text = readText(path);
+            if (expected.empty()) {
+                expected = text;
+                const UsdaLayer layer = parseUsda(text);
+                const UsdaProperty* mass = strandsPrim(layer).property("primvars:mass");
+                ASSERT_NE(mass, nullptr);
+                EXPECT_TRUE(mass->samples[2].second.isNone());
+            } else {
+                EXPECT_TRUE(text == expected);
+            }
+            EXPECT_EQ(std::distance(std::filesystem::directory_iterator(folder.path()), {}), 1);
+        }
+    }
 }
 
 TEST(UsdCurvesWriter, RefusesBadOptionsAndPaths) {
