@@ -331,18 +331,13 @@ void curlStrands(const StrandSet& input, const CurlSettings& settings,
                 const float angle = kTwoPi * (turns + draws.phaseTurns);
                 float x = 0.0f;
                 float y = 0.0f;
-                switch (settings.shape) {
-                    case CurlShape::Helix:
-                    case CurlShape::Coil:
-                        x = radius * std::cos(angle);
-                        y = radius * std::sin(angle);
-                        break;
-                    case CurlShape::Wave:
-                        x = radius * std::sin(angle);
-                        break;
-                    case CurlShape::Zigzag:
-                        x = radius * triangleWave(turns + draws.phaseTurns);
-                        break;
+                if (settings.shape == CurlShape::Zigzag) {
+                    x = radius * triangleWave(turns + draws.phaseTurns);
+                } else {
+                    // One call makes both: the sine and cosine of one angle.
+                    const float cosA = std::cos(angle), sinA = std::sin(angle);
+                    x = settings.shape == CurlShape::Wave ? radius * sinA : radius * cosA;
+                    y = settings.shape == CurlShape::Wave ? 0.0f : radius * sinA;
                 }
                 // The segment keeps its length: what the offset takes of it comes off the way
                 // along the line, which shrinks the axis.
