@@ -46,15 +46,15 @@ void boxFilter(Cells& cells, int m, float width) {
     const int period = 2 * m;
     int at = lowCell % period;
     if (at < 0) at += period;
+    Vec3f sum;
+    cells.sums[0] = sum;
     for (int i = 0; i < count; ++i) {
-        cells.window[static_cast<std::size_t>(i)] =
-            cells.differences[static_cast<std::size_t>(at < m ? at : period - 1 - at)];
+        const Vec3f d = cells.differences[static_cast<std::size_t>(at < m ? at : period - 1 - at)];
         if (++at == period) at = 0;
+        cells.window[static_cast<std::size_t>(i)] = d;
+        sum += d;
+        cells.sums[static_cast<std::size_t>(i + 1)] = sum;
     }
-    cells.sums[0] = Vec3f{};
-    for (int i = 0; i < count; ++i)
-        cells.sums[static_cast<std::size_t>(i + 1)] =
-            cells.sums[static_cast<std::size_t>(i)] + cells.window[static_cast<std::size_t>(i)];
     const float scale = 1.0f / width;
     for (int j = 0; j < m; ++j) {
         const auto from = static_cast<std::size_t>(j);
