@@ -189,5 +189,29 @@ BENCHMARK(BM_ShapeCurl)
     ->Unit(benchmark::kMillisecond)
     ->UseRealTime();
 
+// The same curls with a tolerance of 5% of the radius: the strands cut where they are too coarse,
+// into a fresh set, then curled. "bytes_per_second" counts the points read, as above; the
+// "points" counter is how many the cut strands hold, per point that came in.
+void BM_ShapeCurlTolerance(benchmark::State& state) {
+    CurlSettings settings;
+    settings.frequency = 3.0f;
+    settings.spacingRandom = 0.3f;
+    settings.weight = 0.5f;
+    settings.tolerance = 0.05f;
+    const StrandSet& input = strands();
+    std::size_t points = 0;
+    for (auto _ : state) {
+        const StrandSet cut = subdivideForCurl(input, settings);
+        std::vector<Vec3f> out(cut.pointCount());
+        curlStrands(cut, settings, StrandSelection::every(), out);
+        points = out.size();
+        benchmark::DoNotOptimize(out.data());
+    }
+    setBytes(state);
+    state.counters["points"] =
+        static_cast<double>(points) / static_cast<double>(input.pointCount());
+}
+BENCHMARK(BM_ShapeCurlTolerance)->Unit(benchmark::kMillisecond)->UseRealTime();
+
 }  // namespace
 }  // namespace velmorin

@@ -316,7 +316,7 @@ void curlStrands(const StrandSet& input, const CurlSettings& settings,
                 // A turn can't reach further around than its own length: wider curls are held
                 // to a flat circle (a zigzag to its straight flanks), so the strand keeps its
                 // length.
-                if (rate > 0.0f) radius = std::min(radius, widest / rate);
+                if (rate > 0.0f && radius * rate > widest) radius = std::min(radius, widest / rate);
                 if (weighted && hanging[k] > 0.0f && rate > 0.0f && radius > 0.0f) {
                     // A turn keeps its length while its spacing stretches, so its radius narrows;
                     // stretched past its length the curl goes straight.
@@ -365,9 +365,14 @@ void curlStrands(const StrandSet& input, const CurlSettings& settings,
                     pointAtArc(axis, axisArcs, axial / total * axisLength, axisSegment);
                 const SegmentFrame& frame =
                     axisFrames[std::min(axisSegment, axisFrames.size() - 1)];
-                const Vec3f across = frame.normal * planeCos + frame.binormal * planeSin;
-                const Vec3f up = frame.binormal * planeCos - frame.normal * planeSin;
-                out[begin + k] = center + across * x + up * y;
+                if (planar) {
+                    const Vec3f across = frame.normal * planeCos + frame.binormal * planeSin;
+                    const Vec3f up = frame.binormal * planeCos - frame.normal * planeSin;
+                    out[begin + k] = center + across * x + up * y;
+                } else {
+                    // A helix turns in the frame itself: its plane angle is the phase's.
+                    out[begin + k] = center + frame.normal * x + frame.binormal * y;
+                }
             }
         }
     });
