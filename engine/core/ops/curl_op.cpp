@@ -3,6 +3,7 @@
 #include <limits>
 #include <numbers>
 
+#include "base/parallel.h"
 #include "graph/delivered_params.h"
 #include "graph/registry.h"
 #include "ops/shape_kernels.h"
@@ -131,7 +132,13 @@ std::size_t segmentParts(const StrandSet& input, const CurlSettings& settings,
 
 }  // namespace
 
-StrandSet subdivideForCurl(const StrandSet& input, const CurlSettings& settings) {
+namespace {
+
+// subdivideForCurl, which cuts `valuesIn` (one value per point of the input, where given) into
+// `valuesOut` alike.
+StrandSet cutForCurl(const StrandSet& input, const CurlSettings& settings,
+                     const std::vector<float>* valuesIn, std::vector<float>* valuesOut) {
+    if (valuesIn) *valuesOut = *valuesIn;
     if (!(settings.tolerance > 0.0f) || curlIsIdle(settings)) return input;
     const float mostTurn = 2.0f * std::acos(std::clamp(1.0f - settings.tolerance, -1.0f, 1.0f));
     const std::size_t strandCount = input.strandCount();
@@ -167,6 +174,11 @@ StrandSet subdivideForCurl(const StrandSet& input, const CurlSettings& settings)
         channelsOut.push_back(&out.addPointChannel(name, input.pointChannelDefault(name)));
         channelsOut.back()->resize(total);
     }
+    if (valuesIn) {
+        channelsIn.push_back(valuesIn);
+        valuesOut->resize(total);
+        channelsOut.push_back(valuesOut);
+    }
     parallelRange(0, strandCount, 256, [&](std::size_t first, std::size_t last) {
         StrandScratch<std::uint32_t> scratch;
         for (std::size_t s = first; s < last; ++s) {
@@ -199,6 +211,12 @@ StrandSet subdivideForCurl(const StrandSet& input, const CurlSettings& settings)
         }
     });
     return out;
+}
+
+}  // namespace
+
+StrandSet subdivideForCurl(const StrandSet& input, const CurlSettings& settings) {
+    return cutForCurl(input, settings, nullptr, nullptr);
 }
 
 void curlStrands(const StrandSet& input, const CurlSettings& settings,
@@ -388,6 +406,28 @@ ParamSpec choiceParam(std::string name, std::string value, std::vector<std::stri
     return spec;
 }
 
+// A mapped radius read at the points that came in and carried to the cut points along the line
+// between them: a map is bound to the points it was made for.
+class CutRadius final : public FieldValue {
+  public:
+    CutRadius(std::vector<float> values, std::span<const std::uint64_t> offsets)
+        : values_(std::move(values)), offsets_(offsets) {}
+    float atStrand(std::size_t strand) const override {
+        // A strand of no points (or a set of none) has no radius to give.
+        return offsets_[strand] < values_.size() ? values_[offsets_[strand]] : 0.0f;
+    }
+    float atPoint(std::size_t strand, std::size_t point) const override {
+        return values_[offsets_[strand] + point];
+    }
+    bool varies() const override { return true; }
+    std::uint64_t key() const override { return 0; }
+    std::string describe() const override { return "the radius at the cut points"; }
+
+  private:
+    std::vector<float> values_;
+    std::span<const std::uint64_t> offsets_;
+};
+
 CurlShape curlShapeOf(const std::string& shape) {
     if (shape == "wave") return CurlShape::Wave;
     if (shape == "zigzag") return CurlShape::Zigzag;
@@ -541,7 +581,24 @@ class CurlOp final : public ShapeOperator {
     // curled. The clumps' ids are the input's, one per strand.
     static bool curlCut(const StrandSet& input, CurlSettings settings,
                         const std::vector<float>* clumpIds, Value* out, StrandChanges* changes) {
-        const StrandSet cut = subdivideForCurl(input, settings);
+        StrandSet cut;
+        std::shared_ptr<const CutRadius> radius;
+        if (settings.radius.isMapped()) {
+            // The map's radius at every point that came in, cut along with the points.
+            std::vector<float> before(input.pointCount());
+            const std::span<const std::uint64_t> offsets = input.offsets();
+            parallelRange(0, input.strandCount(), 256, [&](std::size_t first, std::size_t last) {
+                for (std::size_t s = first; s < last; ++s)
+                    for (std::size_t k = 0; k < offsets[s + 1] - offsets[s]; ++k)
+                        before[offsets[s] + k] = settings.radius.atPoint(s, k);
+            });
+            std::vector<float> after;
+            cut = cutForCurl(input, settings, &before, &after);
+            radius = std::make_shared<const CutRadius>(std::move(after), cut.offsets());
+            settings.radius = FieldSampler(radius);
+        } else {
+            cut = subdivideForCurl(input, settings);
+        }
         ClumpAxes clumps;
         if (clumpIds) {
             clumps = clumpAxes(cut, *clumpIds);

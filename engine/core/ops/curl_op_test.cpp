@@ -215,6 +215,22 @@ TEST(Curl, ToleranceCutsCoarseSegmentsSoChordsStayNearTheCurl) {
     const auto uncut = ShapeRun("Curl", curl).run(coarse);
     EXPECT_EQ(uncut->pointCount(), 5u);
     EXPECT_GT(strayInsideTheCurl(uncut->strandPoints(0), radius), 0.9f * radius);
+    // A radius mapped per point is read at the points that came in and carried along the line to
+    // the cut ones, as the channels are.
+    ShapeRun mapped("Curl", curl);
+    mapped.params["tolerance"] = 0.002;
+    mapped.fields["radius"] = std::make_shared<test::ListField>(
+        std::vector<float>{0.05f},
+        std::vector<std::vector<float>>{{0.02f, 0.04f, 0.06f, 0.08f, 0.1f}});
+    const auto widening = mapped.run(coarse);
+    ASSERT_EQ(widening->pointCount(), lastCount);
+    const std::vector<float>& along = *widening->pointChannel("tubeU");
+    for (std::size_t k = 0; k < lastCount; ++k) {
+        // Past the ease-in over the first quarter turn (half a unit).
+        if (along[k] < 0.6f) continue;
+        EXPECT_NEAR(distanceOffY(widening->strandPoints(0)[k]), 0.02f + 0.02f * along[k], 1e-4f)
+            << "point " << k;
+    }
     // The same bits at any thread count.
     const auto many = test::mixedStrands(2000, 6);
     auto params = curl;
