@@ -80,17 +80,26 @@ void transformStrands(const StrandSet& input, const TransformSettings& settings,
                 std::copy(strand.begin(), strand.end(), out);
                 continue;
             }
-            // In the root's frame: x along U, y the normal, z across.
+            // In the root's frame: x along U, y the normal, z across. The frame, the turn and
+            // the scale fold into one matrix per strand, rows M[r] = sum over i of F[i][r] times
+            // row i of (turn * scale) * F, F's rows the frame's axes.
             const Vec3f origin = strand[0];
             const Vec3f move = frame.tangent * translate.x + frame.normal * translate.y +
                                frame.binormal * translate.z;
+            std::array<Vec3f, 3> local;
+            for (std::size_t i = 0; i < 3; ++i) {
+                const Vec3f row = turn[i] * scale;
+                local[i] = frame.tangent * row.x + frame.normal * row.y + frame.binormal * row.z;
+            }
+            const std::array<Vec3f, 3> axes = {frame.tangent, frame.normal, frame.binormal};
+            std::array<Vec3f, 3> matrix;
+            for (int r = 0; r < 3; ++r)
+                matrix[static_cast<std::size_t>(r)] =
+                    local[0] * axes[0][r] + local[1] * axes[1][r] + local[2] * axes[2][r];
+            const Vec3f base = origin + move;
             for (std::size_t k = 0; k < n; ++k) {
                 const Vec3f d = strand[k] - origin;
-                const Vec3f local = turned(turn, Vec3f{dot(d, frame.tangent), dot(d, frame.normal),
-                                                       dot(d, frame.binormal)} *
-                                                     scale);
-                out[k] = origin + frame.tangent * local.x + frame.normal * local.y +
-                         frame.binormal * local.z + move;
+                out[k] = base + turned(matrix, d);
             }
         }
     });
