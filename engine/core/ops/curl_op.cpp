@@ -17,6 +17,14 @@ constexpr float kTwoPi = 2.0f * std::numbers::pi_v<float>;
 
 // How many turns one knot of the spacing noise spans: the frequency varies every turn or two.
 constexpr float kTurnsPerSpacingKnot = 1.5f;
+constexpr float kSpacingKnotsPerTurn = 1.0f / kTurnsPerSpacingKnot;
+
+// floor(x) for |x| below 2^62, without a library call: the spacing noise reads it once per point
+// on the chain that carries the turn from one point to the next.
+float floorOf(float x) {
+    const auto whole = static_cast<float>(static_cast<std::int64_t>(x));
+    return whole > x ? whole - 1.0f : whole;
+}
 
 float smoothstep01(float x) {
     x = std::clamp(x, 0.0f, 1.0f);
@@ -30,7 +38,7 @@ class SpacingNoise {
   public:
     explicit SpacingNoise(std::uint64_t hash) : hash_(hash) {}
     float at(float x) {
-        const float cell = std::floor(x);
+        const float cell = floorOf(x);
         const auto knot = static_cast<std::int64_t>(cell);
         if (knot != knot_) {
             knot_ = knot;
@@ -54,7 +62,7 @@ class SpacingNoise {
 // sine but with sharp corners.
 float triangleWave(float u) {
     const float shifted = u + 0.75f;
-    return 4.0f * std::abs(shifted - std::floor(shifted) - 0.5f) - 1.0f;
+    return 4.0f * std::abs(shifted - floorOf(shifted) - 0.5f) - 1.0f;
 }
 
 // What a strand (or its clump) draws: a strand's own id, or with clump coherence its clump's
@@ -322,7 +330,7 @@ void curlStrands(const StrandSet& input, const CurlSettings& settings,
                 float nextRate = frequency * profileAt(settings.frequencyProfile, t);
                 if (settings.spacingRandom > 0.0f)
                     nextRate *=
-                        1.0f + settings.spacingRandom * spacing.at(turns / kTurnsPerSpacingKnot);
+                        1.0f + settings.spacingRandom * spacing.at(turns * kSpacingKnotsPerTurn);
                 turns += 0.5f * (rate + nextRate) * ds;
                 rate = nextRate;
 
