@@ -231,15 +231,21 @@ TEST(Curl, ToleranceCutsCoarseSegmentsSoChordsStayNearTheCurl) {
         EXPECT_NEAR(distanceOffY(widening->strandPoints(0)[k]), 0.02f + 0.02f * along[k], 1e-4f)
             << "point " << k;
     }
-    // The same bits at any thread count.
+    // The same bits at any thread count, and a change to a few strands reruns them all, as the
+    // cut needs a full run.
     const auto many = test::mixedStrands(2000, 6);
     auto params = curl;
     params["tolerance"] = 0.05;
     params["randomness"] = 0.3;
     params["spacingRandom"] = 0.4;
+    const ShapeRun cutting("Curl", params);
     const auto [one, two] =
-        test::onOneAndTwoThreads([&] { return ShapeRun("Curl", params).run(many)->contentHash(); });
+        test::onOneAndTwoThreads([&] { return cutting.run(many)->contentHash(); });
     EXPECT_EQ(one, two);
+    const test::IncrementalOutcome outcome =
+        test::incrementalAfterMove(cutting, test::gridStrands(500, 9, 4), {7, 107});
+    EXPECT_EQ(outcome.run, "full 2");
+    EXPECT_TRUE(outcome.sameAsFull);
 }
 
 std::shared_ptr<StrandSet> clumped(const std::vector<Vec3f>& roots,
