@@ -39,9 +39,15 @@ class StrandScratch {
 
 // Frames carried along a strand by parallel transport, as transportFrames makes them (first normal
 // any perpendicular of the first direction, each next one turned by the smallest rotation between
-// directions, zero-length segments taking the frame before them), with the turn's cosine and sine
-// taken straight from the dot and cross products of the directions instead of through an angle.
+// directions, zero-length segments taking the frame before them), the rotation made as two
+// reflections: across the plane square to the sum of the two directions, which takes the one to
+// the other reversed, then across the plane square to the new direction. The two planes meet along
+// the rotation's axis at half its angle, so together they are that rotation; each frame waits on
+// the last through two dot products only, where a rotation about a unit axis needs a square root
+// and a division too.
 inline void carryFrames(std::span<const Vec3f> points, std::span<SegmentFrame> frames) {
+    // How many segments the normal is carried before its length is set back to 1.
+    constexpr std::size_t kRenormalizeEvery = 32;
     Vec3f tangent{0, 1, 0};
     for (std::size_t k = 1; k < points.size(); ++k) {
         const Vec3f d = points[k] - points[k - 1];
@@ -56,14 +62,21 @@ inline void carryFrames(std::span<const Vec3f> points, std::span<SegmentFrame> f
         const float dd = lengthSquared(d);
         if (dd > 1e-24f) {
             const Vec3f next = d / std::sqrt(dd);
-            const Vec3f axis = cross(tangent, next);
-            const float sine = length(axis);
-            if (sine > 1e-7f) normal = rotateAbout(normal, axis / sine, dot(tangent, next), sine);
+            const Vec3f sum = tangent + next;
+            const float sumSquared = lengthSquared(sum);
+            // Reversed on itself the strand has no smallest turn: the normal stays, as it does for
+            // a strand that goes on straight.
+            if (sumSquared > 1e-12f) {
+                const Vec3f reflected = normal - sum * (2.0f * dot(sum, normal) / sumSquared);
+                normal = reflected - next * (2.0f * dot(next, reflected));
+            }
             tangent = next;
-            // Rounding drifts the normal off the tangent over long strands; take it back.
-            const Vec3f off = normal - tangent * dot(normal, tangent);
-            const float size = length(off);
-            normal = size > 1e-20f ? off / size : anyPerpendicular(tangent);
+            if (j % kRenormalizeEvery == kRenormalizeEvery - 1) {
+                // Rounding drifts the normal over long strands; take it back.
+                const Vec3f off = normal - tangent * dot(normal, tangent);
+                const float size = length(off);
+                normal = size > 1e-20f ? off / size : anyPerpendicular(tangent);
+            }
         }
         frames[j] = {tangent, normal, cross(tangent, normal)};
     }

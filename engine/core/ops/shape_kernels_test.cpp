@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <cmath>
 #include <vector>
 
 #include "mesh/sample_meshes.h"
@@ -74,6 +76,27 @@ TEST(CarryFrames, FollowTheTransportedFramesAndStayOrthonormal) {
             EXPECT_NEAR(length(a.binormal), 1.0f, 1e-5f);
         }
     }
+}
+
+TEST(CarryFrames, HoldTheirLengthAlongALongWindingStrand) {
+    // 2000 segments of a tight helix: every frame turns, and rounding has long to gather.
+    std::vector<Vec3f> points;
+    for (int k = 0; k <= 2000; ++k) {
+        const float a = 0.3f * static_cast<float>(k);
+        points.push_back({std::cos(a), 0.05f * static_cast<float>(k), std::sin(a)});
+    }
+    std::vector<SegmentFrame> carried(points.size() - 1), transported(points.size() - 1);
+    carryFrames(points, carried);
+    transportFrames(points, transported);
+    float worst = 0.0f, stretch = 0.0f, skew = 0.0f;
+    for (std::size_t j = 0; j < carried.size(); ++j) {
+        worst = std::max(worst, length(carried[j].normal - transported[j].normal));
+        stretch = std::max(stretch, std::fabs(length(carried[j].normal) - 1.0f));
+        skew = std::max(skew, std::fabs(dot(carried[j].normal, carried[j].tangent)));
+    }
+    EXPECT_LT(worst, 1e-3f);
+    EXPECT_LT(stretch, 1e-5f);
+    EXPECT_LT(skew, 1e-5f);
 }
 
 TEST(StrandScratch, GivesTheCountAskedOnTheStackOrPastItOnTheHeap) {
