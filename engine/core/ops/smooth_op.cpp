@@ -71,8 +71,9 @@ void smoothStrands(const StrandSet& input, const SmoothSettings& settings,
                    const StrandSelection& pick, std::span<Vec3f> points) {
     parallelRange(0, pick.size(input.strandCount()), 256, [&](std::size_t begin, std::size_t end) {
         Cells cells;
-        std::vector<float> shares;  // per point, grown once per chunk
-        std::vector<Vec3f> mixed;
+        // Per point: on the stack for strands of ordinary length.
+        StrandScratch<float> shareScratch;
+        StrandScratch<Vec3f> mixedScratch;
         for (std::size_t item = begin; item < end; ++item) {
             const std::size_t s = pick.strand(item);
             const std::span<const Vec3f> strand = input.strandPoints(s);
@@ -82,8 +83,9 @@ void smoothStrands(const StrandSet& input, const SmoothSettings& settings,
             if (n < 2) continue;
             const float strength = settings.strength.atStrand(s);
             if (strength == 0.0f) continue;
-            if (shares.size() < n) shares.resize(n), mixed.resize(n);
-            const float total = arcShares(strand, std::span<float>(shares.data(), n));
+            const std::span<float> shares = shareScratch.take(n);
+            const std::span<Vec3f> mixed = mixedScratch.take(n);
+            const float total = arcShares(strand, shares);
             if (!(total > 0.0f)) continue;
 
             // The strand at m + 1 equal arc steps: about four cells a segment, 127 at most.
