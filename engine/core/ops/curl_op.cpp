@@ -168,22 +168,27 @@ StrandSet cutForCurl(const StrandSet& input, const CurlSettings& settings,
     const std::size_t total = offsets.back();
     if (total == input.pointCount()) return input;
 
-    // Every value of the new columns is written below.
+    // Every value of the new columns is written below: each is emptied before it grows, so that
+    // nothing is copied into the larger array only to be overwritten.
     std::vector<Vec3f>& points = out.overwritePoints();
+    points.clear();
     points.resize(total);
     const std::span<const float> widthsIn = input.widths();
     const bool hasWidths = widthsIn.size() == input.pointCount();
     std::vector<float>& widths = out.overwriteWidths();
+    widths.clear();
     widths.resize(hasWidths ? total : 0);
     std::vector<const std::vector<float>*> channelsIn;
     std::vector<std::vector<float>*> channelsOut;
     for (const std::string& name : input.pointChannelNames()) {
         channelsIn.push_back(input.pointChannel(name));
         channelsOut.push_back(&out.addPointChannel(name, input.pointChannelDefault(name)));
+        channelsOut.back()->clear();
         channelsOut.back()->resize(total);
     }
     if (valuesIn) {
         channelsIn.push_back(valuesIn);
+        valuesOut->clear();
         valuesOut->resize(total);
         channelsOut.push_back(valuesOut);
     }
