@@ -138,10 +138,6 @@ std::size_t segmentParts(const StrandSet& input, const CurlSettings& settings,
     return count;
 }
 
-}  // namespace
-
-namespace {
-
 // subdivideForCurl, which cuts `valuesIn` (one value per point of the input, where given) into
 // `valuesOut` alike.
 StrandSet cutForCurl(const StrandSet& input, const CurlSettings& settings,
@@ -401,7 +397,8 @@ void curlStrands(const StrandSet& input, const CurlSettings& settings,
                     const Vec3f up = frame.binormal * planeCos - frame.normal * planeSin;
                     out[begin + k] = center + across * x + up * y;
                 } else {
-                    // A helix turns in the frame itself: its plane angle is the phase's.
+                    // A helix winds in the frame as it is (its plane's turn is 0; the phase turns
+                    // it).
                     out[begin + k] = center + frame.normal * x + frame.binormal * y;
                 }
             }
