@@ -21,18 +21,18 @@ constexpr int kPeriod = 2 * kSmoothCells;
 constexpr int kReach = kPeriod + kSmoothCells + 2;
 
 // One strand's cells: its shape at m + 1 equal arc steps, the segment differences between them
-// (mirrored to a period of 2m, so that only the first m are ever stored) and the filters' work.
+// (mirrored to a period of 2m, so that only the first m are ever stored) and a filter's running
+// sums.
 struct Cells {
     std::array<Vec3f, kSmoothCells + 1> curve;
     std::array<Vec3f, kSmoothCells> differences;
-    std::array<Vec3f, kReach> window;    // the differences, unrolled from the window's low end
-    std::array<Vec3f, kReach + 1> sums;  // their running sums
+    std::array<Vec3f, kReach + 1> sums;  // from the window's low end
 };
 
 // One box filter of `width` cells over the periodic differences. Cell j's window runs from
-// j + low to j + high; the integral to either end is a running sum from the lowest end plus the
-// share of the cell it ends in. The mirrored differences filter to mirrored values, so only the
-// first m are made.
+// j + low to j + high; the integral to either end is a running sum from the lowest end, plus the
+// share of the cell it ends in (the step from that sum to the next). The mirrored differences
+// filter to mirrored values, so only the first m are made.
 void boxFilter(Cells& cells, int m, float width) {
     const float low = 0.5f - 0.5f * width, high = 0.5f + 0.5f * width;
     const int lowCell = static_cast<int>(std::floor(low));
@@ -49,18 +49,16 @@ void boxFilter(Cells& cells, int m, float width) {
     Vec3f sum;
     cells.sums[0] = sum;
     for (int i = 0; i < count; ++i) {
-        const Vec3f d = cells.differences[static_cast<std::size_t>(at < m ? at : period - 1 - at)];
+        sum += cells.differences[static_cast<std::size_t>(at < m ? at : period - 1 - at)];
         if (++at == period) at = 0;
-        cells.window[static_cast<std::size_t>(i)] = d;
-        sum += d;
         cells.sums[static_cast<std::size_t>(i + 1)] = sum;
     }
     const float scale = 1.0f / width;
     for (int j = 0; j < m; ++j) {
         const auto from = static_cast<std::size_t>(j);
         const auto to = static_cast<std::size_t>(j + reach);
-        const Vec3f upper = cells.sums[to] + cells.window[to] * highShare;
-        const Vec3f lower = cells.sums[from] + cells.window[from] * lowShare;
+        const Vec3f upper = lerp(cells.sums[to], cells.sums[to + 1], highShare);
+        const Vec3f lower = lerp(cells.sums[from], cells.sums[from + 1], lowShare);
         cells.differences[from] = (upper - lower) * scale;
     }
 }
