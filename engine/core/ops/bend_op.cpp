@@ -28,6 +28,9 @@ void bendStrands(const StrandSet& input, const BendSettings& settings, const Str
     const std::span<const Vec3f> inputPoints = input.points();
     const bool alongNormal = settings.along == BendAlong::Normal;
     const float plainAngle = settings.angle.value();
+    // bendShare, with the division by the span made once.
+    const bool rising = settings.end > settings.start;
+    const float perShare = rising ? 1.0f / (settings.end - settings.start) : 0.0f;
     parallelRange(0, pick.size(input.strandCount()), 256, [&](std::size_t begin, std::size_t end) {
         StrandScratch<float> lengthScratch;
         for (std::size_t item = begin; item < end; ++item) {
@@ -83,13 +86,15 @@ void bendStrands(const StrandSet& input, const BendSettings& settings, const Str
                 total += lengths[k];
             }
             // Each segment turns by the share of the bend at its middle.
+            const float perLength = total > 0.0f ? 1.0f / total : 0.0f;
             float arc = 0.0f;
             for (std::size_t k = 1; k < n; ++k) {
                 const Vec3f segment = from_[k] - from_[k - 1];
                 const float segmentLength = lengths[k];
-                const float t = total > 0.0f ? (arc + 0.5f * segmentLength) / total : 0.0f;
+                const float t = (arc + 0.5f * segmentLength) * perLength;
                 arc += segmentLength;
-                const float share = bendShare(t, settings.start, settings.end);
+                const float share = rising ? std::clamp((t - settings.start) * perShare, 0.0f, 1.0f)
+                                           : (t >= settings.start ? 1.0f : 0.0f);
                 if (share == 0.0f) {
                     out[k] = out[k - 1] + segment;
                 } else if (share == 1.0f) {
