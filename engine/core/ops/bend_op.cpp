@@ -33,6 +33,7 @@ void bendStrands(const StrandSet& input, const BendSettings& settings, const Str
     const float perShare = rising ? 1.0f / (settings.end - settings.start) : 0.0f;
     parallelRange(0, pick.size(input.strandCount()), 256, [&](std::size_t begin, std::size_t end) {
         StrandScratch<float> lengthScratch;
+        RootFrames frames(settings.scalp, from);
         for (std::size_t item = begin; item < end; ++item) {
             const std::size_t s = pick.strand(item);
             const std::size_t first = offsets[s];
@@ -54,10 +55,9 @@ void bendStrands(const StrandSet& input, const BendSettings& settings, const Str
             Vec3f target;
             if (alongNormal) {
                 if (!settings.scalp || !settings.scalp->isOnSurface(roots[s])) continue;
-                target = settings.scalp->normalAt(roots[s]);
+                target = frames.normalAt(roots[s]);
             } else {
-                const RootFrame frame =
-                    rootFrame(settings.scalp, roots[s], from, settings.direction.vectorAtStrand(s));
+                const RootFrame frame = frames.at(roots[s], settings.direction.vectorAtStrand(s));
                 if (!frame.valid) continue;
                 target = frame.tangent;
             }

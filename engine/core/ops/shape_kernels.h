@@ -5,6 +5,7 @@
 // a strand without trigonometry.
 
 #include <array>
+#include <cmath>
 #include <cstdint>
 #include <span>
 #include <vector>
@@ -87,12 +88,27 @@ inline void carryFrames(std::span<const Vec3f> points, std::span<SegmentFrame> f
 // triangle and its UVs once. The frames are rootFrame's, bit for bit.
 class RootFrames {
   public:
-    RootFrames(const ScalpMesh* scalp, TangentFrom from) : scalp_(scalp), from_(from) {}
+    RootFrames(const ScalpMesh* scalp, TangentFrom from)
+        : scalp_(scalp),
+          from_(from),
+          triangles_(scalp ? scalp->triangles().data() : nullptr),
+          normals_(scalp ? scalp->vertexNormals() : std::span<const Vec3f>()) {}
+
+    // ScalpMesh::normalAt, bit for bit, from the vertex normals fetched once: a root on the
+    // scalp.
+    Vec3f normalAt(const StrandRoot& root) const {
+        const Triangle& t = triangles_[static_cast<std::size_t>(root.face)];
+        const float w0 = 1.0f - root.u - root.v;
+        const Vec3f blend = normals_[t[0]] * w0 + normals_[t[1]] * root.u + normals_[t[2]] * root.v;
+        const float len2 = lengthSquared(blend);
+        if (len2 > 1e-20f) return blend / std::sqrt(len2);
+        return scalp_->normalAt(root);
+    }
 
     RootFrame at(const StrandRoot& root, const Vec3f& direction) {
         RootFrame frame;
         if (!scalp_ || !scalp_->isOnSurface(root)) return frame;
-        frame.normal = scalp_->normalAt(root);
+        frame.normal = normalAt(root);
         if (lengthSquared(frame.normal) < 0.25f) return frame;
         Vec3f tangent;
         if (from_ != TangentFrom::Direction) {
@@ -122,6 +138,8 @@ class RootFrames {
   private:
     const ScalpMesh* scalp_;
     TangentFrom from_;
+    const Triangle* triangles_;
+    std::span<const Vec3f> normals_;
     std::int32_t face_ = -1;
     Vec3f u_;
 };
