@@ -39,6 +39,9 @@ TEST(RootFrames, AreRootFramesBitForBitOnRunsOfFacesAndOffTheScalp) {
                     const RootFrame expected = rootFrame(scalp, roots[r], from, direction);
                     EXPECT_TRUE(sameFrame(frames.at(roots[r], direction), expected))
                         << "root " << r << " from " << static_cast<int>(from);
+                    if (scalp->isOnSurface(roots[r])) {
+                        EXPECT_EQ(frames.normalAt(roots[r]), scalp->normalAt(roots[r]));
+                    }
                     valid += expected.valid;
                 }
                 // Only the direction of no length leaves a Direction frame without a tangent.
