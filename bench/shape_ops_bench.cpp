@@ -129,6 +129,29 @@ void BM_ShapeNoiseAmplitudeThroughGraph(benchmark::State& state) {
 }
 BENCHMARK(BM_ShapeNoiseAmplitudeThroughGraph)->Unit(benchmark::kMillisecond)->UseRealTime();
 
+// Length after a source in a graph, its length changed before every evaluation: the kernel plus
+// what a full run costs around it (a fresh points column from the array pool, the key, the
+// changes). Set against BM_ShapeLength to see that overhead.
+void BM_ShapeLengthThroughGraph(benchmark::State& state) {
+    test::registerEvalTestOperators();
+    Graph graph;
+    const std::uint32_t source = graph.addNode("EvalScene", "scene");
+    const std::uint32_t trim = graph.addNode("Length", "length");
+    graph.connect(source, trim, 0);
+    SceneInputs scene;
+    scene["groom"] = SceneInput{Value(std::make_shared<const StrandSet>(strands())), 1};
+    EvalContext ctx;
+    ctx.sceneInputs = &scene;
+    graph.evaluate(trim, ctx);
+    int step = 0;
+    for (auto _ : state) {
+        graph.operatorOf(trim).paramSet.set("length", 0.8 - 1e-4 * (++step % 1000));
+        benchmark::DoNotOptimize(graph.evaluate(trim, ctx));
+    }
+    setBytes(state);
+}
+BENCHMARK(BM_ShapeLengthThroughGraph)->Unit(benchmark::kMillisecond)->UseRealTime();
+
 void BM_ShapeTwistClumps(benchmark::State& state) {
     TwistSettings settings;
     settings.turns = FieldSampler(0.7f);
@@ -165,6 +188,30 @@ BENCHMARK(BM_ShapeCurl)
     ->Arg(1)
     ->Unit(benchmark::kMillisecond)
     ->UseRealTime();
+
+// The same curls with a tolerance of 5% of the radius: the strands cut where they are too coarse,
+// into a fresh set, then curled. "bytes_per_second" counts the points read, as above; the
+// "points" counter is how many the cut strands hold, per point that came in.
+void BM_ShapeCurlTolerance(benchmark::State& state) {
+    CurlSettings settings;
+    settings.frequency = 3.0f;
+    settings.spacingRandom = 0.3f;
+    settings.weight = 0.5f;
+    settings.tolerance = 0.05f;
+    const StrandSet& input = strands();
+    std::size_t points = 0;
+    for (auto _ : state) {
+        const StrandSet cut = subdivideForCurl(input, settings);
+        std::vector<Vec3f> out(cut.pointCount());
+        curlStrands(cut, settings, StrandSelection::every(), out);
+        points = out.size();
+        benchmark::DoNotOptimize(out.data());
+    }
+    setBytes(state);
+    state.counters["points"] =
+        static_cast<double>(points) / static_cast<double>(input.pointCount());
+}
+BENCHMARK(BM_ShapeCurlTolerance)->Unit(benchmark::kMillisecond)->UseRealTime();
 
 }  // namespace
 }  // namespace velmorin

@@ -6,6 +6,7 @@
 #include "graph/registry.h"
 #include "mesh/scalp_mesh.h"
 #include "ops/field_op_params.h"
+#include "ops/shape_kernels.h"
 #include "ops/shape_ops.h"
 #include "strands/strand_set.h"
 
@@ -23,16 +24,26 @@ void bendStrands(const StrandSet& input, const BendSettings& settings, const Str
     const bool mappedAngle = settings.angle.isMapped();
     const TangentFrom from =
         settings.along == BendAlong::Tangent ? TangentFrom::U : TangentFrom::Direction;
+    const std::span<const std::uint64_t> offsets = input.offsets();
+    const std::span<const Vec3f> inputPoints = input.points();
+    const bool alongNormal = settings.along == BendAlong::Normal;
+    const float plainAngle = settings.angle.value();
+    // bendShare, with the division by the span made once.
+    const bool rising = settings.end > settings.start;
+    const float perShare = rising ? 1.0f / (settings.end - settings.start) : 0.0f;
     parallelRange(0, pick.size(input.strandCount()), 256, [&](std::size_t begin, std::size_t end) {
+        StrandScratch<float> lengthScratch;
+        RootFrames frames(settings.scalp, from);
         for (std::size_t item = begin; item < end; ++item) {
             const std::size_t s = pick.strand(item);
-            const std::span<const Vec3f> from_ = input.strandPoints(s);
-            const std::size_t first = input.pointRange(s).begin;
-            std::copy(from_.begin(), from_.end(), points.begin() + static_cast<long>(first));
-            const std::size_t n = from_.size();
+            const std::size_t first = offsets[s];
+            const std::size_t n = offsets[s + 1] - first;
+            const std::span<const Vec3f> from_ = inputPoints.subspan(first, n);
+            Vec3f* out = points.data() + first;
+            std::copy(from_.begin(), from_.end(), out);
             if (n < 2) continue;
 
-            float degrees = mappedAngle ? settings.angle.atStrand(s) : settings.angle.value();
+            float degrees = mappedAngle ? settings.angle.atStrand(s) : plainAngle;
             if (settings.randomness > 0.0f)
                 degrees *= 1.0f - settings.randomness * StrandDraws(ids[s], settings.seed).next();
             if (degrees == 0.0f) continue;
@@ -41,15 +52,12 @@ void bendStrands(const StrandSet& input, const BendSettings& settings, const Str
             if (!(chordLength > 0.0f)) continue;
             const Vec3f c = chord / chordLength;
 
-            const Vec3f direction = settings.along == BendAlong::Normal
-                                        ? Vec3f{}
-                                        : settings.direction.vectorAtStrand(s);
-            const RootFrame frame = rootFrame(settings.scalp, roots[s], from, direction);
             Vec3f target;
-            if (settings.along == BendAlong::Normal) {
+            if (alongNormal) {
                 if (!settings.scalp || !settings.scalp->isOnSurface(roots[s])) continue;
-                target = settings.scalp->normalAt(roots[s]);
+                target = frames.normalAt(roots[s]);
             } else {
+                const RootFrame frame = frames.at(roots[s], settings.direction.vectorAtStrand(s));
                 if (!frame.valid) continue;
                 target = frame.tangent;
             }
@@ -59,31 +67,43 @@ void bendStrands(const StrandSet& input, const BendSettings& settings, const Str
             if (axisLength < 1e-5f) {
                 // On the target line: only a strand standing along the normal can be laid down,
                 // about the binormal of the scalp there.
-                if (settings.along != BendAlong::Normal || degrees >= 0.0f || cosCurrent <= 0.0f)
-                    continue;
+                if (!alongNormal || degrees >= 0.0f || cosCurrent <= 0.0f) continue;
                 axis = settings.scalp->frameAt(roots[s]).bitangent;
             } else {
                 axis = axis / axisLength;
             }
             const float current = std::acos(cosCurrent) / kDegrees;
-            const float lowest = settings.along == BendAlong::Normal
-                                     ? std::min(0.0f, current - 90.0f)
-                                     : current - 180.0f;
+            const float lowest = alongNormal ? std::min(0.0f, current - 90.0f) : current - 180.0f;
             const float radians = std::clamp(degrees, lowest, current) * kDegrees;
+            // Before the start a segment keeps its direction and past the end it takes the whole
+            // turn: only the segments in between need a turn of their own.
+            const float cosWhole = std::cos(radians), sinWhole = std::sin(radians);
 
+            const std::span<float> lengths = lengthScratch.take(n);
             float total = 0.0f;
-            for (std::size_t k = 1; k < n; ++k)
-                total += length(from_[k] - from_[k - 1]);
+            for (std::size_t k = 1; k < n; ++k) {
+                lengths[k] = length(from_[k] - from_[k - 1]);
+                total += lengths[k];
+            }
             // Each segment turns by the share of the bend at its middle.
+            const float perLength = total > 0.0f ? 1.0f / total : 0.0f;
             float arc = 0.0f;
-            Vec3f* out = points.data() + first;
             for (std::size_t k = 1; k < n; ++k) {
                 const Vec3f segment = from_[k] - from_[k - 1];
-                const float segmentLength = length(segment);
-                const float t = total > 0.0f ? (arc + 0.5f * segmentLength) / total : 0.0f;
+                const float segmentLength = lengths[k];
+                const float t = (arc + 0.5f * segmentLength) * perLength;
                 arc += segmentLength;
-                const float turn = radians * bendShare(t, settings.start, settings.end);
-                out[k] = out[k - 1] + rotateAbout(segment, axis, std::cos(turn), std::sin(turn));
+                const float share = rising ? std::clamp((t - settings.start) * perShare, 0.0f, 1.0f)
+                                           : (t >= settings.start ? 1.0f : 0.0f);
+                if (share == 0.0f) {
+                    out[k] = out[k - 1] + segment;
+                } else if (share == 1.0f) {
+                    out[k] = out[k - 1] + rotateAbout(segment, axis, cosWhole, sinWhole);
+                } else {
+                    const float turn = radians * share;
+                    out[k] =
+                        out[k - 1] + rotateAbout(segment, axis, std::cos(turn), std::sin(turn));
+                }
             }
         }
     });

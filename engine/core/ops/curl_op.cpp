@@ -1,9 +1,12 @@
 #include <algorithm>
 #include <cmath>
+#include <limits>
 #include <numbers>
 
+#include "base/parallel.h"
 #include "graph/delivered_params.h"
 #include "graph/registry.h"
+#include "ops/shape_kernels.h"
 #include "ops/shape_ops.h"
 
 namespace velmorin {
@@ -14,27 +17,52 @@ constexpr float kTwoPi = 2.0f * std::numbers::pi_v<float>;
 
 // How many turns one knot of the spacing noise spans: the frequency varies every turn or two.
 constexpr float kTurnsPerSpacingKnot = 1.5f;
+constexpr float kSpacingKnotsPerTurn = 1.0f / kTurnsPerSpacingKnot;
+
+// floor(x) for |x| below 2^62, without a library call: the spacing noise reads it once per point
+// on the chain that carries the turn from one point to the next.
+float floorOf(float x) {
+    const auto whole = static_cast<float>(static_cast<std::int64_t>(x));
+    return whole > x ? whole - 1.0f : whole;
+}
 
 float smoothstep01(float x) {
     x = std::clamp(x, 0.0f, 1.0f);
     return x * x * (3.0f - 2.0f * x);
 }
 
-// A smooth signed noise of one variable, -1 to 1: random knots one apart, eased between.
-float spacingNoise(std::uint64_t hash, float x) {
-    const float cell = std::floor(x);
-    const auto knot = static_cast<std::int64_t>(cell);
-    const float a = 2.0f * unitFloat(hashCombine(hash, static_cast<std::uint64_t>(knot))) - 1.0f;
-    const float b =
-        2.0f * unitFloat(hashCombine(hash, static_cast<std::uint64_t>(knot + 1))) - 1.0f;
-    return a + (b - a) * smoothstep01(x - cell);
-}
+// A smooth signed noise of one variable, -1 to 1: random knots one apart, eased between. It is read
+// at a rising x along a strand, so the two knots around x are kept and hashed again only when x
+// passes into the next cell.
+class SpacingNoise {
+  public:
+    explicit SpacingNoise(std::uint64_t hash) : hash_(hash) {}
+    float at(float x) {
+        const float cell = floorOf(x);
+        const auto knot = static_cast<std::int64_t>(cell);
+        if (knot != knot_) {
+            knot_ = knot;
+            a_ = knotValue(knot);
+            b_ = knotValue(knot + 1);
+        }
+        return a_ + (b_ - a_) * smoothstep01(x - cell);
+    }
+
+  private:
+    float knotValue(std::int64_t knot) const {
+        return 2.0f * unitFloat(hashCombine(hash_, static_cast<std::uint64_t>(knot))) - 1.0f;
+    }
+    std::uint64_t hash_;
+    std::int64_t knot_ = std::numeric_limits<std::int64_t>::min();
+    float a_ = 0.0f;
+    float b_ = 0.0f;
+};
 
 // A triangle wave of the turn u (in turns): 0 at 0, 1 at a quarter, -1 at three quarters, like a
 // sine but with sharp corners.
 float triangleWave(float u) {
     const float shifted = u + 0.75f;
-    return 4.0f * std::abs(shifted - std::floor(shifted) - 0.5f) - 1.0f;
+    return 4.0f * std::abs(shifted - floorOf(shifted) - 0.5f) - 1.0f;
 }
 
 // What a strand (or its clump) draws: a strand's own id, or with clump coherence its clump's
@@ -58,6 +86,148 @@ CurlDraws drawCurl(std::uint64_t id, const CurlSettings& settings) {
 
 }  // namespace
 
+bool curlIsIdle(const CurlSettings& settings) {
+    const bool coil = settings.shape == CurlShape::Coil;
+    return settings.frequency == 0.0f ||
+           (!coil && !settings.radius.isMapped() && settings.radius.value() == 0.0f) ||
+           (coil && settings.coilWidths == 0.0f);
+}
+
+namespace {
+
+// The most parts one segment is cut into, however small the tolerance: a bound on the points a
+// slider can ask for.
+constexpr std::uint32_t kMostParts = 64;
+
+// Fills parts[k] (k from 1) with how many equal parts segment k - 1 to k of strand `s` is cut
+// into, and returns the strand's new point count. A chord turning by theta around a circle of
+// radius r strays r (1 - cos(theta / 2)) from it, so a part may turn by at most
+// 2 acos(1 - tolerance); the turn is bounded by the strand's frequency at the tightest of the
+// segment's ends and middle, times the most the spacing's random adds (the weight only loosens).
+std::size_t segmentParts(const StrandSet& input, const CurlSettings& settings,
+                         std::span<const Vec3f> points, std::size_t s, float mostTurn,
+                         std::span<std::uint32_t> parts) {
+    const std::size_t n = points.size();
+    if (n < 2) return n;
+    const float total = strandLength(points);
+    std::uint64_t drawId = input.ids()[s];
+    if (settings.clumps && settings.clumpChannel)
+        drawId = mix64(floatBits((*settings.clumpChannel)[s]));
+    const float frequency =
+        std::fabs(settings.frequency * drawCurl(drawId, settings).frequencyScale) *
+        (1.0f + settings.spacingRandom);
+    std::size_t count = 1;
+    float arc = 0.0f;
+    for (std::size_t k = 1; k < n; ++k) {
+        const float ds = length(points[k] - points[k - 1]);
+        float tightest = 0.0f;
+        if (total > 0.0f) {
+            for (const float at : {arc, arc + 0.5f * ds, arc + ds})
+                tightest = std::max(tightest, std::fabs(profileAt(settings.frequencyProfile,
+                                                                  std::min(at / total, 1.0f))));
+        }
+        arc += ds;
+        const float turn = kTwoPi * frequency * tightest * ds;
+        const float wanted = std::ceil(turn / mostTurn);
+        parts[k] =
+            wanted > 1.0f
+                ? static_cast<std::uint32_t>(std::min(wanted, static_cast<float>(kMostParts)))
+                : 1u;
+        count += parts[k];
+    }
+    return count;
+}
+
+// subdivideForCurl, which cuts `valuesIn` (one value per point of the input, where given) into
+// `valuesOut` alike.
+StrandSet cutForCurl(const StrandSet& input, const CurlSettings& settings,
+                     const std::vector<float>* valuesIn, std::vector<float>* valuesOut) {
+    if (valuesIn) *valuesOut = *valuesIn;
+    if (!(settings.tolerance > 0.0f) || curlIsIdle(settings)) return input;
+    const float mostTurn = 2.0f * std::acos(std::clamp(1.0f - settings.tolerance, -1.0f, 1.0f));
+    const std::size_t strandCount = input.strandCount();
+    const std::span<const std::uint64_t> offsetsIn = input.offsets();
+    const std::span<const Vec3f> pointsIn = input.points();
+    std::vector<std::uint64_t> counts(strandCount);
+    parallelRange(0, strandCount, 256, [&](std::size_t first, std::size_t last) {
+        StrandScratch<std::uint32_t> scratch;
+        for (std::size_t s = first; s < last; ++s) {
+            const std::size_t n = offsetsIn[s + 1] - offsetsIn[s];
+            counts[s] = segmentParts(input, settings, pointsIn.subspan(offsetsIn[s], n), s,
+                                     mostTurn, scratch.take(n));
+        }
+    });
+    StrandSet out(input);
+    std::vector<std::uint64_t>& offsets = out.writeOffsets();
+    for (std::size_t s = 0; s < strandCount; ++s)
+        offsets[s + 1] = offsets[s] + counts[s];
+    const std::size_t total = offsets.back();
+    if (total == input.pointCount()) return input;
+
+    // Every value of the new columns is written below: each is emptied before it grows, so that
+    // nothing is copied into the larger array only to be overwritten.
+    std::vector<Vec3f>& points = out.overwritePoints();
+    points.clear();
+    points.resize(total);
+    const std::span<const float> widthsIn = input.widths();
+    const bool hasWidths = widthsIn.size() == input.pointCount();
+    std::vector<float>& widths = out.overwriteWidths();
+    widths.clear();
+    widths.resize(hasWidths ? total : 0);
+    std::vector<const std::vector<float>*> channelsIn;
+    std::vector<std::vector<float>*> channelsOut;
+    for (const std::string& name : input.pointChannelNames()) {
+        channelsIn.push_back(input.pointChannel(name));
+        channelsOut.push_back(&out.addPointChannel(name, input.pointChannelDefault(name)));
+        channelsOut.back()->clear();
+        channelsOut.back()->resize(total);
+    }
+    if (valuesIn) {
+        channelsIn.push_back(valuesIn);
+        valuesOut->clear();
+        valuesOut->resize(total);
+        channelsOut.push_back(valuesOut);
+    }
+    parallelRange(0, strandCount, 256, [&](std::size_t first, std::size_t last) {
+        StrandScratch<std::uint32_t> scratch;
+        for (std::size_t s = first; s < last; ++s) {
+            const std::size_t from = offsetsIn[s];
+            const std::size_t n = offsetsIn[s + 1] - from;
+            const std::span<std::uint32_t> parts = scratch.take(n);
+            segmentParts(input, settings, pointsIn.subspan(from, n), s, mostTurn, parts);
+            // Each value of the strand, cut alike: the old ones kept, the new ones on the line
+            // between them.
+            const auto cut = [&](auto read, auto write) {
+                std::size_t to = offsets[s];
+                if (n > 0) write(to++, read(from));
+                for (std::size_t k = 1; k < n; ++k) {
+                    const auto a = read(from + k - 1);
+                    const auto b = read(from + k);
+                    for (std::uint32_t j = 1; j < parts[k]; ++j)
+                        write(to++,
+                              a + (b - a) * (static_cast<float>(j) / static_cast<float>(parts[k])));
+                    write(to++, b);
+                }
+            };
+            cut([&](std::size_t i) { return pointsIn[i]; },
+                [&](std::size_t i, const Vec3f& v) { points[i] = v; });
+            if (hasWidths)
+                cut([&](std::size_t i) { return widthsIn[i]; },
+                    [&](std::size_t i, float v) { widths[i] = v; });
+            for (std::size_t c = 0; c < channelsIn.size(); ++c)
+                cut([&](std::size_t i) { return (*channelsIn[c])[i]; },
+                    [&](std::size_t i, float v) { (*channelsOut[c])[i] = v; });
+        }
+    });
+    return out;
+}
+
+}  // namespace
+
+StrandSet subdivideForCurl(const StrandSet& input, const CurlSettings& settings) {
+    return cutForCurl(input, settings, nullptr, nullptr);
+}
+
 void curlStrands(const StrandSet& input, const CurlSettings& settings,
                  const StrandSelection& selection, std::span<Vec3f> out) {
     const bool radiusMapped = settings.radius.isMapped();
@@ -70,9 +240,7 @@ void curlStrands(const StrandSet& input, const CurlSettings& settings,
     const Vec3f pull = normalized(settings.weightDirection);
     const bool weighted = settings.weight > 0.0f && lengthSquared(pull) > 0.0f;
     // Nothing to curl: every strand goes through bit for bit.
-    const bool idle = settings.frequency == 0.0f ||
-                      (!coil && !radiusMapped && plainRadius == 0.0f) ||
-                      (coil && settings.coilWidths == 0.0f);
+    const bool idle = curlIsIdle(settings);
 
     // First pass: the frames carried along each clump's axis, which its strands share.
     constexpr std::size_t kAxisSegments = ClumpAxes::kAxisPoints - 1;
@@ -82,7 +250,7 @@ void curlStrands(const StrandSet& input, const CurlSettings& settings,
         clumpFrames.resize(clumps.clumpCount * kAxisSegments);
         parallelRange(0, clumps.clumpCount, 256, [&](std::size_t first, std::size_t last) {
             for (std::size_t c = first; c < last; ++c)
-                transportFrames(
+                carryFrames(
                     clumps.axisPoints(c),
                     std::span<SegmentFrame>(clumpFrames).subspan(c * kAxisSegments, kAxisSegments));
         });
@@ -119,7 +287,7 @@ void curlStrands(const StrandSet& input, const CurlSettings& settings,
             const bool ownAxis = axis.empty() || !(axisArcs.back() > 0.0f);
             if (ownAxis) {
                 frames.resize(n - 1);
-                transportFrames(points, frames);
+                carryFrames(points, frames);
                 axis = points;
                 axisArcs = arcs;
                 axisFrames = frames;
@@ -142,13 +310,14 @@ void curlStrands(const StrandSet& input, const CurlSettings& settings,
                     const Vec3f along = normalized(points[k + 1] - points[k]);
                     const float t = 0.5f * (arcs[k] + arcs[k + 1]) / total;
                     const float hang = std::max(0.0f, dot(along, pull));
-                    hanging[k] =
-                        hanging[k + 1] + frequency * settings.frequencyProfile.at(t) * hang * ds;
+                    hanging[k] = hanging[k + 1] +
+                                 frequency * profileAt(settings.frequencyProfile, t) * hang * ds;
                 }
             }
 
             float turns = 0.0f;  // since the root, without the phase
-            float rate = frequency * settings.frequencyProfile.at(0.0f);
+            float rate = frequency * profileAt(settings.frequencyProfile, 0.0f);
+            SpacingNoise spacing(draws.spacingHash);
             float axial = 0.0f;  // how far along its own line the curled strand reaches
             float lastX = 0.0f;
             float lastY = 0.0f;
@@ -159,22 +328,22 @@ void curlStrands(const StrandSet& input, const CurlSettings& settings,
                 const float t = arcs[k] / total;
                 // The turn angle integrates the frequency along the curl's own length, the spacing
                 // noise riding on the frequency.
-                float nextRate = frequency * settings.frequencyProfile.at(t);
+                float nextRate = frequency * profileAt(settings.frequencyProfile, t);
                 if (settings.spacingRandom > 0.0f)
                     nextRate *=
-                        1.0f + settings.spacingRandom *
-                                   spacingNoise(draws.spacingHash, turns / kTurnsPerSpacingKnot);
+                        1.0f + settings.spacingRandom * spacing.at(turns * kSpacingKnotsPerTurn);
                 turns += 0.5f * (rate + nextRate) * ds;
                 rate = nextRate;
 
                 float radius = coil ? settings.coilWidths *
                                           (begin + k < widths.size() ? widths[begin + k] : 0.0f)
                                     : (radiusMapped ? settings.radius.atPoint(s, k) : plainRadius);
-                radius *= radiusScale * settings.profile.at(t) * smoothstep01(turns / 0.25f);
+                radius *=
+                    radiusScale * profileAt(settings.profile, t) * smoothstep01(turns / 0.25f);
                 // A turn can't reach further around than its own length: wider curls are held
                 // to a flat circle (a zigzag to its straight flanks), so the strand keeps its
                 // length.
-                if (rate > 0.0f) radius = std::min(radius, widest / rate);
+                if (rate > 0.0f && radius * rate > widest) radius = std::min(radius, widest / rate);
                 if (weighted && hanging[k] > 0.0f && rate > 0.0f && radius > 0.0f) {
                     // A turn keeps its length while its spacing stretches, so its radius narrows;
                     // stretched past its length the curl goes straight.
@@ -189,18 +358,13 @@ void curlStrands(const StrandSet& input, const CurlSettings& settings,
                 const float angle = kTwoPi * (turns + draws.phaseTurns);
                 float x = 0.0f;
                 float y = 0.0f;
-                switch (settings.shape) {
-                    case CurlShape::Helix:
-                    case CurlShape::Coil:
-                        x = radius * std::cos(angle);
-                        y = radius * std::sin(angle);
-                        break;
-                    case CurlShape::Wave:
-                        x = radius * std::sin(angle);
-                        break;
-                    case CurlShape::Zigzag:
-                        x = radius * triangleWave(turns + draws.phaseTurns);
-                        break;
+                if (settings.shape == CurlShape::Zigzag) {
+                    x = radius * triangleWave(turns + draws.phaseTurns);
+                } else {
+                    // One call makes both: the sine and cosine of one angle.
+                    const float cosA = std::cos(angle), sinA = std::sin(angle);
+                    x = settings.shape == CurlShape::Wave ? radius * sinA : radius * cosA;
+                    y = settings.shape == CurlShape::Wave ? 0.0f : radius * sinA;
                 }
                 // The segment keeps its length: what the offset takes of it comes off the way
                 // along the line, which shrinks the axis.
@@ -228,9 +392,15 @@ void curlStrands(const StrandSet& input, const CurlSettings& settings,
                     pointAtArc(axis, axisArcs, axial / total * axisLength, axisSegment);
                 const SegmentFrame& frame =
                     axisFrames[std::min(axisSegment, axisFrames.size() - 1)];
-                const Vec3f across = frame.normal * planeCos + frame.binormal * planeSin;
-                const Vec3f up = frame.binormal * planeCos - frame.normal * planeSin;
-                out[begin + k] = center + across * x + up * y;
+                if (planar) {
+                    const Vec3f across = frame.normal * planeCos + frame.binormal * planeSin;
+                    const Vec3f up = frame.binormal * planeCos - frame.normal * planeSin;
+                    out[begin + k] = center + across * x + up * y;
+                } else {
+                    // A helix winds in the frame as it is (its plane's turn is 0; the phase turns
+                    // it).
+                    out[begin + k] = center + frame.normal * x + frame.binormal * y;
+                }
             }
         }
     });
@@ -245,6 +415,28 @@ ParamSpec choiceParam(std::string name, std::string value, std::vector<std::stri
     spec.animatable = false;
     return spec;
 }
+
+// A mapped radius read at the points that came in and carried to the cut points along the line
+// between them: a map is bound to the points it was made for.
+class CutRadius final : public FieldValue {
+  public:
+    CutRadius(std::vector<float> values, std::span<const std::uint64_t> offsets)
+        : values_(std::move(values)), offsets_(offsets) {}
+    float atStrand(std::size_t strand) const override {
+        // A strand of no points (or a set of none) has no radius to give.
+        return offsets_[strand] < values_.size() ? values_[offsets_[strand]] : 0.0f;
+    }
+    float atPoint(std::size_t strand, std::size_t point) const override {
+        return values_[offsets_[strand] + point];
+    }
+    bool varies() const override { return true; }
+    std::uint64_t key() const override { return 0; }
+    std::string describe() const override { return "the radius at the cut points"; }
+
+  private:
+    std::vector<float> values_;
+    std::span<const std::uint64_t> offsets_;
+};
 
 CurlShape curlShapeOf(const std::string& shape) {
     if (shape == "wave") return CurlShape::Wave;
@@ -365,11 +557,19 @@ class CurlOp final : public ShapeOperator {
         settings.weight = static_cast<float>(paramSet.getFloat("weight", 0.0));
         settings.weightDirection = paramSet.getVec3("weightDirection", {0.0f, -1.0f, 0.0f});
         settings.seed = static_cast<std::uint64_t>(paramSet.getInt("seed", 0));
+        settings.tolerance = static_cast<float>(paramSet.getFloat("tolerance", 0.0));
+        const bool clumped = paramSet.getString("coherence", "strand") == "clump";
+        const std::string channel = paramSet.getString("clumpChannel", "clumpId");
+        if (settings.tolerance > 0.0f && !curlIsIdle(settings)) {
+            // Cutting segments changes the point counts, which only a full run can do.
+            if (incremental) return false;
+            return curlCut(*input, settings, clumped ? input->strandChannel(channel) : nullptr, out,
+                           changes);
+        }
 
         ClumpAxes clumps;
         WidenChanges widen;
-        if (paramSet.getString("coherence", "strand") == "clump") {
-            const std::string channel = paramSet.getString("clumpChannel", "clumpId");
+        if (clumped) {
             // Without the channel there are no clumps to follow, and each strand curls on its own.
             if (const std::vector<float>* ids = input->strandChannel(channel)) {
                 if (incremental && !clumpsKept(*ids, channel, *incremental)) return false;
@@ -385,6 +585,45 @@ class CurlOp final : public ShapeOperator {
         return reshapePoints(inputs, incremental,
                              mapsReadOnlyTheirStrand(paramSet, ctx, {"radius"}), &curlStrands,
                              settings, out, changes, widen);
+    }
+
+    // The full run with a tolerance: the strands cut where they are too coarse for the curl, then
+    // curled. The clumps' ids are the input's, one per strand.
+    static bool curlCut(const StrandSet& input, CurlSettings settings,
+                        const std::vector<float>* clumpIds, Value* out, StrandChanges* changes) {
+        StrandSet cut;
+        std::shared_ptr<const CutRadius> radius;
+        if (settings.radius.isMapped()) {
+            // The map's radius at every point that came in, cut along with the points.
+            std::vector<float> before(input.pointCount());
+            const std::span<const std::uint64_t> offsets = input.offsets();
+            parallelRange(0, input.strandCount(), 256, [&](std::size_t first, std::size_t last) {
+                for (std::size_t s = first; s < last; ++s)
+                    for (std::size_t k = 0; k < offsets[s + 1] - offsets[s]; ++k)
+                        before[offsets[s] + k] = settings.radius.atPoint(s, k);
+            });
+            std::vector<float> after;
+            cut = cutForCurl(input, settings, &before, &after);
+            radius = std::make_shared<const CutRadius>(std::move(after), cut.offsets());
+            settings.radius = FieldSampler(radius);
+        } else {
+            cut = subdivideForCurl(input, settings);
+        }
+        ClumpAxes clumps;
+        if (clumpIds) {
+            clumps = clumpAxes(cut, *clumpIds);
+            settings.clumps = &clumps;
+            settings.clumpChannel = clumpIds;
+        }
+        auto made = std::make_shared<StrandSet>(cut);
+        curlStrands(cut, settings, StrandSelection::every(), made->overwritePoints());
+        if (changes) {
+            changes->all = true;
+            changes->strands.clear();
+            changes->sameLayout = cut.pointCount() == input.pointCount();
+        }
+        *out = std::shared_ptr<const StrandSet>(std::move(made));
+        return true;
     }
 };
 

@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <numbers>
 
@@ -153,6 +154,113 @@ TEST(Curl, WeightStretchesWhereTurnsHangBelow) {
     against["weightDirection"] = Vec3f{0, 1, 0};
     EXPECT_EQ(ShapeRun("Curl", against).run(down)->contentHash(),
               ShapeRun("Curl", base).run(down)->contentHash());
+}
+
+float polylineLength(std::span<const Vec3f> line) {
+    float total = 0.0f;
+    for (std::size_t k = 1; k < line.size(); ++k)
+        total += length(line[k] - line[k - 1]);
+    return total;
+}
+
+// How far the chords of an upright helix of `radius` stray inside its round path: the most, over
+// the segments whose ends both lie on it (past the ease-in), of the radius less the chord's
+// middle's distance from the axis.
+float strayInsideTheCurl(std::span<const Vec3f> points, float radius) {
+    float stray = 0.0f;
+    for (std::size_t k = 1; k < points.size(); ++k) {
+        if (distanceOffY(points[k - 1]) < 0.999f * radius ||
+            distanceOffY(points[k]) < 0.999f * radius)
+            continue;
+        stray = std::max(stray, radius - distanceOffY(lerp(points[k - 1], points[k], 0.5f)));
+    }
+    return stray;
+}
+
+TEST(Curl, ToleranceCutsCoarseSegmentsSoChordsStayNearTheCurl) {
+    // Five points a unit apart: half a turn per segment, far too coarse for a round curl. A point
+    // channel numbers the points, to show the new ones between the old.
+    auto coarse = std::make_shared<StrandSet>(*handStrands({straight(5, 1.0f)}));
+    coarse->addPointChannel("tubeU", 0.0f) = {0, 1, 2, 3, 4};
+    const float radius = 0.05f;
+    const std::map<std::string, ParamValue> curl{
+        {"radius", double{radius}}, {"frequency", 0.5}, {"randomness", 0.0}};
+    const auto cutAt = [&](double tolerance) {
+        auto params = curl;
+        params["tolerance"] = tolerance;
+        return ShapeRun("Curl", params).run(coarse);
+    };
+    std::size_t lastCount = 5;
+    for (const double tolerance : {0.1, 0.02, 0.002}) {
+        SCOPED_TRACE(tolerance);
+        const auto out = cutAt(tolerance);
+        const auto points = out->strandPoints(0);
+        // A smaller tolerance cuts finer; half a turn a segment at 0.002 needs 25 parts.
+        EXPECT_GT(points.size(), lastCount);
+        lastCount = points.size();
+        EXPECT_EQ(points[0], Vec3f{});
+        EXPECT_NEAR(polylineLength(points), 4.0f, 1e-3f);
+        EXPECT_LE(strayInsideTheCurl(points, radius), static_cast<float>(tolerance) * radius);
+        EXPECT_GT(strayInsideTheCurl(points, radius), 0.0f);
+        // Widths and point channels follow along the line between the points that came in.
+        const std::vector<float>& numbers = *out->pointChannel("tubeU");
+        EXPECT_TRUE(std::is_sorted(numbers.begin(), numbers.end()));
+        EXPECT_EQ(numbers.front(), 0.0f);
+        EXPECT_EQ(numbers.back(), 4.0f);
+        for (const float w : out->widths())
+            EXPECT_FLOAT_EQ(w, 0.01f);
+    }
+    EXPECT_EQ(lastCount, 4u * 25u + 1u);
+    // Without it the strand keeps its five points, whose chords cut right across the curl.
+    const auto uncut = ShapeRun("Curl", curl).run(coarse);
+    EXPECT_EQ(uncut->pointCount(), 5u);
+    EXPECT_GT(strayInsideTheCurl(uncut->strandPoints(0), radius), 0.9f * radius);
+    // A radius mapped per point is read at the points that came in and carried along the line to
+    // the cut ones, as the channels are.
+    ShapeRun mapped("Curl", curl);
+    mapped.params["tolerance"] = 0.002;
+    mapped.fields["radius"] = std::make_shared<test::ListField>(
+        std::vector<float>{0.05f},
+        std::vector<std::vector<float>>{{0.02f, 0.04f, 0.06f, 0.08f, 0.1f}});
+    const auto widening = mapped.run(coarse);
+    ASSERT_EQ(widening->pointCount(), lastCount);
+    const std::vector<float>& along = *widening->pointChannel("tubeU");
+    for (std::size_t k = 0; k < lastCount; ++k) {
+        // Past the ease-in over the first quarter turn (half a unit).
+        if (along[k] < 0.6f) continue;
+        EXPECT_NEAR(distanceOffY(widening->strandPoints(0)[k]), 0.02f + 0.02f * along[k], 1e-4f)
+            << "point " << k;
+    }
+    // The same bits at any thread count, and a change to a few strands reruns them all, as the
+    // cut needs a full run.
+    const auto many = test::mixedStrands(2000, 6);
+    auto params = curl;
+    params["tolerance"] = 0.05;
+    params["randomness"] = 0.3;
+    params["spacingRandom"] = 0.4;
+    const ShapeRun cutting("Curl", params);
+    const auto [one, two] =
+        test::onOneAndTwoThreads([&] { return cutting.run(many)->contentHash(); });
+    EXPECT_EQ(one, two);
+    const test::IncrementalOutcome outcome =
+        test::incrementalAfterMove(cutting, test::gridStrands(500, 9, 4), {7, 107});
+    EXPECT_EQ(outcome.run, "full 2");
+    EXPECT_TRUE(outcome.sameAsFull);
+    // A strand is cut and curled alike in a preview's share of the strands.
+    const auto whole = cutting.run(many);
+    auto preview = std::make_shared<StrandSet>();
+    many->thinned(0.3, *preview);
+    const auto thin = cutting.run(preview);
+    ASSERT_GT(thin->strandCount(), 0u);
+    std::size_t matched = 0;
+    for (std::size_t s = 0, t = 0; s < whole->strandCount() && t < thin->strandCount(); ++s) {
+        if (whole->ids()[s] != thin->ids()[t]) continue;
+        const auto a = whole->strandPoints(s);
+        const auto b = thin->strandPoints(t++);
+        EXPECT_TRUE(std::equal(a.begin(), a.end(), b.begin(), b.end())) << "strand " << s;
+        ++matched;
+    }
+    EXPECT_EQ(matched, thin->strandCount());
 }
 
 std::shared_ptr<StrandSet> clumped(const std::vector<Vec3f>& roots,

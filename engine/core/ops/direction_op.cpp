@@ -6,6 +6,7 @@
 #include "graph/registry.h"
 #include "mesh/scalp_mesh.h"
 #include "ops/field_op_params.h"
+#include "ops/shape_kernels.h"
 #include "ops/shape_ops.h"
 #include "strands/strand_set.h"
 
@@ -16,17 +17,21 @@ void directStrands(const StrandSet& input, const DirectionSettings& settings,
     const std::span<const std::uint64_t> ids = input.ids();
     const std::span<const StrandRoot> roots = input.roots();
     const TangentFrom from = settings.alongU ? TangentFrom::U : TangentFrom::Direction;
+    const std::span<const std::uint64_t> offsets = input.offsets();
+    const std::span<const Vec3f> inputPoints = input.points();
     parallelRange(0, pick.size(input.strandCount()), 256, [&](std::size_t begin, std::size_t end) {
+        RootFrames frames(settings.scalp, from);
         for (std::size_t item = begin; item < end; ++item) {
             const std::size_t s = pick.strand(item);
-            const std::span<const Vec3f> strand = input.strandPoints(s);
-            Vec3f* out = points.data() + input.pointRange(s).begin;
+            const std::size_t first = offsets[s];
+            const std::size_t n = offsets[s + 1] - first;
+            const std::span<const Vec3f> strand = inputPoints.subspan(first, n);
+            Vec3f* out = points.data() + first;
             std::copy(strand.begin(), strand.end(), out);
-            const std::size_t n = strand.size();
             if (n < 2) continue;
             const float share = std::min(settings.strength.atStrand(s), 1.0f);
             if (share == 0.0f) continue;
-            const RootFrame frame = rootFrame(settings.scalp, roots[s], from, settings.direction);
+            const RootFrame frame = frames.at(roots[s], settings.direction);
             if (!frame.valid) continue;
 
             StrandDraws draws(ids[s], settings.seed);
@@ -49,16 +54,26 @@ void directStrands(const StrandSet& input, const DirectionSettings& settings,
             if (lengthSquared(current) == 0.0f) continue;
             const float cosTurn = std::clamp(dot(current, target), -1.0f, 1.0f);
             Vec3f axis = cross(current, target);
-            if (length(axis) < 1e-6f) {
+            const float axisLength = length(axis);
+            float c = 0.0f, sn = 0.0f;
+            if (axisLength < 1e-6f) {
                 if (cosTurn > 0.0f) continue;
                 // Pointing straight away: any perpendicular turns it round.
                 const Vec3f other =
                     std::fabs(current.x) < 0.9f ? Vec3f{1.0f, 0.0f, 0.0f} : Vec3f{0.0f, 1.0f, 0.0f};
-                axis = cross(current, other);
+                axis = normalized(cross(current, other));
+                const float turn = std::acos(cosTurn) * share;
+                c = std::cos(turn), sn = std::sin(turn);
+            } else {
+                axis = axis / axisLength;
+                if (share == 1.0f) {
+                    // The whole turn: its cosine and sine are the dot and cross products' own.
+                    c = cosTurn, sn = std::min(axisLength, 1.0f);
+                } else {
+                    const float turn = std::acos(cosTurn) * share;
+                    c = std::cos(turn), sn = std::sin(turn);
+                }
             }
-            axis = normalized(axis);
-            const float turn = std::acos(cosTurn) * share;
-            const float c = std::cos(turn), sn = std::sin(turn);
             for (std::size_t k = 1; k < n; ++k)
                 out[k] = strand[0] + rotateAbout(strand[k] - strand[0], axis, c, sn);
         }

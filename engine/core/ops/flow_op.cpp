@@ -8,6 +8,7 @@
 #include "graph/registry.h"
 #include "mesh/scalp_mesh.h"
 #include "ops/field_op_params.h"
+#include "ops/shape_kernels.h"
 #include "ops/shape_ops.h"
 #include "strands/strand_set.h"
 
@@ -54,35 +55,92 @@ std::optional<ClosestPoint> walkToClosest(const ScalpMesh& scalp, const SurfaceT
     return std::nullopt;
 }
 
+// The smooth normal and the flow at points of the scalp, as ScalpMesh::normalAt and FlowField::at
+// give them, bit for bit, from the vertex normals and the field's vertex directions fetched once
+// per run: one blend of a triangle's corners for both, where those calls would make the normal
+// twice. The rare cases (opposed normals, directions that disagree) go to the calls themselves.
+class SurfaceFlow {
+  public:
+    SurfaceFlow(const ScalpMesh& scalp, const FlowField& flow)
+        : scalp_(scalp),
+          flow_(flow),
+          triangles_(scalp.triangles()),
+          normals_(scalp.vertexNormals()),
+          directions_(flow.directions()),
+          blendDirections_(flow.directions().size() == scalp.pointCount()) {}
+
+    Vec3f normalAt(const StrandRoot& at) const {
+        const Triangle& t = triangles_[static_cast<std::size_t>(at.face)];
+        const float w0 = 1.0f - at.u - at.v;
+        const Vec3f blend = normals_[t[0]] * w0 + normals_[t[1]] * at.u + normals_[t[2]] * at.v;
+        const float len2 = lengthSquared(blend);
+        if (len2 > 1e-20f) return blend / std::sqrt(len2);
+        return scalp_.normalAt(at);
+    }
+
+    // The flow at `at`, whose smooth normal is `normal`.
+    Vec3f flowAt(const StrandRoot& at, const Vec3f& normal) const {
+        constexpr float kSlack = 1e-4f;
+        const bool usable = at.u >= -kSlack && at.v >= -kSlack && at.u + at.v <= 1.0f + kSlack;
+        if (!usable || !blendDirections_) return flow_.at(scalp_, at);
+        const Triangle& t = triangles_[static_cast<std::size_t>(at.face)];
+        const float w0 = 1.0f - at.u - at.v;
+        Vec3f blend = directions_[t[0]] * w0 + directions_[t[1]] * at.u + directions_[t[2]] * at.v;
+        blend -= normal * dot(blend, normal);
+        const float len = length(blend);
+        if (len >= 0.5f) return blend / len;
+        return flow_.at(scalp_, at);
+    }
+
+  private:
+    const ScalpMesh& scalp_;
+    const FlowField& flow_;
+    const std::vector<Triangle>& triangles_;
+    std::span<const Vec3f> normals_;
+    std::span<const Vec3f> directions_;
+    bool blendDirections_;
+};
+
 }  // namespace
 
 void flowStrands(const StrandSet& input, const FlowSettings& settings, const StrandSelection& pick,
                  std::span<Vec3f> points) {
     const std::span<const std::uint64_t> ids = input.ids();
     const std::span<const StrandRoot> roots = input.roots();
+    const std::span<const std::uint64_t> offsets = input.offsets();
+    const std::span<const Vec3f> inputPoints = input.points();
     const ScalpMesh* scalp = settings.scalp;
     const FlowField* flow = settings.flow;
     const std::shared_ptr<const SurfaceTopology> topology = scalp ? scalp->topology() : nullptr;
+    const std::optional<SurfaceFlow> surface =
+        scalp && flow ? std::optional<SurfaceFlow>(std::in_place, *scalp, *flow) : std::nullopt;
+    const bool liftMapped = settings.lift.isMapped();
+    const float plainLift = settings.lift.value();
     parallelRange(0, pick.size(input.strandCount()), 256, [&](std::size_t begin, std::size_t end) {
+        StrandScratch<float> lengthScratch;
         for (std::size_t item = begin; item < end; ++item) {
             const std::size_t s = pick.strand(item);
-            const std::span<const Vec3f> strand = input.strandPoints(s);
-            Vec3f* out = points.data() + input.pointRange(s).begin;
+            const std::size_t first = offsets[s];
+            const std::size_t n = offsets[s + 1] - first;
+            const std::span<const Vec3f> strand = inputPoints.subspan(first, n);
+            Vec3f* out = points.data() + first;
             std::copy(strand.begin(), strand.end(), out);
-            const std::size_t n = strand.size();
-            if (n < 2 || !scalp || !flow || !scalp->isOnSurface(roots[s])) continue;
+            if (n < 2 || !surface || !scalp->isOnSurface(roots[s])) continue;
             StrandRoot at = roots[s];
-            Vec3f along = flow->at(*scalp, at);
+            Vec3f normal = surface->normalAt(at);
+            Vec3f along = surface->flowAt(at, normal);
             if (lengthSquared(along) == 0.0f) continue;
-            Vec3f normal = scalp->normalAt(at);
 
             const float turn =
                 settings.random * StrandDraws(ids[s], settings.seed).nextSigned() * kDegrees;
             const float cosTurn = std::cos(turn), sinTurn = std::sin(turn);
-            const float lift = settings.lift.atStrand(s);
+            const float lift = liftMapped ? settings.lift.atStrand(s) : plainLift;
+            const std::span<float> lengths = lengthScratch.take(n);
             float total = 0.0f;
-            for (std::size_t k = 1; k < n; ++k)
-                total += length(strand[k] - strand[k - 1]);
+            for (std::size_t k = 1; k < n; ++k) {
+                lengths[k] = length(strand[k] - strand[k - 1]);
+                total += lengths[k];
+            }
 
             // Walk from the root: each segment keeps its length and follows the flow under its
             // start, lifted off the skin by the lift at its middle, and lands at the height the
@@ -90,25 +148,26 @@ void flowStrands(const StrandSet& input, const FlowSettings& settings, const Str
             float arc = 0.0f;
             float height = 0.0f;
             for (std::size_t k = 1; k < n; ++k) {
-                const float segment = length(strand[k] - strand[k - 1]);
+                const float segment = lengths[k];
                 const float t = total > 0.0f ? (arc + 0.5f * segment) / total : 0.0f;
                 arc += segment;
                 const float angle = lift * (1.0f - settings.bend * t) * kDegrees;
+                const float cosAngle = std::cos(angle), sinAngle = std::sin(angle);
                 const Vec3f laid = rotateAbout(along, normal, cosTurn, sinTurn);
-                const Vec3f direction = laid * std::cos(angle) + normal * std::sin(angle);
+                const Vec3f direction = laid * cosAngle + normal * sinAngle;
                 Vec3f next = out[k - 1] + direction * segment;
-                height += segment * std::sin(angle);
+                height += segment * sinAngle;
                 const float reach = std::fabs(height) + 2.0f * segment + 1e-4f;
                 const std::optional<ClosestPoint> walked =
                     walkToClosest(*scalp, *topology, at.face, next, reach);
                 const ClosestPoint below = walked ? *walked : scalp->closestPoint(next, reach);
                 if (below.found()) {
                     at = below.root;
-                    const Vec3f surfaceNormal = scalp->normalAt(at);
+                    const Vec3f surfaceNormal = surface->normalAt(at);
                     const Vec3f snapped = below.point + surfaceNormal * height;
                     next = out[k - 1] + normalized(snapped - out[k - 1], direction) * segment;
                     // The flow and the normal where the next segment starts.
-                    const Vec3f there = flow->at(*scalp, at);
+                    const Vec3f there = surface->flowAt(at, surfaceNormal);
                     normal = surfaceNormal;
                     along = lengthSquared(there) > 0.0f
                                 ? there

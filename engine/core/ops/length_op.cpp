@@ -1,6 +1,7 @@
 #include <algorithm>
 
 #include "graph/registry.h"
+#include "ops/shape_kernels.h"
 #include "ops/shape_ops.h"
 
 namespace velmorin {
@@ -12,12 +13,17 @@ void trimStrands(const StrandSet& input, const LengthSettings& settings,
     const float plainLength = settings.length.value();
     const float plainFraction = settings.fraction.value();
     const float randomness = settings.randomness;
+    Vec3f* const outPoints = out.data();
     const std::span<const std::uint64_t> ids = input.ids();
+    const std::span<const std::uint64_t> offsets = input.offsets();
+    const std::span<const Vec3f> inputPoints = input.points();
     forSelectedChunks(input.strandCount(), selection, [&](std::size_t first, std::size_t last) {
-        std::vector<float> arcs;
+        StrandScratch<float> arcScratch;
         for (std::size_t i = first; i < last; ++i) {
             const std::size_t s = selection.strand(i);
-            const std::span<const Vec3f> points = input.strandPoints(s);
+            const std::size_t begin = offsets[s];
+            const std::size_t n = offsets[s + 1] - begin;
+            const std::span<const Vec3f> points = inputPoints.subspan(begin, n);
             float keep = lengthMapped ? settings.length.atStrand(s) : plainLength;
             if (randomness > 0.0f) {
                 StrandDraws draws(ids[s], settings.seed);
@@ -27,20 +33,28 @@ void trimStrands(const StrandSet& input, const LengthSettings& settings,
                 if (f >= 1.0f || d2 < f) keep *= 1.0f - randomness * d1;
             }
             keep = std::clamp(keep, 0.0f, 1.0f);
-            const std::size_t n = points.size();
-            const std::size_t begin = input.pointRange(s).begin;
+            Vec3f* out = outPoints + begin;
             // Kept whole (or NaN), or too short to trim: the strand as it came.
             if (n < 2 || !(keep < 1.0f)) {
-                std::copy(points.begin(), points.end(), out.begin() + begin);
+                std::copy(points.begin(), points.end(), out);
                 continue;
             }
-            arcs.resize(n);
+            const std::span<float> arcs = arcScratch.take(n);
             const float step = keep * arcLengths(points, arcs) / static_cast<float>(n - 1);
             // The new points come from a forward walk over the old ones, which stay readable:
             // `out` is another array than the input's.
+            // pointAtArc's walk, without its checks of the ends: the arcs asked for rise from 0
+            // and stay short of the whole length, so the last segment holds whatever is past it.
+            out[0] = points[0];
             std::size_t segment = 0;
-            for (std::size_t k = 0; k < n; ++k)
-                out[begin + k] = pointAtArc(points, arcs, step * static_cast<float>(k), segment);
+            for (std::size_t k = 1; k < n; ++k) {
+                const float s = step * static_cast<float>(k);
+                while (segment + 2 < n && arcs[segment + 1] < s)
+                    ++segment;
+                const float span = arcs[segment + 1] - arcs[segment];
+                const float f = span > 0.0f ? (s - arcs[segment]) / span : 0.0f;
+                out[k] = lerp(points[segment], points[segment + 1], std::clamp(f, 0.0f, 1.0f));
+            }
         }
     });
 }

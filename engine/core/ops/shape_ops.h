@@ -120,9 +120,20 @@ struct CurlSettings {
     // their axis; null curls each strand on its own.
     const ClumpAxes* clumps = nullptr;
     const std::vector<float>* clumpChannel = nullptr;  // per strand, the clumps' ids
+    // How far a chord may stray from the round curl, a share of its radius; 0 keeps the points
+    // that come in.
+    float tolerance = 0.0f;
 };
 void curlStrands(const StrandSet& input, const CurlSettings& settings,
                  const StrandSelection& selection, std::span<Vec3f> out);
+// Whether the settings curl nothing, so that every strand goes through as it came.
+bool curlIsIdle(const CurlSettings& settings);
+// The input with each segment of each strand cut into the fewest equal parts that keep a chord of
+// the curl within `tolerance` of its radius, for the most the curl can turn over the segment (the
+// strand's frequency at the segment's tightest, with the spacing's random on top); points, widths
+// and point channels follow linearly, and the points that came in are kept. With `tolerance` 0, or
+// nothing to curl, the input as it is. Curled, the result keeps every strand's length and root.
+StrandSet subdivideForCurl(const StrandSet& input, const CurlSettings& settings);
 
 // Twist: each point turns about its axis's tangent at the point's arc along it, through the axis.
 struct TwistSettings {

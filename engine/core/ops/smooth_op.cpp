@@ -8,6 +8,7 @@
 #include "graph/delivered_params.h"
 #include "graph/registry.h"
 #include "ops/field_op_params.h"
+#include "ops/shape_kernels.h"
 #include "ops/shape_ops.h"
 #include "strands/strand_set.h"
 
@@ -15,61 +16,51 @@ namespace velmorin {
 namespace {
 
 constexpr int kPeriod = 2 * kSmoothCells;
+// The differences a box filter reads: a window of up to a period either side of a cell, past the
+// half period it writes.
+constexpr int kReach = kPeriod + kSmoothCells + 2;
 
-// The differences of one strand's cells, mirrored to a period of 2m, and their running sums.
+// One strand's cells: its shape at m + 1 equal arc steps, the segment differences between them
+// (mirrored to a period of 2m, so that only the first m are ever stored) and a filter's running
+// sums.
 struct Cells {
-    std::array<Vec3f, kSmoothCells + 1> curve;  // the strand at m + 1 equal arc steps
-    std::array<Vec3f, kPeriod> differences;
-    std::array<Vec3f, kPeriod + 1> sums;
-    std::array<Vec3f, kPeriod> filtered;  // a box filter's output, kept here to be set up once
+    std::array<Vec3f, kSmoothCells + 1> curve;
+    std::array<Vec3f, kSmoothCells> differences;
+    std::array<Vec3f, kReach + 1> sums;  // from the window's low end
 };
 
-// The integral of the periodic, cell-wise constant differences from 0 to a point that walks
-// forward a cell at a time: the cell is held as whole periods plus a cell within one, so that no
-// step divides.
-class PeriodicIntegral {
-  public:
-    // Starts at `cell` + `fraction` (in cells; `cell` may lie outside one period).
-    PeriodicIntegral(const Cells& cells, int period, int cell, float fraction)
-        : cells_(cells), period_(period), fraction_(fraction) {
-        turns_ = cell >= 0 ? cell / period : -((period - 1 - cell) / period);
-        at_ = cell - turns_ * period;
-    }
-    Vec3f value() const {
-        const auto at = static_cast<std::size_t>(at_);
-        return cells_.sums[static_cast<std::size_t>(period_)] * static_cast<float>(turns_) +
-               cells_.sums[at] + cells_.differences[at] * fraction_;
-    }
-    void next() {
-        if (++at_ == period_) at_ = 0, ++turns_;
-    }
-
-  private:
-    const Cells& cells_;
-    int period_;
-    float fraction_;
-    int turns_ = 0;
-    int at_ = 0;
-};
-
-// One box filter of `width` cells over the periodic differences, from their running sums. Every
-// cell's window has the same reach either side of its centre, so the window's ends are found once
-// and walk along with the cell.
-void boxFilter(Cells& cells, int period, float width) {
-    cells.sums[0] = Vec3f{};
-    for (int i = 0; i < period; ++i)
-        cells.sums[static_cast<std::size_t>(i + 1)] =
-            cells.sums[static_cast<std::size_t>(i)] +
-            cells.differences[static_cast<std::size_t>(i)];
+// One box filter of `width` cells over the periodic differences. Cell j's window runs from
+// j + low to j + high; the integral to either end is a running sum from the lowest end, plus the
+// share of the cell it ends in (the step from that sum to the next). The mirrored differences
+// filter to mirrored values, so only the first m are made.
+void boxFilter(Cells& cells, int m, float width) {
     const float low = 0.5f - 0.5f * width, high = 0.5f + 0.5f * width;
     const int lowCell = static_cast<int>(std::floor(low));
     const int highCell = static_cast<int>(std::floor(high));
+    const float lowShare = low - static_cast<float>(lowCell);
+    const float highShare = high - static_cast<float>(highCell);
+    const int reach = highCell - lowCell;
+    const int count = reach + m;
+    // Unrolled from the mirrored period: the first m differences run forward, the next m back the
+    // way they came.
+    const int period = 2 * m;
+    int at = lowCell % period;
+    if (at < 0) at += period;
+    Vec3f sum;
+    cells.sums[0] = sum;
+    for (int i = 0; i < count; ++i) {
+        sum += cells.differences[static_cast<std::size_t>(at < m ? at : period - 1 - at)];
+        if (++at == period) at = 0;
+        cells.sums[static_cast<std::size_t>(i + 1)] = sum;
+    }
     const float scale = 1.0f / width;
-    PeriodicIntegral to(cells, period, highCell, high - static_cast<float>(highCell));
-    PeriodicIntegral from(cells, period, lowCell, low - static_cast<float>(lowCell));
-    for (int j = 0; j < period; ++j, to.next(), from.next())
-        cells.filtered[static_cast<std::size_t>(j)] = (to.value() - from.value()) * scale;
-    std::copy(cells.filtered.begin(), cells.filtered.begin() + period, cells.differences.begin());
+    for (int j = 0; j < m; ++j) {
+        const auto from = static_cast<std::size_t>(j);
+        const auto to = static_cast<std::size_t>(j + reach);
+        const Vec3f upper = lerp(cells.sums[to], cells.sums[to + 1], highShare);
+        const Vec3f lower = lerp(cells.sums[from], cells.sums[from + 1], lowShare);
+        cells.differences[from] = (upper - lower) * scale;
+    }
 }
 
 }  // namespace
@@ -78,8 +69,9 @@ void smoothStrands(const StrandSet& input, const SmoothSettings& settings,
                    const StrandSelection& pick, std::span<Vec3f> points) {
     parallelRange(0, pick.size(input.strandCount()), 256, [&](std::size_t begin, std::size_t end) {
         Cells cells;
-        std::vector<float> shares;  // per point, grown once per chunk
-        std::vector<Vec3f> mixed;
+        // Per point: on the stack for strands of ordinary length.
+        StrandScratch<float> shareScratch;
+        StrandScratch<Vec3f> mixedScratch;
         for (std::size_t item = begin; item < end; ++item) {
             const std::size_t s = pick.strand(item);
             const std::span<const Vec3f> strand = input.strandPoints(s);
@@ -89,8 +81,9 @@ void smoothStrands(const StrandSet& input, const SmoothSettings& settings,
             if (n < 2) continue;
             const float strength = settings.strength.atStrand(s);
             if (strength == 0.0f) continue;
-            if (shares.size() < n) shares.resize(n), mixed.resize(n);
-            const float total = arcShares(strand, std::span<float>(shares.data(), n));
+            const std::span<float> shares = shareScratch.take(n);
+            const std::span<Vec3f> mixed = mixedScratch.take(n);
+            const float total = arcShares(strand, shares);
             if (!(total > 0.0f)) continue;
 
             // The strand at m + 1 equal arc steps: about four cells a segment, 127 at most.
@@ -107,21 +100,17 @@ void smoothStrands(const StrandSet& input, const SmoothSettings& settings,
                     lerp(strand[segment - 1], strand[segment], f);
             }
             cells.curve[static_cast<std::size_t>(m)] = strand[n - 1];
-            // Mirrored, the differences run back the way they came, which keeps the directions at
-            // the root and the tip.
-            const int period = 2 * m;
-            for (int j = 0; j < m; ++j) {
-                const Vec3f d = cells.curve[static_cast<std::size_t>(j + 1)] -
-                                cells.curve[static_cast<std::size_t>(j)];
-                cells.differences[static_cast<std::size_t>(j)] = d;
-                cells.differences[static_cast<std::size_t>(period - 1 - j)] = d;
-            }
-            // Three boxes make a near Gaussian.
+            for (int j = 0; j < m; ++j)
+                cells.differences[static_cast<std::size_t>(j)] =
+                    cells.curve[static_cast<std::size_t>(j + 1)] -
+                    cells.curve[static_cast<std::size_t>(j)];
+            // Three boxes make a near Gaussian. Mirrored to a period of 2m, the differences run
+            // back the way they came, which keeps the directions at the root and the tip.
             const float width =
-                std::min(2.0f * settings.scale * static_cast<float>(m), static_cast<float>(period));
+                std::min(2.0f * settings.scale * static_cast<float>(m), static_cast<float>(2 * m));
             if (width > 1e-3f) {
                 for (int pass = 0; pass < 3; ++pass)
-                    boxFilter(cells, period, width);
+                    boxFilter(cells, m, width);
             }
             for (int j = 0; j < m; ++j)
                 cells.curve[static_cast<std::size_t>(j + 1)] =
@@ -135,12 +124,15 @@ void smoothStrands(const StrandSet& input, const SmoothSettings& settings,
                 const Vec3f smooth = lerp(cells.curve[static_cast<std::size_t>(cell)],
                                           cells.curve[static_cast<std::size_t>(cell + 1)],
                                           x - static_cast<float>(cell));
-                mixed[k] = lerp(strand[k], smooth, strength * settings.profile.at(shares[k]));
+                mixed[k] =
+                    lerp(strand[k], smooth, strength * profileAt(settings.profile, shares[k]));
             }
             // Each segment takes the mixed shape's direction at its own length.
             for (std::size_t k = 1; k < n; ++k) {
                 const Vec3f own = strand[k] - strand[k - 1];
-                const Vec3f along = normalized(mixed[k] - mixed[k - 1], normalized(own));
+                const Vec3f turned = mixed[k] - mixed[k - 1];
+                const float turnedLength = length(turned);
+                const Vec3f along = turnedLength > 1e-20f ? turned / turnedLength : normalized(own);
                 out[k] = out[k - 1] + along * length(own);
             }
         }

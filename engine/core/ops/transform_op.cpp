@@ -7,6 +7,7 @@
 #include "graph/registry.h"
 #include "mesh/scalp_mesh.h"
 #include "ops/field_op_params.h"
+#include "ops/shape_kernels.h"
 #include "ops/shape_ops.h"
 #include "strands/strand_set.h"
 
@@ -35,48 +36,70 @@ void transformStrands(const StrandSet& input, const TransformSettings& settings,
     const std::span<const StrandRoot> roots = input.roots();
     const bool random = settings.translateRandom != 0.0f || settings.rotateRandom != 0.0f ||
                         settings.scaleRandom != 0.0f;
+    const std::span<const std::uint64_t> offsets = input.offsets();
+    const std::span<const Vec3f> inputPoints = input.points();
+    const bool scaleMapped = settings.scale.isMapped();
+    const float plainScale = settings.scale.value();
+    // Without randomness every strand turns alike: the turn is made once.
+    const std::array<Vec3f, 3> plainTurn = turnXyz(settings.rotate);
     parallelRange(0, pick.size(input.strandCount()), 256, [&](std::size_t begin, std::size_t end) {
+        RootFrames frames(settings.scalp, TangentFrom::Triangle);
         for (std::size_t item = begin; item < end; ++item) {
             const std::size_t s = pick.strand(item);
-            const std::span<const Vec3f> strand = input.strandPoints(s);
-            Vec3f* out = points.data() + input.pointRange(s).begin;
-            std::copy(strand.begin(), strand.end(), out);
-            const std::size_t n = strand.size();
-            if (n < 2) continue;
+            const std::size_t first = offsets[s];
+            const std::size_t n = offsets[s + 1] - first;
+            const std::span<const Vec3f> strand = inputPoints.subspan(first, n);
+            Vec3f* out = points.data() + first;
+            if (n < 2) {
+                std::copy(strand.begin(), strand.end(), out);
+                continue;
+            }
 
-            float scale = settings.scale.atStrand(s);
+            float scale = scaleMapped ? settings.scale.atStrand(s) : plainScale;
             Vec3f translate = settings.translate;
-            Vec3f rotate = settings.rotate;
+            std::array<Vec3f, 3> turn = plainTurn;
             if (random) {
                 // Draw order: scale, then translate x, y, z, then rotate x, y, z.
+                Vec3f rotate = settings.rotate;
                 StrandDraws draws(ids[s], settings.seed);
                 scale *= 1.0f + settings.scaleRandom * draws.nextSigned();
                 for (float* axis : {&translate.x, &translate.y, &translate.z})
                     *axis += settings.translateRandom * draws.nextSigned();
                 for (float* axis : {&rotate.x, &rotate.y, &rotate.z})
                     *axis += settings.rotateRandom * draws.nextSigned();
+                turn = turnXyz(rotate);
             }
-            const std::array<Vec3f, 3> turn = turnXyz(rotate);
             if (settings.world) {
                 for (std::size_t k = 0; k < n; ++k)
                     out[k] = settings.pivot + turned(turn, (strand[k] - settings.pivot) * scale) +
                              translate;
                 continue;
             }
-            const RootFrame frame =
-                rootFrame(settings.scalp, roots[s], TangentFrom::Triangle, Vec3f{});
-            if (!frame.valid) continue;
-            // In the root's frame: x along U, y the normal, z across.
+            const RootFrame frame = frames.at(roots[s], Vec3f{});
+            if (!frame.valid) {
+                std::copy(strand.begin(), strand.end(), out);
+                continue;
+            }
+            // In the root's frame: x along U, y the normal, z across. The frame, the turn and
+            // the scale fold into one matrix per strand, rows M[r] = sum over i of F[i][r] times
+            // row i of (turn * scale) * F, F's rows the frame's axes.
             const Vec3f origin = strand[0];
             const Vec3f move = frame.tangent * translate.x + frame.normal * translate.y +
                                frame.binormal * translate.z;
+            std::array<Vec3f, 3> local;
+            for (std::size_t i = 0; i < 3; ++i) {
+                const Vec3f row = turn[i] * scale;
+                local[i] = frame.tangent * row.x + frame.normal * row.y + frame.binormal * row.z;
+            }
+            const std::array<Vec3f, 3> axes = {frame.tangent, frame.normal, frame.binormal};
+            std::array<Vec3f, 3> matrix;
+            for (int r = 0; r < 3; ++r)
+                matrix[static_cast<std::size_t>(r)] =
+                    local[0] * axes[0][r] + local[1] * axes[1][r] + local[2] * axes[2][r];
+            const Vec3f base = origin + move;
             for (std::size_t k = 0; k < n; ++k) {
                 const Vec3f d = strand[k] - origin;
-                const Vec3f local = turned(turn, Vec3f{dot(d, frame.tangent), dot(d, frame.normal),
-                                                       dot(d, frame.binormal)} *
-                                                     scale);
-                out[k] = origin + frame.tangent * local.x + frame.normal * local.y +
-                         frame.binormal * local.z + move;
+                out[k] = base + turned(matrix, d);
             }
         }
     });

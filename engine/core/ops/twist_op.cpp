@@ -5,6 +5,7 @@
 #include "graph/delivered_params.h"
 #include "graph/errors.h"
 #include "graph/registry.h"
+#include "ops/shape_kernels.h"
 #include "ops/shape_ops.h"
 
 namespace velmorin {
@@ -60,14 +61,21 @@ void twistStrands(const StrandSet& input, const TwistSettings& settings,
             const float turns = turnsMapped ? settings.turns.atStrand(s) : plainTurns;
             const float axisLength = axisArcs.back();
             std::size_t segment = 0;
+            // The axis's tangent is made once per axis segment the points pass.
+            std::size_t tangentSegment = axis.size();
+            Vec3f tangent;
             for (std::size_t k = 1; k < n; ++k) {
                 // A point's place along the axis is its share of its own strand's length.
                 const float t = arcs[k] / total;
                 const float along = t * axisLength;
                 const Vec3f center = pointAtArc(axis, axisArcs, along, segment);
-                const Vec3f tangent = normalized(axis[segment + 1] - axis[segment], {0, 1, 0});
-                const float angle = kTwoPi * turns * settings.profile.at(t) * along;
-                out[begin + k] = center + rotateAbout(points[k] - center, tangent, angle);
+                if (segment != tangentSegment) {
+                    tangentSegment = segment;
+                    tangent = normalized(axis[segment + 1] - axis[segment], {0, 1, 0});
+                }
+                const float angle = kTwoPi * turns * profileAt(settings.profile, t) * along;
+                out[begin + k] = center + rotateAbout(points[k] - center, tangent, std::cos(angle),
+                                                      std::sin(angle));
             }
         }
     });
