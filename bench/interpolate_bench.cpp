@@ -91,7 +91,10 @@ void BM_InterpolateBinding(benchmark::State& state) {
     state.counters["strands"] = static_cast<double>(g.strandRoots.size());
     state.counters["guides"] = static_cast<double>(g.guideRoots.size());
 }
-BENCHMARK(BM_InterpolateBinding)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(BM_InterpolateBinding)
+    ->Unit(benchmark::kMillisecond)
+    ->MeasureProcessCPUTime()
+    ->UseRealTime();
 
 void BM_InterpolateShape(benchmark::State& state) {
     const Groom& g = groom();
@@ -107,8 +110,14 @@ void BM_InterpolateShape(benchmark::State& state) {
         runWithThreads(2,
                        [&] { shapeStrands(*bound, rows, ShapeSettings{}, *g.strands, out, {}); });
     state.counters["digest"] = digest<Vec3f>(out);
+    state.counters["recordsPerStrand"] = static_cast<double>(bound->binding.recordCount) /
+                                         static_cast<double>(bound->binding.strandCount);
+    state.counters["writtenMB"] = static_cast<double>(out.size() * sizeof(Vec3f)) / 1e6;
 }
-BENCHMARK(BM_InterpolateShape)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(BM_InterpolateShape)
+    ->Unit(benchmark::kMillisecond)
+    ->MeasureProcessCPUTime()
+    ->UseRealTime();
 
 void BM_InterpolateOneGuideMoved(benchmark::State& state) {
     const Groom& g = groom();

@@ -155,16 +155,10 @@ struct BindContext {
     std::span<const std::int32_t> strandLists;
 };
 
-// The candidates of the last strand bound in a chunk. Neighbouring strands are mostly rooted
-// side by side, so the farthest of those guides from the next root bounds that root's search.
-struct NearestHint {
-    std::int32_t list = -1;
-    int count = 0;
-    std::uint32_t guides[GuideRootGrid::kMaxNearest];
-};
-
-// Binds strand `s` and appends its records to `chunk`.
-void bindOne(const BindContext& context, std::size_t s, BindingChunk& chunk, NearestHint& hint) {
+// Binds strand `s` and appends its records to `chunk`. `shortlist`, gathered for the strand's
+// list round its root, answers the nearest-guide query as the list's grid would.
+void bindOne(const BindContext& context, std::size_t s, BindingChunk& chunk,
+             GuideShortlist& shortlist) {
     const InterpolateSettings& settings = *context.settings;
     const BindingInputs& inputs = *context.inputs;
     float nearest2 = kInfiniteDistance;
@@ -185,19 +179,7 @@ void bindOne(const BindContext& context, std::size_t s, BindingChunk& chunk, Nea
         static_cast<int>(std::min<std::size_t>(settings.candidates, list.grid.size()));
     std::uint32_t guides[GuideRootGrid::kMaxNearest];
     float d2[GuideRootGrid::kMaxNearest];
-    const std::int32_t listIndex = context.strandLists[s];
-    float within2 = 3.4e38f;
-    if (hint.list == listIndex && hint.count == wanted + 1) {
-        within2 = 0.0f;
-        for (int i = 0; i < hint.count; ++i)
-            within2 = std::max(within2, lengthSquared(inputs.guideRoots[hint.guides[i]] - root));
-        // A margin, as the grid may round its own distances a hair differently.
-        within2 = within2 * 1.001f + 1e-30f;
-    }
-    int count = list.grid.nearest(root, wanted + 1, guides, d2, within2);
-    hint.list = listIndex;
-    hint.count = count;
-    std::copy(guides, guides + count, hint.guides);
+    int count = shortlist.nearest(root, wanted + 1, guides, d2);
     bool clean = true;
     for (int i = 1; i < count; ++i)
         if (!(d2[i] > d2[i - 1])) clean = false;
@@ -308,6 +290,125 @@ void copyStrand(const BindingChunk& old, std::size_t k, BindingChunk& chunk) {
     chunk.found.push_back(old.found[k]);
     chunk.twisted.push_back(old.twisted[k]);
     chunk.recordStart.push_back(static_cast<std::uint32_t>(chunk.guides.size()));
+}
+
+// Strands rooted side by side share one shortlist of guides: groups of at most this many.
+constexpr std::size_t kShortlistStrands = 32;
+
+// One thread's scratch for binding chunks, kept from chunk to chunk.
+struct ChunkScratch {
+    GuideShortlist shortlist;
+    std::vector<std::uint32_t> order;  // chunk-local strands, grouped by list and place
+    std::vector<std::uint32_t> slot;   // per chunk-local strand, its place in `bound`
+    BindingChunk bound;                // the strands bound, in the order they were bound
+};
+
+// Splits `group` (chunk-local strands) at the median of their roots' widest axis until each part
+// has at most kShortlistStrands, and calls visit(part) on each part, in order. `roots` are the
+// chunk's roots by chunk-local index.
+template <class Visit>
+void splitByPlace(std::span<const Vec3f> roots, std::span<std::uint32_t> group,
+                  const Visit& visit) {
+    if (group.size() <= kShortlistStrands) return visit(group);
+    Vec3f lo = roots[group[0]], hi = lo;
+    for (const std::uint32_t k : group) {
+        lo = minPerAxis(lo, roots[k]);
+        hi = maxPerAxis(hi, roots[k]);
+    }
+    const Vec3f extent = hi - lo;
+    const std::size_t half = group.size() / 2;
+    // Ties by index, so that the groups (which only decide how fast a query runs, never its
+    // answer) are the same on every run.
+    const auto split = [&](auto coordinate) {
+        std::nth_element(group.begin(), group.begin() + static_cast<std::ptrdiff_t>(half),
+                         group.end(), [&](std::uint32_t a, std::uint32_t b) {
+                             const float pa = coordinate(roots[a]), pb = coordinate(roots[b]);
+                             return pa < pb || (pa == pb && a < b);
+                         });
+    };
+    if (extent.x >= extent.y && extent.x >= extent.z)
+        split([](const Vec3f& p) { return p.x; });
+    else if (extent.y >= extent.z)
+        split([](const Vec3f& p) { return p.y; });
+    else
+        split([](const Vec3f& p) { return p.z; });
+    splitByPlace(roots, group.first(half), visit);
+    splitByPlace(roots, group.subspan(half), visit);
+}
+
+// Binds the strands [first, last) of `chunk` in order: all of them, or with `marks` only the
+// marked ones, the others copied from `old`. Strands are bound in groups rooted close together
+// that share one shortlist of guides, then laid out in their own order.
+void bindRange(const BindContext& context, std::size_t first, std::size_t last,
+               const std::uint8_t* marks, const BindingChunk* old, BindingChunk& chunk,
+               ChunkScratch& scratch) {
+    const std::span<const Vec3f> roots = context.inputs->strandRoots;
+    const std::size_t count = last - first;
+    const std::span<const Vec3f> local = roots.subspan(first, count);
+    scratch.order.clear();
+    for (std::size_t k = 0; k < count; ++k)
+        if (marks == nullptr || marks[first + k] != 0)
+            scratch.order.push_back(static_cast<std::uint32_t>(k));
+    // Roots that are not numbers bind to nothing without asking: they go first, on their own.
+    const auto unplaced =
+        std::stable_partition(scratch.order.begin(), scratch.order.end(),
+                              [&](std::uint32_t k) { return !isFinite(roots[first + k]); });
+    std::stable_sort(unplaced, scratch.order.end(), [&](std::uint32_t a, std::uint32_t b) {
+        return context.strandLists[first + a] < context.strandLists[first + b];
+    });
+
+    BindingChunk& bound = scratch.bound;
+    bound.firstStrand = static_cast<std::uint32_t>(first);
+    bound.recordStart.assign(1, 0);
+    bound.nearest2.clear();
+    bound.next2.clear();
+    bound.found.clear();
+    bound.twisted.clear();
+    bound.weights.clear();
+    bound.guides.clear();
+    bound.twists.clear();
+    scratch.slot.resize(count);
+    const auto bindGroup = [&](std::span<const std::uint32_t> group) {
+        for (const std::uint32_t k : group) {
+            scratch.slot[k] = static_cast<std::uint32_t>(bound.strandCount());
+            bindOne(context, first + k, bound, scratch.shortlist);
+        }
+    };
+    bindGroup(std::span<const std::uint32_t>(scratch.order.begin(), unplaced));
+    for (auto run = unplaced; run != scratch.order.end();) {
+        const std::int32_t listIndex = context.strandLists[first + *run];
+        const auto runEnd = std::find_if(run, scratch.order.end(), [&](std::uint32_t k) {
+            return context.strandLists[first + k] != listIndex;
+        });
+        const GuideList& list = (*context.lists)[static_cast<std::size_t>(listIndex)];
+        const int k = static_cast<int>(
+                          std::min<std::size_t>(context.settings->candidates, list.grid.size())) +
+                      1;
+        splitByPlace(local, std::span<std::uint32_t>(run, runEnd),
+                     [&](std::span<std::uint32_t> group) {
+                         if (list.grid.size() > 0) {
+                             Vec3f lo = local[group[0]], hi = lo;
+                             for (const std::uint32_t g : group) {
+                                 lo = minPerAxis(lo, local[g]);
+                                 hi = maxPerAxis(hi, local[g]);
+                             }
+                             const Vec3f center = (lo + hi) * 0.5f;
+                             float spread2 = 0.0f;
+                             for (const std::uint32_t g : group)
+                                 spread2 = std::max(spread2, lengthSquared(local[g] - center));
+                             scratch.shortlist.gather(list.grid, center, std::sqrt(spread2), k);
+                         }
+                         bindGroup(group);
+                     });
+        run = runEnd;
+    }
+
+    for (std::size_t k = 0; k < count; ++k) {
+        if (marks == nullptr || marks[first + k] != 0)
+            copyStrand(bound, scratch.slot[k], chunk);
+        else
+            copyStrand(*old, k, chunk);
+    }
 }
 
 // The guide-level part of a state: regions, lists and reach tables. Fills `state` and `lists`.
@@ -486,14 +587,13 @@ std::shared_ptr<const InterpolateState> bindStrands(const InterpolateSettings& s
     binding.chunks.resize(chunkCount);
     const BindContext context{&settings, &inputs, &lists, state->strandLists};
     parallelRange(0, chunkCount, 1, [&](std::size_t begin, std::size_t end) {
+        ChunkScratch scratch;
         for (std::size_t c = begin; c < end; ++c) {
             const std::size_t first = c * kBindingChunkStrands;
             const std::size_t last = std::min(first + kBindingChunkStrands, strandCount);
             auto chunk = std::make_shared<BindingChunk>();
             startChunk(*chunk, first, last - first);
-            NearestHint hint;
-            for (std::size_t s = first; s < last; ++s)
-                bindOne(context, s, *chunk, hint);
+            bindRange(context, first, last, nullptr, nullptr, *chunk, scratch);
             binding.chunks[c] = std::move(chunk);
         }
     });
@@ -596,6 +696,7 @@ std::shared_ptr<const InterpolateState> rebindStrands(
     binding.chunks.resize(chunkCount);
     const BindContext context{&settings, &inputs, &lists, state->strandLists};
     parallelRange(0, chunkCount, 1, [&](std::size_t begin, std::size_t end) {
+        ChunkScratch scratch;
         for (std::size_t c = begin; c < end; ++c) {
             const auto& old = previous->binding.chunks[c];
             const std::size_t first = old->firstStrand;
@@ -608,13 +709,7 @@ std::shared_ptr<const InterpolateState> rebindStrands(
             }
             auto chunk = std::make_shared<BindingChunk>();
             startChunk(*chunk, first, count);
-            NearestHint hint;
-            for (std::size_t k = 0; k < count; ++k) {
-                if (marks[first + k])
-                    bindOne(context, first + k, *chunk, hint);
-                else
-                    copyStrand(*old, k, *chunk);
-            }
+            bindRange(context, first, first + count, marks.data(), old.get(), *chunk, scratch);
             binding.chunks[c] = std::move(chunk);
         }
     });

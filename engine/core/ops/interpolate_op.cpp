@@ -543,7 +543,8 @@ class InterpolateOp final : public Operator {
         std::span<float> influence;
         if (!p.influenceChannel.empty())
             influence = made->addStrandChannel(p.influenceChannel, 0.0f);
-        shapeStrands(*state, *rows, p.shape, *p.strands, made->writePoints(), influence);
+        // Every point is written, so the shared points are not copied first.
+        shapeStrands(*state, *rows, p.shape, *p.strands, made->overwritePoints(), influence);
         if (p.clearance) keepClearance(*state, *p.clearance, made->offsets(), made->writePoints());
         writeGuideLayers(*state, *rows, *made);
         if (!p.regionChannel.empty()) {
