@@ -5,10 +5,16 @@
 #include <cassert>
 #include <cmath>
 #include <cstring>
+#include <limits>
 
 #include "base/hash.h"
 #include "base/parallel.h"
 #include "ops/guide_root_grid.h"
+
+#if defined(__SSE2__) || defined(_M_X64)
+#include <emmintrin.h>
+#define VELMORIN_BINDING_SSE2 1
+#endif
 
 namespace velmorin {
 namespace {
@@ -71,24 +77,72 @@ ReachTable measureReach(const GuideRootGrid& grid, std::span<const Vec3f> roots,
 // Returns the sum; `edge` receives the greatest share of a reach left beyond the strand.
 double shepard(int count, const float* d2, const std::uint32_t* guides, const float* reach,
                float single, float power, double* out, double* edge) {
-    double greatest = 0.0;
-    if (edge) *edge = 0.0;
-    for (int i = 0; i < count; ++i) {
+    double greatest = 0.0, reachLeft = 0.0;
+    int i = 0;
+#if VELMORIN_BINDING_SSE2
+    // Two candidates at a time: their square roots and divisions are what the binding spends
+    // most on after the search, and each lane rounds as the scalar operation would. Both
+    // branches of the rule are computed and one is kept per lane.
+    const __m128d least = _mm_set1_pd(1e-6), one = _mm_set1_pd(1.0), zero = _mm_setzero_pd();
+    const __m128d infinite = _mm_set1_pd(std::numeric_limits<double>::infinity());
+    const __m128d sign = _mm_set1_pd(-0.0);
+    __m128d greatest2 = zero, reachLeft2 = zero;
+    for (; i + 2 <= count; i += 2) {
+        const __m128d d = _mm_max_pd(
+            _mm_sqrt_pd(_mm_set_pd(static_cast<double>(d2[i + 1]), static_cast<double>(d2[i]))),
+            least);
+        const __m128d r =
+            reach ? _mm_set_pd(reach[guides[i + 1]], reach[guides[i]]) : _mm_set1_pd(single);
+        // Not finite: infinite or not a number, as std::isfinite says.
+        const __m128d unbounded = _mm_cmpnlt_pd(_mm_andnot_pd(sign, r), infinite);
+        const __m128d inside = _mm_andnot_pd(unbounded, _mm_cmpgt_pd(r, d));
+        const __m128d left = _mm_sub_pd(r, d);
+        const __m128d t = _mm_or_pd(_mm_and_pd(unbounded, _mm_div_pd(one, d)),
+                                    _mm_and_pd(inside, _mm_div_pd(left, _mm_mul_pd(r, d))));
+        _mm_storeu_pd(out + i, t);
+        greatest2 = _mm_max_pd(greatest2, t);
+        if (edge)
+            reachLeft2 = _mm_max_pd(reachLeft2, _mm_or_pd(_mm_and_pd(unbounded, one),
+                                                          _mm_and_pd(inside, _mm_div_pd(left, r))));
+    }
+    const auto largest = [](__m128d v) {
+        return std::max(_mm_cvtsd_f64(v), _mm_cvtsd_f64(_mm_unpackhi_pd(v, v)));
+    };
+    greatest = largest(greatest2);
+    reachLeft = largest(reachLeft2);
+#endif
+    for (; i < count; ++i) {
         const double d = std::max(std::sqrt(static_cast<double>(d2[i])), 1e-6);
         const double r = reach ? reach[guides[i]] : single;
         double t = 0.0;
         if (!std::isfinite(r)) {
             t = 1.0 / d;
-            if (edge) *edge = 1.0;
+            reachLeft = 1.0;
         } else if (r > d) {
             t = (r - d) / (r * d);
-            if (edge) *edge = std::max(*edge, (r - d) / r);
+            reachLeft = std::max(reachLeft, (r - d) / r);
         }
         out[i] = t;
         greatest = std::max(greatest, t);
     }
+    if (edge) *edge = reachLeft;
     double sum = 0.0;
-    for (int i = 0; i < count; ++i) {
+    i = 0;
+#if VELMORIN_BINDING_SSE2
+    // The usual power of 2 squares, two at a time; the sum stays in order.
+    if (power == 2.0f && greatest > 0.0) {
+        const __m128d scale = _mm_set1_pd(greatest), zero = _mm_setzero_pd();
+        for (; i + 2 <= count; i += 2) {
+            const __m128d t = _mm_loadu_pd(out + i);
+            const __m128d s = _mm_div_pd(t, scale);
+            const __m128d a = _mm_and_pd(_mm_cmpgt_pd(t, zero), _mm_mul_pd(s, s));
+            _mm_storeu_pd(out + i, a);
+            sum += _mm_cvtsd_f64(a);
+            sum += _mm_cvtsd_f64(_mm_unpackhi_pd(a, a));
+        }
+    }
+#endif
+    for (; i < count; ++i) {
         double a = 0.0;
         if (greatest > 0.0 && out[i] > 0.0) {
             const double s = out[i] / greatest;
