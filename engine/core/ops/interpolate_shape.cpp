@@ -8,6 +8,13 @@
 #include <emmintrin.h>
 #define VELMORIN_INTERPOLATE_SSE2 1
 #endif
+// Where the compiler can build a function for AVX alone, the blend and the segment lengths also
+// come eight lanes wide, chosen at run time on processors that have AVX. AVX's operations round
+// as SSE2's do, and there is no fused multiply-add, so both give the same bits.
+#if VELMORIN_INTERPOLATE_SSE2 && defined(__GNUC__) && (defined(__x86_64__) || defined(__i386__))
+#include <immintrin.h>
+#define VELMORIN_INTERPOLATE_AVX 1
+#endif
 
 #include "base/hash.h"
 #include "base/parallel.h"
@@ -96,10 +103,12 @@ void resampleOffsets(std::span<const Vec3f> points, std::span<Vec3f> out) {
 // Sample loops run four lanes at a time; arrays are padded so that a loop may read and write up
 // to a whole group of four past its last sample.
 constexpr std::size_t kLanes = 4;
-constexpr std::size_t kPaddedSamples = kMaxSamples + 2 * kLanes;
+constexpr std::size_t kWideLanes = 8;
+constexpr std::size_t kPaddedSamples = kMaxSamples + 2 * kWideLanes;
 
+// Rows and scratch curves are padded to whole groups of eight, which both widths cover.
 std::size_t planarStrideOf(std::size_t samples) {
-    return (samples + kLanes - 1) / kLanes * kLanes;
+    return (samples + kWideLanes - 1) / kWideLanes * kWideLanes;
 }
 
 // Lays `offsets` (S per guide) out as `planar` rows: x, y, z runs of `stride` floats per guide.
@@ -130,10 +139,10 @@ struct BlendTerm {
 // What the shape of one strand works in, set up once per chunk: a curve of samples as three
 // planar runs, and per sample its segment's length and running arc length.
 struct ShapeScratch {
-    alignas(16) float x[kPaddedSamples];
-    alignas(16) float y[kPaddedSamples];
-    alignas(16) float z[kPaddedSamples];
-    alignas(16) float segment[kPaddedSamples];
+    alignas(32) float x[kPaddedSamples];
+    alignas(32) float y[kPaddedSamples];
+    alignas(32) float z[kPaddedSamples];
+    alignas(32) float segment[kPaddedSamples];
     float arc[kPaddedSamples];
     std::vector<BlendTerm> terms;  // grows to the most records a strand has, then stays
 };
@@ -217,6 +226,88 @@ void segmentLengths(const ShapeScratch& c, std::size_t lanes, float* segment) {
     }
 #endif
 }
+
+#if VELMORIN_INTERPOLATE_AVX
+// blendRows eight samples at a time.
+__attribute__((target("avx"))) void blendRowsWide(std::span<const BlendTerm> terms,
+                                                  std::size_t stride, std::size_t lanes,
+                                                  const Vec3f& root, ShapeScratch& c) {
+    for (std::size_t j = 0; j < lanes; j += kWideLanes) {
+        __m256 ax = _mm256_setzero_ps(), ay = _mm256_setzero_ps(), az = _mm256_setzero_ps();
+        for (const BlendTerm& term : terms) {
+            const __m256 ox = _mm256_loadu_ps(term.row + j);
+            const __m256 oy = _mm256_loadu_ps(term.row + stride + j);
+            const __m256 oz = _mm256_loadu_ps(term.row + 2 * stride + j);
+            const __m256 w = _mm256_set1_ps(term.weight);
+            if (term.turns) {
+                const Turn& t = term.turn;
+                // As Turn::apply, row by row; lambdas would not be built for AVX.
+                const __m256 tx =
+                    _mm256_add_ps(_mm256_add_ps(_mm256_mul_ps(_mm256_set1_ps(t.r0.x), ox),
+                                                _mm256_mul_ps(_mm256_set1_ps(t.r0.y), oy)),
+                                  _mm256_mul_ps(_mm256_set1_ps(t.r0.z), oz));
+                const __m256 ty =
+                    _mm256_add_ps(_mm256_add_ps(_mm256_mul_ps(_mm256_set1_ps(t.r1.x), ox),
+                                                _mm256_mul_ps(_mm256_set1_ps(t.r1.y), oy)),
+                                  _mm256_mul_ps(_mm256_set1_ps(t.r1.z), oz));
+                const __m256 tz =
+                    _mm256_add_ps(_mm256_add_ps(_mm256_mul_ps(_mm256_set1_ps(t.r2.x), ox),
+                                                _mm256_mul_ps(_mm256_set1_ps(t.r2.y), oy)),
+                                  _mm256_mul_ps(_mm256_set1_ps(t.r2.z), oz));
+                ax = _mm256_add_ps(ax, _mm256_mul_ps(tx, w));
+                ay = _mm256_add_ps(ay, _mm256_mul_ps(ty, w));
+                az = _mm256_add_ps(az, _mm256_mul_ps(tz, w));
+            } else {
+                ax = _mm256_add_ps(ax, _mm256_mul_ps(ox, w));
+                ay = _mm256_add_ps(ay, _mm256_mul_ps(oy, w));
+                az = _mm256_add_ps(az, _mm256_mul_ps(oz, w));
+            }
+        }
+        _mm256_store_ps(c.x + j, _mm256_add_ps(ax, _mm256_set1_ps(root.x)));
+        _mm256_store_ps(c.y + j, _mm256_add_ps(ay, _mm256_set1_ps(root.y)));
+        _mm256_store_ps(c.z + j, _mm256_add_ps(az, _mm256_set1_ps(root.z)));
+    }
+}
+
+// segmentLengths eight samples at a time.
+__attribute__((target("avx"))) void segmentLengthsWide(const ShapeScratch& c, std::size_t lanes,
+                                                       float* segment) {
+    // Each group's samples before: its own shifted up by one, the first taking the last of the
+    // group before, made by two shuffles within halves after swapping halves.
+    __m256 bx = _mm256_setzero_ps(), by = _mm256_setzero_ps(), bz = _mm256_setzero_ps();
+    for (std::size_t j = 0; j < lanes; j += kWideLanes) {
+        const __m256 nx = _mm256_load_ps(c.x + j), ny = _mm256_load_ps(c.y + j),
+                     nz = _mm256_load_ps(c.z + j);
+        const __m256 hx = _mm256_permute2f128_ps(bx, nx, 0x21);
+        const __m256 hy = _mm256_permute2f128_ps(by, ny, 0x21);
+        const __m256 hz = _mm256_permute2f128_ps(bz, nz, 0x21);
+        const __m256 px = _mm256_shuffle_ps(_mm256_shuffle_ps(hx, nx, _MM_SHUFFLE(0, 0, 3, 3)), nx,
+                                            _MM_SHUFFLE(2, 1, 2, 0));
+        const __m256 py = _mm256_shuffle_ps(_mm256_shuffle_ps(hy, ny, _MM_SHUFFLE(0, 0, 3, 3)), ny,
+                                            _MM_SHUFFLE(2, 1, 2, 0));
+        const __m256 pz = _mm256_shuffle_ps(_mm256_shuffle_ps(hz, nz, _MM_SHUFFLE(0, 0, 3, 3)), nz,
+                                            _MM_SHUFFLE(2, 1, 2, 0));
+        const __m256 dx = _mm256_sub_ps(nx, px);
+        const __m256 dy = _mm256_sub_ps(ny, py);
+        const __m256 dz = _mm256_sub_ps(nz, pz);
+        const __m256 d2 = _mm256_add_ps(_mm256_add_ps(_mm256_mul_ps(dx, dx), _mm256_mul_ps(dy, dy)),
+                                        _mm256_mul_ps(dz, dz));
+        _mm256_store_ps(segment + j, _mm256_sqrt_ps(d2));
+        bx = nx;
+        by = ny;
+        bz = nz;
+    }
+}
+
+bool wideLanesUsable() {
+    static const bool usable = __builtin_cpu_supports("avx");
+    return usable;
+}
+#else
+bool wideLanesUsable() {
+    return false;
+}
+#endif
 
 // The running arc lengths of the segments, summed in order as polylineLength does.
 void runningArc(const float* segment, std::size_t count, float* arc) {
@@ -348,18 +439,32 @@ void shapeStrands(const InterpolateState& state, const InterpolateGuideRows& row
     const bool hasNormals = !state.strandNormals.empty();
     const float limit = settings.limitDistance;
     const bool writesAll = only.empty();
+    // Every sample loop covers whole groups of eight; the padding reads zeros or what the
+    // strand before left there, and nothing past `samples` is ever used.
+    const std::size_t lanes = planarStrideOf(samples);
     // The guides' rows as planar runs, laid out here where the rows were made by hand.
     std::vector<float> laidOut;
     std::size_t stride = rows.planarStride;
     const float* planar = rows.planar.data();
-    if (samples >= 2 && (stride < samples || rows.planar.size() < rows.guideCount() * 3 * stride)) {
-        stride = planarStrideOf(samples);
+    if (samples >= 2 && (stride < lanes || rows.planar.size() < rows.guideCount() * 3 * stride)) {
+        stride = lanes;
         layOutPlanar(rows.offsets, samples, stride, laidOut);
         planar = laidOut.data();
     }
-    // Every sample loop covers whole groups of four; the padding reads zeros or what the
-    // strand before left there, and nothing past `samples` is ever used.
-    const std::size_t lanes = planarStrideOf(samples);
+    const bool wide = wideLanesUsable();
+    const auto blend = [&](std::span<const BlendTerm> terms, const Vec3f& root, ShapeScratch& c) {
+#if VELMORIN_INTERPOLATE_AVX
+        if (wide) return blendRowsWide(terms, stride, lanes, root, c);
+#endif
+        blendRows(terms, stride, lanes, root, c);
+    };
+    const auto measure = [&](ShapeScratch& c) {
+#if VELMORIN_INTERPOLATE_AVX
+        if (wide) return segmentLengthsWide(c, lanes, c.segment);
+#endif
+        segmentLengths(c, lanes, c.segment);
+    };
+    (void)wide;
     const auto body = [&](const BindingChunk& chunk, std::size_t k, std::size_t s,
                           ShapeScratch& c) {
         const std::size_t begin = offsets[s];
@@ -427,12 +532,12 @@ void shapeStrands(const InterpolateState& state, const InterpolateGuideRows& row
             term.turns = strandTurns && rows.turns[g];
             if (term.turns) term.turn = turnBetween(rows.normals[g], normal);
         }
-        blendRows(std::span<const BlendTerm>(c.terms.data(), termCount), stride, lanes, root, c);
+        blend(std::span<const BlendTerm>(c.terms.data(), termCount), root, c);
         float* const x = c.x;
         float* const y = c.y;
         float* const z = c.z;
 
-        segmentLengths(c, lanes, c.segment);
+        measure(c);
         if (settings.blendDirections) {
             // 5. Each step along the blended way at the blended length, easing out only where
             // that way nearly vanishes. The walk is done in place: each step reads the blended
@@ -456,7 +561,7 @@ void shapeStrands(const InterpolateState& state, const InterpolateGuideRows& row
             x[0] = root.x;
             y[0] = root.y;
             z[0] = root.z;
-            segmentLengths(c, lanes, c.segment);
+            measure(c);
         } else if (settings.preserveLength) {
             // 6. Guides that point apart shorten their blend: scale it back about the root.
             float total = 0.0f;
@@ -470,7 +575,7 @@ void shapeStrands(const InterpolateState& state, const InterpolateGuideRows& row
                     y[j] = root.y + (y[j] - root.y) * scale;
                     z[j] = root.z + (z[j] - root.z) * scale;
                 }
-                segmentLengths(c, lanes, c.segment);
+                measure(c);
             }
         }
 

@@ -639,6 +639,106 @@ TEST(InterpolateShape, WithoutAListEveryPointIsWrittenWithAListOnlyItsStrands) {
     }
 }
 
+// The shape stage's steps for one strand, written plainly sample by sample as the operator's
+// description gives them: each record's offsets turned from its guide's root normal to the
+// strand's and weighed, summed onto the root; scaled back to the guides' length or walked along
+// the blended directions; then the strand's points at equal arc steps.
+std::vector<Vec3f> plainShape(const ShapeRun& run, const ShapeSettings& settings, std::size_t s) {
+    const BindingChunk& chunk = *run.state->binding.chunks[s / kBindingChunkStrands];
+    const std::size_t k = s - chunk.firstStrand;
+    const std::span<const Vec3f> incoming = run.strands->strandPoints(s);
+    const std::size_t samples = run.rows.sampleCount, n = incoming.size();
+    const Vec3f root = incoming[0], to = run.normals[s];
+    std::vector<Vec3f> curve(samples, Vec3f{});
+    float guideLength = 0.0f;
+    for (std::uint32_t r = chunk.recordStart[k]; r < chunk.recordStart[k + 1]; ++r) {
+        const std::uint32_t g = chunk.guides[r];
+        const float w = (static_cast<float>(chunk.weights[r]) + 1.0f) / 65536.0f;
+        guideLength += w * run.rows.lengths[g];
+        const Vec3f from = run.rows.normals[g];
+        const float c = dot(from, to);
+        const Vec3f axis = cross(from, to);
+        const float f = 1.0f / (1.0f + c);
+        // The rows of o c + k x o + k (k . o) / (1 + c), with k = from x to.
+        const Vec3f r0{c + axis.x * axis.x * f, -axis.z + axis.x * axis.y * f,
+                       axis.y + axis.x * axis.z * f};
+        const Vec3f r1{axis.z + axis.y * axis.x * f, c + axis.y * axis.y * f,
+                       -axis.x + axis.y * axis.z * f};
+        const Vec3f r2{-axis.y + axis.z * axis.x * f, axis.x + axis.z * axis.y * f,
+                       c + axis.z * axis.z * f};
+        const bool turns = run.rows.turns[g] && c <= 0.999999f;
+        for (std::size_t j = 1; j < samples; ++j) {
+            const Vec3f o = run.rows.offsets[g * samples + j];
+            curve[j] += (turns ? Vec3f{dot(r0, o), dot(r1, o), dot(r2, o)} : o) * w;
+        }
+    }
+    for (Vec3f& p : curve)
+        p += root;
+    const auto arcOf = [&] {
+        std::vector<float> arc(samples, 0.0f);
+        for (std::size_t j = 1; j < samples; ++j)
+            arc[j] = arc[j - 1] + length(curve[j] - curve[j - 1]);
+        return arc;
+    };
+    if (settings.blendDirections) {
+        const float h = guideLength / static_cast<float>(samples - 1);
+        std::vector<Vec3f> walked(samples, root);
+        for (std::size_t j = 1; j < samples; ++j) {
+            const Vec3f d = curve[j] - curve[j - 1];
+            const float l = length(d);
+            walked[j] = walked[j - 1];
+            if (l > 0.0f && h > 0.0f) {
+                const float e = std::min(l / (0.5f * h), 1.0f);
+                walked[j] += d * (h * e * (2.0f - e) / l);
+            }
+        }
+        curve = walked;
+    } else if (settings.preserveLength) {
+        const float total = arcOf().back();
+        if (total > 1e-8f && guideLength > 0.0f) {
+            const float scale = std::min(guideLength / total, 2.0f);
+            for (std::size_t j = 1; j < samples; ++j)
+                curve[j] = root + (curve[j] - root) * scale;
+        }
+    }
+    const std::vector<float> arc = arcOf();
+    std::vector<Vec3f> out(n);
+    for (std::size_t i = 0; i < n; ++i) {
+        const float at = arc.back() * static_cast<float>(i) / static_cast<float>(n - 1);
+        const std::size_t past =
+            static_cast<std::size_t>(std::upper_bound(arc.begin(), arc.end(), at) - arc.begin());
+        const std::size_t hi = std::clamp<std::size_t>(past, 1, samples - 1), lo = hi - 1;
+        const float span = arc[hi] - arc[lo];
+        const float f = span > 0.0f ? (at - arc[lo]) / span : 0.0f;
+        out[i] = curve[lo] + (curve[hi] - curve[lo]) * f;
+    }
+    out[0] = root;
+    return out;
+}
+
+TEST(InterpolateShape, EachStrandIsItsStepsEvaluatedPlainlyToTheBit) {
+    ShapeRun run;
+    std::size_t turned = 0;
+    for (const Vec3f& normal : run.rows.normals)
+        turned += lengthSquared(normal) > 0.0f ? 1 : 0;
+    ASSERT_GT(turned, 0u);
+    const std::vector<Vec3f> start(run.strands->points().begin(), run.strands->points().end());
+    for (const bool directions : {false, true}) {
+        for (const bool preserve : {true, false}) {
+            ShapeSettings settings;
+            settings.blendDirections = directions;
+            settings.preserveLength = preserve;
+            const std::vector<Vec3f> shaped = run.shape(run.rows, settings, start);
+            for (std::size_t s = 0; s < run.strands->strandCount(); ++s) {
+                const auto range = run.strands->pointRange(s);
+                ASSERT_EQ(bitsOf(std::span<const Vec3f>(shaped).subspan(range.begin, range.count)),
+                          bitsOf(plainShape(run, settings, s)))
+                    << "strand " << s << " directions " << directions;
+            }
+        }
+    }
+}
+
 TEST(InterpolateShape, RowsWithoutTheirPlanarLayoutShapeTheSameBits) {
     ShapeRun run;
     InterpolateGuideRows byHand = run.rows;
