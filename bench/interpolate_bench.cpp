@@ -91,7 +91,10 @@ void BM_InterpolateBinding(benchmark::State& state) {
     state.counters["strands"] = static_cast<double>(g.strandRoots.size());
     state.counters["guides"] = static_cast<double>(g.guideRoots.size());
 }
-BENCHMARK(BM_InterpolateBinding)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(BM_InterpolateBinding)
+    ->Unit(benchmark::kMillisecond)
+    ->MeasureProcessCPUTime()
+    ->UseRealTime();
 
 void BM_InterpolateShape(benchmark::State& state) {
     const Groom& g = groom();
@@ -107,8 +110,41 @@ void BM_InterpolateShape(benchmark::State& state) {
         runWithThreads(2,
                        [&] { shapeStrands(*bound, rows, ShapeSettings{}, *g.strands, out, {}); });
     state.counters["digest"] = digest<Vec3f>(out);
+    state.counters["recordsPerStrand"] = static_cast<double>(bound->binding.recordCount) /
+                                         static_cast<double>(bound->binding.strandCount);
+    state.counters["writtenMB"] = static_cast<double>(out.size() * sizeof(Vec3f)) / 1e6;
 }
-BENCHMARK(BM_InterpolateShape)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(BM_InterpolateShape)
+    ->Unit(benchmark::kMillisecond)
+    ->MeasureProcessCPUTime()
+    ->UseRealTime();
+
+// The same with the scalp's normals at the strands' roots, as the operator binds with a scalp
+// connected: every record's offsets are turned from its guide's root frame to the strand's.
+void BM_InterpolateShapeTurned(benchmark::State& state) {
+    const Groom& g = groom();
+    const auto settings =
+        makeInterpolateSettings(0.5, 3, g.guideRoots.size(), false, 0, false, false);
+    std::vector<Vec3f> normals(g.strandRoots.size());
+    for (std::size_t s = 0; s < normals.size(); ++s)
+        normals[s] = g.scalp->normalAt(g.strands->roots()[s]);
+    BindingInputs inputs = inputsOf(g);
+    inputs.strandNormals = normals;
+    const auto bound = bindStrands(settings, inputs);
+    std::vector<const Guide*> guides;
+    for (const Guide& guide : g.guides->guides)
+        guides.push_back(&guide);
+    const InterpolateGuideRows rows = makeGuideRows(guides, g.scalp.get());
+    std::vector<Vec3f> out(g.strands->points().begin(), g.strands->points().end());
+    for (auto _ : state)
+        runWithThreads(2,
+                       [&] { shapeStrands(*bound, rows, ShapeSettings{}, *g.strands, out, {}); });
+    state.counters["digest"] = digest<Vec3f>(out);
+}
+BENCHMARK(BM_InterpolateShapeTurned)
+    ->Unit(benchmark::kMillisecond)
+    ->MeasureProcessCPUTime()
+    ->UseRealTime();
 
 void BM_InterpolateOneGuideMoved(benchmark::State& state) {
     const Groom& g = groom();

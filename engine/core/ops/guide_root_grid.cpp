@@ -175,4 +175,131 @@ int GuideRootGrid::nearest(const Vec3f& p, int k, std::uint32_t* indices, float*
     return count;
 }
 
+void GuideRootGrid::within(const Vec3f& p, float radius2, std::vector<std::uint32_t>& indices,
+                           std::vector<Vec3f>& points) const {
+    if (points_.empty()) return;
+    int lo[3] = {0, 0, 0}, hi[3] = {dims_[0] - 1, dims_[1] - 1, dims_[2] - 1};
+    if (radius2 < kNoBound) {
+        // The cells the sphere's box touches, a thousandth of a cell wider against the rounding
+        // of the sort into cells; the outer cells hold everything beyond them.
+        const float radius = std::sqrt(std::max(radius2, 0.0f)) + cell_ * 1e-3f;
+        for (int a = 0; a < 3; ++a) {
+            const float top = static_cast<float>(dims_[a] - 1);
+            lo[a] = static_cast<int>(std::clamp((p[a] - radius - min_[a]) / cell_, 0.0f, top));
+            hi[a] = static_cast<int>(std::clamp((p[a] + radius - min_[a]) / cell_, 0.0f, top));
+        }
+    }
+    for (int z = lo[2]; z <= hi[2]; ++z)
+        for (int y = lo[1]; y <= hi[1]; ++y) {
+            const std::size_t row = (static_cast<std::size_t>(z) * dims_[1] + y) * dims_[0];
+            for (std::uint32_t i = cellStart_[row + lo[0]]; i < cellStart_[row + hi[0] + 1]; ++i) {
+                const Vec3f d = points_[i] - p;
+                if (dot(d, d) > radius2) continue;
+                indices.push_back(indices_[i]);
+                points.push_back(points_[i]);
+            }
+        }
+}
+
+void GuideShortlist::gather(const GuideRootGrid& grid, const Vec3f& center, float spread, int k) {
+    k_ = std::clamp(k, 0, GuideRootGrid::kMaxNearest);
+    center_ = center;
+    points_.clear();
+    fromCenter_.clear();
+    indices_.clear();
+    if (k_ == 0 || grid.size() == 0) return;
+    // A point within `spread` of the centre has k points within the centre's k-th distance plus
+    // `spread`, so none of its k nearest lies farther than that plus `spread` from the centre.
+    // The margin covers the rounding of the distances, relative to the coordinates' magnitude as
+    // well as to the distances themselves.
+    const float scale = std::fabs(center.x) + std::fabs(center.y) + std::fabs(center.z);
+    const auto radiusFor = [&](float nearestK) {
+        const float reach = nearestK + 2.0f * spread;
+        return reach * 1.001f + (scale + reach) * 1e-5f;
+    };
+    // The k-th distance is found among what is gathered: the last group's, a little wider, is a
+    // first guess, widened until k points lie within it. With fewer than k points, all of them.
+    const bool all = grid.size() <= static_cast<std::size_t>(k_);
+    float guess = guess_ > 0.0f ? guess_ * 1.25f : 0.0f;
+    if (!all && !(guess > 0.0f)) {
+        std::uint32_t nearestIndices[GuideRootGrid::kMaxNearest];
+        float nearest2[GuideRootGrid::kMaxNearest];
+        grid.nearest(center, k_, nearestIndices, nearest2);
+        guess = std::sqrt(nearest2[k_ - 1]);
+    }
+    float nearestK = 0.0f;
+    for (;;) {
+        foundIndices_.clear();
+        foundPoints_.clear();
+        const float radius = radiusFor(guess);
+        grid.within(center, all || !(radius < 1e18f) ? 3.4e38f : radius * radius, foundIndices_,
+                    foundPoints_);
+        order_.clear();
+        for (std::size_t i = 0; i < foundIndices_.size(); ++i) {
+            const Vec3f d = foundPoints_[i] - center;
+            order_.push_back(rankKey(dot(d, d), static_cast<std::uint32_t>(i)));
+        }
+        std::sort(order_.begin(), order_.end());
+        if (all || order_.size() == grid.size()) break;
+        if (order_.size() >= static_cast<std::size_t>(k_)) {
+            nearestK = std::sqrt(distanceOf(order_[static_cast<std::size_t>(k_ - 1)]));
+            if (nearestK <= guess) break;
+        }
+        guess = guess > 0.0f ? guess * 2.0f : 1e-6f + scale * 1e-5f;
+    }
+    guess_ = nearestK;
+    const float radius = radiusFor(nearestK);
+    const float radius2 = all || order_.size() == grid.size() ? 3.4e38f : radius * radius;
+    margin_ = (scale + radius) * 1e-5f;
+    for (const std::uint64_t key : order_) {
+        const float distance2 = distanceOf(key);
+        if (distance2 > radius2) break;
+        const auto from = static_cast<std::uint32_t>(key);
+        points_.push_back(foundPoints_[from]);
+        fromCenter_.push_back(std::sqrt(distance2));
+        indices_.push_back(foundIndices_[from]);
+    }
+}
+
+int GuideShortlist::nearest(const Vec3f& p, int k, std::uint32_t* indices,
+                            float* distances2) const {
+    assert(k <= k_ || size() < static_cast<std::size_t>(k_));
+    const std::size_t count = size();
+    k = std::min({k, k_, static_cast<int>(count)});
+    if (k <= 0) return 0;
+    const float offCenter = length(p - center_) + margin_;
+    std::uint64_t keys[GuideRootGrid::kMaxNearest];
+    int found = 0;
+    float worst2 = kNoBound;
+    for (std::size_t i = 0; i < count; ++i) {
+        // Points lie no nearer to `p` than their distance from the centre less p's, and the
+        // rest lie farther from the centre than this one.
+        const float slack = fromCenter_[i] - offCenter;
+        if (found == k && slack > 0.0f && slack * slack > worst2 * 1.0002f) break;
+        // The same operations as the grid's, so the same bits.
+        const Vec3f d = points_[i] - p;
+        const float distance2 = dot(d, d);
+        if (distance2 > worst2) continue;
+        const std::uint64_t key = rankKey(distance2, indices_[i]);
+        int at;
+        if (found == k) {
+            if (key >= keys[k - 1]) continue;
+            at = k - 1;
+        } else {
+            at = found++;
+        }
+        while (at > 0 && keys[at - 1] > key) {
+            keys[at] = keys[at - 1];
+            --at;
+        }
+        keys[at] = key;
+        if (found == k) worst2 = distanceOf(keys[k - 1]);
+    }
+    for (int i = 0; i < found; ++i) {
+        indices[i] = static_cast<std::uint32_t>(keys[i]);
+        distances2[i] = distanceOf(keys[i]);
+    }
+    return found;
+}
+
 }  // namespace velmorin

@@ -33,6 +33,11 @@ class GuideRootGrid {
     int nearest(const Vec3f& p, int k, std::uint32_t* indices, float* distances2,
                 float within2 = 3.4e38f) const;
 
+    // Appends every point whose squared distance to `p` is at most `radius2`, with its index.
+    // Reads only.
+    void within(const Vec3f& p, float radius2, std::vector<std::uint32_t>& indices,
+                std::vector<Vec3f>& points) const;
+
   private:
     Vec3f min_;
     float cell_ = 1.0f;
@@ -40,6 +45,40 @@ class GuideRootGrid {
     std::vector<std::uint32_t> cellStart_;  // cells + 1 entries
     std::vector<Vec3f> points_;             // in cell order
     std::vector<std::uint32_t> indices_;    // in cell order, ascending within a cell
+};
+
+// The points of a grid that can be among the k nearest of any point of a small group (the roots of
+// strands that lie side by side in a binding chunk), gathered once so that each root of the group
+// scans a short list instead of walking the grid. Answers equal the grid's bit for bit. One
+// shortlist is one thread's scratch: it keeps its arrays from group to group.
+class GuideShortlist {
+  public:
+    // Gathers what the nearest `k` (at most GuideRootGrid::kMaxNearest) of any point within
+    // `spread` of `center` can be: the grid's points within the k-th nearest distance of `center`
+    // plus twice `spread`, with a margin against rounding.
+    void gather(const GuideRootGrid& grid, const Vec3f& center, float spread, int k);
+
+    std::size_t size() const { return indices_.size(); }
+
+    // As GuideRootGrid::nearest for a point within the gathered spread and k up to the gathered k:
+    // the same indices, distances and order.
+    int nearest(const Vec3f& p, int k, std::uint32_t* indices, float* distances2) const;
+
+  private:
+    int k_ = 0;
+    Vec3f center_;
+    float margin_ = 0.0f;  // how far the rounding of a distance may take it
+    // The last gather's k-th nearest distance, to start the next one's search from; 0 for none.
+    float guess_ = 0.0f;
+    // Nearest the centre first, with their distances from it: a query stops where the rest lie
+    // too far from the centre to come near enough to its point.
+    std::vector<Vec3f> points_;
+    std::vector<float> fromCenter_;
+    std::vector<std::uint32_t> indices_;
+    // What gather collects before ordering.
+    std::vector<std::uint32_t> foundIndices_;
+    std::vector<Vec3f> foundPoints_;
+    std::vector<std::uint64_t> order_;
 };
 
 }  // namespace velmorin

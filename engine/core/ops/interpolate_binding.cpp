@@ -5,12 +5,18 @@
 #include <cassert>
 #include <cmath>
 #include <cstring>
+#include <limits>
 
 #include "base/hash.h"
 #include "base/parallel.h"
 #include "ops/guide_root_grid.h"
 #include "ops/interpolate_follow.h"
 #include "ops/interpolate_tubes.h"
+
+#if defined(__SSE2__) || defined(_M_X64)
+#include <emmintrin.h>
+#define VELMORIN_BINDING_SSE2 1
+#endif
 
 namespace velmorin {
 namespace {
@@ -73,24 +79,72 @@ ReachTable measureReach(const GuideRootGrid& grid, std::span<const Vec3f> roots,
 // Returns the sum; `edge` receives the greatest share of a reach left beyond the strand.
 double shepard(int count, const float* d2, const std::uint32_t* guides, const float* reach,
                float single, float power, double* out, double* edge) {
-    double greatest = 0.0;
-    if (edge) *edge = 0.0;
-    for (int i = 0; i < count; ++i) {
+    double greatest = 0.0, reachLeft = 0.0;
+    int i = 0;
+#if VELMORIN_BINDING_SSE2
+    // Two candidates at a time: their square roots and divisions are what the binding spends
+    // most on after the search, and each lane rounds as the scalar operation would. Both
+    // branches of the rule are computed and one is kept per lane.
+    const __m128d least = _mm_set1_pd(1e-6), one = _mm_set1_pd(1.0), zero = _mm_setzero_pd();
+    const __m128d infinite = _mm_set1_pd(std::numeric_limits<double>::infinity());
+    const __m128d sign = _mm_set1_pd(-0.0);
+    __m128d greatest2 = zero, reachLeft2 = zero;
+    for (; i + 2 <= count; i += 2) {
+        const __m128d d = _mm_max_pd(
+            _mm_sqrt_pd(_mm_set_pd(static_cast<double>(d2[i + 1]), static_cast<double>(d2[i]))),
+            least);
+        const __m128d r =
+            reach ? _mm_set_pd(reach[guides[i + 1]], reach[guides[i]]) : _mm_set1_pd(single);
+        // Not finite: infinite or not a number, as std::isfinite says.
+        const __m128d unbounded = _mm_cmpnlt_pd(_mm_andnot_pd(sign, r), infinite);
+        const __m128d inside = _mm_andnot_pd(unbounded, _mm_cmpgt_pd(r, d));
+        const __m128d left = _mm_sub_pd(r, d);
+        const __m128d t = _mm_or_pd(_mm_and_pd(unbounded, _mm_div_pd(one, d)),
+                                    _mm_and_pd(inside, _mm_div_pd(left, _mm_mul_pd(r, d))));
+        _mm_storeu_pd(out + i, t);
+        greatest2 = _mm_max_pd(greatest2, t);
+        if (edge)
+            reachLeft2 = _mm_max_pd(reachLeft2, _mm_or_pd(_mm_and_pd(unbounded, one),
+                                                          _mm_and_pd(inside, _mm_div_pd(left, r))));
+    }
+    const auto largest = [](__m128d v) {
+        return std::max(_mm_cvtsd_f64(v), _mm_cvtsd_f64(_mm_unpackhi_pd(v, v)));
+    };
+    greatest = largest(greatest2);
+    reachLeft = largest(reachLeft2);
+#endif
+    for (; i < count; ++i) {
         const double d = std::max(std::sqrt(static_cast<double>(d2[i])), 1e-6);
         const double r = reach ? reach[guides[i]] : single;
         double t = 0.0;
         if (!std::isfinite(r)) {
             t = 1.0 / d;
-            if (edge) *edge = 1.0;
+            reachLeft = 1.0;
         } else if (r > d) {
             t = (r - d) / (r * d);
-            if (edge) *edge = std::max(*edge, (r - d) / r);
+            reachLeft = std::max(reachLeft, (r - d) / r);
         }
         out[i] = t;
         greatest = std::max(greatest, t);
     }
+    if (edge) *edge = reachLeft;
     double sum = 0.0;
-    for (int i = 0; i < count; ++i) {
+    i = 0;
+#if VELMORIN_BINDING_SSE2
+    // The usual power of 2 squares, two at a time; the sum stays in order.
+    if (power == 2.0f && greatest > 0.0) {
+        const __m128d scale = _mm_set1_pd(greatest), zero = _mm_setzero_pd();
+        for (; i + 2 <= count; i += 2) {
+            const __m128d t = _mm_loadu_pd(out + i);
+            const __m128d s = _mm_div_pd(t, scale);
+            const __m128d a = _mm_and_pd(_mm_cmpgt_pd(t, zero), _mm_mul_pd(s, s));
+            _mm_storeu_pd(out + i, a);
+            sum += _mm_cvtsd_f64(a);
+            sum += _mm_cvtsd_f64(_mm_unpackhi_pd(a, a));
+        }
+    }
+#endif
+    for (; i < count; ++i) {
         double a = 0.0;
         if (greatest > 0.0 && out[i] > 0.0) {
             const double s = out[i] / greatest;
@@ -157,16 +211,10 @@ struct BindContext {
     std::span<const std::int32_t> strandLists;
 };
 
-// The candidates of the last strand bound in a chunk. Neighbouring strands are mostly rooted
-// side by side, so the farthest of those guides from the next root bounds that root's search.
-struct NearestHint {
-    std::int32_t list = -1;
-    int count = 0;
-    std::uint32_t guides[GuideRootGrid::kMaxNearest];
-};
-
-// Binds strand `s` and appends its records to `chunk`.
-void bindOne(const BindContext& context, std::size_t s, BindingChunk& chunk, NearestHint& hint) {
+// Binds strand `s` and appends its records to `chunk`. `shortlist`, gathered for the strand's
+// list round its root, answers the nearest-guide query as the list's grid would.
+void bindOne(const BindContext& context, std::size_t s, BindingChunk& chunk,
+             GuideShortlist& shortlist) {
     const InterpolateSettings& settings = *context.settings;
     const BindingInputs& inputs = *context.inputs;
     float nearest2 = kInfiniteDistance;
@@ -195,23 +243,13 @@ void bindOne(const BindContext& context, std::size_t s, BindingChunk& chunk, Nea
         static_cast<int>(std::min<std::size_t>(settings.candidates, list.grid.size()));
     std::uint32_t guides[GuideRootGrid::kMaxNearest];
     float d2[GuideRootGrid::kMaxNearest];
-    const std::int32_t listIndex = context.strandLists[s];
-    float within2 = 3.4e38f;
-    if (hint.list == listIndex && hint.count == wanted + 1) {
-        within2 = 0.0f;
-        for (int i = 0; i < hint.count; ++i)
-            within2 = std::max(within2, lengthSquared(inputs.guideRoots[hint.guides[i]] - root));
-        // A margin, as the grid may round its own distances a hair differently.
-        within2 = within2 * 1.001f + 1e-30f;
-    }
-    int count = list.grid.nearest(root, wanted + 1, guides, d2, within2);
-    if (inputs.surface)
+    int count = shortlist.nearest(root, wanted + 1, guides, d2);
+    if (inputs.surface) {
+        const std::int32_t listIndex = context.strandLists[s];
         count = nearestOnSurface(*inputs.surface, inputs, s,
                                  listIndex > 0 ? inputs.strandLabels[s] : -1, wanted + 1, guides,
                                  d2, count);
-    hint.list = listIndex;
-    hint.count = count;
-    std::copy(guides, guides + count, hint.guides);
+    }
     bool clean = true;
     for (int i = 1; i < count; ++i)
         if (!(d2[i] > d2[i - 1])) clean = false;
@@ -322,6 +360,125 @@ void copyStrand(const BindingChunk& old, std::size_t k, BindingChunk& chunk) {
     chunk.found.push_back(old.found[k]);
     chunk.twisted.push_back(old.twisted[k]);
     chunk.recordStart.push_back(static_cast<std::uint32_t>(chunk.guides.size()));
+}
+
+// Strands rooted side by side share one shortlist of guides: groups of at most this many.
+constexpr std::size_t kShortlistStrands = 32;
+
+// One thread's scratch for binding chunks, kept from chunk to chunk.
+struct ChunkScratch {
+    GuideShortlist shortlist;
+    std::vector<std::uint32_t> order;  // chunk-local strands, grouped by list and place
+    std::vector<std::uint32_t> slot;   // per chunk-local strand, its place in `bound`
+    BindingChunk bound;                // the strands bound, in the order they were bound
+};
+
+// Splits `group` (chunk-local strands) at the median of their roots' widest axis until each part
+// has at most kShortlistStrands, and calls visit(part) on each part, in order. `roots` are the
+// chunk's roots by chunk-local index.
+template <class Visit>
+void splitByPlace(std::span<const Vec3f> roots, std::span<std::uint32_t> group,
+                  const Visit& visit) {
+    if (group.size() <= kShortlistStrands) return visit(group);
+    Vec3f lo = roots[group[0]], hi = lo;
+    for (const std::uint32_t k : group) {
+        lo = minPerAxis(lo, roots[k]);
+        hi = maxPerAxis(hi, roots[k]);
+    }
+    const Vec3f extent = hi - lo;
+    const std::size_t half = group.size() / 2;
+    // Ties by index, so that the groups (which only decide how fast a query runs, never its
+    // answer) are the same on every run.
+    const auto split = [&](auto coordinate) {
+        std::nth_element(group.begin(), group.begin() + static_cast<std::ptrdiff_t>(half),
+                         group.end(), [&](std::uint32_t a, std::uint32_t b) {
+                             const float pa = coordinate(roots[a]), pb = coordinate(roots[b]);
+                             return pa < pb || (pa == pb && a < b);
+                         });
+    };
+    if (extent.x >= extent.y && extent.x >= extent.z)
+        split([](const Vec3f& p) { return p.x; });
+    else if (extent.y >= extent.z)
+        split([](const Vec3f& p) { return p.y; });
+    else
+        split([](const Vec3f& p) { return p.z; });
+    splitByPlace(roots, group.first(half), visit);
+    splitByPlace(roots, group.subspan(half), visit);
+}
+
+// Binds the strands [first, last) of `chunk` in order: all of them, or with `marks` only the
+// marked ones, the others copied from `old`. Strands are bound in groups rooted close together
+// that share one shortlist of guides, then laid out in their own order.
+void bindRange(const BindContext& context, std::size_t first, std::size_t last,
+               const std::uint8_t* marks, const BindingChunk* old, BindingChunk& chunk,
+               ChunkScratch& scratch) {
+    const std::span<const Vec3f> roots = context.inputs->strandRoots;
+    const std::size_t count = last - first;
+    const std::span<const Vec3f> local = roots.subspan(first, count);
+    scratch.order.clear();
+    for (std::size_t k = 0; k < count; ++k)
+        if (marks == nullptr || marks[first + k] != 0)
+            scratch.order.push_back(static_cast<std::uint32_t>(k));
+    // Roots that are not numbers bind to nothing without asking: they go first, on their own.
+    const auto unplaced =
+        std::stable_partition(scratch.order.begin(), scratch.order.end(),
+                              [&](std::uint32_t k) { return !isFinite(roots[first + k]); });
+    std::stable_sort(unplaced, scratch.order.end(), [&](std::uint32_t a, std::uint32_t b) {
+        return context.strandLists[first + a] < context.strandLists[first + b];
+    });
+
+    BindingChunk& bound = scratch.bound;
+    bound.firstStrand = static_cast<std::uint32_t>(first);
+    bound.recordStart.assign(1, 0);
+    bound.nearest2.clear();
+    bound.next2.clear();
+    bound.found.clear();
+    bound.twisted.clear();
+    bound.weights.clear();
+    bound.guides.clear();
+    bound.twists.clear();
+    scratch.slot.resize(count);
+    const auto bindGroup = [&](std::span<const std::uint32_t> group) {
+        for (const std::uint32_t k : group) {
+            scratch.slot[k] = static_cast<std::uint32_t>(bound.strandCount());
+            bindOne(context, first + k, bound, scratch.shortlist);
+        }
+    };
+    bindGroup(std::span<const std::uint32_t>(scratch.order.begin(), unplaced));
+    for (auto run = unplaced; run != scratch.order.end();) {
+        const std::int32_t listIndex = context.strandLists[first + *run];
+        const auto runEnd = std::find_if(run, scratch.order.end(), [&](std::uint32_t k) {
+            return context.strandLists[first + k] != listIndex;
+        });
+        const GuideList& list = (*context.lists)[static_cast<std::size_t>(listIndex)];
+        const int k = static_cast<int>(
+                          std::min<std::size_t>(context.settings->candidates, list.grid.size())) +
+                      1;
+        splitByPlace(local, std::span<std::uint32_t>(run, runEnd),
+                     [&](std::span<std::uint32_t> group) {
+                         if (list.grid.size() > 0) {
+                             Vec3f lo = local[group[0]], hi = lo;
+                             for (const std::uint32_t g : group) {
+                                 lo = minPerAxis(lo, local[g]);
+                                 hi = maxPerAxis(hi, local[g]);
+                             }
+                             const Vec3f center = (lo + hi) * 0.5f;
+                             float spread2 = 0.0f;
+                             for (const std::uint32_t g : group)
+                                 spread2 = std::max(spread2, lengthSquared(local[g] - center));
+                             scratch.shortlist.gather(list.grid, center, std::sqrt(spread2), k);
+                         }
+                         bindGroup(group);
+                     });
+        run = runEnd;
+    }
+
+    for (std::size_t k = 0; k < count; ++k) {
+        if (marks == nullptr || marks[first + k] != 0)
+            copyStrand(bound, scratch.slot[k], chunk);
+        else
+            copyStrand(*old, k, chunk);
+    }
 }
 
 // The guide-level part of a state: regions, lists and reach tables. Fills `state` and `lists`.
@@ -501,14 +658,13 @@ std::shared_ptr<const InterpolateState> bindStrands(const InterpolateSettings& s
     binding.chunks.resize(chunkCount);
     const BindContext context{&settings, &inputs, &lists, state->strandLists};
     parallelRange(0, chunkCount, 1, [&](std::size_t begin, std::size_t end) {
+        ChunkScratch scratch;
         for (std::size_t c = begin; c < end; ++c) {
             const std::size_t first = c * kBindingChunkStrands;
             const std::size_t last = std::min(first + kBindingChunkStrands, strandCount);
             auto chunk = std::make_shared<BindingChunk>();
             startChunk(*chunk, first, last - first);
-            NearestHint hint;
-            for (std::size_t s = first; s < last; ++s)
-                bindOne(context, s, *chunk, hint);
+            bindRange(context, first, last, nullptr, nullptr, *chunk, scratch);
             binding.chunks[c] = std::move(chunk);
         }
     });
@@ -611,6 +767,7 @@ std::shared_ptr<const InterpolateState> rebindStrands(
     binding.chunks.resize(chunkCount);
     const BindContext context{&settings, &inputs, &lists, state->strandLists};
     parallelRange(0, chunkCount, 1, [&](std::size_t begin, std::size_t end) {
+        ChunkScratch scratch;
         for (std::size_t c = begin; c < end; ++c) {
             const auto& old = previous->binding.chunks[c];
             const std::size_t first = old->firstStrand;
@@ -623,13 +780,7 @@ std::shared_ptr<const InterpolateState> rebindStrands(
             }
             auto chunk = std::make_shared<BindingChunk>();
             startChunk(*chunk, first, count);
-            NearestHint hint;
-            for (std::size_t k = 0; k < count; ++k) {
-                if (marks[first + k])
-                    bindOne(context, first + k, *chunk, hint);
-                else
-                    copyStrand(*old, k, *chunk);
-            }
+            bindRange(context, first, first + count, marks.data(), old.get(), *chunk, scratch);
             binding.chunks[c] = std::move(chunk);
         }
     });

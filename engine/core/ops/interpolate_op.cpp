@@ -597,7 +597,8 @@ class InterpolateOp final : public Operator {
         std::span<float> influence;
         if (!p.influenceChannel.empty())
             influence = made->addStrandChannel(p.influenceChannel, 0.0f);
-        shapeStrands(*state, *rows, p.shape, *p.strands, made->writePoints(), influence);
+        // Every point is written, so the shared points are not copied first.
+        shapeStrands(*state, *rows, p.shape, *p.strands, made->overwritePoints(), influence);
         if (p.tubes && !p.shape.takeLength)
             rideTubes(*state, *p.tubes, p.shape, *p.strands, made->writePoints());
         if (p.tubes) writeTubeChannels(*p.tubes, *made);

@@ -4,6 +4,18 @@
 #include <cmath>
 #include <set>
 
+#if defined(__SSE2__) || defined(_M_X64)
+#include <emmintrin.h>
+#define VELMORIN_INTERPOLATE_SSE2 1
+#endif
+// Where the compiler can build a function for AVX alone, the blend and the segment lengths also
+// come eight lanes wide, chosen at run time on processors that have AVX. AVX's operations round
+// as SSE2's do, and there is no fused multiply-add, so both give the same bits.
+#if VELMORIN_INTERPOLATE_SSE2 && defined(__GNUC__) && (defined(__x86_64__) || defined(__i386__))
+#include <immintrin.h>
+#define VELMORIN_INTERPOLATE_AVX 1
+#endif
+
 #include "base/hash.h"
 #include "base/parallel.h"
 #include "mesh/scalp_mesh.h"
@@ -88,12 +100,239 @@ void resampleOffsets(std::span<const Vec3f> points, std::span<Vec3f> out) {
     out[0] = Vec3f{};
 }
 
-// What the shape of one strand reads, set up once per chunk.
-struct ShapeScratch {
-    Vec3f blended[kMaxSamples];
-    Vec3f walked[kMaxSamples];
-    float arc[kMaxSamples];
+// Sample loops run four lanes at a time; arrays are padded so that a loop may read and write up
+// to a whole group of four past its last sample.
+constexpr std::size_t kLanes = 4;
+constexpr std::size_t kWideLanes = 8;
+constexpr std::size_t kPaddedSamples = kMaxSamples + 2 * kWideLanes;
+
+// Rows and scratch curves are padded to whole groups of eight, which both widths cover.
+std::size_t planarStrideOf(std::size_t samples) {
+    return (samples + kWideLanes - 1) / kWideLanes * kWideLanes;
+}
+
+// Lays `offsets` (S per guide) out as `planar` rows: x, y, z runs of `stride` floats per guide.
+void layOutPlanar(std::span<const Vec3f> offsets, std::size_t samples, std::size_t stride,
+                  std::vector<float>& planar) {
+    const std::size_t count = samples > 0 ? offsets.size() / samples : 0;
+    planar.assign(count * 3 * stride, 0.0f);
+    for (std::size_t g = 0; g < count; ++g) {
+        float* row = planar.data() + g * 3 * stride;
+        for (std::size_t j = 0; j < samples; ++j) {
+            const Vec3f& o = offsets[g * samples + j];
+            row[j] = o.x;
+            row[stride + j] = o.y;
+            row[2 * stride + j] = o.z;
+        }
+    }
+}
+
+// One record of a strand's blend: its guide's planar row, its weight and, where the guide turns
+// with the surface, the turn into the strand's frame.
+struct BlendTerm {
+    const float* row = nullptr;
+    float weight = 0.0f;
+    bool turns = false;
+    Turn turn;
 };
+
+// What the shape of one strand works in, set up once per chunk: a curve of samples as three
+// planar runs, and per sample its segment's length and running arc length.
+struct ShapeScratch {
+    alignas(32) float x[kPaddedSamples];
+    alignas(32) float y[kPaddedSamples];
+    alignas(32) float z[kPaddedSamples];
+    alignas(32) float segment[kPaddedSamples];
+    float arc[kPaddedSamples];
+    std::vector<BlendTerm> terms;  // grows to the most records a strand has, then stays
+};
+
+// The curve = root + the sum of the terms' weighted (turned) offsets, over `lanes` samples (whole
+// groups of four) of rows `stride` floats apart. Each sample adds the terms in their order, with
+// the operations of Turn::apply and Vec3f's operators, so the bits equal a sample-by-sample sum.
+void blendRows(std::span<const BlendTerm> terms, std::size_t stride, std::size_t lanes,
+               const Vec3f& root, ShapeScratch& c) {
+#if VELMORIN_INTERPOLATE_SSE2
+    for (std::size_t j = 0; j < lanes; j += kLanes) {
+        __m128 ax = _mm_setzero_ps(), ay = _mm_setzero_ps(), az = _mm_setzero_ps();
+        for (const BlendTerm& term : terms) {
+            const __m128 ox = _mm_loadu_ps(term.row + j);
+            const __m128 oy = _mm_loadu_ps(term.row + stride + j);
+            const __m128 oz = _mm_loadu_ps(term.row + 2 * stride + j);
+            const __m128 w = _mm_set1_ps(term.weight);
+            if (term.turns) {
+                const Turn& t = term.turn;
+                const auto row = [&](const Vec3f& r) {
+                    return _mm_add_ps(_mm_add_ps(_mm_mul_ps(_mm_set1_ps(r.x), ox),
+                                                 _mm_mul_ps(_mm_set1_ps(r.y), oy)),
+                                      _mm_mul_ps(_mm_set1_ps(r.z), oz));
+                };
+                ax = _mm_add_ps(ax, _mm_mul_ps(row(t.r0), w));
+                ay = _mm_add_ps(ay, _mm_mul_ps(row(t.r1), w));
+                az = _mm_add_ps(az, _mm_mul_ps(row(t.r2), w));
+            } else {
+                ax = _mm_add_ps(ax, _mm_mul_ps(ox, w));
+                ay = _mm_add_ps(ay, _mm_mul_ps(oy, w));
+                az = _mm_add_ps(az, _mm_mul_ps(oz, w));
+            }
+        }
+        _mm_store_ps(c.x + j, _mm_add_ps(ax, _mm_set1_ps(root.x)));
+        _mm_store_ps(c.y + j, _mm_add_ps(ay, _mm_set1_ps(root.y)));
+        _mm_store_ps(c.z + j, _mm_add_ps(az, _mm_set1_ps(root.z)));
+    }
+#else
+    for (std::size_t j = 0; j < lanes; ++j) {
+        Vec3f sum{};
+        for (const BlendTerm& term : terms) {
+            const Vec3f o{term.row[j], term.row[stride + j], term.row[2 * stride + j]};
+            sum += (term.turns ? term.turn.apply(o) : o) * term.weight;
+        }
+        c.x[j] = sum.x + root.x;
+        c.y[j] = sum.y + root.y;
+        c.z[j] = sum.z + root.z;
+    }
+#endif
+}
+
+// segment[j] = the length of the curve's step from sample j - 1 to j, for j in 1 .. lanes - 1,
+// as length() gives it: the square root of dx * dx + dy * dy + dz * dz, rounded alike.
+// segment[0] means nothing.
+void segmentLengths(const ShapeScratch& c, std::size_t lanes, float* segment) {
+#if VELMORIN_INTERPOLATE_SSE2
+    // Each group of four takes its samples before from itself shifted by one and the last of the
+    // group before: aligned loads only, none reading across what was just stored.
+    const auto shiftIn = [](__m128 before, __m128 now) {
+        return _mm_castsi128_ps(_mm_or_si128(_mm_slli_si128(_mm_castps_si128(now), 4),
+                                             _mm_srli_si128(_mm_castps_si128(before), 12)));
+    };
+    __m128 bx = _mm_setzero_ps(), by = _mm_setzero_ps(), bz = _mm_setzero_ps();
+    for (std::size_t j = 0; j < lanes; j += kLanes) {
+        const __m128 nx = _mm_load_ps(c.x + j), ny = _mm_load_ps(c.y + j),
+                     nz = _mm_load_ps(c.z + j);
+        const __m128 dx = _mm_sub_ps(nx, shiftIn(bx, nx));
+        const __m128 dy = _mm_sub_ps(ny, shiftIn(by, ny));
+        const __m128 dz = _mm_sub_ps(nz, shiftIn(bz, nz));
+        const __m128 d2 =
+            _mm_add_ps(_mm_add_ps(_mm_mul_ps(dx, dx), _mm_mul_ps(dy, dy)), _mm_mul_ps(dz, dz));
+        _mm_store_ps(segment + j, _mm_sqrt_ps(d2));
+        bx = nx;
+        by = ny;
+        bz = nz;
+    }
+#else
+    for (std::size_t j = 1; j < lanes; ++j) {
+        const float dx = c.x[j] - c.x[j - 1], dy = c.y[j] - c.y[j - 1], dz = c.z[j] - c.z[j - 1];
+        segment[j] = std::sqrt(dx * dx + dy * dy + dz * dz);
+    }
+#endif
+}
+
+#if VELMORIN_INTERPOLATE_AVX
+// blendRows eight samples at a time.
+__attribute__((target("avx"))) void blendRowsWide(std::span<const BlendTerm> terms,
+                                                  std::size_t stride, std::size_t lanes,
+                                                  const Vec3f& root, ShapeScratch& c) {
+    for (std::size_t j = 0; j < lanes; j += kWideLanes) {
+        __m256 ax = _mm256_setzero_ps(), ay = _mm256_setzero_ps(), az = _mm256_setzero_ps();
+        for (const BlendTerm& term : terms) {
+            const __m256 ox = _mm256_loadu_ps(term.row + j);
+            const __m256 oy = _mm256_loadu_ps(term.row + stride + j);
+            const __m256 oz = _mm256_loadu_ps(term.row + 2 * stride + j);
+            const __m256 w = _mm256_set1_ps(term.weight);
+            if (term.turns) {
+                const Turn& t = term.turn;
+                // As Turn::apply, row by row; lambdas would not be built for AVX.
+                const __m256 tx =
+                    _mm256_add_ps(_mm256_add_ps(_mm256_mul_ps(_mm256_set1_ps(t.r0.x), ox),
+                                                _mm256_mul_ps(_mm256_set1_ps(t.r0.y), oy)),
+                                  _mm256_mul_ps(_mm256_set1_ps(t.r0.z), oz));
+                const __m256 ty =
+                    _mm256_add_ps(_mm256_add_ps(_mm256_mul_ps(_mm256_set1_ps(t.r1.x), ox),
+                                                _mm256_mul_ps(_mm256_set1_ps(t.r1.y), oy)),
+                                  _mm256_mul_ps(_mm256_set1_ps(t.r1.z), oz));
+                const __m256 tz =
+                    _mm256_add_ps(_mm256_add_ps(_mm256_mul_ps(_mm256_set1_ps(t.r2.x), ox),
+                                                _mm256_mul_ps(_mm256_set1_ps(t.r2.y), oy)),
+                                  _mm256_mul_ps(_mm256_set1_ps(t.r2.z), oz));
+                ax = _mm256_add_ps(ax, _mm256_mul_ps(tx, w));
+                ay = _mm256_add_ps(ay, _mm256_mul_ps(ty, w));
+                az = _mm256_add_ps(az, _mm256_mul_ps(tz, w));
+            } else {
+                ax = _mm256_add_ps(ax, _mm256_mul_ps(ox, w));
+                ay = _mm256_add_ps(ay, _mm256_mul_ps(oy, w));
+                az = _mm256_add_ps(az, _mm256_mul_ps(oz, w));
+            }
+        }
+        _mm256_store_ps(c.x + j, _mm256_add_ps(ax, _mm256_set1_ps(root.x)));
+        _mm256_store_ps(c.y + j, _mm256_add_ps(ay, _mm256_set1_ps(root.y)));
+        _mm256_store_ps(c.z + j, _mm256_add_ps(az, _mm256_set1_ps(root.z)));
+    }
+}
+
+// segmentLengths eight samples at a time.
+__attribute__((target("avx"))) void segmentLengthsWide(const ShapeScratch& c, std::size_t lanes,
+                                                       float* segment) {
+    // Each group's samples before: its own shifted up by one, the first taking the last of the
+    // group before, made by two shuffles within halves after swapping halves.
+    __m256 bx = _mm256_setzero_ps(), by = _mm256_setzero_ps(), bz = _mm256_setzero_ps();
+    for (std::size_t j = 0; j < lanes; j += kWideLanes) {
+        const __m256 nx = _mm256_load_ps(c.x + j), ny = _mm256_load_ps(c.y + j),
+                     nz = _mm256_load_ps(c.z + j);
+        const __m256 hx = _mm256_permute2f128_ps(bx, nx, 0x21);
+        const __m256 hy = _mm256_permute2f128_ps(by, ny, 0x21);
+        const __m256 hz = _mm256_permute2f128_ps(bz, nz, 0x21);
+        const __m256 px = _mm256_shuffle_ps(_mm256_shuffle_ps(hx, nx, _MM_SHUFFLE(0, 0, 3, 3)), nx,
+                                            _MM_SHUFFLE(2, 1, 2, 0));
+        const __m256 py = _mm256_shuffle_ps(_mm256_shuffle_ps(hy, ny, _MM_SHUFFLE(0, 0, 3, 3)), ny,
+                                            _MM_SHUFFLE(2, 1, 2, 0));
+        const __m256 pz = _mm256_shuffle_ps(_mm256_shuffle_ps(hz, nz, _MM_SHUFFLE(0, 0, 3, 3)), nz,
+                                            _MM_SHUFFLE(2, 1, 2, 0));
+        const __m256 dx = _mm256_sub_ps(nx, px);
+        const __m256 dy = _mm256_sub_ps(ny, py);
+        const __m256 dz = _mm256_sub_ps(nz, pz);
+        const __m256 d2 = _mm256_add_ps(_mm256_add_ps(_mm256_mul_ps(dx, dx), _mm256_mul_ps(dy, dy)),
+                                        _mm256_mul_ps(dz, dz));
+        _mm256_store_ps(segment + j, _mm256_sqrt_ps(d2));
+        bx = nx;
+        by = ny;
+        bz = nz;
+    }
+}
+
+bool wideLanesUsable() {
+    static const bool usable = __builtin_cpu_supports("avx");
+    return usable;
+}
+#else
+bool wideLanesUsable() {
+    return false;
+}
+#endif
+
+// The running arc lengths of the segments, summed in order as polylineLength does.
+void runningArc(const float* segment, std::size_t count, float* arc) {
+    arc[0] = 0.0f;
+    for (std::size_t j = 1; j < count; ++j)
+        arc[j] = arc[j - 1] + segment[j];
+}
+
+// placeAlong for a planar curve of `count` samples.
+void placeAlong(const ShapeScratch& c, std::size_t count, float total, std::span<Vec3f> out) {
+    const std::size_t n = out.size();
+    const std::size_t last = count - 1;
+    std::size_t past = 0;
+    for (std::size_t i = 0; i < n; ++i) {
+        const float at = n > 1 ? total * static_cast<float>(i) / static_cast<float>(n - 1) : 0.0f;
+        while (past < count && c.arc[past] <= at)
+            ++past;
+        const std::size_t hi = std::clamp<std::size_t>(past, 1, last);
+        const std::size_t lo = hi - 1;
+        const float span = c.arc[hi] - c.arc[lo];
+        const float f = span > 0.0f ? (at - c.arc[lo]) / span : 0.0f;
+        out[i] = Vec3f{c.x[lo] + (c.x[hi] - c.x[lo]) * f, c.y[lo] + (c.y[hi] - c.y[lo]) * f,
+                       c.z[lo] + (c.z[hi] - c.z[lo]) * f};
+    }
+}
 
 // Calls body(chunk, k, strand) for every strand of the binding, or of `only`, in parallel by 256.
 template <class Body>
@@ -186,6 +425,8 @@ InterpolateGuideRows makeGuideRows(std::span<const Guide* const> guides, const S
             rows.hashes[g] = h;
         }
     });
+    rows.planarStride = planarStrideOf(samples);
+    layOutPlanar(rows.offsets, samples, rows.planarStride, rows.planar);
     return rows;
 }
 
@@ -197,11 +438,43 @@ void shapeStrands(const InterpolateState& state, const InterpolateGuideRows& row
     const std::span<const std::uint64_t> offsets = in.offsets();
     const bool hasNormals = !state.strandNormals.empty();
     const float limit = settings.limitDistance;
+    const bool writesAll = only.empty();
+    // Every sample loop covers whole groups of eight; the padding reads zeros or what the
+    // strand before left there, and nothing past `samples` is ever used.
+    const std::size_t lanes = planarStrideOf(samples);
+    // The guides' rows as planar runs, laid out here where the rows were made by hand.
+    std::vector<float> laidOut;
+    std::size_t stride = rows.planarStride;
+    const float* planar = rows.planar.data();
+    if (samples >= 2 && (stride < lanes || rows.planar.size() < rows.guideCount() * 3 * stride)) {
+        stride = lanes;
+        layOutPlanar(rows.offsets, samples, stride, laidOut);
+        planar = laidOut.data();
+    }
+    const bool wide = wideLanesUsable();
+    const auto blend = [&](std::span<const BlendTerm> terms, const Vec3f& root, ShapeScratch& c) {
+#if VELMORIN_INTERPOLATE_AVX
+        if (wide) return blendRowsWide(terms, stride, lanes, root, c);
+#endif
+        blendRows(terms, stride, lanes, root, c);
+    };
+    const auto measure = [&](ShapeScratch& c) {
+#if VELMORIN_INTERPOLATE_AVX
+        if (wide) return segmentLengthsWide(c, lanes, c.segment);
+#endif
+        segmentLengths(c, lanes, c.segment);
+    };
+    (void)wide;
     const auto body = [&](const BindingChunk& chunk, std::size_t k, std::size_t s,
-                          ShapeScratch& scratch) {
+                          ShapeScratch& c) {
         const std::size_t begin = offsets[s];
         const std::size_t n = offsets[s + 1] - begin;
         const std::uint32_t first = chunk.recordStart[k], end = chunk.recordStart[k + 1];
+        const std::span<const Vec3f> incoming = points.subspan(begin, n);
+        const std::span<Vec3f> out = outPoints.subspan(begin, n);
+        const auto keep = [&] {
+            if (writesAll) std::copy(incoming.begin(), incoming.end(), out.begin());
+        };
         // 1. Influence.
         float amount = 1.0f;
         if (limit > 0.0f) {
@@ -212,10 +485,8 @@ void shapeStrands(const InterpolateState& state, const InterpolateGuideRows& row
         }
         if (!influence.empty()) influence[s] = first == end ? 0.0f : amount;
         // 2. Strands nothing shapes keep their points.
-        if (first == end || amount <= 0.0f || n < 2 || samples < 2) return;
+        if (first == end || amount <= 0.0f || n < 2 || samples < 2) return keep();
 
-        const std::span<const Vec3f> incoming = points.subspan(begin, n);
-        const std::span<Vec3f> out = outPoints.subspan(begin, n);
         const Vec3f root = incoming[0];
         float guideLength = 0.0f;
         for (std::uint32_t r = first; r < end; ++r)
@@ -227,7 +498,7 @@ void shapeStrands(const InterpolateState& state, const InterpolateGuideRows& row
             float arcLength = 0.0f;
             for (std::size_t i = 1; i < n; ++i)
                 arcLength += length(incoming[i] - incoming[i - 1]);
-            if (!(arcLength > 0.0f)) return;
+            if (!(arcLength > 0.0f)) return keep();
             std::size_t segment = 1;
             float segmentStart = 0.0f;
             for (std::size_t i = 0; i < n; ++i) {
@@ -247,59 +518,70 @@ void shapeStrands(const InterpolateState& state, const InterpolateGuideRows& row
             return;
         }
 
-        // 3-4. The guides' offsets turned into the strand's frame and blended.
-        Vec3f* blended = scratch.blended;
-        for (std::size_t j = 0; j < samples; ++j)
-            blended[j] = Vec3f{};
+        // 3-4. The guides' offsets turned into the strand's frame and blended. Sample 0 of
+        // every row is zero, so the blend's sample 0 is the root.
         const Vec3f normal = hasNormals ? state.strandNormals[s] : Vec3f{};
         const bool strandTurns = lengthSquared(normal) > 0.0f;
+        if (c.terms.size() < end - first) c.terms.resize(end - first);
+        std::size_t termCount = 0;
         for (std::uint32_t r = first; r < end; ++r) {
             const std::uint32_t g = chunk.guides[r];
-            const float w = (static_cast<float>(chunk.weights[r]) + 1.0f) / 65536.0f;
-            const Vec3f* row = rows.offsets.data() + static_cast<std::size_t>(g) * samples;
-            if (strandTurns && rows.turns[g]) {
-                const Turn turn = turnBetween(rows.normals[g], normal);
-                for (std::size_t j = 1; j < samples; ++j)
-                    blended[j] += turn.apply(row[j]) * w;
-            } else {
-                for (std::size_t j = 1; j < samples; ++j)
-                    blended[j] += row[j] * w;
-            }
+            BlendTerm& term = c.terms[termCount++];
+            term.row = planar + static_cast<std::size_t>(g) * 3 * stride;
+            term.weight = (static_cast<float>(chunk.weights[r]) + 1.0f) / 65536.0f;
+            term.turns = strandTurns && rows.turns[g];
+            if (term.turns) term.turn = turnBetween(rows.normals[g], normal);
         }
-        for (std::size_t j = 0; j < samples; ++j)
-            blended[j] += root;
+        blend(std::span<const BlendTerm>(c.terms.data(), termCount), root, c);
+        float* const x = c.x;
+        float* const y = c.y;
+        float* const z = c.z;
 
-        const std::span<Vec3f> curve(blended, samples);
+        measure(c);
         if (settings.blendDirections) {
             // 5. Each step along the blended way at the blended length, easing out only where
-            // that way nearly vanishes.
-            Vec3f* walked = scratch.walked;
+            // that way nearly vanishes. The walk is done in place: each step reads the blended
+            // sample it replaces and the one before, kept from the step before.
             const float h = guideLength / static_cast<float>(samples - 1);
-            walked[0] = root;
+            Vec3f previous{x[0], y[0], z[0]};
+            Vec3f walked = root;
             for (std::size_t j = 1; j < samples; ++j) {
-                const Vec3f d = blended[j] - blended[j - 1];
-                const float l = length(d);
-                walked[j] = walked[j - 1];
+                const Vec3f raw{x[j], y[j], z[j]};
+                const Vec3f d = raw - previous;
+                const float l = c.segment[j];
                 if (l > 0.0f && h > 0.0f) {
                     const float e = std::min(l / (0.5f * h), 1.0f);
-                    walked[j] += d * (h * e * (2.0f - e) / l);
+                    walked += d * (h * e * (2.0f - e) / l);
                 }
+                previous = raw;
+                x[j] = walked.x;
+                y[j] = walked.y;
+                z[j] = walked.z;
             }
-            std::copy(walked, walked + samples, blended);
+            x[0] = root.x;
+            y[0] = root.y;
+            z[0] = root.z;
+            measure(c);
         } else if (settings.preserveLength) {
             // 6. Guides that point apart shorten their blend: scale it back about the root.
-            const float total = polylineLength(curve);
+            float total = 0.0f;
+            for (std::size_t j = 1; j < samples; ++j)
+                total += c.segment[j];
             if (total > 1e-8f && guideLength > 0.0f) {
                 const float scale = std::min(guideLength / total, 2.0f);
-                for (std::size_t j = 1; j < samples; ++j)
-                    blended[j] = root + (blended[j] - root) * scale;
+                // Sample 0 is the root (or +0 for a root of -0), which this leaves as it is.
+                for (std::size_t j = 0; j < lanes; ++j) {
+                    x[j] = root.x + (x[j] - root.x) * scale;
+                    y[j] = root.y + (y[j] - root.y) * scale;
+                    z[j] = root.z + (z[j] - root.z) * scale;
+                }
+                measure(c);
             }
         }
 
         // 7. The strand's points at equal arc steps along the blend.
-        const std::span<float> arc(scratch.arc, samples);
-        runningArc(curve, arc);
-        placeAlong(curve, arc, arc[samples - 1], out);
+        runningArc(c.segment, samples, c.arc);
+        placeAlong(c, samples, c.arc[samples - 1], out);
         // 8. Mixed with the incoming strand where the guides reach only partly.
         if (amount < 1.0f)
             for (std::size_t i = 1; i < n; ++i)

@@ -20,8 +20,13 @@ class ScalpMesh;
 
 // The guides resampled for the shape stage. Immutable once shared.
 struct InterpolateGuideRows {
-    std::size_t sampleCount = 0;        // S, the same for every guide
-    std::vector<Vec3f> offsets;         // guide g's sample j at g * S + j, from its root
+    std::size_t sampleCount = 0;  // S, the same for every guide
+    std::vector<Vec3f> offsets;   // guide g's sample j at g * S + j, from its root
+    // The same offsets laid out for the shape stage's loops over samples: per guide three runs of
+    // `planarStride` floats (x, then y, then z; zero past S), guide g's at g * 3 * planarStride.
+    // Empty in rows made by hand: the shape stage then lays them out itself.
+    std::size_t planarStride = 0;
+    std::vector<float> planar;
     std::vector<float> lengths;         // arc length per guide
     std::vector<Vec3f> normals;         // scalp normal at each guide's root (unit), or zero
     std::vector<std::uint8_t> turns;    // whether the guide turns with the surface
@@ -51,9 +56,10 @@ struct ShapeSettings {
 };
 
 // Shapes the listed strands (all when `only` is empty) of `in` into `outPoints` (the points of a
-// set of the same layout; untouched strands keep what they hold). `influence` is empty or one
-// value per strand, written for the shaped strands. Parallel by 256 strands; the same bits at
-// any thread count.
+// set of the same layout). With a list, strands it leaves alone keep what `outPoints` holds; with
+// none, every point is written (a strand nothing shapes gets its incoming points), so
+// `outPoints` may be fresh memory. `influence` is empty or one value per strand, written for the
+// shaped strands. Parallel by 256 strands; the same bits at any thread count.
 void shapeStrands(const InterpolateState& state, const InterpolateGuideRows& rows,
                   const ShapeSettings& settings, const StrandSet& in, std::span<Vec3f> outPoints,
                   std::span<float> influence, std::span<const std::uint64_t> only = {});

@@ -508,6 +508,251 @@ TEST(InterpolateBinding, RebindingAfterMovedGuidesEqualsAFullBinding) {
     }
 }
 
+// One strand's binding as plain values, wherever its chunk put it.
+struct StrandBinding {
+    std::vector<std::uint32_t> guides;
+    std::vector<std::uint16_t> weights;
+    std::uint32_t nearest2 = 0, next2 = 0;
+    bool operator==(const StrandBinding&) const = default;
+};
+
+StrandBinding strandBinding(const Binding& binding, std::size_t s) {
+    const BindingChunk& chunk = *binding.chunks[s / kBindingChunkStrands];
+    const std::size_t k = s - chunk.firstStrand;
+    StrandBinding out;
+    for (std::uint32_t r = chunk.recordStart[k]; r < chunk.recordStart[k + 1]; ++r) {
+        out.guides.push_back(chunk.guides[r]);
+        out.weights.push_back(chunk.weights[r]);
+    }
+    out.nearest2 = floatBits(chunk.nearest2[k]);
+    out.next2 = floatBits(chunk.next2[k]);
+    return out;
+}
+
+TEST(InterpolateBinding, AStrandsBindingDoesNotDependOnTheStrandsBesideIt) {
+    // Strands are bound in groups rooted close together; the groups change with the order of the
+    // strands, and no strand's binding may change with them. Regions split the groups further.
+    Bound b = boundRoots(6.0, 0.4);
+    for (const Vec3f& p : b.strandRoots)
+        b.strandLabels.push_back(p.x < 0.3f ? 0 : 1);
+    for (const Vec3f& p : b.guideRoots)
+        b.guideLabels.push_back(p.x < 0.0f ? 0 : 1);
+    // A strand whose root is not a number binds to nothing, wherever it lies.
+    const float nan = std::nanf("");
+    b.strandRoots[5] = Vec3f{nan, 0.0f, 0.0f};
+    Bound shuffled = b;
+    std::vector<std::size_t> order(b.strandRoots.size());
+    for (std::size_t s = 0; s < order.size(); ++s)
+        order[s] = s;
+    std::sort(order.begin(), order.end(),
+              [](std::size_t x, std::size_t y) { return mix64(x) < mix64(y); });
+    for (std::size_t s = 0; s < order.size(); ++s) {
+        shuffled.strandRoots[s] = b.strandRoots[order[s]];
+        shuffled.strandLabels[s] = b.strandLabels[order[s]];
+    }
+    for (const std::int64_t neighbors : {1, 3, 16}) {
+        const auto settings =
+            makeInterpolateSettings(0.5, neighbors, b.guideRoots.size(), false, 0, false, false);
+        const auto inOrder = bindStrands(settings, inputsOf(b));
+        const auto outOfOrder = bindStrands(settings, inputsOf(shuffled));
+        for (std::size_t s = 0; s < order.size(); ++s)
+            ASSERT_EQ(strandBinding(outOfOrder->binding, s),
+                      strandBinding(inOrder->binding, order[s]))
+                << "strand " << order[s] << " neighbors " << neighbors;
+        EXPECT_TRUE(strandBinding(inOrder->binding, 5).guides.empty());
+    }
+}
+
+// Strands, guides and a binding with normals on the head, shaped directly.
+struct ShapeRun {
+    std::shared_ptr<const StrandSet> strands = scatterOnHead(3.0);
+    std::shared_ptr<const GuideSet> guides = guidesOnHead(0.4, 7);
+    std::vector<Vec3f> roots, normals, guideRoots;
+    std::shared_ptr<const InterpolateState> state;
+    InterpolateGuideRows rows;
+
+    ShapeRun() {
+        for (std::size_t s = 0; s < strands->strandCount(); ++s) {
+            roots.push_back(strands->strandPoints(s)[0]);
+            normals.push_back(head()->normalAt(strands->roots()[s]));
+        }
+        std::vector<const Guide*> pointers;
+        for (const Guide& guide : guides->guides) {
+            guideRoots.push_back(guide.points[0]);
+            pointers.push_back(&guide);
+        }
+        BindingInputs inputs;
+        inputs.strandRoots = roots;
+        inputs.strandNormals = normals;
+        inputs.guideRoots = guideRoots;
+        state = bindStrands(
+            makeInterpolateSettings(0.5, 3, guideRoots.size(), false, 1.0, false, false), inputs);
+        rows = makeGuideRows(pointers, head().get());
+    }
+
+    std::vector<Vec3f> shape(const InterpolateGuideRows& with, const ShapeSettings& settings,
+                             std::vector<Vec3f> out, std::span<const std::uint64_t> only = {}) {
+        shapeStrands(*state, with, settings, *strands, out, {}, only);
+        return out;
+    }
+};
+
+TEST(InterpolateShape, WithoutAListEveryPointIsWrittenWithAListOnlyItsStrands) {
+    ShapeRun run;
+    const std::span<const Vec3f> incoming = run.strands->points();
+    const float nan = std::nanf("");
+    const std::vector<Vec3f> garbage(incoming.size(), Vec3f{nan, nan, nan});
+    const std::vector<Vec3f> copied(incoming.begin(), incoming.end());
+    for (const bool directions : {false, true}) {
+        ShapeSettings settings;
+        settings.blendDirections = directions;
+        // Within a short limit, so that many strands lie beyond every guide and keep their shape.
+        settings.limitDistance = 0.6f;
+        const std::vector<Vec3f> fromGarbage = run.shape(run.rows, settings, garbage);
+        EXPECT_EQ(bitsOf(fromGarbage), bitsOf(run.shape(run.rows, settings, copied)));
+        std::size_t kept = 0;
+        std::vector<std::uint64_t> shaped;
+        for (std::size_t s = 0; s < run.strands->strandCount(); ++s) {
+            const auto range = run.strands->pointRange(s);
+            const bool same =
+                bitsOf(incoming.subspan(range.begin, range.count)) ==
+                bitsOf(std::span<const Vec3f>(fromGarbage).subspan(range.begin, range.count));
+            kept += same ? 1 : 0;
+            if (!same && shaped.size() < 3) shaped.push_back(s);
+        }
+        EXPECT_GT(kept, run.strands->strandCount() / 10);
+        EXPECT_LT(kept, run.strands->strandCount() * 9 / 10);
+
+        // With a list, the strands it leaves out keep what the buffer held.
+        const std::vector<Vec3f> listed = run.shape(run.rows, settings, garbage, shaped);
+        for (std::size_t s = 0; s < run.strands->strandCount(); ++s) {
+            const auto range = run.strands->pointRange(s);
+            const bool isListed = std::find(shaped.begin(), shaped.end(), s) != shaped.end();
+            for (std::size_t i = range.begin; i < range.begin + range.count; ++i) {
+                if (isListed)
+                    ASSERT_EQ(bitsOf(std::span<const Vec3f>(&listed[i], 1)),
+                              bitsOf(std::span<const Vec3f>(&fromGarbage[i], 1)));
+                else
+                    ASSERT_TRUE(std::isnan(listed[i].x)) << "strand " << s;
+            }
+        }
+    }
+}
+
+// The shape stage's steps for one strand, written plainly sample by sample as the operator's
+// description gives them: each record's offsets turned from its guide's root normal to the
+// strand's and weighed, summed onto the root; scaled back to the guides' length or walked along
+// the blended directions; then the strand's points at equal arc steps.
+std::vector<Vec3f> plainShape(const ShapeRun& run, const ShapeSettings& settings, std::size_t s) {
+    const BindingChunk& chunk = *run.state->binding.chunks[s / kBindingChunkStrands];
+    const std::size_t k = s - chunk.firstStrand;
+    const std::span<const Vec3f> incoming = run.strands->strandPoints(s);
+    const std::size_t samples = run.rows.sampleCount, n = incoming.size();
+    const Vec3f root = incoming[0], to = run.normals[s];
+    std::vector<Vec3f> curve(samples, Vec3f{});
+    float guideLength = 0.0f;
+    for (std::uint32_t r = chunk.recordStart[k]; r < chunk.recordStart[k + 1]; ++r) {
+        const std::uint32_t g = chunk.guides[r];
+        const float w = (static_cast<float>(chunk.weights[r]) + 1.0f) / 65536.0f;
+        guideLength += w * run.rows.lengths[g];
+        const Vec3f from = run.rows.normals[g];
+        const float c = dot(from, to);
+        const Vec3f axis = cross(from, to);
+        const float f = 1.0f / (1.0f + c);
+        // The rows of o c + k x o + k (k . o) / (1 + c), with k = from x to.
+        const Vec3f r0{c + axis.x * axis.x * f, -axis.z + axis.x * axis.y * f,
+                       axis.y + axis.x * axis.z * f};
+        const Vec3f r1{axis.z + axis.y * axis.x * f, c + axis.y * axis.y * f,
+                       -axis.x + axis.y * axis.z * f};
+        const Vec3f r2{-axis.y + axis.z * axis.x * f, axis.x + axis.z * axis.y * f,
+                       c + axis.z * axis.z * f};
+        const bool turns = run.rows.turns[g] && c <= 0.999999f;
+        for (std::size_t j = 1; j < samples; ++j) {
+            const Vec3f o = run.rows.offsets[g * samples + j];
+            curve[j] += (turns ? Vec3f{dot(r0, o), dot(r1, o), dot(r2, o)} : o) * w;
+        }
+    }
+    for (Vec3f& p : curve)
+        p += root;
+    const auto arcOf = [&] {
+        std::vector<float> arc(samples, 0.0f);
+        for (std::size_t j = 1; j < samples; ++j)
+            arc[j] = arc[j - 1] + length(curve[j] - curve[j - 1]);
+        return arc;
+    };
+    if (settings.blendDirections) {
+        const float h = guideLength / static_cast<float>(samples - 1);
+        std::vector<Vec3f> walked(samples, root);
+        for (std::size_t j = 1; j < samples; ++j) {
+            const Vec3f d = curve[j] - curve[j - 1];
+            const float l = length(d);
+            walked[j] = walked[j - 1];
+            if (l > 0.0f && h > 0.0f) {
+                const float e = std::min(l / (0.5f * h), 1.0f);
+                walked[j] += d * (h * e * (2.0f - e) / l);
+            }
+        }
+        curve = walked;
+    } else if (settings.preserveLength) {
+        const float total = arcOf().back();
+        if (total > 1e-8f && guideLength > 0.0f) {
+            const float scale = std::min(guideLength / total, 2.0f);
+            for (std::size_t j = 1; j < samples; ++j)
+                curve[j] = root + (curve[j] - root) * scale;
+        }
+    }
+    const std::vector<float> arc = arcOf();
+    std::vector<Vec3f> out(n);
+    for (std::size_t i = 0; i < n; ++i) {
+        const float at = arc.back() * static_cast<float>(i) / static_cast<float>(n - 1);
+        const std::size_t past =
+            static_cast<std::size_t>(std::upper_bound(arc.begin(), arc.end(), at) - arc.begin());
+        const std::size_t hi = std::clamp<std::size_t>(past, 1, samples - 1), lo = hi - 1;
+        const float span = arc[hi] - arc[lo];
+        const float f = span > 0.0f ? (at - arc[lo]) / span : 0.0f;
+        out[i] = curve[lo] + (curve[hi] - curve[lo]) * f;
+    }
+    out[0] = root;
+    return out;
+}
+
+TEST(InterpolateShape, EachStrandIsItsStepsEvaluatedPlainlyToTheBit) {
+    ShapeRun run;
+    std::size_t turned = 0;
+    for (const Vec3f& normal : run.rows.normals)
+        turned += lengthSquared(normal) > 0.0f ? 1 : 0;
+    ASSERT_GT(turned, 0u);
+    const std::vector<Vec3f> start(run.strands->points().begin(), run.strands->points().end());
+    for (const bool directions : {false, true}) {
+        for (const bool preserve : {true, false}) {
+            ShapeSettings settings;
+            settings.blendDirections = directions;
+            settings.preserveLength = preserve;
+            const std::vector<Vec3f> shaped = run.shape(run.rows, settings, start);
+            for (std::size_t s = 0; s < run.strands->strandCount(); ++s) {
+                const auto range = run.strands->pointRange(s);
+                ASSERT_EQ(bitsOf(std::span<const Vec3f>(shaped).subspan(range.begin, range.count)),
+                          bitsOf(plainShape(run, settings, s)))
+                    << "strand " << s << " directions " << directions;
+            }
+        }
+    }
+}
+
+TEST(InterpolateShape, RowsWithoutTheirPlanarLayoutShapeTheSameBits) {
+    ShapeRun run;
+    InterpolateGuideRows byHand = run.rows;
+    byHand.planar.clear();
+    byHand.planarStride = 0;
+    const std::vector<Vec3f> start(run.strands->points().begin(), run.strands->points().end());
+    for (const bool directions : {false, true}) {
+        ShapeSettings settings;
+        settings.blendDirections = directions;
+        EXPECT_EQ(bitsOf(run.shape(byHand, settings, start)),
+                  bitsOf(run.shape(run.rows, settings, start)));
+    }
+}
+
 TEST(Interpolate, MovingOneGuideRedoesOnlyItsStrandsAndEqualsAFullRun) {
     const auto strands = scatterOnHead(10.0);
     const auto guides = guidesOnHead(0.5);

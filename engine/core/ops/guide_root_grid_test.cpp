@@ -1,0 +1,165 @@
+#include "ops/guide_root_grid.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstring>
+#include <numeric>
+
+#include "base/hash.h"
+
+namespace velmorin {
+namespace {
+
+struct Answer {
+    std::vector<std::uint32_t> indices;
+    std::vector<std::uint32_t> distanceBits;
+    bool operator==(const Answer&) const = default;
+};
+
+std::uint32_t bitsOf(float f) {
+    std::uint32_t bits;
+    std::memcpy(&bits, &f, sizeof bits);
+    return bits;
+}
+
+// The k nearest by a scan of every point: squared distances as the grid computes them, ties to
+// the lower index.
+Answer scan(std::span<const Vec3f> points, std::span<const std::uint32_t> indices, const Vec3f& p,
+            int k) {
+    std::vector<std::size_t> order(points.size());
+    std::iota(order.begin(), order.end(), std::size_t{0});
+    std::vector<float> d2(points.size());
+    for (std::size_t i = 0; i < points.size(); ++i) {
+        const Vec3f d = points[i] - p;
+        d2[i] = dot(d, d);
+    }
+    std::sort(order.begin(), order.end(), [&](std::size_t a, std::size_t b) {
+        return d2[a] < d2[b] || (d2[a] == d2[b] && indices[a] < indices[b]);
+    });
+    Answer answer;
+    for (std::size_t i = 0; i < order.size() && static_cast<int>(i) < k; ++i) {
+        answer.indices.push_back(indices[order[i]]);
+        answer.distanceBits.push_back(bitsOf(d2[order[i]]));
+    }
+    return answer;
+}
+
+template <class Query>
+Answer ask(int k, const Query& query) {
+    std::uint32_t indices[GuideRootGrid::kMaxNearest];
+    float d2[GuideRootGrid::kMaxNearest];
+    const int count = query(k, indices, d2);
+    Answer answer;
+    for (int i = 0; i < count; ++i) {
+        answer.indices.push_back(indices[i]);
+        answer.distanceBits.push_back(bitsOf(d2[i]));
+    }
+    return answer;
+}
+
+// Seeded point sets of the kinds that break nearest searches: roots on a curved sheet, twins on
+// one spot, a lattice whose points lie at exactly equal distances, far from the origin, and fewer
+// points than a query asks for.
+struct PointSet {
+    const char* name;
+    std::vector<Vec3f> points;
+    float spacing;
+};
+
+std::vector<PointSet> pointSets() {
+    std::vector<PointSet> sets;
+    PointSet sheet{"sheet", {}, 0.1f};
+    for (std::uint64_t i = 0; i < 3000; ++i) {
+        const float u = unitFloat(mix64(i)) * 6.0f, v = unitFloat(mix64(i + 77777)) * 4.0f;
+        sheet.points.push_back({u, std::sin(u) * 0.7f, v});
+    }
+    sets.push_back(sheet);
+    PointSet twins{"twins", {}, 0.2f};
+    for (std::uint64_t i = 0; i < 400; ++i) {
+        const Vec3f p{unitFloat(mix64(i * 3)) * 4.0f, unitFloat(mix64(i * 3 + 1)) * 4.0f, 0.5f};
+        twins.points.push_back(p);
+        if (i % 3 == 0) twins.points.push_back(p);
+    }
+    sets.push_back(twins);
+    PointSet lattice{"lattice far away", {}, 0.01f};
+    for (int x = 0; x < 40; ++x)
+        for (int z = 0; z < 40; ++z)
+            lattice.points.push_back(
+                {1000.0f + static_cast<float>(x) * 0.01f, -500.0f, static_cast<float>(z) * 0.01f});
+    sets.push_back(lattice);
+    PointSet few{"fewer than asked", {{0, 0, 0}, {1, 0, 0}, {0, 1, 0}, {0, 0, 1}, {1, 1, 1}}, 0.5f};
+    sets.push_back(few);
+    return sets;
+}
+
+TEST(GuideShortlist, AnswersAsTheGridAndAScanOfEveryPoint) {
+    for (const PointSet& set : pointSets()) {
+        // Indices need only ascend: every third number, so that they differ from positions.
+        std::vector<std::uint32_t> indices(set.points.size());
+        for (std::size_t i = 0; i < indices.size(); ++i)
+            indices[i] = static_cast<std::uint32_t>(i * 3 + 1);
+        for (const int typicalK : {1, 15}) {
+            const GuideRootGrid grid(set.points, indices, typicalK);
+            GuideShortlist shortlist;
+            for (std::uint64_t group = 0; group < 40; ++group) {
+                // A group of queries round a centre near a point, some right on points.
+                const Vec3f center = set.points[mix64(group) % set.points.size()] +
+                                     Vec3f{0.3f, -0.2f, 0.1f} * set.spacing;
+                const float spread = set.spacing * (0.5f + unitFloat(mix64(group + 5)) * 2.0f);
+                const int k = group % 4 == 0 ? 1 : group % 4 == 1 ? 9 : group % 4 == 2 ? 15 : 67;
+                shortlist.gather(grid, center, spread, k);
+                EXPECT_LE(shortlist.size(), set.points.size());
+                for (std::uint64_t q = 0; q < 12; ++q) {
+                    Vec3f p = q == 0 ? set.points[(mix64(group) + 1) % set.points.size()]
+                                     : center + Vec3f{unitFloat(mix64(q * 7 + group)) - 0.5f,
+                                                      unitFloat(mix64(q * 7 + group + 1)) - 0.5f,
+                                                      unitFloat(mix64(q * 7 + group + 2)) - 0.5f} *
+                                                    (spread * 1.1f);
+                    // Keep it within the spread it was gathered for.
+                    const float off = length(p - center);
+                    if (off > spread) p = center + (p - center) * (spread / off * 0.999f);
+                    for (const int asked : {k, std::max(1, k - 3)}) {
+                        const Answer expected = scan(set.points, indices, p, asked);
+                        const Answer fromGrid = ask(asked, [&](int n, auto* i, auto* d) {
+                            return grid.nearest(p, n, i, d);
+                        });
+                        const Answer fromList = ask(asked, [&](int n, auto* i, auto* d) {
+                            return shortlist.nearest(p, n, i, d);
+                        });
+                        ASSERT_EQ(fromGrid, expected) << set.name << " group " << group;
+                        ASSERT_EQ(fromList, expected) << set.name << " group " << group;
+                    }
+                }
+            }
+        }
+    }
+}
+
+TEST(GuideRootGrid, WithinFindsEveryPointOfTheBallAndNoOther) {
+    for (const PointSet& set : pointSets()) {
+        std::vector<std::uint32_t> indices(set.points.size());
+        std::iota(indices.begin(), indices.end(), 0u);
+        const GuideRootGrid grid(set.points, indices, 15);
+        for (std::uint64_t q = 0; q < 30; ++q) {
+            const Vec3f p =
+                set.points[mix64(q) % set.points.size()] + Vec3f{0.5f, 0.25f, -0.5f} * set.spacing;
+            const float radius = set.spacing * static_cast<float>(q % 6);
+            const float radius2 = q % 7 == 6 ? 3.4e38f : radius * radius;
+            std::vector<std::uint32_t> found;
+            std::vector<Vec3f> foundPoints;
+            grid.within(p, radius2, found, foundPoints);
+            std::vector<std::uint32_t> expected;
+            for (std::size_t i = 0; i < set.points.size(); ++i)
+                if (lengthSquared(set.points[i] - p) <= radius2) expected.push_back(indices[i]);
+            ASSERT_EQ(found.size(), foundPoints.size());
+            for (std::size_t i = 0; i < found.size(); ++i)
+                ASSERT_EQ(foundPoints[i], set.points[found[i]]);
+            std::sort(found.begin(), found.end());
+            ASSERT_EQ(found, expected) << set.name << " query " << q;
+        }
+    }
+}
+
+}  // namespace
+}  // namespace velmorin
