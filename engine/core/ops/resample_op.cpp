@@ -216,13 +216,10 @@ StrandSet resampleStrands(const StrandSet& input, const ResampleSettings& settin
     for (std::size_t s = 0; s < counts.size(); ++s)
         offsets[s + 1] = offsets[s] + counts[s];
     const std::size_t total = offsets.back();
-    // resampleInto writes every value: the input's points and widths need not be copied first.
-    std::vector<Vec3f>& points = out.overwritePoints();
-    points.clear();
-    points.resize(total);
-    std::vector<float>& widths = out.overwriteWidths();
-    widths.clear();
-    widths.resize(total);
+    // resampleInto writes every value: the points and widths are fresh arrays of the new length
+    // (pooled ones where the pool kept them), neither copied from the input nor zeroed.
+    out.overwritePoints(total);
+    out.overwriteWidths(total);
     for (const std::string& name : input.pointChannelNames())
         out.addPointChannel(name, input.pointChannelDefault(name)).resize(total);
     resampleInto(input, settings, StrandSelection::every(), out);
@@ -327,6 +324,9 @@ class ResampleOp final : public ShapeOperator {
         const std::vector<std::string> pointNames = input.pointChannelNames();
         reads.insert(reads.end(), pointNames.begin(), pointNames.end());
         const bool pointsKept = changed->onlyOtherChannels(reads);
+        // With every strand to redo, a full run writes fresh arrays instead of copying the
+        // previous result's (which the Output still holds) only to overwrite them.
+        if (!pointsKept && changed->strands.size() == input.strandCount()) return false;
         if (!pointsKept) {
             // Each changed strand must keep its point count in the previous result.
             const Planner planner(input, settings);

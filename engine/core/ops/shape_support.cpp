@@ -261,7 +261,10 @@ bool runInPlace(const std::vector<Value>& inputs, const IncrementalInputs* incre
     std::vector<std::uint64_t> redo =
         widen ? widen(changed->strands)
               : std::vector<std::uint64_t>(changed->strands.begin(), changed->strands.end());
-    apply(*input, StrandSelection::only(redo), *made);
+    apply(*input,
+          redo.size() == input->strandCount() ? StrandSelection::every()
+                                              : StrandSelection::only(redo),
+          *made);
     changes->all = false;
     changes->strands = std::move(redo);
     changes->sameLayout = true;
