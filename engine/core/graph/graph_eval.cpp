@@ -48,6 +48,9 @@ const ChangesPointer& noChanges() {
         auto changes = std::make_shared<StrandChanges>();
         changes->all = false;
         changes->sameLayout = true;
+        changes->pointsChanged = false;
+        changes->widthsChanged = false;
+        changes->allChannels = false;
         return changes;
     }();
     return none;

@@ -89,5 +89,58 @@ TEST(DefaultGraph, AfterANoiseChangeTheLookNodesUpdateIncrementally) {
         EXPECT_EQ(graph.runs[graph.nodeId(node)], "incremental " + std::to_string(strands)) << node;
 }
 
+// A colour param moves no point: Width and Resample keep their previous columns and take the new
+// colour channels from HairColor as they are, shared, and the result is a full run's bit for bit.
+TEST(DefaultGraph, AColourChangeKeepsEveryPointAndSharesTheNewChannels) {
+    const test::GroomScene scene = test::groomScene(makeHeadScalp(1), 1.0);
+    const auto makeGraph = [](double melanin) {
+        auto graph = std::make_unique<Graph>();
+        graph->fromJson(defaultGraphJson());
+        graph->operatorOf(graph->nodeId("scatter")).paramSet.set("density", 20.0);
+        graph->operatorOf(graph->nodeId("color")).paramSet.set("melanin", melanin);
+        return graph;
+    };
+    EvalContext ctx;
+    ctx.sceneInputs = &scene.inputs;
+    for (const int threads : {1, 2}) {
+        runWithThreads(threads, [&] {
+            const auto graph = makeGraph(0.5);
+            const auto resultOf = [&](const char* node) {
+                return test::strandsOf(graph->cachedResults(graph->nodeId(node)));
+            };
+            graph->evaluateOutput(ctx);
+            const void* widthWidths = resultOf("width")->columnData(ColumnId::kWidths);
+            const void* points = resultOf("resample")->columnData(ColumnId::kPoints);
+            const void* widths = resultOf("resample")->columnData(ColumnId::kWidths);
+            const std::vector<float>* melaninBefore =
+                resultOf("resample")->strandChannel(channels::kMelanin);
+
+            graph->operatorOf(graph->nodeId("color")).paramSet.set("melanin", 0.6);
+            const auto out = test::strandsOf(graph->evaluateOutput(ctx));
+            const std::string strands = std::to_string(out->strandCount());
+            EXPECT_EQ(graph->runs[graph->nodeId("color")], "full " + strands);
+            for (const char* node : {"width", "resample", "output"})
+                EXPECT_EQ(graph->runs[graph->nodeId(node)], "incremental " + strands) << node;
+
+            EXPECT_EQ(resultOf("width")->columnData(ColumnId::kWidths), widthWidths);
+            EXPECT_EQ(out->columnData(ColumnId::kPoints), points);
+            EXPECT_EQ(out->columnData(ColumnId::kWidths), widths);
+            const std::vector<float>* melanin = out->strandChannel(channels::kMelanin);
+            EXPECT_NE(melanin, melaninBefore);
+            EXPECT_EQ(melanin, resultOf("color")->strandChannel(channels::kMelanin));
+            EXPECT_EQ(melanin, resultOf("width")->strandChannel(channels::kMelanin));
+
+            const auto& noted = graph->node(graph->nodeId("resample")).runtime.changes.front();
+            ASSERT_TRUE(noted);
+            EXPECT_FALSE(noted->pointsChanged || noted->widthsChanged || noted->allChannels);
+            EXPECT_TRUE(noted->channelMayDiffer(channels::kMelanin));
+
+            const auto fresh = makeGraph(0.6);
+            EXPECT_EQ(out->contentHash(),
+                      test::strandsOf(fresh->evaluateOutput(ctx))->contentHash());
+        });
+    }
+}
+
 }  // namespace
 }  // namespace velmorin

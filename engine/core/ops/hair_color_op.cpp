@@ -647,9 +647,12 @@ class HairColorOp final : public ShapeOperator {
             const HairColorChannels channels = makeHairColorChannels(*made, settings, true);
             colorHair(*input, settings, StrandSelection::only(changed->strands), channels);
         }
-        changes->all = false;
-        changes->strands = changed->strands;
-        changes->sameLayout = true;
+        // The strands differ as the input's do, and where redone, in the channels written here.
+        *changes = *changed;
+        if (!kept) {
+            for (const std::string_view name : kWrittenChannels)
+                changes->addChannel(name);
+        }
         *out = std::shared_ptr<const StrandSet>(std::move(made));
         return true;
     }

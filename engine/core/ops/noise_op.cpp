@@ -2,6 +2,8 @@
 #include <atomic>
 #include <cmath>
 #include <cstdio>
+#include <memory>
+#include <mutex>
 
 #include "expr/noise.h"
 #include "graph/delivered_params.h"
@@ -44,7 +46,7 @@ float sampleSpacing(const NoiseSettings& settings, float strandLength, std::size
 }  // namespace
 
 void noiseStrands(const StrandSet& input, const NoiseSettings& settings,
-                  const StrandSelection& selection, std::span<Vec3f> out) {
+                  const StrandSelection& selection, std::span<Vec3f> out, NoiseUnits* record) {
     const bool amplitudeMapped = settings.amplitude.isMapped();
     const bool fractionMapped = settings.fraction.isMapped();
     const float plainAmplitude = settings.amplitude.value();
@@ -68,7 +70,21 @@ void noiseStrands(const StrandSet& input, const NoiseSettings& settings,
             const std::size_t n = points.size();
             const NoiseDraws draws = noiseDraws(ids[s], settings.seed);
             const float fraction = fractionMapped ? settings.fraction.atStrand(s) : plainFraction;
-            const auto keep = [&] { std::copy(points.begin(), points.end(), out.begin() + begin); };
+            const auto keep = [&] {
+                std::copy(points.begin(), points.end(), out.begin() + begin);
+                if (record) record->noised[s] = 0;
+            };
+            // Each displaced point: the unit displacement times amplitude * profile, noted when a
+            // record is kept (the same operations in the same order as applyNoiseUnits).
+            const auto displace = [&](std::size_t k, const Vec3f& unit, float shape) {
+                const float a =
+                    (amplitudeMapped ? settings.amplitude.atPoint(s, k) : plainAmplitude) * shape;
+                out[begin + k] = points[k] + unit * a;
+                if (record) {
+                    record->unit[begin + k] = unit;
+                    record->profile[begin + k] = shape;
+                }
+            };
             if (n < 2 || !(draws.pick < fraction)) {
                 keep();
                 continue;
@@ -81,30 +97,22 @@ void noiseStrands(const StrandSet& input, const NoiseSettings& settings,
             }
             // The root stays; the loops below write every other point once.
             out[begin] = points[0];
+            if (record) record->noised[s] = 1;
 
             if (settings.mode == NoiseMode::Smooth) {
                 Fractal fractal = smooth;
                 fractal.spacing = sampleSpacing(settings, total, n - 1);
                 if (world) {
-                    for (std::size_t k = 1; k < n; ++k) {
-                        const float t = arcs[k] / total;
-                        const float a =
-                            (amplitudeMapped ? settings.amplitude.atPoint(s, k) : plainAmplitude) *
-                            settings.profile.at(t);
-                        out[begin + k] =
-                            points[k] +
-                            fractalNoiseVector(points[k] * frequency, fractal, noiseSeed) * a;
-                    }
+                    for (std::size_t k = 1; k < n; ++k)
+                        displace(k, fractalNoiseVector(points[k] * frequency, fractal, noiseSeed),
+                                 settings.profile.at(arcs[k] / total));
                     continue;
                 }
                 // In the strand's own space its points lie on one line along z of the lattice.
                 line.startLine(draws.base.x, draws.base.y, fractal.spacing);
                 for (std::size_t k = 1; k < n; ++k) {
                     const float t = arcs[k] / total;
-                    const float a =
-                        (amplitudeMapped ? settings.amplitude.atPoint(s, k) : plainAmplitude) *
-                        settings.profile.at(t);
-                    out[begin + k] = points[k] + line.at(draws.base.z + t * frequency) * a;
+                    displace(k, line.at(draws.base.z + t * frequency), settings.profile.at(t));
                 }
                 continue;
             }
@@ -128,10 +136,42 @@ void noiseStrands(const StrandSet& input, const NoiseSettings& settings,
                     to = knotAt(at + 1);
                     knot = at;
                 }
-                const float a =
-                    (amplitudeMapped ? settings.amplitude.atPoint(s, k) : plainAmplitude) *
-                    settings.profile.at(t);
-                out[begin + k] = points[k] + lerp(from, to, u - below) * a;
+                displace(k, lerp(from, to, u - below), settings.profile.at(t));
+            }
+        }
+    });
+}
+
+void applyNoiseUnits(const StrandSet& input, const NoiseSettings& settings, const NoiseUnits& units,
+                     std::span<Vec3f> out) {
+    const bool amplitudeMapped = settings.amplitude.isMapped();
+    const float plainAmplitude = settings.amplitude.value();
+    const std::span<const Vec3f> points = input.points();
+    const std::span<const std::uint64_t> offsets = input.offsets();
+    const Vec3f* unit = units.unit.data();
+    const float* profile = units.profile.data();
+    parallelRange(0, input.strandCount(), 256, [&](std::size_t first, std::size_t last) {
+        for (std::size_t s = first; s < last; ++s) {
+            const std::size_t begin = offsets[s];
+            const std::size_t end = offsets[s + 1];
+            if (begin == end) continue;
+            out[begin] = points[begin];
+            if (!units.noised[s]) {
+                std::copy(points.begin() + static_cast<std::ptrdiff_t>(begin + 1),
+                          points.begin() + static_cast<std::ptrdiff_t>(end),
+                          out.begin() + static_cast<std::ptrdiff_t>(begin + 1));
+                continue;
+            }
+            if (amplitudeMapped) {
+                for (std::size_t p = begin + 1; p < end; ++p) {
+                    const float a = settings.amplitude.atPoint(s, p - begin) * profile[p];
+                    out[p] = points[p] + unit[p] * a;
+                }
+            } else {
+                for (std::size_t p = begin + 1; p < end; ++p) {
+                    const float a = plainAmplitude * profile[p];
+                    out[p] = points[p] + unit[p] * a;
+                }
             }
         }
     });
@@ -166,6 +206,36 @@ std::optional<CoarseStrand> coarseForNoise(const StrandSet& input, const NoiseSe
 }
 
 namespace {
+
+// Everything of a run but its amplitude: the input set itself (held weakly, so that the memory
+// never keeps a set alive or mistakes a new set at an old address for it) and the settings that
+// shape the noise.
+struct NoiseShapeKey {
+    std::weak_ptr<const StrandSet> input;
+    float frequency = 0.0f;
+    int octaves = 0;
+    Ramp profile;
+    NoiseSpace space = NoiseSpace::Strand;
+    NoiseMode mode = NoiseMode::Smooth;
+    std::uint64_t seed = 0;
+    float fraction = 0.0f;
+
+    bool matches(const NoiseShapeKey& other) const {
+        const auto held = input.lock();
+        return held && held == other.input.lock() && frequency == other.frequency &&
+               octaves == other.octaves && profile == other.profile && space == other.space &&
+               mode == other.mode && seed == other.seed && fraction == other.fraction;
+    }
+};
+
+// What the last full run was made from and, from the second run of the same shape on (an
+// amplitude drag), its unit displacements, so that the next amplitude costs one multiply-add
+// per point instead of the lattice.
+struct NoiseMemory {
+    NoiseShapeKey key;
+    bool filled = false;
+    NoiseUnits units;
+};
 
 // Random displacement; on a fraction of the strands at a high frequency, frizz.
 class NoiseOp final : public ShapeOperator {
@@ -234,14 +304,55 @@ class NoiseOp final : public ShapeOperator {
             }
         }
         constexpr ColumnId kColumns[] = {ColumnId::kPoints};
+        // Unmapped, it reads nothing but the points.
+        const std::vector<std::string_view> reads;
+        const bool mapped = settings.amplitude.isMapped() || settings.fraction.isMapped();
         return runInPlace(
             inputs, incremental, mapsReadOnlyTheirStrand(paramSet, ctx, {"amplitude", "fraction"}),
             kColumns,
             [&](const StrandSet& from, const StrandSelection& selection, StrandSet& made) {
-                noiseStrands(from, settings, selection, made.writePoints());
+                if (incremental || settings.fraction.isMapped()) {
+                    noiseStrands(from, settings, selection, made.writePoints());
+                } else {
+                    runRemembering(input, settings, made.writePoints());
+                }
             },
-            out, changes);
+            out, changes, {}, mapped ? nullptr : &reads);
     }
+
+    // A full run that reuses the last run's unit displacements when only the amplitude changed.
+    void runRemembering(const std::shared_ptr<const StrandSet>& input,
+                        const NoiseSettings& settings, std::span<Vec3f> out) const {
+        NoiseShapeKey key;
+        key.input = input;
+        key.frequency = settings.frequency;
+        key.octaves = settings.octaves;
+        key.profile = settings.profile;
+        key.space = settings.space;
+        key.mode = settings.mode;
+        key.seed = settings.seed;
+        key.fraction = settings.fraction.value();
+        std::lock_guard guard(memoryLock_);
+        if (memory_ && memory_->key.matches(key)) {
+            if (memory_->filled) {
+                applyNoiseUnits(*input, settings, memory_->units, out);
+                return;
+            }
+            NoiseUnits& units = memory_->units;
+            units.unit.resize(input->pointCount());
+            units.profile.resize(input->pointCount());
+            units.noised.resize(input->strandCount());
+            noiseStrands(*input, settings, StrandSelection::every(), out, &units);
+            memory_->filled = true;
+            return;
+        }
+        memory_ = std::make_unique<NoiseMemory>();
+        memory_->key = std::move(key);
+        noiseStrands(*input, settings, StrandSelection::every(), out);
+    }
+
+    mutable std::mutex memoryLock_;
+    mutable std::unique_ptr<NoiseMemory> memory_;
 };
 
 }  // namespace

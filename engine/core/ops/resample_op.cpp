@@ -1,4 +1,5 @@
 #include <algorithm>
+#include <atomic>
 #include <cmath>
 #include <numbers>
 
@@ -215,13 +216,10 @@ StrandSet resampleStrands(const StrandSet& input, const ResampleSettings& settin
     for (std::size_t s = 0; s < counts.size(); ++s)
         offsets[s + 1] = offsets[s] + counts[s];
     const std::size_t total = offsets.back();
-    // resampleInto writes every value: the input's points and widths need not be copied first.
-    std::vector<Vec3f>& points = out.overwritePoints();
-    points.clear();
-    points.resize(total);
-    std::vector<float>& widths = out.overwriteWidths();
-    widths.clear();
-    widths.resize(total);
+    // resampleInto writes every value: the points and widths are fresh arrays of the new length
+    // (pooled ones where the pool kept them), neither copied from the input nor zeroed.
+    out.overwritePoints(total);
+    out.overwriteWidths(total);
     for (const std::string& name : input.pointChannelNames())
         out.addPointChannel(name, input.pointChannelDefault(name)).resize(total);
     resampleInto(input, settings, StrandSelection::every(), out);
@@ -308,32 +306,58 @@ class ResampleOp final : public ShapeOperator {
     // the length mode reads the longest strand, which any change may move.
     static bool update(const StrandSet& input, const ResampleSettings& settings,
                        const IncrementalInputs& incremental, Value* out, StrandChanges* changes) {
-        const auto previous = incremental.previous.get<StrandSet>();
+        auto previous = incremental.previous.get<StrandSet>();
         if (settings.mode == ResampleMode::Length || !previous || incremental.changes.empty())
             return false;
         const auto& changed = incremental.changes[0];
         if (!changed || changed->all || !changed->sameLayout ||
             previous->strandCount() != input.strandCount())
             return false;
-        const Planner planner(input, settings);
-        std::vector<float> arcs, placed;
-        for (const std::uint64_t s : changed->strands) {
-            const StrandPlan plan = planner.plan(s, arcs, placed);
-            const std::size_t count =
-                plan.kept ? input.pointRange(s).count : std::size_t{plan.segments} + 1;
-            if (count != previous->pointRange(s).count) return false;
-        }
+        if (input.strandChannelNames() != previous->strandChannelNames()) return false;
         for (const std::string& name : input.pointChannelNames())
             if (!previous->pointChannel(name)) return false;
 
+        // Where only strand channels changed (a colour), every point, width and point channel of
+        // the previous result stands: they are read from the input's points, widths, point
+        // channels and braid marks alone.
+        std::vector<std::string_view> reads = {"braidId"};
+        const std::vector<std::string> pointNames = input.pointChannelNames();
+        reads.insert(reads.end(), pointNames.begin(), pointNames.end());
+        const bool pointsKept = changed->onlyOtherChannels(reads);
+        // With every strand to redo, a full run writes fresh arrays instead of copying the
+        // previous result's (which the Output still holds) only to overwrite them.
+        if (!pointsKept && changed->strands.size() == input.strandCount()) return false;
+        if (!pointsKept) {
+            // Each changed strand must keep its point count in the previous result.
+            const Planner planner(input, settings);
+            std::atomic<bool> fits{true};
+            parallelRange(
+                0, changed->strands.size(), 256, [&](std::size_t first, std::size_t last) {
+                    std::vector<float> arcs, placed;
+                    for (std::size_t i = first; i < last && fits.load(std::memory_order_relaxed);
+                         ++i) {
+                        const std::uint64_t s = changed->strands[i];
+                        const StrandPlan plan = planner.plan(s, arcs, placed);
+                        const std::size_t count =
+                            plan.kept ? input.pointRange(s).count : std::size_t{plan.segments} + 1;
+                        if (count != previous->pointRange(s).count)
+                            fits.store(false, std::memory_order_relaxed);
+                    }
+                });
+            if (!fits.load()) return false;
+        }
+
         auto made = std::make_shared<StrandSet>(*previous);
-        // Strand channels are the input's as they stand; the changed strands' may be new.
-        StrandSet source(input);
+        // Let go of the previous result, so that where nothing else holds its columns they are
+        // written in place.
+        previous.reset();
+        incremental.takePrevious();
+        // Strand channels are the input's as they stand, shared; the changed strands' may be new.
         for (const std::string& name : input.strandChannelNames())
-            made->moveStrandChannelFrom(name, source);
-        resampleInto(input, settings, StrandSelection::only(changed->strands), *made);
-        changes->all = false;
-        changes->strands = changed->strands;
+            made->shareStrandChannelFrom(name, input);
+        if (!pointsKept)
+            resampleInto(input, settings, StrandSelection::only(changed->strands), *made);
+        *changes = *changed;
         *out = std::shared_ptr<const StrandSet>(std::move(made));
         return true;
     }

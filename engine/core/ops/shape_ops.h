@@ -90,8 +90,22 @@ struct NoiseSettings {
     NoiseMode mode = NoiseMode::Smooth;
     std::uint64_t seed = 0;
 };
+// What one run of Noise displaced each point by before its amplitude: per point the unit
+// displacement and the profile's share, per strand whether it got noise at all. Filled by
+// noiseStrands when given (for every strand of the selection), and replayed by
+// applyNoiseUnits with another amplitude to the same bits as a fresh run.
+struct NoiseUnits {
+    std::vector<Vec3f> unit;           // per point; the root's is unused
+    std::vector<float> profile;        // per point: the profile at the point's share of length
+    std::vector<std::uint8_t> noised;  // per strand: 1 where the strand got noise
+};
 void noiseStrands(const StrandSet& input, const NoiseSettings& settings,
-                  const StrandSelection& selection, std::span<Vec3f> out);
+                  const StrandSelection& selection, std::span<Vec3f> out,
+                  NoiseUnits* record = nullptr);
+// The noise of `units` (made from this very input) at the amplitude of `settings`, for every
+// strand.
+void applyNoiseUnits(const StrandSet& input, const NoiseSettings& settings, const NoiseUnits& units,
+                     std::span<Vec3f> out);
 // The first strand (by index) that gets noise whose points are too far apart for the frequency,
 // with its segment count; nothing when the frequency suits every strand.
 struct CoarseStrand {

@@ -203,7 +203,8 @@ void freshColumn(StrandSet& set, ColumnId column) {
 
 bool runInPlace(const std::vector<Value>& inputs, const IncrementalInputs* incremental,
                 bool canUpdate, std::span<const ColumnId> columns, const InPlaceApply& apply,
-                Value* out, StrandChanges* changes, const WidenChanges& widen) {
+                Value* out, StrandChanges* changes, const WidenChanges& widen,
+                const std::vector<std::string_view>* readChannels) {
     const auto input = inputs.empty() ? nullptr : inputs[0].get<StrandSet>();
     if (!incremental) {
         if (!input) {
@@ -250,10 +251,20 @@ bool runInPlace(const std::vector<Value>& inputs, const IncrementalInputs* incre
     incremental->takePrevious();
     for (const ColumnId column : columns)
         made->moveColumnFrom(column, before);
+    if (readChannels && changed->onlyOtherChannels(*readChannels)) {
+        // Nothing this run reads has changed: its columns are the previous ones, and the strands
+        // differ from the previous result exactly as the input differs from its own.
+        *changes = *changed;
+        *out = std::shared_ptr<const StrandSet>(std::move(made));
+        return true;
+    }
     std::vector<std::uint64_t> redo =
         widen ? widen(changed->strands)
               : std::vector<std::uint64_t>(changed->strands.begin(), changed->strands.end());
-    apply(*input, StrandSelection::only(redo), *made);
+    apply(*input,
+          redo.size() == input->strandCount() ? StrandSelection::every()
+                                              : StrandSelection::only(redo),
+          *made);
     changes->all = false;
     changes->strands = std::move(redo);
     changes->sameLayout = true;

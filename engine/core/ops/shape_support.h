@@ -178,10 +178,15 @@ void copyStrandPoints(const StrandSet& input, std::size_t strand, std::span<Vec3
 // is given, through the write accessors of `out` (which copy nothing then).
 using InPlaceApply =
     std::function<void(const StrandSet& input, const StrandSelection& selection, StrandSet& out)>;
+// `readChannels`, where given, names every channel `apply` reads besides the input's points and
+// widths (its mapped params' included): when the changes upstream touch only other channels, the
+// previous result's `columns` stand as they are and the run redoes nothing, handing on the input's
+// changes.
 using WidenChanges = std::function<std::vector<std::uint64_t>(std::span<const std::uint64_t>)>;
 bool runInPlace(const std::vector<Value>& inputs, const IncrementalInputs* incremental,
                 bool canUpdate, std::span<const ColumnId> columns, const InPlaceApply& apply,
-                Value* out, StrandChanges* changes, const WidenChanges& widen = {});
+                Value* out, StrandChanges* changes, const WidenChanges& widen = {},
+                const std::vector<std::string_view>* readChannels = nullptr);
 
 // runInPlace for the usual shape node, which rewrites only the points, through
 // `shape(input, settings, selection, points)`.

@@ -75,6 +75,9 @@ class WidthOp final : public ShapeOperator {
         settings.randomness = static_cast<float>(paramSet.getFloat("randomness", 0.0));
         settings.seed = static_cast<std::uint64_t>(paramSet.getInt("seed", 0));
         constexpr ColumnId kColumns[] = {ColumnId::kWidths};
+        // Besides points and widths it reads the feather shafts' mark, and what a mapped width
+        // reads, which may be any channel.
+        const std::vector<std::string_view> reads = {"rachis"};
         return runInPlace(
             inputs, incremental, mapsReadOnlyTheirStrand(paramSet, ctx, {"width"}), kColumns,
             [&](const StrandSet& from, const StrandSelection& selection, StrandSet& made) {
@@ -83,7 +86,7 @@ class WidthOp final : public ShapeOperator {
                 widths.resize(from.pointCount(), 1.0f);
                 widenStrands(from, settings, selection, widths);
             },
-            out, changes);
+            out, changes, {}, settings.width.isMapped() ? nullptr : &reads);
     }
 };
 

@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cstring>
+#include <memory>
 #include <span>
 
 namespace velmorin {
@@ -39,9 +40,24 @@ bool sameColumn(std::span<const T> a, std::span<const T> b) {
 struct Pair {
     const float* a;
     const float* b;
+    const std::string* name;
 };
 
 }  // namespace
+
+bool StrandChanges::channelMayDiffer(std::string_view name) const {
+    return allChannels || std::find(channels.begin(), channels.end(), name) != channels.end();
+}
+
+bool StrandChanges::onlyOtherChannels(std::span<const std::string_view> reads) const {
+    if (pointsChanged || widthsChanged || allChannels) return false;
+    return std::none_of(reads.begin(), reads.end(),
+                        [&](std::string_view name) { return channelMayDiffer(name); });
+}
+
+void StrandChanges::addChannel(std::string_view name) {
+    if (!channelMayDiffer(name)) channels.emplace_back(name);
+}
 
 std::shared_ptr<const StrandChanges> strandDifference(
     const std::shared_ptr<const StrandSet>& previous,
@@ -50,6 +66,9 @@ std::shared_ptr<const StrandChanges> strandDifference(
     auto changes = std::make_shared<StrandChanges>();
     changes->all = false;
     changes->sameLayout = true;
+    changes->pointsChanged = false;
+    changes->widthsChanged = false;
+    changes->allChannels = false;
     if (previous == next) return changes;
 
     const StrandSet& a = *previous;
@@ -85,13 +104,13 @@ std::shared_ptr<const StrandChanges> strandDifference(
         const std::vector<float>* x = a.strandChannel(name);
         const std::vector<float>* y = b.strandChannel(name);
         if (x->size() != strands || y->size() != strands) return nullptr;
-        if (x != y) strandPairs.push_back({x->data(), y->data()});
+        if (x != y) strandPairs.push_back({x->data(), y->data(), &name});
     }
     for (const std::string& name : pointNames) {
         const std::vector<float>* x = a.pointChannel(name);
         const std::vector<float>* y = b.pointChannel(name);
         if (x->size() != points || y->size() != points) return nullptr;
-        if (x != y) pointPairs.push_back({x->data(), y->data()});
+        if (x != y) pointPairs.push_back({x->data(), y->data(), &name});
     }
     const bool comparePoints = a.columnData(ColumnId::kPoints) != b.columnData(ColumnId::kPoints);
     const bool compareWidths = a.columnData(ColumnId::kWidths) != b.columnData(ColumnId::kWidths);
@@ -101,26 +120,54 @@ std::shared_ptr<const StrandChanges> strandDifference(
     const Vec3f* pointsB = b.points().data();
     const float* widthsA = a.widths().data();
     const float* widthsB = b.widths().data();
-    // One flag per strand; each chunk writes only its own strands' flags.
+    // One flag per strand; each chunk writes only its own strands' flags. Beside them, one flag per
+    // compared column (points, widths, then the channel pairs) says whether any strand differs in
+    // it: a plain "any", the same however the work is split.
     std::vector<unsigned char> changed(strands);
+    const std::size_t columnCount = 2 + strandPairs.size() + pointPairs.size();
+    const std::unique_ptr<std::atomic<bool>[]> columnDiffers(new std::atomic<bool>[columnCount]);
+    for (std::size_t c = 0; c < columnCount; ++c)
+        columnDiffers[c].store(false);
     parallelRange(0, strands, kCompareGrain, [&](std::size_t begin, std::size_t end) {
-        auto compareRanges = [&](const auto* x, const auto* y) {
+        // A strand already listed is compared again only while its column has shown no
+        // difference in this chunk, so that every column that differs anywhere is found.
+        auto compareRanges = [&](std::size_t column, const auto* x, const auto* y) {
+            bool differs = false;
             for (std::size_t s = begin; s < end; ++s) {
+                if (differs && changed[s]) continue;
                 const std::size_t first = offsets[s];
-                if (!changed[s] && !sameBits(x + first, y + first, offsets[s + 1] - first))
+                if (!sameBits(x + first, y + first, offsets[s + 1] - first)) {
                     changed[s] = 1;
+                    differs = true;
+                }
             }
+            if (differs) columnDiffers[column].store(true, std::memory_order_relaxed);
         };
-        if (comparePoints) compareRanges(pointsA, pointsB);
-        if (compareWidths) compareRanges(widthsA, widthsB);
-        for (const Pair& pair : strandPairs) {
-            for (std::size_t s = begin; s < end; ++s)
-                if (floatBits(pair.a[s]) != floatBits(pair.b[s])) changed[s] = 1;
+        if (comparePoints) compareRanges(0, pointsA, pointsB);
+        if (compareWidths) compareRanges(1, widthsA, widthsB);
+        for (std::size_t p = 0; p < strandPairs.size(); ++p) {
+            const Pair& pair = strandPairs[p];
+            bool differs = false;
+            for (std::size_t s = begin; s < end; ++s) {
+                if (floatBits(pair.a[s]) != floatBits(pair.b[s])) {
+                    changed[s] = 1;
+                    differs = true;
+                }
+            }
+            if (differs) columnDiffers[2 + p].store(true, std::memory_order_relaxed);
         }
-        for (const Pair& pair : pointPairs)
-            compareRanges(pair.a, pair.b);
+        for (std::size_t p = 0; p < pointPairs.size(); ++p)
+            compareRanges(2 + strandPairs.size() + p, pointPairs[p].a, pointPairs[p].b);
     });
 
+    changes->pointsChanged = columnDiffers[0].load();
+    changes->widthsChanged = columnDiffers[1].load();
+    changes->allChannels = false;
+    for (std::size_t p = 0; p < strandPairs.size(); ++p)
+        if (columnDiffers[2 + p].load()) changes->channels.push_back(*strandPairs[p].name);
+    for (std::size_t p = 0; p < pointPairs.size(); ++p)
+        if (columnDiffers[2 + strandPairs.size() + p].load())
+            changes->channels.push_back(*pointPairs[p].name);
     changes->strands.reserve(
         static_cast<std::size_t>(std::count(changed.begin(), changed.end(), 1)));
     for (std::size_t s = 0; s < strands; ++s)

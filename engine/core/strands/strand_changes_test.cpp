@@ -63,6 +63,73 @@ TEST(StrandDifference, ListsTheStrandsWithAnyDifferingRawValueInOrder) {
     EXPECT_EQ(withAttachment->strands.size(), 5u);
 }
 
+TEST(StrandDifference, NamesTheColumnsThatDiffer) {
+    StrandSet base = randomStrands(600, 3);
+    base.addStrandChannel("clumpId", 0.0f);
+    base.addStrandChannel("melanin", 0.5f);
+    base.addPointChannel("tubeU", 0.0f);
+    const auto previous = share(base);
+    using Edit = void (*)(StrandSet&);
+    struct Case {
+        const char* what;
+        Edit edit;
+        bool points;
+        bool widths;
+        std::vector<std::string> channels;
+    };
+    const Case cases[] = {
+        {"nothing", [](StrandSet&) {}, false, false, {}},
+        {"a point", [](StrandSet& s) { firstPoint(s, 599).y += 1.0f; }, true, false, {}},
+        {"a width", [](StrandSet& s) { s.writeWidths()[3] = 4.0f; }, false, true, {}},
+        {"strand channels, one rewritten with the same values",
+         [](StrandSet& s) {
+             s.addStrandChannel("melanin", 0)[0] = 0.25f;
+             s.addStrandChannel("clumpId", 0);  // written, equal
+         },
+         false,
+         false,
+         {"melanin"}},
+        {"a point channel and a point",
+         [](StrandSet& s) {
+             s.addPointChannel("tubeU", 0)[s.pointCount() - 1] = 1.0f;
+             firstPoint(s, 2).x -= 1.0f;
+         },
+         true,
+         false,
+         {"tubeU"}},
+    };
+    for (const Case& c : cases) {
+        StrandSet next = base;
+        c.edit(next);
+        const auto changes = strandDifference(previous, share(next));
+        ASSERT_NE(changes, nullptr) << c.what;
+        EXPECT_EQ(changes->pointsChanged, c.points) << c.what;
+        EXPECT_EQ(changes->widthsChanged, c.widths) << c.what;
+        EXPECT_FALSE(changes->allChannels) << c.what;
+        EXPECT_EQ(changes->channels, c.channels) << c.what;
+    }
+}
+
+TEST(StrandChanges, SaysWhetherAReaderSeesAChange) {
+    StrandChanges changes;  // a note that cannot tell names every column
+    const std::vector<std::string_view> reads = {"rachis"};
+    EXPECT_FALSE(changes.onlyOtherChannels(reads));
+    EXPECT_TRUE(changes.channelMayDiffer("anything"));
+    changes.pointsChanged = false;
+    changes.widthsChanged = false;
+    EXPECT_FALSE(changes.onlyOtherChannels(reads));  // still any channel
+    changes.allChannels = false;
+    changes.addChannel("melanin");
+    changes.addChannel("melanin");
+    EXPECT_EQ(changes.channels, std::vector<std::string>{"melanin"});
+    EXPECT_TRUE(changes.onlyOtherChannels(reads));
+    changes.addChannel("rachis");
+    EXPECT_FALSE(changes.onlyOtherChannels(reads));
+    EXPECT_TRUE(changes.onlyOtherChannels({}));
+    changes.widthsChanged = true;
+    EXPECT_FALSE(changes.onlyOtherChannels({}));
+}
+
 TEST(StrandDifference, AnyChangeOfLayoutMeansEverythingChanged) {
     StrandSet base = randomStrands(300, 3);
     const auto payload = std::make_shared<int>(1);

@@ -133,12 +133,18 @@ std::vector<float>& StrandSet::writeWidths() {
     return promote(widths_);
 }
 std::vector<Vec3f>& StrandSet::overwritePoints() {
-    dropCachedExtents();
-    return promoteForOverwrite(points_);
+    return overwritePoints(points_.array->size());
 }
 std::vector<float>& StrandSet::overwriteWidths() {
+    return overwriteWidths(widths_.array->size());
+}
+std::vector<Vec3f>& StrandSet::overwritePoints(std::size_t length) {
     dropCachedExtents();
-    return promoteForOverwrite(widths_);
+    return promoteForOverwrite(points_, length);
+}
+std::vector<float>& StrandSet::overwriteWidths(std::size_t length) {
+    dropCachedExtents();
+    return promoteForOverwrite(widths_, length);
 }
 
 // ---- Channels

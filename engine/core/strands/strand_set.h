@@ -111,6 +111,11 @@ class StrandSet {
     // unspecified) and the cached extents are dropped.
     std::vector<Vec3f>& overwritePoints();
     std::vector<float>& overwriteWidths();
+    // The same for a maker that writes `length` values: an array of another length, or one that
+    // another set holds, gives way to a fresh one of `length` (a pooled one where the pool kept
+    // one that fits), so that neither a copy nor a zeroed reallocation is made.
+    std::vector<Vec3f>& overwritePoints(std::size_t length);
+    std::vector<float>& overwriteWidths(std::size_t length);
 
     // A channel's values, or null when the set has no channel of that name.
     const std::vector<float>* strandChannel(std::string_view name) const;
@@ -221,7 +226,7 @@ class StrandSet {
     std::vector<T>& promote(Column<T>& column);
     // Makes the column this set's own at its length without keeping its values.
     template <class T>
-    std::vector<T>& promoteForOverwrite(Column<T>& column);
+    std::vector<T>& promoteForOverwrite(Column<T>& column, std::size_t length);
     // Makes the column this set's own at `length` elements, keeping its values in front; the
     // elements past the old length are unspecified. Copies at most once.
     template <class T>

@@ -58,16 +58,15 @@ std::vector<T>& StrandSet::promote(Column<T>& column) {
 }
 
 template <class T>
-std::vector<T>& StrandSet::promoteForOverwrite(Column<T>& column) {
+std::vector<T>& StrandSet::promoteForOverwrite(Column<T>& column, std::size_t length) {
     {
         std::lock_guard guard(columnLock_);
-        if (column.owned) return *column.array;
-        if (column.array.use_count() == 1) {
+        if ((column.owned || column.array.use_count() == 1) && column.array->size() == length) {
             column.owned = true;
             return *column.array;
         }
     }
-    replaceArray(column, ArrayPool<T>::instance().makeForOverwrite(column.array->size()), true);
+    replaceArray(column, ArrayPool<T>::instance().makeForOverwrite(length), true);
     return *column.array;
 }
 

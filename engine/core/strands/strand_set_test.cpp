@@ -667,6 +667,32 @@ TEST(StrandSet, CopyOnWriteTakesLargeArraysFromThePoolAndGivesThemBack) {
     pool.trim();
 }
 
+TEST(StrandSet, OverwriteToALengthTakesAFreshOrPooledArrayOnlyWhenItMust) {
+    const std::size_t points = 360000;  // 4.3 MB of points
+    ArrayPool<Vec3f>& pool = ArrayPool<Vec3f>::instance();
+    pool.trim();
+    StrandSet set;
+    set.writePoints().assign(points / 2, Vec3f{1, 2, 3});
+    StrandSet derived = set;
+    std::vector<Vec3f> spare(points);
+    const Vec3f* spareData = spare.data();
+    pool.release(std::move(spare));
+    // Shared and of another length: the pooled array, at the length asked for; the source keeps
+    // its own.
+    EXPECT_EQ(derived.overwritePoints(points).data(), spareData);
+    EXPECT_EQ(derived.pointCount(), points);
+    EXPECT_TRUE(derived.isOwned(ColumnId::kPoints));
+    EXPECT_EQ(set.pointCount(), points / 2);
+    EXPECT_EQ(set.points()[0], (Vec3f{1, 2, 3}));
+    // Owned at that length already: the same array, values kept.
+    derived.writePoints()[5] = {4, 5, 6};
+    EXPECT_EQ(derived.overwritePoints(points).data(), spareData);
+    EXPECT_EQ(derived.points()[5], (Vec3f{4, 5, 6}));
+    // Widths alike, a small column included.
+    EXPECT_EQ(derived.overwriteWidths(3).size(), 3u);
+    pool.trim();
+}
+
 TEST(StrandSet, ResizeForOverwriteSizesEveryColumnAndReusesPooledArrays) {
     StrandSet small;
     small.resizeForOverwrite(3, 7);
