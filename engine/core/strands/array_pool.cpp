@@ -6,15 +6,7 @@
 namespace velmorin {
 namespace {
 
-// The most arrays the pool can hold under the largest budget it is given in practice: every
-// pooled array is at least kPooledArrayBytes. The list is reserved for them (and the one passing
-// through), so that release never allocates.
-constexpr std::size_t kMostKept = 1024;
-
-template <class T>
-std::size_t allocatedBytes(const std::vector<T>& array) {
-    return array.capacity() * sizeof(T);
-}
+constexpr std::size_t kKept = 2;
 
 // Set while the pool of element type T exists. Arrays can outlive the pool (a set held in a static
 // that is destroyed later at exit); they then go straight back to the allocator. A trivially
@@ -44,7 +36,7 @@ template <PooledElement T>
 ArrayPool<T>::ArrayPool() {
     // Room for the one array that passes through while the oldest leaves, so that release never
     // allocates (it runs inside a deleter).
-    released_.reserve(kMostKept + 1);
+    released_.reserve(kKept + 1);
     poolAlive<T>.store(true);
 }
 
@@ -81,37 +73,14 @@ ArrayPtr<T> ArrayPool<T>::makeCopy(std::span<const T> values) {
 template <PooledElement T>
 std::optional<std::vector<T>> ArrayPool<T>::take(std::size_t length) {
     if (!isPooledArraySize(length * sizeof(T))) return std::nullopt;
-    std::optional<std::vector<T>> taken;
-    {
-        std::lock_guard guard(lock_);
-        // The newest of exactly this length first, then the least wasteful one that fits.
-        auto chosen = released_.end();
-        for (auto it = released_.begin(); it != released_.end(); ++it) {
-            if (it->size() == length) {
-                chosen = it;
-            } else if (chosen == released_.end() || chosen->size() != length) {
-                if (fitsPooledArray(it->capacity(), length) &&
-                    (chosen == released_.end() || it->capacity() < chosen->capacity()))
-                    chosen = it;
-            }
-        }
-        if (chosen == released_.end()) return std::nullopt;
-        bytes_ -= allocatedBytes(*chosen);
-        taken = std::move(*chosen);
-        released_.erase(chosen);
+    std::lock_guard guard(lock_);
+    for (auto it = released_.rbegin(); it != released_.rend(); ++it) {
+        if (it->size() != length) continue;
+        std::vector<T> array = std::move(*it);
+        released_.erase(std::next(it).base());
+        return array;
     }
-    // Shorter, or longer within its allocation (only the added tail is written): no allocation.
-    taken->resize(length);
-    return taken;
-}
-
-template <PooledElement T>
-void ArrayPool<T>::fitBudget(std::vector<std::vector<T>>& freed) {
-    while (!released_.empty() && (bytes_ > budget_ || released_.size() > kMostKept)) {
-        bytes_ -= allocatedBytes(released_.front());
-        freed.push_back(std::move(released_.front()));
-        released_.erase(released_.begin());
-    }
+    return std::nullopt;
 }
 
 template <PooledElement T>
@@ -120,15 +89,14 @@ void ArrayPool<T>::release(std::vector<T>&& array) {
         std::vector<T>().swap(array);
         return;
     }
-    // The arrays that leave for the budget are freed under the lock: there may be several, and
-    // holding them until it is let go would take an allocation.
-    std::lock_guard guard(lock_);
-    bytes_ += allocatedBytes(array);
-    released_.push_back(std::move(array));
-    while (!released_.empty() && (bytes_ > budget_ || released_.size() > kMostKept)) {
-        bytes_ -= allocatedBytes(released_.front());
-        std::vector<T>().swap(released_.front());
-        released_.erase(released_.begin());
+    std::vector<T> oldest;  // freed after the lock is let go
+    {
+        std::lock_guard guard(lock_);
+        released_.push_back(std::move(array));
+        if (released_.size() > kKept) {
+            oldest = std::move(released_.front());
+            released_.erase(released_.begin());
+        }
     }
 }
 
@@ -142,35 +110,13 @@ std::vector<std::size_t> ArrayPool<T>::pooledLengths() const {
 }
 
 template <PooledElement T>
-std::size_t ArrayPool<T>::pooledBytes() const {
-    std::lock_guard guard(lock_);
-    return bytes_;
-}
-
-template <PooledElement T>
-std::size_t ArrayPool<T>::budget() const {
-    std::lock_guard guard(lock_);
-    return budget_;
-}
-
-template <PooledElement T>
-void ArrayPool<T>::setBudget(std::size_t bytes) {
-    std::vector<std::vector<T>> freed;
-    freed.reserve(kMostKept + 1);
-    std::lock_guard guard(lock_);
-    budget_ = bytes;
-    fitBudget(freed);
-}
-
-template <PooledElement T>
 void ArrayPool<T>::trim() {
     std::vector<std::vector<T>> freed;
-    freed.reserve(kMostKept + 1);
+    freed.reserve(kKept + 1);
     std::lock_guard guard(lock_);
     for (std::vector<T>& array : released_)
         freed.push_back(std::move(array));
     released_.clear();
-    bytes_ = 0;
 }
 
 template class ArrayPool<float>;
