@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <bit>
 #include <cmath>
+#include <limits>
 #include <unordered_map>
 
 #include <tbb/parallel_sort.h>
@@ -13,6 +14,15 @@
 #include "ops/guide_mask.h"
 #include "ops/scatter_placement.h"
 
+// The block search measures four squared distances at once with SSE where the target has it (every
+// x86-64 target does) and with plain floats elsewhere; both give the same bits.
+#if defined(__SSE2__) || defined(_M_X64) || defined(_M_AMD64)
+#include <xmmintrin.h>
+#define VELMORIN_RELAX_SSE 1
+#else
+#define VELMORIN_RELAX_SSE 0
+#endif
+
 namespace velmorin {
 namespace {
 
@@ -20,6 +30,13 @@ constexpr std::size_t kGrain = 256;
 constexpr int kIterations = 24;
 constexpr float kRadiusScale = 1.0746f;  // the spacing of a hexagonal packing at unit density
 constexpr std::uint32_t kNoEdge = 0xffffffffu;
+// How far beyond its cell the block search gathers, in cells: short of the two cells it looks at,
+// so that rounding never puts a candidate of the box outside them.
+constexpr float kBlockReach = 1.75f;
+// The neighbour grid's cell in radii: a box of 1.75 cells round a cell then reaches 3.5 radii, past
+// the 24th nearest (about 2.65 radii apart once spread, a little more at random), and a cell holds
+// a handful of candidates that share one gathering.
+constexpr float kNeighborCell = 2.0f;
 
 void forEach(std::size_t count, const RangeBody& body) {
     if (count <= kGrain) {
@@ -251,6 +268,171 @@ class CandidateGrid {
     std::vector<std::pair<std::uint32_t, std::uint32_t>> denseRows_;
 };
 
+// The block search, the fast path of the neighbour search. Candidates come in grid order, so those
+// of one cell follow each other: the candidates in a box round the cell, `reach` beyond it on every
+// side, are gathered once into plain arrays, and each candidate of the cell picks its 24 nearest
+// from them. The answer is the true one whenever the 24th lies nearer than the box's nearest face:
+// everything outside the box is farther. Otherwise (a sparse spot, a border of the scalp) the
+// caller runs the shell search instead.
+class BlockSearch {
+  public:
+    BlockSearch(const CandidateGrid& grid, float reach, float range2)
+        : grid_(grid),
+          cell_(1.0f / grid.inverse()),
+          reach_(reach),
+          range2_(range2),
+          cells_(static_cast<int>(std::ceil(reach * grid.inverse()))),
+          hint_(range2) {}
+
+    // The 24 nearest of the candidate of index `i` at `p`, as keys into `best`; returns the number
+    // found, or -1 where the box cannot vouch for them.
+    int find(const Vec3f& p, std::uint32_t i, std::uint64_t (&best)[kRelaxNeighbors]) {
+        const CellCoord c = cellOf(p, grid_.inverse());
+        const std::uint64_t key = cellKey(c.x, c.y, c.z);
+        if (key != key_) gather(c, key);
+        // The candidate before lies close by with a like spacing: within one and a half times its
+        // 24th squared distance there are mostly 24, and far fewer keys to sort.
+        const float first = std::min(range2_, hint_);
+        std::size_t n = collectNear(p, i, first);
+        if (n < kRelaxNeighbors && first < range2_) n = collectAgain(i, range2_);
+        // The keys in order, the first 24 kept.
+        std::size_t found = 0;
+        for (std::size_t k = 0; k < n; ++k) {
+            const std::uint64_t key = keys_[k];
+            if (found == kRelaxNeighbors && !(key < best[kRelaxNeighbors - 1])) continue;
+            std::size_t at = found < kRelaxNeighbors ? found++ : kRelaxNeighbors - 1;
+            while (at > 0 && key < best[at - 1]) {
+                best[at] = best[at - 1];
+                --at;
+            }
+            best[at] = key;
+        }
+        const float limit =
+            found == kRelaxNeighbors
+                ? std::bit_cast<float>(static_cast<std::uint32_t>(best[found - 1] >> 32))
+                : range2_;
+        hint_ = found == kRelaxNeighbors ? 1.5f * limit : range2_;
+        // The nearest face of the box; a margin covers the rounding of the squared distances.
+        const float face = std::min({p.x - low_.x, high_.x - p.x, p.y - low_.y, high_.y - p.y,
+                                     p.z - low_.z, high_.z - p.z});
+        if (!(face > 0.0f) || !(limit < face * face * 0.9999f)) return -1;
+        return static_cast<int>(found);
+    }
+
+  private:
+    std::uint64_t keyAt(std::size_t b) const {
+        return (static_cast<std::uint64_t>(floatBits(d2_[b])) << 32) | index_[b];
+    }
+
+    // Keeps the squared distances from p of the whole box and gathers the keys of those within
+    // `within`, the candidate itself left out; returns their number. The box's arrays are padded
+    // to a multiple of four with points at infinity, which are never within.
+    std::size_t collectNear(const Vec3f& p, std::uint32_t i, float within) {
+        const std::size_t m = count_;
+        std::size_t n = 0;
+#if VELMORIN_RELAX_SSE
+        const __m128 px = _mm_set1_ps(p.x), py = _mm_set1_ps(p.y), pz = _mm_set1_ps(p.z);
+        const __m128 limit = _mm_set1_ps(within);
+        for (std::size_t b = 0; b < m; b += 4) {
+            const __m128 dx = _mm_sub_ps(_mm_loadu_ps(x_.data() + b), px);
+            const __m128 dy = _mm_sub_ps(_mm_loadu_ps(y_.data() + b), py);
+            const __m128 dz = _mm_sub_ps(_mm_loadu_ps(z_.data() + b), pz);
+            const __m128 d2 =
+                _mm_add_ps(_mm_add_ps(_mm_mul_ps(dx, dx), _mm_mul_ps(dy, dy)), _mm_mul_ps(dz, dz));
+            _mm_storeu_ps(d2_.data() + b, d2);
+            auto mask = static_cast<unsigned>(_mm_movemask_ps(_mm_cmple_ps(d2, limit)));
+            while (mask != 0) {
+                const std::size_t at = b + static_cast<std::size_t>(std::countr_zero(mask));
+                mask &= mask - 1;
+                keys_[n] = keyAt(at);
+                n += static_cast<std::size_t>(index_[at] != i);
+            }
+        }
+#else
+        for (std::size_t b = 0; b < m; ++b) {
+            const float dx = x_[b] - p.x, dy = y_[b] - p.y, dz = z_[b] - p.z;
+            d2_[b] = dx * dx + dy * dy + dz * dz;
+            keys_[n] = keyAt(b);
+            n += static_cast<std::size_t>((d2_[b] <= within) & (index_[b] != i));
+        }
+#endif
+        return n;
+    }
+
+    // The same from the kept squared distances, with a larger `within`.
+    std::size_t collectAgain(std::uint32_t i, float within) {
+        std::size_t n = 0;
+        for (std::size_t b = 0; b < count_; ++b) {
+            keys_[n] = keyAt(b);
+            n += static_cast<std::size_t>((d2_[b] <= within) & (index_[b] != i));
+        }
+        return n;
+    }
+
+    // The candidates of the cells within `cells_` of cell c that lie in the box. The box reaches
+    // less far than those cells, with a margin far above the rounding of the cell coordinates, so
+    // it holds every candidate within it.
+    void gather(const CellCoord& c, std::uint64_t key) {
+        key_ = key;
+        const Vec3f corner{static_cast<float>(c.x) * cell_, static_cast<float>(c.y) * cell_,
+                           static_cast<float>(c.z) * cell_};
+        low_ = corner - Vec3f{reach_, reach_, reach_};
+        high_ = corner + Vec3f{cell_ + reach_, cell_ + reach_, cell_ + reach_};
+        std::size_t m = 0;
+        for (int dz = -cells_; dz <= cells_; ++dz)
+            for (int dy = -cells_; dy <= cells_; ++dy) {
+                const std::int64_t y = c.y + dy, z = c.z + dz;
+                const auto [begin, end] = grid_.row(y, z);
+                if (begin == end) continue;
+                const std::uint32_t left =
+                    grid_.lowerBound(begin, end, cellKey(c.x - cells_, y, z));
+                const std::uint32_t right =
+                    grid_.lowerBound(left, end, cellKey(c.x + cells_ + 1, y, z));
+                const std::uint32_t first = grid_.entriesBegin(left);
+                const std::uint32_t last = grid_.entriesBegin(right);
+                if (m + (last - first) + 4 > x_.size()) grow(m + (last - first) + 4);
+                for (std::uint32_t e = first; e < last; ++e) {
+                    const Vec3f& q = grid_.positionAt(e);
+                    x_[m] = q.x;
+                    y_[m] = q.y;
+                    z_[m] = q.z;
+                    index_[m] = grid_.indexAt(e);
+                    m +=
+                        static_cast<std::size_t>(q.x >= low_.x && q.x <= high_.x && q.y >= low_.y &&
+                                                 q.y <= high_.y && q.z >= low_.z && q.z <= high_.z);
+                }
+            }
+        if (m + 4 > x_.size()) grow(m + 4);
+        const float far = std::numeric_limits<float>::infinity();
+        for (std::size_t b = m; b % 4 != 0; ++b) {
+            x_[b] = y_[b] = z_[b] = far;
+            index_[b] = 0;
+        }
+        count_ = (m + 3) / 4 * 4;
+    }
+
+    void grow(std::size_t size) {
+        size = std::max(size, 2 * x_.size());
+        x_.resize(size);
+        y_.resize(size);
+        z_.resize(size);
+        index_.resize(size);
+        d2_.resize(size);
+        keys_.resize(size);
+    }
+
+    const CandidateGrid& grid_;
+    float cell_, reach_, range2_;
+    int cells_;
+    float hint_;
+    std::uint64_t key_ = ~std::uint64_t{0};
+    Vec3f low_, high_;
+    std::vector<float> x_, y_, z_, d2_;
+    std::vector<std::uint32_t> index_;
+    std::vector<std::uint64_t> keys_;
+    std::size_t count_ = 0;  // the box's candidates and padding
+};
+
 // The nearest-neighbour search over a grid: cells are taken in shells of growing distance from the
 // candidate's cell, and the search ends once the next shell cannot hold anything nearer than the
 // current 24th, or lies out of range. Within a shell, rows too far off in y and z are passed over.
@@ -275,10 +457,17 @@ void nearestInGrid(const CandidateGrid& grid, float range, std::span<std::uint32
         std::uint64_t best[kRelaxNeighbors];
         int start = 0;
         float hint = range2;
+        BlockSearch block(grid, kBlockReach * cell, range2);
         for (std::size_t at = entryBegin; at < entryEnd; ++at) {
             const auto self = static_cast<std::uint32_t>(at);
             const Vec3f p = grid.positionAt(self);
             const std::uint32_t i = grid.indexAt(self);
+            std::uint32_t* list = lists.data() + static_cast<std::size_t>(i) * kRelaxNeighbors;
+            if (const int near = block.find(p, i, best); near >= 0) {
+                for (int k = 0; k < kRelaxNeighbors; ++k)
+                    list[k] = k < near ? static_cast<std::uint32_t>(best[k]) : i;
+                continue;
+            }
             const float tx = p.x * inverse, ty = p.y * inverse, tz = p.z * inverse;
             const CellCoord c = cellOf(p, inverse);
             const float fx = tx - static_cast<float>(c.x), fy = ty - static_cast<float>(c.y),
@@ -386,7 +575,6 @@ void nearestInGrid(const CandidateGrid& grid, float range, std::span<std::uint32
             if (found < kRelaxNeighbors && hint < range2) search(range2);
             hint = found == kRelaxNeighbors ? 2.0f * limit : range2;
             start = std::max(0, shell - 2);
-            std::uint32_t* list = lists.data() + static_cast<std::size_t>(i) * kRelaxNeighbors;
             for (std::size_t k = 0; k < kRelaxNeighbors; ++k)
                 list[k] = k < found ? static_cast<std::uint32_t>(best[k]) : i;
         }
@@ -428,7 +616,7 @@ void relaxPlacement(const ScalpMesh& scalp, const PlacementSettings& settings,
     const float largest = *std::max_element(radii.begin(), radii.end());
     if (!(largest > 0.0f)) return;
 
-    // Neighbours come from a grid of half-radius cells; border edges from one of cells two radii
+    // Neighbours come from a grid of two-radius cells; border edges from one of cells two radii
     // wide, so a candidate finds every edge within two radii of it.
     const float searchRange = 3.0f * largest + r0;
     const std::vector<BorderEdge> edges = borderEdges(scalp);
@@ -437,7 +625,7 @@ void relaxPlacement(const ScalpMesh& scalp, const PlacementSettings& settings,
     std::vector<std::uint32_t> nearestEdge(count, kNoEdge);
 
     auto refresh = [&] {
-        nearestNeighbors(positions, 0.5f * r0, searchRange, neighbors);
+        nearestNeighbors(positions, kNeighborCell * r0, searchRange, neighbors);
         forEach(count, [&](std::size_t begin, std::size_t end) {
             for (std::size_t i = begin; i < end; ++i) {
                 const Vec3f p = positions[i];

@@ -353,7 +353,10 @@ TEST(Scatter, NeighbourListsAreTheNearestInRange) {
         positions.push_back(positions[7]);
         positions.push_back(positions[7] + Vec3f{0.0f, 0.0f, 1e4f});
         const float range = c.rangeInRadii > 0.0f ? c.rangeInRadii * r0 : 3.0f * largest + r0;
-        expectNearestInRange(c.name, positions, 0.5f * r0, range);
+        // Small cells send most searches through the shell search, the relaxation's two-radius
+        // cells through the block search.
+        expectNearestInRange(c.name + ", small cells", positions, 0.5f * r0, range);
+        expectNearestInRange(c.name, positions, 2.0f * r0, range);
     }
     // A lattice, numbered column by column, has many equal distances across cells: they must go
     // by index, not by the order the grid meets them.
@@ -362,6 +365,52 @@ TEST(Scatter, NeighbourListsAreTheNearestInRange) {
         for (int y = 0; y < 40; ++y)
             lattice.push_back({0.25f * static_cast<float>(x), 0.25f * static_cast<float>(y), 0.0f});
     expectNearestInRange("lattice", lattice, 0.5f, 4.0f);
+    expectNearestInRange("lattice, large cells", lattice, 2.0f, 4.0f);
+}
+
+TEST(Scatter, NeighbourListsOnAwkwardSpreads) {
+    // Points hashed into a unit cube, scaled and moved per case.
+    const auto spread = [](std::size_t count, std::uint64_t seed, Vec3f scale, Vec3f offset) {
+        std::vector<Vec3f> points(count);
+        for (std::size_t i = 0; i < count; ++i) {
+            const std::uint64_t h = hashCombine(seed, i);
+            points[i] = offset + Vec3f{unitFloat(h) * scale.x, unitFloat(h + 1) * scale.y,
+                                       unitFloat(h + 2) * scale.z};
+        }
+        return points;
+    };
+    // Tight clusters far apart: a box round one cluster holds all its points and nothing else.
+    std::vector<Vec3f> clusters;
+    for (int c = 0; c < 6; ++c) {
+        const auto cluster =
+            spread(70, 11 + c, {0.3f, 0.3f, 0.05f}, {3.0f * static_cast<float>(c), 0.0f, 0.0f});
+        clusters.insert(clusters.end(), cluster.begin(), cluster.end());
+    }
+    // Many candidates on few spots: ties everywhere, decided by index.
+    std::vector<Vec3f> stacked;
+    for (std::size_t i = 0; i < 300; ++i)
+        stacked.push_back(Vec3f{static_cast<float>(i % 7), static_cast<float>(i % 3), 0.0f} * 0.5f);
+    // A long thin strip along y: the 24 nearest lie far along it, beyond the block's reach.
+    const std::vector<Vec3f> strip = spread(600, 5, {0.05f, 60.0f, 0.0f}, {0.0f, -30.0f, 2.0f});
+    // Fewer than 25 candidates: every list is padded.
+    const std::vector<Vec3f> few = spread(20, 3, {2.0f, 2.0f, 2.0f}, {-1.0f, -1.0f, -1.0f});
+    // Far from the origin, where cell coordinates round.
+    const std::vector<Vec3f> far = spread(500, 9, {8.0f, 8.0f, 1.0f}, {5000.0f, -7000.0f, 300.0f});
+    const struct {
+        const char* name;
+        const std::vector<Vec3f>& points;
+        float cell, range;
+    } cases[] = {
+        {"clusters", clusters, 0.25f, 4.0f},
+        {"clusters, long range", clusters, 0.25f, 40.0f},
+        {"stacked", stacked, 0.5f, 2.0f},
+        {"strip", strip, 0.5f, 20.0f},
+        {"few", few, 0.5f, 10.0f},
+        {"few, short range", few, 0.5f, 0.8f},
+        {"far from the origin", far, 1.0f, 4.0f},
+    };
+    for (const auto& c : cases)
+        expectNearestInRange(c.name, c.points, c.cell, c.range);
 }
 
 TEST(Scatter, CachedRunsGiveTheSameStrands) {
