@@ -286,15 +286,22 @@ class BlockSearch {
 
     // The 24 nearest of the candidate of index `i` at `p`, as keys into `best`; returns the number
     // found, or -1 where the box cannot vouch for them.
+    static constexpr float kHintScale = 1.15f;
+
     int find(const Vec3f& p, std::uint32_t i, std::uint64_t (&best)[kRelaxNeighbors]) {
         const CellCoord c = cellOf(p, grid_.inverse());
         const std::uint64_t key = cellKey(c.x, c.y, c.z);
         if (key != key_) gather(c, key);
-        // The candidate before lies close by with a like spacing: within one and a half times its
-        // 24th squared distance there are mostly 24, and far fewer keys to sort.
+        // The candidate before lies close by with a like spacing: within a little more than its
+        // 24th squared distance there are mostly 24, and few more keys to sort, whose insertion
+        // costs most of a search. Where there are fewer, the reach widens in steps.
         const float first = std::min(range2_, hint_);
         std::size_t n = collectNear(p, i, first);
-        if (n < kRelaxNeighbors && first < range2_) n = collectAgain(i, range2_);
+        if (n < kRelaxNeighbors && first < range2_) {
+            const float second = std::min(range2_, 1.6f * first);
+            n = collectAgain(i, second);
+            if (n < kRelaxNeighbors && second < range2_) n = collectAgain(i, range2_);
+        }
         // The keys in order, the first 24 kept.
         std::size_t found = 0;
         for (std::size_t k = 0; k < n; ++k) {
@@ -311,7 +318,7 @@ class BlockSearch {
             found == kRelaxNeighbors
                 ? std::bit_cast<float>(static_cast<std::uint32_t>(best[found - 1] >> 32))
                 : range2_;
-        hint_ = found == kRelaxNeighbors ? 1.5f * limit : range2_;
+        hint_ = found == kRelaxNeighbors ? kHintScale * limit : range2_;
         // The nearest face of the box; a margin covers the rounding of the squared distances.
         const float face = std::min({p.x - low_.x, high_.x - p.x, p.y - low_.y, high_.y - p.y,
                                      p.z - low_.z, high_.z - p.z});
