@@ -588,6 +588,85 @@ void nearestInGrid(const CandidateGrid& grid, float range, std::span<std::uint32
     });
 }
 
+// The push of a candidate's neighbours: for each neighbour j other than i within reach, with
+// s = r_i + r_j and d from j to i, the direction of d (or, for a coincident pair, one given by the
+// indices alone) weighed by (1 - |d| / s) squared, summed in list order. `radii` is null where
+// every candidate has the radius r0.
+Vec3f pairForceOneByOne(std::size_t i, const std::uint32_t* list, const Vec3f& pi, float ri,
+                        const Vec3f* positions, const float* radii, float r0, std::size_t count) {
+    const float n = static_cast<float>(count);
+    Vec3f force;
+    for (int k = 0; k < kRelaxNeighbors; ++k) {
+        const std::uint32_t j = list[k];
+        if (j == i) continue;
+        const float rj = radii ? radii[j] : r0;
+        if (!(rj > 0.0f)) continue;
+        const float s = ri + rj;
+        const Vec3f d = pi - positions[j];
+        const float d2 = lengthSquared(d);
+        // Clearly out of reach without the square root; the margin covers rounding, so the test
+        // below decides every pair near the edge.
+        if (d2 >= s * s * 1.00002f) continue;
+        const float dist = std::sqrt(d2);
+        if (!(dist < s)) continue;
+        Vec3f direction;
+        if (dist <= s * 1e-6f) {
+            // Coincident candidates part in a direction given by their indices alone.
+            direction = {unitFloat(i) - 0.5f,
+                         unitFloat(static_cast<std::uint64_t>(n) + kGolden + i) - 0.5f, 0.0f};
+        } else {
+            direction = d / dist;
+        }
+        const float w = 1.0f - dist / s;
+        force += direction * (w * w);
+    }
+    return force;
+}
+
+// The same, four pairs at a time where SSE is at hand: the square roots and divisions are the
+// same correctly rounded operations, and the sum still runs in list order (a pair out of reach adds
+// +0, which changes no sum that starts at +0), so the bits are those of the pair-by-pair loop.
+// A coincident pair, which is rare, sends the candidate to that loop.
+Vec3f pairForce(std::size_t i, const std::uint32_t* list, const Vec3f& pi, float ri,
+                const Vec3f* positions, const float* radii, float r0, std::size_t count) {
+#if VELMORIN_RELAX_SSE
+    alignas(16) float dx[kRelaxNeighbors], dy[kRelaxNeighbors], dz[kRelaxNeighbors];
+    alignas(16) float reach[kRelaxNeighbors];
+    for (int k = 0; k < kRelaxNeighbors; ++k) {
+        const std::uint32_t j = list[k];
+        const float rj = radii ? radii[j] : r0;
+        const Vec3f d = pi - positions[j];
+        dx[k] = d.x;
+        dy[k] = d.y;
+        dz[k] = d.z;
+        // A reach of 0 leaves the pair out: no distance is below it.
+        reach[k] = j != i && rj > 0.0f ? ri + rj : 0.0f;
+    }
+    const __m128 one = _mm_set1_ps(1.0f), tiny = _mm_set1_ps(1e-6f);
+    for (int k = 0; k < kRelaxNeighbors; k += 4) {
+        const __m128 x = _mm_load_ps(dx + k), y = _mm_load_ps(dy + k), z = _mm_load_ps(dz + k);
+        const __m128 s = _mm_load_ps(reach + k);
+        const __m128 dist = _mm_sqrt_ps(
+            _mm_add_ps(_mm_add_ps(_mm_mul_ps(x, x), _mm_mul_ps(y, y)), _mm_mul_ps(z, z)));
+        const __m128 in = _mm_cmplt_ps(dist, s);
+        if (_mm_movemask_ps(_mm_and_ps(in, _mm_cmple_ps(dist, _mm_mul_ps(s, tiny)))) != 0)
+            return pairForceOneByOne(i, list, pi, ri, positions, radii, r0, count);
+        const __m128 w = _mm_sub_ps(one, _mm_div_ps(dist, s));
+        const __m128 weight = _mm_and_ps(in, _mm_mul_ps(w, w));
+        // Lanes out of reach may hold infinities or NaN before the mask; the mask makes them +0.
+        _mm_store_ps(dx + k, _mm_and_ps(in, _mm_mul_ps(_mm_div_ps(x, dist), weight)));
+        _mm_store_ps(dy + k, _mm_and_ps(in, _mm_mul_ps(_mm_div_ps(y, dist), weight)));
+        _mm_store_ps(dz + k, _mm_and_ps(in, _mm_mul_ps(_mm_div_ps(z, dist), weight)));
+    }
+    Vec3f force;
+    for (int k = 0; k < kRelaxNeighbors; ++k)
+        force += Vec3f{dx[k], dy[k], dz[k]};
+    return force;
+#else
+    return pairForceOneByOne(i, list, pi, ri, positions, radii, r0, count);
+#endif
+}
+
 }  // namespace
 
 void nearestNeighbors(std::span<const Vec3f> positions, float cell, float range,
@@ -659,7 +738,6 @@ void relaxPlacement(const ScalpMesh& scalp, const PlacementSettings& settings,
         return !masked || settings.mask->passes(position);
     };
 
-    const float n = static_cast<float>(count);
     for (int iteration = 0; iteration < kIterations; ++iteration) {
         if (iteration % 4 == 0) refresh();
         const bool last = iteration == kIterations - 1;
@@ -671,34 +749,9 @@ void relaxPlacement(const ScalpMesh& scalp, const PlacementSettings& settings,
                     next[i] = pi;
                     continue;
                 }
-                Vec3f force;
                 const std::uint32_t* list = neighbors.data() + i * kRelaxNeighbors;
-                for (int k = 0; k < kRelaxNeighbors; ++k) {
-                    const std::uint32_t j = list[k];
-                    if (j == i) continue;
-                    // A plain density gives every candidate the same radius: no need to read it.
-                    const float rj = mapped ? radii[j] : r0;
-                    if (!(rj > 0.0f)) continue;
-                    const float s = ri + rj;
-                    const Vec3f d = pi - positions[j];
-                    const float d2 = lengthSquared(d);
-                    // Clearly out of reach without the square root; the margin covers rounding,
-                    // so the test below decides every pair near the edge as before.
-                    if (d2 >= s * s * 1.00002f) continue;
-                    const float dist = std::sqrt(d2);
-                    if (!(dist < s)) continue;
-                    Vec3f direction;
-                    if (dist <= s * 1e-6f) {
-                        // Coincident candidates part in a direction given by their indices alone.
-                        direction = {unitFloat(i) - 0.5f,
-                                     unitFloat(static_cast<std::uint64_t>(n) + kGolden + i) - 0.5f,
-                                     0.0f};
-                    } else {
-                        direction = d / dist;
-                    }
-                    const float w = 1.0f - dist / s;
-                    force += direction * (w * w);
-                }
+                Vec3f force = pairForce(i, list, pi, ri, positions.data(),
+                                        mapped ? radii.data() : nullptr, r0, count);
                 if (nearestEdge[i] != kNoEdge) {
                     const BorderEdge& edge = edges[nearestEdge[i]];
                     const float e = length(pi - closestOnSegment(pi, edge.a, edge.b));
