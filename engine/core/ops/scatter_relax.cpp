@@ -17,7 +17,7 @@
 // The block search measures four squared distances at once with SSE where the target has it (every
 // x86-64 target does) and with plain floats elsewhere; both give the same bits.
 #if defined(__SSE2__) || defined(_M_X64) || defined(_M_AMD64)
-#include <xmmintrin.h>
+#include <emmintrin.h>
 #define VELMORIN_RELAX_SSE 1
 #else
 #define VELMORIN_RELAX_SSE 0
@@ -303,17 +303,8 @@ class BlockSearch {
             if (n < kRelaxNeighbors && second < range2_) n = collectAgain(i, range2_);
         }
         // The keys in order, the first 24 kept.
-        std::size_t found = 0;
-        for (std::size_t k = 0; k < n; ++k) {
-            const std::uint64_t key = keys_[k];
-            if (found == kRelaxNeighbors && !(key < best[kRelaxNeighbors - 1])) continue;
-            std::size_t at = found < kRelaxNeighbors ? found++ : kRelaxNeighbors - 1;
-            while (at > 0 && key < best[at - 1]) {
-                best[at] = best[at - 1];
-                --at;
-            }
-            best[at] = key;
-        }
+        std::size_t found = std::min<std::size_t>(n, kRelaxNeighbors);
+        if (!rankKeys(n, best)) insertKeys(n, best);
         const float limit =
             found == kRelaxNeighbors
                 ? std::bit_cast<float>(static_cast<std::uint32_t>(best[found - 1] >> 32))
@@ -327,6 +318,56 @@ class BlockSearch {
     }
 
   private:
+    static constexpr std::size_t kRankMost = 40;
+
+    // Sorts the n collected keys into `best` by counting, for each, the keys of smaller squared
+    // distance: no branch depends on the data, where an insertion sort mispredicts at nearly every
+    // key. Equal distances would share a rank, so those and long lists are left to insertKeys.
+    bool rankKeys(std::size_t n, std::uint64_t (&best)[kRelaxNeighbors]) const {
+#if VELMORIN_RELAX_SSE
+        if (n > kRankMost) return false;
+        alignas(16) float d2[kRankMost + 4];
+        for (std::size_t k = 0; k < n; ++k)
+            d2[k] = std::bit_cast<float>(static_cast<std::uint32_t>(keys_[k] >> 32));
+        const std::size_t padded = (n + 3) / 4 * 4;
+        for (std::size_t k = n; k < padded; ++k)
+            d2[k] = std::numeric_limits<float>::infinity();
+        std::uint64_t ranks = 0;
+        for (std::size_t k = 0; k < n; ++k) {
+            const __m128 v = _mm_set1_ps(d2[k]);
+            __m128i count = _mm_setzero_si128();
+            for (std::size_t g = 0; g < padded; g += 4)
+                count =
+                    _mm_sub_epi32(count, _mm_castps_si128(_mm_cmplt_ps(_mm_load_ps(d2 + g), v)));
+            count = _mm_add_epi32(count, _mm_shuffle_epi32(count, 0x4E));
+            count = _mm_add_epi32(count, _mm_shuffle_epi32(count, 0xB1));
+            const auto rank = static_cast<std::size_t>(_mm_cvtsi128_si32(count));
+            ranks |= std::uint64_t{1} << rank;
+            if (rank < kRelaxNeighbors) best[rank] = keys_[k];
+        }
+        return static_cast<std::size_t>(std::popcount(ranks)) == n;
+#else
+        (void)n;
+        (void)best;
+        return false;
+#endif
+    }
+
+    // The same by insertion, ties going by index.
+    void insertKeys(std::size_t n, std::uint64_t (&best)[kRelaxNeighbors]) const {
+        std::size_t found = 0;
+        for (std::size_t k = 0; k < n; ++k) {
+            const std::uint64_t key = keys_[k];
+            if (found == kRelaxNeighbors && !(key < best[kRelaxNeighbors - 1])) continue;
+            std::size_t at = found < kRelaxNeighbors ? found++ : kRelaxNeighbors - 1;
+            while (at > 0 && key < best[at - 1]) {
+                best[at] = best[at - 1];
+                --at;
+            }
+            best[at] = key;
+        }
+    }
+
     std::uint64_t keyAt(std::size_t b) const {
         return (static_cast<std::uint64_t>(floatBits(d2_[b])) << 32) | index_[b];
     }
@@ -649,6 +690,14 @@ Vec3f pairForce(std::size_t i, const std::uint32_t* list, const Vec3f& pi, float
         const __m128 dist = _mm_sqrt_ps(
             _mm_add_ps(_mm_add_ps(_mm_mul_ps(x, x), _mm_mul_ps(y, y)), _mm_mul_ps(z, z)));
         const __m128 in = _mm_cmplt_ps(dist, s);
+        const int inside = _mm_movemask_ps(in);
+        if (inside == 0) {
+            // Nearest first: the last pairs of a list mostly lie out of reach.
+            _mm_store_ps(dx + k, _mm_setzero_ps());
+            _mm_store_ps(dy + k, _mm_setzero_ps());
+            _mm_store_ps(dz + k, _mm_setzero_ps());
+            continue;
+        }
         if (_mm_movemask_ps(_mm_and_ps(in, _mm_cmple_ps(dist, _mm_mul_ps(s, tiny)))) != 0)
             return pairForceOneByOne(i, list, pi, ri, positions, radii, r0, count);
         const __m128 w = _mm_sub_ps(one, _mm_div_ps(dist, s));
