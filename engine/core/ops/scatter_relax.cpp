@@ -445,9 +445,11 @@ class BlockSearch {
                     y_[m] = q.y;
                     z_[m] = q.z;
                     index_[m] = grid_.indexAt(e);
-                    m +=
-                        static_cast<std::size_t>(q.x >= low_.x && q.x <= high_.x && q.y >= low_.y &&
-                                                 q.y <= high_.y && q.z >= low_.z && q.z <= high_.z);
+                    // Bitwise ands: the box cuts through the cells, so the test falls either
+                    // way.
+                    m += static_cast<std::size_t>((q.x >= low_.x) & (q.x <= high_.x) &
+                                                  (q.y >= low_.y) & (q.y <= high_.y) &
+                                                  (q.z >= low_.z) & (q.z <= high_.z));
                 }
             }
         if (m + 4 > x_.size()) grow(m + 4);
