@@ -345,7 +345,8 @@ class BlockSearch {
             ranks |= std::uint64_t{1} << rank;
             if (rank < kRelaxNeighbors) best[rank] = keys_[k];
         }
-        return static_cast<std::size_t>(std::popcount(ranks)) == n;
+        // Without ties the ranks are 0 to n - 1; a tie repeats one and leaves one out.
+        return ranks == (std::uint64_t{1} << n) - 1;
 #else
         (void)n;
         (void)best;
