@@ -368,6 +368,50 @@ TEST(Scatter, NeighbourListsAreTheNearestInRange) {
     expectNearestInRange("lattice, large cells", lattice, 2.0f, 4.0f);
 }
 
+// The even roots' bits, folded in order.
+std::uint64_t evenRootsHash(const ScatterPlacement& placed) {
+    std::uint64_t h = placed.size();
+    for (const StrandRoot& root : placed.evenRoots) {
+        h = hashCombine(h, static_cast<std::uint64_t>(static_cast<std::uint32_t>(root.face)));
+        h = hashCombine(h, floatBits(root.u));
+        h = hashCombine(h, floatBits(root.v));
+    }
+    return h;
+}
+
+TEST(Scatter, RelaxedRootsKeepTheirBits) {
+    // The relaxation's searches and pushes may change in speed, never in result: these are the
+    // bits of the roots as first relaxed, with plain and mapped densities and two candidates on
+    // one spot. A flat scalp keeps every step exact arithmetic, the same on every platform.
+    const auto plane = makeUvPlane(10.0f, 6);
+    const DensityAt falling = [](const StrandRoot&, const Vec3f& p) {
+        return 36.0f / (1.0f + 0.04f * (p.x + 5.0f) * (p.x + 5.0f));
+    };
+    const struct {
+        const char* name;
+        DensityAt mapped;
+        std::uint64_t bits;
+    } cases[] = {
+        {"plain", {}, 0x9c880afa2c399e6dull},
+        {"mapped", falling, 0x5463cc7667eb7151ull},
+    };
+    for (const auto& c : cases) {
+        PlacementSettings settings;
+        settings.density = 36.0;
+        settings.mappedDensity = c.mapped;
+        settings.seed = 5;
+        ScatterPlacement placed = placeRandom(*plane, growthAreas(*plane), settings);
+        ASSERT_GT(placed.size(), 2000u) << c.name;
+        placed.ids.push_back(placed.ids[3] ^ 1);
+        placed.randomRoots.push_back(placed.randomRoots[3]);
+        for (const int threads : {1, 2}) {
+            ScatterPlacement relaxed = placed;
+            runWithThreads(threads, [&] { relaxPlacement(*plane, settings, relaxed); });
+            EXPECT_EQ(evenRootsHash(relaxed), c.bits) << c.name << " at " << threads << " threads";
+        }
+    }
+}
+
 TEST(Scatter, NeighbourListsOnAwkwardSpreads) {
     // Points hashed into a unit cube, scaled and moved per case.
     const auto spread = [](std::size_t count, std::uint64_t seed, Vec3f scale, Vec3f offset) {
