@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <bit>
 #include <cmath>
+#include <limits>
 #include <unordered_map>
 
 #include <tbb/parallel_sort.h>
@@ -13,6 +14,15 @@
 #include "ops/guide_mask.h"
 #include "ops/scatter_placement.h"
 
+// The block search measures four squared distances at once with SSE where the target has it (every
+// x86-64 target does) and with plain floats elsewhere; both give the same bits.
+#if defined(__SSE2__) || defined(_M_X64) || defined(_M_AMD64)
+#include <emmintrin.h>
+#define VELMORIN_RELAX_SSE 1
+#else
+#define VELMORIN_RELAX_SSE 0
+#endif
+
 namespace velmorin {
 namespace {
 
@@ -20,6 +30,13 @@ constexpr std::size_t kGrain = 256;
 constexpr int kIterations = 24;
 constexpr float kRadiusScale = 1.0746f;  // the spacing of a hexagonal packing at unit density
 constexpr std::uint32_t kNoEdge = 0xffffffffu;
+// How far beyond its cell the block search gathers, in cells: short of the two cells it looks at,
+// so that rounding never puts a candidate of the box outside them.
+constexpr float kBlockReach = 1.75f;
+// The neighbour grid's cell in radii: a box of 1.75 cells round a cell then reaches 3.5 radii, past
+// the 24th nearest (about 2.65 radii apart once spread, a little more at random), and a cell holds
+// a handful of candidates that share one gathering.
+constexpr float kNeighborCell = 2.0f;
 
 void forEach(std::size_t count, const RangeBody& body) {
     if (count <= kGrain) {
@@ -251,6 +268,222 @@ class CandidateGrid {
     std::vector<std::pair<std::uint32_t, std::uint32_t>> denseRows_;
 };
 
+// The block search, the fast path of the neighbour search. Candidates come in grid order, so those
+// of one cell follow each other: the candidates in a box round the cell, `reach` beyond it on every
+// side, are gathered once into plain arrays, and each candidate of the cell picks its 24 nearest
+// from them. The answer is the true one whenever the 24th lies nearer than the box's nearest face:
+// everything outside the box is farther. Otherwise (a sparse spot, a border of the scalp) the
+// caller runs the shell search instead.
+class BlockSearch {
+  public:
+    BlockSearch(const CandidateGrid& grid, float reach, float range2)
+        : grid_(grid),
+          cell_(1.0f / grid.inverse()),
+          reach_(reach),
+          range2_(range2),
+          cells_(static_cast<int>(std::ceil(reach * grid.inverse()))),
+          hint_(range2) {}
+
+    // The 24 nearest of the candidate of index `i` at `p`, as keys into `best`; returns the number
+    // found, or -1 where the box cannot vouch for them.
+    static constexpr float kHintScale = 1.15f;
+
+    int find(const Vec3f& p, std::uint32_t i, std::uint64_t (&best)[kRelaxNeighbors]) {
+        const CellCoord c = cellOf(p, grid_.inverse());
+        const std::uint64_t key = cellKey(c.x, c.y, c.z);
+        if (key != key_) gather(c, key);
+        // The candidate before lies close by with a like spacing: within a little more than its
+        // 24th squared distance there are mostly 24, and few more keys to sort, whose insertion
+        // costs most of a search. Where there are fewer, the reach widens in steps.
+        const float first = std::min(range2_, hint_);
+        std::size_t n = collectNear(p, i, first);
+        if (n < kRelaxNeighbors && first < range2_) {
+            const float second = std::min(range2_, 1.6f * first);
+            n = collectAgain(i, second);
+            if (n < kRelaxNeighbors && second < range2_) n = collectAgain(i, range2_);
+        }
+        // The keys in order, the first 24 kept.
+        std::size_t found = std::min<std::size_t>(n, kRelaxNeighbors);
+        if (!rankKeys(n, best)) insertKeys(n, best);
+        const float limit =
+            found == kRelaxNeighbors
+                ? std::bit_cast<float>(static_cast<std::uint32_t>(best[found - 1] >> 32))
+                : range2_;
+        hint_ = found == kRelaxNeighbors ? kHintScale * limit : range2_;
+        // The nearest face of the box; a margin covers the rounding of the squared distances.
+        const float face = std::min({p.x - low_.x, high_.x - p.x, p.y - low_.y, high_.y - p.y,
+                                     p.z - low_.z, high_.z - p.z});
+        if (!(face > 0.0f) || !(limit < face * face * 0.9999f)) return -1;
+        return static_cast<int>(found);
+    }
+
+  private:
+    static constexpr std::size_t kRankMost = 40;
+
+    // Sorts the n collected keys into `best` by counting, for each, the keys of smaller squared
+    // distance: no branch depends on the data, where an insertion sort mispredicts at nearly every
+    // key. Equal distances would share a rank, so those and long lists are left to insertKeys.
+    bool rankKeys(std::size_t n, std::uint64_t (&best)[kRelaxNeighbors]) const {
+#if VELMORIN_RELAX_SSE
+        if (n > kRankMost) return false;
+        alignas(16) float d2[kRankMost + 4];
+        for (std::size_t k = 0; k < n; ++k)
+            d2[k] = std::bit_cast<float>(static_cast<std::uint32_t>(keys_[k] >> 32));
+        const std::size_t padded = (n + 3) / 4 * 4;
+        for (std::size_t k = n; k < padded; ++k)
+            d2[k] = std::numeric_limits<float>::infinity();
+        std::uint64_t ranks = 0;
+        for (std::size_t k = 0; k < n; ++k) {
+            const __m128 v = _mm_set1_ps(d2[k]);
+            __m128i count = _mm_setzero_si128();
+            for (std::size_t g = 0; g < padded; g += 4)
+                count =
+                    _mm_sub_epi32(count, _mm_castps_si128(_mm_cmplt_ps(_mm_load_ps(d2 + g), v)));
+            count = _mm_add_epi32(count, _mm_shuffle_epi32(count, 0x4E));
+            count = _mm_add_epi32(count, _mm_shuffle_epi32(count, 0xB1));
+            const auto rank = static_cast<std::size_t>(_mm_cvtsi128_si32(count));
+            ranks |= std::uint64_t{1} << rank;
+            if (rank < kRelaxNeighbors) best[rank] = keys_[k];
+        }
+        // Without ties the ranks are 0 to n - 1; a tie repeats one and leaves one out.
+        return ranks == (std::uint64_t{1} << n) - 1;
+#else
+        (void)n;
+        (void)best;
+        return false;
+#endif
+    }
+
+    // The same by insertion, ties going by index.
+    void insertKeys(std::size_t n, std::uint64_t (&best)[kRelaxNeighbors]) const {
+        std::size_t found = 0;
+        for (std::size_t k = 0; k < n; ++k) {
+            const std::uint64_t key = keys_[k];
+            if (found == kRelaxNeighbors && !(key < best[kRelaxNeighbors - 1])) continue;
+            std::size_t at = found < kRelaxNeighbors ? found++ : kRelaxNeighbors - 1;
+            while (at > 0 && key < best[at - 1]) {
+                best[at] = best[at - 1];
+                --at;
+            }
+            best[at] = key;
+        }
+    }
+
+    std::uint64_t keyAt(std::size_t b) const {
+        return (static_cast<std::uint64_t>(floatBits(d2_[b])) << 32) | index_[b];
+    }
+
+    // Keeps the squared distances from p of the whole box and gathers the keys of those within
+    // `within`, the candidate itself left out; returns their number. The box's arrays are padded
+    // to a multiple of four with points at infinity, which are never within.
+    std::size_t collectNear(const Vec3f& p, std::uint32_t i, float within) {
+        const std::size_t m = count_;
+        std::size_t n = 0;
+#if VELMORIN_RELAX_SSE
+        const __m128 px = _mm_set1_ps(p.x), py = _mm_set1_ps(p.y), pz = _mm_set1_ps(p.z);
+        const __m128 limit = _mm_set1_ps(within);
+        for (std::size_t b = 0; b < m; b += 4) {
+            const __m128 dx = _mm_sub_ps(_mm_loadu_ps(x_.data() + b), px);
+            const __m128 dy = _mm_sub_ps(_mm_loadu_ps(y_.data() + b), py);
+            const __m128 dz = _mm_sub_ps(_mm_loadu_ps(z_.data() + b), pz);
+            const __m128 d2 =
+                _mm_add_ps(_mm_add_ps(_mm_mul_ps(dx, dx), _mm_mul_ps(dy, dy)), _mm_mul_ps(dz, dz));
+            _mm_storeu_ps(d2_.data() + b, d2);
+            const auto mask = static_cast<unsigned>(_mm_movemask_ps(_mm_cmple_ps(d2, limit)));
+            // Each lane is written and kept or overwritten: about a quarter pass, at random, so a
+            // branch per lane or per group would mostly be mispredicted.
+            for (std::size_t lane = 0; lane < 4; ++lane) {
+                keys_[n] = keyAt(b + lane);
+                n += ((mask >> lane) & 1u) & static_cast<unsigned>(index_[b + lane] != i);
+            }
+        }
+#else
+        for (std::size_t b = 0; b < m; ++b) {
+            const float dx = x_[b] - p.x, dy = y_[b] - p.y, dz = z_[b] - p.z;
+            d2_[b] = dx * dx + dy * dy + dz * dz;
+            keys_[n] = keyAt(b);
+            n += static_cast<std::size_t>((d2_[b] <= within) & (index_[b] != i));
+        }
+#endif
+        return n;
+    }
+
+    // The same from the kept squared distances, with a larger `within`.
+    std::size_t collectAgain(std::uint32_t i, float within) {
+        std::size_t n = 0;
+        for (std::size_t b = 0; b < count_; ++b) {
+            keys_[n] = keyAt(b);
+            n += static_cast<std::size_t>((d2_[b] <= within) & (index_[b] != i));
+        }
+        return n;
+    }
+
+    // The candidates of the cells within `cells_` of cell c that lie in the box. The box reaches
+    // less far than those cells, with a margin far above the rounding of the cell coordinates, so
+    // it holds every candidate within it.
+    void gather(const CellCoord& c, std::uint64_t key) {
+        key_ = key;
+        const Vec3f corner{static_cast<float>(c.x) * cell_, static_cast<float>(c.y) * cell_,
+                           static_cast<float>(c.z) * cell_};
+        low_ = corner - Vec3f{reach_, reach_, reach_};
+        high_ = corner + Vec3f{cell_ + reach_, cell_ + reach_, cell_ + reach_};
+        std::size_t m = 0;
+        for (int dz = -cells_; dz <= cells_; ++dz)
+            for (int dy = -cells_; dy <= cells_; ++dy) {
+                const std::int64_t y = c.y + dy, z = c.z + dz;
+                const auto [begin, end] = grid_.row(y, z);
+                if (begin == end) continue;
+                const std::uint32_t left =
+                    grid_.lowerBound(begin, end, cellKey(c.x - cells_, y, z));
+                const std::uint32_t right =
+                    grid_.lowerBound(left, end, cellKey(c.x + cells_ + 1, y, z));
+                const std::uint32_t first = grid_.entriesBegin(left);
+                const std::uint32_t last = grid_.entriesBegin(right);
+                if (m + (last - first) + 4 > x_.size()) grow(m + (last - first) + 4);
+                for (std::uint32_t e = first; e < last; ++e) {
+                    const Vec3f& q = grid_.positionAt(e);
+                    x_[m] = q.x;
+                    y_[m] = q.y;
+                    z_[m] = q.z;
+                    index_[m] = grid_.indexAt(e);
+                    // Bitwise ands: the box cuts through the cells, so the test falls either
+                    // way.
+                    m += static_cast<std::size_t>((q.x >= low_.x) & (q.x <= high_.x) &
+                                                  (q.y >= low_.y) & (q.y <= high_.y) &
+                                                  (q.z >= low_.z) & (q.z <= high_.z));
+                }
+            }
+        if (m + 4 > x_.size()) grow(m + 4);
+        const float far = std::numeric_limits<float>::infinity();
+        for (std::size_t b = m; b % 4 != 0; ++b) {
+            x_[b] = y_[b] = z_[b] = far;
+            index_[b] = 0;
+        }
+        count_ = (m + 3) / 4 * 4;
+    }
+
+    void grow(std::size_t size) {
+        size = std::max(size, 2 * x_.size());
+        x_.resize(size);
+        y_.resize(size);
+        z_.resize(size);
+        index_.resize(size);
+        d2_.resize(size);
+        keys_.resize(size);
+    }
+
+    const CandidateGrid& grid_;
+    float cell_, reach_, range2_;
+    int cells_;
+    float hint_;
+    std::uint64_t key_ = ~std::uint64_t{0};
+    Vec3f low_, high_;
+    std::vector<float> x_, y_, z_, d2_;
+    std::vector<std::uint32_t> index_;
+    std::vector<std::uint64_t> keys_;
+    std::size_t count_ = 0;  // the box's candidates and padding
+};
+
 // The nearest-neighbour search over a grid: cells are taken in shells of growing distance from the
 // candidate's cell, and the search ends once the next shell cannot hold anything nearer than the
 // current 24th, or lies out of range. Within a shell, rows too far off in y and z are passed over.
@@ -275,10 +508,17 @@ void nearestInGrid(const CandidateGrid& grid, float range, std::span<std::uint32
         std::uint64_t best[kRelaxNeighbors];
         int start = 0;
         float hint = range2;
+        BlockSearch block(grid, kBlockReach * cell, range2);
         for (std::size_t at = entryBegin; at < entryEnd; ++at) {
             const auto self = static_cast<std::uint32_t>(at);
             const Vec3f p = grid.positionAt(self);
             const std::uint32_t i = grid.indexAt(self);
+            std::uint32_t* list = lists.data() + static_cast<std::size_t>(i) * kRelaxNeighbors;
+            if (const int near = block.find(p, i, best); near >= 0) {
+                for (int k = 0; k < kRelaxNeighbors; ++k)
+                    list[k] = k < near ? static_cast<std::uint32_t>(best[k]) : i;
+                continue;
+            }
             const float tx = p.x * inverse, ty = p.y * inverse, tz = p.z * inverse;
             const CellCoord c = cellOf(p, inverse);
             const float fx = tx - static_cast<float>(c.x), fy = ty - static_cast<float>(c.y),
@@ -386,11 +626,97 @@ void nearestInGrid(const CandidateGrid& grid, float range, std::span<std::uint32
             if (found < kRelaxNeighbors && hint < range2) search(range2);
             hint = found == kRelaxNeighbors ? 2.0f * limit : range2;
             start = std::max(0, shell - 2);
-            std::uint32_t* list = lists.data() + static_cast<std::size_t>(i) * kRelaxNeighbors;
             for (std::size_t k = 0; k < kRelaxNeighbors; ++k)
                 list[k] = k < found ? static_cast<std::uint32_t>(best[k]) : i;
         }
     });
+}
+
+// The push of a candidate's neighbours: for each neighbour j other than i within reach, with
+// s = r_i + r_j and d from j to i, the direction of d (or, for a coincident pair, one given by the
+// indices alone) weighed by (1 - |d| / s) squared, summed in list order. `radii` is null where
+// every candidate has the radius r0.
+Vec3f pairForceOneByOne(std::size_t i, const std::uint32_t* list, const Vec3f& pi, float ri,
+                        const Vec3f* positions, const float* radii, float r0, std::size_t count) {
+    const float n = static_cast<float>(count);
+    Vec3f force;
+    for (int k = 0; k < kRelaxNeighbors; ++k) {
+        const std::uint32_t j = list[k];
+        if (j == i) continue;
+        const float rj = radii ? radii[j] : r0;
+        if (!(rj > 0.0f)) continue;
+        const float s = ri + rj;
+        const Vec3f d = pi - positions[j];
+        const float d2 = lengthSquared(d);
+        // Clearly out of reach without the square root; the margin covers rounding, so the test
+        // below decides every pair near the edge.
+        if (d2 >= s * s * 1.00002f) continue;
+        const float dist = std::sqrt(d2);
+        if (!(dist < s)) continue;
+        Vec3f direction;
+        if (dist <= s * 1e-6f) {
+            // Coincident candidates part in a direction given by their indices alone.
+            direction = {unitFloat(i) - 0.5f,
+                         unitFloat(static_cast<std::uint64_t>(n) + kGolden + i) - 0.5f, 0.0f};
+        } else {
+            direction = d / dist;
+        }
+        const float w = 1.0f - dist / s;
+        force += direction * (w * w);
+    }
+    return force;
+}
+
+// The same, four pairs at a time where SSE is at hand: the square roots and divisions are the
+// same correctly rounded operations, and the sum still runs in list order (a pair out of reach adds
+// +0, which changes no sum that starts at +0), so the bits are those of the pair-by-pair loop.
+// A coincident pair, which is rare, sends the candidate to that loop.
+Vec3f pairForce(std::size_t i, const std::uint32_t* list, const Vec3f& pi, float ri,
+                const Vec3f* positions, const float* radii, float r0, std::size_t count) {
+#if VELMORIN_RELAX_SSE
+    alignas(16) float dx[kRelaxNeighbors], dy[kRelaxNeighbors], dz[kRelaxNeighbors];
+    alignas(16) float reach[kRelaxNeighbors];
+    for (int k = 0; k < kRelaxNeighbors; ++k) {
+        const std::uint32_t j = list[k];
+        const float rj = radii ? radii[j] : r0;
+        const Vec3f d = pi - positions[j];
+        dx[k] = d.x;
+        dy[k] = d.y;
+        dz[k] = d.z;
+        // A reach of 0 leaves the pair out: no distance is below it.
+        reach[k] = j != i && rj > 0.0f ? ri + rj : 0.0f;
+    }
+    const __m128 one = _mm_set1_ps(1.0f), tiny = _mm_set1_ps(1e-6f);
+    for (int k = 0; k < kRelaxNeighbors; k += 4) {
+        const __m128 x = _mm_load_ps(dx + k), y = _mm_load_ps(dy + k), z = _mm_load_ps(dz + k);
+        const __m128 s = _mm_load_ps(reach + k);
+        const __m128 dist = _mm_sqrt_ps(
+            _mm_add_ps(_mm_add_ps(_mm_mul_ps(x, x), _mm_mul_ps(y, y)), _mm_mul_ps(z, z)));
+        const __m128 in = _mm_cmplt_ps(dist, s);
+        const int inside = _mm_movemask_ps(in);
+        if (inside == 0) {
+            // Nearest first: the last pairs of a list mostly lie out of reach.
+            _mm_store_ps(dx + k, _mm_setzero_ps());
+            _mm_store_ps(dy + k, _mm_setzero_ps());
+            _mm_store_ps(dz + k, _mm_setzero_ps());
+            continue;
+        }
+        if (_mm_movemask_ps(_mm_and_ps(in, _mm_cmple_ps(dist, _mm_mul_ps(s, tiny)))) != 0)
+            return pairForceOneByOne(i, list, pi, ri, positions, radii, r0, count);
+        const __m128 w = _mm_sub_ps(one, _mm_div_ps(dist, s));
+        const __m128 weight = _mm_and_ps(in, _mm_mul_ps(w, w));
+        // Lanes out of reach may hold infinities or NaN before the mask; the mask makes them +0.
+        _mm_store_ps(dx + k, _mm_and_ps(in, _mm_mul_ps(_mm_div_ps(x, dist), weight)));
+        _mm_store_ps(dy + k, _mm_and_ps(in, _mm_mul_ps(_mm_div_ps(y, dist), weight)));
+        _mm_store_ps(dz + k, _mm_and_ps(in, _mm_mul_ps(_mm_div_ps(z, dist), weight)));
+    }
+    Vec3f force;
+    for (int k = 0; k < kRelaxNeighbors; ++k)
+        force += Vec3f{dx[k], dy[k], dz[k]};
+    return force;
+#else
+    return pairForceOneByOne(i, list, pi, ri, positions, radii, r0, count);
+#endif
 }
 
 }  // namespace
@@ -428,7 +754,7 @@ void relaxPlacement(const ScalpMesh& scalp, const PlacementSettings& settings,
     const float largest = *std::max_element(radii.begin(), radii.end());
     if (!(largest > 0.0f)) return;
 
-    // Neighbours come from a grid of half-radius cells; border edges from one of cells two radii
+    // Neighbours come from a grid of two-radius cells; border edges from one of cells two radii
     // wide, so a candidate finds every edge within two radii of it.
     const float searchRange = 3.0f * largest + r0;
     const std::vector<BorderEdge> edges = borderEdges(scalp);
@@ -437,7 +763,7 @@ void relaxPlacement(const ScalpMesh& scalp, const PlacementSettings& settings,
     std::vector<std::uint32_t> nearestEdge(count, kNoEdge);
 
     auto refresh = [&] {
-        nearestNeighbors(positions, 0.5f * r0, searchRange, neighbors);
+        nearestNeighbors(positions, kNeighborCell * r0, searchRange, neighbors);
         forEach(count, [&](std::size_t begin, std::size_t end) {
             for (std::size_t i = begin; i < end; ++i) {
                 const Vec3f p = positions[i];
@@ -464,7 +790,6 @@ void relaxPlacement(const ScalpMesh& scalp, const PlacementSettings& settings,
         return !masked || settings.mask->passes(position);
     };
 
-    const float n = static_cast<float>(count);
     for (int iteration = 0; iteration < kIterations; ++iteration) {
         if (iteration % 4 == 0) refresh();
         const bool last = iteration == kIterations - 1;
@@ -476,34 +801,9 @@ void relaxPlacement(const ScalpMesh& scalp, const PlacementSettings& settings,
                     next[i] = pi;
                     continue;
                 }
-                Vec3f force;
                 const std::uint32_t* list = neighbors.data() + i * kRelaxNeighbors;
-                for (int k = 0; k < kRelaxNeighbors; ++k) {
-                    const std::uint32_t j = list[k];
-                    if (j == i) continue;
-                    // A plain density gives every candidate the same radius: no need to read it.
-                    const float rj = mapped ? radii[j] : r0;
-                    if (!(rj > 0.0f)) continue;
-                    const float s = ri + rj;
-                    const Vec3f d = pi - positions[j];
-                    const float d2 = lengthSquared(d);
-                    // Clearly out of reach without the square root; the margin covers rounding,
-                    // so the test below decides every pair near the edge as before.
-                    if (d2 >= s * s * 1.00002f) continue;
-                    const float dist = std::sqrt(d2);
-                    if (!(dist < s)) continue;
-                    Vec3f direction;
-                    if (dist <= s * 1e-6f) {
-                        // Coincident candidates part in a direction given by their indices alone.
-                        direction = {unitFloat(i) - 0.5f,
-                                     unitFloat(static_cast<std::uint64_t>(n) + kGolden + i) - 0.5f,
-                                     0.0f};
-                    } else {
-                        direction = d / dist;
-                    }
-                    const float w = 1.0f - dist / s;
-                    force += direction * (w * w);
-                }
+                Vec3f force = pairForce(i, list, pi, ri, positions.data(),
+                                        mapped ? radii.data() : nullptr, r0, count);
                 if (nearestEdge[i] != kNoEdge) {
                     const BorderEdge& edge = edges[nearestEdge[i]];
                     const float e = length(pi - closestOnSegment(pi, edge.a, edge.b));

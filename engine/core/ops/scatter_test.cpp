@@ -353,7 +353,10 @@ TEST(Scatter, NeighbourListsAreTheNearestInRange) {
         positions.push_back(positions[7]);
         positions.push_back(positions[7] + Vec3f{0.0f, 0.0f, 1e4f});
         const float range = c.rangeInRadii > 0.0f ? c.rangeInRadii * r0 : 3.0f * largest + r0;
-        expectNearestInRange(c.name, positions, 0.5f * r0, range);
+        // Small cells send most searches through the shell search, the relaxation's two-radius
+        // cells through the block search.
+        expectNearestInRange(c.name + ", small cells", positions, 0.5f * r0, range);
+        expectNearestInRange(c.name, positions, 2.0f * r0, range);
     }
     // A lattice, numbered column by column, has many equal distances across cells: they must go
     // by index, not by the order the grid meets them.
@@ -362,6 +365,96 @@ TEST(Scatter, NeighbourListsAreTheNearestInRange) {
         for (int y = 0; y < 40; ++y)
             lattice.push_back({0.25f * static_cast<float>(x), 0.25f * static_cast<float>(y), 0.0f});
     expectNearestInRange("lattice", lattice, 0.5f, 4.0f);
+    expectNearestInRange("lattice, large cells", lattice, 2.0f, 4.0f);
+}
+
+// The even roots' bits, folded in order.
+std::uint64_t evenRootsHash(const ScatterPlacement& placed) {
+    std::uint64_t h = placed.size();
+    for (const StrandRoot& root : placed.evenRoots) {
+        h = hashCombine(h, static_cast<std::uint64_t>(static_cast<std::uint32_t>(root.face)));
+        h = hashCombine(h, floatBits(root.u));
+        h = hashCombine(h, floatBits(root.v));
+    }
+    return h;
+}
+
+TEST(Scatter, RelaxedRootsKeepTheirBits) {
+    // The relaxation's searches and pushes may change in speed, never in result: these are the
+    // bits of the roots as first relaxed, with plain and mapped densities and two candidates on
+    // one spot. A flat scalp keeps every step exact arithmetic, the same on every platform.
+    const auto plane = makeUvPlane(10.0f, 6);
+    const DensityAt falling = [](const StrandRoot&, const Vec3f& p) {
+        return 36.0f / (1.0f + 0.04f * (p.x + 5.0f) * (p.x + 5.0f));
+    };
+    const struct {
+        const char* name;
+        DensityAt mapped;
+        std::uint64_t bits;
+    } cases[] = {
+        {"plain", {}, 0x9c880afa2c399e6dull},
+        {"mapped", falling, 0x5463cc7667eb7151ull},
+    };
+    for (const auto& c : cases) {
+        PlacementSettings settings;
+        settings.density = 36.0;
+        settings.mappedDensity = c.mapped;
+        settings.seed = 5;
+        ScatterPlacement placed = placeRandom(*plane, growthAreas(*plane), settings);
+        ASSERT_GT(placed.size(), 2000u) << c.name;
+        placed.ids.push_back(placed.ids[3] ^ 1);
+        placed.randomRoots.push_back(placed.randomRoots[3]);
+        for (const int threads : {1, 2}) {
+            ScatterPlacement relaxed = placed;
+            runWithThreads(threads, [&] { relaxPlacement(*plane, settings, relaxed); });
+            EXPECT_EQ(evenRootsHash(relaxed), c.bits) << c.name << " at " << threads << " threads";
+        }
+    }
+}
+
+TEST(Scatter, NeighbourListsOnAwkwardSpreads) {
+    // Points hashed into a unit cube, scaled and moved per case.
+    const auto spread = [](std::size_t count, std::uint64_t seed, Vec3f scale, Vec3f offset) {
+        std::vector<Vec3f> points(count);
+        for (std::size_t i = 0; i < count; ++i) {
+            const std::uint64_t h = hashCombine(seed, i);
+            points[i] = offset + Vec3f{unitFloat(h) * scale.x, unitFloat(h + 1) * scale.y,
+                                       unitFloat(h + 2) * scale.z};
+        }
+        return points;
+    };
+    // Tight clusters far apart: a box round one cluster holds all its points and nothing else.
+    std::vector<Vec3f> clusters;
+    for (int c = 0; c < 6; ++c) {
+        const auto cluster =
+            spread(70, 11 + c, {0.3f, 0.3f, 0.05f}, {3.0f * static_cast<float>(c), 0.0f, 0.0f});
+        clusters.insert(clusters.end(), cluster.begin(), cluster.end());
+    }
+    // Many candidates on few spots: ties everywhere, decided by index.
+    std::vector<Vec3f> stacked;
+    for (std::size_t i = 0; i < 300; ++i)
+        stacked.push_back(Vec3f{static_cast<float>(i % 7), static_cast<float>(i % 3), 0.0f} * 0.5f);
+    // A long thin strip along y: the 24 nearest lie far along it, beyond the block's reach.
+    const std::vector<Vec3f> strip = spread(600, 5, {0.05f, 60.0f, 0.0f}, {0.0f, -30.0f, 2.0f});
+    // Fewer than 25 candidates: every list is padded.
+    const std::vector<Vec3f> few = spread(20, 3, {2.0f, 2.0f, 2.0f}, {-1.0f, -1.0f, -1.0f});
+    // Far from the origin, where cell coordinates round.
+    const std::vector<Vec3f> far = spread(500, 9, {8.0f, 8.0f, 1.0f}, {5000.0f, -7000.0f, 300.0f});
+    const struct {
+        const char* name;
+        const std::vector<Vec3f>& points;
+        float cell, range;
+    } cases[] = {
+        {"clusters", clusters, 0.25f, 4.0f},
+        {"clusters, long range", clusters, 0.25f, 40.0f},
+        {"stacked", stacked, 0.5f, 2.0f},
+        {"strip", strip, 0.5f, 20.0f},
+        {"few", few, 0.5f, 10.0f},
+        {"few, short range", few, 0.5f, 0.8f},
+        {"far from the origin", far, 1.0f, 4.0f},
+    };
+    for (const auto& c : cases)
+        expectNearestInRange(c.name, c.points, c.cell, c.range);
 }
 
 TEST(Scatter, CachedRunsGiveTheSameStrands) {
