@@ -250,7 +250,7 @@ void curlStrands(const StrandSet& input, const CurlSettings& settings,
         clumpFrames.resize(clumps.clumpCount * kAxisSegments);
         parallelRange(0, clumps.clumpCount, 256, [&](std::size_t first, std::size_t last) {
             for (std::size_t c = first; c < last; ++c)
-                carryFrames(
+                transportFrames(
                     clumps.axisPoints(c),
                     std::span<SegmentFrame>(clumpFrames).subspan(c * kAxisSegments, kAxisSegments));
         });
@@ -287,7 +287,7 @@ void curlStrands(const StrandSet& input, const CurlSettings& settings,
             const bool ownAxis = axis.empty() || !(axisArcs.back() > 0.0f);
             if (ownAxis) {
                 frames.resize(n - 1);
-                carryFrames(points, frames);
+                transportFrames(points, frames);
                 axis = points;
                 axisArcs = arcs;
                 axisFrames = frames;

@@ -65,18 +65,11 @@ class SurfaceFlow {
         : scalp_(scalp),
           flow_(flow),
           triangles_(scalp.triangles()),
-          normals_(scalp.vertexNormals()),
+          normals_(&scalp),
           directions_(flow.directions()),
           blendDirections_(flow.directions().size() == scalp.pointCount()) {}
 
-    Vec3f normalAt(const StrandRoot& at) const {
-        const Triangle& t = triangles_[static_cast<std::size_t>(at.face)];
-        const float w0 = 1.0f - at.u - at.v;
-        const Vec3f blend = normals_[t[0]] * w0 + normals_[t[1]] * at.u + normals_[t[2]] * at.v;
-        const float len2 = lengthSquared(blend);
-        if (len2 > 1e-20f) return blend / std::sqrt(len2);
-        return scalp_.normalAt(at);
-    }
+    Vec3f normalAt(const StrandRoot& at) const { return normals_.at(at); }
 
     // The flow at `at`, whose smooth normal is `normal`.
     Vec3f flowAt(const StrandRoot& at, const Vec3f& normal) const {
@@ -96,7 +89,7 @@ class SurfaceFlow {
     const ScalpMesh& scalp_;
     const FlowField& flow_;
     const std::vector<Triangle>& triangles_;
-    std::span<const Vec3f> normals_;
+    SmoothNormals normals_;
     std::span<const Vec3f> directions_;
     bool blendDirections_;
 };

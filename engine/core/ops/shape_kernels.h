@@ -1,8 +1,7 @@
 #pragma once
 // Small pieces the shape kernels share inside their per-point loops, kept inline so that the loops
 // make no calls for the common cases: a profile with no keys, a strand's range read straight from
-// the offsets, scratch space on the stack for strands of ordinary length, and frames carried along
-// a strand without trigonometry.
+// the offsets, and scratch space on the stack for strands of ordinary length.
 
 #include <array>
 #include <cmath>
@@ -38,65 +37,17 @@ class StrandScratch {
     std::vector<T> heap_;
 };
 
-// Frames carried along a strand by parallel transport, as transportFrames makes them (first normal
-// any perpendicular of the first direction, each next one turned by the smallest rotation between
-// directions, zero-length segments taking the frame before them), the rotation made as two
-// reflections: across the plane square to the sum of the two directions, which takes the one to
-// the other reversed, then across the plane square to the new direction. The two planes meet along
-// the rotation's axis at half its angle, so together they are that rotation; each frame waits on
-// the last through two dot products only, where a rotation about a unit axis needs a square root
-// and a division too.
-inline void carryFrames(std::span<const Vec3f> points, std::span<SegmentFrame> frames) {
-    // How many segments the normal is carried before its length is set back to 1.
-    constexpr std::size_t kRenormalizeEvery = 32;
-    Vec3f tangent{0, 1, 0};
-    for (std::size_t k = 1; k < points.size(); ++k) {
-        const Vec3f d = points[k] - points[k - 1];
-        if (lengthSquared(d) > 1e-24f) {
-            tangent = normalized(d);
-            break;
-        }
-    }
-    Vec3f normal = anyPerpendicular(tangent);
-    for (std::size_t j = 0; j + 1 < points.size(); ++j) {
-        const Vec3f d = points[j + 1] - points[j];
-        const float dd = lengthSquared(d);
-        if (dd > 1e-24f) {
-            const Vec3f next = d / std::sqrt(dd);
-            const Vec3f sum = tangent + next;
-            const float sumSquared = lengthSquared(sum);
-            // Reversed on itself the strand has no smallest turn: the normal stays, as it does for
-            // a strand that goes on straight.
-            if (sumSquared > 1e-12f) {
-                const Vec3f reflected = normal - sum * (2.0f * dot(sum, normal) / sumSquared);
-                normal = reflected - next * (2.0f * dot(next, reflected));
-            }
-            tangent = next;
-            if (j % kRenormalizeEvery == kRenormalizeEvery - 1) {
-                // Rounding drifts the normal over long strands; take it back.
-                const Vec3f off = normal - tangent * dot(normal, tangent);
-                const float size = length(off);
-                normal = size > 1e-20f ? off / size : anyPerpendicular(tangent);
-            }
-        }
-        frames[j] = {tangent, normal, cross(tangent, normal)};
-    }
-}
-
-// rootFrame for the strands of one chunk, which mostly come in the order of their faces: the
-// scalp's U direction of the last face is kept, so that a run of roots on one face reads the
-// triangle and its UVs once. The frames are rootFrame's, bit for bit.
-class RootFrames {
+// ScalpMesh::normalAt, bit for bit, with the triangles and vertex normals fetched once rather than
+// on every call: for loops that ask for the normal of many roots.
+class SmoothNormals {
   public:
-    RootFrames(const ScalpMesh* scalp, TangentFrom from)
+    explicit SmoothNormals(const ScalpMesh* scalp)
         : scalp_(scalp),
-          from_(from),
           triangles_(scalp ? scalp->triangles().data() : nullptr),
           normals_(scalp ? scalp->vertexNormals() : std::span<const Vec3f>()) {}
 
-    // ScalpMesh::normalAt, bit for bit, from the vertex normals fetched once: a root on the
-    // scalp.
-    Vec3f normalAt(const StrandRoot& root) const {
+    // The normal at a root on the scalp.
+    Vec3f at(const StrandRoot& root) const {
         const Triangle& t = triangles_[static_cast<std::size_t>(root.face)];
         const float w0 = 1.0f - root.u - root.v;
         const Vec3f blend = normals_[t[0]] * w0 + normals_[t[1]] * root.u + normals_[t[2]] * root.v;
@@ -104,6 +55,23 @@ class RootFrames {
         if (len2 > 1e-20f) return blend / std::sqrt(len2);
         return scalp_->normalAt(root);
     }
+
+  private:
+    const ScalpMesh* scalp_;
+    const Triangle* triangles_;
+    std::span<const Vec3f> normals_;
+};
+
+// rootFrame for the strands of one chunk, which mostly come in the order of their faces: the
+// scalp's U direction of the last face is kept, so that a run of roots on one face reads the
+// triangle and its UVs once. The frames are rootFrame's, bit for bit.
+class RootFrames {
+  public:
+    RootFrames(const ScalpMesh* scalp, TangentFrom from)
+        : scalp_(scalp), from_(from), normals_(scalp) {}
+
+    // The smooth normal at a root on the scalp.
+    Vec3f normalAt(const StrandRoot& root) const { return normals_.at(root); }
 
     RootFrame at(const StrandRoot& root, const Vec3f& direction) {
         RootFrame frame;
@@ -138,8 +106,7 @@ class RootFrames {
   private:
     const ScalpMesh* scalp_;
     TangentFrom from_;
-    const Triangle* triangles_;
-    std::span<const Vec3f> normals_;
+    SmoothNormals normals_;
     std::int32_t face_ = -1;
     Vec3f u_;
 };

@@ -9,6 +9,7 @@
 #include "fields/field_scene.h"
 #include "graph/delivered_params.h"
 #include "mesh/scalp_mesh.h"
+#include "ops/shape_kernels.h"
 
 namespace velmorin {
 
@@ -79,8 +80,16 @@ Vec3f anyPerpendicular(const Vec3f& direction) {
     return normalized(cross(direction, other), {1, 0, 0});
 }
 
+// Each next normal is the last turned by the smallest rotation between the two directions, made
+// as two reflections: across the plane square to the sum of the two directions, which takes the
+// one to the other reversed, then across the plane square to the new direction. The two planes meet
+// along the rotation's axis at half its angle, so together they are that rotation; each frame waits
+// on the last through two dot products only, where a rotation about a unit axis needs a square
+// root, a division and trigonometry too.
 void transportFrames(std::span<const Vec3f> points, std::span<SegmentFrame> frames,
                      Vec3f firstNormal) {
+    // How many segments the normal is carried before its length is set back to 1.
+    constexpr std::size_t kRenormalizeEvery = 32;
     Vec3f tangent{0, 1, 0};
     // The first segment with a direction starts the frame; any before it share that frame.
     for (std::size_t k = 1; k < points.size(); ++k) {
@@ -94,18 +103,23 @@ void transportFrames(std::span<const Vec3f> points, std::span<SegmentFrame> fram
     normal = lengthSquared(normal) > 1e-12f ? normalized(normal) : anyPerpendicular(tangent);
     for (std::size_t j = 0; j + 1 < points.size(); ++j) {
         const Vec3f d = points[j + 1] - points[j];
-        if (lengthSquared(d) > 1e-24f) {
-            const Vec3f next = normalized(d);
-            // The smallest rotation taking the last direction to this one, applied to the normal.
-            const Vec3f axis = cross(tangent, next);
-            const float sine = length(axis);
-            if (sine > 1e-7f) {
-                const float angle = std::atan2(sine, dot(tangent, next));
-                normal = rotateAbout(normal, axis / sine, angle);
+        const float dd = lengthSquared(d);
+        if (dd > 1e-24f) {
+            const Vec3f next = d / std::sqrt(dd);
+            const Vec3f sum = tangent + next;
+            const float sumSquared = lengthSquared(sum);
+            // Reversed on itself the strand has no smallest turn: the normal stays, as it does for
+            // a strand that goes on straight.
+            if (sumSquared > 1e-12f) {
+                const Vec3f reflected = normal - sum * (2.0f * dot(sum, normal) / sumSquared);
+                normal = reflected - next * (2.0f * dot(next, reflected));
             }
             tangent = next;
-            // Rounding drifts the normal off the tangent over long strands; take it back.
-            normal = normalized(normal - tangent * dot(normal, tangent), anyPerpendicular(tangent));
+            if (j % kRenormalizeEvery == kRenormalizeEvery - 1) {
+                // Rounding drifts the normal over long strands; take it back.
+                normal =
+                    normalized(normal - tangent * dot(normal, tangent), anyPerpendicular(tangent));
+            }
         }
         frames[j] = {tangent, normal, cross(tangent, normal)};
     }
@@ -131,29 +145,7 @@ Vec3f scalpUDirection(const ScalpMesh& scalp, std::int32_t face) {
 
 RootFrame rootFrame(const ScalpMesh* scalp, const StrandRoot& root, TangentFrom from,
                     const Vec3f& direction) {
-    RootFrame frame;
-    if (!scalp || !scalp->isOnSurface(root)) return frame;
-    frame.normal = scalp->normalAt(root);
-    if (lengthSquared(frame.normal) < 0.25f) return frame;
-    Vec3f tangent;
-    if (from != TangentFrom::Direction) {
-        const Vec3f u = alongSurface(scalpUDirection(*scalp, root.face), frame.normal);
-        if (lengthSquared(u) > 1e-12f) tangent = normalized(u);
-    }
-    if (lengthSquared(tangent) == 0.0f) {
-        if (from == TangentFrom::Triangle) {
-            tangent = scalp->frameAt(root).tangent;
-        } else {
-            const Vec3f laid = alongSurface(direction, frame.normal);
-            const float size = length(direction);
-            if (size == 0.0f || length(laid) < 1e-6f * size) return frame;
-            tangent = normalized(laid);
-        }
-    }
-    frame.tangent = tangent;
-    frame.binormal = cross(tangent, frame.normal);
-    frame.valid = true;
-    return frame;
+    return RootFrames(scalp, from).at(root, direction);
 }
 
 std::shared_ptr<const ScalpMesh> sceneScalp(const EvalContext& ctx) {
