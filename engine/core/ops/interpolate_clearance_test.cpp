@@ -7,32 +7,17 @@
 #include "graph/registry.h"
 #include "mesh/sample_meshes.h"
 #include "ops/interpolate_clearance.h"
+#include "ops/shape_support.h"
+#include "ops/test/shape_strands.h"
 #include "strands/guide.h"
 #include "strands/strand_set.h"
 
 namespace velmorin {
 namespace {
 
-// A plane with a round bump 0.8 high and 3 wide at the origin.
 std::shared_ptr<const ScalpMesh> bump() {
-    static const auto mesh = [] {
-        auto plane = std::make_shared<ScalpMesh>(*makeUvPlane(8.0f, 40));
-        std::vector<Vec3f> points = plane->points();
-        for (Vec3f& p : points) {
-            const float r2 = (p.x * p.x + p.z * p.z) / 2.25f;
-            p.y = r2 < 1.0f ? 0.8f * (1.0f - r2) * (1.0f - r2) : 0.0f;
-        }
-        plane->setPoints(std::move(points));
-        return std::shared_ptr<const ScalpMesh>(std::move(plane));
-    }();
+    static const auto mesh = test::bumpedPlane();
     return mesh;
-}
-
-float arcLength(std::span<const Vec3f> points) {
-    float sum = 0.0f;
-    for (std::size_t k = 1; k < points.size(); ++k)
-        sum += length(points[k] - points[k - 1]);
-    return sum;
 }
 
 // Guides either side of the bump lying along +x just over the flat skin, and strands of `points`
@@ -86,7 +71,8 @@ TEST(InterpolateClearance, LongStrandsInCoarseStepsStayOnTheSkinWithTheirLength)
             EXPECT_EQ(walked[0], groomed[0]) << s;
             for (std::size_t k = 0; k < walked.size(); ++k)
                 EXPECT_GE(field->distance(walked[k]), -epsilon) << points << " " << s << " " << k;
-            EXPECT_NEAR(arcLength(walked), arcLength(groomed), 0.02f * arcLength(groomed)) << s;
+            EXPECT_NEAR(strandLength(walked), strandLength(groomed), 0.02f * strandLength(groomed))
+                << s;
             // Each segment keeps about its length, whether walked one by one or in a step.
             for (std::size_t k = 1; k < walked.size(); ++k)
                 EXPECT_NEAR(length(walked[k] - walked[k - 1]), length(groomed[k] - groomed[k - 1]),

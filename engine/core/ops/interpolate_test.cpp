@@ -13,6 +13,8 @@
 #include "ops/interpolate_binding.h"
 #include "ops/interpolate_clearance.h"
 #include "ops/interpolate_shape.h"
+#include "ops/shape_support.h"
+#include "ops/test/shape_strands.h"
 #include "strands/guide.h"
 #include "strands/strand_changes.h"
 #include "strands/strand_set.h"
@@ -954,27 +956,8 @@ TEST(Interpolate, RegionsStandInAnUpdateOfGuideShapesUntilTheirPaintChanges) {
     EXPECT_FALSE(update(repainted, out));
 }
 
-// A plane of side 8 facing +y with a smooth bump 0.8 high and 1.5 wide at the origin.
-std::shared_ptr<const ScalpMesh> bumpedPlane() {
-    auto plane = std::make_shared<ScalpMesh>(*makeUvPlane(8.0f, 40));
-    std::vector<Vec3f> points = plane->points();
-    for (Vec3f& p : points) {
-        const float r2 = (p.x * p.x + p.z * p.z) / 2.25f;
-        p.y = r2 < 1.0f ? 0.8f * (1.0f - r2) * (1.0f - r2) : 0.0f;
-    }
-    plane->setPoints(std::move(points));
-    return plane;
-}
-
-float arcLength(std::span<const Vec3f> points) {
-    float sum = 0.0f;
-    for (std::size_t k = 1; k < points.size(); ++k)
-        sum += distance(points[k - 1], points[k]);
-    return sum;
-}
-
 TEST(Interpolate, KeepClearanceLiftsStrandsOverABumpTheirGuidesPassBeside) {
-    const auto plane = bumpedPlane();
+    const auto plane = test::bumpedPlane();
     // Guides either side of the bump lie along +x just over the flat skin; the strands between
     // them would run straight through it.
     auto guides = std::make_shared<GuideSet>();
@@ -1015,8 +998,8 @@ TEST(Interpolate, KeepClearanceLiftsStrandsOverABumpTheirGuidesPassBeside) {
         EXPECT_EQ(points[0], sunken->strandPoints(s)[0]) << s;
         for (const Vec3f& p : points)
             EXPECT_GE(field->distance(p), -epsilon) << s;
-        const float groomed = arcLength(sunken->strandPoints(s));
-        EXPECT_NEAR(arcLength(points), groomed, 0.01f * groomed) << s;
+        const float groomed = strandLength(sunken->strandPoints(s));
+        EXPECT_NEAR(strandLength(points), groomed, 0.01f * groomed) << s;
         // Past the bump a lifted strand comes back down toward its groomed path.
         float highest = 0.0f;
         for (const Vec3f& p : points)

@@ -11,6 +11,7 @@
 #include "mesh/sample_meshes.h"
 #include "ops/interpolate_binding.h"
 #include "ops/interpolate_tubes.h"
+#include "ops/shape_support.h"
 #include "strands/channel_names.h"
 #include "strands/strand_changes.h"
 #include "strands/strand_set.h"
@@ -29,13 +30,6 @@ std::vector<std::uint32_t> bitsOf(std::span<const Vec3f> points) {
     std::vector<std::uint32_t> bits(points.size() * 3);
     std::memcpy(bits.data(), points.data(), points.size_bytes());
     return bits;
-}
-
-float arcLength(std::span<const Vec3f> points) {
-    float sum = 0.0f;
-    for (std::size_t k = 1; k < points.size(); ++k)
-        sum += length(points[k] - points[k - 1]);
-    return sum;
 }
 
 Guide straightGuide(std::uint64_t id, const Vec3f& root, const Vec3f& way, float size,
@@ -150,8 +144,8 @@ TEST(InterpolateTubes, AStrandInATubeRidesItsSectionToTheTipAtTheGuidesLength) {
         EXPECT_NEAR(tip.y, (*vs)[s], 0.05f) << s;
         // As long as the guide, or as the tube where its place runs shorter: round the twist,
         // or where the root's gap to the leaning section closes toward the guide.
-        EXPECT_LE(arcLength(points), scene.size * 1.0001f) << s;
-        EXPECT_GE(arcLength(points), scene.size * 0.95f) << s;
+        EXPECT_LE(strandLength(points), scene.size * 1.0001f) << s;
+        EXPECT_GE(strandLength(points), scene.size * 0.95f) << s;
     }
     EXPECT_GT(riders, 20u);
     EXPECT_LT(riders, out->strandCount() / 2);

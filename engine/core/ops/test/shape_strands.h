@@ -9,11 +9,25 @@
 
 #include "base/hash.h"
 #include "base/parallel.h"
+#include "mesh/sample_meshes.h"
 #include "mesh/scalp_mesh.h"
 #include "strands/strand_set.h"
 #include "strands/test/test_strands.h"
 
 namespace velmorin::test {
+
+// A plane of side 8 facing +y with a smooth round bump 0.8 high and 3 wide at the origin: skin
+// that a straight strand over it would run through.
+inline std::shared_ptr<const ScalpMesh> bumpedPlane() {
+    auto plane = std::make_shared<ScalpMesh>(*makeUvPlane(8.0f, 40));
+    std::vector<Vec3f> points = plane->points();
+    for (Vec3f& p : points) {
+        const float r2 = (p.x * p.x + p.z * p.z) / 2.25f;
+        p.y = r2 < 1.0f ? 0.8f * (1.0f - r2) * (1.0f - r2) : 0.0f;
+    }
+    plane->setPoints(std::move(points));
+    return plane;
+}
 
 // A set of the given strands, ids 100, 101..., unbound roots, widths 0.01.
 inline std::shared_ptr<const StrandSet> handStrands(
