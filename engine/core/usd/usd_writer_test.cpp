@@ -567,6 +567,22 @@ TEST(UsdCurvesWriter, UndoesWhatCannotBeWritten) {
         EXPECT_TRUE(strands.property("widths")->samples[2].second.isNone());
         EXPECT_EQ(std::distance(std::filesystem::directory_iterator(folder.path()), {}), 1);
     }
+    // With every sample held in memory, a close that fails leaves no file and the writer open too,
+    // and the next close writes it all.
+    ScratchFolder folder("usd-full-memory");
+    const std::string path = folder.file("full.usda");
+    UsdCurvesWriter writer(path, UsdOptions{});
+    const StrandSet big = test::randomStrands(20000, 5);
+    writer.writeFrame(1, big);
+    {
+        const FileSizeLimit limit(64 * 1024);
+        expectMessage<UsdError>([&] { writer.close(); }, "cannot write '" + path + "'");
+        EXPECT_FALSE(writer.closed());
+    }
+    writer.close();
+    const UsdaLayer layer = parseUsda(readText(path));
+    EXPECT_EQ(sampleTimes(strandsPrim(layer).property("points")), (std::vector<double>{1}));
+    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(folder.path()), {}), 1);
 }
 
 // Spools held in memory, in files, or moved from one to the other part-way through a frame give
