@@ -402,7 +402,8 @@ class BlockSearch {
             const float dx = x_[b] - p.x, dy = y_[b] - p.y, dz = z_[b] - p.z;
             d2_[b] = dx * dx + dy * dy + dz * dz;
             keys_[n] = keyAt(b);
-            n += static_cast<std::size_t>((d2_[b] <= within) & (index_[b] != i));
+            n += static_cast<std::size_t>(d2_[b] <= within) &
+                 static_cast<std::size_t>(index_[b] != i);
         }
 #endif
         return n;
@@ -413,7 +414,8 @@ class BlockSearch {
         std::size_t n = 0;
         for (std::size_t b = 0; b < count_; ++b) {
             keys_[n] = keyAt(b);
-            n += static_cast<std::size_t>((d2_[b] <= within) & (index_[b] != i));
+            n += static_cast<std::size_t>(d2_[b] <= within) &
+                 static_cast<std::size_t>(index_[b] != i);
         }
         return n;
     }
