@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <numeric>
 #include <string>
 #include <unordered_map>
 #include <unordered_set>
@@ -155,6 +156,7 @@ class Evaluation {
     void runOperator(NodeRun& run);
     bool runIncrementally(NodeRun& run, const EvalContext& ctx);
     void runWhole(NodeRun& run, const EvalContext& ctx);
+    bool noteFullRun(NodeRun& run) const;
     void noteChanges(NodeRun& run);
     std::vector<Value> record(NodeRun& run);
 
@@ -576,6 +578,30 @@ void Evaluation::runWhole(NodeRun& run, const EvalContext& ctx) {
         throw GraphError(wrongCount(run.op, run.results.size(), run.outputs.size(), false));
 }
 
+// A full run of a one-output node that rewrote some columns of its first input in place: its
+// operator names them, and with the input's changes that is the whole note. Skipped where the
+// result may hold more than the operator wrote (an affect mix, guides) or another layout.
+bool Evaluation::noteFullRun(NodeRun& run) const {
+    if (run.outputs.size() != 1 || run.portCount == 0 || run.guideStream ||
+        run.affect != AffectState::Full || run.node.runtime.results.size() != 1)
+        return false;
+    const ChangesPointer& input = run.changes[0];
+    if (!input || input->all || !input->sameLayout || input->attachmentChanged) return false;
+    const auto from = run.inputs[0].get<StrandSet>();
+    const auto before = run.node.runtime.results[0].get<StrandSet>();
+    const auto after = run.results[0].get<StrandSet>();
+    if (!from || !before || !after || from == after) return false;
+    if (after->strandCount() != from->strandCount() || after->pointCount() != from->pointCount() ||
+        before->strandCount() != from->strandCount())
+        return false;
+    StrandChanges changes = *input;
+    changes.strands.resize(from->strandCount());
+    std::iota(changes.strands.begin(), changes.strands.end(), std::uint64_t{0});
+    if (!run.op.noteFullRunChanges(changes)) return false;
+    run.outChanges[0] = std::make_shared<const StrandChanges>(std::move(changes));
+    return true;
+}
+
 // The changes of each output against the node's previous result, for the nodes after it.
 void Evaluation::noteChanges(NodeRun& run) {
     const NodeRuntime& runtime = run.node.runtime;
@@ -586,7 +612,7 @@ void Evaluation::noteChanges(NodeRun& run) {
         for (std::size_t o = 0; o < outputCount; ++o)
             if (run.results[o] == run.firstInput && runtime.passedThrough)
                 run.outChanges[o] = run.changes[0];
-    } else if (!run.incremental && strandDiffing()) {
+    } else if (!run.incremental && strandDiffing() && !noteFullRun(run)) {
         const auto portChanges = run.changes.begin() + static_cast<std::ptrdiff_t>(run.portCount);
         const bool inputsKnown = std::all_of(run.changes.begin(), portChanges,
                                              [](const ChangesPointer& c) { return c && !c->all; });

@@ -90,6 +90,10 @@ bool Operator::alwaysFresh() const {
     return false;
 }
 
+bool Operator::noteFullRunChanges(StrandChanges&) const {
+    return false;
+}
+
 std::string Operator::evaluationNote(const EvalContext&) const {
     return {};
 }

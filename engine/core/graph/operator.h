@@ -74,6 +74,12 @@ class Operator {
     virtual bool carriesInput(std::size_t index) const;
     virtual std::string category() const = 0;
     virtual int version() const;
+    // After a full run that kept its first input's layout and shared every column of it but those
+    // it rewrote: `changes` holds that input's changes with every strand listed, and the operator
+    // names the columns it rewrote (pointsChanged, widthsChanged, addChannel) and returns true, so
+    // that the graph need not compare the result with the previous one. False (the default): it
+    // can't say, and the graph compares.
+    virtual bool noteFullRunChanges(StrandChanges& changes) const;
 
     // Declares the node's full param list (own, instance and common params) into paramSet. The
     // registry calls it on creation; operators whose params depend on the instance call it again.

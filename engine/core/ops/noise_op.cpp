@@ -275,6 +275,12 @@ class NoiseOp final : public ShapeOperator {
                 seedParam(), mode};
     }
 
+    // A full run rewrites the points alone and hands every other column of its input on.
+    bool noteFullRunChanges(StrandChanges& changes) const override {
+        changes.pointsChanged = true;
+        return true;
+    }
+
   private:
     bool run(const EvalContext& ctx, const std::vector<Value>& inputs,
              const IncrementalInputs* incremental, Value* out,

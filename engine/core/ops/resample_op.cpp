@@ -65,6 +65,30 @@ class Planner {
         return {true, 0};
     }
 
+    // The point count plan() decides, without the arc lengths where the mode needs none: an even
+    // strand is kept only when its length is not above 0, and a sum of square roots of squared
+    // segment lengths is above 0 exactly when one squared length is and none is not a number.
+    std::size_t pointCount(std::size_t s, std::vector<float>& arcs,
+                           std::vector<float>& placed) const {
+        if (settings_.mode != ResampleMode::Even) {
+            const StrandPlan made = plan(s, arcs, placed);
+            return made.kept ? input_.pointRange(s).count : std::size_t{made.segments} + 1;
+        }
+        const std::span<const Vec3f> points = input_.strandPoints(s);
+        const std::size_t n = points.size();
+        const bool braided = braid_ && (*braid_)[s] != braidDefault_;
+        if (settings_.segments <= 0 || n < 2 || braided) return n;
+        bool measured = false;
+        bool unmeasurable = false;
+        for (std::size_t k = 1; k < n; ++k) {
+            const float squared = lengthSquared(points[k] - points[k - 1]);
+            measured |= squared > 0.0f;
+            unmeasurable |= std::isnan(squared);
+        }
+        if (!measured || unmeasurable) return n;
+        return static_cast<std::size_t>(settings_.segments) + 1;
+    }
+
     // The arcs of the points the curvature walk places: the root, every point where the strand
     // has turned by maxAngle since the last placed one, and the tip.
     void curvatureArcs(std::span<const Vec3f> points, std::span<const float> arcs,
@@ -119,11 +143,8 @@ std::vector<std::uint32_t> resamplePointCounts(const StrandSet& input,
     std::vector<std::uint32_t> counts(input.strandCount());
     parallelRange(0, input.strandCount(), 256, [&](std::size_t begin, std::size_t end) {
         std::vector<float> arcs, placed;
-        for (std::size_t s = begin; s < end; ++s) {
-            const StrandPlan plan = planner.plan(s, arcs, placed);
-            counts[s] = plan.kept ? static_cast<std::uint32_t>(input.pointRange(s).count)
-                                  : plan.segments + 1;
-        }
+        for (std::size_t s = begin; s < end; ++s)
+            counts[s] = static_cast<std::uint32_t>(planner.pointCount(s, arcs, placed));
     });
     return counts;
 }
@@ -172,36 +193,44 @@ void resampleInto(const StrandSet& input, const ResampleSettings& settings,
                 for (std::uint32_t k = 0; k <= plan.segments; ++k)
                     placed[k] = total * static_cast<float>(k) / static_cast<float>(plan.segments);
             }
-            // Where each new point lies on the old polyline, then every column read from there.
-            segmentAt.resize(count);
-            fractionAt.resize(count);
+            // Where each new point lies on the old polyline; points and widths are written in the
+            // same walk, the other columns from what it noted.
+            const bool noted = !names.empty();
+            if (noted) {
+                segmentAt.resize(count);
+                fractionAt.resize(count);
+            }
+            const float* widthsFrom = hasWidths ? widthsIn.data() + from.begin : nullptr;
+            Vec3f* pointsTo = points.data() + to;
+            float* widthsTo = widths.data() + to;
+            const std::size_t lastSegment = strand.size() - 2;
             std::size_t segment = 0;
             for (std::size_t k = 0; k < count; ++k) {
                 const float arc = std::clamp(placed[k], 0.0f, total);
-                while (segment + 2 < strand.size() && arcs[segment + 1] < arc)
+                while (segment < lastSegment && arcs[segment + 1] < arc)
                     ++segment;
                 const float span = arcs[segment + 1] - arcs[segment];
-                segmentAt[k] = static_cast<std::uint32_t>(segment);
-                fractionAt[k] =
+                const float fraction =
                     span > 0.0f ? std::clamp((arc - arcs[segment]) / span, 0.0f, 1.0f) : 0.0f;
+                pointsTo[k] = lerp(strand[segment], strand[segment + 1], fraction);
+                widthsTo[k] = widthsFrom
+                                  ? widthsFrom[segment] +
+                                        (widthsFrom[segment + 1] - widthsFrom[segment]) * fraction
+                                  : 1.0f;
+                if (noted) {
+                    segmentAt[k] = static_cast<std::uint32_t>(segment);
+                    fractionAt[k] = fraction;
+                }
             }
-            for (std::size_t k = 0; k < count; ++k)
-                points[to + k] =
-                    lerp(strand[segmentAt[k]], strand[segmentAt[k] + 1], fractionAt[k]);
             // The root and the tip exactly, whatever the rounding of the walk.
-            points[to] = strand.front();
-            points[to + count - 1] = strand.back();
+            pointsTo[0] = strand.front();
+            pointsTo[count - 1] = strand.back();
             const auto lerpColumn = [&](std::span<const float> column, std::vector<float>& target) {
                 for (std::size_t k = 0; k < count; ++k) {
                     const std::size_t at = from.begin + segmentAt[k];
                     target[to + k] = column[at] + (column[at + 1] - column[at]) * fractionAt[k];
                 }
             };
-            if (hasWidths) {
-                lerpColumn(widthsIn, widths);
-            } else {
-                std::fill_n(widths.begin() + static_cast<std::ptrdiff_t>(to), count, 1.0f);
-            }
             for (std::size_t c = 0; c < names.size(); ++c)
                 lerpColumn(*channelsIn[c], *channelsOut[c]);
         }
@@ -325,8 +354,15 @@ class ResampleOp final : public ShapeOperator {
         reads.insert(reads.end(), pointNames.begin(), pointNames.end());
         const bool pointsKept = changed->onlyOtherChannels(reads);
         // With every strand to redo, a full run writes fresh arrays instead of copying the
-        // previous result's (which the Output still holds) only to overwrite them.
-        if (!pointsKept && changed->strands.size() == input.strandCount()) return false;
+        // previous result's (which the Output still holds) only to overwrite them. Run here, it
+        // can say what changed, so that nobody compares the two results column by column.
+        if (!pointsKept && changed->strands.size() == input.strandCount()) {
+            auto made = std::make_shared<const StrandSet>(resampleStrands(input, settings));
+            if (std::ranges::equal(made->offsets(), previous->offsets()))
+                *changes = resampledChanges(*changed, input);
+            *out = std::shared_ptr<const StrandSet>(std::move(made));
+            return true;
+        }
         if (!pointsKept) {
             // Each changed strand must keep its point count in the previous result.
             const Planner planner(input, settings);
@@ -357,9 +393,21 @@ class ResampleOp final : public ShapeOperator {
             made->shareStrandChannelFrom(name, input);
         if (!pointsKept)
             resampleInto(input, settings, StrandSelection::only(changed->strands), *made);
-        *changes = *changed;
+        *changes = resampledChanges(*changed, input);
         *out = std::shared_ptr<const StrandSet>(std::move(made));
         return true;
+    }
+
+    // The input's changes as the result's: a resampled width or point channel is read where the
+    // points lie, so it moves with them, and a width with a point too.
+    static StrandChanges resampledChanges(const StrandChanges& changed, const StrandSet& input) {
+        StrandChanges made = changed;
+        if (made.pointsChanged) {
+            made.widthsChanged = true;
+            for (const std::string& name : input.pointChannelNames())
+                made.addChannel(name);
+        }
+        return made;
     }
 };
 

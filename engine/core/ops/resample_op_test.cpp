@@ -1,9 +1,15 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <cmath>
+#include <limits>
+
+#include "base/hash.h"
 #include "base/test/expect_message.h"
 #include "graph/errors.h"
 #include "ops/shape_ops.h"
 #include "ops/test/shape_checks.h"
+#include "strands/test/test_strands.h"
 
 namespace velmorin {
 namespace {
@@ -117,6 +123,141 @@ TEST(Resample, EvenAndCurvatureRerunOnlyChangedStrands) {
     // The length mode reads the longest strand, which a change anywhere may move.
     EXPECT_EQ(test::incrementalAfterMove(resample(5, "length"), strands, movedStrands).run,
               "full 3");
+}
+
+// The even walk written plainly, one strand at a time: the segment is searched from the root for
+// every new point, and the columns are read from it.
+struct PlainResample {
+    std::vector<Vec3f> points;
+    std::vector<float> widths, curl;
+};
+PlainResample plainEven(const StrandSet& in, std::uint32_t segments) {
+    PlainResample out;
+    const std::vector<float>& curl = *in.pointChannel("curl");
+    for (std::size_t s = 0; s < in.strandCount(); ++s) {
+        const std::span<const Vec3f> p = in.strandPoints(s);
+        const std::size_t first = in.pointRange(s).begin;
+        std::vector<float> arcs(p.size(), 0.0f);
+        float total = 0.0f;
+        for (std::size_t k = 1; k < p.size(); ++k)
+            arcs[k] = total += length(p[k] - p[k - 1]);
+        if (p.size() < 2 || !(total > 0.0f)) {
+            for (std::size_t k = 0; k < p.size(); ++k) {
+                out.points.push_back(p[k]);
+                out.widths.push_back(in.widths()[first + k]);
+                out.curl.push_back(curl[first + k]);
+            }
+            continue;
+        }
+        for (std::uint32_t k = 0; k <= segments; ++k) {
+            const float arc = std::clamp(
+                total * static_cast<float>(k) / static_cast<float>(segments), 0.0f, total);
+            std::size_t j = 0;
+            while (j + 2 < p.size() && arcs[j + 1] < arc)
+                ++j;
+            const float span = arcs[j + 1] - arcs[j];
+            const float f = span > 0.0f ? std::clamp((arc - arcs[j]) / span, 0.0f, 1.0f) : 0.0f;
+            const Vec3f point = k == 0          ? p.front()
+                                : k == segments ? p.back()
+                                                : lerp(p[j], p[j + 1], f);
+            out.points.push_back(point);
+            const auto at = [&](const float* column) {
+                return column[first + j] + (column[first + j + 1] - column[first + j]) * f;
+            };
+            out.widths.push_back(at(in.widths().data()));
+            out.curl.push_back(at(curl.data()));
+        }
+    }
+    return out;
+}
+
+std::vector<std::uint32_t> bitsOf(std::span<const float> values) {
+    std::vector<std::uint32_t> bits;
+    for (const float v : values)
+        bits.push_back(floatBits(v));
+    return bits;
+}
+std::vector<std::uint32_t> bitsOf(std::span<const Vec3f> points) {
+    return bitsOf(std::span<const float>(&points.data()->x, points.size() * 3));
+}
+
+TEST(Resample, EvenWalkGivesThePlainFormulasBitsOnAwkwardStrands) {
+    const float nan = std::numeric_limits<float>::quiet_NaN();
+    std::vector<std::vector<Vec3f>> shapes = {
+        straight(2, 0.7f),                                        // one segment
+        {{0, 0, 0}, {0, 1, 0}, {0, 1, 0}, {0, 1, 0}, {1, 1, 0}},  // zero-length segments inside
+        {{0, 0, 0}, {0, 0, 0}, {0, 2, 0}, {0, 2, 0}},             // and at both ends
+        straight(5, 0.0f),                                        // no length: kept
+        {{0, 0, 0}, {nan, 1, 0}, {0, 2, 0}},                      // no measurable length: kept
+        {{0, 0, 0}, {1e-30f, 0, 0}, {2e-30f, 0, 0}},              // steps too small to square
+        straight(1),                                              // one point: kept
+    };
+    // Crooked strands of random counts, one of them longer than any scratch a kernel keeps.
+    for (std::uint64_t s = 0; s < 40; ++s) {
+        const std::size_t count = s == 7 ? 700 : 2 + hashCombine(s, 1) % 30;
+        std::vector<Vec3f> shape(count);
+        for (std::size_t k = 1; k < count; ++k)
+            shape[k] = shape[k - 1] + Vec3f{unitFloat(hashCombine(s, 3 * k)) - 0.5f,
+                                            unitFloat(hashCombine(s, 3 * k + 1)),
+                                            unitFloat(hashCombine(s, 3 * k + 2)) - 0.5f};
+        shapes.push_back(std::move(shape));
+    }
+    auto strands = std::make_shared<StrandSet>(*handStrands(shapes));
+    std::vector<float>& widths = strands->writeWidths();
+    std::vector<float>& curl = strands->addPointChannel("curl", 0.0f);
+    for (std::size_t p = 0; p < widths.size(); ++p) {
+        widths[p] = unitFloat(hashCombine(p, 11));
+        curl[p] = unitFloat(hashCombine(p, 12)) * 4.0f - 2.0f;
+    }
+    for (const std::uint32_t segments : {1u, 5u, 16u, 100u}) {
+        SCOPED_TRACE(segments);
+        const PlainResample want = plainEven(*strands, segments);
+        const auto [one, two] =
+            test::onOneAndTwoThreads([&] { return resample(segments).run(strands); });
+        for (const auto& got : {one, two}) {
+            EXPECT_EQ(bitsOf(got->points()), bitsOf(std::span<const Vec3f>(want.points)));
+            EXPECT_EQ(bitsOf(got->widths()), bitsOf(std::span<const float>(want.widths)));
+            EXPECT_EQ(bitsOf(*got->pointChannel("curl")),
+                      bitsOf(std::span<const float>(want.curl)));
+        }
+        // Steps whose squares are 0 or not a number measure no length: those strands are kept.
+        EXPECT_EQ(one->pointRange(4).count, 3u);
+        EXPECT_EQ(one->pointRange(5).count, 3u);
+        EXPECT_EQ(one->pointRange(7).count, segments + 1);
+    }
+}
+
+TEST(Resample, ARedoOfEveryStrandNamesTheColumnsThatMoveWithThePoints) {
+    test::EvaluationSwitchesRestored restore;
+    setIncrementalCheck(true);
+    test::registerEvalTestOperators();
+    auto strands = std::make_shared<StrandSet>(*test::gridStrands(600, 9, 4));
+    strands->addPointChannel("curl", 0.5f);
+    std::vector<std::uint64_t> every(strands->strandCount());
+    for (std::size_t s = 0; s < every.size(); ++s)
+        every[s] = s;
+    Graph graph;
+    const std::uint32_t source = graph.addNode("EvalScene", "scene");
+    const std::uint32_t node = graph.addNode("Resample", "resample");
+    graph.operatorOf(node).paramSet.set("segments", std::int64_t{5});
+    graph.connect(source, node, 0);
+    SceneInputs scene;
+    scene["groom"] = SceneInput{Value(std::shared_ptr<const StrandSet>(strands)), 1};
+    EvalContext ctx;
+    ctx.sceneInputs = &scene;
+    graph.evaluate(node, ctx);
+    // Only points move, yet a resampled width and point channel are read where the points lie.
+    scene["groom"] = SceneInput{Value(test::moved(*strands, every, 0.25f)), 2};
+    graph.evaluate(node, ctx);
+    EXPECT_EQ(graph.runs[node], "incremental 600");
+    const auto& noted = graph.node(node).runtime.changes.front();
+    ASSERT_TRUE(noted);
+    EXPECT_FALSE(noted->all);
+    EXPECT_TRUE(noted->sameLayout);
+    EXPECT_TRUE(noted->pointsChanged);
+    EXPECT_TRUE(noted->widthsChanged);
+    EXPECT_TRUE(noted->channelMayDiffer("curl"));
+    EXPECT_EQ(noted->strands, every);
 }
 
 }  // namespace

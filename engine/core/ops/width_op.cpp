@@ -14,6 +14,9 @@ void widenStrands(const StrandSet& input, const WidthSettings& settings,
     const std::span<const float> widths = input.widths();
     // Feather shafts carry the widths their feather gave them.
     const std::vector<float>* rachis = input.strandChannel("rachis");
+    // A profile of no key or one key is the same at every t: no strand needs its arc lengths.
+    const bool flat = settings.profile.keys.size() <= 1;
+    const float flatProfile = settings.profile.at(0.0f);
     forSelectedChunks(input.strandCount(), selection, [&](std::size_t first, std::size_t last) {
         std::vector<float> arcs;
         for (std::size_t i = first; i < last; ++i) {
@@ -26,10 +29,22 @@ void widenStrands(const StrandSet& input, const WidthSettings& settings,
                     out[begin + k] = begin + k < widths.size() ? widths[begin + k] : 1.0f;
                 continue;
             }
-            arcs.resize(n);
-            const float total = arcLengths(points, arcs);
             StrandDraws draws(ids[s], settings.seed);
             const float variation = 1.0f + settings.randomness * draws.nextSigned();
+            if (flat) {
+                float* target = out.data() + begin;
+                if (mapped) {
+                    for (std::size_t k = 0; k < n; ++k)
+                        target[k] = settings.width.atPoint(s, k) * flatProfile * variation;
+                } else {
+                    const float width = plain * flatProfile;
+                    for (std::size_t k = 0; k < n; ++k)
+                        target[k] = width * variation;
+                }
+                continue;
+            }
+            arcs.resize(n);
+            const float total = arcLengths(points, arcs);
             for (std::size_t k = 0; k < n; ++k) {
                 // A strand of no length spreads its profile by point instead.
                 const float t = total > 0.0f ? arcs[k] / total

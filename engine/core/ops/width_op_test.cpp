@@ -57,5 +57,34 @@ TEST(Width, MappedPerPointAndACurveInputAndRachisStrands) {
     EXPECT_EQ(out->columnData(ColumnId::kPoints), strands->columnData(ColumnId::kPoints));
 }
 
+TEST(Width, AProfileOfAtMostOneKeyIsItsValueEverywhere) {
+    // A strand with length, one of none and one of a single point.
+    const auto strands =
+        handStrands({{{0, 0, 0}, {0, 1, 0}, {0, 3, 0}}, straight(4, 0.0f), straight(1)});
+    Ramp single;
+    single.keys = {{0.7f, 0.25f, 3.0f}};
+    struct Case {
+        Ramp profile;
+        float value;
+    };
+    for (const Case& c : {Case{Ramp{}, 1.0f}, Case{single, 0.25f}}) {
+        SCOPED_TRACE(c.value);
+        ShapeRun run("Width", {{"width", 0.03},
+                               {"randomness", 0.4},
+                               {"seed", std::int64_t{5}},
+                               {"profile", c.profile}});
+        const auto out = run.run(strands);
+        std::vector<float> want;
+        for (std::size_t s = 0; s < 2; ++s) {
+            const float d = unitFloat(hashCombine(strands->ids()[s], 5));
+            const float variation = 1.0f + 0.4f * (2.0f * d - 1.0f);
+            for (std::size_t k = 0; k < strands->pointRange(s).count; ++k)
+                want.push_back(0.03f * c.value * variation);
+        }
+        want.push_back(strands->widths().back());  // a single point keeps the width it came with
+        EXPECT_EQ(test::values(out->widths()), want);
+    }
+}
+
 }  // namespace
 }  // namespace velmorin

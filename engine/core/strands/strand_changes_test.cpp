@@ -5,7 +5,9 @@
 
 #include <gtest/gtest.h>
 
+#include <bit>
 #include <limits>
+#include <string>
 
 namespace velmorin {
 namespace {
@@ -61,6 +63,27 @@ TEST(StrandDifference, ListsTheStrandsWithAnyDifferingRawValueInOrder) {
     ASSERT_NE(withAttachment, nullptr);
     EXPECT_TRUE(withAttachment->attachmentChanged);
     EXPECT_EQ(withAttachment->strands.size(), 5u);
+}
+
+TEST(StrandDifference, FindsAChangedBitAtEveryPlaceInAStrandOfAnyLength) {
+    // Lengths around the blocks a strand is compared in, short and long.
+    for (const std::size_t points : {1u, 2u, 3u, 5u, 8u, 11u, 43u, 60u}) {
+        const auto previous = test::gridStrands(3, points, points);
+        for (std::size_t word = 0; word < 4 * points; ++word) {
+            SCOPED_TRACE(std::to_string(points) + " points, word " + std::to_string(word));
+            StrandSet next = *previous;
+            const std::size_t at = next.pointRange(1).begin;
+            // The points' words first, then the widths'; the lowest bit only.
+            float& value = word < 3 * points ? (&next.writePoints()[at].x)[word]
+                                             : next.writeWidths()[at + word - 3 * points];
+            value = std::bit_cast<float>(floatBits(value) ^ 1u);
+            const auto changes = strandDifference(previous, share(next));
+            ASSERT_NE(changes, nullptr);
+            EXPECT_EQ(changes->strands, Strands{1});
+            EXPECT_EQ(changes->pointsChanged, word < 3 * points);
+            EXPECT_EQ(changes->widthsChanged, word >= 3 * points);
+        }
+    }
 }
 
 TEST(StrandDifference, NamesTheColumnsThatDiffer) {
