@@ -1,9 +1,15 @@
 #include "expr/noise.h"
 
 #include <algorithm>
+#include <climits>
 #include <cmath>
 
 #include "base/hash.h"
+
+#if defined(__SSE2__) || defined(_M_X64) || defined(_M_AMD64)
+#include <emmintrin.h>
+#define VELMORIN_NOISE_SSE2 1
+#endif
 
 namespace velmorin {
 namespace {
@@ -228,30 +234,96 @@ void FractalNoiseAlongZ::startLine(float x, float y, float spacing) {
         octave.cellY = c.i[1];
         octave.fx = c.f[0];
         octave.fy = c.f[1];
+        octave.fadeX = noiseFade(octave.fx);
+        octave.fadeY = noiseFade(octave.fy);
+        // The four corner hashes of a face, as cornerHashes makes them, but for the z product.
+        const std::uint64_t xs[2] = {
+            static_cast<std::uint64_t>(octave.cellX) * 0x9E3779B185EBCA87ull,
+            (static_cast<std::uint64_t>(octave.cellX) + 1u) * 0x9E3779B185EBCA87ull};
+        const std::uint64_t ys[2] = {
+            static_cast<std::uint64_t>(octave.cellY) * 0xC2B2AE3D27D4EB4Full,
+            (static_cast<std::uint64_t>(octave.cellY) + 1u) * 0xC2B2AE3D27D4EB4Full};
+        for (int k = 0; k < 4; ++k)
+            octave.cornerBase[k] = octave.seed ^ xs[k & 1] ^ ys[(k >> 1) & 1];
         octave.cellValid = false;
     }
 }
 
+#if VELMORIN_NOISE_SSE2
+namespace {
+
+// The corner gradients of one channel index per lane (0 to 11), as kGradients holds them: exact
+// +1, -1 and +0, so that the products with them round as the table's do.
+struct LaneGradients {
+    __m128 x, y, z;
+};
+inline LaneGradients laneGradients(__m128i index) {
+    const __m128i one = _mm_set1_epi32(0x3F800000);  // 1.0f
+    const __m128i below8 = _mm_cmplt_epi32(index, _mm_set1_epi32(8));
+    const __m128i below4 = _mm_cmplt_epi32(index, _mm_set1_epi32(4));
+    const __m128i sign0 = _mm_slli_epi32(_mm_and_si128(index, _mm_set1_epi32(1)), 31);
+    const __m128i sign1 = _mm_slli_epi32(_mm_and_si128(index, _mm_set1_epi32(2)), 30);
+    // 0-7: (+-1, ., .), bit 0 the sign of x; 0-3: (., +-1, 0), bit 1 the sign of y; 4-7:
+    // (., 0, +-1), bit 1 the sign of z; 8-11: (0, +-1, +-1), bit 0 the sign of y, bit 1 that of z.
+    const __m128i x = _mm_and_si128(_mm_or_si128(one, sign0), below8);
+    const __m128i ySign =
+        _mm_or_si128(_mm_and_si128(below4, sign1), _mm_andnot_si128(below4, sign0));
+    const __m128i yUsed = _mm_or_si128(below4, _mm_xor_si128(below8, _mm_set1_epi32(-1)));
+    const __m128i y = _mm_and_si128(_mm_or_si128(one, ySign), yUsed);
+    const __m128i z = _mm_andnot_si128(below4, _mm_or_si128(one, sign1));
+    return {_mm_castsi128_ps(x), _mm_castsi128_ps(y), _mm_castsi128_ps(z)};
+}
+
+inline __m128 blendLanes(__m128 a, __m128 b, __m128 t) {
+    return _mm_add_ps(a, _mm_mul_ps(_mm_sub_ps(b, a), t));
+}
+
+}  // namespace
+#endif
+
 void FractalNoiseAlongZ::blendFace(const Octave& octave, std::int64_t faceZ, float* constant,
                                    float* slope) const {
     // The four corner hashes of the face, as cornerHashes makes them.
-    const std::uint64_t xs[2] = {
-        static_cast<std::uint64_t>(octave.cellX) * 0x9E3779B185EBCA87ull,
-        (static_cast<std::uint64_t>(octave.cellX) + 1u) * 0x9E3779B185EBCA87ull};
-    const std::uint64_t ys[2] = {
-        static_cast<std::uint64_t>(octave.cellY) * 0xC2B2AE3D27D4EB4Full,
-        (static_cast<std::uint64_t>(octave.cellY) + 1u) * 0xC2B2AE3D27D4EB4Full};
     const std::uint64_t zs = static_cast<std::uint64_t>(faceZ) * 0x165667B19E3779F9ull;
     std::uint64_t h[4];
     for (int c = 0; c < 4; ++c) {
-        std::uint64_t v = octave.seed ^ xs[c & 1] ^ ys[(c >> 1) & 1] ^ zs;
+        std::uint64_t v = octave.cornerBase[c] ^ zs;
         v ^= v >> 29;
         v *= 0xBF58476D1CE4E5B9ull;
         v ^= v >> 32;
         h[c] = v;
     }
     const float x = octave.fx, y = octave.fy;
-    const float u = noiseFade(x), v = noiseFade(y);
+    const float u = octave.fadeX, v = octave.fadeY;
+#if VELMORIN_NOISE_SSE2
+    // Lanes are the channels: each 64-bit hash holds a corner's three gradient picks in its 16-bit
+    // words (and a fourth, unused). Every lane makes gradientChannel's operations in its order.
+    const __m128i picks[2] = {
+        _mm_set_epi64x(static_cast<long long>(h[1]), static_cast<long long>(h[0])),
+        _mm_set_epi64x(static_cast<long long>(h[3]), static_cast<long long>(h[2]))};
+    __m128i index[4];
+    for (int half = 0; half < 2; ++half) {
+        // word % 12 for 16-bit words: word * 43691 >> 19 is word / 12 for every word below 2^16.
+        const __m128i word = picks[half];
+        const __m128i twelfth = _mm_srli_epi16(_mm_mulhi_epu16(word, _mm_set1_epi16(-21845)), 3);
+        const __m128i rest = _mm_sub_epi16(word, _mm_mullo_epi16(twelfth, _mm_set1_epi16(12)));
+        index[2 * half] = _mm_unpacklo_epi16(rest, _mm_setzero_si128());
+        index[2 * half + 1] = _mm_unpackhi_epi16(rest, _mm_setzero_si128());
+    }
+    const LaneGradients g[4] = {laneGradients(index[0]), laneGradients(index[1]),
+                                laneGradients(index[2]), laneGradients(index[3])};
+    const __m128 x0 = _mm_set1_ps(x), x1 = _mm_set1_ps(x - 1);
+    const __m128 y0 = _mm_set1_ps(y), y1 = _mm_set1_ps(y - 1);
+    const __m128 us = _mm_set1_ps(u), vs = _mm_set1_ps(v);
+    const auto dot = [](const LaneGradients& gradient, __m128 px, __m128 py) {
+        return _mm_add_ps(_mm_mul_ps(gradient.x, px), _mm_mul_ps(gradient.y, py));
+    };
+    const __m128 c00 = blendLanes(dot(g[0], x0, y0), dot(g[1], x1, y0), us);
+    const __m128 c10 = blendLanes(dot(g[2], x0, y1), dot(g[3], x1, y1), us);
+    _mm_store_ps(constant, blendLanes(c00, c10, vs));
+    _mm_store_ps(slope,
+                 blendLanes(blendLanes(g[0].z, g[1].z, us), blendLanes(g[2].z, g[3].z, us), vs));
+#else
     for (int channel = 0; channel < 3; ++channel) {
         // gradientChannel's corners with z left out: the x and y part blended across the face,
         // and the z gradients blended alike as the slope in z.
@@ -264,6 +336,7 @@ void FractalNoiseAlongZ::blendFace(const Octave& octave, std::int64_t faceZ, flo
         constant[channel] = blend(c00, c10, v);
         slope[channel] = blend(blend(g[0][2], g[1][2], u), blend(g[2][2], g[3][2], u), v);
     }
+#endif
 }
 
 void FractalNoiseAlongZ::enterCell(Octave& octave, std::int64_t cellZ, float below) const {
@@ -272,8 +345,8 @@ void FractalNoiseAlongZ::enterCell(Octave& octave, std::int64_t cellZ, float bel
         static_cast<std::uint64_t>(octave.cellZ) + 1u == static_cast<std::uint64_t>(cellZ)) {
         // One cell up: the lower face is the upper face of the cell before, the same corners
         // with the same offset in z, so it carries over as it is.
-        std::copy_n(octave.high, 3, octave.low);
-        std::copy_n(octave.highSlope, 3, octave.lowSlope);
+        std::copy_n(octave.high, 4, octave.low);
+        std::copy_n(octave.highSlope, 4, octave.lowSlope);
     } else {
         blendFace(octave, cellZ, octave.low, octave.lowSlope);
     }
@@ -283,33 +356,117 @@ void FractalNoiseAlongZ::enterCell(Octave& octave, std::int64_t cellZ, float bel
     octave.cellValid = true;
 }
 
+namespace {
+
+// One octave's channels between a cell's lower face (constant and slope per lane) and its upper
+// one at the offset f in the cell with the blend w, times the octave's weight, added to `sum`.
+inline void addBlended(const float* lowConstant, const float* lowSlope, const float* highConstant,
+                       const float* highSlope, float f, float w, float weight, float* sum) {
+#if VELMORIN_NOISE_SSE2
+    // The three channels in the lanes, each with the operations of the scalar form below.
+    const __m128 lower =
+        _mm_add_ps(_mm_load_ps(lowConstant), _mm_mul_ps(_mm_load_ps(lowSlope), _mm_set1_ps(f)));
+    const __m128 upper = _mm_add_ps(_mm_load_ps(highConstant),
+                                    _mm_mul_ps(_mm_load_ps(highSlope), _mm_set1_ps(f - 1.0f)));
+    _mm_store_ps(
+        sum, _mm_add_ps(_mm_load_ps(sum),
+                        _mm_mul_ps(blendLanes(lower, upper, _mm_set1_ps(w)), _mm_set1_ps(weight))));
+#else
+    for (int c = 0; c < 3; ++c)
+        sum[c] = sum[c] + blend(lowConstant[c] + lowSlope[c] * f,
+                                highConstant[c] + highSlope[c] * (f - 1.0f), w) *
+                              weight;
+#endif
+}
+
+}  // namespace
+
+void FractalNoiseAlongZ::addOctave(Octave& octave, float q, float* sum) {
+    // Within the cell held, floorOf(q) is its lower z: no floor to take.
+    if (!(octave.cellValid && q >= octave.cellBelow && q < octave.cellBelow + 1.0f)) {
+        const float below = floorOf(q);
+        const std::int64_t cellZ = latticeFloor(below);
+        if (!octave.cellValid || cellZ != octave.cellZ) {
+            enterCell(octave, cellZ, below);
+        } else {
+            octave.cellBelow = below;
+        }
+    }
+    const float f = q - octave.cellBelow;
+    addBlended(octave.low, octave.lowSlope, octave.high, octave.highSlope, f, noiseFade(f),
+               octave.weight, sum);
+}
+
 Vec3f FractalNoiseAlongZ::at(float z) {
-    Vec3f sum{};
+    alignas(16) float sum[4] = {};
     for (int o = 0; o < octaveCount_; ++o) {
         Octave& octave = octaves_[o];
         // A faded-out octave adds nothing; skipping it keeps the sum's bits.
         if (octave.weight == 0.0f) continue;
-        const float q = z * octave.frequency;
-        // Within the cell held, floorOf(q) is its lower z: no floor to take.
-        if (!(octave.cellValid && q >= octave.cellBelow && q < octave.cellBelow + 1.0f)) {
-            const float below = floorOf(q);
-            const std::int64_t cellZ = latticeFloor(below);
-            if (!octave.cellValid || cellZ != octave.cellZ) {
-                enterCell(octave, cellZ, below);
-            } else {
-                octave.cellBelow = below;
+        addOctave(octave, z * octave.frequency, sum);
+    }
+    return Vec3f{sum[0], sum[1], sum[2]} * scale_;
+}
+
+void FractalNoiseAlongZ::along(std::span<const float> z, std::span<Vec3f> out) {
+    // A strand's samples at most, and the faces one octave may blend for them, on the stack.
+    constexpr std::size_t kMostSamples = 256;
+    constexpr std::int32_t kMostFaces = 64;
+    // Below this a cell's lower z is a float's floor and fits the cell number with room to spare;
+    // farther out the samples take the general walk, which minds the ends of the range.
+    constexpr float kPlainReach = 2097152.0f;  // 2^21
+    const std::size_t count = z.size();
+    if (count > kMostSamples) {
+        for (std::size_t i = 0; i < count; ++i)
+            out[i] = at(z[i]);
+        return;
+    }
+    alignas(16) float sums[kMostSamples][4];
+    for (std::size_t i = 0; i < count; ++i)
+        std::fill_n(sums[i], 4, 0.0f);
+    float q[kMostSamples];
+    float below[kMostSamples];
+    std::int32_t cell[kMostSamples];
+    alignas(16) float constant[kMostFaces][4];
+    alignas(16) float slope[kMostFaces][4];
+    for (int o = 0; o < octaveCount_; ++o) {
+        Octave& octave = octaves_[o];
+        if (octave.weight == 0.0f) continue;
+        bool plain = true;
+        for (std::size_t i = 0; i < count; ++i) {
+            q[i] = z[i] * octave.frequency;
+            plain = plain && std::fabs(q[i]) < kPlainReach;
+        }
+        std::int32_t lowest = 0, highest = -1;
+        if (plain && count > 0) {
+            lowest = INT32_MAX;
+            highest = INT32_MIN;
+            for (std::size_t i = 0; i < count; ++i) {
+                below[i] = floorOf(q[i]);
+                cell[i] = static_cast<std::int32_t>(below[i]);
+                lowest = std::min(lowest, cell[i]);
+                highest = std::max(highest, cell[i]);
             }
         }
-        const float f = q - octave.cellBelow;
-        const float w = noiseFade(f);
-        Vec3f n;
-        float* out[3] = {&n.x, &n.y, &n.z};
-        for (int c = 0; c < 3; ++c)
-            *out[c] = blend(octave.low[c] + octave.lowSlope[c] * f,
-                            octave.high[c] + octave.highSlope[c] * (f - 1.0f), w);
-        sum = sum + n * octave.weight;
+        // Every face from the lowest cell's to the highest's upper one; where the samples skip
+        // cells (a frequency finer than them) that is more than the walk makes, and it walks.
+        const std::int32_t faces = highest - lowest + 2;
+        if (!plain || faces > kMostFaces || static_cast<std::size_t>(faces) > 2 * count + 2) {
+            for (std::size_t i = 0; i < count; ++i)
+                addOctave(octave, q[i], sums[i]);
+            continue;
+        }
+        for (std::int32_t face = 0; face < faces; ++face)
+            blendFace(octave, lowest + face, constant[face], slope[face]);
+        for (std::size_t i = 0; i < count; ++i) {
+            const std::size_t at = static_cast<std::size_t>(cell[i] - lowest);
+            const float f = q[i] - below[i];
+            addBlended(constant[at], slope[at], constant[at + 1], slope[at + 1], f, noiseFade(f),
+                       octave.weight, sums[i]);
+        }
     }
-    return sum * scale_;
+    for (std::size_t i = 0; i < count; ++i)
+        out[i] = Vec3f{sums[i][0], sums[i][1], sums[i][2]} * scale_;
 }
 
 float fractalNoise4(const Vec3f& p, float w, const Fractal& fractal, std::uint64_t seed) {

@@ -5,6 +5,7 @@
 // thread count or order. Values are stable: tests pin a few exact numbers.
 
 #include <cstdint>
+#include <span>
 
 #include "base/vec3.h"
 
@@ -79,6 +80,10 @@ class FractalNoiseAlongZ {
     // Begins the line through x and y, sampled `spacing` apart (fractal.spacing for this line).
     void startLine(float x, float y, float spacing);
     Vec3f at(float z);
+    // at(z[i]) into out[i] for every i (out.size() == z.size()), to the same bits: the samples of
+    // a strand at once. Each octave blends the faces of every cell the samples reach in one pass,
+    // then each sample reads the two around it, so that no sample waits on a cell change.
+    void along(std::span<const float> z, std::span<Vec3f> out);
 
   private:
     struct Octave {
@@ -88,14 +93,26 @@ class FractalNoiseAlongZ {
         bool cellValid = false;
         float cellBelow = 0.0f;      // the cell's lower z as a float: samples in it skip the floor
         float fx = 0.0f, fy = 0.0f;  // offsets in the x and y cell
+        float fadeX = 0.0f, fadeY = 0.0f;  // noiseFade of the offsets
+        // Per corner of the x and y cell (x + 2 y), the part of its lattice hash before z:
+        // the seed with the corner's x and y products.
+        std::uint64_t cornerBase[4] = {};
         float frequency = 1.0f;
         float weight = 0.0f;
         // Per channel, the noise on the cell's lower and upper z faces as a line in the offset:
         // lower(fz) = low[c] + lowSlope[c] * fz, upper(fz) = high[c] + highSlope[c] * (fz - 1).
-        float low[3] = {}, lowSlope[3] = {}, high[3] = {}, highSlope[3] = {};
+        // Four lanes, the three channels and one unused, so that a vector unit blends them at once.
+        alignas(16) float low[4] = {};
+        alignas(16) float lowSlope[4] = {};
+        alignas(16) float high[4] = {};
+        alignas(16) float highSlope[4] = {};
     };
     void enterCell(Octave& octave, std::int64_t cellZ, float below) const;
-    // Sets one face (the cell's corners at lattice z `faceZ`) of every channel.
+    // One octave's noise at q = z * its frequency, times its weight, added to `sum` (four lanes,
+    // the channels and one unused), entering the cell of q where it is not the one held.
+    void addOctave(Octave& octave, float q, float* sum);
+    // Sets one face (the cell's corners at lattice z `faceZ`) of every channel: four lanes of
+    // `constant` and `slope`, the last unused.
     void blendFace(const Octave& octave, std::int64_t faceZ, float* constant, float* slope) const;
 
     Octave octaves_[16];

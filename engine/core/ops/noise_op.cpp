@@ -8,6 +8,7 @@
 #include "expr/noise.h"
 #include "graph/delivered_params.h"
 #include "graph/registry.h"
+#include "ops/shape_kernels.h"
 #include "ops/shape_ops.h"
 
 namespace velmorin {
@@ -61,6 +62,8 @@ void noiseStrands(const StrandSet& input, const NoiseSettings& settings,
 
     forSelectedChunks(input.strandCount(), selection, [&](std::size_t first, std::size_t last) {
         std::vector<float> arcs;
+        StrandScratch<float> alongScratch;
+        StrandScratch<Vec3f> unitScratch;
         // The strands' own-space lines, set up once for the chunk.
         FractalNoiseAlongZ line(smooth, noiseSeed);
         for (std::size_t i = first; i < last; ++i) {
@@ -108,12 +111,16 @@ void noiseStrands(const StrandSet& input, const NoiseSettings& settings,
                                  settings.profile.at(arcs[k] / total));
                     continue;
                 }
-                // In the strand's own space its points lie on one line along z of the lattice.
+                // In the strand's own space its points lie on one line along z of the lattice,
+                // walked for the whole strand at once.
                 line.startLine(draws.base.x, draws.base.y, fractal.spacing);
-                for (std::size_t k = 1; k < n; ++k) {
-                    const float t = arcs[k] / total;
-                    displace(k, line.at(draws.base.z + t * frequency), settings.profile.at(t));
-                }
+                const std::span<float> along = alongScratch.take(n - 1);
+                const std::span<Vec3f> units = unitScratch.take(n - 1);
+                for (std::size_t k = 1; k < n; ++k)
+                    along[k - 1] = draws.base.z + arcs[k] / total * frequency;
+                line.along(along, units);
+                for (std::size_t k = 1; k < n; ++k)
+                    displace(k, units[k - 1], profileAt(settings.profile, arcs[k] / total));
                 continue;
             }
 

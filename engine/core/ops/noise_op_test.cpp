@@ -169,5 +169,24 @@ TEST(Noise, AnAmplitudeChangeGivesAFreshRunsBits) {
     }
 }
 
+// A full run's bits in strand space (the default graph's Noise), pinned as they were before the
+// lattice walk was vectorised, and the same at 1 and 2 threads; world space with it.
+TEST(Noise, KeepsItsBitsAtAnyThreadCount) {
+    const auto strands = test::mixedStrands(900, 17);
+    const std::map<std::string, ParamValue> variants[] = {
+        {},
+        {{"space", std::string("world")}, {"octaves", std::int64_t{3}}, {"frequency", 1.5}},
+    };
+    const std::uint64_t pinned[] = {7270086712732104761u, 6562111201244643816u};
+    for (std::size_t v = 0; v < std::size(variants); ++v) {
+        for (const int threads : {1, 2}) {
+            std::uint64_t got = 0;
+            runWithThreads(
+                threads, [&] { got = ShapeRun("Noise", variants[v]).run(strands)->contentHash(); });
+            EXPECT_EQ(got, pinned[v]) << "variant " << v << ", threads " << threads;
+        }
+    }
+}
+
 }  // namespace
 }  // namespace velmorin
