@@ -78,6 +78,9 @@ class Planner {
         const std::size_t n = points.size();
         const bool braided = braid_ && (*braid_)[s] != braidDefault_;
         if (settings_.segments <= 0 || n < 2 || braided) return n;
+        // A strand that has the even count already keeps it whether it is resampled or kept, so
+        // its points need no reading (the strands a Scatter grows for this Resample).
+        if (n == static_cast<std::size_t>(settings_.segments) + 1) return n;
         bool measured = false;
         bool unmeasurable = false;
         for (std::size_t k = 1; k < n; ++k) {
@@ -240,11 +243,18 @@ void resampleInto(const StrandSet& input, const ResampleSettings& settings,
 StrandSet resampleStrands(const StrandSet& input, const ResampleSettings& settings) {
     const std::vector<std::uint32_t> counts = resamplePointCounts(input, settings);
     StrandSet out(input);
-    std::vector<std::uint64_t>& offsets = out.writeOffsets();
-    offsets.assign(counts.size() + 1, 0);
-    for (std::size_t s = 0; s < counts.size(); ++s)
-        offsets[s + 1] = offsets[s] + counts[s];
-    const std::size_t total = offsets.back();
+    // Where every strand keeps its count the input's offsets stand, shared.
+    const std::span<const std::uint64_t> before = input.offsets();
+    bool sameCounts = true;
+    for (std::size_t s = 0; s < counts.size() && sameCounts; ++s)
+        sameCounts = before[s + 1] - before[s] == counts[s];
+    if (!sameCounts) {
+        std::vector<std::uint64_t>& offsets = out.writeOffsets();
+        offsets.assign(counts.size() + 1, 0);
+        for (std::size_t s = 0; s < counts.size(); ++s)
+            offsets[s + 1] = offsets[s] + counts[s];
+    }
+    const std::size_t total = out.offsets().back();
     // resampleInto writes every value: the points and widths are fresh arrays of the new length
     // (pooled ones where the pool kept them), neither copied from the input nor zeroed.
     out.overwritePoints(total);
@@ -358,7 +368,8 @@ class ResampleOp final : public ShapeOperator {
         // can say what changed, so that nobody compares the two results column by column.
         if (!pointsKept && changed->strands.size() == input.strandCount()) {
             auto made = std::make_shared<const StrandSet>(resampleStrands(input, settings));
-            if (std::ranges::equal(made->offsets(), previous->offsets()))
+            if (made->columnData(ColumnId::kOffsets) == previous->columnData(ColumnId::kOffsets) ||
+                std::ranges::equal(made->offsets(), previous->offsets()))
                 *changes = resampledChanges(*changed, input);
             *out = std::shared_ptr<const StrandSet>(std::move(made));
             return true;

@@ -93,6 +93,23 @@ TEST(Resample, KeepsWhatItMustAndSaysWhatModeIsWrong) {
                                     "Resample: mode must be even, length or curvature");
 }
 
+// Strands that have the even count already, as a Scatter grows them for this Resample, keep the
+// input's offsets, shared; a zero-length one among them keeps its points as they came. One strand
+// of another count gives the result offsets of its own.
+TEST(Resample, KeepsTheInputsOffsetsWhereNoCountChanges) {
+    const std::vector<Vec3f> bent = {{0, 0, 0}, {0, 3, 0}, {0, 3.5f, 0}, {1, 4, 0}, {1, 5, 0}};
+    const auto even = handStrands({bent, straight(5, 0.0f), straight(5, 2.0f)});
+    const auto out = resample(4).run(even);
+    EXPECT_EQ(out->columnData(ColumnId::kOffsets), even->columnData(ColumnId::kOffsets));
+    EXPECT_EQ(test::values(out->strandPoints(1)), straight(5, 0.0f));
+    // The bent strand is still spread at equal steps of its length (1.25 + 3 + 0.5 + ...).
+    EXPECT_NE(test::values(out->strandPoints(0)), bent);
+    const auto mixed = handStrands({bent, straight(3)});
+    const auto redone = resample(4).run(mixed);
+    EXPECT_NE(redone->columnData(ColumnId::kOffsets), mixed->columnData(ColumnId::kOffsets));
+    EXPECT_EQ(test::values(redone->offsets()), (std::vector<std::uint64_t>{0, 5, 10}));
+}
+
 TEST(Resample, ItsSegmentsSetTheResolutionOfTheScatterBeforeIt) {
     Graph graph;
     const std::uint32_t scatter = graph.addNode("Scatter", "scatter");
