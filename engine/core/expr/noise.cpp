@@ -245,34 +245,20 @@ void FractalNoiseAlongZ::startLine(float x, float y, float spacing) {
             (static_cast<std::uint64_t>(octave.cellY) + 1u) * 0xC2B2AE3D27D4EB4Full};
         for (int k = 0; k < 4; ++k)
             octave.cornerBase[k] = octave.seed ^ xs[k & 1] ^ ys[(k >> 1) & 1];
+        // gradientChannel's x and y terms of each corner, for each gradient.
+        const float x0 = octave.fx, y0 = octave.fy;
+        const float cornerX[4] = {x0, x0 - 1, x0, x0 - 1};
+        const float cornerY[4] = {y0, y0, y0 - 1, y0 - 1};
+        for (int k = 0; k < 4; ++k)
+            for (int g = 0; g < 12; ++g)
+                octave.cornerDot[k][g] =
+                    kGradients[g][0] * cornerX[k] + kGradients[g][1] * cornerY[k];
         octave.cellValid = false;
     }
 }
 
 #if VELMORIN_NOISE_SSE2
 namespace {
-
-// The corner gradients of one channel index per lane (0 to 11), as kGradients holds them: exact
-// +1, -1 and +0, so that the products with them round as the table's do.
-struct LaneGradients {
-    __m128 x, y, z;
-};
-inline LaneGradients laneGradients(__m128i index) {
-    const __m128i one = _mm_set1_epi32(0x3F800000);  // 1.0f
-    const __m128i below8 = _mm_cmplt_epi32(index, _mm_set1_epi32(8));
-    const __m128i below4 = _mm_cmplt_epi32(index, _mm_set1_epi32(4));
-    const __m128i sign0 = _mm_slli_epi32(_mm_and_si128(index, _mm_set1_epi32(1)), 31);
-    const __m128i sign1 = _mm_slli_epi32(_mm_and_si128(index, _mm_set1_epi32(2)), 30);
-    // 0-7: (+-1, ., .), bit 0 the sign of x; 0-3: (., +-1, 0), bit 1 the sign of y; 4-7:
-    // (., 0, +-1), bit 1 the sign of z; 8-11: (0, +-1, +-1), bit 0 the sign of y, bit 1 that of z.
-    const __m128i x = _mm_and_si128(_mm_or_si128(one, sign0), below8);
-    const __m128i ySign =
-        _mm_or_si128(_mm_and_si128(below4, sign1), _mm_andnot_si128(below4, sign0));
-    const __m128i yUsed = _mm_or_si128(below4, _mm_xor_si128(below8, _mm_set1_epi32(-1)));
-    const __m128i y = _mm_and_si128(_mm_or_si128(one, ySign), yUsed);
-    const __m128i z = _mm_andnot_si128(below4, _mm_or_si128(one, sign1));
-    return {_mm_castsi128_ps(x), _mm_castsi128_ps(y), _mm_castsi128_ps(z)};
-}
 
 inline __m128 blendLanes(__m128 a, __m128 b, __m128 t) {
     return _mm_add_ps(a, _mm_mul_ps(_mm_sub_ps(b, a), t));
@@ -293,50 +279,21 @@ void FractalNoiseAlongZ::blendFace(const Octave& octave, std::int64_t faceZ, flo
         v ^= v >> 32;
         h[c] = v;
     }
-    const float x = octave.fx, y = octave.fy;
     const float u = octave.fadeX, v = octave.fadeY;
-#if VELMORIN_NOISE_SSE2
-    // Lanes are the channels: each 64-bit hash holds a corner's three gradient picks in its 16-bit
-    // words (and a fourth, unused). Every lane makes gradientChannel's operations in its order.
-    const __m128i picks[2] = {
-        _mm_set_epi64x(static_cast<long long>(h[1]), static_cast<long long>(h[0])),
-        _mm_set_epi64x(static_cast<long long>(h[3]), static_cast<long long>(h[2]))};
-    __m128i index[4];
-    for (int half = 0; half < 2; ++half) {
-        // word % 12 for 16-bit words: word * 43691 >> 19 is word / 12 for every word below 2^16.
-        const __m128i word = picks[half];
-        const __m128i twelfth = _mm_srli_epi16(_mm_mulhi_epu16(word, _mm_set1_epi16(-21845)), 3);
-        const __m128i rest = _mm_sub_epi16(word, _mm_mullo_epi16(twelfth, _mm_set1_epi16(12)));
-        index[2 * half] = _mm_unpacklo_epi16(rest, _mm_setzero_si128());
-        index[2 * half + 1] = _mm_unpackhi_epi16(rest, _mm_setzero_si128());
-    }
-    const LaneGradients g[4] = {laneGradients(index[0]), laneGradients(index[1]),
-                                laneGradients(index[2]), laneGradients(index[3])};
-    const __m128 x0 = _mm_set1_ps(x), x1 = _mm_set1_ps(x - 1);
-    const __m128 y0 = _mm_set1_ps(y), y1 = _mm_set1_ps(y - 1);
-    const __m128 us = _mm_set1_ps(u), vs = _mm_set1_ps(v);
-    const auto dot = [](const LaneGradients& gradient, __m128 px, __m128 py) {
-        return _mm_add_ps(_mm_mul_ps(gradient.x, px), _mm_mul_ps(gradient.y, py));
-    };
-    const __m128 c00 = blendLanes(dot(g[0], x0, y0), dot(g[1], x1, y0), us);
-    const __m128 c10 = blendLanes(dot(g[2], x0, y1), dot(g[3], x1, y1), us);
-    _mm_store_ps(constant, blendLanes(c00, c10, vs));
-    _mm_store_ps(slope,
-                 blendLanes(blendLanes(g[0].z, g[1].z, us), blendLanes(g[2].z, g[3].z, us), vs));
-#else
     for (int channel = 0; channel < 3; ++channel) {
         // gradientChannel's corners with z left out: the x and y part blended across the face,
         // and the z gradients blended alike as the slope in z.
-        const float* g[4];
+        int g[4];
         for (int k = 0; k < 4; ++k)
-            g[k] = kGradients[((h[k] >> (16 * channel)) & 0xFFFFu) % 12u];
-        const float c00 = blend(g[0][0] * x + g[0][1] * y, g[1][0] * (x - 1) + g[1][1] * y, u);
-        const float c10 =
-            blend(g[2][0] * x + g[2][1] * (y - 1), g[3][0] * (x - 1) + g[3][1] * (y - 1), u);
+            g[k] = static_cast<int>(((h[k] >> (16 * channel)) & 0xFFFFu) % 12u);
+        const float c00 = blend(octave.cornerDot[0][g[0]], octave.cornerDot[1][g[1]], u);
+        const float c10 = blend(octave.cornerDot[2][g[2]], octave.cornerDot[3][g[3]], u);
         constant[channel] = blend(c00, c10, v);
-        slope[channel] = blend(blend(g[0][2], g[1][2], u), blend(g[2][2], g[3][2], u), v);
+        slope[channel] = blend(blend(kGradients[g[0]][2], kGradients[g[1]][2], u),
+                               blend(kGradients[g[2]][2], kGradients[g[3]][2], u), v);
     }
-#endif
+    constant[3] = 0.0f;
+    slope[3] = 0.0f;
 }
 
 void FractalNoiseAlongZ::enterCell(Octave& octave, std::int64_t cellZ, float below) const {
