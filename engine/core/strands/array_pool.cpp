@@ -15,10 +15,23 @@ namespace {
 
 constexpr std::size_t kKept = 2;
 
-// Pages are brought in this many bytes at a time per task: large enough that a task is worth
-// handing out, small enough that both threads share a column of a few megabytes.
+// Pages are brought in, and values filled or copied, this many bytes at a time per task: large
+// enough that a task is worth handing out, small enough that both threads share a column of a
+// few megabytes. Arrays from this size up are made on every thread (a strand channel of a
+// million strands, just under the pooled size, among them).
 constexpr std::size_t kTouchBytes = 0x100000;  // 1 MiB
 constexpr std::size_t kPageBytes = 4096;
+
+constexpr bool isSharedOutArraySize(std::size_t bytes) {
+    return bytes >= kTouchBytes;
+}
+
+// Runs body(first, last) over [0, length) elements of T in parallel pieces of about kTouchBytes.
+template <class T, class Body>
+void inPieces(std::size_t length, const Body& body) {
+    constexpr std::size_t kPiece = std::max<std::size_t>(kTouchBytes / sizeof(T), 1);
+    parallelRange(0, length, kPiece, body);
+}
 
 // Brings in the whole pages of [data, data + bytes), fresh memory from the allocator, on every
 // thread. The kernel zeroes each page on its first write; done by one thread inside a vector's
@@ -44,12 +57,12 @@ void bringInPages(void* data, std::size_t bytes) {
         });
 }
 
-// A new array of `length` elements. A large one is reserved first and its pages brought in on
-// every thread, so that making its elements only writes memory that is already there.
+// A new array of `length` elements. One of a megabyte or more is reserved first and its pages
+// brought in on every thread, so that making its elements only writes memory that is there.
 template <class T>
 std::vector<T> freshArray(std::size_t length) {
     std::vector<T> array;
-    if (isPooledArraySize(length * sizeof(T))) {
+    if (isSharedOutArraySize(length * sizeof(T))) {
         array.reserve(length);
         bringInPages(array.data(), length * sizeof(T));
     }
@@ -108,14 +121,21 @@ ArrayPtr<T> ArrayPool<T>::makeForOverwrite(std::size_t length) {
 template <PooledElement T>
 ArrayPtr<T> ArrayPool<T>::makeFilled(std::size_t length, const T& value) {
     ArrayPtr<T> array = makeForOverwrite(length);
-    std::fill(array->begin(), array->end(), value);
+    T* to = array->data();
+    inPieces<T>(length, [&](std::size_t first, std::size_t last) {
+        std::fill(to + first, to + last, value);
+    });
     return array;
 }
 
 template <PooledElement T>
 ArrayPtr<T> ArrayPool<T>::makeCopy(std::span<const T> values) {
     ArrayPtr<T> array = makeForOverwrite(values.size());
-    std::copy(values.begin(), values.end(), array->begin());
+    T* to = array->data();
+    inPieces<T>(values.size(), [&](std::size_t first, std::size_t last) {
+        std::copy(values.begin() + static_cast<std::ptrdiff_t>(first),
+                  values.begin() + static_cast<std::ptrdiff_t>(last), to + first);
+    });
     return array;
 }
 

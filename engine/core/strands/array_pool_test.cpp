@@ -2,7 +2,10 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <vector>
+
+#include "base/parallel.h"
 
 namespace velmorin {
 namespace {
@@ -72,6 +75,29 @@ TEST(ArrayPool, SharedArraysComeBackWhenTheirLastHolderLetsGo) {
     grown.reset();
     pool.makeFilled(10, StrandRoot{}).reset();
     EXPECT_EQ(pool.pooledLengths(), (Lengths{length, length + 1}));
+    pool.trim();
+}
+
+// Fills and copies of a few megabytes run in pieces on every thread: each piece, the odd one at the
+// end too, must land whole, at any thread count. A fresh array of that size has its full length.
+TEST(ArrayPool, FillsAndCopiesLargeArraysWholeAtAnyThreadCount) {
+    ArrayPool<float>& pool = ArrayPool<float>::instance();
+    const std::size_t length = 3 * kFloatsIn4MiB / 4 + 5;
+    std::vector<float> source(length);
+    for (std::size_t i = 0; i < length; ++i)
+        source[i] = static_cast<float>(i) * 0.5f;
+    for (const int threads : {1, 2}) {
+        pool.trim();
+        runWithThreads(threads, [&] {
+            const ArrayPtr<float> filled = pool.makeFilled(length, 2.5f);
+            EXPECT_EQ(std::count(filled->begin(), filled->end(), 2.5f),
+                      static_cast<std::ptrdiff_t>(length))
+                << threads << " threads";
+            const ArrayPtr<float> copied = pool.makeCopy(source);
+            EXPECT_EQ(*copied, source) << threads << " threads";
+            EXPECT_EQ(pool.makeForOverwrite(length + 7)->size(), length + 7);
+        });
+    }
     pool.trim();
 }
 
