@@ -1,5 +1,8 @@
 #include <gtest/gtest.h>
 
+#include <vector>
+
+#include "base/hash.h"
 #include "ops/shape_ops.h"
 #include "ops/test/shape_checks.h"
 
@@ -72,6 +75,42 @@ TEST(Length, MappedLengthAndFractionAreReadPerStrand) {
     EXPECT_NEAR(out->strandPoints(1)[2].y, 2.0f * (1.0f - d1), 1e-5f);
     // A mapped keep above 1 is held to the whole strand.
     EXPECT_NEAR(out->strandPoints(2)[2].y, 2.0f, 1e-6f);
+}
+
+// Each kept point lies where a walk along the strand puts its arc, to the bit: on strands short
+// enough to count each point's segment and on long ones that walk, with segments of no length
+// (repeated points) and uneven ones.
+TEST(Length, EveryPointIsWhereTheArcWalkPutsIt) {
+    std::vector<std::vector<Vec3f>> strands;
+    for (const std::size_t count : {2, 3, 9, 17, 64, 65, 130}) {
+        std::vector<Vec3f> points;
+        for (std::size_t k = 0; k < count; ++k) {
+            const float h = unitFloat(hashCombine(count, k));
+            // Every fifth point repeats the one before it.
+            points.push_back(k % 5 == 4 ? points.back()
+                                        : Vec3f{h, static_cast<float>(k) * (0.5f + h), 0.25f * h});
+        }
+        strands.push_back(std::move(points));
+    }
+    const auto input = handStrands(strands);
+    for (const double keep : {0.999, 0.7, 0.31}) {
+        const auto out = ShapeRun("Length", {{"length", keep}}).run(input);
+        for (std::size_t s = 0; s < input->strandCount(); ++s) {
+            const std::span<const Vec3f> points = input->strandPoints(s);
+            std::vector<float> arcs(points.size());
+            const float step = static_cast<float>(keep) * arcLengths(points, arcs) /
+                               static_cast<float>(points.size() - 1);
+            std::size_t segment = 0;
+            for (std::size_t k = 0; k < points.size(); ++k) {
+                const Vec3f want = pointAtArc(points, arcs, step * static_cast<float>(k), segment);
+                const Vec3f got = out->strandPoints(s)[k];
+                EXPECT_TRUE(floatBits(got.x) == floatBits(want.x) &&
+                            floatBits(got.y) == floatBits(want.y) &&
+                            floatBits(got.z) == floatBits(want.z))
+                    << "keep " << keep << ", strand of " << points.size() << ", point " << k;
+            }
+        }
+    }
 }
 
 }  // namespace
