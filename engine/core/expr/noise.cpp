@@ -1,8 +1,8 @@
 #include "expr/noise.h"
 
 #include <algorithm>
-#include <climits>
 #include <cmath>
+#include <limits>
 
 #include "base/hash.h"
 
@@ -396,8 +396,8 @@ void FractalNoiseAlongZ::along(std::span<const float> z, std::span<Vec3f> out) {
         }
         std::int32_t lowest = 0, highest = -1;
         if (plain && count > 0) {
-            lowest = INT32_MAX;
-            highest = INT32_MIN;
+            lowest = std::numeric_limits<std::int32_t>::max();
+            highest = std::numeric_limits<std::int32_t>::min();
             for (std::size_t i = 0; i < count; ++i) {
                 below[i] = floorOf(q[i]);
                 cell[i] = static_cast<std::int32_t>(below[i]);
