@@ -253,6 +253,10 @@ void FractalNoiseAlongZ::startLine(float x, float y, float spacing) {
             for (int g = 0; g < 12; ++g)
                 octave.cornerDot[k][g] =
                     kGradients[g][0] * cornerX[k] + kGradients[g][1] * cornerY[k];
+        for (int a = 0; a < 3; ++a)
+            for (int b = 0; b < 3; ++b)
+                octave.slopeAcross[a][b] =
+                    blend(static_cast<float>(a - 1), static_cast<float>(b - 1), octave.fadeX);
         octave.cellValid = false;
     }
 }
@@ -280,17 +284,35 @@ void FractalNoiseAlongZ::blendFace(const Octave& octave, std::int64_t faceZ, flo
         h[c] = v;
     }
     const float u = octave.fadeX, v = octave.fadeY;
+    // Each hash's 16-bit words pick the corner's gradient per channel: word % 12.
+    std::uint16_t picks[16];
+#if VELMORIN_NOISE_SSE2
+    for (int half = 0; half < 2; ++half) {
+        // word * 43691 >> 19 is word / 12 for every word below 2^16.
+        const __m128i word = _mm_set_epi64x(static_cast<long long>(h[2 * half + 1]),
+                                            static_cast<long long>(h[2 * half]));
+        const __m128i twelfth = _mm_srli_epi16(_mm_mulhi_epu16(word, _mm_set1_epi16(-21845)), 3);
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(picks + 8 * half),
+                         _mm_sub_epi16(word, _mm_mullo_epi16(twelfth, _mm_set1_epi16(12))));
+    }
+#else
+    for (int k = 0; k < 4; ++k)
+        for (int channel = 0; channel < 4; ++channel)
+            picks[4 * k + channel] =
+                static_cast<std::uint16_t>(((h[k] >> (16 * channel)) & 0xFFFFu) % 12u);
+#endif
+    // The z gradient of each pick as an index of slopeAcross: 0 for -1, 1 for 0, 2 for 1.
+    static constexpr std::uint8_t kSlopeIndex[12] = {1, 1, 1, 1, 2, 2, 0, 0, 2, 2, 0, 0};
     for (int channel = 0; channel < 3; ++channel) {
         // gradientChannel's corners with z left out: the x and y part blended across the face,
         // and the z gradients blended alike as the slope in z.
-        int g[4];
-        for (int k = 0; k < 4; ++k)
-            g[k] = static_cast<int>(((h[k] >> (16 * channel)) & 0xFFFFu) % 12u);
-        const float c00 = blend(octave.cornerDot[0][g[0]], octave.cornerDot[1][g[1]], u);
-        const float c10 = blend(octave.cornerDot[2][g[2]], octave.cornerDot[3][g[3]], u);
+        const int g0 = picks[channel], g1 = picks[4 + channel];
+        const int g2 = picks[8 + channel], g3 = picks[12 + channel];
+        const float c00 = blend(octave.cornerDot[0][g0], octave.cornerDot[1][g1], u);
+        const float c10 = blend(octave.cornerDot[2][g2], octave.cornerDot[3][g3], u);
         constant[channel] = blend(c00, c10, v);
-        slope[channel] = blend(blend(kGradients[g[0]][2], kGradients[g[1]][2], u),
-                               blend(kGradients[g[2]][2], kGradients[g[3]][2], u), v);
+        slope[channel] = blend(octave.slopeAcross[kSlopeIndex[g0]][kSlopeIndex[g1]],
+                               octave.slopeAcross[kSlopeIndex[g2]][kSlopeIndex[g3]], v);
     }
     constant[3] = 0.0f;
     slope[3] = 0.0f;
