@@ -119,6 +119,11 @@ ArrayPtr<T> ArrayPool<T>::makeForOverwrite(std::size_t length) {
 }
 
 template <PooledElement T>
+std::vector<T> ArrayPool<T>::makeVector(std::size_t length) {
+    return freshArray<T>(length);
+}
+
+template <PooledElement T>
 ArrayPtr<T> ArrayPool<T>::makeFilled(std::size_t length, const T& value) {
     ArrayPtr<T> array = makeForOverwrite(length);
     T* to = array->data();

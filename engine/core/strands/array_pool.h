@@ -53,6 +53,10 @@ class ArrayPool {
     ArrayPtr<T> makeCopy(std::span<const T> values);
     // Shares `values` as an array that comes back to this pool when its last holder lets go.
     ArrayPtr<T> adopt(std::vector<T>&& values);
+    // A plain array of `length` value-initialised elements, never pooled, for a cache an operator
+    // keeps to itself. From a megabyte up its memory is brought in on every thread first, as for
+    // the pool's own fresh arrays.
+    static std::vector<T> makeVector(std::size_t length);
 
     // Removes and returns a pooled array of exactly `length` elements (the most recently released
     // one), or nothing. Arrays under the pooled size are never pooled, so asking for one returns

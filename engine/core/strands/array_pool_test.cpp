@@ -96,6 +96,10 @@ TEST(ArrayPool, FillsAndCopiesLargeArraysWholeAtAnyThreadCount) {
             const ArrayPtr<float> copied = pool.makeCopy(source);
             EXPECT_EQ(*copied, source) << threads << " threads";
             EXPECT_EQ(pool.makeForOverwrite(length + 7)->size(), length + 7);
+            // A plain array is value-initialised throughout and leaves the pool as it was.
+            const std::vector<float> plain = ArrayPool<float>::makeVector(length);
+            EXPECT_EQ(std::count(plain.begin(), plain.end(), 0.0f),
+                      static_cast<std::ptrdiff_t>(length));
         });
     }
     pool.trim();
