@@ -1,6 +1,7 @@
 // Blue-noise relaxation of scatter candidates and the blend between even and random roots.
 
 #include <algorithm>
+#include <array>
 #include <bit>
 #include <cmath>
 #include <limits>
@@ -22,6 +23,14 @@
 #else
 #define VELMORIN_RELAX_SSE 0
 #endif
+// The push also runs eight candidates at a time with AVX where the processor has it, chosen at run
+// time: the build targets every x86-64, and most have AVX. GCC and clang only.
+#if VELMORIN_RELAX_SSE && (defined(__GNUC__) || defined(__clang__))
+#include <immintrin.h>
+#define VELMORIN_RELAX_AVX 1
+#else
+#define VELMORIN_RELAX_AVX 0
+#endif
 
 namespace velmorin {
 namespace {
@@ -30,13 +39,31 @@ constexpr std::size_t kGrain = 256;
 constexpr int kIterations = 24;
 constexpr float kRadiusScale = 1.0746f;  // the spacing of a hexagonal packing at unit density
 constexpr std::uint32_t kNoEdge = 0xffffffffu;
-// How far beyond its cell the block search gathers, in cells: short of the two cells it looks at,
-// so that rounding never puts a candidate of the box outside them.
+// How far beyond its cell the block search reaches, in cells: it gathers the whole cells within
+// that reach, rounded up (two on every side).
 constexpr float kBlockReach = 1.75f;
 // The neighbour grid's cell in radii: a box of 1.75 cells round a cell then reaches 3.5 radii, past
 // the 24th nearest (about 2.65 radii apart once spread, a little more at random), and a cell holds
 // a handful of candidates that share one gathering.
 constexpr float kNeighborCell = 2.0f;
+
+#if VELMORIN_RELAX_AVX
+bool wideLanesUsable() {
+    static const bool usable = __builtin_cpu_supports("avx");
+    return usable;
+}
+bool wideIntegerLanesUsable() {
+    static const bool usable = __builtin_cpu_supports("avx2");
+    return usable;
+}
+#else
+bool wideLanesUsable() {
+    return false;
+}
+bool wideIntegerLanesUsable() {
+    return false;
+}
+#endif
 
 void forEach(std::size_t count, const RangeBody& body) {
     if (count <= kGrain) {
@@ -154,10 +181,14 @@ class CandidateGrid {
         });
         sortedIndex_.resize(count);
         sortedPosition_.resize(count);
+        for (auto& axis : sortedAxis_)
+            axis.resize(count);
         forEach(count, [&](std::size_t begin, std::size_t end) {
             for (std::size_t e = begin; e < end; ++e) {
                 sortedIndex_[e] = entries[e].index;
                 sortedPosition_[e] = positions[entries[e].index];
+                for (int a = 0; a < 3; ++a)
+                    sortedAxis_[a][e] = sortedPosition_[e][a];
             }
         });
         std::size_t rowCount = 0;
@@ -219,6 +250,9 @@ class CandidateGrid {
     float inverse() const { return inverse_; }
     std::uint32_t indexAt(std::uint32_t entry) const { return sortedIndex_[entry]; }
     const Vec3f& positionAt(std::uint32_t entry) const { return sortedPosition_[entry]; }
+    // The entries' coordinates along one axis, and their indices, in entry order.
+    const float* axisData(int axis) const { return sortedAxis_[axis].data(); }
+    const std::uint32_t* indexData() const { return sortedIndex_.data(); }
     std::size_t size() const { return sortedIndex_.size(); }
     std::uint64_t cellKeyAt(std::uint32_t cell) const { return cellKeys_[cell]; }
     // The entries of cells [first, last).
@@ -261,6 +295,7 @@ class CandidateGrid {
     float inverse_;
     std::vector<std::uint32_t> sortedIndex_;
     std::vector<Vec3f> sortedPosition_;
+    std::array<std::vector<float>, 3> sortedAxis_;  // the same, axis by axis
     std::vector<std::uint32_t> cellStart_;
     std::vector<std::uint64_t> cellKeys_;
     std::vector<Row> rows_;
@@ -269,15 +304,18 @@ class CandidateGrid {
 };
 
 // The block search, the fast path of the neighbour search. Candidates come in grid order, so those
-// of one cell follow each other: the candidates in a box round the cell, `reach` beyond it on every
-// side, are gathered once into plain arrays, and each candidate of the cell picks its 24 nearest
-// from them. The answer is the true one whenever the 24th lies nearer than the box's nearest face:
-// everything outside the box is farther. Otherwise (a sparse spot, a border of the scalp) the
-// caller runs the shell search instead.
+// of one cell follow each other: the candidates of the block of cells round the cell, `reach`
+// beyond it on every side rounded up to whole cells, are gathered once into plain arrays, and each
+// candidate of the cell picks its 24 nearest from them. The answer is the true one whenever the
+// 24th lies nearer than the box's nearest face: everything outside the box is farther. Otherwise (a
+// sparse spot, a border of the scalp) the caller runs the shell search instead.
 class BlockSearch {
   public:
-    BlockSearch(const CandidateGrid& grid, float reach, float range2)
-        : grid_(grid),
+    BlockSearch(const CandidateGrid& grid, float reach, float range2, bool wide)
+        : wide_(wide),
+          runs_((2 * static_cast<std::size_t>(std::ceil(reach * grid.inverse())) + 1) *
+                (2 * static_cast<std::size_t>(std::ceil(reach * grid.inverse())) + 1)),
+          grid_(grid),
           cell_(1.0f / grid.inverse()),
           reach_(reach),
           range2_(range2),
@@ -296,7 +334,7 @@ class BlockSearch {
         // 24th squared distance there are mostly 24, and few more keys to sort, whose insertion
         // costs most of a search. Where there are fewer, the reach widens in steps.
         const float first = std::min(range2_, hint_);
-        std::size_t n = collectNear(p, i, first);
+        std::size_t n = wide_ ? collectNearWide(p, i, first) : collectNear(p, i, first);
         if (n < kRelaxNeighbors && first < range2_) {
             const float second = std::min(range2_, 1.6f * first);
             n = collectAgain(i, second);
@@ -304,7 +342,7 @@ class BlockSearch {
         }
         // The keys in order, the first 24 kept.
         std::size_t found = std::min<std::size_t>(n, kRelaxNeighbors);
-        if (!rankKeys(n, best)) insertKeys(n, best);
+        if (!(wide_ ? rankKeysWide(n, best) : rankKeys(n, best))) insertKeys(n, best);
         const float limit =
             found == kRelaxNeighbors
                 ? std::bit_cast<float>(static_cast<std::uint32_t>(best[found - 1] >> 32))
@@ -353,6 +391,113 @@ class BlockSearch {
         return false;
 #endif
     }
+
+#if VELMORIN_RELAX_AVX
+    // rankKeys eight keys at a time with AVX2: each key's rank is the count of smaller squared
+    // distances, gathered for eight keys against one distance at a time.
+    __attribute__((target("avx2"))) bool rankKeysWide(std::size_t n,
+                                                      std::uint64_t (&best)[kRelaxNeighbors]) {
+        if (n > kRankMost) return false;
+        // The squared distances are read one by one from the keys into registers: the keys were
+        // just stored in overlapping groups, and a wide load across two stores would wait for
+        // them to reach the cache. The empty statements keep the compiler from merging the loads.
+        const auto bitsOf = [this](std::size_t k) {
+            auto bits = static_cast<std::int32_t>(keys_[k] >> 32);
+            asm("" : "+r"(bits));
+            return bits;
+        };
+        const auto far =
+            static_cast<std::int32_t>(floatBits(std::numeric_limits<float>::infinity()));
+        std::uint64_t ranks = 0;
+        alignas(32) std::int32_t rank[8];
+        std::uint64_t sorted[kRankMost + 8];
+        for (std::size_t g = 0; g < n; g += 8) {
+            std::int32_t lane[8];
+            for (std::size_t l = 0; l < 8; ++l)
+                lane[l] = g + l < n ? bitsOf(g + l) : far;
+            const __m256 mine = _mm256_castsi256_ps(_mm256_setr_epi32(
+                lane[0], lane[1], lane[2], lane[3], lane[4], lane[5], lane[6], lane[7]));
+            __m256i count = _mm256_setzero_si256();
+            for (std::size_t k = 0; k < n; ++k)
+                count = _mm256_sub_epi32(
+                    count,
+                    _mm256_castps_si256(_mm256_cmp_ps(
+                        _mm256_castsi256_ps(_mm256_set1_epi32(bitsOf(k))), mine, _CMP_LT_OQ)));
+            _mm256_store_si256(reinterpret_cast<__m256i*>(rank), count);
+            // Every lane is placed, without a branch: lanes past the keys rank n or more and
+            // land beyond them.
+            for (std::size_t lane = 0; lane < 8; ++lane) {
+                const auto r = static_cast<std::size_t>(rank[lane]);
+                ranks |= static_cast<std::uint64_t>(g + lane < n) << r;
+                sorted[r] = keys_[g + lane];
+            }
+        }
+        std::copy_n(sorted, std::min<std::size_t>(n, kRelaxNeighbors), best);
+        // Without ties the ranks are 0 to n - 1; a tie repeats one and leaves one out.
+        return ranks == (std::uint64_t{1} << n) - 1;
+    }
+
+    // collectNear eight lanes at a time with AVX2: the lanes within reach are packed to the front
+    // by one permutation from a table, without a branch or a store per lane.
+    __attribute__((target("avx2"))) std::size_t collectNearWide(const Vec3f& p, std::uint32_t i,
+                                                                float within) {
+        const __m256 px = _mm256_set1_ps(p.x), py = _mm256_set1_ps(p.y), pz = _mm256_set1_ps(p.z);
+        const __m256 limit = _mm256_set1_ps(within);
+        const __m256i self = _mm256_set1_epi32(static_cast<std::int32_t>(i));
+        const __m256i shifts = _mm256_setr_epi32(0, 4, 8, 12, 16, 20, 24, 28);
+        std::size_t n = 0;
+        for (std::size_t b = 0; b < count_; b += 8) {
+            const __m256 dx = _mm256_sub_ps(_mm256_loadu_ps(x_.data() + b), px);
+            const __m256 dy = _mm256_sub_ps(_mm256_loadu_ps(y_.data() + b), py);
+            const __m256 dz = _mm256_sub_ps(_mm256_loadu_ps(z_.data() + b), pz);
+            const __m256 d2 = _mm256_add_ps(
+                _mm256_add_ps(_mm256_mul_ps(dx, dx), _mm256_mul_ps(dy, dy)), _mm256_mul_ps(dz, dz));
+            _mm256_storeu_ps(d2_.data() + b, d2);
+            const __m256i index =
+                _mm256_loadu_si256(reinterpret_cast<const __m256i*>(index_.data() + b));
+            const __m256 other = _mm256_castsi256_ps(_mm256_cmpeq_epi32(index, self));
+            const auto mask = static_cast<unsigned>(
+                _mm256_movemask_ps(_mm256_andnot_ps(other, _mm256_cmp_ps(d2, limit, _CMP_LE_OQ))));
+            const __m256i order = _mm256_and_si256(
+                _mm256_srlv_epi32(_mm256_set1_epi32(static_cast<std::int32_t>(kPackOrder[mask])),
+                                  shifts),
+                _mm256_set1_epi32(7));
+            // The keys straight from the packed lanes: rereading packed words through memory
+            // would wait on the overlapping stores.
+            const __m256i bits = _mm256_permutevar8x32_epi32(_mm256_castps_si256(d2), order);
+            const __m256i indices = _mm256_permutevar8x32_epi32(index, order);
+            const __m256i low = _mm256_or_si256(
+                _mm256_cvtepu32_epi64(_mm256_castsi256_si128(indices)),
+                _mm256_slli_epi64(_mm256_cvtepu32_epi64(_mm256_castsi256_si128(bits)), 32));
+            const __m256i high = _mm256_or_si256(
+                _mm256_cvtepu32_epi64(_mm256_extracti128_si256(indices, 1)),
+                _mm256_slli_epi64(_mm256_cvtepu32_epi64(_mm256_extracti128_si256(bits, 1)), 32));
+            _mm256_storeu_si256(reinterpret_cast<__m256i*>(keys_.data() + n), low);
+            _mm256_storeu_si256(reinterpret_cast<__m256i*>(keys_.data() + n + 4), high);
+            n += static_cast<std::size_t>(std::popcount(mask));
+        }
+        return n;
+    }
+
+    // For each eight-bit mask, the lanes whose bit is set in order, three bits each in a nibble.
+    static constexpr std::array<std::uint32_t, 256> kPackOrder = [] {
+        std::array<std::uint32_t, 256> table{};
+        for (std::uint32_t mask = 0; mask < 256; ++mask) {
+            std::uint32_t packed = 0, at = 0;
+            for (std::uint32_t lane = 0; lane < 8; ++lane)
+                if ((mask >> lane) & 1u) packed |= lane << (4 * at++);
+            table[mask] = packed;
+        }
+        return table;
+    }();
+#else
+    bool rankKeysWide(std::size_t n, std::uint64_t (&best)[kRelaxNeighbors]) {
+        return rankKeys(n, best);
+    }
+    std::size_t collectNearWide(const Vec3f& p, std::uint32_t i, float within) {
+        return collectNear(p, i, within);
+    }
+#endif
 
     // The same by insertion, ties going by index.
     void insertKeys(std::size_t n, std::uint64_t (&best)[kRelaxNeighbors]) const {
@@ -420,48 +565,87 @@ class BlockSearch {
         return n;
     }
 
-    // The candidates of the cells within `cells_` of cell c that lie in the box. The box reaches
-    // less far than those cells, with a margin far above the rounding of the cell coordinates, so
-    // it holds every candidate within it.
+    // The candidates of the cells within `cells_` of cell c, whole cells copied run by run.
     void gather(const CellCoord& c, std::uint64_t key) {
         key_ = key;
-        const Vec3f corner{static_cast<float>(c.x) * cell_, static_cast<float>(c.y) * cell_,
-                           static_cast<float>(c.z) * cell_};
-        low_ = corner - Vec3f{reach_, reach_, reach_};
-        high_ = corner + Vec3f{cell_ + reach_, cell_ + reach_, cell_ + reach_};
+        // The box is the block of cells, less a margin for the rounding of the cell coordinates
+        // (a candidate of a cell outside may lie a hair inside the block's faces): every
+        // candidate outside the block lies outside the box.
+        const float slack =
+            1e-3f + (static_cast<float>(std::max({std::abs(c.x), std::abs(c.y), std::abs(c.z)})) +
+                     static_cast<float>(cells_) + 2.0f) *
+                        4e-7f;
+        const float lowEdge = static_cast<float>(-cells_) + slack;
+        const float highEdge = static_cast<float>(cells_ + 1) - slack;
+        low_ = {(static_cast<float>(c.x) + lowEdge) * cell_,
+                (static_cast<float>(c.y) + lowEdge) * cell_,
+                (static_cast<float>(c.z) + lowEdge) * cell_};
+        high_ = {(static_cast<float>(c.x) + highEdge) * cell_,
+                 (static_cast<float>(c.y) + highEdge) * cell_,
+                 (static_cast<float>(c.z) + highEdge) * cell_};
+        // Cells come in key order, x fastest: the next cell is mostly further along the same row
+        // of cells, and each row's run of cells in the block then only moves on from where it
+        // was, without a search.
+        const bool sameRows = rowsValid_ && c.y == rowsY_ && c.z == rowsZ_ && c.x > rowsX_;
+        rowsValid_ = true;
+        rowsX_ = c.x;
+        rowsY_ = c.y;
+        rowsZ_ = c.z;
         std::size_t m = 0;
+        std::size_t r = 0;
         for (int dz = -cells_; dz <= cells_; ++dz)
-            for (int dy = -cells_; dy <= cells_; ++dy) {
+            for (int dy = -cells_; dy <= cells_; ++dy, ++r) {
                 const std::int64_t y = c.y + dy, z = c.z + dz;
-                const auto [begin, end] = grid_.row(y, z);
-                if (begin == end) continue;
-                const std::uint32_t left =
-                    grid_.lowerBound(begin, end, cellKey(c.x - cells_, y, z));
-                const std::uint32_t right =
-                    grid_.lowerBound(left, end, cellKey(c.x + cells_ + 1, y, z));
-                const std::uint32_t first = grid_.entriesBegin(left);
-                const std::uint32_t last = grid_.entriesBegin(right);
-                if (m + (last - first) + 4 > x_.size()) grow(m + (last - first) + 4);
-                for (std::uint32_t e = first; e < last; ++e) {
-                    const Vec3f& q = grid_.positionAt(e);
-                    x_[m] = q.x;
-                    y_[m] = q.y;
-                    z_[m] = q.z;
-                    index_[m] = grid_.indexAt(e);
-                    // Bitwise ands: the box cuts through the cells, so the test falls either
-                    // way.
-                    m += static_cast<std::size_t>((q.x >= low_.x) & (q.x <= high_.x) &
-                                                  (q.y >= low_.y) & (q.y <= high_.y) &
-                                                  (q.z >= low_.z) & (q.z <= high_.z));
+                RowRun& run = runs_[r];
+                if (!sameRows) {
+                    const auto [begin, end] = grid_.row(y, z);
+                    run.end = end;
+                    run.left = begin == end
+                                   ? end
+                                   : grid_.lowerBound(begin, end, cellKey(c.x - cells_, y, z));
+                    run.right = begin == end ? end
+                                             : grid_.lowerBound(run.left, end,
+                                                                cellKey(c.x + cells_ + 1, y, z));
+                } else {
+                    const std::uint64_t leftKey = cellKey(c.x - cells_, y, z);
+                    const std::uint64_t rightKey = cellKey(c.x + cells_ + 1, y, z);
+                    while (run.left < run.end && grid_.cellKeyAt(run.left) < leftKey)
+                        ++run.left;
+                    run.right = std::max(run.right, run.left);
+                    while (run.right < run.end && grid_.cellKeyAt(run.right) < rightKey)
+                        ++run.right;
                 }
+                if (run.left == run.right) continue;
+                const std::uint32_t first = grid_.entriesBegin(run.left);
+                const std::uint32_t last = grid_.entriesBegin(run.right);
+                const std::size_t length = last - first;
+                if (m + length + 8 > x_.size()) grow(m + length + 8);
+                // One loop for the four arrays: runs are short, and a library copy per array
+                // would cost more than the copying.
+                const float* __restrict fromX = grid_.axisData(0) + first;
+                const float* __restrict fromY = grid_.axisData(1) + first;
+                const float* __restrict fromZ = grid_.axisData(2) + first;
+                const std::uint32_t* __restrict fromIndex = grid_.indexData() + first;
+                float* __restrict toX = x_.data() + m;
+                float* __restrict toY = y_.data() + m;
+                float* __restrict toZ = z_.data() + m;
+                std::uint32_t* __restrict toIndex = index_.data() + m;
+                for (std::size_t k = 0; k < length; ++k) {
+                    toX[k] = fromX[k];
+                    toY[k] = fromY[k];
+                    toZ[k] = fromZ[k];
+                    toIndex[k] = fromIndex[k];
+                }
+                m += length;
             }
-        if (m + 4 > x_.size()) grow(m + 4);
+        if (m + 8 > x_.size()) grow(m + 8);
         const float far = std::numeric_limits<float>::infinity();
-        for (std::size_t b = m; b % 4 != 0; ++b) {
+        const std::size_t lanes = wide_ ? 8 : 4;
+        for (std::size_t b = m; b % lanes != 0; ++b) {
             x_[b] = y_[b] = z_[b] = far;
             index_[b] = 0;
         }
-        count_ = (m + 3) / 4 * 4;
+        count_ = (m + lanes - 1) / lanes * lanes;
     }
 
     void grow(std::size_t size) {
@@ -474,6 +658,14 @@ class BlockSearch {
         keys_.resize(size);
     }
 
+    // A row of cells of the block: its cells end at `end`, and [left, right) lie in the block.
+    struct RowRun {
+        std::uint32_t end = 0, left = 0, right = 0;
+    };
+    bool wide_;
+    std::vector<RowRun> runs_;
+    bool rowsValid_ = false;
+    std::int64_t rowsX_ = 0, rowsY_ = 0, rowsZ_ = 0;
     const CandidateGrid& grid_;
     float cell_, reach_, range2_;
     int cells_;
@@ -492,7 +684,8 @@ class BlockSearch {
 // A neighbour is one number, the squared distance's bits above its index: distances are never
 // negative, so comparing the numbers orders by distance and then by index, whatever the order of
 // the scan.
-void nearestInGrid(const CandidateGrid& grid, float range, std::span<std::uint32_t> lists) {
+void nearestInGrid(const CandidateGrid& grid, float range, std::span<std::uint32_t> lists,
+                   bool wide) {
     const std::size_t count = grid.size();
     const float inverse = grid.inverse();
     const float cell = 1.0f / inverse;
@@ -510,7 +703,7 @@ void nearestInGrid(const CandidateGrid& grid, float range, std::span<std::uint32
         std::uint64_t best[kRelaxNeighbors];
         int start = 0;
         float hint = range2;
-        BlockSearch block(grid, kBlockReach * cell, range2);
+        BlockSearch block(grid, kBlockReach * cell, range2, wide);
         for (std::size_t at = entryBegin; at < entryEnd; ++at) {
             const auto self = static_cast<std::uint32_t>(at);
             const Vec3f p = grid.positionAt(self);
@@ -721,16 +914,118 @@ Vec3f pairForce(std::size_t i, const std::uint32_t* list, const Vec3f& pi, float
 #endif
 }
 
+// The push of eight candidates at once, one per lane, each lane doing the operations of the
+// pair-by-pair loop in list order: the sums come out with the same bits. The candidates are
+// `first` to `first + lanes - 1`; `positions` must be readable for 4 bytes past its last point,
+// since a point is loaded with the float after it. A candidate with a coincident pair is left to
+// the pair-by-pair loop: its bit in the returned mask is set and its force is not written.
+#if VELMORIN_RELAX_AVX
+__attribute__((target("avx"))) unsigned pairForceWide(std::size_t first, std::size_t lanes,
+                                                      const std::uint32_t* lists,
+                                                      const Vec3f* positions, const float* radii,
+                                                      float r0, Vec3f* forces) {
+    std::size_t self[8];
+    // Lanes beyond the last candidate repeat it; their result is dropped.
+    for (std::size_t c = 0; c < 8; ++c)
+        self[c] = first + std::min(c, lanes - 1);
+    const Vec3f* p = positions;
+    const __m256 px = _mm256_setr_ps(p[self[0]].x, p[self[1]].x, p[self[2]].x, p[self[3]].x,
+                                     p[self[4]].x, p[self[5]].x, p[self[6]].x, p[self[7]].x);
+    const __m256 py = _mm256_setr_ps(p[self[0]].y, p[self[1]].y, p[self[2]].y, p[self[3]].y,
+                                     p[self[4]].y, p[self[5]].y, p[self[6]].y, p[self[7]].y);
+    const __m256 pz = _mm256_setr_ps(p[self[0]].z, p[self[1]].z, p[self[2]].z, p[self[3]].z,
+                                     p[self[4]].z, p[self[5]].z, p[self[6]].z, p[self[7]].z);
+    const __m256 ownRadius =
+        radii ? _mm256_setr_ps(radii[self[0]], radii[self[1]], radii[self[2]], radii[self[3]],
+                               radii[self[4]], radii[self[5]], radii[self[6]], radii[self[7]])
+              : _mm256_set1_ps(r0);
+    // Where every radius is r0, every reach is r0 + r0.
+    const __m256 plainReach = _mm256_add_ps(ownRadius, _mm256_set1_ps(r0));
+    // Lane values are put together in registers: eight stores and one wide load of them would
+    // wait for the stores to reach the cache. (Lambdas would not be built for AVX.)
+    const auto lane = [](std::size_t value) { return static_cast<std::int32_t>(value); };
+    const __m128i selfLow =
+        _mm_setr_epi32(lane(self[0]), lane(self[1]), lane(self[2]), lane(self[3]));
+    const __m128i selfHigh =
+        _mm_setr_epi32(lane(self[4]), lane(self[5]), lane(self[6]), lane(self[7]));
+    const __m256 one = _mm256_set1_ps(1.0f), tiny = _mm256_set1_ps(1e-6f);
+    const __m256 zero = _mm256_setzero_ps();
+    __m256 fx = _mm256_setzero_ps(), fy = _mm256_setzero_ps(), fz = _mm256_setzero_ps();
+    unsigned coincident = 0;
+    for (int k = 0; k < kRelaxNeighbors; ++k) {
+        std::uint32_t j[8];
+        __m128 q[8];
+        for (std::size_t c = 0; c < 8; ++c) {
+            j[c] = lists[self[c] * kRelaxNeighbors + static_cast<std::size_t>(k)];
+            q[c] = _mm_loadu_ps(&positions[j[c]].x);
+        }
+        // A pair with the candidate itself (a list padded with its own index) and, where radii
+        // differ, a neighbour of radius 0 get a reach of 0: no distance is below it.
+        const __m128 itself = _mm_castsi128_ps(_mm_cmpeq_epi32(
+            _mm_setr_epi32(lane(j[0]), lane(j[1]), lane(j[2]), lane(j[3])), selfLow));
+        const __m128 itselfHigh = _mm_castsi128_ps(_mm_cmpeq_epi32(
+            _mm_setr_epi32(lane(j[4]), lane(j[5]), lane(j[6]), lane(j[7])), selfHigh));
+        const __m256 same = _mm256_insertf128_ps(_mm256_castps128_ps256(itself), itselfHigh, 1);
+        __m256 s;
+        if (radii) {
+            const __m256 rj = _mm256_setr_ps(radii[j[0]], radii[j[1]], radii[j[2]], radii[j[3]],
+                                             radii[j[4]], radii[j[5]], radii[j[6]], radii[j[7]]);
+            s = _mm256_andnot_ps(same, _mm256_and_ps(_mm256_cmp_ps(rj, zero, _CMP_GT_OQ),
+                                                     _mm256_add_ps(ownRadius, rj)));
+        } else {
+            s = _mm256_andnot_ps(same, plainReach);
+        }
+        // Eight points (x, y, z, next) to three rows of x, y and z.
+        const __m256 r0r4 = _mm256_insertf128_ps(_mm256_castps128_ps256(q[0]), q[4], 1);
+        const __m256 r1r5 = _mm256_insertf128_ps(_mm256_castps128_ps256(q[1]), q[5], 1);
+        const __m256 r2r6 = _mm256_insertf128_ps(_mm256_castps128_ps256(q[2]), q[6], 1);
+        const __m256 r3r7 = _mm256_insertf128_ps(_mm256_castps128_ps256(q[3]), q[7], 1);
+        const __m256 xy01 = _mm256_unpacklo_ps(r0r4, r1r5), xy23 = _mm256_unpacklo_ps(r2r6, r3r7);
+        const __m256 zw01 = _mm256_unpackhi_ps(r0r4, r1r5), zw23 = _mm256_unpackhi_ps(r2r6, r3r7);
+        const __m256 x = _mm256_sub_ps(px, _mm256_shuffle_ps(xy01, xy23, 0x44));
+        const __m256 y = _mm256_sub_ps(py, _mm256_shuffle_ps(xy01, xy23, 0xEE));
+        const __m256 z = _mm256_sub_ps(pz, _mm256_shuffle_ps(zw01, zw23, 0x44));
+        const __m256 dist = _mm256_sqrt_ps(_mm256_add_ps(
+            _mm256_add_ps(_mm256_mul_ps(x, x), _mm256_mul_ps(y, y)), _mm256_mul_ps(z, z)));
+        const __m256 in = _mm256_cmp_ps(dist, s, _CMP_LT_OQ);
+        // A pair out of reach adds +0, which changes no sum that starts at +0: lists run nearest
+        // first, so the last pairs of all eight are mostly out of reach together.
+        if (_mm256_movemask_ps(in) == 0) continue;
+        coincident |= static_cast<unsigned>(_mm256_movemask_ps(
+            _mm256_and_ps(in, _mm256_cmp_ps(dist, _mm256_mul_ps(s, tiny), _CMP_LE_OQ))));
+        const __m256 w = _mm256_sub_ps(one, _mm256_div_ps(dist, s));
+        const __m256 weight = _mm256_and_ps(in, _mm256_mul_ps(w, w));
+        // Lanes out of reach may hold infinities or NaN before the mask; the mask makes them +0.
+        fx = _mm256_add_ps(fx, _mm256_and_ps(in, _mm256_mul_ps(_mm256_div_ps(x, dist), weight)));
+        fy = _mm256_add_ps(fy, _mm256_and_ps(in, _mm256_mul_ps(_mm256_div_ps(y, dist), weight)));
+        fz = _mm256_add_ps(fz, _mm256_and_ps(in, _mm256_mul_ps(_mm256_div_ps(z, dist), weight)));
+    }
+    alignas(32) float own[3][8];
+    _mm256_store_ps(own[0], fx);
+    _mm256_store_ps(own[1], fy);
+    _mm256_store_ps(own[2], fz);
+    for (std::size_t c = 0; c < lanes; ++c)
+        forces[c] = {own[0][c], own[1][c], own[2][c]};
+    return coincident & ((1u << lanes) - 1);
+}
+#else
+unsigned pairForceWide(std::size_t, std::size_t, const std::uint32_t*, const Vec3f*, const float*,
+                       float, Vec3f*) {
+    return 0;
+}
+#endif
+
 }  // namespace
 
 void nearestNeighbors(std::span<const Vec3f> positions, float cell, float range,
-                      std::span<std::uint32_t> lists) {
+                      std::span<std::uint32_t> lists, RelaxLanes lanes) {
     if (positions.empty()) return;
-    nearestInGrid(CandidateGrid(cell, positions), range, lists);
+    nearestInGrid(CandidateGrid(cell, positions), range, lists,
+                  lanes == RelaxLanes::widest && wideIntegerLanesUsable());
 }
 
 void relaxPlacement(const ScalpMesh& scalp, const PlacementSettings& settings,
-                    ScatterPlacement& placed) {
+                    ScatterPlacement& placed, RelaxLanes lanes) {
     const std::size_t count = placed.size();
     placed.evenRoots = placed.randomRoots;
     if (count < 2 || !(settings.density > 0.0)) return;
@@ -739,7 +1034,8 @@ void relaxPlacement(const ScalpMesh& scalp, const PlacementSettings& settings,
     const float r0 = kRadiusScale / static_cast<float>(std::sqrt(settings.density));
 
     std::vector<StrandRoot> roots = placed.randomRoots;
-    std::vector<Vec3f> positions(count), next(count), normals(count);
+    // One point more than candidates: the eight-lane push loads each point with the float after.
+    std::vector<Vec3f> positions(count + 1), next(count + 1), normals(count);
     std::vector<float> radii(count);
     forEach(count, [&](std::size_t begin, std::size_t end) {
         for (std::size_t i = begin; i < end; ++i) {
@@ -765,7 +1061,8 @@ void relaxPlacement(const ScalpMesh& scalp, const PlacementSettings& settings,
     std::vector<std::uint32_t> nearestEdge(count, kNoEdge);
 
     auto refresh = [&] {
-        nearestNeighbors(positions, kNeighborCell * r0, searchRange, neighbors);
+        nearestNeighbors(std::span(positions).first(count), kNeighborCell * r0, searchRange,
+                         neighbors, lanes);
         forEach(count, [&](std::size_t begin, std::size_t end) {
             for (std::size_t i = begin; i < end; ++i) {
                 const Vec3f p = positions[i];
@@ -792,11 +1089,19 @@ void relaxPlacement(const ScalpMesh& scalp, const PlacementSettings& settings,
         return !masked || settings.mask->passes(position);
     };
 
+    const bool wide = lanes == RelaxLanes::widest && wideLanesUsable();
     for (int iteration = 0; iteration < kIterations; ++iteration) {
         if (iteration % 4 == 0) refresh();
         const bool last = iteration == kIterations - 1;
         forEach(count, [&](std::size_t begin, std::size_t end) {
+            const float* radiiOrNull = mapped ? radii.data() : nullptr;
+            Vec3f pushes[8];
+            unsigned alone = 0;  // lanes left to the pair-by-pair loop
             for (std::size_t i = begin; i < end; ++i) {
+                const std::size_t lane = (i - begin) % 8;
+                if (wide && lane == 0)
+                    alone = pairForceWide(i, std::min<std::size_t>(8, end - i), neighbors.data(),
+                                          positions.data(), radiiOrNull, r0, pushes);
                 const float ri = radii[i];
                 const Vec3f pi = positions[i];
                 if (!(ri > 0.0f)) {
@@ -804,8 +1109,11 @@ void relaxPlacement(const ScalpMesh& scalp, const PlacementSettings& settings,
                     continue;
                 }
                 const std::uint32_t* list = neighbors.data() + i * kRelaxNeighbors;
-                Vec3f force = pairForce(i, list, pi, ri, positions.data(),
-                                        mapped ? radii.data() : nullptr, r0, count);
+                Vec3f force =
+                    !wide ? pairForce(i, list, pi, ri, positions.data(), radiiOrNull, r0, count)
+                    : (alone >> lane) & 1u ? pairForceOneByOne(i, list, pi, ri, positions.data(),
+                                                               radiiOrNull, r0, count)
+                                           : pushes[lane];
                 if (nearestEdge[i] != kNoEdge) {
                     const BorderEdge& edge = edges[nearestEdge[i]];
                     const float e = length(pi - closestOnSegment(pi, edge.a, edge.b));

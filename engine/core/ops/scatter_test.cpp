@@ -303,15 +303,19 @@ std::vector<std::uint32_t> nearestByBruteForce(std::span<const Vec3f> positions,
 void expectNearestInRange(const std::string& name, std::span<const Vec3f> positions, float cell,
                           float range) {
     const std::vector<std::uint32_t> expected = nearestByBruteForce(positions, range);
-    for (const int threads : {1, 2}) {
-        std::vector<std::uint32_t> lists(positions.size() * kRelaxNeighbors);
-        runWithThreads(threads, [&] { nearestNeighbors(positions, cell, range, lists); });
-        std::size_t wrong = 0;
-        for (std::size_t i = 0; i < positions.size(); ++i)
-            wrong += !std::equal(lists.begin() + i * kRelaxNeighbors,
-                                 lists.begin() + (i + 1) * kRelaxNeighbors,
-                                 expected.begin() + i * kRelaxNeighbors);
-        EXPECT_EQ(wrong, 0u) << name << " at " << threads << " threads";
+    for (const RelaxLanes lanes : {RelaxLanes::widest, RelaxLanes::four}) {
+        for (const int threads : {1, 2}) {
+            std::vector<std::uint32_t> lists(positions.size() * kRelaxNeighbors);
+            runWithThreads(threads,
+                           [&] { nearestNeighbors(positions, cell, range, lists, lanes); });
+            std::size_t wrong = 0;
+            for (std::size_t i = 0; i < positions.size(); ++i)
+                wrong += !std::equal(lists.begin() + i * kRelaxNeighbors,
+                                     lists.begin() + (i + 1) * kRelaxNeighbors,
+                                     expected.begin() + i * kRelaxNeighbors);
+            EXPECT_EQ(wrong, 0u) << name << " at " << threads << " threads"
+                                 << (lanes == RelaxLanes::four ? ", four lanes" : "");
+        }
     }
 }
 
@@ -404,11 +408,53 @@ TEST(Scatter, RelaxedRootsKeepTheirBits) {
         ASSERT_GT(placed.size(), 2000u) << c.name;
         placed.ids.push_back(placed.ids[3] ^ 1);
         placed.randomRoots.push_back(placed.randomRoots[3]);
-        for (const int threads : {1, 2}) {
-            ScatterPlacement relaxed = placed;
-            runWithThreads(threads, [&] { relaxPlacement(*plane, settings, relaxed); });
-            EXPECT_EQ(evenRootsHash(relaxed), c.bits) << c.name << " at " << threads << " threads";
+        for (const RelaxLanes lanes : {RelaxLanes::widest, RelaxLanes::four}) {
+            for (const int threads : {1, 2}) {
+                ScatterPlacement relaxed = placed;
+                runWithThreads(threads, [&] { relaxPlacement(*plane, settings, relaxed, lanes); });
+                EXPECT_EQ(evenRootsHash(relaxed), c.bits)
+                    << c.name << " at " << threads << " threads"
+                    << (lanes == RelaxLanes::four ? ", four lanes" : "");
+            }
         }
+    }
+}
+
+TEST(Scatter, RelaxationLanesAndThreadsGiveTheSameBits) {
+    // On the curved head every step rounds, unlike on the plane above: the eight-lane push must
+    // still do each lane's operations in the four-lane order. Stacked candidates (three on one
+    // spot, in lanes of different groups of eight) take the pair-by-pair loop for some lanes, a
+    // falling mapped density gives every pair its own reach, and a zero density freezes some.
+    const DensityAt falling = [](const StrandRoot&, const Vec3f& p) {
+        return p.z > 8.0f ? 0.0f : 12.0f / (1.0f + 0.04f * (p.x + 10.0f) * (p.x + 10.0f));
+    };
+    for (const DensityAt& mapped : {DensityAt{}, falling}) {
+        PlacementSettings settings;
+        settings.density = 12.0;
+        settings.mappedDensity = mapped;
+        settings.seed = 3;
+        ScatterPlacement placed = placeRandom(*head(), growthAreas(*head()), settings);
+        ASSERT_GT(placed.size(), 1000u);
+        for (const std::size_t copy : {std::size_t{5}, std::size_t{5}, std::size_t{900}}) {
+            placed.ids.push_back(placed.ids[copy] ^ placed.size());
+            placed.randomRoots.push_back(placed.randomRoots[copy]);
+        }
+        std::uint64_t first = 0;
+        for (const RelaxLanes lanes : {RelaxLanes::four, RelaxLanes::widest}) {
+            for (const int threads : {1, 2}) {
+                ScatterPlacement relaxed = placed;
+                runWithThreads(threads, [&] { relaxPlacement(*head(), settings, relaxed, lanes); });
+                const std::uint64_t bits = evenRootsHash(relaxed);
+                if (first == 0) first = bits;
+                EXPECT_EQ(bits, first)
+                    << (mapped ? "mapped" : "plain") << " at " << threads << " threads"
+                    << (lanes == RelaxLanes::four ? ", four lanes" : "");
+            }
+        }
+        // The relaxation moved the roots: a hash equal to the random roots' would test nothing.
+        ScatterPlacement unmoved = placed;
+        unmoved.evenRoots = unmoved.randomRoots;
+        EXPECT_NE(first, evenRootsHash(unmoved));
     }
 }
 
