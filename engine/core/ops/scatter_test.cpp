@@ -486,6 +486,11 @@ TEST(Scatter, NeighbourListsOnAwkwardSpreads) {
     const std::vector<Vec3f> few = spread(20, 3, {2.0f, 2.0f, 2.0f}, {-1.0f, -1.0f, -1.0f});
     // Far from the origin, where cell coordinates round.
     const std::vector<Vec3f> far = spread(500, 9, {8.0f, 8.0f, 1.0f}, {5000.0f, -7000.0f, 300.0f});
+    // Two clusters at opposite corners of a block of more than 2^24 cells, which the grid sorts
+    // by comparison instead of by cell number.
+    std::vector<Vec3f> corners = spread(200, 21, {1.0f, 1.0f, 1.0f}, {0.0f, 0.0f, 0.0f});
+    const auto opposite = spread(200, 22, {1.0f, 1.0f, 1.0f}, {150.0f, 150.0f, 150.0f});
+    corners.insert(corners.end(), opposite.begin(), opposite.end());
     const struct {
         const char* name;
         const std::vector<Vec3f>& points;
@@ -498,6 +503,7 @@ TEST(Scatter, NeighbourListsOnAwkwardSpreads) {
         {"few", few, 0.5f, 10.0f},
         {"few, short range", few, 0.5f, 0.8f},
         {"far from the origin", far, 1.0f, 4.0f},
+        {"corners of a large block", corners, 0.5f, 4.0f},
     };
     for (const auto& c : cases)
         expectNearestInRange(c.name, c.points, c.cell, c.range);
