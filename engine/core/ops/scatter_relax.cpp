@@ -1024,6 +1024,9 @@ __attribute__((target("avx"))) unsigned pairForceWide(std::size_t first, std::si
     const __m256 zero = _mm256_setzero_ps();
     __m256 fx = _mm256_setzero_ps(), fy = _mm256_setzero_ps(), fz = _mm256_setzero_ps();
     unsigned coincident = 0;
+    bool padded = false;
+    for (std::size_t c = 0; c < 8; ++c)
+        padded = padded || lists[self[c] * kRelaxNeighbors + kRelaxNeighbors - 1] == self[c];
     for (int k = 0; k < kRelaxNeighbors; ++k) {
         std::uint32_t j[8];
         __m128 q[8];
@@ -1033,11 +1036,16 @@ __attribute__((target("avx"))) unsigned pairForceWide(std::size_t first, std::si
         }
         // A pair with the candidate itself (a list padded with its own index) and, where radii
         // differ, a neighbour of radius 0 get a reach of 0: no distance is below it.
-        const __m128 itself = _mm_castsi128_ps(_mm_cmpeq_epi32(
-            _mm_setr_epi32(lane(j[0]), lane(j[1]), lane(j[2]), lane(j[3])), selfLow));
-        const __m128 itselfHigh = _mm_castsi128_ps(_mm_cmpeq_epi32(
-            _mm_setr_epi32(lane(j[4]), lane(j[5]), lane(j[6]), lane(j[7])), selfHigh));
-        const __m256 same = _mm256_insertf128_ps(_mm256_castps128_ps256(itself), itselfHigh, 1);
+        // Lists are padded with the candidate's own index at their end only: where no list of
+        // the eight ends so, no pair is with the candidate itself.
+        __m256 same = _mm256_setzero_ps();
+        if (padded) {
+            const __m128 itself = _mm_castsi128_ps(_mm_cmpeq_epi32(
+                _mm_setr_epi32(lane(j[0]), lane(j[1]), lane(j[2]), lane(j[3])), selfLow));
+            const __m128 itselfHigh = _mm_castsi128_ps(_mm_cmpeq_epi32(
+                _mm_setr_epi32(lane(j[4]), lane(j[5]), lane(j[6]), lane(j[7])), selfHigh));
+            same = _mm256_insertf128_ps(_mm256_castps128_ps256(itself), itselfHigh, 1);
+        }
         __m256 s;
         if (radii) {
             const __m256 rj = _mm256_setr_ps(radii[j[0]], radii[j[1]], radii[j[2]], radii[j[3]],
