@@ -273,11 +273,12 @@ TEST(Scatter, SameBitsAtOneAndTwoThreads) {
         {"preview blend", ScatterRun{.density = 12.0, .randomness = 0.6, .previewDensity = 0.3}},
         {"grid", ScatterRun{.layout = "uvGrid", .rows = 60, .columns = 80, .gridRandom = 0.5}},
     };
-    for (const auto& [name, run] : runs) {
+    for (const auto& named : runs) {
+        const ScatterRun& run = named.second;
         std::uint64_t one = 0, two = 0;
         runWithThreads(1, [&] { one = scatter(run)->contentHash(); });
         runWithThreads(2, [&] { two = scatter(run)->contentHash(); });
-        EXPECT_EQ(one, two) << name;
+        EXPECT_EQ(one, two) << named.first;
     }
 }
 
