@@ -5,6 +5,7 @@
 #include <bit>
 #include <cmath>
 #include <limits>
+#include <memory>
 #include <unordered_map>
 
 #include <tbb/parallel_sort.h>
@@ -300,13 +301,34 @@ class CandidateGrid {
     static bool sortByDenseCells(std::vector<Entry>& entries) {
         constexpr int kBits = 12;
         constexpr std::size_t kBuckets = std::size_t{1} << kBits;
-        if (entries.empty()) return true;
+        // Fixed chunks, whatever the threads: each counts and places its own entries in order,
+        // so the passes stay stable and the result the same at any thread count.
+        constexpr std::size_t kChunk = 1 << 16;
+        const std::size_t count = entries.size();
+        if (count == 0) return true;
+        const std::size_t chunks = (count + kChunk - 1) / kChunk;
+        const auto forChunks = [&](const auto& body) {
+            parallelRange(0, chunks, 1, [&](std::size_t begin, std::size_t end) {
+                for (std::size_t c = begin; c < end; ++c)
+                    body(c, c * kChunk, std::min(count, (c + 1) * kChunk));
+            });
+        };
+        std::vector<std::array<std::uint64_t, 6>> bounds(chunks);
+        forChunks([&](std::size_t c, std::size_t first, std::size_t last) {
+            std::array<std::uint64_t, 6> b = {kRowMask, kRowMask, kRowMask, 0, 0, 0};
+            for (std::size_t i = first; i < last; ++i)
+                for (std::size_t a = 0; a < 3; ++a) {
+                    const std::uint64_t v = (entries[i].key >> (21 * a)) & kRowMask;
+                    b[a] = std::min(b[a], v);
+                    b[a + 3] = std::max(b[a + 3], v);
+                }
+            bounds[c] = b;
+        });
         std::uint64_t low[3] = {kRowMask, kRowMask, kRowMask}, high[3] = {0, 0, 0};
-        for (const Entry& e : entries)
-            for (int a = 0; a < 3; ++a) {
-                const std::uint64_t v = (e.key >> (21 * a)) & kRowMask;
-                low[a] = std::min(low[a], v);
-                high[a] = std::max(high[a], v);
+        for (const auto& b : bounds)
+            for (std::size_t a = 0; a < 3; ++a) {
+                low[a] = std::min(low[a], b[a]);
+                high[a] = std::max(high[a], b[a + 3]);
             }
         const std::uint64_t sizeX = high[0] - low[0] + 1, sizeY = high[1] - low[1] + 1,
                             sizeZ = high[2] - low[2] + 1;
@@ -314,29 +336,47 @@ class CandidateGrid {
         struct Dense {
             std::uint32_t cell, index;
         };
-        std::vector<Dense> from(entries.size()), to(entries.size());
-        for (std::size_t i = 0; i < entries.size(); ++i) {
-            const std::uint64_t key = entries[i].key;
-            const std::uint64_t x = (key & kRowMask) - low[0];
-            const std::uint64_t y = ((key >> 21) & kRowMask) - low[1];
-            const std::uint64_t z = (key >> 42) - low[2];
-            from[i] = {static_cast<std::uint32_t>((z * sizeY + y) * sizeX + x), entries[i].index};
-        }
+        std::vector<Dense> from(count), to(count);
+        forChunks([&](std::size_t, std::size_t first, std::size_t last) {
+            for (std::size_t i = first; i < last; ++i) {
+                const std::uint64_t key = entries[i].key;
+                const std::uint64_t x = (key & kRowMask) - low[0];
+                const std::uint64_t y = ((key >> 21) & kRowMask) - low[1];
+                const std::uint64_t z = (key >> 42) - low[2];
+                from[i] = {static_cast<std::uint32_t>((z * sizeY + y) * sizeX + x),
+                           entries[i].index};
+            }
+        });
+        // Per chunk and bucket: first the count, then where the chunk's entries of the bucket go.
+        std::vector<std::uint32_t> place(chunks * kBuckets);
         for (int pass = 0; pass < 2; ++pass) {
             const int shift = pass * kBits;
-            std::vector<std::uint32_t> start(kBuckets + 1, 0);
-            for (const Dense& d : from)
-                ++start[((d.cell >> shift) & (kBuckets - 1)) + 1];
+            forChunks([&](std::size_t c, std::size_t first, std::size_t last) {
+                std::uint32_t* counts = place.data() + c * kBuckets;
+                std::fill_n(counts, kBuckets, 0u);
+                for (std::size_t i = first; i < last; ++i)
+                    ++counts[(from[i].cell >> shift) & (kBuckets - 1)];
+            });
+            std::uint32_t running = 0;
             for (std::size_t b = 0; b < kBuckets; ++b)
-                start[b + 1] += start[b];
-            for (const Dense& d : from)
-                to[start[(d.cell >> shift) & (kBuckets - 1)]++] = d;
+                for (std::size_t c = 0; c < chunks; ++c) {
+                    const std::uint32_t n = place[c * kBuckets + b];
+                    place[c * kBuckets + b] = running;
+                    running += n;
+                }
+            forChunks([&](std::size_t c, std::size_t first, std::size_t last) {
+                std::uint32_t* at = place.data() + c * kBuckets;
+                for (std::size_t i = first; i < last; ++i)
+                    to[at[(from[i].cell >> shift) & (kBuckets - 1)]++] = from[i];
+            });
             std::swap(from, to);
         }
         // Back to the keys, read by index: entries were made in index order.
-        std::vector<Entry> sorted(entries.size());
-        for (std::size_t i = 0; i < from.size(); ++i)
-            sorted[i] = entries[from[i].index];
+        std::vector<Entry> sorted(count);
+        forChunks([&](std::size_t, std::size_t first, std::size_t last) {
+            for (std::size_t i = first; i < last; ++i)
+                sorted[i] = entries[from[i].index];
+        });
         entries.swap(sorted);
         return true;
     }
@@ -1137,7 +1177,11 @@ void relaxPlacement(const ScalpMesh& scalp, const PlacementSettings& settings,
     const float searchRange = 3.0f * largest + r0;
     const std::vector<BorderEdge> edges = borderEdges(scalp);
     const EdgeGrid edgeGrid(2.0f * r0, edges);
-    std::vector<std::uint32_t> neighbors(count * kRelaxNeighbors);
+    // Left unset: the first refresh writes every list, in parallel, instead of a serial clear of
+    // 96 bytes per candidate.
+    const std::unique_ptr<std::uint32_t[]> neighborStore(
+        new std::uint32_t[count * kRelaxNeighbors]);
+    const std::span<std::uint32_t> neighbors(neighborStore.get(), count * kRelaxNeighbors);
     std::vector<std::uint32_t> nearestEdge(count, kNoEdge);
 
     auto refresh = [&] {
