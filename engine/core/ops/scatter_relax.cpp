@@ -485,8 +485,8 @@ class BlockSearch {
     }
 
 #if VELMORIN_RELAX_AVX
-    // rankKeys eight keys at a time with AVX2: each key's rank is the count of smaller squared
-    // distances, gathered for eight keys against one distance at a time.
+    // rankKeys with AVX2: each key's rank is the count of smaller squared distances, counted for
+    // up to 32 keys at once against one distance at a time. Longer lists go to rankKeys.
     __attribute__((target("avx2"))) bool rankKeysWide(std::size_t n,
                                                       std::uint64_t (&best)[kRelaxNeighbors]) {
         constexpr std::size_t kMost = 32;  // four groups of eight, each counted in a register
