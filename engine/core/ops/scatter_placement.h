@@ -63,10 +63,14 @@ bool keptByDensity(std::uint64_t id, float density, double workingDensity);
 ScatterPlacement placeRandom(const ScalpMesh& scalp, std::span<const float> faceAreas,
                              const PlacementSettings& settings);
 
+// The lanes the relaxation's push runs on: the widest the processor has (eight with AVX), or four
+// (SSE, every x86-64). Both give the same bits; tests compare them.
+enum class RelaxLanes { widest, four };
+
 // Blue-noise relaxation: fills `placed.evenRoots` by 24 steps of particle repulsion on the surface,
 // starting from the random roots. Results do not depend on the thread count.
 void relaxPlacement(const ScalpMesh& scalp, const PlacementSettings& settings,
-                    ScatterPlacement& placed);
+                    ScatterPlacement& placed, RelaxLanes lanes = RelaxLanes::widest);
 
 // The size of the relaxation's neighbour lists.
 inline constexpr int kRelaxNeighbors = 24;
@@ -74,9 +78,9 @@ inline constexpr int kRelaxNeighbors = 24;
 // The relaxation's neighbour lists: for each position its 24 nearest others no farther than
 // `range`, nearest first and equal distances in index order, padded with its own index where fewer
 // lie in range. `cell` is the size of the search grid's cells; it changes the speed, never the
-// lists. `lists` takes 24 entries per position.
+// lists, and nor do `lanes`. `lists` takes 24 entries per position.
 void nearestNeighbors(std::span<const Vec3f> positions, float cell, float range,
-                      std::span<std::uint32_t> lists);
+                      std::span<std::uint32_t> lists, RelaxLanes lanes = RelaxLanes::widest);
 
 // The roots at `randomness` between the even (0) and the random (1) roots, pair by pair.
 std::vector<StrandRoot> blendRoots(const ScalpMesh& scalp, std::span<const StrandRoot> even,

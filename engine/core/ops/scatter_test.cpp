@@ -273,11 +273,12 @@ TEST(Scatter, SameBitsAtOneAndTwoThreads) {
         {"preview blend", ScatterRun{.density = 12.0, .randomness = 0.6, .previewDensity = 0.3}},
         {"grid", ScatterRun{.layout = "uvGrid", .rows = 60, .columns = 80, .gridRandom = 0.5}},
     };
-    for (const auto& [name, run] : runs) {
+    for (const auto& named : runs) {
+        const ScatterRun& run = named.second;
         std::uint64_t one = 0, two = 0;
         runWithThreads(1, [&] { one = scatter(run)->contentHash(); });
         runWithThreads(2, [&] { two = scatter(run)->contentHash(); });
-        EXPECT_EQ(one, two) << name;
+        EXPECT_EQ(one, two) << named.first;
     }
 }
 
@@ -303,15 +304,19 @@ std::vector<std::uint32_t> nearestByBruteForce(std::span<const Vec3f> positions,
 void expectNearestInRange(const std::string& name, std::span<const Vec3f> positions, float cell,
                           float range) {
     const std::vector<std::uint32_t> expected = nearestByBruteForce(positions, range);
-    for (const int threads : {1, 2}) {
-        std::vector<std::uint32_t> lists(positions.size() * kRelaxNeighbors);
-        runWithThreads(threads, [&] { nearestNeighbors(positions, cell, range, lists); });
-        std::size_t wrong = 0;
-        for (std::size_t i = 0; i < positions.size(); ++i)
-            wrong += !std::equal(lists.begin() + i * kRelaxNeighbors,
-                                 lists.begin() + (i + 1) * kRelaxNeighbors,
-                                 expected.begin() + i * kRelaxNeighbors);
-        EXPECT_EQ(wrong, 0u) << name << " at " << threads << " threads";
+    for (const RelaxLanes lanes : {RelaxLanes::widest, RelaxLanes::four}) {
+        for (const int threads : {1, 2}) {
+            std::vector<std::uint32_t> lists(positions.size() * kRelaxNeighbors);
+            runWithThreads(threads,
+                           [&] { nearestNeighbors(positions, cell, range, lists, lanes); });
+            std::size_t wrong = 0;
+            for (std::size_t i = 0; i < positions.size(); ++i)
+                wrong += !std::equal(lists.begin() + i * kRelaxNeighbors,
+                                     lists.begin() + (i + 1) * kRelaxNeighbors,
+                                     expected.begin() + i * kRelaxNeighbors);
+            EXPECT_EQ(wrong, 0u) << name << " at " << threads << " threads"
+                                 << (lanes == RelaxLanes::four ? ", four lanes" : "");
+        }
     }
 }
 
@@ -404,11 +409,64 @@ TEST(Scatter, RelaxedRootsKeepTheirBits) {
         ASSERT_GT(placed.size(), 2000u) << c.name;
         placed.ids.push_back(placed.ids[3] ^ 1);
         placed.randomRoots.push_back(placed.randomRoots[3]);
-        for (const int threads : {1, 2}) {
-            ScatterPlacement relaxed = placed;
-            runWithThreads(threads, [&] { relaxPlacement(*plane, settings, relaxed); });
-            EXPECT_EQ(evenRootsHash(relaxed), c.bits) << c.name << " at " << threads << " threads";
+        for (const RelaxLanes lanes : {RelaxLanes::widest, RelaxLanes::four}) {
+            for (const int threads : {1, 2}) {
+                ScatterPlacement relaxed = placed;
+                runWithThreads(threads, [&] { relaxPlacement(*plane, settings, relaxed, lanes); });
+                EXPECT_EQ(evenRootsHash(relaxed), c.bits)
+                    << c.name << " at " << threads << " threads"
+                    << (lanes == RelaxLanes::four ? ", four lanes" : "");
+            }
         }
+    }
+}
+
+TEST(Scatter, RelaxationLanesAndThreadsGiveTheSameBits) {
+    // On the curved head every step rounds, unlike on the plane above: the eight-lane push must
+    // still do each lane's operations in the four-lane order. Stacked candidates (three on one
+    // spot, in lanes of different groups of eight) take the pair-by-pair loop for some lanes, a
+    // falling mapped density gives every pair its own reach and a zero density freezes some, and
+    // a sparse scatter pads every list with the candidate's own index.
+    const DensityAt falling = [](const StrandRoot&, const Vec3f& p) {
+        return p.z > 8.0f ? 0.0f : 12.0f / (1.0f + 0.04f * (p.x + 10.0f) * (p.x + 10.0f));
+    };
+    const struct {
+        const char* name;
+        double density;
+        DensityAt mapped;
+        std::size_t fewest, most;
+    } cases[] = {
+        {"plain", 12.0, {}, 1000, 100000},
+        {"mapped", 12.0, falling, 1000, 100000},
+        {"sparse", 0.04, {}, 8, 24},
+    };
+    for (const auto& c : cases) {
+        PlacementSettings settings;
+        settings.density = c.density;
+        settings.mappedDensity = c.mapped;
+        settings.seed = 3;
+        ScatterPlacement placed = placeRandom(*head(), growthAreas(*head()), settings);
+        ASSERT_GE(placed.size(), c.fewest) << c.name;
+        ASSERT_LE(placed.size(), c.most) << c.name;
+        for (const std::size_t copy : {std::size_t{5}, std::size_t{5}, placed.size() - 2}) {
+            placed.ids.push_back(placed.ids[copy] ^ placed.size());
+            placed.randomRoots.push_back(placed.randomRoots[copy]);
+        }
+        std::uint64_t first = 0;
+        for (const RelaxLanes lanes : {RelaxLanes::four, RelaxLanes::widest}) {
+            for (const int threads : {1, 2}) {
+                ScatterPlacement relaxed = placed;
+                runWithThreads(threads, [&] { relaxPlacement(*head(), settings, relaxed, lanes); });
+                const std::uint64_t bits = evenRootsHash(relaxed);
+                if (first == 0) first = bits;
+                EXPECT_EQ(bits, first) << c.name << " at " << threads << " threads"
+                                       << (lanes == RelaxLanes::four ? ", four lanes" : "");
+            }
+        }
+        // The relaxation moved the roots: a hash equal to the random roots' would test nothing.
+        ScatterPlacement unmoved = placed;
+        unmoved.evenRoots = unmoved.randomRoots;
+        EXPECT_NE(first, evenRootsHash(unmoved)) << c.name;
     }
 }
 
@@ -440,6 +498,11 @@ TEST(Scatter, NeighbourListsOnAwkwardSpreads) {
     const std::vector<Vec3f> few = spread(20, 3, {2.0f, 2.0f, 2.0f}, {-1.0f, -1.0f, -1.0f});
     // Far from the origin, where cell coordinates round.
     const std::vector<Vec3f> far = spread(500, 9, {8.0f, 8.0f, 1.0f}, {5000.0f, -7000.0f, 300.0f});
+    // Two clusters at opposite corners of a block of more than 2^24 cells, which the grid sorts
+    // by comparison instead of by cell number.
+    std::vector<Vec3f> corners = spread(200, 21, {1.0f, 1.0f, 1.0f}, {0.0f, 0.0f, 0.0f});
+    const auto opposite = spread(200, 22, {1.0f, 1.0f, 1.0f}, {150.0f, 150.0f, 150.0f});
+    corners.insert(corners.end(), opposite.begin(), opposite.end());
     const struct {
         const char* name;
         const std::vector<Vec3f>& points;
@@ -452,6 +515,7 @@ TEST(Scatter, NeighbourListsOnAwkwardSpreads) {
         {"few", few, 0.5f, 10.0f},
         {"few, short range", few, 0.5f, 0.8f},
         {"far from the origin", far, 1.0f, 4.0f},
+        {"corners of a large block", corners, 0.5f, 4.0f},
     };
     for (const auto& c : cases)
         expectNearestInRange(c.name, c.points, c.cell, c.range);
