@@ -2,6 +2,7 @@
 #include <array>
 #include <cmath>
 
+#include "base/fast_trig.h"
 #include "base/parallel.h"
 #include "fields/field_scene.h"
 #include "graph/registry.h"
@@ -16,9 +17,11 @@ namespace {
 
 // The rows of Rz * Ry * Rx: a turn about x, then y, then z, by the angles in degrees.
 std::array<Vec3f, 3> turnXyz(const Vec3f& degrees) {
-    const float cx = std::cos(degrees.x * kDegrees), sx = std::sin(degrees.x * kDegrees);
-    const float cy = std::cos(degrees.y * kDegrees), sy = std::sin(degrees.y * kDegrees);
-    const float cz = std::cos(degrees.z * kDegrees), sz = std::sin(degrees.z * kDegrees);
+    // In turns, so that whole quarter turns (90 degrees) are exact.
+    const SinCos x = sinCosTurns(degrees.x / 360.0f);
+    const SinCos y = sinCosTurns(degrees.y / 360.0f);
+    const SinCos z = sinCosTurns(degrees.z / 360.0f);
+    const float cx = x.cos, sx = x.sin, cy = y.cos, sy = y.sin, cz = z.cos, sz = z.sin;
     return {Vec3f{cz * cy, cz * sy * sx - sz * cx, cz * sy * cx + sz * sx},
             Vec3f{sz * cy, sz * sy * sx + cz * cx, sz * sy * cx - cz * sx},
             Vec3f{-sy, cy * sx, cy * cx}};
