@@ -43,14 +43,15 @@ inline SinCos sinCosTurns(float turns) {
             r = turns - turns;
         }
     }
+    // The polynomials in pairs of terms (Estrin's order), which shortens the chain of operations
+    // that waits on the angle.
     const float x = r * r;
-    const float s =
-        r * (1.5707963219532366f +
-             x * (-0.6459634776648118f + x * (0.07968021764775542f + x * -0.004602149212814176f)));
+    const float x2 = x * x;
+    const float s = r * ((1.5707963219532366f + x * -0.6459634776648118f) +
+                         x2 * (0.07968021764775542f + x * -0.004602149212814176f));
     const float c =
-        0.9999999999524894f +
-        x * (-1.2337005406331623f +
-             x * (0.2536692036551135f + x * (-0.02086006950026408f + x * 0.0009036280663802505f)));
+        (0.9999999999524894f + x * -1.2337005406331623f) +
+        x2 * ((0.2536692036551135f + x * -0.02086006950026408f) + x2 * 0.0009036280663802505f);
     // Whole quarters turn (s, c): sin = s a + c b and cos = c a - s b with (a, b) = (1, 0),
     // (0, 1), (-1, 0), (0, -1). Multiplying by 0 and 1 is exact, and the table is read while the
     // polynomials are summed, so no branch sits on the way.

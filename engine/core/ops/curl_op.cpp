@@ -452,7 +452,9 @@ void curlStrands(const StrandSet& input, const CurlSettings& settings,
                 // A turn can't reach further around than its own length: wider curls are held
                 // to a flat circle (a zigzag to its straight flanks), so the strand keeps its
                 // length.
-                if (rate > 0.0f && radius * rate > widest) radius = std::min(radius, widest / rate);
+                // Taken at every point, without a branch: with the spacing's random the rate
+                // moves, and whether the hold applies changes from point to point.
+                radius = std::min(radius, widest / std::max(rate, 1e-30f));
                 if (weighted && hanging[k] > 0.0f && rate > 0.0f && radius > 0.0f) {
                     // A turn keeps its length while its spacing stretches, so its radius narrows;
                     // stretched past its length the curl goes straight.
