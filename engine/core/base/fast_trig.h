@@ -8,6 +8,7 @@
 // values, which the whole quarters then swap and sign. Results lie within 2.5 float ulps of the
 // true values, and a whole number of quarter turns gives exact 0 and 1.
 
+#include <bit>
 #include <cmath>
 #include <cstddef>
 #include <cstdint>
@@ -24,17 +25,20 @@ struct SinCos {
 inline SinCos sinCosTurns(float turns) {
     // Adding and taking away 1.5 * 2^23 rounds a float below 2^22 in size to the nearest whole
     // number (ties to even) without a library call.
+    // The rounded sum's last mantissa bits are the whole number itself (2^22 plus it, and 2^22 is
+    // a multiple of 4), which gives the quadrant without a conversion.
     constexpr float kRoundMagic = 12582912.0f;
     const float quarters = 4.0f * turns;
-    const float nearest = (quarters + kRoundMagic) - kRoundMagic;
+    const float rounded = quarters + kRoundMagic;
+    const float nearest = rounded - kRoundMagic;
     float r = quarters - nearest;
-    auto whole = static_cast<std::int64_t>(nearest);
+    std::uint32_t whole = std::bit_cast<std::uint32_t>(rounded);
     if (!(std::fabs(quarters) < 4194304.0f)) {
         if (std::fabs(quarters) < 4.6116860184273879e18f) {
             // From 2^22 quarters on a float counts half quarters at the finest: twice it is a
             // whole number, exact in an integer.
             const auto halves = static_cast<std::int64_t>(2.0f * quarters);
-            whole = halves >> 1;
+            whole = static_cast<std::uint32_t>(halves >> 1);
             r = (halves & 1) != 0 ? 0.5f : 0.0f;
         } else {
             // From 2^62 on a whole number of turns; infinity and NaN give NaN, which both
