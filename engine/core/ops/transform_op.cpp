@@ -70,7 +70,9 @@ void transformStrands(const StrandSet& input, const TransformSettings& settings,
                     *axis += settings.translateRandom * draws.nextSigned();
                 for (float* axis : {&rotate.x, &rotate.y, &rotate.z})
                     *axis += settings.rotateRandom * draws.nextSigned();
-                turn = turnXyz(rotate);
+                // Without a random turn the strand turns as every other: the same bits as the
+                // turn made once.
+                if (settings.rotateRandom != 0.0f) turn = turnXyz(rotate);
             }
             if (settings.world) {
                 for (std::size_t k = 0; k < n; ++k)
