@@ -1,6 +1,7 @@
 #include <algorithm>
 #include <cmath>
 
+#include "base/fast_trig.h"
 #include "base/parallel.h"
 #include "fields/field_scene.h"
 #include "graph/registry.h"
@@ -74,10 +75,10 @@ void bendStrands(const StrandSet& input, const BendSettings& settings, const Str
             }
             const float current = std::acos(cosCurrent) / kDegrees;
             const float lowest = alongNormal ? std::min(0.0f, current - 90.0f) : current - 180.0f;
-            const float radians = std::clamp(degrees, lowest, current) * kDegrees;
+            const float turns = std::clamp(degrees, lowest, current) / 360.0f;
             // Before the start a segment keeps its direction and past the end it takes the whole
             // turn: only the segments in between need a turn of their own.
-            const float cosWhole = std::cos(radians), sinWhole = std::sin(radians);
+            const SinCos whole = sinCosTurns(turns);
 
             const std::span<float> lengths = lengthScratch.take(n);
             float total = 0.0f;
@@ -98,11 +99,10 @@ void bendStrands(const StrandSet& input, const BendSettings& settings, const Str
                 if (share == 0.0f) {
                     out[k] = out[k - 1] + segment;
                 } else if (share == 1.0f) {
-                    out[k] = out[k - 1] + rotateAbout(segment, axis, cosWhole, sinWhole);
+                    out[k] = out[k - 1] + rotateAbout(segment, axis, whole.cos, whole.sin);
                 } else {
-                    const float turn = radians * share;
-                    out[k] =
-                        out[k - 1] + rotateAbout(segment, axis, std::cos(turn), std::sin(turn));
+                    const SinCos turn = sinCosTurns(turns * share);
+                    out[k] = out[k - 1] + rotateAbout(segment, axis, turn.cos, turn.sin);
                 }
             }
         }

@@ -3,6 +3,7 @@
 #include <limits>
 #include <numbers>
 
+#include "base/fast_trig.h"
 #include "base/parallel.h"
 #include "graph/delivered_params.h"
 #include "graph/registry.h"
@@ -41,9 +42,10 @@ class SpacingNoise {
         const float cell = floorOf(x);
         const auto knot = static_cast<std::int64_t>(cell);
         if (knot != knot_) {
-            knot_ = knot;
-            a_ = knotValue(knot);
+            // Moving on by one cell, the knot ahead becomes the one behind: one hash, not two.
+            a_ = knot == knot_ + 1 ? b_ : knotValue(knot);
             b_ = knotValue(knot + 1);
+            knot_ = knot;
         }
         return a_ + (b_ - a_) * smoothstep01(x - cell);
     }
@@ -70,7 +72,7 @@ float triangleWave(float u) {
 struct CurlDraws {
     float frequencyScale = 1.0f;
     float phaseTurns = 0.0f;
-    float planeAngle = 0.0f;
+    float planeTurns = 0.0f;  // the turn of a wave's or zigzag's plane about the axis
     std::uint64_t spacingHash = 0;
 };
 
@@ -79,7 +81,7 @@ CurlDraws drawCurl(std::uint64_t id, const CurlSettings& settings) {
     CurlDraws out;
     out.frequencyScale = 1.0f + settings.randomness * draws.nextSigned();
     out.phaseTurns = settings.phase + settings.phaseRandom * draws.next();
-    out.planeAngle = kTwoPi * draws.next();
+    out.planeTurns = draws.next();
     out.spacingHash = hashCombine(id, hashCombine(settings.seed, 0x73706163696e67ull));
     return out;
 }
@@ -222,6 +224,80 @@ StrandSet cutForCurl(const StrandSet& input, const CurlSettings& settings,
     return out;
 }
 
+// The strand's own line as the axis: arcs[k] from the root to point k, and inverse[k] one over the
+// length of segment k to k + 1 (0 for a segment of no length), in one pass. Returns the length.
+float ownAxisArcs(std::span<const Vec3f> points, std::span<float> arcs, std::span<float> inverse) {
+    float total = 0.0f;
+    arcs[0] = 0.0f;
+    for (std::size_t k = 1; k < points.size(); ++k) {
+        const float squared = lengthSquared(points[k] - points[k - 1]);
+        const float segment = std::sqrt(squared);
+        total += segment;
+        arcs[k] = total;
+        inverse[k - 1] = squared > 1e-24f ? 1.0f / segment : 0.0f;
+    }
+    return total;
+}
+
+// transportFrames along the strand itself, from the inverse lengths ownAxisArcs made, so that no
+// segment's length is taken twice: the same two reflections from one direction to the next (across
+// the plane square to their sum, then across the plane square to the new direction), folded into
+// one map v + p (a . v) - q (w . v) made from the directions alone. What carries the normal from
+// one segment to the next is then two dot products and two scaled additions, not a chain of them.
+void ownAxisFrames(std::span<const Vec3f> points, std::span<const float> inverse,
+                   std::span<SegmentFrame> frames) {
+    constexpr std::size_t kRenormalizeEvery = 32;
+    const std::size_t segments = points.size() - 1;
+    Vec3f tangent{0, 1, 0};
+    for (std::size_t j = 0; j < segments; ++j) {
+        if (inverse[j] > 0.0f) {
+            tangent = (points[j + 1] - points[j]) * inverse[j];
+            break;
+        }
+    }
+    Vec3f normal = anyPerpendicular(tangent);
+    // Blocks of segments between the renormalizations, so that the call a renormalization may make
+    // lies outside the loop that carries the normal (a call would push the normal out of
+    // registers on every segment).
+    for (std::size_t block = 0; block < segments; block += kRenormalizeEvery) {
+        const std::size_t end = std::min(segments, block + kRenormalizeEvery);
+        for (std::size_t j = block; j < end; ++j) {
+            if (inverse[j] > 0.0f) {
+                const Vec3f next = (points[j + 1] - points[j]) * inverse[j];
+                const Vec3f sum = tangent + next;
+                const float sumSquared = lengthSquared(sum);
+                // Reversed on itself the strand has no smallest turn: the normal stays.
+                if (sumSquared > 1e-12f) {
+                    // The first reflection is v - sum (a . v) with a = sum * 2 / |sum|^2, the
+                    // second x - next (2 next . x); together v + p (a . v) - q (next . v).
+                    const Vec3f a = sum * (2.0f / sumSquared);
+                    const Vec3f p = next * (2.0f * dot(next, sum)) - sum;
+                    const Vec3f q = next * 2.0f;
+                    normal = normal + p * dot(a, normal) - q * dot(next, normal);
+                }
+                tangent = next;
+            }
+            frames[j] = {tangent, normal, cross(tangent, normal)};
+        }
+        if (end < segments) {
+            // Rounding drifts the normal over long strands; take it back.
+            normal = normalized(normal - tangent * dot(normal, tangent), anyPerpendicular(tangent));
+        }
+    }
+}
+
+// pointAtArc on the strand's own line, with the inverse lengths in place of a division per point.
+inline Vec3f ownAxisPoint(std::span<const Vec3f> points, std::span<const float> arcs,
+                          std::span<const float> inverse, float s, std::size_t& segment) {
+    const std::size_t last = points.size() - 1;
+    if (s <= 0.0f) return points[0];
+    if (s >= arcs[last]) return points[last];
+    while (segment + 1 < last && arcs[segment + 1] < s)
+        ++segment;
+    const float f = (s - arcs[segment]) * inverse[segment];
+    return lerp(points[segment], points[segment + 1], std::clamp(f, 0.0f, 1.0f));
+}
+
 }  // namespace
 
 StrandSet subdivideForCurl(const StrandSet& input, const CurlSettings& settings) {
@@ -256,20 +332,39 @@ void curlStrands(const StrandSet& input, const CurlSettings& settings,
         });
     }
 
+    const std::span<const std::uint64_t> offsets = input.offsets();
+    const std::span<const Vec3f> inputPoints = input.points();
+    const bool flatFrequency = settings.frequencyProfile.keys.empty();
+    const bool flatProfile = settings.profile.keys.empty();
+    const bool spaced = settings.spacingRandom > 0.0f;
+    const float widest = settings.shape == CurlShape::Zigzag ? 0.25f : 1.0f / kTwoPi;
+    // The strand is made in passes over its points, each a loop whose points wait on nothing of
+    // the point before but a sum, so that the processor works on many points at once: arcs and
+    // frames; the frequency and the turns; the offset in the frame; the way along the axis; the
+    // points.
     forSelectedChunks(input.strandCount(), selection, [&](std::size_t first, std::size_t last) {
-        std::vector<float> arcs;
-        std::vector<SegmentFrame> frames;
-        std::vector<float> hanging;
+        StrandScratch<float> arcScratch, inverseScratch, rateScratch, turnScratch, hangingScratch;
+        StrandScratch<float> xScratch, yScratch;
+        StrandScratch<SegmentFrame> frameScratch;
         for (std::size_t i = first; i < last; ++i) {
             const std::size_t s = selection.strand(i);
-            const std::span<const Vec3f> points = input.strandPoints(s);
-            const std::size_t begin = input.pointRange(s).begin;
-            const std::size_t n = points.size();
-            std::copy(points.begin(), points.end(), out.begin() + begin);
-            if (n < 2 || idle) continue;
-            arcs.resize(n);
-            const float total = arcLengths(points, arcs);
-            if (!(total > 0.0f)) continue;
+            const std::size_t begin = offsets[s];
+            const std::size_t n = offsets[s + 1] - begin;
+            const std::span<const Vec3f> points = inputPoints.subspan(begin, n);
+            Vec3f* const curled = out.data() + begin;
+            const auto keep = [&] { std::copy(points.begin(), points.end(), curled); };
+            if (n < 2 || idle) {
+                keep();
+                continue;
+            }
+            const std::span<float> arcs = arcScratch.take(n);
+            const std::span<float> inverse = inverseScratch.take(n);
+            const float total = ownAxisArcs(points, arcs, inverse);
+            if (!(total > 0.0f)) {
+                keep();
+                continue;
+            }
+            const float perTotal = 1.0f / total;
 
             // The axis the curl winds around: the strand's own line, or its clump's middle.
             std::span<const Vec3f> axis;
@@ -286,120 +381,150 @@ void curlStrands(const StrandSet& input, const CurlSettings& settings,
             }
             const bool ownAxis = axis.empty() || !(axisArcs.back() > 0.0f);
             if (ownAxis) {
-                frames.resize(n - 1);
-                transportFrames(points, frames);
-                axis = points;
-                axisArcs = arcs;
+                const std::span<SegmentFrame> frames = frameScratch.take(n - 1);
+                ownAxisFrames(points, inverse, frames);
                 axisFrames = frames;
             }
-            const float axisLength = axisArcs.back();
+            // From an arc along the strand to the arc at the same share of the axis's length.
+            const float toAxis = ownAxis ? 1.0f : axisArcs.back() * perTotal;
             const CurlDraws draws = drawCurl(drawId, settings);
             // The radius varies by the strand's own draw even within a clump.
             StrandDraws own(ids[s], hashCombine(settings.seed, 1));
             const float radiusScale = 1.0f + settings.randomness * own.nextSigned();
             const float frequency = settings.frequency * draws.frequencyScale;
-            const float widest = settings.shape == CurlShape::Zigzag ? 0.25f : 1.0f / kTwoPi;
-            const float planeCos = planar ? std::cos(draws.planeAngle) : 1.0f;
-            const float planeSin = planar ? std::sin(draws.planeAngle) : 0.0f;
 
-            // The turns hanging below each point along the pull, for the weight's stretch.
+            // The frequency at each point and the turns from the root, integrated along the
+            // length. The spacing noise rides on the frequency; it is read at the turns the
+            // strand would make without it, which every point knows without waiting on the turns
+            // of the points before it.
+            const std::span<float> rates = rateScratch.take(n);
+            const std::span<float> turns = turnScratch.take(n);
+            for (std::size_t k = 0; k < n; ++k)
+                rates[k] = flatFrequency
+                               ? frequency
+                               : frequency * settings.frequencyProfile.at(arcs[k] * perTotal);
+            if (spaced) {
+                SpacingNoise spacing(draws.spacingHash);
+                float plain = 0.0f;
+                float lastRate = rates[0];
+                turns[0] = 0.0f;
+                for (std::size_t k = 1; k < n; ++k) {
+                    plain += 0.5f * (lastRate + rates[k]) * (arcs[k] - arcs[k - 1]);
+                    lastRate = rates[k];
+                    turns[k] = plain;
+                }
+                for (std::size_t k = 1; k < n; ++k)
+                    rates[k] *=
+                        1.0f + settings.spacingRandom * spacing.at(turns[k] * kSpacingKnotsPerTurn);
+            }
+            turns[0] = 0.0f;
+            for (std::size_t k = 1; k < n; ++k)
+                turns[k] =
+                    turns[k - 1] + 0.5f * (rates[k - 1] + rates[k]) * (arcs[k] - arcs[k - 1]);
+
+            // The turns hanging below each point along the pull, for the weight's stretch: each
+            // segment adds its turns times the share of it that points along the pull, which is
+            // its reach along the pull over its length.
+            std::span<float> hanging;
             if (weighted) {
-                hanging.assign(n, 0.0f);
+                hanging = hangingScratch.take(n);
+                hanging[n - 1] = 0.0f;
                 for (std::size_t k = n - 1; k-- > 0;) {
-                    const float ds = arcs[k + 1] - arcs[k];
-                    const Vec3f along = normalized(points[k + 1] - points[k]);
-                    const float t = 0.5f * (arcs[k] + arcs[k + 1]) / total;
-                    const float hang = std::max(0.0f, dot(along, pull));
-                    hanging[k] = hanging[k + 1] +
-                                 frequency * profileAt(settings.frequencyProfile, t) * hang * ds;
+                    const float reach = std::max(0.0f, dot(points[k + 1] - points[k], pull));
+                    const float rate =
+                        flatFrequency ? frequency
+                                      : frequency * settings.frequencyProfile.at(
+                                                        0.5f * (arcs[k] + arcs[k + 1]) * perTotal);
+                    hanging[k] = hanging[k + 1] + rate * reach;
                 }
             }
 
-            float turns = 0.0f;  // since the root, without the phase
-            float rate = frequency * profileAt(settings.frequencyProfile, 0.0f);
-            SpacingNoise spacing(draws.spacingHash);
-            float axial = 0.0f;  // how far along its own line the curled strand reaches
-            float lastX = 0.0f;
-            float lastY = 0.0f;
-            std::size_t strandSegment = 0;
-            std::size_t axisSegment = 0;
+            // The offset of each point in the frame.
+            const std::span<float> xs = xScratch.take(n);
+            const std::span<float> ys = yScratch.take(n);
             for (std::size_t k = 1; k < n; ++k) {
-                const float ds = arcs[k] - arcs[k - 1];
-                const float t = arcs[k] / total;
-                // The turn angle integrates the frequency along the curl's own length, the spacing
-                // noise riding on the frequency.
-                float nextRate = frequency * profileAt(settings.frequencyProfile, t);
-                if (settings.spacingRandom > 0.0f)
-                    nextRate *=
-                        1.0f + settings.spacingRandom * spacing.at(turns * kSpacingKnotsPerTurn);
-                turns += 0.5f * (rate + nextRate) * ds;
-                rate = nextRate;
-
+                const float rate = rates[k];
                 float radius = coil ? settings.coilWidths *
                                           (begin + k < widths.size() ? widths[begin + k] : 0.0f)
                                     : (radiusMapped ? settings.radius.atPoint(s, k) : plainRadius);
-                radius *=
-                    radiusScale * profileAt(settings.profile, t) * smoothstep01(turns / 0.25f);
+                radius *= radiusScale * smoothstep01(turns[k] * 4.0f);
+                if (!flatProfile) radius *= settings.profile.at(arcs[k] * perTotal);
                 // A turn can't reach further around than its own length: wider curls are held
                 // to a flat circle (a zigzag to its straight flanks), so the strand keeps its
                 // length.
-                if (rate > 0.0f && radius * rate > widest) radius = std::min(radius, widest / rate);
+                // Taken at every point, without a branch: with the spacing's random the rate
+                // moves, and whether the hold applies changes from point to point.
+                radius = std::min(radius, widest / std::max(rate, 1e-30f));
                 if (weighted && hanging[k] > 0.0f && rate > 0.0f && radius > 0.0f) {
                     // A turn keeps its length while its spacing stretches, so its radius narrows;
                     // stretched past its length the curl goes straight.
                     const float around = std::min(1.0f, kTwoPi * radius * rate);
-                    const float spacing = std::sqrt(1.0f - around * around);
+                    const float spread = std::sqrt(1.0f - around * around);
                     const float stretched =
-                        std::min(1.0f, spacing * (1.0f + settings.weight * hanging[k] / 10.0f));
+                        std::min(1.0f, spread * (1.0f + settings.weight * hanging[k] / 10.0f));
                     radius =
                         std::min(radius, std::sqrt(1.0f - stretched * stretched) / (kTwoPi * rate));
                 }
-
-                const float angle = kTwoPi * (turns + draws.phaseTurns);
-                float x = 0.0f;
-                float y = 0.0f;
+                const float phased = turns[k] + draws.phaseTurns;
                 if (settings.shape == CurlShape::Zigzag) {
-                    x = radius * triangleWave(turns + draws.phaseTurns);
+                    xs[k] = radius * triangleWave(phased);
+                    ys[k] = 0.0f;
                 } else {
-                    // One call makes both: the sine and cosine of one angle.
-                    const float cosA = std::cos(angle), sinA = std::sin(angle);
-                    x = settings.shape == CurlShape::Wave ? radius * sinA : radius * cosA;
-                    y = settings.shape == CurlShape::Wave ? 0.0f : radius * sinA;
+                    const SinCos turn = sinCosTurns(phased);
+                    xs[k] =
+                        settings.shape == CurlShape::Wave ? radius * turn.sin : radius * turn.cos;
+                    ys[k] = settings.shape == CurlShape::Wave ? 0.0f : radius * turn.sin;
                 }
-                // The segment keeps its length: what the offset takes of it comes off the way
-                // along the line, which shrinks the axis.
-                float dx = x - lastX;
-                float dy = y - lastY;
+            }
+
+            // The segment keeps its length: what the offset takes of it comes off the way along
+            // the line, which shrinks the axis. `axial` is how far along its own line the curled
+            // strand reaches at each point (kept in `rates`, which are done with).
+            const std::span<float> axial = rates;
+            float lastX = 0.0f;
+            float lastY = 0.0f;
+            float along = 0.0f;
+            for (std::size_t k = 1; k < n; ++k) {
+                const float ds = arcs[k] - arcs[k - 1];
+                float dx = xs[k] - lastX;
+                float dy = ys[k] - lastY;
                 const float step = dx * dx + dy * dy;
                 if (step > ds * ds) {
                     // Where the radius grows faster than the segment's length allows (easing in,
                     // a profile's steep rise), the offset lags behind to keep the length.
-                    const float keep = ds / std::sqrt(step);
-                    dx *= keep;
-                    dy *= keep;
-                    x = lastX + dx;
-                    y = lastY + dy;
+                    const float shrink = ds / std::sqrt(step);
+                    dx *= shrink;
+                    dy *= shrink;
+                    xs[k] = lastX + dx;
+                    ys[k] = lastY + dy;
                 }
-                axial += std::sqrt(std::max(0.0f, ds * ds - dx * dx - dy * dy));
-                lastX = x;
-                lastY = y;
+                along += std::sqrt(std::max(0.0f, ds * ds - dx * dx - dy * dy));
+                axial[k] = along;
+                lastX = xs[k];
+                lastY = ys[k];
+            }
 
-                const Vec3f center = pointAtArc(points, arcs, axial, strandSegment);
+            const SinCos plane = planar ? sinCosTurns(draws.planeTurns) : SinCos{};
+            std::size_t strandSegment = 0;
+            std::size_t axisSegment = 0;
+            curled[0] = points[0];
+            for (std::size_t k = 1; k < n; ++k) {
+                const Vec3f center = ownAxisPoint(points, arcs, inverse, axial[k], strandSegment);
                 // The frame at the same share of the axis's length.
                 if (ownAxis)
                     axisSegment = strandSegment;
                 else
-                    pointAtArc(axis, axisArcs, axial / total * axisLength, axisSegment);
+                    pointAtArc(axis, axisArcs, axial[k] * toAxis, axisSegment);
                 const SegmentFrame& frame =
                     axisFrames[std::min(axisSegment, axisFrames.size() - 1)];
                 if (planar) {
-                    const Vec3f across = frame.normal * planeCos + frame.binormal * planeSin;
-                    const Vec3f up = frame.binormal * planeCos - frame.normal * planeSin;
-                    out[begin + k] = center + across * x + up * y;
+                    const Vec3f across = frame.normal * plane.cos + frame.binormal * plane.sin;
+                    const Vec3f up = frame.binormal * plane.cos - frame.normal * plane.sin;
+                    curled[k] = center + across * xs[k] + up * ys[k];
                 } else {
                     // A helix winds in the frame as it is (its plane's turn is 0; the phase turns
                     // it).
-                    out[begin + k] = center + frame.normal * x + frame.binormal * y;
+                    curled[k] = center + frame.normal * xs[k] + frame.binormal * ys[k];
                 }
             }
         }

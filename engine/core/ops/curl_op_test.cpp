@@ -70,6 +70,30 @@ TEST(Curl, HelixWindsAtTheRadiusByTurnsPerUnitOfLength) {
     EXPECT_NEAR(std::abs(swept) / (2.0f * std::numbers::pi_v<float>), 8.0f, 0.1f);
 }
 
+TEST(Curl, HelixFollowsABentStrandAtTheRadiusOffEachLeg) {
+    // Up the y axis for 2 units, then along z for 2, the way the first frame's normal points: the
+    // frame carried round the bend must turn with it and stay square to the second leg, so that
+    // the helix winds at the radius around it too.
+    std::vector<Vec3f> bent = straight(101, 0.02f);
+    for (std::size_t k = 1; k <= 100; ++k)
+        bent.push_back(Vec3f{0.0f, 2.0f, 0.02f * static_cast<float>(k)});
+    const auto out = ShapeRun("Curl", {{"radius", 0.05}, {"frequency", 2.0}, {"randomness", 0.0}})
+                         .run(handStrands({bent}));
+    std::size_t firstLeg = 0, secondLeg = 0;
+    for (const Vec3f& p : out->strandPoints(0)) {
+        if (p.y > 0.5f && p.y < 1.5f) {
+            EXPECT_NEAR(std::hypot(p.x, p.z), 0.05f, 1e-3f) << p.x << " " << p.y << " " << p.z;
+            ++firstLeg;
+        } else if (p.z > 0.5f && p.z < 1.5f) {
+            EXPECT_NEAR(std::hypot(p.x, p.y - 2.0f), 0.05f, 1e-3f)
+                << p.x << " " << p.y << " " << p.z;
+            ++secondLeg;
+        }
+    }
+    EXPECT_GT(firstLeg, 30u);
+    EXPECT_GT(secondLeg, 30u);
+}
+
 TEST(Curl, WaveAndZigzagStayInOnePlane) {
     for (const char* shape : {"wave", "zigzag"}) {
         SCOPED_TRACE(shape);

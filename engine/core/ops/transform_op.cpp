@@ -2,6 +2,7 @@
 #include <array>
 #include <cmath>
 
+#include "base/fast_trig.h"
 #include "base/parallel.h"
 #include "fields/field_scene.h"
 #include "graph/registry.h"
@@ -16,9 +17,11 @@ namespace {
 
 // The rows of Rz * Ry * Rx: a turn about x, then y, then z, by the angles in degrees.
 std::array<Vec3f, 3> turnXyz(const Vec3f& degrees) {
-    const float cx = std::cos(degrees.x * kDegrees), sx = std::sin(degrees.x * kDegrees);
-    const float cy = std::cos(degrees.y * kDegrees), sy = std::sin(degrees.y * kDegrees);
-    const float cz = std::cos(degrees.z * kDegrees), sz = std::sin(degrees.z * kDegrees);
+    // In turns, so that whole quarter turns (90 degrees) are exact.
+    const SinCos x = sinCosTurns(degrees.x / 360.0f);
+    const SinCos y = sinCosTurns(degrees.y / 360.0f);
+    const SinCos z = sinCosTurns(degrees.z / 360.0f);
+    const float cx = x.cos, sx = x.sin, cy = y.cos, sy = y.sin, cz = z.cos, sz = z.sin;
     return {Vec3f{cz * cy, cz * sy * sx - sz * cx, cz * sy * cx + sz * sx},
             Vec3f{sz * cy, sz * sy * sx + cz * cx, sz * sy * cx - cz * sx},
             Vec3f{-sy, cy * sx, cy * cx}};
@@ -67,7 +70,9 @@ void transformStrands(const StrandSet& input, const TransformSettings& settings,
                     *axis += settings.translateRandom * draws.nextSigned();
                 for (float* axis : {&rotate.x, &rotate.y, &rotate.z})
                     *axis += settings.rotateRandom * draws.nextSigned();
-                turn = turnXyz(rotate);
+                // Without a random turn the strand turns as every other: the same bits as the
+                // turn made once.
+                if (settings.rotateRandom != 0.0f) turn = turnXyz(rotate);
             }
             if (settings.world) {
                 for (std::size_t k = 0; k < n; ++k)

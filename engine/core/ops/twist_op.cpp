@@ -1,7 +1,7 @@
 #include <algorithm>
 #include <cmath>
-#include <numbers>
 
+#include "base/fast_trig.h"
 #include "graph/delivered_params.h"
 #include "graph/errors.h"
 #include "graph/registry.h"
@@ -10,32 +10,76 @@
 
 namespace velmorin {
 
+namespace {
+
+// What each segment of the axis curves holds for the strand loop, made once before it: the unit
+// tangent the points turn about and one over the segment's length, so that no point takes a
+// square root or a division.
+struct AxisSegments {
+    std::vector<Vec3f> tangents;
+    std::vector<float> inverse;
+    std::vector<std::size_t> first;  // per axis: where its segments start
+
+    void add(std::span<const Vec3f> points, std::span<const float> arcs) {
+        first.push_back(tangents.size());
+        for (std::size_t k = 0; k + 1 < points.size(); ++k) {
+            tangents.push_back(normalized(points[k + 1] - points[k], {0, 1, 0}));
+            const float span = arcs[k + 1] - arcs[k];
+            inverse.push_back(span > 0.0f ? 1.0f / span : 0.0f);
+        }
+    }
+};
+
+// pointAtArc along an axis, with the inverse lengths in place of a division per point.
+inline Vec3f axisPointAt(std::span<const Vec3f> points, std::span<const float> arcs,
+                         const float* inverse, float s, std::size_t& segment) {
+    const std::size_t last = points.size() - 1;
+    if (s <= 0.0f) return points[0];
+    if (s >= arcs[last]) return points[last];
+    while (segment + 1 < last && arcs[segment + 1] < s)
+        ++segment;
+    const float f = (s - arcs[segment]) * inverse[segment];
+    return lerp(points[segment], points[segment + 1], std::clamp(f, 0.0f, 1.0f));
+}
+
+}  // namespace
+
 void twistStrands(const StrandSet& input, const TwistSettings& settings,
                   const StrandSelection& selection, std::span<Vec3f> out) {
-    constexpr float kTwoPi = 2.0f * std::numbers::pi_v<float>;
     const bool turnsMapped = settings.turns.isMapped();
     const float plainTurns = settings.turns.value();
-    // The arcs along every axis curve, once, before the strand loop.
+    const bool flatProfile = settings.profile.keys.empty();
+    // The arcs along every axis curve and what its segments hold, once, before the strand loop.
     std::vector<std::vector<float>> guideArcs;
+    AxisSegments segments;
     if (settings.axes) {
         for (const Guide& guide : settings.axes->guides) {
             guideArcs.emplace_back(guide.points.size());
             arcLengths(guide.points, guideArcs.back());
+            segments.add(guide.points, guideArcs.back());
         }
+    } else if (settings.clumps) {
+        for (std::size_t c = 0; c < settings.clumps->clumpCount; ++c)
+            segments.add(settings.clumps->axisPoints(c), settings.clumps->axisArcs(c));
     }
 
     forSelectedChunks(input.strandCount(), selection, [&](std::size_t first, std::size_t last) {
-        std::vector<float> arcs;
+        StrandScratch<float> arcScratch;
         for (std::size_t i = first; i < last; ++i) {
             const std::size_t s = selection.strand(i);
             const std::span<const Vec3f> points = input.strandPoints(s);
             const std::size_t begin = input.pointRange(s).begin;
             const std::size_t n = points.size();
-            std::copy(points.begin(), points.end(), out.begin() + begin);
-            if (n < 2) continue;
+            Vec3f* const twisted = out.data() + begin;
+            const auto keep = [&] { std::copy(points.begin(), points.end(), twisted); };
+            if (n < 2) {
+                keep();
+                continue;
+            }
 
             std::span<const Vec3f> axis;
             std::span<const float> axisArcs;
+            std::size_t axisIndex = 0;
             if (settings.axes) {
                 // The axis curve whose root lies nearest this strand's.
                 float nearest = INFINITY;
@@ -47,35 +91,40 @@ void twistStrands(const StrandSet& input, const TwistSettings& settings,
                         nearest = d;
                         axis = curve;
                         axisArcs = guideArcs[g];
+                        axisIndex = g;
                     }
                 }
             } else if (settings.clumps) {
-                const std::uint32_t clump = settings.clumps->clumpOf[s];
-                axis = settings.clumps->axisPoints(clump);
-                axisArcs = settings.clumps->axisArcs(clump);
+                axisIndex = settings.clumps->clumpOf[s];
+                axis = settings.clumps->axisPoints(axisIndex);
+                axisArcs = settings.clumps->axisArcs(axisIndex);
             }
-            if (axis.size() < 2 || !(axisArcs.back() > 0.0f)) continue;
-            arcs.resize(n);
+            if (axis.size() < 2 || !(axisArcs.back() > 0.0f)) {
+                keep();
+                continue;
+            }
+            const std::span<float> arcs = arcScratch.take(n);
             const float total = arcLengths(points, arcs);
-            if (!(total > 0.0f)) continue;
+            if (!(total > 0.0f)) {
+                keep();
+                continue;
+            }
+            const float perTotal = 1.0f / total;
             const float turns = turnsMapped ? settings.turns.atStrand(s) : plainTurns;
             const float axisLength = axisArcs.back();
+            const Vec3f* tangents = segments.tangents.data() + segments.first[axisIndex];
+            const float* inverse = segments.inverse.data() + segments.first[axisIndex];
             std::size_t segment = 0;
-            // The axis's tangent is made once per axis segment the points pass.
-            std::size_t tangentSegment = axis.size();
-            Vec3f tangent;
+            twisted[0] = points[0];
             for (std::size_t k = 1; k < n; ++k) {
                 // A point's place along the axis is its share of its own strand's length.
-                const float t = arcs[k] / total;
+                const float t = arcs[k] * perTotal;
                 const float along = t * axisLength;
-                const Vec3f center = pointAtArc(axis, axisArcs, along, segment);
-                if (segment != tangentSegment) {
-                    tangentSegment = segment;
-                    tangent = normalized(axis[segment + 1] - axis[segment], {0, 1, 0});
-                }
-                const float angle = kTwoPi * turns * profileAt(settings.profile, t) * along;
-                out[begin + k] = center + rotateAbout(points[k] - center, tangent, std::cos(angle),
-                                                      std::sin(angle));
+                const Vec3f center = axisPointAt(axis, axisArcs, inverse, along, segment);
+                const float profile = flatProfile ? 1.0f : settings.profile.at(t);
+                const SinCos turn = sinCosTurns(turns * profile * along);
+                twisted[k] =
+                    center + rotateAbout(points[k] - center, tangents[segment], turn.cos, turn.sin);
             }
         }
     });
