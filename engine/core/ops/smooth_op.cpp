@@ -202,20 +202,27 @@ class SmoothBatch {
         entry.strength = strength;
 
         // The strand at m + 1 equal arc steps: each cell on the first segment that reaches its
-        // share of the length, the segment's reciprocal span made once for all its cells.
-        const std::span<const float> shares = entry.shares;
+        // share of the length. Each segment's reciprocal span is made once for all its cells
+        // (-1 for a segment of no length, whose cells take its end). The cells step on to the
+        // next segment without a branch, at most once a cell but for segments shorter than a
+        // cell, so that the processor has no guess to miss at every segment's end.
+        const float* share = entry.shares.data();
+        float* perSpan = perSpanScratch_.take(n).data();
+        for (std::size_t k = 1; k < n; ++k) {
+            const float span = share[k] - share[k - 1];
+            perSpan[k] = span > 0.0f ? 1.0f / span : -1.0f;
+        }
+        const std::size_t last = n - 1;
         std::size_t segment = 1;
-        float start = shares[0], span = shares[1] - shares[0];
-        float perSpan = span > 0.0f ? 1.0f / span : 0.0f;
         for (int j = 0; j < m; ++j) {
             const float t = box_.steps[static_cast<std::size_t>(j)];
-            while (segment + 1 < n && shares[segment] < t) {
+            segment += static_cast<std::size_t>((segment < last) & (share[segment] < t));
+            while (segment < last && share[segment] < t)
                 ++segment;
-                start = shares[segment - 1];
-                span = shares[segment] - start;
-                perSpan = span > 0.0f ? 1.0f / span : 0.0f;
-            }
-            const float f = span > 0.0f ? std::clamp((t - start) * perSpan, 0.0f, 1.0f) : 1.0f;
+            const float f =
+                perSpan[segment] > 0.0f
+                    ? std::clamp((t - share[segment - 1]) * perSpan[segment], 0.0f, 1.0f)
+                    : 1.0f;
             const Vec3f at = lerp(strand[segment - 1], strand[segment], f);
             cells_.curve[0][j][lane] = at.x;
             cells_.curve[1][j][lane] = at.y;
@@ -276,6 +283,7 @@ class SmoothBatch {
     // Per point: on the stack for strands of ordinary length.
     std::array<StrandScratch<float>, kLanes> shareScratch_;
     std::array<StrandScratch<float>, kLanes> lengthScratch_;
+    StrandScratch<float> perSpanScratch_;
     StrandScratch<Vec3f> mixedScratch_;
 };
 
