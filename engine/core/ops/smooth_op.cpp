@@ -202,15 +202,22 @@ class SmoothBatch {
         entry.strength = strength;
 
         // The strand at m + 1 equal arc steps: each cell on the first segment that reaches its
-        // share of the length. Each segment's reciprocal span is made once for all its cells
-        // (-1 for a segment of no length, whose cells take its end). The cells step on to the
-        // next segment without a branch, at most once a cell but for segments shorter than a
-        // cell, so that the processor has no guess to miss at every segment's end.
+        // share of the length. On segment k the strand is base[k] + slope[k] * t, both made once
+        // for all its cells (a segment of no length holds its end). The cells step on to the next
+        // segment without a branch, at most once a cell but for segments shorter than a cell, so
+        // that the processor has no guess to miss at every segment's end.
         const float* share = entry.shares.data();
-        float* perSpan = perSpanScratch_.take(n).data();
+        Vec3f* base = baseScratch_.take(n).data();
+        Vec3f* slope = slopeScratch_.take(n).data();
         for (std::size_t k = 1; k < n; ++k) {
             const float span = share[k] - share[k - 1];
-            perSpan[k] = span > 0.0f ? 1.0f / span : -1.0f;
+            if (span > 0.0f) {
+                slope[k] = (strand[k] - strand[k - 1]) * (1.0f / span);
+                base[k] = strand[k - 1] - slope[k] * share[k - 1];
+            } else {
+                slope[k] = Vec3f{};
+                base[k] = strand[k];
+            }
         }
         const std::size_t last = n - 1;
         std::size_t segment = 1;
@@ -219,11 +226,7 @@ class SmoothBatch {
             segment += static_cast<std::size_t>((segment < last) & (share[segment] < t));
             while (segment < last && share[segment] < t)
                 ++segment;
-            const float f =
-                perSpan[segment] > 0.0f
-                    ? std::clamp((t - share[segment - 1]) * perSpan[segment], 0.0f, 1.0f)
-                    : 1.0f;
-            const Vec3f at = lerp(strand[segment - 1], strand[segment], f);
+            const Vec3f at = base[segment] + slope[segment] * t;
             cells_.curve[0][j][lane] = at.x;
             cells_.curve[1][j][lane] = at.y;
             cells_.curve[2][j][lane] = at.z;
@@ -283,7 +286,8 @@ class SmoothBatch {
     // Per point: on the stack for strands of ordinary length.
     std::array<StrandScratch<float>, kLanes> shareScratch_;
     std::array<StrandScratch<float>, kLanes> lengthScratch_;
-    StrandScratch<float> perSpanScratch_;
+    StrandScratch<Vec3f> baseScratch_;
+    StrandScratch<Vec3f> slopeScratch_;
     StrandScratch<Vec3f> mixedScratch_;
 };
 
