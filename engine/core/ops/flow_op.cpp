@@ -1,4 +1,5 @@
 #include <algorithm>
+#include <array>
 #include <cmath>
 #include <optional>
 
@@ -15,44 +16,113 @@
 namespace velmorin {
 namespace {
 
+// A triangle of the scalp as the walk below reads it: its corner 0, its two edges from there, the
+// two vectors whose dot products with a point's offset from corner 0 give its barycentric u and v
+// in the triangle's plane (no division per step), and the triangles across its edges.
+struct WalkFace {
+    Vec3f origin, edge1, edge2;
+    Vec3f toU, toV;
+    std::array<std::int32_t, 3> across{-1, -1, -1};
+    bool flat = true;  // no area: the walk stops on it
+};
+
+WalkFace walkFace(const ScalpMesh& scalp, const SurfaceTopology& topology, std::size_t face) {
+    WalkFace made;
+    const Triangle& triangle = scalp.triangles()[face];
+    const std::vector<Vec3f>& corners = scalp.points();
+    made.origin = corners[triangle[0]];
+    made.edge1 = corners[triangle[1]] - made.origin;
+    made.edge2 = corners[triangle[2]] - made.origin;
+    const float d11 = dot(made.edge1, made.edge1), d12 = dot(made.edge1, made.edge2),
+                d22 = dot(made.edge2, made.edge2);
+    const float det = d11 * d22 - d12 * d12;
+    for (int edge = 0; edge < 3; ++edge)
+        made.across[static_cast<std::size_t>(edge)] =
+            topology.neighborAcross(static_cast<std::uint32_t>(face), edge);
+    if (!(det > 0.0f)) return made;
+    const float perDet = 1.0f / det;
+    made.toU = (made.edge1 * d22 - made.edge2 * d12) * perDet;
+    made.toV = (made.edge2 * d11 - made.edge1 * d12) * perDet;
+    made.flat = false;
+    return made;
+}
+
+// The walk's triangles: made once per run for every triangle when the run reads many strands,
+// else each when the walk reaches it (the same arithmetic, so the same bits either way).
+class WalkFaces {
+  public:
+    WalkFaces(const ScalpMesh& scalp, const SurfaceTopology& topology, bool madeAhead)
+        : scalp_(scalp), topology_(topology) {
+        if (!madeAhead) return;
+        faces_.resize(scalp.triangleCount());
+        parallelRange(0, faces_.size(), 4096, [&](std::size_t begin, std::size_t end) {
+            for (std::size_t f = begin; f < end; ++f)
+                faces_[f] = walkFace(scalp_, topology_, f);
+        });
+    }
+
+    // Triangle `face`; `spare` holds it when it was not made ahead.
+    const WalkFace& at(std::int32_t face, WalkFace& spare) const {
+        if (!faces_.empty()) return faces_[static_cast<std::size_t>(face)];
+        spare = walkFace(scalp_, topology_, static_cast<std::size_t>(face));
+        return spare;
+    }
+
+  private:
+    const ScalpMesh& scalp_;
+    const SurfaceTopology& topology_;
+    std::vector<WalkFace> faces_;
+};
+
 // The closest point of the scalp to `p`, walked to from triangle `face` across the edges toward
 // it. A strand's next point lies a segment from the last, over the same or a neighbouring
-// triangle, so the walk takes a step or two where the tree searches from its top. Nothing where
-// the walk reaches a border, goes round in circles (over a ridge the point lies off every
-// triangle's face) or lands farther than `maxDistance`: the caller asks the tree then, which also
-// finds a nearer part of the surface that the walk can't see.
-std::optional<ClosestPoint> walkToClosest(const ScalpMesh& scalp, const SurfaceTopology& topology,
-                                          std::int32_t face, const Vec3f& p, float maxDistance) {
+// triangle, so the walk takes a step or two where the tree searches from its top. Over a ridge the
+// point lies off every triangle's face, in the wedge of an edge or a corner: the walk would turn
+// back or go round; past a border there is no triangle to go to. There the walk stops on the edge
+// it would cross, at the point of that edge nearest `p` (a corner of it in a corner's wedge).
+// Nothing where the walk reaches a flat triangle or lands farther than `maxDistance`: the caller
+// asks the tree then, which also finds a nearer part of the surface that the walk can't see.
+std::optional<ClosestPoint> walkToClosest(const WalkFaces& faces, std::int32_t face, const Vec3f& p,
+                                          float maxDistance) {
     constexpr int kMostSteps = 6;
-    const std::vector<Triangle>& triangles = scalp.triangles();
-    const std::vector<Vec3f>& corners = scalp.points();
-    for (int step = 0; step < kMostSteps; ++step) {
-        const Triangle& triangle = triangles[static_cast<std::size_t>(face)];
-        const Vec3f p0 = corners[triangle[0]];
-        const Vec3f e1 = corners[triangle[1]] - p0, e2 = corners[triangle[2]] - p0;
-        const Vec3f d = p - p0;
-        const float d11 = dot(e1, e1), d12 = dot(e1, e2), d22 = dot(e2, e2);
-        const float d1 = dot(d, e1), d2 = dot(d, e2);
-        const float det = d11 * d22 - d12 * d12;
-        if (!(det > 0.0f)) return std::nullopt;
-        const float u = (d22 * d1 - d12 * d2) / det;
-        const float v = (d11 * d2 - d12 * d1) / det;
+    WalkFace spare;
+    std::int32_t came = -1;
+    for (int step = 0;; ++step) {
+        const WalkFace& here = faces.at(face, spare);
+        if (here.flat) return std::nullopt;
+        const Vec3f d = p - here.origin;
+        float u = dot(d, here.toU);
+        float v = dot(d, here.toV);
         const float w = 1.0f - u - v;
-        if (u >= 0.0f && v >= 0.0f && w >= 0.0f) {
-            ClosestPoint found;
-            found.root = {face, u, v};
-            found.point = p0 + e1 * u + e2 * v;
-            found.distance = length(p - found.point);
-            if (!(found.distance <= maxDistance)) return std::nullopt;
-            return found;
+        if (!(u >= 0.0f && v >= 0.0f && w >= 0.0f)) {
+            // Out across the edge facing the most negative weight: corner 0's weight faces edge 1
+            // (corners 1 to 2), corner 1's edge 2, corner 2's edge 0.
+            const int edge = w <= u && w <= v ? 1 : u <= v ? 2 : 0;
+            const std::int32_t next = here.across[static_cast<std::size_t>(edge)];
+            if (next >= 0 && next != came && step + 1 < kMostSteps) {
+                came = face;
+                face = next;
+                continue;
+            }
+            // On the edge: from corner `edge` to the next, as far along as p lies, held to it.
+            const Vec3f from = edge == 0 ? Vec3f{} : edge == 1 ? here.edge1 : here.edge2;
+            const Vec3f to = edge == 0 ? here.edge1 : edge == 1 ? here.edge2 : Vec3f{};
+            const Vec3f along = to - from;
+            const float alongSquared = lengthSquared(along);
+            const float t = alongSquared > 0.0f
+                                ? std::clamp(dot(d - from, along) / alongSquared, 0.0f, 1.0f)
+                                : 0.0f;
+            u = edge == 0 ? t : edge == 1 ? 1.0f - t : 0.0f;
+            v = edge == 0 ? 0.0f : edge == 1 ? t : 1.0f - t;
         }
-        // Out across the edge facing the most negative weight: corner 0's weight faces edge 1
-        // (corners 1 to 2), corner 1's edge 2, corner 2's edge 0.
-        const int edge = w <= u && w <= v ? 1 : u <= v ? 2 : 0;
-        face = topology.neighborAcross(static_cast<std::uint32_t>(face), edge);
-        if (face < 0) return std::nullopt;
+        ClosestPoint found;
+        found.root = {face, u, v};
+        found.point = here.origin + here.edge1 * u + here.edge2 * v;
+        const float distanceSquared = lengthSquared(p - found.point);
+        if (!(distanceSquared <= maxDistance * maxDistance)) return std::nullopt;
+        found.distance = std::sqrt(distanceSquared);
+        return found;
     }
-    return std::nullopt;
 }
 
 // The smooth normal and the flow at points of the scalp, as ScalpMesh::normalAt and FlowField::at
@@ -96,6 +166,32 @@ class SurfaceFlow {
 
 }  // namespace
 
+namespace {
+
+// Strands laid side by side, a point of each in turn: a strand's walk is one long chain of steps,
+// each waiting on the last (the surface under a point decides the next), so the processor
+// overlaps the chains of several strands where one alone would leave it waiting.
+constexpr std::size_t kInterleaved = 8;
+
+// One strand being laid: where its walk has reached and what it keeps along the way.
+struct FlowWalk {
+    std::span<const Vec3f> strand;
+    Vec3f* out = nullptr;
+    std::span<float> lengths;
+    StrandRoot at;
+    Vec3f normal, along;
+    float cosTurn = 1.0f, sinTurn = 0.0f, lift = 0.0f;
+    float total = 0.0f, arc = 0.0f, height = 0.0f;
+};
+
+// The unit vector along v, or `fallback` when v is too short: normalized with one division.
+Vec3f unitOr(const Vec3f& v, const Vec3f& fallback) {
+    const float len = length(v);
+    return len > 1e-20f ? v * (1.0f / len) : fallback;
+}
+
+}  // namespace
+
 void flowStrands(const StrandSet& input, const FlowSettings& settings, const StrandSelection& pick,
                  std::span<Vec3f> points) {
     const std::span<const std::uint64_t> ids = input.ids();
@@ -105,68 +201,92 @@ void flowStrands(const StrandSet& input, const FlowSettings& settings, const Str
     const ScalpMesh* scalp = settings.scalp;
     const FlowField* flow = settings.flow;
     const std::shared_ptr<const SurfaceTopology> topology = scalp ? scalp->topology() : nullptr;
+    // Made ahead where the strands outnumber the triangles; an incremental run of a few strands
+    // makes only the triangles it reaches.
+    const std::size_t strandCount = pick.size(input.strandCount());
+    const std::optional<WalkFaces> faces =
+        scalp ? std::optional<WalkFaces>(std::in_place, *scalp, *topology,
+                                         strandCount >= scalp->triangleCount())
+              : std::nullopt;
     const std::optional<SurfaceFlow> surface =
         scalp && flow ? std::optional<SurfaceFlow>(std::in_place, *scalp, *flow) : std::nullopt;
     const bool liftMapped = settings.lift.isMapped();
     const float plainLift = settings.lift.value();
-    parallelRange(0, pick.size(input.strandCount()), 256, [&](std::size_t begin, std::size_t end) {
-        StrandScratch<float> lengthScratch;
-        for (std::size_t item = begin; item < end; ++item) {
-            const std::size_t s = pick.strand(item);
-            const std::size_t first = offsets[s];
-            const std::size_t n = offsets[s + 1] - first;
-            const std::span<const Vec3f> strand = inputPoints.subspan(first, n);
-            Vec3f* out = points.data() + first;
-            std::copy(strand.begin(), strand.end(), out);
-            if (n < 2 || !surface || !scalp->isOnSurface(roots[s])) continue;
-            StrandRoot at = roots[s];
-            Vec3f normal = surface->normalAt(at);
-            Vec3f along = surface->flowAt(at, normal);
-            if (lengthSquared(along) == 0.0f) continue;
 
-            const float turn =
-                settings.random * StrandDraws(ids[s], settings.seed).nextSigned() * kDegrees;
-            const float cosTurn = std::cos(turn), sinTurn = std::sin(turn);
-            const float lift = liftMapped ? settings.lift.atStrand(s) : plainLift;
-            const std::span<float> lengths = lengthScratch.take(n);
-            float total = 0.0f;
-            for (std::size_t k = 1; k < n; ++k) {
-                lengths[k] = length(strand[k] - strand[k - 1]);
-                total += lengths[k];
+    // Copies strand s and readies its walk; false where it passes unchanged.
+    const auto start = [&](std::size_t s, FlowWalk& walk, StrandScratch<float>& lengthScratch) {
+        const std::size_t first = offsets[s];
+        const std::size_t n = offsets[s + 1] - first;
+        walk.strand = inputPoints.subspan(first, n);
+        walk.out = points.data() + first;
+        std::copy(walk.strand.begin(), walk.strand.end(), walk.out);
+        if (n < 2 || !surface || !scalp->isOnSurface(roots[s])) return false;
+        walk.at = roots[s];
+        walk.normal = surface->normalAt(walk.at);
+        walk.along = surface->flowAt(walk.at, walk.normal);
+        if (lengthSquared(walk.along) == 0.0f) return false;
+        const float turn =
+            settings.random * StrandDraws(ids[s], settings.seed).nextSigned() * kDegrees;
+        walk.cosTurn = std::cos(turn);
+        walk.sinTurn = std::sin(turn);
+        walk.lift = liftMapped ? settings.lift.atStrand(s) : plainLift;
+        walk.lengths = lengthScratch.take(n);
+        walk.total = 0.0f;
+        for (std::size_t k = 1; k < n; ++k) {
+            walk.lengths[k] = length(walk.strand[k] - walk.strand[k - 1]);
+            walk.total += walk.lengths[k];
+        }
+        walk.arc = 0.0f;
+        walk.height = 0.0f;
+        return true;
+    };
+
+    // Point k of a walk: its segment keeps its length and follows the flow under its start,
+    // lifted off the skin by the lift at its middle, and lands at the height the strand has
+    // reached above the surface there.
+    const auto step = [&](FlowWalk& walk, std::size_t k) {
+        const float segment = walk.lengths[k];
+        const float t = walk.total > 0.0f ? (walk.arc + 0.5f * segment) / walk.total : 0.0f;
+        walk.arc += segment;
+        const float angle = walk.lift * (1.0f - settings.bend * t) * kDegrees;
+        const float cosAngle = std::cos(angle), sinAngle = std::sin(angle);
+        const Vec3f laid = rotateAbout(walk.along, walk.normal, walk.cosTurn, walk.sinTurn);
+        const Vec3f direction = laid * cosAngle + walk.normal * sinAngle;
+        const Vec3f from = walk.out[k - 1];
+        Vec3f next = from + direction * segment;
+        walk.height += segment * sinAngle;
+        const float reach = std::fabs(walk.height) + 2.0f * segment + 1e-4f;
+        const std::optional<ClosestPoint> walked = walkToClosest(*faces, walk.at.face, next, reach);
+        const ClosestPoint below = walked ? *walked : scalp->closestPoint(next, reach);
+        if (below.found()) {
+            walk.at = below.root;
+            const Vec3f surfaceNormal = surface->normalAt(walk.at);
+            const Vec3f snapped = below.point + surfaceNormal * walk.height;
+            next = from + unitOr(snapped - from, direction) * segment;
+            // The flow and the normal where the next segment starts.
+            const Vec3f there = surface->flowAt(walk.at, surfaceNormal);
+            walk.normal = surfaceNormal;
+            walk.along = lengthSquared(there) > 0.0f
+                             ? there
+                             : unitOr(alongSurface(walk.along, walk.normal), walk.along);
+        }
+        walk.out[k] = next;
+    };
+
+    parallelRange(0, strandCount, 256, [&](std::size_t begin, std::size_t end) {
+        std::array<StrandScratch<float>, kInterleaved> lengthScratch;
+        std::array<FlowWalk, kInterleaved> walks;
+        for (std::size_t group = begin; group < end; group += kInterleaved) {
+            std::size_t count = 0, longest = 0;
+            for (std::size_t item = group; item < std::min(end, group + kInterleaved); ++item) {
+                if (!start(pick.strand(item), walks[count], lengthScratch[count])) continue;
+                longest = std::max(longest, walks[count].strand.size());
+                ++count;
             }
-
-            // Walk from the root: each segment keeps its length and follows the flow under its
-            // start, lifted off the skin by the lift at its middle, and lands at the height the
-            // strand has reached above the surface there.
-            float arc = 0.0f;
-            float height = 0.0f;
-            for (std::size_t k = 1; k < n; ++k) {
-                const float segment = lengths[k];
-                const float t = total > 0.0f ? (arc + 0.5f * segment) / total : 0.0f;
-                arc += segment;
-                const float angle = lift * (1.0f - settings.bend * t) * kDegrees;
-                const float cosAngle = std::cos(angle), sinAngle = std::sin(angle);
-                const Vec3f laid = rotateAbout(along, normal, cosTurn, sinTurn);
-                const Vec3f direction = laid * cosAngle + normal * sinAngle;
-                Vec3f next = out[k - 1] + direction * segment;
-                height += segment * sinAngle;
-                const float reach = std::fabs(height) + 2.0f * segment + 1e-4f;
-                const std::optional<ClosestPoint> walked =
-                    walkToClosest(*scalp, *topology, at.face, next, reach);
-                const ClosestPoint below = walked ? *walked : scalp->closestPoint(next, reach);
-                if (below.found()) {
-                    at = below.root;
-                    const Vec3f surfaceNormal = surface->normalAt(at);
-                    const Vec3f snapped = below.point + surfaceNormal * height;
-                    next = out[k - 1] + normalized(snapped - out[k - 1], direction) * segment;
-                    // The flow and the normal where the next segment starts.
-                    const Vec3f there = surface->flowAt(at, surfaceNormal);
-                    normal = surfaceNormal;
-                    along = lengthSquared(there) > 0.0f
-                                ? there
-                                : normalized(alongSurface(along, normal), along);
+            for (std::size_t k = 1; k < longest; ++k) {
+                for (std::size_t w = 0; w < count; ++w) {
+                    if (k < walks[w].strand.size()) step(walks[w], k);
                 }
-                out[k] = next;
             }
         }
     });

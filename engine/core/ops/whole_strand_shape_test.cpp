@@ -357,6 +357,33 @@ TEST(Smooth, TakesOutSmallBumpsAndKeepsEveryLength) {
     }
 }
 
+TEST(Smooth, StrandsOfMixedPointCountsSmoothAsEachAlone) {
+    // Strands of 2 to 41 points side by side, so that those smoothed together have the same cell
+    // count or not; each must come out as it does smoothed alone.
+    StrandSet mixed;
+    for (std::uint64_t s = 0; s < 90; ++s) {
+        const std::size_t n = 2 + (s * 7) % 40;
+        Points points(n);
+        for (std::size_t k = 1; k < n; ++k) {
+            const std::uint64_t h = hashCombine(s, k);
+            points[k] =
+                points[k - 1] + Vec3f{unitFloat(h) - 0.5f, 1.0f, unitFloat(h + 1) - 0.5f} * 0.1f;
+        }
+        mixed.addStrand(s + 1, {0, 0.0f, 0.0f}, points);
+    }
+    const SmoothSettings settings = smooth(0.9f, 0.15f);
+    const Points together = smoothed(mixed, settings);
+    for (std::size_t s = 0; s < mixed.strandCount(); ++s) {
+        StrandSet alone;
+        alone.addStrand(mixed.ids()[s], mixed.roots()[s], mixed.strandPoints(s));
+        const auto range = mixed.pointRange(s);
+        EXPECT_EQ(smoothed(alone, settings),
+                  Points(together.begin() + static_cast<std::ptrdiff_t>(range.begin),
+                         together.begin() + static_cast<std::ptrdiff_t>(range.begin + range.count)))
+            << "strand " << s;
+    }
+}
+
 // A flow of one pin pointing along `direction` over `scalp`.
 std::shared_ptr<const FlowField> flowOf(const ScalpMesh& scalp, const Vec3f& direction) {
     FlowSet set;
@@ -428,6 +455,42 @@ TEST(Flow, FollowsACurvedScalpAtItsOffsetKeepingLengths) {
     }
 }
 
+TEST(Flow, AFewStrandsAreLaidAsInAFullRunOverACoarseScalp) {
+    // A coarse sphere: its ridges put many points off every triangle's face, where the walk over
+    // the surface stops on an edge. A full run readies every triangle ahead, a run over a few
+    // strands only those it reaches; both must lay a strand alike.
+    const auto sphere = makeSphere(1.0f, 6, 12);
+    FlowSet set;
+    set.pins.push_back(pinFromSurface(*sphere, sphere->closestPoint({0, 2, 0}).root, {1, 0, 0}));
+    const auto field = FlowField::build(set, *sphere);
+    const auto strands = test::scalpStrands(*sphere, 2000, 9, 6, 0.8f);
+    ASSERT_GT(strands->strandCount(), sphere->triangleCount());
+    FlowSettings settings = flowing(25.0f, 0.5f, 10.0f);
+    settings.scalp = sphere.get();
+    settings.flow = field.get();
+    const Points full = flowed(*strands, settings);
+    const std::vector<std::uint64_t> few = {5, 777, 1999};
+    Points some(strands->points().begin(), strands->points().end());
+    flowStrands(*strands, settings, StrandSelection::only(few), some);
+    for (const std::uint64_t s : few) {
+        const auto range = strands->pointRange(s);
+        for (std::size_t k = 0; k < range.count; ++k)
+            EXPECT_EQ(some[range.begin + k], full[range.begin + k]) << s << " " << k;
+    }
+    // Every strand keeps its lengths and stays near the skin: no point much further off the
+    // sphere's centre than the lift takes it, none sunk below the coarse surface.
+    for (std::size_t s = 0; s < strands->strandCount(); ++s) {
+        const auto range = strands->pointRange(s);
+        const auto in = strands->strandPoints(s);
+        for (std::size_t k = 1; k < in.size(); ++k) {
+            const Vec3f& p = full[range.begin + k];
+            EXPECT_NEAR(length(p - full[range.begin + k - 1]), length(in[k] - in[k - 1]), 1e-5f);
+            EXPECT_LT(length(p), 1.0f + 0.8f * sind(25.0f) + 0.02f) << s;
+            EXPECT_GT(length(p), 0.85f) << s;
+        }
+    }
+}
+
 TEST(Flow, WithoutFlowArrowsStrandsPassWithANote) {
     Graph graph;
     const std::uint32_t source =
@@ -468,6 +531,8 @@ const std::vector<NodeCase>& nodeCases() {
         {"Direction", {{"inclination", 70.0}, {"roll", 30.0}, {"rollRandom", 20.0}}},
         {"Direction",
          {{"inclination", 20.0}, {"along", std::string("direction")}, {"strength", 0.5}}},
+        {"Smooth", {{"strength", 0.8}, {"scale", 0.2}}},
+        {"Flow", {{"lift", 20.0}, {"bend", 0.4}, {"random", 10.0}}},
     };
     return cases;
 }
