@@ -489,7 +489,7 @@ void shapeStrands(const InterpolateState& state, const InterpolateGuideRows& row
 
         const Vec3f root = incoming[0];
         // 3-4 begin here too: each record's weight, guide row and turn are read once, in the
-        // same pass that sums the guides' blended length.
+        // same pass that sums the guides' blended length (take length needs the length alone).
         const Vec3f normal = hasNormals ? state.strandNormals[s] : Vec3f{};
         const bool strandTurns = lengthSquared(normal) > 0.0f;
         if (c.terms.size() < end - first) c.terms.resize(end - first);
@@ -499,6 +499,7 @@ void shapeStrands(const InterpolateState& state, const InterpolateGuideRows& row
             BlendTerm& term = c.terms[r - first];
             term.weight = (static_cast<float>(chunk.weights[r]) + 1.0f) / 65536.0f;
             guideLength += term.weight * rows.lengths[g];
+            if (settings.takeLength) continue;  // its own shape: no blend, no turns
             term.row = planar + static_cast<std::size_t>(g) * 3 * stride;
             term.turns = strandTurns && rows.turns[g];
             if (term.turns) term.turn = turnBetween(rows.normals[g], normal);
