@@ -488,10 +488,23 @@ void shapeStrands(const InterpolateState& state, const InterpolateGuideRows& row
         if (first == end || amount <= 0.0f || n < 2 || samples < 2) return keep();
 
         const Vec3f root = incoming[0];
+        // 3-4 begin here too: each record's weight, guide row and turn are read once, in the
+        // same pass that sums the guides' blended length (take length needs the length alone).
+        const Vec3f normal = hasNormals ? state.strandNormals[s] : Vec3f{};
+        const bool strandTurns = lengthSquared(normal) > 0.0f;
+        if (c.terms.size() < end - first) c.terms.resize(end - first);
         float guideLength = 0.0f;
-        for (std::uint32_t r = first; r < end; ++r)
-            guideLength += (static_cast<float>(chunk.weights[r]) + 1.0f) / 65536.0f *
-                           rows.lengths[chunk.guides[r]];
+        for (std::uint32_t r = first; r < end; ++r) {
+            const std::uint32_t g = chunk.guides[r];
+            BlendTerm& term = c.terms[r - first];
+            term.weight = (static_cast<float>(chunk.weights[r]) + 1.0f) / 65536.0f;
+            guideLength += term.weight * rows.lengths[g];
+            if (settings.takeLength) continue;  // its own shape: no blend, no turns
+            term.row = planar + static_cast<std::size_t>(g) * 3 * stride;
+            term.turns = strandTurns && rows.turns[g];
+            if (term.turns) term.turn = turnBetween(rows.normals[g], normal);
+        }
+        const std::size_t termCount = end - first;
 
         if (settings.takeLength) {
             // The strand's own shape, drawn out or cut back along its arc to the guides' length.
@@ -520,18 +533,6 @@ void shapeStrands(const InterpolateState& state, const InterpolateGuideRows& row
 
         // 3-4. The guides' offsets turned into the strand's frame and blended. Sample 0 of
         // every row is zero, so the blend's sample 0 is the root.
-        const Vec3f normal = hasNormals ? state.strandNormals[s] : Vec3f{};
-        const bool strandTurns = lengthSquared(normal) > 0.0f;
-        if (c.terms.size() < end - first) c.terms.resize(end - first);
-        std::size_t termCount = 0;
-        for (std::uint32_t r = first; r < end; ++r) {
-            const std::uint32_t g = chunk.guides[r];
-            BlendTerm& term = c.terms[termCount++];
-            term.row = planar + static_cast<std::size_t>(g) * 3 * stride;
-            term.weight = (static_cast<float>(chunk.weights[r]) + 1.0f) / 65536.0f;
-            term.turns = strandTurns && rows.turns[g];
-            if (term.turns) term.turn = turnBetween(rows.normals[g], normal);
-        }
         blend(std::span<const BlendTerm>(c.terms.data(), termCount), root, c);
         float* const x = c.x;
         float* const y = c.y;

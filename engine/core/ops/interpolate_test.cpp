@@ -741,6 +741,40 @@ TEST(InterpolateShape, EachStrandIsItsStepsEvaluatedPlainlyToTheBit) {
     }
 }
 
+TEST(InterpolateShape, TakeLengthKeepsEachStrandsShapeAtItsGuidesLength) {
+    ShapeRun run;
+    ShapeSettings settings;
+    settings.takeLength = true;
+    const std::span<const Vec3f> incoming = run.strands->points();
+    const std::vector<Vec3f> start(incoming.begin(), incoming.end());
+    const std::vector<Vec3f> shaped = run.shape(run.rows, settings, start);
+    std::size_t checked = 0;
+    for (std::size_t s = 0; s < run.strands->strandCount(); ++s) {
+        const BindingChunk& chunk = *run.state->binding.chunks[s / kBindingChunkStrands];
+        const std::size_t k = s - chunk.firstStrand;
+        const auto range = run.strands->pointRange(s);
+        const std::span<const Vec3f> before = incoming.subspan(range.begin, range.count);
+        const std::span<const Vec3f> after =
+            std::span<const Vec3f>(shaped).subspan(range.begin, range.count);
+        if (chunk.recordStart[k] == chunk.recordStart[k + 1]) continue;
+        float guideLength = 0.0f;
+        for (std::uint32_t r = chunk.recordStart[k]; r < chunk.recordStart[k + 1]; ++r)
+            guideLength += (static_cast<float>(chunk.weights[r]) + 1.0f) / 65536.0f *
+                           run.rows.lengths[chunk.guides[r]];
+        float arc = 0.0f;
+        for (std::size_t i = 1; i < after.size(); ++i) {
+            arc += length(after[i] - after[i - 1]);
+            // Each point stays on the incoming strand's line: a straight strand stays straight.
+            EXPECT_NEAR(length(cross(after[i] - before[0], before.back() - before[0])), 0.0f,
+                        1e-4f * guideLength);
+        }
+        EXPECT_EQ(bitsOf(after.first(1)), bitsOf(before.first(1))) << "strand " << s;
+        EXPECT_NEAR(arc, guideLength, 1e-4f * guideLength) << "strand " << s;
+        ++checked;
+    }
+    EXPECT_GT(checked, 0u);
+}
+
 TEST(InterpolateShape, RowsWithoutTheirPlanarLayoutShapeTheSameBits) {
     ShapeRun run;
     InterpolateGuideRows byHand = run.rows;
