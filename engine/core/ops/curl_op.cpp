@@ -286,18 +286,6 @@ void ownAxisFrames(std::span<const Vec3f> points, std::span<const float> inverse
     }
 }
 
-// pointAtArc on the strand's own line, with the inverse lengths in place of a division per point.
-inline Vec3f ownAxisPoint(std::span<const Vec3f> points, std::span<const float> arcs,
-                          std::span<const float> inverse, float s, std::size_t& segment) {
-    const std::size_t last = points.size() - 1;
-    if (s <= 0.0f) return points[0];
-    if (s >= arcs[last]) return points[last];
-    while (segment + 1 < last && arcs[segment + 1] < s)
-        ++segment;
-    const float f = (s - arcs[segment]) * inverse[segment];
-    return lerp(points[segment], points[segment + 1], std::clamp(f, 0.0f, 1.0f));
-}
-
 }  // namespace
 
 StrandSet subdivideForCurl(const StrandSet& input, const CurlSettings& settings) {
@@ -509,7 +497,8 @@ void curlStrands(const StrandSet& input, const CurlSettings& settings,
             std::size_t axisSegment = 0;
             curled[0] = points[0];
             for (std::size_t k = 1; k < n; ++k) {
-                const Vec3f center = ownAxisPoint(points, arcs, inverse, axial[k], strandSegment);
+                const Vec3f center =
+                    pointAtArcByInverse(points, arcs, inverse.data(), axial[k], strandSegment);
                 // The frame at the same share of the axis's length.
                 if (ownAxis)
                     axisSegment = strandSegment;

@@ -66,6 +66,19 @@ inline Vec3f pointAtArc(std::span<const Vec3f> points, std::span<const float> ar
     return lerp(points[segment], points[segment + 1], std::clamp(f, 0.0f, 1.0f));
 }
 
+// pointAtArc with each segment's inverse length (0 for a segment of none) made beforehand, in
+// place of a division per point.
+inline Vec3f pointAtArcByInverse(std::span<const Vec3f> points, std::span<const float> arcs,
+                                 const float* inverse, float s, std::size_t& segment) {
+    const std::size_t last = points.size() - 1;
+    if (last == 0 || s <= 0.0f) return points[0];
+    if (s >= arcs[last]) return points[last];
+    while (segment + 1 < last && arcs[segment + 1] < s)
+        ++segment;
+    const float f = (s - arcs[segment]) * inverse[segment];
+    return lerp(points[segment], points[segment + 1], std::clamp(f, 0.0f, 1.0f));
+}
+
 // The random draws of one strand: the first is unitFloat(h) with h = hashCombine(id, seed), the
 // k-th further one hashes h once more with k (h = hashCombine(h, k)), so a draw never depends on
 // the strand's index.

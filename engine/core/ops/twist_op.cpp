@@ -30,18 +30,6 @@ struct AxisSegments {
     }
 };
 
-// pointAtArc along an axis, with the inverse lengths in place of a division per point.
-inline Vec3f axisPointAt(std::span<const Vec3f> points, std::span<const float> arcs,
-                         const float* inverse, float s, std::size_t& segment) {
-    const std::size_t last = points.size() - 1;
-    if (s <= 0.0f) return points[0];
-    if (s >= arcs[last]) return points[last];
-    while (segment + 1 < last && arcs[segment + 1] < s)
-        ++segment;
-    const float f = (s - arcs[segment]) * inverse[segment];
-    return lerp(points[segment], points[segment + 1], std::clamp(f, 0.0f, 1.0f));
-}
-
 }  // namespace
 
 void twistStrands(const StrandSet& input, const TwistSettings& settings,
@@ -120,7 +108,7 @@ void twistStrands(const StrandSet& input, const TwistSettings& settings,
                 // A point's place along the axis is its share of its own strand's length.
                 const float t = arcs[k] * perTotal;
                 const float along = t * axisLength;
-                const Vec3f center = axisPointAt(axis, axisArcs, inverse, along, segment);
+                const Vec3f center = pointAtArcByInverse(axis, axisArcs, inverse, along, segment);
                 const float profile = flatProfile ? 1.0f : settings.profile.at(t);
                 const SinCos turn = sinCosTurns(turns * profile * along);
                 twisted[k] =
