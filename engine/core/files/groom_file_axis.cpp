@@ -131,9 +131,10 @@ void turnMirror(Json& params, bool toZ) {
     if (from != "y" && from != "z") return;
     *axis = from == "y" ? "z" : "y";
     if (from != changes) return;
+    // A side the Mirror would refuse anyway is left as it stands, for its message to name.
     const auto side = params.find("side");
     const bool positive = side == params.end() || *side == "positive";
-    params["side"] = positive ? "negative" : "positive";
+    if (positive || *side == "negative") params["side"] = positive ? "negative" : "positive";
     if (auto offset = params.find("offset"); offset != params.end() && negatesInKind(*offset)) {
         *offset = negated(*offset);
     }

@@ -558,6 +558,8 @@ TEST(GroomFile, MirrorSidesKeepTheirWorldMeaning) {
          R"({"axis":"z","side":"negative","offset":2})", "Y"},
         {R"({"axis":"z","offset":2})", "Z", R"({"axis":"y","offset":-2,"side":"negative"})", "Y"},
         {R"({"axis":"x","side":"negative"})", "Z", R"({"axis":"x","side":"negative"})", "Y"},
+        {R"({"axis":"z","side":"up","offset":2})", "Z", R"({"axis":"y","side":"up","offset":-2})",
+         "Y"},
     };
     for (const auto& [params, target, expected, from] : cases) {
         GroomFile file;
