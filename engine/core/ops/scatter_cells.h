@@ -1,0 +1,78 @@
+#pragma once
+// What the relaxation of scatter candidates and its neighbour search share: the grain, the
+// cells of their grids, and whether the processor offers the wide lanes chosen at run time.
+
+#include <cmath>
+#include <cstddef>
+#include <cstdint>
+
+#include "base/parallel.h"
+#include "base/vec3.h"
+
+// The block search measures four squared distances at once with SSE where the target has it (every
+// x86-64 target does) and with plain floats elsewhere; both give the same bits.
+#if defined(__SSE2__) || defined(_M_X64) || defined(_M_AMD64)
+#include <emmintrin.h>
+#define VELMORIN_RELAX_SSE 1
+#else
+#define VELMORIN_RELAX_SSE 0
+#endif
+// The push also runs eight candidates at a time with AVX where the processor has it, chosen at run
+// time: the build targets every x86-64, and most have AVX. GCC and clang only.
+#if VELMORIN_RELAX_SSE && (defined(__GNUC__) || defined(__clang__))
+#include <immintrin.h>
+#define VELMORIN_RELAX_AVX 1
+#else
+#define VELMORIN_RELAX_AVX 0
+#endif
+
+namespace velmorin::scatter {
+
+inline constexpr std::size_t kGrain = 256;
+
+#if VELMORIN_RELAX_AVX
+inline bool wideLanesUsable() {
+    static const bool usable = __builtin_cpu_supports("avx");
+    return usable;
+}
+inline bool wideIntegerLanesUsable() {
+    static const bool usable = __builtin_cpu_supports("avx2");
+    return usable;
+}
+#else
+inline bool wideLanesUsable() {
+    return false;
+}
+inline bool wideIntegerLanesUsable() {
+    return false;
+}
+#endif
+
+inline void forEach(std::size_t count, const RangeBody& body) {
+    if (count <= kGrain) {
+        if (count > 0) body(0, count);
+        return;
+    }
+    parallelRange(0, count, kGrain, body);
+}
+
+// Cell coordinates packed 21 bits each; the offset keeps negative coordinates apart.
+inline std::uint64_t cellKey(std::int64_t x, std::int64_t y, std::int64_t z) {
+    constexpr std::int64_t kBias = 1 << 20;
+    constexpr std::uint64_t kMask = (1u << 21) - 1;
+    return (static_cast<std::uint64_t>(x + kBias) & kMask) |
+           ((static_cast<std::uint64_t>(y + kBias) & kMask) << 21) |
+           ((static_cast<std::uint64_t>(z + kBias) & kMask) << 42);
+}
+
+struct CellCoord {
+    std::int64_t x, y, z;
+};
+
+inline CellCoord cellOf(const Vec3f& p, float inverseCell) {
+    return {static_cast<std::int64_t>(std::floor(p.x * inverseCell)),
+            static_cast<std::int64_t>(std::floor(p.y * inverseCell)),
+            static_cast<std::int64_t>(std::floor(p.z * inverseCell))};
+}
+
+}  // namespace velmorin::scatter

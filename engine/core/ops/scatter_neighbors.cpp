@@ -1,0 +1,809 @@
+// The 24 nearest neighbours of every scatter candidate, for the relaxation that spreads them.
+
+#include <algorithm>
+#include <array>
+#include <bit>
+#include <cmath>
+#include <limits>
+#include <memory>
+
+#include <tbb/parallel_sort.h>
+
+#include "base/hash.h"
+#include "base/parallel.h"
+#include "ops/scatter_cells.h"
+#include "ops/scatter_placement.h"
+
+namespace velmorin {
+namespace {
+
+using namespace scatter;
+
+// How far beyond its cell the block search reaches, in cells: it gathers the whole cells within
+// that reach, rounded up (one on every side, nine rows of three cells).
+constexpr float kBlockReach = 1.0f;
+
+// Candidates sorted by cell (cells in key order, a cell's candidates in index order) with their
+// positions beside them. The key puts x in the low bits, so a row of cells along x is one run of
+// the sorted cells; a table finds a row's run from its y and z.
+class CandidateGrid {
+  public:
+    CandidateGrid(float cell, std::span<const Vec3f> positions) : inverse_(1.0f / cell) {
+        const std::size_t count = positions.size();
+        std::vector<Entry> entries(count);
+        forEach(count, [&](std::size_t begin, std::size_t end) {
+            for (std::size_t i = begin; i < end; ++i) {
+                const CellCoord c = cellOf(positions[i], inverse_);
+                entries[i] = {cellKey(c.x, c.y, c.z), static_cast<std::uint32_t>(i)};
+            }
+        });
+        if (!sortByDenseCells(entries)) {
+            tbb::parallel_sort(entries.begin(), entries.end(), [](const Entry& a, const Entry& b) {
+                return a.key != b.key ? a.key < b.key : a.index < b.index;
+            });
+        }
+        sortedIndex_.resize(count);
+        sortedPosition_.resize(count);
+        for (auto& axis : sortedAxis_)
+            axis.resize(count);
+        forEach(count, [&](std::size_t begin, std::size_t end) {
+            for (std::size_t e = begin; e < end; ++e) {
+                sortedIndex_[e] = entries[e].index;
+                sortedPosition_[e] = positions[entries[e].index];
+                for (int a = 0; a < 3; ++a)
+                    sortedAxis_[a][e] = sortedPosition_[e][a];
+            }
+        });
+        std::size_t rowCount = 0;
+        for (std::size_t i = 0; i < count; ++i) {
+            if (i == 0 || entries[i].key != entries[i - 1].key) {
+                if (cellKeys_.empty() || (entries[i].key >> 21) != (cellKeys_.back() >> 21))
+                    ++rowCount;
+                cellStart_.push_back(static_cast<std::uint32_t>(i));
+                cellKeys_.push_back(entries[i].key);
+            }
+        }
+        cellStart_.push_back(static_cast<std::uint32_t>(count));
+        // Where the rows' bounding rectangle in y and z is not much larger than the cell count, a
+        // dense table finds a row by its place: the rows round one spot then lie side by side in
+        // memory, and a search, which meets the rows round one spot after another, mostly finds
+        // them in cache. Rows spread far apart go to a hash table instead.
+        std::uint64_t yLow = kRowMask, yHigh = 0, zLow = kRowMask, zHigh = 0;
+        for (const std::uint64_t key : cellKeys_) {
+            const std::uint64_t row = key >> 21;
+            yLow = std::min(yLow, row & kRowMask);
+            yHigh = std::max(yHigh, row & kRowMask);
+            zLow = std::min(zLow, row >> 21);
+            zHigh = std::max(zHigh, row >> 21);
+        }
+        if (!cellKeys_.empty() &&
+            (yHigh - yLow + 1) * (zHigh - zLow + 1) <= 8 * cellKeys_.size() + 4096) {
+            yLow_ = yLow;
+            zLow_ = zLow;
+            width_ = yHigh - yLow + 1;
+            height_ = zHigh - zLow + 1;
+            denseRows_.assign(width_ * height_, {0, 0});
+            for (std::uint32_t c = 0; c < cellKeys_.size(); ++c) {
+                const std::uint64_t row = cellKeys_[c] >> 21;
+                auto& range = denseRows_[((row >> 21) - zLow) * width_ + ((row & kRowMask) - yLow)];
+                if (range.first == range.second) range.first = c;
+                range.second = c + 1;
+            }
+            return;
+        }
+        // Open addressing at most half full.
+        std::size_t size = 16;
+        while (size < rowCount * 2)
+            size *= 2;
+        rows_.assign(size, Row{kNoRow, 0, 0});
+        std::size_t slot = 0;
+        for (std::uint32_t c = 0; c < cellKeys_.size(); ++c) {
+            const std::uint64_t row = cellKeys_[c] >> 21;
+            if (c > 0 && (cellKeys_[c - 1] >> 21) == row) {
+                ++rows_[slot].end;
+                continue;
+            }
+            slot = static_cast<std::size_t>(mix64(row)) & (size - 1);
+            while (rows_[slot].row != kNoRow)
+                slot = (slot + 1) & (size - 1);
+            rows_[slot] = {row, c, c + 1};
+        }
+    }
+
+    float inverse() const { return inverse_; }
+    std::uint32_t indexAt(std::uint32_t entry) const { return sortedIndex_[entry]; }
+    const Vec3f& positionAt(std::uint32_t entry) const { return sortedPosition_[entry]; }
+    // The entries' coordinates along one axis, and their indices, in entry order.
+    const float* axisData(int axis) const { return sortedAxis_[axis].data(); }
+    const std::uint32_t* indexData() const { return sortedIndex_.data(); }
+    std::size_t size() const { return sortedIndex_.size(); }
+    std::uint64_t cellKeyAt(std::uint32_t cell) const { return cellKeys_[cell]; }
+    // The entries of cells [first, last).
+    std::uint32_t entriesBegin(std::uint32_t first) const { return cellStart_[first]; }
+
+    // The cells [begin, end) of the row at y and z; empty where the row has none.
+    std::pair<std::uint32_t, std::uint32_t> row(std::int64_t y, std::int64_t z) const {
+        const std::uint64_t key = cellKey(0, y, z) >> 21;
+        if (!denseRows_.empty()) {
+            const std::uint64_t column = (key & kRowMask) - yLow_, line = (key >> 21) - zLow_;
+            if (column >= width_ || line >= height_) return {0, 0};
+            return denseRows_[line * width_ + column];
+        }
+        if (rows_.empty()) return {0, 0};
+        std::size_t at = static_cast<std::size_t>(mix64(key)) & (rows_.size() - 1);
+        while (rows_[at].row != kNoRow) {
+            if (rows_[at].row == key) return {rows_[at].begin, rows_[at].end};
+            at = (at + 1) & (rows_.size() - 1);
+        }
+        return {0, 0};
+    }
+    // The first cell of [begin, end) whose key is not below `key`.
+    std::uint32_t lowerBound(std::uint32_t begin, std::uint32_t end, std::uint64_t key) const {
+        return static_cast<std::uint32_t>(
+            std::lower_bound(cellKeys_.begin() + begin, cellKeys_.begin() + end, key) -
+            cellKeys_.begin());
+    }
+
+  private:
+    static constexpr std::uint64_t kNoRow = ~std::uint64_t{0};
+    static constexpr std::uint64_t kRowMask = (std::uint64_t{1} << 21) - 1;
+    struct Entry {
+        std::uint64_t key;
+        std::uint32_t index;
+    };
+
+    // Sorts entries made in index order by key, then index, where the cells' bounding block
+    // numbers fewer than 2^24 cells: each key becomes the cell's place in the block (which keeps
+    // the keys' order, z, then y, then x), sorted by two stable passes of 12 bits. Far quicker than
+    // a comparison sort on a million candidates. Returns false, sorting nothing, for a larger
+    // block.
+    static bool sortByDenseCells(std::vector<Entry>& entries) {
+        constexpr int kBits = 12;
+        constexpr std::size_t kBuckets = std::size_t{1} << kBits;
+        // Fixed chunks, whatever the threads: each counts and places its own entries in order,
+        // so the passes stay stable and the result the same at any thread count.
+        constexpr std::size_t kChunk = 1 << 16;
+        const std::size_t count = entries.size();
+        if (count == 0) return true;
+        const std::size_t chunks = (count + kChunk - 1) / kChunk;
+        const auto forChunks = [&](const auto& body) {
+            parallelRange(0, chunks, 1, [&](std::size_t begin, std::size_t end) {
+                for (std::size_t c = begin; c < end; ++c)
+                    body(c, c * kChunk, std::min(count, (c + 1) * kChunk));
+            });
+        };
+        std::vector<std::array<std::uint64_t, 6>> bounds(chunks);
+        forChunks([&](std::size_t c, std::size_t first, std::size_t last) {
+            std::array<std::uint64_t, 6> b = {kRowMask, kRowMask, kRowMask, 0, 0, 0};
+            for (std::size_t i = first; i < last; ++i)
+                for (std::size_t a = 0; a < 3; ++a) {
+                    const std::uint64_t v = (entries[i].key >> (21 * a)) & kRowMask;
+                    b[a] = std::min(b[a], v);
+                    b[a + 3] = std::max(b[a + 3], v);
+                }
+            bounds[c] = b;
+        });
+        std::uint64_t low[3] = {kRowMask, kRowMask, kRowMask}, high[3] = {0, 0, 0};
+        for (const auto& b : bounds)
+            for (std::size_t a = 0; a < 3; ++a) {
+                low[a] = std::min(low[a], b[a]);
+                high[a] = std::max(high[a], b[a + 3]);
+            }
+        const std::uint64_t sizeX = high[0] - low[0] + 1, sizeY = high[1] - low[1] + 1,
+                            sizeZ = high[2] - low[2] + 1;
+        if (sizeX * sizeY * sizeZ > (std::uint64_t{1} << (2 * kBits))) return false;
+        struct Dense {
+            std::uint32_t cell, index;
+        };
+        std::vector<Dense> from(count), to(count);
+        forChunks([&](std::size_t, std::size_t first, std::size_t last) {
+            for (std::size_t i = first; i < last; ++i) {
+                const std::uint64_t key = entries[i].key;
+                const std::uint64_t x = (key & kRowMask) - low[0];
+                const std::uint64_t y = ((key >> 21) & kRowMask) - low[1];
+                const std::uint64_t z = (key >> 42) - low[2];
+                from[i] = {static_cast<std::uint32_t>((z * sizeY + y) * sizeX + x),
+                           entries[i].index};
+            }
+        });
+        // Per chunk and bucket: first the count, then where the chunk's entries of the bucket go.
+        std::vector<std::uint32_t> place(chunks * kBuckets);
+        for (int pass = 0; pass < 2; ++pass) {
+            const int shift = pass * kBits;
+            forChunks([&](std::size_t c, std::size_t first, std::size_t last) {
+                std::uint32_t* counts = place.data() + c * kBuckets;
+                std::fill_n(counts, kBuckets, 0u);
+                for (std::size_t i = first; i < last; ++i)
+                    ++counts[(from[i].cell >> shift) & (kBuckets - 1)];
+            });
+            std::uint32_t running = 0;
+            for (std::size_t b = 0; b < kBuckets; ++b)
+                for (std::size_t c = 0; c < chunks; ++c) {
+                    const std::uint32_t n = place[c * kBuckets + b];
+                    place[c * kBuckets + b] = running;
+                    running += n;
+                }
+            forChunks([&](std::size_t c, std::size_t first, std::size_t last) {
+                std::uint32_t* at = place.data() + c * kBuckets;
+                for (std::size_t i = first; i < last; ++i)
+                    to[at[(from[i].cell >> shift) & (kBuckets - 1)]++] = from[i];
+            });
+            std::swap(from, to);
+        }
+        // Back to the keys, read by index: entries were made in index order.
+        std::vector<Entry> sorted(count);
+        forChunks([&](std::size_t, std::size_t first, std::size_t last) {
+            for (std::size_t i = first; i < last; ++i)
+                sorted[i] = entries[from[i].index];
+        });
+        entries.swap(sorted);
+        return true;
+    }
+    struct Row {
+        std::uint64_t row;
+        std::uint32_t begin, end;
+    };
+    float inverse_;
+    std::vector<std::uint32_t> sortedIndex_;
+    std::vector<Vec3f> sortedPosition_;
+    std::array<std::vector<float>, 3> sortedAxis_;  // the same, axis by axis
+    std::vector<std::uint32_t> cellStart_;
+    std::vector<std::uint64_t> cellKeys_;
+    std::vector<Row> rows_;
+    std::uint64_t yLow_ = 0, zLow_ = 0, width_ = 0, height_ = 0;
+    std::vector<std::pair<std::uint32_t, std::uint32_t>> denseRows_;
+};
+
+// The block search, the fast path of the neighbour search. Candidates come in grid order, so those
+// of one cell follow each other: the candidates of the block of cells round the cell, `reach`
+// beyond it on every side rounded up to whole cells, are gathered once into plain arrays, and each
+// candidate of the cell picks its 24 nearest from them. The answer is the true one whenever the
+// 24th lies nearer than the box's nearest face: everything outside the box is farther. Otherwise (a
+// sparse spot, a border of the scalp) the caller runs the shell search instead.
+class BlockSearch {
+  public:
+    BlockSearch(const CandidateGrid& grid, float reach, float range2, bool wide)
+        : wide_(wide),
+          runs_((2 * static_cast<std::size_t>(std::ceil(reach * grid.inverse())) + 1) *
+                (2 * static_cast<std::size_t>(std::ceil(reach * grid.inverse())) + 1)),
+          grid_(grid),
+          cell_(1.0f / grid.inverse()),
+          reach_(reach),
+          range2_(range2),
+          cells_(static_cast<int>(std::ceil(reach * grid.inverse()))),
+          hint_(range2) {}
+
+    // The 24 nearest of the candidate of index `i` at `p`, as keys into `best`; returns the number
+    // found, or -1 where the box cannot vouch for them.
+    static constexpr float kHintScale = 1.15f;
+
+    int find(const Vec3f& p, std::uint32_t i, std::uint64_t (&best)[kRelaxNeighbors]) {
+        const CellCoord c = cellOf(p, grid_.inverse());
+        const std::uint64_t key = cellKey(c.x, c.y, c.z);
+        if (key != key_) gather(c, key);
+        // The candidate before lies close by with a like spacing: within a little more than its
+        // 24th squared distance there are mostly 24, and few more keys to sort, whose insertion
+        // costs most of a search. Where there are fewer, the reach widens in steps.
+        const float first = std::min(range2_, hint_);
+        std::size_t n = wide_ ? collectNearWide(p, i, first) : collectNear(p, i, first);
+        if (n < kRelaxNeighbors && first < range2_) {
+            const float second = std::min(range2_, 1.6f * first);
+            n = collectAgain(i, second);
+            if (n < kRelaxNeighbors && second < range2_) n = collectAgain(i, range2_);
+        }
+        // The keys in order, the first 24 kept.
+        std::size_t found = std::min<std::size_t>(n, kRelaxNeighbors);
+        if (!(wide_ ? rankKeysWide(n, best) : rankKeys(n, best))) insertKeys(n, best);
+        const float limit =
+            found == kRelaxNeighbors
+                ? std::bit_cast<float>(static_cast<std::uint32_t>(best[found - 1] >> 32))
+                : range2_;
+        hint_ = found == kRelaxNeighbors ? kHintScale * limit : range2_;
+        // The nearest face of the box; a margin covers the rounding of the squared distances.
+        const float face = std::min({p.x - low_.x, high_.x - p.x, p.y - low_.y, high_.y - p.y,
+                                     p.z - low_.z, high_.z - p.z});
+        if (!(face > 0.0f) || !(limit < face * face * 0.9999f)) return -1;
+        return static_cast<int>(found);
+    }
+
+  private:
+    static constexpr std::size_t kRankMost = 40;
+
+    // Sorts the n collected keys into `best` by counting, for each, the keys of smaller squared
+    // distance: no branch depends on the data, where an insertion sort mispredicts at nearly every
+    // key. Equal distances would share a rank, so those and long lists are left to insertKeys.
+    bool rankKeys(std::size_t n, std::uint64_t (&best)[kRelaxNeighbors]) const {
+#if VELMORIN_RELAX_SSE
+        if (n > kRankMost) return false;
+        alignas(16) float d2[kRankMost + 4];
+        for (std::size_t k = 0; k < n; ++k)
+            d2[k] = std::bit_cast<float>(static_cast<std::uint32_t>(keys_[k] >> 32));
+        const std::size_t padded = (n + 3) / 4 * 4;
+        for (std::size_t k = n; k < padded; ++k)
+            d2[k] = std::numeric_limits<float>::infinity();
+        std::uint64_t ranks = 0;
+        for (std::size_t k = 0; k < n; ++k) {
+            const __m128 v = _mm_set1_ps(d2[k]);
+            __m128i count = _mm_setzero_si128();
+            for (std::size_t g = 0; g < padded; g += 4)
+                count =
+                    _mm_sub_epi32(count, _mm_castps_si128(_mm_cmplt_ps(_mm_load_ps(d2 + g), v)));
+            count = _mm_add_epi32(count, _mm_shuffle_epi32(count, 0x4E));
+            count = _mm_add_epi32(count, _mm_shuffle_epi32(count, 0xB1));
+            const auto rank = static_cast<std::size_t>(_mm_cvtsi128_si32(count));
+            ranks |= std::uint64_t{1} << rank;
+            if (rank < kRelaxNeighbors) best[rank] = keys_[k];
+        }
+        // Without ties the ranks are 0 to n - 1; a tie repeats one and leaves one out.
+        return ranks == (std::uint64_t{1} << n) - 1;
+#else
+        (void)n;
+        (void)best;
+        return false;
+#endif
+    }
+
+#if VELMORIN_RELAX_AVX
+    // rankKeys with AVX2: each key's rank is the count of smaller squared distances, counted for
+    // up to 32 keys at once against one distance at a time. Longer lists go to rankKeys.
+    __attribute__((target("avx2"))) bool rankKeysWide(std::size_t n,
+                                                      std::uint64_t (&best)[kRelaxNeighbors]) {
+        constexpr std::size_t kMost = 32;  // four groups of eight, each counted in a register
+        if (n > kMost) return rankKeys(n, best);
+        // The squared distances are read one by one from the keys into registers: the keys were
+        // just stored in overlapping groups, and a wide load across two stores would wait for
+        // them to reach the cache. The empty statements keep the compiler from merging the loads.
+        const auto bitsOf = [this](std::size_t k) {
+            auto bits = static_cast<std::int32_t>(keys_[k] >> 32);
+            asm("" : "+r"(bits));
+            return bits;
+        };
+        const auto far =
+            static_cast<std::int32_t>(floatBits(std::numeric_limits<float>::infinity()));
+        const auto at = [&](std::size_t k) { return k < n ? bitsOf(k) : far; };
+        // (Lambdas would not be built for AVX, so the groups are spelt out.)
+        const __m256 mine0 = _mm256_castsi256_ps(
+            _mm256_setr_epi32(at(0), at(1), at(2), at(3), at(4), at(5), at(6), at(7)));
+        const __m256 mine1 = _mm256_castsi256_ps(
+            _mm256_setr_epi32(at(8), at(9), at(10), at(11), at(12), at(13), at(14), at(15)));
+        const __m256 mine2 = _mm256_castsi256_ps(
+            _mm256_setr_epi32(at(16), at(17), at(18), at(19), at(20), at(21), at(22), at(23)));
+        const __m256 mine3 = _mm256_castsi256_ps(
+            _mm256_setr_epi32(at(24), at(25), at(26), at(27), at(28), at(29), at(30), at(31)));
+        // The same one by one, for the broadcasts below: each is stored and loaded whole.
+        std::int32_t lane[kMost];
+        for (std::size_t k = 0; k < n; ++k)
+            lane[k] = bitsOf(k);
+        // One distance against all 32 lanes at a time: a lane's count of smaller distances is
+        // its rank. Four named counts, so that they stay in registers.
+        __m256i count0 = _mm256_setzero_si256(), count1 = count0, count2 = count0, count3 = count0;
+        for (std::size_t k = 0; k < n; ++k) {
+            const __m256 other = _mm256_castsi256_ps(_mm256_set1_epi32(lane[k]));
+            count0 = _mm256_sub_epi32(count0,
+                                      _mm256_castps_si256(_mm256_cmp_ps(other, mine0, _CMP_LT_OQ)));
+            count1 = _mm256_sub_epi32(count1,
+                                      _mm256_castps_si256(_mm256_cmp_ps(other, mine1, _CMP_LT_OQ)));
+            count2 = _mm256_sub_epi32(count2,
+                                      _mm256_castps_si256(_mm256_cmp_ps(other, mine2, _CMP_LT_OQ)));
+            count3 = _mm256_sub_epi32(count3,
+                                      _mm256_castps_si256(_mm256_cmp_ps(other, mine3, _CMP_LT_OQ)));
+        }
+        alignas(32) std::int32_t rank[kMost];
+        _mm256_store_si256(reinterpret_cast<__m256i*>(rank), count0);
+        _mm256_store_si256(reinterpret_cast<__m256i*>(rank + 8), count1);
+        _mm256_store_si256(reinterpret_cast<__m256i*>(rank + 16), count2);
+        _mm256_store_si256(reinterpret_cast<__m256i*>(rank + 24), count3);
+        // Every lane of the used groups is placed, without a branch: lanes past the keys rank n
+        // and land beyond them.
+        std::uint64_t ranks = 0;
+        std::uint64_t sorted[kMost + 1];
+        const std::size_t used = (n + 7) / 8 * 8;
+        for (std::size_t k = 0; k < used; ++k) {
+            const auto r = static_cast<std::size_t>(rank[k]);
+            ranks |= static_cast<std::uint64_t>(k < n) << r;
+            sorted[r] = keys_[k];
+        }
+        std::copy_n(sorted, std::min<std::size_t>(n, kRelaxNeighbors), best);
+        // Without ties the ranks are 0 to n - 1; a tie repeats one and leaves one out.
+        return ranks == (std::uint64_t{1} << n) - 1;
+    }
+
+    // collectNear eight lanes at a time with AVX2: the lanes within reach are packed to the front
+    // by one permutation from a table, without a branch or a store per lane.
+    __attribute__((target("avx2"))) std::size_t collectNearWide(const Vec3f& p, std::uint32_t i,
+                                                                float within) {
+        const __m256 px = _mm256_set1_ps(p.x), py = _mm256_set1_ps(p.y), pz = _mm256_set1_ps(p.z);
+        const __m256 limit = _mm256_set1_ps(within);
+        const __m256i self = _mm256_set1_epi32(static_cast<std::int32_t>(i));
+        const __m256i shifts = _mm256_setr_epi32(0, 4, 8, 12, 16, 20, 24, 28);
+        std::size_t n = 0;
+        for (std::size_t b = 0; b < count_; b += 8) {
+            const __m256 dx = _mm256_sub_ps(_mm256_loadu_ps(x_.data() + b), px);
+            const __m256 dy = _mm256_sub_ps(_mm256_loadu_ps(y_.data() + b), py);
+            const __m256 dz = _mm256_sub_ps(_mm256_loadu_ps(z_.data() + b), pz);
+            const __m256 d2 = _mm256_add_ps(
+                _mm256_add_ps(_mm256_mul_ps(dx, dx), _mm256_mul_ps(dy, dy)), _mm256_mul_ps(dz, dz));
+            _mm256_storeu_ps(d2_.data() + b, d2);
+            const __m256i index =
+                _mm256_loadu_si256(reinterpret_cast<const __m256i*>(index_.data() + b));
+            const __m256 other = _mm256_castsi256_ps(_mm256_cmpeq_epi32(index, self));
+            const auto mask = static_cast<unsigned>(
+                _mm256_movemask_ps(_mm256_andnot_ps(other, _mm256_cmp_ps(d2, limit, _CMP_LE_OQ))));
+            const __m256i order = _mm256_and_si256(
+                _mm256_srlv_epi32(_mm256_set1_epi32(static_cast<std::int32_t>(kPackOrder[mask])),
+                                  shifts),
+                _mm256_set1_epi32(7));
+            // The keys straight from the packed lanes: rereading packed words through memory
+            // would wait on the overlapping stores.
+            const __m256i bits = _mm256_permutevar8x32_epi32(_mm256_castps_si256(d2), order);
+            const __m256i indices = _mm256_permutevar8x32_epi32(index, order);
+            const __m256i low = _mm256_or_si256(
+                _mm256_cvtepu32_epi64(_mm256_castsi256_si128(indices)),
+                _mm256_slli_epi64(_mm256_cvtepu32_epi64(_mm256_castsi256_si128(bits)), 32));
+            const __m256i high = _mm256_or_si256(
+                _mm256_cvtepu32_epi64(_mm256_extracti128_si256(indices, 1)),
+                _mm256_slli_epi64(_mm256_cvtepu32_epi64(_mm256_extracti128_si256(bits, 1)), 32));
+            _mm256_storeu_si256(reinterpret_cast<__m256i*>(keys_.data() + n), low);
+            _mm256_storeu_si256(reinterpret_cast<__m256i*>(keys_.data() + n + 4), high);
+            n += static_cast<std::size_t>(std::popcount(mask));
+        }
+        return n;
+    }
+
+    // For each eight-bit mask, the lanes whose bit is set in order, three bits each in a nibble.
+    static constexpr std::array<std::uint32_t, 256> kPackOrder = [] {
+        std::array<std::uint32_t, 256> table{};
+        for (std::uint32_t mask = 0; mask < 256; ++mask) {
+            std::uint32_t packed = 0, at = 0;
+            for (std::uint32_t lane = 0; lane < 8; ++lane)
+                if ((mask >> lane) & 1u) packed |= lane << (4 * at++);
+            table[mask] = packed;
+        }
+        return table;
+    }();
+#else
+    bool rankKeysWide(std::size_t n, std::uint64_t (&best)[kRelaxNeighbors]) {
+        return rankKeys(n, best);
+    }
+    std::size_t collectNearWide(const Vec3f& p, std::uint32_t i, float within) {
+        return collectNear(p, i, within);
+    }
+#endif
+
+    // The same by insertion, ties going by index.
+    void insertKeys(std::size_t n, std::uint64_t (&best)[kRelaxNeighbors]) const {
+        std::size_t found = 0;
+        for (std::size_t k = 0; k < n; ++k) {
+            const std::uint64_t key = keys_[k];
+            if (found == kRelaxNeighbors && !(key < best[kRelaxNeighbors - 1])) continue;
+            std::size_t at = found < kRelaxNeighbors ? found++ : kRelaxNeighbors - 1;
+            while (at > 0 && key < best[at - 1]) {
+                best[at] = best[at - 1];
+                --at;
+            }
+            best[at] = key;
+        }
+    }
+
+    std::uint64_t keyAt(std::size_t b) const {
+        return (static_cast<std::uint64_t>(floatBits(d2_[b])) << 32) | index_[b];
+    }
+
+    // Keeps the squared distances from p of the whole box and gathers the keys of those within
+    // `within`, the candidate itself left out; returns their number. The box's arrays are padded
+    // to a multiple of four with points at infinity, which are never within.
+    std::size_t collectNear(const Vec3f& p, std::uint32_t i, float within) {
+        const std::size_t m = count_;
+        std::size_t n = 0;
+#if VELMORIN_RELAX_SSE
+        const __m128 px = _mm_set1_ps(p.x), py = _mm_set1_ps(p.y), pz = _mm_set1_ps(p.z);
+        const __m128 limit = _mm_set1_ps(within);
+        for (std::size_t b = 0; b < m; b += 4) {
+            const __m128 dx = _mm_sub_ps(_mm_loadu_ps(x_.data() + b), px);
+            const __m128 dy = _mm_sub_ps(_mm_loadu_ps(y_.data() + b), py);
+            const __m128 dz = _mm_sub_ps(_mm_loadu_ps(z_.data() + b), pz);
+            const __m128 d2 =
+                _mm_add_ps(_mm_add_ps(_mm_mul_ps(dx, dx), _mm_mul_ps(dy, dy)), _mm_mul_ps(dz, dz));
+            _mm_storeu_ps(d2_.data() + b, d2);
+            const auto mask = static_cast<unsigned>(_mm_movemask_ps(_mm_cmple_ps(d2, limit)));
+            // Each lane is written and kept or overwritten: about a quarter pass, at random, so a
+            // branch per lane or per group would mostly be mispredicted.
+            for (std::size_t lane = 0; lane < 4; ++lane) {
+                keys_[n] = keyAt(b + lane);
+                n += ((mask >> lane) & 1u) & static_cast<unsigned>(index_[b + lane] != i);
+            }
+        }
+#else
+        for (std::size_t b = 0; b < m; ++b) {
+            const float dx = x_[b] - p.x, dy = y_[b] - p.y, dz = z_[b] - p.z;
+            d2_[b] = dx * dx + dy * dy + dz * dz;
+            keys_[n] = keyAt(b);
+            n += static_cast<std::size_t>(d2_[b] <= within) &
+                 static_cast<std::size_t>(index_[b] != i);
+        }
+#endif
+        return n;
+    }
+
+    // The same from the kept squared distances, with a larger `within`.
+    std::size_t collectAgain(std::uint32_t i, float within) {
+        std::size_t n = 0;
+        for (std::size_t b = 0; b < count_; ++b) {
+            keys_[n] = keyAt(b);
+            n += static_cast<std::size_t>(d2_[b] <= within) &
+                 static_cast<std::size_t>(index_[b] != i);
+        }
+        return n;
+    }
+
+    // The candidates of the cells within `cells_` of cell c, whole cells copied run by run.
+    void gather(const CellCoord& c, std::uint64_t key) {
+        key_ = key;
+        // The box is the block of cells, less a margin for the rounding of the cell coordinates
+        // (a candidate of a cell outside may lie a hair inside the block's faces): every
+        // candidate outside the block lies outside the box.
+        const float slack =
+            1e-3f + (static_cast<float>(std::max({std::abs(c.x), std::abs(c.y), std::abs(c.z)})) +
+                     static_cast<float>(cells_) + 2.0f) *
+                        4e-7f;
+        const float lowEdge = static_cast<float>(-cells_) + slack;
+        const float highEdge = static_cast<float>(cells_ + 1) - slack;
+        low_ = {(static_cast<float>(c.x) + lowEdge) * cell_,
+                (static_cast<float>(c.y) + lowEdge) * cell_,
+                (static_cast<float>(c.z) + lowEdge) * cell_};
+        high_ = {(static_cast<float>(c.x) + highEdge) * cell_,
+                 (static_cast<float>(c.y) + highEdge) * cell_,
+                 (static_cast<float>(c.z) + highEdge) * cell_};
+        // Cells come in key order, x fastest: the next cell is mostly further along the same row
+        // of cells, and each row's run of cells in the block then only moves on from where it
+        // was, without a search.
+        const bool sameRows = rowsValid_ && c.y == rowsY_ && c.z == rowsZ_ && c.x > rowsX_;
+        rowsValid_ = true;
+        rowsX_ = c.x;
+        rowsY_ = c.y;
+        rowsZ_ = c.z;
+        std::size_t m = 0;
+        std::size_t r = 0;
+        for (int dz = -cells_; dz <= cells_; ++dz)
+            for (int dy = -cells_; dy <= cells_; ++dy, ++r) {
+                const std::int64_t y = c.y + dy, z = c.z + dz;
+                RowRun& run = runs_[r];
+                if (!sameRows) {
+                    const auto [begin, end] = grid_.row(y, z);
+                    run.end = end;
+                    run.left = begin == end
+                                   ? end
+                                   : grid_.lowerBound(begin, end, cellKey(c.x - cells_, y, z));
+                    run.right = begin == end ? end
+                                             : grid_.lowerBound(run.left, end,
+                                                                cellKey(c.x + cells_ + 1, y, z));
+                } else {
+                    const std::uint64_t leftKey = cellKey(c.x - cells_, y, z);
+                    const std::uint64_t rightKey = cellKey(c.x + cells_ + 1, y, z);
+                    while (run.left < run.end && grid_.cellKeyAt(run.left) < leftKey)
+                        ++run.left;
+                    run.right = std::max(run.right, run.left);
+                    while (run.right < run.end && grid_.cellKeyAt(run.right) < rightKey)
+                        ++run.right;
+                }
+                if (run.left == run.right) continue;
+                const std::uint32_t first = grid_.entriesBegin(run.left);
+                const std::uint32_t last = grid_.entriesBegin(run.right);
+                const std::size_t length = last - first;
+                if (m + length + 8 > x_.size()) grow(m + length + 8);
+                // One loop for the four arrays: runs are short, and a library copy per array
+                // would cost more than the copying.
+                const float* __restrict fromX = grid_.axisData(0) + first;
+                const float* __restrict fromY = grid_.axisData(1) + first;
+                const float* __restrict fromZ = grid_.axisData(2) + first;
+                const std::uint32_t* __restrict fromIndex = grid_.indexData() + first;
+                float* __restrict toX = x_.data() + m;
+                float* __restrict toY = y_.data() + m;
+                float* __restrict toZ = z_.data() + m;
+                std::uint32_t* __restrict toIndex = index_.data() + m;
+                for (std::size_t k = 0; k < length; ++k) {
+                    toX[k] = fromX[k];
+                    toY[k] = fromY[k];
+                    toZ[k] = fromZ[k];
+                    toIndex[k] = fromIndex[k];
+                }
+                m += length;
+            }
+        if (m + 8 > x_.size()) grow(m + 8);
+        const float far = std::numeric_limits<float>::infinity();
+        const std::size_t lanes = wide_ ? 8 : 4;
+        for (std::size_t b = m; b % lanes != 0; ++b) {
+            x_[b] = y_[b] = z_[b] = far;
+            index_[b] = 0;
+        }
+        count_ = (m + lanes - 1) / lanes * lanes;
+    }
+
+    void grow(std::size_t size) {
+        size = std::max(size, 2 * x_.size());
+        x_.resize(size);
+        y_.resize(size);
+        z_.resize(size);
+        index_.resize(size);
+        d2_.resize(size);
+        keys_.resize(size);
+    }
+
+    // A row of cells of the block: its cells end at `end`, and [left, right) lie in the block.
+    struct RowRun {
+        std::uint32_t end = 0, left = 0, right = 0;
+    };
+    bool wide_;
+    std::vector<RowRun> runs_;
+    bool rowsValid_ = false;
+    std::int64_t rowsX_ = 0, rowsY_ = 0, rowsZ_ = 0;
+    const CandidateGrid& grid_;
+    float cell_, reach_, range2_;
+    int cells_;
+    float hint_;
+    std::uint64_t key_ = ~std::uint64_t{0};
+    Vec3f low_, high_;
+    std::vector<float> x_, y_, z_, d2_;
+    std::vector<std::uint32_t> index_;
+    std::vector<std::uint64_t> keys_;
+    std::size_t count_ = 0;  // the box's candidates and padding
+};
+
+// The nearest-neighbour search over a grid: cells are taken in shells of growing distance from the
+// candidate's cell, and the search ends once the next shell cannot hold anything nearer than the
+// current 24th, or lies out of range. Within a shell, rows too far off in y and z are passed over.
+// A neighbour is one number, the squared distance's bits above its index: distances are never
+// negative, so comparing the numbers orders by distance and then by index, whatever the order of
+// the scan.
+void nearestInGrid(const CandidateGrid& grid, float range, std::span<std::uint32_t> lists,
+                   bool wide) {
+    const std::size_t count = grid.size();
+    const float inverse = grid.inverse();
+    const float cell = 1.0f / inverse;
+    const float range2 = range * range;
+    const int maxShell = static_cast<int>(std::ceil(range * inverse)) + 1;
+    // A row of cells near the candidate: its y and z, its least squared distance, its cells, and
+    // the part of them scanned so far.
+    struct RowScan {
+        std::int64_t y, z;
+        float bound;
+        std::uint32_t begin, end, left, right;
+    };
+    parallelRange(0, count, kGrain, [&](std::size_t entryBegin, std::size_t entryEnd) {
+        std::vector<RowScan> rows;
+        std::uint64_t best[kRelaxNeighbors];
+        int start = 0;
+        float hint = range2;
+        BlockSearch block(grid, kBlockReach * cell, range2, wide);
+        for (std::size_t at = entryBegin; at < entryEnd; ++at) {
+            const auto self = static_cast<std::uint32_t>(at);
+            const Vec3f p = grid.positionAt(self);
+            const std::uint32_t i = grid.indexAt(self);
+            std::uint32_t* list = lists.data() + static_cast<std::size_t>(i) * kRelaxNeighbors;
+            if (const int near = block.find(p, i, best); near >= 0) {
+                for (int k = 0; k < kRelaxNeighbors; ++k)
+                    list[k] = k < near ? static_cast<std::uint32_t>(best[k]) : i;
+                continue;
+            }
+            const float tx = p.x * inverse, ty = p.y * inverse, tz = p.z * inverse;
+            const CellCoord c = cellOf(p, inverse);
+            const float fx = tx - static_cast<float>(c.x), fy = ty - static_cast<float>(c.y),
+                        fz = tz - static_cast<float>(c.z);
+            // Cells are assigned by rounded products, so bounds keep a margin of a little more
+            // than that rounding at these coordinates.
+            const float slack = 1e-3f + (std::max({std::abs(tx), std::abs(ty), std::abs(tz)}) +
+                                         static_cast<float>(maxShell) + 2.0f) *
+                                            4e-7f;
+            // The least distance, along one axis, to cells `offset` away from the candidate's.
+            const auto axisBound = [&](int offset, float fraction) {
+                if (offset == 0) return 0.0f;
+                const float cells = static_cast<float>(std::abs(offset) - 1) +
+                                    (offset > 0 ? 1.0f - fraction : fraction);
+                const float d = std::max(0.0f, cells - slack) * cell;
+                return d * d;
+            };
+            std::size_t found = 0;
+            float limit = range2;
+            // Only what lies within `within` joins the list while it is short of 24.
+            float within = range2;
+            // Beyond the limit, with a margin for the rounding of squared distances.
+            const auto beyond = [&](float bound2) { return bound2 > limit * 1.0001f; };
+            const auto scanCells = [&](std::uint32_t first, std::uint32_t last) {
+                const std::uint32_t end = grid.entriesBegin(last);
+                for (std::uint32_t e = grid.entriesBegin(first); e < end; ++e) {
+                    if (e == self) continue;
+                    const float d2 = lengthSquared(grid.positionAt(e) - p);
+                    if (!(d2 <= within)) continue;
+                    const std::uint64_t key =
+                        (static_cast<std::uint64_t>(floatBits(d2)) << 32) | grid.indexAt(e);
+                    if (found == kRelaxNeighbors && !(key < best[kRelaxNeighbors - 1])) continue;
+                    std::size_t k = found < kRelaxNeighbors ? found++ : kRelaxNeighbors - 1;
+                    while (k > 0 && key < best[k - 1]) {
+                        best[k] = best[k - 1];
+                        --k;
+                    }
+                    best[k] = key;
+                    if (found == kRelaxNeighbors)
+                        limit = std::bit_cast<float>(
+                            static_cast<std::uint32_t>(best[kRelaxNeighbors - 1] >> 32));
+                }
+            };
+            const float nearestFace = std::min({fx, 1.0f - fx, fy, 1.0f - fy, fz, 1.0f - fz});
+            // The first step takes the whole block of cells to the shell where the search ended
+            // for the candidate before, which lies close by in the scan and mostly has a like
+            // spacing. That saves the shell-by-shell steps of most searches and changes nothing
+            // in the lists: every cell scanned beyond need is only more of the same test.
+            const int first = std::min(start, maxShell);
+            int shell = first;
+            const auto search = [&](float reach) {
+                rows.clear();
+                found = 0;
+                limit = within = reach;
+                shell = first;
+                for (; shell <= maxShell; ++shell) {
+                    if (shell > first) {
+                        const float cells = static_cast<float>(shell - 1) + nearestFace - slack;
+                        const float d = std::max(0.0f, cells) * cell;
+                        if (beyond(d * d)) break;
+                    }
+                    // The rows met in earlier shells gain their cells at -shell and +shell along x.
+                    // The limit only shrinks, so a row once out of reach stays out.
+                    for (RowScan& row : rows) {
+                        if (beyond(row.bound)) continue;
+                        if (row.left > row.begin &&
+                            grid.cellKeyAt(row.left - 1) == cellKey(c.x - shell, row.y, row.z)) {
+                            --row.left;
+                            scanCells(row.left, row.left + 1);
+                        }
+                        if (row.right < row.end &&
+                            grid.cellKeyAt(row.right) == cellKey(c.x + shell, row.y, row.z)) {
+                            scanCells(row.right, row.right + 1);
+                            ++row.right;
+                        }
+                    }
+                    // The rows on the shell's rim in y and z: their cells from -shell to +shell.
+                    const std::size_t older = rows.size();
+                    for (int dz = -shell; dz <= shell; ++dz) {
+                        const float zBound = axisBound(dz, fz);
+                        if (beyond(zBound)) continue;
+                        const bool rim = std::abs(dz) == shell || shell == first;
+                        for (int dy = -shell; dy <= shell;
+                             dy += rim || dy == shell ? 1 : 2 * shell) {
+                            const float bound = zBound + axisBound(dy, fy);
+                            if (beyond(bound)) continue;
+                            const std::int64_t y = c.y + dy, z = c.z + dz;
+                            const auto [begin, end] = grid.row(y, z);
+                            if (begin == end) continue;
+                            const std::uint32_t left =
+                                grid.lowerBound(begin, end, cellKey(c.x - shell, y, z));
+                            const std::uint32_t right =
+                                grid.lowerBound(left, end, cellKey(c.x + shell + 1, y, z));
+                            rows.push_back({y, z, bound, begin, end, left, right});
+                        }
+                    }
+                    for (std::size_t r = older; r < rows.size(); ++r)
+                        if (rows[r].left < rows[r].right) scanCells(rows[r].left, rows[r].right);
+                }
+            };
+            // The candidate before lies close by and mostly has a like spacing: within twice its
+            // 24th squared distance there are mostly 24 to find, and the search looks at far
+            // fewer cells. Where there are not, it looks again over the whole range.
+            search(std::min(range2, hint));
+            if (found < kRelaxNeighbors && hint < range2) search(range2);
+            hint = found == kRelaxNeighbors ? 2.0f * limit : range2;
+            start = std::max(0, shell - 2);
+            for (std::size_t k = 0; k < kRelaxNeighbors; ++k)
+                list[k] = k < found ? static_cast<std::uint32_t>(best[k]) : i;
+        }
+    });
+}
+}  // namespace
+
+void nearestNeighbors(std::span<const Vec3f> positions, float cell, float range,
+                      std::span<std::uint32_t> lists, RelaxLanes lanes) {
+    if (positions.empty()) return;
+    nearestInGrid(CandidateGrid(cell, positions), range, lists,
+                  lanes == RelaxLanes::widest && wideIntegerLanesUsable());
+}
+
+}  // namespace velmorin
