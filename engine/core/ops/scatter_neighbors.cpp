@@ -254,6 +254,25 @@ class CandidateGrid {
     std::vector<std::pair<std::uint32_t, std::uint32_t>> denseRows_;
 };
 
+// A neighbour as one number, the squared distance's bits above its index: distances are never
+// negative, so comparing the numbers orders by distance and then by index, whatever the order of
+// the scan.
+inline std::uint64_t neighborKey(float d2, std::uint32_t index) {
+    return (static_cast<std::uint64_t>(floatBits(d2)) << 32) | index;
+}
+
+// Keeps the nearest kRelaxNeighbors keys in `best`, ascending, `found` of them so far.
+inline void keepNearest(std::uint64_t (&best)[kRelaxNeighbors], std::size_t& found,
+                        std::uint64_t key) {
+    if (found == kRelaxNeighbors && !(key < best[kRelaxNeighbors - 1])) return;
+    std::size_t at = found < kRelaxNeighbors ? found++ : kRelaxNeighbors - 1;
+    while (at > 0 && key < best[at - 1]) {
+        best[at] = best[at - 1];
+        --at;
+    }
+    best[at] = key;
+}
+
 // The block search, the fast path of the neighbour search. Candidates come in grid order, so those
 // of one cell follow each other: the candidates of the block of cells round the cell, `reach`
 // beyond it on every side rounded up to whole cells, are gathered once into plain arrays, and each
@@ -473,20 +492,12 @@ class BlockSearch {
     // The same by insertion, ties going by index.
     void insertKeys(std::size_t n, std::uint64_t (&best)[kRelaxNeighbors]) const {
         std::size_t found = 0;
-        for (std::size_t k = 0; k < n; ++k) {
-            const std::uint64_t key = keys_[k];
-            if (found == kRelaxNeighbors && !(key < best[kRelaxNeighbors - 1])) continue;
-            std::size_t at = found < kRelaxNeighbors ? found++ : kRelaxNeighbors - 1;
-            while (at > 0 && key < best[at - 1]) {
-                best[at] = best[at - 1];
-                --at;
-            }
-            best[at] = key;
-        }
+        for (std::size_t k = 0; k < n; ++k)
+            keepNearest(best, found, keys_[k]);
     }
 
     std::uint64_t keyAt(std::size_t b) const {
-        return (static_cast<std::uint64_t>(floatBits(d2_[b])) << 32) | index_[b];
+        return neighborKey(d2_[b], index_[b]);
     }
 
     // Keeps the squared distances from p of the whole box and gathers the keys of those within
@@ -652,9 +663,6 @@ class BlockSearch {
 // The nearest-neighbour search over a grid: cells are taken in shells of growing distance from the
 // candidate's cell, and the search ends once the next shell cannot hold anything nearer than the
 // current 24th, or lies out of range. Within a shell, rows too far off in y and z are passed over.
-// A neighbour is one number, the squared distance's bits above its index: distances are never
-// negative, so comparing the numbers orders by distance and then by index, whatever the order of
-// the scan.
 void nearestInGrid(const CandidateGrid& grid, float range, std::span<std::uint32_t> lists,
                    bool wide) {
     const std::size_t count = grid.size();
@@ -714,15 +722,7 @@ void nearestInGrid(const CandidateGrid& grid, float range, std::span<std::uint32
                     if (e == self) continue;
                     const float d2 = lengthSquared(grid.positionAt(e) - p);
                     if (!(d2 <= within)) continue;
-                    const std::uint64_t key =
-                        (static_cast<std::uint64_t>(floatBits(d2)) << 32) | grid.indexAt(e);
-                    if (found == kRelaxNeighbors && !(key < best[kRelaxNeighbors - 1])) continue;
-                    std::size_t k = found < kRelaxNeighbors ? found++ : kRelaxNeighbors - 1;
-                    while (k > 0 && key < best[k - 1]) {
-                        best[k] = best[k - 1];
-                        --k;
-                    }
-                    best[k] = key;
+                    keepNearest(best, found, neighborKey(d2, grid.indexAt(e)));
                     if (found == kRelaxNeighbors)
                         limit = std::bit_cast<float>(
                             static_cast<std::uint32_t>(best[kRelaxNeighbors - 1] >> 32));
