@@ -116,11 +116,14 @@ void noiseStrands(const StrandSet& input, const NoiseSettings& settings,
                 line.startLine(draws.base.x, draws.base.y, fractal.spacing);
                 const std::span<float> along = alongScratch.take(n - 1);
                 const std::span<Vec3f> units = unitScratch.take(n - 1);
-                for (std::size_t k = 1; k < n; ++k)
-                    along[k - 1] = draws.base.z + arcs[k] / total * frequency;
+                // Each point's share of the length, made once for the lattice and the profile.
+                for (std::size_t k = 1; k < n; ++k) {
+                    arcs[k] /= total;
+                    along[k - 1] = draws.base.z + arcs[k] * frequency;
+                }
                 line.along(along, units);
                 for (std::size_t k = 1; k < n; ++k)
-                    displace(k, units[k - 1], profileAt(settings.profile, arcs[k] / total));
+                    displace(k, units[k - 1], profileAt(settings.profile, arcs[k]));
                 continue;
             }
 
