@@ -39,6 +39,16 @@ inline void insertBest(int k, int& count, std::uint64_t* keys, std::uint64_t key
     keys[at] = key;
 }
 
+// Puts `key` into its place among the `count` ascending keys, whose last is dropped: each slot
+// takes the lesser of what it held and the greater of the key and the slot before. Without a
+// branch on where the key goes: the roots of a shortlist come nearly in order, but only nearly,
+// and a search that stops early mispredicted about once a root.
+inline void insertSorted(int count, std::uint64_t* keys, std::uint64_t key) {
+    for (int j = count - 1; j > 0; --j)
+        keys[j] = std::min(keys[j], std::max(keys[j - 1], key));
+    keys[0] = std::min(keys[0], key);
+}
+
 }  // namespace
 
 GuideRootGrid::GuideRootGrid(std::span<const Vec3f> points, std::span<const std::uint32_t> indices,
@@ -281,18 +291,13 @@ int GuideShortlist::nearest(const Vec3f& p, int k, std::uint32_t* indices,
         const float distance2 = dot(d, d);
         if (distance2 > worst2) continue;
         const std::uint64_t key = rankKey(distance2, indices_[i]);
-        int at;
         if (found == k) {
             if (key >= keys[k - 1]) continue;
-            at = k - 1;
         } else {
-            at = found++;
+            // The slot past the kept ones holds no key yet: every key sorts before it.
+            keys[found++] = ~std::uint64_t{0};
         }
-        while (at > 0 && keys[at - 1] > key) {
-            keys[at] = keys[at - 1];
-            --at;
-        }
-        keys[at] = key;
+        insertSorted(found, keys, key);
         if (found == k) worst2 = distanceOf(keys[k - 1]);
     }
     for (int i = 0; i < found; ++i) {
