@@ -156,28 +156,43 @@ double shepard(int count, const float* d2, const std::uint32_t* guides, const fl
     return sum;
 }
 
+// std::nearbyint in the default rounding mode, for 0 <= x < 2^52: from 2^52 up a double's step is
+// 1, so the sum is rounded to a whole number, to the even one at a half, and the difference is
+// exact. nearbyint itself is a call into the C library where the machine lacks a rounding
+// instruction, made for each candidate of every strand.
+inline double nearestWhole(double x) {
+    constexpr double kWhole = 4503599627370496.0;  // 2^52
+    return (x + kWhole) - kWhole;
+}
+
 // Scales weights to a total of 65536 by rounding to nearest and moving single units by the
 // largest remainder rule; returns how many entries stay (at least 1 unit each), compacted in
 // place with their guides and squared distances.
 int quantise(int count, double* weights, std::uint32_t* guides, std::uint32_t* units) {
+    // Adding +0 leaves the sum as it is, so the weights not above 0 may join it: a candidate
+    // past its guide's reach is as common as one within it, and a branch on it mispredicts.
     double sum = 0.0;
     for (int i = 0; i < count; ++i)
-        if (weights[i] > 0.0) sum += weights[i];
+        sum += weights[i] > 0.0 ? weights[i] : 0.0;
     if (!(sum > 0.0) || !std::isfinite(sum)) return 0;
     double remainder[kMaxCandidates];
     std::int64_t total = 0;
     for (int i = 0; i < count; ++i) {
         const double scaled = weights[i] > 0.0 ? weights[i] / sum * kTotalWeight : 0.0;
-        const double rounded = std::min(std::nearbyint(scaled), static_cast<double>(kTotalWeight));
+        const double rounded = std::min(nearestWhole(scaled), static_cast<double>(kTotalWeight));
         units[i] = static_cast<std::uint32_t>(rounded);
         remainder[i] = scaled - rounded;
         total += units[i];
     }
     while (total > kTotalWeight) {
+        // The least remainder among those that can give a unit; the earliest of equal ones.
         int pick = -1;
-        for (int i = 0; i < count; ++i)
-            if (units[i] > 0 && remainder[i] != 0.0 && (pick < 0 || remainder[i] < remainder[pick]))
-                pick = i;
+        double least = std::numeric_limits<double>::infinity();
+        for (int i = 0; i < count; ++i) {
+            const bool better = units[i] > 0 && remainder[i] != 0.0 && remainder[i] < least;
+            pick = better ? i : pick;
+            least = better ? remainder[i] : least;
+        }
         if (pick < 0)
             for (int i = 0; i < count && pick < 0; ++i)
                 if (units[i] > 0) pick = i;
@@ -187,8 +202,12 @@ int quantise(int count, double* weights, std::uint32_t* guides, std::uint32_t* u
     }
     while (total < kTotalWeight) {
         int pick = -1;
-        for (int i = 0; i < count; ++i)
-            if (weights[i] > 0.0 && (pick < 0 || remainder[i] > remainder[pick])) pick = i;
+        double most = -std::numeric_limits<double>::infinity();
+        for (int i = 0; i < count; ++i) {
+            const bool better = weights[i] > 0.0 && remainder[i] > most;
+            pick = better ? i : pick;
+            most = better ? remainder[i] : most;
+        }
         ++units[pick];
         remainder[pick] -= 1.0;
         ++total;

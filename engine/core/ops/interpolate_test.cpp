@@ -565,6 +565,139 @@ TEST(InterpolateBinding, AStrandsBindingDoesNotDependOnTheStrandsBesideIt) {
     }
 }
 
+// The binding of one strand by its steps, evaluated plainly: the nearest guides by a scan of
+// every root, Shepard weights by each guide's reach, the edge fill and the largest remainder.
+StrandBinding bindPlainly(const InterpolateSettings& settings, std::span<const Vec3f> guides,
+                          std::span<const float> reach, const Vec3f& root, bool* filled) {
+    const auto nearestOf = [&](const Vec3f& p, std::size_t k) {
+        std::vector<std::pair<float, std::uint32_t>> all;
+        for (std::size_t g = 0; g < guides.size(); ++g)
+            all.emplace_back(dot(guides[g] - p, guides[g] - p), static_cast<std::uint32_t>(g));
+        std::sort(all.begin(), all.end());
+        all.resize(std::min(k, all.size()));
+        return all;
+    };
+    const std::size_t wanted = std::min<std::size_t>(settings.candidates, guides.size());
+    std::vector<std::pair<float, std::uint32_t>> near = nearestOf(root, wanted + 1);
+    bool clean = true;
+    for (std::size_t i = 1; i < near.size(); ++i)
+        clean = clean && near[i].first > near[i - 1].first;
+    StrandBinding out;
+    out.next2 = floatBits(clean && near.size() > wanted ? near[wanted].first : kInfiniteDistance);
+    near.resize(std::min(near.size(), wanted));
+    out.nearest2 = floatBits(near[0].first);
+    const auto shepard = [&](std::size_t count, const float* radius, std::vector<double>& w,
+                             double* edge) {
+        double greatest = 0.0, sum = 0.0;
+        w.assign(count, 0.0);
+        for (std::size_t i = 0; i < count; ++i) {
+            const double d = std::max(std::sqrt(static_cast<double>(near[i].first)), 1e-6);
+            const double r = radius ? radius[i] : reach[near[i].second];
+            if (!std::isfinite(r)) {
+                w[i] = 1.0 / d;
+                *edge = 1.0;
+            } else if (r > d) {
+                w[i] = (r - d) / (r * d);
+                *edge = std::max(*edge, (r - d) / r);
+            }
+            greatest = std::max(greatest, w[i]);
+        }
+        for (double& a : w) {
+            const double share = greatest > 0.0 && a > 0.0 ? a / greatest : 0.0;
+            a = settings.power == 2.0f ? share * share
+                                       : std::pow(share, static_cast<double>(settings.power));
+            sum += a;
+        }
+        return sum;
+    };
+    std::vector<double> a, b;
+    double edge = 0.0, unused = 0.0;
+    const double sumA = shepard(near.size(), nullptr, a, &edge);
+    const double fill = std::min(1.0, 4.0 * edge);
+    *filled = fill < 1.0;
+    if (fill < 1.0) {
+        const std::size_t kept = std::min<std::size_t>(near.size(), settings.kept);
+        std::vector<float> single(
+            kept, near.size() > kept ? std::sqrt(near[kept].first) : kInfiniteDistance);
+        const double sumB = shepard(kept, single.data(), b, &unused);
+        if (sumA > 0.0) {
+            for (std::size_t i = 0; i < near.size(); ++i) {
+                a[i] = a[i] * fill / sumA;
+                if (i < kept && sumB > 0.0) a[i] += b[i] * (1.0 - fill) / sumB;
+            }
+        } else {
+            a = b;
+        }
+    }
+    double sum = 0.0;
+    for (const double w : a)
+        sum += w > 0.0 ? w : 0.0;
+    std::vector<double> scaled, remainder;
+    std::vector<std::int64_t> units;
+    std::int64_t total = 0;
+    for (const double w : a) {
+        scaled.push_back(w > 0.0 ? w / sum * 65536.0 : 0.0);
+        units.push_back(
+            static_cast<std::int64_t>(std::min(std::nearbyint(scaled.back()), 65536.0)));
+        remainder.push_back(scaled.back() - static_cast<double>(units.back()));
+        total += units.back();
+    }
+    for (; total > 65536; --total) {
+        std::size_t pick = a.size();
+        for (std::size_t i = 0; i < a.size(); ++i)
+            if (units[i] > 0 && remainder[i] != 0.0 &&
+                (pick == a.size() || remainder[i] < remainder[pick]))
+                pick = i;
+        --units[pick];
+        remainder[pick] += 1.0;
+    }
+    for (; total < 65536; ++total) {
+        std::size_t pick = a.size();
+        for (std::size_t i = 0; i < a.size(); ++i)
+            if (a[i] > 0.0 && (pick == a.size() || remainder[i] > remainder[pick])) pick = i;
+        ++units[pick];
+        remainder[pick] -= 1.0;
+    }
+    for (std::size_t i = 0; i < a.size(); ++i) {
+        if (units[i] == 0) continue;
+        out.guides.push_back(near[i].second);
+        out.weights.push_back(static_cast<std::uint16_t>(units[i] - 1));
+    }
+    return out;
+}
+
+TEST(InterpolateBinding, EachStrandIsItsStepsEvaluatedPlainlyToTheBit) {
+    // Strands off the scalp as well: a little off lies near the edge of every reach, and fills;
+    // far off lies beyond every reach, and takes the fill alone.
+    Bound b = boundRoots(1.5, 0.15);
+    for (std::size_t g = 0; g < b.guideRoots.size(); g += 4)
+        for (const float off : {1.15f, 1.3f, 3.0f})
+            b.strandRoots.push_back(b.guideRoots[g] * off);
+    for (const double smoothness : {0.5, 0.2, 0.9}) {
+        const auto settings =
+            makeInterpolateSettings(smoothness, 3, b.guideRoots.size(), false, 0, false, false);
+        std::vector<float> reach;
+        for (const Vec3f& g : b.guideRoots) {
+            std::vector<float> d2;
+            for (const Vec3f& other : b.guideRoots)
+                d2.push_back(dot(other - g, other - g));
+            std::sort(d2.begin(), d2.end());
+            reach.push_back(settings.reachScale * std::sqrt(d2[settings.kept]));
+        }
+        const auto state = bindStrands(settings, inputsOf(b));
+        std::size_t filled = 0;
+        for (std::size_t s = 0; s < b.strandRoots.size(); ++s) {
+            bool fill = false;
+            ASSERT_EQ(strandBinding(state->binding, s),
+                      bindPlainly(settings, b.guideRoots, reach, b.strandRoots[s], &fill))
+                << "strand " << s << " smoothness " << smoothness;
+            filled += fill ? 1 : 0;
+        }
+        EXPECT_GT(filled, 0u) << "no strand tried the edge fill";
+        EXPECT_LT(filled, b.strandRoots.size());
+    }
+}
+
 // Strands, guides and a binding with normals on the head, shaped directly.
 struct ShapeRun {
     std::shared_ptr<const StrandSet> strands = scatterOnHead(3.0);
