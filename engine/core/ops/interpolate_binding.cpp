@@ -356,29 +356,42 @@ void bindOne(const BindContext& context, std::size_t s, BindingChunk& chunk,
     finish();
 }
 
-void startChunk(BindingChunk& chunk, std::size_t first, std::size_t count) {
+void startChunk(BindingChunk& chunk, std::size_t first) {
     chunk.firstStrand = static_cast<std::uint32_t>(first);
-    chunk.recordStart.reserve(count + 1);
-    chunk.recordStart.push_back(0);
-    chunk.nearest2.reserve(count);
-    chunk.next2.reserve(count);
-    chunk.found.reserve(count);
-    chunk.twisted.reserve(count);
-    chunk.weights.reserve(count * 4);
-    chunk.guides.reserve(count * 4);
 }
 
-// Copies strand k of `old` into `chunk`, records and all.
-void copyStrand(const BindingChunk& old, std::size_t k, BindingChunk& chunk) {
-    for (std::uint32_t r = old.recordStart[k]; r < old.recordStart[k + 1]; ++r) {
-        chunk.weights.push_back(old.weights[r]);
-        chunk.guides.push_back(old.guides[r]);
+// Lays out `chunk` (of `count` strands) in strand order, strand k copied from strand at(k).second
+// of chunk at(k).first, records and all. Its arrays are made once, at their length.
+template <class Source>
+void layOutChunk(BindingChunk& chunk, std::size_t count, const Source& at) {
+    std::size_t records = 0;
+    for (std::size_t k = 0; k < count; ++k) {
+        const auto [from, i] = at(k);
+        records += from->recordStart[i + 1] - from->recordStart[i];
     }
-    chunk.nearest2.push_back(old.nearest2[k]);
-    chunk.next2.push_back(old.next2[k]);
-    chunk.found.push_back(old.found[k]);
-    chunk.twisted.push_back(old.twisted[k]);
-    chunk.recordStart.push_back(static_cast<std::uint32_t>(chunk.guides.size()));
+    chunk.recordStart.resize(count + 1);
+    chunk.nearest2.resize(count);
+    chunk.next2.resize(count);
+    chunk.found.resize(count);
+    chunk.twisted.resize(count);
+    chunk.weights.resize(records);
+    chunk.guides.resize(records);
+    std::uint32_t record = 0;
+    chunk.recordStart[0] = 0;
+    for (std::size_t k = 0; k < count; ++k) {
+        const auto [from, i] = at(k);
+        const std::uint32_t begin = from->recordStart[i], end = from->recordStart[i + 1];
+        std::copy(from->weights.begin() + begin, from->weights.begin() + end,
+                  chunk.weights.begin() + record);
+        std::copy(from->guides.begin() + begin, from->guides.begin() + end,
+                  chunk.guides.begin() + record);
+        record += end - begin;
+        chunk.recordStart[k + 1] = record;
+        chunk.nearest2[k] = from->nearest2[i];
+        chunk.next2[k] = from->next2[i];
+        chunk.found[k] = from->found[i];
+        chunk.twisted[k] = from->twisted[i];
+    }
 }
 
 // Strands rooted side by side share one shortlist of guides: groups of at most this many.
@@ -492,12 +505,11 @@ void bindRange(const BindContext& context, std::size_t first, std::size_t last,
         run = runEnd;
     }
 
-    for (std::size_t k = 0; k < count; ++k) {
-        if (marks == nullptr || marks[first + k] != 0)
-            copyStrand(bound, scratch.slot[k], chunk);
-        else
-            copyStrand(*old, k, chunk);
-    }
+    layOutChunk(chunk, count, [&](std::size_t k) {
+        return marks == nullptr || marks[first + k] != 0
+                   ? std::pair<const BindingChunk*, std::size_t>{&bound, scratch.slot[k]}
+                   : std::pair<const BindingChunk*, std::size_t>{old, k};
+    });
 }
 
 // The guide-level part of a state: regions, lists and reach tables. Fills `state` and `lists`.
@@ -682,7 +694,7 @@ std::shared_ptr<const InterpolateState> bindStrands(const InterpolateSettings& s
             const std::size_t first = c * kBindingChunkStrands;
             const std::size_t last = std::min(first + kBindingChunkStrands, strandCount);
             auto chunk = std::make_shared<BindingChunk>();
-            startChunk(*chunk, first, last - first);
+            startChunk(*chunk, first);
             bindRange(context, first, last, nullptr, nullptr, *chunk, scratch);
             binding.chunks[c] = std::move(chunk);
         }
@@ -798,7 +810,7 @@ std::shared_ptr<const InterpolateState> rebindStrands(
                 continue;
             }
             auto chunk = std::make_shared<BindingChunk>();
-            startChunk(*chunk, first, count);
+            startChunk(*chunk, first);
             bindRange(context, first, first + count, marks.data(), old.get(), *chunk, scratch);
             binding.chunks[c] = std::move(chunk);
         }
