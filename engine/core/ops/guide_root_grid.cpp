@@ -279,9 +279,26 @@ int GuideShortlist::nearest(const Vec3f& p, int k, std::uint32_t* indices,
     if (k <= 0) return 0;
     const float offCenter = length(p - center_) + margin_;
     std::uint64_t keys[GuideRootGrid::kMaxNearest];
+    // The first k roots (of a distance at all) are all kept: each is put in its place by counting
+    // the keys below it, a fixed number of comparisons without a branch, where putting them in
+    // one after another would shift them about as they come.
+    std::uint64_t first[GuideRootGrid::kMaxNearest];
     int found = 0;
-    float worst2 = kNoBound;
-    for (std::size_t i = 0; i < count; ++i) {
+    std::size_t i = 0;
+    for (; i < count && found < k; ++i) {
+        const Vec3f d = points_[i] - p;
+        const float distance2 = dot(d, d);
+        if (distance2 > kNoBound) continue;
+        first[found++] = rankKey(distance2, indices_[i]);
+    }
+    for (int a = 0; a < found; ++a) {
+        int below = 0;
+        for (int b = 0; b < found; ++b)
+            below += first[b] < first[a] ? 1 : 0;
+        keys[below] = first[a];
+    }
+    float worst2 = found == k ? distanceOf(keys[k - 1]) : kNoBound;
+    for (; i < count; ++i) {
         // Points lie no nearer to `p` than their distance from the centre less p's, and the
         // rest lie farther from the centre than this one.
         const float slack = fromCenter_[i] - offCenter;
