@@ -151,7 +151,7 @@ struct ShapeScratch {
 // groups of four) of rows `stride` floats apart. Each sample adds the terms in their order, with
 // the operations of Turn::apply and Vec3f's operators, so the bits equal a sample-by-sample sum.
 void blendRows(std::span<const BlendTerm> terms, std::size_t stride, std::size_t lanes,
-               const Vec3f& root, ShapeScratch& c) {
+               const Vec3f& root, float* x, float* y, float* z) {
 #if VELMORIN_INTERPOLATE_SSE2
     for (std::size_t j = 0; j < lanes; j += kLanes) {
         __m128 ax = _mm_setzero_ps(), ay = _mm_setzero_ps(), az = _mm_setzero_ps();
@@ -176,9 +176,9 @@ void blendRows(std::span<const BlendTerm> terms, std::size_t stride, std::size_t
                 az = _mm_add_ps(az, _mm_mul_ps(oz, w));
             }
         }
-        _mm_store_ps(c.x + j, _mm_add_ps(ax, _mm_set1_ps(root.x)));
-        _mm_store_ps(c.y + j, _mm_add_ps(ay, _mm_set1_ps(root.y)));
-        _mm_store_ps(c.z + j, _mm_add_ps(az, _mm_set1_ps(root.z)));
+        _mm_store_ps(x + j, _mm_add_ps(ax, _mm_set1_ps(root.x)));
+        _mm_store_ps(y + j, _mm_add_ps(ay, _mm_set1_ps(root.y)));
+        _mm_store_ps(z + j, _mm_add_ps(az, _mm_set1_ps(root.z)));
     }
 #else
     for (std::size_t j = 0; j < lanes; ++j) {
@@ -187,9 +187,9 @@ void blendRows(std::span<const BlendTerm> terms, std::size_t stride, std::size_t
             const Vec3f o{term.row[j], term.row[stride + j], term.row[2 * stride + j]};
             sum += (term.turns ? term.turn.apply(o) : o) * term.weight;
         }
-        c.x[j] = sum.x + root.x;
-        c.y[j] = sum.y + root.y;
-        c.z[j] = sum.z + root.z;
+        x[j] = sum.x + root.x;
+        y[j] = sum.y + root.y;
+        z[j] = sum.z + root.z;
     }
 #endif
 }
@@ -231,7 +231,7 @@ void segmentLengths(const ShapeScratch& c, std::size_t lanes, float* segment) {
 // blendRows eight samples at a time.
 __attribute__((target("avx"))) void blendRowsWide(std::span<const BlendTerm> terms,
                                                   std::size_t stride, std::size_t lanes,
-                                                  const Vec3f& root, ShapeScratch& c) {
+                                                  const Vec3f& root, float* x, float* y, float* z) {
     for (std::size_t j = 0; j < lanes; j += kWideLanes) {
         __m256 ax = _mm256_setzero_ps(), ay = _mm256_setzero_ps(), az = _mm256_setzero_ps();
         for (const BlendTerm& term : terms) {
@@ -263,9 +263,9 @@ __attribute__((target("avx"))) void blendRowsWide(std::span<const BlendTerm> ter
                 az = _mm256_add_ps(az, _mm256_mul_ps(oz, w));
             }
         }
-        _mm256_store_ps(c.x + j, _mm256_add_ps(ax, _mm256_set1_ps(root.x)));
-        _mm256_store_ps(c.y + j, _mm256_add_ps(ay, _mm256_set1_ps(root.y)));
-        _mm256_store_ps(c.z + j, _mm256_add_ps(az, _mm256_set1_ps(root.z)));
+        _mm256_store_ps(x + j, _mm256_add_ps(ax, _mm256_set1_ps(root.x)));
+        _mm256_store_ps(y + j, _mm256_add_ps(ay, _mm256_set1_ps(root.y)));
+        _mm256_store_ps(z + j, _mm256_add_ps(az, _mm256_set1_ps(root.z)));
     }
 }
 
@@ -306,6 +306,295 @@ bool wideLanesUsable() {
 #else
 bool wideLanesUsable() {
     return false;
+}
+#endif
+
+// Strands side by side: eight strands of one point count, one per lane, so that the steps each
+// strand takes one after another (its arc lengths summed in order, its length restored, its
+// points placed along the table) overlap across the eight. Every lane does the operations of the
+// one-strand path in the same order, so the bits are the same.
+constexpr std::size_t kGroupLanes = kWideLanes;
+
+// A group's curves: per strand its blended samples as planar runs, then the same turned into
+// lanes, sample j of every strand side by side at j * kGroupLanes.
+struct LaneScratch {
+    alignas(32) float x[kGroupLanes][kPaddedSamples];
+    alignas(32) float y[kGroupLanes][kPaddedSamples];
+    alignas(32) float z[kGroupLanes][kPaddedSamples];
+    alignas(32) float lx[kPaddedSamples * kGroupLanes];
+    alignas(32) float ly[kPaddedSamples * kGroupLanes];
+    alignas(32) float lz[kPaddedSamples * kGroupLanes];
+    alignas(32) float segment[kPaddedSamples * kGroupLanes];
+    alignas(32) float arc[kPaddedSamples * kGroupLanes];
+    alignas(32) float rootX[kGroupLanes], rootY[kGroupLanes], rootZ[kGroupLanes];
+    alignas(32) float guideLength[kGroupLanes];
+};
+
+// A strand waiting to run side by side: its chunk, its index there and in the set.
+struct LaneEntry {
+    const BindingChunk* chunk = nullptr;
+    std::size_t k = 0;
+    std::size_t strand = 0;
+};
+
+// Strands waiting for a group of their point count to fill. Mixed point counts are rare, so a
+// few groups stay open at once; a count that finds none open when all are taken closes the one
+// opened first, whose strands then run one by one.
+struct LaneGroup {
+    std::size_t points = 0;
+    std::size_t count = 0;
+    LaneEntry entries[kGroupLanes];
+};
+
+class LaneGroups {
+  public:
+    template <class Close>
+    LaneGroup& groupFor(std::size_t points, const Close& close) {
+        for (std::size_t i = 0; i < used_; ++i)
+            if (groups_[i].points == points) return groups_[i];
+        LaneGroup* group = nullptr;
+        if (used_ < kOpen) {
+            group = &groups_[used_++];
+        } else {
+            group = &groups_[oldest_];
+            close(*group);
+            oldest_ = (oldest_ + 1) % kOpen;
+        }
+        group->points = points;
+        group->count = 0;
+        return *group;
+    }
+    std::span<const LaneGroup> open() const { return {groups_, used_}; }
+
+  private:
+    static constexpr std::size_t kOpen = 4;
+    LaneGroup groups_[kOpen];
+    std::size_t used_ = 0;
+    std::size_t oldest_ = 0;
+};
+
+#if VELMORIN_INTERPOLATE_AVX
+// Turns eight rows of eight floats (row l at rows + l * rowStride) into eight columns: column j
+// holds element j of every row, stored at columns + j * kGroupLanes.
+__attribute__((target("avx"))) void transposeEight(const float* rows, std::size_t rowStride,
+                                                   float* columns) {
+    const __m256 r0 = _mm256_load_ps(rows), r1 = _mm256_load_ps(rows + rowStride),
+                 r2 = _mm256_load_ps(rows + 2 * rowStride),
+                 r3 = _mm256_load_ps(rows + 3 * rowStride),
+                 r4 = _mm256_load_ps(rows + 4 * rowStride),
+                 r5 = _mm256_load_ps(rows + 5 * rowStride),
+                 r6 = _mm256_load_ps(rows + 6 * rowStride),
+                 r7 = _mm256_load_ps(rows + 7 * rowStride);
+    const __m256 t0 = _mm256_unpacklo_ps(r0, r1), t1 = _mm256_unpackhi_ps(r0, r1);
+    const __m256 t2 = _mm256_unpacklo_ps(r2, r3), t3 = _mm256_unpackhi_ps(r2, r3);
+    const __m256 t4 = _mm256_unpacklo_ps(r4, r5), t5 = _mm256_unpackhi_ps(r4, r5);
+    const __m256 t6 = _mm256_unpacklo_ps(r6, r7), t7 = _mm256_unpackhi_ps(r6, r7);
+    const __m256 u0 = _mm256_shuffle_ps(t0, t2, 0x44), u1 = _mm256_shuffle_ps(t0, t2, 0xEE);
+    const __m256 u2 = _mm256_shuffle_ps(t1, t3, 0x44), u3 = _mm256_shuffle_ps(t1, t3, 0xEE);
+    const __m256 u4 = _mm256_shuffle_ps(t4, t6, 0x44), u5 = _mm256_shuffle_ps(t4, t6, 0xEE);
+    const __m256 u6 = _mm256_shuffle_ps(t5, t7, 0x44), u7 = _mm256_shuffle_ps(t5, t7, 0xEE);
+    _mm256_store_ps(columns, _mm256_permute2f128_ps(u0, u4, 0x20));
+    _mm256_store_ps(columns + 8, _mm256_permute2f128_ps(u1, u5, 0x20));
+    _mm256_store_ps(columns + 16, _mm256_permute2f128_ps(u2, u6, 0x20));
+    _mm256_store_ps(columns + 24, _mm256_permute2f128_ps(u3, u7, 0x20));
+    _mm256_store_ps(columns + 32, _mm256_permute2f128_ps(u0, u4, 0x31));
+    _mm256_store_ps(columns + 40, _mm256_permute2f128_ps(u1, u5, 0x31));
+    _mm256_store_ps(columns + 48, _mm256_permute2f128_ps(u2, u6, 0x31));
+    _mm256_store_ps(columns + 56, _mm256_permute2f128_ps(u3, u7, 0x31));
+}
+
+// segment[j] = the length of every lane's step from sample j - 1 to j, for j in 1 .. samples - 1,
+// as segmentLengths gives it.
+__attribute__((target("avx"))) void laneSegmentsWide(LaneScratch& g, std::size_t samples) {
+    __m256 px = _mm256_load_ps(g.lx), py = _mm256_load_ps(g.ly), pz = _mm256_load_ps(g.lz);
+    for (std::size_t j = 1; j < samples; ++j) {
+        const __m256 nx = _mm256_load_ps(g.lx + j * kGroupLanes),
+                     ny = _mm256_load_ps(g.ly + j * kGroupLanes),
+                     nz = _mm256_load_ps(g.lz + j * kGroupLanes);
+        const __m256 dx = _mm256_sub_ps(nx, px), dy = _mm256_sub_ps(ny, py),
+                     dz = _mm256_sub_ps(nz, pz);
+        const __m256 d2 = _mm256_add_ps(_mm256_add_ps(_mm256_mul_ps(dx, dx), _mm256_mul_ps(dy, dy)),
+                                        _mm256_mul_ps(dz, dz));
+        _mm256_store_ps(g.segment + j * kGroupLanes, _mm256_sqrt_ps(d2));
+        px = nx;
+        py = ny;
+        pz = nz;
+    }
+}
+
+// One point of every lane for each of 8 strands (x, y and z of lanes 0 to 7) stored at `at`
+// within each strand: 16 bytes, the last 4 falling on the next point, unless `last`.
+__attribute__((target("avx"))) void storeLanePoints(__m256 px, __m256 py, __m256 pz,
+                                                    Vec3f* const* out, std::size_t at, bool last) {
+    const __m256 zero = _mm256_setzero_ps();
+    const __m256 xyLow = _mm256_unpacklo_ps(px, py), xyHigh = _mm256_unpackhi_ps(px, py);
+    const __m256 zLow = _mm256_unpacklo_ps(pz, zero), zHigh = _mm256_unpackhi_ps(pz, zero);
+    // Lanes 0, 4 / 1, 5 / 2, 6 / 3, 7 as (x, y, z, 0) in each half.
+    const __m256 p04 = _mm256_shuffle_ps(xyLow, zLow, _MM_SHUFFLE(1, 0, 1, 0));
+    const __m256 p15 = _mm256_shuffle_ps(xyLow, zLow, _MM_SHUFFLE(3, 2, 3, 2));
+    const __m256 p26 = _mm256_shuffle_ps(xyHigh, zHigh, _MM_SHUFFLE(1, 0, 1, 0));
+    const __m256 p37 = _mm256_shuffle_ps(xyHigh, zHigh, _MM_SHUFFLE(3, 2, 3, 2));
+    const __m128 p[8] = {_mm256_castps256_ps128(p04),   _mm256_castps256_ps128(p15),
+                         _mm256_castps256_ps128(p26),   _mm256_castps256_ps128(p37),
+                         _mm256_extractf128_ps(p04, 1), _mm256_extractf128_ps(p15, 1),
+                         _mm256_extractf128_ps(p26, 1), _mm256_extractf128_ps(p37, 1)};
+    if (!last) {
+        for (std::size_t l = 0; l < kGroupLanes; ++l)
+            _mm_storeu_ps(&out[l][at].x, p[l]);
+        return;
+    }
+    for (std::size_t l = 0; l < kGroupLanes; ++l) {
+        _mm_storel_pi(reinterpret_cast<__m64*>(&out[l][at].x), p[l]);
+        _mm_store_ss(&out[l][at].z, _mm_movehl_ps(p[l], p[l]));
+    }
+}
+
+// Steps 5 to 7 of the shape of eight strands of `points` points, whose blended curves are in
+// g.x, g.y, g.z (`samples` samples each): points 1 onward are written to out[l] (point 0 is the
+// root, for the caller). Returns false, having written nothing, where a lane's curve has a length
+// that is not a number or infinite: the one-strand path's walk along the table then decides.
+__attribute__((target("avx"))) bool shapeLanesWide(LaneScratch& g, std::size_t samples,
+                                                   std::size_t points, bool directions,
+                                                   bool preserveLength, Vec3f* const* out) {
+    const std::size_t blocks = (samples + kGroupLanes - 1) / kGroupLanes;
+    for (std::size_t b = 0; b < blocks; ++b) {
+        const std::size_t j = b * kGroupLanes;
+        transposeEight(&g.x[0][j], kPaddedSamples, g.lx + j * kGroupLanes);
+        transposeEight(&g.y[0][j], kPaddedSamples, g.ly + j * kGroupLanes);
+        transposeEight(&g.z[0][j], kPaddedSamples, g.lz + j * kGroupLanes);
+    }
+    const __m256 rootX = _mm256_load_ps(g.rootX), rootY = _mm256_load_ps(g.rootY),
+                 rootZ = _mm256_load_ps(g.rootZ);
+    const __m256 guideLength = _mm256_load_ps(g.guideLength);
+    const __m256 zero = _mm256_setzero_ps(), one = _mm256_set1_ps(1.0f);
+    laneSegmentsWide(g, samples);
+    if (directions) {
+        // 5., lane by lane as the one-strand walk.
+        const __m256 h =
+            _mm256_div_ps(guideLength, _mm256_set1_ps(static_cast<float>(samples - 1)));
+        const __m256 halfH = _mm256_mul_ps(_mm256_set1_ps(0.5f), h);
+        const __m256 two = _mm256_set1_ps(2.0f);
+        const __m256 stepping = _mm256_cmp_ps(h, zero, _CMP_GT_OQ);
+        __m256 previousX = _mm256_load_ps(g.lx), previousY = _mm256_load_ps(g.ly),
+               previousZ = _mm256_load_ps(g.lz);
+        __m256 walkedX = rootX, walkedY = rootY, walkedZ = rootZ;
+        for (std::size_t j = 1; j < samples; ++j) {
+            float* const x = g.lx + j * kGroupLanes;
+            float* const y = g.ly + j * kGroupLanes;
+            float* const z = g.lz + j * kGroupLanes;
+            const __m256 rawX = _mm256_load_ps(x), rawY = _mm256_load_ps(y),
+                         rawZ = _mm256_load_ps(z);
+            const __m256 l = _mm256_load_ps(g.segment + j * kGroupLanes);
+            const __m256 moves = _mm256_and_ps(_mm256_cmp_ps(l, zero, _CMP_GT_OQ), stepping);
+            // std::min(l / (0.5 h), 1): 1 where 1 < it, else it.
+            const __m256 e = _mm256_min_ps(one, _mm256_div_ps(l, halfH));
+            const __m256 step =
+                _mm256_div_ps(_mm256_mul_ps(_mm256_mul_ps(h, e), _mm256_sub_ps(two, e)), l);
+            walkedX = _mm256_blendv_ps(
+                walkedX,
+                _mm256_add_ps(walkedX, _mm256_mul_ps(_mm256_sub_ps(rawX, previousX), step)), moves);
+            walkedY = _mm256_blendv_ps(
+                walkedY,
+                _mm256_add_ps(walkedY, _mm256_mul_ps(_mm256_sub_ps(rawY, previousY), step)), moves);
+            walkedZ = _mm256_blendv_ps(
+                walkedZ,
+                _mm256_add_ps(walkedZ, _mm256_mul_ps(_mm256_sub_ps(rawZ, previousZ), step)), moves);
+            previousX = rawX;
+            previousY = rawY;
+            previousZ = rawZ;
+            _mm256_store_ps(x, walkedX);
+            _mm256_store_ps(y, walkedY);
+            _mm256_store_ps(z, walkedZ);
+        }
+        _mm256_store_ps(g.lx, rootX);
+        _mm256_store_ps(g.ly, rootY);
+        _mm256_store_ps(g.lz, rootZ);
+        laneSegmentsWide(g, samples);
+    } else if (preserveLength) {
+        // 6., the curve's length summed in order, then scaled about the root where it may be.
+        __m256 total = zero;
+        for (std::size_t j = 1; j < samples; ++j)
+            total = _mm256_add_ps(total, _mm256_load_ps(g.segment + j * kGroupLanes));
+        const __m256 scales = _mm256_and_ps(_mm256_cmp_ps(total, _mm256_set1_ps(1e-8f), _CMP_GT_OQ),
+                                            _mm256_cmp_ps(guideLength, zero, _CMP_GT_OQ));
+        if (_mm256_movemask_ps(scales) != 0) {
+            // std::min(G / T, 2): 2 where 2 < it, else it.
+            const __m256 scale =
+                _mm256_min_ps(_mm256_set1_ps(2.0f), _mm256_div_ps(guideLength, total));
+            for (std::size_t j = 0; j < samples; ++j) {
+                float* const x = g.lx + j * kGroupLanes;
+                float* const y = g.ly + j * kGroupLanes;
+                float* const z = g.lz + j * kGroupLanes;
+                const __m256 sx = _mm256_load_ps(x), sy = _mm256_load_ps(y), sz = _mm256_load_ps(z);
+                _mm256_store_ps(
+                    x, _mm256_blendv_ps(
+                           sx, _mm256_add_ps(rootX, _mm256_mul_ps(_mm256_sub_ps(sx, rootX), scale)),
+                           scales));
+                _mm256_store_ps(
+                    y, _mm256_blendv_ps(
+                           sy, _mm256_add_ps(rootY, _mm256_mul_ps(_mm256_sub_ps(sy, rootY), scale)),
+                           scales));
+                _mm256_store_ps(
+                    z, _mm256_blendv_ps(
+                           sz, _mm256_add_ps(rootZ, _mm256_mul_ps(_mm256_sub_ps(sz, rootZ), scale)),
+                           scales));
+            }
+            laneSegmentsWide(g, samples);
+        }
+    }
+
+    // 7. The running arc lengths, summed in order.
+    __m256 total = zero;
+    _mm256_store_ps(g.arc, zero);
+    for (std::size_t j = 1; j < samples; ++j) {
+        total = _mm256_add_ps(total, _mm256_load_ps(g.segment + j * kGroupLanes));
+        _mm256_store_ps(g.arc + j * kGroupLanes, total);
+    }
+    // A table of numbers only grows, so the walk's segment for a point is the last sample at or
+    // before it, which the scan below finds; with infinities or NaN in it, the walk decides.
+    if (_mm256_movemask_ps(_mm256_cmp_ps(_mm256_sub_ps(total, total), zero, _CMP_EQ_OQ)) != 0xFF)
+        return false;
+    // The points' arc positions only grow too: each scan starts at the last sample that every
+    // lane had passed for the point before, and stops where no lane passes the next one.
+    const __m256 count = _mm256_set1_ps(static_cast<float>(points - 1));
+    std::size_t passed = 0;
+    for (std::size_t i = 1; i < points; ++i) {
+        const __m256 at =
+            _mm256_div_ps(_mm256_mul_ps(total, _mm256_set1_ps(static_cast<float>(i))), count);
+        std::size_t j = passed;
+        __m256 arcLo = _mm256_load_ps(g.arc + j * kGroupLanes);
+        __m256 arcHi = _mm256_load_ps(g.arc + (j + 1) * kGroupLanes);
+        __m256 xLo = _mm256_load_ps(g.lx + j * kGroupLanes);
+        __m256 xHi = _mm256_load_ps(g.lx + (j + 1) * kGroupLanes);
+        __m256 yLo = _mm256_load_ps(g.ly + j * kGroupLanes);
+        __m256 yHi = _mm256_load_ps(g.ly + (j + 1) * kGroupLanes);
+        __m256 zLo = _mm256_load_ps(g.lz + j * kGroupLanes);
+        __m256 zHi = _mm256_load_ps(g.lz + (j + 1) * kGroupLanes);
+        for (++j; j + 1 < samples; ++j) {
+            const __m256 past =
+                _mm256_cmp_ps(_mm256_load_ps(g.arc + j * kGroupLanes), at, _CMP_LE_OQ);
+            const int lanes = _mm256_movemask_ps(past);
+            if (lanes == 0) break;
+            if (lanes == 0xFF) passed = j;
+            const std::size_t lo = j * kGroupLanes, hi = (j + 1) * kGroupLanes;
+            arcLo = _mm256_blendv_ps(arcLo, _mm256_load_ps(g.arc + lo), past);
+            arcHi = _mm256_blendv_ps(arcHi, _mm256_load_ps(g.arc + hi), past);
+            xLo = _mm256_blendv_ps(xLo, _mm256_load_ps(g.lx + lo), past);
+            xHi = _mm256_blendv_ps(xHi, _mm256_load_ps(g.lx + hi), past);
+            yLo = _mm256_blendv_ps(yLo, _mm256_load_ps(g.ly + lo), past);
+            yHi = _mm256_blendv_ps(yHi, _mm256_load_ps(g.ly + hi), past);
+            zLo = _mm256_blendv_ps(zLo, _mm256_load_ps(g.lz + lo), past);
+            zHi = _mm256_blendv_ps(zHi, _mm256_load_ps(g.lz + hi), past);
+        }
+        const __m256 span = _mm256_sub_ps(arcHi, arcLo);
+        const __m256 f = _mm256_and_ps(_mm256_cmp_ps(span, zero, _CMP_GT_OQ),
+                                       _mm256_div_ps(_mm256_sub_ps(at, arcLo), span));
+        storeLanePoints(_mm256_add_ps(xLo, _mm256_mul_ps(_mm256_sub_ps(xHi, xLo), f)),
+                        _mm256_add_ps(yLo, _mm256_mul_ps(_mm256_sub_ps(yHi, yLo), f)),
+                        _mm256_add_ps(zLo, _mm256_mul_ps(_mm256_sub_ps(zHi, zLo), f)), out, i,
+                        i + 1 == points);
+    }
+    return true;
 }
 #endif
 
@@ -432,7 +721,8 @@ InterpolateGuideRows makeGuideRows(std::span<const Guide* const> guides, const S
 
 void shapeStrands(const InterpolateState& state, const InterpolateGuideRows& rows,
                   const ShapeSettings& settings, const StrandSet& in, std::span<Vec3f> outPoints,
-                  std::span<float> influence, std::span<const std::uint64_t> only) {
+                  std::span<float> influence, std::span<const std::uint64_t> only,
+                  ShapeLanes lanesWanted) {
     const std::size_t samples = rows.sampleCount;
     const std::span<const Vec3f> points = in.points();
     const std::span<const std::uint64_t> offsets = in.offsets();
@@ -452,11 +742,12 @@ void shapeStrands(const InterpolateState& state, const InterpolateGuideRows& row
         planar = laidOut.data();
     }
     const bool wide = wideLanesUsable();
-    const auto blend = [&](std::span<const BlendTerm> terms, const Vec3f& root, ShapeScratch& c) {
+    const auto blend = [&](std::span<const BlendTerm> terms, const Vec3f& root, float* x, float* y,
+                           float* z) {
 #if VELMORIN_INTERPOLATE_AVX
-        if (wide) return blendRowsWide(terms, stride, lanes, root, c);
+        if (wide) return blendRowsWide(terms, stride, lanes, root, x, y, z);
 #endif
-        blendRows(terms, stride, lanes, root, c);
+        blendRows(terms, stride, lanes, root, x, y, z);
     };
     const auto measure = [&](ShapeScratch& c) {
 #if VELMORIN_INTERPOLATE_AVX
@@ -465,6 +756,35 @@ void shapeStrands(const InterpolateState& state, const InterpolateGuideRows& row
         segmentLengths(c, lanes, c.segment);
     };
     (void)wide;
+    const auto influenceOf = [&](const BindingChunk& chunk, std::size_t k) {
+        if (!(limit > 0.0f)) return 1.0f;
+        const float t = std::sqrt(chunk.nearest2[k]) / limit;
+        return t >= 1.0f || !(t == t) ? 0.0f
+                                      : std::clamp(settings.falloff.at(t), 0.0f, 1.0f) *
+                                            std::min((1.0f - t) * 20.0f, 1.0f);
+    };
+    // 3-4 begin here: each record's weight, guide row and turn are read once, in the same pass
+    // that sums the guides' blended length, which it returns (take length needs the length
+    // alone).
+    const auto setUpTerms = [&](const BindingChunk& chunk, std::size_t k, std::size_t s,
+                                std::vector<BlendTerm>& terms) {
+        const std::uint32_t first = chunk.recordStart[k], end = chunk.recordStart[k + 1];
+        const Vec3f normal = hasNormals ? state.strandNormals[s] : Vec3f{};
+        const bool strandTurns = lengthSquared(normal) > 0.0f;
+        if (terms.size() < end - first) terms.resize(end - first);
+        float guideLength = 0.0f;
+        for (std::uint32_t r = first; r < end; ++r) {
+            const std::uint32_t g = chunk.guides[r];
+            BlendTerm& term = terms[r - first];
+            term.weight = (static_cast<float>(chunk.weights[r]) + 1.0f) / 65536.0f;
+            guideLength += term.weight * rows.lengths[g];
+            if (settings.takeLength) continue;  // its own shape: no blend, no turns
+            term.row = planar + static_cast<std::size_t>(g) * 3 * stride;
+            term.turns = strandTurns && rows.turns[g];
+            if (term.turns) term.turn = turnBetween(rows.normals[g], normal);
+        }
+        return guideLength;
+    };
     const auto body = [&](const BindingChunk& chunk, std::size_t k, std::size_t s,
                           ShapeScratch& c) {
         const std::size_t begin = offsets[s];
@@ -476,34 +796,13 @@ void shapeStrands(const InterpolateState& state, const InterpolateGuideRows& row
             if (writesAll) std::copy(incoming.begin(), incoming.end(), out.begin());
         };
         // 1. Influence.
-        float amount = 1.0f;
-        if (limit > 0.0f) {
-            const float t = std::sqrt(chunk.nearest2[k]) / limit;
-            amount = t >= 1.0f || !(t == t) ? 0.0f
-                                            : std::clamp(settings.falloff.at(t), 0.0f, 1.0f) *
-                                                  std::min((1.0f - t) * 20.0f, 1.0f);
-        }
+        const float amount = influenceOf(chunk, k);
         if (!influence.empty()) influence[s] = first == end ? 0.0f : amount;
         // 2. Strands nothing shapes keep their points.
         if (first == end || amount <= 0.0f || n < 2 || samples < 2) return keep();
 
         const Vec3f root = incoming[0];
-        // 3-4 begin here too: each record's weight, guide row and turn are read once, in the
-        // same pass that sums the guides' blended length (take length needs the length alone).
-        const Vec3f normal = hasNormals ? state.strandNormals[s] : Vec3f{};
-        const bool strandTurns = lengthSquared(normal) > 0.0f;
-        if (c.terms.size() < end - first) c.terms.resize(end - first);
-        float guideLength = 0.0f;
-        for (std::uint32_t r = first; r < end; ++r) {
-            const std::uint32_t g = chunk.guides[r];
-            BlendTerm& term = c.terms[r - first];
-            term.weight = (static_cast<float>(chunk.weights[r]) + 1.0f) / 65536.0f;
-            guideLength += term.weight * rows.lengths[g];
-            if (settings.takeLength) continue;  // its own shape: no blend, no turns
-            term.row = planar + static_cast<std::size_t>(g) * 3 * stride;
-            term.turns = strandTurns && rows.turns[g];
-            if (term.turns) term.turn = turnBetween(rows.normals[g], normal);
-        }
+        const float guideLength = setUpTerms(chunk, k, s, c.terms);
         const std::size_t termCount = end - first;
 
         if (settings.takeLength) {
@@ -533,7 +832,7 @@ void shapeStrands(const InterpolateState& state, const InterpolateGuideRows& row
 
         // 3-4. The guides' offsets turned into the strand's frame and blended. Sample 0 of
         // every row is zero, so the blend's sample 0 is the root.
-        blend(std::span<const BlendTerm>(c.terms.data(), termCount), root, c);
+        blend(std::span<const BlendTerm>(c.terms.data(), termCount), root, c.x, c.y, c.z);
         float* const x = c.x;
         float* const y = c.y;
         float* const z = c.z;
@@ -589,24 +888,121 @@ void shapeStrands(const InterpolateState& state, const InterpolateGuideRows& row
                 out[i] = incoming[i] + (out[i] - incoming[i]) * amount;
         out[0] = root;
     };
+    // Strands that run side by side: shaped from a blend, with a binding and at least 2 points.
+    // The rest (and any left over from a group) take the one-strand path.
+#if VELMORIN_INTERPOLATE_AVX
+    const bool sideBySide =
+        lanesWanted == ShapeLanes::sideBySide && wide && samples >= 2 && !settings.takeLength;
+#else
+    const bool sideBySide = false;
+    (void)lanesWanted;
+#endif
+    const auto strandPoints = [&](std::size_t s) { return offsets[s + 1] - offsets[s]; };
+    const auto runsSideBySide = [&](const BindingChunk& chunk, std::size_t k, std::size_t s) {
+        return chunk.recordStart[k] != chunk.recordStart[k + 1] && strandPoints(s) >= 2 &&
+               influenceOf(chunk, k) > 0.0f;
+    };
+#if VELMORIN_INTERPOLATE_AVX
+    const auto runGroup = [&](const LaneEntry* group, std::size_t count, LaneScratch& g,
+                              ShapeScratch& c) {
+        const std::size_t n = strandPoints(group[0].strand);
+        Vec3f* outs[kGroupLanes];
+        float amounts[kGroupLanes];
+        for (std::size_t l = 0; l < count; ++l) {
+            const LaneEntry& e = group[l];
+            const BindingChunk& chunk = *e.chunk;
+            const std::uint32_t first = chunk.recordStart[e.k], end = chunk.recordStart[e.k + 1];
+            const Vec3f root = points[offsets[e.strand]];
+            g.rootX[l] = root.x;
+            g.rootY[l] = root.y;
+            g.rootZ[l] = root.z;
+            g.guideLength[l] = setUpTerms(chunk, e.k, e.strand, c.terms);
+            blendRowsWide(std::span<const BlendTerm>(c.terms.data(), end - first), stride, lanes,
+                          root, g.x[l], g.y[l], g.z[l]);
+            outs[l] = outPoints.data() + offsets[e.strand];
+            amounts[l] = influenceOf(chunk, e.k);
+        }
+        if (!shapeLanesWide(g, samples, n, settings.blendDirections, settings.preserveLength,
+                            outs)) {
+            for (std::size_t l = 0; l < count; ++l)
+                body(*group[l].chunk, group[l].k, group[l].strand, c);
+            return;
+        }
+        for (std::size_t l = 0; l < count; ++l) {
+            const std::size_t s = group[l].strand;
+            const Vec3f* incoming = points.data() + offsets[s];
+            Vec3f* out = outs[l];
+            // 8. Mixed with the incoming strand where the guides reach only partly.
+            if (amounts[l] < 1.0f)
+                for (std::size_t i = 1; i < n; ++i)
+                    out[i] = incoming[i] + (out[i] - incoming[i]) * amounts[l];
+            out[0] = incoming[0];
+            if (!influence.empty()) influence[s] = amounts[l];
+        }
+    };
+#endif
+    // Runs a range of strands (given as their chunk and index in it): strands that can run side
+    // by side wait in a group of their point count until it has one per lane; a strand whose
+    // point count finds no group open, while all are taken, sends the oldest group one by one.
+    const auto runRange = [&](auto&& strandAt, std::size_t begin, std::size_t end, ShapeScratch& c,
+                              LaneScratch& lanesScratch) {
+        (void)lanesScratch;
+        if (!sideBySide) {
+            for (std::size_t i = begin; i < end; ++i) {
+                const LaneEntry e = strandAt(i);
+                body(*e.chunk, e.k, e.strand, c);
+            }
+            return;
+        }
+#if VELMORIN_INTERPOLATE_AVX
+        LaneGroups groups;
+        for (std::size_t i = begin; i < end; ++i) {
+            const LaneEntry e = strandAt(i);
+            if (!runsSideBySide(*e.chunk, e.k, e.strand)) {
+                body(*e.chunk, e.k, e.strand, c);
+                continue;
+            }
+            LaneGroup& group = groups.groupFor(strandPoints(e.strand), [&](LaneGroup& oldest) {
+                for (std::size_t l = 0; l < oldest.count; ++l)
+                    body(*oldest.entries[l].chunk, oldest.entries[l].k, oldest.entries[l].strand,
+                         c);
+            });
+            group.entries[group.count++] = e;
+            if (group.count == kGroupLanes) {
+                runGroup(group.entries, group.count, lanesScratch, c);
+                group.count = 0;
+            }
+        }
+        for (const LaneGroup& group : groups.open())
+            for (std::size_t l = 0; l < group.count; ++l)
+                body(*group.entries[l].chunk, group.entries[l].k, group.entries[l].strand, c);
+#endif
+    };
     if (only.empty()) {
         parallelRange(0, state.binding.chunks.size(), 1, [&](std::size_t begin, std::size_t end) {
-            ShapeScratch scratch;
-            for (std::size_t c = begin; c < end; ++c) {
-                const BindingChunk& chunk = *state.binding.chunks[c];
-                for (std::size_t k = 0; k < chunk.strandCount(); ++k)
-                    body(chunk, k, chunk.firstStrand + k, scratch);
+            ShapeScratch c;
+            LaneScratch lanesScratch;
+            for (std::size_t ci = begin; ci < end; ++ci) {
+                const BindingChunk& chunk = *state.binding.chunks[ci];
+                runRange(
+                    [&](std::size_t k) {
+                        return LaneEntry{&chunk, k, chunk.firstStrand + k};
+                    },
+                    0, chunk.strandCount(), c, lanesScratch);
             }
         });
         return;
     }
     parallelRange(0, only.size(), kBindingChunkStrands, [&](std::size_t begin, std::size_t end) {
-        ShapeScratch scratch;
-        for (std::size_t i = begin; i < end; ++i) {
-            const std::size_t s = only[i];
-            const BindingChunk& chunk = *state.binding.chunks[s / kBindingChunkStrands];
-            body(chunk, s - chunk.firstStrand, s, scratch);
-        }
+        ShapeScratch c;
+        LaneScratch lanesScratch;
+        runRange(
+            [&](std::size_t i) {
+                const std::size_t s = only[i];
+                const BindingChunk& chunk = *state.binding.chunks[s / kBindingChunkStrands];
+                return LaneEntry{&chunk, s - chunk.firstStrand, s};
+            },
+            begin, end, c, lanesScratch);
     });
 }
 
