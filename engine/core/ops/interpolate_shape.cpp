@@ -374,6 +374,12 @@ class LaneGroups {
 };
 
 #if VELMORIN_INTERPOLATE_AVX
+// b in the lanes where `mask` is set, else a. Bitwise, where GCC 12 takes a blend of a mask it
+// can see for a test per lane and rebuilds the mask lane by lane.
+__attribute__((target("avx"), always_inline)) inline __m256 pick(__m256 a, __m256 b, __m256 mask) {
+    return _mm256_or_ps(_mm256_and_ps(mask, b), _mm256_andnot_ps(mask, a));
+}
+
 // Turns eight rows of eight floats (row l at rows + l * rowStride) into eight columns: column j
 // holds element j of every row, stored at columns + j * kGroupLanes.
 __attribute__((target("avx"))) void transposeEight(const float* rows, std::size_t rowStride,
@@ -490,13 +496,13 @@ __attribute__((target("avx"))) bool shapeLanesWide(LaneScratch& g, std::size_t s
             const __m256 e = _mm256_min_ps(one, _mm256_div_ps(l, halfH));
             const __m256 step =
                 _mm256_div_ps(_mm256_mul_ps(_mm256_mul_ps(h, e), _mm256_sub_ps(two, e)), l);
-            walkedX = _mm256_blendv_ps(
+            walkedX = pick(
                 walkedX,
                 _mm256_add_ps(walkedX, _mm256_mul_ps(_mm256_sub_ps(rawX, previousX), step)), moves);
-            walkedY = _mm256_blendv_ps(
+            walkedY = pick(
                 walkedY,
                 _mm256_add_ps(walkedY, _mm256_mul_ps(_mm256_sub_ps(rawY, previousY), step)), moves);
-            walkedZ = _mm256_blendv_ps(
+            walkedZ = pick(
                 walkedZ,
                 _mm256_add_ps(walkedZ, _mm256_mul_ps(_mm256_sub_ps(rawZ, previousZ), step)), moves);
             previousX = rawX;
@@ -527,17 +533,17 @@ __attribute__((target("avx"))) bool shapeLanesWide(LaneScratch& g, std::size_t s
                 float* const z = g.lz + j * kGroupLanes;
                 const __m256 sx = _mm256_load_ps(x), sy = _mm256_load_ps(y), sz = _mm256_load_ps(z);
                 _mm256_store_ps(
-                    x, _mm256_blendv_ps(
-                           sx, _mm256_add_ps(rootX, _mm256_mul_ps(_mm256_sub_ps(sx, rootX), scale)),
-                           scales));
+                    x,
+                    pick(sx, _mm256_add_ps(rootX, _mm256_mul_ps(_mm256_sub_ps(sx, rootX), scale)),
+                         scales));
                 _mm256_store_ps(
-                    y, _mm256_blendv_ps(
-                           sy, _mm256_add_ps(rootY, _mm256_mul_ps(_mm256_sub_ps(sy, rootY), scale)),
-                           scales));
+                    y,
+                    pick(sy, _mm256_add_ps(rootY, _mm256_mul_ps(_mm256_sub_ps(sy, rootY), scale)),
+                         scales));
                 _mm256_store_ps(
-                    z, _mm256_blendv_ps(
-                           sz, _mm256_add_ps(rootZ, _mm256_mul_ps(_mm256_sub_ps(sz, rootZ), scale)),
-                           scales));
+                    z,
+                    pick(sz, _mm256_add_ps(rootZ, _mm256_mul_ps(_mm256_sub_ps(sz, rootZ), scale)),
+                         scales));
             }
             laneSegmentsWide(g, samples);
         }
@@ -571,20 +577,21 @@ __attribute__((target("avx"))) bool shapeLanesWide(LaneScratch& g, std::size_t s
         __m256 zLo = _mm256_load_ps(g.lz + j * kGroupLanes);
         __m256 zHi = _mm256_load_ps(g.lz + (j + 1) * kGroupLanes);
         for (++j; j + 1 < samples; ++j) {
-            const __m256 past =
+            const __m256 passes =
                 _mm256_cmp_ps(_mm256_load_ps(g.arc + j * kGroupLanes), at, _CMP_LE_OQ);
+            const __m256 past = passes;
             const int lanes = _mm256_movemask_ps(past);
             if (lanes == 0) break;
             if (lanes == 0xFF) passed = j;
             const std::size_t lo = j * kGroupLanes, hi = (j + 1) * kGroupLanes;
-            arcLo = _mm256_blendv_ps(arcLo, _mm256_load_ps(g.arc + lo), past);
-            arcHi = _mm256_blendv_ps(arcHi, _mm256_load_ps(g.arc + hi), past);
-            xLo = _mm256_blendv_ps(xLo, _mm256_load_ps(g.lx + lo), past);
-            xHi = _mm256_blendv_ps(xHi, _mm256_load_ps(g.lx + hi), past);
-            yLo = _mm256_blendv_ps(yLo, _mm256_load_ps(g.ly + lo), past);
-            yHi = _mm256_blendv_ps(yHi, _mm256_load_ps(g.ly + hi), past);
-            zLo = _mm256_blendv_ps(zLo, _mm256_load_ps(g.lz + lo), past);
-            zHi = _mm256_blendv_ps(zHi, _mm256_load_ps(g.lz + hi), past);
+            arcLo = pick(arcLo, _mm256_load_ps(g.arc + lo), past);
+            arcHi = pick(arcHi, _mm256_load_ps(g.arc + hi), past);
+            xLo = pick(xLo, _mm256_load_ps(g.lx + lo), past);
+            xHi = pick(xHi, _mm256_load_ps(g.lx + hi), past);
+            yLo = pick(yLo, _mm256_load_ps(g.ly + lo), past);
+            yHi = pick(yHi, _mm256_load_ps(g.ly + hi), past);
+            zLo = pick(zLo, _mm256_load_ps(g.lz + lo), past);
+            zHi = pick(zHi, _mm256_load_ps(g.lz + hi), past);
         }
         const __m256 span = _mm256_sub_ps(arcHi, arcLo);
         const __m256 f = _mm256_and_ps(_mm256_cmp_ps(span, zero, _CMP_GT_OQ),
