@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 #include <set>
+#include <utility>
 
 #if defined(__SSE2__) || defined(_M_X64)
 #include <emmintrin.h>
@@ -330,20 +331,13 @@ struct LaneScratch {
     alignas(32) float guideLength[kGroupLanes];
 };
 
-// A strand waiting to run side by side: its chunk, its index there and in the set.
-struct LaneEntry {
-    const BindingChunk* chunk = nullptr;
-    std::size_t k = 0;
-    std::size_t strand = 0;
-};
-
 // Strands waiting for a group of their point count to fill. Mixed point counts are rare, so a
 // few groups stay open at once; a count that finds none open when all are taken closes the one
 // opened first, whose strands then run one by one.
 struct LaneGroup {
     std::size_t points = 0;
     std::size_t count = 0;
-    LaneEntry entries[kGroupLanes];
+    std::size_t strands[kGroupLanes];
 };
 
 class LaneGroups {
@@ -905,38 +899,47 @@ void shapeStrands(const InterpolateState& state, const InterpolateGuideRows& row
     (void)lanesWanted;
 #endif
     const auto strandPoints = [&](std::size_t s) { return offsets[s + 1] - offsets[s]; };
-    const auto runsSideBySide = [&](const BindingChunk& chunk, std::size_t k, std::size_t s) {
+    // The strand's chunk of the binding and its index there.
+    const auto bindingOf = [&](std::size_t s) -> std::pair<const BindingChunk&, std::size_t> {
+        const BindingChunk& chunk = *state.binding.chunks[s / kBindingChunkStrands];
+        return {chunk, s - chunk.firstStrand};
+    };
+    const auto oneByOne = [&](std::size_t s, ShapeScratch& c) {
+        const auto [chunk, k] = bindingOf(s);
+        body(chunk, k, s, c);
+    };
+#if VELMORIN_INTERPOLATE_AVX
+    const auto runsSideBySide = [&](std::size_t s) {
+        const auto [chunk, k] = bindingOf(s);
         return chunk.recordStart[k] != chunk.recordStart[k + 1] && strandPoints(s) >= 2 &&
                influenceOf(chunk, k) > 0.0f;
     };
-#if VELMORIN_INTERPOLATE_AVX
-    const auto runGroup = [&](const LaneEntry* group, std::size_t count, LaneScratch& g,
-                              ShapeScratch& c) {
-        const std::size_t n = strandPoints(group[0].strand);
+    const auto runGroup = [&](const std::size_t* group, LaneScratch& g, ShapeScratch& c) {
+        const std::size_t n = strandPoints(group[0]);
         Vec3f* outs[kGroupLanes];
         float amounts[kGroupLanes];
-        for (std::size_t l = 0; l < count; ++l) {
-            const LaneEntry& e = group[l];
-            const BindingChunk& chunk = *e.chunk;
-            const std::uint32_t first = chunk.recordStart[e.k], end = chunk.recordStart[e.k + 1];
-            const Vec3f root = points[offsets[e.strand]];
+        for (std::size_t l = 0; l < kGroupLanes; ++l) {
+            const std::size_t s = group[l];
+            const auto [chunk, k] = bindingOf(s);
+            const std::uint32_t first = chunk.recordStart[k], end = chunk.recordStart[k + 1];
+            const Vec3f root = points[offsets[s]];
             g.rootX[l] = root.x;
             g.rootY[l] = root.y;
             g.rootZ[l] = root.z;
-            g.guideLength[l] = setUpTerms(chunk, e.k, e.strand, c.terms);
+            g.guideLength[l] = setUpTerms(chunk, k, s, c.terms);
             blendRowsWide(std::span<const BlendTerm>(c.terms.data(), end - first), stride, lanes,
                           root, g.x[l], g.y[l], g.z[l]);
-            outs[l] = outPoints.data() + offsets[e.strand];
-            amounts[l] = influenceOf(chunk, e.k);
+            outs[l] = outPoints.data() + offsets[s];
+            amounts[l] = influenceOf(chunk, k);
         }
         if (!shapeLanesWide(g, samples, n, settings.blendDirections, settings.preserveLength,
                             outs)) {
-            for (std::size_t l = 0; l < count; ++l)
-                body(*group[l].chunk, group[l].k, group[l].strand, c);
+            for (std::size_t l = 0; l < kGroupLanes; ++l)
+                oneByOne(group[l], c);
             return;
         }
-        for (std::size_t l = 0; l < count; ++l) {
-            const std::size_t s = group[l].strand;
+        for (std::size_t l = 0; l < kGroupLanes; ++l) {
+            const std::size_t s = group[l];
             const Vec3f* incoming = points.data() + offsets[s];
             Vec3f* out = outs[l];
             // 8. Mixed with the incoming strand where the guides reach only partly.
@@ -948,41 +951,38 @@ void shapeStrands(const InterpolateState& state, const InterpolateGuideRows& row
         }
     };
 #endif
-    // Runs a range of strands (given as their chunk and index in it): strands that can run side
-    // by side wait in a group of their point count until it has one per lane; a strand whose
-    // point count finds no group open, while all are taken, sends the oldest group one by one.
+    // Runs a range of strands (`strandAt` gives each one's index): strands that can run side by
+    // side wait in a group of their point count until it has one per lane; a strand whose point
+    // count finds no group open, while all are taken, sends the oldest group one by one.
     const auto runRange = [&](auto&& strandAt, std::size_t begin, std::size_t end, ShapeScratch& c,
                               LaneScratch& lanesScratch) {
         (void)lanesScratch;
         if (!sideBySide) {
-            for (std::size_t i = begin; i < end; ++i) {
-                const LaneEntry e = strandAt(i);
-                body(*e.chunk, e.k, e.strand, c);
-            }
+            for (std::size_t i = begin; i < end; ++i)
+                oneByOne(strandAt(i), c);
             return;
         }
 #if VELMORIN_INTERPOLATE_AVX
         LaneGroups groups;
         for (std::size_t i = begin; i < end; ++i) {
-            const LaneEntry e = strandAt(i);
-            if (!runsSideBySide(*e.chunk, e.k, e.strand)) {
-                body(*e.chunk, e.k, e.strand, c);
+            const std::size_t s = strandAt(i);
+            if (!runsSideBySide(s)) {
+                oneByOne(s, c);
                 continue;
             }
-            LaneGroup& group = groups.groupFor(strandPoints(e.strand), [&](LaneGroup& oldest) {
+            LaneGroup& group = groups.groupFor(strandPoints(s), [&](LaneGroup& oldest) {
                 for (std::size_t l = 0; l < oldest.count; ++l)
-                    body(*oldest.entries[l].chunk, oldest.entries[l].k, oldest.entries[l].strand,
-                         c);
+                    oneByOne(oldest.strands[l], c);
             });
-            group.entries[group.count++] = e;
+            group.strands[group.count++] = s;
             if (group.count == kGroupLanes) {
-                runGroup(group.entries, group.count, lanesScratch, c);
+                runGroup(group.strands, lanesScratch, c);
                 group.count = 0;
             }
         }
         for (const LaneGroup& group : groups.open())
             for (std::size_t l = 0; l < group.count; ++l)
-                body(*group.entries[l].chunk, group.entries[l].k, group.entries[l].strand, c);
+                oneByOne(group.strands[l], c);
 #endif
     };
     if (only.empty()) {
@@ -991,11 +991,8 @@ void shapeStrands(const InterpolateState& state, const InterpolateGuideRows& row
             LaneScratch lanesScratch;
             for (std::size_t ci = begin; ci < end; ++ci) {
                 const BindingChunk& chunk = *state.binding.chunks[ci];
-                runRange(
-                    [&](std::size_t k) {
-                        return LaneEntry{&chunk, k, chunk.firstStrand + k};
-                    },
-                    0, chunk.strandCount(), c, lanesScratch);
+                runRange([&](std::size_t k) { return chunk.firstStrand + k; }, 0,
+                         chunk.strandCount(), c, lanesScratch);
             }
         });
         return;
@@ -1003,13 +1000,8 @@ void shapeStrands(const InterpolateState& state, const InterpolateGuideRows& row
     parallelRange(0, only.size(), kBindingChunkStrands, [&](std::size_t begin, std::size_t end) {
         ShapeScratch c;
         LaneScratch lanesScratch;
-        runRange(
-            [&](std::size_t i) {
-                const std::size_t s = only[i];
-                const BindingChunk& chunk = *state.binding.chunks[s / kBindingChunkStrands];
-                return LaneEntry{&chunk, s - chunk.firstStrand, s};
-            },
-            begin, end, c, lanesScratch);
+        runRange([&](std::size_t i) { return static_cast<std::size_t>(only[i]); }, begin, end, c,
+                 lanesScratch);
     });
 }
 
