@@ -367,6 +367,169 @@ class LaneGroups {
     std::size_t oldest_ = 0;
 };
 
+#if VELMORIN_INTERPOLATE_SSE2
+// The same four strands at a time with SSE, where the processor lacks AVX (or a test asks):
+// lanes four floats apart in the same scratch, and the same operations in the same order.
+constexpr std::size_t kFourLanes = kLanes;
+
+inline __m128 pickFour(__m128 a, __m128 b, __m128 mask) {
+    return _mm_or_ps(_mm_and_ps(mask, b), _mm_andnot_ps(mask, a));
+}
+
+void laneSegmentsFour(LaneScratch& g, std::size_t samples) {
+    __m128 px = _mm_load_ps(g.lx), py = _mm_load_ps(g.ly), pz = _mm_load_ps(g.lz);
+    for (std::size_t j = 1; j < samples; ++j) {
+        const __m128 nx = _mm_load_ps(g.lx + j * kFourLanes),
+                     ny = _mm_load_ps(g.ly + j * kFourLanes),
+                     nz = _mm_load_ps(g.lz + j * kFourLanes);
+        const __m128 dx = _mm_sub_ps(nx, px), dy = _mm_sub_ps(ny, py), dz = _mm_sub_ps(nz, pz);
+        const __m128 d2 =
+            _mm_add_ps(_mm_add_ps(_mm_mul_ps(dx, dx), _mm_mul_ps(dy, dy)), _mm_mul_ps(dz, dz));
+        _mm_store_ps(g.segment + j * kFourLanes, _mm_sqrt_ps(d2));
+        px = nx;
+        py = ny;
+        pz = nz;
+    }
+}
+
+bool shapeLanesFour(LaneScratch& g, std::size_t samples, std::size_t points, bool directions,
+                    bool preserveLength, Vec3f* const* out) {
+    for (std::size_t j = 0; j < samples; j += kFourLanes) {
+        float* const columns[3] = {g.lx + j * kFourLanes, g.ly + j * kFourLanes,
+                                   g.lz + j * kFourLanes};
+        float(*const rows[3])[kPaddedSamples] = {g.x, g.y, g.z};
+        for (std::size_t axis = 0; axis < 3; ++axis) {
+            __m128 r0 = _mm_load_ps(&rows[axis][0][j]), r1 = _mm_load_ps(&rows[axis][1][j]),
+                   r2 = _mm_load_ps(&rows[axis][2][j]), r3 = _mm_load_ps(&rows[axis][3][j]);
+            _MM_TRANSPOSE4_PS(r0, r1, r2, r3);
+            _mm_store_ps(columns[axis], r0);
+            _mm_store_ps(columns[axis] + 4, r1);
+            _mm_store_ps(columns[axis] + 8, r2);
+            _mm_store_ps(columns[axis] + 12, r3);
+        }
+    }
+    const __m128 rootX = _mm_load_ps(g.rootX), rootY = _mm_load_ps(g.rootY),
+                 rootZ = _mm_load_ps(g.rootZ);
+    const __m128 guideLength = _mm_load_ps(g.guideLength);
+    const __m128 zero = _mm_setzero_ps(), one = _mm_set1_ps(1.0f);
+    laneSegmentsFour(g, samples);
+    if (directions) {
+        const __m128 h = _mm_div_ps(guideLength, _mm_set1_ps(static_cast<float>(samples - 1)));
+        const __m128 halfH = _mm_mul_ps(_mm_set1_ps(0.5f), h);
+        const __m128 two = _mm_set1_ps(2.0f);
+        const __m128 stepping = _mm_cmpgt_ps(h, zero);
+        __m128 previousX = _mm_load_ps(g.lx), previousY = _mm_load_ps(g.ly),
+               previousZ = _mm_load_ps(g.lz);
+        __m128 walkedX = rootX, walkedY = rootY, walkedZ = rootZ;
+        for (std::size_t j = 1; j < samples; ++j) {
+            float* const x = g.lx + j * kFourLanes;
+            float* const y = g.ly + j * kFourLanes;
+            float* const z = g.lz + j * kFourLanes;
+            const __m128 rawX = _mm_load_ps(x), rawY = _mm_load_ps(y), rawZ = _mm_load_ps(z);
+            const __m128 l = _mm_load_ps(g.segment + j * kFourLanes);
+            const __m128 moves = _mm_and_ps(_mm_cmpgt_ps(l, zero), stepping);
+            const __m128 e = _mm_min_ps(one, _mm_div_ps(l, halfH));
+            const __m128 step = _mm_div_ps(_mm_mul_ps(_mm_mul_ps(h, e), _mm_sub_ps(two, e)), l);
+            walkedX = pickFour(
+                walkedX, _mm_add_ps(walkedX, _mm_mul_ps(_mm_sub_ps(rawX, previousX), step)), moves);
+            walkedY = pickFour(
+                walkedY, _mm_add_ps(walkedY, _mm_mul_ps(_mm_sub_ps(rawY, previousY), step)), moves);
+            walkedZ = pickFour(
+                walkedZ, _mm_add_ps(walkedZ, _mm_mul_ps(_mm_sub_ps(rawZ, previousZ), step)), moves);
+            previousX = rawX;
+            previousY = rawY;
+            previousZ = rawZ;
+            _mm_store_ps(x, walkedX);
+            _mm_store_ps(y, walkedY);
+            _mm_store_ps(z, walkedZ);
+        }
+        _mm_store_ps(g.lx, rootX);
+        _mm_store_ps(g.ly, rootY);
+        _mm_store_ps(g.lz, rootZ);
+        laneSegmentsFour(g, samples);
+    } else if (preserveLength) {
+        __m128 total = zero;
+        for (std::size_t j = 1; j < samples; ++j)
+            total = _mm_add_ps(total, _mm_load_ps(g.segment + j * kFourLanes));
+        const __m128 scales =
+            _mm_and_ps(_mm_cmpgt_ps(total, _mm_set1_ps(1e-8f)), _mm_cmpgt_ps(guideLength, zero));
+        if (_mm_movemask_ps(scales) != 0) {
+            const __m128 scale = _mm_min_ps(_mm_set1_ps(2.0f), _mm_div_ps(guideLength, total));
+            for (std::size_t j = 0; j < samples; ++j) {
+                float* const x = g.lx + j * kFourLanes;
+                float* const y = g.ly + j * kFourLanes;
+                float* const z = g.lz + j * kFourLanes;
+                const __m128 sx = _mm_load_ps(x), sy = _mm_load_ps(y), sz = _mm_load_ps(z);
+                _mm_store_ps(
+                    x, pickFour(sx, _mm_add_ps(rootX, _mm_mul_ps(_mm_sub_ps(sx, rootX), scale)),
+                                scales));
+                _mm_store_ps(
+                    y, pickFour(sy, _mm_add_ps(rootY, _mm_mul_ps(_mm_sub_ps(sy, rootY), scale)),
+                                scales));
+                _mm_store_ps(
+                    z, pickFour(sz, _mm_add_ps(rootZ, _mm_mul_ps(_mm_sub_ps(sz, rootZ), scale)),
+                                scales));
+            }
+            laneSegmentsFour(g, samples);
+        }
+    }
+    __m128 total = zero;
+    _mm_store_ps(g.arc, zero);
+    for (std::size_t j = 1; j < samples; ++j) {
+        total = _mm_add_ps(total, _mm_load_ps(g.segment + j * kFourLanes));
+        _mm_store_ps(g.arc + j * kFourLanes, total);
+    }
+    if (_mm_movemask_ps(_mm_cmpeq_ps(_mm_sub_ps(total, total), zero)) != 0xF) return false;
+    const __m128 count = _mm_set1_ps(static_cast<float>(points - 1));
+    std::size_t passed = 0;
+    for (std::size_t i = 1; i < points; ++i) {
+        const __m128 at = _mm_div_ps(_mm_mul_ps(total, _mm_set1_ps(static_cast<float>(i))), count);
+        std::size_t j = passed;
+        __m128 arcLo = _mm_load_ps(g.arc + j * kFourLanes);
+        __m128 arcHi = _mm_load_ps(g.arc + (j + 1) * kFourLanes);
+        __m128 xLo = _mm_load_ps(g.lx + j * kFourLanes);
+        __m128 xHi = _mm_load_ps(g.lx + (j + 1) * kFourLanes);
+        __m128 yLo = _mm_load_ps(g.ly + j * kFourLanes);
+        __m128 yHi = _mm_load_ps(g.ly + (j + 1) * kFourLanes);
+        __m128 zLo = _mm_load_ps(g.lz + j * kFourLanes);
+        __m128 zHi = _mm_load_ps(g.lz + (j + 1) * kFourLanes);
+        for (++j; j + 1 < samples; ++j) {
+            const __m128 past = _mm_cmple_ps(_mm_load_ps(g.arc + j * kFourLanes), at);
+            const int lanes = _mm_movemask_ps(past);
+            if (lanes == 0) break;
+            if (lanes == 0xF) passed = j;
+            const std::size_t lo = j * kFourLanes, hi = (j + 1) * kFourLanes;
+            arcLo = pickFour(arcLo, _mm_load_ps(g.arc + lo), past);
+            arcHi = pickFour(arcHi, _mm_load_ps(g.arc + hi), past);
+            xLo = pickFour(xLo, _mm_load_ps(g.lx + lo), past);
+            xHi = pickFour(xHi, _mm_load_ps(g.lx + hi), past);
+            yLo = pickFour(yLo, _mm_load_ps(g.ly + lo), past);
+            yHi = pickFour(yHi, _mm_load_ps(g.ly + hi), past);
+            zLo = pickFour(zLo, _mm_load_ps(g.lz + lo), past);
+            zHi = pickFour(zHi, _mm_load_ps(g.lz + hi), past);
+        }
+        const __m128 span = _mm_sub_ps(arcHi, arcLo);
+        const __m128 f =
+            _mm_and_ps(_mm_cmpgt_ps(span, zero), _mm_div_ps(_mm_sub_ps(at, arcLo), span));
+        __m128 p0 = _mm_add_ps(xLo, _mm_mul_ps(_mm_sub_ps(xHi, xLo), f));
+        __m128 p1 = _mm_add_ps(yLo, _mm_mul_ps(_mm_sub_ps(yHi, yLo), f));
+        __m128 p2 = _mm_add_ps(zLo, _mm_mul_ps(_mm_sub_ps(zHi, zLo), f));
+        __m128 p3 = zero;
+        _MM_TRANSPOSE4_PS(p0, p1, p2, p3);
+        const __m128 p[4] = {p0, p1, p2, p3};
+        for (std::size_t l = 0; l < kFourLanes; ++l) {
+            if (i + 1 < points) {
+                _mm_storeu_ps(&out[l][i].x, p[l]);
+            } else {
+                _mm_storel_pi(reinterpret_cast<__m64*>(&out[l][i].x), p[l]);
+                _mm_store_ss(&out[l][i].z, _mm_movehl_ps(p[l], p[l]));
+            }
+        }
+    }
+    return true;
+}
+#endif
+
 #if VELMORIN_INTERPOLATE_AVX
 // b in the lanes where `mask` is set, else a. Bitwise, where GCC 12 takes a blend of a mask it
 // can see for a test per lane and rebuilds the mask lane by lane.
@@ -891,11 +1054,14 @@ void shapeStrands(const InterpolateState& state, const InterpolateGuideRows& row
     };
     // Strands that run side by side: shaped from a blend, with a binding and at least 2 points.
     // The rest (and any left over from a group) take the one-strand path.
-#if VELMORIN_INTERPOLATE_AVX
-    const bool sideBySide =
-        lanesWanted == ShapeLanes::sideBySide && wide && samples >= 2 && !settings.takeLength;
+    // How many strands run side by side: eight with AVX, four with SSE, or none.
+#if VELMORIN_INTERPOLATE_SSE2
+    const std::size_t width =
+        lanesWanted == ShapeLanes::oneByOne || samples < 2 || settings.takeLength ? 0
+        : lanesWanted == ShapeLanes::widest && wide                               ? kGroupLanes
+                                                                                  : kFourLanes;
 #else
-    const bool sideBySide = false;
+    const std::size_t width = 0;
     (void)lanesWanted;
 #endif
     const auto strandPoints = [&](std::size_t s) { return offsets[s + 1] - offsets[s]; };
@@ -908,7 +1074,7 @@ void shapeStrands(const InterpolateState& state, const InterpolateGuideRows& row
         const auto [chunk, k] = bindingOf(s);
         body(chunk, k, s, c);
     };
-#if VELMORIN_INTERPOLATE_AVX
+#if VELMORIN_INTERPOLATE_SSE2
     const auto runsSideBySide = [&](std::size_t s) {
         const auto [chunk, k] = bindingOf(s);
         return chunk.recordStart[k] != chunk.recordStart[k + 1] && strandPoints(s) >= 2 &&
@@ -918,7 +1084,7 @@ void shapeStrands(const InterpolateState& state, const InterpolateGuideRows& row
         const std::size_t n = strandPoints(group[0]);
         Vec3f* outs[kGroupLanes];
         float amounts[kGroupLanes];
-        for (std::size_t l = 0; l < kGroupLanes; ++l) {
+        for (std::size_t l = 0; l < width; ++l) {
             const std::size_t s = group[l];
             const auto [chunk, k] = bindingOf(s);
             const std::uint32_t first = chunk.recordStart[k], end = chunk.recordStart[k + 1];
@@ -927,18 +1093,26 @@ void shapeStrands(const InterpolateState& state, const InterpolateGuideRows& row
             g.rootY[l] = root.y;
             g.rootZ[l] = root.z;
             g.guideLength[l] = setUpTerms(chunk, k, s, c.terms);
-            blendRowsWide(std::span<const BlendTerm>(c.terms.data(), end - first), stride, lanes,
-                          root, g.x[l], g.y[l], g.z[l]);
+            blend(std::span<const BlendTerm>(c.terms.data(), end - first), root, g.x[l], g.y[l],
+                  g.z[l]);
             outs[l] = outPoints.data() + offsets[s];
             amounts[l] = influenceOf(chunk, k);
         }
-        if (!shapeLanesWide(g, samples, n, settings.blendDirections, settings.preserveLength,
-                            outs)) {
-            for (std::size_t l = 0; l < kGroupLanes; ++l)
+        const auto shape = [&] {
+#if VELMORIN_INTERPOLATE_AVX
+            if (width == kGroupLanes)
+                return shapeLanesWide(g, samples, n, settings.blendDirections,
+                                      settings.preserveLength, outs);
+#endif
+            return shapeLanesFour(g, samples, n, settings.blendDirections, settings.preserveLength,
+                                  outs);
+        };
+        if (!shape()) {
+            for (std::size_t l = 0; l < width; ++l)
                 oneByOne(group[l], c);
             return;
         }
-        for (std::size_t l = 0; l < kGroupLanes; ++l) {
+        for (std::size_t l = 0; l < width; ++l) {
             const std::size_t s = group[l];
             const Vec3f* incoming = points.data() + offsets[s];
             Vec3f* out = outs[l];
@@ -957,12 +1131,12 @@ void shapeStrands(const InterpolateState& state, const InterpolateGuideRows& row
     const auto runRange = [&](auto&& strandAt, std::size_t begin, std::size_t end, ShapeScratch& c,
                               LaneScratch& lanesScratch) {
         (void)lanesScratch;
-        if (!sideBySide) {
+        if (width == 0) {
             for (std::size_t i = begin; i < end; ++i)
                 oneByOne(strandAt(i), c);
             return;
         }
-#if VELMORIN_INTERPOLATE_AVX
+#if VELMORIN_INTERPOLATE_SSE2
         LaneGroups groups;
         for (std::size_t i = begin; i < end; ++i) {
             const std::size_t s = strandAt(i);
@@ -975,7 +1149,7 @@ void shapeStrands(const InterpolateState& state, const InterpolateGuideRows& row
                     oneByOne(oldest.strands[l], c);
             });
             group.strands[group.count++] = s;
-            if (group.count == kGroupLanes) {
+            if (group.count == width) {
                 runGroup(group.strands, lanesScratch, c);
                 group.count = 0;
             }

@@ -55,10 +55,10 @@ struct ShapeSettings {
     Ramp falloff;
 };
 
-// How the shape stage runs its strands: side by side, strands of one point count one per lane
-// (eight with AVX, where the processor has it), the rest one by one; or all one by one. Both give
-// the same bits; tests compare them.
-enum class ShapeLanes { sideBySide, oneByOne };
+// How the shape stage runs its strands: side by side, strands of one point count one per lane,
+// eight at a time where the processor has AVX (widest) or four (four; SSE, every x86-64), the
+// rest one by one; or all one by one. All give the same bits; tests compare them.
+enum class ShapeLanes { widest, four, oneByOne };
 
 // Shapes the listed strands (all when `only` is empty) of `in` into `outPoints` (the points of a
 // set of the same layout). With a list, strands it leaves alone keep what `outPoints` holds; with
@@ -68,7 +68,7 @@ enum class ShapeLanes { sideBySide, oneByOne };
 void shapeStrands(const InterpolateState& state, const InterpolateGuideRows& rows,
                   const ShapeSettings& settings, const StrandSet& in, std::span<Vec3f> outPoints,
                   std::span<float> influence, std::span<const std::uint64_t> only = {},
-                  ShapeLanes lanes = ShapeLanes::sideBySide);
+                  ShapeLanes lanes = ShapeLanes::widest);
 
 // Blends each guide layer into a per-strand channel of `out` for the listed strands (all when
 // `only` is empty); a strand with no guide keeps its channel's value, or 0.

@@ -850,13 +850,17 @@ TEST(InterpolateShape, StrandsSideBySideMakeTheBitsOfStrandsOneByOne) {
                         return made;
                     };
                     const auto expected = shape(ShapeLanes::oneByOne, 1);
-                    for (const int threads : {1, 2}) {
-                        const auto got = shape(ShapeLanes::sideBySide, threads);
-                        // Compared whole, so that a failure names the case, not every point.
-                        EXPECT_TRUE(bitsOf(got.first) == bitsOf(expected.first))
-                            << name << ", blend " << blend << ", limit " << limit << ", listed "
-                            << listed << ", " << threads << " threads";
-                        EXPECT_TRUE(got.second == expected.second) << name << ", blend " << blend;
+                    for (const ShapeLanes lanes : {ShapeLanes::widest, ShapeLanes::four}) {
+                        for (const int threads : {1, 2}) {
+                            const auto got = shape(lanes, threads);
+                            // Compared whole, so that a failure names the case, not every point.
+                            EXPECT_TRUE(bitsOf(got.first) == bitsOf(expected.first))
+                                << name << ", blend " << blend << ", limit " << limit << ", listed "
+                                << listed << ", " << threads << " threads"
+                                << (lanes == ShapeLanes::four ? ", four lanes" : "");
+                            EXPECT_TRUE(got.second == expected.second)
+                                << name << ", blend " << blend;
+                        }
                     }
                 }
             }
