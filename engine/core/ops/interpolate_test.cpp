@@ -829,7 +829,9 @@ TEST(InterpolateShape, StrandsSideBySideMakeTheBitsOfStrandsOneByOne) {
     const std::span<const Vec3f> incoming = strands->points();
     const float nan = std::nanf("");
     const std::vector<Vec3f> garbage(incoming.size(), Vec3f{nan, nan, nan});
-    for (const auto& [name, rows] : rowSets) {
+    for (const auto& rowSet : rowSets) {
+        const char* name = rowSet.first;
+        const InterpolateGuideRows& rows = rowSet.second;
         for (const int blend : {0, 1, 2}) {  // offsets kept at length, offsets, directions
             for (const float limit : {0.0f, 0.6f}) {
                 ShapeSettings settings;
