@@ -310,14 +310,15 @@ bool wideLanesUsable() {
 }
 #endif
 
-// Strands side by side: eight strands of one point count, one per lane, so that the steps each
-// strand takes one after another (its arc lengths summed in order, its length restored, its
-// points placed along the table) overlap across the eight. Every lane does the operations of the
-// one-strand path in the same order, so the bits are the same.
+// Strands side by side: strands of one point count, one per lane (eight with AVX, four with
+// SSE), so that the steps each strand takes one after another (its arc lengths summed in order,
+// its length restored, its points placed along the table) overlap across the group. Every lane
+// does the operations of the one-strand path in the same order, so the bits are the same.
+// Each strand's blend is still made alone, over its samples, then turned into lanes.
 constexpr std::size_t kGroupLanes = kWideLanes;
 
 // A group's curves: per strand its blended samples as planar runs, then the same turned into
-// lanes, sample j of every strand side by side at j * kGroupLanes.
+// lanes, sample j of every strand side by side at j * kGroupLanes (j * 4 for four lanes).
 struct LaneScratch {
     alignas(32) float x[kGroupLanes][kPaddedSamples];
     alignas(32) float y[kGroupLanes][kPaddedSamples];
