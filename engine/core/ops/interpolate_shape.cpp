@@ -1065,7 +1065,6 @@ void shapeStrands(const InterpolateState& state, const InterpolateGuideRows& row
     const std::size_t width = 0;
     (void)lanesWanted;
 #endif
-    const auto strandPoints = [&](std::size_t s) { return offsets[s + 1] - offsets[s]; };
     // The strand's chunk of the binding and its index there.
     const auto bindingOf = [&](std::size_t s) -> std::pair<const BindingChunk&, std::size_t> {
         const BindingChunk& chunk = *state.binding.chunks[s / kBindingChunkStrands];
@@ -1076,6 +1075,7 @@ void shapeStrands(const InterpolateState& state, const InterpolateGuideRows& row
         body(chunk, k, s, c);
     };
 #if VELMORIN_INTERPOLATE_SSE2
+    const auto strandPoints = [&](std::size_t s) { return offsets[s + 1] - offsets[s]; };
     const auto runsSideBySide = [&](std::size_t s) {
         const auto [chunk, k] = bindingOf(s);
         return chunk.recordStart[k] != chunk.recordStart[k + 1] && strandPoints(s) >= 2 &&
