@@ -55,6 +55,11 @@ struct ShapeSettings {
     Ramp falloff;
 };
 
+// How the shape stage runs its strands: side by side, strands of one point count one per lane,
+// eight at a time where the processor has AVX (widest) or four (four; SSE, every x86-64), the
+// rest one by one; or all one by one. All give the same bits; tests compare them.
+enum class ShapeLanes { widest, four, oneByOne };
+
 // Shapes the listed strands (all when `only` is empty) of `in` into `outPoints` (the points of a
 // set of the same layout). With a list, strands it leaves alone keep what `outPoints` holds; with
 // none, every point is written (a strand nothing shapes gets its incoming points), so
@@ -62,7 +67,8 @@ struct ShapeSettings {
 // shaped strands. Parallel by 256 strands; the same bits at any thread count.
 void shapeStrands(const InterpolateState& state, const InterpolateGuideRows& rows,
                   const ShapeSettings& settings, const StrandSet& in, std::span<Vec3f> outPoints,
-                  std::span<float> influence, std::span<const std::uint64_t> only = {});
+                  std::span<float> influence, std::span<const std::uint64_t> only = {},
+                  ShapeLanes lanes = ShapeLanes::widest);
 
 // Blends each guide layer into a per-strand channel of `out` for the listed strands (all when
 // `only` is empty); a strand with no guide keeps its channel's value, or 0.

@@ -922,6 +922,87 @@ TEST(InterpolateShape, RowsWithoutTheirPlanarLayoutShapeTheSameBits) {
     }
 }
 
+// Strands with the roots of a ShapeRun's but of mixed point counts: mostly 9, some 5, 40, 2 or
+// 1, so that groups fill, stay part full and close early.
+std::shared_ptr<const StrandSet> mixedCountsOnRoots(const ShapeRun& run) {
+    auto set = std::make_shared<StrandSet>();
+    for (std::size_t s = 0; s < run.strands->strandCount(); ++s) {
+        const std::uint64_t draw = mix64(run.strands->ids()[s]) % 20;
+        const std::size_t n = draw < 12 ? 9 : draw < 15 ? 5 : draw < 17 ? 40 : draw < 19 ? 2 : 1;
+        std::vector<Vec3f> points;
+        for (std::size_t k = 0; k < n; ++k)
+            points.push_back(run.roots[s] + run.normals[s] * (0.1f * static_cast<float>(k)));
+        set->addStrand(run.strands->ids()[s], run.strands->roots()[s], points,
+                       std::vector<float>(n, 0.01f));
+    }
+    return set;
+}
+
+TEST(InterpolateShape, StrandsSideBySideMakeTheBitsOfStrandsOneByOne) {
+    ShapeRun run;
+    const auto strands = mixedCountsOnRoots(run);
+    // Guide rows of 7 samples (one group of lanes), of 19 (three), and rows so large that the
+    // curves' lengths overflow, which the one-by-one walk decides.
+    std::vector<const Guide*> pointers;
+    const auto longer = guidesOnHead(0.4, 19);
+    for (const Guide& guide : longer->guides)
+        pointers.push_back(&guide);
+    InterpolateGuideRows huge = run.rows;
+    for (Vec3f& o : huge.offsets)
+        o *= 1e37f;
+    for (float& f : huge.planar)
+        f *= 1e37f;
+    const std::pair<const char*, InterpolateGuideRows> rowSets[] = {
+        {"7 samples", run.rows},
+        {"19 samples", makeGuideRows(pointers, head().get())},
+        {"overflowing", huge}};
+    std::vector<std::uint64_t> everyThird;
+    for (std::size_t s = 0; s < strands->strandCount(); s += 3)
+        everyThird.push_back(s);
+    const std::span<const Vec3f> incoming = strands->points();
+    const float nan = std::nanf("");
+    const std::vector<Vec3f> garbage(incoming.size(), Vec3f{nan, nan, nan});
+    for (const auto& rowSet : rowSets) {
+        const char* name = rowSet.first;
+        const InterpolateGuideRows& rows = rowSet.second;
+        for (const int blend : {0, 1, 2}) {  // offsets kept at length, offsets, directions
+            for (const float limit : {0.0f, 0.6f}) {
+                ShapeSettings settings;
+                settings.blendDirections = blend == 2;
+                settings.preserveLength = blend == 0;
+                settings.limitDistance = limit;
+                for (const bool listed : {false, true}) {
+                    const std::span<const std::uint64_t> only =
+                        listed ? std::span<const std::uint64_t>(everyThird)
+                               : std::span<const std::uint64_t>();
+                    const auto shape = [&](ShapeLanes lanes, int threads) {
+                        std::pair<std::vector<Vec3f>, std::vector<float>> made{
+                            garbage, std::vector<float>(strands->strandCount(), -1.0f)};
+                        runWithThreads(threads, [&] {
+                            shapeStrands(*run.state, rows, settings, *strands, made.first,
+                                         made.second, only, lanes);
+                        });
+                        return made;
+                    };
+                    const auto expected = shape(ShapeLanes::oneByOne, 1);
+                    for (const ShapeLanes lanes : {ShapeLanes::widest, ShapeLanes::four}) {
+                        for (const int threads : {1, 2}) {
+                            const auto got = shape(lanes, threads);
+                            // Compared whole, so that a failure names the case, not every point.
+                            EXPECT_TRUE(bitsOf(got.first) == bitsOf(expected.first))
+                                << name << ", blend " << blend << ", limit " << limit << ", listed "
+                                << listed << ", " << threads << " threads"
+                                << (lanes == ShapeLanes::four ? ", four lanes" : "");
+                            EXPECT_TRUE(got.second == expected.second)
+                                << name << ", blend " << blend;
+                        }
+                    }
+                }
+            }
+        }
+    }
+}
+
 TEST(Interpolate, MovingOneGuideRedoesOnlyItsStrandsAndEqualsAFullRun) {
     const auto strands = scatterOnHead(10.0);
     const auto guides = guidesOnHead(0.5);
