@@ -1,7 +1,7 @@
 #include <algorithm>
 #include <cmath>
 
-#include "base/fast_trig.h"
+#include "base/fast_trig_lanes.h"
 #include "base/parallel.h"
 #include "fields/field_scene.h"
 #include "graph/registry.h"
@@ -33,7 +33,7 @@ void bendStrands(const StrandSet& input, const BendSettings& settings, const Str
     const bool rising = settings.end > settings.start;
     const float perShare = rising ? 1.0f / (settings.end - settings.start) : 0.0f;
     parallelRange(0, pick.size(input.strandCount()), 256, [&](std::size_t begin, std::size_t end) {
-        StrandScratch<float> lengthScratch;
+        StrandScratch<float> lengthScratch, shareScratch, angleScratch, sineScratch, cosineScratch;
         RootFrames frames(settings.scalp, from);
         for (std::size_t item = begin; item < end; ++item) {
             const std::size_t s = pick.strand(item);
@@ -76,34 +76,35 @@ void bendStrands(const StrandSet& input, const BendSettings& settings, const Str
             const float current = std::acos(cosCurrent) / kDegrees;
             const float lowest = alongNormal ? std::min(0.0f, current - 90.0f) : current - 180.0f;
             const float turns = std::clamp(degrees, lowest, current) / 360.0f;
-            // Before the start a segment keeps its direction and past the end it takes the whole
-            // turn: only the segments in between need a turn of their own.
-            const SinCos whole = sinCosTurns(turns);
-
             const std::span<float> lengths = lengthScratch.take(n);
             float total = 0.0f;
             for (std::size_t k = 1; k < n; ++k) {
                 lengths[k] = length(from_[k] - from_[k - 1]);
                 total += lengths[k];
             }
-            // Each segment turns by the share of the bend at its middle.
+            // Each segment turns by the share of the bend at its middle. Before the start a
+            // segment keeps its direction; the others turn by `turns` times their share (past the
+            // end the whole turn, as the share is 1 there), their sines and cosines made together.
+            const std::span<float> shares = shareScratch.take(n);
+            const std::span<float> angles = angleScratch.take(n);
             const float perLength = total > 0.0f ? 1.0f / total : 0.0f;
             float arc = 0.0f;
             for (std::size_t k = 1; k < n; ++k) {
-                const Vec3f segment = from_[k] - from_[k - 1];
                 const float segmentLength = lengths[k];
                 const float t = (arc + 0.5f * segmentLength) * perLength;
                 arc += segmentLength;
-                const float share = rising ? std::clamp((t - settings.start) * perShare, 0.0f, 1.0f)
-                                           : (t >= settings.start ? 1.0f : 0.0f);
-                if (share == 0.0f) {
-                    out[k] = out[k - 1] + segment;
-                } else if (share == 1.0f) {
-                    out[k] = out[k - 1] + rotateAbout(segment, axis, whole.cos, whole.sin);
-                } else {
-                    const SinCos turn = sinCosTurns(turns * share);
-                    out[k] = out[k - 1] + rotateAbout(segment, axis, turn.cos, turn.sin);
-                }
+                shares[k] = rising ? std::clamp((t - settings.start) * perShare, 0.0f, 1.0f)
+                                   : (t >= settings.start ? 1.0f : 0.0f);
+                angles[k] = turns * shares[k];
+            }
+            const std::span<float> sines = sineScratch.take(n);
+            const std::span<float> cosines = cosineScratch.take(n);
+            sinCosTurnsMany(angles.data() + 1, sines.data() + 1, cosines.data() + 1, n - 1);
+            for (std::size_t k = 1; k < n; ++k) {
+                const Vec3f segment = from_[k] - from_[k - 1];
+                out[k] = shares[k] == 0.0f
+                             ? out[k - 1] + segment
+                             : out[k - 1] + rotateAbout(segment, axis, cosines[k], sines[k]);
             }
         }
     });

@@ -1,7 +1,7 @@
 #include <algorithm>
 #include <cmath>
 
-#include "base/fast_trig.h"
+#include "base/fast_trig_lanes.h"
 #include "graph/delivered_params.h"
 #include "graph/errors.h"
 #include "graph/registry.h"
@@ -52,7 +52,9 @@ void twistStrands(const StrandSet& input, const TwistSettings& settings,
     }
 
     forSelectedChunks(input.strandCount(), selection, [&](std::size_t first, std::size_t last) {
-        StrandScratch<float> arcScratch;
+        StrandScratch<float> arcScratch, angleScratch, sineScratch, cosineScratch;
+        StrandScratch<Vec3f> centerScratch;
+        StrandScratch<std::uint32_t> segmentScratch;
         for (std::size_t i = first; i < last; ++i) {
             const std::size_t s = selection.strand(i);
             const std::span<const Vec3f> points = input.strandPoints(s);
@@ -102,18 +104,28 @@ void twistStrands(const StrandSet& input, const TwistSettings& settings,
             const float axisLength = axisArcs.back();
             const Vec3f* tangents = segments.tangents.data() + segments.first[axisIndex];
             const float* inverse = segments.inverse.data() + segments.first[axisIndex];
+            // First where each point's centre lies on the axis and by how much it turns, then
+            // the sines and cosines of all the turns together, then the turns themselves.
+            const std::span<Vec3f> centers = centerScratch.take(n);
+            const std::span<std::uint32_t> along = segmentScratch.take(n);
+            const std::span<float> angles = angleScratch.take(n);
             std::size_t segment = 0;
-            twisted[0] = points[0];
             for (std::size_t k = 1; k < n; ++k) {
                 // A point's place along the axis is its share of its own strand's length.
                 const float t = arcs[k] * perTotal;
-                const float along = t * axisLength;
-                const Vec3f center = pointAtArcByInverse(axis, axisArcs, inverse, along, segment);
+                const float arc = t * axisLength;
+                centers[k] = pointAtArcByInverse(axis, axisArcs, inverse, arc, segment);
+                along[k] = static_cast<std::uint32_t>(segment);
                 const float profile = flatProfile ? 1.0f : settings.profile.at(t);
-                const SinCos turn = sinCosTurns(turns * profile * along);
-                twisted[k] =
-                    center + rotateAbout(points[k] - center, tangents[segment], turn.cos, turn.sin);
+                angles[k] = turns * profile * arc;
             }
+            const std::span<float> sines = sineScratch.take(n);
+            const std::span<float> cosines = cosineScratch.take(n);
+            sinCosTurnsMany(angles.data() + 1, sines.data() + 1, cosines.data() + 1, n - 1);
+            twisted[0] = points[0];
+            for (std::size_t k = 1; k < n; ++k)
+                twisted[k] = centers[k] + rotateAbout(points[k] - centers[k], tangents[along[k]],
+                                                      cosines[k], sines[k]);
         }
     });
 }
