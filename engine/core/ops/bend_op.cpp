@@ -13,6 +13,13 @@
 
 namespace velmorin {
 
+namespace {
+
+// Strands are bent a block at a time, their axes and turns found first.
+constexpr std::size_t kBlock = 16;
+
+}  // namespace
+
 float bendShare(float t, float start, float end) {
     if (end <= start) return t >= start ? 1.0f : 0.0f;
     return std::clamp((t - start) / (end - start), 0.0f, 1.0f);
@@ -35,81 +42,105 @@ void bendStrands(const StrandSet& input, const BendSettings& settings, const Str
     parallelRange(0, pick.size(input.strandCount()), 256, [&](std::size_t begin, std::size_t end) {
         StrandScratch<float> lengthScratch, shareScratch, angleScratch, sineScratch, cosineScratch;
         RootFrames frames(settings.scalp, from);
-        for (std::size_t item = begin; item < end; ++item) {
-            const std::size_t s = pick.strand(item);
-            const std::size_t first = offsets[s];
-            const std::size_t n = offsets[s + 1] - first;
-            const std::span<const Vec3f> from_ = inputPoints.subspan(first, n);
-            Vec3f* out = points.data() + first;
-            std::copy(from_.begin(), from_.end(), out);
-            if (n < 2) continue;
+        // Each strand's axis and whole turn, found for a block of strands before any of them is
+        // bent: the steps that find them wait on one another, and the strands of a block overlap.
+        bool bends[kBlock];
+        Vec3f axes[kBlock];
+        float wholeTurns[kBlock];
+        for (std::size_t block = begin; block < end; block += kBlock) {
+            const std::size_t count = std::min(kBlock, end - block);
+            for (std::size_t j = 0; j < count; ++j) {
+                bends[j] = false;
+                const std::size_t s = pick.strand(block + j);
+                const std::size_t first = offsets[s];
+                const std::size_t n = offsets[s + 1] - first;
+                if (n < 2) continue;
+                float degrees = mappedAngle ? settings.angle.atStrand(s) : plainAngle;
+                if (settings.randomness > 0.0f)
+                    degrees *=
+                        1.0f - settings.randomness * StrandDraws(ids[s], settings.seed).next();
+                if (degrees == 0.0f) continue;
+                const Vec3f chord = inputPoints[first + n - 1] - inputPoints[first];
+                const float chordLength = length(chord);
+                if (!(chordLength > 0.0f)) continue;
+                const Vec3f c = chord / chordLength;
 
-            float degrees = mappedAngle ? settings.angle.atStrand(s) : plainAngle;
-            if (settings.randomness > 0.0f)
-                degrees *= 1.0f - settings.randomness * StrandDraws(ids[s], settings.seed).next();
-            if (degrees == 0.0f) continue;
-            const Vec3f chord = from_[n - 1] - from_[0];
-            const float chordLength = length(chord);
-            if (!(chordLength > 0.0f)) continue;
-            const Vec3f c = chord / chordLength;
-
-            Vec3f target;
-            if (alongNormal) {
-                if (!settings.scalp || !settings.scalp->isOnSurface(roots[s])) continue;
-                target = frames.normalAt(roots[s]);
-            } else {
-                const RootFrame frame = frames.at(roots[s], settings.direction.vectorAtStrand(s));
-                if (!frame.valid) continue;
-                target = frame.tangent;
+                Vec3f target;
+                if (alongNormal) {
+                    if (!settings.scalp || !settings.scalp->isOnSurface(roots[s])) continue;
+                    target = frames.normalAt(roots[s]);
+                } else {
+                    const RootFrame frame =
+                        frames.at(roots[s], settings.direction.vectorAtStrand(s));
+                    if (!frame.valid) continue;
+                    target = frame.tangent;
+                }
+                Vec3f axis = cross(c, target);
+                const float axisLength = length(axis);
+                const float cosCurrent = std::clamp(dot(c, target), -1.0f, 1.0f);
+                if (axisLength < 1e-5f) {
+                    // On the target line: only a strand standing along the normal can be laid
+                    // down, about the binormal of the scalp there.
+                    if (!alongNormal || degrees >= 0.0f || cosCurrent <= 0.0f) continue;
+                    axis = settings.scalp->frameAt(roots[s]).bitangent;
+                } else {
+                    axis = axis / axisLength;
+                }
+                const float current = std::acos(cosCurrent) / kDegrees;
+                const float lowest =
+                    alongNormal ? std::min(0.0f, current - 90.0f) : current - 180.0f;
+                bends[j] = true;
+                axes[j] = axis;
+                wholeTurns[j] = std::clamp(degrees, lowest, current) / 360.0f;
             }
-            Vec3f axis = cross(c, target);
-            const float axisLength = length(axis);
-            const float cosCurrent = std::clamp(dot(c, target), -1.0f, 1.0f);
-            if (axisLength < 1e-5f) {
-                // On the target line: only a strand standing along the normal can be laid down,
-                // about the binormal of the scalp there.
-                if (!alongNormal || degrees >= 0.0f || cosCurrent <= 0.0f) continue;
-                axis = settings.scalp->frameAt(roots[s]).bitangent;
-            } else {
-                axis = axis / axisLength;
-            }
-            const float current = std::acos(cosCurrent) / kDegrees;
-            const float lowest = alongNormal ? std::min(0.0f, current - 90.0f) : current - 180.0f;
-            const float turns = std::clamp(degrees, lowest, current) / 360.0f;
-            const std::span<float> lengths = lengthScratch.take(n);
-            float total = 0.0f;
-            for (std::size_t k = 1; k < n; ++k) {
-                lengths[k] = length(from_[k] - from_[k - 1]);
-                total += lengths[k];
-            }
-            // Each segment turns by the share of the bend at its middle. Before the start a
-            // segment keeps its direction; the others turn by `turns` times their share (past the
-            // end the whole turn, as the share is 1 there), their sines and cosines made together.
-            const std::span<float> shares = shareScratch.take(n);
-            const std::span<float> angles = angleScratch.take(n);
-            const float perLength = total > 0.0f ? 1.0f / total : 0.0f;
-            float arc = 0.0f;
-            for (std::size_t k = 1; k < n; ++k) {
-                const float segmentLength = lengths[k];
-                const float t = (arc + 0.5f * segmentLength) * perLength;
-                arc += segmentLength;
-                shares[k] = rising ? std::clamp((t - settings.start) * perShare, 0.0f, 1.0f)
-                                   : (t >= settings.start ? 1.0f : 0.0f);
-                angles[k] = turns * shares[k];
-            }
-            const std::span<float> sines = sineScratch.take(n);
-            const std::span<float> cosines = cosineScratch.take(n);
-            sinCosTurnsMany(angles.data() + 1, sines.data() + 1, cosines.data() + 1, n - 1);
-            for (std::size_t k = 1; k < n; ++k) {
-                const Vec3f segment = from_[k] - from_[k - 1];
-                out[k] = shares[k] == 0.0f
-                             ? out[k - 1] + segment
-                             : out[k - 1] + rotateAbout(segment, axis, cosines[k], sines[k]);
+            for (std::size_t j = 0; j < count; ++j) {
+                const std::size_t s = pick.strand(block + j);
+                const std::size_t first = offsets[s];
+                const std::size_t n = offsets[s + 1] - first;
+                const std::span<const Vec3f> from_ = inputPoints.subspan(first, n);
+                Vec3f* out = points.data() + first;
+                if (!bends[j]) {
+                    std::copy(from_.begin(), from_.end(), out);
+                    continue;
+                }
+                const Vec3f axis = axes[j];
+                const float turns = wholeTurns[j];
+                const std::span<float> lengths = lengthScratch.take(n);
+                float total = 0.0f;
+                for (std::size_t k = 1; k < n; ++k) {
+                    lengths[k] = length(from_[k] - from_[k - 1]);
+                    total += lengths[k];
+                }
+                // Each segment turns by the share of the bend at its middle. Before the start a
+                // segment keeps its direction; the others turn by `turns` times their share (past
+                // the end the whole turn, as the share is 1 there), their sines and cosines made
+                // together.
+                const std::span<float> shares = shareScratch.take(n);
+                const std::span<float> angles = angleScratch.take(n);
+                const float perLength = total > 0.0f ? 1.0f / total : 0.0f;
+                float arc = 0.0f;
+                for (std::size_t k = 1; k < n; ++k) {
+                    const float segmentLength = lengths[k];
+                    const float t = (arc + 0.5f * segmentLength) * perLength;
+                    arc += segmentLength;
+                    shares[k] = rising ? std::clamp((t - settings.start) * perShare, 0.0f, 1.0f)
+                                       : (t >= settings.start ? 1.0f : 0.0f);
+                    angles[k] = turns * shares[k];
+                }
+                const std::span<float> sines = sineScratch.take(n);
+                const std::span<float> cosines = cosineScratch.take(n);
+                sinCosTurnsMany(angles.data() + 1, sines.data() + 1, cosines.data() + 1, n - 1);
+                out[0] = from_[0];
+                for (std::size_t k = 1; k < n; ++k) {
+                    const Vec3f segment = from_[k] - from_[k - 1];
+                    out[k] = shares[k] == 0.0f
+                                 ? out[k - 1] + segment
+                                 : out[k - 1] + rotateAbout(segment, axis, cosines[k], sines[k]);
+                }
             }
         }
     });
 }
-
 namespace {
 
 using field_ops::choiceParam;
