@@ -11,14 +11,14 @@
 
 #if defined(__SSE2__) || defined(_M_X64) || defined(_M_AMD64)
 #include <emmintrin.h>
-#define VELMORIN_TRIG_LANES 1
+#define VELMORIN_SSE_LANES 1
 #else
-#define VELMORIN_TRIG_LANES 0
+#define VELMORIN_SSE_LANES 0
 #endif
 
 namespace velmorin {
 
-#if VELMORIN_TRIG_LANES
+#if VELMORIN_SSE_LANES
 // The sines and cosines of four angles in turns; the same bits as sinCosTurns on each.
 inline void sinCosTurns4(__m128 turns, __m128& sines, __m128& cosines) {
     const __m128 quarters = _mm_mul_ps(_mm_set1_ps(4.0f), turns);
@@ -67,7 +67,7 @@ inline void sinCosTurns4(__m128 turns, __m128& sines, __m128& cosines) {
 // sines[i], cosines[i] = sinCosTurns(turns[i]) for i below `count`, bit for bit.
 inline void sinCosTurnsMany(const float* turns, float* sines, float* cosines, std::size_t count) {
     std::size_t i = 0;
-#if VELMORIN_TRIG_LANES
+#if VELMORIN_SSE_LANES
     for (; i + 4 <= count; i += 4) {
         __m128 s, c;
         sinCosTurns4(_mm_loadu_ps(turns + i), s, c);

@@ -94,7 +94,14 @@ void twistStrands(const StrandSet& input, const TwistSettings& settings,
                 continue;
             }
             const std::span<float> arcs = arcScratch.take(n);
-            const float total = arcLengths(points, arcs);
+            // arcLengths, with the square roots four at a time.
+            segmentLengths(points, arcs);
+            arcs[0] = 0.0f;
+            float total = 0.0f;
+            for (std::size_t k = 1; k < n; ++k) {
+                total += arcs[k];
+                arcs[k] = total;
+            }
             if (!(total > 0.0f)) {
                 keep();
                 continue;
