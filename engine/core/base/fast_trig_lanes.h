@@ -4,6 +4,8 @@
 // performs exactly the operations of the scalar sinCosTurns, in the same order, and so gives the
 // same bits; lanes whose angle is too large for the plain reduction (2^22 quarter turns or more,
 // infinity, NaN) are handed to the scalar function. Elsewhere the plain function runs per angle.
+// VELMORIN_SSE_LANES says whether the lanes are there, for kernels that run their own steps four
+// strands or four points at a time beside these.
 
 #include <cstddef>
 
