@@ -1,7 +1,7 @@
 #include <algorithm>
 #include <cmath>
 
-#include "base/fast_trig.h"
+#include "base/fast_trig_lanes.h"
 #include "base/parallel.h"
 #include "fields/field_scene.h"
 #include "graph/registry.h"
@@ -12,6 +12,119 @@
 #include "strands/strand_set.h"
 
 namespace velmorin {
+
+namespace {
+
+// Strands are bent a block at a time, their axes and turns found first.
+constexpr std::size_t kBlock = 16;
+
+// Where the bend starts and ends along a strand, as the segment loop uses them.
+struct BendSpan {
+    bool rising;     // end above start: the share grows evenly between them
+    float start;     // settings.start
+    float perShare;  // 1 / (end - start) when rising
+};
+
+#if VELMORIN_SSE_LANES
+// The longest strands bent four at a time (their lengths held on the stack).
+constexpr std::size_t kLanePoints = 64;
+
+// Four strands of n points each (2 to kLanePoints), each in an SSE lane: the per-segment steps of
+// the one-strand loop below, operation for operation, so the bits are the same. `from` and `to`
+// are the strands' points in and out; a load takes four floats from a point, so each `from`
+// strand must be followed by at least one more point in its column.
+void bendFour(const Vec3f* const from[4], Vec3f* const to[4], std::size_t n, const Vec3f* axes,
+              const float* wholeTurns, const BendSpan& span) {
+    const __m128 zero = _mm_setzero_ps(), one = _mm_set1_ps(1.0f);
+    const auto select = [](__m128 mask, __m128 yes, __m128 no) {
+        return _mm_or_ps(_mm_and_ps(mask, yes), _mm_andnot_ps(mask, no));
+    };
+    // Point k of the four strands, as rows of x, y and z.
+    struct Rows {
+        __m128 x, y, z;
+    };
+    const auto load = [&](std::size_t k) {
+        __m128 a = _mm_loadu_ps(&from[0][k].x), b = _mm_loadu_ps(&from[1][k].x);
+        __m128 c = _mm_loadu_ps(&from[2][k].x), d = _mm_loadu_ps(&from[3][k].x);
+        _MM_TRANSPOSE4_PS(a, b, c, d);
+        return Rows{a, b, c};
+    };
+    const auto store = [&](std::size_t k, Rows rows) {
+        __m128 a = rows.x, b = rows.y, c = rows.z, d = zero;
+        _MM_TRANSPOSE4_PS(a, b, c, d);
+        const __m128 lanes[4] = {a, b, c, d};
+        for (std::size_t i = 0; i < 4; ++i) {
+            _mm_storel_pi(reinterpret_cast<__m64*>(&to[i][k].x), lanes[i]);
+            _mm_store_ss(&to[i][k].z, _mm_movehl_ps(lanes[i], lanes[i]));
+        }
+    };
+    const auto lanes = [](const auto& value) {
+        return _mm_setr_ps(value(0), value(1), value(2), value(3));
+    };
+    const __m128 ax = lanes([&](int i) { return axes[i].x; });
+    const __m128 ay = lanes([&](int i) { return axes[i].y; });
+    const __m128 az = lanes([&](int i) { return axes[i].z; });
+    const __m128 turns = _mm_loadu_ps(wholeTurns);
+
+    // The segments' lengths and each strand's total.
+    alignas(16) float lengths[4 * kLanePoints];
+    __m128 total = zero;
+    Rows before = load(0);
+    for (std::size_t k = 1; k < n; ++k) {
+        const Rows at = load(k);
+        const __m128 dx = _mm_sub_ps(at.x, before.x), dy = _mm_sub_ps(at.y, before.y);
+        const __m128 dz = _mm_sub_ps(at.z, before.z);
+        const __m128 length = _mm_sqrt_ps(
+            _mm_add_ps(_mm_add_ps(_mm_mul_ps(dx, dx), _mm_mul_ps(dy, dy)), _mm_mul_ps(dz, dz)));
+        _mm_store_ps(lengths + 4 * k, length);
+        total = _mm_add_ps(total, length);
+        before = at;
+    }
+    const __m128 perLength = _mm_and_ps(_mm_cmpgt_ps(total, zero), _mm_div_ps(one, total));
+    const __m128 start = _mm_set1_ps(span.start), perShare = _mm_set1_ps(span.perShare);
+    __m128 arc = zero;
+    before = load(0);
+    Rows out = before;
+    store(0, out);
+    for (std::size_t k = 1; k < n; ++k) {
+        const __m128 length = _mm_load_ps(lengths + 4 * k);
+        const __m128 t =
+            _mm_mul_ps(_mm_add_ps(arc, _mm_mul_ps(_mm_set1_ps(0.5f), length)), perLength);
+        arc = _mm_add_ps(arc, length);
+        __m128 share;
+        if (span.rising) {
+            // std::clamp(v, 0, 1): 0 below, 1 above, else v (a NaN stays).
+            const __m128 v = _mm_mul_ps(_mm_sub_ps(t, start), perShare);
+            share = select(_mm_cmplt_ps(v, zero), zero, select(_mm_cmplt_ps(one, v), one, v));
+        } else {
+            share = _mm_and_ps(_mm_cmpge_ps(t, start), one);
+        }
+        __m128 sine, cosine;
+        sinCosTurns4(_mm_mul_ps(turns, share), sine, cosine);
+        const Rows at = load(k);
+        const __m128 vx = _mm_sub_ps(at.x, before.x), vy = _mm_sub_ps(at.y, before.y);
+        const __m128 vz = _mm_sub_ps(at.z, before.z);
+        // rotateAbout(v, axis, cosine, sine): v cos + (axis x v) sin + axis (axis . v)(1 - cos).
+        const __m128 along = _mm_mul_ps(
+            _mm_add_ps(_mm_add_ps(_mm_mul_ps(ax, vx), _mm_mul_ps(ay, vy)), _mm_mul_ps(az, vz)),
+            _mm_sub_ps(one, cosine));
+        const auto turned = [&](__m128 v, __m128 cross, __m128 a) {
+            return _mm_add_ps(_mm_add_ps(_mm_mul_ps(v, cosine), _mm_mul_ps(cross, sine)),
+                              _mm_mul_ps(a, along));
+        };
+        const __m128 rx = turned(vx, _mm_sub_ps(_mm_mul_ps(ay, vz), _mm_mul_ps(az, vy)), ax);
+        const __m128 ry = turned(vy, _mm_sub_ps(_mm_mul_ps(az, vx), _mm_mul_ps(ax, vz)), ay);
+        const __m128 rz = turned(vz, _mm_sub_ps(_mm_mul_ps(ax, vy), _mm_mul_ps(ay, vx)), az);
+        const __m128 kept = _mm_cmpeq_ps(share, zero);
+        out = Rows{_mm_add_ps(out.x, select(kept, vx, rx)), _mm_add_ps(out.y, select(kept, vy, ry)),
+                   _mm_add_ps(out.z, select(kept, vz, rz))};
+        store(k, out);
+        before = at;
+    }
+}
+#endif
+
+}  // namespace
 
 float bendShare(float t, float start, float end) {
     if (end <= start) return t >= start ? 1.0f : 0.0f;
@@ -33,82 +146,135 @@ void bendStrands(const StrandSet& input, const BendSettings& settings, const Str
     const bool rising = settings.end > settings.start;
     const float perShare = rising ? 1.0f / (settings.end - settings.start) : 0.0f;
     parallelRange(0, pick.size(input.strandCount()), 256, [&](std::size_t begin, std::size_t end) {
-        StrandScratch<float> lengthScratch;
+        StrandScratch<float> lengthScratch, shareScratch, angleScratch, sineScratch, cosineScratch;
         RootFrames frames(settings.scalp, from);
-        for (std::size_t item = begin; item < end; ++item) {
-            const std::size_t s = pick.strand(item);
-            const std::size_t first = offsets[s];
-            const std::size_t n = offsets[s + 1] - first;
-            const std::span<const Vec3f> from_ = inputPoints.subspan(first, n);
-            Vec3f* out = points.data() + first;
-            std::copy(from_.begin(), from_.end(), out);
-            if (n < 2) continue;
+        // Each strand's axis and whole turn, found for a block of strands before any of them is
+        // bent: the steps that find them wait on one another, and the strands of a block overlap.
+        bool bends[kBlock];
+        Vec3f axes[kBlock];
+        float wholeTurns[kBlock];
+        for (std::size_t block = begin; block < end; block += kBlock) {
+            const std::size_t count = std::min(kBlock, end - block);
+            for (std::size_t j = 0; j < count; ++j) {
+                bends[j] = false;
+                const std::size_t s = pick.strand(block + j);
+                const std::size_t first = offsets[s];
+                const std::size_t n = offsets[s + 1] - first;
+                if (n < 2) continue;
+                float degrees = mappedAngle ? settings.angle.atStrand(s) : plainAngle;
+                if (settings.randomness > 0.0f)
+                    degrees *=
+                        1.0f - settings.randomness * StrandDraws(ids[s], settings.seed).next();
+                if (degrees == 0.0f) continue;
+                const Vec3f chord = inputPoints[first + n - 1] - inputPoints[first];
+                const float chordLength = length(chord);
+                if (!(chordLength > 0.0f)) continue;
+                const Vec3f c = chord / chordLength;
 
-            float degrees = mappedAngle ? settings.angle.atStrand(s) : plainAngle;
-            if (settings.randomness > 0.0f)
-                degrees *= 1.0f - settings.randomness * StrandDraws(ids[s], settings.seed).next();
-            if (degrees == 0.0f) continue;
-            const Vec3f chord = from_[n - 1] - from_[0];
-            const float chordLength = length(chord);
-            if (!(chordLength > 0.0f)) continue;
-            const Vec3f c = chord / chordLength;
-
-            Vec3f target;
-            if (alongNormal) {
-                if (!settings.scalp || !settings.scalp->isOnSurface(roots[s])) continue;
-                target = frames.normalAt(roots[s]);
-            } else {
-                const RootFrame frame = frames.at(roots[s], settings.direction.vectorAtStrand(s));
-                if (!frame.valid) continue;
-                target = frame.tangent;
-            }
-            Vec3f axis = cross(c, target);
-            const float axisLength = length(axis);
-            const float cosCurrent = std::clamp(dot(c, target), -1.0f, 1.0f);
-            if (axisLength < 1e-5f) {
-                // On the target line: only a strand standing along the normal can be laid down,
-                // about the binormal of the scalp there.
-                if (!alongNormal || degrees >= 0.0f || cosCurrent <= 0.0f) continue;
-                axis = settings.scalp->frameAt(roots[s]).bitangent;
-            } else {
-                axis = axis / axisLength;
-            }
-            const float current = std::acos(cosCurrent) / kDegrees;
-            const float lowest = alongNormal ? std::min(0.0f, current - 90.0f) : current - 180.0f;
-            const float turns = std::clamp(degrees, lowest, current) / 360.0f;
-            // Before the start a segment keeps its direction and past the end it takes the whole
-            // turn: only the segments in between need a turn of their own.
-            const SinCos whole = sinCosTurns(turns);
-
-            const std::span<float> lengths = lengthScratch.take(n);
-            float total = 0.0f;
-            for (std::size_t k = 1; k < n; ++k) {
-                lengths[k] = length(from_[k] - from_[k - 1]);
-                total += lengths[k];
-            }
-            // Each segment turns by the share of the bend at its middle.
-            const float perLength = total > 0.0f ? 1.0f / total : 0.0f;
-            float arc = 0.0f;
-            for (std::size_t k = 1; k < n; ++k) {
-                const Vec3f segment = from_[k] - from_[k - 1];
-                const float segmentLength = lengths[k];
-                const float t = (arc + 0.5f * segmentLength) * perLength;
-                arc += segmentLength;
-                const float share = rising ? std::clamp((t - settings.start) * perShare, 0.0f, 1.0f)
-                                           : (t >= settings.start ? 1.0f : 0.0f);
-                if (share == 0.0f) {
-                    out[k] = out[k - 1] + segment;
-                } else if (share == 1.0f) {
-                    out[k] = out[k - 1] + rotateAbout(segment, axis, whole.cos, whole.sin);
+                Vec3f target;
+                if (alongNormal) {
+                    if (!settings.scalp || !settings.scalp->isOnSurface(roots[s])) continue;
+                    target = frames.normalAt(roots[s]);
                 } else {
-                    const SinCos turn = sinCosTurns(turns * share);
-                    out[k] = out[k - 1] + rotateAbout(segment, axis, turn.cos, turn.sin);
+                    const RootFrame frame =
+                        frames.at(roots[s], settings.direction.vectorAtStrand(s));
+                    if (!frame.valid) continue;
+                    target = frame.tangent;
                 }
+                Vec3f axis = cross(c, target);
+                const float axisLength = length(axis);
+                const float cosCurrent = std::clamp(dot(c, target), -1.0f, 1.0f);
+                if (axisLength < 1e-5f) {
+                    // On the target line: only a strand standing along the normal can be laid
+                    // down, about the binormal of the scalp there.
+                    if (!alongNormal || degrees >= 0.0f || cosCurrent <= 0.0f) continue;
+                    axis = settings.scalp->frameAt(roots[s]).bitangent;
+                } else {
+                    axis = axis / axisLength;
+                }
+                const float current = std::acos(cosCurrent) / kDegrees;
+                const float lowest =
+                    alongNormal ? std::min(0.0f, current - 90.0f) : current - 180.0f;
+                bends[j] = true;
+                axes[j] = axis;
+                wholeTurns[j] = std::clamp(degrees, lowest, current) / 360.0f;
+            }
+            const auto bendOne = [&](std::size_t j) {
+                const std::size_t s = pick.strand(block + j);
+                const std::size_t first = offsets[s];
+                const std::size_t n = offsets[s + 1] - first;
+                const std::span<const Vec3f> from_ = inputPoints.subspan(first, n);
+                Vec3f* out = points.data() + first;
+                if (!bends[j]) {
+                    std::copy(from_.begin(), from_.end(), out);
+                    return;
+                }
+                const Vec3f axis = axes[j];
+                const float turns = wholeTurns[j];
+                const std::span<float> lengths = lengthScratch.take(n);
+                segmentLengths(from_, lengths);
+                float total = 0.0f;
+                for (std::size_t k = 1; k < n; ++k)
+                    total += lengths[k];
+                // Each segment turns by the share of the bend at its middle. Before the start a
+                // segment keeps its direction; the others turn by `turns` times their share (past
+                // the end the whole turn, as the share is 1 there), their sines and cosines made
+                // together.
+                const std::span<float> shares = shareScratch.take(n);
+                const std::span<float> angles = angleScratch.take(n);
+                const float perLength = total > 0.0f ? 1.0f / total : 0.0f;
+                float arc = 0.0f;
+                for (std::size_t k = 1; k < n; ++k) {
+                    const float segmentLength = lengths[k];
+                    const float t = (arc + 0.5f * segmentLength) * perLength;
+                    arc += segmentLength;
+                    shares[k] = rising ? std::clamp((t - settings.start) * perShare, 0.0f, 1.0f)
+                                       : (t >= settings.start ? 1.0f : 0.0f);
+                    angles[k] = turns * shares[k];
+                }
+                const std::span<float> sines = sineScratch.take(n);
+                const std::span<float> cosines = cosineScratch.take(n);
+                sinCosTurnsMany(angles.data() + 1, sines.data() + 1, cosines.data() + 1, n - 1);
+                out[0] = from_[0];
+                for (std::size_t k = 1; k < n; ++k) {
+                    const Vec3f segment = from_[k] - from_[k - 1];
+                    out[k] = shares[k] == 0.0f
+                                 ? out[k - 1] + segment
+                                 : out[k - 1] + rotateAbout(segment, axis, cosines[k], sines[k]);
+                }
+            };
+            for (std::size_t j = 0; j < count;) {
+#if VELMORIN_SSE_LANES
+                // Four bending strands of one length side by side, when the last of them is
+                // followed by another point in the column (a lane reads four floats of a point).
+                if (j + 4 <= count && bends[j] && bends[j + 1] && bends[j + 2] && bends[j + 3]) {
+                    const Vec3f* from4[4];
+                    Vec3f* to4[4];
+                    std::size_t n = 0, lastEnd = 0;
+                    bool alike = true;
+                    for (std::size_t i = 0; i < 4; ++i) {
+                        const std::size_t s = pick.strand(block + j + i);
+                        const std::size_t count4 = offsets[s + 1] - offsets[s];
+                        if (i == 0) n = count4;
+                        alike = alike && count4 == n;
+                        from4[i] = inputPoints.data() + offsets[s];
+                        to4[i] = points.data() + offsets[s];
+                        lastEnd = std::max(lastEnd, static_cast<std::size_t>(offsets[s + 1]));
+                    }
+                    if (alike && n <= kLanePoints && lastEnd < inputPoints.size()) {
+                        bendFour(from4, to4, n, axes + j, wholeTurns + j,
+                                 {rising, settings.start, perShare});
+                        j += 4;
+                        continue;
+                    }
+                }
+#endif
+                bendOne(j);
+                ++j;
             }
         }
     });
 }
-
 namespace {
 
 using field_ops::choiceParam;

@@ -85,6 +85,8 @@ inline Vec3f pointAtArcByInverse(std::span<const Vec3f> points, std::span<const 
 class StrandDraws {
   public:
     StrandDraws(std::uint64_t id, std::uint64_t seed) : hash_(hashCombine(id, seed)) {}
+    // No strand yet, for arrays of draws: assign one made for a strand before drawing.
+    StrandDraws() = default;
     // The next draw in [0, 1).
     float next() {
         if (drawn_ > 0) hash_ = hashCombine(hash_, drawn_);
@@ -95,7 +97,7 @@ class StrandDraws {
     float nextSigned() { return 2.0f * next() - 1.0f; }
 
   private:
-    std::uint64_t hash_;
+    std::uint64_t hash_ = 0;
     std::uint64_t drawn_ = 0;
 };
 

@@ -2,7 +2,7 @@
 #include <array>
 #include <cmath>
 
-#include "base/fast_trig.h"
+#include "base/fast_trig_lanes.h"
 #include "base/parallel.h"
 #include "fields/field_scene.h"
 #include "graph/registry.h"
@@ -15,21 +15,33 @@
 namespace velmorin {
 namespace {
 
-// The rows of Rz * Ry * Rx: a turn about x, then y, then z, by the angles in degrees.
-std::array<Vec3f, 3> turnXyz(const Vec3f& degrees) {
-    // In turns, so that whole quarter turns (90 degrees) are exact.
-    const SinCos x = sinCosTurns(degrees.x / 360.0f);
-    const SinCos y = sinCosTurns(degrees.y / 360.0f);
-    const SinCos z = sinCosTurns(degrees.z / 360.0f);
-    const float cx = x.cos, sx = x.sin, cy = y.cos, sy = y.sin, cz = z.cos, sz = z.sin;
+// The rows of Rz * Ry * Rx: a turn about x, then y, then z, given the sines and cosines of the
+// three angles.
+std::array<Vec3f, 3> turnXyz(const float* sines, const float* cosines) {
+    const float cx = cosines[0], sx = sines[0], cy = cosines[1], sy = sines[1];
+    const float cz = cosines[2], sz = sines[2];
     return {Vec3f{cz * cy, cz * sy * sx - sz * cx, cz * sy * cx + sz * sx},
             Vec3f{sz * cy, sz * sy * sx + cz * cx, sz * sy * cx - cz * sx},
             Vec3f{-sy, cy * sx, cy * cx}};
 }
 
+// The same turn by three angles in degrees.
+std::array<Vec3f, 3> turnXyz(const Vec3f& degrees) {
+    // In turns, so that whole quarter turns (90 degrees) are exact.
+    const float turns[3] = {degrees.x / 360.0f, degrees.y / 360.0f, degrees.z / 360.0f};
+    float sines[3], cosines[3];
+    sinCosTurnsMany(turns, sines, cosines, 3);
+    return turnXyz(sines, cosines);
+}
+
 Vec3f turned(const std::array<Vec3f, 3>& rows, const Vec3f& v) {
     return {dot(rows[0], v), dot(rows[1], v), dot(rows[2], v)};
 }
+
+// Strands are set up a block at a time: the random draws of a strand hash one after another, so
+// the strands of a block draw side by side (their chains overlap), and the sines and cosines of
+// their turns are made together, four to a lane set.
+constexpr std::size_t kBlock = 16;
 
 }  // namespace
 
@@ -39,6 +51,7 @@ void transformStrands(const StrandSet& input, const TransformSettings& settings,
     const std::span<const StrandRoot> roots = input.roots();
     const bool random = settings.translateRandom != 0.0f || settings.rotateRandom != 0.0f ||
                         settings.scaleRandom != 0.0f;
+    const bool randomTurn = settings.rotateRandom != 0.0f;
     const std::span<const std::uint64_t> offsets = input.offsets();
     const std::span<const Vec3f> inputPoints = input.points();
     const bool scaleMapped = settings.scale.isMapped();
@@ -47,64 +60,84 @@ void transformStrands(const StrandSet& input, const TransformSettings& settings,
     const std::array<Vec3f, 3> plainTurn = turnXyz(settings.rotate);
     parallelRange(0, pick.size(input.strandCount()), 256, [&](std::size_t begin, std::size_t end) {
         RootFrames frames(settings.scalp, TangentFrom::Triangle);
-        for (std::size_t item = begin; item < end; ++item) {
-            const std::size_t s = pick.strand(item);
-            const std::size_t first = offsets[s];
-            const std::size_t n = offsets[s + 1] - first;
-            const std::span<const Vec3f> strand = inputPoints.subspan(first, n);
-            Vec3f* out = points.data() + first;
-            if (n < 2) {
-                std::copy(strand.begin(), strand.end(), out);
-                continue;
+        float scales[kBlock];
+        Vec3f moves[kBlock];
+        float turns[3 * kBlock], sines[3 * kBlock], cosines[3 * kBlock];
+        for (std::size_t block = begin; block < end; block += kBlock) {
+            const std::size_t count = std::min(kBlock, end - block);
+            for (std::size_t j = 0; j < count; ++j) {
+                const std::size_t s = pick.strand(block + j);
+                scales[j] = scaleMapped ? settings.scale.atStrand(s) : plainScale;
+                moves[j] = settings.translate;
             }
-
-            float scale = scaleMapped ? settings.scale.atStrand(s) : plainScale;
-            Vec3f translate = settings.translate;
-            std::array<Vec3f, 3> turn = plainTurn;
             if (random) {
-                // Draw order: scale, then translate x, y, z, then rotate x, y, z.
-                Vec3f rotate = settings.rotate;
-                StrandDraws draws(ids[s], settings.seed);
-                scale *= 1.0f + settings.scaleRandom * draws.nextSigned();
-                for (float* axis : {&translate.x, &translate.y, &translate.z})
-                    *axis += settings.translateRandom * draws.nextSigned();
-                for (float* axis : {&rotate.x, &rotate.y, &rotate.z})
-                    *axis += settings.rotateRandom * draws.nextSigned();
+                // Draw order per strand: scale, then translate x, y, z, then rotate x, y, z.
+                StrandDraws draws[kBlock];
+                for (std::size_t j = 0; j < count; ++j)
+                    draws[j] = StrandDraws(ids[pick.strand(block + j)], settings.seed);
+                for (std::size_t j = 0; j < count; ++j)
+                    scales[j] *= 1.0f + settings.scaleRandom * draws[j].nextSigned();
+                for (float Vec3f::*axis : {&Vec3f::x, &Vec3f::y, &Vec3f::z})
+                    for (std::size_t j = 0; j < count; ++j)
+                        moves[j].*axis += settings.translateRandom * draws[j].nextSigned();
+                if (randomTurn) {
+                    for (std::size_t axis = 0; axis < 3; ++axis)
+                        for (std::size_t j = 0; j < count; ++j)
+                            turns[3 * j + axis] = (settings.rotate[static_cast<int>(axis)] +
+                                                   settings.rotateRandom * draws[j].nextSigned()) /
+                                                  360.0f;
+                    sinCosTurnsMany(turns, sines, cosines, 3 * count);
+                }
+            }
+            for (std::size_t j = 0; j < count; ++j) {
+                const std::size_t s = pick.strand(block + j);
+                const std::size_t first = offsets[s];
+                const std::size_t n = offsets[s + 1] - first;
+                const std::span<const Vec3f> strand = inputPoints.subspan(first, n);
+                Vec3f* out = points.data() + first;
+                if (n < 2) {
+                    std::copy(strand.begin(), strand.end(), out);
+                    continue;
+                }
+                const float scale = scales[j];
+                const Vec3f translate = moves[j];
                 // Without a random turn the strand turns as every other: the same bits as the
                 // turn made once.
-                if (settings.rotateRandom != 0.0f) turn = turnXyz(rotate);
-            }
-            if (settings.world) {
-                for (std::size_t k = 0; k < n; ++k)
-                    out[k] = settings.pivot + turned(turn, (strand[k] - settings.pivot) * scale) +
-                             translate;
-                continue;
-            }
-            const RootFrame frame = frames.at(roots[s], Vec3f{});
-            if (!frame.valid) {
-                std::copy(strand.begin(), strand.end(), out);
-                continue;
-            }
-            // In the root's frame: x along U, y the normal, z across. The frame, the turn and
-            // the scale fold into one matrix per strand, rows M[r] = sum over i of F[i][r] times
-            // row i of (turn * scale) * F, F's rows the frame's axes.
-            const Vec3f origin = strand[0];
-            const Vec3f move = frame.tangent * translate.x + frame.normal * translate.y +
-                               frame.binormal * translate.z;
-            std::array<Vec3f, 3> local;
-            for (std::size_t i = 0; i < 3; ++i) {
-                const Vec3f row = turn[i] * scale;
-                local[i] = frame.tangent * row.x + frame.normal * row.y + frame.binormal * row.z;
-            }
-            const std::array<Vec3f, 3> axes = {frame.tangent, frame.normal, frame.binormal};
-            std::array<Vec3f, 3> matrix;
-            for (int r = 0; r < 3; ++r)
-                matrix[static_cast<std::size_t>(r)] =
-                    local[0] * axes[0][r] + local[1] * axes[1][r] + local[2] * axes[2][r];
-            const Vec3f base = origin + move;
-            for (std::size_t k = 0; k < n; ++k) {
-                const Vec3f d = strand[k] - origin;
-                out[k] = base + turned(matrix, d);
+                const std::array<Vec3f, 3> turn =
+                    randomTurn ? turnXyz(sines + 3 * j, cosines + 3 * j) : plainTurn;
+                if (settings.world) {
+                    for (std::size_t k = 0; k < n; ++k)
+                        out[k] = settings.pivot +
+                                 turned(turn, (strand[k] - settings.pivot) * scale) + translate;
+                    continue;
+                }
+                const RootFrame frame = frames.at(roots[s], Vec3f{});
+                if (!frame.valid) {
+                    std::copy(strand.begin(), strand.end(), out);
+                    continue;
+                }
+                // In the root's frame: x along U, y the normal, z across. The frame, the turn and
+                // the scale fold into one matrix per strand, rows M[r] = sum over i of F[i][r]
+                // times row i of (turn * scale) * F, F's rows the frame's axes.
+                const Vec3f origin = strand[0];
+                const Vec3f move = frame.tangent * translate.x + frame.normal * translate.y +
+                                   frame.binormal * translate.z;
+                std::array<Vec3f, 3> local;
+                for (std::size_t i = 0; i < 3; ++i) {
+                    const Vec3f row = turn[i] * scale;
+                    local[i] =
+                        frame.tangent * row.x + frame.normal * row.y + frame.binormal * row.z;
+                }
+                const std::array<Vec3f, 3> axes = {frame.tangent, frame.normal, frame.binormal};
+                std::array<Vec3f, 3> matrix;
+                for (int r = 0; r < 3; ++r)
+                    matrix[static_cast<std::size_t>(r)] =
+                        local[0] * axes[0][r] + local[1] * axes[1][r] + local[2] * axes[2][r];
+                const Vec3f base = origin + move;
+                for (std::size_t k = 0; k < n; ++k) {
+                    const Vec3f d = strand[k] - origin;
+                    out[k] = base + turned(matrix, d);
+                }
             }
         }
     });

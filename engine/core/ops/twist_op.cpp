@@ -1,7 +1,7 @@
 #include <algorithm>
 #include <cmath>
 
-#include "base/fast_trig.h"
+#include "base/fast_trig_lanes.h"
 #include "graph/delivered_params.h"
 #include "graph/errors.h"
 #include "graph/registry.h"
@@ -32,11 +32,128 @@ struct AxisSegments {
 
 }  // namespace
 
+namespace {
+
+// The axis a strand twists about, with what its segments hold.
+struct StrandAxis {
+    std::span<const Vec3f> points;
+    std::span<const float> arcs;
+    const Vec3f* tangents = nullptr;
+    const float* inverse = nullptr;
+
+    // Whether the strand can twist about it: it has a segment and a length.
+    bool usable() const { return points.size() >= 2 && arcs.back() > 0.0f; }
+};
+
+#if VELMORIN_SSE_LANES
+// The longest strands twisted four at a time (their arcs held on the stack).
+constexpr std::size_t kLanePoints = 64;
+
+// Four strands of n points each (2 to kLanePoints), each in an SSE lane, about their usable axes:
+// the steps of the one-strand loop in twistStrands, operation for operation, so the bits are the
+// same. The walk along each axis is that loop's own, lane by lane. Returns false, having written
+// nothing, when a strand has no length (the one-strand loop keeps it as it is). A load takes four
+// floats from a point, so each `from` strand must be followed by at least one more point in its
+// column. `profile` is null for a profile of no keys.
+bool twistFour(const Vec3f* const from[4], Vec3f* const to[4], std::size_t n,
+               const StrandAxis* axes, const float* strandTurns, const Ramp* profile) {
+    struct Rows {
+        __m128 x, y, z;
+    };
+    const auto load = [&](std::size_t k) {
+        __m128 a = _mm_loadu_ps(&from[0][k].x), b = _mm_loadu_ps(&from[1][k].x);
+        __m128 c = _mm_loadu_ps(&from[2][k].x), d = _mm_loadu_ps(&from[3][k].x);
+        _MM_TRANSPOSE4_PS(a, b, c, d);
+        return Rows{a, b, c};
+    };
+    // arcLengths in lanes: each segment's length, then the running sum.
+    alignas(16) float arcs[4 * kLanePoints];
+    __m128 total = _mm_setzero_ps();
+    Rows before = load(0);
+    for (std::size_t k = 1; k < n; ++k) {
+        const Rows at = load(k);
+        const __m128 dx = _mm_sub_ps(at.x, before.x), dy = _mm_sub_ps(at.y, before.y);
+        const __m128 dz = _mm_sub_ps(at.z, before.z);
+        total = _mm_add_ps(
+            total, _mm_sqrt_ps(_mm_add_ps(_mm_add_ps(_mm_mul_ps(dx, dx), _mm_mul_ps(dy, dy)),
+                                          _mm_mul_ps(dz, dz))));
+        _mm_store_ps(arcs + 4 * k, total);
+        before = at;
+    }
+    if (_mm_movemask_ps(_mm_cmpgt_ps(total, _mm_setzero_ps())) != 0xF) return false;
+    const __m128 perTotal = _mm_div_ps(_mm_set1_ps(1.0f), total);
+    const __m128 axisLength = _mm_setr_ps(axes[0].arcs.back(), axes[1].arcs.back(),
+                                          axes[2].arcs.back(), axes[3].arcs.back());
+    const __m128 turns = _mm_loadu_ps(strandTurns);
+    const __m128 one = _mm_set1_ps(1.0f);
+    std::size_t segments[4] = {0, 0, 0, 0};
+    for (std::size_t i = 0; i < 4; ++i)
+        to[i][0] = from[i][0];
+    for (std::size_t k = 1; k < n; ++k) {
+        // A point's place along the axis is its share of its own strand's length.
+        const __m128 t = _mm_mul_ps(_mm_load_ps(arcs + 4 * k), perTotal);
+        const __m128 arc = _mm_mul_ps(t, axisLength);
+        alignas(16) float place[4], shares[4];
+        _mm_store_ps(place, arc);
+        Vec3f centers[4], tangents[4];
+        for (std::size_t i = 0; i < 4; ++i) {
+            centers[i] = pointAtArcByInverse(axes[i].points, axes[i].arcs, axes[i].inverse,
+                                             place[i], segments[i]);
+            tangents[i] = axes[i].tangents[segments[i]];
+        }
+        __m128 profiles = one;
+        if (profile) {
+            _mm_store_ps(shares, t);
+            profiles = _mm_setr_ps(profile->at(shares[0]), profile->at(shares[1]),
+                                   profile->at(shares[2]), profile->at(shares[3]));
+        }
+        __m128 sine, cosine;
+        sinCosTurns4(_mm_mul_ps(_mm_mul_ps(turns, profiles), arc), sine, cosine);
+        const auto lanes = [](const Vec3f* v, float Vec3f::*c) {
+            return _mm_setr_ps(v[0].*c, v[1].*c, v[2].*c, v[3].*c);
+        };
+        const __m128 cx = lanes(centers, &Vec3f::x), cy = lanes(centers, &Vec3f::y);
+        const __m128 cz = lanes(centers, &Vec3f::z);
+        const __m128 ax = lanes(tangents, &Vec3f::x), ay = lanes(tangents, &Vec3f::y);
+        const __m128 az = lanes(tangents, &Vec3f::z);
+        const Rows at = load(k);
+        const __m128 vx = _mm_sub_ps(at.x, cx), vy = _mm_sub_ps(at.y, cy);
+        const __m128 vz = _mm_sub_ps(at.z, cz);
+        // rotateAbout(v, axis, cosine, sine): v cos + (axis x v) sin + axis (axis . v)(1 - cos).
+        const __m128 along = _mm_mul_ps(
+            _mm_add_ps(_mm_add_ps(_mm_mul_ps(ax, vx), _mm_mul_ps(ay, vy)), _mm_mul_ps(az, vz)),
+            _mm_sub_ps(one, cosine));
+        const auto turned = [&](__m128 v, __m128 cross, __m128 a) {
+            return _mm_add_ps(_mm_add_ps(_mm_mul_ps(v, cosine), _mm_mul_ps(cross, sine)),
+                              _mm_mul_ps(a, along));
+        };
+        __m128 x =
+            _mm_add_ps(cx, turned(vx, _mm_sub_ps(_mm_mul_ps(ay, vz), _mm_mul_ps(az, vy)), ax));
+        __m128 y =
+            _mm_add_ps(cy, turned(vy, _mm_sub_ps(_mm_mul_ps(az, vx), _mm_mul_ps(ax, vz)), ay));
+        __m128 z =
+            _mm_add_ps(cz, turned(vz, _mm_sub_ps(_mm_mul_ps(ax, vy), _mm_mul_ps(ay, vx)), az));
+        __m128 w = _mm_setzero_ps();
+        _MM_TRANSPOSE4_PS(x, y, z, w);
+        const __m128 rows[4] = {x, y, z, w};
+        for (std::size_t i = 0; i < 4; ++i) {
+            _mm_storel_pi(reinterpret_cast<__m64*>(&to[i][k].x), rows[i]);
+            _mm_store_ss(&to[i][k].z, _mm_movehl_ps(rows[i], rows[i]));
+        }
+    }
+    return true;
+}
+#endif
+
+}  // namespace
+
 void twistStrands(const StrandSet& input, const TwistSettings& settings,
                   const StrandSelection& selection, std::span<Vec3f> out) {
     const bool turnsMapped = settings.turns.isMapped();
     const float plainTurns = settings.turns.value();
     const bool flatProfile = settings.profile.keys.empty();
+    const std::span<const std::uint64_t> offsets = input.offsets();
+    const std::span<const Vec3f> inputPoints = input.points();
     // The arcs along every axis curve and what its segments hold, once, before the strand loop.
     std::vector<std::vector<float>> guideArcs;
     AxisSegments segments;
@@ -50,70 +167,134 @@ void twistStrands(const StrandSet& input, const TwistSettings& settings,
         for (std::size_t c = 0; c < settings.clumps->clumpCount; ++c)
             segments.add(settings.clumps->axisPoints(c), settings.clumps->axisArcs(c));
     }
+    // The axis of strand s, whose root is `root`.
+    const auto axisOf = [&](std::size_t s, const Vec3f& root) {
+        StrandAxis axis;
+        std::size_t axisIndex = 0;
+        if (settings.axes) {
+            // The axis curve whose root lies nearest this strand's.
+            float nearest = INFINITY;
+            for (std::size_t g = 0; g < settings.axes->guides.size(); ++g) {
+                const std::vector<Vec3f>& curve = settings.axes->guides[g].points;
+                if (curve.empty()) continue;
+                const float d = lengthSquared(curve[0] - root);
+                if (d < nearest) {
+                    nearest = d;
+                    axis.points = curve;
+                    axis.arcs = guideArcs[g];
+                    axisIndex = g;
+                }
+            }
+        } else if (settings.clumps) {
+            axisIndex = settings.clumps->clumpOf[s];
+            axis.points = settings.clumps->axisPoints(axisIndex);
+            axis.arcs = settings.clumps->axisArcs(axisIndex);
+        }
+        if (!axis.points.empty()) {
+            axis.tangents = segments.tangents.data() + segments.first[axisIndex];
+            axis.inverse = segments.inverse.data() + segments.first[axisIndex];
+        }
+        return axis;
+    };
 
     forSelectedChunks(input.strandCount(), selection, [&](std::size_t first, std::size_t last) {
-        StrandScratch<float> arcScratch;
-        for (std::size_t i = first; i < last; ++i) {
-            const std::size_t s = selection.strand(i);
-            const std::span<const Vec3f> points = input.strandPoints(s);
-            const std::size_t begin = input.pointRange(s).begin;
-            const std::size_t n = points.size();
+        StrandScratch<float> arcScratch, angleScratch, sineScratch, cosineScratch;
+        StrandScratch<Vec3f> centerScratch;
+        StrandScratch<std::uint32_t> segmentScratch;
+        const auto twistOne = [&](std::size_t s) {
+            const std::size_t begin = offsets[s];
+            const std::size_t n = offsets[s + 1] - begin;
+            const std::span<const Vec3f> points = inputPoints.subspan(begin, n);
             Vec3f* const twisted = out.data() + begin;
             const auto keep = [&] { std::copy(points.begin(), points.end(), twisted); };
             if (n < 2) {
                 keep();
-                continue;
+                return;
             }
-
-            std::span<const Vec3f> axis;
-            std::span<const float> axisArcs;
-            std::size_t axisIndex = 0;
-            if (settings.axes) {
-                // The axis curve whose root lies nearest this strand's.
-                float nearest = INFINITY;
-                for (std::size_t g = 0; g < settings.axes->guides.size(); ++g) {
-                    const std::vector<Vec3f>& curve = settings.axes->guides[g].points;
-                    if (curve.empty()) continue;
-                    const float d = lengthSquared(curve[0] - points[0]);
-                    if (d < nearest) {
-                        nearest = d;
-                        axis = curve;
-                        axisArcs = guideArcs[g];
-                        axisIndex = g;
-                    }
-                }
-            } else if (settings.clumps) {
-                axisIndex = settings.clumps->clumpOf[s];
-                axis = settings.clumps->axisPoints(axisIndex);
-                axisArcs = settings.clumps->axisArcs(axisIndex);
-            }
-            if (axis.size() < 2 || !(axisArcs.back() > 0.0f)) {
+            const StrandAxis axis = axisOf(s, points[0]);
+            if (axis.points.size() < 2 || !(axis.arcs.back() > 0.0f)) {
                 keep();
-                continue;
+                return;
             }
             const std::span<float> arcs = arcScratch.take(n);
-            const float total = arcLengths(points, arcs);
+            // arcLengths, with the square roots four at a time.
+            segmentLengths(points, arcs);
+            arcs[0] = 0.0f;
+            float total = 0.0f;
+            for (std::size_t k = 1; k < n; ++k) {
+                total += arcs[k];
+                arcs[k] = total;
+            }
             if (!(total > 0.0f)) {
                 keep();
-                continue;
+                return;
             }
             const float perTotal = 1.0f / total;
             const float turns = turnsMapped ? settings.turns.atStrand(s) : plainTurns;
-            const float axisLength = axisArcs.back();
-            const Vec3f* tangents = segments.tangents.data() + segments.first[axisIndex];
-            const float* inverse = segments.inverse.data() + segments.first[axisIndex];
+            const float axisLength = axis.arcs.back();
+            // First where each point's centre lies on the axis and by how much it turns, then
+            // the sines and cosines of all the turns together, then the turns themselves.
+            const std::span<Vec3f> centers = centerScratch.take(n);
+            const std::span<std::uint32_t> along = segmentScratch.take(n);
+            const std::span<float> angles = angleScratch.take(n);
             std::size_t segment = 0;
-            twisted[0] = points[0];
             for (std::size_t k = 1; k < n; ++k) {
                 // A point's place along the axis is its share of its own strand's length.
                 const float t = arcs[k] * perTotal;
-                const float along = t * axisLength;
-                const Vec3f center = pointAtArcByInverse(axis, axisArcs, inverse, along, segment);
+                const float arc = t * axisLength;
+                centers[k] =
+                    pointAtArcByInverse(axis.points, axis.arcs, axis.inverse, arc, segment);
+                along[k] = static_cast<std::uint32_t>(segment);
                 const float profile = flatProfile ? 1.0f : settings.profile.at(t);
-                const SinCos turn = sinCosTurns(turns * profile * along);
-                twisted[k] =
-                    center + rotateAbout(points[k] - center, tangents[segment], turn.cos, turn.sin);
+                angles[k] = turns * profile * arc;
             }
+            const std::span<float> sines = sineScratch.take(n);
+            const std::span<float> cosines = cosineScratch.take(n);
+            sinCosTurnsMany(angles.data() + 1, sines.data() + 1, cosines.data() + 1, n - 1);
+            twisted[0] = points[0];
+            for (std::size_t k = 1; k < n; ++k)
+                twisted[k] =
+                    centers[k] + rotateAbout(points[k] - centers[k], axis.tangents[along[k]],
+                                             cosines[k], sines[k]);
+        };
+        for (std::size_t i = first; i < last;) {
+#if VELMORIN_SSE_LANES
+            // Four strands of one length side by side, each about a usable axis, when the last of
+            // them is followed by another point in the column (a lane reads four floats of a
+            // point).
+            if (i + 4 <= last) {
+                const Vec3f* from4[4];
+                Vec3f* to4[4];
+                StrandAxis axes4[4];
+                float turns4[4];
+                const std::size_t n =
+                    offsets[selection.strand(i) + 1] - offsets[selection.strand(i)];
+                bool alike = n >= 2 && n <= kLanePoints;
+                std::size_t lastEnd = 0;
+                for (std::size_t j = 0; j < 4 && alike; ++j) {
+                    const std::size_t s = selection.strand(i + j);
+                    alike = offsets[s + 1] - offsets[s] == n;
+                    if (!alike) break;
+                    from4[j] = inputPoints.data() + offsets[s];
+                    to4[j] = out.data() + offsets[s];
+                    lastEnd = std::max(lastEnd, static_cast<std::size_t>(offsets[s + 1]));
+                    axes4[j] = axisOf(s, from4[j][0]);
+                    alike = axes4[j].usable();
+                    turns4[j] = turnsMapped ? settings.turns.atStrand(s) : plainTurns;
+                }
+                if (alike && lastEnd < inputPoints.size()) {
+                    if (!twistFour(from4, to4, n, axes4, turns4,
+                                   flatProfile ? nullptr : &settings.profile)) {
+                        for (std::size_t j = 0; j < 4; ++j)
+                            twistOne(selection.strand(i + j));
+                    }
+                    i += 4;
+                    continue;
+                }
+            }
+#endif
+            twistOne(selection.strand(i));
+            ++i;
         }
     });
 }

@@ -1,0 +1,102 @@
+#pragma once
+// sinCosTurns for many angles at once: four side by side in SSE lanes, which every x86-64 has, so
+// that a loop that turns each point of a strand pays for a quarter of the polynomials. Each lane
+// performs exactly the operations of the scalar sinCosTurns, in the same order, and so gives the
+// same bits; lanes whose angle is too large for the plain reduction (2^22 quarter turns or more,
+// infinity, NaN) are handed to the scalar function. Elsewhere the plain function runs per angle.
+// VELMORIN_SSE_LANES says whether the lanes are there, for kernels that run their own steps four
+// strands or four points at a time beside these.
+
+#include <cstddef>
+
+#include "base/fast_trig.h"
+
+#if defined(__SSE2__) || defined(_M_X64) || defined(_M_AMD64)
+#include <emmintrin.h>
+#define VELMORIN_SSE_LANES 1
+#else
+#define VELMORIN_SSE_LANES 0
+#endif
+
+namespace velmorin {
+
+#if VELMORIN_SSE_LANES
+// The sines and cosines of four angles in turns; the same bits as sinCosTurns on each.
+inline void sinCosTurns4(__m128 turns, __m128& sines, __m128& cosines) {
+    const __m128 quarters = _mm_mul_ps(_mm_set1_ps(4.0f), turns);
+    const __m128 magnitude = _mm_andnot_ps(_mm_set1_ps(-0.0f), quarters);
+    if (_mm_movemask_ps(_mm_cmplt_ps(magnitude, _mm_set1_ps(4194304.0f))) != 0xF) {
+        // Rare: one lane needs the wide reduction, so all four take the scalar path.
+        alignas(16) float in[4], s[4], c[4];
+        _mm_store_ps(in, turns);
+        for (int i = 0; i < 4; ++i) {
+            const SinCos one = sinCosTurns(in[i]);
+            s[i] = one.sin;
+            c[i] = one.cos;
+        }
+        sines = _mm_load_ps(s);
+        cosines = _mm_load_ps(c);
+        return;
+    }
+    const __m128 magic = _mm_set1_ps(12582912.0f);
+    const __m128 rounded = _mm_add_ps(quarters, magic);
+    const __m128 r = _mm_sub_ps(quarters, _mm_sub_ps(rounded, magic));
+    const __m128 x = _mm_mul_ps(r, r);
+    const __m128 x2 = _mm_mul_ps(x, x);
+    const auto term = [&](float c0, float c1) {
+        return _mm_add_ps(_mm_set1_ps(c0), _mm_mul_ps(x, _mm_set1_ps(c1)));
+    };
+    const __m128 s = _mm_mul_ps(
+        r, _mm_add_ps(term(1.5707963219532366f, -0.6459634776648118f),
+                      _mm_mul_ps(x2, term(0.07968021764775542f, -0.004602149212814176f))));
+    const __m128 c =
+        _mm_add_ps(term(0.9999999999524894f, -1.2337005406331623f),
+                   _mm_mul_ps(x2, _mm_add_ps(term(0.2536692036551135f, -0.02086006950026408f),
+                                             _mm_mul_ps(x2, _mm_set1_ps(0.0009036280663802505f)))));
+    // The scalar table kA, kB by compares: +0 where a quadrant has no entry, as the table has.
+    const __m128i q = _mm_and_si128(_mm_castps_si128(rounded), _mm_set1_epi32(3));
+    const auto quadrant = [&](int k) {
+        return _mm_castsi128_ps(_mm_cmpeq_epi32(q, _mm_set1_epi32(k)));
+    };
+    const __m128 one = _mm_set1_ps(1.0f), minusOne = _mm_set1_ps(-1.0f);
+    const __m128 a = _mm_or_ps(_mm_and_ps(quadrant(0), one), _mm_and_ps(quadrant(2), minusOne));
+    const __m128 b = _mm_or_ps(_mm_and_ps(quadrant(1), one), _mm_and_ps(quadrant(3), minusOne));
+    sines = _mm_add_ps(_mm_mul_ps(s, a), _mm_mul_ps(c, b));
+    cosines = _mm_sub_ps(_mm_mul_ps(c, a), _mm_mul_ps(s, b));
+}
+#endif
+
+// sines[i], cosines[i] = sinCosTurns(turns[i]) for i below `count`, bit for bit.
+inline void sinCosTurnsMany(const float* turns, float* sines, float* cosines, std::size_t count) {
+    std::size_t i = 0;
+#if VELMORIN_SSE_LANES
+    for (; i + 4 <= count; i += 4) {
+        __m128 s, c;
+        sinCosTurns4(_mm_loadu_ps(turns + i), s, c);
+        _mm_storeu_ps(sines + i, s);
+        _mm_storeu_ps(cosines + i, c);
+    }
+    if (i < count) {
+        // The last few padded to a whole lane set with zero turns, whose values are dropped.
+        alignas(16) float in[4] = {0.0f, 0.0f, 0.0f, 0.0f}, s[4], c[4];
+        for (std::size_t k = i; k < count; ++k)
+            in[k - i] = turns[k];
+        __m128 vs, vc;
+        sinCosTurns4(_mm_load_ps(in), vs, vc);
+        _mm_store_ps(s, vs);
+        _mm_store_ps(c, vc);
+        for (std::size_t k = i; k < count; ++k) {
+            sines[k] = s[k - i];
+            cosines[k] = c[k - i];
+        }
+    }
+#else
+    for (; i < count; ++i) {
+        const SinCos one = sinCosTurns(turns[i]);
+        sines[i] = one.sin;
+        cosines[i] = one.cos;
+    }
+#endif
+}
+
+}  // namespace velmorin
