@@ -85,13 +85,28 @@ struct CurlDraws {
     std::uint64_t spacingHash = 0;
 };
 
-CurlDraws drawCurl(std::uint64_t id, const CurlSettings& settings) {
+// The seeds drawCurl hashes a strand's id with beyond the operator's own, made once per run, and
+// which of the draws the run reads (a draw left out is never read, so leaving it out changes
+// nothing).
+struct CurlSeeds {
+    explicit CurlSeeds(const CurlSettings& settings)
+        : spacing(hashCombine(settings.seed, 0x73706163696e67ull)),
+          radius(hashCombine(settings.seed, 1)),
+          planar(settings.shape == CurlShape::Wave || settings.shape == CurlShape::Zigzag),
+          spaced(settings.spacingRandom > 0.0f) {}
+    std::uint64_t spacing;
+    std::uint64_t radius;  // the radius's own draw, per strand even within a clump
+    bool planar;
+    bool spaced;
+};
+
+CurlDraws drawCurl(std::uint64_t id, const CurlSettings& settings, const CurlSeeds& seeds) {
     StrandDraws draws(id, settings.seed);
     CurlDraws out;
     out.frequencyScale = 1.0f + settings.randomness * draws.nextSigned();
     out.phaseTurns = settings.phase + settings.phaseRandom * draws.next();
-    out.planeTurns = draws.next();
-    out.spacingHash = hashCombine(id, hashCombine(settings.seed, 0x73706163696e67ull));
+    if (seeds.planar) out.planeTurns = draws.next();
+    if (seeds.spaced) out.spacingHash = hashCombine(id, seeds.spacing);
     return out;
 }
 
@@ -116,8 +131,8 @@ constexpr std::uint32_t kMostParts = 64;
 // 2 acos(1 - tolerance); the turn is bounded by the strand's frequency at the tightest of the
 // segment's ends and middle, times the most the spacing's random adds (the weight only loosens).
 std::size_t segmentParts(const StrandSet& input, const CurlSettings& settings,
-                         std::span<const Vec3f> points, std::size_t s, float mostTurn,
-                         std::span<std::uint32_t> parts) {
+                         const CurlSeeds& seeds, std::span<const Vec3f> points, std::size_t s,
+                         float mostTurn, std::span<std::uint32_t> parts) {
     const std::size_t n = points.size();
     if (n < 2) return n;
     const float total = strandLength(points);
@@ -125,7 +140,7 @@ std::size_t segmentParts(const StrandSet& input, const CurlSettings& settings,
     if (settings.clumps && settings.clumpChannel)
         drawId = mix64(floatBits((*settings.clumpChannel)[s]));
     const float frequency =
-        std::fabs(settings.frequency * drawCurl(drawId, settings).frequencyScale) *
+        std::fabs(settings.frequency * drawCurl(drawId, settings, seeds).frequencyScale) *
         (1.0f + settings.spacingRandom);
     std::size_t count = 1;
     float arc = 0.0f;
@@ -156,6 +171,7 @@ StrandSet cutForCurl(const StrandSet& input, const CurlSettings& settings,
     if (valuesIn) *valuesOut = *valuesIn;
     if (!(settings.tolerance > 0.0f) || curlIsIdle(settings)) return input;
     const float mostTurn = 2.0f * std::acos(std::clamp(1.0f - settings.tolerance, -1.0f, 1.0f));
+    const CurlSeeds seeds(settings);
     const std::size_t strandCount = input.strandCount();
     const std::span<const std::uint64_t> offsetsIn = input.offsets();
     const std::span<const Vec3f> pointsIn = input.points();
@@ -164,7 +180,7 @@ StrandSet cutForCurl(const StrandSet& input, const CurlSettings& settings,
         StrandScratch<std::uint32_t> scratch;
         for (std::size_t s = first; s < last; ++s) {
             const std::size_t n = offsetsIn[s + 1] - offsetsIn[s];
-            counts[s] = segmentParts(input, settings, pointsIn.subspan(offsetsIn[s], n), s,
+            counts[s] = segmentParts(input, settings, seeds, pointsIn.subspan(offsetsIn[s], n), s,
                                      mostTurn, scratch.take(n));
         }
     });
@@ -205,7 +221,7 @@ StrandSet cutForCurl(const StrandSet& input, const CurlSettings& settings,
             const std::size_t from = offsetsIn[s];
             const std::size_t n = offsetsIn[s + 1] - from;
             const std::span<std::uint32_t> parts = scratch.take(n);
-            segmentParts(input, settings, pointsIn.subspan(from, n), s, mostTurn, parts);
+            segmentParts(input, settings, seeds, pointsIn.subspan(from, n), s, mostTurn, parts);
             // Each value of the strand, cut alike: the old ones kept, the new ones on the line
             // between them.
             const auto cut = [&](auto read, auto write) {
@@ -299,8 +315,9 @@ constexpr std::size_t kAxisSegments = ClumpAxes::kAxisPoints - 1;
 
 // What one run of curlStrands holds for every strand it curls.
 struct CurlRun {
-    explicit CurlRun(const CurlSettings& settings) : settings(settings) {}
+    explicit CurlRun(const CurlSettings& settings) : settings(settings), seeds(settings) {}
     const CurlSettings& settings;
+    CurlSeeds seeds;
     std::span<const std::uint64_t> ids;
     std::span<const std::uint64_t> offsets;
     std::span<const Vec3f> points;
@@ -347,9 +364,9 @@ StrandSetup setUpStrand(const CurlRun& run, std::size_t s, float perTotal) {
     }
     setup.ownAxis = setup.axis.empty() || !(setup.axisArcs.back() > 0.0f);
     setup.toAxis = setup.ownAxis ? 1.0f : setup.axisArcs.back() * perTotal;
-    setup.draws = drawCurl(drawId, settings);
+    setup.draws = drawCurl(drawId, settings, run.seeds);
     // The radius varies by the strand's own draw even within a clump.
-    StrandDraws own(run.ids[s], hashCombine(settings.seed, 1));
+    StrandDraws own(run.ids[s], run.seeds.radius);
     setup.radiusScale = 1.0f + settings.randomness * own.nextSigned();
     setup.frequency = settings.frequency * setup.draws.frequencyScale;
     if (run.planar) setup.plane = sinCosTurns(setup.draws.planeTurns);
