@@ -693,6 +693,14 @@ void curlStrands(const StrandSet& input, const CurlSettings& settings,
                 const auto sideBySide = [&](std::size_t width, auto kernel) {
                     for (std::size_t l = 0; l < width; ++l)
                         lanes[l] = waiting[at + l].second;
+                    // The points of the strands next in line, asked for while these are made.
+                    for (std::size_t next = at + width; next < std::min(count, at + 2 * width);
+                         ++next) {
+                        const char* from = reinterpret_cast<const char*>(
+                            inputPoints.data() + offsets[waiting[next].second]);
+                        for (std::size_t byte = 0; byte < n * sizeof(Vec3f); byte += 64)
+                            __builtin_prefetch(from + byte);
+                    }
                     if (!kernel(run, lanes, n, laneScratch)) {
                         // A strand of no length, or of one that is not a number, goes its own
                         // way.
