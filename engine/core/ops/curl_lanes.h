@@ -12,6 +12,8 @@
 
 #include <cstddef>
 
+#include "base/vec3.h"
+
 #if (defined(__x86_64__) || defined(__i386__)) && defined(__SSE2__) && \
     (defined(__GNUC__) || defined(__clang__))
 #include <immintrin.h>
@@ -117,6 +119,22 @@ inline F truncatedSmall(F a) {
     return {_mm_cvtepi32_ps(_mm_cvttps_epi32(a.v))};
 }
 
+// Point k of four strands (strands[l] the first point of lane l's) into rows of x, y and z: each
+// point read as four floats, the fourth the next point's x, and the four turned into rows. A
+// strand's last point (`last`) is read as its three floats alone, so nothing past it is touched.
+inline void transposePoints(const Vec3f* const* strands, std::size_t k, bool last, float* x,
+                            float* y, float* z) {
+    __m128 rows[kWidth];
+    for (std::size_t l = 0; l < kWidth; ++l) {
+        const Vec3f& p = strands[l][k];
+        rows[l] = last ? _mm_setr_ps(p.x, p.y, p.z, 0.0f) : _mm_loadu_ps(&p.x);
+    }
+    _MM_TRANSPOSE4_PS(rows[0], rows[1], rows[2], rows[3]);
+    _mm_storeu_ps(x, rows[0]);
+    _mm_storeu_ps(y, rows[1]);
+    _mm_storeu_ps(z, rows[2]);
+}
+
 }  // namespace narrow
 
 namespace wide {
@@ -205,6 +223,21 @@ VELMORIN_WIDE bool allOf(M m) {
 }
 VELMORIN_WIDE F truncatedSmall(F a) {
     return {_mm256_cvtepi32_ps(_mm256_cvttps_epi32(a.v))};
+}
+
+// narrow::transposePoints for eight strands: two groups of four, joined.
+VELMORIN_WIDE void transposePoints(const Vec3f* const* strands, std::size_t k, bool last, float* x,
+                                   float* y, float* z) {
+    __m128 rows[kWidth];
+    for (std::size_t l = 0; l < kWidth; ++l) {
+        const Vec3f& p = strands[l][k];
+        rows[l] = last ? _mm_setr_ps(p.x, p.y, p.z, 0.0f) : _mm_loadu_ps(&p.x);
+    }
+    _MM_TRANSPOSE4_PS(rows[0], rows[1], rows[2], rows[3]);
+    _MM_TRANSPOSE4_PS(rows[4], rows[5], rows[6], rows[7]);
+    _mm256_storeu_ps(x, _mm256_insertf128_ps(_mm256_castps128_ps256(rows[0]), rows[4], 1));
+    _mm256_storeu_ps(y, _mm256_insertf128_ps(_mm256_castps128_ps256(rows[1]), rows[5], 1));
+    _mm256_storeu_ps(z, _mm256_insertf128_ps(_mm256_castps128_ps256(rows[2]), rows[6], 1));
 }
 
 #undef VELMORIN_WIDE
