@@ -135,6 +135,24 @@ inline void transposePoints(const Vec3f* const* strands, std::size_t k, bool las
     _mm_storeu_ps(z, rows[2]);
 }
 
+// transposePoints the other way: rows of x, y and z into point k of four strands. Each point is
+// written as four floats, the fourth over the next point's x, which the caller writes after it; a
+// strand's last point (`last`) is written as its three floats alone.
+inline void untransposePoints(const float* x, const float* y, const float* z, Vec3f* const* strands,
+                              std::size_t k, bool last) {
+    __m128 rows[kWidth] = {_mm_loadu_ps(x), _mm_loadu_ps(y), _mm_loadu_ps(z), _mm_setzero_ps()};
+    _MM_TRANSPOSE4_PS(rows[0], rows[1], rows[2], rows[3]);
+    for (std::size_t l = 0; l < kWidth; ++l) {
+        float* const p = &strands[l][k].x;
+        if (last) {
+            _mm_storel_pi(reinterpret_cast<__m64*>(p), rows[l]);
+            _mm_store_ss(p + 2, _mm_movehl_ps(rows[l], rows[l]));
+        } else {
+            _mm_storeu_ps(p, rows[l]);
+        }
+    }
+}
+
 }  // namespace narrow
 
 namespace wide {
@@ -238,6 +256,27 @@ VELMORIN_WIDE void transposePoints(const Vec3f* const* strands, std::size_t k, b
     _mm256_storeu_ps(x, _mm256_insertf128_ps(_mm256_castps128_ps256(rows[0]), rows[4], 1));
     _mm256_storeu_ps(y, _mm256_insertf128_ps(_mm256_castps128_ps256(rows[1]), rows[5], 1));
     _mm256_storeu_ps(z, _mm256_insertf128_ps(_mm256_castps128_ps256(rows[2]), rows[6], 1));
+}
+
+// narrow::untransposePoints for eight strands.
+VELMORIN_WIDE void untransposePoints(const float* x, const float* y, const float* z,
+                                     Vec3f* const* strands, std::size_t k, bool last) {
+    const __m256 wideX = _mm256_loadu_ps(x), wideY = _mm256_loadu_ps(y), wideZ = _mm256_loadu_ps(z);
+    __m128 rows[kWidth] = {_mm256_castps256_ps128(wideX),   _mm256_castps256_ps128(wideY),
+                           _mm256_castps256_ps128(wideZ),   _mm_setzero_ps(),
+                           _mm256_extractf128_ps(wideX, 1), _mm256_extractf128_ps(wideY, 1),
+                           _mm256_extractf128_ps(wideZ, 1), _mm_setzero_ps()};
+    _MM_TRANSPOSE4_PS(rows[0], rows[1], rows[2], rows[3]);
+    _MM_TRANSPOSE4_PS(rows[4], rows[5], rows[6], rows[7]);
+    for (std::size_t l = 0; l < kWidth; ++l) {
+        float* const p = &strands[l][k].x;
+        if (last) {
+            _mm_storel_pi(reinterpret_cast<__m64*>(p), rows[l]);
+            _mm_store_ss(p + 2, _mm_movehl_ps(rows[l], rows[l]));
+        } else {
+            _mm_storeu_ps(p, rows[l]);
+        }
+    }
 }
 
 #undef VELMORIN_WIDE
