@@ -76,9 +76,13 @@ std::shared_ptr<const StrandSet> groupedStrands() {
     }
     add({});
     add({{0, 0, 0}});
+    // Clumps of 13 fill each group with one clump; clumps of 6 give groups of two or three.
     std::vector<float>& clumps = set->addStrandChannel("clumpId", 0.0f);
-    for (std::size_t s = 0; s < set->strandCount(); ++s)
-        clumps[s] = static_cast<float>(s / 6);
+    std::vector<float>& small = set->addStrandChannel("smallClump", 0.0f);
+    for (std::size_t s = 0; s < set->strandCount(); ++s) {
+        clumps[s] = static_cast<float>(s / 13);
+        small[s] = static_cast<float>(s / 6);
+    }
     return set;
 }
 
@@ -100,7 +104,6 @@ std::string bitDifferences(const StrandSet& strands, std::span<const Vec3f> got,
 
 TEST(Curl, StrandsSideBySideGiveTheBitsOfStrandsMadeAloneAtAnyThreadCount) {
     const auto strands = groupedStrands();
-    const std::vector<float>* clumpIds = strands->strandChannel("clumpId");
     Ramp rise;
     rise.keys = {{0.0f, 0.3f, 0.0f}, {0.7f, 1.0f, 0.0f}, {1.0f, 0.6f, 0.0f}};
     smoothSlopes(rise);
@@ -120,17 +123,18 @@ TEST(Curl, StrandsSideBySideGiveTheBitsOfStrandsMadeAloneAtAnyThreadCount) {
         float weight;
         bool profiles;
         bool mapped;
-        bool clumped;
+        const char* clumps;  // the channel naming the clumps, or null
         float radius;
     };
     const Case cases[] = {
-        {"helix, spacing and weight", CurlShape::Helix, 0.3f, 0.8f, false, false, false, 0.05f},
-        {"wide helix held to its turns", CurlShape::Helix, 1.0f, 0.0f, false, false, false, 0.6f},
-        {"wave with profiles", CurlShape::Wave, 0.0f, 0.5f, true, false, false, 0.05f},
-        {"zigzag with a mapped radius", CurlShape::Zigzag, 0.5f, 0.0f, false, true, false, 0.05f},
-        {"coil", CurlShape::Coil, 0.2f, 1.5f, true, false, false, 0.05f},
-        {"helix around clumps", CurlShape::Helix, 0.3f, 0.5f, false, false, true, 0.05f},
-        {"wave around clumps", CurlShape::Wave, 0.0f, 0.0f, true, true, true, 0.05f},
+        {"helix, spacing and weight", CurlShape::Helix, 0.3f, 0.8f, false, false, nullptr, 0.05f},
+        {"wide helix held to its turns", CurlShape::Helix, 1.0f, 0.0f, false, false, nullptr, 0.6f},
+        {"wave with profiles", CurlShape::Wave, 0.0f, 0.5f, true, false, nullptr, 0.05f},
+        {"zigzag with a mapped radius", CurlShape::Zigzag, 0.5f, 0.0f, false, true, nullptr, 0.05f},
+        {"coil", CurlShape::Coil, 0.2f, 1.5f, true, false, nullptr, 0.05f},
+        {"helix around clumps", CurlShape::Helix, 0.3f, 0.5f, false, false, "clumpId", 0.05f},
+        {"wave around small clumps", CurlShape::Wave, 0.0f, 0.0f, true, true, "smallClump", 0.05f},
+        {"zigzag around clumps", CurlShape::Zigzag, 0.3f, 0.0f, true, false, "clumpId", 0.05f},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name);
@@ -149,10 +153,11 @@ TEST(Curl, StrandsSideBySideGiveTheBitsOfStrandsMadeAloneAtAnyThreadCount) {
             settings.profile = rise;
         }
         ClumpAxes axes;
-        if (c.clumped) {
-            axes = clumpAxes(*strands, *clumpIds);
+        if (c.clumps) {
+            const std::vector<float>* ids = strands->strandChannel(c.clumps);
+            axes = clumpAxes(*strands, *ids);
             settings.clumps = &axes;
-            settings.clumpChannel = clumpIds;
+            settings.clumpChannel = ids;
         }
         const auto [one, two] = test::onOneAndTwoThreads([&] {
             std::vector<Vec3f> out(strands->pointCount());
