@@ -659,6 +659,8 @@ void curlStrands(const StrandSet& input, const CurlSettings& settings,
 
 #if VELMORIN_CURL_LANES
     const bool wide = curl_lanes::wideLanesUsable();
+    // Strands cut for a tolerance come in many point counts, and are made one at a time.
+    const bool sideBySide = !(settings.tolerance > 0.0f);
 #endif
     forSelectedChunks(input.strandCount(), selection, [&](std::size_t first, std::size_t last) {
         StrandScratches scratch;
@@ -666,61 +668,63 @@ void curlStrands(const StrandSet& input, const CurlSettings& settings,
         // Strands of one point count run side by side, a lane each, as many at a time as the
         // lanes hold; the few of a count left over are made one at a time. A strand's points
         // are the same bits either way, so how the chunk falls into groups changes nothing.
-        std::vector<float> laneScratch;
-        constexpr std::size_t kBlock = 256;
-        std::array<std::pair<std::size_t, std::size_t>, kBlock> waiting;  // point count, strand
-        for (std::size_t block = first; block < last; block += kBlock) {
-            const std::size_t end = std::min(last, block + kBlock);
-            std::size_t count = 0;
-            bool oneCount = true;
-            for (std::size_t i = block; i < end; ++i) {
-                const std::size_t s = selection.strand(i);
-                const std::size_t n = offsets[s + 1] - offsets[s];
-                if (n < 2) {
-                    curlStrand(run, s, scratch);
-                    continue;
+        if (sideBySide) {
+            std::vector<float> laneScratch;
+            constexpr std::size_t kBlock = 256;
+            std::array<std::pair<std::size_t, std::size_t>, kBlock> waiting;  // point count, strand
+            for (std::size_t block = first; block < last; block += kBlock) {
+                const std::size_t end = std::min(last, block + kBlock);
+                std::size_t count = 0;
+                bool oneCount = true;
+                for (std::size_t i = block; i < end; ++i) {
+                    const std::size_t s = selection.strand(i);
+                    const std::size_t n = offsets[s + 1] - offsets[s];
+                    if (n < 2) {
+                        curlStrand(run, s, scratch);
+                        continue;
+                    }
+                    oneCount = oneCount && (count == 0 || waiting[count - 1].first == n);
+                    waiting[count++] = {n, s};
                 }
-                oneCount = oneCount && (count == 0 || waiting[count - 1].first == n);
-                waiting[count++] = {n, s};
-            }
-            if (!oneCount) std::sort(waiting.begin(), waiting.begin() + count);
-            std::size_t lanes[wide_curl::kWidth];
-            for (std::size_t at = 0; at < count;) {
-                const std::size_t n = waiting[at].first;
-                std::size_t runEnd = at;
-                while (runEnd < count && waiting[runEnd].first == n)
-                    ++runEnd;
-                const auto sideBySide = [&](std::size_t width, auto kernel) {
-                    for (std::size_t l = 0; l < width; ++l)
-                        lanes[l] = waiting[at + l].second;
-                    // The points of the strands next in line, asked for while these are made.
-                    for (std::size_t next = at + width; next < std::min(count, at + 2 * width);
-                         ++next) {
-                        const char* from = reinterpret_cast<const char*>(
-                            inputPoints.data() + offsets[waiting[next].second]);
-                        for (std::size_t byte = 0; byte < n * sizeof(Vec3f); byte += 64)
-                            __builtin_prefetch(from + byte);
-                    }
-                    if (!kernel(run, lanes, n, laneScratch)) {
-                        // A strand of no length, or of one that is not a number, goes its own
-                        // way.
+                if (!oneCount) std::sort(waiting.begin(), waiting.begin() + count);
+                std::size_t lanes[wide_curl::kWidth];
+                for (std::size_t at = 0; at < count;) {
+                    const std::size_t n = waiting[at].first;
+                    std::size_t runEnd = at;
+                    while (runEnd < count && waiting[runEnd].first == n)
+                        ++runEnd;
+                    const auto sideBySide = [&](std::size_t width, auto kernel) {
                         for (std::size_t l = 0; l < width; ++l)
-                            curlStrand(run, lanes[l], scratch);
-                    }
-                    at += width;
-                };
-                while (wide && runEnd - at >= wide_curl::kWidth)
-                    sideBySide(wide_curl::kWidth, &wide_curl::curlSideBySide);
-                while (runEnd - at >= narrow_curl::kWidth)
-                    sideBySide(narrow_curl::kWidth, &narrow_curl::curlSideBySide);
-                for (; at < runEnd; ++at)
-                    curlStrand(run, waiting[at].second, scratch);
+                            lanes[l] = waiting[at + l].second;
+                        // The points of the strands next in line, asked for while these are made.
+                        for (std::size_t next = at + width; next < std::min(count, at + 2 * width);
+                             ++next) {
+                            const char* from = reinterpret_cast<const char*>(
+                                inputPoints.data() + offsets[waiting[next].second]);
+                            for (std::size_t byte = 0; byte < n * sizeof(Vec3f); byte += 64)
+                                __builtin_prefetch(from + byte);
+                        }
+                        if (!kernel(run, lanes, n, laneScratch)) {
+                            // A strand of no length, or of one that is not a number, goes its own
+                            // way.
+                            for (std::size_t l = 0; l < width; ++l)
+                                curlStrand(run, lanes[l], scratch);
+                        }
+                        at += width;
+                    };
+                    while (wide && runEnd - at >= wide_curl::kWidth)
+                        sideBySide(wide_curl::kWidth, &wide_curl::curlSideBySide);
+                    while (runEnd - at >= narrow_curl::kWidth)
+                        sideBySide(narrow_curl::kWidth, &narrow_curl::curlSideBySide);
+                    for (; at < runEnd; ++at)
+                        curlStrand(run, waiting[at].second, scratch);
+                }
             }
+            return;
         }
-#else
+#endif
         for (std::size_t i = first; i < last; ++i)
             curlStrand(run, selection.strand(i), scratch);
-#endif
     });
 }
 
