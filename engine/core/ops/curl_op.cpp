@@ -1,4 +1,5 @@
 #include <algorithm>
+#include <array>
 #include <cmath>
 #include <limits>
 #include <numbers>
@@ -7,6 +8,7 @@
 #include "base/parallel.h"
 #include "graph/delivered_params.h"
 #include "graph/registry.h"
+#include "ops/curl_lanes.h"
 #include "ops/shape_kernels.h"
 #include "ops/shape_ops.h"
 
@@ -37,9 +39,15 @@ float smoothstep01(float x) {
 // passes into the next cell.
 class SpacingNoise {
   public:
-    explicit SpacingNoise(std::uint64_t hash) : hash_(hash) {}
+    explicit SpacingNoise(std::uint64_t hash = 0) : hash_(hash) {}
     float at(float x) {
         const float cell = floorOf(x);
+        moveTo(cell);
+        return a_ + (b_ - a_) * smoothstep01(x - cell);
+    }
+    // What at() does before it eases between the knots: keeps the two around `cell`, floorOf of
+    // where the noise is read. For a caller that eases between before() and after() itself.
+    void moveTo(float cell) {
         const auto knot = static_cast<std::int64_t>(cell);
         if (knot != knot_) {
             // Moving on by one cell, the knot ahead becomes the one behind: one hash, not two.
@@ -47,8 +55,9 @@ class SpacingNoise {
             b_ = knotValue(knot + 1);
             knot_ = knot;
         }
-        return a_ + (b_ - a_) * smoothstep01(x - cell);
     }
+    float before() const { return a_; }
+    float after() const { return b_; }
 
   private:
     float knotValue(std::int64_t knot) const {
@@ -76,13 +85,28 @@ struct CurlDraws {
     std::uint64_t spacingHash = 0;
 };
 
-CurlDraws drawCurl(std::uint64_t id, const CurlSettings& settings) {
+// The seeds drawCurl hashes a strand's id with beyond the operator's own, made once per run, and
+// which of the draws the run reads (a draw left out is never read, so leaving it out changes
+// nothing).
+struct CurlSeeds {
+    explicit CurlSeeds(const CurlSettings& settings)
+        : spacing(hashCombine(settings.seed, 0x73706163696e67ull)),
+          radius(hashCombine(settings.seed, 1)),
+          planar(settings.shape == CurlShape::Wave || settings.shape == CurlShape::Zigzag),
+          spaced(settings.spacingRandom > 0.0f) {}
+    std::uint64_t spacing;
+    std::uint64_t radius;  // the radius's own draw, per strand even within a clump
+    bool planar;
+    bool spaced;
+};
+
+CurlDraws drawCurl(std::uint64_t id, const CurlSettings& settings, const CurlSeeds& seeds) {
     StrandDraws draws(id, settings.seed);
     CurlDraws out;
     out.frequencyScale = 1.0f + settings.randomness * draws.nextSigned();
     out.phaseTurns = settings.phase + settings.phaseRandom * draws.next();
-    out.planeTurns = draws.next();
-    out.spacingHash = hashCombine(id, hashCombine(settings.seed, 0x73706163696e67ull));
+    if (seeds.planar) out.planeTurns = draws.next();
+    if (seeds.spaced) out.spacingHash = hashCombine(id, seeds.spacing);
     return out;
 }
 
@@ -107,8 +131,8 @@ constexpr std::uint32_t kMostParts = 64;
 // 2 acos(1 - tolerance); the turn is bounded by the strand's frequency at the tightest of the
 // segment's ends and middle, times the most the spacing's random adds (the weight only loosens).
 std::size_t segmentParts(const StrandSet& input, const CurlSettings& settings,
-                         std::span<const Vec3f> points, std::size_t s, float mostTurn,
-                         std::span<std::uint32_t> parts) {
+                         const CurlSeeds& seeds, std::span<const Vec3f> points, std::size_t s,
+                         float mostTurn, std::span<std::uint32_t> parts) {
     const std::size_t n = points.size();
     if (n < 2) return n;
     const float total = strandLength(points);
@@ -116,7 +140,7 @@ std::size_t segmentParts(const StrandSet& input, const CurlSettings& settings,
     if (settings.clumps && settings.clumpChannel)
         drawId = mix64(floatBits((*settings.clumpChannel)[s]));
     const float frequency =
-        std::fabs(settings.frequency * drawCurl(drawId, settings).frequencyScale) *
+        std::fabs(settings.frequency * drawCurl(drawId, settings, seeds).frequencyScale) *
         (1.0f + settings.spacingRandom);
     std::size_t count = 1;
     float arc = 0.0f;
@@ -147,6 +171,7 @@ StrandSet cutForCurl(const StrandSet& input, const CurlSettings& settings,
     if (valuesIn) *valuesOut = *valuesIn;
     if (!(settings.tolerance > 0.0f) || curlIsIdle(settings)) return input;
     const float mostTurn = 2.0f * std::acos(std::clamp(1.0f - settings.tolerance, -1.0f, 1.0f));
+    const CurlSeeds seeds(settings);
     const std::size_t strandCount = input.strandCount();
     const std::span<const std::uint64_t> offsetsIn = input.offsets();
     const std::span<const Vec3f> pointsIn = input.points();
@@ -155,7 +180,7 @@ StrandSet cutForCurl(const StrandSet& input, const CurlSettings& settings,
         StrandScratch<std::uint32_t> scratch;
         for (std::size_t s = first; s < last; ++s) {
             const std::size_t n = offsetsIn[s + 1] - offsetsIn[s];
-            counts[s] = segmentParts(input, settings, pointsIn.subspan(offsetsIn[s], n), s,
+            counts[s] = segmentParts(input, settings, seeds, pointsIn.subspan(offsetsIn[s], n), s,
                                      mostTurn, scratch.take(n));
         }
     });
@@ -196,7 +221,7 @@ StrandSet cutForCurl(const StrandSet& input, const CurlSettings& settings,
             const std::size_t from = offsetsIn[s];
             const std::size_t n = offsetsIn[s + 1] - from;
             const std::span<std::uint32_t> parts = scratch.take(n);
-            segmentParts(input, settings, pointsIn.subspan(from, n), s, mostTurn, parts);
+            segmentParts(input, settings, seeds, pointsIn.subspan(from, n), s, mostTurn, parts);
             // Each value of the strand, cut alike: the old ones kept, the new ones on the line
             // between them.
             const auto cut = [&](auto read, auto write) {
@@ -286,7 +311,299 @@ void ownAxisFrames(std::span<const Vec3f> points, std::span<const float> inverse
     }
 }
 
+constexpr std::size_t kAxisSegments = ClumpAxes::kAxisPoints - 1;
+
+// What one run of curlStrands holds for every strand it curls.
+struct CurlRun {
+    explicit CurlRun(const CurlSettings& settings) : settings(settings), seeds(settings) {}
+    const CurlSettings& settings;
+    CurlSeeds seeds;
+    std::span<const std::uint64_t> ids;
+    std::span<const std::uint64_t> offsets;
+    std::span<const Vec3f> points;
+    std::span<const float> widths;
+    std::span<const SegmentFrame> clumpFrames;  // kAxisSegments per clump
+    Vec3f pull;                                 // the weight's way, unit length
+    float plainRadius = 0.0f;
+    // The widest radius a turn can hold at a rate of one turn per unit and keep its length.
+    float widest = 0.0f;
+    bool byClump = false;
+    bool coil = false;
+    bool planar = false;
+    bool weighted = false;
+    bool flatFrequency = true;
+    bool flatProfile = true;
+    bool spaced = false;
+    bool radiusMapped = false;
+    Vec3f* out = nullptr;  // the points column written, in the input's layout
+};
+
+// What a strand draws and the axis it winds around, once its length is known.
+struct StrandSetup {
+    std::span<const Vec3f> axis;  // its clump's middle, or empty for its own line
+    std::span<const float> axisArcs;
+    const SegmentFrame* axisFrames = nullptr;  // the clump's, kAxisSegments of them
+    bool ownAxis = true;
+    float toAxis = 1.0f;  // from an arc along the strand to the arc at the same share of the axis
+    CurlDraws draws;
+    float radiusScale = 1.0f;
+    float frequency = 0.0f;
+    SinCos plane;  // the turn of a wave's or zigzag's plane about the axis
+};
+
+StrandSetup setUpStrand(const CurlRun& run, std::size_t s, float perTotal) {
+    const CurlSettings& settings = run.settings;
+    StrandSetup setup;
+    std::uint64_t drawId = run.ids[s];
+    if (run.byClump) {
+        const std::uint32_t clump = settings.clumps->clumpOf[s];
+        setup.axis = settings.clumps->axisPoints(clump);
+        setup.axisArcs = settings.clumps->axisArcs(clump);
+        setup.axisFrames = run.clumpFrames.data() + clump * kAxisSegments;
+        drawId = mix64(floatBits((*settings.clumpChannel)[s]));
+    }
+    setup.ownAxis = setup.axis.empty() || !(setup.axisArcs.back() > 0.0f);
+    setup.toAxis = setup.ownAxis ? 1.0f : setup.axisArcs.back() * perTotal;
+    setup.draws = drawCurl(drawId, settings, run.seeds);
+    // The radius varies by the strand's own draw even within a clump.
+    StrandDraws own(run.ids[s], run.seeds.radius);
+    setup.radiusScale = 1.0f + settings.randomness * own.nextSigned();
+    setup.frequency = settings.frequency * setup.draws.frequencyScale;
+    if (run.planar) setup.plane = sinCosTurns(setup.draws.planeTurns);
+    return setup;
+}
+
+// One strand's values of a pass: value k at data[k * stride]; the stride is 1 for a strand made
+// on its own and the lane count for strands made side by side.
+struct Strided {
+    const float* data;
+    std::size_t stride;
+    float operator[](std::size_t k) const { return data[k * stride]; }
+};
+
+// The two axes of a segment's frame that a curl's offset lies along.
+struct FrameAxes {
+    Vec3f normal;
+    Vec3f binormal;
+};
+
+// The last pass: each point k from 1 lies at axial[k] along the strand's own line, moved by
+// (xs[k], ys[k]) in the frame of the axis at the same share of its length. ownFrame(j) gives the
+// frame of segment j of the strand's own line.
+template <class OwnFrame>
+void placeCurled(const StrandSetup& setup, bool planar, std::span<const Vec3f> points, Strided arcs,
+                 Strided inverse, Strided axial, Strided xs, Strided ys, const OwnFrame& ownFrame,
+                 Vec3f* curled) {
+    const std::size_t last = points.size() - 1;
+    std::size_t strandSegment = 0;
+    std::size_t axisSegment = 0;
+    curled[0] = points[0];
+    for (std::size_t k = 1; k <= last; ++k) {
+        const float s = axial[k];
+        // pointAtArcByInverse, on arcs that may lie strided.
+        Vec3f center;
+        if (s <= 0.0f) {
+            center = points[0];
+        } else if (s >= arcs[last]) {
+            center = points[last];
+        } else {
+            while (strandSegment + 1 < last && arcs[strandSegment + 1] < s)
+                ++strandSegment;
+            const float f = (s - arcs[strandSegment]) * inverse[strandSegment];
+            center =
+                lerp(points[strandSegment], points[strandSegment + 1], std::clamp(f, 0.0f, 1.0f));
+        }
+        // The frame at the same share of the axis's length.
+        FrameAxes frame;
+        if (setup.ownAxis) {
+            frame = ownFrame(strandSegment);
+        } else {
+            pointAtArc(setup.axis, setup.axisArcs, s * setup.toAxis, axisSegment);
+            const SegmentFrame& at = setup.axisFrames[std::min(axisSegment, kAxisSegments - 1)];
+            frame = {at.normal, at.binormal};
+        }
+        if (planar) {
+            const SinCos plane = setup.plane;
+            const Vec3f across = frame.normal * plane.cos + frame.binormal * plane.sin;
+            const Vec3f up = frame.binormal * plane.cos - frame.normal * plane.sin;
+            curled[k] = center + across * xs[k] + up * ys[k];
+        } else {
+            // A helix winds in the frame as it is (its plane's turn is 0; the phase turns it).
+            curled[k] = center + frame.normal * xs[k] + frame.binormal * ys[k];
+        }
+    }
+}
+
+// Scratch for strands made one at a time, set up once per chunk.
+struct StrandScratches {
+    StrandScratch<float> arcs, inverse, rates, turns, hanging, xs, ys;
+    StrandScratch<SegmentFrame> frames;
+};
+
+// One strand, made on its own. The strand is made in passes over its points, each a loop whose
+// points wait on nothing of the point before but a sum, so that the processor works on many points
+// at once: arcs and frames; the frequency and the turns; the offset in the frame; the way along the
+// axis; the points.
+void curlStrand(const CurlRun& run, std::size_t s, StrandScratches& scratch) {
+    const CurlSettings& settings = run.settings;
+    const std::size_t begin = run.offsets[s];
+    const std::size_t n = run.offsets[s + 1] - begin;
+    const std::span<const Vec3f> points = run.points.subspan(begin, n);
+    Vec3f* const curled = run.out + begin;
+    if (n < 2) {
+        std::copy(points.begin(), points.end(), curled);
+        return;
+    }
+    const std::span<float> arcs = scratch.arcs.take(n);
+    const std::span<float> inverse = scratch.inverse.take(n);
+    const float total = ownAxisArcs(points, arcs, inverse);
+    if (!(total > 0.0f)) {
+        std::copy(points.begin(), points.end(), curled);
+        return;
+    }
+    const float perTotal = 1.0f / total;
+    const StrandSetup setup = setUpStrand(run, s, perTotal);
+    std::span<SegmentFrame> frames;
+    if (setup.ownAxis) {
+        frames = scratch.frames.take(n - 1);
+        ownAxisFrames(points, inverse, frames);
+    }
+    const float frequency = setup.frequency;
+
+    // The frequency at each point and the turns from the root, integrated along the length. The
+    // spacing noise rides on the frequency; it is read at the turns the strand would make without
+    // it, which every point knows without waiting on the turns of the points before it.
+    const std::span<float> rates = scratch.rates.take(n);
+    const std::span<float> turns = scratch.turns.take(n);
+    for (std::size_t k = 0; k < n; ++k)
+        rates[k] = run.flatFrequency ? frequency
+                                     : frequency * settings.frequencyProfile.at(arcs[k] * perTotal);
+    if (run.spaced) {
+        SpacingNoise spacing(setup.draws.spacingHash);
+        float plain = 0.0f;
+        float lastRate = rates[0];
+        turns[0] = 0.0f;
+        for (std::size_t k = 1; k < n; ++k) {
+            plain += 0.5f * (lastRate + rates[k]) * (arcs[k] - arcs[k - 1]);
+            lastRate = rates[k];
+            turns[k] = plain;
+        }
+        for (std::size_t k = 1; k < n; ++k)
+            rates[k] *= 1.0f + settings.spacingRandom * spacing.at(turns[k] * kSpacingKnotsPerTurn);
+    }
+    turns[0] = 0.0f;
+    for (std::size_t k = 1; k < n; ++k)
+        turns[k] = turns[k - 1] + 0.5f * (rates[k - 1] + rates[k]) * (arcs[k] - arcs[k - 1]);
+
+    // The turns hanging below each point along the pull, for the weight's stretch: each segment
+    // adds its turns times the share of it that points along the pull, which is its reach along
+    // the pull over its length.
+    std::span<float> hanging;
+    if (run.weighted) {
+        hanging = scratch.hanging.take(n);
+        hanging[n - 1] = 0.0f;
+        for (std::size_t k = n - 1; k-- > 0;) {
+            const float reach = std::max(0.0f, dot(points[k + 1] - points[k], run.pull));
+            const float rate = run.flatFrequency
+                                   ? frequency
+                                   : frequency * settings.frequencyProfile.at(
+                                                     0.5f * (arcs[k] + arcs[k + 1]) * perTotal);
+            hanging[k] = hanging[k + 1] + rate * reach;
+        }
+    }
+
+    // The offset of each point in the frame.
+    const std::span<float> xs = scratch.xs.take(n);
+    const std::span<float> ys = scratch.ys.take(n);
+    for (std::size_t k = 1; k < n; ++k) {
+        const float rate = rates[k];
+        float radius = run.coil
+                           ? settings.coilWidths *
+                                 (begin + k < run.widths.size() ? run.widths[begin + k] : 0.0f)
+                           : (run.radiusMapped ? settings.radius.atPoint(s, k) : run.plainRadius);
+        radius *= setup.radiusScale * smoothstep01(turns[k] * 4.0f);
+        if (!run.flatProfile) radius *= settings.profile.at(arcs[k] * perTotal);
+        // A turn can't reach further around than its own length: wider curls are held to a flat
+        // circle (a zigzag to its straight flanks), so the strand keeps its length.
+        // Taken at every point, without a branch: with the spacing's random the rate moves, and
+        // whether the hold applies changes from point to point.
+        radius = std::min(radius, run.widest / std::max(rate, 1e-30f));
+        if (run.weighted && hanging[k] > 0.0f && rate > 0.0f && radius > 0.0f) {
+            // A turn keeps its length while its spacing stretches, so its radius narrows;
+            // stretched past its length the curl goes straight.
+            const float around = std::min(1.0f, kTwoPi * radius * rate);
+            const float spread = std::sqrt(1.0f - around * around);
+            const float stretched =
+                std::min(1.0f, spread * (1.0f + settings.weight * hanging[k] / 10.0f));
+            radius = std::min(radius, std::sqrt(1.0f - stretched * stretched) / (kTwoPi * rate));
+        }
+        const float phased = turns[k] + setup.draws.phaseTurns;
+        if (settings.shape == CurlShape::Zigzag) {
+            xs[k] = radius * triangleWave(phased);
+            ys[k] = 0.0f;
+        } else {
+            const SinCos turn = sinCosTurns(phased);
+            xs[k] = settings.shape == CurlShape::Wave ? radius * turn.sin : radius * turn.cos;
+            ys[k] = settings.shape == CurlShape::Wave ? 0.0f : radius * turn.sin;
+        }
+    }
+
+    // The segment keeps its length: what the offset takes of it comes off the way along the line,
+    // which shrinks the axis. `axial` is how far along its own line the curled strand reaches at
+    // each point (kept in `rates`, which are done with).
+    const std::span<float> axial = rates;
+    float lastX = 0.0f;
+    float lastY = 0.0f;
+    float along = 0.0f;
+    for (std::size_t k = 1; k < n; ++k) {
+        const float ds = arcs[k] - arcs[k - 1];
+        float dx = xs[k] - lastX;
+        float dy = ys[k] - lastY;
+        const float step = dx * dx + dy * dy;
+        if (step > ds * ds) {
+            // Where the radius grows faster than the segment's length allows (easing in, a
+            // profile's steep rise), the offset lags behind to keep the length.
+            const float shrink = ds / std::sqrt(step);
+            dx *= shrink;
+            dy *= shrink;
+            xs[k] = lastX + dx;
+            ys[k] = lastY + dy;
+        }
+        along += std::sqrt(std::max(0.0f, ds * ds - dx * dx - dy * dy));
+        axial[k] = along;
+        lastX = xs[k];
+        lastY = ys[k];
+    }
+
+    placeCurled(
+        setup, run.planar, points, {arcs.data(), 1}, {inverse.data(), 1}, {axial.data(), 1},
+        {xs.data(), 1}, {ys.data(), 1},
+        [&](std::size_t j) {
+            return FrameAxes{frames[j].normal, frames[j].binormal};
+        },
+        curled);
+}
+
 }  // namespace
+
+#if VELMORIN_CURL_LANES
+// The side-by-side kernel, once for each lane width: the same text over four SSE2 lanes and over
+// eight AVX lanes, the latter built for AVX alone.
+namespace {
+namespace narrow_curl {
+using namespace curl_lanes::narrow;
+#define VELMORIN_LANES_TARGET
+#include "ops/curl_lanes.inc"
+#undef VELMORIN_LANES_TARGET
+}  // namespace narrow_curl
+namespace wide_curl {
+using namespace curl_lanes::wide;
+#define VELMORIN_LANES_TARGET __attribute__((target("avx")))
+#include "ops/curl_lanes.inc"
+#undef VELMORIN_LANES_TARGET
+}  // namespace wide_curl
+}  // namespace
+#endif
 
 StrandSet subdivideForCurl(const StrandSet& input, const CurlSettings& settings) {
     return cutForCurl(input, settings, nullptr, nullptr);
@@ -294,22 +611,41 @@ StrandSet subdivideForCurl(const StrandSet& input, const CurlSettings& settings)
 
 void curlStrands(const StrandSet& input, const CurlSettings& settings,
                  const StrandSelection& selection, std::span<Vec3f> out) {
-    const bool radiusMapped = settings.radius.isMapped();
-    const float plainRadius = settings.radius.value();
-    const std::span<const std::uint64_t> ids = input.ids();
-    const std::span<const float> widths = input.widths();
-    const bool byClump = settings.clumps && settings.clumpChannel;
-    const bool coil = settings.shape == CurlShape::Coil;
-    const bool planar = settings.shape == CurlShape::Wave || settings.shape == CurlShape::Zigzag;
-    const Vec3f pull = normalized(settings.weightDirection);
-    const bool weighted = settings.weight > 0.0f && lengthSquared(pull) > 0.0f;
+    const std::span<const std::uint64_t> offsets = input.offsets();
+    const std::span<const Vec3f> inputPoints = input.points();
     // Nothing to curl: every strand goes through bit for bit.
-    const bool idle = curlIsIdle(settings);
+    if (curlIsIdle(settings)) {
+        forSelectedChunks(input.strandCount(), selection, [&](std::size_t first, std::size_t last) {
+            for (std::size_t i = first; i < last; ++i) {
+                const std::size_t s = selection.strand(i);
+                std::copy(inputPoints.begin() + static_cast<std::ptrdiff_t>(offsets[s]),
+                          inputPoints.begin() + static_cast<std::ptrdiff_t>(offsets[s + 1]),
+                          out.begin() + static_cast<std::ptrdiff_t>(offsets[s]));
+            }
+        });
+        return;
+    }
+    CurlRun run(settings);
+    run.ids = input.ids();
+    run.offsets = offsets;
+    run.points = inputPoints;
+    run.widths = input.widths();
+    run.byClump = settings.clumps && settings.clumpChannel;
+    run.coil = settings.shape == CurlShape::Coil;
+    run.planar = settings.shape == CurlShape::Wave || settings.shape == CurlShape::Zigzag;
+    run.pull = normalized(settings.weightDirection);
+    run.weighted = settings.weight > 0.0f && lengthSquared(run.pull) > 0.0f;
+    run.radiusMapped = settings.radius.isMapped();
+    run.plainRadius = settings.radius.value();
+    run.flatFrequency = settings.frequencyProfile.keys.empty();
+    run.flatProfile = settings.profile.keys.empty();
+    run.spaced = settings.spacingRandom > 0.0f;
+    run.widest = settings.shape == CurlShape::Zigzag ? 0.25f : 1.0f / kTwoPi;
+    run.out = out.data();
 
     // First pass: the frames carried along each clump's axis, which its strands share.
-    constexpr std::size_t kAxisSegments = ClumpAxes::kAxisPoints - 1;
     std::vector<SegmentFrame> clumpFrames;
-    if (byClump && !idle) {
+    if (run.byClump) {
         const ClumpAxes& clumps = *settings.clumps;
         clumpFrames.resize(clumps.clumpCount * kAxisSegments);
         parallelRange(0, clumps.clumpCount, 256, [&](std::size_t first, std::size_t last) {
@@ -318,205 +654,77 @@ void curlStrands(const StrandSet& input, const CurlSettings& settings,
                     clumps.axisPoints(c),
                     std::span<SegmentFrame>(clumpFrames).subspan(c * kAxisSegments, kAxisSegments));
         });
+        run.clumpFrames = clumpFrames;
     }
 
-    const std::span<const std::uint64_t> offsets = input.offsets();
-    const std::span<const Vec3f> inputPoints = input.points();
-    const bool flatFrequency = settings.frequencyProfile.keys.empty();
-    const bool flatProfile = settings.profile.keys.empty();
-    const bool spaced = settings.spacingRandom > 0.0f;
-    const float widest = settings.shape == CurlShape::Zigzag ? 0.25f : 1.0f / kTwoPi;
-    // The strand is made in passes over its points, each a loop whose points wait on nothing of
-    // the point before but a sum, so that the processor works on many points at once: arcs and
-    // frames; the frequency and the turns; the offset in the frame; the way along the axis; the
-    // points.
+#if VELMORIN_CURL_LANES
+    const bool wide = curl_lanes::wideLanesUsable();
+    // Strands cut for a tolerance come in many point counts, and are made one at a time.
+    const bool sideBySide = !(settings.tolerance > 0.0f);
+#endif
     forSelectedChunks(input.strandCount(), selection, [&](std::size_t first, std::size_t last) {
-        StrandScratch<float> arcScratch, inverseScratch, rateScratch, turnScratch, hangingScratch;
-        StrandScratch<float> xScratch, yScratch;
-        StrandScratch<SegmentFrame> frameScratch;
-        for (std::size_t i = first; i < last; ++i) {
-            const std::size_t s = selection.strand(i);
-            const std::size_t begin = offsets[s];
-            const std::size_t n = offsets[s + 1] - begin;
-            const std::span<const Vec3f> points = inputPoints.subspan(begin, n);
-            Vec3f* const curled = out.data() + begin;
-            const auto keep = [&] { std::copy(points.begin(), points.end(), curled); };
-            if (n < 2 || idle) {
-                keep();
-                continue;
-            }
-            const std::span<float> arcs = arcScratch.take(n);
-            const std::span<float> inverse = inverseScratch.take(n);
-            const float total = ownAxisArcs(points, arcs, inverse);
-            if (!(total > 0.0f)) {
-                keep();
-                continue;
-            }
-            const float perTotal = 1.0f / total;
-
-            // The axis the curl winds around: the strand's own line, or its clump's middle.
-            std::span<const Vec3f> axis;
-            std::span<const float> axisArcs;
-            std::span<const SegmentFrame> axisFrames;
-            std::uint64_t drawId = ids[s];
-            if (byClump) {
-                const std::uint32_t clump = settings.clumps->clumpOf[s];
-                axis = settings.clumps->axisPoints(clump);
-                axisArcs = settings.clumps->axisArcs(clump);
-                axisFrames = std::span<const SegmentFrame>(clumpFrames)
-                                 .subspan(clump * kAxisSegments, kAxisSegments);
-                drawId = mix64(floatBits((*settings.clumpChannel)[s]));
-            }
-            const bool ownAxis = axis.empty() || !(axisArcs.back() > 0.0f);
-            if (ownAxis) {
-                const std::span<SegmentFrame> frames = frameScratch.take(n - 1);
-                ownAxisFrames(points, inverse, frames);
-                axisFrames = frames;
-            }
-            // From an arc along the strand to the arc at the same share of the axis's length.
-            const float toAxis = ownAxis ? 1.0f : axisArcs.back() * perTotal;
-            const CurlDraws draws = drawCurl(drawId, settings);
-            // The radius varies by the strand's own draw even within a clump.
-            StrandDraws own(ids[s], hashCombine(settings.seed, 1));
-            const float radiusScale = 1.0f + settings.randomness * own.nextSigned();
-            const float frequency = settings.frequency * draws.frequencyScale;
-
-            // The frequency at each point and the turns from the root, integrated along the
-            // length. The spacing noise rides on the frequency; it is read at the turns the
-            // strand would make without it, which every point knows without waiting on the turns
-            // of the points before it.
-            const std::span<float> rates = rateScratch.take(n);
-            const std::span<float> turns = turnScratch.take(n);
-            for (std::size_t k = 0; k < n; ++k)
-                rates[k] = flatFrequency
-                               ? frequency
-                               : frequency * settings.frequencyProfile.at(arcs[k] * perTotal);
-            if (spaced) {
-                SpacingNoise spacing(draws.spacingHash);
-                float plain = 0.0f;
-                float lastRate = rates[0];
-                turns[0] = 0.0f;
-                for (std::size_t k = 1; k < n; ++k) {
-                    plain += 0.5f * (lastRate + rates[k]) * (arcs[k] - arcs[k - 1]);
-                    lastRate = rates[k];
-                    turns[k] = plain;
+        StrandScratches scratch;
+#if VELMORIN_CURL_LANES
+        // Strands of one point count run side by side, a lane each, as many at a time as the
+        // lanes hold; the few of a count left over are made one at a time. A strand's points
+        // are the same bits either way, so how the chunk falls into groups changes nothing.
+        if (sideBySide) {
+            std::vector<float> laneScratch;
+            constexpr std::size_t kBlock = 256;
+            std::array<std::pair<std::size_t, std::size_t>, kBlock> waiting;  // point count, strand
+            for (std::size_t block = first; block < last; block += kBlock) {
+                const std::size_t end = std::min(last, block + kBlock);
+                std::size_t count = 0;
+                bool oneCount = true;
+                for (std::size_t i = block; i < end; ++i) {
+                    const std::size_t s = selection.strand(i);
+                    const std::size_t n = offsets[s + 1] - offsets[s];
+                    if (n < 2) {
+                        curlStrand(run, s, scratch);
+                        continue;
+                    }
+                    oneCount = oneCount && (count == 0 || waiting[count - 1].first == n);
+                    waiting[count++] = {n, s};
                 }
-                for (std::size_t k = 1; k < n; ++k)
-                    rates[k] *=
-                        1.0f + settings.spacingRandom * spacing.at(turns[k] * kSpacingKnotsPerTurn);
-            }
-            turns[0] = 0.0f;
-            for (std::size_t k = 1; k < n; ++k)
-                turns[k] =
-                    turns[k - 1] + 0.5f * (rates[k - 1] + rates[k]) * (arcs[k] - arcs[k - 1]);
-
-            // The turns hanging below each point along the pull, for the weight's stretch: each
-            // segment adds its turns times the share of it that points along the pull, which is
-            // its reach along the pull over its length.
-            std::span<float> hanging;
-            if (weighted) {
-                hanging = hangingScratch.take(n);
-                hanging[n - 1] = 0.0f;
-                for (std::size_t k = n - 1; k-- > 0;) {
-                    const float reach = std::max(0.0f, dot(points[k + 1] - points[k], pull));
-                    const float rate =
-                        flatFrequency ? frequency
-                                      : frequency * settings.frequencyProfile.at(
-                                                        0.5f * (arcs[k] + arcs[k + 1]) * perTotal);
-                    hanging[k] = hanging[k + 1] + rate * reach;
+                if (!oneCount) std::sort(waiting.begin(), waiting.begin() + count);
+                std::size_t lanes[wide_curl::kWidth];
+                for (std::size_t at = 0; at < count;) {
+                    const std::size_t n = waiting[at].first;
+                    std::size_t runEnd = at;
+                    while (runEnd < count && waiting[runEnd].first == n)
+                        ++runEnd;
+                    const auto sideBySide = [&](std::size_t width, auto kernel) {
+                        for (std::size_t l = 0; l < width; ++l)
+                            lanes[l] = waiting[at + l].second;
+                        // The points of the strands next in line, asked for while these are made.
+                        for (std::size_t next = at + width; next < std::min(count, at + 2 * width);
+                             ++next) {
+                            const char* from = reinterpret_cast<const char*>(
+                                inputPoints.data() + offsets[waiting[next].second]);
+                            for (std::size_t byte = 0; byte < n * sizeof(Vec3f); byte += 64)
+                                __builtin_prefetch(from + byte);
+                        }
+                        if (!kernel(run, lanes, n, laneScratch)) {
+                            // A strand of no length, or of one that is not a number, goes its own
+                            // way.
+                            for (std::size_t l = 0; l < width; ++l)
+                                curlStrand(run, lanes[l], scratch);
+                        }
+                        at += width;
+                    };
+                    while (wide && runEnd - at >= wide_curl::kWidth)
+                        sideBySide(wide_curl::kWidth, &wide_curl::curlSideBySide);
+                    while (runEnd - at >= narrow_curl::kWidth)
+                        sideBySide(narrow_curl::kWidth, &narrow_curl::curlSideBySide);
+                    for (; at < runEnd; ++at)
+                        curlStrand(run, waiting[at].second, scratch);
                 }
             }
-
-            // The offset of each point in the frame.
-            const std::span<float> xs = xScratch.take(n);
-            const std::span<float> ys = yScratch.take(n);
-            for (std::size_t k = 1; k < n; ++k) {
-                const float rate = rates[k];
-                float radius = coil ? settings.coilWidths *
-                                          (begin + k < widths.size() ? widths[begin + k] : 0.0f)
-                                    : (radiusMapped ? settings.radius.atPoint(s, k) : plainRadius);
-                radius *= radiusScale * smoothstep01(turns[k] * 4.0f);
-                if (!flatProfile) radius *= settings.profile.at(arcs[k] * perTotal);
-                // A turn can't reach further around than its own length: wider curls are held
-                // to a flat circle (a zigzag to its straight flanks), so the strand keeps its
-                // length.
-                // Taken at every point, without a branch: with the spacing's random the rate
-                // moves, and whether the hold applies changes from point to point.
-                radius = std::min(radius, widest / std::max(rate, 1e-30f));
-                if (weighted && hanging[k] > 0.0f && rate > 0.0f && radius > 0.0f) {
-                    // A turn keeps its length while its spacing stretches, so its radius narrows;
-                    // stretched past its length the curl goes straight.
-                    const float around = std::min(1.0f, kTwoPi * radius * rate);
-                    const float spread = std::sqrt(1.0f - around * around);
-                    const float stretched =
-                        std::min(1.0f, spread * (1.0f + settings.weight * hanging[k] / 10.0f));
-                    radius =
-                        std::min(radius, std::sqrt(1.0f - stretched * stretched) / (kTwoPi * rate));
-                }
-                const float phased = turns[k] + draws.phaseTurns;
-                if (settings.shape == CurlShape::Zigzag) {
-                    xs[k] = radius * triangleWave(phased);
-                    ys[k] = 0.0f;
-                } else {
-                    const SinCos turn = sinCosTurns(phased);
-                    xs[k] =
-                        settings.shape == CurlShape::Wave ? radius * turn.sin : radius * turn.cos;
-                    ys[k] = settings.shape == CurlShape::Wave ? 0.0f : radius * turn.sin;
-                }
-            }
-
-            // The segment keeps its length: what the offset takes of it comes off the way along
-            // the line, which shrinks the axis. `axial` is how far along its own line the curled
-            // strand reaches at each point (kept in `rates`, which are done with).
-            const std::span<float> axial = rates;
-            float lastX = 0.0f;
-            float lastY = 0.0f;
-            float along = 0.0f;
-            for (std::size_t k = 1; k < n; ++k) {
-                const float ds = arcs[k] - arcs[k - 1];
-                float dx = xs[k] - lastX;
-                float dy = ys[k] - lastY;
-                const float step = dx * dx + dy * dy;
-                if (step > ds * ds) {
-                    // Where the radius grows faster than the segment's length allows (easing in,
-                    // a profile's steep rise), the offset lags behind to keep the length.
-                    const float shrink = ds / std::sqrt(step);
-                    dx *= shrink;
-                    dy *= shrink;
-                    xs[k] = lastX + dx;
-                    ys[k] = lastY + dy;
-                }
-                along += std::sqrt(std::max(0.0f, ds * ds - dx * dx - dy * dy));
-                axial[k] = along;
-                lastX = xs[k];
-                lastY = ys[k];
-            }
-
-            const SinCos plane = planar ? sinCosTurns(draws.planeTurns) : SinCos{};
-            std::size_t strandSegment = 0;
-            std::size_t axisSegment = 0;
-            curled[0] = points[0];
-            for (std::size_t k = 1; k < n; ++k) {
-                const Vec3f center =
-                    pointAtArcByInverse(points, arcs, inverse.data(), axial[k], strandSegment);
-                // The frame at the same share of the axis's length.
-                if (ownAxis)
-                    axisSegment = strandSegment;
-                else
-                    pointAtArc(axis, axisArcs, axial[k] * toAxis, axisSegment);
-                const SegmentFrame& frame =
-                    axisFrames[std::min(axisSegment, axisFrames.size() - 1)];
-                if (planar) {
-                    const Vec3f across = frame.normal * plane.cos + frame.binormal * plane.sin;
-                    const Vec3f up = frame.binormal * plane.cos - frame.normal * plane.sin;
-                    curled[k] = center + across * xs[k] + up * ys[k];
-                } else {
-                    // A helix winds in the frame as it is (its plane's turn is 0; the phase turns
-                    // it).
-                    curled[k] = center + frame.normal * xs[k] + frame.binormal * ys[k];
-                }
-            }
+            return;
         }
+#endif
+        for (std::size_t i = first; i < last; ++i)
+            curlStrand(run, selection.strand(i), scratch);
     });
 }
 

@@ -1,0 +1,288 @@
+#pragma once
+// Float lanes for Curl's side-by-side kernel: several strands of one point count run through the
+// per-point passes together, one strand per lane, four lanes with SSE2 (every x86-64) or eight with
+// AVX where the processor has it, chosen at run time. Each operation is one IEEE operation per
+// lane, and there is no fused multiply-add (the build targets plain x86-64 and the AVX functions
+// ask for AVX alone), so a lane gives the bits the scalar code gives for its strand, operation for
+// operation.
+//
+// minOf and maxOf are std::min and std::max, argument for argument, NaN and signed zeros included:
+// std::min(a, b) is (b < a ? b : a), which is minps(b, a). Masks are all ones or all zeros per
+// lane. GCC and clang only: the wide functions carry a target attribute.
+
+#include <cstddef>
+
+#include "base/vec3.h"
+
+#if (defined(__x86_64__) || defined(__i386__)) && defined(__SSE2__) && \
+    (defined(__GNUC__) || defined(__clang__))
+#include <immintrin.h>
+#define VELMORIN_CURL_LANES 1
+#else
+#define VELMORIN_CURL_LANES 0
+#endif
+
+#if VELMORIN_CURL_LANES
+
+namespace velmorin::curl_lanes {
+
+// Whether this processor runs the eight-lane kernel.
+inline bool wideLanesUsable() {
+    static const bool usable = __builtin_cpu_supports("avx");
+    return usable;
+}
+
+namespace narrow {
+
+inline constexpr std::size_t kWidth = 4;
+
+struct F {
+    __m128 v;
+};
+struct M {
+    __m128 v;
+};
+
+inline F load(const float* p) {
+    return {_mm_loadu_ps(p)};
+}
+inline void store(float* p, F a) {
+    _mm_storeu_ps(p, a.v);
+}
+inline F splat(float x) {
+    return {_mm_set1_ps(x)};
+}
+inline F operator+(F a, F b) {
+    return {_mm_add_ps(a.v, b.v)};
+}
+inline F operator-(F a, F b) {
+    return {_mm_sub_ps(a.v, b.v)};
+}
+inline F operator*(F a, F b) {
+    return {_mm_mul_ps(a.v, b.v)};
+}
+inline F operator/(F a, F b) {
+    return {_mm_div_ps(a.v, b.v)};
+}
+inline F sqrtOf(F a) {
+    return {_mm_sqrt_ps(a.v)};
+}
+inline F minOf(F a, F b) {
+    return {_mm_min_ps(b.v, a.v)};
+}
+inline F maxOf(F a, F b) {
+    return {_mm_max_ps(b.v, a.v)};
+}
+inline F absOf(F a) {
+    return {_mm_andnot_ps(_mm_set1_ps(-0.0f), a.v)};
+}
+inline M operator<(F a, F b) {
+    return {_mm_cmplt_ps(a.v, b.v)};
+}
+inline M operator<=(F a, F b) {
+    return {_mm_cmple_ps(a.v, b.v)};
+}
+inline M operator>(F a, F b) {
+    return {_mm_cmpgt_ps(a.v, b.v)};
+}
+inline M operator>=(F a, F b) {
+    return {_mm_cmpge_ps(a.v, b.v)};
+}
+inline M operator==(F a, F b) {
+    return {_mm_cmpeq_ps(a.v, b.v)};
+}
+inline M operator&(M a, M b) {
+    return {_mm_and_ps(a.v, b.v)};
+}
+inline M operator|(M a, M b) {
+    return {_mm_or_ps(a.v, b.v)};
+}
+inline M notOf(M a) {
+    return {_mm_xor_ps(a.v, _mm_castsi128_ps(_mm_set1_epi32(-1)))};
+}
+// m ? a : b, lane by lane.
+inline F select(M m, F a, F b) {
+    return {_mm_or_ps(_mm_and_ps(m.v, a.v), _mm_andnot_ps(m.v, b.v))};
+}
+// 1 in the lanes of m, 0 elsewhere.
+inline F oneWhere(M m) {
+    return {_mm_and_ps(m.v, _mm_set1_ps(1.0f))};
+}
+inline bool anyOf(M m) {
+    return _mm_movemask_ps(m.v) != 0;
+}
+inline bool allOf(M m) {
+    return _mm_movemask_ps(m.v) == 0xF;
+}
+// The whole part of each lane by truncation, as a float, for lanes below 2^31 in size.
+inline F truncatedSmall(F a) {
+    return {_mm_cvtepi32_ps(_mm_cvttps_epi32(a.v))};
+}
+
+// Point k of four strands (strands[l] the first point of lane l's) into rows of x, y and z: each
+// point read as four floats, the fourth the next point's x, and the four turned into rows. A
+// strand's last point (`last`) is read as its three floats alone, so nothing past it is touched.
+inline void transposePoints(const Vec3f* const* strands, std::size_t k, bool last, float* x,
+                            float* y, float* z) {
+    __m128 rows[kWidth];
+    for (std::size_t l = 0; l < kWidth; ++l) {
+        const Vec3f& p = strands[l][k];
+        rows[l] = last ? _mm_setr_ps(p.x, p.y, p.z, 0.0f) : _mm_loadu_ps(&p.x);
+    }
+    _MM_TRANSPOSE4_PS(rows[0], rows[1], rows[2], rows[3]);
+    _mm_storeu_ps(x, rows[0]);
+    _mm_storeu_ps(y, rows[1]);
+    _mm_storeu_ps(z, rows[2]);
+}
+
+// transposePoints the other way: rows of x, y and z into point k of four strands. Each point is
+// written as four floats, the fourth over the next point's x, which the caller writes after it; a
+// strand's last point (`last`) is written as its three floats alone.
+inline void untransposePoints(const float* x, const float* y, const float* z, Vec3f* const* strands,
+                              std::size_t k, bool last) {
+    __m128 rows[kWidth] = {_mm_loadu_ps(x), _mm_loadu_ps(y), _mm_loadu_ps(z), _mm_setzero_ps()};
+    _MM_TRANSPOSE4_PS(rows[0], rows[1], rows[2], rows[3]);
+    for (std::size_t l = 0; l < kWidth; ++l) {
+        float* const p = &strands[l][k].x;
+        if (last) {
+            _mm_storel_pi(reinterpret_cast<__m64*>(p), rows[l]);
+            _mm_store_ss(p + 2, _mm_movehl_ps(rows[l], rows[l]));
+        } else {
+            _mm_storeu_ps(p, rows[l]);
+        }
+    }
+}
+
+}  // namespace narrow
+
+namespace wide {
+
+#define VELMORIN_WIDE __attribute__((target("avx"), always_inline)) inline
+
+inline constexpr std::size_t kWidth = 8;
+
+struct F {
+    __m256 v;
+};
+struct M {
+    __m256 v;
+};
+
+VELMORIN_WIDE F load(const float* p) {
+    return {_mm256_loadu_ps(p)};
+}
+VELMORIN_WIDE void store(float* p, F a) {
+    _mm256_storeu_ps(p, a.v);
+}
+VELMORIN_WIDE F splat(float x) {
+    return {_mm256_set1_ps(x)};
+}
+VELMORIN_WIDE F operator+(F a, F b) {
+    return {_mm256_add_ps(a.v, b.v)};
+}
+VELMORIN_WIDE F operator-(F a, F b) {
+    return {_mm256_sub_ps(a.v, b.v)};
+}
+VELMORIN_WIDE F operator*(F a, F b) {
+    return {_mm256_mul_ps(a.v, b.v)};
+}
+VELMORIN_WIDE F operator/(F a, F b) {
+    return {_mm256_div_ps(a.v, b.v)};
+}
+VELMORIN_WIDE F sqrtOf(F a) {
+    return {_mm256_sqrt_ps(a.v)};
+}
+VELMORIN_WIDE F minOf(F a, F b) {
+    return {_mm256_min_ps(b.v, a.v)};
+}
+VELMORIN_WIDE F maxOf(F a, F b) {
+    return {_mm256_max_ps(b.v, a.v)};
+}
+VELMORIN_WIDE F absOf(F a) {
+    return {_mm256_andnot_ps(_mm256_set1_ps(-0.0f), a.v)};
+}
+VELMORIN_WIDE M operator<(F a, F b) {
+    return {_mm256_cmp_ps(a.v, b.v, _CMP_LT_OQ)};
+}
+VELMORIN_WIDE M operator<=(F a, F b) {
+    return {_mm256_cmp_ps(a.v, b.v, _CMP_LE_OQ)};
+}
+VELMORIN_WIDE M operator>(F a, F b) {
+    return {_mm256_cmp_ps(a.v, b.v, _CMP_GT_OQ)};
+}
+VELMORIN_WIDE M operator>=(F a, F b) {
+    return {_mm256_cmp_ps(a.v, b.v, _CMP_GE_OQ)};
+}
+VELMORIN_WIDE M operator==(F a, F b) {
+    return {_mm256_cmp_ps(a.v, b.v, _CMP_EQ_OQ)};
+}
+VELMORIN_WIDE M operator&(M a, M b) {
+    return {_mm256_and_ps(a.v, b.v)};
+}
+VELMORIN_WIDE M operator|(M a, M b) {
+    return {_mm256_or_ps(a.v, b.v)};
+}
+VELMORIN_WIDE M notOf(M a) {
+    return {_mm256_xor_ps(a.v, _mm256_castsi256_ps(_mm256_set1_epi32(-1)))};
+}
+// Bitwise rather than blendv: GCC 12 turns a blendv of a comparison into a conditional that it
+// then builds lane by lane, with branches, in a function made for AVX by its attribute alone.
+VELMORIN_WIDE F select(M m, F a, F b) {
+    return {_mm256_or_ps(_mm256_and_ps(m.v, a.v), _mm256_andnot_ps(m.v, b.v))};
+}
+VELMORIN_WIDE F oneWhere(M m) {
+    return {_mm256_and_ps(m.v, _mm256_set1_ps(1.0f))};
+}
+VELMORIN_WIDE bool anyOf(M m) {
+    return _mm256_movemask_ps(m.v) != 0;
+}
+VELMORIN_WIDE bool allOf(M m) {
+    return _mm256_movemask_ps(m.v) == 0xFF;
+}
+VELMORIN_WIDE F truncatedSmall(F a) {
+    return {_mm256_cvtepi32_ps(_mm256_cvttps_epi32(a.v))};
+}
+
+// narrow::transposePoints for eight strands: two groups of four, joined.
+VELMORIN_WIDE void transposePoints(const Vec3f* const* strands, std::size_t k, bool last, float* x,
+                                   float* y, float* z) {
+    __m128 rows[kWidth];
+    for (std::size_t l = 0; l < kWidth; ++l) {
+        const Vec3f& p = strands[l][k];
+        rows[l] = last ? _mm_setr_ps(p.x, p.y, p.z, 0.0f) : _mm_loadu_ps(&p.x);
+    }
+    _MM_TRANSPOSE4_PS(rows[0], rows[1], rows[2], rows[3]);
+    _MM_TRANSPOSE4_PS(rows[4], rows[5], rows[6], rows[7]);
+    _mm256_storeu_ps(x, _mm256_insertf128_ps(_mm256_castps128_ps256(rows[0]), rows[4], 1));
+    _mm256_storeu_ps(y, _mm256_insertf128_ps(_mm256_castps128_ps256(rows[1]), rows[5], 1));
+    _mm256_storeu_ps(z, _mm256_insertf128_ps(_mm256_castps128_ps256(rows[2]), rows[6], 1));
+}
+
+// narrow::untransposePoints for eight strands.
+VELMORIN_WIDE void untransposePoints(const float* x, const float* y, const float* z,
+                                     Vec3f* const* strands, std::size_t k, bool last) {
+    const __m256 wideX = _mm256_loadu_ps(x), wideY = _mm256_loadu_ps(y), wideZ = _mm256_loadu_ps(z);
+    __m128 rows[kWidth] = {_mm256_castps256_ps128(wideX),   _mm256_castps256_ps128(wideY),
+                           _mm256_castps256_ps128(wideZ),   _mm_setzero_ps(),
+                           _mm256_extractf128_ps(wideX, 1), _mm256_extractf128_ps(wideY, 1),
+                           _mm256_extractf128_ps(wideZ, 1), _mm_setzero_ps()};
+    _MM_TRANSPOSE4_PS(rows[0], rows[1], rows[2], rows[3]);
+    _MM_TRANSPOSE4_PS(rows[4], rows[5], rows[6], rows[7]);
+    for (std::size_t l = 0; l < kWidth; ++l) {
+        float* const p = &strands[l][k].x;
+        if (last) {
+            _mm_storel_pi(reinterpret_cast<__m64*>(p), rows[l]);
+            _mm_store_ss(p + 2, _mm_movehl_ps(rows[l], rows[l]));
+        } else {
+            _mm_storeu_ps(p, rows[l]);
+        }
+    }
+}
+
+#undef VELMORIN_WIDE
+
+}  // namespace wide
+
+}  // namespace velmorin::curl_lanes
+
+#endif
