@@ -5,6 +5,8 @@
 #include <cmath>
 #include <cstddef>
 #include <cstdint>
+#include <span>
+#include <vector>
 
 #include "base/parallel.h"
 #include "base/vec3.h"
@@ -74,5 +76,10 @@ inline CellCoord cellOf(const Vec3f& p, float inverseCell) {
             static_cast<std::int64_t>(std::floor(p.y * inverseCell)),
             static_cast<std::int64_t>(std::floor(p.z * inverseCell))};
 }
+
+// The indices of `positions` in the order of a grid of `cell`-sized cells: cells in key order
+// (x fastest), a cell's positions in index order. Candidates kept in this order lie near their
+// neighbours in memory too.
+std::vector<std::uint32_t> gridOrder(std::span<const Vec3f> positions, float cell);
 
 }  // namespace velmorin::scatter

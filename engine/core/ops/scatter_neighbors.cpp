@@ -25,10 +25,13 @@ constexpr float kBlockReach = 1.0f;
 
 // Candidates sorted by cell (cells in key order, a cell's candidates in index order) with their
 // positions beside them. The key puts x in the low bits, so a row of cells along x is one run of
-// the sorted cells; a table finds a row's run from its y and z.
+// the sorted cells; a table finds a row's run from its y and z. Each candidate also carries its
+// rank, which orders equal distances: its index, or the given `ranks`.
 class CandidateGrid {
   public:
-    CandidateGrid(float cell, std::span<const Vec3f> positions) : inverse_(1.0f / cell) {
+    CandidateGrid(float cell, std::span<const Vec3f> positions,
+                  std::span<const std::uint32_t> ranks = {})
+        : inverse_(1.0f / cell) {
         const std::size_t count = positions.size();
         std::vector<Entry> entries(count);
         forEach(count, [&](std::size_t begin, std::size_t end) {
@@ -43,12 +46,14 @@ class CandidateGrid {
             });
         }
         sortedIndex_.resize(count);
+        if (!ranks.empty()) sortedRank_.resize(count);
         sortedPosition_.resize(count);
         for (auto& axis : sortedAxis_)
             axis.resize(count);
         forEach(count, [&](std::size_t begin, std::size_t end) {
             for (std::size_t e = begin; e < end; ++e) {
                 sortedIndex_[e] = entries[e].index;
+                if (!ranks.empty()) sortedRank_[e] = ranks[entries[e].index];
                 sortedPosition_[e] = positions[entries[e].index];
                 for (int a = 0; a < 3; ++a)
                     sortedAxis_[a][e] = sortedPosition_[e][a];
@@ -111,11 +116,16 @@ class CandidateGrid {
     }
 
     float inverse() const { return inverse_; }
+    // The candidates' indices in grid order.
+    const std::vector<std::uint32_t>& order() const { return sortedIndex_; }
     std::uint32_t indexAt(std::uint32_t entry) const { return sortedIndex_[entry]; }
+    std::uint32_t rankAt(std::uint32_t entry) const { return rankData()[entry]; }
     const Vec3f& positionAt(std::uint32_t entry) const { return sortedPosition_[entry]; }
-    // The entries' coordinates along one axis, and their indices, in entry order.
+    // The entries' coordinates along one axis, and their ranks, in entry order.
     const float* axisData(int axis) const { return sortedAxis_[axis].data(); }
-    const std::uint32_t* indexData() const { return sortedIndex_.data(); }
+    const std::uint32_t* rankData() const {
+        return sortedRank_.empty() ? sortedIndex_.data() : sortedRank_.data();
+    }
     std::size_t size() const { return sortedIndex_.size(); }
     std::uint64_t cellKeyAt(std::uint32_t cell) const { return cellKeys_[cell]; }
     // The entries of cells [first, last).
@@ -245,6 +255,7 @@ class CandidateGrid {
     };
     float inverse_;
     std::vector<std::uint32_t> sortedIndex_;
+    std::vector<std::uint32_t> sortedRank_;  // empty where ranks are the indices
     std::vector<Vec3f> sortedPosition_;
     std::array<std::vector<float>, 3> sortedAxis_;  // the same, axis by axis
     std::vector<std::uint32_t> cellStart_;
@@ -607,7 +618,7 @@ class BlockSearch {
                 const float* __restrict fromX = grid_.axisData(0) + first;
                 const float* __restrict fromY = grid_.axisData(1) + first;
                 const float* __restrict fromZ = grid_.axisData(2) + first;
-                const std::uint32_t* __restrict fromIndex = grid_.indexData() + first;
+                const std::uint32_t* __restrict fromIndex = grid_.rankData() + first;
                 float* __restrict toX = x_.data() + m;
                 float* __restrict toY = y_.data() + m;
                 float* __restrict toZ = z_.data() + m;
@@ -663,8 +674,10 @@ class BlockSearch {
 // The nearest-neighbour search over a grid: cells are taken in shells of growing distance from the
 // candidate's cell, and the search ends once the next shell cannot hold anything nearer than the
 // current 24th, or lies out of range. Within a shell, rows too far off in y and z are passed over.
+// Keys carry ranks; `indexOfRank` turns a rank back into its position's index (null where ranks are
+// the indices).
 void nearestInGrid(const CandidateGrid& grid, float range, std::span<std::uint32_t> lists,
-                   bool wide) {
+                   const std::uint32_t* indexOfRank, bool wide) {
     const std::size_t count = grid.size();
     const float inverse = grid.inverse();
     const float cell = 1.0f / inverse;
@@ -687,10 +700,20 @@ void nearestInGrid(const CandidateGrid& grid, float range, std::span<std::uint32
             const auto self = static_cast<std::uint32_t>(at);
             const Vec3f p = grid.positionAt(self);
             const std::uint32_t i = grid.indexAt(self);
+            const std::uint32_t rank = grid.rankAt(self);
             std::uint32_t* list = lists.data() + static_cast<std::size_t>(i) * kRelaxNeighbors;
-            if (const int near = block.find(p, i, best); near >= 0) {
-                for (int k = 0; k < kRelaxNeighbors; ++k)
-                    list[k] = k < near ? static_cast<std::uint32_t>(best[k]) : i;
+            // The nearest `near` keys to the list, each as its position's index.
+            const auto write = [&](std::size_t near) {
+                if (indexOfRank) {
+                    for (std::size_t k = 0; k < kRelaxNeighbors; ++k)
+                        list[k] = k < near ? indexOfRank[static_cast<std::uint32_t>(best[k])] : i;
+                } else {
+                    for (std::size_t k = 0; k < kRelaxNeighbors; ++k)
+                        list[k] = k < near ? static_cast<std::uint32_t>(best[k]) : i;
+                }
+            };
+            if (const int near = block.find(p, rank, best); near >= 0) {
+                write(static_cast<std::size_t>(near));
                 continue;
             }
             const float tx = p.x * inverse, ty = p.y * inverse, tz = p.z * inverse;
@@ -722,7 +745,7 @@ void nearestInGrid(const CandidateGrid& grid, float range, std::span<std::uint32
                     if (e == self) continue;
                     const float d2 = lengthSquared(grid.positionAt(e) - p);
                     if (!(d2 <= within)) continue;
-                    keepNearest(best, found, neighborKey(d2, grid.indexAt(e)));
+                    keepNearest(best, found, neighborKey(d2, grid.rankAt(e)));
                     if (found == kRelaxNeighbors)
                         limit = std::bit_cast<float>(
                             static_cast<std::uint32_t>(best[kRelaxNeighbors - 1] >> 32));
@@ -792,18 +815,31 @@ void nearestInGrid(const CandidateGrid& grid, float range, std::span<std::uint32
             if (found < kRelaxNeighbors && hint < range2) search(range2);
             hint = found == kRelaxNeighbors ? 2.0f * limit : range2;
             start = std::max(0, shell - 2);
-            for (std::size_t k = 0; k < kRelaxNeighbors; ++k)
-                list[k] = k < found ? static_cast<std::uint32_t>(best[k]) : i;
+            write(found);
         }
     });
 }
 }  // namespace
 
 void nearestNeighbors(std::span<const Vec3f> positions, float cell, float range,
-                      std::span<std::uint32_t> lists, RelaxLanes lanes) {
+                      std::span<std::uint32_t> lists, RelaxLanes lanes,
+                      std::span<const std::uint32_t> ranks) {
     if (positions.empty()) return;
-    nearestInGrid(CandidateGrid(cell, positions), range, lists,
+    std::vector<std::uint32_t> indexOfRank;
+    if (!ranks.empty()) {
+        indexOfRank.resize(positions.size());
+        forEach(positions.size(), [&](std::size_t begin, std::size_t end) {
+            for (std::size_t i = begin; i < end; ++i)
+                indexOfRank[ranks[i]] = static_cast<std::uint32_t>(i);
+        });
+    }
+    nearestInGrid(CandidateGrid(cell, positions, ranks), range, lists,
+                  ranks.empty() ? nullptr : indexOfRank.data(),
                   lanes == RelaxLanes::widest && wideIntegerLanesUsable());
+}
+
+std::vector<std::uint32_t> scatter::gridOrder(std::span<const Vec3f> positions, float cell) {
+    return CandidateGrid(cell, positions).order();
 }
 
 }  // namespace velmorin

@@ -98,10 +98,11 @@ class EdgeGrid {
 
 // The push of a candidate's neighbours: for each neighbour j other than i within reach, with
 // s = r_i + r_j and d from j to i, the direction of d (or, for a coincident pair, one given by the
-// indices alone) weighed by (1 - |d| / s) squared, summed in list order. `radii` is null where
-// every candidate has the radius r0.
-Vec3f pairForceOneByOne(std::size_t i, const std::uint32_t* list, const Vec3f& pi, float ri,
-                        const Vec3f* positions, const float* radii, float r0, std::size_t count) {
+// candidate's place in the placement, `rank`, alone) weighed by (1 - |d| / s) squared, summed in
+// list order. `radii` is null where every candidate has the radius r0.
+Vec3f pairForceOneByOne(std::size_t i, std::size_t rank, const std::uint32_t* list, const Vec3f& pi,
+                        float ri, const Vec3f* positions, const float* radii, float r0,
+                        std::size_t count) {
     const float n = static_cast<float>(count);
     Vec3f force;
     for (int k = 0; k < kRelaxNeighbors; ++k) {
@@ -120,8 +121,8 @@ Vec3f pairForceOneByOne(std::size_t i, const std::uint32_t* list, const Vec3f& p
         Vec3f direction;
         if (dist <= s * 1e-6f) {
             // Coincident candidates part in a direction given by their indices alone.
-            direction = {unitFloat(i) - 0.5f,
-                         unitFloat(static_cast<std::uint64_t>(n) + kGolden + i) - 0.5f, 0.0f};
+            direction = {unitFloat(rank) - 0.5f,
+                         unitFloat(static_cast<std::uint64_t>(n) + kGolden + rank) - 0.5f, 0.0f};
         } else {
             direction = d / dist;
         }
@@ -135,8 +136,8 @@ Vec3f pairForceOneByOne(std::size_t i, const std::uint32_t* list, const Vec3f& p
 // same correctly rounded operations, and the sum still runs in list order (a pair out of reach adds
 // +0, which changes no sum that starts at +0), so the bits are those of the pair-by-pair loop.
 // A coincident pair, which is rare, sends the candidate to that loop.
-Vec3f pairForce(std::size_t i, const std::uint32_t* list, const Vec3f& pi, float ri,
-                const Vec3f* positions, const float* radii, float r0, std::size_t count) {
+Vec3f pairForce(std::size_t i, std::size_t rank, const std::uint32_t* list, const Vec3f& pi,
+                float ri, const Vec3f* positions, const float* radii, float r0, std::size_t count) {
 #if VELMORIN_RELAX_SSE
     alignas(16) float dx[kRelaxNeighbors], dy[kRelaxNeighbors], dz[kRelaxNeighbors];
     alignas(16) float reach[kRelaxNeighbors];
@@ -166,7 +167,7 @@ Vec3f pairForce(std::size_t i, const std::uint32_t* list, const Vec3f& pi, float
             continue;
         }
         if (_mm_movemask_ps(_mm_and_ps(in, _mm_cmple_ps(dist, _mm_mul_ps(s, tiny)))) != 0)
-            return pairForceOneByOne(i, list, pi, ri, positions, radii, r0, count);
+            return pairForceOneByOne(i, rank, list, pi, ri, positions, radii, r0, count);
         const __m128 w = _mm_sub_ps(one, _mm_div_ps(dist, s));
         const __m128 weight = _mm_and_ps(in, _mm_mul_ps(w, w));
         // Lanes out of reach may hold infinities or NaN before the mask; the mask makes them +0.
@@ -179,7 +180,7 @@ Vec3f pairForce(std::size_t i, const std::uint32_t* list, const Vec3f& pi, float
         force += Vec3f{dx[k], dy[k], dz[k]};
     return force;
 #else
-    return pairForceOneByOne(i, list, pi, ri, positions, radii, r0, count);
+    return pairForceOneByOne(i, rank, list, pi, ri, positions, radii, r0, count);
 #endif
 }
 
@@ -303,13 +304,25 @@ void relaxPlacement(const ScalpMesh& scalp, const PlacementSettings& settings,
     const bool masked = settings.mask && !settings.mask->empty();
     const float r0 = kRadiusScale / static_cast<float>(std::sqrt(settings.density));
 
-    std::vector<StrandRoot> roots = placed.randomRoots;
     // One point more than candidates: the eight-lane push loads each point with the float after.
     std::vector<Vec3f> positions(count + 1), next(count + 1), normals(count);
+    forEach(count, [&](std::size_t begin, std::size_t end) {
+        for (std::size_t i = begin; i < end; ++i)
+            next[i] = scalp.pointAt(placed.randomRoots[i]);
+    });
+    // Candidates are kept in the order of the neighbour grid's cells, so that the neighbour
+    // searches, the pushes and the projections find their neighbours and triangles near in memory.
+    // A candidate's place in the placement, its rank, still decides what an index decides: the
+    // order of equally distant neighbours and the direction that parts a coincident pair. So the
+    // storage order changes no result.
+    const std::vector<std::uint32_t> rankOf =
+        gridOrder(std::span(next).first(count), kNeighborCell * r0);
+    std::vector<StrandRoot> roots(count);
     std::vector<float> radii(count);
     forEach(count, [&](std::size_t begin, std::size_t end) {
         for (std::size_t i = begin; i < end; ++i) {
-            positions[i] = scalp.pointAt(roots[i]);
+            roots[i] = placed.randomRoots[rankOf[i]];
+            positions[i] = next[rankOf[i]];
             normals[i] = scalp.normalAt(roots[i]);
             float r = r0;
             if (mapped) {
@@ -336,7 +349,7 @@ void relaxPlacement(const ScalpMesh& scalp, const PlacementSettings& settings,
 
     auto refresh = [&] {
         nearestNeighbors(std::span(positions).first(count), kNeighborCell * r0, searchRange,
-                         neighbors, lanes);
+                         neighbors, lanes, rankOf);
         forEach(count, [&](std::size_t begin, std::size_t end) {
             for (std::size_t i = begin; i < end; ++i) {
                 const Vec3f p = positions[i];
@@ -383,11 +396,12 @@ void relaxPlacement(const ScalpMesh& scalp, const PlacementSettings& settings,
                     continue;
                 }
                 const std::uint32_t* list = neighbors.data() + i * kRelaxNeighbors;
-                Vec3f force =
-                    !wide ? pairForce(i, list, pi, ri, positions.data(), radiiOrNull, r0, count)
-                    : (alone >> lane) & 1u ? pairForceOneByOne(i, list, pi, ri, positions.data(),
-                                                               radiiOrNull, r0, count)
-                                           : pushes[lane];
+                Vec3f force = !wide ? pairForce(i, rankOf[i], list, pi, ri, positions.data(),
+                                                radiiOrNull, r0, count)
+                              : (alone >> lane) & 1u
+                                  ? pairForceOneByOne(i, rankOf[i], list, pi, ri, positions.data(),
+                                                      radiiOrNull, r0, count)
+                                  : pushes[lane];
                 if (nearestEdge[i] != kNoEdge) {
                     const BorderEdge& edge = edges[nearestEdge[i]];
                     const float e = length(pi - closestOnSegment(pi, edge.a, edge.b));
@@ -440,7 +454,7 @@ void relaxPlacement(const ScalpMesh& scalp, const PlacementSettings& settings,
     forEach(count, [&](std::size_t begin, std::size_t end) {
         for (std::size_t i = begin; i < end; ++i) {
             const bool keep = allowed(roots[i], scalp.pointAt(roots[i]));
-            placed.evenRoots[i] = keep ? roots[i] : placed.randomRoots[i];
+            if (keep) placed.evenRoots[rankOf[i]] = roots[i];
         }
     });
 }
