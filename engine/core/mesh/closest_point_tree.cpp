@@ -102,6 +102,12 @@ float boxDistanceSquared(const Vec3f& p, const Vec3f& lo, const Vec3f& hi) {
 
 }  // namespace
 
+TrianglePoint closestPointOnTriangle(const Vec3f& p, const Vec3f& a, const Vec3f& b,
+                                     const Vec3f& c) {
+    const ClosestOnTriangle hit = closestOnTriangle(p, a, b, c);
+    return {hit.point, hit.u, hit.v};
+}
+
 ClosestPointTree::ClosestPointTree(std::span<const Vec3f> points,
                                    std::span<const Triangle> triangles) {
     const auto count = static_cast<std::uint32_t>(triangles.size());
@@ -420,6 +426,26 @@ ClosestPoint ClosestPointTree::closest(const Vec3f& p, float maxDistance) const 
     }
     if (result.found()) result.distance = std::sqrt(best);
     return result;
+}
+
+bool ClosestPointTree::testsTriangle(const Vec3f& p, const Vec3f& a, const Vec3f& b, const Vec3f& c,
+                                     float bestSquared) {
+    // Every box the walk meets on the way to the triangle holds the triangle's own box, and the
+    // rounded distance to a larger box is never larger (rounding keeps order): the triangle's own
+    // box decides for them all.
+    const Vec3f lo = minPerAxis(minPerAxis(a, b), c);
+    const Vec3f hi = maxPerAxis(maxPerAxis(a, b), c);
+    if (!(boxDistanceSquared(p, lo, hi) <= bestSquared)) return false;
+    // The filter works lane by lane: the triangle in every lane gives its value in any block.
+    Block block;
+    const Vec3f corners[3] = {a, b, c};
+    for (int k = 0; k < 3; ++k)
+        for (int axis = 0; axis < 3; ++axis)
+            for (int lane = 0; lane < 4; ++lane)
+                block.corner[k][axis][lane] = corners[k][axis];
+    alignas(16) float near[4];
+    triangleDistances(block, p, near);
+    return !(near[0] > bestSquared * 1.001f + 1e-30f);
 }
 
 RayHit ClosestPointTree::raycast(const Vec3f& origin, const Vec3f& direction,

@@ -11,6 +11,7 @@
 #include "ops/guide_mask.h"
 #include "ops/scatter_cells.h"
 #include "ops/scatter_placement.h"
+#include "ops/scatter_surface.h"
 
 namespace velmorin {
 namespace {
@@ -25,6 +26,8 @@ constexpr std::uint32_t kNoEdge = 0xffffffffu;
 // cell holds a dozen candidates that share one gathering. Two-radius cells with two cells of reach
 // gather half again as many candidates from 25 rows, for fewer queries each.
 constexpr float kNeighborCell = 3.25f;
+// How far round each triangle, in radii, the projection lists its neighbours.
+constexpr float kProjectionReach = 4.1f;
 
 // A border edge of the scalp and the direction, in its triangle's plane, that points inside.
 struct BorderEdge {
@@ -340,6 +343,10 @@ void relaxPlacement(const ScalpMesh& scalp, const PlacementSettings& settings,
     const float searchRange = 3.0f * largest + r0;
     const std::vector<BorderEdge> edges = borderEdges(scalp);
     const EdgeGrid edgeGrid(2.0f * r0, edges);
+    // A candidate moves less than two radii between projections (each step less than half of
+    // one), and the search reaches about as far again: lists of the triangles a little beyond four
+    // radii round each triangle answer every projection of a candidate of radius r0.
+    const TriangleNeighbourhoods nearTriangles(scalp, kProjectionReach * r0, count);
     // Left unset: the first refresh writes every list, in parallel, instead of a serial clear of
     // 96 bytes per candidate.
     const std::unique_ptr<std::uint32_t[]> neighborStore(
@@ -436,15 +443,20 @@ void relaxPlacement(const ScalpMesh& scalp, const PlacementSettings& settings,
                     // is no farther than it: searching only that far (with a margin for
                     // rounding) prunes the tree walk and finds the same point, the nearest in
                     // reach with ties going to the lower triangle.
-                    const float lastDistance = length(positions[i] - scalp.pointAt(roots[i]));
+                    const Vec3f last = scalp.pointAt(roots[i]);
+                    const float lastDistance = length(positions[i] - last);
                     const float reachNow = std::min(4.0f * ri, lastDistance * 1.001f + ri * 1e-4f);
-                    const ClosestPoint hit = scalp.closestPoint(positions[i], reachNow);
+                    // Mostly the triangles round the last one answer, as the tree would.
+                    const ClosestPoint hit =
+                        nearTriangles.covers(reachNow, lastDistance)
+                            ? nearTriangles.closest(positions[i], reachNow, roots[i].face)
+                            : scalp.closestPoint(positions[i], reachNow);
                     if (hit.found() && allowed(hit.root, hit.point)) {
                         roots[i] = hit.root;
                         positions[i] = hit.point;
                         normals[i] = scalp.normalAt(hit.root);
                     } else {
-                        positions[i] = scalp.pointAt(roots[i]);
+                        positions[i] = last;
                     }
                 }
             });
