@@ -26,14 +26,18 @@ constexpr float kBlockReach = 1.0f;
 // Candidates sorted by cell (cells in key order, a cell's candidates in index order) with their
 // positions beside them. The key puts x in the low bits, so a row of cells along x is one run of
 // the sorted cells; a table finds a row's run from its y and z. Each candidate also carries its
-// rank, which orders equal distances: its index, or the given `ranks`.
+// rank, which orders equal distances: its index, or the given `ranks`. A grid built again keeps its
+// arrays: the relaxation builds one six times over the same number of candidates.
 class CandidateGrid {
   public:
-    CandidateGrid(float cell, std::span<const Vec3f> positions,
-                  std::span<const std::uint32_t> ranks = {})
-        : inverse_(1.0f / cell) {
+    CandidateGrid() = default;
+    CandidateGrid(float cell, std::span<const Vec3f> positions) { build(cell, positions, {}); }
+
+    void build(float cell, std::span<const Vec3f> positions, std::span<const std::uint32_t> ranks) {
+        inverse_ = 1.0f / cell;
         const std::size_t count = positions.size();
-        std::vector<Entry> entries(count);
+        std::vector<Entry>& entries = entries_;
+        entries.resize(count);
         forEach(count, [&](std::size_t begin, std::size_t end) {
             for (std::size_t i = begin; i < end; ++i) {
                 const CellCoord c = cellOf(positions[i], inverse_);
@@ -46,7 +50,7 @@ class CandidateGrid {
             });
         }
         sortedIndex_.resize(count);
-        if (!ranks.empty()) sortedRank_.resize(count);
+        sortedRank_.resize(ranks.empty() ? 0 : count);
         sortedPosition_.resize(count);
         for (auto& axis : sortedAxis_)
             axis.resize(count);
@@ -59,6 +63,10 @@ class CandidateGrid {
                     sortedAxis_[a][e] = sortedPosition_[e][a];
             }
         });
+        cellStart_.clear();
+        cellKeys_.clear();
+        rows_.clear();
+        denseRows_.clear();
         std::size_t rowCount = 0;
         for (std::size_t i = 0; i < count; ++i) {
             if (i == 0 || entries[i].key != entries[i - 1].key) {
@@ -167,7 +175,7 @@ class CandidateGrid {
     // the keys' order, z, then y, then x), sorted by two stable passes of 12 bits. Far quicker than
     // a comparison sort on a million candidates. Returns false, sorting nothing, for a larger
     // block.
-    static bool sortByDenseCells(std::vector<Entry>& entries) {
+    bool sortByDenseCells(std::vector<Entry>& entries) {
         constexpr int kBits = 12;
         constexpr std::size_t kBuckets = std::size_t{1} << kBits;
         // Fixed chunks, whatever the threads: each counts and places its own entries in order,
@@ -202,10 +210,10 @@ class CandidateGrid {
         const std::uint64_t sizeX = high[0] - low[0] + 1, sizeY = high[1] - low[1] + 1,
                             sizeZ = high[2] - low[2] + 1;
         if (sizeX * sizeY * sizeZ > (std::uint64_t{1} << (2 * kBits))) return false;
-        struct Dense {
-            std::uint32_t cell, index;
-        };
-        std::vector<Dense> from(count), to(count);
+        std::vector<Dense>& from = from_;
+        std::vector<Dense>& to = to_;
+        from.resize(count);
+        to.resize(count);
         forChunks([&](std::size_t, std::size_t first, std::size_t last) {
             for (std::size_t i = first; i < last; ++i) {
                 const std::uint64_t key = entries[i].key;
@@ -241,7 +249,8 @@ class CandidateGrid {
             std::swap(from, to);
         }
         // Back to the keys, read by index: entries were made in index order.
-        std::vector<Entry> sorted(count);
+        std::vector<Entry>& sorted = sortedEntries_;
+        sorted.resize(count);
         forChunks([&](std::size_t, std::size_t first, std::size_t last) {
             for (std::size_t i = first; i < last; ++i)
                 sorted[i] = entries[from[i].index];
@@ -253,7 +262,13 @@ class CandidateGrid {
         std::uint64_t row;
         std::uint32_t begin, end;
     };
-    float inverse_;
+    struct Dense {
+        std::uint32_t cell, index;
+    };
+    // Working arrays of a build, kept for the next.
+    std::vector<Entry> entries_, sortedEntries_;
+    std::vector<Dense> from_, to_;
+    float inverse_ = 1.0f;
     std::vector<std::uint32_t> sortedIndex_;
     std::vector<std::uint32_t> sortedRank_;  // empty where ranks are the indices
     std::vector<Vec3f> sortedPosition_;
@@ -821,21 +836,35 @@ void nearestInGrid(const CandidateGrid& grid, float range, std::span<std::uint32
 }
 }  // namespace
 
-void nearestNeighbors(std::span<const Vec3f> positions, float cell, float range,
-                      std::span<std::uint32_t> lists, RelaxLanes lanes,
-                      std::span<const std::uint32_t> ranks) {
-    if (positions.empty()) return;
+struct scatter::NeighborSearch::State {
+    CandidateGrid grid;
     std::vector<std::uint32_t> indexOfRank;
+};
+
+scatter::NeighborSearch::NeighborSearch() : state_(std::make_unique<State>()) {}
+scatter::NeighborSearch::~NeighborSearch() = default;
+
+void scatter::NeighborSearch::find(std::span<const Vec3f> positions, float cell, float range,
+                                   std::span<std::uint32_t> lists, RelaxLanes lanes,
+                                   std::span<const std::uint32_t> ranks) {
+    if (positions.empty()) return;
+    std::vector<std::uint32_t>& indexOfRank = state_->indexOfRank;
+    indexOfRank.resize(ranks.empty() ? 0 : positions.size());
     if (!ranks.empty()) {
-        indexOfRank.resize(positions.size());
         forEach(positions.size(), [&](std::size_t begin, std::size_t end) {
             for (std::size_t i = begin; i < end; ++i)
                 indexOfRank[ranks[i]] = static_cast<std::uint32_t>(i);
         });
     }
-    nearestInGrid(CandidateGrid(cell, positions, ranks), range, lists,
-                  ranks.empty() ? nullptr : indexOfRank.data(),
+    state_->grid.build(cell, positions, ranks);
+    nearestInGrid(state_->grid, range, lists, ranks.empty() ? nullptr : indexOfRank.data(),
                   lanes == RelaxLanes::widest && wideIntegerLanesUsable());
+}
+
+void nearestNeighbors(std::span<const Vec3f> positions, float cell, float range,
+                      std::span<std::uint32_t> lists, RelaxLanes lanes,
+                      std::span<const std::uint32_t> ranks) {
+    scatter::NeighborSearch().find(positions, cell, range, lists, lanes, ranks);
 }
 
 std::vector<std::uint32_t> scatter::gridOrder(std::span<const Vec3f> positions, float cell) {

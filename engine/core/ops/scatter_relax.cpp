@@ -88,9 +88,13 @@ class EdgeGrid {
         }
     }
 
-    const std::vector<std::uint32_t>* near(const Vec3f& position) const {
+    // The key of the cell round a position, and the edges near that cell (null for none).
+    std::uint64_t keyOf(const Vec3f& position) const {
         const CellCoord c = cellOf(position, inverse_);
-        const auto found = cells_.find(cellKey(c.x, c.y, c.z));
+        return cellKey(c.x, c.y, c.z);
+    }
+    const std::vector<std::uint32_t>* near(std::uint64_t key) const {
+        const auto found = cells_.find(key);
         return found == cells_.end() ? nullptr : &found->second;
     }
 
@@ -354,14 +358,22 @@ void relaxPlacement(const ScalpMesh& scalp, const PlacementSettings& settings,
     const std::span<std::uint32_t> neighbors(neighborStore.get(), count * kRelaxNeighbors);
     std::vector<std::uint32_t> nearestEdge(count, kNoEdge);
 
+    NeighborSearch neighborSearch;
     auto refresh = [&] {
-        nearestNeighbors(std::span(positions).first(count), kNeighborCell * r0, searchRange,
-                         neighbors, lanes, rankOf);
+        neighborSearch.find(std::span(positions).first(count), kNeighborCell * r0, searchRange,
+                            neighbors, lanes, rankOf);
         forEach(count, [&](std::size_t begin, std::size_t end) {
+            // Candidates in grid order mostly share their cell with the one before.
+            std::uint64_t lastKey = ~std::uint64_t{0};
+            const std::vector<std::uint32_t>* nearEdges = nullptr;
             for (std::size_t i = begin; i < end; ++i) {
                 const Vec3f p = positions[i];
                 std::uint32_t edge = kNoEdge;
-                if (const auto* nearEdges = edgeGrid.near(p)) {
+                if (const std::uint64_t key = edgeGrid.keyOf(p); key != lastKey) {
+                    lastKey = key;
+                    nearEdges = edgeGrid.near(key);
+                }
+                if (nearEdges) {
                     float best = 0.0f;
                     for (const std::uint32_t e : *nearEdges) {
                         const float d2 =
