@@ -23,12 +23,10 @@ namespace velmorin::scatter {
 // from any number of threads.
 class TriangleNeighbourhoods {
   public:
-    // Builds the lists where they stay short: a scalp whose triangles are large beside `reach`
-    // (`candidates` many points spread over it, at least `kLeastPerTriangle` a triangle).
-    // Otherwise nothing is built and no search is covered.
+    // Builds the lists where they stay short and small: a scalp whose triangles are large beside
+    // `reach`, under a scatter of `candidates` points that outweigh the lists (a few dozen
+    // candidates a triangle). Otherwise nothing is built and no search is covered.
     TriangleNeighbourhoods(const ScalpMesh& scalp, float reach, std::size_t candidates);
-
-    static constexpr std::size_t kLeastPerTriangle = 16;
 
     bool built() const { return !firstBlock_.empty(); }
     // Whether a search within `maxDistance` of a point no farther than `fromTriangle` from its

@@ -60,8 +60,7 @@ TEST(TriangleNeighbourhoods, AnswerAsTheTree) {
     // nearest triangle now and then: there the answer must still be the tree's.
     const auto head = makeHeadScalp(1);
     const float reach = 0.3f;
-    const TriangleNeighbourhoods near(
-        *head, reach, TriangleNeighbourhoods::kLeastPerTriangle * head->triangles().size());
+    const TriangleNeighbourhoods near(*head, reach, 64 * head->triangles().size());
     ASSERT_TRUE(near.built());
     // Each triangle lists at least its neighbours across edges and corners.
     EXPECT_GT(near.listedCount(), 6 * head->triangles().size());
@@ -101,7 +100,7 @@ TEST(TriangleNeighbourhoods, StayUnbuiltWhereTheTreeIsQuicker) {
     // Few candidates a triangle, or a reach that is not a positive number: no lists, no search
     // covered.
     const auto head = makeHeadScalp(1);
-    const std::size_t enough = TriangleNeighbourhoods::kLeastPerTriangle * head->triangles().size();
+    const std::size_t enough = 64 * head->triangles().size();
     const struct {
         std::string name;
         float reach;
@@ -109,7 +108,8 @@ TEST(TriangleNeighbourhoods, StayUnbuiltWhereTheTreeIsQuicker) {
         bool built;
     } cases[] = {
         {"enough candidates", 0.3f, enough, true},
-        {"too few candidates", 0.3f, enough - 1, false},
+        {"a candidate a triangle", 0.3f, head->triangles().size(), false},
+        {"lists outweighing the candidates", 0.3f, 4 * head->triangles().size(), false},
         {"no reach", 0.0f, enough, false},
         {"reach not a number", std::nanf(""), enough, false},
         {"reach over the whole head", 100.0f, enough, false},
