@@ -129,8 +129,9 @@ class CandidateGrid {
     std::uint32_t indexAt(std::uint32_t entry) const { return sortedIndex_[entry]; }
     std::uint32_t rankAt(std::uint32_t entry) const { return rankData()[entry]; }
     const Vec3f& positionAt(std::uint32_t entry) const { return sortedPosition_[entry]; }
-    // The entries' coordinates along one axis, and their ranks, in entry order.
+    // The entries' coordinates along one axis, their indices and their ranks, in entry order.
     const float* axisData(int axis) const { return sortedAxis_[axis].data(); }
+    const std::uint32_t* indexData() const { return sortedIndex_.data(); }
     const std::uint32_t* rankData() const {
         return sortedRank_.empty() ? sortedIndex_.data() : sortedRank_.data();
     }
@@ -307,8 +308,13 @@ inline void keepNearest(std::uint64_t (&best)[kRelaxNeighbors], std::size_t& fou
 // sparse spot, a border of the scalp) the caller runs the shell search instead.
 class BlockSearch {
   public:
-    BlockSearch(const CandidateGrid& grid, float reach, float range2, bool wide)
+    // `rankOf` and `indexOfRank` turn indices into ranks and back (both null where ranks are the
+    // indices).
+    BlockSearch(const CandidateGrid& grid, float reach, float range2, bool wide,
+                const std::uint32_t* rankOf, const std::uint32_t* indexOfRank)
         : wide_(wide),
+          rankOf_(rankOf),
+          indexOfRank_(indexOfRank),
           runs_((2 * static_cast<std::size_t>(std::ceil(reach * grid.inverse())) + 1) *
                 (2 * static_cast<std::size_t>(std::ceil(reach * grid.inverse())) + 1)),
           grid_(grid),
@@ -318,8 +324,10 @@ class BlockSearch {
           cells_(static_cast<int>(std::ceil(reach * grid.inverse()))),
           hint_(range2) {}
 
-    // The 24 nearest of the candidate of index `i` at `p`, as keys into `best`; returns the number
-    // found, or -1 where the box cannot vouch for them.
+    // The 24 nearest of the candidate of index `i` at `p`, as keys into `best` (a key's low half
+    // is the index); returns the number found, or -1 where the box cannot vouch for them. Keys
+    // carry indices, not ranks: the ranking by distance alone needs no rank, and only where it
+    // meets equal distances does the insertion below look the ranks up.
     static constexpr float kHintScale = 1.15f;
 
     int find(const Vec3f& p, std::uint32_t i, std::uint64_t (&best)[kRelaxNeighbors]) {
@@ -515,11 +523,20 @@ class BlockSearch {
     }
 #endif
 
-    // The same by insertion, ties going by index.
+    // The same by insertion, ties going by rank: while they are ordered, the keys carry ranks.
     void insertKeys(std::size_t n, std::uint64_t (&best)[kRelaxNeighbors]) const {
         std::size_t found = 0;
+        if (!rankOf_) {
+            for (std::size_t k = 0; k < n; ++k)
+                keepNearest(best, found, keys_[k]);
+            return;
+        }
+        constexpr std::uint64_t kDistance = ~std::uint64_t{0} << 32;
         for (std::size_t k = 0; k < n; ++k)
-            keepNearest(best, found, keys_[k]);
+            keepNearest(best, found,
+                        (keys_[k] & kDistance) | rankOf_[static_cast<std::uint32_t>(keys_[k])]);
+        for (std::size_t k = 0; k < found; ++k)
+            best[k] = (best[k] & kDistance) | indexOfRank_[static_cast<std::uint32_t>(best[k])];
     }
 
     std::uint64_t keyAt(std::size_t b) const {
@@ -633,7 +650,7 @@ class BlockSearch {
                 const float* __restrict fromX = grid_.axisData(0) + first;
                 const float* __restrict fromY = grid_.axisData(1) + first;
                 const float* __restrict fromZ = grid_.axisData(2) + first;
-                const std::uint32_t* __restrict fromIndex = grid_.rankData() + first;
+                const std::uint32_t* __restrict fromIndex = grid_.indexData() + first;
                 float* __restrict toX = x_.data() + m;
                 float* __restrict toY = y_.data() + m;
                 float* __restrict toZ = z_.data() + m;
@@ -671,6 +688,8 @@ class BlockSearch {
         std::uint32_t end = 0, left = 0, right = 0;
     };
     bool wide_;
+    const std::uint32_t* rankOf_;
+    const std::uint32_t* indexOfRank_;
     std::vector<RowRun> runs_;
     bool rowsValid_ = false;
     std::int64_t rowsX_ = 0, rowsY_ = 0, rowsZ_ = 0;
@@ -689,10 +708,10 @@ class BlockSearch {
 // The nearest-neighbour search over a grid: cells are taken in shells of growing distance from the
 // candidate's cell, and the search ends once the next shell cannot hold anything nearer than the
 // current 24th, or lies out of range. Within a shell, rows too far off in y and z are passed over.
-// Keys carry ranks; `indexOfRank` turns a rank back into its position's index (null where ranks are
-// the indices).
+// `rankOf` gives each position's rank and `indexOfRank` turns a rank back into its position's index
+// (both null where ranks are the indices).
 void nearestInGrid(const CandidateGrid& grid, float range, std::span<std::uint32_t> lists,
-                   const std::uint32_t* indexOfRank, bool wide) {
+                   const std::uint32_t* rankOf, const std::uint32_t* indexOfRank, bool wide) {
     const std::size_t count = grid.size();
     const float inverse = grid.inverse();
     const float cell = 1.0f / inverse;
@@ -710,12 +729,11 @@ void nearestInGrid(const CandidateGrid& grid, float range, std::span<std::uint32
         std::uint64_t best[kRelaxNeighbors];
         int start = 0;
         float hint = range2;
-        BlockSearch block(grid, kBlockReach * cell, range2, wide);
+        BlockSearch block(grid, kBlockReach * cell, range2, wide, rankOf, indexOfRank);
         for (std::size_t at = entryBegin; at < entryEnd; ++at) {
             const auto self = static_cast<std::uint32_t>(at);
             const Vec3f p = grid.positionAt(self);
             const std::uint32_t i = grid.indexAt(self);
-            const std::uint32_t rank = grid.rankAt(self);
             std::uint32_t* list = lists.data() + static_cast<std::size_t>(i) * kRelaxNeighbors;
             // The nearest `near` keys to the list, each as its position's index.
             const auto write = [&](std::size_t near) {
@@ -727,8 +745,9 @@ void nearestInGrid(const CandidateGrid& grid, float range, std::span<std::uint32
                         list[k] = k < near ? static_cast<std::uint32_t>(best[k]) : i;
                 }
             };
-            if (const int near = block.find(p, rank, best); near >= 0) {
-                write(static_cast<std::size_t>(near));
+            if (const int near = block.find(p, i, best); near >= 0) {
+                for (int k = 0; k < kRelaxNeighbors; ++k)
+                    list[k] = k < near ? static_cast<std::uint32_t>(best[k]) : i;
                 continue;
             }
             const float tx = p.x * inverse, ty = p.y * inverse, tz = p.z * inverse;
@@ -857,7 +876,8 @@ void scatter::NeighborSearch::find(std::span<const Vec3f> positions, float cell,
         });
     }
     state_->grid.build(cell, positions, ranks);
-    nearestInGrid(state_->grid, range, lists, ranks.empty() ? nullptr : indexOfRank.data(),
+    nearestInGrid(state_->grid, range, lists, ranks.empty() ? nullptr : ranks.data(),
+                  ranks.empty() ? nullptr : indexOfRank.data(),
                   lanes == RelaxLanes::widest && wideIntegerLanesUsable());
 }
 
