@@ -68,6 +68,7 @@ Vec3f closestOnSegment(const Vec3f& p, const Vec3f& a, const Vec3f& b) {
 class EdgeGrid {
   public:
     EdgeGrid(float cell, std::span<const BorderEdge> edges) : inverse_(1.0f / cell) {
+        std::unordered_map<std::uint64_t, std::vector<std::uint32_t>> cells;
         for (std::uint32_t e = 0; e < edges.size(); ++e) {
             const float len = length(edges[e].b - edges[e].a);
             const int steps = std::max(1, static_cast<int>(std::ceil(len * inverse_ * 2.0f)));
@@ -77,30 +78,64 @@ class EdgeGrid {
                 for (int dz = -2; dz <= 2; ++dz)
                     for (int dy = -2; dy <= 2; ++dy)
                         for (int dx = -2; dx <= 2; ++dx) {
-                            auto& list = cells_[cellKey(c.x + dx, c.y + dy, c.z + dz)];
+                            auto& list = cells[cellKey(c.x + dx, c.y + dy, c.z + dz)];
                             if (list.empty() || list.back() != e) list.push_back(e);
                         }
             }
         }
-        for (auto& [key, list] : cells_) {
+        // Flattened into one open-addressed table at most half full, whose probes run over a few
+        // adjacent slots: every candidate looks its cell up at every refresh.
+        std::size_t size = 16;
+        while (size < 2 * cells.size())
+            size *= 2;
+        slots_.assign(size, Slot{kEmpty, 0, 0});
+        marks_.assign(kMarkWords, 0);
+        for (auto& [key, list] : cells) {
+            const std::uint64_t h = mix64(key);
+            marks_[(h >> 6) & (kMarkWords - 1)] |= std::uint64_t{1} << (h & 63);
             std::sort(list.begin(), list.end());
             list.erase(std::unique(list.begin(), list.end()), list.end());
+            std::size_t at = static_cast<std::size_t>(h) & (size - 1);
+            while (slots_[at].key != kEmpty)
+                at = (at + 1) & (size - 1);
+            slots_[at] = {key, static_cast<std::uint32_t>(edges_.size()),
+                          static_cast<std::uint32_t>(edges_.size() + list.size())};
+            edges_.insert(edges_.end(), list.begin(), list.end());
         }
     }
 
-    // The key of the cell round a position, and the edges near that cell (null for none).
+    // The key of the cell round a position, and the edges near that cell (none for none).
     std::uint64_t keyOf(const Vec3f& position) const {
         const CellCoord c = cellOf(position, inverse_);
         return cellKey(c.x, c.y, c.z);
     }
-    const std::vector<std::uint32_t>* near(std::uint64_t key) const {
-        const auto found = cells_.find(key);
-        return found == cells_.end() ? nullptr : &found->second;
+    std::span<const std::uint32_t> near(std::uint64_t key) const {
+        // Most cells lie far from the border: a bit per hashed cell, in a table small enough to
+        // stay in cache, answers most of them without a probe of the larger table.
+        const std::uint64_t h = mix64(key);
+        if (!((marks_[(h >> 6) & (kMarkWords - 1)] >> (h & 63)) & 1u)) return {};
+        std::size_t at = static_cast<std::size_t>(h) & (slots_.size() - 1);
+        while (slots_[at].key != kEmpty) {
+            if (slots_[at].key == key)
+                return std::span(edges_).subspan(slots_[at].begin,
+                                                 slots_[at].end - slots_[at].begin);
+            at = (at + 1) & (slots_.size() - 1);
+        }
+        return {};
     }
 
   private:
+    // No cell has this key: keys use 63 bits.
+    static constexpr std::uint64_t kEmpty = ~std::uint64_t{0};
+    struct Slot {
+        std::uint64_t key;
+        std::uint32_t begin, end;  // the cell's edges in edges_
+    };
+    static constexpr std::size_t kMarkWords = std::size_t{1} << 14;  // 128 KiB of bits
     float inverse_;
-    std::unordered_map<std::uint64_t, std::vector<std::uint32_t>> cells_;
+    std::vector<std::uint64_t> marks_;
+    std::vector<Slot> slots_;
+    std::vector<std::uint32_t> edges_;
 };
 
 // The push of a candidate's neighbours: for each neighbour j other than i within reach, with
@@ -365,7 +400,7 @@ void relaxPlacement(const ScalpMesh& scalp, const PlacementSettings& settings,
         forEach(count, [&](std::size_t begin, std::size_t end) {
             // Candidates in grid order mostly share their cell with the one before.
             std::uint64_t lastKey = ~std::uint64_t{0};
-            const std::vector<std::uint32_t>* nearEdges = nullptr;
+            std::span<const std::uint32_t> nearEdges;
             for (std::size_t i = begin; i < end; ++i) {
                 const Vec3f p = positions[i];
                 std::uint32_t edge = kNoEdge;
@@ -373,15 +408,12 @@ void relaxPlacement(const ScalpMesh& scalp, const PlacementSettings& settings,
                     lastKey = key;
                     nearEdges = edgeGrid.near(key);
                 }
-                if (nearEdges) {
-                    float best = 0.0f;
-                    for (const std::uint32_t e : *nearEdges) {
-                        const float d2 =
-                            lengthSquared(p - closestOnSegment(p, edges[e].a, edges[e].b));
-                        if (edge == kNoEdge || d2 < best) {
-                            best = d2;
-                            edge = e;
-                        }
+                float best = 0.0f;
+                for (const std::uint32_t e : nearEdges) {
+                    const float d2 = lengthSquared(p - closestOnSegment(p, edges[e].a, edges[e].b));
+                    if (edge == kNoEdge || d2 < best) {
+                        best = d2;
+                        edge = e;
                     }
                 }
                 nearestEdge[i] = edge;
