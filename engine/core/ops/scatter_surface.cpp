@@ -222,8 +222,7 @@ ClosestPoint TriangleNeighbourhoods::closest(const Vec3f& p, float maxDistance,
     // nearly as near they may pass over the nearest once the walk has met the other: where they
     // might, the tree's own answer is taken. Until its walk meets the answer, the tree's best
     // stays at or above every other triangle's distance.
-    const std::array<Vec3f, 3>& c = corners_[static_cast<std::uint32_t>(result.root.face)];
-    if (!ClosestPointTree::testsTriangle(p, c[0], c[1], c[2], others))
+    if (!scalp_.closestPointTests(p, static_cast<std::uint32_t>(result.root.face), others))
         return scalp_.closestPoint(p, maxDistance);
     result.distance = std::sqrt(best);
     return result;
