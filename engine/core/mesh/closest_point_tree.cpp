@@ -102,6 +102,12 @@ float boxDistanceSquared(const Vec3f& p, const Vec3f& lo, const Vec3f& hi) {
 
 }  // namespace
 
+TrianglePoint closestPointOnTriangle(const Vec3f& p, const Vec3f& a, const Vec3f& b,
+                                     const Vec3f& c) {
+    const ClosestOnTriangle hit = closestOnTriangle(p, a, b, c);
+    return {hit.point, hit.u, hit.v};
+}
+
 ClosestPointTree::ClosestPointTree(std::span<const Vec3f> points,
                                    std::span<const Triangle> triangles) {
     const auto count = static_cast<std::uint32_t>(triangles.size());
@@ -121,12 +127,16 @@ ClosestPointTree::ClosestPointTree(std::span<const Vec3f> points,
     // block's first triangle and are never read.
     const std::size_t blockCount = (count + 3) / 4;
     order_.assign(blockCount * 4, kNoTriangle);
+    slotOf_.resize(count);
     blocks_.resize(blockCount);
     parallelRange(0, blockCount, 1024, [&](std::size_t begin, std::size_t end) {
         for (std::size_t b = begin; b < end; ++b) {
             for (std::uint32_t lane = 0; lane < 4; ++lane) {
                 const std::size_t slot = b * 4 + lane;
-                if (slot < count) order_[slot] = centres[slot].triangle;
+                if (slot < count) {
+                    order_[slot] = centres[slot].triangle;
+                    slotOf_[centres[slot].triangle] = static_cast<std::uint32_t>(slot);
+                }
                 const Triangle& tri = triangles[centres[slot < count ? slot : b * 4].triangle];
                 for (int k = 0; k < 3; ++k)
                     for (int a = 0; a < 3; ++a)
@@ -420,6 +430,23 @@ ClosestPoint ClosestPointTree::closest(const Vec3f& p, float maxDistance) const 
     }
     if (result.found()) result.distance = std::sqrt(best);
     return result;
+}
+
+bool ClosestPointTree::testsTriangle(const Vec3f& p, std::uint32_t triangle,
+                                     float bestSquared) const {
+    if (triangle >= slotOf_.size()) return false;
+    const std::uint32_t slot = slotOf_[triangle];
+    // Every box the walk meets on the way to the triangle holds the triangle's own box, and the
+    // rounded distance to a larger box is never larger (rounding keeps order): the triangle's own
+    // box decides for them all.
+    const auto c = cornersOf(slot);
+    const Vec3f lo = minPerAxis(minPerAxis(c[0], c[1]), c[2]);
+    const Vec3f hi = maxPerAxis(maxPerAxis(c[0], c[1]), c[2]);
+    if (!(boxDistanceSquared(p, lo, hi) <= bestSquared)) return false;
+    // The filter of the triangle's own block, as the walk computes it.
+    alignas(16) float near[4];
+    triangleDistances(blocks_[slot / 4], p, near);
+    return !(near[slot % 4] > bestSquared * 1.001f + 1e-30f);
 }
 
 RayHit ClosestPointTree::raycast(const Vec3f& origin, const Vec3f& direction,

@@ -13,6 +13,17 @@
 
 namespace velmorin {
 
+// The closest point of triangle abc to p, with the weights of corners b (u) and c (v): the exact
+// test behind ClosestPointTree::closest, for searches over triangles of their own choosing that
+// must find the very point the tree finds. A degenerate triangle falls back to its edges.
+struct TrianglePoint {
+    Vec3f point;
+    float u = 0.0f;
+    float v = 0.0f;
+};
+TrianglePoint closestPointOnTriangle(const Vec3f& p, const Vec3f& a, const Vec3f& b,
+                                     const Vec3f& c);
+
 // Closest-point tree: built as a binary tree of boxes split near the median of the longest axis
 // of the triangles' centres, then collapsed to four children per node. A node keeps its children's
 // boxes side by side and a leaf keeps its (up to) four triangles' corners side by side, so one
@@ -27,6 +38,12 @@ class ClosestPointTree {
     ClosestPointTree(std::span<const Vec3f> points, std::span<const Triangle> triangles);
 
     ClosestPoint closest(const Vec3f& p, float maxDistance) const;
+    // Whether closest(p, ...) is sure to give `triangle` its exact test while the best squared
+    // distance it holds stays at or above `bestSquared`: neither a box round the triangle nor the
+    // fast filter in front of the exact test passes over it. For searches of their own that must
+    // agree with the tree: with `bestSquared` at most every other triangle's distance, the tree
+    // meets the triangle, and so finds it if it is the nearest.
+    bool testsTriangle(const Vec3f& p, std::uint32_t triangle, float bestSquared) const;
     RayHit raycast(const Vec3f& origin, const Vec3f& direction, float maxDistance) const;
     void near(const Vec3f& center, float radius, std::vector<std::uint32_t>& out) const;
 
@@ -96,7 +113,8 @@ class ClosestPointTree {
     Vec3f rootLo_, rootHi_;
     // Each leaf owns one block of four slots; slot s is lane s % 4 of block s / 4.
     std::vector<Block> blocks_;
-    std::vector<std::uint32_t> order_;  // triangle index of each slot, kNoTriangle if spare
+    std::vector<std::uint32_t> order_;   // triangle index of each slot, kNoTriangle if spare
+    std::vector<std::uint32_t> slotOf_;  // the slot of each triangle
 };
 
 }  // namespace velmorin

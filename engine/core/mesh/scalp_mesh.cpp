@@ -422,6 +422,11 @@ ClosestPoint ScalpMesh::closestPoint(const Vec3f& position, float maxDistance) c
     return bvh_->get(*this).closest(position, maxDistance);
 }
 
+bool ScalpMesh::closestPointTests(const Vec3f& position, std::uint32_t triangle,
+                                  float bestSquared) const {
+    return bvh_->get(*this).testsTriangle(position, triangle, bestSquared);
+}
+
 RayHit ScalpMesh::raycast(const Vec3f& origin, const Vec3f& direction, float maxDistance) const {
     return bvh_->get(*this).raycast(origin, direction, maxDistance);
 }

@@ -177,6 +177,10 @@ class ScalpMesh {
     // The closest surface point within `maxDistance`. The default bound is the square root of the
     // largest f32, so that its square cannot overflow. With no triangles, nothing is found.
     ClosestPoint closestPoint(const Vec3f& position, float maxDistance = kUnbounded) const;
+    // Whether closestPoint(position, ...) is sure to give `triangle` its exact test while the
+    // best squared distance it holds stays at or above `bestSquared` (see
+    // ClosestPointTree::testsTriangle): for searches of their own that must agree with it.
+    bool closestPointTests(const Vec3f& position, std::uint32_t triangle, float bestSquared) const;
     // The nearest hit of the ray origin + t * direction for t in [0, maxDistance]; direction need
     // not be unit length, `distance` is measured in its units.
     RayHit raycast(const Vec3f& origin, const Vec3f& direction,

@@ -5,9 +5,13 @@
 #include <cmath>
 #include <cstddef>
 #include <cstdint>
+#include <memory>
+#include <span>
+#include <vector>
 
 #include "base/parallel.h"
 #include "base/vec3.h"
+#include "ops/scatter_placement.h"
 
 // The block search measures four squared distances at once with SSE where the target has it (every
 // x86-64 target does) and with plain floats elsewhere; both give the same bits.
@@ -74,5 +78,28 @@ inline CellCoord cellOf(const Vec3f& p, float inverseCell) {
             static_cast<std::int64_t>(std::floor(p.y * inverseCell)),
             static_cast<std::int64_t>(std::floor(p.z * inverseCell))};
 }
+
+// The indices of `positions` in the order of a grid of `cell`-sized cells: cells in key order
+// (x fastest), a cell's positions in index order. Candidates kept in this order lie near their
+// neighbours in memory too.
+std::vector<std::uint32_t> gridOrder(std::span<const Vec3f> positions, float cell);
+
+// nearestNeighbors as an object that keeps its working arrays (some tens of megabytes for a
+// million candidates) from one search to the next, instead of having fresh pages cleared each time.
+class NeighborSearch {
+  public:
+    NeighborSearch();
+    ~NeighborSearch();
+    NeighborSearch(const NeighborSearch&) = delete;
+    NeighborSearch& operator=(const NeighborSearch&) = delete;
+
+    void find(std::span<const Vec3f> positions, float cell, float range,
+              std::span<std::uint32_t> lists, RelaxLanes lanes,
+              std::span<const std::uint32_t> ranks);
+
+  private:
+    struct State;
+    std::unique_ptr<State> state_;
+};
 
 }  // namespace velmorin::scatter

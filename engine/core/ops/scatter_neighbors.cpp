@@ -25,12 +25,19 @@ constexpr float kBlockReach = 1.0f;
 
 // Candidates sorted by cell (cells in key order, a cell's candidates in index order) with their
 // positions beside them. The key puts x in the low bits, so a row of cells along x is one run of
-// the sorted cells; a table finds a row's run from its y and z.
+// the sorted cells; a table finds a row's run from its y and z. Each candidate also carries its
+// rank, which orders equal distances: its index, or the given `ranks`. A grid built again keeps its
+// arrays: the relaxation builds one six times over the same number of candidates.
 class CandidateGrid {
   public:
-    CandidateGrid(float cell, std::span<const Vec3f> positions) : inverse_(1.0f / cell) {
+    CandidateGrid() = default;
+    CandidateGrid(float cell, std::span<const Vec3f> positions) { build(cell, positions, {}); }
+
+    void build(float cell, std::span<const Vec3f> positions, std::span<const std::uint32_t> ranks) {
+        inverse_ = 1.0f / cell;
         const std::size_t count = positions.size();
-        std::vector<Entry> entries(count);
+        std::vector<Entry>& entries = entries_;
+        entries.resize(count);
         forEach(count, [&](std::size_t begin, std::size_t end) {
             for (std::size_t i = begin; i < end; ++i) {
                 const CellCoord c = cellOf(positions[i], inverse_);
@@ -43,17 +50,23 @@ class CandidateGrid {
             });
         }
         sortedIndex_.resize(count);
+        sortedRank_.resize(ranks.empty() ? 0 : count);
         sortedPosition_.resize(count);
         for (auto& axis : sortedAxis_)
             axis.resize(count);
         forEach(count, [&](std::size_t begin, std::size_t end) {
             for (std::size_t e = begin; e < end; ++e) {
                 sortedIndex_[e] = entries[e].index;
+                if (!ranks.empty()) sortedRank_[e] = ranks[entries[e].index];
                 sortedPosition_[e] = positions[entries[e].index];
                 for (int a = 0; a < 3; ++a)
                     sortedAxis_[a][e] = sortedPosition_[e][a];
             }
         });
+        cellStart_.clear();
+        cellKeys_.clear();
+        rows_.clear();
+        denseRows_.clear();
         std::size_t rowCount = 0;
         for (std::size_t i = 0; i < count; ++i) {
             if (i == 0 || entries[i].key != entries[i - 1].key) {
@@ -111,11 +124,17 @@ class CandidateGrid {
     }
 
     float inverse() const { return inverse_; }
+    // The candidates' indices in grid order.
+    const std::vector<std::uint32_t>& order() const { return sortedIndex_; }
     std::uint32_t indexAt(std::uint32_t entry) const { return sortedIndex_[entry]; }
+    std::uint32_t rankAt(std::uint32_t entry) const { return rankData()[entry]; }
     const Vec3f& positionAt(std::uint32_t entry) const { return sortedPosition_[entry]; }
-    // The entries' coordinates along one axis, and their indices, in entry order.
+    // The entries' coordinates along one axis, their indices and their ranks, in entry order.
     const float* axisData(int axis) const { return sortedAxis_[axis].data(); }
     const std::uint32_t* indexData() const { return sortedIndex_.data(); }
+    const std::uint32_t* rankData() const {
+        return sortedRank_.empty() ? sortedIndex_.data() : sortedRank_.data();
+    }
     std::size_t size() const { return sortedIndex_.size(); }
     std::uint64_t cellKeyAt(std::uint32_t cell) const { return cellKeys_[cell]; }
     // The entries of cells [first, last).
@@ -157,7 +176,7 @@ class CandidateGrid {
     // the keys' order, z, then y, then x), sorted by two stable passes of 12 bits. Far quicker than
     // a comparison sort on a million candidates. Returns false, sorting nothing, for a larger
     // block.
-    static bool sortByDenseCells(std::vector<Entry>& entries) {
+    bool sortByDenseCells(std::vector<Entry>& entries) {
         constexpr int kBits = 12;
         constexpr std::size_t kBuckets = std::size_t{1} << kBits;
         // Fixed chunks, whatever the threads: each counts and places its own entries in order,
@@ -192,10 +211,10 @@ class CandidateGrid {
         const std::uint64_t sizeX = high[0] - low[0] + 1, sizeY = high[1] - low[1] + 1,
                             sizeZ = high[2] - low[2] + 1;
         if (sizeX * sizeY * sizeZ > (std::uint64_t{1} << (2 * kBits))) return false;
-        struct Dense {
-            std::uint32_t cell, index;
-        };
-        std::vector<Dense> from(count), to(count);
+        std::vector<Dense>& from = from_;
+        std::vector<Dense>& to = to_;
+        from.resize(count);
+        to.resize(count);
         forChunks([&](std::size_t, std::size_t first, std::size_t last) {
             for (std::size_t i = first; i < last; ++i) {
                 const std::uint64_t key = entries[i].key;
@@ -231,7 +250,8 @@ class CandidateGrid {
             std::swap(from, to);
         }
         // Back to the keys, read by index: entries were made in index order.
-        std::vector<Entry> sorted(count);
+        std::vector<Entry>& sorted = sortedEntries_;
+        sorted.resize(count);
         forChunks([&](std::size_t, std::size_t first, std::size_t last) {
             for (std::size_t i = first; i < last; ++i)
                 sorted[i] = entries[from[i].index];
@@ -243,8 +263,15 @@ class CandidateGrid {
         std::uint64_t row;
         std::uint32_t begin, end;
     };
-    float inverse_;
+    struct Dense {
+        std::uint32_t cell, index;
+    };
+    // Working arrays of a build, kept for the next.
+    std::vector<Entry> entries_, sortedEntries_;
+    std::vector<Dense> from_, to_;
+    float inverse_ = 1.0f;
     std::vector<std::uint32_t> sortedIndex_;
+    std::vector<std::uint32_t> sortedRank_;  // empty where ranks are the indices
     std::vector<Vec3f> sortedPosition_;
     std::array<std::vector<float>, 3> sortedAxis_;  // the same, axis by axis
     std::vector<std::uint32_t> cellStart_;
@@ -281,8 +308,13 @@ inline void keepNearest(std::uint64_t (&best)[kRelaxNeighbors], std::size_t& fou
 // sparse spot, a border of the scalp) the caller runs the shell search instead.
 class BlockSearch {
   public:
-    BlockSearch(const CandidateGrid& grid, float reach, float range2, bool wide)
+    // `rankOf` and `indexOfRank` turn indices into ranks and back (both null where ranks are the
+    // indices).
+    BlockSearch(const CandidateGrid& grid, float reach, float range2, bool wide,
+                const std::uint32_t* rankOf, const std::uint32_t* indexOfRank)
         : wide_(wide),
+          rankOf_(rankOf),
+          indexOfRank_(indexOfRank),
           runs_((2 * static_cast<std::size_t>(std::ceil(reach * grid.inverse())) + 1) *
                 (2 * static_cast<std::size_t>(std::ceil(reach * grid.inverse())) + 1)),
           grid_(grid),
@@ -292,8 +324,10 @@ class BlockSearch {
           cells_(static_cast<int>(std::ceil(reach * grid.inverse()))),
           hint_(range2) {}
 
-    // The 24 nearest of the candidate of index `i` at `p`, as keys into `best`; returns the number
-    // found, or -1 where the box cannot vouch for them.
+    // The 24 nearest of the candidate of index `i` at `p`, as keys into `best` (a key's low half
+    // is the index); returns the number found, or -1 where the box cannot vouch for them. Keys
+    // carry indices, not ranks: the ranking by distance alone needs no rank, and only where it
+    // meets equal distances does the insertion below look the ranks up.
     static constexpr float kHintScale = 1.15f;
 
     int find(const Vec3f& p, std::uint32_t i, std::uint64_t (&best)[kRelaxNeighbors]) {
@@ -489,11 +523,20 @@ class BlockSearch {
     }
 #endif
 
-    // The same by insertion, ties going by index.
+    // The same by insertion, ties going by rank: while they are ordered, the keys carry ranks.
     void insertKeys(std::size_t n, std::uint64_t (&best)[kRelaxNeighbors]) const {
         std::size_t found = 0;
+        if (!rankOf_) {
+            for (std::size_t k = 0; k < n; ++k)
+                keepNearest(best, found, keys_[k]);
+            return;
+        }
+        constexpr std::uint64_t kDistance = ~std::uint64_t{0} << 32;
         for (std::size_t k = 0; k < n; ++k)
-            keepNearest(best, found, keys_[k]);
+            keepNearest(best, found,
+                        (keys_[k] & kDistance) | rankOf_[static_cast<std::uint32_t>(keys_[k])]);
+        for (std::size_t k = 0; k < found; ++k)
+            best[k] = (best[k] & kDistance) | indexOfRank_[static_cast<std::uint32_t>(best[k])];
     }
 
     std::uint64_t keyAt(std::size_t b) const {
@@ -645,6 +688,8 @@ class BlockSearch {
         std::uint32_t end = 0, left = 0, right = 0;
     };
     bool wide_;
+    const std::uint32_t* rankOf_;
+    const std::uint32_t* indexOfRank_;
     std::vector<RowRun> runs_;
     bool rowsValid_ = false;
     std::int64_t rowsX_ = 0, rowsY_ = 0, rowsZ_ = 0;
@@ -663,8 +708,10 @@ class BlockSearch {
 // The nearest-neighbour search over a grid: cells are taken in shells of growing distance from the
 // candidate's cell, and the search ends once the next shell cannot hold anything nearer than the
 // current 24th, or lies out of range. Within a shell, rows too far off in y and z are passed over.
+// `rankOf` gives each position's rank and `indexOfRank` turns a rank back into its position's index
+// (both null where ranks are the indices).
 void nearestInGrid(const CandidateGrid& grid, float range, std::span<std::uint32_t> lists,
-                   bool wide) {
+                   const std::uint32_t* rankOf, const std::uint32_t* indexOfRank, bool wide) {
     const std::size_t count = grid.size();
     const float inverse = grid.inverse();
     const float cell = 1.0f / inverse;
@@ -682,12 +729,22 @@ void nearestInGrid(const CandidateGrid& grid, float range, std::span<std::uint32
         std::uint64_t best[kRelaxNeighbors];
         int start = 0;
         float hint = range2;
-        BlockSearch block(grid, kBlockReach * cell, range2, wide);
+        BlockSearch block(grid, kBlockReach * cell, range2, wide, rankOf, indexOfRank);
         for (std::size_t at = entryBegin; at < entryEnd; ++at) {
             const auto self = static_cast<std::uint32_t>(at);
             const Vec3f p = grid.positionAt(self);
             const std::uint32_t i = grid.indexAt(self);
             std::uint32_t* list = lists.data() + static_cast<std::size_t>(i) * kRelaxNeighbors;
+            // The nearest `near` keys to the list, each as its position's index.
+            const auto write = [&](std::size_t near) {
+                if (indexOfRank) {
+                    for (std::size_t k = 0; k < kRelaxNeighbors; ++k)
+                        list[k] = k < near ? indexOfRank[static_cast<std::uint32_t>(best[k])] : i;
+                } else {
+                    for (std::size_t k = 0; k < kRelaxNeighbors; ++k)
+                        list[k] = k < near ? static_cast<std::uint32_t>(best[k]) : i;
+                }
+            };
             if (const int near = block.find(p, i, best); near >= 0) {
                 for (int k = 0; k < kRelaxNeighbors; ++k)
                     list[k] = k < near ? static_cast<std::uint32_t>(best[k]) : i;
@@ -722,7 +779,7 @@ void nearestInGrid(const CandidateGrid& grid, float range, std::span<std::uint32
                     if (e == self) continue;
                     const float d2 = lengthSquared(grid.positionAt(e) - p);
                     if (!(d2 <= within)) continue;
-                    keepNearest(best, found, neighborKey(d2, grid.indexAt(e)));
+                    keepNearest(best, found, neighborKey(d2, grid.rankAt(e)));
                     if (found == kRelaxNeighbors)
                         limit = std::bit_cast<float>(
                             static_cast<std::uint32_t>(best[kRelaxNeighbors - 1] >> 32));
@@ -792,18 +849,46 @@ void nearestInGrid(const CandidateGrid& grid, float range, std::span<std::uint32
             if (found < kRelaxNeighbors && hint < range2) search(range2);
             hint = found == kRelaxNeighbors ? 2.0f * limit : range2;
             start = std::max(0, shell - 2);
-            for (std::size_t k = 0; k < kRelaxNeighbors; ++k)
-                list[k] = k < found ? static_cast<std::uint32_t>(best[k]) : i;
+            write(found);
         }
     });
 }
 }  // namespace
 
-void nearestNeighbors(std::span<const Vec3f> positions, float cell, float range,
-                      std::span<std::uint32_t> lists, RelaxLanes lanes) {
+struct scatter::NeighborSearch::State {
+    CandidateGrid grid;
+    std::vector<std::uint32_t> indexOfRank;
+};
+
+scatter::NeighborSearch::NeighborSearch() : state_(std::make_unique<State>()) {}
+scatter::NeighborSearch::~NeighborSearch() = default;
+
+void scatter::NeighborSearch::find(std::span<const Vec3f> positions, float cell, float range,
+                                   std::span<std::uint32_t> lists, RelaxLanes lanes,
+                                   std::span<const std::uint32_t> ranks) {
     if (positions.empty()) return;
-    nearestInGrid(CandidateGrid(cell, positions), range, lists,
+    std::vector<std::uint32_t>& indexOfRank = state_->indexOfRank;
+    indexOfRank.resize(ranks.empty() ? 0 : positions.size());
+    if (!ranks.empty()) {
+        forEach(positions.size(), [&](std::size_t begin, std::size_t end) {
+            for (std::size_t i = begin; i < end; ++i)
+                indexOfRank[ranks[i]] = static_cast<std::uint32_t>(i);
+        });
+    }
+    state_->grid.build(cell, positions, ranks);
+    nearestInGrid(state_->grid, range, lists, ranks.empty() ? nullptr : ranks.data(),
+                  ranks.empty() ? nullptr : indexOfRank.data(),
                   lanes == RelaxLanes::widest && wideIntegerLanesUsable());
+}
+
+void nearestNeighbors(std::span<const Vec3f> positions, float cell, float range,
+                      std::span<std::uint32_t> lists, RelaxLanes lanes,
+                      std::span<const std::uint32_t> ranks) {
+    scatter::NeighborSearch().find(positions, cell, range, lists, lanes, ranks);
+}
+
+std::vector<std::uint32_t> scatter::gridOrder(std::span<const Vec3f> positions, float cell) {
+    return CandidateGrid(cell, positions).order();
 }
 
 }  // namespace velmorin

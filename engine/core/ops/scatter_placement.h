@@ -76,11 +76,14 @@ void relaxPlacement(const ScalpMesh& scalp, const PlacementSettings& settings,
 inline constexpr int kRelaxNeighbors = 24;
 
 // The relaxation's neighbour lists: for each position its 24 nearest others no farther than
-// `range`, nearest first and equal distances in index order, padded with its own index where fewer
-// lie in range. `cell` is the size of the search grid's cells; it changes the speed, never the
-// lists, and nor do `lanes`. `lists` takes 24 entries per position.
+// `range`, nearest first and equal distances in order of rank, padded with its own index where
+// fewer lie in range. A position's rank is its index, or `ranks[index]` where given (then a
+// permutation of the indices: the relaxation keeps candidates in grid order and ranks them by
+// their place in the placement). `cell` is the size of the search grid's cells; it changes the
+// speed, never the lists, and nor do `lanes`. `lists` takes 24 entries per position.
 void nearestNeighbors(std::span<const Vec3f> positions, float cell, float range,
-                      std::span<std::uint32_t> lists, RelaxLanes lanes = RelaxLanes::widest);
+                      std::span<std::uint32_t> lists, RelaxLanes lanes = RelaxLanes::widest,
+                      std::span<const std::uint32_t> ranks = {});
 
 // The roots at `randomness` between the even (0) and the random (1) roots, pair by pair.
 std::vector<StrandRoot> blendRoots(const ScalpMesh& scalp, std::span<const StrandRoot> even,

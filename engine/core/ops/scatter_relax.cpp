@@ -11,6 +11,7 @@
 #include "ops/guide_mask.h"
 #include "ops/scatter_cells.h"
 #include "ops/scatter_placement.h"
+#include "ops/scatter_surface.h"
 
 namespace velmorin {
 namespace {
@@ -25,6 +26,8 @@ constexpr std::uint32_t kNoEdge = 0xffffffffu;
 // cell holds a dozen candidates that share one gathering. Two-radius cells with two cells of reach
 // gather half again as many candidates from 25 rows, for fewer queries each.
 constexpr float kNeighborCell = 3.25f;
+// How far round each triangle, in radii, the projection lists its neighbours.
+constexpr float kProjectionReach = 4.1f;
 
 // A border edge of the scalp and the direction, in its triangle's plane, that points inside.
 struct BorderEdge {
@@ -65,6 +68,7 @@ Vec3f closestOnSegment(const Vec3f& p, const Vec3f& a, const Vec3f& b) {
 class EdgeGrid {
   public:
     EdgeGrid(float cell, std::span<const BorderEdge> edges) : inverse_(1.0f / cell) {
+        std::unordered_map<std::uint64_t, std::vector<std::uint32_t>> cells;
         for (std::uint32_t e = 0; e < edges.size(); ++e) {
             const float len = length(edges[e].b - edges[e].a);
             const int steps = std::max(1, static_cast<int>(std::ceil(len * inverse_ * 2.0f)));
@@ -74,34 +78,73 @@ class EdgeGrid {
                 for (int dz = -2; dz <= 2; ++dz)
                     for (int dy = -2; dy <= 2; ++dy)
                         for (int dx = -2; dx <= 2; ++dx) {
-                            auto& list = cells_[cellKey(c.x + dx, c.y + dy, c.z + dz)];
+                            auto& list = cells[cellKey(c.x + dx, c.y + dy, c.z + dz)];
                             if (list.empty() || list.back() != e) list.push_back(e);
                         }
             }
         }
-        for (auto& [key, list] : cells_) {
+        // Flattened into one open-addressed table at most half full, whose probes run over a few
+        // adjacent slots: every candidate looks its cell up at every refresh.
+        std::size_t size = 16;
+        while (size < 2 * cells.size())
+            size *= 2;
+        slots_.assign(size, Slot{kEmpty, 0, 0});
+        marks_.assign(kMarkWords, 0);
+        for (auto& [key, list] : cells) {
+            const std::uint64_t h = mix64(key);
+            marks_[(h >> 6) & (kMarkWords - 1)] |= std::uint64_t{1} << (h & 63);
             std::sort(list.begin(), list.end());
             list.erase(std::unique(list.begin(), list.end()), list.end());
+            std::size_t at = static_cast<std::size_t>(h) & (size - 1);
+            while (slots_[at].key != kEmpty)
+                at = (at + 1) & (size - 1);
+            slots_[at] = {key, static_cast<std::uint32_t>(edges_.size()),
+                          static_cast<std::uint32_t>(edges_.size() + list.size())};
+            edges_.insert(edges_.end(), list.begin(), list.end());
         }
     }
 
-    const std::vector<std::uint32_t>* near(const Vec3f& position) const {
+    // The key of the cell round a position, and the edges near that cell (none for none).
+    std::uint64_t keyOf(const Vec3f& position) const {
         const CellCoord c = cellOf(position, inverse_);
-        const auto found = cells_.find(cellKey(c.x, c.y, c.z));
-        return found == cells_.end() ? nullptr : &found->second;
+        return cellKey(c.x, c.y, c.z);
+    }
+    std::span<const std::uint32_t> near(std::uint64_t key) const {
+        // Most cells lie far from the border: a bit per hashed cell, in a table small enough to
+        // stay in cache, answers most of them without a probe of the larger table.
+        const std::uint64_t h = mix64(key);
+        if (!((marks_[(h >> 6) & (kMarkWords - 1)] >> (h & 63)) & 1u)) return {};
+        std::size_t at = static_cast<std::size_t>(h) & (slots_.size() - 1);
+        while (slots_[at].key != kEmpty) {
+            if (slots_[at].key == key)
+                return std::span(edges_).subspan(slots_[at].begin,
+                                                 slots_[at].end - slots_[at].begin);
+            at = (at + 1) & (slots_.size() - 1);
+        }
+        return {};
     }
 
   private:
+    // No cell has this key: keys use 63 bits.
+    static constexpr std::uint64_t kEmpty = ~std::uint64_t{0};
+    struct Slot {
+        std::uint64_t key;
+        std::uint32_t begin, end;  // the cell's edges in edges_
+    };
+    static constexpr std::size_t kMarkWords = std::size_t{1} << 14;  // 128 KiB of bits
     float inverse_;
-    std::unordered_map<std::uint64_t, std::vector<std::uint32_t>> cells_;
+    std::vector<std::uint64_t> marks_;
+    std::vector<Slot> slots_;
+    std::vector<std::uint32_t> edges_;
 };
 
 // The push of a candidate's neighbours: for each neighbour j other than i within reach, with
 // s = r_i + r_j and d from j to i, the direction of d (or, for a coincident pair, one given by the
-// indices alone) weighed by (1 - |d| / s) squared, summed in list order. `radii` is null where
-// every candidate has the radius r0.
-Vec3f pairForceOneByOne(std::size_t i, const std::uint32_t* list, const Vec3f& pi, float ri,
-                        const Vec3f* positions, const float* radii, float r0, std::size_t count) {
+// candidate's place in the placement, `rank`, alone) weighed by (1 - |d| / s) squared, summed in
+// list order. `radii` is null where every candidate has the radius r0.
+Vec3f pairForceOneByOne(std::size_t i, std::size_t rank, const std::uint32_t* list, const Vec3f& pi,
+                        float ri, const Vec3f* positions, const float* radii, float r0,
+                        std::size_t count) {
     const float n = static_cast<float>(count);
     Vec3f force;
     for (int k = 0; k < kRelaxNeighbors; ++k) {
@@ -120,8 +163,8 @@ Vec3f pairForceOneByOne(std::size_t i, const std::uint32_t* list, const Vec3f& p
         Vec3f direction;
         if (dist <= s * 1e-6f) {
             // Coincident candidates part in a direction given by their indices alone.
-            direction = {unitFloat(i) - 0.5f,
-                         unitFloat(static_cast<std::uint64_t>(n) + kGolden + i) - 0.5f, 0.0f};
+            direction = {unitFloat(rank) - 0.5f,
+                         unitFloat(static_cast<std::uint64_t>(n) + kGolden + rank) - 0.5f, 0.0f};
         } else {
             direction = d / dist;
         }
@@ -135,8 +178,8 @@ Vec3f pairForceOneByOne(std::size_t i, const std::uint32_t* list, const Vec3f& p
 // same correctly rounded operations, and the sum still runs in list order (a pair out of reach adds
 // +0, which changes no sum that starts at +0), so the bits are those of the pair-by-pair loop.
 // A coincident pair, which is rare, sends the candidate to that loop.
-Vec3f pairForce(std::size_t i, const std::uint32_t* list, const Vec3f& pi, float ri,
-                const Vec3f* positions, const float* radii, float r0, std::size_t count) {
+Vec3f pairForce(std::size_t i, std::size_t rank, const std::uint32_t* list, const Vec3f& pi,
+                float ri, const Vec3f* positions, const float* radii, float r0, std::size_t count) {
 #if VELMORIN_RELAX_SSE
     alignas(16) float dx[kRelaxNeighbors], dy[kRelaxNeighbors], dz[kRelaxNeighbors];
     alignas(16) float reach[kRelaxNeighbors];
@@ -166,7 +209,7 @@ Vec3f pairForce(std::size_t i, const std::uint32_t* list, const Vec3f& pi, float
             continue;
         }
         if (_mm_movemask_ps(_mm_and_ps(in, _mm_cmple_ps(dist, _mm_mul_ps(s, tiny)))) != 0)
-            return pairForceOneByOne(i, list, pi, ri, positions, radii, r0, count);
+            return pairForceOneByOne(i, rank, list, pi, ri, positions, radii, r0, count);
         const __m128 w = _mm_sub_ps(one, _mm_div_ps(dist, s));
         const __m128 weight = _mm_and_ps(in, _mm_mul_ps(w, w));
         // Lanes out of reach may hold infinities or NaN before the mask; the mask makes them +0.
@@ -179,7 +222,7 @@ Vec3f pairForce(std::size_t i, const std::uint32_t* list, const Vec3f& pi, float
         force += Vec3f{dx[k], dy[k], dz[k]};
     return force;
 #else
-    return pairForceOneByOne(i, list, pi, ri, positions, radii, r0, count);
+    return pairForceOneByOne(i, rank, list, pi, ri, positions, radii, r0, count);
 #endif
 }
 
@@ -303,13 +346,25 @@ void relaxPlacement(const ScalpMesh& scalp, const PlacementSettings& settings,
     const bool masked = settings.mask && !settings.mask->empty();
     const float r0 = kRadiusScale / static_cast<float>(std::sqrt(settings.density));
 
-    std::vector<StrandRoot> roots = placed.randomRoots;
     // One point more than candidates: the eight-lane push loads each point with the float after.
     std::vector<Vec3f> positions(count + 1), next(count + 1), normals(count);
+    forEach(count, [&](std::size_t begin, std::size_t end) {
+        for (std::size_t i = begin; i < end; ++i)
+            next[i] = scalp.pointAt(placed.randomRoots[i]);
+    });
+    // Candidates are kept in the order of the neighbour grid's cells, so that the neighbour
+    // searches, the pushes and the projections find their neighbours and triangles near in memory.
+    // A candidate's place in the placement, its rank, still decides what an index decides: the
+    // order of equally distant neighbours and the direction that parts a coincident pair. So the
+    // storage order changes no result.
+    const std::vector<std::uint32_t> rankOf =
+        gridOrder(std::span(next).first(count), kNeighborCell * r0);
+    std::vector<StrandRoot> roots(count);
     std::vector<float> radii(count);
     forEach(count, [&](std::size_t begin, std::size_t end) {
         for (std::size_t i = begin; i < end; ++i) {
-            positions[i] = scalp.pointAt(roots[i]);
+            roots[i] = placed.randomRoots[rankOf[i]];
+            positions[i] = next[rankOf[i]];
             normals[i] = scalp.normalAt(roots[i]);
             float r = r0;
             if (mapped) {
@@ -327,6 +382,10 @@ void relaxPlacement(const ScalpMesh& scalp, const PlacementSettings& settings,
     const float searchRange = 3.0f * largest + r0;
     const std::vector<BorderEdge> edges = borderEdges(scalp);
     const EdgeGrid edgeGrid(2.0f * r0, edges);
+    // A candidate moves less than two radii between projections (each step less than half of
+    // one), and the search reaches about as far again: lists of the triangles a little beyond four
+    // radii round each triangle answer every projection of a candidate of radius r0.
+    const TriangleNeighbourhoods nearTriangles(scalp, kProjectionReach * r0, count);
     // Left unset: the first refresh writes every list, in parallel, instead of a serial clear of
     // 96 bytes per candidate.
     const std::unique_ptr<std::uint32_t[]> neighborStore(
@@ -334,22 +393,27 @@ void relaxPlacement(const ScalpMesh& scalp, const PlacementSettings& settings,
     const std::span<std::uint32_t> neighbors(neighborStore.get(), count * kRelaxNeighbors);
     std::vector<std::uint32_t> nearestEdge(count, kNoEdge);
 
+    NeighborSearch neighborSearch;
     auto refresh = [&] {
-        nearestNeighbors(std::span(positions).first(count), kNeighborCell * r0, searchRange,
-                         neighbors, lanes);
+        neighborSearch.find(std::span(positions).first(count), kNeighborCell * r0, searchRange,
+                            neighbors, lanes, rankOf);
         forEach(count, [&](std::size_t begin, std::size_t end) {
+            // Candidates in grid order mostly share their cell with the one before.
+            std::uint64_t lastKey = ~std::uint64_t{0};
+            std::span<const std::uint32_t> nearEdges;
             for (std::size_t i = begin; i < end; ++i) {
                 const Vec3f p = positions[i];
                 std::uint32_t edge = kNoEdge;
-                if (const auto* nearEdges = edgeGrid.near(p)) {
-                    float best = 0.0f;
-                    for (const std::uint32_t e : *nearEdges) {
-                        const float d2 =
-                            lengthSquared(p - closestOnSegment(p, edges[e].a, edges[e].b));
-                        if (edge == kNoEdge || d2 < best) {
-                            best = d2;
-                            edge = e;
-                        }
+                if (const std::uint64_t key = edgeGrid.keyOf(p); key != lastKey) {
+                    lastKey = key;
+                    nearEdges = edgeGrid.near(key);
+                }
+                float best = 0.0f;
+                for (const std::uint32_t e : nearEdges) {
+                    const float d2 = lengthSquared(p - closestOnSegment(p, edges[e].a, edges[e].b));
+                    if (edge == kNoEdge || d2 < best) {
+                        best = d2;
+                        edge = e;
                     }
                 }
                 nearestEdge[i] = edge;
@@ -383,11 +447,12 @@ void relaxPlacement(const ScalpMesh& scalp, const PlacementSettings& settings,
                     continue;
                 }
                 const std::uint32_t* list = neighbors.data() + i * kRelaxNeighbors;
-                Vec3f force =
-                    !wide ? pairForce(i, list, pi, ri, positions.data(), radiiOrNull, r0, count)
-                    : (alone >> lane) & 1u ? pairForceOneByOne(i, list, pi, ri, positions.data(),
-                                                               radiiOrNull, r0, count)
-                                           : pushes[lane];
+                Vec3f force = !wide ? pairForce(i, rankOf[i], list, pi, ri, positions.data(),
+                                                radiiOrNull, r0, count)
+                              : (alone >> lane) & 1u
+                                  ? pairForceOneByOne(i, rankOf[i], list, pi, ri, positions.data(),
+                                                      radiiOrNull, r0, count)
+                                  : pushes[lane];
                 if (nearestEdge[i] != kNoEdge) {
                     const BorderEdge& edge = edges[nearestEdge[i]];
                     const float e = length(pi - closestOnSegment(pi, edge.a, edge.b));
@@ -422,15 +487,20 @@ void relaxPlacement(const ScalpMesh& scalp, const PlacementSettings& settings,
                     // is no farther than it: searching only that far (with a margin for
                     // rounding) prunes the tree walk and finds the same point, the nearest in
                     // reach with ties going to the lower triangle.
-                    const float lastDistance = length(positions[i] - scalp.pointAt(roots[i]));
+                    const Vec3f last = scalp.pointAt(roots[i]);
+                    const float lastDistance = length(positions[i] - last);
                     const float reachNow = std::min(4.0f * ri, lastDistance * 1.001f + ri * 1e-4f);
-                    const ClosestPoint hit = scalp.closestPoint(positions[i], reachNow);
+                    // Mostly the triangles round the last one answer, as the tree would.
+                    const ClosestPoint hit =
+                        nearTriangles.covers(reachNow, lastDistance)
+                            ? nearTriangles.closest(positions[i], reachNow, roots[i].face)
+                            : scalp.closestPoint(positions[i], reachNow);
                     if (hit.found() && allowed(hit.root, hit.point)) {
                         roots[i] = hit.root;
                         positions[i] = hit.point;
                         normals[i] = scalp.normalAt(hit.root);
                     } else {
-                        positions[i] = scalp.pointAt(roots[i]);
+                        positions[i] = last;
                     }
                 }
             });
@@ -440,7 +510,7 @@ void relaxPlacement(const ScalpMesh& scalp, const PlacementSettings& settings,
     forEach(count, [&](std::size_t begin, std::size_t end) {
         for (std::size_t i = begin; i < end; ++i) {
             const bool keep = allowed(roots[i], scalp.pointAt(roots[i]));
-            placed.evenRoots[i] = keep ? roots[i] : placed.randomRoots[i];
+            if (keep) placed.evenRoots[rankOf[i]] = roots[i];
         }
     });
 }

@@ -4,6 +4,7 @@
 #include <cmath>
 #include <limits>
 #include <map>
+#include <tuple>
 #include <unordered_map>
 
 #include "base/hash.h"
@@ -283,32 +284,35 @@ TEST(Scatter, SameBitsAtOneAndTwoThreads) {
 }
 
 // The relaxation's neighbour lists by brute force: every other candidate within range, ordered by
-// squared distance and then by index, the first 24 kept and the rest padded with the candidate.
-std::vector<std::uint32_t> nearestByBruteForce(std::span<const Vec3f> positions, float range) {
+// squared distance and then by rank (the index, or `ranks[index]`), the first 24 kept and the rest
+// padded with the candidate.
+std::vector<std::uint32_t> nearestByBruteForce(std::span<const Vec3f> positions, float range,
+                                               std::span<const std::uint32_t> ranks = {}) {
     std::vector<std::uint32_t> lists(positions.size() * kRelaxNeighbors);
-    std::vector<std::pair<float, std::uint32_t>> all;
+    std::vector<std::tuple<float, std::uint32_t, std::uint32_t>> all;
     for (std::uint32_t i = 0; i < positions.size(); ++i) {
         all.clear();
         for (std::uint32_t j = 0; j < positions.size(); ++j) {
             const float d2 = lengthSquared(positions[j] - positions[i]);
-            if (j != i && d2 <= range * range) all.emplace_back(d2, j);
+            if (j != i && d2 <= range * range)
+                all.emplace_back(d2, ranks.empty() ? j : ranks[j], j);
         }
         std::sort(all.begin(), all.end());
         for (std::size_t k = 0; k < kRelaxNeighbors; ++k)
-            lists[i * kRelaxNeighbors + k] = k < all.size() ? all[k].second : i;
+            lists[i * kRelaxNeighbors + k] = k < all.size() ? std::get<2>(all[k]) : i;
     }
     return lists;
 }
 
 // Compares the neighbour lists at one and two threads with brute force.
 void expectNearestInRange(const std::string& name, std::span<const Vec3f> positions, float cell,
-                          float range) {
-    const std::vector<std::uint32_t> expected = nearestByBruteForce(positions, range);
+                          float range, std::span<const std::uint32_t> ranks = {}) {
+    const std::vector<std::uint32_t> expected = nearestByBruteForce(positions, range, ranks);
     for (const RelaxLanes lanes : {RelaxLanes::widest, RelaxLanes::four}) {
         for (const int threads : {1, 2}) {
             std::vector<std::uint32_t> lists(positions.size() * kRelaxNeighbors);
             runWithThreads(threads,
-                           [&] { nearestNeighbors(positions, cell, range, lists, lanes); });
+                           [&] { nearestNeighbors(positions, cell, range, lists, lanes, ranks); });
             std::size_t wrong = 0;
             for (std::size_t i = 0; i < positions.size(); ++i)
                 wrong += !std::equal(lists.begin() + i * kRelaxNeighbors,
@@ -371,6 +375,13 @@ TEST(Scatter, NeighbourListsAreTheNearestInRange) {
             lattice.push_back({0.25f * static_cast<float>(x), 0.25f * static_cast<float>(y), 0.0f});
     expectNearestInRange("lattice", lattice, 0.5f, 4.0f);
     expectNearestInRange("lattice, large cells", lattice, 2.0f, 4.0f);
+    // Ranked otherwise than by index (as the relaxation ranks candidates kept in grid order),
+    // equal distances go by rank.
+    std::vector<std::uint32_t> ranks(lattice.size());
+    for (std::uint32_t i = 0; i < ranks.size(); ++i)
+        ranks[i] = (i * 977u + 13u) % static_cast<std::uint32_t>(ranks.size());
+    expectNearestInRange("lattice, ranked", lattice, 0.5f, 4.0f, ranks);
+    expectNearestInRange("lattice, ranked, large cells", lattice, 2.0f, 4.0f, ranks);
 }
 
 // The even roots' bits, folded in order.

@@ -1,0 +1,231 @@
+#include "ops/scatter_surface.h"
+
+#include <algorithm>
+#include <cmath>
+#include <limits>
+
+#include "mesh/closest_point_tree.h"
+#include "ops/scatter_cells.h"
+
+namespace velmorin::scatter {
+namespace {
+
+// At most this many neighbours a triangle on average, padding included; past it the tree is
+// quicker.
+constexpr std::size_t kMostPerTriangle = 48;
+// At most this many bytes of lists a candidate: a fine mesh under a thin scatter costs more memory
+// in lists than the tree saves in time. (A million candidates on the 8k triangles of a head take
+// about 11.)
+constexpr std::size_t kMostBytesPerCandidate = 64;
+
+float boxDistanceSquared(const Vec3f& aLo, const Vec3f& aHi, const Vec3f& bLo, const Vec3f& bHi) {
+    float sum = 0.0f;
+    for (int a = 0; a < 3; ++a) {
+        const float gap = std::max({0.0f, bLo[a] - aHi[a], aLo[a] - bHi[a]});
+        sum += gap * gap;
+    }
+    return sum;
+}
+
+}  // namespace
+
+TriangleNeighbourhoods::TriangleNeighbourhoods(const ScalpMesh& scalp, float reach,
+                                               std::size_t candidates)
+    : scalp_(scalp), reach_(reach) {
+    const auto& points = scalp.points();
+    const auto& triangles = scalp.triangles();
+    const std::size_t count = triangles.size();
+    // Every triangle has a block at least.
+    if (count == 0 || !(reach > 0.0f) || !std::isfinite(reach) ||
+        candidates * kMostBytesPerCandidate < count * sizeof(Block))
+        return;
+    const auto [low, high] = scalp.bounds();
+    const float extent = std::max({std::abs(low.x), std::abs(low.y), std::abs(low.z),
+                                   std::abs(high.x), std::abs(high.y), std::abs(high.z)});
+    // The bounds round at the scale of the coordinates: a few units in the last place of the
+    // largest, here with a wide margin.
+    tolerance_ = 64.0f * std::numeric_limits<float>::epsilon() * (extent + reach);
+
+    corners_.resize(count);
+    std::vector<Vec3f> lo(count), hi(count);
+    // Per triangle the plane and edge rows of a block lane.
+    std::vector<std::array<float, 16>> bounds(count);
+    forEach(count, [&](std::size_t begin, std::size_t end) {
+        for (std::size_t t = begin; t < end; ++t) {
+            const std::array<Vec3f, 3> c = {points[triangles[t][0]], points[triangles[t][1]],
+                                            points[triangles[t][2]]};
+            corners_[t] = c;
+            lo[t] = minPerAxis(minPerAxis(c[0], c[1]), c[2]);
+            hi[t] = maxPerAxis(maxPerAxis(c[0], c[1]), c[2]);
+            std::array<float, 16>& b = bounds[t];
+            b.fill(0.0f);
+            // A triangle without area (or not finite) keeps bounds of zero: never passed over.
+            const Vec3f n = normalized(cross(c[1] - c[0], c[2] - c[0]));
+            if (!(lengthSquared(n) > 0.5f) || !std::isfinite(dot(n, c[0]))) continue;
+            b[0] = n.x;
+            b[1] = n.y;
+            b[2] = n.z;
+            b[3] = dot(n, c[0]);
+            for (int e = 0; e < 3; ++e) {
+                const Vec3f& from = c[e];
+                const Vec3f& to = c[(e + 1) % 3];
+                Vec3f out = normalized(cross(to - from, n));
+                if (dot(out, c[(e + 2) % 3] - from) > 0.0f) out = -out;
+                b[4 + 4 * e] = out.x;
+                b[5 + 4 * e] = out.y;
+                b[6 + 4 * e] = out.z;
+                b[7 + 4 * e] = dot(out, from);
+            }
+        }
+    });
+
+    // Each triangle's neighbours, ascending. A box within `reach` of the triangle's box lies
+    // within reach plus its half diagonal of the box's centre, which the tree answers.
+    std::vector<std::vector<std::uint32_t>> near(count);
+    const float within = reach + tolerance_;
+    forEach(count, [&](std::size_t begin, std::size_t end) {
+        std::vector<std::uint32_t> found;
+        for (std::size_t t = begin; t < end; ++t) {
+            found.clear();
+            const Vec3f centre = (lo[t] + hi[t]) * 0.5f;
+            scalp.trianglesNear(centre, length(hi[t] - lo[t]) * 0.5f + within * 1.001f, found);
+            std::vector<std::uint32_t>& list = near[t];
+            for (const std::uint32_t other : found)
+                if (other != t && boxDistanceSquared(lo[t], hi[t], lo[other], hi[other]) <=
+                                      within * within * 1.001f)
+                    list.push_back(other);
+            std::sort(list.begin(), list.end());
+        }
+    });
+    std::vector<std::uint32_t> first(count + 1, 0);
+    for (std::size_t t = 0; t < count; ++t)
+        first[t + 1] =
+            first[t] + static_cast<std::uint32_t>((near[t].size() + kLanes - 1) / kLanes);
+    if (first[count] * kLanes > kMostPerTriangle * count ||
+        first[count] * sizeof(Block) > kMostBytesPerCandidate * candidates)
+        return;
+
+    blocks_.resize(first[count]);
+    forEach(count, [&](std::size_t begin, std::size_t end) {
+        for (std::size_t t = begin; t < end; ++t) {
+            const std::vector<std::uint32_t>& list = near[t];
+            for (std::uint32_t b = first[t]; b < first[t + 1]; ++b) {
+                Block& block = blocks_[b];
+                for (std::size_t lane = 0; lane < kLanes; ++lane) {
+                    const std::size_t k = (b - first[t]) * kLanes + lane;
+                    if (k >= list.size()) {
+                        // A plane at infinity: the bound is never within reach.
+                        for (int row = 0; row < 4; ++row)
+                            block.plane[row][lane] = 0.0f;
+                        block.plane[3][lane] = -std::numeric_limits<float>::infinity();
+                        for (int e = 0; e < 3; ++e)
+                            for (int row = 0; row < 4; ++row)
+                                block.edge[e][row][lane] = 0.0f;
+                        block.triangle[lane] = static_cast<std::uint32_t>(t);
+                        continue;
+                    }
+                    const std::array<float, 16>& from = bounds[list[k]];
+                    for (int row = 0; row < 4; ++row)
+                        block.plane[row][lane] = from[row];
+                    for (int e = 0; e < 3; ++e)
+                        for (int row = 0; row < 4; ++row)
+                            block.edge[e][row][lane] = from[4 + 4 * e + row];
+                    block.triangle[lane] = list[k];
+                }
+            }
+        }
+    });
+    firstBlock_ = std::move(first);
+}
+
+void TriangleNeighbourhoods::lowerBounds(const Block& block, const Vec3f& p, float* out) const {
+    // Per lane: the distance to the plane and, in it, beyond the farthest edge, each less the
+    // tolerance. A NaN anywhere gives a bound of 0: the lane is tested.
+#if VELMORIN_RELAX_SSE
+    const __m128 x = _mm_set1_ps(p.x), y = _mm_set1_ps(p.y), z = _mm_set1_ps(p.z);
+    const __m128 tolerance = _mm_set1_ps(tolerance_), zero = _mm_setzero_ps();
+    const __m128 noSign = _mm_castsi128_ps(_mm_set1_epi32(0x7fffffff));
+    const auto signedDistance = [&](const float(*rows)[kLanes], std::size_t at) {
+        return _mm_sub_ps(_mm_add_ps(_mm_add_ps(_mm_mul_ps(_mm_load_ps(rows[0] + at), x),
+                                                _mm_mul_ps(_mm_load_ps(rows[1] + at), y)),
+                                     _mm_mul_ps(_mm_load_ps(rows[2] + at), z)),
+                          _mm_load_ps(rows[3] + at));
+    };
+    for (std::size_t at = 0; at < kLanes; at += 4) {
+        const __m128 plane = _mm_and_ps(signedDistance(block.plane, at), noSign);
+        __m128 outside = zero;
+        for (int e = 0; e < 3; ++e)
+            outside = _mm_max_ps(signedDistance(block.edge[e], at), outside);
+        const __m128 across = _mm_max_ps(_mm_sub_ps(plane, tolerance), zero);
+        const __m128 along = _mm_max_ps(_mm_sub_ps(outside, tolerance), zero);
+        _mm_store_ps(out + at, _mm_add_ps(_mm_mul_ps(across, across), _mm_mul_ps(along, along)));
+    }
+#else
+    for (std::size_t lane = 0; lane < kLanes; ++lane) {
+        const auto signedDistance = [&](const float(*rows)[kLanes]) {
+            return rows[0][lane] * p.x + rows[1][lane] * p.y + rows[2][lane] * p.z - rows[3][lane];
+        };
+        float outside = 0.0f;
+        for (int e = 0; e < 3; ++e) {
+            const float d = signedDistance(block.edge[e]);
+            outside = d > outside || std::isnan(d) ? d : outside;
+        }
+        const float across = std::abs(signedDistance(block.plane)) - tolerance_;
+        const float along = outside - tolerance_;
+        const float a = across > 0.0f ? across : 0.0f, b = along > 0.0f ? along : 0.0f;
+        out[lane] = a * a + b * b;
+    }
+#endif
+}
+
+ClosestPoint TriangleNeighbourhoods::closest(const Vec3f& p, float maxDistance,
+                                             std::int32_t triangle) const {
+    ClosestPoint result;
+    const float reach2 = std::min(maxDistance * maxDistance, std::numeric_limits<float>::max());
+    float best = reach2;
+    // The least squared distance of any other triangle, or a bound below it: the least that the
+    // tree's best can be before its walk meets the answer.
+    float others = reach2;
+    // The tree's rule: the nearest within reach, equal distances to the lower triangle, which
+    // makes the answer independent of the order the triangles are met in.
+    const auto test = [&](std::uint32_t t) {
+        const std::array<Vec3f, 3>& c = corners_[t];
+        const TrianglePoint hit = closestPointOnTriangle(p, c[0], c[1], c[2]);
+        const float d2 = lengthSquared(hit.point - p);
+        if (!(d2 <= best) ||
+            (d2 == best && result.found() && static_cast<std::int32_t>(t) > result.root.face)) {
+            others = std::min(others, d2);
+            return;
+        }
+        if (result.found()) others = std::min(others, best);
+        best = d2;
+        result.root = {static_cast<std::int32_t>(t), hit.u, hit.v};
+        result.point = hit.point;
+    };
+    // The last triangle first: mostly it holds the answer, and its distance lets the bounds pass
+    // over the others.
+    const auto own = static_cast<std::uint32_t>(triangle);
+    test(own);
+    for (std::uint32_t b = firstBlock_[own]; b < firstBlock_[own + 1]; ++b) {
+        const Block& block = blocks_[b];
+        alignas(16) float bound[kLanes];
+        lowerBounds(block, p, bound);
+        for (std::size_t lane = 0; lane < kLanes; ++lane) {
+            if (!(bound[lane] > best))
+                test(block.triangle[lane]);
+            else
+                others = std::min(others, bound[lane]);
+        }
+    }
+    if (!result.found()) return result;
+    // The tree's quick tests round otherwise than its exact test, and where another triangle lies
+    // nearly as near they may pass over the nearest once the walk has met the other: where they
+    // might, the tree's own answer is taken. Until its walk meets the answer, the tree's best
+    // stays at or above every other triangle's distance.
+    if (!scalp_.closestPointTests(p, static_cast<std::uint32_t>(result.root.face), others))
+        return scalp_.closestPoint(p, maxDistance);
+    result.distance = std::sqrt(best);
+    return result;
+}
+
+}  // namespace velmorin::scatter

@@ -1,0 +1,65 @@
+#pragma once
+// The closest surface point of a scatter candidate that has moved a little off the triangle it
+// last stood on, found among that triangle's neighbours instead of by a walk down the mesh's tree:
+// the relaxation projects every candidate back onto the scalp six times.
+
+#include <array>
+#include <cstdint>
+#include <vector>
+
+#include "base/vec3.h"
+#include "mesh/scalp_mesh.h"
+
+namespace velmorin::scatter {
+
+// For every triangle of a scalp, the triangles whose boxes lie within `reach` of its own box, in
+// blocks of eight with what bounds a point's distance to each from below: the distance to its
+// plane and, across it, to its edges' lines. A point within d of its last triangle has every
+// triangle within `reach - d` of it in that triangle's list; the bounds pass over most of them,
+// and the mesh tree's own exact test decides the rest, equal distances going to the lower
+// triangle. Where the tree's quick tests could have passed over the nearest triangle (distances
+// near the rounding of the coordinates), the tree is asked instead. So the answer is the tree's,
+// point and weights alike. Keeps a reference to the scalp. Immutable once built; queries are safe
+// from any number of threads.
+class TriangleNeighbourhoods {
+  public:
+    // Builds the lists where they stay short and small: a scalp whose triangles are large beside
+    // `reach`, under a scatter of `candidates` points that outweigh the lists (a few dozen
+    // candidates a triangle). Otherwise nothing is built and no search is covered.
+    TriangleNeighbourhoods(const ScalpMesh& scalp, float reach, std::size_t candidates);
+
+    bool built() const { return !firstBlock_.empty(); }
+    // Whether a search within `maxDistance` of a point no farther than `fromTriangle` from its
+    // last triangle finds all it must in that triangle's list.
+    bool covers(float maxDistance, float fromTriangle) const {
+        return built() && maxDistance + fromTriangle <= 0.999f * reach_;
+    }
+    // The closest point within `maxDistance` of p, as ScalpMesh::closestPoint finds it. Only for
+    // searches that covers() vouches for, with `triangle` the point's last triangle.
+    ClosestPoint closest(const Vec3f& p, float maxDistance, std::int32_t triangle) const;
+
+    // The number of listed neighbours, padding included (for tests).
+    std::size_t listedCount() const { return blocks_.size() * kLanes; }
+
+  private:
+    static constexpr std::size_t kLanes = 8;
+    // Eight neighbours: per lane the unit normal and offset of its plane, and of each edge the
+    // in-plane outward unit normal and offset, so that n . p - offset is a signed distance. Empty
+    // lanes have a plane at infinity.
+    struct alignas(16) Block {
+        float plane[4][kLanes];
+        float edge[3][4][kLanes];
+        std::uint32_t triangle[kLanes];
+    };
+    const ScalpMesh& scalp_;
+    // Per lane of the block, a bound from below on the squared distance of p to its triangle.
+    void lowerBounds(const Block& block, const Vec3f& p, float* out) const;
+
+    float reach_ = 0.0f;
+    float tolerance_ = 0.0f;  // more than the rounding of the bounds, so they never cut too much
+    std::vector<std::array<Vec3f, 3>> corners_;
+    std::vector<std::uint32_t> firstBlock_;  // triangle t's blocks: [firstBlock_[t], [t + 1])
+    std::vector<Block> blocks_;
+};
+
+}  // namespace velmorin::scatter
