@@ -39,25 +39,9 @@ void bendFour(const Vec3f* const from[4], Vec3f* const to[4], std::size_t n, con
     const auto select = [](__m128 mask, __m128 yes, __m128 no) {
         return _mm_or_ps(_mm_and_ps(mask, yes), _mm_andnot_ps(mask, no));
     };
-    // Point k of the four strands, as rows of x, y and z.
-    struct Rows {
-        __m128 x, y, z;
-    };
-    const auto load = [&](std::size_t k) {
-        __m128 a = _mm_loadu_ps(&from[0][k].x), b = _mm_loadu_ps(&from[1][k].x);
-        __m128 c = _mm_loadu_ps(&from[2][k].x), d = _mm_loadu_ps(&from[3][k].x);
-        _MM_TRANSPOSE4_PS(a, b, c, d);
-        return Rows{a, b, c};
-    };
-    const auto store = [&](std::size_t k, Rows rows) {
-        __m128 a = rows.x, b = rows.y, c = rows.z, d = zero;
-        _MM_TRANSPOSE4_PS(a, b, c, d);
-        const __m128 lanes[4] = {a, b, c, d};
-        for (std::size_t i = 0; i < 4; ++i) {
-            _mm_storel_pi(reinterpret_cast<__m64*>(&to[i][k].x), lanes[i]);
-            _mm_store_ss(&to[i][k].z, _mm_movehl_ps(lanes[i], lanes[i]));
-        }
-    };
+    using Rows = PointRows4;
+    const auto load = [&](std::size_t k) { return loadPointRows(from, k); };
+    const auto store = [&](std::size_t k, Rows rows) { storePointRows(to, k, rows); };
     const auto lanes = [](const auto& value) {
         return _mm_setr_ps(value(0), value(1), value(2), value(3));
     };

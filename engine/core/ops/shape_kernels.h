@@ -36,6 +36,32 @@ inline void segmentLengths(std::span<const Vec3f> points, std::span<float> lengt
         lengths[k] = length(points[k] - points[k - 1]);
 }
 
+#if VELMORIN_SSE_LANES
+// Point k of four strands as rows of x, y and z, one strand per SSE lane. A load takes four floats
+// from a point, so each strand must be followed by at least one more point in its column; a store
+// writes the three floats alone.
+struct PointRows4 {
+    __m128 x, y, z;
+};
+
+inline PointRows4 loadPointRows(const Vec3f* const from[4], std::size_t k) {
+    __m128 a = _mm_loadu_ps(&from[0][k].x), b = _mm_loadu_ps(&from[1][k].x);
+    __m128 c = _mm_loadu_ps(&from[2][k].x), d = _mm_loadu_ps(&from[3][k].x);
+    _MM_TRANSPOSE4_PS(a, b, c, d);
+    return {a, b, c};
+}
+
+inline void storePointRows(Vec3f* const to[4], std::size_t k, PointRows4 rows) {
+    __m128 a = rows.x, b = rows.y, c = rows.z, d = _mm_setzero_ps();
+    _MM_TRANSPOSE4_PS(a, b, c, d);
+    const __m128 lanes[4] = {a, b, c, d};
+    for (std::size_t i = 0; i < 4; ++i) {
+        _mm_storel_pi(reinterpret_cast<__m64*>(&to[i][k].x), lanes[i]);
+        _mm_store_ss(&to[i][k].z, _mm_movehl_ps(lanes[i], lanes[i]));
+    }
+}
+#endif
+
 // Per-chunk scratch for one strand's values: a stack buffer for strands of up to `kStack` points,
 // a heap array, grown once per chunk, only for longer strands.
 template <class T, std::size_t kStack = 256>

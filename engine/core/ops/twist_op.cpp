@@ -57,15 +57,8 @@ constexpr std::size_t kLanePoints = 64;
 // column. `profile` is null for a profile of no keys.
 bool twistFour(const Vec3f* const from[4], Vec3f* const to[4], std::size_t n,
                const StrandAxis* axes, const float* strandTurns, const Ramp* profile) {
-    struct Rows {
-        __m128 x, y, z;
-    };
-    const auto load = [&](std::size_t k) {
-        __m128 a = _mm_loadu_ps(&from[0][k].x), b = _mm_loadu_ps(&from[1][k].x);
-        __m128 c = _mm_loadu_ps(&from[2][k].x), d = _mm_loadu_ps(&from[3][k].x);
-        _MM_TRANSPOSE4_PS(a, b, c, d);
-        return Rows{a, b, c};
-    };
+    using Rows = PointRows4;
+    const auto load = [&](std::size_t k) { return loadPointRows(from, k); };
     // arcLengths in lanes: each segment's length, then the running sum.
     alignas(16) float arcs[4 * kLanePoints];
     __m128 total = _mm_setzero_ps();
@@ -127,19 +120,13 @@ bool twistFour(const Vec3f* const from[4], Vec3f* const to[4], std::size_t n,
             return _mm_add_ps(_mm_add_ps(_mm_mul_ps(v, cosine), _mm_mul_ps(cross, sine)),
                               _mm_mul_ps(a, along));
         };
-        __m128 x =
+        const __m128 x =
             _mm_add_ps(cx, turned(vx, _mm_sub_ps(_mm_mul_ps(ay, vz), _mm_mul_ps(az, vy)), ax));
-        __m128 y =
+        const __m128 y =
             _mm_add_ps(cy, turned(vy, _mm_sub_ps(_mm_mul_ps(az, vx), _mm_mul_ps(ax, vz)), ay));
-        __m128 z =
+        const __m128 z =
             _mm_add_ps(cz, turned(vz, _mm_sub_ps(_mm_mul_ps(ax, vy), _mm_mul_ps(ay, vx)), az));
-        __m128 w = _mm_setzero_ps();
-        _MM_TRANSPOSE4_PS(x, y, z, w);
-        const __m128 rows[4] = {x, y, z, w};
-        for (std::size_t i = 0; i < 4; ++i) {
-            _mm_storel_pi(reinterpret_cast<__m64*>(&to[i][k].x), rows[i]);
-            _mm_store_ss(&to[i][k].z, _mm_movehl_ps(rows[i], rows[i]));
-        }
+        storePointRows(to, k, {x, y, z});
     }
     return true;
 }
