@@ -64,21 +64,12 @@ TEST(Operator, DefaultsAreThoseOfAPlainOneOutputNode) {
     EXPECT_EQ(op.output().type, PortType::Strands);
     ASSERT_EQ(op.outputs().size(), 1u);
     EXPECT_EQ(op.outputs()[0].name, "out");
-    EXPECT_EQ(op.version(), 1);
     EXPECT_TRUE(op.carriesInput(0));
     EXPECT_FALSE(op.carriesInput(1));
     EXPECT_TRUE(op.inputActive(1));
     EXPECT_TRUE(op.activeThrough(0, {}));
-    EXPECT_FALSE(op.alwaysFresh());
-    EXPECT_FALSE(op.refinesInView());
-    EXPECT_EQ(op.contentKey(), 0u);
-    EXPECT_TRUE(op.sceneInputs().empty());
-    EXPECT_TRUE(op.fixedChannels().empty());
-    EXPECT_EQ(op.savedVersion, 0);
 
     const EvalContext ctx;
-    EXPECT_EQ(op.contextKey(ctx, 3, ctx), 0u);
-    EXPECT_EQ(op.evaluationNote(ctx), "");
     const SceneInput scalp{Value(), 0xABCDu};
     EXPECT_EQ(op.sceneInputKey("scalp", scalp), 0xABCDu);
 
