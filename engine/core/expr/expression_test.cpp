@@ -570,29 +570,30 @@ TEST(Expression, SourcesGiveTheirValuesOrTheirMessages) {
     }
 }
 
+// The message of compiling `source` for `type`, or "compiled".
+std::string compileMessage(const std::string& source,
+                           ExpressionType type = ExpressionType::Number) {
+    try {
+        compile(source, test::fixtureEnvironment(), type);
+    } catch (const ExpressionError& e) {
+        return e.what();
+    }
+    return "compiled";
+}
+
 TEST(Expression, WholeSourceMessages) {
-    const ExpressionEnvironment env = test::fixtureEnvironment();
-    auto message = [&](const std::string& source, ExpressionType type) -> std::string {
-        try {
-            compile(source, env, type);
-        } catch (const ExpressionError& e) {
-            return e.what();
-        }
-        return "compiled";
-    };
-    EXPECT_EQ(message("$t", ExpressionType::Vector),
+    EXPECT_EQ(compileMessage("$t", ExpressionType::Vector),
               "expression '$t' gives a number; this takes a vector, e.g. [0, -1, 0] or "
               "normalize(N)");
-    EXPECT_EQ(message("N", ExpressionType::Number),
+    EXPECT_EQ(compileMessage("N"),
               "expression 'N' gives a vector; this takes a number (use .x, length(...) or "
               "dot(...))");
 
     // 200 levels of nesting compile; one more does not.
     const std::string deepest = std::string(199, '(') + "$t" + std::string(199, ')');
-    EXPECT_EQ(message(deepest, ExpressionType::Number), "compiled");
+    EXPECT_EQ(compileMessage(deepest), "compiled");
     const std::string deeper = "(" + deepest + ")";
-    EXPECT_EQ(message(deeper, ExpressionType::Number),
-              "expression '" + deeper + "' is nested too deeply");
+    EXPECT_EQ(compileMessage(deeper), "expression '" + deeper + "' is nested too deeply");
     // Nesting that would need more stack than the interpreter has is refused the same way.
     std::string calls = "$t";
     for (int i = 0; i < 60; ++i) {
@@ -601,20 +602,14 @@ TEST(Expression, WholeSourceMessages) {
             args += "$t, ";
         calls = "hash(" + args + calls + ")";
     }
-    EXPECT_EQ(message(calls, ExpressionType::Number),
-              "expression '" + calls + "' is nested too deeply");
+    EXPECT_EQ(compileMessage(calls), "expression '" + calls + "' is nested too deeply");
 }
 
 TEST(Expression, InlinedLocalsMeetTheOperationLimitByName) {
-    const ExpressionEnvironment env = test::fixtureEnvironment();
-    auto message = [&](const std::string& source) -> std::string {
-        try {
-            compile(source, env, ExpressionType::Number);
-        } catch (const ExpressionError& e) {
-            const std::string text = e.what();
-            return text.substr(text.find("': ") + 3);
-        }
-        return "compiled";
+    // The message after the quoted source, which is too long to repeat here.
+    auto message = [](const std::string& source) {
+        const std::string text = compileMessage(source);
+        return text == "compiled" ? text : text.substr(text.find("': ") + 3);
     };
     // Each local reads the one before twice, so the code doubles with every line: $l19 holds
     // 2^20 - 1 operations, $l18 half of that.
@@ -641,23 +636,15 @@ TEST(Expression, InlinedLocalsMeetTheOperationLimitByName) {
 }
 
 TEST(Expression, TablesStopAtTheirSize) {
-    const ExpressionEnvironment env = test::fixtureEnvironment();
-    auto message = [&](const std::string& source) -> std::string {
-        try {
-            compile(source, env, ExpressionType::Number);
-        } catch (const ExpressionError& e) {
-            return e.what();
-        }
-        return "compiled";
-    };
     // 65535 curves fit the 16-bit index; the next call is refused where it stands.
     const std::string curve = "curve($t, 0, 0, 1) + ";
     std::string curves;
     for (int i = 0; i < 65536; ++i)
         curves += curve;
-    EXPECT_EQ(message(curves.substr(0, 65535 * curve.size()) + "0"), "compiled");
-    EXPECT_EQ(message(curves + "0"), "expression '" + curves + "0': too many curves at position " +
-                                         std::to_string(65535 * curve.size()));
+    EXPECT_EQ(compileMessage(curves.substr(0, 65535 * curve.size()) + "0"), "compiled");
+    EXPECT_EQ(compileMessage(curves + "0"), "expression '" + curves +
+                                                "0': too many curves at position " +
+                                                std::to_string(65535 * curve.size()));
 
     std::string channels;
     std::size_t last = 0;
@@ -665,7 +652,7 @@ TEST(Expression, TablesStopAtTheirSize) {
         last = channels.size();
         channels += "$c" + std::to_string(i) + " + ";
     }
-    EXPECT_EQ(message(channels + "0"),
+    EXPECT_EQ(compileMessage(channels + "0"),
               "expression '" + channels +
                   "0': the expression reads too many channels and maps (65535 at most) at "
                   "position " +
