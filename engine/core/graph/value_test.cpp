@@ -110,16 +110,5 @@ TEST(NoteList, CollectsFromManyThreadsAndTakeEmptiesIt) {
     EXPECT_TRUE(notes.take().empty());
 }
 
-TEST(EvalContext, SceneInputFindsByNameOrGivesNull) {
-    EvalContext ctx;
-    EXPECT_EQ(ctx.sceneInput("scalp"), nullptr);
-    SceneInputs table;
-    table["scalp"] = SceneInput{Value(std::make_shared<Ramp>()), 42};
-    ctx.sceneInputs = &table;
-    ASSERT_NE(ctx.sceneInput("scalp"), nullptr);
-    EXPECT_EQ(ctx.sceneInput("scalp")->key, 42u);
-    EXPECT_EQ(ctx.sceneInput("parts"), nullptr);
-}
-
 }  // namespace
 }  // namespace velmorin
