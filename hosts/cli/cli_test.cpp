@@ -271,106 +271,6 @@ TEST(VelmorinTool, ProgressOnlyOnATerminal) {
     EXPECT_NO_THROW(Json::parse(run.out));  // the answer stays clean
 }
 
-TEST(VelmorinTool, GraphStatsRefusals) {
-    Folder folder;
-    const auto graphPath = folder.write("groom.json", kGraph);
-    const auto brokenPath = folder.write("broken.json", "{\"nodes\": [");
-    const std::string missing = (folder / "missing.json").string();
-    struct Case {
-        std::vector<std::string> args;
-        int exit;
-        std::string message;
-    };
-    const std::vector<Case> cases = {
-        {{"graphStats", "-graph", missing},
-         1,
-         "velmorin graphStats: cannot read the graph file '" + missing +
-             "': there is no such file"},
-        {{"graphStats", "-graph", graphPath.string(), "-evaluations"},
-         2,
-         "velmorin graphStats: -evaluations reads a groom's session: name a groom"},
-        {{"graphStats", "-drawTimes"},
-         1,
-         "velmorin graphStats: -drawTimes reads the viewport, and there is none here"},
-        {{"graphStats", "-guides", "0"}, 2, "velmorin graphStats: -guides must be 1 to 10000"},
-        {{"graphStats", "-guides", "many"},
-         2,
-         "velmorin graphStats: -guides takes a whole number, not 'many'"},
-        {{"graphStats", "-wrong"}, 2, "velmorin graphStats: unknown flag '-wrong'"},
-        {{"graphStats", "a.groom"}, 1, "velmorin graphStats: cannot read 'a.groom'"},
-    };
-    for (const Case& c : cases) {
-        const ToolRun run = velmorin(c.args);
-        EXPECT_EQ(run.exit, c.exit) << c.message;
-        EXPECT_EQ(firstLine(run.err), c.message);
-        EXPECT_EQ(run.out, "");
-    }
-    const ToolRun broken = velmorin({"graphStats", "-graph", brokenPath.string()});
-    EXPECT_EQ(broken.exit, 1);
-    EXPECT_EQ(broken.err.rfind("velmorin graphStats: graph: ", 0), 0u) << broken.err;
-    const ToolRun mesh = velmorin(
-        {"graphStats", "-graph", graphPath.string(), "-mesh", (folder / "none.obj").string()});
-    EXPECT_EQ(mesh.exit, 1);
-    EXPECT_EQ(mesh.err.rfind("velmorin graphStats: " + (folder / "none.obj").string() + ": ", 0),
-              0u)
-        << mesh.err;
-}
-
-TEST(VelmorinTool, ExportFlagRules) {
-    struct Case {
-        std::vector<std::string> args;
-        int exit;
-        std::string message;
-    };
-    const std::vector<Case> cases = {
-        // Flags that pass reach the writer, which this build lacks.
-        {{"exportAlembic", "-f", "out.abc", "-sf", "1", "-ef", "24", "g.groom"},
-         1,
-         "velmorin exportAlembic: cannot read 'g.groom'"},
-        {{"exportUsd", "--file=out.usda", "g.groom"},
-         1,
-         "velmorin exportUsd: cannot read 'g.groom'"},
-        {{"exportGroom", "-f", "out.groom", "g.groom"},
-         1,
-         "velmorin exportGroom: cannot read 'g.groom'"},
-        {{"importGroom", "-f", "in.groom", "-info"},
-         1,
-         "velmorin importGroom: cannot read 'in.groom'"},
-        {{"exportAlembic", "-f", "out.abc", "-nope", "g.groom"},
-         2,
-         "velmorin exportAlembic: unknown flag '-nope'"},
-        {{"exportAlembic", "-sf", "1", "g.groom"}, 2, "velmorin exportAlembic: -file is required"},
-        {{"exportAlembic", "-f", "out.abc", "-sf", "first", "g.groom"},
-         2,
-         "velmorin exportAlembic: -startFrame takes a number, not 'first'"},
-        {{"exportAlembic", "-f", "out.abc", "-sf", "10", "-ef", "1", "g.groom"},
-         2,
-         "velmorin exportAlembic: -endFrame is before -startFrame"},
-        {{"exportAlembic", "-f", "out.abc", "-ue", "-sca", "2", "g.groom"},
-         2,
-         "velmorin exportAlembic: -unreal writes Unreal's units and layout; leave out -scale, "
-         "-pointsPerStrand and -vertexUVs"},
-        {{"exportAlembic", "-f", "out.abc"}, 2, "velmorin exportAlembic: name a groom"},
-        {{"exportUsd", "-f", "out.usda", "-s", "0", "g.groom"},
-         2,
-         "velmorin exportUsd: -step must be positive"},
-        {{"importGroom", "-i"}, 2, "velmorin importGroom: -file is required"},
-        {{"version", "-x"}, 2, "velmorin version: unknown flag '-x'"},
-    };
-    for (const Case& c : cases) {
-        const ToolRun run = velmorin(c.args);
-        EXPECT_EQ(run.exit, c.exit) << c.message;
-        EXPECT_EQ(firstLine(run.err), c.message);
-        EXPECT_EQ(run.out, "");
-        // Bad usage says where the flags are listed.
-        if (c.exit == 2) {
-            EXPECT_NE(run.err.find("Run 'velmorin " + c.args[0] + " --help' for its flags.\n"),
-                      std::string::npos)
-                << run.err;
-        }
-    }
-}
-
 TEST(VelmorinTool, HelpAndUnknownCommands) {
     const ToolRun help = velmorin({"--help"});
     EXPECT_EQ(help.exit, 0);
@@ -401,7 +301,6 @@ TEST(VelmorinTool, HelpAndUnknownCommands) {
         const ToolRun toolHelp = velmorin({name, "--help"});
         EXPECT_EQ(toolHelp.exit, 0);
         EXPECT_EQ(toolHelp.out.rfind("usage: velmorin " + std::string(name), 0), 0u);
-        EXPECT_NE(help.out.find("\n  " + std::string(name) + " "), std::string::npos);
     }
 }
 
@@ -557,7 +456,9 @@ TEST(VelmorinTool, GroomCommandsOnASmallGroom) {
     EXPECT_GT(*std::max_element(uvs.begin(), uvs.end()), 0.5f);
 }
 
-TEST(VelmorinTool, RefusalsLeaveNothingBehind) {
+// Every refusal: its exit code (2 for bad usage, which also says where the flags are listed, 1
+// for a failure), its first line of messages, no answer, and no file left behind.
+TEST(VelmorinTool, RefusalsSayWhyAndLeaveNothingBehind) {
     SmallGroom small;
     const std::string groom = small.groom;
     const std::string corrupt = small.folder.write("corrupt.groom", "{\"velmorin\": ").string();
@@ -565,7 +466,9 @@ TEST(VelmorinTool, RefusalsLeaveNothingBehind) {
         small.folder.write("nofaces.obj", "v 0 0 0\nv 1 0 0\nv 0 1 0\n").string();
     const std::string triangle =
         small.folder.write("triangle.obj", "v 0 0 0\nv 1 0 0\nv 0 0 1\nf 1 2 3\n").string();
+    const std::string graph = small.folder.write("graph.json", kGraph).string();
     const std::string missing = small.path("missing.groom");
+    const std::string missingGraph = small.path("missing.json");
     const std::string abc = small.path("out.abc");
     const std::string usda = small.path("out.usda");
     const std::string png = small.path("out.png");
@@ -573,7 +476,7 @@ TEST(VelmorinTool, RefusalsLeaveNothingBehind) {
     struct Case {
         std::vector<std::string> args;
         int exit;
-        std::string message;  // the first line on standard error
+        std::string message;  // the first line on standard error; "" for a groom file's fault
     };
     const std::vector<Case> cases = {
         {{"new", "-o", made}, 2, "velmorin new: -scalp is required"},
@@ -591,6 +494,19 @@ TEST(VelmorinTool, RefusalsLeaveNothingBehind) {
          1,
          "velmorin new: " + noFaces +
              ": the file has no faces. Export the scalp as a polygon mesh."},
+        // Flags that pass reach the groom file, which is not there.
+        {{"exportAlembic", "-f", abc, "-sf", "1", "-ef", "24", missing},
+         1,
+         "velmorin exportAlembic: cannot read '" + missing + "'"},
+        {{"exportUsd", "--file=" + usda, missing},
+         1,
+         "velmorin exportUsd: cannot read '" + missing + "'"},
+        {{"exportGroom", "-f", made, missing},
+         1,
+         "velmorin exportGroom: cannot read '" + missing + "'"},
+        {{"exportAlembic", groom, "-f", abc, "-nope"},
+         2,
+         "velmorin exportAlembic: unknown flag '-nope'"},
         {{"exportAlembic", groom, "-f", abc, "-sf", "5", "-ef", "2"},
          2,
          "velmorin exportAlembic: -endFrame is before -startFrame"},
@@ -598,18 +514,36 @@ TEST(VelmorinTool, RefusalsLeaveNothingBehind) {
         {{"exportAlembic", groom, "-f", abc, "-sf", "one"},
          2,
          "velmorin exportAlembic: -startFrame takes a number, not 'one'"},
+        {{"exportAlembic", groom, "-f", abc, "-ue", "-sca", "2"},
+         2,
+         "velmorin exportAlembic: -unreal writes Unreal's units and layout; leave out -scale, "
+         "-pointsPerStrand and -vertexUVs"},
+        {{"exportAlembic", "-f", abc}, 2, "velmorin exportAlembic: name a groom"},
         {{"exportAlembic", corrupt, "-f", abc}, 1, ""},
-        {{"exportAlembic", missing, "-f", abc},
-         1,
-         "velmorin exportAlembic: cannot read '" + missing + "'"},
-        {{"exportUsd", missing, "-f", usda},
-         1,
-         "velmorin exportUsd: cannot read '" + missing + "'"},
+        {{"exportUsd", groom, "-f", usda, "-s", "0"},
+         2,
+         "velmorin exportUsd: -step must be positive"},
         {{"exportUsd", groom, "-f", usda, "-scales", "fur"},
          2,
          "velmorin exportUsd: -scales must be mesh, instancer, both or none"},
         {{"render", corrupt, "-o", png}, 1, ""},
         {{"graphStats", missing}, 1, "velmorin graphStats: cannot read '" + missing + "'"},
+        {{"graphStats", "-graph", missingGraph},
+         1,
+         "velmorin graphStats: cannot read the graph file '" + missingGraph +
+             "': there is no such file"},
+        {{"graphStats", "-graph", graph, "-evaluations"},
+         2,
+         "velmorin graphStats: -evaluations reads a groom's session: name a groom"},
+        {{"graphStats", "-drawTimes"},
+         1,
+         "velmorin graphStats: -drawTimes reads the viewport, and there is none here"},
+        {{"graphStats", "-guides", "0"}, 2, "velmorin graphStats: -guides must be 1 to 10000"},
+        {{"graphStats", "-guides", "many"},
+         2,
+         "velmorin graphStats: -guides takes a whole number, not 'many'"},
+        {{"graphStats", "-wrong"}, 2, "velmorin graphStats: unknown flag '-wrong'"},
+        {{"importGroom", "-i"}, 2, "velmorin importGroom: -file is required"},
         {{"importGroom", "-f", groom, "-checkScalp", noFaces},
          1,
          "velmorin importGroom: " + noFaces +
@@ -632,6 +566,7 @@ TEST(VelmorinTool, RefusalsLeaveNothingBehind) {
         {{"demo", "-o", small.path("demo"), "-density", "0"},
          2,
          "velmorin demo: -density must be above 0 and at most 1"},
+        {{"version", "-x"}, 2, "velmorin version: unknown flag '-x'"},
     };
     const std::string before = readFile(groom);
     const std::vector<std::string> files = filesIn(small.folder / "");
@@ -645,10 +580,24 @@ TEST(VelmorinTool, RefusalsLeaveNothingBehind) {
                 << run.err;
         else
             EXPECT_EQ(firstLine(run.err), c.message);
+        if (c.exit == 2) {
+            EXPECT_NE(run.err.find("Run 'velmorin " + c.args[0] + " --help' for its flags.\n"),
+                      std::string::npos)
+                << run.err;
+        }
         EXPECT_EQ(filesIn(small.folder / ""), files);
     }
     // A refused param leaves the groom as it was.
     EXPECT_EQ(readFile(groom), before);
+    // Faults of the graph and the mesh files come in the reader's words after the file's name.
+    const std::string broken = small.folder.write("broken.json", "{\"nodes\": [").string();
+    const ToolRun brokenGraph = velmorin({"graphStats", "-graph", broken});
+    EXPECT_EQ(brokenGraph.exit, 1);
+    EXPECT_EQ(brokenGraph.err.rfind("velmorin graphStats: graph: ", 0), 0u) << brokenGraph.err;
+    const std::string noMesh = small.path("none.obj");
+    const ToolRun mesh = velmorin({"graphStats", "-graph", graph, "-mesh", noMesh});
+    EXPECT_EQ(mesh.exit, 1);
+    EXPECT_EQ(mesh.err.rfind("velmorin graphStats: " + noMesh + ": ", 0), 0u) << mesh.err;
 }
 
 TEST(VelmorinTool, DemoWritesItsFourFiles) {
