@@ -9,7 +9,6 @@
 #include <string>
 #include <vector>
 
-#include "common/progress.h"
 #include "common/render_command.h"
 #include "common/sample_groom.h"
 #include "mesh/sample_meshes.h"
@@ -128,18 +127,6 @@ TEST(RenderCommand, RefusesBadUsage) {
             EXPECT_EQ(std::string(error.what()), c.message);
         }
     }
-}
-
-TEST(RenderCommand, AMissingGroomFileFails) {
-    ProgressReporter quiet;
-    try {
-        runRenderCommand(std::vector<std::string>{"nothere.groom", "-o", "p.png"}, quiet);
-        ADD_FAILURE() << "rendered a groom file that is not there";
-    } catch (const CommandError& error) {
-        EXPECT_EQ(error.kind(), CommandError::Kind::Failure);
-        EXPECT_STREQ(error.what(), "cannot read 'nothere.groom'");
-    }
-    EXPECT_FALSE(fs::exists("p.png"));
 }
 
 TEST(RenderCommand, WritesThePicture) {
