@@ -65,40 +65,37 @@ TEST(FastTrig, SinCosTurnsStaysWithinAFewUlpsOverWideRanges) {
     }
 }
 
-TEST(FastTrig, QuarterTurnsAreExact) {
-    struct Case {
-        float turns;
-        float sin;
-        float cos;
-    };
-    const Case cases[] = {{0.0f, 0.0f, 1.0f},   {0.25f, 1.0f, 0.0f},   {0.5f, 0.0f, -1.0f},
-                          {0.75f, -1.0f, 0.0f}, {-0.25f, -1.0f, 0.0f}, {1e9f, 0.0f, 1.0f},
-                          {12.25f, 1.0f, 0.0f}};
-    for (const Case& c : cases) {
-        const SinCos got = sinCosTurns(c.turns);
-        EXPECT_EQ(got.sin, c.sin) << c.turns << " turns";
-        EXPECT_EQ(got.cos, c.cos) << c.turns << " turns";
-    }
-}
-
-TEST(FastTrig, HugeAnglesStayExactInQuartersAndNonFiniteOnesGiveNaN) {
+TEST(FastTrig, QuarterTurnsAreExactAtAnySizeAndNonFiniteAnglesGiveNaN) {
     // Past 2^22 quarters a float holds whole and half quarters only: the values are those of the
-    // quarter or half quarter it holds.
+    // quarter or half quarter it holds, the half quarter's the polynomials' within an ulp.
     struct Case {
         float turns;
         float sin;
         float cos;
+        float tolerance;  // 0: exact
     };
-    const float half = 0.70710677f;  // the polynomials' value at half a quarter, within an ulp
-    const Case cases[] = {{1048576.125f, half, half},
-                          {-1048576.125f, -half, half},
-                          {1048576.75f, -1.0f, 0.0f},
-                          {3e9f, 0.0f, 1.0f},
-                          {std::numeric_limits<float>::max(), 0.0f, 1.0f}};
+    const float half = 0.70710677f;
+    const Case cases[] = {{0.0f, 0.0f, 1.0f, 0.0f},
+                          {0.25f, 1.0f, 0.0f, 0.0f},
+                          {0.5f, 0.0f, -1.0f, 0.0f},
+                          {0.75f, -1.0f, 0.0f, 0.0f},
+                          {-0.25f, -1.0f, 0.0f, 0.0f},
+                          {1e9f, 0.0f, 1.0f, 0.0f},
+                          {12.25f, 1.0f, 0.0f, 0.0f},
+                          {1048576.125f, half, half, 1e-7f},
+                          {-1048576.125f, -half, half, 1e-7f},
+                          {1048576.75f, -1.0f, 0.0f, 1e-7f},
+                          {3e9f, 0.0f, 1.0f, 1e-7f},
+                          {std::numeric_limits<float>::max(), 0.0f, 1.0f, 1e-7f}};
     for (const Case& c : cases) {
         const SinCos got = sinCosTurns(c.turns);
-        EXPECT_NEAR(got.sin, c.sin, 1e-7f) << c.turns << " turns";
-        EXPECT_NEAR(got.cos, c.cos, 1e-7f) << c.turns << " turns";
+        if (c.tolerance == 0.0f) {
+            EXPECT_EQ(got.sin, c.sin) << c.turns << " turns";
+            EXPECT_EQ(got.cos, c.cos) << c.turns << " turns";
+        } else {
+            EXPECT_NEAR(got.sin, c.sin, c.tolerance) << c.turns << " turns";
+            EXPECT_NEAR(got.cos, c.cos, c.tolerance) << c.turns << " turns";
+        }
     }
     for (const float x :
          {std::numeric_limits<float>::infinity(), -std::numeric_limits<float>::infinity(),
