@@ -33,31 +33,28 @@ Guide straightGuide(std::uint64_t id, Vec3f root, std::size_t count) {
     return guide;
 }
 
-TEST(CorrectiveLayer, RampHoldsAndFadesAlongTheSmoothstep) {
-    // Layer at frame 10, held 2 frames before and 1 after, fading in over 4 and out over 2.
+TEST(CorrectiveLayer, RampHoldsAndFadesAlongTheSmoothstepAndStepsWithoutFades) {
+    // Layer at frame 10, held 2 frames before and 1 after, fading in over 4 and out over 2; and a
+    // layer at frame 5, held 1 frame before, without fades.
     const CorrectiveLayer layer = timedLayer(10.0, 4.0, 2.0, 2.0, 1.0);
+    const CorrectiveLayer step = timedLayer(5.0, 0.0, 0.0, 1.0, 0.0);
     const struct {
+        const CorrectiveLayer& layer;
         double frame;
         double ramp;
     } table[] = {
-        {3.0, 0.0},     {4.0, 0.0},   // before the fade in
-        {6.0, 0.5},                   // half way through the fade in
-        {5.0, 0.15625},               // a quarter: s(0.25) = 2.5 * 0.0625
-        {8.0, 1.0},     {10.0, 1.0},  // the hold before and the layer's own frame
-        {11.0, 1.0},                  // the end of the hold after
-        {12.0, 0.5},                  // half way through the fade out
-        {13.0, 0.0},    {40.0, 0.0},  // after it
+        {layer, 3.0, 0.0},     {layer, 4.0, 0.0},   // before the fade in
+        {layer, 6.0, 0.5},                          // half way through the fade in
+        {layer, 5.0, 0.15625},                      // a quarter: s(0.25) = 2.5 * 0.0625
+        {layer, 8.0, 1.0},     {layer, 10.0, 1.0},  // the hold before and the layer's own frame
+        {layer, 11.0, 1.0},                         // the end of the hold after
+        {layer, 12.0, 0.5},                         // half way through the fade out
+        {layer, 13.0, 0.0},    {layer, 40.0, 0.0},  // after it
+        {step, 3.999, 0.0},    {step, 4.0, 1.0},    // the start of the hold
+        {step, 5.0, 1.0},      {step, 5.001, 0.0},
     };
     for (const auto& row : table)
-        EXPECT_DOUBLE_EQ(correctiveRamp(layer, row.frame), row.ramp) << "frame " << row.frame;
-}
-
-TEST(CorrectiveLayer, ZeroFadeIsAStep) {
-    const CorrectiveLayer layer = timedLayer(5.0, 0.0, 0.0, 1.0, 0.0);
-    EXPECT_EQ(correctiveRamp(layer, 3.999), 0.0);
-    EXPECT_EQ(correctiveRamp(layer, 4.0), 1.0);  // the start of the hold
-    EXPECT_EQ(correctiveRamp(layer, 5.0), 1.0);
-    EXPECT_EQ(correctiveRamp(layer, 5.001), 0.0);
+        EXPECT_DOUBLE_EQ(correctiveRamp(row.layer, row.frame), row.ramp) << "frame " << row.frame;
 }
 
 TEST(CorrectiveLayer, WeightTakesCurveHostOrGainAndIsZeroWhenDisabled) {
