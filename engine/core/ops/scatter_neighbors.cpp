@@ -330,19 +330,32 @@ class BlockSearch {
     // meets equal distances does the insertion below look the ranks up.
     static constexpr float kHintScale = 1.15f;
 
-    int find(const Vec3f& p, std::uint32_t i, std::uint64_t (&best)[kRelaxNeighbors]) {
+    // `bound2` is a squared distance within which the candidate's 24 nearest most likely lie (one
+    // known from its last search and how far candidates have moved since), or infinity: it only
+    // narrows the first gathering, and a gathering short of 24 widens as without it.
+    int find(const Vec3f& p, std::uint32_t i, float bound2,
+             std::uint64_t (&best)[kRelaxNeighbors]) {
         const CellCoord c = cellOf(p, grid_.inverse());
         const std::uint64_t key = cellKey(c.x, c.y, c.z);
         if (key != key_) gather(c, key);
         // The candidate before lies close by with a like spacing: within a little more than its
         // 24th squared distance there are mostly 24, and few more keys to sort, whose insertion
         // costs most of a search. Where there are fewer, the reach widens in steps.
-        const float first = std::min(range2_, hint_);
+        const float first = std::min({range2_, hint_, bound2});
         std::size_t n = wide_ ? collectNearWide(p, i, first) : collectNear(p, i, first);
+        float within = first;
         if (n < kRelaxNeighbors && first < range2_) {
-            const float second = std::min(range2_, 1.6f * first);
-            n = collectAgain(i, second);
-            if (n < kRelaxNeighbors && second < range2_) n = collectAgain(i, range2_);
+            within = std::min(range2_, 1.6f * first);
+            n = again(i, within);
+            if (n < kRelaxNeighbors && within < range2_) n = again(i, within = range2_);
+        }
+        // Past 32 keys the wide ranking hands over to slower ones. The candidates within a squared
+        // distance grow about in proportion to it on a surface, so a reach narrowed by the count
+        // mostly keeps 24 to 32; any reach that keeps 24 keeps the same nearest 24.
+        if (wide_ && n > kWideMost) {
+            const std::size_t narrower =
+                again(i, within * (static_cast<float>(kWideMost - 4) / static_cast<float>(n)));
+            n = narrower >= kRelaxNeighbors ? narrower : again(i, within);
         }
         // The keys in order, the first 24 kept.
         std::size_t found = std::min<std::size_t>(n, kRelaxNeighbors);
@@ -361,6 +374,11 @@ class BlockSearch {
 
   private:
     static constexpr std::size_t kRankMost = 40;
+    static constexpr std::size_t kWideMost = 32;  // the keys rankKeysWide ranks at once
+
+    std::size_t again(std::uint32_t i, float within) {
+        return wide_ ? collectAgainWide(i, within) : collectAgain(i, within);
+    }
 
     // Sorts the n collected keys into `best` by counting, for each, the keys of smaller squared
     // distance: no branch depends on the data, where an insertion sort mispredicts at nearly every
@@ -401,7 +419,7 @@ class BlockSearch {
     // up to 32 keys at once against one distance at a time. Longer lists go to rankKeys.
     __attribute__((target("avx2"))) bool rankKeysWide(std::size_t n,
                                                       std::uint64_t (&best)[kRelaxNeighbors]) {
-        constexpr std::size_t kMost = 32;  // four groups of eight, each counted in a register
+        constexpr std::size_t kMost = kWideMost;  // four groups of eight, each in a register
         if (n > kMost) return rankKeys(n, best);
         // The squared distances are read one by one from the keys into registers: the keys were
         // just stored in overlapping groups, and a wide load across two stores would wait for
@@ -477,30 +495,51 @@ class BlockSearch {
             const __m256 d2 = _mm256_add_ps(
                 _mm256_add_ps(_mm256_mul_ps(dx, dx), _mm256_mul_ps(dy, dy)), _mm256_mul_ps(dz, dz));
             _mm256_storeu_ps(d2_.data() + b, d2);
-            const __m256i index =
-                _mm256_loadu_si256(reinterpret_cast<const __m256i*>(index_.data() + b));
-            const __m256 other = _mm256_castsi256_ps(_mm256_cmpeq_epi32(index, self));
-            const auto mask = static_cast<unsigned>(
-                _mm256_movemask_ps(_mm256_andnot_ps(other, _mm256_cmp_ps(d2, limit, _CMP_LE_OQ))));
-            const __m256i order = _mm256_and_si256(
-                _mm256_srlv_epi32(_mm256_set1_epi32(static_cast<std::int32_t>(kPackOrder[mask])),
-                                  shifts),
-                _mm256_set1_epi32(7));
-            // The keys straight from the packed lanes: rereading packed words through memory
-            // would wait on the overlapping stores.
-            const __m256i bits = _mm256_permutevar8x32_epi32(_mm256_castps_si256(d2), order);
-            const __m256i indices = _mm256_permutevar8x32_epi32(index, order);
-            const __m256i low = _mm256_or_si256(
-                _mm256_cvtepu32_epi64(_mm256_castsi256_si128(indices)),
-                _mm256_slli_epi64(_mm256_cvtepu32_epi64(_mm256_castsi256_si128(bits)), 32));
-            const __m256i high = _mm256_or_si256(
-                _mm256_cvtepu32_epi64(_mm256_extracti128_si256(indices, 1)),
-                _mm256_slli_epi64(_mm256_cvtepu32_epi64(_mm256_extracti128_si256(bits, 1)), 32));
-            _mm256_storeu_si256(reinterpret_cast<__m256i*>(keys_.data() + n), low);
-            _mm256_storeu_si256(reinterpret_cast<__m256i*>(keys_.data() + n + 4), high);
-            n += static_cast<std::size_t>(std::popcount(mask));
+            n = packKeys(d2, b, self, limit, shifts, n);
         }
         return n;
+    }
+
+    // collectAgain eight lanes at a time, as collectNearWide from the kept squared distances.
+    __attribute__((target("avx2"))) std::size_t collectAgainWide(std::uint32_t i, float within) {
+        const __m256 limit = _mm256_set1_ps(within);
+        const __m256i self = _mm256_set1_epi32(static_cast<std::int32_t>(i));
+        const __m256i shifts = _mm256_setr_epi32(0, 4, 8, 12, 16, 20, 24, 28);
+        std::size_t n = 0;
+        for (std::size_t b = 0; b < count_; b += 8)
+            n = packKeys(_mm256_loadu_ps(d2_.data() + b), b, self, limit, shifts, n);
+        return n;
+    }
+
+    // Appends to the keys at n those of the box's entries b to b + 7, of squared distances d2,
+    // that lie within `limit` and are not the candidate `self`; returns the new count. The lanes
+    // within are packed to the front by one permutation from a table, without a branch or a store
+    // per lane.
+    __attribute__((target("avx2"))) std::size_t packKeys(__m256 d2, std::size_t b, __m256i self,
+                                                         __m256 limit, __m256i shifts,
+                                                         std::size_t n) {
+        const __m256i index =
+            _mm256_loadu_si256(reinterpret_cast<const __m256i*>(index_.data() + b));
+        const __m256 other = _mm256_castsi256_ps(_mm256_cmpeq_epi32(index, self));
+        const auto mask = static_cast<unsigned>(
+            _mm256_movemask_ps(_mm256_andnot_ps(other, _mm256_cmp_ps(d2, limit, _CMP_LE_OQ))));
+        const __m256i order = _mm256_and_si256(
+            _mm256_srlv_epi32(_mm256_set1_epi32(static_cast<std::int32_t>(kPackOrder[mask])),
+                              shifts),
+            _mm256_set1_epi32(7));
+        // The keys straight from the packed lanes: rereading packed words through memory would
+        // wait on the overlapping stores.
+        const __m256i bits = _mm256_permutevar8x32_epi32(_mm256_castps_si256(d2), order);
+        const __m256i indices = _mm256_permutevar8x32_epi32(index, order);
+        const __m256i low = _mm256_or_si256(
+            _mm256_cvtepu32_epi64(_mm256_castsi256_si128(indices)),
+            _mm256_slli_epi64(_mm256_cvtepu32_epi64(_mm256_castsi256_si128(bits)), 32));
+        const __m256i high = _mm256_or_si256(
+            _mm256_cvtepu32_epi64(_mm256_extracti128_si256(indices, 1)),
+            _mm256_slli_epi64(_mm256_cvtepu32_epi64(_mm256_extracti128_si256(bits, 1)), 32));
+        _mm256_storeu_si256(reinterpret_cast<__m256i*>(keys_.data() + n), low);
+        _mm256_storeu_si256(reinterpret_cast<__m256i*>(keys_.data() + n + 4), high);
+        return n + static_cast<std::size_t>(std::popcount(mask));
     }
 
     // For each eight-bit mask, the lanes whose bit is set in order, three bits each in a nibble.
@@ -520,6 +559,9 @@ class BlockSearch {
     }
     std::size_t collectNearWide(const Vec3f& p, std::uint32_t i, float within) {
         return collectNear(p, i, within);
+    }
+    std::size_t collectAgainWide(std::uint32_t i, float within) {
+        return collectAgain(i, within);
     }
 #endif
 
@@ -710,12 +752,20 @@ class BlockSearch {
 // current 24th, or lies out of range. Within a shell, rows too far off in y and z are passed over.
 // `rankOf` gives each position's rank and `indexOfRank` turns a rank back into its position's index
 // (both null where ranks are the indices).
+//
+// `reach` receives each candidate's squared distance to its 24th, by index (infinity where it has
+// fewer). Where `previousReach` holds those of the last search, `lists` still holds its lists and
+// `moved` how far each candidate has moved since, the 24 candidates of a list then are now at most
+// that 24th distance plus the candidate's move plus the largest of theirs away: a bound that spares
+// most searches the candidates beyond it.
 void nearestInGrid(const CandidateGrid& grid, float range, std::span<std::uint32_t> lists,
-                   const std::uint32_t* rankOf, const std::uint32_t* indexOfRank, bool wide) {
+                   const std::uint32_t* rankOf, const std::uint32_t* indexOfRank, bool wide,
+                   const float* previousReach, const float* moved, float* reach) {
     const std::size_t count = grid.size();
     const float inverse = grid.inverse();
     const float cell = 1.0f / inverse;
     const float range2 = range * range;
+    constexpr float kFar = std::numeric_limits<float>::infinity();
     const int maxShell = static_cast<int>(std::ceil(range * inverse)) + 1;
     // A row of cells near the candidate: its y and z, its least squared distance, its cells, and
     // the part of them scanned so far.
@@ -745,9 +795,22 @@ void nearestInGrid(const CandidateGrid& grid, float range, std::span<std::uint32
                         list[k] = k < near ? static_cast<std::uint32_t>(best[k]) : i;
                 }
             };
-            if (const int near = block.find(p, i, best); near >= 0) {
+            float bound2 = kFar;
+            if (previousReach && previousReach[i] < kFar) {
+                // A little wider than the bound: the squared distances are rounded.
+                float farthest = 0.0f;
+                for (int k = 0; k < kRelaxNeighbors; ++k)
+                    farthest = std::max(farthest, moved[list[k]]);
+                const float bound = std::sqrt(previousReach[i]) + moved[i] + farthest;
+                bound2 = bound * bound * 1.001f;
+            }
+            if (const int near = block.find(p, i, bound2, best); near >= 0) {
                 for (int k = 0; k < kRelaxNeighbors; ++k)
                     list[k] = k < near ? static_cast<std::uint32_t>(best[k]) : i;
+                reach[i] = near == kRelaxNeighbors
+                               ? std::bit_cast<float>(
+                                     static_cast<std::uint32_t>(best[kRelaxNeighbors - 1] >> 32))
+                               : kFar;
                 continue;
             }
             const float tx = p.x * inverse, ty = p.y * inverse, tz = p.z * inverse;
@@ -850,6 +913,7 @@ void nearestInGrid(const CandidateGrid& grid, float range, std::span<std::uint32
             hint = found == kRelaxNeighbors ? 2.0f * limit : range2;
             start = std::max(0, shell - 2);
             write(found);
+            reach[i] = found == kRelaxNeighbors ? limit : kFar;
         }
     });
 }
@@ -858,6 +922,9 @@ void nearestInGrid(const CandidateGrid& grid, float range, std::span<std::uint32
 struct scatter::NeighborSearch::State {
     CandidateGrid grid;
     std::vector<std::uint32_t> indexOfRank;
+    // Each candidate's squared distance to its 24th at the last search, by index.
+    std::vector<float> reach, nextReach;
+    std::vector<float> moved;  // by index, since the last search
 };
 
 scatter::NeighborSearch::NeighborSearch() : state_(std::make_unique<State>()) {}
@@ -875,10 +942,30 @@ void scatter::NeighborSearch::find(std::span<const Vec3f> positions, float cell,
                 indexOfRank[ranks[i]] = static_cast<std::uint32_t>(i);
         });
     }
-    state_->grid.build(cell, positions, ranks);
-    nearestInGrid(state_->grid, range, lists, ranks.empty() ? nullptr : ranks.data(),
+    // How far each candidate has moved since the last search, read from the grid that search built
+    // (its entries hold the positions it saw), rounded up a little: the bound must hold for the
+    // true distances.
+    CandidateGrid& grid = state_->grid;
+    const bool again = grid.size() == positions.size() && state_->reach.size() == positions.size();
+    std::vector<float>& moved = state_->moved;
+    if (again) {
+        moved.resize(positions.size());
+        forEach(grid.size(), [&](std::size_t begin, std::size_t end) {
+            for (std::size_t e = begin; e < end; ++e) {
+                const auto entry = static_cast<std::uint32_t>(e);
+                const std::uint32_t i = grid.indexAt(entry);
+                moved[i] =
+                    std::sqrt(lengthSquared(positions[i] - grid.positionAt(entry))) * 1.0001f;
+            }
+        });
+    }
+    state_->nextReach.resize(positions.size());
+    grid.build(cell, positions, ranks);
+    nearestInGrid(grid, range, lists, ranks.empty() ? nullptr : ranks.data(),
                   ranks.empty() ? nullptr : indexOfRank.data(),
-                  lanes == RelaxLanes::widest && wideIntegerLanesUsable());
+                  lanes == RelaxLanes::widest && wideIntegerLanesUsable(),
+                  again ? state_->reach.data() : nullptr, moved.data(), state_->nextReach.data());
+    state_->reach.swap(state_->nextReach);
 }
 
 void nearestNeighbors(std::span<const Vec3f> positions, float cell, float range,
