@@ -86,9 +86,6 @@ std::vector<std::uint32_t> gridOrder(std::span<const Vec3f> positions, float cel
 
 // nearestNeighbors as an object that keeps its working arrays (some tens of megabytes for a
 // million candidates) from one search to the next, instead of having fresh pages cleared each time.
-// A search over as many candidates as the one before, with `lists` still holding that one's
-// answer, also gathers less: the old lists and how far the candidates have moved since bound how
-// far the new 24 nearest can lie. The answer is the same either way.
 class NeighborSearch {
   public:
     NeighborSearch();

@@ -330,18 +330,14 @@ class BlockSearch {
     // meets equal distances does the insertion below look the ranks up.
     static constexpr float kHintScale = 1.15f;
 
-    // `bound2` is a squared distance within which the candidate's 24 nearest most likely lie (one
-    // known from its last search and how far candidates have moved since), or infinity: it only
-    // narrows the first gathering, and a gathering short of 24 widens as without it.
-    int find(const Vec3f& p, std::uint32_t i, float bound2,
-             std::uint64_t (&best)[kRelaxNeighbors]) {
+    int find(const Vec3f& p, std::uint32_t i, std::uint64_t (&best)[kRelaxNeighbors]) {
         const CellCoord c = cellOf(p, grid_.inverse());
         const std::uint64_t key = cellKey(c.x, c.y, c.z);
         if (key != key_) gather(c, key);
         // The candidate before lies close by with a like spacing: within a little more than its
         // 24th squared distance there are mostly 24, and few more keys to sort, whose insertion
         // costs most of a search. Where there are fewer, the reach widens in steps.
-        const float first = std::min({range2_, hint_, bound2});
+        const float first = std::min(range2_, hint_);
         std::size_t n = wide_ ? collectNearWide(p, i, first) : collectNear(p, i, first);
         float within = first;
         if (n < kRelaxNeighbors && first < range2_) {
@@ -752,20 +748,12 @@ class BlockSearch {
 // current 24th, or lies out of range. Within a shell, rows too far off in y and z are passed over.
 // `rankOf` gives each position's rank and `indexOfRank` turns a rank back into its position's index
 // (both null where ranks are the indices).
-//
-// `reach` receives each candidate's squared distance to its 24th, by index (infinity where it has
-// fewer). Where `previousReach` holds those of the last search, `lists` still holds its lists and
-// `moved` how far each candidate has moved since, the 24 candidates of a list then are now at most
-// that 24th distance plus the candidate's move plus the largest of theirs away: a bound that spares
-// most searches the candidates beyond it.
 void nearestInGrid(const CandidateGrid& grid, float range, std::span<std::uint32_t> lists,
-                   const std::uint32_t* rankOf, const std::uint32_t* indexOfRank, bool wide,
-                   const float* previousReach, const float* moved, float* reach) {
+                   const std::uint32_t* rankOf, const std::uint32_t* indexOfRank, bool wide) {
     const std::size_t count = grid.size();
     const float inverse = grid.inverse();
     const float cell = 1.0f / inverse;
     const float range2 = range * range;
-    constexpr float kFar = std::numeric_limits<float>::infinity();
     const int maxShell = static_cast<int>(std::ceil(range * inverse)) + 1;
     // A row of cells near the candidate: its y and z, its least squared distance, its cells, and
     // the part of them scanned so far.
@@ -795,22 +783,9 @@ void nearestInGrid(const CandidateGrid& grid, float range, std::span<std::uint32
                         list[k] = k < near ? static_cast<std::uint32_t>(best[k]) : i;
                 }
             };
-            float bound2 = kFar;
-            if (previousReach && previousReach[i] < kFar) {
-                // A little wider than the bound: the squared distances are rounded.
-                float farthest = 0.0f;
-                for (int k = 0; k < kRelaxNeighbors; ++k)
-                    farthest = std::max(farthest, moved[list[k]]);
-                const float bound = std::sqrt(previousReach[i]) + moved[i] + farthest;
-                bound2 = bound * bound * 1.001f;
-            }
-            if (const int near = block.find(p, i, bound2, best); near >= 0) {
+            if (const int near = block.find(p, i, best); near >= 0) {
                 for (int k = 0; k < kRelaxNeighbors; ++k)
                     list[k] = k < near ? static_cast<std::uint32_t>(best[k]) : i;
-                reach[i] = near == kRelaxNeighbors
-                               ? std::bit_cast<float>(
-                                     static_cast<std::uint32_t>(best[kRelaxNeighbors - 1] >> 32))
-                               : kFar;
                 continue;
             }
             const float tx = p.x * inverse, ty = p.y * inverse, tz = p.z * inverse;
@@ -913,7 +888,6 @@ void nearestInGrid(const CandidateGrid& grid, float range, std::span<std::uint32
             hint = found == kRelaxNeighbors ? 2.0f * limit : range2;
             start = std::max(0, shell - 2);
             write(found);
-            reach[i] = found == kRelaxNeighbors ? limit : kFar;
         }
     });
 }
@@ -922,9 +896,6 @@ void nearestInGrid(const CandidateGrid& grid, float range, std::span<std::uint32
 struct scatter::NeighborSearch::State {
     CandidateGrid grid;
     std::vector<std::uint32_t> indexOfRank;
-    // Each candidate's squared distance to its 24th at the last search, by index.
-    std::vector<float> reach, nextReach;
-    std::vector<float> moved;  // by index, since the last search
 };
 
 scatter::NeighborSearch::NeighborSearch() : state_(std::make_unique<State>()) {}
@@ -942,30 +913,10 @@ void scatter::NeighborSearch::find(std::span<const Vec3f> positions, float cell,
                 indexOfRank[ranks[i]] = static_cast<std::uint32_t>(i);
         });
     }
-    // How far each candidate has moved since the last search, read from the grid that search built
-    // (its entries hold the positions it saw), rounded up a little: the bound must hold for the
-    // true distances.
-    CandidateGrid& grid = state_->grid;
-    const bool again = grid.size() == positions.size() && state_->reach.size() == positions.size();
-    std::vector<float>& moved = state_->moved;
-    if (again) {
-        moved.resize(positions.size());
-        forEach(grid.size(), [&](std::size_t begin, std::size_t end) {
-            for (std::size_t e = begin; e < end; ++e) {
-                const auto entry = static_cast<std::uint32_t>(e);
-                const std::uint32_t i = grid.indexAt(entry);
-                moved[i] =
-                    std::sqrt(lengthSquared(positions[i] - grid.positionAt(entry))) * 1.0001f;
-            }
-        });
-    }
-    state_->nextReach.resize(positions.size());
-    grid.build(cell, positions, ranks);
-    nearestInGrid(grid, range, lists, ranks.empty() ? nullptr : ranks.data(),
+    state_->grid.build(cell, positions, ranks);
+    nearestInGrid(state_->grid, range, lists, ranks.empty() ? nullptr : ranks.data(),
                   ranks.empty() ? nullptr : indexOfRank.data(),
-                  lanes == RelaxLanes::widest && wideIntegerLanesUsable(),
-                  again ? state_->reach.data() : nullptr, moved.data(), state_->nextReach.data());
-    state_->reach.swap(state_->nextReach);
+                  lanes == RelaxLanes::widest && wideIntegerLanesUsable());
 }
 
 void nearestNeighbors(std::span<const Vec3f> positions, float cell, float range,

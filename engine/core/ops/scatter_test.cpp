@@ -534,8 +534,8 @@ TEST(Scatter, NeighbourListsOnAwkwardSpreads) {
 }
 
 TEST(Scatter, NeighbourListsStayTheNearestAsCandidatesMove) {
-    // One search object over a relaxation's steps: each search narrows its gathering by the lists
-    // and moves since the one before, and must still find the nearest 24 whatever the moves.
+    // One search object over a relaxation's steps keeps its working arrays from one search to the
+    // next, and must still find the nearest 24 whatever the moves.
     // Stripes a cell wide, alternately dense and sparse, make a candidate's spacing unlike the one
     // before it in the scan: gatherings come out too wide and too narrow.
     const float r = 1.0746f / std::sqrt(30.0f);  // the radius of 30 candidates a unit of area
