@@ -339,18 +339,19 @@ class BlockSearch {
         // costs most of a search. Where there are fewer, the reach widens in steps.
         const float first = std::min(range2_, hint_);
         std::size_t n = wide_ ? collectNearWide(p, i, first) : collectNear(p, i, first);
+        // The candidates within a squared distance grow about in proportion to it on a surface:
+        // a reach scaled by the count found mostly keeps 24 to 32, the most the wide ranking
+        // takes at once. Any reach that keeps 24 keeps the same nearest 24.
+        constexpr float kAim = static_cast<float>(kWideMost - 4);
         float within = first;
         if (n < kRelaxNeighbors && first < range2_) {
-            within = std::min(range2_, 1.6f * first);
+            const float wider = n > 0 ? std::min(4.0f, kAim / static_cast<float>(n)) : 4.0f;
+            within = std::min(range2_, wider * first);
             n = again(i, within);
             if (n < kRelaxNeighbors && within < range2_) n = again(i, within = range2_);
         }
-        // Past 32 keys the wide ranking hands over to slower ones. The candidates within a squared
-        // distance grow about in proportion to it on a surface, so a reach narrowed by the count
-        // mostly keeps 24 to 32; any reach that keeps 24 keeps the same nearest 24.
         if (wide_ && n > kWideMost) {
-            const std::size_t narrower =
-                again(i, within * (static_cast<float>(kWideMost - 4) / static_cast<float>(n)));
+            const std::size_t narrower = again(i, within * (kAim / static_cast<float>(n)));
             n = narrower >= kRelaxNeighbors ? narrower : again(i, within);
         }
         // The keys in order, the first 24 kept.
