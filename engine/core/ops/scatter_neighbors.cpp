@@ -31,7 +31,6 @@ constexpr float kBlockReach = 1.0f;
 class CandidateGrid {
   public:
     CandidateGrid() = default;
-    CandidateGrid(float cell, std::span<const Vec3f> positions) { build(cell, positions, {}); }
 
     void build(float cell, std::span<const Vec3f> positions, std::span<const std::uint32_t> ranks) {
         inverse_ = 1.0f / cell;
@@ -926,8 +925,10 @@ void nearestNeighbors(std::span<const Vec3f> positions, float cell, float range,
     scatter::NeighborSearch().find(positions, cell, range, lists, lanes, ranks);
 }
 
-std::vector<std::uint32_t> scatter::gridOrder(std::span<const Vec3f> positions, float cell) {
-    return CandidateGrid(cell, positions).order();
+std::vector<std::uint32_t> scatter::NeighborSearch::gridOrder(std::span<const Vec3f> positions,
+                                                              float cell) {
+    state_->grid.build(cell, positions, {});
+    return state_->grid.order();
 }
 
 }  // namespace velmorin
