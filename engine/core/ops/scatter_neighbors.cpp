@@ -62,20 +62,39 @@ class CandidateGrid {
                     sortedAxis_[a][e] = sortedPosition_[e][a];
             }
         });
-        cellStart_.clear();
-        cellKeys_.clear();
         rows_.clear();
         denseRows_.clear();
-        std::size_t rowCount = 0;
-        for (std::size_t i = 0; i < count; ++i) {
-            if (i == 0 || entries[i].key != entries[i - 1].key) {
-                if (cellKeys_.empty() || (entries[i].key >> 21) != (cellKeys_.back() >> 21))
-                    ++rowCount;
-                cellStart_.push_back(static_cast<std::uint32_t>(i));
-                cellKeys_.push_back(entries[i].key);
+        // The cells' starts, found in fixed chunks of entries: each counts the cells that start in
+        // it, and then writes them after those of the chunks before.
+        constexpr std::size_t kChunk = 1 << 16;
+        const std::size_t chunks = (count + kChunk - 1) / kChunk;
+        const auto startsCell = [&](std::size_t e) {
+            return e == 0 || entries[e].key != entries[e - 1].key;
+        };
+        std::vector<std::uint32_t> firstCell(chunks + 1, 0);
+        parallelRange(0, chunks, 1, [&](std::size_t begin, std::size_t end) {
+            for (std::size_t c = begin; c < end; ++c) {
+                std::uint32_t cells = 0;
+                for (std::size_t e = c * kChunk; e < std::min(count, (c + 1) * kChunk); ++e)
+                    cells += startsCell(e) ? 1u : 0u;
+                firstCell[c + 1] = cells;
             }
-        }
-        cellStart_.push_back(static_cast<std::uint32_t>(count));
+        });
+        for (std::size_t c = 0; c < chunks; ++c)
+            firstCell[c + 1] += firstCell[c];
+        cellStart_.resize(firstCell[chunks] + 1);
+        cellKeys_.resize(firstCell[chunks]);
+        parallelRange(0, chunks, 1, [&](std::size_t begin, std::size_t end) {
+            for (std::size_t c = begin; c < end; ++c) {
+                std::uint32_t at = firstCell[c];
+                for (std::size_t e = c * kChunk; e < std::min(count, (c + 1) * kChunk); ++e) {
+                    if (!startsCell(e)) continue;
+                    cellStart_[at] = static_cast<std::uint32_t>(e);
+                    cellKeys_[at++] = entries[e].key;
+                }
+            }
+        });
+        cellStart_.back() = static_cast<std::uint32_t>(count);
         // Where the rows' bounding rectangle in y and z is not much larger than the cell count, a
         // dense table finds a row by its place: the rows round one spot then lie side by side in
         // memory, and a search, which meets the rows round one spot after another, mostly finds
@@ -104,6 +123,9 @@ class CandidateGrid {
             return;
         }
         // Open addressing at most half full.
+        std::size_t rowCount = 0;
+        for (std::uint32_t c = 0; c < cellKeys_.size(); ++c)
+            rowCount += c == 0 || (cellKeys_[c] >> 21) != (cellKeys_[c - 1] >> 21) ? 1 : 0;
         std::size_t size = 16;
         while (size < rowCount * 2)
             size *= 2;
