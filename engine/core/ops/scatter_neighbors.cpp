@@ -27,7 +27,8 @@ constexpr float kBlockReach = 1.0f;
 // positions beside them. The key puts x in the low bits, so a row of cells along x is one run of
 // the sorted cells; a table finds a row's run from its y and z. Each candidate also carries its
 // rank, which orders equal distances: its index, or the given `ranks`. A grid built again keeps its
-// arrays: the relaxation builds one six times over the same number of candidates.
+// arrays: the relaxation builds one seven times over the same number of candidates (its storage
+// order, then one for each neighbour refresh).
 class CandidateGrid {
   public:
     CandidateGrid() = default;
