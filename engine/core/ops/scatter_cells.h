@@ -79,11 +79,6 @@ inline CellCoord cellOf(const Vec3f& p, float inverseCell) {
             static_cast<std::int64_t>(std::floor(p.z * inverseCell))};
 }
 
-// The indices of `positions` in the order of a grid of `cell`-sized cells: cells in key order
-// (x fastest), a cell's positions in index order. Candidates kept in this order lie near their
-// neighbours in memory too.
-std::vector<std::uint32_t> gridOrder(std::span<const Vec3f> positions, float cell);
-
 // nearestNeighbors as an object that keeps its working arrays (some tens of megabytes for a
 // million candidates) from one search to the next, instead of having fresh pages cleared each time.
 class NeighborSearch {
@@ -96,6 +91,11 @@ class NeighborSearch {
     void find(std::span<const Vec3f> positions, float cell, float range,
               std::span<std::uint32_t> lists, RelaxLanes lanes,
               std::span<const std::uint32_t> ranks);
+
+    // The indices of `positions` in the order of a grid of `cell`-sized cells: cells in key order
+    // (x fastest), a cell's positions in index order. Candidates kept in this order lie near their
+    // neighbours in memory too. The grid is built in the working arrays the searches then reuse.
+    std::vector<std::uint32_t> gridOrder(std::span<const Vec3f> positions, float cell);
 
   private:
     struct State;

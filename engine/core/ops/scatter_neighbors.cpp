@@ -27,11 +27,11 @@ constexpr float kBlockReach = 1.0f;
 // positions beside them. The key puts x in the low bits, so a row of cells along x is one run of
 // the sorted cells; a table finds a row's run from its y and z. Each candidate also carries its
 // rank, which orders equal distances: its index, or the given `ranks`. A grid built again keeps its
-// arrays: the relaxation builds one six times over the same number of candidates.
+// arrays: the relaxation builds one seven times over the same number of candidates (its storage
+// order, then one for each neighbour refresh).
 class CandidateGrid {
   public:
     CandidateGrid() = default;
-    CandidateGrid(float cell, std::span<const Vec3f> positions) { build(cell, positions, {}); }
 
     void build(float cell, std::span<const Vec3f> positions, std::span<const std::uint32_t> ranks) {
         inverse_ = 1.0f / cell;
@@ -63,20 +63,39 @@ class CandidateGrid {
                     sortedAxis_[a][e] = sortedPosition_[e][a];
             }
         });
-        cellStart_.clear();
-        cellKeys_.clear();
         rows_.clear();
         denseRows_.clear();
-        std::size_t rowCount = 0;
-        for (std::size_t i = 0; i < count; ++i) {
-            if (i == 0 || entries[i].key != entries[i - 1].key) {
-                if (cellKeys_.empty() || (entries[i].key >> 21) != (cellKeys_.back() >> 21))
-                    ++rowCount;
-                cellStart_.push_back(static_cast<std::uint32_t>(i));
-                cellKeys_.push_back(entries[i].key);
+        // The cells' starts, found in fixed chunks of entries: each counts the cells that start in
+        // it, and then writes them after those of the chunks before.
+        constexpr std::size_t kChunk = 1 << 16;
+        const std::size_t chunks = (count + kChunk - 1) / kChunk;
+        const auto startsCell = [&](std::size_t e) {
+            return e == 0 || entries[e].key != entries[e - 1].key;
+        };
+        std::vector<std::uint32_t> firstCell(chunks + 1, 0);
+        parallelRange(0, chunks, 1, [&](std::size_t begin, std::size_t end) {
+            for (std::size_t c = begin; c < end; ++c) {
+                std::uint32_t cells = 0;
+                for (std::size_t e = c * kChunk; e < std::min(count, (c + 1) * kChunk); ++e)
+                    cells += startsCell(e) ? 1u : 0u;
+                firstCell[c + 1] = cells;
             }
-        }
-        cellStart_.push_back(static_cast<std::uint32_t>(count));
+        });
+        for (std::size_t c = 0; c < chunks; ++c)
+            firstCell[c + 1] += firstCell[c];
+        cellStart_.resize(firstCell[chunks] + 1);
+        cellKeys_.resize(firstCell[chunks]);
+        parallelRange(0, chunks, 1, [&](std::size_t begin, std::size_t end) {
+            for (std::size_t c = begin; c < end; ++c) {
+                std::uint32_t at = firstCell[c];
+                for (std::size_t e = c * kChunk; e < std::min(count, (c + 1) * kChunk); ++e) {
+                    if (!startsCell(e)) continue;
+                    cellStart_[at] = static_cast<std::uint32_t>(e);
+                    cellKeys_[at++] = entries[e].key;
+                }
+            }
+        });
+        cellStart_.back() = static_cast<std::uint32_t>(count);
         // Where the rows' bounding rectangle in y and z is not much larger than the cell count, a
         // dense table finds a row by its place: the rows round one spot then lie side by side in
         // memory, and a search, which meets the rows round one spot after another, mostly finds
@@ -105,6 +124,9 @@ class CandidateGrid {
             return;
         }
         // Open addressing at most half full.
+        std::size_t rowCount = 0;
+        for (std::uint32_t c = 0; c < cellKeys_.size(); ++c)
+            rowCount += c == 0 || (cellKeys_[c] >> 21) != (cellKeys_[c - 1] >> 21) ? 1 : 0;
         std::size_t size = 16;
         while (size < rowCount * 2)
             size *= 2;
@@ -339,10 +361,20 @@ class BlockSearch {
         // costs most of a search. Where there are fewer, the reach widens in steps.
         const float first = std::min(range2_, hint_);
         std::size_t n = wide_ ? collectNearWide(p, i, first) : collectNear(p, i, first);
+        // The candidates within a squared distance grow about in proportion to it on a surface:
+        // a reach scaled by the count found mostly keeps 24 to 32, the most the wide ranking
+        // takes at once. Any reach that keeps 24 keeps the same nearest 24.
+        constexpr float kAim = static_cast<float>(kWideMost - 4);
+        float within = first;
         if (n < kRelaxNeighbors && first < range2_) {
-            const float second = std::min(range2_, 1.6f * first);
-            n = collectAgain(i, second);
-            if (n < kRelaxNeighbors && second < range2_) n = collectAgain(i, range2_);
+            const float wider = n > 0 ? std::min(4.0f, kAim / static_cast<float>(n)) : 4.0f;
+            within = std::min(range2_, wider * first);
+            n = again(i, within);
+            if (n < kRelaxNeighbors && within < range2_) n = again(i, within = range2_);
+        }
+        if (wide_ && n > kWideMost) {
+            const std::size_t narrower = again(i, within * (kAim / static_cast<float>(n)));
+            n = narrower >= kRelaxNeighbors ? narrower : again(i, within);
         }
         // The keys in order, the first 24 kept.
         std::size_t found = std::min<std::size_t>(n, kRelaxNeighbors);
@@ -361,6 +393,11 @@ class BlockSearch {
 
   private:
     static constexpr std::size_t kRankMost = 40;
+    static constexpr std::size_t kWideMost = 32;  // the keys rankKeysWide ranks at once
+
+    std::size_t again(std::uint32_t i, float within) {
+        return wide_ ? collectAgainWide(i, within) : collectAgain(i, within);
+    }
 
     // Sorts the n collected keys into `best` by counting, for each, the keys of smaller squared
     // distance: no branch depends on the data, where an insertion sort mispredicts at nearly every
@@ -401,7 +438,7 @@ class BlockSearch {
     // up to 32 keys at once against one distance at a time. Longer lists go to rankKeys.
     __attribute__((target("avx2"))) bool rankKeysWide(std::size_t n,
                                                       std::uint64_t (&best)[kRelaxNeighbors]) {
-        constexpr std::size_t kMost = 32;  // four groups of eight, each counted in a register
+        constexpr std::size_t kMost = kWideMost;  // four groups of eight, each in a register
         if (n > kMost) return rankKeys(n, best);
         // The squared distances are read one by one from the keys into registers: the keys were
         // just stored in overlapping groups, and a wide load across two stores would wait for
@@ -477,30 +514,51 @@ class BlockSearch {
             const __m256 d2 = _mm256_add_ps(
                 _mm256_add_ps(_mm256_mul_ps(dx, dx), _mm256_mul_ps(dy, dy)), _mm256_mul_ps(dz, dz));
             _mm256_storeu_ps(d2_.data() + b, d2);
-            const __m256i index =
-                _mm256_loadu_si256(reinterpret_cast<const __m256i*>(index_.data() + b));
-            const __m256 other = _mm256_castsi256_ps(_mm256_cmpeq_epi32(index, self));
-            const auto mask = static_cast<unsigned>(
-                _mm256_movemask_ps(_mm256_andnot_ps(other, _mm256_cmp_ps(d2, limit, _CMP_LE_OQ))));
-            const __m256i order = _mm256_and_si256(
-                _mm256_srlv_epi32(_mm256_set1_epi32(static_cast<std::int32_t>(kPackOrder[mask])),
-                                  shifts),
-                _mm256_set1_epi32(7));
-            // The keys straight from the packed lanes: rereading packed words through memory
-            // would wait on the overlapping stores.
-            const __m256i bits = _mm256_permutevar8x32_epi32(_mm256_castps_si256(d2), order);
-            const __m256i indices = _mm256_permutevar8x32_epi32(index, order);
-            const __m256i low = _mm256_or_si256(
-                _mm256_cvtepu32_epi64(_mm256_castsi256_si128(indices)),
-                _mm256_slli_epi64(_mm256_cvtepu32_epi64(_mm256_castsi256_si128(bits)), 32));
-            const __m256i high = _mm256_or_si256(
-                _mm256_cvtepu32_epi64(_mm256_extracti128_si256(indices, 1)),
-                _mm256_slli_epi64(_mm256_cvtepu32_epi64(_mm256_extracti128_si256(bits, 1)), 32));
-            _mm256_storeu_si256(reinterpret_cast<__m256i*>(keys_.data() + n), low);
-            _mm256_storeu_si256(reinterpret_cast<__m256i*>(keys_.data() + n + 4), high);
-            n += static_cast<std::size_t>(std::popcount(mask));
+            n = packKeys(d2, b, self, limit, shifts, n);
         }
         return n;
+    }
+
+    // collectAgain eight lanes at a time, as collectNearWide from the kept squared distances.
+    __attribute__((target("avx2"))) std::size_t collectAgainWide(std::uint32_t i, float within) {
+        const __m256 limit = _mm256_set1_ps(within);
+        const __m256i self = _mm256_set1_epi32(static_cast<std::int32_t>(i));
+        const __m256i shifts = _mm256_setr_epi32(0, 4, 8, 12, 16, 20, 24, 28);
+        std::size_t n = 0;
+        for (std::size_t b = 0; b < count_; b += 8)
+            n = packKeys(_mm256_loadu_ps(d2_.data() + b), b, self, limit, shifts, n);
+        return n;
+    }
+
+    // Appends to the keys at n those of the box's entries b to b + 7, of squared distances d2,
+    // that lie within `limit` and are not the candidate `self`; returns the new count. The lanes
+    // within are packed to the front by one permutation from a table, without a branch or a store
+    // per lane.
+    __attribute__((target("avx2"))) std::size_t packKeys(__m256 d2, std::size_t b, __m256i self,
+                                                         __m256 limit, __m256i shifts,
+                                                         std::size_t n) {
+        const __m256i index =
+            _mm256_loadu_si256(reinterpret_cast<const __m256i*>(index_.data() + b));
+        const __m256 other = _mm256_castsi256_ps(_mm256_cmpeq_epi32(index, self));
+        const auto mask = static_cast<unsigned>(
+            _mm256_movemask_ps(_mm256_andnot_ps(other, _mm256_cmp_ps(d2, limit, _CMP_LE_OQ))));
+        const __m256i order = _mm256_and_si256(
+            _mm256_srlv_epi32(_mm256_set1_epi32(static_cast<std::int32_t>(kPackOrder[mask])),
+                              shifts),
+            _mm256_set1_epi32(7));
+        // The keys straight from the packed lanes: rereading packed words through memory would
+        // wait on the overlapping stores.
+        const __m256i bits = _mm256_permutevar8x32_epi32(_mm256_castps_si256(d2), order);
+        const __m256i indices = _mm256_permutevar8x32_epi32(index, order);
+        const __m256i low = _mm256_or_si256(
+            _mm256_cvtepu32_epi64(_mm256_castsi256_si128(indices)),
+            _mm256_slli_epi64(_mm256_cvtepu32_epi64(_mm256_castsi256_si128(bits)), 32));
+        const __m256i high = _mm256_or_si256(
+            _mm256_cvtepu32_epi64(_mm256_extracti128_si256(indices, 1)),
+            _mm256_slli_epi64(_mm256_cvtepu32_epi64(_mm256_extracti128_si256(bits, 1)), 32));
+        _mm256_storeu_si256(reinterpret_cast<__m256i*>(keys_.data() + n), low);
+        _mm256_storeu_si256(reinterpret_cast<__m256i*>(keys_.data() + n + 4), high);
+        return n + static_cast<std::size_t>(std::popcount(mask));
     }
 
     // For each eight-bit mask, the lanes whose bit is set in order, three bits each in a nibble.
@@ -520,6 +578,9 @@ class BlockSearch {
     }
     std::size_t collectNearWide(const Vec3f& p, std::uint32_t i, float within) {
         return collectNear(p, i, within);
+    }
+    std::size_t collectAgainWide(std::uint32_t i, float within) {
+        return collectAgain(i, within);
     }
 #endif
 
@@ -887,8 +948,10 @@ void nearestNeighbors(std::span<const Vec3f> positions, float cell, float range,
     scatter::NeighborSearch().find(positions, cell, range, lists, lanes, ranks);
 }
 
-std::vector<std::uint32_t> scatter::gridOrder(std::span<const Vec3f> positions, float cell) {
-    return CandidateGrid(cell, positions).order();
+std::vector<std::uint32_t> scatter::NeighborSearch::gridOrder(std::span<const Vec3f> positions,
+                                                              float cell) {
+    state_->grid.build(cell, positions, {});
+    return state_->grid.order();
 }
 
 }  // namespace velmorin

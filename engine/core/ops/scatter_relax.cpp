@@ -357,8 +357,9 @@ void relaxPlacement(const ScalpMesh& scalp, const PlacementSettings& settings,
     // A candidate's place in the placement, its rank, still decides what an index decides: the
     // order of equally distant neighbours and the direction that parts a coincident pair. So the
     // storage order changes no result.
+    NeighborSearch neighborSearch;
     const std::vector<std::uint32_t> rankOf =
-        gridOrder(std::span(next).first(count), kNeighborCell * r0);
+        neighborSearch.gridOrder(std::span(next).first(count), kNeighborCell * r0);
     std::vector<StrandRoot> roots(count);
     std::vector<float> radii(count);
     forEach(count, [&](std::size_t begin, std::size_t end) {
@@ -393,7 +394,6 @@ void relaxPlacement(const ScalpMesh& scalp, const PlacementSettings& settings,
     const std::span<std::uint32_t> neighbors(neighborStore.get(), count * kRelaxNeighbors);
     std::vector<std::uint32_t> nearestEdge(count, kNoEdge);
 
-    NeighborSearch neighborSearch;
     auto refresh = [&] {
         neighborSearch.find(std::span(positions).first(count), kNeighborCell * r0, searchRange,
                             neighbors, lanes, rankOf);

@@ -19,6 +19,7 @@
 #include "mesh/scalp_range.h"
 #include "mesh/subdivision.h"
 #include "ops/guide_mask.h"
+#include "ops/scatter_cells.h"
 #include "ops/scatter_placement.h"
 #include "strands/guide.h"
 #include "strands/strand_set.h"
@@ -530,6 +531,69 @@ TEST(Scatter, NeighbourListsOnAwkwardSpreads) {
     };
     for (const auto& c : cases)
         expectNearestInRange(c.name, c.points, c.cell, c.range);
+}
+
+TEST(Scatter, NeighbourListsStayTheNearestAsCandidatesMove) {
+    // One search object over a relaxation's steps keeps its working arrays from one search to the
+    // next, and must still find the nearest 24 whatever the moves.
+    // Stripes a cell wide, alternately dense and sparse, make a candidate's spacing unlike the one
+    // before it in the scan: gatherings come out too wide and too narrow.
+    const float r = 1.0746f / std::sqrt(30.0f);  // the radius of 30 candidates a unit of area
+    std::vector<Vec3f> positions;
+    for (std::size_t i = 0; positions.size() < 2500; ++i) {
+        const std::uint64_t h = hashCombine(41, i);
+        // In the middle of a layer of cells, where the search's block reaches past the range.
+        const Vec3f p = {unitFloat(h) * 10.0f, unitFloat(h + 1) * 10.0f, 1.625f * r};
+        const bool sparse = static_cast<int>(p.x / (3.25f * r)) % 2 == 1;
+        if (!sparse || unitFloat(h + 2) < 0.2f) positions.push_back(p);
+    }
+    const std::size_t kCount = positions.size();
+    std::vector<std::uint32_t> ranks(kCount);
+    for (std::size_t i = 0; i < kCount; ++i)
+        ranks[i] = static_cast<std::uint32_t>((i * 1237u + 5u) % kCount);
+    // Each step moves every candidate by up to `jitter` radii; some steps also send one far
+    // across the plane, put one on another's spot, or leave everything where it was.
+    const struct {
+        const char* name;
+        float jitter;
+        bool jump, stack;
+    } steps[] = {
+        {"first search", 0.0f, false, false}, {"small moves", 0.05f, false, false},
+        {"no moves", 0.0f, false, false},     {"large moves", 1.5f, false, false},
+        {"one far jump", 0.02f, true, false}, {"two on one spot", 0.02f, false, true},
+    };
+    std::vector<std::vector<Vec3f>> spots;
+    for (std::size_t s = 0; s < std::size(steps); ++s) {
+        for (std::size_t i = 0; i < kCount; ++i) {
+            const std::uint64_t h = hashCombine(97 + s, i);
+            positions[i] += Vec3f{unitFloat(h) - 0.5f, unitFloat(h + 1) - 0.5f, 0.0f} *
+                            (2.0f * steps[s].jitter * r);
+        }
+        if (steps[s].jump) positions[17] = positions[17] + Vec3f{7.0f, -6.0f, 0.0f};
+        if (steps[s].stack) positions[101] = positions[2020];
+        spots.push_back(positions);
+    }
+    std::vector<std::vector<std::uint32_t>> expected;
+    for (const auto& at : spots)
+        expected.push_back(nearestByBruteForce(at, 4.0f * r, ranks));
+    for (const RelaxLanes lanes : {RelaxLanes::widest, RelaxLanes::four}) {
+        for (const int threads : {1, 2}) {
+            runWithThreads(threads, [&] {
+                scatter::NeighborSearch search;
+                std::vector<std::uint32_t> lists(kCount * kRelaxNeighbors);
+                for (std::size_t s = 0; s < spots.size(); ++s) {
+                    search.find(spots[s], 3.25f * r, 4.0f * r, lists, lanes, ranks);
+                    std::size_t wrong = 0;
+                    for (std::size_t i = 0; i < kCount; ++i)
+                        wrong += !std::equal(lists.begin() + i * kRelaxNeighbors,
+                                             lists.begin() + (i + 1) * kRelaxNeighbors,
+                                             expected[s].begin() + i * kRelaxNeighbors);
+                    EXPECT_EQ(wrong, 0u) << steps[s].name << " at " << threads << " threads"
+                                         << (lanes == RelaxLanes::four ? ", four lanes" : "");
+                }
+            });
+        }
+    }
 }
 
 TEST(Scatter, CachedRunsGiveTheSameStrands) {
