@@ -3,6 +3,8 @@
 #include <cmath>
 #include <optional>
 
+#include "base/fast_trig.h"
+#include "base/fast_trig_lanes.h"
 #include "base/parallel.h"
 #include "editing/flow.h"
 #include "fields/field_scene.h"
@@ -18,27 +20,43 @@ namespace {
 
 // A triangle of the scalp as the walk below reads it: its corner 0, its two edges from there, the
 // two vectors whose dot products with a point's offset from corner 0 give its barycentric u and v
-// in the triangle's plane (no division per step), and the triangles across its edges.
-struct WalkFace {
+// in the triangle's plane (no division per step), and the triangles across its edges. Beside them
+// lie the smooth normals and flow directions of its corners, so that the triangle a point lands
+// on gives its normal and flow from the one record the walk read, not from three vertex arrays.
+struct FlowFace {
     Vec3f origin, edge1, edge2;
     Vec3f toU, toV;
     std::array<std::int32_t, 3> across{-1, -1, -1};
     bool flat = true;  // no area: the walk stops on it
+    std::array<Vec3f, 3> normals, directions;
 };
 
-WalkFace walkFace(const ScalpMesh& scalp, const SurfaceTopology& topology, std::size_t face) {
-    WalkFace made;
-    const Triangle& triangle = scalp.triangles()[face];
-    const std::vector<Vec3f>& corners = scalp.points();
+// What a FlowFace is made from: the scalp, its adjacency, and the per-vertex normals and flow
+// directions (none where the flow was built for other vertices).
+struct FlowSurfaceData {
+    const ScalpMesh& scalp;
+    const SurfaceTopology& topology;
+    std::span<const Vec3f> normals;
+    std::span<const Vec3f> directions;
+};
+
+FlowFace flowFace(const FlowSurfaceData& data, std::size_t face) {
+    FlowFace made;
+    const Triangle& triangle = data.scalp.triangles()[face];
+    const std::vector<Vec3f>& corners = data.scalp.points();
     made.origin = corners[triangle[0]];
     made.edge1 = corners[triangle[1]] - made.origin;
     made.edge2 = corners[triangle[2]] - made.origin;
+    for (std::size_t corner = 0; corner < 3; ++corner) {
+        made.normals[corner] = data.normals[triangle[corner]];
+        if (!data.directions.empty()) made.directions[corner] = data.directions[triangle[corner]];
+    }
     const float d11 = dot(made.edge1, made.edge1), d12 = dot(made.edge1, made.edge2),
                 d22 = dot(made.edge2, made.edge2);
     const float det = d11 * d22 - d12 * d12;
     for (int edge = 0; edge < 3; ++edge)
         made.across[static_cast<std::size_t>(edge)] =
-            topology.neighborAcross(static_cast<std::uint32_t>(face), edge);
+            data.topology.neighborAcross(static_cast<std::uint32_t>(face), edge);
     if (!(det > 0.0f)) return made;
     const float perDet = 1.0f / det;
     made.toU = (made.edge1 * d22 - made.edge2 * d12) * perDet;
@@ -49,29 +67,27 @@ WalkFace walkFace(const ScalpMesh& scalp, const SurfaceTopology& topology, std::
 
 // The walk's triangles: made once per run for every triangle when the run reads many strands,
 // else each when the walk reaches it (the same arithmetic, so the same bits either way).
-class WalkFaces {
+class FlowFaces {
   public:
-    WalkFaces(const ScalpMesh& scalp, const SurfaceTopology& topology, bool madeAhead)
-        : scalp_(scalp), topology_(topology) {
+    FlowFaces(const FlowSurfaceData& data, bool madeAhead) : data_(data) {
         if (!madeAhead) return;
-        faces_.resize(scalp.triangleCount());
+        faces_.resize(data.scalp.triangleCount());
         parallelRange(0, faces_.size(), 4096, [&](std::size_t begin, std::size_t end) {
             for (std::size_t f = begin; f < end; ++f)
-                faces_[f] = walkFace(scalp_, topology_, f);
+                faces_[f] = flowFace(data_, f);
         });
     }
 
     // Triangle `face`; `spare` holds it when it was not made ahead.
-    const WalkFace& at(std::int32_t face, WalkFace& spare) const {
+    const FlowFace& at(std::int32_t face, FlowFace& spare) const {
         if (!faces_.empty()) return faces_[static_cast<std::size_t>(face)];
-        spare = walkFace(scalp_, topology_, static_cast<std::size_t>(face));
+        spare = flowFace(data_, static_cast<std::size_t>(face));
         return spare;
     }
 
   private:
-    const ScalpMesh& scalp_;
-    const SurfaceTopology& topology_;
-    std::vector<WalkFace> faces_;
+    FlowSurfaceData data_;
+    std::vector<FlowFace> faces_;
 };
 
 // The closest point of the scalp to `p`, walked to from triangle `face` across the edges toward
@@ -82,13 +98,14 @@ class WalkFaces {
 // it would cross, at the point of that edge nearest `p` (a corner of it in a corner's wedge).
 // Nothing where the walk reaches a flat triangle or lands farther than `maxDistance`: the caller
 // asks the tree then, which also finds a nearer part of the surface that the walk can't see.
-std::optional<ClosestPoint> walkToClosest(const WalkFaces& faces, std::int32_t face, const Vec3f& p,
-                                          float maxDistance) {
+// `landed` is the record of the triangle found; `spare` holds it where none are made ahead.
+std::optional<ClosestPoint> walkToClosest(const FlowFaces& faces, std::int32_t face, const Vec3f& p,
+                                          float maxDistance, FlowFace& spare,
+                                          const FlowFace*& landed) {
     constexpr int kMostSteps = 6;
-    WalkFace spare;
     std::int32_t came = -1;
     for (int step = 0;; ++step) {
-        const WalkFace& here = faces.at(face, spare);
+        const FlowFace& here = faces.at(face, spare);
         if (here.flat) return std::nullopt;
         const Vec3f d = p - here.origin;
         float u = dot(d, here.toU);
@@ -121,46 +138,50 @@ std::optional<ClosestPoint> walkToClosest(const WalkFaces& faces, std::int32_t f
         const float distanceSquared = lengthSquared(p - found.point);
         if (!(distanceSquared <= maxDistance * maxDistance)) return std::nullopt;
         found.distance = std::sqrt(distanceSquared);
+        landed = &here;
         return found;
     }
 }
 
 // The smooth normal and the flow at points of the scalp, as ScalpMesh::normalAt and FlowField::at
-// give them, bit for bit, from the vertex normals and the field's vertex directions fetched once
-// per run: one blend of a triangle's corners for both, where those calls would make the normal
-// twice. The rare cases (opposed normals, directions that disagree) go to the calls themselves.
+// give them, bit for bit, from the corners' normals and directions in a triangle's record: one
+// blend of the corners for both, where those calls would make the normal twice. The rare cases
+// (opposed normals, directions that disagree) go to the calls themselves.
 class SurfaceFlow {
   public:
     SurfaceFlow(const ScalpMesh& scalp, const FlowField& flow)
         : scalp_(scalp),
           flow_(flow),
-          triangles_(scalp.triangles()),
-          normals_(&scalp),
-          directions_(flow.directions()),
           blendDirections_(flow.directions().size() == scalp.pointCount()) {}
 
-    Vec3f normalAt(const StrandRoot& at) const { return normals_.at(at); }
+    // The normal at `at`, on the triangle whose record is `face`.
+    Vec3f normalAt(const FlowFace& face, const StrandRoot& at) const {
+        const float w0 = 1.0f - at.u - at.v;
+        const Vec3f blend = face.normals[0] * w0 + face.normals[1] * at.u + face.normals[2] * at.v;
+        const float len2 = lengthSquared(blend);
+        if (len2 > 1e-20f) return blend / std::sqrt(len2);
+        return scalp_.normalAt(at);
+    }
 
     // The flow at `at`, whose smooth normal is `normal`.
-    Vec3f flowAt(const StrandRoot& at, const Vec3f& normal) const {
+    Vec3f flowAt(const FlowFace& face, const StrandRoot& at, const Vec3f& normal) const {
         constexpr float kSlack = 1e-4f;
         const bool usable = at.u >= -kSlack && at.v >= -kSlack && at.u + at.v <= 1.0f + kSlack;
         if (!usable || !blendDirections_) return flow_.at(scalp_, at);
-        const Triangle& t = triangles_[static_cast<std::size_t>(at.face)];
         const float w0 = 1.0f - at.u - at.v;
-        Vec3f blend = directions_[t[0]] * w0 + directions_[t[1]] * at.u + directions_[t[2]] * at.v;
+        Vec3f blend =
+            face.directions[0] * w0 + face.directions[1] * at.u + face.directions[2] * at.v;
         blend -= normal * dot(blend, normal);
         const float len = length(blend);
         if (len >= 0.5f) return blend / len;
         return flow_.at(scalp_, at);
     }
 
+    bool blendsDirections() const { return blendDirections_; }
+
   private:
     const ScalpMesh& scalp_;
     const FlowField& flow_;
-    const std::vector<Triangle>& triangles_;
-    SmoothNormals normals_;
-    std::span<const Vec3f> directions_;
     bool blendDirections_;
 };
 
@@ -173,15 +194,22 @@ namespace {
 // overlaps the chains of several strands where one alone would leave it waiting.
 constexpr std::size_t kInterleaved = 8;
 
-// One strand being laid: where its walk has reached and what it keeps along the way.
+// One strand being laid: where its walk has reached and what it keeps along the way. Per segment
+// k: its length, and the sine and cosine of its lift, made for the whole strand before the walk.
 struct FlowWalk {
     std::span<const Vec3f> strand;
     Vec3f* out = nullptr;
-    std::span<float> lengths;
+    std::span<float> lengths, sines, cosines;
     StrandRoot at;
     Vec3f normal, along;
-    float cosTurn = 1.0f, sinTurn = 0.0f, lift = 0.0f;
-    float total = 0.0f, arc = 0.0f, height = 0.0f;
+    float cosTurn = 1.0f, sinTurn = 0.0f;
+    float height = 0.0f;
+    FlowFace spare;
+};
+
+// Per-strand scratch of a chunk: lengths, then the lift's turns and sines, then its cosines.
+struct FlowScratch {
+    StrandScratch<float> lengths, sines, cosines;
 };
 
 // The unit vector along v, or `fallback` when v is too short: normalized with one division.
@@ -201,20 +229,25 @@ void flowStrands(const StrandSet& input, const FlowSettings& settings, const Str
     const ScalpMesh* scalp = settings.scalp;
     const FlowField* flow = settings.flow;
     const std::shared_ptr<const SurfaceTopology> topology = scalp ? scalp->topology() : nullptr;
+    const std::optional<SurfaceFlow> surface =
+        scalp && flow ? std::optional<SurfaceFlow>(std::in_place, *scalp, *flow) : std::nullopt;
     // Made ahead where the strands outnumber the triangles; an incremental run of a few strands
     // makes only the triangles it reaches.
     const std::size_t strandCount = pick.size(input.strandCount());
-    const std::optional<WalkFaces> faces =
-        scalp ? std::optional<WalkFaces>(std::in_place, *scalp, *topology,
-                                         strandCount >= scalp->triangleCount())
-              : std::nullopt;
-    const std::optional<SurfaceFlow> surface =
-        scalp && flow ? std::optional<SurfaceFlow>(std::in_place, *scalp, *flow) : std::nullopt;
+    const std::optional<FlowFaces> faces =
+        surface ? std::optional<FlowFaces>(
+                      std::in_place,
+                      FlowSurfaceData{*scalp, *topology, scalp->vertexNormals(),
+                                      surface->blendsDirections() ? flow->directions()
+                                                                  : std::span<const Vec3f>()},
+                      strandCount >= scalp->triangleCount())
+                : std::nullopt;
     const bool liftMapped = settings.lift.isMapped();
     const float plainLift = settings.lift.value();
+    constexpr float kPerDegree = 1.0f / 360.0f;
 
     // Copies strand s and readies its walk; false where it passes unchanged.
-    const auto start = [&](std::size_t s, FlowWalk& walk, StrandScratch<float>& lengthScratch) {
+    const auto start = [&](std::size_t s, FlowWalk& walk, FlowScratch& scratch) {
         const std::size_t first = offsets[s];
         const std::size_t n = offsets[s + 1] - first;
         walk.strand = inputPoints.subspan(first, n);
@@ -222,21 +255,33 @@ void flowStrands(const StrandSet& input, const FlowSettings& settings, const Str
         std::copy(walk.strand.begin(), walk.strand.end(), walk.out);
         if (n < 2 || !surface || !scalp->isOnSurface(roots[s])) return false;
         walk.at = roots[s];
-        walk.normal = surface->normalAt(walk.at);
-        walk.along = surface->flowAt(walk.at, walk.normal);
+        const FlowFace& face = faces->at(walk.at.face, walk.spare);
+        walk.normal = surface->normalAt(face, walk.at);
+        walk.along = surface->flowAt(face, walk.at, walk.normal);
         if (lengthSquared(walk.along) == 0.0f) return false;
-        const float turn =
-            settings.random * StrandDraws(ids[s], settings.seed).nextSigned() * kDegrees;
-        walk.cosTurn = std::cos(turn);
-        walk.sinTurn = std::sin(turn);
-        walk.lift = liftMapped ? settings.lift.atStrand(s) : plainLift;
-        walk.lengths = lengthScratch.take(n);
-        walk.total = 0.0f;
+        const SinCos turn = sinCosTurns(
+            settings.random * StrandDraws(ids[s], settings.seed).nextSigned() * kPerDegree);
+        walk.cosTurn = turn.cos;
+        walk.sinTurn = turn.sin;
+        const float lift = liftMapped ? settings.lift.atStrand(s) : plainLift;
+        walk.lengths = scratch.lengths.take(n);
+        walk.sines = scratch.sines.take(n);
+        walk.cosines = scratch.cosines.take(n);
+        segmentLengths(walk.strand, walk.lengths);
+        float total = 0.0f;
+        for (std::size_t k = 1; k < n; ++k)
+            total += walk.lengths[k];
+        // Segment k takes the lift at its middle, a fraction t along the strand; the angles, in
+        // turns, wait in `sines` for one pass of sines and cosines over the strand.
+        float arc = 0.0f;
         for (std::size_t k = 1; k < n; ++k) {
-            walk.lengths[k] = length(walk.strand[k] - walk.strand[k - 1]);
-            walk.total += walk.lengths[k];
+            const float segment = walk.lengths[k];
+            const float t = total > 0.0f ? (arc + 0.5f * segment) / total : 0.0f;
+            arc += segment;
+            walk.sines[k] = lift * (1.0f - settings.bend * t) * kPerDegree;
         }
-        walk.arc = 0.0f;
+        sinCosTurnsMany(walk.sines.data() + 1, walk.sines.data() + 1, walk.cosines.data() + 1,
+                        n - 1);
         walk.height = 0.0f;
         return true;
     };
@@ -246,25 +291,27 @@ void flowStrands(const StrandSet& input, const FlowSettings& settings, const Str
     // reached above the surface there.
     const auto step = [&](FlowWalk& walk, std::size_t k) {
         const float segment = walk.lengths[k];
-        const float t = walk.total > 0.0f ? (walk.arc + 0.5f * segment) / walk.total : 0.0f;
-        walk.arc += segment;
-        const float angle = walk.lift * (1.0f - settings.bend * t) * kDegrees;
-        const float cosAngle = std::cos(angle), sinAngle = std::sin(angle);
+        const float cosAngle = walk.cosines[k], sinAngle = walk.sines[k];
         const Vec3f laid = rotateAbout(walk.along, walk.normal, walk.cosTurn, walk.sinTurn);
         const Vec3f direction = laid * cosAngle + walk.normal * sinAngle;
         const Vec3f from = walk.out[k - 1];
         Vec3f next = from + direction * segment;
         walk.height += segment * sinAngle;
         const float reach = std::fabs(walk.height) + 2.0f * segment + 1e-4f;
-        const std::optional<ClosestPoint> walked = walkToClosest(*faces, walk.at.face, next, reach);
-        const ClosestPoint below = walked ? *walked : scalp->closestPoint(next, reach);
-        if (below.found()) {
-            walk.at = below.root;
-            const Vec3f surfaceNormal = surface->normalAt(walk.at);
-            const Vec3f snapped = below.point + surfaceNormal * walk.height;
+        const FlowFace* landed = nullptr;
+        std::optional<ClosestPoint> below =
+            walkToClosest(*faces, walk.at.face, next, reach, walk.spare, landed);
+        if (!below) {
+            below = scalp->closestPoint(next, reach);
+            if (below->found()) landed = &faces->at(below->root.face, walk.spare);
+        }
+        if (below->found()) {
+            walk.at = below->root;
+            const Vec3f surfaceNormal = surface->normalAt(*landed, walk.at);
+            const Vec3f snapped = below->point + surfaceNormal * walk.height;
             next = from + unitOr(snapped - from, direction) * segment;
             // The flow and the normal where the next segment starts.
-            const Vec3f there = surface->flowAt(walk.at, surfaceNormal);
+            const Vec3f there = surface->flowAt(*landed, walk.at, surfaceNormal);
             walk.normal = surfaceNormal;
             walk.along = lengthSquared(there) > 0.0f
                              ? there
@@ -274,12 +321,12 @@ void flowStrands(const StrandSet& input, const FlowSettings& settings, const Str
     };
 
     parallelRange(0, strandCount, 256, [&](std::size_t begin, std::size_t end) {
-        std::array<StrandScratch<float>, kInterleaved> lengthScratch;
+        std::array<FlowScratch, kInterleaved> scratch;
         std::array<FlowWalk, kInterleaved> walks;
         for (std::size_t group = begin; group < end; group += kInterleaved) {
             std::size_t count = 0, longest = 0;
             for (std::size_t item = group; item < std::min(end, group + kInterleaved); ++item) {
-                if (!start(pick.strand(item), walks[count], lengthScratch[count])) continue;
+                if (!start(pick.strand(item), walks[count], scratch[count])) continue;
                 longest = std::max(longest, walks[count].strand.size());
                 ++count;
             }
