@@ -29,6 +29,7 @@ struct FlowFace {
     std::array<std::int32_t, 3> across{-1, -1, -1};
     bool flat = true;  // no area: the walk stops on it
     std::array<Vec3f, 3> normals, directions;
+    float pad = 0.0f;  // a load of four floats at the last direction stays inside the record
 };
 
 // What a FlowFace is made from: the scalp, its adjacency, and the per-vertex normals and flow
@@ -78,6 +79,10 @@ class FlowFaces {
         });
     }
 
+    bool madeAhead() const { return !faces_.empty(); }
+    // Triangle `face` of a run that made them ahead.
+    const FlowFace& made(std::int32_t face) const { return faces_[static_cast<std::size_t>(face)]; }
+
     // Triangle `face`; `spare` holds it when it was not made ahead.
     const FlowFace& at(std::int32_t face, FlowFace& spare) const {
         if (!faces_.empty()) return faces_[static_cast<std::size_t>(face)];
@@ -89,6 +94,29 @@ class FlowFaces {
     FlowSurfaceData data_;
     std::vector<FlowFace> faces_;
 };
+
+// The most triangles a walk visits before it stops on an edge.
+constexpr int kMostSteps = 6;
+
+// The walk's stop on edge `edge` of `face` (from corner `edge` to the next), for a point `d` from
+// corner 0: as far along the edge as the point lies, held to it, as barycentric u and v.
+void onEdge(const FlowFace& face, const Vec3f& d, int edge, float& u, float& v) {
+    const Vec3f from = edge == 0 ? Vec3f{} : edge == 1 ? face.edge1 : face.edge2;
+    const Vec3f to = edge == 0 ? face.edge1 : edge == 1 ? face.edge2 : Vec3f{};
+    const Vec3f along = to - from;
+    const float alongSquared = lengthSquared(along);
+    const float t =
+        alongSquared > 0.0f ? std::clamp(dot(d - from, along) / alongSquared, 0.0f, 1.0f) : 0.0f;
+    u = edge == 0 ? t : edge == 1 ? 1.0f - t : 0.0f;
+    v = edge == 0 ? 0.0f : edge == 1 ? t : 1.0f - t;
+}
+
+// The edge a point outside a triangle leaves it by, from its barycentric weights: the one facing
+// the most negative weight. Corner 0's weight w faces edge 1 (corners 1 to 2), corner 1's u edge
+// 2, corner 2's v edge 0.
+int edgeOut(float u, float v, float w) {
+    return w <= u && w <= v ? 1 : u <= v ? 2 : 0;
+}
 
 // The closest point of the scalp to `p`, walked to from triangle `face` across the edges toward
 // it. A strand's next point lies a segment from the last, over the same or a neighbouring
@@ -102,7 +130,6 @@ class FlowFaces {
 std::optional<ClosestPoint> walkToClosest(const FlowFaces& faces, std::int32_t face, const Vec3f& p,
                                           float maxDistance, FlowFace& spare,
                                           const FlowFace*& landed) {
-    constexpr int kMostSteps = 6;
     std::int32_t came = -1;
     for (int step = 0;; ++step) {
         const FlowFace& here = faces.at(face, spare);
@@ -112,25 +139,14 @@ std::optional<ClosestPoint> walkToClosest(const FlowFaces& faces, std::int32_t f
         float v = dot(d, here.toV);
         const float w = 1.0f - u - v;
         if (!(u >= 0.0f && v >= 0.0f && w >= 0.0f)) {
-            // Out across the edge facing the most negative weight: corner 0's weight faces edge 1
-            // (corners 1 to 2), corner 1's edge 2, corner 2's edge 0.
-            const int edge = w <= u && w <= v ? 1 : u <= v ? 2 : 0;
+            const int edge = edgeOut(u, v, w);
             const std::int32_t next = here.across[static_cast<std::size_t>(edge)];
             if (next >= 0 && next != came && step + 1 < kMostSteps) {
                 came = face;
                 face = next;
                 continue;
             }
-            // On the edge: from corner `edge` to the next, as far along as p lies, held to it.
-            const Vec3f from = edge == 0 ? Vec3f{} : edge == 1 ? here.edge1 : here.edge2;
-            const Vec3f to = edge == 0 ? here.edge1 : edge == 1 ? here.edge2 : Vec3f{};
-            const Vec3f along = to - from;
-            const float alongSquared = lengthSquared(along);
-            const float t = alongSquared > 0.0f
-                                ? std::clamp(dot(d - from, along) / alongSquared, 0.0f, 1.0f)
-                                : 0.0f;
-            u = edge == 0 ? t : edge == 1 ? 1.0f - t : 0.0f;
-            v = edge == 0 ? 0.0f : edge == 1 ? t : 1.0f - t;
+            onEdge(here, d, edge, u, v);
         }
         ClosestPoint found;
         found.root = {face, u, v};
@@ -218,6 +234,98 @@ Vec3f unitOr(const Vec3f& v, const Vec3f& fallback) {
     return len > 1e-20f ? v * (1.0f / len) : fallback;
 }
 
+#if VELMORIN_SSE_LANES
+// x, y and z of four strands' vectors, a strand in each lane.
+struct Lanes3 {
+    __m128 x, y, z;
+};
+
+Lanes3 operator+(const Lanes3& a, const Lanes3& b) {
+    return {_mm_add_ps(a.x, b.x), _mm_add_ps(a.y, b.y), _mm_add_ps(a.z, b.z)};
+}
+Lanes3 operator-(const Lanes3& a, const Lanes3& b) {
+    return {_mm_sub_ps(a.x, b.x), _mm_sub_ps(a.y, b.y), _mm_sub_ps(a.z, b.z)};
+}
+Lanes3 operator*(const Lanes3& a, __m128 s) {
+    return {_mm_mul_ps(a.x, s), _mm_mul_ps(a.y, s), _mm_mul_ps(a.z, s)};
+}
+Lanes3 operator/(const Lanes3& a, __m128 s) {
+    return {_mm_div_ps(a.x, s), _mm_div_ps(a.y, s), _mm_div_ps(a.z, s)};
+}
+// dot() in lanes: (x x + y y) + z z, as the scalar sums it.
+__m128 dotLanes(const Lanes3& a, const Lanes3& b) {
+    return _mm_add_ps(_mm_add_ps(_mm_mul_ps(a.x, b.x), _mm_mul_ps(a.y, b.y)), _mm_mul_ps(a.z, b.z));
+}
+// `a` in the lanes of `mask`, else `b`.
+Lanes3 select(__m128 mask, const Lanes3& a, const Lanes3& b) {
+    const auto one = [&](__m128 x, __m128 y) {
+        return _mm_or_ps(_mm_and_ps(mask, x), _mm_andnot_ps(mask, y));
+    };
+    return {one(a.x, b.x), one(a.y, b.y), one(a.z, b.z)};
+}
+// All bits set in the lanes whose bit is set in `bits`.
+__m128 laneMask(int bits) {
+    return _mm_castsi128_ps(
+        _mm_setr_epi32(-(bits & 1), -(bits >> 1 & 1), -(bits >> 2 & 1), -(bits >> 3 & 1)));
+}
+// The vectors at four addresses, each followed by at least one more float, as rows.
+template <class At>
+Lanes3 rowsAt(At at) {
+    const Vec3f* const from[4] = {at(0), at(1), at(2), at(3)};
+    const PointRows4 rows = loadPointRows(from, 0);
+    return {rows.x, rows.y, rows.z};
+}
+Vec3f laneOf(const Lanes3& v, int lane) {
+    alignas(16) float x[4], y[4], z[4];
+    _mm_store_ps(x, v.x);
+    _mm_store_ps(y, v.y);
+    _mm_store_ps(z, v.z);
+    return {x[lane], y[lane], z[lane]};
+}
+
+// Four walks laid in lanes: their state as rows while the lanes run, handed back to the walks
+// for the points that their scalar steps lay after.
+struct FlowLanes {
+    FlowLanes() = default;
+    explicit FlowLanes(FlowWalk* first) {
+        for (int i = 0; i < 4; ++i) {
+            walks[i] = first + i;
+            at[i] = walks[i]->at;
+            face[i] = at[i].face;
+        }
+        const auto each = [&](auto value) {
+            return _mm_setr_ps(value(walks[0]), value(walks[1]), value(walks[2]), value(walks[3]));
+        };
+        normal = {each([](FlowWalk* w) { return w->normal.x; }),
+                  each([](FlowWalk* w) { return w->normal.y; }),
+                  each([](FlowWalk* w) { return w->normal.z; })};
+        along = {each([](FlowWalk* w) { return w->along.x; }),
+                 each([](FlowWalk* w) { return w->along.y; }),
+                 each([](FlowWalk* w) { return w->along.z; })};
+        height = each([](FlowWalk* w) { return w->height; });
+        cosTurn = each([](FlowWalk* w) { return w->cosTurn; });
+        sinTurn = each([](FlowWalk* w) { return w->sinTurn; });
+    }
+
+    void handBack() const {
+        alignas(16) float heights[4];
+        _mm_store_ps(heights, height);
+        for (int i = 0; i < 4; ++i) {
+            walks[i]->at = at[i];
+            walks[i]->normal = laneOf(normal, i);
+            walks[i]->along = laneOf(along, i);
+            walks[i]->height = heights[i];
+        }
+    }
+
+    std::array<FlowWalk*, 4> walks{};
+    std::array<StrandRoot, 4> at;
+    std::array<std::int32_t, 4> face{};
+    Lanes3 normal{}, along{};
+    __m128 height{}, cosTurn{}, sinTurn{};
+};
+#endif
+
 }  // namespace
 
 void flowStrands(const StrandSet& input, const FlowSettings& settings, const StrandSelection& pick,
@@ -286,6 +394,22 @@ void flowStrands(const StrandSet& input, const FlowSettings& settings, const Str
         return true;
     };
 
+    // Where the surface under a walk's next point was found (`below`, on the triangle whose
+    // record is `landed`): the point is set at the strand's height above it, keeping its segment's
+    // length, and the walk takes the normal and flow there for its next segment.
+    const auto land = [&](StrandRoot& at, Vec3f& normal, Vec3f& along, float height,
+                          const ClosestPoint& below, const FlowFace& landed, const Vec3f& from,
+                          const Vec3f& direction, float segment) {
+        at = below.root;
+        const Vec3f surfaceNormal = surface->normalAt(landed, at);
+        const Vec3f snapped = below.point + surfaceNormal * height;
+        const Vec3f next = from + unitOr(snapped - from, direction) * segment;
+        const Vec3f there = surface->flowAt(landed, at, surfaceNormal);
+        normal = surfaceNormal;
+        along = lengthSquared(there) > 0.0f ? there : unitOr(alongSurface(along, normal), along);
+        return next;
+    };
+
     // Point k of a walk: its segment keeps its length and follows the flow under its start,
     // lifted off the skin by the lift at its middle, and lands at the height the strand has
     // reached above the surface there.
@@ -305,32 +429,228 @@ void flowStrands(const StrandSet& input, const FlowSettings& settings, const Str
             below = scalp->closestPoint(next, reach);
             if (below->found()) landed = &faces->at(below->root.face, walk.spare);
         }
-        if (below->found()) {
-            walk.at = below->root;
-            const Vec3f surfaceNormal = surface->normalAt(*landed, walk.at);
-            const Vec3f snapped = below->point + surfaceNormal * walk.height;
-            next = from + unitOr(snapped - from, direction) * segment;
-            // The flow and the normal where the next segment starts.
-            const Vec3f there = surface->flowAt(*landed, walk.at, surfaceNormal);
-            walk.normal = surfaceNormal;
-            walk.along = lengthSquared(there) > 0.0f
-                             ? there
-                             : unitOr(alongSurface(walk.along, walk.normal), walk.along);
-        }
+        if (below->found())
+            next = land(walk.at, walk.normal, walk.along, walk.height, *below, *landed, from,
+                        direction, segment);
         walk.out[k] = next;
     };
+
+#if VELMORIN_SSE_LANES
+    // Point k of four walks at once, a strand in each SSE lane: every lane performs the
+    // operations of `step` in the same order, so a strand gets the same bits either way. The
+    // walk over the triangles moves the lanes together, a triangle a round, until each has
+    // landed; the tree, an edge stop and the rare odd normal or flow go lane by lane through the
+    // scalar pieces themselves.
+    const auto stepLanes = [&](FlowLanes& g, std::size_t k) {
+        const auto each = [&](auto value) {
+            return _mm_setr_ps(value(0), value(1), value(2), value(3));
+        };
+        const __m128 one = _mm_set1_ps(1.0f), zero = _mm_setzero_ps();
+        const __m128 segment = each([&](int i) { return g.walks[i]->lengths[k]; });
+        const __m128 cosAngle = each([&](int i) { return g.walks[i]->cosines[k]; });
+        const __m128 sinAngle = each([&](int i) { return g.walks[i]->sines[k]; });
+        const Lanes3 n = g.normal, a = g.along;
+        const Lanes3 turned{_mm_sub_ps(_mm_mul_ps(n.y, a.z), _mm_mul_ps(n.z, a.y)),
+                            _mm_sub_ps(_mm_mul_ps(n.z, a.x), _mm_mul_ps(n.x, a.z)),
+                            _mm_sub_ps(_mm_mul_ps(n.x, a.y), _mm_mul_ps(n.y, a.x))};
+        const Lanes3 laid = (a * g.cosTurn + turned * g.sinTurn) +
+                            n * _mm_mul_ps(dotLanes(n, a), _mm_sub_ps(one, g.cosTurn));
+        const Lanes3 direction = laid * cosAngle + n * sinAngle;
+        const Lanes3 from = rowsAt([&](int i) { return &g.walks[i]->out[k - 1]; });
+        Lanes3 next = from + direction * segment;
+        g.height = _mm_add_ps(g.height, _mm_mul_ps(segment, sinAngle));
+        const __m128 reach = _mm_add_ps(_mm_add_ps(_mm_andnot_ps(_mm_set1_ps(-0.0f), g.height),
+                                                   _mm_mul_ps(_mm_set1_ps(2.0f), segment)),
+                                        _mm_set1_ps(1e-4f));
+
+        // The walk, all four lanes a triangle at a time.
+        alignas(16) float px[4], py[4], pz[4], reaches[4], lu[4] = {}, lv[4] = {};
+        _mm_store_ps(px, next.x);
+        _mm_store_ps(py, next.y);
+        _mm_store_ps(pz, next.z);
+        _mm_store_ps(reaches, reach);
+        std::array<std::int32_t, 4> face = g.face, came = {-1, -1, -1, -1};
+        int active = 0xF, failed = 0;
+        for (int round = 0; active != 0; ++round) {
+            std::array<const FlowFace*, 4> here;
+            for (int i = 0; i < 4; ++i) {
+                here[i] = &faces->made(face[i]);
+                if ((active >> i & 1) != 0 && here[i]->flat) {
+                    active &= ~(1 << i);
+                    failed |= 1 << i;
+                }
+            }
+            if (active == 0) break;
+            const Lanes3 d = next - rowsAt([&](int i) { return &here[i]->origin; });
+            const __m128 u = dotLanes(d, rowsAt([&](int i) { return &here[i]->toU; }));
+            const __m128 v = dotLanes(d, rowsAt([&](int i) { return &here[i]->toV; }));
+            const __m128 w = _mm_sub_ps(_mm_sub_ps(one, u), v);
+            const int inside = _mm_movemask_ps(_mm_and_ps(
+                _mm_and_ps(_mm_cmpge_ps(u, zero), _mm_cmpge_ps(v, zero)), _mm_cmpge_ps(w, zero)));
+            alignas(16) float us[4], vs[4], ws[4];
+            _mm_store_ps(us, u);
+            _mm_store_ps(vs, v);
+            _mm_store_ps(ws, w);
+            for (int i = 0; i < 4; ++i) {
+                if ((active >> i & 1) == 0) continue;
+                if ((inside >> i & 1) != 0) {
+                    lu[i] = us[i];
+                    lv[i] = vs[i];
+                    active &= ~(1 << i);
+                    continue;
+                }
+                const int edge = edgeOut(us[i], vs[i], ws[i]);
+                const std::int32_t across = here[i]->across[static_cast<std::size_t>(edge)];
+                if (across >= 0 && across != came[i] && round + 1 < kMostSteps) {
+                    came[i] = face[i];
+                    face[i] = across;
+                    continue;
+                }
+                onEdge(*here[i], Vec3f{px[i], py[i], pz[i]} - here[i]->origin, edge, lu[i], lv[i]);
+                active &= ~(1 << i);
+            }
+        }
+        // Landed lanes lie within reach, or the tree is asked as `step` asks it.
+        const auto record = [&](int i) { return &faces->made(face[i]); };
+        __m128 u = _mm_load_ps(lu), v = _mm_load_ps(lv);
+        Lanes3 point = (rowsAt([&](int i) { return &record(i)->origin; }) +
+                        rowsAt([&](int i) { return &record(i)->edge1; }) * u) +
+                       rowsAt([&](int i) { return &record(i)->edge2; }) * v;
+        const Lanes3 off = next - point;
+        failed |= _mm_movemask_ps(_mm_cmpnle_ps(dotLanes(off, off), _mm_mul_ps(reach, reach)));
+        int found = 0xF & ~failed;
+        if (failed != 0) {
+            alignas(16) float qx[4], qy[4], qz[4];
+            _mm_store_ps(qx, point.x);
+            _mm_store_ps(qy, point.y);
+            _mm_store_ps(qz, point.z);
+            for (int i = 0; i < 4; ++i) {
+                if ((failed >> i & 1) == 0) continue;
+                const ClosestPoint tree = scalp->closestPoint({px[i], py[i], pz[i]}, reaches[i]);
+                face[i] = g.face[i];
+                if (!tree.found()) continue;
+                found |= 1 << i;
+                face[i] = tree.root.face;
+                lu[i] = tree.root.u;
+                lv[i] = tree.root.v;
+                qx[i] = tree.point.x;
+                qy[i] = tree.point.y;
+                qz[i] = tree.point.z;
+            }
+            u = _mm_load_ps(lu);
+            v = _mm_load_ps(lv);
+            point = {_mm_load_ps(qx), _mm_load_ps(qy), _mm_load_ps(qz)};
+        }
+
+        // The normal there, the point at the strand's height, and the flow: surface->normalAt,
+        // unitOr and surface->flowAt in lanes.
+        const __m128 w0 = _mm_sub_ps(_mm_sub_ps(one, u), v);
+        const auto blendOf = [&](std::size_t which, bool normals) {
+            const auto corner = [&](int i) {
+                return normals ? &record(i)->normals[which] : &record(i)->directions[which];
+            };
+            return rowsAt(corner);
+        };
+        const Lanes3 normalBlend =
+            (blendOf(0, true) * w0 + blendOf(1, true) * u) + blendOf(2, true) * v;
+        const __m128 normalSquared = dotLanes(normalBlend, normalBlend);
+        const Lanes3 normal = normalBlend / _mm_sqrt_ps(normalSquared);
+        const Lanes3 snapped = point + normal * g.height;
+        const Lanes3 toSnapped = snapped - from;
+        const __m128 snappedLength = _mm_sqrt_ps(dotLanes(toSnapped, toSnapped));
+        const Lanes3 placed = from + select(_mm_cmpgt_ps(snappedLength, _mm_set1_ps(1e-20f)),
+                                            toSnapped * _mm_div_ps(one, snappedLength), direction) *
+                                         segment;
+        constexpr float kSlack = 1e-4f;
+        Lanes3 flowBlend = (blendOf(0, false) * w0 + blendOf(1, false) * u) + blendOf(2, false) * v;
+        flowBlend = flowBlend - normal * dotLanes(flowBlend, normal);
+        const __m128 flowLength = _mm_sqrt_ps(dotLanes(flowBlend, flowBlend));
+        const Lanes3 there = flowBlend / flowLength;
+        const __m128 plain =
+            _mm_and_ps(_mm_and_ps(_mm_cmpgt_ps(normalSquared, _mm_set1_ps(1e-20f)),
+                                  _mm_cmpge_ps(flowLength, _mm_set1_ps(0.5f))),
+                       _mm_and_ps(_mm_and_ps(_mm_cmpge_ps(u, _mm_set1_ps(-kSlack)),
+                                             _mm_cmpge_ps(v, _mm_set1_ps(-kSlack))),
+                                  _mm_cmple_ps(_mm_add_ps(u, v), _mm_set1_ps(1.0f + kSlack))));
+        const int odd = found & ~_mm_movemask_ps(plain);
+        const __m128 foundLanes = laneMask(found);
+        Lanes3 newNormal = select(foundLanes, normal, g.normal);
+        Lanes3 newAlong = select(foundLanes, there, g.along);
+        next = select(foundLanes, placed, next);
+        if (odd != 0) {
+            // Opposed normals or flow the blend can't give: the scalar pieces, lane by lane.
+            alignas(16) float rows[9][4];
+            const Lanes3* const parts[3] = {&next, &newNormal, &newAlong};
+            for (int r = 0; r < 3; ++r) {
+                _mm_store_ps(rows[3 * r], parts[r]->x);
+                _mm_store_ps(rows[3 * r + 1], parts[r]->y);
+                _mm_store_ps(rows[3 * r + 2], parts[r]->z);
+            }
+            alignas(16) float heights[4], segments[4];
+            _mm_store_ps(heights, g.height);
+            _mm_store_ps(segments, segment);
+            for (int i = 0; i < 4; ++i) {
+                if ((odd >> i & 1) == 0) continue;
+                ClosestPoint below;
+                below.root = {face[i], lu[i], lv[i]};
+                below.point = laneOf(point, i);
+                StrandRoot at = g.at[i];
+                Vec3f normalHere = laneOf(g.normal, i), alongHere = laneOf(g.along, i);
+                const Vec3f placedHere =
+                    land(at, normalHere, alongHere, heights[i], below, *record(i), laneOf(from, i),
+                         laneOf(direction, i), segments[i]);
+                const Vec3f values[3] = {placedHere, normalHere, alongHere};
+                for (int r = 0; r < 3; ++r) {
+                    rows[3 * r][i] = values[r].x;
+                    rows[3 * r + 1][i] = values[r].y;
+                    rows[3 * r + 2][i] = values[r].z;
+                }
+            }
+            next = {_mm_load_ps(rows[0]), _mm_load_ps(rows[1]), _mm_load_ps(rows[2])};
+            newNormal = {_mm_load_ps(rows[3]), _mm_load_ps(rows[4]), _mm_load_ps(rows[5])};
+            newAlong = {_mm_load_ps(rows[6]), _mm_load_ps(rows[7]), _mm_load_ps(rows[8])};
+        }
+        for (int i = 0; i < 4; ++i) {
+            if ((found >> i & 1) == 0) continue;
+            g.face[i] = face[i];
+            g.at[i] = {face[i], lu[i], lv[i]};
+        }
+        g.normal = newNormal;
+        g.along = newAlong;
+        Vec3f* const to[4] = {g.walks[0]->out, g.walks[1]->out, g.walks[2]->out, g.walks[3]->out};
+        storePointRows(to, k, {next.x, next.y, next.z});
+    };
+#endif
 
     parallelRange(0, strandCount, 256, [&](std::size_t begin, std::size_t end) {
         std::array<FlowScratch, kInterleaved> scratch;
         std::array<FlowWalk, kInterleaved> walks;
-        for (std::size_t group = begin; group < end; group += kInterleaved) {
-            std::size_t count = 0, longest = 0;
-            for (std::size_t item = group; item < std::min(end, group + kInterleaved); ++item) {
+        std::size_t item = begin;
+        while (item < end) {
+            std::size_t count = 0, longest = 0, shortest = 0;
+            for (; item < end && count < kInterleaved; ++item) {
                 if (!start(pick.strand(item), walks[count], scratch[count])) continue;
-                longest = std::max(longest, walks[count].strand.size());
+                const std::size_t n = walks[count].strand.size();
+                longest = std::max(longest, n);
+                shortest = count == 0 ? n : std::min(shortest, n);
                 ++count;
             }
-            for (std::size_t k = 1; k < longest; ++k) {
+            std::size_t k = 1;
+#if VELMORIN_SSE_LANES
+            // Whole sets of four in lanes, as far as their shortest strand; the rest one by one.
+            if (faces && faces->madeAhead() && count % 4 == 0) {
+                std::array<FlowLanes, kInterleaved / 4> lanes;
+                for (std::size_t set = 0; set < count / 4; ++set)
+                    lanes[set] = FlowLanes(&walks[4 * set]);
+                for (; k < shortest; ++k) {
+                    for (std::size_t set = 0; set < count / 4; ++set)
+                        stepLanes(lanes[set], k);
+                }
+                for (std::size_t set = 0; set < count / 4; ++set)
+                    lanes[set].handBack();
+            }
+#endif
+            for (; k < longest; ++k) {
                 for (std::size_t w = 0; w < count; ++w) {
                     if (k < walks[w].strand.size()) step(walks[w], k);
                 }
