@@ -80,6 +80,12 @@ class FlowFaces {
     }
 
     bool madeAhead() const { return !faces_.empty(); }
+    // Asks the processor to fetch triangle `face`'s record, made ahead, into its caches.
+    void prefetch(std::int32_t face) const {
+        const char* at = reinterpret_cast<const char*>(&faces_[static_cast<std::size_t>(face)]);
+        for (std::size_t line = 0; line < sizeof(FlowFace) + 64; line += 64)
+            __builtin_prefetch(at + line);
+    }
     // Triangle `face` of a run that made them ahead.
     const FlowFace& made(std::int32_t face) const { return faces_[static_cast<std::size_t>(face)]; }
 
@@ -270,7 +276,7 @@ __m128 laneMask(int bits) {
 }
 // The vectors at four addresses, each followed by at least one more float, as rows.
 template <class At>
-Lanes3 rowsAt(At at) {
+inline __attribute__((always_inline)) Lanes3 rowsAt(At at) {
     const Vec3f* const from[4] = {at(0), at(1), at(2), at(3)};
     const PointRows4 rows = loadPointRows(from, 0);
     return {rows.x, rows.y, rows.z};
@@ -463,53 +469,80 @@ void flowStrands(const StrandSet& input, const FlowSettings& settings, const Str
                                                    _mm_mul_ps(_mm_set1_ps(2.0f), segment)),
                                         _mm_set1_ps(1e-4f));
 
-        // The walk, all four lanes a triangle at a time.
-        alignas(16) float px[4], py[4], pz[4], reaches[4], lu[4] = {}, lv[4] = {};
+        // The walk, all four lanes a triangle at a time, deciding in lanes: which lanes landed
+        // inside, which edge each leaves by, and which can cross it. Only a stop on an edge goes
+        // lane by lane.
+        alignas(16) float px[4], py[4], pz[4], reaches[4], lu[4], lv[4];
         _mm_store_ps(px, next.x);
         _mm_store_ps(py, next.y);
         _mm_store_ps(pz, next.z);
         _mm_store_ps(reaches, reach);
-        std::array<std::int32_t, 4> face = g.face, came = {-1, -1, -1, -1};
+        alignas(16) std::array<std::int32_t, 4> face = g.face;
+        __m128i faces4 = _mm_load_si128(reinterpret_cast<const __m128i*>(face.data()));
+        __m128i came = _mm_set1_epi32(-1);
+        __m128 landedU = zero, landedV = zero;
         int active = 0xF, failed = 0;
         for (int round = 0; active != 0; ++round) {
-            std::array<const FlowFace*, 4> here;
-            for (int i = 0; i < 4; ++i) {
-                here[i] = &faces->made(face[i]);
-                if ((active >> i & 1) != 0 && here[i]->flat) {
-                    active &= ~(1 << i);
-                    failed |= 1 << i;
-                }
-            }
+            _mm_store_si128(reinterpret_cast<__m128i*>(face.data()), faces4);
+            const std::array<const FlowFace*, 4> here = {
+                &faces->made(face[0]), &faces->made(face[1]), &faces->made(face[2]),
+                &faces->made(face[3])};
+            const int flat = (here[0]->flat ? 1 : 0) | (here[1]->flat ? 2 : 0) |
+                             (here[2]->flat ? 4 : 0) | (here[3]->flat ? 8 : 0);
+            failed |= active & flat;
+            active &= ~flat;
             if (active == 0) break;
             const Lanes3 d = next - rowsAt([&](int i) { return &here[i]->origin; });
             const __m128 u = dotLanes(d, rowsAt([&](int i) { return &here[i]->toU; }));
             const __m128 v = dotLanes(d, rowsAt([&](int i) { return &here[i]->toV; }));
             const __m128 w = _mm_sub_ps(_mm_sub_ps(one, u), v);
-            const int inside = _mm_movemask_ps(_mm_and_ps(
-                _mm_and_ps(_mm_cmpge_ps(u, zero), _mm_cmpge_ps(v, zero)), _mm_cmpge_ps(w, zero)));
-            alignas(16) float us[4], vs[4], ws[4];
-            _mm_store_ps(us, u);
-            _mm_store_ps(vs, v);
-            _mm_store_ps(ws, w);
-            for (int i = 0; i < 4; ++i) {
-                if ((active >> i & 1) == 0) continue;
-                if ((inside >> i & 1) != 0) {
-                    lu[i] = us[i];
-                    lv[i] = vs[i];
-                    active &= ~(1 << i);
-                    continue;
+            const __m128 insideLanes = _mm_and_ps(
+                _mm_and_ps(_mm_cmpge_ps(u, zero), _mm_cmpge_ps(v, zero)), _mm_cmpge_ps(w, zero));
+            const int inside = active & _mm_movemask_ps(insideLanes);
+            const __m128 landsNow = laneMask(inside);
+            landedU = _mm_or_ps(_mm_and_ps(landsNow, u), _mm_andnot_ps(landsNow, landedU));
+            landedV = _mm_or_ps(_mm_and_ps(landsNow, v), _mm_andnot_ps(landsNow, landedV));
+            const int out = active & ~inside;
+            active = 0;
+            if (out == 0) break;
+            // edgeOut in lanes: 1 where w is the least, else 2 where u <= v, else 0.
+            const __m128i byW =
+                _mm_castps_si128(_mm_and_ps(_mm_cmple_ps(w, u), _mm_cmple_ps(w, v)));
+            const __m128i byU = _mm_andnot_si128(byW, _mm_castps_si128(_mm_cmple_ps(u, v)));
+            alignas(16) std::array<std::int32_t, 4> edge;
+            _mm_store_si128(reinterpret_cast<__m128i*>(edge.data()),
+                            _mm_or_si128(_mm_and_si128(byW, _mm_set1_epi32(1)),
+                                         _mm_and_si128(byU, _mm_set1_epi32(2))));
+            const __m128i across =
+                _mm_setr_epi32(here[0]->across[static_cast<std::size_t>(edge[0])],
+                               here[1]->across[static_cast<std::size_t>(edge[1])],
+                               here[2]->across[static_cast<std::size_t>(edge[2])],
+                               here[3]->across[static_cast<std::size_t>(edge[3])]);
+            const __m128i crossable =
+                round + 1 < kMostSteps
+                    ? _mm_andnot_si128(_mm_cmpeq_epi32(across, came),
+                                       _mm_cmpgt_epi32(across, _mm_set1_epi32(-1)))
+                    : _mm_setzero_si128();
+            const int moves = out & _mm_movemask_ps(_mm_castsi128_ps(crossable));
+            const __m128i moving = _mm_castps_si128(laneMask(moves));
+            came = _mm_or_si128(_mm_and_si128(moving, faces4), _mm_andnot_si128(moving, came));
+            faces4 = _mm_or_si128(_mm_and_si128(moving, across), _mm_andnot_si128(moving, faces4));
+            active = moves;
+            if (const int stops = out & ~moves; stops != 0) {
+                _mm_store_ps(lu, landedU);
+                _mm_store_ps(lv, landedV);
+                for (int i = 0; i < 4; ++i) {
+                    if ((stops >> i & 1) == 0) continue;
+                    onEdge(*here[i], Vec3f{px[i], py[i], pz[i]} - here[i]->origin, edge[i], lu[i],
+                           lv[i]);
                 }
-                const int edge = edgeOut(us[i], vs[i], ws[i]);
-                const std::int32_t across = here[i]->across[static_cast<std::size_t>(edge)];
-                if (across >= 0 && across != came[i] && round + 1 < kMostSteps) {
-                    came[i] = face[i];
-                    face[i] = across;
-                    continue;
-                }
-                onEdge(*here[i], Vec3f{px[i], py[i], pz[i]} - here[i]->origin, edge, lu[i], lv[i]);
-                active &= ~(1 << i);
+                landedU = _mm_load_ps(lu);
+                landedV = _mm_load_ps(lv);
             }
         }
+        _mm_store_si128(reinterpret_cast<__m128i*>(face.data()), faces4);
+        _mm_store_ps(lu, landedU);
+        _mm_store_ps(lv, landedV);
         // Landed lanes lie within reach, or the tree is asked as `step` asks it.
         const auto record = [&](int i) { return &faces->made(face[i]); };
         __m128 u = _mm_load_ps(lu), v = _mm_load_ps(lv);
@@ -545,14 +578,13 @@ void flowStrands(const StrandSet& input, const FlowSettings& settings, const Str
         // The normal there, the point at the strand's height, and the flow: surface->normalAt,
         // unitOr and surface->flowAt in lanes.
         const __m128 w0 = _mm_sub_ps(_mm_sub_ps(one, u), v);
-        const auto blendOf = [&](std::size_t which, bool normals) {
-            const auto corner = [&](int i) {
-                return normals ? &record(i)->normals[which] : &record(i)->directions[which];
-            };
-            return rowsAt(corner);
+        const auto normalOf = [&](std::size_t corner) {
+            return rowsAt([&](int i) { return &record(i)->normals[corner]; });
         };
-        const Lanes3 normalBlend =
-            (blendOf(0, true) * w0 + blendOf(1, true) * u) + blendOf(2, true) * v;
+        const auto directionOf = [&](std::size_t corner) {
+            return rowsAt([&](int i) { return &record(i)->directions[corner]; });
+        };
+        const Lanes3 normalBlend = (normalOf(0) * w0 + normalOf(1) * u) + normalOf(2) * v;
         const __m128 normalSquared = dotLanes(normalBlend, normalBlend);
         const Lanes3 normal = normalBlend / _mm_sqrt_ps(normalSquared);
         const Lanes3 snapped = point + normal * g.height;
@@ -562,7 +594,7 @@ void flowStrands(const StrandSet& input, const FlowSettings& settings, const Str
                                             toSnapped * _mm_div_ps(one, snappedLength), direction) *
                                          segment;
         constexpr float kSlack = 1e-4f;
-        Lanes3 flowBlend = (blendOf(0, false) * w0 + blendOf(1, false) * u) + blendOf(2, false) * v;
+        Lanes3 flowBlend = (directionOf(0) * w0 + directionOf(1) * u) + directionOf(2) * v;
         flowBlend = flowBlend - normal * dotLanes(flowBlend, normal);
         const __m128 flowLength = _mm_sqrt_ps(dotLanes(flowBlend, flowBlend));
         const Lanes3 there = flowBlend / flowLength;
@@ -627,6 +659,15 @@ void flowStrands(const StrandSet& input, const FlowSettings& settings, const Str
         std::array<FlowWalk, kInterleaved> walks;
         std::size_t item = begin;
         while (item < end) {
+            if (faces && faces->madeAhead()) {
+                // The root triangles of the next strands are fetched while these are laid.
+                for (std::size_t ahead = item + kInterleaved;
+                     ahead < std::min(end, item + 2 * kInterleaved); ++ahead) {
+                    const std::size_t s = pick.strand(ahead);
+                    if (s < roots.size() && scalp->isOnSurface(roots[s]))
+                        faces->prefetch(roots[s].face);
+                }
+            }
             std::size_t count = 0, longest = 0, shortest = 0;
             for (; item < end && count < kInterleaved; ++item) {
                 if (!start(pick.strand(item), walks[count], scratch[count])) continue;
