@@ -269,10 +269,18 @@ Lanes3 select(__m128 mask, const Lanes3& a, const Lanes3& b) {
     };
     return {one(a.x, b.x), one(a.y, b.y), one(a.z, b.z)};
 }
-// All bits set in the lanes whose bit is set in `bits`.
+// All bits set in the lanes whose bit is set in `bits` (0 to 15), from a table.
 __m128 laneMask(int bits) {
-    return _mm_castsi128_ps(
-        _mm_setr_epi32(-(bits & 1), -(bits >> 1 & 1), -(bits >> 2 & 1), -(bits >> 3 & 1)));
+    static constexpr auto kMasks = [] {
+        std::array<std::array<std::uint32_t, 4>, 16> masks{};
+        for (std::size_t b = 0; b < 16; ++b) {
+            for (std::size_t lane = 0; lane < 4; ++lane)
+                masks[b][lane] = (b >> lane & 1) != 0 ? 0xFFFFFFFFu : 0u;
+        }
+        return masks;
+    }();
+    return _mm_loadu_ps(
+        reinterpret_cast<const float*>(kMasks[static_cast<std::size_t>(bits)].data()));
 }
 // The vectors at four addresses, each followed by at least one more float, as rows.
 template <class At>
