@@ -319,6 +319,9 @@ struct FlowLanes {
         height = each([](FlowWalk* w) { return w->height; });
         cosTurn = each([](FlowWalk* w) { return w->cosTurn; });
         sinTurn = each([](FlowWalk* w) { return w->sinTurn; });
+        from = {each([](FlowWalk* w) { return w->out[0].x; }),
+                each([](FlowWalk* w) { return w->out[0].y; }),
+                each([](FlowWalk* w) { return w->out[0].z; })};
     }
 
     void handBack() const {
@@ -336,6 +339,7 @@ struct FlowLanes {
     std::array<StrandRoot, 4> at;
     std::array<std::int32_t, 4> face{};
     Lanes3 normal{}, along{};
+    Lanes3 from{};  // the last point laid: the start of the next segment
     __m128 height{}, cosTurn{}, sinTurn{};
 };
 #endif
@@ -470,7 +474,7 @@ void flowStrands(const StrandSet& input, const FlowSettings& settings, const Str
         const Lanes3 laid = (a * g.cosTurn + turned * g.sinTurn) +
                             n * _mm_mul_ps(dotLanes(n, a), _mm_sub_ps(one, g.cosTurn));
         const Lanes3 direction = laid * cosAngle + n * sinAngle;
-        const Lanes3 from = rowsAt([&](int i) { return &g.walks[i]->out[k - 1]; });
+        const Lanes3 from = g.from;
         Lanes3 next = from + direction * segment;
         g.height = _mm_add_ps(g.height, _mm_mul_ps(segment, sinAngle));
         const __m128 reach = _mm_add_ps(_mm_add_ps(_mm_andnot_ps(_mm_set1_ps(-0.0f), g.height),
@@ -659,6 +663,7 @@ void flowStrands(const StrandSet& input, const FlowSettings& settings, const Str
         g.along = newAlong;
         Vec3f* const to[4] = {g.walks[0]->out, g.walks[1]->out, g.walks[2]->out, g.walks[3]->out};
         storePointRows(to, k, {next.x, next.y, next.z});
+        g.from = next;
     };
 #endif
 
