@@ -27,7 +27,7 @@ struct FlowFace {
     Vec3f origin, edge1, edge2;
     Vec3f toU, toV;
     std::array<std::int32_t, 3> across{-1, -1, -1};
-    bool flat = true;  // no area: the walk stops on it
+    std::int32_t flat = 1;  // no area: the walk stops on it (an int, read in lanes with `across`)
     std::array<Vec3f, 3> normals, directions;
     float pad = 0.0f;  // a load of four floats at the last direction stays inside the record
 };
@@ -62,7 +62,7 @@ FlowFace flowFace(const FlowSurfaceData& data, std::size_t face) {
     const float perDet = 1.0f / det;
     made.toU = (made.edge1 * d22 - made.edge2 * d12) * perDet;
     made.toV = (made.edge2 * d11 - made.edge1 * d12) * perDet;
-    made.flat = false;
+    made.flat = 0;
     return made;
 }
 
@@ -139,7 +139,7 @@ std::optional<ClosestPoint> walkToClosest(const FlowFaces& faces, std::int32_t f
     std::int32_t came = -1;
     for (int step = 0;; ++step) {
         const FlowFace& here = faces.at(face, spare);
-        if (here.flat) return std::nullopt;
+        if (here.flat != 0) return std::nullopt;
         const Vec3f d = p - here.origin;
         float u = dot(d, here.toU);
         float v = dot(d, here.toV);
@@ -499,8 +499,15 @@ void flowStrands(const StrandSet& input, const FlowSettings& settings, const Str
             const std::array<const FlowFace*, 4> here = {
                 &faces->made(face[0]), &faces->made(face[1]), &faces->made(face[2]),
                 &faces->made(face[3])};
-            const int flat = (here[0]->flat ? 1 : 0) | (here[1]->flat ? 2 : 0) |
-                             (here[2]->flat ? 4 : 0) | (here[3]->flat ? 8 : 0);
+            // The triangles across the three edges and the flat mark, as four rows of ints.
+            __m128 ac0 = _mm_loadu_ps(reinterpret_cast<const float*>(here[0]->across.data()));
+            __m128 ac1 = _mm_loadu_ps(reinterpret_cast<const float*>(here[1]->across.data()));
+            __m128 ac2 = _mm_loadu_ps(reinterpret_cast<const float*>(here[2]->across.data()));
+            __m128 flatRow = _mm_loadu_ps(reinterpret_cast<const float*>(here[3]->across.data()));
+            _MM_TRANSPOSE4_PS(ac0, ac1, ac2, flatRow);
+            const int flat = ~_mm_movemask_ps(_mm_castsi128_ps(
+                                 _mm_cmpeq_epi32(_mm_castps_si128(flatRow), _mm_setzero_si128()))) &
+                             0xF;
             failed |= active & flat;
             active &= ~flat;
             if (active == 0) break;
@@ -521,15 +528,10 @@ void flowStrands(const StrandSet& input, const FlowSettings& settings, const Str
             const __m128i byW =
                 _mm_castps_si128(_mm_and_ps(_mm_cmple_ps(w, u), _mm_cmple_ps(w, v)));
             const __m128i byU = _mm_andnot_si128(byW, _mm_castps_si128(_mm_cmple_ps(u, v)));
-            alignas(16) std::array<std::int32_t, 4> edge;
-            _mm_store_si128(reinterpret_cast<__m128i*>(edge.data()),
-                            _mm_or_si128(_mm_and_si128(byW, _mm_set1_epi32(1)),
-                                         _mm_and_si128(byU, _mm_set1_epi32(2))));
             const __m128i across =
-                _mm_setr_epi32(here[0]->across[static_cast<std::size_t>(edge[0])],
-                               here[1]->across[static_cast<std::size_t>(edge[1])],
-                               here[2]->across[static_cast<std::size_t>(edge[2])],
-                               here[3]->across[static_cast<std::size_t>(edge[3])]);
+                _mm_or_si128(_mm_or_si128(_mm_and_si128(byW, _mm_castps_si128(ac1)),
+                                          _mm_and_si128(byU, _mm_castps_si128(ac2))),
+                             _mm_andnot_si128(_mm_or_si128(byW, byU), _mm_castps_si128(ac0)));
             const __m128i crossable =
                 round + 1 < kMostSteps
                     ? _mm_andnot_si128(_mm_cmpeq_epi32(across, came),
@@ -541,6 +543,10 @@ void flowStrands(const StrandSet& input, const FlowSettings& settings, const Str
             faces4 = _mm_or_si128(_mm_and_si128(moving, across), _mm_andnot_si128(moving, faces4));
             active = moves;
             if (const int stops = out & ~moves; stops != 0) {
+                alignas(16) std::array<std::int32_t, 4> edge;
+                _mm_store_si128(reinterpret_cast<__m128i*>(edge.data()),
+                                _mm_or_si128(_mm_and_si128(byW, _mm_set1_epi32(1)),
+                                             _mm_and_si128(byU, _mm_set1_epi32(2))));
                 _mm_store_ps(lu, landedU);
                 _mm_store_ps(lv, landedV);
                 for (int i = 0; i < 4; ++i) {
