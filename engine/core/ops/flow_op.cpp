@@ -342,6 +342,18 @@ struct FlowLanes {
     Lanes3 from{};  // the last point laid: the start of the next segment
     __m128 height{}, cosTurn{}, sinTurn{};
 };
+
+// A lane set's step between its parts: the segment and the point it reaches, and the walk's
+// progress, round by round, so that the walks of several sets take their rounds in turn.
+struct LaneStep {
+    Lanes3 direction, from, next;
+    __m128 segment, reach;
+    alignas(16) float px[4], py[4], pz[4], reaches[4], lu[4], lv[4];
+    alignas(16) std::array<std::int32_t, 4> face;
+    __m128i faces4, came;
+    __m128 landedU, landedV;
+    int active = 0, failed = 0;
+};
 #endif
 
 }  // namespace
@@ -458,13 +470,15 @@ void flowStrands(const StrandSet& input, const FlowSettings& settings, const Str
     // operations of `step` in the same order, so a strand gets the same bits either way. The
     // walk over the triangles moves the lanes together, a triangle a round, until each has
     // landed; the tree, an edge stop and the rare odd normal or flow go lane by lane through the
-    // scalar pieces themselves.
-    const auto stepLanes = [&](FlowLanes& g, std::size_t k) {
+    // scalar pieces themselves. A step comes in three parts: laneBegin makes the segment and the
+    // point it reaches, laneRound takes one round of the walk, laneFinish lands the point.
+    const auto laneBegin = [&](FlowLanes& g, std::size_t k, LaneStep& st) {
         const auto each = [&](auto value) {
             return _mm_setr_ps(value(0), value(1), value(2), value(3));
         };
-        const __m128 one = _mm_set1_ps(1.0f), zero = _mm_setzero_ps();
-        const __m128 segment = each([&](int i) { return g.walks[i]->lengths[k]; });
+        const __m128 one = _mm_set1_ps(1.0f);
+        __m128& segment = st.segment;
+        segment = each([&](int i) { return g.walks[i]->lengths[k]; });
         const __m128 cosAngle = each([&](int i) { return g.walks[i]->cosines[k]; });
         const __m128 sinAngle = each([&](int i) { return g.walks[i]->sines[k]; });
         const Lanes3 n = g.normal, a = g.along;
@@ -473,91 +487,125 @@ void flowStrands(const StrandSet& input, const FlowSettings& settings, const Str
                             _mm_sub_ps(_mm_mul_ps(n.x, a.y), _mm_mul_ps(n.y, a.x))};
         const Lanes3 laid = (a * g.cosTurn + turned * g.sinTurn) +
                             n * _mm_mul_ps(dotLanes(n, a), _mm_sub_ps(one, g.cosTurn));
-        const Lanes3 direction = laid * cosAngle + n * sinAngle;
-        const Lanes3 from = g.from;
-        Lanes3 next = from + direction * segment;
+        st.direction = laid * cosAngle + n * sinAngle;
+        st.from = g.from;
+        st.next = st.from + st.direction * segment;
         g.height = _mm_add_ps(g.height, _mm_mul_ps(segment, sinAngle));
-        const __m128 reach = _mm_add_ps(_mm_add_ps(_mm_andnot_ps(_mm_set1_ps(-0.0f), g.height),
-                                                   _mm_mul_ps(_mm_set1_ps(2.0f), segment)),
-                                        _mm_set1_ps(1e-4f));
+        st.reach = _mm_add_ps(_mm_add_ps(_mm_andnot_ps(_mm_set1_ps(-0.0f), g.height),
+                                         _mm_mul_ps(_mm_set1_ps(2.0f), segment)),
+                              _mm_set1_ps(1e-4f));
 
         // The walk, all four lanes a triangle at a time, deciding in lanes: which lanes landed
         // inside, which edge each leaves by, and which can cross it. Only a stop on an edge goes
         // lane by lane.
-        alignas(16) float px[4], py[4], pz[4], reaches[4], lu[4], lv[4];
-        _mm_store_ps(px, next.x);
-        _mm_store_ps(py, next.y);
-        _mm_store_ps(pz, next.z);
-        _mm_store_ps(reaches, reach);
-        alignas(16) std::array<std::int32_t, 4> face = g.face;
-        __m128i faces4 = _mm_load_si128(reinterpret_cast<const __m128i*>(face.data()));
-        __m128i came = _mm_set1_epi32(-1);
-        __m128 landedU = zero, landedV = zero;
-        int active = 0xF, failed = 0;
-        for (int round = 0; active != 0; ++round) {
-            _mm_store_si128(reinterpret_cast<__m128i*>(face.data()), faces4);
-            const std::array<const FlowFace*, 4> here = {
-                &faces->made(face[0]), &faces->made(face[1]), &faces->made(face[2]),
-                &faces->made(face[3])};
-            // The triangles across the three edges and the flat mark, as four rows of ints.
-            __m128 ac0 = _mm_loadu_ps(reinterpret_cast<const float*>(here[0]->across.data()));
-            __m128 ac1 = _mm_loadu_ps(reinterpret_cast<const float*>(here[1]->across.data()));
-            __m128 ac2 = _mm_loadu_ps(reinterpret_cast<const float*>(here[2]->across.data()));
-            __m128 flatRow = _mm_loadu_ps(reinterpret_cast<const float*>(here[3]->across.data()));
-            _MM_TRANSPOSE4_PS(ac0, ac1, ac2, flatRow);
-            const int flat = ~_mm_movemask_ps(_mm_castsi128_ps(
-                                 _mm_cmpeq_epi32(_mm_castps_si128(flatRow), _mm_setzero_si128()))) &
-                             0xF;
-            failed |= active & flat;
-            active &= ~flat;
-            if (active == 0) break;
-            const Lanes3 d = next - rowsAt([&](int i) { return &here[i]->origin; });
-            const __m128 u = dotLanes(d, rowsAt([&](int i) { return &here[i]->toU; }));
-            const __m128 v = dotLanes(d, rowsAt([&](int i) { return &here[i]->toV; }));
-            const __m128 w = _mm_sub_ps(_mm_sub_ps(one, u), v);
-            const __m128 insideLanes = _mm_and_ps(
-                _mm_and_ps(_mm_cmpge_ps(u, zero), _mm_cmpge_ps(v, zero)), _mm_cmpge_ps(w, zero));
-            const int inside = active & _mm_movemask_ps(insideLanes);
-            const __m128 landsNow = laneMask(inside);
-            landedU = _mm_or_ps(_mm_and_ps(landsNow, u), _mm_andnot_ps(landsNow, landedU));
-            landedV = _mm_or_ps(_mm_and_ps(landsNow, v), _mm_andnot_ps(landsNow, landedV));
-            const int out = active & ~inside;
-            active = 0;
-            if (out == 0) break;
-            // edgeOut in lanes: 1 where w is the least, else 2 where u <= v, else 0.
-            const __m128i byW =
-                _mm_castps_si128(_mm_and_ps(_mm_cmple_ps(w, u), _mm_cmple_ps(w, v)));
-            const __m128i byU = _mm_andnot_si128(byW, _mm_castps_si128(_mm_cmple_ps(u, v)));
-            const __m128i across =
-                _mm_or_si128(_mm_or_si128(_mm_and_si128(byW, _mm_castps_si128(ac1)),
-                                          _mm_and_si128(byU, _mm_castps_si128(ac2))),
-                             _mm_andnot_si128(_mm_or_si128(byW, byU), _mm_castps_si128(ac0)));
-            const __m128i crossable =
-                round + 1 < kMostSteps
-                    ? _mm_andnot_si128(_mm_cmpeq_epi32(across, came),
-                                       _mm_cmpgt_epi32(across, _mm_set1_epi32(-1)))
-                    : _mm_setzero_si128();
-            const int moves = out & _mm_movemask_ps(_mm_castsi128_ps(crossable));
-            const __m128i moving = _mm_castps_si128(laneMask(moves));
-            came = _mm_or_si128(_mm_and_si128(moving, faces4), _mm_andnot_si128(moving, came));
-            faces4 = _mm_or_si128(_mm_and_si128(moving, across), _mm_andnot_si128(moving, faces4));
-            active = moves;
-            if (const int stops = out & ~moves; stops != 0) {
-                alignas(16) std::array<std::int32_t, 4> edge;
-                _mm_store_si128(reinterpret_cast<__m128i*>(edge.data()),
-                                _mm_or_si128(_mm_and_si128(byW, _mm_set1_epi32(1)),
-                                             _mm_and_si128(byU, _mm_set1_epi32(2))));
-                _mm_store_ps(lu, landedU);
-                _mm_store_ps(lv, landedV);
-                for (int i = 0; i < 4; ++i) {
-                    if ((stops >> i & 1) == 0) continue;
-                    onEdge(*here[i], Vec3f{px[i], py[i], pz[i]} - here[i]->origin, edge[i], lu[i],
-                           lv[i]);
-                }
-                landedU = _mm_load_ps(lu);
-                landedV = _mm_load_ps(lv);
+        _mm_store_ps(st.px, st.next.x);
+        _mm_store_ps(st.py, st.next.y);
+        _mm_store_ps(st.pz, st.next.z);
+        _mm_store_ps(st.reaches, st.reach);
+        st.face = g.face;
+        st.faces4 = _mm_load_si128(reinterpret_cast<const __m128i*>(st.face.data()));
+        st.came = _mm_set1_epi32(-1);
+        st.landedU = _mm_setzero_ps();
+        st.landedV = _mm_setzero_ps();
+        st.active = 0xF;
+        st.failed = 0;
+    };
+
+    // One round of a lane set's walk: each lane still walking reads its triangle, and lands in
+    // it, stops on its edge or crosses to the next.
+    const auto laneRound = [&](LaneStep& st, int round) {
+        const __m128 one = _mm_set1_ps(1.0f), zero = _mm_setzero_ps();
+        const Lanes3& next = st.next;
+        float* const px = st.px;
+        float* const py = st.py;
+        float* const pz = st.pz;
+        float* const lu = st.lu;
+        float* const lv = st.lv;
+        std::array<std::int32_t, 4>& face = st.face;
+        __m128i& faces4 = st.faces4;
+        __m128i& came = st.came;
+        __m128& landedU = st.landedU;
+        __m128& landedV = st.landedV;
+        int& active = st.active;
+        int& failed = st.failed;
+        _mm_store_si128(reinterpret_cast<__m128i*>(face.data()), faces4);
+        const std::array<const FlowFace*, 4> here = {&faces->made(face[0]), &faces->made(face[1]),
+                                                     &faces->made(face[2]), &faces->made(face[3])};
+        // The triangles across the three edges and the flat mark, as four rows of ints.
+        __m128 ac0 = _mm_loadu_ps(reinterpret_cast<const float*>(here[0]->across.data()));
+        __m128 ac1 = _mm_loadu_ps(reinterpret_cast<const float*>(here[1]->across.data()));
+        __m128 ac2 = _mm_loadu_ps(reinterpret_cast<const float*>(here[2]->across.data()));
+        __m128 flatRow = _mm_loadu_ps(reinterpret_cast<const float*>(here[3]->across.data()));
+        _MM_TRANSPOSE4_PS(ac0, ac1, ac2, flatRow);
+        const int flat = ~_mm_movemask_ps(_mm_castsi128_ps(
+                             _mm_cmpeq_epi32(_mm_castps_si128(flatRow), _mm_setzero_si128()))) &
+                         0xF;
+        failed |= active & flat;
+        active &= ~flat;
+        if (active == 0) return;
+        const Lanes3 d = next - rowsAt([&](int i) { return &here[i]->origin; });
+        const __m128 u = dotLanes(d, rowsAt([&](int i) { return &here[i]->toU; }));
+        const __m128 v = dotLanes(d, rowsAt([&](int i) { return &here[i]->toV; }));
+        const __m128 w = _mm_sub_ps(_mm_sub_ps(one, u), v);
+        const __m128 insideLanes = _mm_and_ps(
+            _mm_and_ps(_mm_cmpge_ps(u, zero), _mm_cmpge_ps(v, zero)), _mm_cmpge_ps(w, zero));
+        const int inside = active & _mm_movemask_ps(insideLanes);
+        const __m128 landsNow = laneMask(inside);
+        landedU = _mm_or_ps(_mm_and_ps(landsNow, u), _mm_andnot_ps(landsNow, landedU));
+        landedV = _mm_or_ps(_mm_and_ps(landsNow, v), _mm_andnot_ps(landsNow, landedV));
+        const int out = active & ~inside;
+        active = 0;
+        if (out == 0) return;
+        // edgeOut in lanes: 1 where w is the least, else 2 where u <= v, else 0.
+        const __m128i byW = _mm_castps_si128(_mm_and_ps(_mm_cmple_ps(w, u), _mm_cmple_ps(w, v)));
+        const __m128i byU = _mm_andnot_si128(byW, _mm_castps_si128(_mm_cmple_ps(u, v)));
+        const __m128i across =
+            _mm_or_si128(_mm_or_si128(_mm_and_si128(byW, _mm_castps_si128(ac1)),
+                                      _mm_and_si128(byU, _mm_castps_si128(ac2))),
+                         _mm_andnot_si128(_mm_or_si128(byW, byU), _mm_castps_si128(ac0)));
+        const __m128i crossable =
+            round + 1 < kMostSteps ? _mm_andnot_si128(_mm_cmpeq_epi32(across, came),
+                                                      _mm_cmpgt_epi32(across, _mm_set1_epi32(-1)))
+                                   : _mm_setzero_si128();
+        const int moves = out & _mm_movemask_ps(_mm_castsi128_ps(crossable));
+        const __m128i moving = _mm_castps_si128(laneMask(moves));
+        came = _mm_or_si128(_mm_and_si128(moving, faces4), _mm_andnot_si128(moving, came));
+        faces4 = _mm_or_si128(_mm_and_si128(moving, across), _mm_andnot_si128(moving, faces4));
+        active = moves;
+        if (const int stops = out & ~moves; stops != 0) {
+            alignas(16) std::array<std::int32_t, 4> edge;
+            _mm_store_si128(reinterpret_cast<__m128i*>(edge.data()),
+                            _mm_or_si128(_mm_and_si128(byW, _mm_set1_epi32(1)),
+                                         _mm_and_si128(byU, _mm_set1_epi32(2))));
+            _mm_store_ps(lu, landedU);
+            _mm_store_ps(lv, landedV);
+            for (int i = 0; i < 4; ++i) {
+                if ((stops >> i & 1) == 0) continue;
+                onEdge(*here[i], Vec3f{px[i], py[i], pz[i]} - here[i]->origin, edge[i], lu[i],
+                       lv[i]);
             }
+            landedU = _mm_load_ps(lu);
+            landedV = _mm_load_ps(lv);
         }
+    };
+
+    // The end of a lane set's step once its walk is over: the tree for the lanes that found
+    // nothing, then the normal, the point and the flow where each landed.
+    const auto laneFinish = [&](FlowLanes& g, std::size_t k, LaneStep& st) {
+        const __m128 one = _mm_set1_ps(1.0f);
+        const __m128 segment = st.segment, reach = st.reach;
+        const Lanes3 direction = st.direction, from = st.from;
+        Lanes3 next = st.next;
+        float* const px = st.px;
+        float* const py = st.py;
+        float* const pz = st.pz;
+        float* const reaches = st.reaches;
+        float* const lu = st.lu;
+        float* const lv = st.lv;
+        std::array<std::int32_t, 4>& face = st.face;
+        const __m128i faces4 = st.faces4;
+        const __m128 landedU = st.landedU, landedV = st.landedV;
+        int failed = st.failed;
         _mm_store_si128(reinterpret_cast<__m128i*>(face.data()), faces4);
         _mm_store_ps(lu, landedU);
         _mm_store_ps(lv, landedV);
@@ -702,9 +750,24 @@ void flowStrands(const StrandSet& input, const FlowSettings& settings, const Str
                 std::array<FlowLanes, kInterleaved / 4> lanes;
                 for (std::size_t set = 0; set < count / 4; ++set)
                     lanes[set] = FlowLanes(&walks[4 * set]);
+                std::array<LaneStep, kInterleaved / 4> steps;
+                const std::size_t sets = count / 4;
                 for (; k < shortest; ++k) {
-                    for (std::size_t set = 0; set < count / 4; ++set)
-                        stepLanes(lanes[set], k);
+                    // The sets' walks take their rounds in turn, so that one set's wait on a
+                    // triangle overlaps the other's.
+                    for (std::size_t set = 0; set < sets; ++set)
+                        laneBegin(lanes[set], k, steps[set]);
+                    for (int round = 0;; ++round) {
+                        bool walking = false;
+                        for (std::size_t set = 0; set < sets; ++set) {
+                            if (steps[set].active == 0) continue;
+                            laneRound(steps[set], round);
+                            walking = walking || steps[set].active != 0;
+                        }
+                        if (!walking) break;
+                    }
+                    for (std::size_t set = 0; set < sets; ++set)
+                        laneFinish(lanes[set], k, steps[set]);
                 }
                 for (std::size_t set = 0; set < count / 4; ++set)
                     lanes[set].handBack();
