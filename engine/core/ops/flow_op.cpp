@@ -736,26 +736,29 @@ void flowStrands(const StrandSet& input, const FlowSettings& settings, const Str
                         faces->prefetch(roots[s].face);
                 }
             }
-            std::size_t count = 0, longest = 0, shortest = 0;
+            std::size_t count = 0, longest = 0;
             for (; item < end && count < kInterleaved; ++item) {
                 if (!start(pick.strand(item), walks[count], scratch[count])) continue;
-                const std::size_t n = walks[count].strand.size();
-                longest = std::max(longest, n);
-                shortest = count == 0 ? n : std::min(shortest, n);
+                longest = std::max(longest, walks[count].strand.size());
                 ++count;
             }
-            std::size_t k = 1;
+            // Whole sets of four go in lanes as far as the shortest strand among them
+            // (`lanesEnd`); the points after it, and the strands left over, one strand at a time.
+            std::size_t laned = 0, lanesEnd = 1;
 #if VELMORIN_SSE_LANES
-            // Whole sets of four in lanes, as far as their shortest strand; the rest one by one.
-            if (faces && faces->madeAhead() && count % 4 == 0) {
+            if (faces && faces->madeAhead() && count >= 4) {
+                const std::size_t sets = count / 4;
+                laned = 4 * sets;
+                lanesEnd = walks[0].strand.size();
+                for (std::size_t w = 1; w < laned; ++w)
+                    lanesEnd = std::min(lanesEnd, walks[w].strand.size());
                 std::array<FlowLanes, kInterleaved / 4> lanes;
-                for (std::size_t set = 0; set < count / 4; ++set)
+                for (std::size_t set = 0; set < sets; ++set)
                     lanes[set] = FlowLanes(&walks[4 * set]);
                 std::array<LaneStep, kInterleaved / 4> steps;
-                const std::size_t sets = count / 4;
-                for (; k < shortest; ++k) {
+                for (std::size_t k = 1; k < lanesEnd; ++k) {
                     // The sets' walks take their rounds in turn, so that one set's wait on a
-                    // triangle overlaps the other's.
+                    // triangle overlaps the others'.
                     for (std::size_t set = 0; set < sets; ++set)
                         laneBegin(lanes[set], k, steps[set]);
                     for (int round = 0;; ++round) {
@@ -770,13 +773,14 @@ void flowStrands(const StrandSet& input, const FlowSettings& settings, const Str
                     for (std::size_t set = 0; set < sets; ++set)
                         laneFinish(lanes[set], k, steps[set]);
                 }
-                for (std::size_t set = 0; set < count / 4; ++set)
+                for (std::size_t set = 0; set < sets; ++set)
                     lanes[set].handBack();
             }
 #endif
-            for (; k < longest; ++k) {
+            for (std::size_t k = 1; k < longest; ++k) {
                 for (std::size_t w = 0; w < count; ++w) {
-                    if (k < walks[w].strand.size()) step(walks[w], k);
+                    if (k < walks[w].strand.size() && (w >= laned || k >= lanesEnd))
+                        step(walks[w], k);
                 }
             }
         }
