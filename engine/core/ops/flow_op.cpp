@@ -777,7 +777,7 @@ void flowStrands(const StrandSet& input, const FlowSettings& settings, const Str
                     lanes[set].handBack();
             }
 #endif
-            for (std::size_t k = 1; k < longest; ++k) {
+            for (std::size_t k = laned == count ? lanesEnd : 1; k < longest; ++k) {
                 for (std::size_t w = 0; w < count; ++w) {
                     if (k < walks[w].strand.size() && (w >= laned || k >= lanesEnd))
                         step(walks[w], k);
