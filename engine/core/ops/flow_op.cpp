@@ -166,9 +166,10 @@ std::optional<ClosestPoint> walkToClosest(const FlowFaces& faces, std::int32_t f
 }
 
 // The smooth normal and the flow at points of the scalp, as ScalpMesh::normalAt and FlowField::at
-// give them, bit for bit, from the corners' normals and directions in a triangle's record: one
-// blend of the corners for both, where those calls would make the normal twice. The rare cases
-// (opposed normals, directions that disagree) go to the calls themselves.
+// give them (to a rounding: each is scaled by one reciprocal of its length, where those calls
+// divide thrice), from the corners' normals and directions in a triangle's record: one blend of
+// the corners for both, where those calls would make the normal twice. The rare cases (opposed
+// normals, directions that disagree) go to the calls themselves.
 class SurfaceFlow {
   public:
     SurfaceFlow(const ScalpMesh& scalp, const FlowField& flow)
@@ -181,7 +182,7 @@ class SurfaceFlow {
         const float w0 = 1.0f - at.u - at.v;
         const Vec3f blend = face.normals[0] * w0 + face.normals[1] * at.u + face.normals[2] * at.v;
         const float len2 = lengthSquared(blend);
-        if (len2 > 1e-20f) return blend / std::sqrt(len2);
+        if (len2 > 1e-20f) return blend * (1.0f / std::sqrt(len2));
         return scalp_.normalAt(at);
     }
 
@@ -195,7 +196,7 @@ class SurfaceFlow {
             face.directions[0] * w0 + face.directions[1] * at.u + face.directions[2] * at.v;
         blend -= normal * dot(blend, normal);
         const float len = length(blend);
-        if (len >= 0.5f) return blend / len;
+        if (len >= 0.5f) return blend * (1.0f / len);
         return flow_.at(scalp_, at);
     }
 
@@ -255,9 +256,6 @@ Lanes3 operator-(const Lanes3& a, const Lanes3& b) {
 }
 Lanes3 operator*(const Lanes3& a, __m128 s) {
     return {_mm_mul_ps(a.x, s), _mm_mul_ps(a.y, s), _mm_mul_ps(a.z, s)};
-}
-Lanes3 operator/(const Lanes3& a, __m128 s) {
-    return {_mm_div_ps(a.x, s), _mm_div_ps(a.y, s), _mm_div_ps(a.z, s)};
 }
 // dot() in lanes: (x x + y y) + z z, as the scalar sums it.
 __m128 dotLanes(const Lanes3& a, const Lanes3& b) {
@@ -653,7 +651,7 @@ void flowStrands(const StrandSet& input, const FlowSettings& settings, const Str
         };
         const Lanes3 normalBlend = (normalOf(0) * w0 + normalOf(1) * u) + normalOf(2) * v;
         const __m128 normalSquared = dotLanes(normalBlend, normalBlend);
-        const Lanes3 normal = normalBlend / _mm_sqrt_ps(normalSquared);
+        const Lanes3 normal = normalBlend * _mm_div_ps(one, _mm_sqrt_ps(normalSquared));
         const Lanes3 snapped = point + normal * g.height;
         const Lanes3 toSnapped = snapped - from;
         const __m128 snappedLength = _mm_sqrt_ps(dotLanes(toSnapped, toSnapped));
@@ -664,7 +662,7 @@ void flowStrands(const StrandSet& input, const FlowSettings& settings, const Str
         Lanes3 flowBlend = (directionOf(0) * w0 + directionOf(1) * u) + directionOf(2) * v;
         flowBlend = flowBlend - normal * dotLanes(flowBlend, normal);
         const __m128 flowLength = _mm_sqrt_ps(dotLanes(flowBlend, flowBlend));
-        const Lanes3 there = flowBlend / flowLength;
+        const Lanes3 there = flowBlend * _mm_div_ps(one, flowLength);
         const __m128 plain =
             _mm_and_ps(_mm_and_ps(_mm_cmpgt_ps(normalSquared, _mm_set1_ps(1e-20f)),
                                   _mm_cmpge_ps(flowLength, _mm_set1_ps(0.5f))),
