@@ -612,6 +612,11 @@ TEST(Flow, EachStrandIsLaidAsAloneInAFullRunOfAssortedLengths) {
                 ASSERT_EQ(alone[range.begin + k], full[range.begin + k]) << s << " " << k;
         }
         EXPECT_NE(full, Points(assorted.points().begin(), assorted.points().end()));
+        // The chunks, and so the sets of four, may fall elsewhere at another thread count.
+        const auto [one, two] =
+            test::onOneAndTwoThreads([&] { return flowed(assorted, settings); });
+        EXPECT_EQ(one, full);
+        EXPECT_EQ(two, full);
     }
 }
 
