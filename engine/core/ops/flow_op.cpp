@@ -303,6 +303,9 @@ struct FlowLanes {
     explicit FlowLanes(FlowWalk* first) {
         for (int i = 0; i < 4; ++i) {
             walks[i] = first + i;
+            lengths[i] = walks[i]->lengths.data();
+            sines[i] = walks[i]->sines.data();
+            cosines[i] = walks[i]->cosines.data();
             at[i] = walks[i]->at;
             face[i] = at[i].face;
         }
@@ -335,6 +338,8 @@ struct FlowLanes {
     }
 
     std::array<FlowWalk*, 4> walks{};
+    // The walks' segment lengths and lift sines and cosines, read at every step.
+    std::array<const float*, 4> lengths{}, sines{}, cosines{};
     std::array<StrandRoot, 4> at;
     std::array<std::int32_t, 4> face{};
     Lanes3 normal{}, along{};
@@ -477,9 +482,9 @@ void flowStrands(const StrandSet& input, const FlowSettings& settings, const Str
         };
         const __m128 one = _mm_set1_ps(1.0f);
         __m128& segment = st.segment;
-        segment = each([&](int i) { return g.walks[i]->lengths[k]; });
-        const __m128 cosAngle = each([&](int i) { return g.walks[i]->cosines[k]; });
-        const __m128 sinAngle = each([&](int i) { return g.walks[i]->sines[k]; });
+        segment = each([&](int i) { return g.lengths[i][k]; });
+        const __m128 cosAngle = each([&](int i) { return g.cosines[i][k]; });
+        const __m128 sinAngle = each([&](int i) { return g.sines[i][k]; });
         const Lanes3 n = g.normal, a = g.along;
         const Lanes3 turned{_mm_sub_ps(_mm_mul_ps(n.y, a.z), _mm_mul_ps(n.z, a.y)),
                             _mm_sub_ps(_mm_mul_ps(n.z, a.x), _mm_mul_ps(n.x, a.z)),
