@@ -520,11 +520,6 @@ void flowStrands(const StrandSet& input, const FlowSettings& settings, const Str
     const auto laneRound = [&](LaneStep& st, int round) {
         const __m128 one = _mm_set1_ps(1.0f), zero = _mm_setzero_ps();
         const Lanes3& next = st.next;
-        float* const px = st.px;
-        float* const py = st.py;
-        float* const pz = st.pz;
-        float* const lu = st.lu;
-        float* const lv = st.lv;
         std::array<std::int32_t, 4>& face = st.face;
         __m128i& faces4 = st.faces4;
         __m128i& came = st.came;
@@ -577,19 +572,29 @@ void flowStrands(const StrandSet& input, const FlowSettings& settings, const Str
         faces4 = _mm_or_si128(_mm_and_si128(moving, across), _mm_andnot_si128(moving, faces4));
         active = moves;
         if (const int stops = out & ~moves; stops != 0) {
-            alignas(16) std::array<std::int32_t, 4> edge;
-            _mm_store_si128(reinterpret_cast<__m128i*>(edge.data()),
-                            _mm_or_si128(_mm_and_si128(byW, _mm_set1_epi32(1)),
-                                         _mm_and_si128(byU, _mm_set1_epi32(2))));
-            _mm_store_ps(lu, landedU);
-            _mm_store_ps(lv, landedV);
-            for (int i = 0; i < 4; ++i) {
-                if ((stops >> i & 1) == 0) continue;
-                onEdge(*here[i], Vec3f{px[i], py[i], pz[i]} - here[i]->origin, edge[i], lu[i],
-                       lv[i]);
-            }
-            landedU = _mm_load_ps(lu);
-            landedV = _mm_load_ps(lv);
+            // onEdge in lanes: the edge runs from `from` to `to`, corner 0 being the zero vector.
+            const __m128 onW = _mm_castsi128_ps(byW), onU = _mm_castsi128_ps(byU);
+            const __m128 onFirst =
+                _mm_andnot_ps(_mm_or_ps(onW, onU), _mm_castsi128_ps(_mm_set1_epi32(-1)));
+            const Lanes3 edge1 = rowsAt([&](int i) { return &here[i]->edge1; });
+            const Lanes3 edge2 = rowsAt([&](int i) { return &here[i]->edge2; });
+            const Lanes3 none{zero, zero, zero};
+            const Lanes3 from = select(onW, edge1, select(onU, edge2, none));
+            const Lanes3 to = select(onFirst, edge1, select(onW, edge2, none));
+            const Lanes3 along = to - from;
+            const __m128 alongSquared = dotLanes(along, along);
+            const __m128 q = _mm_div_ps(dotLanes(d - from, along), alongSquared);
+            const __m128 low = _mm_or_ps(_mm_and_ps(_mm_cmplt_ps(q, zero), zero),
+                                         _mm_andnot_ps(_mm_cmplt_ps(q, zero), q));
+            const __m128 held = _mm_or_ps(_mm_and_ps(_mm_cmplt_ps(one, low), one),
+                                          _mm_andnot_ps(_mm_cmplt_ps(one, low), low));
+            const __m128 t = _mm_and_ps(_mm_cmpgt_ps(alongSquared, zero), held);
+            const __m128 oneLessT = _mm_sub_ps(one, t);
+            const __m128 edgeU = _mm_or_ps(_mm_and_ps(onFirst, t), _mm_and_ps(onW, oneLessT));
+            const __m128 edgeV = _mm_or_ps(_mm_and_ps(onW, t), _mm_and_ps(onU, oneLessT));
+            const __m128 stopping = laneMask(stops);
+            landedU = _mm_or_ps(_mm_and_ps(stopping, edgeU), _mm_andnot_ps(stopping, landedU));
+            landedV = _mm_or_ps(_mm_and_ps(stopping, edgeV), _mm_andnot_ps(stopping, landedV));
         }
     };
 
