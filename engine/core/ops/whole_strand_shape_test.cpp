@@ -558,6 +558,68 @@ std::shared_ptr<const FlowField> headFlow() {
     return field;
 }
 
+TEST(Flow, EachStrandIsLaidAsAloneInAFullRunOfAssortedLengths) {
+    // A full run lays strands four at a time where it can and one at a time after the shortest
+    // of a set ends or where a group's strands don't fill a set (strands of one point pass and
+    // leave gaps); a strand laid alone takes the single path throughout. Over the head with a
+    // whorl, with a flow made for other vertices (every point asks the field itself), over a
+    // coarse sphere whose ridges stop walks on edges, and over a plane with a fold of flat
+    // triangles, each strand must come out alike.
+    const auto sphere = makeSphere(1.0f, 6, 12);
+    const auto planeFlow = flowOf(*plane(), {1, 0, 0});
+    FlowSet sphereSet;
+    sphereSet.pins.push_back(
+        pinFromSurface(*sphere, sphere->closestPoint({0, 2, 0}).root, {1, 0, 0}));
+    const auto sphereFlow = FlowField::build(sphereSet, *sphere);
+    // A bumped plane with a column of its points moved onto the next: the triangles between
+    // have no area, and walks that reach them ask the tree.
+    const auto folded = [] {
+        auto mesh = std::make_shared<ScalpMesh>(*test::bumpedPlane());
+        std::vector<Vec3f> points = mesh->points();
+        for (Vec3f& p : points) {
+            if (std::fabs(p.x - 0.2f) < 0.05f) p.x = 0.0f;
+        }
+        mesh->setPoints(std::move(points));
+        return std::shared_ptr<const ScalpMesh>(mesh);
+    }();
+    const auto foldedFlow = flowOf(*folded, {1, 0, 0});
+    struct Case {
+        const ScalpMesh* scalp;
+        const FlowField* flow;
+        float length;
+    };
+    for (const Case& c :
+         {Case{head().get(), headFlow().get(), 3.0f}, Case{head().get(), planeFlow.get(), 3.0f},
+          Case{sphere.get(), sphereFlow.get(), 0.8f}, Case{folded.get(), foldedFlow.get(), 1.5f}}) {
+        const auto grown = test::scalpStrands(*c.scalp, 3600, 13, 9, c.length);
+        ASSERT_GE(grown->strandCount(), c.scalp->triangleCount());
+        StrandSet assorted;
+        for (std::size_t s = 0; s < grown->strandCount(); ++s) {
+            const auto points = grown->strandPoints(s);
+            const std::size_t n = s % 5 == 0 ? 1 + s % 12 : 9;
+            assorted.addStrand(grown->ids()[s], grown->roots()[s], points.first(n));
+        }
+        FlowSettings settings = flowing(25.0f, 0.5f, 10.0f);
+        settings.scalp = c.scalp;
+        settings.flow = c.flow;
+        const Points full = flowed(assorted, settings);
+        Points alone(assorted.points().begin(), assorted.points().end());
+        for (std::uint64_t s = 0; s < assorted.strandCount(); s += 7) {
+            const std::vector<std::uint64_t> one = {s};
+            flowStrands(assorted, settings, StrandSelection::only(one), alone);
+            const auto range = assorted.pointRange(s);
+            for (std::size_t k = 0; k < range.count; ++k)
+                ASSERT_EQ(alone[range.begin + k], full[range.begin + k]) << s << " " << k;
+        }
+        EXPECT_NE(full, Points(assorted.points().begin(), assorted.points().end()));
+        // The chunks, and so the sets of four, may fall elsewhere at another thread count.
+        const auto [one, two] =
+            test::onOneAndTwoThreads([&] { return flowed(assorted, settings); });
+        EXPECT_EQ(one, full);
+        EXPECT_EQ(two, full);
+    }
+}
+
 // groom -> node, with the scalp and flow as scene inputs.
 struct ShapeGraph {
     Graph graph;
