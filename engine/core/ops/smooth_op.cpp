@@ -1,6 +1,7 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
+#include <limits>
 #include <vector>
 
 #include "base/parallel.h"
@@ -11,6 +12,10 @@
 #include "ops/shape_kernels.h"
 #include "ops/shape_ops.h"
 #include "strands/strand_set.h"
+
+#if defined(__GNUC__) && (defined(__x86_64__) || defined(__i386__))
+#include <immintrin.h>
+#endif
 
 namespace velmorin {
 namespace {
@@ -25,6 +30,11 @@ constexpr int kReach = kPeriod + kSmoothCells + 2;
 // waiting on itself. Each lane does exactly what a lone strand would, so the bits don't depend on
 // which strands share a batch.
 constexpr int kLanes = 8;
+// A strand's cells as its resampling writes them: m + 1, and room past the tip for a segment's
+// run of eight that starts there.
+constexpr int kRowCells = kSmoothCells + 1 + 8;
+// The curve's cells in lanes, in whole blocks of eight for the transposes.
+constexpr int kCurveRows = (kSmoothCells + 1 + 7) / 8 * 8;
 
 using LaneRow = float[kLanes];
 
@@ -40,12 +50,32 @@ struct BoxWindow {
     float scale = 0.0f;  // 1 / width
     bool filters = false;
     std::array<int, kReach> mirrored{};
-    std::array<float, kSmoothCells + 1> steps{};  // j / m, each cell's share of the length
+    // j / m, each cell's share of the length, from cell -1 to past the tip (stepTable[j + 1]).
+    std::array<float, kRowCells + 2> stepTable{};
+
+    const float* steps() const { return stepTable.data() + 1; }
+
+    // How many of the cells 0 to m - 1 start at or before share `s`: the first cell of the segment
+    // that follows the point at share s. Truncating s * m is off by at most one either way, so
+    // the cells around it are counted by the same comparison the steps make; a share that is no
+    // number counts none.
+    int cellsUpTo(float s) const {
+        const float mf = static_cast<float>(m);
+        float at = s * mf;
+        if (!(at > 0.0f)) at = 0.0f;
+        if (at > mf) at = mf;
+        const int g = static_cast<int>(at);
+        const float* step = steps();
+        const int count = g - 1 + static_cast<int>(step[g - 1] <= s) +
+                          static_cast<int>(step[g] <= s) + static_cast<int>(step[g + 1] <= s);
+        return std::clamp(count, 0, m);
+    }
 
     void setUp(int cells, float strandScale) {
         m = cells;
-        for (int j = 0; j <= m; ++j)
-            steps[static_cast<std::size_t>(j)] = static_cast<float>(j) / static_cast<float>(m);
+        for (int j = -1; j <= kRowCells; ++j)
+            stepTable[static_cast<std::size_t>(j + 1)] =
+                static_cast<float>(j) / static_cast<float>(m);
         // Three boxes make a near Gaussian; a width of 2m or more averages the whole period.
         const float width =
             std::min(2.0f * strandScale * static_cast<float>(m), static_cast<float>(2 * m));
@@ -70,92 +100,171 @@ struct BoxWindow {
 };
 
 // A batch's cells, axis by axis, lane by lane: its strands at m + 1 equal arc steps, the segment
-// differences between them, and one axis's running sums.
-struct LaneCells {
-    LaneRow curve[3][kSmoothCells + 1];
-    LaneRow differences[3][kSmoothCells];
+// differences between them, the differences each box filter writes (the next reads them back from
+// the first rows) and one axis's running sums.
+struct alignas(32) LaneCells {
+    LaneRow curve[3][kCurveRows];
+    LaneRow differences[kSmoothCells];
+    LaneRow filtered[kSmoothCells];
     LaneRow sums[kReach + 1];  // from the window's low end
 };
 
-// One box filter over one axis's periodic differences, in every lane. The integral to either end
-// of a window is a running sum from the lowest end, plus the share of the cell it ends in (the step
-// from that sum to the next). The mirrored differences filter to mirrored values, so only the
-// first m are made.
+// A row of lanes as one vector (GCC's vector extension): the compiler makes it one AVX register
+// where the function is built for AVX, two SSE2 registers elsewhere, each lane rounding alike.
+using LaneVector = float __attribute__((vector_size(kLanes * sizeof(float))));
+
+// One box filter over one axis's periodic differences `in`, in every lane, into `out`. The
+// integral to either end of a window is a running sum from the lowest end, plus the share of the
+// cell it ends in (the step from that sum to the next). A window's high end is the sum just made,
+// so each cell's output follows its sum in the same step. The mirrored differences filter to
+// mirrored values, so only the first m are made.
 inline __attribute__((always_inline)) void boxFilter(const BoxWindow& box,
-                                                     LaneRow* __restrict differences,
+                                                     const LaneRow* __restrict in,
+                                                     LaneRow* __restrict out,
                                                      LaneRow* __restrict sums) {
-    // The running sum stays in registers; the lanes are written as a whole row.
-    float sum[kLanes] = {};
-    for (int l = 0; l < kLanes; ++l)
-        sums[0][l] = 0.0f;
-    for (int i = 0; i < box.count; ++i) {
-        const float* __restrict add = differences[box.mirrored[static_cast<std::size_t>(i)]];
-        float* __restrict row = sums[i + 1];
-        for (int l = 0; l < kLanes; ++l) {
-            sum[l] += add[l];
-            row[l] = sum[l];
-        }
+    const LaneVector lowShare = LaneVector{} + box.lowShare;
+    const LaneVector highShare = LaneVector{} + box.highShare;
+    const LaneVector scale = LaneVector{} + box.scale;
+    LaneVector sum{};
+    __builtin_memcpy(sums[0], &sum, sizeof sum);
+    const int reach = box.reach;
+    int i = 0;
+    for (; i < reach; ++i) {
+        LaneVector add;
+        __builtin_memcpy(&add, in[box.mirrored[static_cast<std::size_t>(i)]], sizeof add);
+        sum += add;
+        __builtin_memcpy(sums[i + 1], &sum, sizeof sum);
     }
-    const float lowShare = box.lowShare, highShare = box.highShare, scale = box.scale;
-    for (int j = 0; j < box.m; ++j) {
-        const float* __restrict from = sums[j];
-        const float* __restrict fromNext = sums[j + 1];
-        const float* __restrict to = sums[j + box.reach];
-        const float* __restrict toNext = sums[j + box.reach + 1];
-        float* __restrict out = differences[j];
-        for (int l = 0; l < kLanes; ++l) {
-            const float upper = to[l] + (toNext[l] - to[l]) * highShare;
-            const float lower = from[l] + (fromNext[l] - from[l]) * lowShare;
-            out[l] = (upper - lower) * scale;
-        }
+    for (; i < box.count; ++i) {
+        LaneVector add, from, fromNext;
+        __builtin_memcpy(&add, in[box.mirrored[static_cast<std::size_t>(i)]], sizeof add);
+        const LaneVector to = sum;
+        sum += add;
+        __builtin_memcpy(sums[i + 1], &sum, sizeof sum);
+        const int j = i - reach;
+        __builtin_memcpy(&from, sums[j], sizeof from);
+        __builtin_memcpy(&fromNext, sums[j + 1], sizeof fromNext);
+        const LaneVector upper = to + (sum - to) * highShare;
+        const LaneVector lower = from + (fromNext - from) * lowShare;
+        const LaneVector filteredRow = (upper - lower) * scale;
+        __builtin_memcpy(out[j], &filteredRow, sizeof filteredRow);
     }
 }
 
 // A batch's cells smoothed, axis by axis: the differences between the cells, three box filters
-// over them and the curve rebuilt from the root by their sums. Lanes from `used` on run on zeros,
-// never on what a denormal or a NaN would slow.
-inline __attribute__((always_inline)) void filterLanes(const BoxWindow& box, LaneCells& cells,
-                                                       int used) {
+// over them and the curve rebuilt from the root by their sums.
+inline __attribute__((always_inline)) void filterLanes(const BoxWindow& box, LaneCells& cells) {
     const int m = box.m;
     for (int axis = 0; axis < 3; ++axis) {
         LaneRow* __restrict curve = cells.curve[axis];
-        LaneRow* __restrict differences = cells.differences[axis];
-        for (int j = 0; j <= m; ++j)
-            for (int l = used; l < kLanes; ++l)
-                curve[j][l] = 0.0f;
+        LaneRow* __restrict differences = cells.differences;
+        LaneRow* __restrict filtered = cells.filtered;
         for (int j = 0; j < m; ++j)
             for (int l = 0; l < kLanes; ++l)
                 differences[j][l] = curve[j + 1][l] - curve[j][l];
         // Mirrored to a period of 2m, the differences run back the way they came, which keeps
         // the directions at the root and the tip.
+        const LaneRow* smoothed = differences;
         if (box.filters) {
-            for (int pass = 0; pass < 3; ++pass)
-                boxFilter(box, differences, cells.sums);
+            boxFilter(box, differences, filtered, cells.sums);
+            boxFilter(box, filtered, differences, cells.sums);
+            boxFilter(box, differences, filtered, cells.sums);
+            smoothed = filtered;
         }
         for (int j = 0; j < m; ++j)
             for (int l = 0; l < kLanes; ++l)
-                curve[j + 1][l] = curve[j][l] + differences[j][l];
+                curve[j + 1][l] = curve[j][l] + smoothed[j][l];
+    }
+}
+
+// Eight cells of one axis on one segment: base + slope * t at the cells' shares t.
+inline void writeCells(float* __restrict row, const float* __restrict steps, float base,
+                       float slope) {
+    for (int i = 0; i < 8; ++i)
+        row[i] = base + slope * steps[i];
+}
+
+// Each strand's cells, axis by axis, as its resampling writes them.
+using StrandRows = float[3][kRowCells];
+
+// Cells 0 to `cells` - 1 of each strand's rows into lanes, four cells of four strands at a time.
+// The stores are as wide as the filter's loads, so that each load finds one store to take its
+// value from.
+inline __attribute__((always_inline)) void rowsToLanes(const StrandRows* rows,
+                                                       LaneRow (*curve)[kCurveRows], int cells) {
+    for (int axis = 0; axis < 3; ++axis) {
+#if VELMORIN_SSE_LANES
+        for (int j = 0; j < cells; j += 4) {
+            for (int l = 0; l < kLanes; l += 4) {
+                __m128 a = _mm_loadu_ps(rows[l][axis] + j);
+                __m128 b = _mm_loadu_ps(rows[l + 1][axis] + j);
+                __m128 c = _mm_loadu_ps(rows[l + 2][axis] + j);
+                __m128 d = _mm_loadu_ps(rows[l + 3][axis] + j);
+                _MM_TRANSPOSE4_PS(a, b, c, d);
+                _mm_storeu_ps(curve[axis][j] + l, a);
+                _mm_storeu_ps(curve[axis][j + 1] + l, b);
+                _mm_storeu_ps(curve[axis][j + 2] + l, c);
+                _mm_storeu_ps(curve[axis][j + 3] + l, d);
+            }
+        }
+#else
+        for (int j = 0; j < cells; ++j)
+            for (int l = 0; l < kLanes; ++l)
+                curve[axis][j][l] = rows[l][axis][j];
+#endif
     }
 }
 
 #if defined(__GNUC__) && (defined(__x86_64__) || defined(__i386__))
 // The same steps eight lanes to an instruction, on processors with AVX. Its operations round as
-// SSE2's do and there is no fused multiply-add, so both give the same bits.
-__attribute__((target("avx"))) void filterLanesWide(const BoxWindow& box, LaneCells& cells,
-                                                    int used) {
-    filterLanes(box, cells, used);
+// SSE2's do and there is no fused multiply-add, so both give the same bits. The transposes are
+// eight by eight here, so that the filter's loads of eight lanes each find one store.
+__attribute__((target("avx"))) void rowsToLanesWide(const StrandRows* rows,
+                                                    LaneRow (*curve)[kCurveRows], int cells) {
+    for (int axis = 0; axis < 3; ++axis) {
+        for (int j = 0; j < cells; j += 8) {
+            __m256 r[8];
+            for (int l = 0; l < kLanes; ++l)
+                r[l] = _mm256_loadu_ps(rows[l][axis] + j);
+            const __m256 t0 = _mm256_unpacklo_ps(r[0], r[1]), t1 = _mm256_unpackhi_ps(r[0], r[1]);
+            const __m256 t2 = _mm256_unpacklo_ps(r[2], r[3]), t3 = _mm256_unpackhi_ps(r[2], r[3]);
+            const __m256 t4 = _mm256_unpacklo_ps(r[4], r[5]), t5 = _mm256_unpackhi_ps(r[4], r[5]);
+            const __m256 t6 = _mm256_unpacklo_ps(r[6], r[7]), t7 = _mm256_unpackhi_ps(r[6], r[7]);
+            const __m256 u0 = _mm256_shuffle_ps(t0, t2, 0x44), u1 = _mm256_shuffle_ps(t0, t2, 0xEE);
+            const __m256 u2 = _mm256_shuffle_ps(t1, t3, 0x44), u3 = _mm256_shuffle_ps(t1, t3, 0xEE);
+            const __m256 u4 = _mm256_shuffle_ps(t4, t6, 0x44), u5 = _mm256_shuffle_ps(t4, t6, 0xEE);
+            const __m256 u6 = _mm256_shuffle_ps(t5, t7, 0x44), u7 = _mm256_shuffle_ps(t5, t7, 0xEE);
+            const __m256 columns[8] = {
+                _mm256_permute2f128_ps(u0, u4, 0x20), _mm256_permute2f128_ps(u1, u5, 0x20),
+                _mm256_permute2f128_ps(u2, u6, 0x20), _mm256_permute2f128_ps(u3, u7, 0x20),
+                _mm256_permute2f128_ps(u0, u4, 0x31), _mm256_permute2f128_ps(u1, u5, 0x31),
+                _mm256_permute2f128_ps(u2, u6, 0x31), _mm256_permute2f128_ps(u3, u7, 0x31)};
+            for (int i = 0; i < 8; ++i)
+                _mm256_storeu_ps(curve[axis][j + i], columns[i]);
+        }
+    }
 }
 
-void filterCells(const BoxWindow& box, LaneCells& cells, int used) {
+__attribute__((target("avx"))) void filterLanesWide(const BoxWindow& box, const StrandRows* rows,
+                                                    LaneCells& cells) {
+    rowsToLanesWide(rows, cells.curve, box.m + 1);
+    filterLanes(box, cells);
+}
+
+// The batch's cells into lanes and smoothed there.
+void filterCells(const BoxWindow& box, const StrandRows* rows, LaneCells& cells) {
     static const bool wide = __builtin_cpu_supports("avx");
-    if (wide)
-        filterLanesWide(box, cells, used);
-    else
-        filterLanes(box, cells, used);
+    if (wide) {
+        filterLanesWide(box, rows, cells);
+    } else {
+        rowsToLanes(rows, cells.curve, box.m + 1);
+        filterLanes(box, cells);
+    }
 }
 #else
-void filterCells(const BoxWindow& box, LaneCells& cells, int used) {
-    filterLanes(box, cells, used);
+void filterCells(const BoxWindow& box, const StrandRows* rows, LaneCells& cells) {
+    rowsToLanes(rows, cells.curve, box.m + 1);
+    filterLanes(box, cells);
 }
 #endif
 
@@ -186,61 +295,68 @@ class SmoothBatch {
         entry.lengths = lengthScratch_[static_cast<std::size_t>(lane)].take(n);
         // The arc shares as arcShares makes them, with each segment's length kept for the push
         // back.
+        segmentLengths(strand, entry.lengths);
         float total = 0.0f;
         entry.shares[0] = 0.0f;
         for (std::size_t k = 1; k < n; ++k) {
-            entry.lengths[k] = length(strand[k] - strand[k - 1]);
             total += entry.lengths[k];
             entry.shares[k] = total;
         }
-        if (!(total > 0.0f)) return;
+        // A strand of no length, or of none a float can share out, stays as it is.
         const float toShare = 1.0f / total;
+        if (!(toShare > 0.0f && toShare <= std::numeric_limits<float>::max())) return;
         for (std::size_t k = 1; k < n; ++k)
             entry.shares[k] *= toShare;
         entry.points = strand;
         entry.out = out;
         entry.strength = strength;
 
-        // The strand at m + 1 equal arc steps: each cell on the first segment that reaches its
-        // share of the length. On segment k the strand is base[k] + slope[k] * t, both made once
-        // for all its cells (a segment of no length holds its end). The cells step on to the next
-        // segment without a branch, at most once a cell but for segments shorter than a cell, so
-        // that the processor has no guess to miss at every segment's end.
+        // The strand at m + 1 equal arc steps, segment by segment: each cell lies on the first
+        // segment that reaches its share of the length, so segment k holds the cells from the
+        // count of those at or before point k - 1's share to the count of those at or before
+        // point k's. On segment k the strand is base + slope * t (a segment of no length holds its
+        // end). Each segment writes eight cells at a time from its first, and the next writes
+        // over what ran past its own, so no cell waits on the one before it to find its segment.
         const float* share = entry.shares.data();
-        Vec3f* base = baseScratch_.take(n).data();
-        Vec3f* slope = slopeScratch_.take(n).data();
-        for (std::size_t k = 1; k < n; ++k) {
-            const float span = share[k] - share[k - 1];
-            if (span > 0.0f) {
-                slope[k] = (strand[k] - strand[k - 1]) * (1.0f / span);
-                base[k] = strand[k - 1] - slope[k] * share[k - 1];
-            } else {
-                slope[k] = Vec3f{};
-                base[k] = strand[k];
-            }
-        }
+        const float* steps = box_.steps();
+        float* rx = rows_[lane][0];
+        float* ry = rows_[lane][1];
+        float* rz = rows_[lane][2];
         const std::size_t last = n - 1;
-        std::size_t segment = 1;
-        for (int j = 0; j < m; ++j) {
-            const float t = box_.steps[static_cast<std::size_t>(j)];
-            segment += static_cast<std::size_t>((segment < last) & (share[segment] < t));
-            while (segment < last && share[segment] < t)
-                ++segment;
-            const Vec3f at = base[segment] + slope[segment] * t;
-            cells_.curve[0][j][lane] = at.x;
-            cells_.curve[1][j][lane] = at.y;
-            cells_.curve[2][j][lane] = at.z;
+        int first = 0;
+        for (std::size_t k = 1; k <= last; ++k) {
+            const int next = k < last ? box_.cellsUpTo(share[k]) : m;
+            const float span = share[k] - share[k - 1];
+            Vec3f slope, base;
+            if (span > 0.0f) {
+                slope = (strand[k] - strand[k - 1]) * (1.0f / span);
+                base = strand[k - 1] - slope * share[k - 1];
+            } else {
+                base = strand[k];
+            }
+            int j = first;
+            do {
+                writeCells(rx + j, steps + j, base.x, slope.x);
+                writeCells(ry + j, steps + j, base.y, slope.y);
+                writeCells(rz + j, steps + j, base.z, slope.z);
+                j += 8;
+            } while (j < next);
+            first = next;
         }
-        cells_.curve[0][m][lane] = strand[n - 1].x;
-        cells_.curve[1][m][lane] = strand[n - 1].y;
-        cells_.curve[2][m][lane] = strand[n - 1].z;
+        rx[m] = strand[last].x;
+        ry[m] = strand[last].y;
+        rz[m] = strand[last].z;
         if (++count_ == kLanes) flush();
     }
 
     // Smooths the strands taken in and writes them out.
     void flush() {
         if (count_ == 0) return;
-        filterCells(box_, cells_, count_);
+        // Lanes without a strand run on zeros, never on what a denormal or a NaN would slow.
+        for (int lane = count_; lane < kLanes; ++lane)
+            for (int axis = 0; axis < 3; ++axis)
+                std::fill_n(rows_[lane][axis], kCurveRows, 0.0f);
+        filterCells(box_, rows_, cells_);
         for (int lane = 0; lane < count_; ++lane)
             writeOut(lane);
         count_ = 0;
@@ -255,9 +371,9 @@ class SmoothBatch {
         const std::size_t n = strand.size();
         const int m = box_.m;
         const std::span<Vec3f> mixed = mixedScratch_.take(n);
-        const LaneRow(&x)[kSmoothCells + 1] = cells_.curve[0];
-        const LaneRow(&y)[kSmoothCells + 1] = cells_.curve[1];
-        const LaneRow(&z)[kSmoothCells + 1] = cells_.curve[2];
+        const LaneRow(&x)[kCurveRows] = cells_.curve[0];
+        const LaneRow(&y)[kCurveRows] = cells_.curve[1];
+        const LaneRow(&z)[kCurveRows] = cells_.curve[2];
         for (std::size_t k = 0; k < n; ++k) {
             const float at = entry.shares[k] * static_cast<float>(m);
             const int cell = std::min(static_cast<int>(at), m - 1);
@@ -286,9 +402,8 @@ class SmoothBatch {
     // Per point: on the stack for strands of ordinary length.
     std::array<StrandScratch<float>, kLanes> shareScratch_;
     std::array<StrandScratch<float>, kLanes> lengthScratch_;
-    StrandScratch<Vec3f> baseScratch_;
-    StrandScratch<Vec3f> slopeScratch_;
     StrandScratch<Vec3f> mixedScratch_;
+    alignas(16) StrandRows rows_[kLanes] = {};
 };
 
 }  // namespace
