@@ -101,80 +101,94 @@ struct BoxWindow {
 
 // A batch's cells, axis by axis, lane by lane: its strands at m + 1 equal arc steps, the segment
 // differences between them, the differences each box filter writes (the next reads them back from
-// the first rows) and one axis's running sums.
+// the first rows) and the running sums.
 struct alignas(32) LaneCells {
     LaneRow curve[3][kCurveRows];
-    LaneRow differences[kSmoothCells];
-    LaneRow filtered[kSmoothCells];
-    LaneRow sums[kReach + 1];  // from the window's low end
+    LaneRow differences[kSmoothCells][3];
+    LaneRow filtered[kSmoothCells][3];
+    LaneRow sums[kReach + 1][3];  // from the window's low end
 };
 
 // A row of lanes as one vector (GCC's vector extension): the compiler makes it one AVX register
 // where the function is built for AVX, two SSE2 registers elsewhere, each lane rounding alike.
 using LaneVector = float __attribute__((vector_size(kLanes * sizeof(float))));
 
-// One box filter over one axis's periodic differences `in`, in every lane, into `out`. The
-// integral to either end of a window is a running sum from the lowest end, plus the share of the
-// cell it ends in (the step from that sum to the next). A window's high end is the sum just made,
-// so each cell's output follows its sum in the same step. The mirrored differences filter to
+// One box filter over the periodic differences `in` of the three axes, in every lane, into `out`.
+// The integral to either end of a window is a running sum from the lowest end, plus the share of
+// the cell it ends in of that cell's difference. A window's high end is the sum just made, so each
+// cell's output follows its sum in the same step. The axes run side by side, so that each step
+// has three sums to add rather than one waiting on the last. The mirrored differences filter to
 // mirrored values, so only the first m are made.
 inline __attribute__((always_inline)) void boxFilter(const BoxWindow& box,
-                                                     const LaneRow* __restrict in,
-                                                     LaneRow* __restrict out,
-                                                     LaneRow* __restrict sums) {
+                                                     const LaneRow (*__restrict in)[3],
+                                                     LaneRow (*__restrict out)[3],
+                                                     LaneRow (*__restrict sums)[3]) {
     const LaneVector lowShare = LaneVector{} + box.lowShare;
     const LaneVector highShare = LaneVector{} + box.highShare;
     const LaneVector scale = LaneVector{} + box.scale;
-    LaneVector sum{};
-    __builtin_memcpy(sums[0], &sum, sizeof sum);
+    LaneVector sum[3] = {};
+    __builtin_memcpy(sums[0], sum, sizeof sum);
     const int reach = box.reach;
     int i = 0;
     for (; i < reach; ++i) {
-        LaneVector add;
-        __builtin_memcpy(&add, in[box.mirrored[static_cast<std::size_t>(i)]], sizeof add);
-        sum += add;
-        __builtin_memcpy(sums[i + 1], &sum, sizeof sum);
+        LaneVector add[3];
+        __builtin_memcpy(add, in[box.mirrored[static_cast<std::size_t>(i)]], sizeof add);
+        for (int axis = 0; axis < 3; ++axis)
+            sum[axis] += add[axis];
+        __builtin_memcpy(sums[i + 1], sum, sizeof sum);
     }
     for (; i < box.count; ++i) {
-        LaneVector add, from, fromNext;
-        __builtin_memcpy(&add, in[box.mirrored[static_cast<std::size_t>(i)]], sizeof add);
-        const LaneVector to = sum;
-        sum += add;
-        __builtin_memcpy(sums[i + 1], &sum, sizeof sum);
         const int j = i - reach;
-        __builtin_memcpy(&from, sums[j], sizeof from);
-        __builtin_memcpy(&fromNext, sums[j + 1], sizeof fromNext);
-        const LaneVector upper = to + (sum - to) * highShare;
-        const LaneVector lower = from + (fromNext - from) * lowShare;
-        const LaneVector filteredRow = (upper - lower) * scale;
-        __builtin_memcpy(out[j], &filteredRow, sizeof filteredRow);
+        LaneVector add[3], low[3], from[3], filteredRow[3];
+        __builtin_memcpy(add, in[box.mirrored[static_cast<std::size_t>(i)]], sizeof add);
+        __builtin_memcpy(low, in[box.mirrored[static_cast<std::size_t>(j)]], sizeof low);
+        __builtin_memcpy(from, sums[j], sizeof from);
+        for (int axis = 0; axis < 3; ++axis) {
+            const LaneVector to = sum[axis];
+            sum[axis] += add[axis];
+            // The whole cells between the window's ends, the high end's share of the cell it
+            // ends in, less the low end's of the cell it starts in.
+            filteredRow[axis] =
+                ((to - from[axis]) + add[axis] * highShare - low[axis] * lowShare) * scale;
+        }
+        __builtin_memcpy(sums[i + 1], sum, sizeof sum);
+        __builtin_memcpy(out[j], filteredRow, sizeof filteredRow);
     }
 }
 
-// A batch's cells smoothed, axis by axis: the differences between the cells, three box filters
-// over them and the curve rebuilt from the root by their sums.
+// A batch's cells smoothed: the differences between the cells, three box filters over them and
+// the curve rebuilt from the root by their sums.
 inline __attribute__((always_inline)) void filterLanes(const BoxWindow& box, LaneCells& cells) {
     const int m = box.m;
-    for (int axis = 0; axis < 3; ++axis) {
-        LaneRow* __restrict curve = cells.curve[axis];
-        LaneRow* __restrict differences = cells.differences;
-        LaneRow* __restrict filtered = cells.filtered;
-        for (int j = 0; j < m; ++j)
+    LaneRow(*__restrict differences)[3] = cells.differences;
+    LaneRow(*__restrict filtered)[3] = cells.filtered;
+    for (int j = 0; j < m; ++j)
+        for (int axis = 0; axis < 3; ++axis)
             for (int l = 0; l < kLanes; ++l)
-                differences[j][l] = curve[j + 1][l] - curve[j][l];
-        // Mirrored to a period of 2m, the differences run back the way they came, which keeps
-        // the directions at the root and the tip.
-        const LaneRow* smoothed = differences;
-        if (box.filters) {
-            boxFilter(box, differences, filtered, cells.sums);
-            boxFilter(box, filtered, differences, cells.sums);
-            boxFilter(box, differences, filtered, cells.sums);
-            smoothed = filtered;
-        }
-        for (int j = 0; j < m; ++j)
-            for (int l = 0; l < kLanes; ++l)
-                curve[j + 1][l] = curve[j][l] + smoothed[j][l];
+                differences[j][axis][l] = cells.curve[axis][j + 1][l] - cells.curve[axis][j][l];
+    // Mirrored to a period of 2m, the differences run back the way they came, which keeps the
+    // directions at the root and the tip.
+    const LaneRow(*smoothed)[3] = differences;
+    if (box.filters) {
+        boxFilter(box, differences, filtered, cells.sums);
+        boxFilter(box, filtered, differences, cells.sums);
+        boxFilter(box, differences, filtered, cells.sums);
+        smoothed = filtered;
     }
+    for (int j = 0; j < m; ++j)
+        for (int axis = 0; axis < 3; ++axis)
+            for (int l = 0; l < kLanes; ++l)
+                cells.curve[axis][j + 1][l] = cells.curve[axis][j][l] + smoothed[j][axis][l];
+}
+
+// The square root of one float as std::sqrt makes it, without the check for errno's sake that
+// keeps the compiler from a single instruction.
+inline float squareRoot(float v) {
+#if VELMORIN_SSE_LANES
+    return _mm_cvtss_f32(_mm_sqrt_ss(_mm_set_ss(v)));
+#else
+    return std::sqrt(v);
+#endif
 }
 
 // Eight cells of one axis on one segment: base + slope * t at the cells' shares t.
@@ -245,27 +259,7 @@ __attribute__((target("avx"))) void rowsToLanesWide(const StrandRows* rows,
     }
 }
 
-__attribute__((target("avx"))) void filterLanesWide(const BoxWindow& box, const StrandRows* rows,
-                                                    LaneCells& cells) {
-    rowsToLanesWide(rows, cells.curve, box.m + 1);
-    filterLanes(box, cells);
-}
-
-// The batch's cells into lanes and smoothed there.
-void filterCells(const BoxWindow& box, const StrandRows* rows, LaneCells& cells) {
-    static const bool wide = __builtin_cpu_supports("avx");
-    if (wide) {
-        filterLanesWide(box, rows, cells);
-    } else {
-        rowsToLanes(rows, cells.curve, box.m + 1);
-        filterLanes(box, cells);
-    }
-}
-#else
-void filterCells(const BoxWindow& box, const StrandRows* rows, LaneCells& cells) {
-    rowsToLanes(rows, cells.curve, box.m + 1);
-    filterLanes(box, cells);
-}
+#define VELMORIN_SMOOTH_AVX 1
 #endif
 
 // The strands of one batch: where each lane's strand lies and what it keeps for the read back.
@@ -278,12 +272,19 @@ struct LaneStrand {
 };
 
 // Smooths up to kLanes strands of the same cell count through their cells and writes them out.
+// Built twice, for SSE2 and for AVX (kWide), every step inlined into the chunk that runs it, so
+// that the loops along a strand's points and cells take the wider lanes where the processor has
+// them; both round alike, so they give the same bits.
+template <bool kWide>
 class SmoothBatch {
   public:
-    explicit SmoothBatch(const SmoothSettings& settings) : settings_(settings) {}
+    explicit SmoothBatch(const SmoothSettings& settings)
+        : settings_(settings), flatProfile_(settings.profile.keys.empty()) {}
 
     // Takes a strand in, smoothing the batch first when it is full or made for another cell count.
-    void add(std::span<const Vec3f> strand, Vec3f* out, float strength) {
+    // A strand of no length, or of none a float can share out, is copied as it is.
+    __attribute__((always_inline)) void add(std::span<const Vec3f> strand, Vec3f* out,
+                                            float strength) {
         const std::size_t n = strand.size();
         // About four cells a segment, 127 at most.
         const int m = static_cast<int>(std::min<std::size_t>(kSmoothCells, 4 * (n - 1)));
@@ -293,20 +294,22 @@ class SmoothBatch {
         LaneStrand& entry = lanes_[static_cast<std::size_t>(lane)];
         entry.shares = shareScratch_[static_cast<std::size_t>(lane)].take(n);
         entry.lengths = lengthScratch_[static_cast<std::size_t>(lane)].take(n);
+        float* __restrict share = entry.shares.data();
+        float* __restrict lengths = entry.lengths.data();
         // The arc shares as arcShares makes them, with each segment's length kept for the push
         // back.
         segmentLengths(strand, entry.lengths);
         float total = 0.0f;
-        entry.shares[0] = 0.0f;
+        share[0] = 0.0f;
         for (std::size_t k = 1; k < n; ++k) {
-            total += entry.lengths[k];
-            entry.shares[k] = total;
+            total += lengths[k];
+            share[k] = total;
         }
-        // A strand of no length, or of none a float can share out, stays as it is.
         const float toShare = 1.0f / total;
-        if (!(toShare > 0.0f && toShare <= std::numeric_limits<float>::max())) return;
-        for (std::size_t k = 1; k < n; ++k)
-            entry.shares[k] *= toShare;
+        if (!(toShare > 0.0f && toShare <= std::numeric_limits<float>::max())) {
+            std::copy(strand.begin(), strand.end(), out);
+            return;
+        }
         entry.points = strand;
         entry.out = out;
         entry.strength = strength;
@@ -317,22 +320,24 @@ class SmoothBatch {
         // point k's. On segment k the strand is base + slope * t (a segment of no length holds its
         // end). Each segment writes eight cells at a time from its first, and the next writes
         // over what ran past its own, so no cell waits on the one before it to find its segment.
-        const float* share = entry.shares.data();
+        // The shares are made here too, one at a time: a short loop of scalars read back as
+        // vectors would wait for every store.
+        const std::size_t last = n - 1;
         const float* steps = box_.steps();
         float* rx = rows_[lane][0];
         float* ry = rows_[lane][1];
         float* rz = rows_[lane][2];
-        const std::size_t last = n - 1;
         int first = 0;
+        float before = 0.0f;
         for (std::size_t k = 1; k <= last; ++k) {
-            const int next = k < last ? box_.cellsUpTo(share[k]) : m;
-            const float span = share[k] - share[k - 1];
-            Vec3f slope, base;
+            const float at = share[k] * toShare;
+            share[k] = at;
+            const int next = k < last ? box_.cellsUpTo(at) : m;
+            const float span = at - before;
+            Vec3f slope, base = strand[k];
             if (span > 0.0f) {
                 slope = (strand[k] - strand[k - 1]) * (1.0f / span);
-                base = strand[k - 1] - slope * share[k - 1];
-            } else {
-                base = strand[k];
+                base = strand[k - 1] - slope * before;
             }
             int j = first;
             do {
@@ -342,6 +347,7 @@ class SmoothBatch {
                 j += 8;
             } while (j < next);
             first = next;
+            before = at;
         }
         rx[m] = strand[last].x;
         ry[m] = strand[last].y;
@@ -350,13 +356,21 @@ class SmoothBatch {
     }
 
     // Smooths the strands taken in and writes them out.
-    void flush() {
+    __attribute__((always_inline)) void flush() {
         if (count_ == 0) return;
         // Lanes without a strand run on zeros, never on what a denormal or a NaN would slow.
         for (int lane = count_; lane < kLanes; ++lane)
             for (int axis = 0; axis < 3; ++axis)
                 std::fill_n(rows_[lane][axis], kCurveRows, 0.0f);
-        filterCells(box_, rows_, cells_);
+#if VELMORIN_SMOOTH_AVX
+        if constexpr (kWide)
+            rowsToLanesWide(rows_, cells_.curve, box_.m + 1);
+        else
+            rowsToLanes(rows_, cells_.curve, box_.m + 1);
+#else
+        rowsToLanes(rows_, cells_.curve, box_.m + 1);
+#endif
+        filterLanes(box_, cells_);
         for (int lane = 0; lane < count_; ++lane)
             writeOut(lane);
         count_ = 0;
@@ -365,36 +379,110 @@ class SmoothBatch {
   private:
     // Reads lane `lane`'s smoothed curve back at its strand's own arcs, mixes it with the strand
     // and pushes each point back to keep the strand's segment lengths.
-    void writeOut(int lane) {
+    __attribute__((always_inline)) void writeOut(int lane) {
         const LaneStrand& entry = lanes_[static_cast<std::size_t>(lane)];
         const std::span<const Vec3f> strand = entry.points;
         const std::size_t n = strand.size();
         const int m = box_.m;
-        const std::span<Vec3f> mixed = mixedScratch_.take(n);
+        const float* __restrict share = entry.shares.data();
+        const float* __restrict lengths = entry.lengths.data();
         const LaneRow(&x)[kCurveRows] = cells_.curve[0];
         const LaneRow(&y)[kCurveRows] = cells_.curve[1];
         const LaneRow(&z)[kCurveRows] = cells_.curve[2];
-        for (std::size_t k = 0; k < n; ++k) {
-            const float at = entry.shares[k] * static_cast<float>(m);
-            const int cell = std::min(static_cast<int>(at), m - 1);
+        // Each segment takes the mixed shape's direction at its own length. Four points at a time
+        // in SSE lanes, whose square roots and divisions round as the scalar ones after them do.
+        Vec3f* out = entry.out;
+        Vec3f mixedBefore = strand[0], at = strand[0];
+        out[0] = at;
+        std::size_t k = 1;
+#if VELMORIN_SSE_LANES
+        const __m128 cellCount = _mm_set1_ps(static_cast<float>(m));
+        const __m128 lastCell = _mm_set1_ps(static_cast<float>(m - 1));
+        const __m128 tiny = _mm_set1_ps(1e-20f), one = _mm_set1_ps(1.0f);
+        __m128 beforeX = _mm_set1_ps(mixedBefore.x), beforeY = _mm_set1_ps(mixedBefore.y);
+        __m128 beforeZ = _mm_set1_ps(mixedBefore.z);
+        // [last of before, first three of now]: each point's predecessor.
+        const auto previous = [](__m128 before, __m128 now) {
+            const __m128 t = _mm_shuffle_ps(before, now, _MM_SHUFFLE(0, 0, 3, 3));
+            return _mm_shuffle_ps(t, now, _MM_SHUFFLE(2, 1, 2, 0));
+        };
+        for (; k + 4 <= n; k += 4) {
+            const __m128 arc = _mm_mul_ps(_mm_loadu_ps(share + k), cellCount);
+            const __m128 cellAt = _mm_min_ps(_mm_cvtepi32_ps(_mm_cvttps_epi32(arc)), lastCell);
+            const __m128 f = _mm_sub_ps(arc, cellAt);
+            alignas(16) std::int32_t cell[4];
+            _mm_store_si128(reinterpret_cast<__m128i*>(cell), _mm_cvttps_epi32(cellAt));
+            __m128 weight = _mm_set1_ps(entry.strength);
+            if (!flatProfile_)
+                weight = _mm_mul_ps(weight, _mm_setr_ps(settings_.profile.at(share[k]),
+                                                        settings_.profile.at(share[k + 1]),
+                                                        settings_.profile.at(share[k + 2]),
+                                                        settings_.profile.at(share[k + 3])));
+            const Vec3f* p = strand.data() + k;
+            // The smoothed curve read back between the cells around each point's share, and
+            // mixed with the point.
+            const auto mix = [&](const LaneRow* row, __m128 point) {
+                const __m128 low = _mm_setr_ps(row[cell[0]][lane], row[cell[1]][lane],
+                                               row[cell[2]][lane], row[cell[3]][lane]);
+                const __m128 high = _mm_setr_ps(row[cell[0] + 1][lane], row[cell[1] + 1][lane],
+                                                row[cell[2] + 1][lane], row[cell[3] + 1][lane]);
+                const __m128 smooth = _mm_add_ps(low, _mm_mul_ps(_mm_sub_ps(high, low), f));
+                return _mm_add_ps(point, _mm_mul_ps(_mm_sub_ps(smooth, point), weight));
+            };
+            const __m128 mx = mix(x, _mm_setr_ps(p[0].x, p[1].x, p[2].x, p[3].x));
+            const __m128 my = mix(y, _mm_setr_ps(p[0].y, p[1].y, p[2].y, p[3].y));
+            const __m128 mz = mix(z, _mm_setr_ps(p[0].z, p[1].z, p[2].z, p[3].z));
+            const __m128 tx = _mm_sub_ps(mx, previous(beforeX, mx));
+            const __m128 ty = _mm_sub_ps(my, previous(beforeY, my));
+            const __m128 tz = _mm_sub_ps(mz, previous(beforeZ, mz));
+            beforeX = mx;
+            beforeY = my;
+            beforeZ = mz;
+            const __m128 size = _mm_sqrt_ps(
+                _mm_add_ps(_mm_add_ps(_mm_mul_ps(tx, tx), _mm_mul_ps(ty, ty)), _mm_mul_ps(tz, tz)));
+            const __m128 sized = _mm_cmpgt_ps(size, tiny);
+            const __m128 inverse =
+                _mm_div_ps(one, _mm_or_ps(_mm_and_ps(sized, size), _mm_andnot_ps(sized, one)));
+            const __m128 kept = _mm_loadu_ps(lengths + k);
+            alignas(16) float sx[4], sy[4], sz[4];
+            _mm_store_ps(sx, _mm_mul_ps(_mm_mul_ps(tx, inverse), kept));
+            _mm_store_ps(sy, _mm_mul_ps(_mm_mul_ps(ty, inverse), kept));
+            _mm_store_ps(sz, _mm_mul_ps(_mm_mul_ps(tz, inverse), kept));
+            const int hasSize = _mm_movemask_ps(sized);
+            for (std::size_t i = 0; i < 4; ++i) {
+                Vec3f step{sx[i], sy[i], sz[i]};
+                // Where the mixed shape folds a segment to nothing, it keeps its direction.
+                if (!((hasSize >> i) & 1))
+                    step = normalized(strand[k + i] - strand[k + i - 1]) * lengths[k + i];
+                at = at + step;
+                out[k + i] = at;
+            }
+        }
+        mixedBefore = {_mm_cvtss_f32(_mm_shuffle_ps(beforeX, beforeX, _MM_SHUFFLE(3, 3, 3, 3))),
+                       _mm_cvtss_f32(_mm_shuffle_ps(beforeY, beforeY, _MM_SHUFFLE(3, 3, 3, 3))),
+                       _mm_cvtss_f32(_mm_shuffle_ps(beforeZ, beforeZ, _MM_SHUFFLE(3, 3, 3, 3)))};
+#endif
+        for (; k < n; ++k) {
+            const float arc = share[k] * static_cast<float>(m);
+            const int cell = std::min(static_cast<int>(arc), m - 1);
             const Vec3f low{x[cell][lane], y[cell][lane], z[cell][lane]};
             const Vec3f high{x[cell + 1][lane], y[cell + 1][lane], z[cell + 1][lane]};
-            const Vec3f smooth = lerp(low, high, at - static_cast<float>(cell));
-            mixed[k] = lerp(strand[k], smooth,
-                            entry.strength * profileAt(settings_.profile, entry.shares[k]));
-        }
-        // Each segment takes the mixed shape's direction at its own length.
-        Vec3f* out = entry.out;
-        for (std::size_t k = 1; k < n; ++k) {
-            const Vec3f turned = mixed[k] - mixed[k - 1];
-            const float turnedLength = length(turned);
-            const Vec3f along = turnedLength > 1e-20f ? turned * (1.0f / turnedLength)
-                                                      : normalized(strand[k] - strand[k - 1]);
-            out[k] = out[k - 1] + along * entry.lengths[k];
+            const Vec3f smooth = lerp(low, high, arc - static_cast<float>(cell));
+            const float weight =
+                flatProfile_ ? entry.strength : entry.strength * settings_.profile.at(share[k]);
+            const Vec3f mixed = lerp(strand[k], smooth, weight);
+            const Vec3f turned = mixed - mixedBefore;
+            mixedBefore = mixed;
+            const float size = squareRoot(dot(turned, turned));
+            const Vec3f along =
+                size > 1e-20f ? turned * (1.0f / size) : normalized(strand[k] - strand[k - 1]);
+            at = at + along * lengths[k];
+            out[k] = at;
         }
     }
 
     const SmoothSettings& settings_;
+    const bool flatProfile_;
     BoxWindow box_;
     LaneCells cells_;
     int count_ = 0;
@@ -402,27 +490,59 @@ class SmoothBatch {
     // Per point: on the stack for strands of ordinary length.
     std::array<StrandScratch<float>, kLanes> shareScratch_;
     std::array<StrandScratch<float>, kLanes> lengthScratch_;
-    StrandScratch<Vec3f> mixedScratch_;
-    alignas(16) StrandRows rows_[kLanes] = {};
+    alignas(32) StrandRows rows_[kLanes] = {};
 };
+
+// The strands from `begin` to `end` of the selection, in batches.
+template <bool kWide>
+inline __attribute__((always_inline)) void smoothChunk(const StrandSet& input,
+                                                       const SmoothSettings& settings,
+                                                       const StrandSelection& pick,
+                                                       std::span<Vec3f> points, std::size_t begin,
+                                                       std::size_t end) {
+    SmoothBatch<kWide> batch(settings);
+    for (std::size_t item = begin; item < end; ++item) {
+        const std::size_t s = pick.strand(item);
+        const std::span<const Vec3f> strand = input.strandPoints(s);
+        Vec3f* out = points.data() + input.pointRange(s).begin;
+        const float strength = strand.size() < 2 ? 0.0f : settings.strength.atStrand(s);
+        if (strength == 0.0f) {
+            std::copy(strand.begin(), strand.end(), out);
+            continue;
+        }
+        batch.add(strand, out, strength);
+    }
+    batch.flush();
+}
+
+void smoothChunkNarrow(const StrandSet& input, const SmoothSettings& settings,
+                       const StrandSelection& pick, std::span<Vec3f> points, std::size_t begin,
+                       std::size_t end) {
+    smoothChunk<false>(input, settings, pick, points, begin, end);
+}
+
+#if VELMORIN_SMOOTH_AVX
+__attribute__((target("avx"))) void smoothChunkWide(const StrandSet& input,
+                                                    const SmoothSettings& settings,
+                                                    const StrandSelection& pick,
+                                                    std::span<Vec3f> points, std::size_t begin,
+                                                    std::size_t end) {
+    smoothChunk<true>(input, settings, pick, points, begin, end);
+}
+#endif
 
 }  // namespace
 
 void smoothStrands(const StrandSet& input, const SmoothSettings& settings,
                    const StrandSelection& pick, std::span<Vec3f> points) {
+#if VELMORIN_SMOOTH_AVX
+    static const bool wide = __builtin_cpu_supports("avx");
+    const auto chunk = wide ? &smoothChunkWide : &smoothChunkNarrow;
+#else
+    const auto chunk = &smoothChunkNarrow;
+#endif
     parallelRange(0, pick.size(input.strandCount()), 256, [&](std::size_t begin, std::size_t end) {
-        SmoothBatch batch(settings);
-        for (std::size_t item = begin; item < end; ++item) {
-            const std::size_t s = pick.strand(item);
-            const std::span<const Vec3f> strand = input.strandPoints(s);
-            Vec3f* out = points.data() + input.pointRange(s).begin;
-            std::copy(strand.begin(), strand.end(), out);
-            if (strand.size() < 2) continue;
-            const float strength = settings.strength.atStrand(s);
-            if (strength == 0.0f) continue;
-            batch.add(strand, out, strength);
-        }
-        batch.flush();
+        chunk(input, settings, pick, points, begin, end);
     });
 }
 
