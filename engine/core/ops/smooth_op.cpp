@@ -1,6 +1,7 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
+#include <cstdint>
 #include <limits>
 #include <vector>
 
@@ -112,6 +113,10 @@ struct alignas(32) LaneCells {
 // A row of lanes as one vector (GCC's vector extension): the compiler makes it one AVX register
 // where the function is built for AVX, two SSE2 registers elsewhere, each lane rounding alike.
 using LaneVector = float __attribute__((vector_size(kLanes * sizeof(float))));
+using LaneInts = std::int32_t __attribute__((vector_size(kLanes * sizeof(std::int32_t))));
+// The most points of the strands whose batches are worked out in lanes: those of fewer than
+// kSmoothCells cells, where a cell count means one point count.
+constexpr int kLanePoints = (kSmoothCells - 1) / 4 + 1;
 
 // One box filter over the periodic differences `in` of the three axes, in every lane, into `out`.
 // The integral to either end of a window is a running sum from the lowest end, plus the share of
@@ -310,54 +315,38 @@ class SmoothBatch {
             std::copy(strand.begin(), strand.end(), out);
             return;
         }
+        // The sum again, in the same order, rather than the stored one: a short loop of scalars
+        // read back as vectors would wait for every store.
+        float sum = 0.0f;
+        for (std::size_t k = 1; k < n; ++k) {
+            sum += lengths[k];
+            share[k] = sum * toShare;
+        }
         entry.points = strand;
         entry.out = out;
         entry.strength = strength;
-
-        // The strand at m + 1 equal arc steps, segment by segment: each cell lies on the first
-        // segment that reaches its share of the length, so segment k holds the cells from the
-        // count of those at or before point k - 1's share to the count of those at or before
-        // point k's. On segment k the strand is base + slope * t (a segment of no length holds its
-        // end). Each segment writes eight cells at a time from its first, and the next writes
-        // over what ran past its own, so no cell waits on the one before it to find its segment.
-        // The shares are made here too, one at a time: a short loop of scalars read back as
-        // vectors would wait for every store.
-        const std::size_t last = n - 1;
-        const float* steps = box_.steps();
-        float* rx = rows_[lane][0];
-        float* ry = rows_[lane][1];
-        float* rz = rows_[lane][2];
-        int first = 0;
-        float before = 0.0f;
-        for (std::size_t k = 1; k <= last; ++k) {
-            const float at = share[k] * toShare;
-            share[k] = at;
-            const int next = k < last ? box_.cellsUpTo(at) : m;
-            const float span = at - before;
-            Vec3f slope, base = strand[k];
-            if (span > 0.0f) {
-                slope = (strand[k] - strand[k - 1]) * (1.0f / span);
-                base = strand[k - 1] - slope * before;
+        if (m < kSmoothCells) {
+            // Every strand of this cell count has n points: the batch's segments are worked out
+            // side by side, one strand per lane.
+            for (std::size_t k = 0; k < n; ++k) {
+                laneShares_[k][lane] = share[k];
+                lanePoints_[0][k][lane] = strand[k].x;
+                lanePoints_[1][k][lane] = strand[k].y;
+                lanePoints_[2][k][lane] = strand[k].z;
             }
-            int j = first;
-            do {
-                writeCells(rx + j, steps + j, base.x, slope.x);
-                writeCells(ry + j, steps + j, base.y, slope.y);
-                writeCells(rz + j, steps + j, base.z, slope.z);
-                j += 8;
-            } while (j < next);
-            first = next;
-            before = at;
         }
-        rx[m] = strand[last].x;
-        ry[m] = strand[last].y;
-        rz[m] = strand[last].z;
         if (++count_ == kLanes) flush();
     }
 
     // Smooths the strands taken in and writes them out.
     __attribute__((always_inline)) void flush() {
         if (count_ == 0) return;
+        if (box_.m < kSmoothCells) {
+            resampleLanes();
+        } else {
+            for (int lane = 0; lane < count_; ++lane)
+                resampleStrand(lane);
+        }
         // Lanes without a strand run on zeros, never on what a denormal or a NaN would slow.
         for (int lane = count_; lane < kLanes; ++lane)
             for (int axis = 0; axis < 3; ++axis)
@@ -377,6 +366,110 @@ class SmoothBatch {
     }
 
   private:
+    // The strand at m + 1 equal arc steps: each cell lies on the first segment that reaches its
+    // share of the length, so segment k holds the cells from the count of those at or before
+    // point k - 1's share to the count of those at or before point k's. On segment k the strand is
+    // base + slope * t (a segment of no length holds its end). Each segment writes eight cells at
+    // a time from its first, and the next writes over what ran past its own, so no cell waits on
+    // the one before it to find its segment.
+    __attribute__((always_inline)) void writeSegment(int lane, int& first, int next,
+                                                     const Vec3f& base, const Vec3f& slope) {
+        const float* steps = box_.steps();
+        float* __restrict rx = rows_[lane][0];
+        float* __restrict ry = rows_[lane][1];
+        float* __restrict rz = rows_[lane][2];
+        int j = first;
+        do {
+            writeCells(rx + j, steps + j, base.x, slope.x);
+            writeCells(ry + j, steps + j, base.y, slope.y);
+            writeCells(rz + j, steps + j, base.z, slope.z);
+            j += 8;
+        } while (j < next);
+        first = next;
+    }
+
+    // One lane's strand into its cells, segment after segment.
+    __attribute__((always_inline)) void resampleStrand(int lane) {
+        const LaneStrand& entry = lanes_[static_cast<std::size_t>(lane)];
+        const std::span<const Vec3f> strand = entry.points;
+        const float* share = entry.shares.data();
+        const int m = box_.m;
+        const std::size_t last = strand.size() - 1;
+        int first = 0;
+        for (std::size_t k = 1; k <= last; ++k) {
+            const int next = k < last ? box_.cellsUpTo(share[k]) : m;
+            const float span = share[k] - share[k - 1];
+            Vec3f slope, base = strand[k];
+            if (span > 0.0f) {
+                slope = (strand[k] - strand[k - 1]) * (1.0f / span);
+                base = strand[k - 1] - slope * share[k - 1];
+            }
+            writeSegment(lane, first, next, base, slope);
+        }
+        float* const row[3] = {rows_[lane][0], rows_[lane][1], rows_[lane][2]};
+        row[0][m] = strand[last].x;
+        row[1][m] = strand[last].y;
+        row[2][m] = strand[last].z;
+    }
+
+    // The batch's strands into their cells where all have the same points: each segment's base,
+    // slope and cells worked out for every lane at once, by the steps resampleStrand takes, then
+    // each lane's cells written.
+    __attribute__((always_inline)) void resampleLanes() {
+        const int m = box_.m;
+        const std::size_t n = static_cast<std::size_t>(m / 4 + 1);
+        // Lanes without a strand repeat the first one's, so that they hold numbers.
+        for (int lane = count_; lane < kLanes; ++lane) {
+            for (std::size_t k = 0; k < n; ++k) {
+                laneShares_[k][lane] = laneShares_[k][0];
+                for (int axis = 0; axis < 3; ++axis)
+                    lanePoints_[axis][k][lane] = lanePoints_[axis][k][0];
+            }
+        }
+        const LaneVector zero{}, one = zero + 1.0f, cellCount = zero + static_cast<float>(m);
+        for (std::size_t k = 1; k < n; ++k) {
+            // Rows of lanes move through memcpy, which the compiler makes one load or store.
+            LaneVector at, before;
+            __builtin_memcpy(&at, laneShares_[k], sizeof at);
+            __builtin_memcpy(&before, laneShares_[k - 1], sizeof before);
+            const LaneVector span = at - before;
+            const auto positive = span > zero;
+            const LaneVector inverse = one / (positive ? span : one);
+            for (int axis = 0; axis < 3; ++axis) {
+                LaneVector p1, p0;
+                __builtin_memcpy(&p1, lanePoints_[axis][k], sizeof p1);
+                __builtin_memcpy(&p0, lanePoints_[axis][k - 1], sizeof p0);
+                const LaneVector slope = positive ? (p1 - p0) * inverse : zero;
+                const LaneVector base = positive ? p0 - slope * before : p1;
+                __builtin_memcpy(laneSlopes_[axis][k], &slope, sizeof slope);
+                __builtin_memcpy(laneBases_[axis][k], &base, sizeof base);
+            }
+            // cellsUpTo in lanes, with the cells' shares j / m made by the same division.
+            const LaneVector reach = at * cellCount;
+            const LaneVector g = __builtin_convertvector(
+                __builtin_convertvector(reach < cellCount ? reach : cellCount, LaneInts),
+                LaneVector);
+            const LaneVector below = g - one, above = g + one;
+            const LaneVector count = below + ((below / cellCount <= at) ? one : zero) +
+                                     ((g / cellCount <= at) ? one : zero) +
+                                     ((above / cellCount <= at) ? one : zero);
+            const LaneVector next = count < cellCount ? count : cellCount;
+            __builtin_memcpy(laneNext_[k], &next, sizeof next);
+        }
+        for (int lane = 0; lane < count_; ++lane) {
+            int first = 0;
+            for (std::size_t k = 1; k < n; ++k) {
+                const int next = k + 1 < n ? static_cast<int>(laneNext_[k][lane]) : m;
+                writeSegment(
+                    lane, first, next,
+                    {laneBases_[0][k][lane], laneBases_[1][k][lane], laneBases_[2][k][lane]},
+                    {laneSlopes_[0][k][lane], laneSlopes_[1][k][lane], laneSlopes_[2][k][lane]});
+            }
+            for (int axis = 0; axis < 3; ++axis)
+                rows_[lane][axis][m] = lanePoints_[axis][n - 1][lane];
+        }
+    }
+
     // Reads lane `lane`'s smoothed curve back at its strand's own arcs, mixes it with the strand
     // and pushes each point back to keep the strand's segment lengths.
     __attribute__((always_inline)) void writeOut(int lane) {
@@ -491,6 +584,12 @@ class SmoothBatch {
     std::array<StrandScratch<float>, kLanes> shareScratch_;
     std::array<StrandScratch<float>, kLanes> lengthScratch_;
     alignas(32) StrandRows rows_[kLanes] = {};
+    // The batch's strands lane by lane, and their segments', where they have the same points.
+    alignas(32) LaneRow laneShares_[kLanePoints];
+    alignas(32) LaneRow lanePoints_[3][kLanePoints];
+    alignas(32) LaneRow laneBases_[3][kLanePoints];
+    alignas(32) LaneRow laneSlopes_[3][kLanePoints];
+    alignas(32) LaneRow laneNext_[kLanePoints];
 };
 
 // The strands from `begin` to `end` of the selection, in batches.
