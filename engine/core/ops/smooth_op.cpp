@@ -118,19 +118,22 @@ using LaneInts = std::int32_t __attribute__((vector_size(kLanes * sizeof(std::in
 // kSmoothCells cells, where a cell count means one point count.
 constexpr int kLanePoints = (kSmoothCells - 1) / 4 + 1;
 
-// One box filter over the periodic differences `in` of the three axes, in every lane, into `out`.
-// The integral to either end of a window is a running sum from the lowest end, plus the share of
-// the cell it ends in of that cell's difference. A window's high end is the sum just made, so each
+// One box filter over the periodic differences `in` of the three axes, in every lane. The
+// integral to either end of a window is a running sum from the lowest end, plus the share of the
+// cell it ends in of that cell's difference. A window's high end is the sum just made, so each
 // cell's output follows its sum in the same step. The axes run side by side, so that each step
 // has three sums to add rather than one waiting on the last. The mirrored differences filter to
-// mirrored values, so only the first m are made.
+// mirrored values, so only the first m are made. Each window's integral is left undivided by the
+// width: the last pass divides once by the cube of it. The first passes write `out`; the last
+// (`curve` given) rebuilds the curve from the root by the sums of its outputs, there and then.
 inline __attribute__((always_inline)) void boxFilter(const BoxWindow& box,
                                                      const LaneRow (*__restrict in)[3],
                                                      LaneRow (*__restrict out)[3],
-                                                     LaneRow (*__restrict sums)[3]) {
+                                                     LaneRow (*__restrict sums)[3],
+                                                     LaneRow (*__restrict curve)[kCurveRows]) {
     const LaneVector lowShare = LaneVector{} + box.lowShare;
     const LaneVector highShare = LaneVector{} + box.highShare;
-    const LaneVector scale = LaneVector{} + box.scale;
+    const LaneVector cube = LaneVector{} + box.scale * box.scale * box.scale;
     LaneVector sum[3] = {};
     __builtin_memcpy(sums[0], sum, sizeof sum);
     const int reach = box.reach;
@@ -141,6 +144,11 @@ inline __attribute__((always_inline)) void boxFilter(const BoxWindow& box,
         for (int axis = 0; axis < 3; ++axis)
             sum[axis] += add[axis];
         __builtin_memcpy(sums[i + 1], sum, sizeof sum);
+    }
+    LaneVector rebuilt[3];
+    if (curve) {
+        for (int axis = 0; axis < 3; ++axis)
+            __builtin_memcpy(&rebuilt[axis], curve[axis][0], sizeof rebuilt[axis]);
     }
     for (; i < box.count; ++i) {
         const int j = i - reach;
@@ -153,17 +161,24 @@ inline __attribute__((always_inline)) void boxFilter(const BoxWindow& box,
             sum[axis] += add[axis];
             // The whole cells between the window's ends, the high end's share of the cell it
             // ends in, less the low end's of the cell it starts in.
-            filteredRow[axis] =
-                ((to - from[axis]) + add[axis] * highShare - low[axis] * lowShare) * scale;
+            filteredRow[axis] = (to - from[axis]) + add[axis] * highShare - low[axis] * lowShare;
         }
         __builtin_memcpy(sums[i + 1], sum, sizeof sum);
-        __builtin_memcpy(out[j], filteredRow, sizeof filteredRow);
+        if (curve) {
+            for (int axis = 0; axis < 3; ++axis) {
+                rebuilt[axis] += filteredRow[axis] * cube;
+                __builtin_memcpy(curve[axis][j + 1], &rebuilt[axis], sizeof rebuilt[axis]);
+            }
+        } else {
+            __builtin_memcpy(out[j], filteredRow, sizeof filteredRow);
+        }
     }
 }
 
 // A batch's cells smoothed: the differences between the cells, three box filters over them and
 // the curve rebuilt from the root by their sums.
 inline __attribute__((always_inline)) void filterLanes(const BoxWindow& box, LaneCells& cells) {
+    if (!box.filters) return;  // a box of no width leaves the cells as they are
     const int m = box.m;
     LaneRow(*__restrict differences)[3] = cells.differences;
     LaneRow(*__restrict filtered)[3] = cells.filtered;
@@ -173,17 +188,9 @@ inline __attribute__((always_inline)) void filterLanes(const BoxWindow& box, Lan
                 differences[j][axis][l] = cells.curve[axis][j + 1][l] - cells.curve[axis][j][l];
     // Mirrored to a period of 2m, the differences run back the way they came, which keeps the
     // directions at the root and the tip.
-    const LaneRow(*smoothed)[3] = differences;
-    if (box.filters) {
-        boxFilter(box, differences, filtered, cells.sums);
-        boxFilter(box, filtered, differences, cells.sums);
-        boxFilter(box, differences, filtered, cells.sums);
-        smoothed = filtered;
-    }
-    for (int j = 0; j < m; ++j)
-        for (int axis = 0; axis < 3; ++axis)
-            for (int l = 0; l < kLanes; ++l)
-                cells.curve[axis][j + 1][l] = cells.curve[axis][j][l] + smoothed[j][axis][l];
+    boxFilter(box, differences, filtered, cells.sums, nullptr);
+    boxFilter(box, filtered, differences, cells.sums, nullptr);
+    boxFilter(box, differences, nullptr, cells.sums, cells.curve);
 }
 
 // The square root of one float as std::sqrt makes it, without the check for errno's sake that
