@@ -113,6 +113,8 @@ struct alignas(32) LaneCells {
 // A row of lanes as one vector (GCC's vector extension): the compiler makes it one AVX register
 // where the function is built for AVX, two SSE2 registers elsewhere, each lane rounding alike.
 using LaneVector = float __attribute__((vector_size(kLanes * sizeof(float))));
+// A row of lanes stored through a pointer to its floats.
+using LaneStore = float __attribute__((vector_size(kLanes * sizeof(float)), may_alias, aligned(4)));
 using LaneInts = std::int32_t __attribute__((vector_size(kLanes * sizeof(std::int32_t))));
 // The most points of the strands whose batches are worked out in lanes: those of fewer than
 // kSmoothCells cells, where a cell count means one point count.
@@ -167,7 +169,7 @@ inline __attribute__((always_inline)) void boxFilter(const BoxWindow& box,
         if (curve) {
             for (int axis = 0; axis < 3; ++axis) {
                 rebuilt[axis] += filteredRow[axis] * cube;
-                __builtin_memcpy(curve[axis][j + 1], &rebuilt[axis], sizeof rebuilt[axis]);
+                *reinterpret_cast<LaneStore*>(curve[axis][j + 1]) = rebuilt[axis];
             }
         } else {
             __builtin_memcpy(out[j], filteredRow, sizeof filteredRow);
