@@ -504,7 +504,7 @@ class SmoothBatch {
         __m128 beforeX = _mm_set1_ps(mixedBefore.x), beforeY = _mm_set1_ps(mixedBefore.y);
         __m128 beforeZ = _mm_set1_ps(mixedBefore.z);
         // [last of before, first three of now]: each point's predecessor.
-        const auto previous = [](__m128 before, __m128 now) {
+        const auto previous = [](__m128 before, __m128 now) __attribute__((always_inline)) {
             const __m128 t = _mm_shuffle_ps(before, now, _MM_SHUFFLE(0, 0, 3, 3));
             return _mm_shuffle_ps(t, now, _MM_SHUFFLE(2, 1, 2, 0));
         };
@@ -523,7 +523,7 @@ class SmoothBatch {
             const Vec3f* p = strand.data() + k;
             // The smoothed curve read back between the cells around each point's share, and
             // mixed with the point.
-            const auto mix = [&](const LaneRow* row, __m128 point) {
+            const auto mix = [&](const LaneRow* row, __m128 point) __attribute__((always_inline)) {
                 const __m128 low = _mm_setr_ps(row[cell[0]][lane], row[cell[1]][lane],
                                                row[cell[2]][lane], row[cell[3]][lane]);
                 const __m128 high = _mm_setr_ps(row[cell[0] + 1][lane], row[cell[1] + 1][lane],
