@@ -369,8 +369,22 @@ class SmoothBatch {
         rowsToLanes(rows_, cells_.curve, box_.m + 1);
 #endif
         filterLanes(box_, cells_);
+        // Every lane read back and mixed, then every lane pushed back and written: the steps of
+        // one strand wait on each other, those of different strands don't.
+        std::size_t points = 0;
         for (int lane = 0; lane < count_; ++lane)
-            writeOut(lane);
+            points += lanes_[static_cast<std::size_t>(lane)].points.size();
+        float* mixed = mixedScratch_.take(3 * points).data();
+        float* at = mixed;
+        for (int lane = 0; lane < count_; ++lane) {
+            mixLane(lane, at);
+            at += 3 * lanes_[static_cast<std::size_t>(lane)].points.size();
+        }
+        at = mixed;
+        for (int lane = 0; lane < count_; ++lane) {
+            pushLane(lane, at);
+            at += 3 * lanes_[static_cast<std::size_t>(lane)].points.size();
+        }
         count_ = 0;
     }
 
@@ -479,35 +493,29 @@ class SmoothBatch {
         }
     }
 
-    // Reads lane `lane`'s smoothed curve back at its strand's own arcs, mixes it with the strand
-    // and pushes each point back to keep the strand's segment lengths.
-    __attribute__((always_inline)) void writeOut(int lane) {
+    // Reads lane `lane`'s smoothed curve back at its strand's own arcs and mixes it with the
+    // strand, into `mixed` (three rows of the strand's points). Four points at a time in SSE
+    // lanes, which round as the scalar steps after them do.
+    __attribute__((always_inline)) void mixLane(int lane, float* __restrict mixed) {
         const LaneStrand& entry = lanes_[static_cast<std::size_t>(lane)];
         const std::span<const Vec3f> strand = entry.points;
         const std::size_t n = strand.size();
         const int m = box_.m;
         const float* __restrict share = entry.shares.data();
-        const float* __restrict lengths = entry.lengths.data();
+        float* __restrict mx = mixed;
+        float* __restrict my = mixed + n;
+        float* __restrict mz = mixed + 2 * n;
         const LaneRow(&x)[kCurveRows] = cells_.curve[0];
         const LaneRow(&y)[kCurveRows] = cells_.curve[1];
         const LaneRow(&z)[kCurveRows] = cells_.curve[2];
-        // Each segment takes the mixed shape's direction at its own length. Four points at a time
-        // in SSE lanes, whose square roots and divisions round as the scalar ones after them do.
-        Vec3f* out = entry.out;
-        Vec3f mixedBefore = strand[0], at = strand[0];
-        out[0] = at;
+        // The root is read back at the curve's first cell, which is the root.
+        mx[0] = strand[0].x;
+        my[0] = strand[0].y;
+        mz[0] = strand[0].z;
         std::size_t k = 1;
 #if VELMORIN_SSE_LANES
         const __m128 cellCount = _mm_set1_ps(static_cast<float>(m));
         const __m128 lastCell = _mm_set1_ps(static_cast<float>(m - 1));
-        const __m128 tiny = _mm_set1_ps(1e-20f), one = _mm_set1_ps(1.0f);
-        __m128 beforeX = _mm_set1_ps(mixedBefore.x), beforeY = _mm_set1_ps(mixedBefore.y);
-        __m128 beforeZ = _mm_set1_ps(mixedBefore.z);
-        // [last of before, first three of now]: each point's predecessor.
-        const auto previous = [](__m128 before, __m128 now) __attribute__((always_inline)) {
-            const __m128 t = _mm_shuffle_ps(before, now, _MM_SHUFFLE(0, 0, 3, 3));
-            return _mm_shuffle_ps(t, now, _MM_SHUFFLE(2, 1, 2, 0));
-        };
         for (; k + 4 <= n; k += 4) {
             const __m128 arc = _mm_mul_ps(_mm_loadu_ps(share + k), cellCount);
             const __m128 cellAt = _mm_min_ps(_mm_cvtepi32_ps(_mm_cvttps_epi32(arc)), lastCell);
@@ -531,15 +539,48 @@ class SmoothBatch {
                 const __m128 smooth = _mm_add_ps(low, _mm_mul_ps(_mm_sub_ps(high, low), f));
                 return _mm_add_ps(point, _mm_mul_ps(_mm_sub_ps(smooth, point), weight));
             };
-            const __m128 mx = mix(x, _mm_setr_ps(p[0].x, p[1].x, p[2].x, p[3].x));
-            const __m128 my = mix(y, _mm_setr_ps(p[0].y, p[1].y, p[2].y, p[3].y));
-            const __m128 mz = mix(z, _mm_setr_ps(p[0].z, p[1].z, p[2].z, p[3].z));
-            const __m128 tx = _mm_sub_ps(mx, previous(beforeX, mx));
-            const __m128 ty = _mm_sub_ps(my, previous(beforeY, my));
-            const __m128 tz = _mm_sub_ps(mz, previous(beforeZ, mz));
-            beforeX = mx;
-            beforeY = my;
-            beforeZ = mz;
+            _mm_storeu_ps(mx + k, mix(x, _mm_setr_ps(p[0].x, p[1].x, p[2].x, p[3].x)));
+            _mm_storeu_ps(my + k, mix(y, _mm_setr_ps(p[0].y, p[1].y, p[2].y, p[3].y)));
+            _mm_storeu_ps(mz + k, mix(z, _mm_setr_ps(p[0].z, p[1].z, p[2].z, p[3].z)));
+        }
+#endif
+        for (; k < n; ++k) {
+            const float arc = share[k] * static_cast<float>(m);
+            const int cell = std::min(static_cast<int>(arc), m - 1);
+            const Vec3f low{x[cell][lane], y[cell][lane], z[cell][lane]};
+            const Vec3f high{x[cell + 1][lane], y[cell + 1][lane], z[cell + 1][lane]};
+            const Vec3f smooth = lerp(low, high, arc - static_cast<float>(cell));
+            const float weight =
+                flatProfile_ ? entry.strength : entry.strength * settings_.profile.at(share[k]);
+            const Vec3f mixed = lerp(strand[k], smooth, weight);
+            mx[k] = mixed.x;
+            my[k] = mixed.y;
+            mz[k] = mixed.z;
+        }
+    }
+
+    // Pushes lane `lane`'s points back to keep its strand's segment lengths, each segment along
+    // the mixed shape's direction (`mixed` as mixLane made it), and writes them out. The
+    // directions four segments at a time in SSE lanes, whose square roots and divisions round as
+    // the scalar ones after them do.
+    __attribute__((always_inline)) void pushLane(int lane, const float* __restrict mixed) {
+        const LaneStrand& entry = lanes_[static_cast<std::size_t>(lane)];
+        const std::span<const Vec3f> strand = entry.points;
+        const std::size_t n = strand.size();
+        const float* __restrict lengths = entry.lengths.data();
+        const float* __restrict mx = mixed;
+        const float* __restrict my = mixed + n;
+        const float* __restrict mz = mixed + 2 * n;
+        Vec3f* out = entry.out;
+        Vec3f at = strand[0];
+        out[0] = at;
+        std::size_t k = 1;
+#if VELMORIN_SSE_LANES
+        const __m128 tiny = _mm_set1_ps(1e-20f), one = _mm_set1_ps(1.0f);
+        for (; k + 4 <= n; k += 4) {
+            const __m128 tx = _mm_sub_ps(_mm_loadu_ps(mx + k), _mm_loadu_ps(mx + k - 1));
+            const __m128 ty = _mm_sub_ps(_mm_loadu_ps(my + k), _mm_loadu_ps(my + k - 1));
+            const __m128 tz = _mm_sub_ps(_mm_loadu_ps(mz + k), _mm_loadu_ps(mz + k - 1));
             const __m128 size = _mm_sqrt_ps(
                 _mm_add_ps(_mm_add_ps(_mm_mul_ps(tx, tx), _mm_mul_ps(ty, ty)), _mm_mul_ps(tz, tz)));
             const __m128 sized = _mm_cmpgt_ps(size, tiny);
@@ -560,21 +601,9 @@ class SmoothBatch {
                 out[k + i] = at;
             }
         }
-        mixedBefore = {_mm_cvtss_f32(_mm_shuffle_ps(beforeX, beforeX, _MM_SHUFFLE(3, 3, 3, 3))),
-                       _mm_cvtss_f32(_mm_shuffle_ps(beforeY, beforeY, _MM_SHUFFLE(3, 3, 3, 3))),
-                       _mm_cvtss_f32(_mm_shuffle_ps(beforeZ, beforeZ, _MM_SHUFFLE(3, 3, 3, 3)))};
 #endif
         for (; k < n; ++k) {
-            const float arc = share[k] * static_cast<float>(m);
-            const int cell = std::min(static_cast<int>(arc), m - 1);
-            const Vec3f low{x[cell][lane], y[cell][lane], z[cell][lane]};
-            const Vec3f high{x[cell + 1][lane], y[cell + 1][lane], z[cell + 1][lane]};
-            const Vec3f smooth = lerp(low, high, arc - static_cast<float>(cell));
-            const float weight =
-                flatProfile_ ? entry.strength : entry.strength * settings_.profile.at(share[k]);
-            const Vec3f mixed = lerp(strand[k], smooth, weight);
-            const Vec3f turned = mixed - mixedBefore;
-            mixedBefore = mixed;
+            const Vec3f turned{mx[k] - mx[k - 1], my[k] - my[k - 1], mz[k] - mz[k - 1]};
             const float size = squareRoot(dot(turned, turned));
             const Vec3f along =
                 size > 1e-20f ? turned * (1.0f / size) : normalized(strand[k] - strand[k - 1]);
@@ -592,6 +621,7 @@ class SmoothBatch {
     // Per point: on the stack for strands of ordinary length.
     std::array<StrandScratch<float>, kLanes> shareScratch_;
     std::array<StrandScratch<float>, kLanes> lengthScratch_;
+    StrandScratch<float, 3 * 32 * kLanes> mixedScratch_;
     alignas(32) StrandRows rows_[kLanes] = {};
     // The batch's strands lane by lane, and their segments', where they have the same points.
     alignas(32) LaneRow laneShares_[kLanePoints];
