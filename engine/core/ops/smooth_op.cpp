@@ -74,7 +74,8 @@ struct BoxWindow {
 
     void setUp(int cells, float strandScale) {
         m = cells;
-        for (int j = -1; j <= kRowCells; ++j)
+        // Cells -1 to m + 8: the counts look one past the tip, the writes up to seven.
+        for (int j = -1; j <= m + 8; ++j)
             stepTable[static_cast<std::size_t>(j + 1)] =
                 static_cast<float>(j) / static_cast<float>(m);
         // Three boxes make a near Gaussian; a width of 2m or more averages the whole period.
@@ -314,18 +315,15 @@ class SmoothBatch {
         // back.
         segmentLengths(strand, entry.lengths);
         float total = 0.0f;
-        share[0] = 0.0f;
-        for (std::size_t k = 1; k < n; ++k) {
+        for (std::size_t k = 1; k < n; ++k)
             total += lengths[k];
-            share[k] = total;
-        }
         const float toShare = 1.0f / total;
         if (!(toShare > 0.0f && toShare <= std::numeric_limits<float>::max())) {
             std::copy(strand.begin(), strand.end(), out);
             return;
         }
-        // The sum again, in the same order, rather than the stored one: a short loop of scalars
-        // read back as vectors would wait for every store.
+        // The same sums again, each scaled as it comes.
+        share[0] = 0.0f;
         float sum = 0.0f;
         for (std::size_t k = 1; k < n; ++k) {
             sum += lengths[k];
