@@ -1,6 +1,8 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
+#include <cstdint>
+#include <limits>
 #include <vector>
 
 #include "base/parallel.h"
@@ -11,6 +13,10 @@
 #include "ops/shape_kernels.h"
 #include "ops/shape_ops.h"
 #include "strands/strand_set.h"
+
+#if defined(__GNUC__) && (defined(__x86_64__) || defined(__i386__))
+#include <immintrin.h>
+#endif
 
 namespace velmorin {
 namespace {
@@ -25,6 +31,11 @@ constexpr int kReach = kPeriod + kSmoothCells + 2;
 // waiting on itself. Each lane does exactly what a lone strand would, so the bits don't depend on
 // which strands share a batch.
 constexpr int kLanes = 8;
+// A strand's cells as its resampling writes them: m + 1, and room past the tip for a segment's
+// run of eight that starts there.
+constexpr int kRowCells = kSmoothCells + 1 + 8;
+// The curve's cells in lanes, in whole blocks of eight for the transposes.
+constexpr int kCurveRows = (kSmoothCells + 1 + 7) / 8 * 8;
 
 using LaneRow = float[kLanes];
 
@@ -40,12 +51,33 @@ struct BoxWindow {
     float scale = 0.0f;  // 1 / width
     bool filters = false;
     std::array<int, kReach> mirrored{};
-    std::array<float, kSmoothCells + 1> steps{};  // j / m, each cell's share of the length
+    // j / m, each cell's share of the length, from cell -1 to past the tip (stepTable[j + 1]).
+    std::array<float, kRowCells + 2> stepTable{};
+
+    const float* steps() const { return stepTable.data() + 1; }
+
+    // How many of the cells 0 to m - 1 start at or before share `s`: the first cell of the segment
+    // that follows the point at share s. Truncating s * m is off by at most one either way, so
+    // the cells around it are counted by the same comparison the steps make; a share that is no
+    // number counts none.
+    int cellsUpTo(float s) const {
+        const float mf = static_cast<float>(m);
+        float at = s * mf;
+        if (!(at > 0.0f)) at = 0.0f;
+        if (at > mf) at = mf;
+        const int g = static_cast<int>(at);
+        const float* step = steps();
+        const int count = g - 1 + static_cast<int>(step[g - 1] <= s) +
+                          static_cast<int>(step[g] <= s) + static_cast<int>(step[g + 1] <= s);
+        return std::clamp(count, 0, m);
+    }
 
     void setUp(int cells, float strandScale) {
         m = cells;
-        for (int j = 0; j <= m; ++j)
-            steps[static_cast<std::size_t>(j)] = static_cast<float>(j) / static_cast<float>(m);
+        // Cells -1 to m + 8: the counts look one past the tip, the writes up to seven.
+        for (int j = -1; j <= m + 8; ++j)
+            stepTable[static_cast<std::size_t>(j + 1)] =
+                static_cast<float>(j) / static_cast<float>(m);
         // Three boxes make a near Gaussian; a width of 2m or more averages the whole period.
         const float width =
             std::min(2.0f * strandScale * static_cast<float>(m), static_cast<float>(2 * m));
@@ -70,93 +102,179 @@ struct BoxWindow {
 };
 
 // A batch's cells, axis by axis, lane by lane: its strands at m + 1 equal arc steps, the segment
-// differences between them, and one axis's running sums.
-struct LaneCells {
-    LaneRow curve[3][kSmoothCells + 1];
-    LaneRow differences[3][kSmoothCells];
-    LaneRow sums[kReach + 1];  // from the window's low end
+// differences between them, the differences each box filter writes (the next reads them back from
+// the first rows) and the running sums.
+struct alignas(32) LaneCells {
+    LaneRow curve[3][kCurveRows];
+    LaneRow differences[kSmoothCells][3];
+    LaneRow filtered[kSmoothCells][3];
+    LaneRow sums[kReach + 1][3];  // from the window's low end
 };
 
-// One box filter over one axis's periodic differences, in every lane. The integral to either end
-// of a window is a running sum from the lowest end, plus the share of the cell it ends in (the step
-// from that sum to the next). The mirrored differences filter to mirrored values, so only the
-// first m are made.
+// A row of lanes as one vector (GCC's vector extension): the compiler makes it one AVX register
+// where the function is built for AVX, two SSE2 registers elsewhere, each lane rounding alike.
+using LaneVector = float __attribute__((vector_size(kLanes * sizeof(float))));
+// A row of lanes stored through a pointer to its floats.
+using LaneStore = float __attribute__((vector_size(kLanes * sizeof(float)), may_alias, aligned(4)));
+using LaneInts = std::int32_t __attribute__((vector_size(kLanes * sizeof(std::int32_t))));
+// The most points of the strands whose batches are worked out in lanes: those of fewer than
+// kSmoothCells cells, where a cell count means one point count.
+constexpr int kLanePoints = (kSmoothCells - 1) / 4 + 1;
+
+// One box filter over the periodic differences `in` of the three axes, in every lane. The
+// integral to either end of a window is a running sum from the lowest end, plus the share of the
+// cell it ends in of that cell's difference. A window's high end is the sum just made, so each
+// cell's output follows its sum in the same step. The axes run side by side, so that each step
+// has three sums to add rather than one waiting on the last. The mirrored differences filter to
+// mirrored values, so only the first m are made. Each window's integral is left undivided by the
+// width: the last pass divides once by the cube of it. The first passes write `out`; the last
+// (`curve` given) rebuilds the curve from the root by the sums of its outputs, there and then.
 inline __attribute__((always_inline)) void boxFilter(const BoxWindow& box,
-                                                     LaneRow* __restrict differences,
-                                                     LaneRow* __restrict sums) {
-    // The running sum stays in registers; the lanes are written as a whole row.
-    float sum[kLanes] = {};
-    for (int l = 0; l < kLanes; ++l)
-        sums[0][l] = 0.0f;
-    for (int i = 0; i < box.count; ++i) {
-        const float* __restrict add = differences[box.mirrored[static_cast<std::size_t>(i)]];
-        float* __restrict row = sums[i + 1];
-        for (int l = 0; l < kLanes; ++l) {
-            sum[l] += add[l];
-            row[l] = sum[l];
-        }
+                                                     const LaneRow (*__restrict in)[3],
+                                                     LaneRow (*__restrict out)[3],
+                                                     LaneRow (*__restrict sums)[3],
+                                                     LaneRow (*__restrict curve)[kCurveRows]) {
+    const LaneVector lowShare = LaneVector{} + box.lowShare;
+    const LaneVector highShare = LaneVector{} + box.highShare;
+    const LaneVector cube = LaneVector{} + box.scale * box.scale * box.scale;
+    LaneVector sum[3] = {};
+    __builtin_memcpy(sums[0], sum, sizeof sum);
+    const int reach = box.reach;
+    int i = 0;
+    for (; i < reach; ++i) {
+        LaneVector add[3];
+        __builtin_memcpy(add, in[box.mirrored[static_cast<std::size_t>(i)]], sizeof add);
+        for (int axis = 0; axis < 3; ++axis)
+            sum[axis] += add[axis];
+        __builtin_memcpy(sums[i + 1], sum, sizeof sum);
     }
-    const float lowShare = box.lowShare, highShare = box.highShare, scale = box.scale;
-    for (int j = 0; j < box.m; ++j) {
-        const float* __restrict from = sums[j];
-        const float* __restrict fromNext = sums[j + 1];
-        const float* __restrict to = sums[j + box.reach];
-        const float* __restrict toNext = sums[j + box.reach + 1];
-        float* __restrict out = differences[j];
-        for (int l = 0; l < kLanes; ++l) {
-            const float upper = to[l] + (toNext[l] - to[l]) * highShare;
-            const float lower = from[l] + (fromNext[l] - from[l]) * lowShare;
-            out[l] = (upper - lower) * scale;
+    LaneVector rebuilt[3];
+    if (curve) {
+        for (int axis = 0; axis < 3; ++axis)
+            __builtin_memcpy(&rebuilt[axis], curve[axis][0], sizeof rebuilt[axis]);
+    }
+    for (; i < box.count; ++i) {
+        const int j = i - reach;
+        LaneVector add[3], low[3], from[3], filteredRow[3];
+        __builtin_memcpy(add, in[box.mirrored[static_cast<std::size_t>(i)]], sizeof add);
+        __builtin_memcpy(low, in[box.mirrored[static_cast<std::size_t>(j)]], sizeof low);
+        __builtin_memcpy(from, sums[j], sizeof from);
+        for (int axis = 0; axis < 3; ++axis) {
+            const LaneVector to = sum[axis];
+            sum[axis] += add[axis];
+            // The whole cells between the window's ends, the high end's share of the cell it
+            // ends in, less the low end's of the cell it starts in.
+            filteredRow[axis] = (to - from[axis]) + add[axis] * highShare - low[axis] * lowShare;
+        }
+        __builtin_memcpy(sums[i + 1], sum, sizeof sum);
+        if (curve) {
+            for (int axis = 0; axis < 3; ++axis) {
+                rebuilt[axis] += filteredRow[axis] * cube;
+                *reinterpret_cast<LaneStore*>(curve[axis][j + 1]) = rebuilt[axis];
+            }
+        } else {
+            __builtin_memcpy(out[j], filteredRow, sizeof filteredRow);
         }
     }
 }
 
-// A batch's cells smoothed, axis by axis: the differences between the cells, three box filters
-// over them and the curve rebuilt from the root by their sums. Lanes from `used` on run on zeros,
-// never on what a denormal or a NaN would slow.
-inline __attribute__((always_inline)) void filterLanes(const BoxWindow& box, LaneCells& cells,
-                                                       int used) {
+// A batch's cells smoothed: the differences between the cells, three box filters over them and
+// the curve rebuilt from the root by their sums.
+inline __attribute__((always_inline)) void filterLanes(const BoxWindow& box, LaneCells& cells) {
+    if (!box.filters) return;  // a box of no width leaves the cells as they are
     const int m = box.m;
+    LaneRow(*__restrict differences)[3] = cells.differences;
+    LaneRow(*__restrict filtered)[3] = cells.filtered;
+    for (int j = 0; j < m; ++j)
+        for (int axis = 0; axis < 3; ++axis)
+            for (int l = 0; l < kLanes; ++l)
+                differences[j][axis][l] = cells.curve[axis][j + 1][l] - cells.curve[axis][j][l];
+    // Mirrored to a period of 2m, the differences run back the way they came, which keeps the
+    // directions at the root and the tip.
+    boxFilter(box, differences, filtered, cells.sums, nullptr);
+    boxFilter(box, filtered, differences, cells.sums, nullptr);
+    boxFilter(box, differences, nullptr, cells.sums, cells.curve);
+}
+
+// The square root of one float as std::sqrt makes it, without the check for errno's sake that
+// keeps the compiler from a single instruction.
+inline float squareRoot(float v) {
+#if VELMORIN_SSE_LANES
+    return _mm_cvtss_f32(_mm_sqrt_ss(_mm_set_ss(v)));
+#else
+    return std::sqrt(v);
+#endif
+}
+
+// Eight cells of one axis on one segment: base + slope * t at the cells' shares t.
+inline void writeCells(float* __restrict row, const float* __restrict steps, float base,
+                       float slope) {
+    for (int i = 0; i < 8; ++i)
+        row[i] = base + slope * steps[i];
+}
+
+// Each strand's cells, axis by axis, as its resampling writes them.
+using StrandRows = float[3][kRowCells];
+
+// Cells 0 to `cells` - 1 of each strand's rows into lanes, four cells of four strands at a time.
+// The stores are as wide as the filter's loads, so that each load finds one store to take its
+// value from.
+inline __attribute__((always_inline)) void rowsToLanes(const StrandRows* rows,
+                                                       LaneRow (*curve)[kCurveRows], int cells) {
     for (int axis = 0; axis < 3; ++axis) {
-        LaneRow* __restrict curve = cells.curve[axis];
-        LaneRow* __restrict differences = cells.differences[axis];
-        for (int j = 0; j <= m; ++j)
-            for (int l = used; l < kLanes; ++l)
-                curve[j][l] = 0.0f;
-        for (int j = 0; j < m; ++j)
-            for (int l = 0; l < kLanes; ++l)
-                differences[j][l] = curve[j + 1][l] - curve[j][l];
-        // Mirrored to a period of 2m, the differences run back the way they came, which keeps
-        // the directions at the root and the tip.
-        if (box.filters) {
-            for (int pass = 0; pass < 3; ++pass)
-                boxFilter(box, differences, cells.sums);
+#if VELMORIN_SSE_LANES
+        for (int j = 0; j < cells; j += 4) {
+            for (int l = 0; l < kLanes; l += 4) {
+                __m128 a = _mm_loadu_ps(rows[l][axis] + j);
+                __m128 b = _mm_loadu_ps(rows[l + 1][axis] + j);
+                __m128 c = _mm_loadu_ps(rows[l + 2][axis] + j);
+                __m128 d = _mm_loadu_ps(rows[l + 3][axis] + j);
+                _MM_TRANSPOSE4_PS(a, b, c, d);
+                _mm_storeu_ps(curve[axis][j] + l, a);
+                _mm_storeu_ps(curve[axis][j + 1] + l, b);
+                _mm_storeu_ps(curve[axis][j + 2] + l, c);
+                _mm_storeu_ps(curve[axis][j + 3] + l, d);
+            }
         }
-        for (int j = 0; j < m; ++j)
+#else
+        for (int j = 0; j < cells; ++j)
             for (int l = 0; l < kLanes; ++l)
-                curve[j + 1][l] = curve[j][l] + differences[j][l];
+                curve[axis][j][l] = rows[l][axis][j];
+#endif
     }
 }
 
 #if defined(__GNUC__) && (defined(__x86_64__) || defined(__i386__))
 // The same steps eight lanes to an instruction, on processors with AVX. Its operations round as
-// SSE2's do and there is no fused multiply-add, so both give the same bits.
-__attribute__((target("avx"))) void filterLanesWide(const BoxWindow& box, LaneCells& cells,
-                                                    int used) {
-    filterLanes(box, cells, used);
+// SSE2's do and there is no fused multiply-add, so both give the same bits. The transposes are
+// eight by eight here, so that the filter's loads of eight lanes each find one store.
+__attribute__((target("avx"))) void rowsToLanesWide(const StrandRows* rows,
+                                                    LaneRow (*curve)[kCurveRows], int cells) {
+    for (int axis = 0; axis < 3; ++axis) {
+        for (int j = 0; j < cells; j += 8) {
+            __m256 r[8];
+            for (int l = 0; l < kLanes; ++l)
+                r[l] = _mm256_loadu_ps(rows[l][axis] + j);
+            const __m256 t0 = _mm256_unpacklo_ps(r[0], r[1]), t1 = _mm256_unpackhi_ps(r[0], r[1]);
+            const __m256 t2 = _mm256_unpacklo_ps(r[2], r[3]), t3 = _mm256_unpackhi_ps(r[2], r[3]);
+            const __m256 t4 = _mm256_unpacklo_ps(r[4], r[5]), t5 = _mm256_unpackhi_ps(r[4], r[5]);
+            const __m256 t6 = _mm256_unpacklo_ps(r[6], r[7]), t7 = _mm256_unpackhi_ps(r[6], r[7]);
+            const __m256 u0 = _mm256_shuffle_ps(t0, t2, 0x44), u1 = _mm256_shuffle_ps(t0, t2, 0xEE);
+            const __m256 u2 = _mm256_shuffle_ps(t1, t3, 0x44), u3 = _mm256_shuffle_ps(t1, t3, 0xEE);
+            const __m256 u4 = _mm256_shuffle_ps(t4, t6, 0x44), u5 = _mm256_shuffle_ps(t4, t6, 0xEE);
+            const __m256 u6 = _mm256_shuffle_ps(t5, t7, 0x44), u7 = _mm256_shuffle_ps(t5, t7, 0xEE);
+            const __m256 columns[8] = {
+                _mm256_permute2f128_ps(u0, u4, 0x20), _mm256_permute2f128_ps(u1, u5, 0x20),
+                _mm256_permute2f128_ps(u2, u6, 0x20), _mm256_permute2f128_ps(u3, u7, 0x20),
+                _mm256_permute2f128_ps(u0, u4, 0x31), _mm256_permute2f128_ps(u1, u5, 0x31),
+                _mm256_permute2f128_ps(u2, u6, 0x31), _mm256_permute2f128_ps(u3, u7, 0x31)};
+            for (int i = 0; i < 8; ++i)
+                _mm256_storeu_ps(curve[axis][j + i], columns[i]);
+        }
+    }
 }
 
-void filterCells(const BoxWindow& box, LaneCells& cells, int used) {
-    static const bool wide = __builtin_cpu_supports("avx");
-    if (wide)
-        filterLanesWide(box, cells, used);
-    else
-        filterLanes(box, cells, used);
-}
-#else
-void filterCells(const BoxWindow& box, LaneCells& cells, int used) {
-    filterLanes(box, cells, used);
-}
+#define VELMORIN_SMOOTH_AVX 1
 #endif
 
 // The strands of one batch: where each lane's strand lies and what it keeps for the read back.
@@ -169,12 +287,19 @@ struct LaneStrand {
 };
 
 // Smooths up to kLanes strands of the same cell count through their cells and writes them out.
+// Built twice, for SSE2 and for AVX (kWide), every step inlined into the chunk that runs it, so
+// that the loops along a strand's points and cells take the wider lanes where the processor has
+// them; both round alike, so they give the same bits.
+template <bool kWide>
 class SmoothBatch {
   public:
-    explicit SmoothBatch(const SmoothSettings& settings) : settings_(settings) {}
+    explicit SmoothBatch(const SmoothSettings& settings)
+        : settings_(settings), flatProfile_(settings.profile.keys.empty()) {}
 
     // Takes a strand in, smoothing the batch first when it is full or made for another cell count.
-    void add(std::span<const Vec3f> strand, Vec3f* out, float strength) {
+    // A strand of no length, or of none a float can share out, is copied as it is.
+    __attribute__((always_inline)) void add(std::span<const Vec3f> strand, Vec3f* out,
+                                            float strength) {
         const std::size_t n = strand.size();
         // About four cells a segment, 127 at most.
         const int m = static_cast<int>(std::min<std::size_t>(kSmoothCells, 4 * (n - 1)));
@@ -184,101 +309,309 @@ class SmoothBatch {
         LaneStrand& entry = lanes_[static_cast<std::size_t>(lane)];
         entry.shares = shareScratch_[static_cast<std::size_t>(lane)].take(n);
         entry.lengths = lengthScratch_[static_cast<std::size_t>(lane)].take(n);
+        float* __restrict share = entry.shares.data();
+        float* __restrict lengths = entry.lengths.data();
         // The arc shares as arcShares makes them, with each segment's length kept for the push
         // back.
+        segmentLengths(strand, entry.lengths);
         float total = 0.0f;
-        entry.shares[0] = 0.0f;
-        for (std::size_t k = 1; k < n; ++k) {
-            entry.lengths[k] = length(strand[k] - strand[k - 1]);
-            total += entry.lengths[k];
-            entry.shares[k] = total;
-        }
-        if (!(total > 0.0f)) return;
-        const float toShare = 1.0f / total;
         for (std::size_t k = 1; k < n; ++k)
-            entry.shares[k] *= toShare;
+            total += lengths[k];
+        const float toShare = 1.0f / total;
+        if (!(toShare > 0.0f && toShare <= std::numeric_limits<float>::max())) {
+            std::copy(strand.begin(), strand.end(), out);
+            return;
+        }
+        // The same sums again, each scaled as it comes.
+        share[0] = 0.0f;
+        float sum = 0.0f;
+        for (std::size_t k = 1; k < n; ++k) {
+            sum += lengths[k];
+            share[k] = sum * toShare;
+        }
         entry.points = strand;
         entry.out = out;
         entry.strength = strength;
-
-        // The strand at m + 1 equal arc steps: each cell on the first segment that reaches its
-        // share of the length. On segment k the strand is base[k] + slope[k] * t, both made once
-        // for all its cells (a segment of no length holds its end). The cells step on to the next
-        // segment without a branch, at most once a cell but for segments shorter than a cell, so
-        // that the processor has no guess to miss at every segment's end.
-        const float* share = entry.shares.data();
-        Vec3f* base = baseScratch_.take(n).data();
-        Vec3f* slope = slopeScratch_.take(n).data();
-        for (std::size_t k = 1; k < n; ++k) {
-            const float span = share[k] - share[k - 1];
-            if (span > 0.0f) {
-                slope[k] = (strand[k] - strand[k - 1]) * (1.0f / span);
-                base[k] = strand[k - 1] - slope[k] * share[k - 1];
-            } else {
-                slope[k] = Vec3f{};
-                base[k] = strand[k];
+        if (m < kSmoothCells) {
+            // Every strand of this cell count has n points: the batch's segments are worked out
+            // side by side, one strand per lane.
+            for (std::size_t k = 0; k < n; ++k) {
+                laneShares_[k][lane] = share[k];
+                lanePoints_[0][k][lane] = strand[k].x;
+                lanePoints_[1][k][lane] = strand[k].y;
+                lanePoints_[2][k][lane] = strand[k].z;
             }
         }
-        const std::size_t last = n - 1;
-        std::size_t segment = 1;
-        for (int j = 0; j < m; ++j) {
-            const float t = box_.steps[static_cast<std::size_t>(j)];
-            segment += static_cast<std::size_t>((segment < last) & (share[segment] < t));
-            while (segment < last && share[segment] < t)
-                ++segment;
-            const Vec3f at = base[segment] + slope[segment] * t;
-            cells_.curve[0][j][lane] = at.x;
-            cells_.curve[1][j][lane] = at.y;
-            cells_.curve[2][j][lane] = at.z;
-        }
-        cells_.curve[0][m][lane] = strand[n - 1].x;
-        cells_.curve[1][m][lane] = strand[n - 1].y;
-        cells_.curve[2][m][lane] = strand[n - 1].z;
         if (++count_ == kLanes) flush();
     }
 
     // Smooths the strands taken in and writes them out.
-    void flush() {
+    __attribute__((always_inline)) void flush() {
         if (count_ == 0) return;
-        filterCells(box_, cells_, count_);
+        if (box_.m < kSmoothCells) {
+            resampleLanes();
+        } else {
+            for (int lane = 0; lane < count_; ++lane)
+                resampleStrand(lane);
+        }
+        // Lanes without a strand run on zeros, never on what a denormal or a NaN would slow.
+        for (int lane = count_; lane < kLanes; ++lane)
+            for (int axis = 0; axis < 3; ++axis)
+                std::fill_n(rows_[lane][axis], kCurveRows, 0.0f);
+#if VELMORIN_SMOOTH_AVX
+        if constexpr (kWide)
+            rowsToLanesWide(rows_, cells_.curve, box_.m + 1);
+        else
+            rowsToLanes(rows_, cells_.curve, box_.m + 1);
+#else
+        rowsToLanes(rows_, cells_.curve, box_.m + 1);
+#endif
+        filterLanes(box_, cells_);
+        // Every lane read back and mixed, then every lane pushed back and written: the steps of
+        // one strand wait on each other, those of different strands don't.
+        std::size_t points = 0;
         for (int lane = 0; lane < count_; ++lane)
-            writeOut(lane);
+            points += lanes_[static_cast<std::size_t>(lane)].points.size();
+        float* mixed = mixedScratch_.take(3 * points).data();
+        float* at = mixed;
+        for (int lane = 0; lane < count_; ++lane) {
+            mixLane(lane, at);
+            at += 3 * lanes_[static_cast<std::size_t>(lane)].points.size();
+        }
+        at = mixed;
+        for (int lane = 0; lane < count_; ++lane) {
+            pushLane(lane, at);
+            at += 3 * lanes_[static_cast<std::size_t>(lane)].points.size();
+        }
         count_ = 0;
     }
 
   private:
-    // Reads lane `lane`'s smoothed curve back at its strand's own arcs, mixes it with the strand
-    // and pushes each point back to keep the strand's segment lengths.
-    void writeOut(int lane) {
+    // The strand at m + 1 equal arc steps: each cell lies on the first segment that reaches its
+    // share of the length, so segment k holds the cells from the count of those at or before
+    // point k - 1's share to the count of those at or before point k's. On segment k the strand is
+    // base + slope * t (a segment of no length holds its end). Each segment writes eight cells at
+    // a time from its first, and the next writes over what ran past its own, so no cell waits on
+    // the one before it to find its segment.
+    __attribute__((always_inline)) void writeSegment(int lane, int& first, int next,
+                                                     const Vec3f& base, const Vec3f& slope) {
+        const float* steps = box_.steps();
+        float* __restrict rx = rows_[lane][0];
+        float* __restrict ry = rows_[lane][1];
+        float* __restrict rz = rows_[lane][2];
+        int j = first;
+        do {
+            writeCells(rx + j, steps + j, base.x, slope.x);
+            writeCells(ry + j, steps + j, base.y, slope.y);
+            writeCells(rz + j, steps + j, base.z, slope.z);
+            j += 8;
+        } while (j < next);
+        first = next;
+    }
+
+    // One lane's strand into its cells, segment after segment.
+    __attribute__((always_inline)) void resampleStrand(int lane) {
+        const LaneStrand& entry = lanes_[static_cast<std::size_t>(lane)];
+        const std::span<const Vec3f> strand = entry.points;
+        const float* share = entry.shares.data();
+        const int m = box_.m;
+        const std::size_t last = strand.size() - 1;
+        int first = 0;
+        for (std::size_t k = 1; k <= last; ++k) {
+            const int next = k < last ? box_.cellsUpTo(share[k]) : m;
+            const float span = share[k] - share[k - 1];
+            Vec3f slope, base = strand[k];
+            if (span > 0.0f) {
+                slope = (strand[k] - strand[k - 1]) * (1.0f / span);
+                base = strand[k - 1] - slope * share[k - 1];
+            }
+            writeSegment(lane, first, next, base, slope);
+        }
+        float* const row[3] = {rows_[lane][0], rows_[lane][1], rows_[lane][2]};
+        row[0][m] = strand[last].x;
+        row[1][m] = strand[last].y;
+        row[2][m] = strand[last].z;
+    }
+
+    // The batch's strands into their cells where all have the same points: each segment's base,
+    // slope and cells worked out for every lane at once, by the steps resampleStrand takes, then
+    // each lane's cells written.
+    __attribute__((always_inline)) void resampleLanes() {
+        const int m = box_.m;
+        const std::size_t n = static_cast<std::size_t>(m / 4 + 1);
+        // Lanes without a strand repeat the first one's, so that they hold numbers.
+        for (int lane = count_; lane < kLanes; ++lane) {
+            for (std::size_t k = 0; k < n; ++k) {
+                laneShares_[k][lane] = laneShares_[k][0];
+                for (int axis = 0; axis < 3; ++axis)
+                    lanePoints_[axis][k][lane] = lanePoints_[axis][k][0];
+            }
+        }
+        const LaneVector zero{}, one = zero + 1.0f, cellCount = zero + static_cast<float>(m);
+        for (std::size_t k = 1; k < n; ++k) {
+            // Rows of lanes move through memcpy, which the compiler makes one load or store.
+            LaneVector at, before;
+            __builtin_memcpy(&at, laneShares_[k], sizeof at);
+            __builtin_memcpy(&before, laneShares_[k - 1], sizeof before);
+            const LaneVector span = at - before;
+            const auto positive = span > zero;
+            const LaneVector inverse = one / (positive ? span : one);
+            for (int axis = 0; axis < 3; ++axis) {
+                LaneVector p1, p0;
+                __builtin_memcpy(&p1, lanePoints_[axis][k], sizeof p1);
+                __builtin_memcpy(&p0, lanePoints_[axis][k - 1], sizeof p0);
+                const LaneVector slope = positive ? (p1 - p0) * inverse : zero;
+                const LaneVector base = positive ? p0 - slope * before : p1;
+                __builtin_memcpy(laneSlopes_[axis][k], &slope, sizeof slope);
+                __builtin_memcpy(laneBases_[axis][k], &base, sizeof base);
+            }
+            // cellsUpTo in lanes, with the cells' shares j / m made by the same division.
+            const LaneVector reach = at * cellCount;
+            const LaneVector g = __builtin_convertvector(
+                __builtin_convertvector(reach < cellCount ? reach : cellCount, LaneInts),
+                LaneVector);
+            const LaneVector below = g - one, above = g + one;
+            const LaneVector count = below + ((below / cellCount <= at) ? one : zero) +
+                                     ((g / cellCount <= at) ? one : zero) +
+                                     ((above / cellCount <= at) ? one : zero);
+            const LaneVector next = count < cellCount ? count : cellCount;
+            __builtin_memcpy(laneNext_[k], &next, sizeof next);
+        }
+        for (int lane = 0; lane < count_; ++lane) {
+            int first = 0;
+            for (std::size_t k = 1; k < n; ++k) {
+                const int next = k + 1 < n ? static_cast<int>(laneNext_[k][lane]) : m;
+                writeSegment(
+                    lane, first, next,
+                    {laneBases_[0][k][lane], laneBases_[1][k][lane], laneBases_[2][k][lane]},
+                    {laneSlopes_[0][k][lane], laneSlopes_[1][k][lane], laneSlopes_[2][k][lane]});
+            }
+            for (int axis = 0; axis < 3; ++axis)
+                rows_[lane][axis][m] = lanePoints_[axis][n - 1][lane];
+        }
+    }
+
+    // Reads lane `lane`'s smoothed curve back at its strand's own arcs and mixes it with the
+    // strand, into `mixed` (three rows of the strand's points). Four points at a time in SSE
+    // lanes, which round as the scalar steps after them do.
+    __attribute__((always_inline)) void mixLane(int lane, float* __restrict mixed) {
         const LaneStrand& entry = lanes_[static_cast<std::size_t>(lane)];
         const std::span<const Vec3f> strand = entry.points;
         const std::size_t n = strand.size();
         const int m = box_.m;
-        const std::span<Vec3f> mixed = mixedScratch_.take(n);
-        const LaneRow(&x)[kSmoothCells + 1] = cells_.curve[0];
-        const LaneRow(&y)[kSmoothCells + 1] = cells_.curve[1];
-        const LaneRow(&z)[kSmoothCells + 1] = cells_.curve[2];
-        for (std::size_t k = 0; k < n; ++k) {
-            const float at = entry.shares[k] * static_cast<float>(m);
-            const int cell = std::min(static_cast<int>(at), m - 1);
+        const float* __restrict share = entry.shares.data();
+        float* __restrict mx = mixed;
+        float* __restrict my = mixed + n;
+        float* __restrict mz = mixed + 2 * n;
+        const LaneRow(&x)[kCurveRows] = cells_.curve[0];
+        const LaneRow(&y)[kCurveRows] = cells_.curve[1];
+        const LaneRow(&z)[kCurveRows] = cells_.curve[2];
+        // The root is read back at the curve's first cell, which is the root.
+        mx[0] = strand[0].x;
+        my[0] = strand[0].y;
+        mz[0] = strand[0].z;
+        std::size_t k = 1;
+#if VELMORIN_SSE_LANES
+        const __m128 cellCount = _mm_set1_ps(static_cast<float>(m));
+        const __m128 lastCell = _mm_set1_ps(static_cast<float>(m - 1));
+        for (; k + 4 <= n; k += 4) {
+            const __m128 arc = _mm_mul_ps(_mm_loadu_ps(share + k), cellCount);
+            const __m128 cellAt = _mm_min_ps(_mm_cvtepi32_ps(_mm_cvttps_epi32(arc)), lastCell);
+            const __m128 f = _mm_sub_ps(arc, cellAt);
+            alignas(16) std::int32_t cell[4];
+            _mm_store_si128(reinterpret_cast<__m128i*>(cell), _mm_cvttps_epi32(cellAt));
+            __m128 weight = _mm_set1_ps(entry.strength);
+            if (!flatProfile_)
+                weight = _mm_mul_ps(weight, _mm_setr_ps(settings_.profile.at(share[k]),
+                                                        settings_.profile.at(share[k + 1]),
+                                                        settings_.profile.at(share[k + 2]),
+                                                        settings_.profile.at(share[k + 3])));
+            const Vec3f* p = strand.data() + k;
+            // The smoothed curve read back between the cells around each point's share, and
+            // mixed with the point.
+            const auto mix = [&](const LaneRow* row, __m128 point) __attribute__((always_inline)) {
+                const __m128 low = _mm_setr_ps(row[cell[0]][lane], row[cell[1]][lane],
+                                               row[cell[2]][lane], row[cell[3]][lane]);
+                const __m128 high = _mm_setr_ps(row[cell[0] + 1][lane], row[cell[1] + 1][lane],
+                                                row[cell[2] + 1][lane], row[cell[3] + 1][lane]);
+                const __m128 smooth = _mm_add_ps(low, _mm_mul_ps(_mm_sub_ps(high, low), f));
+                return _mm_add_ps(point, _mm_mul_ps(_mm_sub_ps(smooth, point), weight));
+            };
+            _mm_storeu_ps(mx + k, mix(x, _mm_setr_ps(p[0].x, p[1].x, p[2].x, p[3].x)));
+            _mm_storeu_ps(my + k, mix(y, _mm_setr_ps(p[0].y, p[1].y, p[2].y, p[3].y)));
+            _mm_storeu_ps(mz + k, mix(z, _mm_setr_ps(p[0].z, p[1].z, p[2].z, p[3].z)));
+        }
+#endif
+        for (; k < n; ++k) {
+            const float arc = share[k] * static_cast<float>(m);
+            const int cell = std::min(static_cast<int>(arc), m - 1);
             const Vec3f low{x[cell][lane], y[cell][lane], z[cell][lane]};
             const Vec3f high{x[cell + 1][lane], y[cell + 1][lane], z[cell + 1][lane]};
-            const Vec3f smooth = lerp(low, high, at - static_cast<float>(cell));
-            mixed[k] = lerp(strand[k], smooth,
-                            entry.strength * profileAt(settings_.profile, entry.shares[k]));
+            const Vec3f smooth = lerp(low, high, arc - static_cast<float>(cell));
+            const float weight =
+                flatProfile_ ? entry.strength : entry.strength * settings_.profile.at(share[k]);
+            const Vec3f mixed = lerp(strand[k], smooth, weight);
+            mx[k] = mixed.x;
+            my[k] = mixed.y;
+            mz[k] = mixed.z;
         }
-        // Each segment takes the mixed shape's direction at its own length.
+    }
+
+    // Pushes lane `lane`'s points back to keep its strand's segment lengths, each segment along
+    // the mixed shape's direction (`mixed` as mixLane made it), and writes them out. The
+    // directions four segments at a time in SSE lanes, whose square roots and divisions round as
+    // the scalar ones after them do.
+    __attribute__((always_inline)) void pushLane(int lane, const float* __restrict mixed) {
+        const LaneStrand& entry = lanes_[static_cast<std::size_t>(lane)];
+        const std::span<const Vec3f> strand = entry.points;
+        const std::size_t n = strand.size();
+        const float* __restrict lengths = entry.lengths.data();
+        const float* __restrict mx = mixed;
+        const float* __restrict my = mixed + n;
+        const float* __restrict mz = mixed + 2 * n;
         Vec3f* out = entry.out;
-        for (std::size_t k = 1; k < n; ++k) {
-            const Vec3f turned = mixed[k] - mixed[k - 1];
-            const float turnedLength = length(turned);
-            const Vec3f along = turnedLength > 1e-20f ? turned * (1.0f / turnedLength)
-                                                      : normalized(strand[k] - strand[k - 1]);
-            out[k] = out[k - 1] + along * entry.lengths[k];
+        Vec3f at = strand[0];
+        out[0] = at;
+        std::size_t k = 1;
+#if VELMORIN_SSE_LANES
+        const __m128 tiny = _mm_set1_ps(1e-20f), one = _mm_set1_ps(1.0f);
+        for (; k + 4 <= n; k += 4) {
+            const __m128 tx = _mm_sub_ps(_mm_loadu_ps(mx + k), _mm_loadu_ps(mx + k - 1));
+            const __m128 ty = _mm_sub_ps(_mm_loadu_ps(my + k), _mm_loadu_ps(my + k - 1));
+            const __m128 tz = _mm_sub_ps(_mm_loadu_ps(mz + k), _mm_loadu_ps(mz + k - 1));
+            const __m128 size = _mm_sqrt_ps(
+                _mm_add_ps(_mm_add_ps(_mm_mul_ps(tx, tx), _mm_mul_ps(ty, ty)), _mm_mul_ps(tz, tz)));
+            const __m128 sized = _mm_cmpgt_ps(size, tiny);
+            const __m128 inverse =
+                _mm_div_ps(one, _mm_or_ps(_mm_and_ps(sized, size), _mm_andnot_ps(sized, one)));
+            const __m128 kept = _mm_loadu_ps(lengths + k);
+            alignas(16) float sx[4], sy[4], sz[4];
+            _mm_store_ps(sx, _mm_mul_ps(_mm_mul_ps(tx, inverse), kept));
+            _mm_store_ps(sy, _mm_mul_ps(_mm_mul_ps(ty, inverse), kept));
+            _mm_store_ps(sz, _mm_mul_ps(_mm_mul_ps(tz, inverse), kept));
+            const int hasSize = _mm_movemask_ps(sized);
+            for (std::size_t i = 0; i < 4; ++i) {
+                Vec3f step{sx[i], sy[i], sz[i]};
+                // Where the mixed shape folds a segment to nothing, it keeps its direction.
+                if (!((hasSize >> i) & 1))
+                    step = normalized(strand[k + i] - strand[k + i - 1]) * lengths[k + i];
+                at = at + step;
+                out[k + i] = at;
+            }
+        }
+#endif
+        for (; k < n; ++k) {
+            const Vec3f turned{mx[k] - mx[k - 1], my[k] - my[k - 1], mz[k] - mz[k - 1]};
+            const float size = squareRoot(dot(turned, turned));
+            const Vec3f along =
+                size > 1e-20f ? turned * (1.0f / size) : normalized(strand[k] - strand[k - 1]);
+            at = at + along * lengths[k];
+            out[k] = at;
         }
     }
 
     const SmoothSettings& settings_;
+    const bool flatProfile_;
     BoxWindow box_;
     LaneCells cells_;
     int count_ = 0;
@@ -286,28 +619,66 @@ class SmoothBatch {
     // Per point: on the stack for strands of ordinary length.
     std::array<StrandScratch<float>, kLanes> shareScratch_;
     std::array<StrandScratch<float>, kLanes> lengthScratch_;
-    StrandScratch<Vec3f> baseScratch_;
-    StrandScratch<Vec3f> slopeScratch_;
-    StrandScratch<Vec3f> mixedScratch_;
+    StrandScratch<float, 3 * 32 * kLanes> mixedScratch_;
+    alignas(32) StrandRows rows_[kLanes] = {};
+    // The batch's strands lane by lane, and their segments', where they have the same points.
+    alignas(32) LaneRow laneShares_[kLanePoints];
+    alignas(32) LaneRow lanePoints_[3][kLanePoints];
+    alignas(32) LaneRow laneBases_[3][kLanePoints];
+    alignas(32) LaneRow laneSlopes_[3][kLanePoints];
+    alignas(32) LaneRow laneNext_[kLanePoints];
 };
+
+// The strands from `begin` to `end` of the selection, in batches.
+template <bool kWide>
+inline __attribute__((always_inline)) void smoothChunk(const StrandSet& input,
+                                                       const SmoothSettings& settings,
+                                                       const StrandSelection& pick,
+                                                       std::span<Vec3f> points, std::size_t begin,
+                                                       std::size_t end) {
+    SmoothBatch<kWide> batch(settings);
+    for (std::size_t item = begin; item < end; ++item) {
+        const std::size_t s = pick.strand(item);
+        const std::span<const Vec3f> strand = input.strandPoints(s);
+        Vec3f* out = points.data() + input.pointRange(s).begin;
+        const float strength = strand.size() < 2 ? 0.0f : settings.strength.atStrand(s);
+        if (strength == 0.0f) {
+            std::copy(strand.begin(), strand.end(), out);
+            continue;
+        }
+        batch.add(strand, out, strength);
+    }
+    batch.flush();
+}
+
+void smoothChunkNarrow(const StrandSet& input, const SmoothSettings& settings,
+                       const StrandSelection& pick, std::span<Vec3f> points, std::size_t begin,
+                       std::size_t end) {
+    smoothChunk<false>(input, settings, pick, points, begin, end);
+}
+
+#if VELMORIN_SMOOTH_AVX
+__attribute__((target("avx"))) void smoothChunkWide(const StrandSet& input,
+                                                    const SmoothSettings& settings,
+                                                    const StrandSelection& pick,
+                                                    std::span<Vec3f> points, std::size_t begin,
+                                                    std::size_t end) {
+    smoothChunk<true>(input, settings, pick, points, begin, end);
+}
+#endif
 
 }  // namespace
 
 void smoothStrands(const StrandSet& input, const SmoothSettings& settings,
                    const StrandSelection& pick, std::span<Vec3f> points) {
+#if VELMORIN_SMOOTH_AVX
+    static const bool wide = __builtin_cpu_supports("avx");
+    const auto chunk = wide ? &smoothChunkWide : &smoothChunkNarrow;
+#else
+    const auto chunk = &smoothChunkNarrow;
+#endif
     parallelRange(0, pick.size(input.strandCount()), 256, [&](std::size_t begin, std::size_t end) {
-        SmoothBatch batch(settings);
-        for (std::size_t item = begin; item < end; ++item) {
-            const std::size_t s = pick.strand(item);
-            const std::span<const Vec3f> strand = input.strandPoints(s);
-            Vec3f* out = points.data() + input.pointRange(s).begin;
-            std::copy(strand.begin(), strand.end(), out);
-            if (strand.size() < 2) continue;
-            const float strength = settings.strength.atStrand(s);
-            if (strength == 0.0f) continue;
-            batch.add(strand, out, strength);
-        }
-        batch.flush();
+        chunk(input, settings, pick, points, begin, end);
     });
 }
 

@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <array>
 #include <cmath>
 #include <string>
 #include <vector>
@@ -358,11 +360,12 @@ TEST(Smooth, TakesOutSmallBumpsAndKeepsEveryLength) {
 }
 
 TEST(Smooth, StrandsOfMixedPointCountsSmoothAsEachAlone) {
-    // Strands of 2 to 41 points side by side, so that those smoothed together have the same cell
-    // count or not; each must come out as it does smoothed alone.
+    // A run of strands of 9 points (whole batches, which work their segments out side by side),
+    // then strands of 2 to 41 points side by side, so that those smoothed together have the same
+    // cell count or not; each must come out as it does smoothed alone.
     StrandSet mixed;
-    for (std::uint64_t s = 0; s < 90; ++s) {
-        const std::size_t n = 2 + (s * 7) % 40;
+    for (std::uint64_t s = 0; s < 110; ++s) {
+        const std::size_t n = s < 20 ? 9 : 2 + (s * 7) % 40;
         Points points(n);
         for (std::size_t k = 1; k < n; ++k) {
             const std::uint64_t h = hashCombine(s, k);
@@ -381,6 +384,108 @@ TEST(Smooth, StrandsOfMixedPointCountsSmoothAsEachAlone) {
                   Points(together.begin() + static_cast<std::ptrdiff_t>(range.begin),
                          together.begin() + static_cast<std::ptrdiff_t>(range.begin + range.count)))
             << "strand " << s;
+    }
+}
+
+// The rule written out plainly, in doubles: the strand at m + 1 equal arc steps (four cells a
+// segment, 127 at most), its differences mirrored to a period of 2m, three box filters of width
+// min(2 scale m, 2m), each an integral over the cells it covers, the curve rebuilt from the root,
+// read back at the strand's own arcs, mixed by the strength and each segment pushed back to its
+// length along the mixed shape.
+Points smoothedByTheRule(std::span<const Vec3f> points, double strength, double scale) {
+    using V = std::array<double, 3>;
+    const std::size_t n = points.size();
+    const auto point = [&](std::size_t k) { return V{points[k].x, points[k].y, points[k].z}; };
+    const auto lerpV = [](const V& a, const V& b, double t) {
+        return V{a[0] + (b[0] - a[0]) * t, a[1] + (b[1] - a[1]) * t, a[2] + (b[2] - a[2]) * t};
+    };
+    const int m = std::min(127, 4 * static_cast<int>(n - 1));
+    std::vector<double> share(n, 0.0), lengths(n, 0.0);
+    for (std::size_t k = 1; k < n; ++k) {
+        const V a = point(k - 1), b = point(k);
+        lengths[k] = std::hypot(b[0] - a[0], b[1] - a[1], b[2] - a[2]);
+        share[k] = share[k - 1] + lengths[k];
+    }
+    for (double& t : share)
+        t /= share[n - 1];
+    std::vector<V> cells(static_cast<std::size_t>(m) + 1);
+    for (int j = 0; j < m; ++j) {
+        const double t = static_cast<double>(j) / m;
+        std::size_t k = 1;
+        while (k < n - 1 && share[k] < t)
+            ++k;
+        const double span = share[k] - share[k - 1];
+        cells[static_cast<std::size_t>(j)] =
+            lerpV(point(k - 1), point(k), span > 0.0 ? (t - share[k - 1]) / span : 1.0);
+    }
+    cells[static_cast<std::size_t>(m)] = point(n - 1);
+    std::vector<V> differences(static_cast<std::size_t>(m));
+    for (std::size_t j = 0; j < differences.size(); ++j)
+        for (int a = 0; a < 3; ++a)
+            differences[j][a] = cells[j + 1][a] - cells[j][a];
+    const double width = std::min(2.0 * scale * m, 2.0 * m);
+    const auto mirror = [&](long q) {
+        long r = q % (2 * m);
+        if (r < 0) r += 2 * m;
+        return static_cast<std::size_t>(r < m ? r : 2 * m - 1 - r);
+    };
+    for (int pass = 0; pass < 3 && width > 1e-3; ++pass) {
+        std::vector<V> next(differences.size(), V{});
+        for (int j = 0; j < m; ++j) {
+            const double low = j + 0.5 - 0.5 * width, high = j + 0.5 + 0.5 * width;
+            for (long q = static_cast<long>(std::floor(low)); q <= static_cast<long>(high); ++q) {
+                const double overlap =
+                    std::min<double>(high, q + 1.0) - std::max<double>(low, static_cast<double>(q));
+                if (overlap <= 0.0) continue;
+                for (int a = 0; a < 3; ++a)
+                    next[static_cast<std::size_t>(j)][a] +=
+                        differences[mirror(q)][a] * overlap / width;
+            }
+        }
+        differences = next;
+    }
+    std::vector<V> curve(cells.size());
+    curve[0] = cells[0];
+    for (std::size_t j = 0; j < differences.size(); ++j)
+        for (int a = 0; a < 3; ++a)
+            curve[j + 1][a] = curve[j][a] + differences[j][a];
+    Points out(n);
+    out[0] = points[0];
+    V before = point(0), at = point(0);
+    for (std::size_t k = 1; k < n; ++k) {
+        const double arc = share[k] * m;
+        const std::size_t cell = std::min<std::size_t>(static_cast<std::size_t>(arc), m - 1);
+        const V smooth = lerpV(curve[cell], curve[cell + 1], arc - static_cast<double>(cell));
+        const V mixed = lerpV(point(k), smooth, strength);
+        const V turned{mixed[0] - before[0], mixed[1] - before[1], mixed[2] - before[2]};
+        const double size = std::hypot(turned[0], turned[1], turned[2]);
+        for (int a = 0; a < 3; ++a)
+            at[a] += turned[a] / size * lengths[k];
+        before = mixed;
+        out[k] =
+            Vec3f{static_cast<float>(at[0]), static_cast<float>(at[1]), static_cast<float>(at[2])};
+    }
+    return out;
+}
+
+TEST(Smooth, FollowsTheRuleWrittenOutInDoubles) {
+    // Strands of 2 to 40 points (40: more than 127 cells' worth, held to 127), narrow and wide
+    // boxes and a box past the whole period.
+    for (const std::size_t n : {2, 3, 9, 17, 40}) {
+        const auto strands = test::scalpStrands(*head(), 40, n, 7 + n);
+        for (const float scale : {0.05f, 0.2f, 1.0f, 3.0f}) {
+            const Points points = smoothed(*strands, smooth(0.7f, scale));
+            for (std::size_t s = 0; s < strands->strandCount(); ++s) {
+                const auto range = strands->pointRange(s);
+                const Points expected = smoothedByTheRule(strands->strandPoints(s), 0.7, scale);
+                for (std::size_t k = 0; k < n; ++k) {
+                    const Vec3f got = points[range.begin + k];
+                    ASSERT_LT(length(got - expected[k]), 2e-4f)
+                        << "points " << n << ", scale " << scale << ", strand " << s << ", point "
+                        << k;
+                }
+            }
+        }
     }
 }
 
