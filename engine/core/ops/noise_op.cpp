@@ -5,6 +5,7 @@
 #include <memory>
 #include <mutex>
 
+#include "base/fast_trig_lanes.h"
 #include "expr/noise.h"
 #include "graph/delivered_params.h"
 #include "graph/registry.h"
@@ -66,12 +67,21 @@ void noiseStrands(const StrandSet& input, const NoiseSettings& settings,
         StrandScratch<Vec3f> unitScratch;
         // The strands' own-space lines, set up once for the chunk.
         FractalNoiseAlongZ line(smooth, noiseSeed);
+        // The draws of a batch of strands made before their points: each is a chain of hashes
+        // that has to wait on the one before, and side by side the chains overlap.
+        constexpr std::size_t kBatch = 64;
+        NoiseDraws batch[kBatch];
         for (std::size_t i = first; i < last; ++i) {
             const std::size_t s = selection.strand(i);
+            if ((i - first) % kBatch == 0) {
+                const std::size_t batchEnd = std::min(last, i + kBatch);
+                for (std::size_t j = i; j < batchEnd; ++j)
+                    batch[j - i] = noiseDraws(ids[selection.strand(j)], settings.seed);
+            }
+            const NoiseDraws& draws = batch[(i - first) % kBatch];
             const std::span<const Vec3f> points = input.strandPoints(s);
             const std::size_t begin = input.pointRange(s).begin;
             const std::size_t n = points.size();
-            const NoiseDraws draws = noiseDraws(ids[s], settings.seed);
             const float fraction = fractionMapped ? settings.fraction.atStrand(s) : plainFraction;
             const auto keep = [&] {
                 std::copy(points.begin(), points.end(), out.begin() + begin);
@@ -93,7 +103,14 @@ void noiseStrands(const StrandSet& input, const NoiseSettings& settings,
                 continue;
             }
             arcs.resize(n);
-            const float total = arcLengths(points, arcs);
+            // arcLengths, with the square roots four at a time.
+            segmentLengths(points, arcs);
+            float total = 0.0f;
+            arcs[0] = 0.0f;
+            for (std::size_t k = 1; k < n; ++k) {
+                total += arcs[k];
+                arcs[k] = total;
+            }
             if (!(total > 0.0f)) {
                 keep();
                 continue;
@@ -117,7 +134,20 @@ void noiseStrands(const StrandSet& input, const NoiseSettings& settings,
                 const std::span<float> along = alongScratch.take(n - 1);
                 const std::span<Vec3f> units = unitScratch.take(n - 1);
                 // Each point's share of the length, made once for the lattice and the profile.
-                for (std::size_t k = 1; k < n; ++k) {
+                std::size_t k = 1;
+#if VELMORIN_SSE_LANES
+                // Four points at a time, each lane with the operations of the loop below.
+                const __m128 lengthLanes = _mm_set1_ps(total);
+                const __m128 frequencyLanes = _mm_set1_ps(frequency);
+                const __m128 baseLanes = _mm_set1_ps(draws.base.z);
+                for (; k + 4 <= n; k += 4) {
+                    const __m128 share = _mm_div_ps(_mm_loadu_ps(arcs.data() + k), lengthLanes);
+                    _mm_storeu_ps(arcs.data() + k, share);
+                    _mm_storeu_ps(along.data() + k - 1,
+                                  _mm_add_ps(baseLanes, _mm_mul_ps(share, frequencyLanes)));
+                }
+#endif
+                for (; k < n; ++k) {
                     arcs[k] /= total;
                     along[k - 1] = draws.base.z + arcs[k] * frequency;
                 }
