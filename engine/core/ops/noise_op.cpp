@@ -160,6 +160,26 @@ void noiseStrands(const StrandSet& input, const NoiseSettings& settings,
                     along[k - 1] = draws.base.z + arcs[k] * frequency;
                 }
                 line.along(along, units);
+                if (!amplitudeMapped && !record && settings.profile.keys.empty()) {
+                    // One amplitude for every point (displace's with a profile of 1): the points
+                    // and units as runs of floats, four at a time, each the p + u * a of displace.
+                    const float a = plainAmplitude * 1.0f;
+                    const float* from = &points[1].x;
+                    const float* unit = &units[0].x;
+                    float* to = &out[begin + 1].x;
+                    const std::size_t floats = 3 * (n - 1);
+                    std::size_t f = 0;
+#if VELMORIN_SSE_LANES
+                    const __m128 amplitudeLanes = _mm_set1_ps(a);
+                    for (; f + 4 <= floats; f += 4)
+                        _mm_storeu_ps(
+                            to + f, _mm_add_ps(_mm_loadu_ps(from + f),
+                                               _mm_mul_ps(_mm_loadu_ps(unit + f), amplitudeLanes)));
+#endif
+                    for (; f < floats; ++f)
+                        to[f] = from[f] + unit[f] * a;
+                    continue;
+                }
                 for (std::size_t k = 1; k < n; ++k)
                     displace(k, units[k - 1], profileAt(settings.profile, arcs[k]));
                 continue;
