@@ -403,44 +403,101 @@ void FractalNoiseAlongZ::along(std::span<const float> z, std::span<Vec3f> out) {
     alignas(16) float sums[kMostSamples][4];
     for (std::size_t i = 0; i < count; ++i)
         std::fill_n(sums[i], 4, 0.0f);
-    float q[kMostSamples];
-    float below[kMostSamples];
-    std::int32_t cell[kMostSamples];
+    // Per sample and octave: q, its cell's lower z as a float and as a cell number, the offset in
+    // the cell and its fade. Four more than the samples, for the lanes' padding.
+    alignas(16) float q[kMostSamples + 4];
+    alignas(16) float below[kMostSamples + 4];
+    alignas(16) std::int32_t cell[kMostSamples + 4];
+    alignas(16) float offset[kMostSamples + 4];
+    alignas(16) float fade[kMostSamples + 4];
     alignas(16) float constant[kMostFaces][4];
     alignas(16) float slope[kMostFaces][4];
+#if VELMORIN_NOISE_SSE2
+    // The samples padded to whole lanes with copies of the last, which change no lowest or highest
+    // cell and whose results are dropped.
+    alignas(16) float padded[kMostSamples + 4];
+    const std::size_t lanes = (count + 3) & ~std::size_t{3};
+    std::copy(z.begin(), z.end(), padded);
+    std::fill(padded + count, padded + lanes, count > 0 ? z[count - 1] : 0.0f);
+#endif
     for (int o = 0; o < octaveCount_; ++o) {
         Octave& octave = octaves_[o];
         if (octave.weight == 0.0f) continue;
         bool plain = true;
+        std::int32_t lowest = 0, highest = -1;
+#if VELMORIN_NOISE_SSE2
+        // Four samples at a time, each lane with the operations of the plain loop below:
+        // floorOf's truncation, step down and sign, and noiseFade's products in their order.
+        if (count > 0) {
+            const __m128 frequency = _mm_set1_ps(octave.frequency);
+            const __m128 reach = _mm_set1_ps(kPlainReach);
+            const __m128 sign = _mm_set1_ps(-0.0f);
+            __m128 inReach = _mm_castsi128_ps(_mm_set1_epi32(-1));
+            __m128 least = _mm_set1_ps(kPlainReach), most = _mm_set1_ps(-kPlainReach);
+            for (std::size_t i = 0; i < lanes; i += 4) {
+                const __m128 v = _mm_mul_ps(_mm_load_ps(padded + i), frequency);
+                inReach = _mm_and_ps(inReach, _mm_cmplt_ps(_mm_andnot_ps(sign, v), reach));
+                const __m128 t = _mm_cvtepi32_ps(_mm_cvttps_epi32(v));
+                const __m128 down = _mm_cmpgt_ps(t, v);
+                const __m128 signedT = _mm_or_ps(_mm_andnot_ps(sign, t), _mm_and_ps(sign, v));
+                const __m128 b = _mm_or_ps(_mm_and_ps(down, _mm_sub_ps(t, _mm_set1_ps(1.0f))),
+                                           _mm_andnot_ps(down, signedT));
+                const __m128 f = _mm_sub_ps(v, b);
+                const __m128 cubed = _mm_mul_ps(_mm_mul_ps(f, f), f);
+                const __m128 inner = _mm_add_ps(
+                    _mm_mul_ps(f, _mm_sub_ps(_mm_mul_ps(f, _mm_set1_ps(6.0f)), _mm_set1_ps(15.0f))),
+                    _mm_set1_ps(10.0f));
+                _mm_store_ps(q + i, v);
+                _mm_store_ps(below + i, b);
+                _mm_store_si128(reinterpret_cast<__m128i*>(cell + i), _mm_cvttps_epi32(b));
+                _mm_store_ps(offset + i, f);
+                _mm_store_ps(fade + i, _mm_mul_ps(cubed, inner));
+                least = _mm_min_ps(least, b);
+                most = _mm_max_ps(most, b);
+            }
+            plain = _mm_movemask_ps(inReach) == 0xF;
+            if (plain) {
+                // Whole floats in reach: the least and most cells as floats, then as numbers.
+                alignas(16) float ends[2][4];
+                _mm_store_ps(ends[0], least);
+                _mm_store_ps(ends[1], most);
+                lowest = static_cast<std::int32_t>(
+                    std::min(std::min(ends[0][0], ends[0][1]), std::min(ends[0][2], ends[0][3])));
+                highest = static_cast<std::int32_t>(
+                    std::max(std::max(ends[1][0], ends[1][1]), std::max(ends[1][2], ends[1][3])));
+            }
+        }
+#else
         for (std::size_t i = 0; i < count; ++i) {
             q[i] = z[i] * octave.frequency;
             plain = plain && std::fabs(q[i]) < kPlainReach;
         }
-        std::int32_t lowest = 0, highest = -1;
         if (plain && count > 0) {
             lowest = std::numeric_limits<std::int32_t>::max();
             highest = std::numeric_limits<std::int32_t>::min();
             for (std::size_t i = 0; i < count; ++i) {
                 below[i] = floorOf(q[i]);
                 cell[i] = static_cast<std::int32_t>(below[i]);
+                offset[i] = q[i] - below[i];
+                fade[i] = noiseFade(offset[i]);
                 lowest = std::min(lowest, cell[i]);
                 highest = std::max(highest, cell[i]);
             }
         }
+#endif
         // Every face from the lowest cell's to the highest's upper one; where the samples skip
         // cells (a frequency finer than them) that is more than the walk makes, and it walks.
         const std::int32_t faces = highest - lowest + 2;
         if (!plain || faces > kMostFaces || static_cast<std::size_t>(faces) > 2 * count + 2) {
             for (std::size_t i = 0; i < count; ++i)
-                addOctave(octave, q[i], sums[i]);
+                addOctave(octave, z[i] * octave.frequency, sums[i]);
             continue;
         }
         for (std::int32_t face = 0; face < faces; ++face)
             blendFace(octave, lowest + face, constant[face], slope[face]);
         for (std::size_t i = 0; i < count; ++i) {
             const std::size_t at = static_cast<std::size_t>(cell[i] - lowest);
-            const float f = q[i] - below[i];
-            addBlended(constant[at], slope[at], constant[at + 1], slope[at + 1], f, noiseFade(f),
+            addBlended(constant[at], slope[at], constant[at + 1], slope[at + 1], offset[i], fade[i],
                        octave.weight, sums[i]);
         }
     }

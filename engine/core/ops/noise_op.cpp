@@ -5,6 +5,7 @@
 #include <memory>
 #include <mutex>
 
+#include "base/fast_trig_lanes.h"
 #include "expr/noise.h"
 #include "graph/delivered_params.h"
 #include "graph/registry.h"
@@ -39,6 +40,19 @@ NoiseDraws noiseDraws(std::uint64_t id, std::uint64_t seed) {
     return out;
 }
 
+// Turns the segment lengths in arcs[1..n) into the arcs from the root (arcs[0] = 0), as arcLengths
+// sums them, and returns the whole length. A function of its own, so that the running sum stays in
+// a register: inlined into the strand loop it was kept in memory, a store and a load per point.
+[[gnu::noinline]] float runningArcs(float* arcs, std::size_t n) {
+    float total = 0.0f;
+    arcs[0] = 0.0f;
+    for (std::size_t k = 1; k < n; ++k) {
+        total += arcs[k];
+        arcs[k] = total;
+    }
+    return total;
+}
+
 float sampleSpacing(const NoiseSettings& settings, float strandLength, std::size_t segments) {
     const float perStrand = settings.frequency / static_cast<float>(segments);
     return settings.space == NoiseSpace::World ? strandLength * perStrand : perStrand;
@@ -66,12 +80,21 @@ void noiseStrands(const StrandSet& input, const NoiseSettings& settings,
         StrandScratch<Vec3f> unitScratch;
         // The strands' own-space lines, set up once for the chunk.
         FractalNoiseAlongZ line(smooth, noiseSeed);
+        // The draws of a batch of strands made before their points: each is a chain of hashes
+        // that has to wait on the one before, and side by side the chains overlap.
+        constexpr std::size_t kBatch = 64;
+        NoiseDraws batch[kBatch];
         for (std::size_t i = first; i < last; ++i) {
             const std::size_t s = selection.strand(i);
+            if ((i - first) % kBatch == 0) {
+                const std::size_t batchEnd = std::min(last, i + kBatch);
+                for (std::size_t j = i; j < batchEnd; ++j)
+                    batch[j - i] = noiseDraws(ids[selection.strand(j)], settings.seed);
+            }
+            const NoiseDraws& draws = batch[(i - first) % kBatch];
             const std::span<const Vec3f> points = input.strandPoints(s);
             const std::size_t begin = input.pointRange(s).begin;
             const std::size_t n = points.size();
-            const NoiseDraws draws = noiseDraws(ids[s], settings.seed);
             const float fraction = fractionMapped ? settings.fraction.atStrand(s) : plainFraction;
             const auto keep = [&] {
                 std::copy(points.begin(), points.end(), out.begin() + begin);
@@ -93,7 +116,9 @@ void noiseStrands(const StrandSet& input, const NoiseSettings& settings,
                 continue;
             }
             arcs.resize(n);
-            const float total = arcLengths(points, arcs);
+            // arcLengths, with the square roots four at a time.
+            segmentLengths(points, arcs);
+            const float total = runningArcs(arcs.data(), n);
             if (!(total > 0.0f)) {
                 keep();
                 continue;
@@ -117,11 +142,44 @@ void noiseStrands(const StrandSet& input, const NoiseSettings& settings,
                 const std::span<float> along = alongScratch.take(n - 1);
                 const std::span<Vec3f> units = unitScratch.take(n - 1);
                 // Each point's share of the length, made once for the lattice and the profile.
-                for (std::size_t k = 1; k < n; ++k) {
+                std::size_t k = 1;
+#if VELMORIN_SSE_LANES
+                // Four points at a time, each lane with the operations of the loop below.
+                const __m128 lengthLanes = _mm_set1_ps(total);
+                const __m128 frequencyLanes = _mm_set1_ps(frequency);
+                const __m128 baseLanes = _mm_set1_ps(draws.base.z);
+                for (; k + 4 <= n; k += 4) {
+                    const __m128 share = _mm_div_ps(_mm_loadu_ps(arcs.data() + k), lengthLanes);
+                    _mm_storeu_ps(arcs.data() + k, share);
+                    _mm_storeu_ps(along.data() + k - 1,
+                                  _mm_add_ps(baseLanes, _mm_mul_ps(share, frequencyLanes)));
+                }
+#endif
+                for (; k < n; ++k) {
                     arcs[k] /= total;
                     along[k - 1] = draws.base.z + arcs[k] * frequency;
                 }
                 line.along(along, units);
+                if (!amplitudeMapped && !record && settings.profile.keys.empty()) {
+                    // One amplitude for every point (displace's with a profile of 1): the points
+                    // and units as runs of floats, four at a time, each the p + u * a of displace.
+                    const float a = plainAmplitude * 1.0f;
+                    const float* from = &points[1].x;
+                    const float* unit = &units[0].x;
+                    float* to = &out[begin + 1].x;
+                    const std::size_t floats = 3 * (n - 1);
+                    std::size_t f = 0;
+#if VELMORIN_SSE_LANES
+                    const __m128 amplitudeLanes = _mm_set1_ps(a);
+                    for (; f + 4 <= floats; f += 4)
+                        _mm_storeu_ps(
+                            to + f, _mm_add_ps(_mm_loadu_ps(from + f),
+                                               _mm_mul_ps(_mm_loadu_ps(unit + f), amplitudeLanes)));
+#endif
+                    for (; f < floats; ++f)
+                        to[f] = from[f] + unit[f] * a;
+                    continue;
+                }
                 for (std::size_t k = 1; k < n; ++k)
                     displace(k, units[k - 1], profileAt(settings.profile, arcs[k]));
                 continue;

@@ -5,6 +5,7 @@
 
 #include "graph/errors.h"
 #include "graph/registry.h"
+#include "ops/arc_walk_lanes.h"
 #include "ops/shape_ops.h"
 
 namespace velmorin {
@@ -37,6 +38,9 @@ class Planner {
                 longest_ = std::max(longest_, l);
         }
     }
+
+    // Whether strand s is braided: it keeps the points its weave is drawn with.
+    bool braided(std::size_t s) const { return braid_ && (*braid_)[s] != braidDefault_; }
 
     // `arcs` is scratch for the strand's arcs, `placed` for the curvature walk's.
     StrandPlan plan(std::size_t s, std::vector<float>& arcs, std::vector<float>& placed) const {
@@ -168,12 +172,17 @@ void resampleInto(const StrandSet& input, const ResampleSettings& settings,
     }
     const std::span<const std::uint64_t> offsets = out.offsets();
 
+    // Even strands of one point count in and out go through the lanes, eight at a time, where no
+    // point channel needs the walk's segments noted.
+    const std::size_t lanePoints = static_cast<std::size_t>(settings.segments) + 1;
+    const bool lanes = arcWalkLanesUsable() && settings.mode == ResampleMode::Even &&
+                       names.empty() && settings.segments >= 1 && lanePoints <= kArcWalkMostPoints;
     forSelectedChunks(input.strandCount(), selection, [&](std::size_t first, std::size_t last) {
         std::vector<float> arcs, placed;
         std::vector<std::uint32_t> segmentAt;
         std::vector<float> fractionAt;
-        for (std::size_t i = first; i < last; ++i) {
-            const std::size_t s = selection.strand(i);
+        // The one-strand walk, for strands the lanes do not take.
+        const auto resampleOne = [&](std::size_t s) {
             const StrandSet::PointRange from = input.pointRange(s);
             const std::size_t to = offsets[s];
             const std::size_t count = offsets[s + 1] - to;
@@ -185,7 +194,7 @@ void resampleInto(const StrandSet& input, const ResampleSettings& settings,
                     for (std::size_t c = 0; c < names.size(); ++c)
                         (*channelsOut[c])[to + k] = (*channelsIn[c])[from.begin + k];
                 }
-                continue;
+                return;
             }
             const std::span<const Vec3f> strand = input.strandPoints(s);
             const float total = arcs[strand.size() - 1];
@@ -236,7 +245,48 @@ void resampleInto(const StrandSet& input, const ResampleSettings& settings,
             };
             for (std::size_t c = 0; c < names.size(); ++c)
                 lerpColumn(*channelsIn[c], *channelsOut[c]);
+        };
+        // Strands for the lanes wait here until there are enough of one point count.
+        std::size_t waiting[kArcWalkLanes];
+        std::size_t waitingCount = 0;
+        std::size_t waitingPoints = 0;
+        const auto resampleWaiting = [&] {
+            for (std::size_t l = 0; l < waitingCount; ++l)
+                resampleOne(waiting[l]);
+            waitingCount = 0;
+        };
+        for (std::size_t i = first; i < last; ++i) {
+            const std::size_t s = selection.strand(i);
+            const std::size_t n = input.pointRange(s).count;
+            if (!lanes || n < 2 || n > kArcWalkMostPoints ||
+                offsets[s + 1] - offsets[s] != lanePoints || planner.braided(s)) {
+                resampleOne(s);
+                continue;
+            }
+            if (waitingCount > 0 && n != waitingPoints) resampleWaiting();
+            waitingPoints = n;
+            waiting[waitingCount] = s;
+            if (++waitingCount < kArcWalkLanes) continue;
+            const Vec3f* from[kArcWalkLanes];
+            const float* widthsFrom[kArcWalkLanes];
+            Vec3f* to[kArcWalkLanes];
+            float* widthsTo[kArcWalkLanes];
+            for (std::size_t l = 0; l < kArcWalkLanes; ++l) {
+                const std::size_t begin = input.pointRange(waiting[l]).begin;
+                from[l] = input.points().data() + begin;
+                widthsFrom[l] = hasWidths ? widthsIn.data() + begin : nullptr;
+                to[l] = points.data() + offsets[waiting[l]];
+                widthsTo[l] = widths.data() + offsets[waiting[l]];
+            }
+            const unsigned kept =
+                resampleLanes(from, hasWidths ? widthsFrom : nullptr, n,
+                              static_cast<std::uint32_t>(settings.segments), to, widthsTo);
+            // A strand of no length is kept as it came: its lane is redone alone.
+            for (std::size_t l = 0; l < kArcWalkLanes; ++l)
+                if (kept & (1u << l)) resampleOne(waiting[l]);
+            waitingCount = 0;
         }
+        resampleWaiting();
     });
 }
 

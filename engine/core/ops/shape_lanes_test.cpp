@@ -4,9 +4,11 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <limits>
 #include <memory>
 #include <vector>
 
+#include "base/hash.h"
 #include "base/parallel.h"
 #include "mesh/sample_meshes.h"
 #include "ops/shape_ops.h"
@@ -55,6 +57,92 @@ void expectSameBitsStrandByStrand(const StrandSet& input, const Shape& shape) {
                       0)
                 << "strand " << s << " of " << range.count << " points, " << threads << " threads";
         }
+    }
+}
+
+// mixedRuns with a run of 16 strands of 9 points after it whose segments are awkward for a walk
+// along the arc: stacked points inside and at the ends, a strand of no length, steps too small to
+// square, a point that is not a number. Every point carries a width.
+std::shared_ptr<const StrandSet> awkwardRuns(const ScalpMesh& scalp) {
+    auto set = std::make_shared<StrandSet>(*mixedRuns(scalp));
+    const float nan = std::numeric_limits<float>::quiet_NaN();
+    for (std::uint64_t s = 0; s < 16; ++s) {
+        std::vector<Vec3f> points(9);
+        for (std::size_t k = 1; k < points.size(); ++k)
+            points[k] = points[k - 1] + Vec3f{unitFloat(hashCombine(s, 3 * k)) - 0.5f,
+                                              unitFloat(hashCombine(s, 3 * k + 1)),
+                                              unitFloat(hashCombine(s, 3 * k + 2)) - 0.5f};
+        if (s == 1) points[4] = points[3];
+        if (s == 2) points[1] = points[0], points[8] = points[7];
+        if (s == 3) std::fill(points.begin(), points.end(), points[0]);
+        if (s == 4)
+            for (std::size_t k = 0; k < points.size(); ++k)
+                points[k] = Vec3f{1e-30f * static_cast<float>(k), 0.0f, 0.0f};
+        if (s == 5) points[6].y = nan;
+        StrandRoot root;
+        set->addStrand(hashCombine(77, s), root, points);
+    }
+    std::vector<float>& widths = set->writeWidths();
+    for (std::size_t p = 0; p < widths.size(); ++p)
+        widths[p] = unitFloat(hashCombine(p, 5));
+    return set;
+}
+
+std::vector<std::uint32_t> bitsOf(std::span<const float> values) {
+    std::vector<std::uint32_t> bits(values.size());
+    std::memcpy(bits.data(), values.data(), values.size() * sizeof(float));
+    return bits;
+}
+
+std::vector<std::uint32_t> bitsOf(std::span<const Vec3f> values) {
+    return bitsOf(std::span<const float>(&values.data()->x, values.size() * 3));
+}
+
+TEST(ShapeLanes, LengthIsTheSameStrandByStrandAsInLanes) {
+    const auto head = makeHeadScalp(1);
+    const auto strands = awkwardRuns(*head);
+    // Each strand its own share (some kept whole), a mapped-like spread and one share for all.
+    for (const float randomness : {0.0f, 0.6f}) {
+        LengthSettings settings;
+        settings.length = FieldSampler(randomness > 0.0f ? 1.0f : 0.55f);
+        settings.fraction = FieldSampler(0.7f);
+        settings.randomness = randomness;
+        settings.seed = 3;
+        SCOPED_TRACE(randomness);
+        expectSameBitsStrandByStrand(
+            *strands, [&](const StrandSet& in, StrandSelection pick, std::span<Vec3f> out) {
+                trimStrands(in, settings, pick, out);
+            });
+    }
+}
+
+TEST(ShapeLanes, ResampleIsTheSameStrandByStrandAsInLanes) {
+    const auto head = makeHeadScalp(1);
+    const auto strands = awkwardRuns(*head);
+    // Fewer, as many and more points than the strands of the longest runs have.
+    for (const int segments : {4, 8, 16, 63}) {
+        ResampleSettings settings;
+        settings.segments = segments;
+        SCOPED_TRACE(segments);
+        StrandSet one, two;
+        runWithThreads(1, [&] { one = resampleStrands(*strands, settings); });
+        runWithThreads(2, [&] { two = resampleStrands(*strands, settings); });
+        // The same layout with every point and width spoilt, then redone one strand at a time.
+        StrandSet alone(one);
+        std::fill(alone.writePoints().begin(), alone.writePoints().end(),
+                  Vec3f{-7.0f, -7.0f, -7.0f});
+        std::fill(alone.writeWidths().begin(), alone.writeWidths().end(), -7.0f);
+        for (std::uint64_t s = 0; s < strands->strandCount(); ++s) {
+            const std::uint64_t only[] = {s};
+            resampleInto(*strands, settings, StrandSelection::only(only), alone);
+        }
+        for (const StrandSet* all : {&one, &two}) {
+            EXPECT_EQ(bitsOf(all->points()), bitsOf(alone.points()));
+            EXPECT_EQ(bitsOf(all->widths()), bitsOf(alone.widths()));
+        }
+        // The strand of no length is kept as it came.
+        const std::size_t still = strands->strandCount() - 13;
+        EXPECT_EQ(one.pointRange(still).count, 9u);
     }
 }
 

@@ -1,0 +1,266 @@
+#include "ops/arc_walk_lanes.h"
+
+#include <cassert>
+
+#include "ops/curl_lanes.h"
+
+namespace velmorin {
+
+#if VELMORIN_CURL_LANES
+
+bool arcWalkLanesUsable() {
+    static const bool usable = __builtin_cpu_supports("avx2");
+    return usable;
+}
+
+namespace {
+
+#define VELMORIN_ARC_LANES __attribute__((target("avx2")))
+
+constexpr std::size_t kW = kArcWalkLanes;
+
+// Eight strands' columns, point by point: row k holds point k of every lane.
+struct LaneColumns {
+    alignas(32) float x[kArcWalkMostPoints * kW];
+    alignas(32) float y[kArcWalkMostPoints * kW];
+    alignas(32) float z[kArcWalkMostPoints * kW];
+    alignas(32) float arcs[kArcWalkMostPoints * kW];
+};
+
+// std::min(a, b) and std::max(a, b) lane by lane, NaN and signed zeros included: std::max(a, b)
+// is (a < b ? b : a), which maxps gives with its operands the other way round.
+VELMORIN_ARC_LANES inline __m256 minOf(__m256 a, __m256 b) {
+    return _mm256_min_ps(b, a);
+}
+VELMORIN_ARC_LANES inline __m256 maxOf(__m256 a, __m256 b) {
+    return _mm256_max_ps(b, a);
+}
+// std::clamp(v, lo, hi) is std::min(std::max(v, lo), hi).
+VELMORIN_ARC_LANES inline __m256 clampOf(__m256 v, __m256 lo, __m256 hi) {
+    return minOf(maxOf(v, lo), hi);
+}
+
+// Reads the eight strands' points into rows and sums their arcs as arcLengths does, returning each
+// lane's whole length.
+VELMORIN_ARC_LANES __m256 readLanes(const Vec3f* const* points, std::size_t pointCount,
+                                    LaneColumns& c) {
+    for (std::size_t k = 0; k < pointCount; ++k)
+        curl_lanes::wide::transposePoints(points, k, k + 1 == pointCount, c.x + k * kW,
+                                          c.y + k * kW, c.z + k * kW);
+    __m256 total = _mm256_setzero_ps();
+    _mm256_store_ps(c.arcs, total);
+    for (std::size_t k = 1; k < pointCount; ++k) {
+        const __m256 dx =
+            _mm256_sub_ps(_mm256_load_ps(c.x + k * kW), _mm256_load_ps(c.x + (k - 1) * kW));
+        const __m256 dy =
+            _mm256_sub_ps(_mm256_load_ps(c.y + k * kW), _mm256_load_ps(c.y + (k - 1) * kW));
+        const __m256 dz =
+            _mm256_sub_ps(_mm256_load_ps(c.z + k * kW), _mm256_load_ps(c.z + (k - 1) * kW));
+        // length(v): sqrt of v.x * v.x + v.y * v.y + v.z * v.z, summed left to right.
+        const __m256 squared = _mm256_add_ps(
+            _mm256_add_ps(_mm256_mul_ps(dx, dx), _mm256_mul_ps(dy, dy)), _mm256_mul_ps(dz, dz));
+        total = _mm256_add_ps(total, _mm256_sqrt_ps(squared));
+        _mm256_store_ps(c.arcs + k * kW, total);
+    }
+    return total;
+}
+
+// Each lane's place in the forward walk: its segment as an index into the rows (segment * kW +
+// lane), and the values at the segment's two ends, which carry over to the next output point and,
+// where a lane moves on by one segment, from the upper end to the lower one: only the new upper
+// ends are read from the rows.
+struct Walker {
+    __m256i at;
+    __m256 lower, upper;  // arcs
+    __m256 ends[2][4];    // x, y, z and (where carried) width, at the lower and upper end
+};
+
+template <std::size_t kRows>
+VELMORIN_ARC_LANES inline void startWalk(Walker& walk, const float* const (&rows)[kRows],
+                                         const LaneColumns& c) {
+    const __m256i lanes = _mm256_setr_epi32(0, 1, 2, 3, 4, 5, 6, 7);
+    walk.at = lanes;
+    walk.lower = _mm256_load_ps(c.arcs);
+    walk.upper = _mm256_load_ps(c.arcs + kW);
+    for (std::size_t r = 0; r < kRows; ++r) {
+        walk.ends[0][r] = _mm256_load_ps(rows[r]);
+        walk.ends[1][r] = _mm256_load_ps(rows[r] + kW);
+    }
+}
+
+// The forward walk of one output point: moves each lane's segment on while its next arc lies
+// below `s` and there is a segment after it, as the one-strand walk does; `limit` is each lane's
+// last segment as an index. Returns the share along the segment, 0 for a segment of no length,
+// and blends each row between the segment's ends into out[r].
+template <std::size_t kRows>
+VELMORIN_ARC_LANES inline void walkTo(Walker& walk, const float* const (&rows)[kRows],
+                                      const LaneColumns& c, __m256 s, __m256i limit,
+                                      __m256 (&out)[kRows]) {
+    const __m256i step = _mm256_set1_epi32(static_cast<int>(kW));
+    for (;;) {
+        const __m256i more =
+            _mm256_and_si256(_mm256_cmpgt_epi32(limit, walk.at),
+                             _mm256_castps_si256(_mm256_cmp_ps(walk.upper, s, _CMP_LT_OQ)));
+        if (_mm256_testz_si256(more, more)) break;
+        const __m256 moved = _mm256_castsi256_ps(more);
+        walk.at = _mm256_add_epi32(walk.at, _mm256_and_si256(more, step));
+        const __m256i next = _mm256_add_epi32(walk.at, step);
+        walk.lower = _mm256_blendv_ps(walk.lower, walk.upper, moved);
+        walk.upper = _mm256_mask_i32gather_ps(walk.upper, c.arcs, next, moved, 4);
+        for (std::size_t r = 0; r < kRows; ++r) {
+            walk.ends[0][r] = _mm256_blendv_ps(walk.ends[0][r], walk.ends[1][r], moved);
+            walk.ends[1][r] = _mm256_mask_i32gather_ps(walk.ends[1][r], rows[r], next, moved, 4);
+        }
+    }
+    const __m256 span = _mm256_sub_ps(walk.upper, walk.lower);
+    const __m256 f = _mm256_div_ps(_mm256_sub_ps(s, walk.lower), span);
+    const __m256 clamped = clampOf(f, _mm256_setzero_ps(), _mm256_set1_ps(1.0f));
+    // span > 0 ? clamped : 0, bitwise (the lanes of no length divided by 0 are dropped here).
+    const __m256 t = _mm256_and_ps(_mm256_cmp_ps(span, _mm256_setzero_ps(), _CMP_GT_OQ), clamped);
+    // lerp(a, b, t) per lane: a + (b - a) * t.
+    for (std::size_t r = 0; r < kRows; ++r)
+        out[r] = _mm256_add_ps(walk.ends[0][r],
+                               _mm256_mul_ps(_mm256_sub_ps(walk.ends[1][r], walk.ends[0][r]), t));
+}
+
+VELMORIN_ARC_LANES __m256i laneIndices() {
+    return _mm256_setr_epi32(0, 1, 2, 3, 4, 5, 6, 7);
+}
+
+VELMORIN_ARC_LANES void trimWide(const Vec3f* const* points, const float* keep,
+                                 std::size_t pointCount, Vec3f* const* out) {
+    LaneColumns c;
+    alignas(32) float ox[kArcWalkMostPoints * kW];
+    alignas(32) float oy[kArcWalkMostPoints * kW];
+    alignas(32) float oz[kArcWalkMostPoints * kW];
+    const __m256 total = readLanes(points, pointCount, c);
+    // keep * length / (n - 1), as the one-strand trim makes it.
+    const __m256 step = _mm256_div_ps(_mm256_mul_ps(_mm256_loadu_ps(keep), total),
+                                      _mm256_set1_ps(static_cast<float>(pointCount - 1)));
+    const __m256i limit =
+        _mm256_add_epi32(_mm256_set1_epi32(static_cast<int>((pointCount - 2) * kW)), laneIndices());
+    const float* const rows[3] = {c.x, c.y, c.z};
+    Walker walk;
+    startWalk(walk, rows, c);
+    _mm256_store_ps(ox, _mm256_load_ps(c.x));
+    _mm256_store_ps(oy, _mm256_load_ps(c.y));
+    _mm256_store_ps(oz, _mm256_load_ps(c.z));
+    for (std::size_t k = 1; k < pointCount; ++k) {
+        const __m256 s = _mm256_mul_ps(step, _mm256_set1_ps(static_cast<float>(k)));
+        __m256 blended[3];
+        walkTo(walk, rows, c, s, limit, blended);
+        _mm256_store_ps(ox + k * kW, blended[0]);
+        _mm256_store_ps(oy + k * kW, blended[1]);
+        _mm256_store_ps(oz + k * kW, blended[2]);
+    }
+    for (std::size_t k = 0; k < pointCount; ++k)
+        curl_lanes::wide::untransposePoints(ox + k * kW, oy + k * kW, oz + k * kW, out, k,
+                                            k + 1 == pointCount);
+}
+
+VELMORIN_ARC_LANES unsigned resampleWide(const Vec3f* const* points, const float* const* widths,
+                                         std::size_t pointCount, std::uint32_t segments,
+                                         Vec3f* const* out, float* const* widthsOut) {
+    LaneColumns c;
+    alignas(32) float w[kArcWalkMostPoints * kW];
+    alignas(32) float ox[kArcWalkMostPoints * kW];
+    alignas(32) float oy[kArcWalkMostPoints * kW];
+    alignas(32) float oz[kArcWalkMostPoints * kW];
+    alignas(32) float ow[kArcWalkMostPoints * kW];
+    const std::size_t count = std::size_t{segments} + 1;
+    const __m256 total = readLanes(points, pointCount, c);
+    if (widths) {
+        for (std::size_t l = 0; l < kW; ++l)
+            for (std::size_t k = 0; k < pointCount; ++k)
+                w[k * kW + l] = widths[l][k];
+    }
+    const __m256i limit =
+        _mm256_add_epi32(_mm256_set1_epi32(static_cast<int>((pointCount - 2) * kW)), laneIndices());
+    const __m256 zero = _mm256_setzero_ps();
+    const __m256 perSegment = _mm256_set1_ps(static_cast<float>(segments));
+    // The even arcs total * k / segments, held to the strand.
+    const auto placedAt = [&](std::size_t k) VELMORIN_ARC_LANES {
+        const __m256 placed =
+            _mm256_div_ps(_mm256_mul_ps(total, _mm256_set1_ps(static_cast<float>(k))), perSegment);
+        return clampOf(placed, zero, total);
+    };
+    Walker walk;
+    if (widths) {
+        const float* const rows[4] = {c.x, c.y, c.z, w};
+        startWalk(walk, rows, c);
+        for (std::size_t k = 0; k < count; ++k) {
+            __m256 blended[4];
+            walkTo(walk, rows, c, placedAt(k), limit, blended);
+            _mm256_store_ps(ox + k * kW, blended[0]);
+            _mm256_store_ps(oy + k * kW, blended[1]);
+            _mm256_store_ps(oz + k * kW, blended[2]);
+            _mm256_store_ps(ow + k * kW, blended[3]);
+        }
+    } else {
+        const float* const rows[3] = {c.x, c.y, c.z};
+        startWalk(walk, rows, c);
+        for (std::size_t k = 0; k < count; ++k) {
+            __m256 blended[3];
+            walkTo(walk, rows, c, placedAt(k), limit, blended);
+            _mm256_store_ps(ox + k * kW, blended[0]);
+            _mm256_store_ps(oy + k * kW, blended[1]);
+            _mm256_store_ps(oz + k * kW, blended[2]);
+            _mm256_store_ps(ow + k * kW, _mm256_set1_ps(1.0f));
+        }
+    }
+    // The root and the tip exactly, whatever the rounding of the walk.
+    const std::size_t tip = (pointCount - 1) * kW;
+    const std::size_t lastOut = (count - 1) * kW;
+    _mm256_store_ps(ox, _mm256_load_ps(c.x));
+    _mm256_store_ps(oy, _mm256_load_ps(c.y));
+    _mm256_store_ps(oz, _mm256_load_ps(c.z));
+    _mm256_store_ps(ox + lastOut, _mm256_load_ps(c.x + tip));
+    _mm256_store_ps(oy + lastOut, _mm256_load_ps(c.y + tip));
+    _mm256_store_ps(oz + lastOut, _mm256_load_ps(c.z + tip));
+    for (std::size_t k = 0; k < count; ++k)
+        curl_lanes::wide::untransposePoints(ox + k * kW, oy + k * kW, oz + k * kW, out, k,
+                                            k + 1 == count);
+    for (std::size_t l = 0; l < kW; ++l)
+        for (std::size_t k = 0; k < count; ++k)
+            widthsOut[l][k] = ow[k * kW + l];
+    // Lanes whose length is not above 0 (none, or not a number).
+    return static_cast<unsigned>(_mm256_movemask_ps(_mm256_cmp_ps(total, zero, _CMP_NGT_UQ)));
+}
+
+#undef VELMORIN_ARC_LANES
+
+}  // namespace
+
+void trimLanes(const Vec3f* const* points, const float* keep, std::size_t pointCount,
+               Vec3f* const* out) {
+    assert(arcWalkLanesUsable() && pointCount >= 2 && pointCount <= kArcWalkMostPoints);
+    trimWide(points, keep, pointCount, out);
+}
+
+unsigned resampleLanes(const Vec3f* const* points, const float* const* widths,
+                       std::size_t pointCount, std::uint32_t segments, Vec3f* const* out,
+                       float* const* widthsOut) {
+    assert(arcWalkLanesUsable() && pointCount >= 2 && pointCount <= kArcWalkMostPoints &&
+           segments >= 1 && segments < kArcWalkMostPoints);
+    return resampleWide(points, widths, pointCount, segments, out, widthsOut);
+}
+
+#else
+
+bool arcWalkLanesUsable() {
+    return false;
+}
+
+void trimLanes(const Vec3f* const*, const float*, std::size_t, Vec3f* const*) {
+    assert(false && "trimLanes without lanes");
+}
+
+unsigned resampleLanes(const Vec3f* const*, const float* const*, std::size_t, std::uint32_t,
+                       Vec3f* const*, float* const*) {
+    assert(false && "resampleLanes without lanes");
+    return 0xFF;
+}
+
+#endif
+
+}  // namespace velmorin
