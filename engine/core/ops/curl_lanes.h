@@ -12,6 +12,7 @@
 
 #include <cstddef>
 
+#include "base/fast_trig_lanes.h"
 #include "base/vec3.h"
 
 #if (defined(__x86_64__) || defined(__i386__)) && defined(__SSE2__) && \
@@ -117,6 +118,10 @@ inline bool allOf(M m) {
 // The whole part of each lane by truncation, as a float, for lanes below 2^31 in size.
 inline F truncatedSmall(F a) {
     return {_mm_cvtepi32_ps(_mm_cvttps_epi32(a.v))};
+}
+// sinCosTurns, lane by lane.
+inline void sinCosOf(F turns, F& sin, F& cos) {
+    sinCosTurns4(turns.v, sin.v, cos.v);
 }
 
 // Point k of four strands (strands[l] the first point of lane l's) into rows of x, y and z: each
@@ -241,6 +246,9 @@ VELMORIN_WIDE bool allOf(M m) {
 }
 VELMORIN_WIDE F truncatedSmall(F a) {
     return {_mm256_cvtepi32_ps(_mm256_cvttps_epi32(a.v))};
+}
+VELMORIN_WIDE void sinCosOf(F turns, F& sin, F& cos) {
+    sinCosTurns8(turns.v, sin.v, cos.v);
 }
 
 // narrow::transposePoints for eight strands: two groups of four, joined.
