@@ -12,12 +12,6 @@
 // Strands of up to 17 points are sampled eight shares at a time with AVX2 where the processor has
 // it, chosen at run time (GCC and clang only); every lane performs the scalar steps' operations in
 // their order, so both give the same bits.
-#if VELMORIN_SSE_LANES && (defined(__GNUC__) || defined(__clang__))
-#include <immintrin.h>
-#define VELMORIN_AXIS_LANES 1
-#else
-#define VELMORIN_AXIS_LANES 0
-#endif
 
 namespace velmorin {
 
@@ -51,15 +45,10 @@ void addSamplesPlain(std::span<const Vec3f> points, std::span<const float> arcs,
     }
 }
 
-#if VELMORIN_AXIS_LANES
+#if VELMORIN_AVX_LANES
 // The most points a strand may have for the lanes: each table of its points and arcs is read
 // from two registers of eight.
 constexpr std::size_t kLanePoints = 17;
-
-bool axisLanesUsable() {
-    static const bool usable = __builtin_cpu_supports("avx2");
-    return usable;
-}
 
 // A strand's points as rows of x, y and z, and its arcs, padded with zeros past the strand so
 // that the tables below read defined values.
@@ -69,28 +58,6 @@ struct StrandRows {
     alignas(32) float z[kLanePoints + 15] = {};
     alignas(32) float arcs[kLanePoints + 15] = {};
 };
-
-// Entry i of the 16 entries from `from`, for each lane's i in `index` (0 to 15).
-__attribute__((target("avx2"), always_inline)) inline __m256 pickOf16(const float* from,
-                                                                      __m256i index) {
-    const __m256 low = _mm256_permutevar8x32_ps(_mm256_loadu_ps(from), index);
-    const __m256 high = _mm256_permutevar8x32_ps(_mm256_loadu_ps(from + 8), index);
-    const __m256 upper = _mm256_castsi256_ps(_mm256_cmpgt_epi32(index, _mm256_set1_epi32(7)));
-    return _mm256_blendv_ps(low, high, upper);
-}
-
-// One coordinate of eight samples: lerp between the segment's ends, then the root where s <= 0
-// and the tip where s reaches the length (the root first, as pointAtArc tests).
-__attribute__((target("avx2"), always_inline)) inline __m256 sampleRow(const float* row,
-                                                                       __m256i segment, __m256 f,
-                                                                       __m256 root, __m256 tip,
-                                                                       __m256 atRoot,
-                                                                       __m256 atTip) {
-    const __m256 a = pickOf16(row, segment);
-    const __m256 b = pickOf16(row + 1, segment);
-    const __m256 p = _mm256_add_ps(a, _mm256_mul_ps(_mm256_sub_ps(b, a), f));
-    return _mm256_blendv_ps(_mm256_blendv_ps(p, tip, atTip), root, atRoot);
-}
 
 // addSamplesPlain for samples 0 to 15 of a strand of 2 to kLanePoints points of positive, finite
 // length, eight at a time. The walk to each sample's segment counts the inner points whose arc
@@ -124,15 +91,15 @@ __attribute__((target("avx2"))) void addSamplesWide(const StrandRows& rows, std:
         f = _mm256_blendv_ps(f, one, _mm256_cmp_ps(one, f, _CMP_LT_OQ));
         const __m256 atRoot = _mm256_cmp_ps(s, zero, _CMP_LE_OQ);
         const __m256 atTip = _mm256_cmp_ps(s, total, _CMP_GE_OQ);
-        _mm256_store_ps(sums.x + k,
-                        _mm256_add_ps(_mm256_load_ps(sums.x + k),
-                                      sampleRow(rows.x, segment, f, rootX, tipX, atRoot, atTip)));
-        _mm256_store_ps(sums.y + k,
-                        _mm256_add_ps(_mm256_load_ps(sums.y + k),
-                                      sampleRow(rows.y, segment, f, rootY, tipY, atRoot, atTip)));
-        _mm256_store_ps(sums.z + k,
-                        _mm256_add_ps(_mm256_load_ps(sums.z + k),
-                                      sampleRow(rows.z, segment, f, rootZ, tipZ, atRoot, atTip)));
+        _mm256_store_ps(sums.x + k, _mm256_add_ps(_mm256_load_ps(sums.x + k),
+                                                  pickedPointRow(rows.x, segment, f, rootX, tipX,
+                                                                 atRoot, atTip)));
+        _mm256_store_ps(sums.y + k, _mm256_add_ps(_mm256_load_ps(sums.y + k),
+                                                  pickedPointRow(rows.y, segment, f, rootY, tipY,
+                                                                 atRoot, atTip)));
+        _mm256_store_ps(sums.z + k, _mm256_add_ps(_mm256_load_ps(sums.z + k),
+                                                  pickedPointRow(rows.z, segment, f, rootZ, tipZ,
+                                                                 atRoot, atTip)));
     }
 }
 #endif
@@ -140,7 +107,7 @@ __attribute__((target("avx2"))) void addSamplesWide(const StrandRows& rows, std:
 // Scratch for the samples of one strand: its arcs, and its rows for the lanes.
 struct SampleScratch {
     std::vector<float> arcs;
-#if VELMORIN_AXIS_LANES
+#if VELMORIN_AVX_LANES
     StrandRows rows;
 #endif
 };
@@ -159,7 +126,7 @@ void addStrandSamples(std::span<const Vec3f> points, SampleScratch& scratch, Axi
         total += arcs[k];
         arcs[k] = total;
     }
-#if VELMORIN_AXIS_LANES
+#if VELMORIN_AVX_LANES
     // A finite length makes every arc finite and rising, which the count of the lanes needs.
     if (lanes && n >= 2 && n <= kLanePoints && total > 0.0f && std::isfinite(total)) {
         // Rows past the strand keep what an earlier strand left: the tables never pick them.
@@ -254,8 +221,8 @@ ClumpAxes clumpAxes(const StrandSet& strands, const std::vector<float>& channel)
     const std::vector<float>* preview = strands.strandChannel("_preview");
     const std::span<const std::uint64_t> offsets = strands.offsets();
     const std::span<const Vec3f> allPoints = strands.points();
-#if VELMORIN_AXIS_LANES
-    const bool lanes = axisLanesUsable();
+#if VELMORIN_AVX_LANES
+    const bool lanes = avx2LanesUsable();
 #else
     const bool lanes = false;
 #endif
