@@ -187,6 +187,28 @@ void BM_ShapeTwistClumps(benchmark::State& state) {
 }
 BENCHMARK(BM_ShapeTwistClumps)->Unit(benchmark::kMillisecond)->UseRealTime();
 
+// Twist by clumps after a source in a graph, its turns changed before every evaluation: a slider
+// drag, in which the node keeps the clump axes of its unchanged input and only twists.
+void BM_ShapeTwistTurnsThroughGraph(benchmark::State& state) {
+    test::registerEvalTestOperators();
+    Graph graph;
+    const std::uint32_t source = graph.addNode("EvalScene", "scene");
+    const std::uint32_t twist = graph.addNode("Twist", "twist");
+    graph.connect(source, twist, 0);
+    SceneInputs scene;
+    scene["groom"] = SceneInput{Value(std::make_shared<const StrandSet>(strands())), 1};
+    EvalContext ctx;
+    ctx.sceneInputs = &scene;
+    graph.evaluate(twist, ctx);
+    int step = 0;
+    for (auto _ : state) {
+        graph.operatorOf(twist).paramSet.set("turns", 0.7 + 1e-4 * (++step % 1000));
+        benchmark::DoNotOptimize(graph.evaluate(twist, ctx));
+    }
+    setBytes(state);
+}
+BENCHMARK(BM_ShapeTwistTurnsThroughGraph)->Unit(benchmark::kMillisecond)->UseRealTime();
+
 // Helix curls with spacing noise and weight; arg 1 curls by clump, its axes made in every run as
 // a Curl does.
 void BM_ShapeCurl(benchmark::State& state) {

@@ -1,5 +1,7 @@
 #include <algorithm>
 #include <cmath>
+#include <memory>
+#include <mutex>
 
 #include "base/fast_trig_lanes.h"
 #include "graph/delivered_params.h"
@@ -7,6 +9,7 @@
 #include "graph/registry.h"
 #include "ops/shape_kernels.h"
 #include "ops/shape_ops.h"
+#include "strands/channel_names.h"
 
 namespace velmorin {
 
@@ -503,7 +506,59 @@ class TwistOp final : public ShapeOperator {
                 channel};
     }
 
+    // Keeps the axes of the last clumps along with a weak hold on the set they were made from.
+    void copyStateFrom(const Operator& other) override {
+        const auto* source = dynamic_cast<const TwistOp*>(&other);
+        if (!source) return;
+        KeptAxes kept;
+        {
+            std::lock_guard<std::mutex> lock(source->mutex_);
+            kept = source->kept_;
+        }
+        std::lock_guard<std::mutex> lock(mutex_);
+        kept_ = std::move(kept);
+    }
+
+    // The clump axes of the last run that made or kept them; null before one.
+    std::shared_ptr<const ClumpAxes> keptAxes() const {
+        std::lock_guard<std::mutex> lock(mutex_);
+        return kept_.axes;
+    }
+
   private:
+    // The axes of the last run's clumps and the set they were made from, held weakly so that the
+    // set's columns stay free to be taken over in place upstream. While that set lives, an input
+    // that shares its points, offsets, clump channel and preview channel has the same clumps and
+    // axes (shared columns are never written), so a drag of turns or a change to other channels
+    // makes no axes again.
+    struct KeptAxes {
+        std::weak_ptr<const StrandSet> from;
+        std::string channel;
+        std::shared_ptr<const ClumpAxes> axes;
+    };
+
+    std::shared_ptr<const ClumpAxes> axesFor(const std::shared_ptr<const StrandSet>& input,
+                                             const std::string& channel,
+                                             const std::vector<float>& ids) const {
+        KeptAxes kept;
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            kept = kept_;
+        }
+        if (const auto from = kept.from.lock(); from && kept.channel == channel) {
+            const bool same =
+                from->columnData(ColumnId::kPoints) == input->columnData(ColumnId::kPoints) &&
+                from->columnData(ColumnId::kOffsets) == input->columnData(ColumnId::kOffsets) &&
+                from->strandChannel(channel) == &ids &&
+                from->strandChannel(channels::kPreview) == input->strandChannel(channels::kPreview);
+            if (same) return kept.axes;
+        }
+        auto axes = std::make_shared<const ClumpAxes>(clumpAxes(*input, ids));
+        std::lock_guard<std::mutex> lock(mutex_);
+        kept_ = {input, channel, axes};
+        return axes;
+    }
+
     bool run(const EvalContext& ctx, const std::vector<Value>& inputs,
              const IncrementalInputs* incremental, Value* out,
              StrandChanges* changes) const override {
@@ -513,7 +568,7 @@ class TwistOp final : public ShapeOperator {
         settings.turns = fieldSampler(paramSet, ctx, "turns", *input);
         settings.profile = paramRamp(paramSet, ctx, "profile", Ramp{});
         const auto axes = inputs.size() > 1 ? inputs[1].get<GuideSet>() : nullptr;
-        ClumpAxes clumps;
+        std::shared_ptr<const ClumpAxes> clumps;
         WidenChanges widen;
         if (axes) {
             settings.axes = axes.get();
@@ -526,19 +581,27 @@ class TwistOp final : public ShapeOperator {
             // A strand that moved to another clump changes its old clump's axis too; the previous
             // result's channel would be needed to find that clump, so such a change runs in full.
             if (incremental && !clumpsKept(*ids, channel, *incremental)) return false;
-            clumps = clumpAxes(*input, *ids);
-            settings.clumps = &clumps;
+            clumps = axesFor(input, channel, *ids);
+            settings.clumps = clumps.get();
             // A changed strand moves its clump's axis, and with it every strand of the clump.
             widen = [&clumps](std::span<const std::uint64_t> changed) {
-                return strandsOfClumps(clumps, changed);
+                return strandsOfClumps(*clumps, changed);
             };
         }
         return reshapePoints(inputs, incremental, mapsReadOnlyTheirStrand(paramSet, ctx, {"turns"}),
                              &twistStrands, settings, out, changes, widen);
     }
+
+    mutable std::mutex mutex_;
+    mutable KeptAxes kept_;
 };
 
 }  // namespace
+
+std::shared_ptr<const ClumpAxes> twistAxesOf(const Operator& op) {
+    const auto* twist = dynamic_cast<const TwistOp*>(&op);
+    return twist ? twist->keptAxes() : nullptr;
+}
 
 void registerTwistOperator(OperatorRegistry& registry) {
     OperatorInfo info;

@@ -95,6 +95,49 @@ TEST(Twist, ClumpRunsMatchAtAnyThreadCountAndRedoOnlyTheChangedClumps) {
     EXPECT_TRUE(outcome.sameAsFull);
 }
 
+TEST(Twist, KeepsItsClumpAxesWhileItsInputSharesThePointsAndClumps) {
+    auto grid = std::make_shared<StrandSet>(*test::gridStrands(3000, 6, 5));
+    std::vector<float>& ids = grid->addStrandChannel("clumpId", 0.0f);
+    for (std::size_t s = 0; s < ids.size(); ++s)
+        ids[s] = static_cast<float>(s / 30);
+    const std::shared_ptr<const StrandSet> strands = grid;
+    auto op = ShapeRun("Twist", {{"turns", 0.4}}).make();
+    EvalContext ctx;
+    op->evaluate(ctx, {Value(strands)});
+    const auto first = twistAxesOf(*op);
+    ASSERT_TRUE(first);
+    const auto runOn = [&](const std::shared_ptr<const StrandSet>& input) {
+        return op->evaluate(ctx, {Value(input)}).get<StrandSet>()->contentHash();
+    };
+    // A drag of turns, and a channel added beside the clumps, keep them; the result is a fresh
+    // node's.
+    op->paramSet.set("turns", 0.8);
+    const ShapeRun fresh("Twist", {{"turns", 0.8}});
+    EXPECT_EQ(runOn(strands), fresh.run(strands)->contentHash());
+    EXPECT_EQ(twistAxesOf(*op), first);
+    auto colored = std::make_shared<StrandSet>(*strands);
+    colored->addStrandChannel("colorR", 0.5f);
+    runOn(colored);
+    EXPECT_EQ(twistAxesOf(*op), first);
+    // A node put in its place takes them over.
+    auto replacing = ShapeRun("Twist").make();
+    replacing->copyStateFrom(*op);
+    EXPECT_EQ(twistAxesOf(*replacing), first);
+    // Moved points, other clumps or another preview make them again, as a fresh node would.
+    auto moved = std::make_shared<StrandSet>(*strands);
+    moved->writePoints()[40].x += 0.5f;
+    auto regrouped = std::make_shared<StrandSet>(*strands);
+    regrouped->addStrandChannel("clumpId", 0.0f)[7] = 99.0f;
+    auto previewed = std::make_shared<StrandSet>(*strands);
+    previewed->addStrandChannel("_preview", 1.0f)[3] = 0.0f;
+    for (const std::shared_ptr<const StrandSet>& changed :
+         std::vector<std::shared_ptr<const StrandSet>>{moved, regrouped, previewed}) {
+        const auto before = twistAxesOf(*op);
+        EXPECT_EQ(runOn(changed), fresh.run(changed)->contentHash());
+        EXPECT_NE(twistAxesOf(*op), before);
+    }
+}
+
 // Twist as its steps read, one point at a time: each point's place along its axis is its share of
 // its strand's length times the axis's, where the walk along the axis finds the centre and the
 // segment whose tangent it turns about, by turns * profile * place.
