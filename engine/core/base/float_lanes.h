@@ -1,10 +1,12 @@
 #pragma once
-// Float lanes for Curl's side-by-side kernel: several strands of one point count run through the
-// per-point passes together, one strand per lane, four lanes with SSE2 (every x86-64) or eight with
-// AVX where the processor has it, chosen at run time. Each operation is one IEEE operation per
-// lane, and there is no fused multiply-add (the build targets plain x86-64 and the AVX functions
-// ask for AVX alone), so a lane gives the bits the scalar code gives for its strand, operation for
-// operation.
+// Float lanes for the side-by-side kernels (Curl's, Interpolate's shape): several strands of one
+// point count run through the per-point passes together, one strand per lane, four lanes with SSE2
+// (every x86-64) or eight with AVX where the processor has it (avxLanesUsable), chosen at run
+// time. A kernel is written once over the lane type F, mask M and these operations, and its text
+// included once per width, with the wide one built for AVX by a target attribute. Each operation is
+// one IEEE operation per lane, and there is no fused multiply-add (the build targets plain x86-64
+// and the AVX functions ask for AVX alone), so a lane gives the bits the scalar code gives for its
+// strand, operation for operation.
 //
 // minOf and maxOf are std::min and std::max, argument for argument, NaN and signed zeros included:
 // std::min(a, b) is (b < a ? b : a), which is minps(b, a). Masks are all ones or all zeros per
@@ -18,20 +20,14 @@
 #if (defined(__x86_64__) || defined(__i386__)) && defined(__SSE2__) && \
     (defined(__GNUC__) || defined(__clang__))
 #include <immintrin.h>
-#define VELMORIN_CURL_LANES 1
+#define VELMORIN_FLOAT_LANES 1
 #else
-#define VELMORIN_CURL_LANES 0
+#define VELMORIN_FLOAT_LANES 0
 #endif
 
-#if VELMORIN_CURL_LANES
+#if VELMORIN_FLOAT_LANES
 
-namespace velmorin::curl_lanes {
-
-// Whether this processor runs the eight-lane kernel.
-inline bool wideLanesUsable() {
-    static const bool usable = __builtin_cpu_supports("avx");
-    return usable;
-}
+namespace velmorin::float_lanes {
 
 namespace narrow {
 
@@ -291,6 +287,6 @@ VELMORIN_WIDE void untransposePoints(const float* x, const float* y, const float
 
 }  // namespace wide
 
-}  // namespace velmorin::curl_lanes
+}  // namespace velmorin::float_lanes
 
 #endif
