@@ -154,6 +154,34 @@ inline void untransposePoints(const float* x, const float* y, const float* z, Ve
     }
 }
 
+// kWidth rows of kWidth floats (row l at rows + l * rowStride, each 16-byte aligned) into columns:
+// column j holds element j of every row, stored at columns + j * kWidth (16-byte aligned).
+inline void transposeBlock(const float* rows, std::size_t rowStride, float* columns) {
+    __m128 r0 = _mm_load_ps(rows), r1 = _mm_load_ps(rows + rowStride);
+    __m128 r2 = _mm_load_ps(rows + 2 * rowStride), r3 = _mm_load_ps(rows + 3 * rowStride);
+    _MM_TRANSPOSE4_PS(r0, r1, r2, r3);
+    _mm_store_ps(columns, r0);
+    _mm_store_ps(columns + 4, r1);
+    _mm_store_ps(columns + 8, r2);
+    _mm_store_ps(columns + 12, r3);
+}
+
+// Lane l's point (x, y and z of the lanes) stored at out[l][at]: 16 bytes, the last 4 falling on
+// the next point, which the caller writes after it, unless `last`.
+inline void storeLanePoints(F px, F py, F pz, Vec3f* const* out, std::size_t at, bool last) {
+    __m128 p0 = px.v, p1 = py.v, p2 = pz.v, p3 = _mm_setzero_ps();
+    _MM_TRANSPOSE4_PS(p0, p1, p2, p3);
+    const __m128 p[kWidth] = {p0, p1, p2, p3};
+    for (std::size_t l = 0; l < kWidth; ++l) {
+        if (last) {
+            _mm_storel_pi(reinterpret_cast<__m64*>(&out[l][at].x), p[l]);
+            _mm_store_ss(&out[l][at].z, _mm_movehl_ps(p[l], p[l]));
+        } else {
+            _mm_storeu_ps(&out[l][at].x, p[l]);
+        }
+    }
+}
+
 }  // namespace narrow
 
 namespace wide {
@@ -279,6 +307,57 @@ VELMORIN_WIDE void untransposePoints(const float* x, const float* y, const float
             _mm_store_ss(p + 2, _mm_movehl_ps(rows[l], rows[l]));
         } else {
             _mm_storeu_ps(p, rows[l]);
+        }
+    }
+}
+
+// narrow::transposeBlock for eight rows of eight floats (32-byte aligned).
+VELMORIN_WIDE void transposeBlock(const float* rows, std::size_t rowStride, float* columns) {
+    const __m256 r0 = _mm256_load_ps(rows), r1 = _mm256_load_ps(rows + rowStride),
+                 r2 = _mm256_load_ps(rows + 2 * rowStride),
+                 r3 = _mm256_load_ps(rows + 3 * rowStride),
+                 r4 = _mm256_load_ps(rows + 4 * rowStride),
+                 r5 = _mm256_load_ps(rows + 5 * rowStride),
+                 r6 = _mm256_load_ps(rows + 6 * rowStride),
+                 r7 = _mm256_load_ps(rows + 7 * rowStride);
+    const __m256 t0 = _mm256_unpacklo_ps(r0, r1), t1 = _mm256_unpackhi_ps(r0, r1);
+    const __m256 t2 = _mm256_unpacklo_ps(r2, r3), t3 = _mm256_unpackhi_ps(r2, r3);
+    const __m256 t4 = _mm256_unpacklo_ps(r4, r5), t5 = _mm256_unpackhi_ps(r4, r5);
+    const __m256 t6 = _mm256_unpacklo_ps(r6, r7), t7 = _mm256_unpackhi_ps(r6, r7);
+    const __m256 u0 = _mm256_shuffle_ps(t0, t2, 0x44), u1 = _mm256_shuffle_ps(t0, t2, 0xEE);
+    const __m256 u2 = _mm256_shuffle_ps(t1, t3, 0x44), u3 = _mm256_shuffle_ps(t1, t3, 0xEE);
+    const __m256 u4 = _mm256_shuffle_ps(t4, t6, 0x44), u5 = _mm256_shuffle_ps(t4, t6, 0xEE);
+    const __m256 u6 = _mm256_shuffle_ps(t5, t7, 0x44), u7 = _mm256_shuffle_ps(t5, t7, 0xEE);
+    _mm256_store_ps(columns, _mm256_permute2f128_ps(u0, u4, 0x20));
+    _mm256_store_ps(columns + 8, _mm256_permute2f128_ps(u1, u5, 0x20));
+    _mm256_store_ps(columns + 16, _mm256_permute2f128_ps(u2, u6, 0x20));
+    _mm256_store_ps(columns + 24, _mm256_permute2f128_ps(u3, u7, 0x20));
+    _mm256_store_ps(columns + 32, _mm256_permute2f128_ps(u0, u4, 0x31));
+    _mm256_store_ps(columns + 40, _mm256_permute2f128_ps(u1, u5, 0x31));
+    _mm256_store_ps(columns + 48, _mm256_permute2f128_ps(u2, u6, 0x31));
+    _mm256_store_ps(columns + 56, _mm256_permute2f128_ps(u3, u7, 0x31));
+}
+
+// narrow::storeLanePoints for eight lanes.
+VELMORIN_WIDE void storeLanePoints(F px, F py, F pz, Vec3f* const* out, std::size_t at, bool last) {
+    const __m256 zero = _mm256_setzero_ps();
+    const __m256 xyLow = _mm256_unpacklo_ps(px.v, py.v), xyHigh = _mm256_unpackhi_ps(px.v, py.v);
+    const __m256 zLow = _mm256_unpacklo_ps(pz.v, zero), zHigh = _mm256_unpackhi_ps(pz.v, zero);
+    // Lanes 0, 4 / 1, 5 / 2, 6 / 3, 7 as (x, y, z, 0) in each half.
+    const __m256 p04 = _mm256_shuffle_ps(xyLow, zLow, _MM_SHUFFLE(1, 0, 1, 0));
+    const __m256 p15 = _mm256_shuffle_ps(xyLow, zLow, _MM_SHUFFLE(3, 2, 3, 2));
+    const __m256 p26 = _mm256_shuffle_ps(xyHigh, zHigh, _MM_SHUFFLE(1, 0, 1, 0));
+    const __m256 p37 = _mm256_shuffle_ps(xyHigh, zHigh, _MM_SHUFFLE(3, 2, 3, 2));
+    const __m128 p[kWidth] = {_mm256_castps256_ps128(p04),   _mm256_castps256_ps128(p15),
+                              _mm256_castps256_ps128(p26),   _mm256_castps256_ps128(p37),
+                              _mm256_extractf128_ps(p04, 1), _mm256_extractf128_ps(p15, 1),
+                              _mm256_extractf128_ps(p26, 1), _mm256_extractf128_ps(p37, 1)};
+    for (std::size_t l = 0; l < kWidth; ++l) {
+        if (last) {
+            _mm_storel_pi(reinterpret_cast<__m64*>(&out[l][at].x), p[l]);
+            _mm_store_ss(&out[l][at].z, _mm_movehl_ps(p[l], p[l]));
+        } else {
+            _mm_storeu_ps(&out[l][at].x, p[l]);
         }
     }
 }
