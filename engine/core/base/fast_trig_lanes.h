@@ -29,6 +29,15 @@
 
 namespace velmorin {
 
+// sinCosTurns on each of `count` angles, one at a time: the lanes' rare path, and the plain one.
+inline void sinCosTurnsEach(const float* turns, float* sines, float* cosines, std::size_t count) {
+    for (std::size_t i = 0; i < count; ++i) {
+        const SinCos one = sinCosTurns(turns[i]);
+        sines[i] = one.sin;
+        cosines[i] = one.cos;
+    }
+}
+
 #if VELMORIN_SSE_LANES
 // The sines and cosines of four angles in turns; the same bits as sinCosTurns on each.
 inline void sinCosTurns4(__m128 turns, __m128& sines, __m128& cosines) {
@@ -38,11 +47,7 @@ inline void sinCosTurns4(__m128 turns, __m128& sines, __m128& cosines) {
         // Rare: one lane needs the wide reduction, so all four take the scalar path.
         alignas(16) float in[4], s[4], c[4];
         _mm_store_ps(in, turns);
-        for (int i = 0; i < 4; ++i) {
-            const SinCos one = sinCosTurns(in[i]);
-            s[i] = one.sin;
-            c[i] = one.cos;
-        }
+        sinCosTurnsEach(in, s, c, 4);
         sines = _mm_load_ps(s);
         cosines = _mm_load_ps(c);
         return;
@@ -93,11 +98,7 @@ __attribute__((target("avx"), always_inline)) inline void sinCosTurns8(__m256 tu
         // Rare: one lane needs the wide reduction, so all eight take the scalar path.
         alignas(32) float in[8], s[8], c[8];
         _mm256_store_ps(in, turns);
-        for (int i = 0; i < 8; ++i) {
-            const SinCos one = sinCosTurns(in[i]);
-            s[i] = one.sin;
-            c[i] = one.cos;
-        }
+        sinCosTurnsEach(in, s, c, 8);
         sines = _mm256_load_ps(s);
         cosines = _mm256_load_ps(c);
         return;
@@ -140,8 +141,8 @@ __attribute__((target("avx"), always_inline)) inline void sinCosTurns8(__m256 tu
 
 // sines[i], cosines[i] = sinCosTurns(turns[i]) for i below `count`, bit for bit.
 inline void sinCosTurnsMany(const float* turns, float* sines, float* cosines, std::size_t count) {
-    std::size_t i = 0;
 #if VELMORIN_SSE_LANES
+    std::size_t i = 0;
     for (; i + 4 <= count; i += 4) {
         __m128 s, c;
         sinCosTurns4(_mm_loadu_ps(turns + i), s, c);
@@ -163,11 +164,7 @@ inline void sinCosTurnsMany(const float* turns, float* sines, float* cosines, st
         }
     }
 #else
-    for (; i < count; ++i) {
-        const SinCos one = sinCosTurns(turns[i]);
-        sines[i] = one.sin;
-        cosines[i] = one.cos;
-    }
+    sinCosTurnsEach(turns, sines, cosines, count);
 #endif
 }
 

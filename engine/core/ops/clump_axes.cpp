@@ -118,14 +118,7 @@ void addStrandSamples(std::span<const Vec3f> points, SampleScratch& scratch, Axi
     const std::size_t n = points.size();
     scratch.arcs.resize(n);
     const std::span<float> arcs(scratch.arcs);
-    // arcLengths, with the square roots four at a time.
-    segmentLengths(points, arcs);
-    arcs[0] = 0.0f;
-    float total = 0.0f;
-    for (std::size_t k = 1; k < n; ++k) {
-        total += arcs[k];
-        arcs[k] = total;
-    }
+    const float total = arcLengthsByLanes(points, arcs);
 #if VELMORIN_AVX_LANES
     // A finite length makes every arc finite and rising, which the count of the lanes needs.
     if (lanes && n >= 2 && n <= kLanePoints && total > 0.0f && std::isfinite(total)) {

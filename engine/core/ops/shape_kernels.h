@@ -36,6 +36,19 @@ inline void segmentLengths(std::span<const Vec3f> points, std::span<float> lengt
         lengths[k] = length(points[k] - points[k - 1]);
 }
 
+// arcLengths, bit for bit, with the square roots four at a time: arcs[k] the arc from the root to
+// point k (arcs.size() == points.size() >= 1); returns the length.
+inline float arcLengthsByLanes(std::span<const Vec3f> points, std::span<float> arcs) {
+    segmentLengths(points, arcs);
+    arcs[0] = 0.0f;
+    float total = 0.0f;
+    for (std::size_t k = 1; k < points.size(); ++k) {
+        total += arcs[k];
+        arcs[k] = total;
+    }
+    return total;
+}
+
 #if VELMORIN_SSE_LANES
 // Point k of four strands as rows of x, y and z, one strand per SSE lane. A load takes four floats
 // from a point, so each strand must be followed by at least one more point in its column; a store

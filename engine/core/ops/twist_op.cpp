@@ -355,14 +355,7 @@ void twistStrands(const StrandSet& input, const TwistSettings& settings,
                 return;
             }
             const std::span<float> arcs = arcScratch.take(n);
-            // arcLengths, with the square roots four at a time.
-            segmentLengths(points, arcs);
-            arcs[0] = 0.0f;
-            float total = 0.0f;
-            for (std::size_t k = 1; k < n; ++k) {
-                total += arcs[k];
-                arcs[k] = total;
-            }
+            const float total = arcLengthsByLanes(points, arcs);
             if (!(total > 0.0f)) {
                 keep();
                 return;
@@ -415,13 +408,7 @@ void twistStrands(const StrandSet& input, const TwistSettings& settings,
                     continue;
                 }
                 const std::span<float> arcs = arcScratch.take(n + 7);
-                segmentLengths(points, arcs.first(n));
-                arcs[0] = 0.0f;
-                float total = 0.0f;
-                for (std::size_t k = 1; k < n; ++k) {
-                    total += arcs[k];
-                    arcs[k] = total;
-                }
+                const float total = arcLengthsByLanes(points, arcs.first(n));
                 if (!(total > 0.0f) || !std::isfinite(total)) {
                     twistOne(s);
                     continue;
