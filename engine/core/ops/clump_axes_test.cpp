@@ -8,6 +8,7 @@
 
 #include "base/parallel.h"
 #include "ops/shape_support.h"
+#include "ops/test/shape_strands.h"
 #include "strands/test/test_strands.h"
 
 namespace velmorin {
@@ -100,22 +101,7 @@ TEST(ClumpAxes, MatchTheirPlainDefinitionBitForBit) {
     // Strands of 1 to 20 points (the lanes take up to 17) with hashed bends, some with repeated
     // points (segments of no length) and some of no length at all, in clumps of 1 to 9 strands,
     // a few of them with no core strand.
-    StrandSet strands;
-    std::vector<Vec3f> points;
-    for (std::size_t s = 0; s < 3000; ++s) {
-        const std::uint64_t h = hashCombine(77, s);
-        const std::size_t count = 1 + mix64(h) % 20;
-        points.clear();
-        Vec3f at{unitFloat(h) * 10, 0, unitFloat(h + 1) * 10};
-        for (std::size_t k = 0; k < count; ++k) {
-            const std::uint64_t p = hashCombine(h, k);
-            const bool repeat = s % 5 == 0 && k % 3 == 2;
-            if (!repeat && s % 11 != 0)
-                at += Vec3f{unitFloat(p) - 0.5f, unitFloat(p + 1) * 0.3f, unitFloat(p + 2) - 0.5f};
-            points.push_back(at);
-        }
-        strands.addStrand(h, StrandRoot{}, points, std::vector<float>(count, 0.01f));
-    }
+    StrandSet strands = test::bentStrands(3000, 20, 77);
     std::vector<float>& channel = strands.addStrandChannel("clumpId", 0.0f);
     std::vector<float>& preview = strands.addStrandChannel("_preview", 1.0f);
     for (std::size_t s = 0; s < channel.size(); ++s) {

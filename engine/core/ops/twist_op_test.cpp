@@ -207,21 +207,7 @@ TEST(Twist, PointsAreTheBitsOfThePlainSteps) {
     // Strands of 1 to 30 points (the kernels take eight points or four strands at a time), some
     // with repeated points and some of no length, about clump axes and about guide curves of 1 to
     // 24 points, with a flat profile and a rising one.
-    StrandSet strands;
-    std::vector<Vec3f> points;
-    for (std::size_t s = 0; s < 2000; ++s) {
-        const std::uint64_t h = hashCombine(41, s);
-        const std::size_t count = 1 + mix64(h) % 30;
-        points.clear();
-        Vec3f at{unitFloat(h) * 4, 0, unitFloat(h + 1) * 4};
-        for (std::size_t k = 0; k < count; ++k) {
-            const std::uint64_t p = hashCombine(h, k);
-            if (!(s % 7 == 0 && k % 4 == 1) && s % 13 != 0)
-                at += Vec3f{unitFloat(p) - 0.5f, 0.2f + unitFloat(p + 1), unitFloat(p + 2) - 0.5f};
-            points.push_back(at);
-        }
-        strands.addStrand(h, StrandRoot{}, points, std::vector<float>(count, 0.01f));
-    }
+    StrandSet strands = test::bentStrands(2000, 30, 41);
     std::vector<float>& ids = strands.addStrandChannel("clumpId", 0.0f);
     for (std::size_t s = 0; s < ids.size(); ++s)
         ids[s] = static_cast<float>(s / 9);
