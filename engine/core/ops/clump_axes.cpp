@@ -116,20 +116,15 @@ struct SampleScratch {
 void addStrandSamples(std::span<const Vec3f> points, SampleScratch& scratch, AxisSums& sums,
                       [[maybe_unused]] bool lanes) {
     const std::size_t n = points.size();
-    scratch.arcs.resize(n);
-    const std::span<float> arcs(scratch.arcs);
-    const float total = arcLengthsByLanes(points, arcs);
 #if VELMORIN_AVX_LANES
-    // A finite length makes every arc finite and rising, which the count of the lanes needs.
-    if (lanes && n >= 2 && n <= kLanePoints && total > 0.0f && std::isfinite(total)) {
+    if (lanes && n >= 2 && n <= kLanePoints) {
         // Rows past the strand keep what an earlier strand left: the tables never pick them.
         StrandRows& rows = scratch.rows;
-        for (std::size_t k = 0; k < n; ++k) {
-            rows.x[k] = points[k].x;
-            rows.y[k] = points[k].y;
-            rows.z[k] = points[k].z;
-            rows.arcs[k] = arcs[k];
-        }
+        const float total = arcLengthsByEight(points.data(), n, rows.arcs);
+        const std::span<const float> arcs(rows.arcs, n);
+        // A finite length makes every arc finite and rising, which the count of the lanes needs.
+        if (!(total > 0.0f) || !std::isfinite(total)) return addSamplesPlain(points, arcs, sums);
+        pointRowsByEight(points.data(), n, rows.x, rows.y, rows.z);
         addSamplesWide(rows, n, sums);
         // The last share, the whole length, is the tip.
         std::size_t segment = 0;
@@ -140,7 +135,9 @@ void addStrandSamples(std::span<const Vec3f> points, SampleScratch& scratch, Axi
         return;
     }
 #endif
-    addSamplesPlain(points, arcs, sums);
+    scratch.arcs.resize(n);
+    arcLengthsByLanes(points, scratch.arcs);
+    addSamplesPlain(points, scratch.arcs, sums);
 }
 
 }  // namespace

@@ -138,6 +138,49 @@ __attribute__((target("avx"), always_inline)) inline void storeEightPoints(Vec3f
     _mm256_storeu_ps(f + 8, _mm256_permute2f128_ps(c, a, 0x30));
     _mm256_storeu_ps(f + 16, _mm256_permute2f128_ps(b, c, 0x31));
 }
+
+// arcLengths, bit for bit, eight segments at a time with AVX: arcs[k] the arc from the root to
+// point k for k < n (n >= 1; arcs has room for 7 more, whose values are unspecified). Returns the
+// length.
+__attribute__((target("avx"))) inline float arcLengthsByEight(const Vec3f* points, std::size_t n,
+                                                              float* arcs) {
+    std::size_t k = 1;
+    for (; k + 8 <= n; k += 8) {
+        const PointRows8 at = loadEightPoints(points + k);
+        const PointRows8 before = loadEightPoints(points + k - 1);
+        const __m256 dx = _mm256_sub_ps(at.x, before.x), dy = _mm256_sub_ps(at.y, before.y);
+        const __m256 dz = _mm256_sub_ps(at.z, before.z);
+        _mm256_storeu_ps(arcs + k, _mm256_sqrt_ps(_mm256_add_ps(
+                                       _mm256_add_ps(_mm256_mul_ps(dx, dx), _mm256_mul_ps(dy, dy)),
+                                       _mm256_mul_ps(dz, dz))));
+    }
+    for (; k < n; ++k)
+        arcs[k] = length(points[k] - points[k - 1]);
+    arcs[0] = 0.0f;
+    float total = 0.0f;
+    for (k = 1; k < n; ++k) {
+        total += arcs[k];
+        arcs[k] = total;
+    }
+    return total;
+}
+
+// A strand's n points as rows: x[k], y[k], z[k] of point k, eight at a time where they can be.
+__attribute__((target("avx"))) inline void pointRowsByEight(const Vec3f* points, std::size_t n,
+                                                            float* x, float* y, float* z) {
+    std::size_t k = 0;
+    for (; k + 8 <= n; k += 8) {
+        const PointRows8 rows = loadEightPoints(points + k);
+        _mm256_storeu_ps(x + k, rows.x);
+        _mm256_storeu_ps(y + k, rows.y);
+        _mm256_storeu_ps(z + k, rows.z);
+    }
+    for (; k < n; ++k) {
+        x[k] = points[k].x;
+        y[k] = points[k].y;
+        z[k] = points[k].z;
+    }
+}
 #endif
 
 // Per-chunk scratch for one strand's values: a stack buffer for strands of up to `kStack` points,

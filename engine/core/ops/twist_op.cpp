@@ -408,7 +408,7 @@ void twistStrands(const StrandSet& input, const TwistSettings& settings,
                     continue;
                 }
                 const std::span<float> arcs = arcScratch.take(n + 7);
-                const float total = arcLengthsByLanes(points, arcs.first(n));
+                const float total = arcLengthsByEight(points.data(), n, arcs.data());
                 if (!(total > 0.0f) || !std::isfinite(total)) {
                     twistOne(s);
                     continue;
