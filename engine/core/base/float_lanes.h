@@ -46,6 +46,13 @@ inline F load(const float* p) {
 inline void store(float* p, F a) {
     _mm_storeu_ps(p, a.v);
 }
+// load and store at an address aligned to the lane width.
+inline F loadAligned(const float* p) {
+    return {_mm_load_ps(p)};
+}
+inline void storeAligned(float* p, F a) {
+    _mm_store_ps(p, a.v);
+}
 inline F splat(float x) {
     return {_mm_set1_ps(x)};
 }
@@ -104,6 +111,11 @@ inline F select(M m, F a, F b) {
 // 1 in the lanes of m, 0 elsewhere.
 inline F oneWhere(M m) {
     return {_mm_and_ps(m.v, _mm_set1_ps(1.0f))};
+}
+// One bit per lane, lane 0 lowest; kAllLanes when every lane is set.
+inline constexpr int kAllLanes = 0xF;
+inline int laneBits(M m) {
+    return _mm_movemask_ps(m.v);
 }
 inline bool anyOf(M m) {
     return _mm_movemask_ps(m.v) != 0;
@@ -172,13 +184,14 @@ inline void storeLanePoints(F px, F py, F pz, Vec3f* const* out, std::size_t at,
     __m128 p0 = px.v, p1 = py.v, p2 = pz.v, p3 = _mm_setzero_ps();
     _MM_TRANSPOSE4_PS(p0, p1, p2, p3);
     const __m128 p[kWidth] = {p0, p1, p2, p3};
-    for (std::size_t l = 0; l < kWidth; ++l) {
-        if (last) {
-            _mm_storel_pi(reinterpret_cast<__m64*>(&out[l][at].x), p[l]);
-            _mm_store_ss(&out[l][at].z, _mm_movehl_ps(p[l], p[l]));
-        } else {
+    if (!last) {
+        for (std::size_t l = 0; l < kWidth; ++l)
             _mm_storeu_ps(&out[l][at].x, p[l]);
-        }
+        return;
+    }
+    for (std::size_t l = 0; l < kWidth; ++l) {
+        _mm_storel_pi(reinterpret_cast<__m64*>(&out[l][at].x), p[l]);
+        _mm_store_ss(&out[l][at].z, _mm_movehl_ps(p[l], p[l]));
     }
 }
 
@@ -202,6 +215,12 @@ VELMORIN_WIDE F load(const float* p) {
 }
 VELMORIN_WIDE void store(float* p, F a) {
     _mm256_storeu_ps(p, a.v);
+}
+VELMORIN_WIDE F loadAligned(const float* p) {
+    return {_mm256_load_ps(p)};
+}
+VELMORIN_WIDE void storeAligned(float* p, F a) {
+    _mm256_store_ps(p, a.v);
 }
 VELMORIN_WIDE F splat(float x) {
     return {_mm256_set1_ps(x)};
@@ -261,6 +280,10 @@ VELMORIN_WIDE F select(M m, F a, F b) {
 }
 VELMORIN_WIDE F oneWhere(M m) {
     return {_mm256_and_ps(m.v, _mm256_set1_ps(1.0f))};
+}
+inline constexpr int kAllLanes = 0xFF;
+VELMORIN_WIDE int laneBits(M m) {
+    return _mm256_movemask_ps(m.v);
 }
 VELMORIN_WIDE bool anyOf(M m) {
     return _mm256_movemask_ps(m.v) != 0;
@@ -352,13 +375,14 @@ VELMORIN_WIDE void storeLanePoints(F px, F py, F pz, Vec3f* const* out, std::siz
                               _mm256_castps256_ps128(p26),   _mm256_castps256_ps128(p37),
                               _mm256_extractf128_ps(p04, 1), _mm256_extractf128_ps(p15, 1),
                               _mm256_extractf128_ps(p26, 1), _mm256_extractf128_ps(p37, 1)};
-    for (std::size_t l = 0; l < kWidth; ++l) {
-        if (last) {
-            _mm_storel_pi(reinterpret_cast<__m64*>(&out[l][at].x), p[l]);
-            _mm_store_ss(&out[l][at].z, _mm_movehl_ps(p[l], p[l]));
-        } else {
+    if (!last) {
+        for (std::size_t l = 0; l < kWidth; ++l)
             _mm_storeu_ps(&out[l][at].x, p[l]);
-        }
+        return;
+    }
+    for (std::size_t l = 0; l < kWidth; ++l) {
+        _mm_storel_pi(reinterpret_cast<__m64*>(&out[l][at].x), p[l]);
+        _mm_store_ss(&out[l][at].z, _mm_movehl_ps(p[l], p[l]));
     }
 }
 
