@@ -3,6 +3,7 @@
 #include <benchmark/benchmark.h>
 
 #include <memory>
+#include <string>
 #include <vector>
 
 #include "base/parallel.h"
@@ -129,49 +130,46 @@ BENCHMARK(BM_ShapeNoiseDefaults)
     ->Unit(benchmark::kMillisecond)
     ->UseRealTime();
 
-// Noise after a source in a graph, its amplitude changed before every evaluation: what an artist
-// dragging the slider waits for, the run and everything the graph does around it.
-void BM_ShapeNoiseAmplitudeThroughGraph(benchmark::State& state) {
+// Evaluates a node of `type` after a source in a graph, `change(params, step)` before every
+// evaluation (step 1, 2, ...): what an artist dragging a slider waits for, the run and everything
+// the graph does around it. `setUp(params)` runs once, before the first evaluation.
+template <class SetUp, class Change>
+void dragThroughGraph(benchmark::State& state, const std::string& type, const SetUp& setUp,
+                      const Change& change) {
     test::registerEvalTestOperators();
     Graph graph;
     const std::uint32_t source = graph.addNode("EvalScene", "scene");
-    const std::uint32_t noise = graph.addNode("Noise", "noise");
-    graph.connect(source, noise, 0);
-    graph.operatorOf(noise).paramSet.set("frequency", 0.5);
+    const std::uint32_t node = graph.addNode(type, "node");
+    graph.connect(source, node, 0);
+    setUp(graph.operatorOf(node).paramSet);
     SceneInputs scene;
     scene["groom"] = SceneInput{Value(std::make_shared<const StrandSet>(strands())), 1};
     EvalContext ctx;
     ctx.sceneInputs = &scene;
-    graph.evaluate(noise, ctx);
+    graph.evaluate(node, ctx);
     int step = 0;
     for (auto _ : state) {
-        graph.operatorOf(noise).paramSet.set("amplitude", 0.2 + 1e-4 * ++step);
-        benchmark::DoNotOptimize(graph.evaluate(noise, ctx));
+        change(graph.operatorOf(node).paramSet, ++step);
+        benchmark::DoNotOptimize(graph.evaluate(node, ctx));
     }
     setBytes(state);
 }
+
+// Noise, its amplitude dragged.
+void BM_ShapeNoiseAmplitudeThroughGraph(benchmark::State& state) {
+    dragThroughGraph(
+        state, "Noise", [](ParamSet& params) { params.set("frequency", 0.5); },
+        [](ParamSet& params, int step) { params.set("amplitude", 0.2 + 1e-4 * step); });
+}
 BENCHMARK(BM_ShapeNoiseAmplitudeThroughGraph)->Unit(benchmark::kMillisecond)->UseRealTime();
 
-// Length after a source in a graph, its length changed before every evaluation: the kernel plus
-// what a full run costs around it (a fresh points column from the array pool, the key, the
-// changes). Set against BM_ShapeLength to see that overhead.
+// Length, its length dragged: the kernel plus what a full run costs around it (a fresh points
+// column from the array pool, the key, the changes). Set against BM_ShapeLength to see that
+// overhead.
 void BM_ShapeLengthThroughGraph(benchmark::State& state) {
-    test::registerEvalTestOperators();
-    Graph graph;
-    const std::uint32_t source = graph.addNode("EvalScene", "scene");
-    const std::uint32_t trim = graph.addNode("Length", "length");
-    graph.connect(source, trim, 0);
-    SceneInputs scene;
-    scene["groom"] = SceneInput{Value(std::make_shared<const StrandSet>(strands())), 1};
-    EvalContext ctx;
-    ctx.sceneInputs = &scene;
-    graph.evaluate(trim, ctx);
-    int step = 0;
-    for (auto _ : state) {
-        graph.operatorOf(trim).paramSet.set("length", 0.8 - 1e-4 * (++step % 1000));
-        benchmark::DoNotOptimize(graph.evaluate(trim, ctx));
-    }
-    setBytes(state);
+    dragThroughGraph(
+        state, "Length", [](ParamSet&) {},
+        [](ParamSet& params, int step) { params.set("length", 0.8 - 1e-4 * (step % 1000)); });
 }
 BENCHMARK(BM_ShapeLengthThroughGraph)->Unit(benchmark::kMillisecond)->UseRealTime();
 
@@ -186,6 +184,15 @@ void BM_ShapeTwistClumps(benchmark::State& state) {
     });
 }
 BENCHMARK(BM_ShapeTwistClumps)->Unit(benchmark::kMillisecond)->UseRealTime();
+
+// Twist by clumps, its turns dragged: the node keeps the clump axes of its unchanged input and
+// only twists.
+void BM_ShapeTwistTurnsThroughGraph(benchmark::State& state) {
+    dragThroughGraph(
+        state, "Twist", [](ParamSet&) {},
+        [](ParamSet& params, int step) { params.set("turns", 0.7 + 1e-4 * (step % 1000)); });
+}
+BENCHMARK(BM_ShapeTwistTurnsThroughGraph)->Unit(benchmark::kMillisecond)->UseRealTime();
 
 // Helix curls with spacing noise and weight; arg 1 curls by clump, its axes made in every run as
 // a Curl does.

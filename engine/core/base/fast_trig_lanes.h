@@ -1,6 +1,7 @@
 #pragma once
 // sinCosTurns for many angles at once: four side by side in SSE lanes, which every x86-64 has, so
-// that a loop that turns each point of a strand pays for a quarter of the polynomials. Each lane
+// that a loop that turns each point of a strand pays for a quarter of the polynomials, or eight in
+// AVX lanes for kernels that check for AVX at run time (GCC and clang). Each lane
 // performs exactly the operations of the scalar sinCosTurns, in the same order, and so gives the
 // same bits; lanes whose angle is too large for the plain reduction (2^22 quarter turns or more,
 // infinity, NaN) are handed to the scalar function. Elsewhere the plain function runs per angle.
@@ -17,8 +18,25 @@
 #else
 #define VELMORIN_SSE_LANES 0
 #endif
+// VELMORIN_AVX_LANES: the eight-lane function is there, for callers built for AVX by a target
+// attribute after a run-time check (avxLanesUsable).
+#if VELMORIN_SSE_LANES && (defined(__GNUC__) || defined(__clang__))
+#include <immintrin.h>
+#define VELMORIN_AVX_LANES 1
+#else
+#define VELMORIN_AVX_LANES 0
+#endif
 
 namespace velmorin {
+
+// sinCosTurns on each of `count` angles, one at a time: the lanes' rare path, and the plain one.
+inline void sinCosTurnsEach(const float* turns, float* sines, float* cosines, std::size_t count) {
+    for (std::size_t i = 0; i < count; ++i) {
+        const SinCos one = sinCosTurns(turns[i]);
+        sines[i] = one.sin;
+        cosines[i] = one.cos;
+    }
+}
 
 #if VELMORIN_SSE_LANES
 // The sines and cosines of four angles in turns; the same bits as sinCosTurns on each.
@@ -29,11 +47,7 @@ inline void sinCosTurns4(__m128 turns, __m128& sines, __m128& cosines) {
         // Rare: one lane needs the wide reduction, so all four take the scalar path.
         alignas(16) float in[4], s[4], c[4];
         _mm_store_ps(in, turns);
-        for (int i = 0; i < 4; ++i) {
-            const SinCos one = sinCosTurns(in[i]);
-            s[i] = one.sin;
-            c[i] = one.cos;
-        }
+        sinCosTurnsEach(in, s, c, 4);
         sines = _mm_load_ps(s);
         cosines = _mm_load_ps(c);
         return;
@@ -66,10 +80,69 @@ inline void sinCosTurns4(__m128 turns, __m128& sines, __m128& cosines) {
 }
 #endif
 
+#if VELMORIN_AVX_LANES
+// Whether this processor has AVX, for the eight-lane functions.
+inline bool avxLanesUsable() {
+    static const bool usable = __builtin_cpu_supports("avx");
+    return usable;
+}
+
+// sinCosTurns4 for eight angles, for code built for AVX (AVX2 not needed): the quadrant, which
+// needs 32-bit integer compares that AVX lacks, is converted to a float and compared as one.
+__attribute__((target("avx"), always_inline)) inline void sinCosTurns8(__m256 turns, __m256& sines,
+                                                                       __m256& cosines) {
+    const __m256 quarters = _mm256_mul_ps(_mm256_set1_ps(4.0f), turns);
+    const __m256 magnitude = _mm256_andnot_ps(_mm256_set1_ps(-0.0f), quarters);
+    if (_mm256_movemask_ps(_mm256_cmp_ps(magnitude, _mm256_set1_ps(4194304.0f), _CMP_LT_OQ)) !=
+        0xFF) {
+        // Rare: one lane needs the wide reduction, so all eight take the scalar path.
+        alignas(32) float in[8], s[8], c[8];
+        _mm256_store_ps(in, turns);
+        sinCosTurnsEach(in, s, c, 8);
+        sines = _mm256_load_ps(s);
+        cosines = _mm256_load_ps(c);
+        return;
+    }
+    const __m256 magic = _mm256_set1_ps(12582912.0f);
+    const __m256 rounded = _mm256_add_ps(quarters, magic);
+    const __m256 r = _mm256_sub_ps(quarters, _mm256_sub_ps(rounded, magic));
+    const __m256 x = _mm256_mul_ps(r, r);
+    const __m256 x2 = _mm256_mul_ps(x, x);
+    const __m256 s = _mm256_mul_ps(
+        r, _mm256_add_ps(
+               _mm256_add_ps(_mm256_set1_ps(1.5707963219532366f),
+                             _mm256_mul_ps(x, _mm256_set1_ps(-0.6459634776648118f))),
+               _mm256_mul_ps(
+                   x2, _mm256_add_ps(_mm256_set1_ps(0.07968021764775542f),
+                                     _mm256_mul_ps(x, _mm256_set1_ps(-0.004602149212814176f))))));
+    const __m256 c = _mm256_add_ps(
+        _mm256_add_ps(_mm256_set1_ps(0.9999999999524894f),
+                      _mm256_mul_ps(x, _mm256_set1_ps(-1.2337005406331623f))),
+        _mm256_mul_ps(
+            x2,
+            _mm256_add_ps(_mm256_add_ps(_mm256_set1_ps(0.2536692036551135f),
+                                        _mm256_mul_ps(x, _mm256_set1_ps(-0.02086006950026408f))),
+                          _mm256_mul_ps(x2, _mm256_set1_ps(0.0009036280663802505f)))));
+    // The quadrant from the rounded sum's last two bits, as 0 to 3 in floats; then the scalar
+    // table kA, kB by compares, +0 where a quadrant has no entry, as the table has.
+    const __m256 q = _mm256_cvtepi32_ps(
+        _mm256_castps_si256(_mm256_and_ps(rounded, _mm256_castsi256_ps(_mm256_set1_epi32(3)))));
+    const __m256 one = _mm256_set1_ps(1.0f);
+    const __m256 q0 = _mm256_and_ps(_mm256_cmp_ps(q, _mm256_set1_ps(0.0f), _CMP_EQ_OQ), one);
+    const __m256 q1 = _mm256_and_ps(_mm256_cmp_ps(q, _mm256_set1_ps(1.0f), _CMP_EQ_OQ), one);
+    const __m256 q2 = _mm256_and_ps(_mm256_cmp_ps(q, _mm256_set1_ps(2.0f), _CMP_EQ_OQ), one);
+    const __m256 q3 = _mm256_and_ps(_mm256_cmp_ps(q, _mm256_set1_ps(3.0f), _CMP_EQ_OQ), one);
+    const __m256 a = _mm256_sub_ps(q0, q2);
+    const __m256 b = _mm256_sub_ps(q1, q3);
+    sines = _mm256_add_ps(_mm256_mul_ps(s, a), _mm256_mul_ps(c, b));
+    cosines = _mm256_sub_ps(_mm256_mul_ps(c, a), _mm256_mul_ps(s, b));
+}
+#endif
+
 // sines[i], cosines[i] = sinCosTurns(turns[i]) for i below `count`, bit for bit.
 inline void sinCosTurnsMany(const float* turns, float* sines, float* cosines, std::size_t count) {
-    std::size_t i = 0;
 #if VELMORIN_SSE_LANES
+    std::size_t i = 0;
     for (; i + 4 <= count; i += 4) {
         __m128 s, c;
         sinCosTurns4(_mm_loadu_ps(turns + i), s, c);
@@ -91,11 +164,7 @@ inline void sinCosTurnsMany(const float* turns, float* sines, float* cosines, st
         }
     }
 #else
-    for (; i < count; ++i) {
-        const SinCos one = sinCosTurns(turns[i]);
-        sines[i] = one.sin;
-        cosines[i] = one.cos;
-    }
+    sinCosTurnsEach(turns, sines, cosines, count);
 #endif
 }
 

@@ -65,5 +65,29 @@ TEST(FastTrigLanes, ManyAtOnceAreTheSameBitsAsOneAtATime) {
     }
 }
 
+#if VELMORIN_AVX_LANES
+__attribute__((target("avx"))) void sinCosEight(const float* turns, float* sines, float* cosines) {
+    __m256 s, c;
+    sinCosTurns8(_mm256_loadu_ps(turns), s, c);
+    _mm256_storeu_ps(sines, s);
+    _mm256_storeu_ps(cosines, c);
+}
+
+TEST(FastTrigLanes, EightAtOnceAreTheSameBitsAsOneAtATime) {
+    if (!avxLanesUsable()) GTEST_SKIP() << "no AVX on this processor";
+    const std::vector<float> turns = awkwardTurns();
+    // Every start, so that each awkward angle comes up in every lane.
+    for (std::size_t first = 0; first + 8 <= turns.size(); ++first) {
+        float sines[8], cosines[8];
+        sinCosEight(turns.data() + first, sines, cosines);
+        for (std::size_t i = 0; i < 8; ++i) {
+            const SinCos one = sinCosTurns(turns[first + i]);
+            ASSERT_TRUE(sameBits(sines[i], one.sin)) << turns[first + i] << " turns";
+            ASSERT_TRUE(sameBits(cosines[i], one.cos)) << turns[first + i] << " turns";
+        }
+    }
+}
+#endif
+
 }  // namespace
 }  // namespace velmorin

@@ -5,10 +5,10 @@
 #include <numbers>
 
 #include "base/fast_trig.h"
+#include "base/float_lanes.h"
 #include "base/parallel.h"
 #include "graph/delivered_params.h"
 #include "graph/registry.h"
-#include "ops/curl_lanes.h"
 #include "ops/shape_kernels.h"
 #include "ops/shape_ops.h"
 
@@ -586,18 +586,18 @@ void curlStrand(const CurlRun& run, std::size_t s, StrandScratches& scratch) {
 
 }  // namespace
 
-#if VELMORIN_CURL_LANES
+#if VELMORIN_FLOAT_LANES
 // The side-by-side kernel, once for each lane width: the same text over four SSE2 lanes and over
 // eight AVX lanes, the latter built for AVX alone.
 namespace {
 namespace narrow_curl {
-using namespace curl_lanes::narrow;
+using namespace float_lanes::narrow;
 #define VELMORIN_LANES_TARGET
 #include "ops/curl_lanes.inc"
 #undef VELMORIN_LANES_TARGET
 }  // namespace narrow_curl
 namespace wide_curl {
-using namespace curl_lanes::wide;
+using namespace float_lanes::wide;
 #define VELMORIN_LANES_TARGET __attribute__((target("avx")))
 #include "ops/curl_lanes.inc"
 #undef VELMORIN_LANES_TARGET
@@ -657,14 +657,14 @@ void curlStrands(const StrandSet& input, const CurlSettings& settings,
         run.clumpFrames = clumpFrames;
     }
 
-#if VELMORIN_CURL_LANES
-    const bool wide = curl_lanes::wideLanesUsable();
+#if VELMORIN_FLOAT_LANES
+    const bool wide = avxLanesUsable();
     // Strands cut for a tolerance come in many point counts, and are made one at a time.
     const bool sideBySide = !(settings.tolerance > 0.0f);
 #endif
     forSelectedChunks(input.strandCount(), selection, [&](std::size_t first, std::size_t last) {
         StrandScratches scratch;
-#if VELMORIN_CURL_LANES
+#if VELMORIN_FLOAT_LANES
         // Strands of one point count run side by side, a lane each, as many at a time as the
         // lanes hold; the few of a count left over are made one at a time. A strand's points
         // are the same bits either way, so how the chunk falls into groups changes nothing.

@@ -17,14 +17,23 @@
 #define VELMORIN_INTERPOLATE_AVX 1
 #endif
 
+#include "base/fast_trig_lanes.h"
 #include "base/hash.h"
 #include "base/parallel.h"
 #include "mesh/scalp_mesh.h"
+#include "ops/interpolate_shape_lanes.h"
 
 namespace velmorin {
 namespace {
 
-constexpr std::size_t kMaxSamples = 64;
+using interpolate_lanes::kFourLanes;
+using interpolate_lanes::kGroupLanes;
+using interpolate_lanes::kMaxSamples;
+using interpolate_lanes::kPaddedSamples;
+using interpolate_lanes::kWideLanes;
+using interpolate_lanes::LaneGroup;
+using interpolate_lanes::LaneGroups;
+using interpolate_lanes::LaneScratch;
 
 // A 3 x 3 matrix by rows.
 struct Turn {
@@ -104,8 +113,6 @@ void resampleOffsets(std::span<const Vec3f> points, std::span<Vec3f> out) {
 // Sample loops run four lanes at a time; arrays are padded so that a loop may read and write up
 // to a whole group of four past its last sample.
 constexpr std::size_t kLanes = 4;
-constexpr std::size_t kWideLanes = 8;
-constexpr std::size_t kPaddedSamples = kMaxSamples + 2 * kWideLanes;
 
 // Rows and scratch curves are padded to whole groups of eight, which both widths cover.
 std::size_t planarStrideOf(std::size_t samples) {
@@ -301,465 +308,11 @@ __attribute__((target("avx"))) void segmentLengthsWide(const ShapeScratch& c, st
 }
 
 bool wideLanesUsable() {
-    static const bool usable = __builtin_cpu_supports("avx");
-    return usable;
+    return avxLanesUsable();
 }
 #else
 bool wideLanesUsable() {
     return false;
-}
-#endif
-
-// Strands side by side: strands of one point count, one per lane (eight with AVX, four with
-// SSE), so that the steps each strand takes one after another (its arc lengths summed in order,
-// its length restored, its points placed along the table) overlap across the group. Every lane
-// does the operations of the one-strand path in the same order, so the bits are the same.
-// Each strand's blend is still made alone, over its samples, then turned into lanes.
-constexpr std::size_t kGroupLanes = kWideLanes;
-
-// A group's curves: per strand its blended samples as planar runs, then the same turned into
-// lanes, sample j of every strand side by side at j * kGroupLanes (j * 4 for four lanes).
-struct LaneScratch {
-    alignas(32) float x[kGroupLanes][kPaddedSamples];
-    alignas(32) float y[kGroupLanes][kPaddedSamples];
-    alignas(32) float z[kGroupLanes][kPaddedSamples];
-    alignas(32) float lx[kPaddedSamples * kGroupLanes];
-    alignas(32) float ly[kPaddedSamples * kGroupLanes];
-    alignas(32) float lz[kPaddedSamples * kGroupLanes];
-    alignas(32) float segment[kPaddedSamples * kGroupLanes];
-    alignas(32) float arc[kPaddedSamples * kGroupLanes];
-    alignas(32) float rootX[kGroupLanes], rootY[kGroupLanes], rootZ[kGroupLanes];
-    alignas(32) float guideLength[kGroupLanes];
-};
-
-// Strands waiting for a group of their point count to fill. Mixed point counts are rare, so a
-// few groups stay open at once; a count that finds none open when all are taken closes the one
-// opened first, whose strands then run one by one.
-struct LaneGroup {
-    std::size_t points = 0;
-    std::size_t count = 0;
-    std::size_t strands[kGroupLanes];
-};
-
-class LaneGroups {
-  public:
-    template <class Close>
-    LaneGroup& groupFor(std::size_t points, const Close& close) {
-        for (std::size_t i = 0; i < used_; ++i)
-            if (groups_[i].points == points) return groups_[i];
-        LaneGroup* group = nullptr;
-        if (used_ < kOpen) {
-            group = &groups_[used_++];
-        } else {
-            group = &groups_[oldest_];
-            close(*group);
-            oldest_ = (oldest_ + 1) % kOpen;
-        }
-        group->points = points;
-        group->count = 0;
-        return *group;
-    }
-    std::span<const LaneGroup> open() const { return {groups_, used_}; }
-
-  private:
-    static constexpr std::size_t kOpen = 4;
-    LaneGroup groups_[kOpen];
-    std::size_t used_ = 0;
-    std::size_t oldest_ = 0;
-};
-
-#if VELMORIN_INTERPOLATE_SSE2
-// The same four strands at a time with SSE, where the processor lacks AVX (or a test asks):
-// lanes four floats apart in the same scratch, and the same operations in the same order.
-constexpr std::size_t kFourLanes = kLanes;
-
-inline __m128 pickFour(__m128 a, __m128 b, __m128 mask) {
-    return _mm_or_ps(_mm_and_ps(mask, b), _mm_andnot_ps(mask, a));
-}
-
-void laneSegmentsFour(LaneScratch& g, std::size_t samples) {
-    __m128 px = _mm_load_ps(g.lx), py = _mm_load_ps(g.ly), pz = _mm_load_ps(g.lz);
-    for (std::size_t j = 1; j < samples; ++j) {
-        const __m128 nx = _mm_load_ps(g.lx + j * kFourLanes),
-                     ny = _mm_load_ps(g.ly + j * kFourLanes),
-                     nz = _mm_load_ps(g.lz + j * kFourLanes);
-        const __m128 dx = _mm_sub_ps(nx, px), dy = _mm_sub_ps(ny, py), dz = _mm_sub_ps(nz, pz);
-        const __m128 d2 =
-            _mm_add_ps(_mm_add_ps(_mm_mul_ps(dx, dx), _mm_mul_ps(dy, dy)), _mm_mul_ps(dz, dz));
-        _mm_store_ps(g.segment + j * kFourLanes, _mm_sqrt_ps(d2));
-        px = nx;
-        py = ny;
-        pz = nz;
-    }
-}
-
-bool shapeLanesFour(LaneScratch& g, std::size_t samples, std::size_t points, bool directions,
-                    bool preserveLength, Vec3f* const* out) {
-    for (std::size_t j = 0; j < samples; j += kFourLanes) {
-        float* const columns[3] = {g.lx + j * kFourLanes, g.ly + j * kFourLanes,
-                                   g.lz + j * kFourLanes};
-        float(*const rows[3])[kPaddedSamples] = {g.x, g.y, g.z};
-        for (std::size_t axis = 0; axis < 3; ++axis) {
-            __m128 r0 = _mm_load_ps(&rows[axis][0][j]), r1 = _mm_load_ps(&rows[axis][1][j]),
-                   r2 = _mm_load_ps(&rows[axis][2][j]), r3 = _mm_load_ps(&rows[axis][3][j]);
-            _MM_TRANSPOSE4_PS(r0, r1, r2, r3);
-            _mm_store_ps(columns[axis], r0);
-            _mm_store_ps(columns[axis] + 4, r1);
-            _mm_store_ps(columns[axis] + 8, r2);
-            _mm_store_ps(columns[axis] + 12, r3);
-        }
-    }
-    const __m128 rootX = _mm_load_ps(g.rootX), rootY = _mm_load_ps(g.rootY),
-                 rootZ = _mm_load_ps(g.rootZ);
-    const __m128 guideLength = _mm_load_ps(g.guideLength);
-    const __m128 zero = _mm_setzero_ps(), one = _mm_set1_ps(1.0f);
-    laneSegmentsFour(g, samples);
-    if (directions) {
-        const __m128 h = _mm_div_ps(guideLength, _mm_set1_ps(static_cast<float>(samples - 1)));
-        const __m128 halfH = _mm_mul_ps(_mm_set1_ps(0.5f), h);
-        const __m128 two = _mm_set1_ps(2.0f);
-        const __m128 stepping = _mm_cmpgt_ps(h, zero);
-        __m128 previousX = _mm_load_ps(g.lx), previousY = _mm_load_ps(g.ly),
-               previousZ = _mm_load_ps(g.lz);
-        __m128 walkedX = rootX, walkedY = rootY, walkedZ = rootZ;
-        for (std::size_t j = 1; j < samples; ++j) {
-            float* const x = g.lx + j * kFourLanes;
-            float* const y = g.ly + j * kFourLanes;
-            float* const z = g.lz + j * kFourLanes;
-            const __m128 rawX = _mm_load_ps(x), rawY = _mm_load_ps(y), rawZ = _mm_load_ps(z);
-            const __m128 l = _mm_load_ps(g.segment + j * kFourLanes);
-            const __m128 moves = _mm_and_ps(_mm_cmpgt_ps(l, zero), stepping);
-            const __m128 e = _mm_min_ps(one, _mm_div_ps(l, halfH));
-            const __m128 step = _mm_div_ps(_mm_mul_ps(_mm_mul_ps(h, e), _mm_sub_ps(two, e)), l);
-            walkedX = pickFour(
-                walkedX, _mm_add_ps(walkedX, _mm_mul_ps(_mm_sub_ps(rawX, previousX), step)), moves);
-            walkedY = pickFour(
-                walkedY, _mm_add_ps(walkedY, _mm_mul_ps(_mm_sub_ps(rawY, previousY), step)), moves);
-            walkedZ = pickFour(
-                walkedZ, _mm_add_ps(walkedZ, _mm_mul_ps(_mm_sub_ps(rawZ, previousZ), step)), moves);
-            previousX = rawX;
-            previousY = rawY;
-            previousZ = rawZ;
-            _mm_store_ps(x, walkedX);
-            _mm_store_ps(y, walkedY);
-            _mm_store_ps(z, walkedZ);
-        }
-        _mm_store_ps(g.lx, rootX);
-        _mm_store_ps(g.ly, rootY);
-        _mm_store_ps(g.lz, rootZ);
-        laneSegmentsFour(g, samples);
-    } else if (preserveLength) {
-        __m128 total = zero;
-        for (std::size_t j = 1; j < samples; ++j)
-            total = _mm_add_ps(total, _mm_load_ps(g.segment + j * kFourLanes));
-        const __m128 scales =
-            _mm_and_ps(_mm_cmpgt_ps(total, _mm_set1_ps(1e-8f)), _mm_cmpgt_ps(guideLength, zero));
-        if (_mm_movemask_ps(scales) != 0) {
-            const __m128 scale = _mm_min_ps(_mm_set1_ps(2.0f), _mm_div_ps(guideLength, total));
-            for (std::size_t j = 0; j < samples; ++j) {
-                float* const x = g.lx + j * kFourLanes;
-                float* const y = g.ly + j * kFourLanes;
-                float* const z = g.lz + j * kFourLanes;
-                const __m128 sx = _mm_load_ps(x), sy = _mm_load_ps(y), sz = _mm_load_ps(z);
-                _mm_store_ps(
-                    x, pickFour(sx, _mm_add_ps(rootX, _mm_mul_ps(_mm_sub_ps(sx, rootX), scale)),
-                                scales));
-                _mm_store_ps(
-                    y, pickFour(sy, _mm_add_ps(rootY, _mm_mul_ps(_mm_sub_ps(sy, rootY), scale)),
-                                scales));
-                _mm_store_ps(
-                    z, pickFour(sz, _mm_add_ps(rootZ, _mm_mul_ps(_mm_sub_ps(sz, rootZ), scale)),
-                                scales));
-            }
-            laneSegmentsFour(g, samples);
-        }
-    }
-    __m128 total = zero;
-    _mm_store_ps(g.arc, zero);
-    for (std::size_t j = 1; j < samples; ++j) {
-        total = _mm_add_ps(total, _mm_load_ps(g.segment + j * kFourLanes));
-        _mm_store_ps(g.arc + j * kFourLanes, total);
-    }
-    if (_mm_movemask_ps(_mm_cmpeq_ps(_mm_sub_ps(total, total), zero)) != 0xF) return false;
-    const __m128 count = _mm_set1_ps(static_cast<float>(points - 1));
-    std::size_t passed = 0;
-    for (std::size_t i = 1; i < points; ++i) {
-        const __m128 at = _mm_div_ps(_mm_mul_ps(total, _mm_set1_ps(static_cast<float>(i))), count);
-        std::size_t j = passed;
-        __m128 arcLo = _mm_load_ps(g.arc + j * kFourLanes);
-        __m128 arcHi = _mm_load_ps(g.arc + (j + 1) * kFourLanes);
-        __m128 xLo = _mm_load_ps(g.lx + j * kFourLanes);
-        __m128 xHi = _mm_load_ps(g.lx + (j + 1) * kFourLanes);
-        __m128 yLo = _mm_load_ps(g.ly + j * kFourLanes);
-        __m128 yHi = _mm_load_ps(g.ly + (j + 1) * kFourLanes);
-        __m128 zLo = _mm_load_ps(g.lz + j * kFourLanes);
-        __m128 zHi = _mm_load_ps(g.lz + (j + 1) * kFourLanes);
-        for (++j; j + 1 < samples; ++j) {
-            const __m128 past = _mm_cmple_ps(_mm_load_ps(g.arc + j * kFourLanes), at);
-            const int lanes = _mm_movemask_ps(past);
-            if (lanes == 0) break;
-            if (lanes == 0xF) passed = j;
-            const std::size_t lo = j * kFourLanes, hi = (j + 1) * kFourLanes;
-            arcLo = pickFour(arcLo, _mm_load_ps(g.arc + lo), past);
-            arcHi = pickFour(arcHi, _mm_load_ps(g.arc + hi), past);
-            xLo = pickFour(xLo, _mm_load_ps(g.lx + lo), past);
-            xHi = pickFour(xHi, _mm_load_ps(g.lx + hi), past);
-            yLo = pickFour(yLo, _mm_load_ps(g.ly + lo), past);
-            yHi = pickFour(yHi, _mm_load_ps(g.ly + hi), past);
-            zLo = pickFour(zLo, _mm_load_ps(g.lz + lo), past);
-            zHi = pickFour(zHi, _mm_load_ps(g.lz + hi), past);
-        }
-        const __m128 span = _mm_sub_ps(arcHi, arcLo);
-        const __m128 f =
-            _mm_and_ps(_mm_cmpgt_ps(span, zero), _mm_div_ps(_mm_sub_ps(at, arcLo), span));
-        __m128 p0 = _mm_add_ps(xLo, _mm_mul_ps(_mm_sub_ps(xHi, xLo), f));
-        __m128 p1 = _mm_add_ps(yLo, _mm_mul_ps(_mm_sub_ps(yHi, yLo), f));
-        __m128 p2 = _mm_add_ps(zLo, _mm_mul_ps(_mm_sub_ps(zHi, zLo), f));
-        __m128 p3 = zero;
-        _MM_TRANSPOSE4_PS(p0, p1, p2, p3);
-        const __m128 p[4] = {p0, p1, p2, p3};
-        for (std::size_t l = 0; l < kFourLanes; ++l) {
-            if (i + 1 < points) {
-                _mm_storeu_ps(&out[l][i].x, p[l]);
-            } else {
-                _mm_storel_pi(reinterpret_cast<__m64*>(&out[l][i].x), p[l]);
-                _mm_store_ss(&out[l][i].z, _mm_movehl_ps(p[l], p[l]));
-            }
-        }
-    }
-    return true;
-}
-#endif
-
-#if VELMORIN_INTERPOLATE_AVX
-// b in the lanes where `mask` is set, else a. Bitwise, where GCC 12 takes a blend of a mask it
-// can see for a test per lane and rebuilds the mask lane by lane.
-__attribute__((target("avx"), always_inline)) inline __m256 pick(__m256 a, __m256 b, __m256 mask) {
-    return _mm256_or_ps(_mm256_and_ps(mask, b), _mm256_andnot_ps(mask, a));
-}
-
-// Turns eight rows of eight floats (row l at rows + l * rowStride) into eight columns: column j
-// holds element j of every row, stored at columns + j * kGroupLanes.
-__attribute__((target("avx"))) void transposeEight(const float* rows, std::size_t rowStride,
-                                                   float* columns) {
-    const __m256 r0 = _mm256_load_ps(rows), r1 = _mm256_load_ps(rows + rowStride),
-                 r2 = _mm256_load_ps(rows + 2 * rowStride),
-                 r3 = _mm256_load_ps(rows + 3 * rowStride),
-                 r4 = _mm256_load_ps(rows + 4 * rowStride),
-                 r5 = _mm256_load_ps(rows + 5 * rowStride),
-                 r6 = _mm256_load_ps(rows + 6 * rowStride),
-                 r7 = _mm256_load_ps(rows + 7 * rowStride);
-    const __m256 t0 = _mm256_unpacklo_ps(r0, r1), t1 = _mm256_unpackhi_ps(r0, r1);
-    const __m256 t2 = _mm256_unpacklo_ps(r2, r3), t3 = _mm256_unpackhi_ps(r2, r3);
-    const __m256 t4 = _mm256_unpacklo_ps(r4, r5), t5 = _mm256_unpackhi_ps(r4, r5);
-    const __m256 t6 = _mm256_unpacklo_ps(r6, r7), t7 = _mm256_unpackhi_ps(r6, r7);
-    const __m256 u0 = _mm256_shuffle_ps(t0, t2, 0x44), u1 = _mm256_shuffle_ps(t0, t2, 0xEE);
-    const __m256 u2 = _mm256_shuffle_ps(t1, t3, 0x44), u3 = _mm256_shuffle_ps(t1, t3, 0xEE);
-    const __m256 u4 = _mm256_shuffle_ps(t4, t6, 0x44), u5 = _mm256_shuffle_ps(t4, t6, 0xEE);
-    const __m256 u6 = _mm256_shuffle_ps(t5, t7, 0x44), u7 = _mm256_shuffle_ps(t5, t7, 0xEE);
-    _mm256_store_ps(columns, _mm256_permute2f128_ps(u0, u4, 0x20));
-    _mm256_store_ps(columns + 8, _mm256_permute2f128_ps(u1, u5, 0x20));
-    _mm256_store_ps(columns + 16, _mm256_permute2f128_ps(u2, u6, 0x20));
-    _mm256_store_ps(columns + 24, _mm256_permute2f128_ps(u3, u7, 0x20));
-    _mm256_store_ps(columns + 32, _mm256_permute2f128_ps(u0, u4, 0x31));
-    _mm256_store_ps(columns + 40, _mm256_permute2f128_ps(u1, u5, 0x31));
-    _mm256_store_ps(columns + 48, _mm256_permute2f128_ps(u2, u6, 0x31));
-    _mm256_store_ps(columns + 56, _mm256_permute2f128_ps(u3, u7, 0x31));
-}
-
-// segment[j] = the length of every lane's step from sample j - 1 to j, for j in 1 .. samples - 1,
-// as segmentLengths gives it.
-__attribute__((target("avx"))) void laneSegmentsWide(LaneScratch& g, std::size_t samples) {
-    __m256 px = _mm256_load_ps(g.lx), py = _mm256_load_ps(g.ly), pz = _mm256_load_ps(g.lz);
-    for (std::size_t j = 1; j < samples; ++j) {
-        const __m256 nx = _mm256_load_ps(g.lx + j * kGroupLanes),
-                     ny = _mm256_load_ps(g.ly + j * kGroupLanes),
-                     nz = _mm256_load_ps(g.lz + j * kGroupLanes);
-        const __m256 dx = _mm256_sub_ps(nx, px), dy = _mm256_sub_ps(ny, py),
-                     dz = _mm256_sub_ps(nz, pz);
-        const __m256 d2 = _mm256_add_ps(_mm256_add_ps(_mm256_mul_ps(dx, dx), _mm256_mul_ps(dy, dy)),
-                                        _mm256_mul_ps(dz, dz));
-        _mm256_store_ps(g.segment + j * kGroupLanes, _mm256_sqrt_ps(d2));
-        px = nx;
-        py = ny;
-        pz = nz;
-    }
-}
-
-// One point of every lane for each of 8 strands (x, y and z of lanes 0 to 7) stored at `at`
-// within each strand: 16 bytes, the last 4 falling on the next point, unless `last`.
-__attribute__((target("avx"))) void storeLanePoints(__m256 px, __m256 py, __m256 pz,
-                                                    Vec3f* const* out, std::size_t at, bool last) {
-    const __m256 zero = _mm256_setzero_ps();
-    const __m256 xyLow = _mm256_unpacklo_ps(px, py), xyHigh = _mm256_unpackhi_ps(px, py);
-    const __m256 zLow = _mm256_unpacklo_ps(pz, zero), zHigh = _mm256_unpackhi_ps(pz, zero);
-    // Lanes 0, 4 / 1, 5 / 2, 6 / 3, 7 as (x, y, z, 0) in each half.
-    const __m256 p04 = _mm256_shuffle_ps(xyLow, zLow, _MM_SHUFFLE(1, 0, 1, 0));
-    const __m256 p15 = _mm256_shuffle_ps(xyLow, zLow, _MM_SHUFFLE(3, 2, 3, 2));
-    const __m256 p26 = _mm256_shuffle_ps(xyHigh, zHigh, _MM_SHUFFLE(1, 0, 1, 0));
-    const __m256 p37 = _mm256_shuffle_ps(xyHigh, zHigh, _MM_SHUFFLE(3, 2, 3, 2));
-    const __m128 p[8] = {_mm256_castps256_ps128(p04),   _mm256_castps256_ps128(p15),
-                         _mm256_castps256_ps128(p26),   _mm256_castps256_ps128(p37),
-                         _mm256_extractf128_ps(p04, 1), _mm256_extractf128_ps(p15, 1),
-                         _mm256_extractf128_ps(p26, 1), _mm256_extractf128_ps(p37, 1)};
-    if (!last) {
-        for (std::size_t l = 0; l < kGroupLanes; ++l)
-            _mm_storeu_ps(&out[l][at].x, p[l]);
-        return;
-    }
-    for (std::size_t l = 0; l < kGroupLanes; ++l) {
-        _mm_storel_pi(reinterpret_cast<__m64*>(&out[l][at].x), p[l]);
-        _mm_store_ss(&out[l][at].z, _mm_movehl_ps(p[l], p[l]));
-    }
-}
-
-// Steps 5 to 7 of the shape of eight strands of `points` points, whose blended curves are in
-// g.x, g.y, g.z (`samples` samples each): points 1 onward are written to out[l] (point 0 is the
-// root, for the caller). Returns false, having written nothing, where a lane's curve has a length
-// that is not a number or infinite: the one-strand path's walk along the table then decides.
-__attribute__((target("avx"))) bool shapeLanesWide(LaneScratch& g, std::size_t samples,
-                                                   std::size_t points, bool directions,
-                                                   bool preserveLength, Vec3f* const* out) {
-    const std::size_t blocks = (samples + kGroupLanes - 1) / kGroupLanes;
-    for (std::size_t b = 0; b < blocks; ++b) {
-        const std::size_t j = b * kGroupLanes;
-        transposeEight(&g.x[0][j], kPaddedSamples, g.lx + j * kGroupLanes);
-        transposeEight(&g.y[0][j], kPaddedSamples, g.ly + j * kGroupLanes);
-        transposeEight(&g.z[0][j], kPaddedSamples, g.lz + j * kGroupLanes);
-    }
-    const __m256 rootX = _mm256_load_ps(g.rootX), rootY = _mm256_load_ps(g.rootY),
-                 rootZ = _mm256_load_ps(g.rootZ);
-    const __m256 guideLength = _mm256_load_ps(g.guideLength);
-    const __m256 zero = _mm256_setzero_ps(), one = _mm256_set1_ps(1.0f);
-    laneSegmentsWide(g, samples);
-    if (directions) {
-        // 5., lane by lane as the one-strand walk.
-        const __m256 h =
-            _mm256_div_ps(guideLength, _mm256_set1_ps(static_cast<float>(samples - 1)));
-        const __m256 halfH = _mm256_mul_ps(_mm256_set1_ps(0.5f), h);
-        const __m256 two = _mm256_set1_ps(2.0f);
-        const __m256 stepping = _mm256_cmp_ps(h, zero, _CMP_GT_OQ);
-        __m256 previousX = _mm256_load_ps(g.lx), previousY = _mm256_load_ps(g.ly),
-               previousZ = _mm256_load_ps(g.lz);
-        __m256 walkedX = rootX, walkedY = rootY, walkedZ = rootZ;
-        for (std::size_t j = 1; j < samples; ++j) {
-            float* const x = g.lx + j * kGroupLanes;
-            float* const y = g.ly + j * kGroupLanes;
-            float* const z = g.lz + j * kGroupLanes;
-            const __m256 rawX = _mm256_load_ps(x), rawY = _mm256_load_ps(y),
-                         rawZ = _mm256_load_ps(z);
-            const __m256 l = _mm256_load_ps(g.segment + j * kGroupLanes);
-            const __m256 moves = _mm256_and_ps(_mm256_cmp_ps(l, zero, _CMP_GT_OQ), stepping);
-            // std::min(l / (0.5 h), 1): 1 where 1 < it, else it.
-            const __m256 e = _mm256_min_ps(one, _mm256_div_ps(l, halfH));
-            const __m256 step =
-                _mm256_div_ps(_mm256_mul_ps(_mm256_mul_ps(h, e), _mm256_sub_ps(two, e)), l);
-            walkedX = pick(
-                walkedX,
-                _mm256_add_ps(walkedX, _mm256_mul_ps(_mm256_sub_ps(rawX, previousX), step)), moves);
-            walkedY = pick(
-                walkedY,
-                _mm256_add_ps(walkedY, _mm256_mul_ps(_mm256_sub_ps(rawY, previousY), step)), moves);
-            walkedZ = pick(
-                walkedZ,
-                _mm256_add_ps(walkedZ, _mm256_mul_ps(_mm256_sub_ps(rawZ, previousZ), step)), moves);
-            previousX = rawX;
-            previousY = rawY;
-            previousZ = rawZ;
-            _mm256_store_ps(x, walkedX);
-            _mm256_store_ps(y, walkedY);
-            _mm256_store_ps(z, walkedZ);
-        }
-        _mm256_store_ps(g.lx, rootX);
-        _mm256_store_ps(g.ly, rootY);
-        _mm256_store_ps(g.lz, rootZ);
-        laneSegmentsWide(g, samples);
-    } else if (preserveLength) {
-        // 6., the curve's length summed in order, then scaled about the root where it may be.
-        __m256 total = zero;
-        for (std::size_t j = 1; j < samples; ++j)
-            total = _mm256_add_ps(total, _mm256_load_ps(g.segment + j * kGroupLanes));
-        const __m256 scales = _mm256_and_ps(_mm256_cmp_ps(total, _mm256_set1_ps(1e-8f), _CMP_GT_OQ),
-                                            _mm256_cmp_ps(guideLength, zero, _CMP_GT_OQ));
-        if (_mm256_movemask_ps(scales) != 0) {
-            // std::min(G / T, 2): 2 where 2 < it, else it.
-            const __m256 scale =
-                _mm256_min_ps(_mm256_set1_ps(2.0f), _mm256_div_ps(guideLength, total));
-            for (std::size_t j = 0; j < samples; ++j) {
-                float* const x = g.lx + j * kGroupLanes;
-                float* const y = g.ly + j * kGroupLanes;
-                float* const z = g.lz + j * kGroupLanes;
-                const __m256 sx = _mm256_load_ps(x), sy = _mm256_load_ps(y), sz = _mm256_load_ps(z);
-                _mm256_store_ps(
-                    x,
-                    pick(sx, _mm256_add_ps(rootX, _mm256_mul_ps(_mm256_sub_ps(sx, rootX), scale)),
-                         scales));
-                _mm256_store_ps(
-                    y,
-                    pick(sy, _mm256_add_ps(rootY, _mm256_mul_ps(_mm256_sub_ps(sy, rootY), scale)),
-                         scales));
-                _mm256_store_ps(
-                    z,
-                    pick(sz, _mm256_add_ps(rootZ, _mm256_mul_ps(_mm256_sub_ps(sz, rootZ), scale)),
-                         scales));
-            }
-            laneSegmentsWide(g, samples);
-        }
-    }
-
-    // 7. The running arc lengths, summed in order.
-    __m256 total = zero;
-    _mm256_store_ps(g.arc, zero);
-    for (std::size_t j = 1; j < samples; ++j) {
-        total = _mm256_add_ps(total, _mm256_load_ps(g.segment + j * kGroupLanes));
-        _mm256_store_ps(g.arc + j * kGroupLanes, total);
-    }
-    // A table of numbers only grows, so the walk's segment for a point is the last sample at or
-    // before it, which the scan below finds; with infinities or NaN in it, the walk decides.
-    if (_mm256_movemask_ps(_mm256_cmp_ps(_mm256_sub_ps(total, total), zero, _CMP_EQ_OQ)) != 0xFF)
-        return false;
-    // The points' arc positions only grow too: each scan starts at the last sample that every
-    // lane had passed for the point before, and stops where no lane passes the next one.
-    const __m256 count = _mm256_set1_ps(static_cast<float>(points - 1));
-    std::size_t passed = 0;
-    for (std::size_t i = 1; i < points; ++i) {
-        const __m256 at =
-            _mm256_div_ps(_mm256_mul_ps(total, _mm256_set1_ps(static_cast<float>(i))), count);
-        std::size_t j = passed;
-        __m256 arcLo = _mm256_load_ps(g.arc + j * kGroupLanes);
-        __m256 arcHi = _mm256_load_ps(g.arc + (j + 1) * kGroupLanes);
-        __m256 xLo = _mm256_load_ps(g.lx + j * kGroupLanes);
-        __m256 xHi = _mm256_load_ps(g.lx + (j + 1) * kGroupLanes);
-        __m256 yLo = _mm256_load_ps(g.ly + j * kGroupLanes);
-        __m256 yHi = _mm256_load_ps(g.ly + (j + 1) * kGroupLanes);
-        __m256 zLo = _mm256_load_ps(g.lz + j * kGroupLanes);
-        __m256 zHi = _mm256_load_ps(g.lz + (j + 1) * kGroupLanes);
-        for (++j; j + 1 < samples; ++j) {
-            const __m256 passes =
-                _mm256_cmp_ps(_mm256_load_ps(g.arc + j * kGroupLanes), at, _CMP_LE_OQ);
-            const __m256 past = passes;
-            const int lanes = _mm256_movemask_ps(past);
-            if (lanes == 0) break;
-            if (lanes == 0xFF) passed = j;
-            const std::size_t lo = j * kGroupLanes, hi = (j + 1) * kGroupLanes;
-            arcLo = pick(arcLo, _mm256_load_ps(g.arc + lo), past);
-            arcHi = pick(arcHi, _mm256_load_ps(g.arc + hi), past);
-            xLo = pick(xLo, _mm256_load_ps(g.lx + lo), past);
-            xHi = pick(xHi, _mm256_load_ps(g.lx + hi), past);
-            yLo = pick(yLo, _mm256_load_ps(g.ly + lo), past);
-            yHi = pick(yHi, _mm256_load_ps(g.ly + hi), past);
-            zLo = pick(zLo, _mm256_load_ps(g.lz + lo), past);
-            zHi = pick(zHi, _mm256_load_ps(g.lz + hi), past);
-        }
-        const __m256 span = _mm256_sub_ps(arcHi, arcLo);
-        const __m256 f = _mm256_and_ps(_mm256_cmp_ps(span, zero, _CMP_GT_OQ),
-                                       _mm256_div_ps(_mm256_sub_ps(at, arcLo), span));
-        storeLanePoints(_mm256_add_ps(xLo, _mm256_mul_ps(_mm256_sub_ps(xHi, xLo), f)),
-                        _mm256_add_ps(yLo, _mm256_mul_ps(_mm256_sub_ps(yHi, yLo), f)),
-                        _mm256_add_ps(zLo, _mm256_mul_ps(_mm256_sub_ps(zHi, zLo), f)), out, i,
-                        i + 1 == points);
-    }
-    return true;
 }
 #endif
 
@@ -1099,16 +652,8 @@ void shapeStrands(const InterpolateState& state, const InterpolateGuideRows& row
             outs[l] = outPoints.data() + offsets[s];
             amounts[l] = influenceOf(chunk, k);
         }
-        const auto shape = [&] {
-#if VELMORIN_INTERPOLATE_AVX
-            if (width == kGroupLanes)
-                return shapeLanesWide(g, samples, n, settings.blendDirections,
-                                      settings.preserveLength, outs);
-#endif
-            return shapeLanesFour(g, samples, n, settings.blendDirections, settings.preserveLength,
-                                  outs);
-        };
-        if (!shape()) {
+        if (!interpolate_lanes::shapeLanes(width, g, samples, n, settings.blendDirections,
+                                           settings.preserveLength, outs)) {
             for (std::size_t l = 0; l < width; ++l)
                 oneByOne(group[l], c);
             return;

@@ -36,6 +36,19 @@ inline void segmentLengths(std::span<const Vec3f> points, std::span<float> lengt
         lengths[k] = length(points[k] - points[k - 1]);
 }
 
+// arcLengths, bit for bit, with the square roots four at a time: arcs[k] the arc from the root to
+// point k (arcs.size() == points.size() >= 1); returns the length.
+inline float arcLengthsByLanes(std::span<const Vec3f> points, std::span<float> arcs) {
+    segmentLengths(points, arcs);
+    arcs[0] = 0.0f;
+    float total = 0.0f;
+    for (std::size_t k = 1; k < points.size(); ++k) {
+        total += arcs[k];
+        arcs[k] = total;
+    }
+    return total;
+}
+
 #if VELMORIN_SSE_LANES
 // Point k of four strands as rows of x, y and z, one strand per SSE lane. A load takes four floats
 // from a point, so each strand must be followed by at least one more point in its column; a store
@@ -58,6 +71,114 @@ inline void storePointRows(Vec3f* const to[4], std::size_t k, PointRows4 rows) {
     for (std::size_t i = 0; i < 4; ++i) {
         _mm_storel_pi(reinterpret_cast<__m64*>(&to[i][k].x), lanes[i]);
         _mm_store_ss(&to[i][k].z, _mm_movehl_ps(lanes[i], lanes[i]));
+    }
+}
+#endif
+
+#if VELMORIN_AVX_LANES
+// Whether this processor has AVX2, for the kernels that read small tables by lane with vpermps.
+inline bool avx2LanesUsable() {
+    static const bool usable = __builtin_cpu_supports("avx2");
+    return usable;
+}
+
+// Entry index[l] of the 16 floats at `table`, lane by lane (each index 0 to 15).
+__attribute__((target("avx2"), always_inline)) inline __m256 pickOf16(const float* table,
+                                                                      __m256i index) {
+    const __m256 low = _mm256_permutevar8x32_ps(_mm256_loadu_ps(table), index);
+    const __m256 high = _mm256_permutevar8x32_ps(_mm256_loadu_ps(table + 8), index);
+    const __m256 upper = _mm256_castsi256_ps(_mm256_cmpgt_epi32(index, _mm256_set1_epi32(7)));
+    return _mm256_blendv_ps(low, high, upper);
+}
+
+// One coordinate of pointAtArc's result for eight places along a polyline, from a row of that
+// coordinate of its points: the lerp between entries segment and segment + 1 by f, then `tip`
+// where atTip and `root` where atRoot (the root first, as pointAtArc tests).
+__attribute__((target("avx2"), always_inline)) inline __m256 pickedPointRow(
+    const float* row, __m256i segment, __m256 f, __m256 root, __m256 tip, __m256 atRoot,
+    __m256 atTip) {
+    const __m256 a = pickOf16(row, segment);
+    const __m256 b = pickOf16(row + 1, segment);
+    const __m256 p = _mm256_add_ps(a, _mm256_mul_ps(_mm256_sub_ps(b, a), f));
+    return _mm256_blendv_ps(_mm256_blendv_ps(p, tip, atTip), root, atRoot);
+}
+
+// Eight consecutive points (24 floats, nothing past them read or written) as rows of x, y and z,
+// one point per AVX lane, and back.
+struct PointRows8 {
+    __m256 x, y, z;
+};
+
+__attribute__((target("avx"), always_inline)) inline PointRows8 loadEightPoints(const Vec3f* p) {
+    const float* f = &p[0].x;
+    // [x0 y0 z0 x1 | x4 y4 z4 x5], [y1 z1 x2 y2 | y5 z5 x6 y6], [z2 x3 y3 z3 | z6 x7 y7 z7]
+    const __m256 a =
+        _mm256_insertf128_ps(_mm256_castps128_ps256(_mm_loadu_ps(f)), _mm_loadu_ps(f + 12), 1);
+    const __m256 b =
+        _mm256_insertf128_ps(_mm256_castps128_ps256(_mm_loadu_ps(f + 4)), _mm_loadu_ps(f + 16), 1);
+    const __m256 c =
+        _mm256_insertf128_ps(_mm256_castps128_ps256(_mm_loadu_ps(f + 8)), _mm_loadu_ps(f + 20), 1);
+    const __m256 xy = _mm256_shuffle_ps(b, c, _MM_SHUFFLE(2, 1, 3, 2));  // x2 y2 x3 y3
+    const __m256 yz = _mm256_shuffle_ps(a, b, _MM_SHUFFLE(1, 0, 2, 1));  // y0 z0 y1 z1
+    return {_mm256_shuffle_ps(a, xy, _MM_SHUFFLE(2, 0, 3, 0)),
+            _mm256_shuffle_ps(yz, xy, _MM_SHUFFLE(3, 1, 2, 0)),
+            _mm256_shuffle_ps(yz, c, _MM_SHUFFLE(3, 0, 3, 1))};
+}
+
+__attribute__((target("avx"), always_inline)) inline void storeEightPoints(Vec3f* p,
+                                                                           PointRows8 rows) {
+    const __m256 xy = _mm256_shuffle_ps(rows.x, rows.y, _MM_SHUFFLE(2, 0, 2, 0));  // x0 x2 y0 y2
+    const __m256 yz = _mm256_shuffle_ps(rows.y, rows.z, _MM_SHUFFLE(3, 1, 3, 1));  // y1 y3 z1 z3
+    const __m256 zx = _mm256_shuffle_ps(rows.z, rows.x, _MM_SHUFFLE(3, 1, 2, 0));  // z0 z2 x1 x3
+    const __m256 a = _mm256_shuffle_ps(xy, zx, _MM_SHUFFLE(2, 0, 2, 0));           // x0 y0 z0 x1
+    const __m256 b = _mm256_shuffle_ps(yz, xy, _MM_SHUFFLE(3, 1, 2, 0));           // y1 z1 x2 y2
+    const __m256 c = _mm256_shuffle_ps(zx, yz, _MM_SHUFFLE(3, 1, 3, 1));           // z2 x3 y3 z3
+    float* f = &p[0].x;
+    _mm256_storeu_ps(f, _mm256_permute2f128_ps(a, b, 0x20));
+    _mm256_storeu_ps(f + 8, _mm256_permute2f128_ps(c, a, 0x30));
+    _mm256_storeu_ps(f + 16, _mm256_permute2f128_ps(b, c, 0x31));
+}
+
+// arcLengths, bit for bit, eight segments at a time with AVX: arcs[k] the arc from the root to
+// point k for k < n (n >= 1; arcs has room for 7 more, whose values are unspecified). Returns the
+// length.
+__attribute__((target("avx"))) inline float arcLengthsByEight(const Vec3f* points, std::size_t n,
+                                                              float* arcs) {
+    std::size_t k = 1;
+    for (; k + 8 <= n; k += 8) {
+        const PointRows8 at = loadEightPoints(points + k);
+        const PointRows8 before = loadEightPoints(points + k - 1);
+        const __m256 dx = _mm256_sub_ps(at.x, before.x), dy = _mm256_sub_ps(at.y, before.y);
+        const __m256 dz = _mm256_sub_ps(at.z, before.z);
+        _mm256_storeu_ps(arcs + k, _mm256_sqrt_ps(_mm256_add_ps(
+                                       _mm256_add_ps(_mm256_mul_ps(dx, dx), _mm256_mul_ps(dy, dy)),
+                                       _mm256_mul_ps(dz, dz))));
+    }
+    for (; k < n; ++k)
+        arcs[k] = length(points[k] - points[k - 1]);
+    arcs[0] = 0.0f;
+    float total = 0.0f;
+    for (k = 1; k < n; ++k) {
+        total += arcs[k];
+        arcs[k] = total;
+    }
+    return total;
+}
+
+// A strand's n points as rows: x[k], y[k], z[k] of point k, eight at a time where they can be.
+__attribute__((target("avx"))) inline void pointRowsByEight(const Vec3f* points, std::size_t n,
+                                                            float* x, float* y, float* z) {
+    std::size_t k = 0;
+    for (; k + 8 <= n; k += 8) {
+        const PointRows8 rows = loadEightPoints(points + k);
+        _mm256_storeu_ps(x + k, rows.x);
+        _mm256_storeu_ps(y + k, rows.y);
+        _mm256_storeu_ps(z + k, rows.z);
+    }
+    for (; k < n; ++k) {
+        x[k] = points[k].x;
+        y[k] = points[k].y;
+        z[k] = points[k].z;
     }
 }
 #endif

@@ -160,6 +160,10 @@ struct TwistSettings {
 };
 void twistStrands(const StrandSet& input, const TwistSettings& settings,
                   const StrandSelection& selection, std::span<Vec3f> out);
+// The clump axes a Twist node keeps from its last run (null for another operator or before a run
+// by clumps), for tests: a run on an input that shares the points and channels they were made from
+// reuses them.
+std::shared_ptr<const ClumpAxes> twistAxesOf(const Operator& op);
 
 // What a bend turns strands toward.
 enum class BendAlong { Normal, Tangent, Direction };

@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <cassert>
 #include <cmath>
-#include <numeric>
 #include <variant>
 
 #include "fields/field_scene.h"
@@ -262,127 +261,6 @@ bool runInPlace(const std::vector<Value>& inputs, const IncrementalInputs* incre
     changes->sameLayout = true;
     *out = std::shared_ptr<const StrandSet>(std::move(made));
     return true;
-}
-
-bool clumpsKept(const std::vector<float>& ids, const std::string& channel,
-                const IncrementalInputs& incremental) {
-    const auto previous = incremental.previous.get<StrandSet>();
-    const std::vector<float>* before = previous ? previous->strandChannel(channel) : nullptr;
-    if (!before || before->size() != ids.size() || incremental.changes.empty() ||
-        !incremental.changes[0] || incremental.changes[0]->all)
-        return false;
-    for (const std::uint64_t s : incremental.changes[0]->strands)
-        if (s >= ids.size() || !((*before)[s] == ids[s])) return false;
-    return true;
-}
-
-ClumpAxes clumpAxes(const StrandSet& strands, const std::vector<float>& channel) {
-    constexpr std::size_t kPoints = ClumpAxes::kAxisPoints;
-    const std::size_t strandCount = strands.strandCount();
-    ClumpAxes axes;
-
-    // Clumps numbered in the order of their channel values, so that the numbering is the same at
-    // every thread count and for every strand order. Strands mostly come grouped by clump already
-    // (Clump numbers them in order): then the strands stand in their own order, and neither an
-    // order nor a sort, which would leave it so, is made.
-    const bool grouped = std::is_sorted(channel.begin(), channel.end());
-    std::vector<std::uint32_t> order;
-    if (!grouped) {
-        order.resize(strandCount);
-        std::iota(order.begin(), order.end(), 0u);
-        const auto before = [&](std::uint32_t a, std::uint32_t b) {
-            return channel[a] < channel[b];
-        };
-        std::stable_sort(order.begin(), order.end(), before);
-    }
-    const auto strandAt = [&](std::size_t i) -> std::size_t { return grouped ? i : order[i]; };
-    const auto startsClump = [&](std::size_t i) {
-        return i == 0 || !(channel[strandAt(i)] == channel[strandAt(i - 1)]);
-    };
-    axes.clumpOf.resize(strandCount);
-    // Where each clump starts in that order: the starts are counted a stretch at a time in
-    // parallel, then numbered from the counts of the stretches before.
-    constexpr std::size_t kStretch = 1 << 16;
-    const std::size_t stretches = (strandCount + kStretch - 1) / kStretch;
-    std::vector<std::uint32_t> startsBefore(stretches + 1, 0);
-    parallelRange(0, stretches, 1, [&](std::size_t begin, std::size_t end) {
-        for (std::size_t r = begin; r < end; ++r) {
-            std::uint32_t count = 0;
-            for (std::size_t i = r * kStretch; i < std::min(strandCount, (r + 1) * kStretch); ++i)
-                count += startsClump(i) ? 1 : 0;
-            startsBefore[r + 1] = count;
-        }
-    });
-    for (std::size_t r = 0; r < stretches; ++r)
-        startsBefore[r + 1] += startsBefore[r];
-    std::vector<std::uint32_t> firstOf(startsBefore[stretches]);  // where each clump starts
-    parallelRange(0, stretches, 1, [&](std::size_t begin, std::size_t end) {
-        for (std::size_t r = begin; r < end; ++r) {
-            std::uint32_t clumps = startsBefore[r];
-            for (std::size_t i = r * kStretch; i < std::min(strandCount, (r + 1) * kStretch); ++i) {
-                if (startsClump(i)) firstOf[clumps++] = static_cast<std::uint32_t>(i);
-                axes.clumpOf[strandAt(i)] = clumps - 1;
-            }
-        }
-    });
-    axes.clumpCount = firstOf.size();
-    firstOf.push_back(static_cast<std::uint32_t>(strandCount));
-    axes.points.assign(axes.clumpCount * kPoints, Vec3f{});
-    axes.arcs.assign(axes.clumpCount * kPoints, 0.0f);
-
-    const std::vector<float>* preview = strands.strandChannel("_preview");
-    const std::span<const std::uint64_t> offsets = strands.offsets();
-    const std::span<const Vec3f> allPoints = strands.points();
-    parallelRange(0, axes.clumpCount, 256, [&](std::size_t begin, std::size_t end) {
-        std::vector<float> arcs;
-        for (std::size_t c = begin; c < end; ++c) {
-            Vec3f sum[kPoints] = {};
-            std::size_t used = 0;
-            // Core strands first; a clump with none takes all of its strands.
-            for (int pass = 0; pass < 2 && used == 0; ++pass) {
-                for (std::uint32_t i = firstOf[c]; i < firstOf[c + 1]; ++i) {
-                    const std::size_t s = strandAt(i);
-                    if (pass == 0 && preview && (*preview)[s] != 1.0f) continue;
-                    const std::span<const Vec3f> points =
-                        allPoints.subspan(offsets[s], offsets[s + 1] - offsets[s]);
-                    if (points.empty()) continue;
-                    arcs.resize(points.size());
-                    // arcLengths, with the square roots four at a time.
-                    segmentLengths(points, arcs);
-                    arcs[0] = 0.0f;
-                    float total = 0.0f;
-                    for (std::size_t k = 1; k < points.size(); ++k) {
-                        total += arcs[k];
-                        arcs[k] = total;
-                    }
-                    std::size_t segment = 0;
-                    for (std::size_t k = 0; k < kPoints; ++k) {
-                        const float share = static_cast<float>(k) / (kPoints - 1);
-                        sum[k] += pointAtArc(points, arcs, share * total, segment);
-                    }
-                    ++used;
-                }
-            }
-            Vec3f* axis = axes.points.data() + c * kPoints;
-            float* arc = axes.arcs.data() + c * kPoints;
-            for (std::size_t k = 0; k < kPoints; ++k) {
-                axis[k] = used ? sum[k] / static_cast<float>(used) : Vec3f{};
-                arc[k] = k == 0 ? 0.0f : arc[k - 1] + length(axis[k] - axis[k - 1]);
-            }
-        }
-    });
-    return axes;
-}
-
-std::vector<std::uint64_t> strandsOfClumps(const ClumpAxes& axes,
-                                           std::span<const std::uint64_t> strands) {
-    std::vector<std::uint8_t> touched(axes.clumpCount, 0);
-    for (const std::uint64_t s : strands)
-        touched[axes.clumpOf[s]] = 1;
-    std::vector<std::uint64_t> all;
-    for (std::size_t s = 0; s < axes.clumpOf.size(); ++s)
-        if (touched[axes.clumpOf[s]]) all.push_back(s);
-    return all;
 }
 
 }  // namespace velmorin

@@ -1,5 +1,7 @@
 #include <algorithm>
 #include <cmath>
+#include <memory>
+#include <mutex>
 
 #include "base/fast_trig_lanes.h"
 #include "graph/delivered_params.h"
@@ -7,6 +9,7 @@
 #include "graph/registry.h"
 #include "ops/shape_kernels.h"
 #include "ops/shape_ops.h"
+#include "strands/channel_names.h"
 
 namespace velmorin {
 
@@ -132,6 +135,151 @@ bool twistFour(const Vec3f* const from[4], Vec3f* const to[4], std::size_t n,
 }
 #endif
 
+#if VELMORIN_AVX_LANES
+// The most points an axis may have for the eight-point kernel: its tables are read from two
+// registers of eight.
+constexpr std::size_t kTablePoints = 17;
+
+// An axis as tables the kernel reads by lane: its points as rows of x, y and z, its arcs, and per
+// segment the tangent and one over the length. Padded with zeros, never picked.
+struct AxisTables {
+    alignas(32) float x[32] = {}, y[32] = {}, z[32] = {}, arcs[32] = {};
+    alignas(32) float inverse[32] = {}, tangentX[32] = {}, tangentY[32] = {}, tangentZ[32] = {};
+    const Vec3f* made = nullptr;  // the axis these were made for
+
+    void fill(const StrandAxis& axis) {
+        made = axis.points.data();
+        for (std::size_t k = 0; k < axis.points.size(); ++k) {
+            x[k] = axis.points[k].x;
+            y[k] = axis.points[k].y;
+            z[k] = axis.points[k].z;
+            arcs[k] = axis.arcs[k];
+        }
+        for (std::size_t k = 0; k + 1 < axis.points.size(); ++k) {
+            inverse[k] = axis.inverse[k];
+            tangentX[k] = axis.tangents[k].x;
+            tangentY[k] = axis.tangents[k].y;
+            tangentZ[k] = axis.tangents[k].z;
+        }
+    }
+};
+
+// Whether the eight-point kernel can take a strand about this axis: a usable axis of at most
+// kTablePoints points and finite length, whose arcs then rise, as the count of segments needs.
+bool tablesFit(const StrandAxis& axis) {
+    return axis.usable() && axis.points.size() <= kTablePoints && std::isfinite(axis.arcs.back());
+}
+
+// Lane l of the result: the largest of lanes 0 to l of v, and of `carry`.
+__attribute__((target("avx2"), always_inline)) inline __m256i runningMax(__m256i v, __m256i carry) {
+    v = _mm256_max_epi32(v,
+                         _mm256_permutevar8x32_epi32(v, _mm256_setr_epi32(0, 0, 1, 2, 3, 4, 5, 6)));
+    v = _mm256_max_epi32(v,
+                         _mm256_permutevar8x32_epi32(v, _mm256_setr_epi32(0, 0, 0, 1, 2, 3, 4, 5)));
+    v = _mm256_max_epi32(v,
+                         _mm256_permutevar8x32_epi32(v, _mm256_setr_epi32(0, 0, 0, 0, 0, 1, 2, 3)));
+    return _mm256_max_epi32(v, carry);
+}
+
+// One coordinate of rotateAbout in eight lanes: v cos + (axis x v) sin + axis (axis . v)(1 - cos),
+// with `along` the last product.
+__attribute__((target("avx"), always_inline)) inline __m256 turnedRow(__m256 v, __m256 cross,
+                                                                      __m256 a, __m256 cosine,
+                                                                      __m256 sine, __m256 along) {
+    return _mm256_add_ps(_mm256_add_ps(_mm256_mul_ps(v, cosine), _mm256_mul_ps(cross, sine)),
+                         _mm256_mul_ps(a, along));
+}
+
+// The one-strand loop of twistStrands for a strand of n >= 2 points and positive, finite length
+// (arcs[k] its arc to point k, with at least 7 entries past the strand), points 1 to n - 1 eight
+// at a time, with the same operations per point. The walk along the axis becomes a count of the
+// axis points whose arc lies below the point's place; a point at or past either end of the axis,
+// where the walk returns early and stays where it was, takes the segment of the point before it
+// (the running largest of the counts, which rise along the strand). `profile` is null for a
+// profile of no keys.
+__attribute__((target("avx2"))) void twistEight(const Vec3f* from, Vec3f* to, std::size_t n,
+                                                const float* arcs, const AxisTables& axis,
+                                                std::size_t axisPoints, float axisLength,
+                                                float turns, const Ramp* profile) {
+    const std::size_t lastAxis = axisPoints - 1;
+    const __m256 perTotal = _mm256_set1_ps(1.0f / arcs[n - 1]);
+    const __m256 length = _mm256_set1_ps(axisLength), turnsLanes = _mm256_set1_ps(turns);
+    const __m256 zero = _mm256_setzero_ps(), one = _mm256_set1_ps(1.0f);
+    const __m256 axisEnd = _mm256_set1_ps(axis.arcs[lastAxis]);
+    const __m256 rootX = _mm256_set1_ps(axis.x[0]), rootY = _mm256_set1_ps(axis.y[0]);
+    const __m256 rootZ = _mm256_set1_ps(axis.z[0]);
+    const __m256 tipX = _mm256_set1_ps(axis.x[lastAxis]), tipY = _mm256_set1_ps(axis.y[lastAxis]);
+    const __m256 tipZ = _mm256_set1_ps(axis.z[lastAxis]);
+    __m256i carry = _mm256_setzero_si256();
+    to[0] = from[0];
+    for (std::size_t k = 1; k < n; k += 8) {
+        const std::size_t count = std::min<std::size_t>(8, n - k);
+        // A point's place along the axis is its share of its own strand's length.
+        const __m256 t = _mm256_mul_ps(_mm256_loadu_ps(arcs + k), perTotal);
+        const __m256 place = _mm256_mul_ps(t, length);
+        __m256i passed = _mm256_setzero_si256();
+        for (std::size_t j = 1; j < lastAxis; ++j)
+            passed =
+                _mm256_sub_epi32(passed, _mm256_castps_si256(_mm256_cmp_ps(
+                                             _mm256_set1_ps(axis.arcs[j]), place, _CMP_LT_OQ)));
+        const __m256 atRoot = _mm256_cmp_ps(place, zero, _CMP_LE_OQ);
+        const __m256 atTip = _mm256_cmp_ps(place, axisEnd, _CMP_GE_OQ);
+        const __m256i early = _mm256_castps_si256(_mm256_or_ps(atRoot, atTip));
+        const __m256i segment = runningMax(_mm256_andnot_si256(early, passed), carry);
+        carry =
+            _mm256_permutevar8x32_epi32(segment, _mm256_set1_epi32(static_cast<int>(count) - 1));
+        // pointAtArcByInverse: f = (s - arcs[segment]) * inverse[segment], clamped to 0-1 as
+        // std::clamp does, the lerp, and the ends where the walk returns early.
+        __m256 f = _mm256_mul_ps(_mm256_sub_ps(place, pickOf16(axis.arcs, segment)),
+                                 pickOf16(axis.inverse, segment));
+        f = _mm256_blendv_ps(f, zero, _mm256_cmp_ps(f, zero, _CMP_LT_OQ));
+        f = _mm256_blendv_ps(f, one, _mm256_cmp_ps(one, f, _CMP_LT_OQ));
+        const __m256 cx = pickedPointRow(axis.x, segment, f, rootX, tipX, atRoot, atTip);
+        const __m256 cy = pickedPointRow(axis.y, segment, f, rootY, tipY, atRoot, atTip);
+        const __m256 cz = pickedPointRow(axis.z, segment, f, rootZ, tipZ, atRoot, atTip);
+        const __m256 ax = pickOf16(axis.tangentX, segment), ay = pickOf16(axis.tangentY, segment);
+        const __m256 az = pickOf16(axis.tangentZ, segment);
+        __m256 profiles = one;
+        if (profile) {
+            alignas(32) float shares[8], values[8];
+            _mm256_store_ps(shares, t);
+            for (std::size_t l = 0; l < 8; ++l)
+                values[l] = l < count ? profile->at(shares[l]) : 1.0f;
+            profiles = _mm256_load_ps(values);
+        }
+        __m256 sine, cosine;
+        sinCosTurns8(_mm256_mul_ps(_mm256_mul_ps(turnsLanes, profiles), place), sine, cosine);
+        // Eight points read whole where the strand has them, else through a padded copy.
+        Vec3f padded[8];
+        const bool whole = count == 8;
+        if (!whole) {
+            for (std::size_t l = 0; l < 8; ++l)
+                padded[l] = from[k + std::min(l, count - 1)];
+        }
+        const PointRows8 at = loadEightPoints(whole ? from + k : padded);
+        const __m256 vx = _mm256_sub_ps(at.x, cx), vy = _mm256_sub_ps(at.y, cy);
+        const __m256 vz = _mm256_sub_ps(at.z, cz);
+        const __m256 along =
+            _mm256_mul_ps(_mm256_add_ps(_mm256_add_ps(_mm256_mul_ps(ax, vx), _mm256_mul_ps(ay, vy)),
+                                        _mm256_mul_ps(az, vz)),
+                          _mm256_sub_ps(one, cosine));
+        const __m256 crossX = _mm256_sub_ps(_mm256_mul_ps(ay, vz), _mm256_mul_ps(az, vy));
+        const __m256 crossY = _mm256_sub_ps(_mm256_mul_ps(az, vx), _mm256_mul_ps(ax, vz));
+        const __m256 crossZ = _mm256_sub_ps(_mm256_mul_ps(ax, vy), _mm256_mul_ps(ay, vx));
+        const PointRows8 twisted = {
+            _mm256_add_ps(cx, turnedRow(vx, crossX, ax, cosine, sine, along)),
+            _mm256_add_ps(cy, turnedRow(vy, crossY, ay, cosine, sine, along)),
+            _mm256_add_ps(cz, turnedRow(vz, crossZ, az, cosine, sine, along))};
+        if (whole) {
+            storeEightPoints(to + k, twisted);
+        } else {
+            storeEightPoints(padded, twisted);
+            std::copy(padded, padded + count, to + k);
+        }
+    }
+}
+#endif
+
 }  // namespace
 
 void twistStrands(const StrandSet& input, const TwistSettings& settings,
@@ -184,6 +332,9 @@ void twistStrands(const StrandSet& input, const TwistSettings& settings,
         return axis;
     };
 
+#if VELMORIN_AVX_LANES
+    const bool wide = avx2LanesUsable();
+#endif
     forSelectedChunks(input.strandCount(), selection, [&](std::size_t first, std::size_t last) {
         StrandScratch<float> arcScratch, angleScratch, sineScratch, cosineScratch;
         StrandScratch<Vec3f> centerScratch;
@@ -204,14 +355,7 @@ void twistStrands(const StrandSet& input, const TwistSettings& settings,
                 return;
             }
             const std::span<float> arcs = arcScratch.take(n);
-            // arcLengths, with the square roots four at a time.
-            segmentLengths(points, arcs);
-            arcs[0] = 0.0f;
-            float total = 0.0f;
-            for (std::size_t k = 1; k < n; ++k) {
-                total += arcs[k];
-                arcs[k] = total;
-            }
+            const float total = arcLengthsByLanes(points, arcs);
             if (!(total > 0.0f)) {
                 keep();
                 return;
@@ -244,6 +388,41 @@ void twistStrands(const StrandSet& input, const TwistSettings& settings,
                     centers[k] + rotateAbout(points[k] - centers[k], axis.tangents[along[k]],
                                              cosines[k], sines[k]);
         };
+#if VELMORIN_AVX_LANES
+        if (wide) {
+            // Each strand eight points at a time about its axis's tables, made again only where
+            // the axis changes (clumps come grouped); the one-strand loop for what they can't take.
+            AxisTables tables;
+            for (std::size_t i = first; i < last; ++i) {
+                const std::size_t s = selection.strand(i);
+                const std::size_t begin = offsets[s];
+                const std::size_t n = offsets[s + 1] - begin;
+                if (n < 2) {
+                    twistOne(s);
+                    continue;
+                }
+                const std::span<const Vec3f> points = inputPoints.subspan(begin, n);
+                const StrandAxis axis = axisOf(s, points[0]);
+                if (!tablesFit(axis)) {
+                    twistOne(s);
+                    continue;
+                }
+                const std::span<float> arcs = arcScratch.take(n + 7);
+                const float total = arcLengthsByEight(points.data(), n, arcs.data());
+                if (!(total > 0.0f) || !std::isfinite(total)) {
+                    twistOne(s);
+                    continue;
+                }
+                std::fill(arcs.begin() + n, arcs.end(), total);
+                if (tables.made != axis.points.data()) tables.fill(axis);
+                twistEight(points.data(), out.data() + begin, n, arcs.data(), tables,
+                           axis.points.size(), axis.arcs.back(),
+                           turnsMapped ? settings.turns.atStrand(s) : plainTurns,
+                           flatProfile ? nullptr : &settings.profile);
+            }
+            return;
+        }
+#endif
         for (std::size_t i = first; i < last;) {
 #if VELMORIN_SSE_LANES
             // Four strands of one length side by side, each about a usable axis, when the last of
@@ -314,7 +493,59 @@ class TwistOp final : public ShapeOperator {
                 channel};
     }
 
+    // Keeps the axes of the last clumps along with a weak hold on the set they were made from.
+    void copyStateFrom(const Operator& other) override {
+        const auto* source = dynamic_cast<const TwistOp*>(&other);
+        if (!source) return;
+        KeptAxes kept;
+        {
+            std::lock_guard<std::mutex> lock(source->mutex_);
+            kept = source->kept_;
+        }
+        std::lock_guard<std::mutex> lock(mutex_);
+        kept_ = std::move(kept);
+    }
+
+    // The clump axes of the last run that made or kept them; null before one.
+    std::shared_ptr<const ClumpAxes> keptAxes() const {
+        std::lock_guard<std::mutex> lock(mutex_);
+        return kept_.axes;
+    }
+
   private:
+    // The axes of the last run's clumps and the set they were made from, held weakly so that the
+    // set's columns stay free to be taken over in place upstream. While that set lives, an input
+    // that shares its points, offsets, clump channel and preview channel has the same clumps and
+    // axes (shared columns are never written), so a drag of turns or a change to other channels
+    // makes no axes again.
+    struct KeptAxes {
+        std::weak_ptr<const StrandSet> from;
+        std::string channel;
+        std::shared_ptr<const ClumpAxes> axes;
+    };
+
+    std::shared_ptr<const ClumpAxes> axesFor(const std::shared_ptr<const StrandSet>& input,
+                                             const std::string& channel,
+                                             const std::vector<float>& ids) const {
+        KeptAxes kept;
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            kept = kept_;
+        }
+        if (const auto from = kept.from.lock(); from && kept.channel == channel) {
+            const bool same =
+                from->columnData(ColumnId::kPoints) == input->columnData(ColumnId::kPoints) &&
+                from->columnData(ColumnId::kOffsets) == input->columnData(ColumnId::kOffsets) &&
+                from->strandChannel(channel) == &ids &&
+                from->strandChannel(channels::kPreview) == input->strandChannel(channels::kPreview);
+            if (same) return kept.axes;
+        }
+        auto axes = std::make_shared<const ClumpAxes>(clumpAxes(*input, ids));
+        std::lock_guard<std::mutex> lock(mutex_);
+        kept_ = {input, channel, axes};
+        return axes;
+    }
+
     bool run(const EvalContext& ctx, const std::vector<Value>& inputs,
              const IncrementalInputs* incremental, Value* out,
              StrandChanges* changes) const override {
@@ -324,7 +555,7 @@ class TwistOp final : public ShapeOperator {
         settings.turns = fieldSampler(paramSet, ctx, "turns", *input);
         settings.profile = paramRamp(paramSet, ctx, "profile", Ramp{});
         const auto axes = inputs.size() > 1 ? inputs[1].get<GuideSet>() : nullptr;
-        ClumpAxes clumps;
+        std::shared_ptr<const ClumpAxes> clumps;
         WidenChanges widen;
         if (axes) {
             settings.axes = axes.get();
@@ -337,19 +568,27 @@ class TwistOp final : public ShapeOperator {
             // A strand that moved to another clump changes its old clump's axis too; the previous
             // result's channel would be needed to find that clump, so such a change runs in full.
             if (incremental && !clumpsKept(*ids, channel, *incremental)) return false;
-            clumps = clumpAxes(*input, *ids);
-            settings.clumps = &clumps;
+            clumps = axesFor(input, channel, *ids);
+            settings.clumps = clumps.get();
             // A changed strand moves its clump's axis, and with it every strand of the clump.
             widen = [&clumps](std::span<const std::uint64_t> changed) {
-                return strandsOfClumps(clumps, changed);
+                return strandsOfClumps(*clumps, changed);
             };
         }
         return reshapePoints(inputs, incremental, mapsReadOnlyTheirStrand(paramSet, ctx, {"turns"}),
                              &twistStrands, settings, out, changes, widen);
     }
+
+    mutable std::mutex mutex_;
+    mutable KeptAxes kept_;
 };
 
 }  // namespace
+
+std::shared_ptr<const ClumpAxes> twistAxesOf(const Operator& op) {
+    const auto* twist = dynamic_cast<const TwistOp*>(&op);
+    return twist ? twist->keptAxes() : nullptr;
+}
 
 void registerTwistOperator(OperatorRegistry& registry) {
     OperatorInfo info;

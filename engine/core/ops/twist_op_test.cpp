@@ -1,5 +1,9 @@
 #include <gtest/gtest.h>
 
+#include <cstring>
+
+#include "base/fast_trig.h"
+#include "base/hash.h"
 #include "base/test/expect_message.h"
 #include "graph/errors.h"
 #include "ops/shape_ops.h"
@@ -89,6 +93,159 @@ TEST(Twist, ClumpRunsMatchAtAnyThreadCountAndRedoOnlyTheChangedClumps) {
     const auto outcome = test::incrementalAfterMove(twist, strands, {150});
     EXPECT_EQ(outcome.run, "incremental 100");
     EXPECT_TRUE(outcome.sameAsFull);
+}
+
+TEST(Twist, KeepsItsClumpAxesWhileItsInputSharesThePointsAndClumps) {
+    auto grid = std::make_shared<StrandSet>(*test::gridStrands(3000, 6, 5));
+    std::vector<float>& ids = grid->addStrandChannel("clumpId", 0.0f);
+    for (std::size_t s = 0; s < ids.size(); ++s)
+        ids[s] = static_cast<float>(s / 30);
+    const std::shared_ptr<const StrandSet> strands = grid;
+    auto op = ShapeRun("Twist", {{"turns", 0.4}}).make();
+    EvalContext ctx;
+    op->evaluate(ctx, {Value(strands)});
+    const auto first = twistAxesOf(*op);
+    ASSERT_TRUE(first);
+    const auto runOn = [&](const std::shared_ptr<const StrandSet>& input) {
+        return op->evaluate(ctx, {Value(input)}).get<StrandSet>()->contentHash();
+    };
+    // A drag of turns, and a channel added beside the clumps, keep them; the result is a fresh
+    // node's.
+    op->paramSet.set("turns", 0.8);
+    const ShapeRun fresh("Twist", {{"turns", 0.8}});
+    EXPECT_EQ(runOn(strands), fresh.run(strands)->contentHash());
+    EXPECT_EQ(twistAxesOf(*op), first);
+    auto colored = std::make_shared<StrandSet>(*strands);
+    colored->addStrandChannel("colorR", 0.5f);
+    runOn(colored);
+    EXPECT_EQ(twistAxesOf(*op), first);
+    // A node put in its place takes them over.
+    auto replacing = ShapeRun("Twist").make();
+    replacing->copyStateFrom(*op);
+    EXPECT_EQ(twistAxesOf(*replacing), first);
+    // Moved points, other clumps or another preview make them again, as a fresh node would.
+    auto moved = std::make_shared<StrandSet>(*strands);
+    moved->writePoints()[40].x += 0.5f;
+    auto regrouped = std::make_shared<StrandSet>(*strands);
+    regrouped->addStrandChannel("clumpId", 0.0f)[7] = 99.0f;
+    auto previewed = std::make_shared<StrandSet>(*strands);
+    previewed->addStrandChannel("_preview", 1.0f)[3] = 0.0f;
+    for (const std::shared_ptr<const StrandSet>& changed :
+         std::vector<std::shared_ptr<const StrandSet>>{moved, regrouped, previewed}) {
+        const auto before = twistAxesOf(*op);
+        EXPECT_EQ(runOn(changed), fresh.run(changed)->contentHash());
+        EXPECT_NE(twistAxesOf(*op), before);
+    }
+}
+
+// Twist as its steps read, one point at a time: each point's place along its axis is its share of
+// its strand's length times the axis's, where the walk along the axis finds the centre and the
+// segment whose tangent it turns about, by turns * profile * place.
+std::vector<Vec3f> plainTwist(const StrandSet& strands, const TwistSettings& settings) {
+    struct Axis {
+        std::vector<Vec3f> points, tangents;
+        std::vector<float> arcs, inverse;
+    };
+    std::vector<Axis> axes;
+    const auto addAxis = [&](std::span<const Vec3f> points) {
+        Axis axis;
+        axis.points.assign(points.begin(), points.end());
+        axis.arcs.resize(points.size());
+        arcLengths(points, axis.arcs);
+        for (std::size_t k = 0; k + 1 < points.size(); ++k) {
+            axis.tangents.push_back(normalized(points[k + 1] - points[k], {0, 1, 0}));
+            const float span = axis.arcs[k + 1] - axis.arcs[k];
+            axis.inverse.push_back(span > 0.0f ? 1.0f / span : 0.0f);
+        }
+        axes.push_back(std::move(axis));
+    };
+    if (settings.axes) {
+        for (const Guide& guide : settings.axes->guides)
+            addAxis(guide.points);
+    } else {
+        for (std::size_t c = 0; c < settings.clumps->clumpCount; ++c)
+            addAxis(settings.clumps->axisPoints(c));
+    }
+    std::vector<Vec3f> out(strands.points().begin(), strands.points().end());
+    for (std::size_t s = 0; s < strands.strandCount(); ++s) {
+        const std::span<const Vec3f> points = strands.strandPoints(s);
+        if (points.size() < 2) continue;
+        std::size_t a = 0;
+        if (settings.axes) {
+            float nearest = INFINITY;
+            for (std::size_t g = 0; g < axes.size(); ++g) {
+                const float d = lengthSquared(axes[g].points[0] - points[0]);
+                if (d < nearest) {
+                    nearest = d;
+                    a = g;
+                }
+            }
+        } else {
+            a = settings.clumps->clumpOf[s];
+        }
+        const Axis& axis = axes[a];
+        std::vector<float> arcs(points.size());
+        const float total = arcLengths(points, arcs);
+        if (axis.points.size() < 2 || !(axis.arcs.back() > 0.0f) || !(total > 0.0f)) continue;
+        std::size_t segment = 0;
+        for (std::size_t k = 1; k < points.size(); ++k) {
+            const float t = arcs[k] * (1.0f / total);
+            const float place = t * axis.arcs.back();
+            const Vec3f center =
+                pointAtArcByInverse(axis.points, axis.arcs, axis.inverse.data(), place, segment);
+            const float profile = settings.profile.keys.empty() ? 1.0f : settings.profile.at(t);
+            const SinCos turn = sinCosTurns(settings.turns.value() * profile * place);
+            out[strands.offsets()[s] + k] =
+                center +
+                rotateAbout(points[k] - center, axis.tangents[segment], turn.cos, turn.sin);
+        }
+    }
+    return out;
+}
+
+TEST(Twist, PointsAreTheBitsOfThePlainSteps) {
+    // Strands of 1 to 30 points (the kernels take eight points or four strands at a time), some
+    // with repeated points and some of no length, about clump axes and about guide curves of 1 to
+    // 24 points, with a flat profile and a rising one.
+    StrandSet strands = test::bentStrands(2000, 30, 41);
+    std::vector<float>& ids = strands.addStrandChannel("clumpId", 0.0f);
+    for (std::size_t s = 0; s < ids.size(); ++s)
+        ids[s] = static_cast<float>(s / 9);
+    const ClumpAxes clumps = clumpAxes(strands, ids);
+    GuideSet guides;
+    for (std::size_t g = 0; g < 40; ++g) {
+        Guide guide;
+        guide.id = g + 1;
+        const std::uint64_t h = hashCombine(43, g);
+        Vec3f at{unitFloat(h) * 4, 0, unitFloat(h + 1) * 4};
+        for (std::size_t k = 0; k < 1 + g % 24; ++k) {
+            guide.points.push_back(at);
+            at += Vec3f{0.3f * (unitFloat(h + k) - 0.5f), 0.5f, 0.1f};
+        }
+        guides.guides.push_back(guide);
+    }
+    Ramp rising;
+    rising.linear = true;
+    rising.keys = {{0.0f, 0.3f, 0.0f}, {1.0f, 1.0f, 0.0f}};
+    for (const bool byGuides : {false, true}) {
+        for (const Ramp& profile : {Ramp{}, rising}) {
+            TwistSettings settings;
+            settings.turns = FieldSampler(0.9f);
+            settings.profile = profile;
+            settings.clumps = byGuides ? nullptr : &clumps;
+            settings.axes = byGuides ? &guides : nullptr;
+            const std::vector<Vec3f> expected = plainTwist(strands, settings);
+            for (const int threads : {1, 2}) {
+                std::vector<Vec3f> out(strands.pointCount());
+                runWithThreads(threads, [&] {
+                    twistStrands(strands, settings, StrandSelection::every(), out);
+                });
+                EXPECT_EQ(std::memcmp(out.data(), expected.data(), out.size() * sizeof(Vec3f)), 0)
+                    << (byGuides ? "guides, " : "clumps, ") << profile.keys.size()
+                    << " profile keys, " << threads << " threads";
+            }
+        }
+    }
 }
 
 }  // namespace

@@ -29,6 +29,28 @@ inline std::shared_ptr<const ScalpMesh> bumpedPlane() {
     return plane;
 }
 
+// `count` strands of 1 to `mostPoints` points rising along y with hashed bends, from roots in
+// [0, 4) x [0, 4) on y = 0: every 5th with some points repeated (segments of no length) and every
+// 11th of no length at all. The same seed gives the same set.
+inline StrandSet bentStrands(std::size_t count, std::size_t mostPoints, std::uint64_t seed) {
+    StrandSet strands;
+    std::vector<Vec3f> points;
+    for (std::size_t s = 0; s < count; ++s) {
+        const std::uint64_t h = hashCombine(seed, s);
+        const std::size_t pointCount = 1 + mix64(h) % mostPoints;
+        points.clear();
+        Vec3f at{unitFloat(h) * 4, 0, unitFloat(h + 1) * 4};
+        for (std::size_t k = 0; k < pointCount; ++k) {
+            const std::uint64_t p = hashCombine(h, k);
+            if (!(s % 5 == 0 && k % 3 == 2) && s % 11 != 0)
+                at += Vec3f{unitFloat(p) - 0.5f, 0.2f + unitFloat(p + 1), unitFloat(p + 2) - 0.5f};
+            points.push_back(at);
+        }
+        strands.addStrand(h, StrandRoot{}, points, std::vector<float>(pointCount, 0.01f));
+    }
+    return strands;
+}
+
 // A set of the given strands, ids 100, 101..., unbound roots, widths 0.01.
 inline std::shared_ptr<const StrandSet> handStrands(
     const std::vector<std::vector<Vec3f>>& strands) {

@@ -1,10 +1,12 @@
 #pragma once
-// Float lanes for Curl's side-by-side kernel: several strands of one point count run through the
-// per-point passes together, one strand per lane, four lanes with SSE2 (every x86-64) or eight with
-// AVX where the processor has it, chosen at run time. Each operation is one IEEE operation per
-// lane, and there is no fused multiply-add (the build targets plain x86-64 and the AVX functions
-// ask for AVX alone), so a lane gives the bits the scalar code gives for its strand, operation for
-// operation.
+// Float lanes for the side-by-side kernels (Curl's, Interpolate's shape): several strands of one
+// point count run through the per-point passes together, one strand per lane, four lanes with SSE2
+// (every x86-64) or eight with AVX where the processor has it (avxLanesUsable), chosen at run
+// time. A kernel is written once over the lane type F, mask M and these operations, and its text
+// included once per width, with the wide one built for AVX by a target attribute. Each operation is
+// one IEEE operation per lane, and there is no fused multiply-add (the build targets plain x86-64
+// and the AVX functions ask for AVX alone), so a lane gives the bits the scalar code gives for its
+// strand, operation for operation.
 //
 // minOf and maxOf are std::min and std::max, argument for argument, NaN and signed zeros included:
 // std::min(a, b) is (b < a ? b : a), which is minps(b, a). Masks are all ones or all zeros per
@@ -12,25 +14,20 @@
 
 #include <cstddef>
 
+#include "base/fast_trig_lanes.h"
 #include "base/vec3.h"
 
 #if (defined(__x86_64__) || defined(__i386__)) && defined(__SSE2__) && \
     (defined(__GNUC__) || defined(__clang__))
 #include <immintrin.h>
-#define VELMORIN_CURL_LANES 1
+#define VELMORIN_FLOAT_LANES 1
 #else
-#define VELMORIN_CURL_LANES 0
+#define VELMORIN_FLOAT_LANES 0
 #endif
 
-#if VELMORIN_CURL_LANES
+#if VELMORIN_FLOAT_LANES
 
-namespace velmorin::curl_lanes {
-
-// Whether this processor runs the eight-lane kernel.
-inline bool wideLanesUsable() {
-    static const bool usable = __builtin_cpu_supports("avx");
-    return usable;
-}
+namespace velmorin::float_lanes {
 
 namespace narrow {
 
@@ -48,6 +45,13 @@ inline F load(const float* p) {
 }
 inline void store(float* p, F a) {
     _mm_storeu_ps(p, a.v);
+}
+// load and store at an address aligned to the lane width.
+inline F loadAligned(const float* p) {
+    return {_mm_load_ps(p)};
+}
+inline void storeAligned(float* p, F a) {
+    _mm_store_ps(p, a.v);
 }
 inline F splat(float x) {
     return {_mm_set1_ps(x)};
@@ -108,6 +112,11 @@ inline F select(M m, F a, F b) {
 inline F oneWhere(M m) {
     return {_mm_and_ps(m.v, _mm_set1_ps(1.0f))};
 }
+// One bit per lane, lane 0 lowest; kAllLanes when every lane is set.
+inline constexpr int kAllLanes = 0xF;
+inline int laneBits(M m) {
+    return _mm_movemask_ps(m.v);
+}
 inline bool anyOf(M m) {
     return _mm_movemask_ps(m.v) != 0;
 }
@@ -117,6 +126,10 @@ inline bool allOf(M m) {
 // The whole part of each lane by truncation, as a float, for lanes below 2^31 in size.
 inline F truncatedSmall(F a) {
     return {_mm_cvtepi32_ps(_mm_cvttps_epi32(a.v))};
+}
+// sinCosTurns, lane by lane.
+inline void sinCosOf(F turns, F& sin, F& cos) {
+    sinCosTurns4(turns.v, sin.v, cos.v);
 }
 
 // Point k of four strands (strands[l] the first point of lane l's) into rows of x, y and z: each
@@ -153,6 +166,35 @@ inline void untransposePoints(const float* x, const float* y, const float* z, Ve
     }
 }
 
+// kWidth rows of kWidth floats (row l at rows + l * rowStride, each 16-byte aligned) into columns:
+// column j holds element j of every row, stored at columns + j * kWidth (16-byte aligned).
+inline void transposeBlock(const float* rows, std::size_t rowStride, float* columns) {
+    __m128 r0 = _mm_load_ps(rows), r1 = _mm_load_ps(rows + rowStride);
+    __m128 r2 = _mm_load_ps(rows + 2 * rowStride), r3 = _mm_load_ps(rows + 3 * rowStride);
+    _MM_TRANSPOSE4_PS(r0, r1, r2, r3);
+    _mm_store_ps(columns, r0);
+    _mm_store_ps(columns + 4, r1);
+    _mm_store_ps(columns + 8, r2);
+    _mm_store_ps(columns + 12, r3);
+}
+
+// Lane l's point (x, y and z of the lanes) stored at out[l][at]: 16 bytes, the last 4 falling on
+// the next point, which the caller writes after it, unless `last`.
+inline void storeLanePoints(F px, F py, F pz, Vec3f* const* out, std::size_t at, bool last) {
+    __m128 p0 = px.v, p1 = py.v, p2 = pz.v, p3 = _mm_setzero_ps();
+    _MM_TRANSPOSE4_PS(p0, p1, p2, p3);
+    const __m128 p[kWidth] = {p0, p1, p2, p3};
+    if (!last) {
+        for (std::size_t l = 0; l < kWidth; ++l)
+            _mm_storeu_ps(&out[l][at].x, p[l]);
+        return;
+    }
+    for (std::size_t l = 0; l < kWidth; ++l) {
+        _mm_storel_pi(reinterpret_cast<__m64*>(&out[l][at].x), p[l]);
+        _mm_store_ss(&out[l][at].z, _mm_movehl_ps(p[l], p[l]));
+    }
+}
+
 }  // namespace narrow
 
 namespace wide {
@@ -173,6 +215,12 @@ VELMORIN_WIDE F load(const float* p) {
 }
 VELMORIN_WIDE void store(float* p, F a) {
     _mm256_storeu_ps(p, a.v);
+}
+VELMORIN_WIDE F loadAligned(const float* p) {
+    return {_mm256_load_ps(p)};
+}
+VELMORIN_WIDE void storeAligned(float* p, F a) {
+    _mm256_store_ps(p, a.v);
 }
 VELMORIN_WIDE F splat(float x) {
     return {_mm256_set1_ps(x)};
@@ -233,6 +281,10 @@ VELMORIN_WIDE F select(M m, F a, F b) {
 VELMORIN_WIDE F oneWhere(M m) {
     return {_mm256_and_ps(m.v, _mm256_set1_ps(1.0f))};
 }
+inline constexpr int kAllLanes = 0xFF;
+VELMORIN_WIDE int laneBits(M m) {
+    return _mm256_movemask_ps(m.v);
+}
 VELMORIN_WIDE bool anyOf(M m) {
     return _mm256_movemask_ps(m.v) != 0;
 }
@@ -241,6 +293,9 @@ VELMORIN_WIDE bool allOf(M m) {
 }
 VELMORIN_WIDE F truncatedSmall(F a) {
     return {_mm256_cvtepi32_ps(_mm256_cvttps_epi32(a.v))};
+}
+VELMORIN_WIDE void sinCosOf(F turns, F& sin, F& cos) {
+    sinCosTurns8(turns.v, sin.v, cos.v);
 }
 
 // narrow::transposePoints for eight strands: two groups of four, joined.
@@ -279,10 +334,62 @@ VELMORIN_WIDE void untransposePoints(const float* x, const float* y, const float
     }
 }
 
+// narrow::transposeBlock for eight rows of eight floats (32-byte aligned).
+VELMORIN_WIDE void transposeBlock(const float* rows, std::size_t rowStride, float* columns) {
+    const __m256 r0 = _mm256_load_ps(rows), r1 = _mm256_load_ps(rows + rowStride),
+                 r2 = _mm256_load_ps(rows + 2 * rowStride),
+                 r3 = _mm256_load_ps(rows + 3 * rowStride),
+                 r4 = _mm256_load_ps(rows + 4 * rowStride),
+                 r5 = _mm256_load_ps(rows + 5 * rowStride),
+                 r6 = _mm256_load_ps(rows + 6 * rowStride),
+                 r7 = _mm256_load_ps(rows + 7 * rowStride);
+    const __m256 t0 = _mm256_unpacklo_ps(r0, r1), t1 = _mm256_unpackhi_ps(r0, r1);
+    const __m256 t2 = _mm256_unpacklo_ps(r2, r3), t3 = _mm256_unpackhi_ps(r2, r3);
+    const __m256 t4 = _mm256_unpacklo_ps(r4, r5), t5 = _mm256_unpackhi_ps(r4, r5);
+    const __m256 t6 = _mm256_unpacklo_ps(r6, r7), t7 = _mm256_unpackhi_ps(r6, r7);
+    const __m256 u0 = _mm256_shuffle_ps(t0, t2, 0x44), u1 = _mm256_shuffle_ps(t0, t2, 0xEE);
+    const __m256 u2 = _mm256_shuffle_ps(t1, t3, 0x44), u3 = _mm256_shuffle_ps(t1, t3, 0xEE);
+    const __m256 u4 = _mm256_shuffle_ps(t4, t6, 0x44), u5 = _mm256_shuffle_ps(t4, t6, 0xEE);
+    const __m256 u6 = _mm256_shuffle_ps(t5, t7, 0x44), u7 = _mm256_shuffle_ps(t5, t7, 0xEE);
+    _mm256_store_ps(columns, _mm256_permute2f128_ps(u0, u4, 0x20));
+    _mm256_store_ps(columns + 8, _mm256_permute2f128_ps(u1, u5, 0x20));
+    _mm256_store_ps(columns + 16, _mm256_permute2f128_ps(u2, u6, 0x20));
+    _mm256_store_ps(columns + 24, _mm256_permute2f128_ps(u3, u7, 0x20));
+    _mm256_store_ps(columns + 32, _mm256_permute2f128_ps(u0, u4, 0x31));
+    _mm256_store_ps(columns + 40, _mm256_permute2f128_ps(u1, u5, 0x31));
+    _mm256_store_ps(columns + 48, _mm256_permute2f128_ps(u2, u6, 0x31));
+    _mm256_store_ps(columns + 56, _mm256_permute2f128_ps(u3, u7, 0x31));
+}
+
+// narrow::storeLanePoints for eight lanes.
+VELMORIN_WIDE void storeLanePoints(F px, F py, F pz, Vec3f* const* out, std::size_t at, bool last) {
+    const __m256 zero = _mm256_setzero_ps();
+    const __m256 xyLow = _mm256_unpacklo_ps(px.v, py.v), xyHigh = _mm256_unpackhi_ps(px.v, py.v);
+    const __m256 zLow = _mm256_unpacklo_ps(pz.v, zero), zHigh = _mm256_unpackhi_ps(pz.v, zero);
+    // Lanes 0, 4 / 1, 5 / 2, 6 / 3, 7 as (x, y, z, 0) in each half.
+    const __m256 p04 = _mm256_shuffle_ps(xyLow, zLow, _MM_SHUFFLE(1, 0, 1, 0));
+    const __m256 p15 = _mm256_shuffle_ps(xyLow, zLow, _MM_SHUFFLE(3, 2, 3, 2));
+    const __m256 p26 = _mm256_shuffle_ps(xyHigh, zHigh, _MM_SHUFFLE(1, 0, 1, 0));
+    const __m256 p37 = _mm256_shuffle_ps(xyHigh, zHigh, _MM_SHUFFLE(3, 2, 3, 2));
+    const __m128 p[kWidth] = {_mm256_castps256_ps128(p04),   _mm256_castps256_ps128(p15),
+                              _mm256_castps256_ps128(p26),   _mm256_castps256_ps128(p37),
+                              _mm256_extractf128_ps(p04, 1), _mm256_extractf128_ps(p15, 1),
+                              _mm256_extractf128_ps(p26, 1), _mm256_extractf128_ps(p37, 1)};
+    if (!last) {
+        for (std::size_t l = 0; l < kWidth; ++l)
+            _mm_storeu_ps(&out[l][at].x, p[l]);
+        return;
+    }
+    for (std::size_t l = 0; l < kWidth; ++l) {
+        _mm_storel_pi(reinterpret_cast<__m64*>(&out[l][at].x), p[l]);
+        _mm_store_ss(&out[l][at].z, _mm_movehl_ps(p[l], p[l]));
+    }
+}
+
 #undef VELMORIN_WIDE
 
 }  // namespace wide
 
-}  // namespace velmorin::curl_lanes
+}  // namespace velmorin::float_lanes
 
 #endif
