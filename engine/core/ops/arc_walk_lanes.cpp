@@ -2,11 +2,11 @@
 
 #include <cassert>
 
-#include "ops/curl_lanes.h"
+#include "base/float_lanes.h"
 
 namespace velmorin {
 
-#if VELMORIN_CURL_LANES
+#if VELMORIN_FLOAT_LANES
 
 bool arcWalkLanesUsable() {
     static const bool usable = __builtin_cpu_supports("avx2");
@@ -45,8 +45,8 @@ VELMORIN_ARC_LANES inline __m256 clampOf(__m256 v, __m256 lo, __m256 hi) {
 VELMORIN_ARC_LANES __m256 readLanes(const Vec3f* const* points, std::size_t pointCount,
                                     LaneColumns& c) {
     for (std::size_t k = 0; k < pointCount; ++k)
-        curl_lanes::wide::transposePoints(points, k, k + 1 == pointCount, c.x + k * kW,
-                                          c.y + k * kW, c.z + k * kW);
+        float_lanes::wide::transposePoints(points, k, k + 1 == pointCount, c.x + k * kW,
+                                           c.y + k * kW, c.z + k * kW);
     __m256 total = _mm256_setzero_ps();
     _mm256_store_ps(c.arcs, total);
     for (std::size_t k = 1; k < pointCount; ++k) {
@@ -154,8 +154,8 @@ VELMORIN_ARC_LANES void trimWide(const Vec3f* const* points, const float* keep,
         _mm256_store_ps(oz + k * kW, blended[2]);
     }
     for (std::size_t k = 0; k < pointCount; ++k)
-        curl_lanes::wide::untransposePoints(ox + k * kW, oy + k * kW, oz + k * kW, out, k,
-                                            k + 1 == pointCount);
+        float_lanes::wide::untransposePoints(ox + k * kW, oy + k * kW, oz + k * kW, out, k,
+                                             k + 1 == pointCount);
 }
 
 VELMORIN_ARC_LANES unsigned resampleWide(const Vec3f* const* points, const float* const* widths,
@@ -218,8 +218,8 @@ VELMORIN_ARC_LANES unsigned resampleWide(const Vec3f* const* points, const float
     _mm256_store_ps(oy + lastOut, _mm256_load_ps(c.y + tip));
     _mm256_store_ps(oz + lastOut, _mm256_load_ps(c.z + tip));
     for (std::size_t k = 0; k < count; ++k)
-        curl_lanes::wide::untransposePoints(ox + k * kW, oy + k * kW, oz + k * kW, out, k,
-                                            k + 1 == count);
+        float_lanes::wide::untransposePoints(ox + k * kW, oy + k * kW, oz + k * kW, out, k,
+                                             k + 1 == count);
     for (std::size_t l = 0; l < kW; ++l)
         for (std::size_t k = 0; k < count; ++k)
             widthsOut[l][k] = ow[k * kW + l];
