@@ -206,6 +206,18 @@ inline float squareRoot(float v) {
 #endif
 }
 
+// Half a row of lanes, and the square roots of its lanes as squareRoot makes each.
+using HalfLanes = float __attribute__((vector_size(kLanes / 2 * sizeof(float))));
+inline HalfLanes squareRoots(HalfLanes v) {
+#if VELMORIN_SSE_LANES
+    return _mm_sqrt_ps(v);
+#else
+    for (int lane = 0; lane < kLanes / 2; ++lane)
+        v[lane] = std::sqrt(v[lane]);
+    return v;
+#endif
+}
+
 // Eight cells of one axis on one segment: base + slope * t at the cells' shares t.
 inline void writeCells(float* __restrict row, const float* __restrict steps, float base,
                        float slope) {
@@ -337,6 +349,7 @@ class SmoothBatch {
             // side by side, one strand per lane.
             for (std::size_t k = 0; k < n; ++k) {
                 laneShares_[k][lane] = share[k];
+                laneLengths_[k][lane] = lengths[k];
                 lanePoints_[0][k][lane] = strand[k].x;
                 lanePoints_[1][k][lane] = strand[k].y;
                 lanePoints_[2][k][lane] = strand[k].z;
@@ -350,10 +363,13 @@ class SmoothBatch {
         if (count_ == 0) return;
         if (box_.m < kSmoothCells) {
             resampleLanes();
-        } else {
-            for (int lane = 0; lane < count_; ++lane)
-                resampleStrand(lane);
+            filterLanes(box_, cells_);
+            mixAndPushLanes();
+            count_ = 0;
+            return;
         }
+        for (int lane = 0; lane < count_; ++lane)
+            resampleStrand(lane);
         // Lanes without a strand run on zeros, never on what a denormal or a NaN would slow.
         for (int lane = count_; lane < kLanes; ++lane)
             for (int axis = 0; axis < 3; ++axis)
@@ -443,6 +459,7 @@ class SmoothBatch {
         for (int lane = count_; lane < kLanes; ++lane) {
             for (std::size_t k = 0; k < n; ++k) {
                 laneShares_[k][lane] = laneShares_[k][0];
+                laneLengths_[k][lane] = laneLengths_[k][0];
                 for (int axis = 0; axis < 3; ++axis)
                     lanePoints_[axis][k][lane] = lanePoints_[axis][k][0];
             }
@@ -477,18 +494,44 @@ class SmoothBatch {
             const LaneVector next = count < cellCount ? count : cellCount;
             __builtin_memcpy(laneNext_[k], &next, sizeof next);
         }
-        for (int lane = 0; lane < count_; ++lane) {
-            int first = 0;
-            for (std::size_t k = 1; k < n; ++k) {
-                const int next = k + 1 < n ? static_cast<int>(laneNext_[k][lane]) : m;
-                writeSegment(
-                    lane, first, next,
-                    {laneBases_[0][k][lane], laneBases_[1][k][lane], laneBases_[2][k][lane]},
-                    {laneSlopes_[0][k][lane], laneSlopes_[1][k][lane], laneSlopes_[2][k][lane]});
+        // Straight into the filter's rows of lanes: segment k writes, in each lane, the cells from
+        // its first on, over those of the segments before it, so that each cell ends with the
+        // segment that holds it; only the cells some lane's segment k holds are visited. Each
+        // cell is base + slope * its share, as writeCells makes it.
+        const float* steps = box_.steps();
+        LaneVector first = zero;
+        int low = 0;
+        for (std::size_t k = 1; k < n; ++k) {
+            LaneVector next = cellCount;
+            if (k + 1 < n) __builtin_memcpy(&next, laneNext_[k], sizeof next);
+            int high = 0;
+            for (int lane = 0; lane < kLanes; ++lane)
+                high = std::max(high, static_cast<int>(next[lane]));
+            LaneVector base[3], slope[3];
+            for (int axis = 0; axis < 3; ++axis) {
+                __builtin_memcpy(&base[axis], laneBases_[axis][k], sizeof base[axis]);
+                __builtin_memcpy(&slope[axis], laneSlopes_[axis][k], sizeof slope[axis]);
             }
-            for (int axis = 0; axis < 3; ++axis)
-                rows_[lane][axis][m] = lanePoints_[axis][n - 1][lane];
+            for (int j = low; j < high; ++j) {
+                const auto holds = (zero + static_cast<float>(j)) >= first;
+                const LaneVector step = zero + steps[j];
+                for (int axis = 0; axis < 3; ++axis) {
+                    LaneVector cell;
+                    __builtin_memcpy(&cell, cells_.curve[axis][j], sizeof cell);
+                    cell = holds ? base[axis] + slope[axis] * step : cell;
+                    __builtin_memcpy(cells_.curve[axis][j], &cell, sizeof cell);
+                }
+            }
+            // The next segment's cells start where the lowest lane's of them do.
+            int lowest = m;
+            for (int lane = 0; lane < kLanes; ++lane)
+                lowest = std::min(lowest, static_cast<int>(next[lane]));
+            low = lowest;
+            first = next;
         }
+        for (int axis = 0; axis < 3; ++axis)
+            __builtin_memcpy(cells_.curve[axis][m], lanePoints_[axis][n - 1],
+                             sizeof cells_.curve[axis][m]);
     }
 
     // Reads lane `lane`'s smoothed curve back at its strand's own arcs and mixes it with the
@@ -610,6 +653,101 @@ class SmoothBatch {
         }
     }
 
+    // mixLane and pushLane for every lane at once, where the batch's strands have the same
+    // points: each point read back, mixed and pushed back one row of lanes at a time, so that the
+    // square roots and divisions of eight strands take one instruction and the sums along each
+    // strand wait on nothing but their own lane. Each lane takes the steps mixLane and pushLane
+    // take, in the same order, so the bits are theirs.
+    __attribute__((always_inline)) void mixAndPushLanes() {
+        const int m = box_.m;
+        const std::size_t n = static_cast<std::size_t>(m / 4 + 1);
+        const LaneVector zero{}, one = zero + 1.0f, tiny = zero + 1e-20f;
+        const LaneVector cellCount = zero + static_cast<float>(m);
+        const LaneVector lastCell = zero + static_cast<float>(m - 1);
+        LaneVector strength = zero;
+        for (int lane = 0; lane < count_; ++lane)
+            strength[lane] = lanes_[static_cast<std::size_t>(lane)].strength;
+        LaneVector before[3], at[3];
+        for (int axis = 0; axis < 3; ++axis) {
+            __builtin_memcpy(&before[axis], lanePoints_[axis][0], sizeof before[axis]);
+            at[axis] = before[axis];
+            __builtin_memcpy(laneOut_[axis][0], &at[axis], sizeof at[axis]);
+        }
+        for (std::size_t k = 1; k < n; ++k) {
+            LaneVector share;
+            __builtin_memcpy(&share, laneShares_[k], sizeof share);
+            const LaneVector arc = share * cellCount;
+            LaneVector cellAt =
+                __builtin_convertvector(__builtin_convertvector(arc, LaneInts), LaneVector);
+            cellAt = cellAt < lastCell ? cellAt : lastCell;
+            const LaneInts cell = __builtin_convertvector(cellAt, LaneInts);
+            const LaneVector f = arc - cellAt;
+            LaneVector weight = strength;
+            if (!flatProfile_) {
+                for (int lane = 0; lane < kLanes; ++lane)
+                    weight[lane] *= settings_.profile.at(share[lane]);
+            }
+            LaneVector turned[3];
+            for (int axis = 0; axis < 3; ++axis) {
+                // The smoothed curve between the cells around each lane's share: each lane
+                // reads a cell of its own.
+                const LaneRow* row = cells_.curve[axis];
+                // Built four lanes at a time and joined, so that no wide load waits on narrow
+                // stores.
+                const HalfLanes low0 = {row[cell[0]][0], row[cell[1]][1], row[cell[2]][2],
+                                        row[cell[3]][3]};
+                const HalfLanes low1 = {row[cell[4]][4], row[cell[5]][5], row[cell[6]][6],
+                                        row[cell[7]][7]};
+                const HalfLanes high0 = {row[cell[0] + 1][0], row[cell[1] + 1][1],
+                                         row[cell[2] + 1][2], row[cell[3] + 1][3]};
+                const HalfLanes high1 = {row[cell[4] + 1][4], row[cell[5] + 1][5],
+                                         row[cell[6] + 1][6], row[cell[7] + 1][7]};
+                const LaneVector low = __builtin_shufflevector(low0, low1, 0, 1, 2, 3, 4, 5, 6, 7);
+                const LaneVector high =
+                    __builtin_shufflevector(high0, high1, 0, 1, 2, 3, 4, 5, 6, 7);
+                LaneVector point;
+                __builtin_memcpy(&point, lanePoints_[axis][k], sizeof point);
+                const LaneVector smooth = low + (high - low) * f;
+                const LaneVector mixed = point + (smooth - point) * weight;
+                turned[axis] = mixed - before[axis];
+                before[axis] = mixed;
+            }
+            const LaneVector squared =
+                turned[0] * turned[0] + turned[1] * turned[1] + turned[2] * turned[2];
+            const LaneVector size = __builtin_shufflevector(
+                squareRoots(__builtin_shufflevector(squared, squared, 0, 1, 2, 3)),
+                squareRoots(__builtin_shufflevector(squared, squared, 4, 5, 6, 7)), 0, 1, 2, 3, 4,
+                5, 6, 7);
+            const auto sized = size > tiny;
+            const LaneVector inverse = one / (sized ? size : one);
+            LaneVector kept;
+            __builtin_memcpy(&kept, laneLengths_[k], sizeof kept);
+            LaneVector step[3];
+            for (int axis = 0; axis < 3; ++axis)
+                step[axis] = turned[axis] * inverse * kept;
+            for (int lane = 0; lane < count_; ++lane) {
+                // Where the mixed shape folds a segment to nothing, it keeps its direction.
+                if (sized[lane]) continue;
+                const Vec3f input{lanePoints_[0][k][lane] - lanePoints_[0][k - 1][lane],
+                                  lanePoints_[1][k][lane] - lanePoints_[1][k - 1][lane],
+                                  lanePoints_[2][k][lane] - lanePoints_[2][k - 1][lane]};
+                const Vec3f along = normalized(input) * laneLengths_[k][lane];
+                step[0][lane] = along.x;
+                step[1][lane] = along.y;
+                step[2][lane] = along.z;
+            }
+            for (int axis = 0; axis < 3; ++axis) {
+                at[axis] += step[axis];
+                __builtin_memcpy(laneOut_[axis][k], &at[axis], sizeof at[axis]);
+            }
+        }
+        for (int lane = 0; lane < count_; ++lane) {
+            Vec3f* out = lanes_[static_cast<std::size_t>(lane)].out;
+            for (std::size_t k = 0; k < n; ++k)
+                out[k] = {laneOut_[0][k][lane], laneOut_[1][k][lane], laneOut_[2][k][lane]};
+        }
+    }
+
     const SmoothSettings& settings_;
     const bool flatProfile_;
     BoxWindow box_;
@@ -627,6 +765,8 @@ class SmoothBatch {
     alignas(32) LaneRow laneBases_[3][kLanePoints];
     alignas(32) LaneRow laneSlopes_[3][kLanePoints];
     alignas(32) LaneRow laneNext_[kLanePoints];
+    alignas(32) LaneRow laneLengths_[kLanePoints];
+    alignas(32) LaneRow laneOut_[3][kLanePoints];
 };
 
 // The strands from `begin` to `end` of the selection, in batches.
