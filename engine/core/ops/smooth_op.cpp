@@ -319,6 +319,20 @@ class SmoothBatch {
         if (m != box_.m) box_.setUp(m, settings_.scale);
         const int lane = count_;
         LaneStrand& entry = lanes_[static_cast<std::size_t>(lane)];
+        if (m < kSmoothCells) {
+            // Every strand of this cell count has n points: they are measured side by side, one
+            // strand per lane, when the batch is smoothed.
+            entry.points = strand;
+            entry.out = out;
+            entry.strength = strength;
+            for (std::size_t k = 0; k < n; ++k) {
+                lanePoints_[0][k][lane] = strand[k].x;
+                lanePoints_[1][k][lane] = strand[k].y;
+                lanePoints_[2][k][lane] = strand[k].z;
+            }
+            if (++count_ == kLanes) flush();
+            return;
+        }
         entry.shares = shareScratch_[static_cast<std::size_t>(lane)].take(n);
         entry.lengths = lengthScratch_[static_cast<std::size_t>(lane)].take(n);
         float* __restrict share = entry.shares.data();
@@ -344,17 +358,6 @@ class SmoothBatch {
         entry.points = strand;
         entry.out = out;
         entry.strength = strength;
-        if (m < kSmoothCells) {
-            // Every strand of this cell count has n points: the batch's segments are worked out
-            // side by side, one strand per lane.
-            for (std::size_t k = 0; k < n; ++k) {
-                laneShares_[k][lane] = share[k];
-                laneLengths_[k][lane] = lengths[k];
-                lanePoints_[0][k][lane] = strand[k].x;
-                lanePoints_[1][k][lane] = strand[k].y;
-                lanePoints_[2][k][lane] = strand[k].z;
-            }
-        }
         if (++count_ == kLanes) flush();
     }
 
@@ -362,6 +365,8 @@ class SmoothBatch {
     __attribute__((always_inline)) void flush() {
         if (count_ == 0) return;
         if (box_.m < kSmoothCells) {
+            measureLanes();
+            if (count_ == 0) return;
             resampleLanes();
             filterLanes(box_, cells_);
             mixAndPushLanes();
@@ -449,21 +454,83 @@ class SmoothBatch {
         row[2][m] = strand[last].z;
     }
 
+    // Lanes from `lane` on repeat the first one's points, so that they hold numbers.
+    __attribute__((always_inline)) void repeatFirstLane(int lane, std::size_t n) {
+        for (; lane < kLanes; ++lane)
+            for (std::size_t k = 0; k < n; ++k)
+                for (int axis = 0; axis < 3; ++axis)
+                    lanePoints_[axis][k][lane] = lanePoints_[axis][k][0];
+    }
+
+    // The batch's strands measured side by side, where all have the same points: each segment's
+    // length as segmentLengths makes it, and the arc shares as add makes them for a strand alone
+    // (the lengths summed from the root, once for the total and again, each sum scaled as it
+    // comes). A strand of no length, or of none a float can share out, is copied as it is and
+    // leaves the batch, the last strand taking its lane.
+    __attribute__((always_inline)) void measureLanes() {
+        const std::size_t n = static_cast<std::size_t>(box_.m / 4 + 1);
+        repeatFirstLane(count_, n);
+        const LaneVector zero{}, one = zero + 1.0f;
+        LaneVector total = zero;
+        for (std::size_t k = 1; k < n; ++k) {
+            LaneVector d[3];
+            for (int axis = 0; axis < 3; ++axis) {
+                LaneVector p1, p0;
+                __builtin_memcpy(&p1, lanePoints_[axis][k], sizeof p1);
+                __builtin_memcpy(&p0, lanePoints_[axis][k - 1], sizeof p0);
+                d[axis] = p1 - p0;
+            }
+            const LaneVector squared = d[0] * d[0] + d[1] * d[1] + d[2] * d[2];
+            const LaneVector size = __builtin_shufflevector(
+                squareRoots(__builtin_shufflevector(squared, squared, 0, 1, 2, 3)),
+                squareRoots(__builtin_shufflevector(squared, squared, 4, 5, 6, 7)), 0, 1, 2, 3, 4,
+                5, 6, 7);
+            __builtin_memcpy(laneLengths_[k], &size, sizeof size);
+            total += size;
+        }
+        LaneVector toShare = one / total;
+        const auto shares =
+            (toShare > zero) & (toShare <= zero + std::numeric_limits<float>::max());
+        for (int lane = count_ - 1; lane >= 0; --lane) {
+            if (shares[lane]) continue;
+            const LaneStrand& entry = lanes_[static_cast<std::size_t>(lane)];
+            std::copy(entry.points.begin(), entry.points.end(), entry.out);
+            const int last = --count_;
+            if (lane == last) continue;
+            lanes_[static_cast<std::size_t>(lane)] = lanes_[static_cast<std::size_t>(last)];
+            toShare[lane] = toShare[last];
+            for (std::size_t k = 0; k < n; ++k) {
+                laneLengths_[k][lane] = laneLengths_[k][last];
+                for (int axis = 0; axis < 3; ++axis)
+                    lanePoints_[axis][k][lane] = lanePoints_[axis][k][last];
+            }
+        }
+        if (count_ == 0) return;
+        if (count_ < kLanes) {
+            repeatFirstLane(count_, n);
+            for (int lane = count_; lane < kLanes; ++lane) {
+                toShare[lane] = toShare[0];
+                for (std::size_t k = 1; k < n; ++k)
+                    laneLengths_[k][lane] = laneLengths_[k][0];
+            }
+        }
+        LaneVector sum = zero;
+        __builtin_memcpy(laneShares_[0], &sum, sizeof sum);
+        for (std::size_t k = 1; k < n; ++k) {
+            LaneVector size;
+            __builtin_memcpy(&size, laneLengths_[k], sizeof size);
+            sum += size;
+            const LaneVector share = sum * toShare;
+            __builtin_memcpy(laneShares_[k], &share, sizeof share);
+        }
+    }
+
     // The batch's strands into their cells where all have the same points: each segment's base,
     // slope and cells worked out for every lane at once, by the steps resampleStrand takes, then
     // each lane's cells written.
     __attribute__((always_inline)) void resampleLanes() {
         const int m = box_.m;
         const std::size_t n = static_cast<std::size_t>(m / 4 + 1);
-        // Lanes without a strand repeat the first one's, so that they hold numbers.
-        for (int lane = count_; lane < kLanes; ++lane) {
-            for (std::size_t k = 0; k < n; ++k) {
-                laneShares_[k][lane] = laneShares_[k][0];
-                laneLengths_[k][lane] = laneLengths_[k][0];
-                for (int axis = 0; axis < 3; ++axis)
-                    lanePoints_[axis][k][lane] = lanePoints_[axis][k][0];
-            }
-        }
         const LaneVector zero{}, one = zero + 1.0f, cellCount = zero + static_cast<float>(m);
         for (std::size_t k = 1; k < n; ++k) {
             // Rows of lanes move through memcpy, which the compiler makes one load or store.
