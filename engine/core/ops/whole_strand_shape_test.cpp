@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
+#include <cstring>
+#include <limits>
 #include <string>
 #include <vector>
 
@@ -392,7 +394,8 @@ TEST(Smooth, StrandsOfMixedPointCountsSmoothAsEachAlone) {
 // min(2 scale m, 2m), each an integral over the cells it covers, the curve rebuilt from the root,
 // read back at the strand's own arcs, mixed by the strength and each segment pushed back to its
 // length along the mixed shape.
-Points smoothedByTheRule(std::span<const Vec3f> points, double strength, double scale) {
+Points smoothedByTheRule(std::span<const Vec3f> points, double strength, double scale,
+                         const Ramp& profile = {}) {
     using V = std::array<double, 3>;
     const std::size_t n = points.size();
     const auto point = [&](std::size_t k) { return V{points[k].x, points[k].y, points[k].z}; };
@@ -456,7 +459,8 @@ Points smoothedByTheRule(std::span<const Vec3f> points, double strength, double 
         const double arc = share[k] * m;
         const std::size_t cell = std::min<std::size_t>(static_cast<std::size_t>(arc), m - 1);
         const V smooth = lerpV(curve[cell], curve[cell + 1], arc - static_cast<double>(cell));
-        const V mixed = lerpV(point(k), smooth, strength);
+        const V mixed =
+            lerpV(point(k), smooth, strength * profile.at(static_cast<float>(share[k])));
         const V turned{mixed[0] - before[0], mixed[1] - before[1], mixed[2] - before[2]};
         const double size = std::hypot(turned[0], turned[1], turned[2]);
         for (int a = 0; a < 3; ++a)
@@ -486,6 +490,47 @@ TEST(Smooth, FollowsTheRuleWrittenOutInDoubles) {
                 }
             }
         }
+    }
+}
+
+TEST(Smooth, StrandsThatCannotBeSmoothedLeaveTheirBatchAsTheyCame) {
+    // Strands of 9 points, smoothed eight side by side, among which some are stacked on the root
+    // (no length), hold a point that is no number, or reach so far that their length is no
+    // float: those come out as they came, bit for bit, and the rest as each does alone, whichever
+    // lanes they end up in. A profile along the length weighs each point by its own share.
+    StrandSet batch;
+    std::vector<bool> passes;
+    for (std::uint64_t s = 0; s < 29; ++s) {
+        Points points(9);
+        for (std::size_t k = 1; k < points.size(); ++k) {
+            const std::uint64_t h = hashCombine(s, k);
+            points[k] =
+                points[k - 1] + Vec3f{unitFloat(h) - 0.5f, 1.0f, unitFloat(h + 1) - 0.5f} * 0.1f;
+        }
+        const int kind = s % 9 == 7 ? 1 : s % 10 == 3 ? 2 : s % 13 == 5 ? 3 : 0;
+        if (kind == 1) std::fill(points.begin(), points.end(), Vec3f{0.5f, 0.0f, 0.5f});
+        if (kind == 2) points[4].y = std::numeric_limits<float>::quiet_NaN();
+        if (kind == 3) points[8].x = 3e38f;
+        passes.push_back(kind != 0);
+        batch.addStrand(s + 1, {0, 0.0f, 0.0f}, points);
+    }
+    const Ramp profile{{{0.0f, 1.0f, 0.0f}, {1.0f, 0.2f, 0.0f}}, true};
+    const SmoothSettings settings = smooth(0.9f, 0.15f, profile);
+    const Points together = smoothed(batch, settings);
+    for (std::size_t s = 0; s < batch.strandCount(); ++s) {
+        const auto range = batch.pointRange(s);
+        const std::span<const Vec3f> got(together.data() + range.begin, range.count);
+        if (passes[s]) {
+            const auto in = batch.strandPoints(s);
+            EXPECT_EQ(std::memcmp(got.data(), in.data(), in.size_bytes()), 0) << "strand " << s;
+            continue;
+        }
+        StrandSet alone;
+        alone.addStrand(batch.ids()[s], batch.roots()[s], batch.strandPoints(s));
+        EXPECT_EQ(smoothed(alone, settings), Points(got.begin(), got.end())) << "strand " << s;
+        const Points expected = smoothedByTheRule(batch.strandPoints(s), 0.9, 0.15, profile);
+        for (std::size_t k = 0; k < got.size(); ++k)
+            EXPECT_LT(length(got[k] - expected[k]), 2e-4f) << "strand " << s << ", point " << k;
     }
 }
 
