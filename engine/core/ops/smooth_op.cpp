@@ -527,7 +527,7 @@ class SmoothBatch {
 
     // The batch's strands into their cells where all have the same points: each segment's base,
     // slope and cells worked out for every lane at once, by the steps resampleStrand takes, then
-    // each lane's cells written.
+    // the cells written for every lane at once into the filter's rows.
     __attribute__((always_inline)) void resampleLanes() {
         const int m = box_.m;
         const std::size_t n = static_cast<std::size_t>(m / 4 + 1);
@@ -826,7 +826,8 @@ class SmoothBatch {
     std::array<StrandScratch<float>, kLanes> lengthScratch_;
     StrandScratch<float, 3 * 32 * kLanes> mixedScratch_;
     alignas(32) StrandRows rows_[kLanes] = {};
-    // The batch's strands lane by lane, and their segments', where they have the same points.
+    // The batch's strands lane by lane, their segments' and the points pushed back, where they
+    // have the same points.
     alignas(32) LaneRow laneShares_[kLanePoints];
     alignas(32) LaneRow lanePoints_[3][kLanePoints];
     alignas(32) LaneRow laneBases_[3][kLanePoints];
