@@ -145,10 +145,25 @@ constexpr std::size_t kTablePoints = 17;
 struct AxisTables {
     alignas(32) float x[32] = {}, y[32] = {}, z[32] = {}, arcs[32] = {};
     alignas(32) float inverse[32] = {}, tangentX[32] = {}, tangentY[32] = {}, tangentZ[32] = {};
+    // The arcs the search for a point's segment compares with: entry j is arcs[j] for the inner
+    // points (1 to the last but one), and infinity past them, so that the entries rise and the
+    // count of those below a place is found in four halvings. `odd` holds entries 1, 3 ... 15,
+    // `twoPastFour` entries 2, 6, 10 and 14.
+    alignas(32) float odd[8] = {}, twoPastFour[8] = {};
+    float four = 0.0f, eight = 0.0f, twelve = 0.0f;
     const Vec3f* made = nullptr;  // the axis these were made for
 
     void fill(const StrandAxis& axis) {
         made = axis.points.data();
+        const std::size_t lastAxis = axis.points.size() - 1;
+        const auto inner = [&](std::size_t j) { return j < lastAxis ? axis.arcs[j] : INFINITY; };
+        for (std::size_t i = 0; i < 8; ++i) {
+            odd[i] = inner(2 * i + 1);
+            twoPastFour[i] = i < 4 ? inner(4 * i + 2) : INFINITY;
+        }
+        four = inner(4);
+        eight = inner(8);
+        twelve = inner(12);
         for (std::size_t k = 0; k < axis.points.size(); ++k) {
             x[k] = axis.points[k].x;
             y[k] = axis.points[k].y;
@@ -210,6 +225,9 @@ __attribute__((target("avx2"))) void twistEight(const Vec3f* from, Vec3f* to, st
     const __m256 rootZ = _mm256_set1_ps(axis.z[0]);
     const __m256 tipX = _mm256_set1_ps(axis.x[lastAxis]), tipY = _mm256_set1_ps(axis.y[lastAxis]);
     const __m256 tipZ = _mm256_set1_ps(axis.z[lastAxis]);
+    const __m256 oddArcs = _mm256_load_ps(axis.odd), twoArcs = _mm256_load_ps(axis.twoPastFour);
+    const __m256 fourArc = _mm256_set1_ps(axis.four), eightArc = _mm256_set1_ps(axis.eight);
+    const __m256 twelveArc = _mm256_set1_ps(axis.twelve);
     __m256i carry = _mm256_setzero_si256();
     to[0] = from[0];
     for (std::size_t k = 1; k < n; k += 8) {
@@ -217,11 +235,22 @@ __attribute__((target("avx2"))) void twistEight(const Vec3f* from, Vec3f* to, st
         // A point's place along the axis is its share of its own strand's length.
         const __m256 t = _mm256_mul_ps(_mm256_loadu_ps(arcs + k), perTotal);
         const __m256 place = _mm256_mul_ps(t, length);
-        __m256i passed = _mm256_setzero_si256();
-        for (std::size_t j = 1; j < lastAxis; ++j)
-            passed =
-                _mm256_sub_epi32(passed, _mm256_castps_si256(_mm256_cmp_ps(
-                                             _mm256_set1_ps(axis.arcs[j]), place, _CMP_LT_OQ)));
+        // The count of inner axis points whose arc lies below the place: as the arcs rise, the
+        // last of them below it, found by halving 16 entries.
+        const __m256 past8 = _mm256_cmp_ps(eightArc, place, _CMP_LT_OQ);
+        __m256i passed = _mm256_and_si256(_mm256_castps_si256(past8), _mm256_set1_epi32(8));
+        const __m256 at4 = _mm256_blendv_ps(fourArc, twelveArc, past8);
+        passed = _mm256_add_epi32(
+            passed, _mm256_and_si256(_mm256_castps_si256(_mm256_cmp_ps(at4, place, _CMP_LT_OQ)),
+                                     _mm256_set1_epi32(4)));
+        const __m256 at2 = _mm256_permutevar8x32_ps(twoArcs, _mm256_srli_epi32(passed, 2));
+        passed = _mm256_add_epi32(
+            passed, _mm256_and_si256(_mm256_castps_si256(_mm256_cmp_ps(at2, place, _CMP_LT_OQ)),
+                                     _mm256_set1_epi32(2)));
+        const __m256 at1 = _mm256_permutevar8x32_ps(oddArcs, _mm256_srli_epi32(passed, 1));
+        passed = _mm256_add_epi32(
+            passed, _mm256_and_si256(_mm256_castps_si256(_mm256_cmp_ps(at1, place, _CMP_LT_OQ)),
+                                     _mm256_set1_epi32(1)));
         const __m256 atRoot = _mm256_cmp_ps(place, zero, _CMP_LE_OQ);
         const __m256 atTip = _mm256_cmp_ps(place, axisEnd, _CMP_GE_OQ);
         const __m256i early = _mm256_castps_si256(_mm256_or_ps(atRoot, atTip));
