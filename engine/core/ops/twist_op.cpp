@@ -212,47 +212,62 @@ __attribute__((target("avx"), always_inline)) inline __m256 turnedRow(__m256 v, 
 // where the walk returns early and stays where it was, takes the segment of the point before it
 // (the running largest of the counts, which rise along the strand). `profile` is null for a
 // profile of no keys.
-__attribute__((target("avx2"))) void twistEight(const Vec3f* from, Vec3f* to, std::size_t n,
-                                                const float* arcs, const AxisTables& axis,
-                                                std::size_t axisPoints, float axisLength,
-                                                float turns, const Ramp* profile) {
-    const std::size_t lastAxis = axisPoints - 1;
-    const __m256 perTotal = _mm256_set1_ps(1.0f / arcs[n - 1]);
-    const __m256 length = _mm256_set1_ps(axisLength), turnsLanes = _mm256_set1_ps(turns);
-    const __m256 zero = _mm256_setzero_ps(), one = _mm256_set1_ps(1.0f);
-    const __m256 axisEnd = _mm256_set1_ps(axis.arcs[lastAxis]);
-    const __m256 rootX = _mm256_set1_ps(axis.x[0]), rootY = _mm256_set1_ps(axis.y[0]);
-    const __m256 rootZ = _mm256_set1_ps(axis.z[0]);
-    const __m256 tipX = _mm256_set1_ps(axis.x[lastAxis]), tipY = _mm256_set1_ps(axis.y[lastAxis]);
-    const __m256 tipZ = _mm256_set1_ps(axis.z[lastAxis]);
-    const __m256 oddArcs = _mm256_load_ps(axis.odd), twoArcs = _mm256_load_ps(axis.twoPastFour);
-    const __m256 fourArc = _mm256_set1_ps(axis.four), eightArc = _mm256_set1_ps(axis.eight);
-    const __m256 twelveArc = _mm256_set1_ps(axis.twelve);
-    __m256i carry = _mm256_setzero_si256();
-    to[0] = from[0];
-    for (std::size_t k = 1; k < n; k += 8) {
+struct EightPointWalk {
+    const Vec3f* from = nullptr;
+    Vec3f* to = nullptr;
+    std::size_t n = 0;
+    const float* arcs = nullptr;
+    const AxisTables* tables = nullptr;
+    std::size_t lastAxis = 0;
+    float perTotal = 0.0f, axisLength = 0.0f, turns = 0.0f;
+    const Ramp* profile = nullptr;
+    __m256i carry = {};
+
+    EightPointWalk() = default;
+    EightPointWalk(const Vec3f* from_, Vec3f* to_, std::size_t n_, const float* arcs_,
+                   const AxisTables& tables_, std::size_t axisPoints, float axisLength_,
+                   float turns_, const Ramp* profile_)
+        : from(from_),
+          to(to_),
+          n(n_),
+          arcs(arcs_),
+          tables(&tables_),
+          lastAxis(axisPoints - 1),
+          perTotal(1.0f / arcs_[n_ - 1]),
+          axisLength(axisLength_),
+          turns(turns_),
+          profile(profile_),
+          carry() {}
+
+    // Points k to k + 7 (those of them the strand has).
+    __attribute__((target("avx2"), always_inline)) inline void step(std::size_t k) {
+        const AxisTables& axis = *tables;
+        const __m256 zero = _mm256_setzero_ps(), one = _mm256_set1_ps(1.0f);
         const std::size_t count = std::min<std::size_t>(8, n - k);
         // A point's place along the axis is its share of its own strand's length.
-        const __m256 t = _mm256_mul_ps(_mm256_loadu_ps(arcs + k), perTotal);
-        const __m256 place = _mm256_mul_ps(t, length);
+        const __m256 t = _mm256_mul_ps(_mm256_loadu_ps(arcs + k), _mm256_set1_ps(perTotal));
+        const __m256 place = _mm256_mul_ps(t, _mm256_set1_ps(axisLength));
         // The count of inner axis points whose arc lies below the place: as the arcs rise, the
         // last of them below it, found by halving 16 entries.
-        const __m256 past8 = _mm256_cmp_ps(eightArc, place, _CMP_LT_OQ);
+        const __m256 past8 = _mm256_cmp_ps(_mm256_set1_ps(axis.eight), place, _CMP_LT_OQ);
         __m256i passed = _mm256_and_si256(_mm256_castps_si256(past8), _mm256_set1_epi32(8));
-        const __m256 at4 = _mm256_blendv_ps(fourArc, twelveArc, past8);
+        const __m256 at4 =
+            _mm256_blendv_ps(_mm256_set1_ps(axis.four), _mm256_set1_ps(axis.twelve), past8);
         passed = _mm256_add_epi32(
             passed, _mm256_and_si256(_mm256_castps_si256(_mm256_cmp_ps(at4, place, _CMP_LT_OQ)),
                                      _mm256_set1_epi32(4)));
-        const __m256 at2 = _mm256_permutevar8x32_ps(twoArcs, _mm256_srli_epi32(passed, 2));
+        const __m256 at2 = _mm256_permutevar8x32_ps(_mm256_load_ps(axis.twoPastFour),
+                                                    _mm256_srli_epi32(passed, 2));
         passed = _mm256_add_epi32(
             passed, _mm256_and_si256(_mm256_castps_si256(_mm256_cmp_ps(at2, place, _CMP_LT_OQ)),
                                      _mm256_set1_epi32(2)));
-        const __m256 at1 = _mm256_permutevar8x32_ps(oddArcs, _mm256_srli_epi32(passed, 1));
+        const __m256 at1 =
+            _mm256_permutevar8x32_ps(_mm256_load_ps(axis.odd), _mm256_srli_epi32(passed, 1));
         passed = _mm256_add_epi32(
             passed, _mm256_and_si256(_mm256_castps_si256(_mm256_cmp_ps(at1, place, _CMP_LT_OQ)),
                                      _mm256_set1_epi32(1)));
         const __m256 atRoot = _mm256_cmp_ps(place, zero, _CMP_LE_OQ);
-        const __m256 atTip = _mm256_cmp_ps(place, axisEnd, _CMP_GE_OQ);
+        const __m256 atTip = _mm256_cmp_ps(place, _mm256_set1_ps(axis.arcs[lastAxis]), _CMP_GE_OQ);
         const __m256i early = _mm256_castps_si256(_mm256_or_ps(atRoot, atTip));
         const __m256i segment = runningMax(_mm256_andnot_si256(early, passed), carry);
         carry =
@@ -263,9 +278,12 @@ __attribute__((target("avx2"))) void twistEight(const Vec3f* from, Vec3f* to, st
                                  pickOf16(axis.inverse, segment));
         f = _mm256_blendv_ps(f, zero, _mm256_cmp_ps(f, zero, _CMP_LT_OQ));
         f = _mm256_blendv_ps(f, one, _mm256_cmp_ps(one, f, _CMP_LT_OQ));
-        const __m256 cx = pickedPointRow(axis.x, segment, f, rootX, tipX, atRoot, atTip);
-        const __m256 cy = pickedPointRow(axis.y, segment, f, rootY, tipY, atRoot, atTip);
-        const __m256 cz = pickedPointRow(axis.z, segment, f, rootZ, tipZ, atRoot, atTip);
+        const __m256 cx = pickedPointRow(axis.x, segment, f, _mm256_set1_ps(axis.x[0]),
+                                         _mm256_set1_ps(axis.x[lastAxis]), atRoot, atTip);
+        const __m256 cy = pickedPointRow(axis.y, segment, f, _mm256_set1_ps(axis.y[0]),
+                                         _mm256_set1_ps(axis.y[lastAxis]), atRoot, atTip);
+        const __m256 cz = pickedPointRow(axis.z, segment, f, _mm256_set1_ps(axis.z[0]),
+                                         _mm256_set1_ps(axis.z[lastAxis]), atRoot, atTip);
         const __m256 ax = pickOf16(axis.tangentX, segment), ay = pickOf16(axis.tangentY, segment);
         const __m256 az = pickOf16(axis.tangentZ, segment);
         __m256 profiles = one;
@@ -277,7 +295,8 @@ __attribute__((target("avx2"))) void twistEight(const Vec3f* from, Vec3f* to, st
             profiles = _mm256_load_ps(values);
         }
         __m256 sine, cosine;
-        sinCosTurns8(_mm256_mul_ps(_mm256_mul_ps(turnsLanes, profiles), place), sine, cosine);
+        sinCosTurns8(_mm256_mul_ps(_mm256_mul_ps(_mm256_set1_ps(turns), profiles), place), sine,
+                     cosine);
         // Eight points read whole where the strand has them, else through a padded copy.
         Vec3f padded[8];
         const bool whole = count == 8;
@@ -306,6 +325,29 @@ __attribute__((target("avx2"))) void twistEight(const Vec3f* from, Vec3f* to, st
             std::copy(padded, padded + count, to + k);
         }
     }
+};
+
+// One strand's walk, eight points at a time.
+__attribute__((target("avx2"))) void twistEight(EightPointWalk& walk) {
+    walk.to[0] = walk.from[0];
+    for (std::size_t k = 1; k < walk.n; k += 8)
+        walk.step(k);
+}
+
+// Two strands' walks side by side, so that the steps of one fill the waits of the other: a strand
+// of a few points is one long chain of steps, each waiting on the one before.
+__attribute__((target("avx2"))) void twistEightPair(EightPointWalk& a, EightPointWalk& b) {
+    a.to[0] = a.from[0];
+    b.to[0] = b.from[0];
+    std::size_t k = 1;
+    for (; k < a.n && k < b.n; k += 8) {
+        a.step(k);
+        b.step(k);
+    }
+    for (std::size_t j = k; j < a.n; j += 8)
+        a.step(j);
+    for (std::size_t j = k; j < b.n; j += 8)
+        b.step(j);
 }
 #endif
 
@@ -421,7 +463,13 @@ void twistStrands(const StrandSet& input, const TwistSettings& settings,
         if (wide) {
             // Each strand eight points at a time about its axis's tables, made again only where
             // the axis changes (clumps come grouped); the one-strand loop for what they can't take.
-            AxisTables tables;
+            // Strands go in pairs, each side with its own tables and arcs: a strand ready to
+            // twist waits for the next one.
+            AxisTables tables[2];
+            StrandScratch<float> pairArcs[2];
+            EightPointWalk waiting;
+            bool isWaiting = false;
+            int side = 0;
             for (std::size_t i = first; i < last; ++i) {
                 const std::size_t s = selection.strand(i);
                 const std::size_t begin = offsets[s];
@@ -436,19 +484,27 @@ void twistStrands(const StrandSet& input, const TwistSettings& settings,
                     twistOne(s);
                     continue;
                 }
-                const std::span<float> arcs = arcScratch.take(n + 7);
+                const std::span<float> arcs = pairArcs[side].take(n + 7);
                 const float total = arcLengthsByEight(points.data(), n, arcs.data());
                 if (!(total > 0.0f) || !std::isfinite(total)) {
                     twistOne(s);
                     continue;
                 }
                 std::fill(arcs.begin() + n, arcs.end(), total);
-                if (tables.made != axis.points.data()) tables.fill(axis);
-                twistEight(points.data(), out.data() + begin, n, arcs.data(), tables,
-                           axis.points.size(), axis.arcs.back(),
-                           turnsMapped ? settings.turns.atStrand(s) : plainTurns,
-                           flatProfile ? nullptr : &settings.profile);
+                if (tables[side].made != axis.points.data()) tables[side].fill(axis);
+                EightPointWalk walk(points.data(), out.data() + begin, n, arcs.data(), tables[side],
+                                    axis.points.size(), axis.arcs.back(),
+                                    turnsMapped ? settings.turns.atStrand(s) : plainTurns,
+                                    flatProfile ? nullptr : &settings.profile);
+                if (isWaiting) {
+                    twistEightPair(waiting, walk);
+                } else {
+                    waiting = walk;
+                }
+                isWaiting = !isWaiting;
+                side = 1 - side;
             }
+            if (isWaiting) twistEight(waiting);
             return;
         }
 #endif
