@@ -4,6 +4,7 @@
 #include <mutex>
 
 #include "base/fast_trig_lanes.h"
+#include "base/parallel.h"
 #include "graph/delivered_params.h"
 #include "graph/errors.h"
 #include "graph/registry.h"
@@ -23,13 +24,29 @@ struct AxisSegments {
     std::vector<float> inverse;
     std::vector<std::size_t> first;  // per axis: where its segments start
 
-    void add(std::span<const Vec3f> points, std::span<const float> arcs) {
-        first.push_back(tangents.size());
-        for (std::size_t k = 0; k + 1 < points.size(); ++k) {
-            tangents.push_back(normalized(points[k + 1] - points[k], {0, 1, 0}));
-            const float span = arcs[k + 1] - arcs[k];
-            inverse.push_back(span > 0.0f ? 1.0f / span : 0.0f);
+    // For `count` axes, the points and arcs of axis a being pointsOf(a) and arcsOf(a): the room
+    // for every axis's segments first, then the segments, axes in parallel (each its own).
+    template <class PointsOf, class ArcsOf>
+    void make(std::size_t count, const PointsOf& pointsOf, const ArcsOf& arcsOf) {
+        first.resize(count);
+        std::size_t total = 0;
+        for (std::size_t a = 0; a < count; ++a) {
+            first[a] = total;
+            total += std::max<std::size_t>(pointsOf(a).size(), 1) - 1;
         }
+        tangents.resize(total);
+        inverse.resize(total);
+        parallelRange(0, count, 256, [&](std::size_t begin, std::size_t end) {
+            for (std::size_t a = begin; a < end; ++a) {
+                const std::span<const Vec3f> points = pointsOf(a);
+                const std::span<const float> arcs = arcsOf(a);
+                for (std::size_t k = 0; k + 1 < points.size(); ++k) {
+                    tangents[first[a] + k] = normalized(points[k + 1] - points[k], {0, 1, 0});
+                    const float span = arcs[k + 1] - arcs[k];
+                    inverse[first[a] + k] = span > 0.0f ? 1.0f / span : 0.0f;
+                }
+            }
+        });
     }
 };
 
@@ -364,14 +381,19 @@ void twistStrands(const StrandSet& input, const TwistSettings& settings,
     std::vector<std::vector<float>> guideArcs;
     AxisSegments segments;
     if (settings.axes) {
-        for (const Guide& guide : settings.axes->guides) {
+        const std::vector<Guide>& guides = settings.axes->guides;
+        for (const Guide& guide : guides) {
             guideArcs.emplace_back(guide.points.size());
             arcLengths(guide.points, guideArcs.back());
-            segments.add(guide.points, guideArcs.back());
         }
+        segments.make(
+            guides.size(), [&](std::size_t g) { return std::span<const Vec3f>(guides[g].points); },
+            [&](std::size_t g) { return std::span<const float>(guideArcs[g]); });
     } else if (settings.clumps) {
-        for (std::size_t c = 0; c < settings.clumps->clumpCount; ++c)
-            segments.add(settings.clumps->axisPoints(c), settings.clumps->axisArcs(c));
+        const ClumpAxes& clumps = *settings.clumps;
+        segments.make(
+            clumps.clumpCount, [&](std::size_t c) { return clumps.axisPoints(c); },
+            [&](std::size_t c) { return clumps.axisArcs(c); });
     }
     // The axis of strand s, whose root is `root`.
     const auto axisOf = [&](std::size_t s, const Vec3f& root) {
