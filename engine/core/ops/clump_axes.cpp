@@ -59,86 +59,143 @@ struct StrandRows {
     alignas(32) float arcs[kLanePoints + 15] = {};
 };
 
-// addSamplesPlain for samples 0 to 15 of a strand of 2 to kLanePoints points of positive, finite
-// length, eight at a time. The walk to each sample's segment counts the inner points whose arc
-// lies below it (the arcs rise, so those are the points the walk passes), and the segment's ends
-// are read from the rows by that count; the rest are pointAtArc's steps per lane.
-__attribute__((target("avx2"))) void addSamplesWide(const StrandRows& rows, std::size_t n,
-                                                    AxisSums& sums) {
+// pointAtArc at samples k to k + 7 (k 0 or 8) of a strand of 2 to kLanePoints points of positive,
+// finite length, as rows of x, y and z. The walk to each sample's segment counts the inner points
+// whose arc lies below it (the arcs rise, so those are the points the walk passes), and the
+// segment's ends are read from the rows by that count; the rest are pointAtArc's steps per lane.
+__attribute__((target("avx2"), always_inline)) inline PointRows8 samplesWide(const StrandRows& rows,
+                                                                             std::size_t n,
+                                                                             std::size_t k) {
     const std::size_t last = n - 1;
     const __m256 total = _mm256_set1_ps(rows.arcs[last]);
     const __m256 zero = _mm256_setzero_ps(), one = _mm256_set1_ps(1.0f);
-    const __m256 rootX = _mm256_set1_ps(rows.x[0]), rootY = _mm256_set1_ps(rows.y[0]);
-    const __m256 rootZ = _mm256_set1_ps(rows.z[0]);
-    const __m256 tipX = _mm256_set1_ps(rows.x[last]), tipY = _mm256_set1_ps(rows.y[last]);
-    const __m256 tipZ = _mm256_set1_ps(rows.z[last]);
+    const __m256 share = _mm256_setr_ps(sampleShare(k), sampleShare(k + 1), sampleShare(k + 2),
+                                        sampleShare(k + 3), sampleShare(k + 4), sampleShare(k + 5),
+                                        sampleShare(k + 6), sampleShare(k + 7));
+    const __m256 s = _mm256_mul_ps(share, total);
+    __m256i segment = _mm256_setzero_si256();
+    for (std::size_t j = 1; j < last; ++j) {
+        const __m256 passed = _mm256_cmp_ps(_mm256_set1_ps(rows.arcs[j]), s, _CMP_LT_OQ);
+        segment = _mm256_sub_epi32(segment, _mm256_castps_si256(passed));
+    }
+    const __m256 from = pickOf16(rows.arcs, segment);
+    const __m256 span = _mm256_sub_ps(pickOf16(rows.arcs + 1, segment), from);
+    // f = span > 0 ? (s - from) / span : 0, then std::clamp(f, 0, 1).
+    __m256 f = _mm256_and_ps(_mm256_cmp_ps(span, zero, _CMP_GT_OQ),
+                             _mm256_div_ps(_mm256_sub_ps(s, from), span));
+    f = _mm256_blendv_ps(f, zero, _mm256_cmp_ps(f, zero, _CMP_LT_OQ));
+    f = _mm256_blendv_ps(f, one, _mm256_cmp_ps(one, f, _CMP_LT_OQ));
+    const __m256 atRoot = _mm256_cmp_ps(s, zero, _CMP_LE_OQ);
+    const __m256 atTip = _mm256_cmp_ps(s, total, _CMP_GE_OQ);
+    return {pickedPointRow(rows.x, segment, f, _mm256_set1_ps(rows.x[0]),
+                           _mm256_set1_ps(rows.x[last]), atRoot, atTip),
+            pickedPointRow(rows.y, segment, f, _mm256_set1_ps(rows.y[0]),
+                           _mm256_set1_ps(rows.y[last]), atRoot, atTip),
+            pickedPointRow(rows.z, segment, f, _mm256_set1_ps(rows.z[0]),
+                           _mm256_set1_ps(rows.z[last]), atRoot, atTip)};
+}
+
+// Adds samples k to k + 7 to the sums.
+__attribute__((target("avx2"), always_inline)) inline void addRows(AxisSums& sums, std::size_t k,
+                                                                   const PointRows8& samples) {
+    _mm256_store_ps(sums.x + k, _mm256_add_ps(_mm256_load_ps(sums.x + k), samples.x));
+    _mm256_store_ps(sums.y + k, _mm256_add_ps(_mm256_load_ps(sums.y + k), samples.y));
+    _mm256_store_ps(sums.z + k, _mm256_add_ps(_mm256_load_ps(sums.z + k), samples.z));
+}
+
+// addSamplesPlain for samples 0 to 15 of a strand of 2 to kLanePoints points of positive, finite
+// length, eight at a time.
+__attribute__((target("avx2"))) void addSamplesWide(const StrandRows& rows, std::size_t n,
+                                                    AxisSums& sums) {
+    for (std::size_t k = 0; k < 16; k += 8)
+        addRows(sums, k, samplesWide(rows, n, k));
+}
+
+// addSamplesWide for two strands, the first's samples added before the second's as one after the
+// other would, side by side so that the steps of one fill the waits of the other.
+__attribute__((target("avx2"))) void addSamplesWidePair(const StrandRows& a, std::size_t na,
+                                                        const StrandRows& b, std::size_t nb,
+                                                        AxisSums& sums) {
     for (std::size_t k = 0; k < 16; k += 8) {
-        const __m256 share = _mm256_setr_ps(
-            sampleShare(k), sampleShare(k + 1), sampleShare(k + 2), sampleShare(k + 3),
-            sampleShare(k + 4), sampleShare(k + 5), sampleShare(k + 6), sampleShare(k + 7));
-        const __m256 s = _mm256_mul_ps(share, total);
-        __m256i segment = _mm256_setzero_si256();
-        for (std::size_t j = 1; j < last; ++j) {
-            const __m256 passed = _mm256_cmp_ps(_mm256_set1_ps(rows.arcs[j]), s, _CMP_LT_OQ);
-            segment = _mm256_sub_epi32(segment, _mm256_castps_si256(passed));
-        }
-        const __m256 from = pickOf16(rows.arcs, segment);
-        const __m256 span = _mm256_sub_ps(pickOf16(rows.arcs + 1, segment), from);
-        // f = span > 0 ? (s - from) / span : 0, then std::clamp(f, 0, 1).
-        __m256 f = _mm256_and_ps(_mm256_cmp_ps(span, zero, _CMP_GT_OQ),
-                                 _mm256_div_ps(_mm256_sub_ps(s, from), span));
-        f = _mm256_blendv_ps(f, zero, _mm256_cmp_ps(f, zero, _CMP_LT_OQ));
-        f = _mm256_blendv_ps(f, one, _mm256_cmp_ps(one, f, _CMP_LT_OQ));
-        const __m256 atRoot = _mm256_cmp_ps(s, zero, _CMP_LE_OQ);
-        const __m256 atTip = _mm256_cmp_ps(s, total, _CMP_GE_OQ);
-        _mm256_store_ps(sums.x + k, _mm256_add_ps(_mm256_load_ps(sums.x + k),
-                                                  pickedPointRow(rows.x, segment, f, rootX, tipX,
-                                                                 atRoot, atTip)));
-        _mm256_store_ps(sums.y + k, _mm256_add_ps(_mm256_load_ps(sums.y + k),
-                                                  pickedPointRow(rows.y, segment, f, rootY, tipY,
-                                                                 atRoot, atTip)));
-        _mm256_store_ps(sums.z + k, _mm256_add_ps(_mm256_load_ps(sums.z + k),
-                                                  pickedPointRow(rows.z, segment, f, rootZ, tipZ,
-                                                                 atRoot, atTip)));
+        const PointRows8 first = samplesWide(a, na, k), second = samplesWide(b, nb, k);
+        addRows(sums, k, first);
+        addRows(sums, k, second);
     }
 }
 #endif
 
-// Scratch for the samples of one strand: its arcs, and its rows for the lanes.
-struct SampleScratch {
-    std::vector<float> arcs;
+// Adds strands' samples to their clump's sums in the order the strands come. Strands the lanes
+// take wait in pairs, so that two are sampled side by side; the one waiting is added before any
+// strand after it, and `flush` adds it at the end of a clump.
+class SampleAdder {
+  public:
+    explicit SampleAdder([[maybe_unused]] bool lanes) {
 #if VELMORIN_AVX_LANES
-    StrandRows rows;
+        lanes_ = lanes;
 #endif
-};
+    }
 
-// Adds one strand's samples to its clump's sums.
-void addStrandSamples(std::span<const Vec3f> points, SampleScratch& scratch, AxisSums& sums,
-                      [[maybe_unused]] bool lanes) {
-    const std::size_t n = points.size();
+    void add(std::span<const Vec3f> points, AxisSums& sums) {
+        const std::size_t n = points.size();
 #if VELMORIN_AVX_LANES
-    if (lanes && n >= 2 && n <= kLanePoints) {
-        // Rows past the strand keep what an earlier strand left: the tables never pick them.
-        StrandRows& rows = scratch.rows;
-        const float total = arcLengthsByEight(points.data(), n, rows.arcs);
-        const std::span<const float> arcs(rows.arcs, n);
-        // A finite length makes every arc finite and rising, which the count of the lanes needs.
-        if (!(total > 0.0f) || !std::isfinite(total)) return addSamplesPlain(points, arcs, sums);
-        pointRowsByEight(points.data(), n, rows.x, rows.y, rows.z);
-        addSamplesWide(rows, n, sums);
-        // The last share, the whole length, is the tip.
+        if (lanes_ && n >= 2 && n <= kLanePoints) {
+            // Rows past the strand keep what an earlier strand left: the tables never pick them.
+            StrandRows& rows = rows_[waiting_ ? 1 : 0];
+            const float total = arcLengthsByEight(points.data(), n, rows.arcs);
+            // A finite length makes every arc finite and rising, which the count of the lanes
+            // needs.
+            if (!(total > 0.0f) || !std::isfinite(total)) {
+                flush(sums);
+                return addSamplesPlain(points, std::span<const float>(rows.arcs, n), sums);
+            }
+            pointRowsByEight(points.data(), n, rows.x, rows.y, rows.z);
+            if (!waiting_) {
+                waiting_ = true;
+                waitingPoints_ = points;
+                return;
+            }
+            addSamplesWidePair(rows_[0], waitingPoints_.size(), rows_[1], n, sums);
+            addTip(waitingPoints_, rows_[0], sums);
+            addTip(points, rows_[1], sums);
+            waiting_ = false;
+            return;
+        }
+        flush(sums);
+#endif
+        arcs_.resize(n);
+        arcLengthsByLanes(points, arcs_);
+        addSamplesPlain(points, arcs_, sums);
+    }
+
+    // Adds the strand still waiting, if any.
+    void flush([[maybe_unused]] AxisSums& sums) {
+#if VELMORIN_AVX_LANES
+        if (!waiting_) return;
+        addSamplesWide(rows_[0], waitingPoints_.size(), sums);
+        addTip(waitingPoints_, rows_[0], sums);
+        waiting_ = false;
+#endif
+    }
+
+  private:
+#if VELMORIN_AVX_LANES
+    // The last share, the whole length, is the tip.
+    static void addTip(std::span<const Vec3f> points, const StrandRows& rows, AxisSums& sums) {
+        const std::span<const float> arcs(rows.arcs, points.size());
         std::size_t segment = 0;
-        const Vec3f tip = pointAtArc(points, arcs, sampleShare(16) * total, segment);
+        const Vec3f tip = pointAtArc(points, arcs, sampleShare(16) * arcs.back(), segment);
         sums.x[16] += tip.x;
         sums.y[16] += tip.y;
         sums.z[16] += tip.z;
-        return;
     }
+
+    bool lanes_ = false;
+    bool waiting_ = false;
+    std::span<const Vec3f> waitingPoints_;
+    StrandRows rows_[2];
 #endif
-    scratch.arcs.resize(n);
-    arcLengthsByLanes(points, scratch.arcs);
-    addSamplesPlain(points, scratch.arcs, sums);
-}
+    std::vector<float> arcs_;
+};
 
 }  // namespace
 
@@ -217,7 +274,7 @@ ClumpAxes clumpAxes(const StrandSet& strands, const std::vector<float>& channel)
     const bool lanes = false;
 #endif
     parallelRange(0, axes.clumpCount, 256, [&](std::size_t begin, std::size_t end) {
-        SampleScratch scratch;
+        SampleAdder adder(lanes);
         for (std::size_t c = begin; c < end; ++c) {
             AxisSums sums;
             std::size_t used = 0;
@@ -229,10 +286,11 @@ ClumpAxes clumpAxes(const StrandSet& strands, const std::vector<float>& channel)
                     const std::span<const Vec3f> points =
                         allPoints.subspan(offsets[s], offsets[s + 1] - offsets[s]);
                     if (points.empty()) continue;
-                    addStrandSamples(points, scratch, sums, lanes);
+                    adder.add(points, sums);
                     ++used;
                 }
             }
+            adder.flush(sums);
             Vec3f* axis = axes.points.data() + c * kPoints;
             float* arc = axes.arcs.data() + c * kPoints;
             for (std::size_t k = 0; k < kPoints; ++k) {

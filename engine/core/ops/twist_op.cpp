@@ -4,6 +4,7 @@
 #include <mutex>
 
 #include "base/fast_trig_lanes.h"
+#include "base/parallel.h"
 #include "graph/delivered_params.h"
 #include "graph/errors.h"
 #include "graph/registry.h"
@@ -23,13 +24,29 @@ struct AxisSegments {
     std::vector<float> inverse;
     std::vector<std::size_t> first;  // per axis: where its segments start
 
-    void add(std::span<const Vec3f> points, std::span<const float> arcs) {
-        first.push_back(tangents.size());
-        for (std::size_t k = 0; k + 1 < points.size(); ++k) {
-            tangents.push_back(normalized(points[k + 1] - points[k], {0, 1, 0}));
-            const float span = arcs[k + 1] - arcs[k];
-            inverse.push_back(span > 0.0f ? 1.0f / span : 0.0f);
+    // For `count` axes, the points and arcs of axis a being pointsOf(a) and arcsOf(a): the room
+    // for every axis's segments first, then the segments, axes in parallel (each its own).
+    template <class PointsOf, class ArcsOf>
+    void make(std::size_t count, const PointsOf& pointsOf, const ArcsOf& arcsOf) {
+        first.resize(count);
+        std::size_t total = 0;
+        for (std::size_t a = 0; a < count; ++a) {
+            first[a] = total;
+            total += std::max<std::size_t>(pointsOf(a).size(), 1) - 1;
         }
+        tangents.resize(total);
+        inverse.resize(total);
+        parallelRange(0, count, 256, [&](std::size_t begin, std::size_t end) {
+            for (std::size_t a = begin; a < end; ++a) {
+                const std::span<const Vec3f> points = pointsOf(a);
+                const std::span<const float> arcs = arcsOf(a);
+                for (std::size_t k = 0; k + 1 < points.size(); ++k) {
+                    tangents[first[a] + k] = normalized(points[k + 1] - points[k], {0, 1, 0});
+                    const float span = arcs[k + 1] - arcs[k];
+                    inverse[first[a] + k] = span > 0.0f ? 1.0f / span : 0.0f;
+                }
+            }
+        });
     }
 };
 
@@ -145,10 +162,25 @@ constexpr std::size_t kTablePoints = 17;
 struct AxisTables {
     alignas(32) float x[32] = {}, y[32] = {}, z[32] = {}, arcs[32] = {};
     alignas(32) float inverse[32] = {}, tangentX[32] = {}, tangentY[32] = {}, tangentZ[32] = {};
+    // The arcs the search for a point's segment compares with: entry j is arcs[j] for the inner
+    // points (1 to the last but one), and infinity past them, so that the entries rise and the
+    // count of those below a place is found in four halvings. `odd` holds entries 1, 3 ... 15,
+    // `twoPastFour` entries 2, 6, 10 and 14.
+    alignas(32) float odd[8] = {}, twoPastFour[8] = {};
+    float four = 0.0f, eight = 0.0f, twelve = 0.0f;
     const Vec3f* made = nullptr;  // the axis these were made for
 
     void fill(const StrandAxis& axis) {
         made = axis.points.data();
+        const std::size_t lastAxis = axis.points.size() - 1;
+        const auto inner = [&](std::size_t j) { return j < lastAxis ? axis.arcs[j] : INFINITY; };
+        for (std::size_t i = 0; i < 8; ++i) {
+            odd[i] = inner(2 * i + 1);
+            twoPastFour[i] = i < 4 ? inner(4 * i + 2) : INFINITY;
+        }
+        four = inner(4);
+        eight = inner(8);
+        twelve = inner(12);
         for (std::size_t k = 0; k < axis.points.size(); ++k) {
             x[k] = axis.points[k].x;
             y[k] = axis.points[k].y;
@@ -197,33 +229,62 @@ __attribute__((target("avx"), always_inline)) inline __m256 turnedRow(__m256 v, 
 // where the walk returns early and stays where it was, takes the segment of the point before it
 // (the running largest of the counts, which rise along the strand). `profile` is null for a
 // profile of no keys.
-__attribute__((target("avx2"))) void twistEight(const Vec3f* from, Vec3f* to, std::size_t n,
-                                                const float* arcs, const AxisTables& axis,
-                                                std::size_t axisPoints, float axisLength,
-                                                float turns, const Ramp* profile) {
-    const std::size_t lastAxis = axisPoints - 1;
-    const __m256 perTotal = _mm256_set1_ps(1.0f / arcs[n - 1]);
-    const __m256 length = _mm256_set1_ps(axisLength), turnsLanes = _mm256_set1_ps(turns);
-    const __m256 zero = _mm256_setzero_ps(), one = _mm256_set1_ps(1.0f);
-    const __m256 axisEnd = _mm256_set1_ps(axis.arcs[lastAxis]);
-    const __m256 rootX = _mm256_set1_ps(axis.x[0]), rootY = _mm256_set1_ps(axis.y[0]);
-    const __m256 rootZ = _mm256_set1_ps(axis.z[0]);
-    const __m256 tipX = _mm256_set1_ps(axis.x[lastAxis]), tipY = _mm256_set1_ps(axis.y[lastAxis]);
-    const __m256 tipZ = _mm256_set1_ps(axis.z[lastAxis]);
-    __m256i carry = _mm256_setzero_si256();
-    to[0] = from[0];
-    for (std::size_t k = 1; k < n; k += 8) {
+struct EightPointWalk {
+    const Vec3f* from = nullptr;
+    Vec3f* to = nullptr;
+    std::size_t n = 0;
+    const float* arcs = nullptr;
+    const AxisTables* tables = nullptr;
+    std::size_t lastAxis = 0;
+    float perTotal = 0.0f, axisLength = 0.0f, turns = 0.0f;
+    const Ramp* profile = nullptr;
+    __m256i carry = {};
+
+    EightPointWalk() = default;
+    EightPointWalk(const Vec3f* from_, Vec3f* to_, std::size_t n_, const float* arcs_,
+                   const AxisTables& tables_, std::size_t axisPoints, float axisLength_,
+                   float turns_, const Ramp* profile_)
+        : from(from_),
+          to(to_),
+          n(n_),
+          arcs(arcs_),
+          tables(&tables_),
+          lastAxis(axisPoints - 1),
+          perTotal(1.0f / arcs_[n_ - 1]),
+          axisLength(axisLength_),
+          turns(turns_),
+          profile(profile_),
+          carry() {}
+
+    // Points k to k + 7 (those of them the strand has).
+    __attribute__((target("avx2"), always_inline)) inline void step(std::size_t k) {
+        const AxisTables& axis = *tables;
+        const __m256 zero = _mm256_setzero_ps(), one = _mm256_set1_ps(1.0f);
         const std::size_t count = std::min<std::size_t>(8, n - k);
         // A point's place along the axis is its share of its own strand's length.
-        const __m256 t = _mm256_mul_ps(_mm256_loadu_ps(arcs + k), perTotal);
-        const __m256 place = _mm256_mul_ps(t, length);
-        __m256i passed = _mm256_setzero_si256();
-        for (std::size_t j = 1; j < lastAxis; ++j)
-            passed =
-                _mm256_sub_epi32(passed, _mm256_castps_si256(_mm256_cmp_ps(
-                                             _mm256_set1_ps(axis.arcs[j]), place, _CMP_LT_OQ)));
+        const __m256 t = _mm256_mul_ps(_mm256_loadu_ps(arcs + k), _mm256_set1_ps(perTotal));
+        const __m256 place = _mm256_mul_ps(t, _mm256_set1_ps(axisLength));
+        // The count of inner axis points whose arc lies below the place: as the arcs rise, the
+        // last of them below it, found by halving 16 entries.
+        const __m256 past8 = _mm256_cmp_ps(_mm256_set1_ps(axis.eight), place, _CMP_LT_OQ);
+        __m256i passed = _mm256_and_si256(_mm256_castps_si256(past8), _mm256_set1_epi32(8));
+        const __m256 at4 =
+            _mm256_blendv_ps(_mm256_set1_ps(axis.four), _mm256_set1_ps(axis.twelve), past8);
+        passed = _mm256_add_epi32(
+            passed, _mm256_and_si256(_mm256_castps_si256(_mm256_cmp_ps(at4, place, _CMP_LT_OQ)),
+                                     _mm256_set1_epi32(4)));
+        const __m256 at2 = _mm256_permutevar8x32_ps(_mm256_load_ps(axis.twoPastFour),
+                                                    _mm256_srli_epi32(passed, 2));
+        passed = _mm256_add_epi32(
+            passed, _mm256_and_si256(_mm256_castps_si256(_mm256_cmp_ps(at2, place, _CMP_LT_OQ)),
+                                     _mm256_set1_epi32(2)));
+        const __m256 at1 =
+            _mm256_permutevar8x32_ps(_mm256_load_ps(axis.odd), _mm256_srli_epi32(passed, 1));
+        passed = _mm256_add_epi32(
+            passed, _mm256_and_si256(_mm256_castps_si256(_mm256_cmp_ps(at1, place, _CMP_LT_OQ)),
+                                     _mm256_set1_epi32(1)));
         const __m256 atRoot = _mm256_cmp_ps(place, zero, _CMP_LE_OQ);
-        const __m256 atTip = _mm256_cmp_ps(place, axisEnd, _CMP_GE_OQ);
+        const __m256 atTip = _mm256_cmp_ps(place, _mm256_set1_ps(axis.arcs[lastAxis]), _CMP_GE_OQ);
         const __m256i early = _mm256_castps_si256(_mm256_or_ps(atRoot, atTip));
         const __m256i segment = runningMax(_mm256_andnot_si256(early, passed), carry);
         carry =
@@ -234,9 +295,12 @@ __attribute__((target("avx2"))) void twistEight(const Vec3f* from, Vec3f* to, st
                                  pickOf16(axis.inverse, segment));
         f = _mm256_blendv_ps(f, zero, _mm256_cmp_ps(f, zero, _CMP_LT_OQ));
         f = _mm256_blendv_ps(f, one, _mm256_cmp_ps(one, f, _CMP_LT_OQ));
-        const __m256 cx = pickedPointRow(axis.x, segment, f, rootX, tipX, atRoot, atTip);
-        const __m256 cy = pickedPointRow(axis.y, segment, f, rootY, tipY, atRoot, atTip);
-        const __m256 cz = pickedPointRow(axis.z, segment, f, rootZ, tipZ, atRoot, atTip);
+        const __m256 cx = pickedPointRow(axis.x, segment, f, _mm256_set1_ps(axis.x[0]),
+                                         _mm256_set1_ps(axis.x[lastAxis]), atRoot, atTip);
+        const __m256 cy = pickedPointRow(axis.y, segment, f, _mm256_set1_ps(axis.y[0]),
+                                         _mm256_set1_ps(axis.y[lastAxis]), atRoot, atTip);
+        const __m256 cz = pickedPointRow(axis.z, segment, f, _mm256_set1_ps(axis.z[0]),
+                                         _mm256_set1_ps(axis.z[lastAxis]), atRoot, atTip);
         const __m256 ax = pickOf16(axis.tangentX, segment), ay = pickOf16(axis.tangentY, segment);
         const __m256 az = pickOf16(axis.tangentZ, segment);
         __m256 profiles = one;
@@ -248,7 +312,8 @@ __attribute__((target("avx2"))) void twistEight(const Vec3f* from, Vec3f* to, st
             profiles = _mm256_load_ps(values);
         }
         __m256 sine, cosine;
-        sinCosTurns8(_mm256_mul_ps(_mm256_mul_ps(turnsLanes, profiles), place), sine, cosine);
+        sinCosTurns8(_mm256_mul_ps(_mm256_mul_ps(_mm256_set1_ps(turns), profiles), place), sine,
+                     cosine);
         // Eight points read whole where the strand has them, else through a padded copy.
         Vec3f padded[8];
         const bool whole = count == 8;
@@ -277,6 +342,29 @@ __attribute__((target("avx2"))) void twistEight(const Vec3f* from, Vec3f* to, st
             std::copy(padded, padded + count, to + k);
         }
     }
+};
+
+// One strand's walk, eight points at a time.
+__attribute__((target("avx2"))) void twistEight(EightPointWalk& walk) {
+    walk.to[0] = walk.from[0];
+    for (std::size_t k = 1; k < walk.n; k += 8)
+        walk.step(k);
+}
+
+// Two strands' walks side by side, so that the steps of one fill the waits of the other: a strand
+// of a few points is one long chain of steps, each waiting on the one before.
+__attribute__((target("avx2"))) void twistEightPair(EightPointWalk& a, EightPointWalk& b) {
+    a.to[0] = a.from[0];
+    b.to[0] = b.from[0];
+    std::size_t k = 1;
+    for (; k < a.n && k < b.n; k += 8) {
+        a.step(k);
+        b.step(k);
+    }
+    for (std::size_t j = k; j < a.n; j += 8)
+        a.step(j);
+    for (std::size_t j = k; j < b.n; j += 8)
+        b.step(j);
 }
 #endif
 
@@ -293,14 +381,19 @@ void twistStrands(const StrandSet& input, const TwistSettings& settings,
     std::vector<std::vector<float>> guideArcs;
     AxisSegments segments;
     if (settings.axes) {
-        for (const Guide& guide : settings.axes->guides) {
+        const std::vector<Guide>& guides = settings.axes->guides;
+        for (const Guide& guide : guides) {
             guideArcs.emplace_back(guide.points.size());
             arcLengths(guide.points, guideArcs.back());
-            segments.add(guide.points, guideArcs.back());
         }
+        segments.make(
+            guides.size(), [&](std::size_t g) { return std::span<const Vec3f>(guides[g].points); },
+            [&](std::size_t g) { return std::span<const float>(guideArcs[g]); });
     } else if (settings.clumps) {
-        for (std::size_t c = 0; c < settings.clumps->clumpCount; ++c)
-            segments.add(settings.clumps->axisPoints(c), settings.clumps->axisArcs(c));
+        const ClumpAxes& clumps = *settings.clumps;
+        segments.make(
+            clumps.clumpCount, [&](std::size_t c) { return clumps.axisPoints(c); },
+            [&](std::size_t c) { return clumps.axisArcs(c); });
     }
     // The axis of strand s, whose root is `root`.
     const auto axisOf = [&](std::size_t s, const Vec3f& root) {
@@ -392,7 +485,13 @@ void twistStrands(const StrandSet& input, const TwistSettings& settings,
         if (wide) {
             // Each strand eight points at a time about its axis's tables, made again only where
             // the axis changes (clumps come grouped); the one-strand loop for what they can't take.
-            AxisTables tables;
+            // Strands go in pairs, each side with its own tables and arcs: a strand ready to
+            // twist waits for the next one.
+            AxisTables tables[2];
+            StrandScratch<float> pairArcs[2];
+            EightPointWalk waiting;
+            bool isWaiting = false;
+            int side = 0;
             for (std::size_t i = first; i < last; ++i) {
                 const std::size_t s = selection.strand(i);
                 const std::size_t begin = offsets[s];
@@ -407,19 +506,27 @@ void twistStrands(const StrandSet& input, const TwistSettings& settings,
                     twistOne(s);
                     continue;
                 }
-                const std::span<float> arcs = arcScratch.take(n + 7);
+                const std::span<float> arcs = pairArcs[side].take(n + 7);
                 const float total = arcLengthsByEight(points.data(), n, arcs.data());
                 if (!(total > 0.0f) || !std::isfinite(total)) {
                     twistOne(s);
                     continue;
                 }
                 std::fill(arcs.begin() + n, arcs.end(), total);
-                if (tables.made != axis.points.data()) tables.fill(axis);
-                twistEight(points.data(), out.data() + begin, n, arcs.data(), tables,
-                           axis.points.size(), axis.arcs.back(),
-                           turnsMapped ? settings.turns.atStrand(s) : plainTurns,
-                           flatProfile ? nullptr : &settings.profile);
+                if (tables[side].made != axis.points.data()) tables[side].fill(axis);
+                EightPointWalk walk(points.data(), out.data() + begin, n, arcs.data(), tables[side],
+                                    axis.points.size(), axis.arcs.back(),
+                                    turnsMapped ? settings.turns.atStrand(s) : plainTurns,
+                                    flatProfile ? nullptr : &settings.profile);
+                if (isWaiting) {
+                    twistEightPair(waiting, walk);
+                } else {
+                    waiting = walk;
+                }
+                isWaiting = !isWaiting;
+                side = 1 - side;
             }
+            if (isWaiting) twistEight(waiting);
             return;
         }
 #endif
