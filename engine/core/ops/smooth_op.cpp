@@ -325,11 +325,6 @@ class SmoothBatch {
             entry.points = strand;
             entry.out = out;
             entry.strength = strength;
-            for (std::size_t k = 0; k < n; ++k) {
-                lanePoints_[0][k][lane] = strand[k].x;
-                lanePoints_[1][k][lane] = strand[k].y;
-                lanePoints_[2][k][lane] = strand[k].z;
-            }
             if (++count_ == kLanes) flush();
             return;
         }
@@ -462,6 +457,43 @@ class SmoothBatch {
                     lanePoints_[axis][k][lane] = lanePoints_[axis][k][0];
     }
 
+    // The batch's strands' `n` points into lanes, axis by axis; lanes without a strand repeat the
+    // first one's points, so that they hold numbers. Four points of four strands are twelve
+    // floats each, read as three rows per strand and turned by three four by four transposes
+    // into the twelve rows of four lanes they fill; points past the last whole four go one by
+    // one, so that nothing is read past a strand's end.
+    __attribute__((always_inline)) void pointsToLanes(std::size_t n) {
+        const Vec3f* from[kLanes];
+        for (int lane = 0; lane < kLanes; ++lane)
+            from[lane] = lanes_[static_cast<std::size_t>(lane < count_ ? lane : 0)].points.data();
+        std::size_t k = 0;
+#if VELMORIN_SSE_LANES
+        for (; k + 4 <= n; k += 4) {
+            for (int l = 0; l < kLanes; l += 4) {
+                for (int q = 0; q < 3; ++q) {
+                    __m128 r[4];
+                    for (int i = 0; i < 4; ++i)
+                        r[i] =
+                            _mm_loadu_ps(reinterpret_cast<const float*>(from[l + i] + k) + 4 * q);
+                    _MM_TRANSPOSE4_PS(r[0], r[1], r[2], r[3]);
+                    for (int i = 0; i < 4; ++i) {
+                        const int f = 4 * q + i;
+                        _mm_storeu_ps(lanePoints_[f % 3][k + static_cast<std::size_t>(f / 3)] + l,
+                                      r[i]);
+                    }
+                }
+            }
+        }
+#endif
+        for (; k < n; ++k) {
+            for (int lane = 0; lane < kLanes; ++lane) {
+                lanePoints_[0][k][lane] = from[lane][k].x;
+                lanePoints_[1][k][lane] = from[lane][k].y;
+                lanePoints_[2][k][lane] = from[lane][k].z;
+            }
+        }
+    }
+
     // The batch's strands measured side by side, where all have the same points: each segment's
     // length as segmentLengths makes it, and the arc shares as add makes them for a strand alone
     // (the lengths summed from the root, once for the total and again, each sum scaled as it
@@ -469,7 +501,7 @@ class SmoothBatch {
     // leaves the batch, the last strand taking its lane.
     __attribute__((always_inline)) void measureLanes() {
         const std::size_t n = static_cast<std::size_t>(box_.m / 4 + 1);
-        repeatFirstLane(count_, n);
+        pointsToLanes(n);
         const LaneVector zero{}, one = zero + 1.0f;
         LaneVector total = zero;
         for (std::size_t k = 1; k < n; ++k) {
@@ -808,7 +840,42 @@ class SmoothBatch {
                 __builtin_memcpy(laneOut_[axis][k], &at[axis], sizeof at[axis]);
             }
         }
-        for (int lane = 0; lane < count_; ++lane) {
+        lanesToPoints(n);
+    }
+
+    // The pushed back points out of lanes into each strand, by the transposes pointsToLanes
+    // makes, run backwards: four strands at a time where all four lanes hold one, four points at
+    // a time; the rest one by one, so that nothing is written past a strand's end.
+    __attribute__((always_inline)) void lanesToPoints(std::size_t n) {
+        int lane = 0;
+#if VELMORIN_SSE_LANES
+        const std::size_t whole = n / 4 * 4;
+        for (; lane + 4 <= count_; lane += 4) {
+            float* to[4];
+            for (int i = 0; i < 4; ++i)
+                to[i] = reinterpret_cast<float*>(lanes_[static_cast<std::size_t>(lane + i)].out);
+            for (std::size_t k = 0; k < whole; k += 4) {
+                for (int q = 0; q < 3; ++q) {
+                    __m128 r[4];
+                    for (int i = 0; i < 4; ++i) {
+                        const int f = 4 * q + i;
+                        r[i] = _mm_loadu_ps(laneOut_[f % 3][k + static_cast<std::size_t>(f / 3)] +
+                                            lane);
+                    }
+                    _MM_TRANSPOSE4_PS(r[0], r[1], r[2], r[3]);
+                    for (int i = 0; i < 4; ++i)
+                        _mm_storeu_ps(to[i] + 3 * k + 4 * q, r[i]);
+                }
+            }
+            for (int i = 0; i < 4; ++i) {
+                Vec3f* out = lanes_[static_cast<std::size_t>(lane + i)].out;
+                for (std::size_t k = whole; k < n; ++k)
+                    out[k] = {laneOut_[0][k][lane + i], laneOut_[1][k][lane + i],
+                              laneOut_[2][k][lane + i]};
+            }
+        }
+#endif
+        for (; lane < count_; ++lane) {
             Vec3f* out = lanes_[static_cast<std::size_t>(lane)].out;
             for (std::size_t k = 0; k < n; ++k)
                 out[k] = {laneOut_[0][k][lane], laneOut_[1][k][lane], laneOut_[2][k][lane]};
