@@ -478,28 +478,35 @@ class SmoothBatch {
         std::size_t k = 0;
 #if VELMORIN_SSE_LANES
         for (; k + 4 <= n; k += 4) {
-            for (int l = 0; l < kLanes; l += 4) {
-                for (int q = 0; q < 3; ++q) {
-                    __m128 r[4];
-                    for (int i = 0; i < 4; ++i)
-                        r[i] =
-                            _mm_loadu_ps(reinterpret_cast<const float*>(from[l + i] + k) + 4 * q);
-                    _MM_TRANSPOSE4_PS(r[0], r[1], r[2], r[3]);
-                    for (int i = 0; i < 4; ++i) {
-                        const int f = 4 * q + i;
-                        _mm_storeu_ps(lanePoints_[f % 3][k + static_cast<std::size_t>(f / 3)] + l,
-                                      r[i]);
-                    }
+            for (int q = 0; q < 3; ++q) {
+                // Lanes 0 to 3 and 4 to 7 turned apart and joined, so that each row of lanes is
+                // one store for the wide loads that read it.
+                __m128 low[4], high[4];
+                for (int i = 0; i < 4; ++i) {
+                    low[i] = _mm_loadu_ps(reinterpret_cast<const float*>(from[i] + k) + 4 * q);
+                    high[i] = _mm_loadu_ps(reinterpret_cast<const float*>(from[i + 4] + k) + 4 * q);
+                }
+                _MM_TRANSPOSE4_PS(low[0], low[1], low[2], low[3]);
+                _MM_TRANSPOSE4_PS(high[0], high[1], high[2], high[3]);
+                for (int i = 0; i < 4; ++i) {
+                    const int f = 4 * q + i;
+                    const HalfLanes a = low[i], b = high[i];
+                    storeRow(lanePoints_[f % 3][k + static_cast<std::size_t>(f / 3)],
+                             __builtin_shufflevector(a, b, 0, 1, 2, 3, 4, 5, 6, 7));
                 }
             }
         }
 #endif
         for (; k < n; ++k) {
+            LaneVector x, y, z;
             for (int lane = 0; lane < kLanes; ++lane) {
-                lanePoints_[0][k][lane] = from[lane][k].x;
-                lanePoints_[1][k][lane] = from[lane][k].y;
-                lanePoints_[2][k][lane] = from[lane][k].z;
+                x[lane] = from[lane][k].x;
+                y[lane] = from[lane][k].y;
+                z[lane] = from[lane][k].z;
             }
+            storeRow(lanePoints_[0][k], x);
+            storeRow(lanePoints_[1][k], y);
+            storeRow(lanePoints_[2][k], z);
         }
     }
 
