@@ -116,6 +116,15 @@ struct alignas(32) LaneCells {
 using LaneVector = float __attribute__((vector_size(kLanes * sizeof(float))));
 // A row of lanes stored through a pointer to its floats.
 using LaneStore = float __attribute__((vector_size(kLanes * sizeof(float)), may_alias, aligned(4)));
+// A row of lanes read or written as one vector: a memcpy of one can be split into halves, and a
+// wide load of what two narrow stores just wrote waits for both. The vectors pass by reference,
+// so that no call's ABI hangs on whether AVX is on.
+inline __attribute__((always_inline)) void loadRow(LaneVector& v, const float* row) {
+    v = *reinterpret_cast<const LaneStore*>(row);
+}
+inline __attribute__((always_inline)) void storeRow(float* row, const LaneVector& v) {
+    *reinterpret_cast<LaneStore*>(row) = v;
+}
 using LaneInts = std::int32_t __attribute__((vector_size(kLanes * sizeof(std::int32_t))));
 // The most points of the strands whose batches are worked out in lanes: those of fewer than
 // kSmoothCells cells, where a cell count means one point count.
@@ -325,11 +334,6 @@ class SmoothBatch {
             entry.points = strand;
             entry.out = out;
             entry.strength = strength;
-            for (std::size_t k = 0; k < n; ++k) {
-                lanePoints_[0][k][lane] = strand[k].x;
-                lanePoints_[1][k][lane] = strand[k].y;
-                lanePoints_[2][k][lane] = strand[k].z;
-            }
             if (++count_ == kLanes) flush();
             return;
         }
@@ -462,6 +466,50 @@ class SmoothBatch {
                     lanePoints_[axis][k][lane] = lanePoints_[axis][k][0];
     }
 
+    // The batch's strands' `n` points into lanes, axis by axis; lanes without a strand repeat the
+    // first one's points, so that they hold numbers. Four points of four strands are twelve
+    // floats each, read as three rows per strand and turned by three four by four transposes
+    // into the twelve rows of four lanes they fill; points past the last whole four go one by
+    // one, so that nothing is read past a strand's end.
+    __attribute__((always_inline)) void pointsToLanes(std::size_t n) {
+        const Vec3f* from[kLanes];
+        for (int lane = 0; lane < kLanes; ++lane)
+            from[lane] = lanes_[static_cast<std::size_t>(lane < count_ ? lane : 0)].points.data();
+        std::size_t k = 0;
+#if VELMORIN_SSE_LANES
+        for (; k + 4 <= n; k += 4) {
+            for (int q = 0; q < 3; ++q) {
+                // Lanes 0 to 3 and 4 to 7 turned apart and joined, so that each row of lanes is
+                // one store for the wide loads that read it.
+                __m128 low[4], high[4];
+                for (int i = 0; i < 4; ++i) {
+                    low[i] = _mm_loadu_ps(reinterpret_cast<const float*>(from[i] + k) + 4 * q);
+                    high[i] = _mm_loadu_ps(reinterpret_cast<const float*>(from[i + 4] + k) + 4 * q);
+                }
+                _MM_TRANSPOSE4_PS(low[0], low[1], low[2], low[3]);
+                _MM_TRANSPOSE4_PS(high[0], high[1], high[2], high[3]);
+                for (int i = 0; i < 4; ++i) {
+                    const int f = 4 * q + i;
+                    const HalfLanes a = low[i], b = high[i];
+                    storeRow(lanePoints_[f % 3][k + static_cast<std::size_t>(f / 3)],
+                             __builtin_shufflevector(a, b, 0, 1, 2, 3, 4, 5, 6, 7));
+                }
+            }
+        }
+#endif
+        for (; k < n; ++k) {
+            LaneVector x, y, z;
+            for (int lane = 0; lane < kLanes; ++lane) {
+                x[lane] = from[lane][k].x;
+                y[lane] = from[lane][k].y;
+                z[lane] = from[lane][k].z;
+            }
+            storeRow(lanePoints_[0][k], x);
+            storeRow(lanePoints_[1][k], y);
+            storeRow(lanePoints_[2][k], z);
+        }
+    }
+
     // The batch's strands measured side by side, where all have the same points: each segment's
     // length as segmentLengths makes it, and the arc shares as add makes them for a strand alone
     // (the lengths summed from the root, once for the total and again, each sum scaled as it
@@ -469,15 +517,15 @@ class SmoothBatch {
     // leaves the batch, the last strand taking its lane.
     __attribute__((always_inline)) void measureLanes() {
         const std::size_t n = static_cast<std::size_t>(box_.m / 4 + 1);
-        repeatFirstLane(count_, n);
+        pointsToLanes(n);
         const LaneVector zero{}, one = zero + 1.0f;
         LaneVector total = zero;
         for (std::size_t k = 1; k < n; ++k) {
             LaneVector d[3];
             for (int axis = 0; axis < 3; ++axis) {
                 LaneVector p1, p0;
-                __builtin_memcpy(&p1, lanePoints_[axis][k], sizeof p1);
-                __builtin_memcpy(&p0, lanePoints_[axis][k - 1], sizeof p0);
+                loadRow(p1, lanePoints_[axis][k]);
+                loadRow(p0, lanePoints_[axis][k - 1]);
                 d[axis] = p1 - p0;
             }
             const LaneVector squared = d[0] * d[0] + d[1] * d[1] + d[2] * d[2];
@@ -485,7 +533,7 @@ class SmoothBatch {
                 squareRoots(__builtin_shufflevector(squared, squared, 0, 1, 2, 3)),
                 squareRoots(__builtin_shufflevector(squared, squared, 4, 5, 6, 7)), 0, 1, 2, 3, 4,
                 5, 6, 7);
-            __builtin_memcpy(laneLengths_[k], &size, sizeof size);
+            storeRow(laneLengths_[k], size);
             total += size;
         }
         LaneVector toShare = one / total;
@@ -515,13 +563,13 @@ class SmoothBatch {
             }
         }
         LaneVector sum = zero;
-        __builtin_memcpy(laneShares_[0], &sum, sizeof sum);
+        storeRow(laneShares_[0], sum);
         for (std::size_t k = 1; k < n; ++k) {
             LaneVector size;
-            __builtin_memcpy(&size, laneLengths_[k], sizeof size);
+            loadRow(size, laneLengths_[k]);
             sum += size;
             const LaneVector share = sum * toShare;
-            __builtin_memcpy(laneShares_[k], &share, sizeof share);
+            storeRow(laneShares_[k], share);
         }
     }
 
@@ -533,21 +581,20 @@ class SmoothBatch {
         const std::size_t n = static_cast<std::size_t>(m / 4 + 1);
         const LaneVector zero{}, one = zero + 1.0f, cellCount = zero + static_cast<float>(m);
         for (std::size_t k = 1; k < n; ++k) {
-            // Rows of lanes move through memcpy, which the compiler makes one load or store.
             LaneVector at, before;
-            __builtin_memcpy(&at, laneShares_[k], sizeof at);
-            __builtin_memcpy(&before, laneShares_[k - 1], sizeof before);
+            loadRow(at, laneShares_[k]);
+            loadRow(before, laneShares_[k - 1]);
             const LaneVector span = at - before;
             const auto positive = span > zero;
             const LaneVector inverse = one / (positive ? span : one);
             for (int axis = 0; axis < 3; ++axis) {
                 LaneVector p1, p0;
-                __builtin_memcpy(&p1, lanePoints_[axis][k], sizeof p1);
-                __builtin_memcpy(&p0, lanePoints_[axis][k - 1], sizeof p0);
+                loadRow(p1, lanePoints_[axis][k]);
+                loadRow(p0, lanePoints_[axis][k - 1]);
                 const LaneVector slope = positive ? (p1 - p0) * inverse : zero;
                 const LaneVector base = positive ? p0 - slope * before : p1;
-                __builtin_memcpy(laneSlopes_[axis][k], &slope, sizeof slope);
-                __builtin_memcpy(laneBases_[axis][k], &base, sizeof base);
+                storeRow(laneSlopes_[axis][k], slope);
+                storeRow(laneBases_[axis][k], base);
             }
             // cellsUpTo in lanes, with the cells' shares j / m made by the same division.
             const LaneVector reach = at * cellCount;
@@ -559,7 +606,7 @@ class SmoothBatch {
                                      ((g / cellCount <= at) ? one : zero) +
                                      ((above / cellCount <= at) ? one : zero);
             const LaneVector next = count < cellCount ? count : cellCount;
-            __builtin_memcpy(laneNext_[k], &next, sizeof next);
+            storeRow(laneNext_[k], next);
         }
         // Straight into the filter's rows of lanes: segment k writes, in each lane, the cells from
         // its first on, over those of the segments before it, so that each cell ends with the
@@ -570,23 +617,23 @@ class SmoothBatch {
         int low = 0;
         for (std::size_t k = 1; k < n; ++k) {
             LaneVector next = cellCount;
-            if (k + 1 < n) __builtin_memcpy(&next, laneNext_[k], sizeof next);
+            if (k + 1 < n) loadRow(next, laneNext_[k]);
             int high = 0;
             for (int lane = 0; lane < kLanes; ++lane)
                 high = std::max(high, static_cast<int>(next[lane]));
             LaneVector base[3], slope[3];
             for (int axis = 0; axis < 3; ++axis) {
-                __builtin_memcpy(&base[axis], laneBases_[axis][k], sizeof base[axis]);
-                __builtin_memcpy(&slope[axis], laneSlopes_[axis][k], sizeof slope[axis]);
+                loadRow(base[axis], laneBases_[axis][k]);
+                loadRow(slope[axis], laneSlopes_[axis][k]);
             }
             for (int j = low; j < high; ++j) {
                 const auto holds = (zero + static_cast<float>(j)) >= first;
                 const LaneVector step = zero + steps[j];
                 for (int axis = 0; axis < 3; ++axis) {
                     LaneVector cell;
-                    __builtin_memcpy(&cell, cells_.curve[axis][j], sizeof cell);
+                    loadRow(cell, cells_.curve[axis][j]);
                     cell = holds ? base[axis] + slope[axis] * step : cell;
-                    __builtin_memcpy(cells_.curve[axis][j], &cell, sizeof cell);
+                    storeRow(cells_.curve[axis][j], cell);
                 }
             }
             // The next segment's cells start where the lowest lane's of them do.
@@ -736,13 +783,13 @@ class SmoothBatch {
             strength[lane] = lanes_[static_cast<std::size_t>(lane)].strength;
         LaneVector before[3], at[3];
         for (int axis = 0; axis < 3; ++axis) {
-            __builtin_memcpy(&before[axis], lanePoints_[axis][0], sizeof before[axis]);
+            loadRow(before[axis], lanePoints_[axis][0]);
             at[axis] = before[axis];
-            __builtin_memcpy(laneOut_[axis][0], &at[axis], sizeof at[axis]);
+            storeRow(laneOut_[axis][0], at[axis]);
         }
         for (std::size_t k = 1; k < n; ++k) {
             LaneVector share;
-            __builtin_memcpy(&share, laneShares_[k], sizeof share);
+            loadRow(share, laneShares_[k]);
             const LaneVector arc = share * cellCount;
             LaneVector cellAt =
                 __builtin_convertvector(__builtin_convertvector(arc, LaneInts), LaneVector);
@@ -773,7 +820,7 @@ class SmoothBatch {
                 const LaneVector high =
                     __builtin_shufflevector(high0, high1, 0, 1, 2, 3, 4, 5, 6, 7);
                 LaneVector point;
-                __builtin_memcpy(&point, lanePoints_[axis][k], sizeof point);
+                loadRow(point, lanePoints_[axis][k]);
                 const LaneVector smooth = low + (high - low) * f;
                 const LaneVector mixed = point + (smooth - point) * weight;
                 turned[axis] = mixed - before[axis];
@@ -788,7 +835,7 @@ class SmoothBatch {
             const auto sized = size > tiny;
             const LaneVector inverse = one / (sized ? size : one);
             LaneVector kept;
-            __builtin_memcpy(&kept, laneLengths_[k], sizeof kept);
+            loadRow(kept, laneLengths_[k]);
             LaneVector step[3];
             for (int axis = 0; axis < 3; ++axis)
                 step[axis] = turned[axis] * inverse * kept;
@@ -805,10 +852,45 @@ class SmoothBatch {
             }
             for (int axis = 0; axis < 3; ++axis) {
                 at[axis] += step[axis];
-                __builtin_memcpy(laneOut_[axis][k], &at[axis], sizeof at[axis]);
+                storeRow(laneOut_[axis][k], at[axis]);
             }
         }
-        for (int lane = 0; lane < count_; ++lane) {
+        lanesToPoints(n);
+    }
+
+    // The pushed back points out of lanes into each strand, by the transposes pointsToLanes
+    // makes, run backwards: four strands at a time where all four lanes hold one, four points at
+    // a time; the rest one by one, so that nothing is written past a strand's end.
+    __attribute__((always_inline)) void lanesToPoints(std::size_t n) {
+        int lane = 0;
+#if VELMORIN_SSE_LANES
+        const std::size_t whole = n / 4 * 4;
+        for (; lane + 4 <= count_; lane += 4) {
+            float* to[4];
+            for (int i = 0; i < 4; ++i)
+                to[i] = reinterpret_cast<float*>(lanes_[static_cast<std::size_t>(lane + i)].out);
+            for (std::size_t k = 0; k < whole; k += 4) {
+                for (int q = 0; q < 3; ++q) {
+                    __m128 r[4];
+                    for (int i = 0; i < 4; ++i) {
+                        const int f = 4 * q + i;
+                        r[i] = _mm_loadu_ps(laneOut_[f % 3][k + static_cast<std::size_t>(f / 3)] +
+                                            lane);
+                    }
+                    _MM_TRANSPOSE4_PS(r[0], r[1], r[2], r[3]);
+                    for (int i = 0; i < 4; ++i)
+                        _mm_storeu_ps(to[i] + 3 * k + 4 * q, r[i]);
+                }
+            }
+            for (int i = 0; i < 4; ++i) {
+                Vec3f* out = lanes_[static_cast<std::size_t>(lane + i)].out;
+                for (std::size_t k = whole; k < n; ++k)
+                    out[k] = {laneOut_[0][k][lane + i], laneOut_[1][k][lane + i],
+                              laneOut_[2][k][lane + i]};
+            }
+        }
+#endif
+        for (; lane < count_; ++lane) {
             Vec3f* out = lanes_[static_cast<std::size_t>(lane)].out;
             for (std::size_t k = 0; k < n; ++k)
                 out[k] = {laneOut_[0][k][lane], laneOut_[1][k][lane], laneOut_[2][k][lane]};
