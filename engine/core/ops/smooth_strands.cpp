@@ -1,0 +1,974 @@
+// Smooth's strand function: strands resampled into equal arc cells, box-filtered side by side in
+// lanes, read back at their own arcs and pushed back to their segment lengths. The operator node is
+// in smooth_op.cpp.
+#include <algorithm>
+#include <array>
+#include <cmath>
+#include <cstdint>
+#include <limits>
+#include <vector>
+
+#include "base/parallel.h"
+#include "ops/shape_kernels.h"
+#include "ops/shape_ops.h"
+#include "strands/strand_set.h"
+
+#if defined(__GNUC__) && (defined(__x86_64__) || defined(__i386__))
+#include <immintrin.h>
+#endif
+
+namespace velmorin {
+namespace {
+
+constexpr int kPeriod = 2 * kSmoothCells;
+// The differences a box filter reads: a window of up to a period either side of a cell, past the
+// half period it writes.
+constexpr int kReach = kPeriod + kSmoothCells + 2;
+// Strands are smoothed side by side, one lane each: strands with the same number of cells run the
+// same filter steps, so a batch of them runs through the box filters together, one float per
+// strand per cell, which the compiler turns into vector instructions with no chain of additions
+// waiting on itself. Each lane does exactly what a lone strand would, so the bits don't depend on
+// which strands share a batch.
+constexpr int kLanes = 8;
+// A strand's cells as its resampling writes them: m + 1, and room past the tip for a segment's
+// run of eight that starts there.
+constexpr int kRowCells = kSmoothCells + 1 + 8;
+// The curve's cells in lanes, in whole blocks of eight for the transposes.
+constexpr int kCurveRows = (kSmoothCells + 1 + 7) / 8 * 8;
+
+using LaneRow = float[kLanes];
+
+// One box filter's window over the mirrored differences, the same for every strand of m cells:
+// cell j's window runs from j + low to j + high; `mirrored` lists the differences the running sums
+// add, from the window's low end, unrolled from the mirrored period (the first m differences run
+// forward, the next m back the way they came).
+struct BoxWindow {
+    int m = 0;
+    int reach = 0;  // whole cells from the low end's cell to the high end's
+    int count = 0;  // differences summed
+    float lowShare = 0.0f, highShare = 0.0f;
+    float scale = 0.0f;  // 1 / width
+    bool filters = false;
+    std::array<int, kReach> mirrored{};
+    // j / m, each cell's share of the length, from cell -1 to past the tip (stepTable[j + 1]).
+    std::array<float, kRowCells + 2> stepTable{};
+
+    const float* steps() const { return stepTable.data() + 1; }
+
+    // How many of the cells 0 to m - 1 start at or before share `s`: the first cell of the segment
+    // that follows the point at share s. Truncating s * m is off by at most one either way, so
+    // the cells around it are counted by the same comparison the steps make; a share that is no
+    // number counts none.
+    int cellsUpTo(float s) const {
+        const float mf = static_cast<float>(m);
+        float at = s * mf;
+        if (!(at > 0.0f)) at = 0.0f;
+        if (at > mf) at = mf;
+        const int g = static_cast<int>(at);
+        const float* step = steps();
+        const int count = g - 1 + static_cast<int>(step[g - 1] <= s) +
+                          static_cast<int>(step[g] <= s) + static_cast<int>(step[g + 1] <= s);
+        return std::clamp(count, 0, m);
+    }
+
+    void setUp(int cells, float strandScale) {
+        m = cells;
+        // Cells -1 to m + 8: the counts look one past the tip, the writes up to seven.
+        for (int j = -1; j <= m + 8; ++j)
+            stepTable[static_cast<std::size_t>(j + 1)] =
+                static_cast<float>(j) / static_cast<float>(m);
+        // Three boxes make a near Gaussian; a width of 2m or more averages the whole period.
+        const float width =
+            std::min(2.0f * strandScale * static_cast<float>(m), static_cast<float>(2 * m));
+        filters = width > 1e-3f;
+        if (!filters) return;
+        const float low = 0.5f - 0.5f * width, high = 0.5f + 0.5f * width;
+        const int lowCell = static_cast<int>(std::floor(low));
+        const int highCell = static_cast<int>(std::floor(high));
+        lowShare = low - static_cast<float>(lowCell);
+        highShare = high - static_cast<float>(highCell);
+        reach = highCell - lowCell;
+        count = reach + m;
+        scale = 1.0f / width;
+        const int period = 2 * m;
+        int at = lowCell % period;
+        if (at < 0) at += period;
+        for (int i = 0; i < count; ++i) {
+            mirrored[static_cast<std::size_t>(i)] = at < m ? at : period - 1 - at;
+            if (++at == period) at = 0;
+        }
+    }
+};
+
+// A batch's cells, axis by axis, lane by lane: its strands at m + 1 equal arc steps, the segment
+// differences between them, the differences each box filter writes (the next reads them back from
+// the first rows) and the running sums.
+struct alignas(32) LaneCells {
+    LaneRow curve[3][kCurveRows];
+    LaneRow differences[kSmoothCells][3];
+    LaneRow filtered[kSmoothCells][3];
+    LaneRow sums[kReach + 1][3];  // from the window's low end
+};
+
+// A row of lanes as one vector (GCC's vector extension): the compiler makes it one AVX register
+// where the function is built for AVX, two SSE2 registers elsewhere, each lane rounding alike.
+using LaneVector = float __attribute__((vector_size(kLanes * sizeof(float))));
+// A row of lanes stored through a pointer to its floats.
+using LaneStore = float __attribute__((vector_size(kLanes * sizeof(float)), may_alias, aligned(4)));
+// A row of lanes read or written as one vector: a memcpy of one can be split into halves, and a
+// wide load of what two narrow stores just wrote waits for both. The vectors pass by reference,
+// so that no call's ABI hangs on whether AVX is on.
+inline __attribute__((always_inline)) void loadRow(LaneVector& v, const float* row) {
+    v = *reinterpret_cast<const LaneStore*>(row);
+}
+inline __attribute__((always_inline)) void storeRow(float* row, const LaneVector& v) {
+    *reinterpret_cast<LaneStore*>(row) = v;
+}
+using LaneInts = std::int32_t __attribute__((vector_size(kLanes * sizeof(std::int32_t))));
+// The most points of the strands whose batches are worked out in lanes: those of fewer than
+// kSmoothCells cells, where a cell count means one point count.
+constexpr int kLanePoints = (kSmoothCells - 1) / 4 + 1;
+
+// One box filter over the periodic differences `in` of the three axes, in every lane. The
+// integral to either end of a window is a running sum from the lowest end, plus the share of the
+// cell it ends in of that cell's difference. A window's high end is the sum just made, so each
+// cell's output follows its sum in the same step. The axes run side by side, so that each step
+// has three sums to add rather than one waiting on the last. The mirrored differences filter to
+// mirrored values, so only the first m are made. Each window's integral is left undivided by the
+// width: the last pass divides once by the cube of it. The first passes write `out`; the last
+// (`curve` given) rebuilds the curve from the root by the sums of its outputs, there and then.
+inline __attribute__((always_inline)) void boxFilter(const BoxWindow& box,
+                                                     const LaneRow (*__restrict in)[3],
+                                                     LaneRow (*__restrict out)[3],
+                                                     LaneRow (*__restrict sums)[3],
+                                                     LaneRow (*__restrict curve)[kCurveRows]) {
+    const LaneVector lowShare = LaneVector{} + box.lowShare;
+    const LaneVector highShare = LaneVector{} + box.highShare;
+    const LaneVector cube = LaneVector{} + box.scale * box.scale * box.scale;
+    LaneVector sum[3] = {};
+    __builtin_memcpy(sums[0], sum, sizeof sum);
+    const int reach = box.reach;
+    int i = 0;
+    for (; i < reach; ++i) {
+        LaneVector add[3];
+        __builtin_memcpy(add, in[box.mirrored[static_cast<std::size_t>(i)]], sizeof add);
+        for (int axis = 0; axis < 3; ++axis)
+            sum[axis] += add[axis];
+        __builtin_memcpy(sums[i + 1], sum, sizeof sum);
+    }
+    LaneVector rebuilt[3];
+    if (curve) {
+        for (int axis = 0; axis < 3; ++axis)
+            __builtin_memcpy(&rebuilt[axis], curve[axis][0], sizeof rebuilt[axis]);
+    }
+    for (; i < box.count; ++i) {
+        const int j = i - reach;
+        LaneVector add[3], low[3], from[3], filteredRow[3];
+        __builtin_memcpy(add, in[box.mirrored[static_cast<std::size_t>(i)]], sizeof add);
+        __builtin_memcpy(low, in[box.mirrored[static_cast<std::size_t>(j)]], sizeof low);
+        __builtin_memcpy(from, sums[j], sizeof from);
+        for (int axis = 0; axis < 3; ++axis) {
+            const LaneVector to = sum[axis];
+            sum[axis] += add[axis];
+            // The whole cells between the window's ends, the high end's share of the cell it
+            // ends in, less the low end's of the cell it starts in.
+            filteredRow[axis] = (to - from[axis]) + add[axis] * highShare - low[axis] * lowShare;
+        }
+        __builtin_memcpy(sums[i + 1], sum, sizeof sum);
+        if (curve) {
+            for (int axis = 0; axis < 3; ++axis) {
+                rebuilt[axis] += filteredRow[axis] * cube;
+                *reinterpret_cast<LaneStore*>(curve[axis][j + 1]) = rebuilt[axis];
+            }
+        } else {
+            __builtin_memcpy(out[j], filteredRow, sizeof filteredRow);
+        }
+    }
+}
+
+// A batch's cells smoothed: the differences between the cells, three box filters over them and
+// the curve rebuilt from the root by their sums.
+inline __attribute__((always_inline)) void filterLanes(const BoxWindow& box, LaneCells& cells) {
+    if (!box.filters) return;  // a box of no width leaves the cells as they are
+    const int m = box.m;
+    LaneRow(*__restrict differences)[3] = cells.differences;
+    LaneRow(*__restrict filtered)[3] = cells.filtered;
+    for (int j = 0; j < m; ++j)
+        for (int axis = 0; axis < 3; ++axis)
+            for (int l = 0; l < kLanes; ++l)
+                differences[j][axis][l] = cells.curve[axis][j + 1][l] - cells.curve[axis][j][l];
+    // Mirrored to a period of 2m, the differences run back the way they came, which keeps the
+    // directions at the root and the tip.
+    boxFilter(box, differences, filtered, cells.sums, nullptr);
+    boxFilter(box, filtered, differences, cells.sums, nullptr);
+    boxFilter(box, differences, nullptr, cells.sums, cells.curve);
+}
+
+// The square root of one float as std::sqrt makes it, without the check for errno's sake that
+// keeps the compiler from a single instruction.
+inline float squareRoot(float v) {
+#if VELMORIN_SSE_LANES
+    return _mm_cvtss_f32(_mm_sqrt_ss(_mm_set_ss(v)));
+#else
+    return std::sqrt(v);
+#endif
+}
+
+// Half a row of lanes, and the square roots of its lanes as squareRoot makes each.
+using HalfLanes = float __attribute__((vector_size(kLanes / 2 * sizeof(float))));
+inline HalfLanes squareRoots(HalfLanes v) {
+#if VELMORIN_SSE_LANES
+    return _mm_sqrt_ps(v);
+#else
+    for (int lane = 0; lane < kLanes / 2; ++lane)
+        v[lane] = std::sqrt(v[lane]);
+    return v;
+#endif
+}
+
+// Eight cells of one axis on one segment: base + slope * t at the cells' shares t.
+inline void writeCells(float* __restrict row, const float* __restrict steps, float base,
+                       float slope) {
+    for (int i = 0; i < 8; ++i)
+        row[i] = base + slope * steps[i];
+}
+
+// Each strand's cells, axis by axis, as its resampling writes them.
+using StrandRows = float[3][kRowCells];
+
+// Cells 0 to `cells` - 1 of each strand's rows into lanes, four cells of four strands at a time.
+// The stores are as wide as the filter's loads, so that each load finds one store to take its
+// value from.
+inline __attribute__((always_inline)) void rowsToLanes(const StrandRows* rows,
+                                                       LaneRow (*curve)[kCurveRows], int cells) {
+    for (int axis = 0; axis < 3; ++axis) {
+#if VELMORIN_SSE_LANES
+        for (int j = 0; j < cells; j += 4) {
+            for (int l = 0; l < kLanes; l += 4) {
+                __m128 a = _mm_loadu_ps(rows[l][axis] + j);
+                __m128 b = _mm_loadu_ps(rows[l + 1][axis] + j);
+                __m128 c = _mm_loadu_ps(rows[l + 2][axis] + j);
+                __m128 d = _mm_loadu_ps(rows[l + 3][axis] + j);
+                _MM_TRANSPOSE4_PS(a, b, c, d);
+                _mm_storeu_ps(curve[axis][j] + l, a);
+                _mm_storeu_ps(curve[axis][j + 1] + l, b);
+                _mm_storeu_ps(curve[axis][j + 2] + l, c);
+                _mm_storeu_ps(curve[axis][j + 3] + l, d);
+            }
+        }
+#else
+        for (int j = 0; j < cells; ++j)
+            for (int l = 0; l < kLanes; ++l)
+                curve[axis][j][l] = rows[l][axis][j];
+#endif
+    }
+}
+
+#if defined(__GNUC__) && (defined(__x86_64__) || defined(__i386__))
+// The same steps eight lanes to an instruction, on processors with AVX. Its operations round as
+// SSE2's do and there is no fused multiply-add, so both give the same bits. The transposes are
+// eight by eight here, so that the filter's loads of eight lanes each find one store.
+__attribute__((target("avx"))) void rowsToLanesWide(const StrandRows* rows,
+                                                    LaneRow (*curve)[kCurveRows], int cells) {
+    for (int axis = 0; axis < 3; ++axis) {
+        for (int j = 0; j < cells; j += 8) {
+            __m256 r[8];
+            for (int l = 0; l < kLanes; ++l)
+                r[l] = _mm256_loadu_ps(rows[l][axis] + j);
+            const __m256 t0 = _mm256_unpacklo_ps(r[0], r[1]), t1 = _mm256_unpackhi_ps(r[0], r[1]);
+            const __m256 t2 = _mm256_unpacklo_ps(r[2], r[3]), t3 = _mm256_unpackhi_ps(r[2], r[3]);
+            const __m256 t4 = _mm256_unpacklo_ps(r[4], r[5]), t5 = _mm256_unpackhi_ps(r[4], r[5]);
+            const __m256 t6 = _mm256_unpacklo_ps(r[6], r[7]), t7 = _mm256_unpackhi_ps(r[6], r[7]);
+            const __m256 u0 = _mm256_shuffle_ps(t0, t2, 0x44), u1 = _mm256_shuffle_ps(t0, t2, 0xEE);
+            const __m256 u2 = _mm256_shuffle_ps(t1, t3, 0x44), u3 = _mm256_shuffle_ps(t1, t3, 0xEE);
+            const __m256 u4 = _mm256_shuffle_ps(t4, t6, 0x44), u5 = _mm256_shuffle_ps(t4, t6, 0xEE);
+            const __m256 u6 = _mm256_shuffle_ps(t5, t7, 0x44), u7 = _mm256_shuffle_ps(t5, t7, 0xEE);
+            const __m256 columns[8] = {
+                _mm256_permute2f128_ps(u0, u4, 0x20), _mm256_permute2f128_ps(u1, u5, 0x20),
+                _mm256_permute2f128_ps(u2, u6, 0x20), _mm256_permute2f128_ps(u3, u7, 0x20),
+                _mm256_permute2f128_ps(u0, u4, 0x31), _mm256_permute2f128_ps(u1, u5, 0x31),
+                _mm256_permute2f128_ps(u2, u6, 0x31), _mm256_permute2f128_ps(u3, u7, 0x31)};
+            for (int i = 0; i < 8; ++i)
+                _mm256_storeu_ps(curve[axis][j + i], columns[i]);
+        }
+    }
+}
+
+#define VELMORIN_SMOOTH_AVX 1
+#endif
+
+// The strands of one batch: where each lane's strand lies and what it keeps for the read back.
+struct LaneStrand {
+    std::span<const Vec3f> points;
+    Vec3f* out = nullptr;
+    float strength = 0.0f;
+    std::span<float> shares;
+    std::span<float> lengths;
+};
+
+// Smooths up to kLanes strands of the same cell count through their cells and writes them out.
+// Built twice, for SSE2 and for AVX (kWide), every step inlined into the chunk that runs it, so
+// that the loops along a strand's points and cells take the wider lanes where the processor has
+// them; both round alike, so they give the same bits.
+template <bool kWide>
+class SmoothBatch {
+  public:
+    explicit SmoothBatch(const SmoothSettings& settings)
+        : settings_(settings), flatProfile_(settings.profile.keys.empty()) {}
+
+    // Takes a strand in, smoothing the batch first when it is full or made for another cell count.
+    // A strand of no length, or of none a float can share out, is copied as it is.
+    __attribute__((always_inline)) void add(std::span<const Vec3f> strand, Vec3f* out,
+                                            float strength) {
+        const std::size_t n = strand.size();
+        // About four cells a segment, 127 at most.
+        const int m = static_cast<int>(std::min<std::size_t>(kSmoothCells, 4 * (n - 1)));
+        if (count_ > 0 && m != box_.m) flush();
+        if (m != box_.m) box_.setUp(m, settings_.scale);
+        const int lane = count_;
+        LaneStrand& entry = lanes_[static_cast<std::size_t>(lane)];
+        if (m < kSmoothCells) {
+            // Every strand of this cell count has n points: they are measured side by side, one
+            // strand per lane, when the batch is smoothed.
+            entry.points = strand;
+            entry.out = out;
+            entry.strength = strength;
+            if (++count_ == kLanes) flush();
+            return;
+        }
+        entry.shares = shareScratch_[static_cast<std::size_t>(lane)].take(n);
+        entry.lengths = lengthScratch_[static_cast<std::size_t>(lane)].take(n);
+        float* __restrict share = entry.shares.data();
+        float* __restrict lengths = entry.lengths.data();
+        // The arc shares as arcShares makes them, with each segment's length kept for the push
+        // back.
+        segmentLengths(strand, entry.lengths);
+        float total = 0.0f;
+        for (std::size_t k = 1; k < n; ++k)
+            total += lengths[k];
+        const float toShare = 1.0f / total;
+        if (!(toShare > 0.0f && toShare <= std::numeric_limits<float>::max())) {
+            std::copy(strand.begin(), strand.end(), out);
+            return;
+        }
+        // The same sums again, each scaled as it comes.
+        share[0] = 0.0f;
+        float sum = 0.0f;
+        for (std::size_t k = 1; k < n; ++k) {
+            sum += lengths[k];
+            share[k] = sum * toShare;
+        }
+        entry.points = strand;
+        entry.out = out;
+        entry.strength = strength;
+        if (++count_ == kLanes) flush();
+    }
+
+    // Smooths the strands taken in and writes them out.
+    __attribute__((always_inline)) void flush() {
+        if (count_ == 0) return;
+        if (box_.m < kSmoothCells) {
+            measureLanes();
+            if (count_ == 0) return;
+            resampleLanes();
+            filterLanes(box_, cells_);
+            mixAndPushLanes();
+            count_ = 0;
+            return;
+        }
+        for (int lane = 0; lane < count_; ++lane)
+            resampleStrand(lane);
+        // Lanes without a strand run on zeros, never on what a denormal or a NaN would slow.
+        for (int lane = count_; lane < kLanes; ++lane)
+            for (int axis = 0; axis < 3; ++axis)
+                std::fill_n(rows_[lane][axis], kCurveRows, 0.0f);
+#if VELMORIN_SMOOTH_AVX
+        if constexpr (kWide)
+            rowsToLanesWide(rows_, cells_.curve, box_.m + 1);
+        else
+            rowsToLanes(rows_, cells_.curve, box_.m + 1);
+#else
+        rowsToLanes(rows_, cells_.curve, box_.m + 1);
+#endif
+        filterLanes(box_, cells_);
+        // Every lane read back and mixed, then every lane pushed back and written: the steps of
+        // one strand wait on each other, those of different strands don't.
+        std::size_t points = 0;
+        for (int lane = 0; lane < count_; ++lane)
+            points += lanes_[static_cast<std::size_t>(lane)].points.size();
+        float* mixed = mixedScratch_.take(3 * points).data();
+        float* at = mixed;
+        for (int lane = 0; lane < count_; ++lane) {
+            mixLane(lane, at);
+            at += 3 * lanes_[static_cast<std::size_t>(lane)].points.size();
+        }
+        at = mixed;
+        for (int lane = 0; lane < count_; ++lane) {
+            pushLane(lane, at);
+            at += 3 * lanes_[static_cast<std::size_t>(lane)].points.size();
+        }
+        count_ = 0;
+    }
+
+  private:
+    // The strand at m + 1 equal arc steps: each cell lies on the first segment that reaches its
+    // share of the length, so segment k holds the cells from the count of those at or before
+    // point k - 1's share to the count of those at or before point k's. On segment k the strand is
+    // base + slope * t (a segment of no length holds its end). Each segment writes eight cells at
+    // a time from its first, and the next writes over what ran past its own, so no cell waits on
+    // the one before it to find its segment.
+    __attribute__((always_inline)) void writeSegment(int lane, int& first, int next,
+                                                     const Vec3f& base, const Vec3f& slope) {
+        const float* steps = box_.steps();
+        float* __restrict rx = rows_[lane][0];
+        float* __restrict ry = rows_[lane][1];
+        float* __restrict rz = rows_[lane][2];
+        int j = first;
+        do {
+            writeCells(rx + j, steps + j, base.x, slope.x);
+            writeCells(ry + j, steps + j, base.y, slope.y);
+            writeCells(rz + j, steps + j, base.z, slope.z);
+            j += 8;
+        } while (j < next);
+        first = next;
+    }
+
+    // One lane's strand into its cells, segment after segment.
+    __attribute__((always_inline)) void resampleStrand(int lane) {
+        const LaneStrand& entry = lanes_[static_cast<std::size_t>(lane)];
+        const std::span<const Vec3f> strand = entry.points;
+        const float* share = entry.shares.data();
+        const int m = box_.m;
+        const std::size_t last = strand.size() - 1;
+        int first = 0;
+        for (std::size_t k = 1; k <= last; ++k) {
+            const int next = k < last ? box_.cellsUpTo(share[k]) : m;
+            const float span = share[k] - share[k - 1];
+            Vec3f slope, base = strand[k];
+            if (span > 0.0f) {
+                slope = (strand[k] - strand[k - 1]) * (1.0f / span);
+                base = strand[k - 1] - slope * share[k - 1];
+            }
+            writeSegment(lane, first, next, base, slope);
+        }
+        float* const row[3] = {rows_[lane][0], rows_[lane][1], rows_[lane][2]};
+        row[0][m] = strand[last].x;
+        row[1][m] = strand[last].y;
+        row[2][m] = strand[last].z;
+    }
+
+    // Lanes from `lane` on repeat the first one's points, so that they hold numbers.
+    __attribute__((always_inline)) void repeatFirstLane(int lane, std::size_t n) {
+        for (; lane < kLanes; ++lane)
+            for (std::size_t k = 0; k < n; ++k)
+                for (int axis = 0; axis < 3; ++axis)
+                    lanePoints_[axis][k][lane] = lanePoints_[axis][k][0];
+    }
+
+    // The batch's strands' `n` points into lanes, axis by axis; lanes without a strand repeat the
+    // first one's points, so that they hold numbers. Four points of four strands are twelve
+    // floats each, read as three rows per strand and turned by three four by four transposes
+    // into the twelve rows of four lanes they fill; points past the last whole four go one by
+    // one, so that nothing is read past a strand's end.
+    __attribute__((always_inline)) void pointsToLanes(std::size_t n) {
+        const Vec3f* from[kLanes];
+        for (int lane = 0; lane < kLanes; ++lane)
+            from[lane] = lanes_[static_cast<std::size_t>(lane < count_ ? lane : 0)].points.data();
+        std::size_t k = 0;
+#if VELMORIN_SSE_LANES
+        for (; k + 4 <= n; k += 4) {
+            for (int q = 0; q < 3; ++q) {
+                // Lanes 0 to 3 and 4 to 7 turned apart and joined, so that each row of lanes is
+                // one store for the wide loads that read it.
+                __m128 low[4], high[4];
+                for (int i = 0; i < 4; ++i) {
+                    low[i] = _mm_loadu_ps(reinterpret_cast<const float*>(from[i] + k) + 4 * q);
+                    high[i] = _mm_loadu_ps(reinterpret_cast<const float*>(from[i + 4] + k) + 4 * q);
+                }
+                _MM_TRANSPOSE4_PS(low[0], low[1], low[2], low[3]);
+                _MM_TRANSPOSE4_PS(high[0], high[1], high[2], high[3]);
+                for (int i = 0; i < 4; ++i) {
+                    const int f = 4 * q + i;
+                    const HalfLanes a = low[i], b = high[i];
+                    storeRow(lanePoints_[f % 3][k + static_cast<std::size_t>(f / 3)],
+                             __builtin_shufflevector(a, b, 0, 1, 2, 3, 4, 5, 6, 7));
+                }
+            }
+        }
+#endif
+        for (; k < n; ++k) {
+            LaneVector x, y, z;
+            for (int lane = 0; lane < kLanes; ++lane) {
+                x[lane] = from[lane][k].x;
+                y[lane] = from[lane][k].y;
+                z[lane] = from[lane][k].z;
+            }
+            storeRow(lanePoints_[0][k], x);
+            storeRow(lanePoints_[1][k], y);
+            storeRow(lanePoints_[2][k], z);
+        }
+    }
+
+    // The batch's strands measured side by side, where all have the same points: each segment's
+    // length as segmentLengths makes it, and the arc shares as add makes them for a strand alone
+    // (the lengths summed from the root, once for the total and again, each sum scaled as it
+    // comes). A strand of no length, or of none a float can share out, is copied as it is and
+    // leaves the batch, the last strand taking its lane.
+    __attribute__((always_inline)) void measureLanes() {
+        const std::size_t n = static_cast<std::size_t>(box_.m / 4 + 1);
+        pointsToLanes(n);
+        const LaneVector zero{}, one = zero + 1.0f;
+        LaneVector total = zero;
+        for (std::size_t k = 1; k < n; ++k) {
+            LaneVector d[3];
+            for (int axis = 0; axis < 3; ++axis) {
+                LaneVector p1, p0;
+                loadRow(p1, lanePoints_[axis][k]);
+                loadRow(p0, lanePoints_[axis][k - 1]);
+                d[axis] = p1 - p0;
+            }
+            const LaneVector squared = d[0] * d[0] + d[1] * d[1] + d[2] * d[2];
+            const LaneVector size = __builtin_shufflevector(
+                squareRoots(__builtin_shufflevector(squared, squared, 0, 1, 2, 3)),
+                squareRoots(__builtin_shufflevector(squared, squared, 4, 5, 6, 7)), 0, 1, 2, 3, 4,
+                5, 6, 7);
+            storeRow(laneLengths_[k], size);
+            total += size;
+        }
+        LaneVector toShare = one / total;
+        const auto shares =
+            (toShare > zero) & (toShare <= zero + std::numeric_limits<float>::max());
+        for (int lane = count_ - 1; lane >= 0; --lane) {
+            if (shares[lane]) continue;
+            const LaneStrand& entry = lanes_[static_cast<std::size_t>(lane)];
+            std::copy(entry.points.begin(), entry.points.end(), entry.out);
+            const int last = --count_;
+            if (lane == last) continue;
+            lanes_[static_cast<std::size_t>(lane)] = lanes_[static_cast<std::size_t>(last)];
+            toShare[lane] = toShare[last];
+            for (std::size_t k = 0; k < n; ++k) {
+                laneLengths_[k][lane] = laneLengths_[k][last];
+                for (int axis = 0; axis < 3; ++axis)
+                    lanePoints_[axis][k][lane] = lanePoints_[axis][k][last];
+            }
+        }
+        if (count_ == 0) return;
+        if (count_ < kLanes) {
+            repeatFirstLane(count_, n);
+            for (int lane = count_; lane < kLanes; ++lane) {
+                toShare[lane] = toShare[0];
+                for (std::size_t k = 1; k < n; ++k)
+                    laneLengths_[k][lane] = laneLengths_[k][0];
+            }
+        }
+        LaneVector sum = zero;
+        storeRow(laneShares_[0], sum);
+        for (std::size_t k = 1; k < n; ++k) {
+            LaneVector size;
+            loadRow(size, laneLengths_[k]);
+            sum += size;
+            const LaneVector share = sum * toShare;
+            storeRow(laneShares_[k], share);
+        }
+    }
+
+    // The batch's strands into their cells where all have the same points: each segment's base,
+    // slope and cells worked out for every lane at once, by the steps resampleStrand takes, then
+    // the cells written for every lane at once into the filter's rows.
+    __attribute__((always_inline)) void resampleLanes() {
+        const int m = box_.m;
+        const std::size_t n = static_cast<std::size_t>(m / 4 + 1);
+        const LaneVector zero{}, one = zero + 1.0f, cellCount = zero + static_cast<float>(m);
+        for (std::size_t k = 1; k < n; ++k) {
+            LaneVector at, before;
+            loadRow(at, laneShares_[k]);
+            loadRow(before, laneShares_[k - 1]);
+            const LaneVector span = at - before;
+            const auto positive = span > zero;
+            const LaneVector inverse = one / (positive ? span : one);
+            for (int axis = 0; axis < 3; ++axis) {
+                LaneVector p1, p0;
+                loadRow(p1, lanePoints_[axis][k]);
+                loadRow(p0, lanePoints_[axis][k - 1]);
+                const LaneVector slope = positive ? (p1 - p0) * inverse : zero;
+                const LaneVector base = positive ? p0 - slope * before : p1;
+                storeRow(laneSlopes_[axis][k], slope);
+                storeRow(laneBases_[axis][k], base);
+            }
+            // cellsUpTo in lanes, with the cells' shares j / m made by the same division.
+            const LaneVector reach = at * cellCount;
+            const LaneVector g = __builtin_convertvector(
+                __builtin_convertvector(reach < cellCount ? reach : cellCount, LaneInts),
+                LaneVector);
+            const LaneVector below = g - one, above = g + one;
+            const LaneVector count = below + ((below / cellCount <= at) ? one : zero) +
+                                     ((g / cellCount <= at) ? one : zero) +
+                                     ((above / cellCount <= at) ? one : zero);
+            const LaneVector next = count < cellCount ? count : cellCount;
+            storeRow(laneNext_[k], next);
+        }
+        // Straight into the filter's rows of lanes: segment k writes, in each lane, the cells from
+        // its first on, over those of the segments before it, so that each cell ends with the
+        // segment that holds it; only the cells some lane's segment k holds are visited. Each
+        // cell is base + slope * its share, as writeCells makes it.
+        const float* steps = box_.steps();
+        LaneVector first = zero;
+        int low = 0;
+        for (std::size_t k = 1; k < n; ++k) {
+            LaneVector next = cellCount;
+            if (k + 1 < n) loadRow(next, laneNext_[k]);
+            int high = 0;
+            for (int lane = 0; lane < kLanes; ++lane)
+                high = std::max(high, static_cast<int>(next[lane]));
+            LaneVector base[3], slope[3];
+            for (int axis = 0; axis < 3; ++axis) {
+                loadRow(base[axis], laneBases_[axis][k]);
+                loadRow(slope[axis], laneSlopes_[axis][k]);
+            }
+            for (int j = low; j < high; ++j) {
+                const auto holds = (zero + static_cast<float>(j)) >= first;
+                const LaneVector step = zero + steps[j];
+                for (int axis = 0; axis < 3; ++axis) {
+                    LaneVector cell;
+                    loadRow(cell, cells_.curve[axis][j]);
+                    cell = holds ? base[axis] + slope[axis] * step : cell;
+                    storeRow(cells_.curve[axis][j], cell);
+                }
+            }
+            // The next segment's cells start where the lowest lane's of them do.
+            int lowest = m;
+            for (int lane = 0; lane < kLanes; ++lane)
+                lowest = std::min(lowest, static_cast<int>(next[lane]));
+            low = lowest;
+            first = next;
+        }
+        for (int axis = 0; axis < 3; ++axis)
+            __builtin_memcpy(cells_.curve[axis][m], lanePoints_[axis][n - 1],
+                             sizeof cells_.curve[axis][m]);
+    }
+
+    // Reads lane `lane`'s smoothed curve back at its strand's own arcs and mixes it with the
+    // strand, into `mixed` (three rows of the strand's points). Four points at a time in SSE
+    // lanes, which round as the scalar steps after them do.
+    __attribute__((always_inline)) void mixLane(int lane, float* __restrict mixed) {
+        const LaneStrand& entry = lanes_[static_cast<std::size_t>(lane)];
+        const std::span<const Vec3f> strand = entry.points;
+        const std::size_t n = strand.size();
+        const int m = box_.m;
+        const float* __restrict share = entry.shares.data();
+        float* __restrict mx = mixed;
+        float* __restrict my = mixed + n;
+        float* __restrict mz = mixed + 2 * n;
+        const LaneRow(&x)[kCurveRows] = cells_.curve[0];
+        const LaneRow(&y)[kCurveRows] = cells_.curve[1];
+        const LaneRow(&z)[kCurveRows] = cells_.curve[2];
+        // The root is read back at the curve's first cell, which is the root.
+        mx[0] = strand[0].x;
+        my[0] = strand[0].y;
+        mz[0] = strand[0].z;
+        std::size_t k = 1;
+#if VELMORIN_SSE_LANES
+        const __m128 cellCount = _mm_set1_ps(static_cast<float>(m));
+        const __m128 lastCell = _mm_set1_ps(static_cast<float>(m - 1));
+        for (; k + 4 <= n; k += 4) {
+            const __m128 arc = _mm_mul_ps(_mm_loadu_ps(share + k), cellCount);
+            const __m128 cellAt = _mm_min_ps(_mm_cvtepi32_ps(_mm_cvttps_epi32(arc)), lastCell);
+            const __m128 f = _mm_sub_ps(arc, cellAt);
+            alignas(16) std::int32_t cell[4];
+            _mm_store_si128(reinterpret_cast<__m128i*>(cell), _mm_cvttps_epi32(cellAt));
+            __m128 weight = _mm_set1_ps(entry.strength);
+            if (!flatProfile_)
+                weight = _mm_mul_ps(weight, _mm_setr_ps(settings_.profile.at(share[k]),
+                                                        settings_.profile.at(share[k + 1]),
+                                                        settings_.profile.at(share[k + 2]),
+                                                        settings_.profile.at(share[k + 3])));
+            const Vec3f* p = strand.data() + k;
+            // The smoothed curve read back between the cells around each point's share, and
+            // mixed with the point.
+            const auto mix = [&](const LaneRow* row, __m128 point) __attribute__((always_inline)) {
+                const __m128 low = _mm_setr_ps(row[cell[0]][lane], row[cell[1]][lane],
+                                               row[cell[2]][lane], row[cell[3]][lane]);
+                const __m128 high = _mm_setr_ps(row[cell[0] + 1][lane], row[cell[1] + 1][lane],
+                                                row[cell[2] + 1][lane], row[cell[3] + 1][lane]);
+                const __m128 smooth = _mm_add_ps(low, _mm_mul_ps(_mm_sub_ps(high, low), f));
+                return _mm_add_ps(point, _mm_mul_ps(_mm_sub_ps(smooth, point), weight));
+            };
+            _mm_storeu_ps(mx + k, mix(x, _mm_setr_ps(p[0].x, p[1].x, p[2].x, p[3].x)));
+            _mm_storeu_ps(my + k, mix(y, _mm_setr_ps(p[0].y, p[1].y, p[2].y, p[3].y)));
+            _mm_storeu_ps(mz + k, mix(z, _mm_setr_ps(p[0].z, p[1].z, p[2].z, p[3].z)));
+        }
+#endif
+        for (; k < n; ++k) {
+            const float arc = share[k] * static_cast<float>(m);
+            const int cell = std::min(static_cast<int>(arc), m - 1);
+            const Vec3f low{x[cell][lane], y[cell][lane], z[cell][lane]};
+            const Vec3f high{x[cell + 1][lane], y[cell + 1][lane], z[cell + 1][lane]};
+            const Vec3f smooth = lerp(low, high, arc - static_cast<float>(cell));
+            const float weight =
+                flatProfile_ ? entry.strength : entry.strength * settings_.profile.at(share[k]);
+            const Vec3f mixed = lerp(strand[k], smooth, weight);
+            mx[k] = mixed.x;
+            my[k] = mixed.y;
+            mz[k] = mixed.z;
+        }
+    }
+
+    // Pushes lane `lane`'s points back to keep its strand's segment lengths, each segment along
+    // the mixed shape's direction (`mixed` as mixLane made it), and writes them out. The
+    // directions four segments at a time in SSE lanes, whose square roots and divisions round as
+    // the scalar ones after them do.
+    __attribute__((always_inline)) void pushLane(int lane, const float* __restrict mixed) {
+        const LaneStrand& entry = lanes_[static_cast<std::size_t>(lane)];
+        const std::span<const Vec3f> strand = entry.points;
+        const std::size_t n = strand.size();
+        const float* __restrict lengths = entry.lengths.data();
+        const float* __restrict mx = mixed;
+        const float* __restrict my = mixed + n;
+        const float* __restrict mz = mixed + 2 * n;
+        Vec3f* out = entry.out;
+        Vec3f at = strand[0];
+        out[0] = at;
+        std::size_t k = 1;
+#if VELMORIN_SSE_LANES
+        const __m128 tiny = _mm_set1_ps(1e-20f), one = _mm_set1_ps(1.0f);
+        for (; k + 4 <= n; k += 4) {
+            const __m128 tx = _mm_sub_ps(_mm_loadu_ps(mx + k), _mm_loadu_ps(mx + k - 1));
+            const __m128 ty = _mm_sub_ps(_mm_loadu_ps(my + k), _mm_loadu_ps(my + k - 1));
+            const __m128 tz = _mm_sub_ps(_mm_loadu_ps(mz + k), _mm_loadu_ps(mz + k - 1));
+            const __m128 size = _mm_sqrt_ps(
+                _mm_add_ps(_mm_add_ps(_mm_mul_ps(tx, tx), _mm_mul_ps(ty, ty)), _mm_mul_ps(tz, tz)));
+            const __m128 sized = _mm_cmpgt_ps(size, tiny);
+            const __m128 inverse =
+                _mm_div_ps(one, _mm_or_ps(_mm_and_ps(sized, size), _mm_andnot_ps(sized, one)));
+            const __m128 kept = _mm_loadu_ps(lengths + k);
+            alignas(16) float sx[4], sy[4], sz[4];
+            _mm_store_ps(sx, _mm_mul_ps(_mm_mul_ps(tx, inverse), kept));
+            _mm_store_ps(sy, _mm_mul_ps(_mm_mul_ps(ty, inverse), kept));
+            _mm_store_ps(sz, _mm_mul_ps(_mm_mul_ps(tz, inverse), kept));
+            const int hasSize = _mm_movemask_ps(sized);
+            for (std::size_t i = 0; i < 4; ++i) {
+                Vec3f step{sx[i], sy[i], sz[i]};
+                // Where the mixed shape folds a segment to nothing, it keeps its direction.
+                if (!((hasSize >> i) & 1))
+                    step = normalized(strand[k + i] - strand[k + i - 1]) * lengths[k + i];
+                at = at + step;
+                out[k + i] = at;
+            }
+        }
+#endif
+        for (; k < n; ++k) {
+            const Vec3f turned{mx[k] - mx[k - 1], my[k] - my[k - 1], mz[k] - mz[k - 1]};
+            const float size = squareRoot(dot(turned, turned));
+            const Vec3f along =
+                size > 1e-20f ? turned * (1.0f / size) : normalized(strand[k] - strand[k - 1]);
+            at = at + along * lengths[k];
+            out[k] = at;
+        }
+    }
+
+    // mixLane and pushLane for every lane at once, where the batch's strands have the same
+    // points: each point read back, mixed and pushed back one row of lanes at a time, so that the
+    // square roots and divisions of eight strands take one instruction and the sums along each
+    // strand wait on nothing but their own lane. Each lane takes the steps mixLane and pushLane
+    // take, in the same order, so the bits are theirs.
+    __attribute__((always_inline)) void mixAndPushLanes() {
+        const int m = box_.m;
+        const std::size_t n = static_cast<std::size_t>(m / 4 + 1);
+        const LaneVector zero{}, one = zero + 1.0f, tiny = zero + 1e-20f;
+        const LaneVector cellCount = zero + static_cast<float>(m);
+        const LaneVector lastCell = zero + static_cast<float>(m - 1);
+        LaneVector strength = zero;
+        for (int lane = 0; lane < count_; ++lane)
+            strength[lane] = lanes_[static_cast<std::size_t>(lane)].strength;
+        LaneVector before[3], at[3];
+        for (int axis = 0; axis < 3; ++axis) {
+            loadRow(before[axis], lanePoints_[axis][0]);
+            at[axis] = before[axis];
+            storeRow(laneOut_[axis][0], at[axis]);
+        }
+        for (std::size_t k = 1; k < n; ++k) {
+            LaneVector share;
+            loadRow(share, laneShares_[k]);
+            const LaneVector arc = share * cellCount;
+            LaneVector cellAt =
+                __builtin_convertvector(__builtin_convertvector(arc, LaneInts), LaneVector);
+            cellAt = cellAt < lastCell ? cellAt : lastCell;
+            const LaneInts cell = __builtin_convertvector(cellAt, LaneInts);
+            const LaneVector f = arc - cellAt;
+            LaneVector weight = strength;
+            if (!flatProfile_) {
+                for (int lane = 0; lane < kLanes; ++lane)
+                    weight[lane] *= settings_.profile.at(share[lane]);
+            }
+            LaneVector turned[3];
+            for (int axis = 0; axis < 3; ++axis) {
+                // The smoothed curve between the cells around each lane's share: each lane
+                // reads a cell of its own.
+                const LaneRow* row = cells_.curve[axis];
+                // Built four lanes at a time and joined, so that no wide load waits on narrow
+                // stores.
+                const HalfLanes low0 = {row[cell[0]][0], row[cell[1]][1], row[cell[2]][2],
+                                        row[cell[3]][3]};
+                const HalfLanes low1 = {row[cell[4]][4], row[cell[5]][5], row[cell[6]][6],
+                                        row[cell[7]][7]};
+                const HalfLanes high0 = {row[cell[0] + 1][0], row[cell[1] + 1][1],
+                                         row[cell[2] + 1][2], row[cell[3] + 1][3]};
+                const HalfLanes high1 = {row[cell[4] + 1][4], row[cell[5] + 1][5],
+                                         row[cell[6] + 1][6], row[cell[7] + 1][7]};
+                const LaneVector low = __builtin_shufflevector(low0, low1, 0, 1, 2, 3, 4, 5, 6, 7);
+                const LaneVector high =
+                    __builtin_shufflevector(high0, high1, 0, 1, 2, 3, 4, 5, 6, 7);
+                LaneVector point;
+                loadRow(point, lanePoints_[axis][k]);
+                const LaneVector smooth = low + (high - low) * f;
+                const LaneVector mixed = point + (smooth - point) * weight;
+                turned[axis] = mixed - before[axis];
+                before[axis] = mixed;
+            }
+            const LaneVector squared =
+                turned[0] * turned[0] + turned[1] * turned[1] + turned[2] * turned[2];
+            const LaneVector size = __builtin_shufflevector(
+                squareRoots(__builtin_shufflevector(squared, squared, 0, 1, 2, 3)),
+                squareRoots(__builtin_shufflevector(squared, squared, 4, 5, 6, 7)), 0, 1, 2, 3, 4,
+                5, 6, 7);
+            const auto sized = size > tiny;
+            const LaneVector inverse = one / (sized ? size : one);
+            LaneVector kept;
+            loadRow(kept, laneLengths_[k]);
+            LaneVector step[3];
+            for (int axis = 0; axis < 3; ++axis)
+                step[axis] = turned[axis] * inverse * kept;
+            for (int lane = 0; lane < count_; ++lane) {
+                // Where the mixed shape folds a segment to nothing, it keeps its direction.
+                if (sized[lane]) continue;
+                const Vec3f input{lanePoints_[0][k][lane] - lanePoints_[0][k - 1][lane],
+                                  lanePoints_[1][k][lane] - lanePoints_[1][k - 1][lane],
+                                  lanePoints_[2][k][lane] - lanePoints_[2][k - 1][lane]};
+                const Vec3f along = normalized(input) * laneLengths_[k][lane];
+                step[0][lane] = along.x;
+                step[1][lane] = along.y;
+                step[2][lane] = along.z;
+            }
+            for (int axis = 0; axis < 3; ++axis) {
+                at[axis] += step[axis];
+                storeRow(laneOut_[axis][k], at[axis]);
+            }
+        }
+        lanesToPoints(n);
+    }
+
+    // The pushed back points out of lanes into each strand, by the transposes pointsToLanes
+    // makes, run backwards: four strands at a time where all four lanes hold one, four points at
+    // a time; the rest one by one, so that nothing is written past a strand's end.
+    __attribute__((always_inline)) void lanesToPoints(std::size_t n) {
+        int lane = 0;
+#if VELMORIN_SSE_LANES
+        const std::size_t whole = n / 4 * 4;
+        for (; lane + 4 <= count_; lane += 4) {
+            float* to[4];
+            for (int i = 0; i < 4; ++i)
+                to[i] = reinterpret_cast<float*>(lanes_[static_cast<std::size_t>(lane + i)].out);
+            for (std::size_t k = 0; k < whole; k += 4) {
+                for (int q = 0; q < 3; ++q) {
+                    __m128 r[4];
+                    for (int i = 0; i < 4; ++i) {
+                        const int f = 4 * q + i;
+                        r[i] = _mm_loadu_ps(laneOut_[f % 3][k + static_cast<std::size_t>(f / 3)] +
+                                            lane);
+                    }
+                    _MM_TRANSPOSE4_PS(r[0], r[1], r[2], r[3]);
+                    for (int i = 0; i < 4; ++i)
+                        _mm_storeu_ps(to[i] + 3 * k + 4 * q, r[i]);
+                }
+            }
+            for (int i = 0; i < 4; ++i) {
+                Vec3f* out = lanes_[static_cast<std::size_t>(lane + i)].out;
+                for (std::size_t k = whole; k < n; ++k)
+                    out[k] = {laneOut_[0][k][lane + i], laneOut_[1][k][lane + i],
+                              laneOut_[2][k][lane + i]};
+            }
+        }
+#endif
+        for (; lane < count_; ++lane) {
+            Vec3f* out = lanes_[static_cast<std::size_t>(lane)].out;
+            for (std::size_t k = 0; k < n; ++k)
+                out[k] = {laneOut_[0][k][lane], laneOut_[1][k][lane], laneOut_[2][k][lane]};
+        }
+    }
+
+    const SmoothSettings& settings_;
+    const bool flatProfile_;
+    BoxWindow box_;
+    LaneCells cells_;
+    int count_ = 0;
+    std::array<LaneStrand, kLanes> lanes_;
+    // Per point: on the stack for strands of ordinary length.
+    std::array<StrandScratch<float>, kLanes> shareScratch_;
+    std::array<StrandScratch<float>, kLanes> lengthScratch_;
+    StrandScratch<float, 3 * 32 * kLanes> mixedScratch_;
+    alignas(32) StrandRows rows_[kLanes] = {};
+    // The batch's strands lane by lane, their segments' and the points pushed back, where they
+    // have the same points.
+    alignas(32) LaneRow laneShares_[kLanePoints];
+    alignas(32) LaneRow lanePoints_[3][kLanePoints];
+    alignas(32) LaneRow laneBases_[3][kLanePoints];
+    alignas(32) LaneRow laneSlopes_[3][kLanePoints];
+    alignas(32) LaneRow laneNext_[kLanePoints];
+    alignas(32) LaneRow laneLengths_[kLanePoints];
+    alignas(32) LaneRow laneOut_[3][kLanePoints];
+};
+
+// The strands from `begin` to `end` of the selection, in batches.
+template <bool kWide>
+inline __attribute__((always_inline)) void smoothChunk(const StrandSet& input,
+                                                       const SmoothSettings& settings,
+                                                       const StrandSelection& pick,
+                                                       std::span<Vec3f> points, std::size_t begin,
+                                                       std::size_t end) {
+    SmoothBatch<kWide> batch(settings);
+    for (std::size_t item = begin; item < end; ++item) {
+        const std::size_t s = pick.strand(item);
+        const std::span<const Vec3f> strand = input.strandPoints(s);
+        Vec3f* out = points.data() + input.pointRange(s).begin;
+        const float strength = strand.size() < 2 ? 0.0f : settings.strength.atStrand(s);
+        if (strength == 0.0f) {
+            std::copy(strand.begin(), strand.end(), out);
+            continue;
+        }
+        batch.add(strand, out, strength);
+    }
+    batch.flush();
+}
+
+void smoothChunkNarrow(const StrandSet& input, const SmoothSettings& settings,
+                       const StrandSelection& pick, std::span<Vec3f> points, std::size_t begin,
+                       std::size_t end) {
+    smoothChunk<false>(input, settings, pick, points, begin, end);
+}
+
+#if VELMORIN_SMOOTH_AVX
+__attribute__((target("avx"))) void smoothChunkWide(const StrandSet& input,
+                                                    const SmoothSettings& settings,
+                                                    const StrandSelection& pick,
+                                                    std::span<Vec3f> points, std::size_t begin,
+                                                    std::size_t end) {
+    smoothChunk<true>(input, settings, pick, points, begin, end);
+}
+#endif
+
+}  // namespace
+
+void smoothStrands(const StrandSet& input, const SmoothSettings& settings,
+                   const StrandSelection& pick, std::span<Vec3f> points) {
+#if VELMORIN_SMOOTH_AVX
+    static const bool wide = __builtin_cpu_supports("avx");
+    const auto chunk = wide ? &smoothChunkWide : &smoothChunkNarrow;
+#else
+    const auto chunk = &smoothChunkNarrow;
+#endif
+    parallelRange(0, pick.size(input.strandCount()), 256, [&](std::size_t begin, std::size_t end) {
+        chunk(input, settings, pick, points, begin, end);
+    });
+}
+
+}  // namespace velmorin
