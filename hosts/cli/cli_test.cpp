@@ -19,6 +19,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "base/test/temp_files.h"
 #include "common/commands.h"
 #include "common/render_command.h"
 #include "expr/expression.h"
@@ -41,35 +42,13 @@ struct ToolRun {
     std::string err;
 };
 
-std::string readFile(const fs::path& path) {
-    std::ifstream in(path, std::ios::binary);
-    std::ostringstream text;
-    text << in.rdbuf();
-    return text.str();
-}
-
-// A folder of its own per test, removed after it.
-class Folder {
-  public:
-    Folder() {
-        std::string pattern = (fs::temp_directory_path() / "velmorin_cli_XXXXXX").string();
-        path_ = mkdtemp(pattern.data());
-    }
-    ~Folder() { fs::remove_all(path_); }
-    fs::path operator/(const std::string& name) const { return path_ / name; }
-    fs::path write(const std::string& name, const std::string& text) const {
-        std::ofstream(path_ / name, std::ios::binary) << text;
-        return path_ / name;
-    }
-
-  private:
-    fs::path path_;
-};
+using test::readBytes;
+using test::TempFolder;
 
 // Runs the tool with `args`, its output and messages caught in files (no pipe to fill up). With
 // `terminal`, its messages go to a pseudo-terminal instead, as when a person watches.
 ToolRun velmorin(const std::vector<std::string>& args, bool terminal = false) {
-    Folder folder;
+    TempFolder folder;
     const std::string outPath = (folder / "out").string();
     const std::string errPath = (folder / "err").string();
     posix_spawn_file_actions_t actions;
@@ -101,7 +80,7 @@ ToolRun velmorin(const std::vector<std::string>& args, bool terminal = false) {
     int status = 0;
     waitpid(pid, &status, 0);
     run.exit = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    run.out = readFile(outPath);
+    run.out = readBytes(outPath);
     if (terminal) {
         // What the child wrote waits in the terminal's buffer; with our end of the slave closed,
         // reading past it ends the stream.
@@ -111,7 +90,7 @@ ToolRun velmorin(const std::vector<std::string>& args, bool terminal = false) {
             run.err.append(buffer, static_cast<std::size_t>(n));
         close(master);
     } else {
-        run.err = readFile(errPath);
+        run.err = readBytes(errPath);
     }
     return run;
 }
@@ -204,7 +183,7 @@ TEST(VelmorinTool, ExpressionCheck) {
 }
 
 TEST(VelmorinTool, GraphStatsOfAGraphFile) {
-    Folder folder;
+    TempFolder folder;
     const auto graphPath = folder.write("groom.json", kGraph);
     const ToolRun run = velmorin({"graphStats", "-graph", graphPath.string(), "-guides", "20"});
     ASSERT_EQ(run.exit, 0) << run.err;
@@ -247,7 +226,7 @@ TEST(VelmorinTool, GraphStatsOfTheDefaultGraph) {
 
 // A bar on a terminal, none into a file (GraphStatsOfAGraphFile checks that side).
 TEST(VelmorinTool, ProgressOnlyOnATerminal) {
-    Folder folder;
+    TempFolder folder;
     const auto graphPath = folder.write("groom.json", kGraph);
     const ToolRun run = velmorin({"graphStats", "-graph", graphPath.string(), "-gn", "8"}, true);
     ASSERT_EQ(run.exit, 0) << run.err;
@@ -333,7 +312,7 @@ std::string smallPlaneObj() {
 
 // A folder with the small plane and a groom made on it by `velmorin new`.
 struct SmallGroom {
-    Folder folder;
+    TempFolder folder;
     std::string obj = folder.write("plane.obj", smallPlaneObj()).string();
     std::string groom = (folder / "small.groom").string();
     SmallGroom() {
@@ -423,7 +402,7 @@ TEST(VelmorinTool, GroomCommandsOnASmallGroom) {
     EXPECT_GT(report["strands"].get<int>(), 0);
     EXPECT_LE(report["minPoints"].get<int>(), report["maxPoints"].get<int>());
     // The USD file holds the three frames asked for, with root UVs from the plane's UVs.
-    const test::UsdaLayer layer = test::parseUsda(readFile(small.path("out.usda")));
+    const test::UsdaLayer layer = test::parseUsda(readBytes(small.path("out.usda")));
     const test::UsdaPrim* curves = findPrimOfType(layer.prims, "BasisCurves");
     ASSERT_NE(curves, nullptr);
     const test::UsdaProperty* points = curves->property("points");
@@ -554,7 +533,7 @@ TEST(VelmorinTool, RefusalsSayWhyAndLeaveNothingBehind) {
          "velmorin demo: -density must be above 0 and at most 1"},
         {{"version", "-x"}, 2, "velmorin version: unknown flag '-x'"},
     };
-    const std::string before = readFile(groom);
+    const std::string before = readBytes(groom);
     const std::vector<std::string> files = filesIn(small.folder / "");
     for (const Case& c : cases) {
         const ToolRun run = velmorin(c.args);
@@ -574,7 +553,7 @@ TEST(VelmorinTool, RefusalsSayWhyAndLeaveNothingBehind) {
         EXPECT_EQ(filesIn(small.folder / ""), files);
     }
     // A refused param leaves the groom as it was.
-    EXPECT_EQ(readFile(groom), before);
+    EXPECT_EQ(readBytes(groom), before);
     // Faults of the graph and the mesh files come in the reader's words after the file's name.
     const std::string broken = small.folder.write("broken.json", "{\"nodes\": [").string();
     const ToolRun brokenGraph = velmorin({"graphStats", "-graph", broken});
@@ -587,7 +566,7 @@ TEST(VelmorinTool, RefusalsSayWhyAndLeaveNothingBehind) {
 }
 
 TEST(VelmorinTool, DemoWritesItsFourFiles) {
-    Folder folder;
+    TempFolder folder;
     const fs::path out = folder / "demo";
     const ToolRun run = velmorin({"demo", "-o", out.string(), "-density", "0.05"});
     ASSERT_EQ(run.exit, 0) << run.err;
@@ -600,7 +579,7 @@ TEST(VelmorinTool, DemoWritesItsFourFiles) {
         EXPECT_GT(fs::file_size(out / name), 0u) << name;
     EXPECT_EQ(filesIn(out), files);
 
-    const test::UsdaLayer layer = test::parseUsda(readFile(out / "demo.usda"));
+    const test::UsdaLayer layer = test::parseUsda(readBytes(out / "demo.usda"));
     const test::UsdaPrim* curves = findPrimOfType(layer.prims, "BasisCurves");
     ASSERT_NE(curves, nullptr);
     ASSERT_NE(curves->property("points"), nullptr);
@@ -611,7 +590,7 @@ TEST(VelmorinTool, DemoWritesItsFourFiles) {
     EXPECT_EQ(Json::parse(stats2.out)["strands"], stats["session"]["strands"]);
 
     // A picture that can't be written takes the other three files with it.
-    Folder blocked;
+    TempFolder blocked;
     fs::create_directory(blocked / "demo.png");
     const ToolRun failed = velmorin({"demo", "-o", (blocked / "").string(), "-density", "0.02"});
     EXPECT_EQ(failed.exit, 1);
@@ -621,12 +600,12 @@ TEST(VelmorinTool, DemoWritesItsFourFiles) {
 
     const std::string abcls = VELMORIN_ABCLS;
     if (abcls.empty() || !fs::exists(abcls)) GTEST_SKIP() << "abcls is not built";
-    Folder lsFolder;
+    TempFolder lsFolder;
     const std::string listing = (lsFolder / "listing").string();
     const std::string command =
         "'" + abcls + "' -r '" + (out / "demo.abc").string() + "' > '" + listing + "' 2>&1";
     EXPECT_EQ(std::system(command.c_str()), 0);
-    const std::string text = readFile(listing);
+    const std::string text = readBytes(listing);
     EXPECT_NE(text.find("hair"), std::string::npos) << text;
 }
 

@@ -2,9 +2,9 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdio>
 #include <filesystem>
-#include <fstream>
+
+#include "base/test/temp_files.h"
 
 namespace velmorin {
 namespace {
@@ -45,14 +45,10 @@ TEST(ObjMesh, KeepsPolygonsUvsAndVertexColoursPerCorner) {
 }
 
 TEST(ObjMesh, ReadsFilesAndNamesTheFileItCannotRead) {
-    const std::string path =
-        (std::filesystem::temp_directory_path() / "velmorin_obj_mesh_test.obj").string();
-    {
-        std::ofstream file(path);
-        file << "v 0 0 0\nv 1 0 0\nv 0 1 0\nf 1 2 3\n";
-    }
+    const test::TempFolder folder("obj");
+    const std::string path = folder.write("plane.obj", "v 0 0 0\nv 1 0 0\nv 0 1 0\nf 1 2 3\n");
     EXPECT_EQ(readObjMesh(path)->triangleCount(), 1u);
-    std::remove(path.c_str());
+    std::filesystem::remove(path);
     try {
         readObjMesh(path);
         ADD_FAILURE() << "a missing file was read";

@@ -1,22 +1,16 @@
 #include <gtest/gtest.h>
 
-#include <unistd.h>
-
 #include <cstdlib>
-#include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <string>
 #include <vector>
 
+#include "base/test/temp_files.h"
 #include "common/render_command.h"
 #include "common/sample_groom.h"
 #include "mesh/sample_meshes.h"
 
 namespace velmorin {
 namespace {
-
-namespace fs = std::filesystem;
 
 TEST(RenderCommand, ReadsItsFlags) {
     struct Case {
@@ -135,10 +129,8 @@ TEST(RenderCommand, WritesThePicture) {
     grow.count = 500;
     grow.keepOutOfScalp = false;
     const StrandSet groom = growSampleGroom(*scalp, grow);
-    const fs::path folder =
-        fs::temp_directory_path() / ("velmorin_render_" + std::to_string(getpid()));
-    fs::create_directories(folder);
-    const std::string path = (folder / "p.png").string();
+    const test::TempFolder folder("render");
+    const std::string path = folder.file("p.png");
     RenderRequest request = parseRenderRequest(
         std::vector<std::string>{"g.groom", "-o", path, "-s", "48x32", "-v", "back", "-d", "0.5"});
     const std::string answer = writePreviewPicture(groom, scalp.get(), request);
@@ -146,12 +138,9 @@ TEST(RenderCommand, WritesThePicture) {
     groom.thinned(0.5, kept);
     EXPECT_EQ(answer, "wrote " + path + ": 48x32, back view, " +
                           std::to_string(kept.strandCount()) + " strands");
-    std::ifstream in(path, std::ios::binary);
-    const std::vector<unsigned char> bytes((std::istreambuf_iterator<char>(in)),
-                                           std::istreambuf_iterator<char>());
+    const std::string bytes = test::readBytes(path);
     ASSERT_GT(bytes.size(), 24u);
-    EXPECT_EQ(std::vector<unsigned char>(bytes.begin() + 1, bytes.begin() + 4),
-              (std::vector<unsigned char>{'P', 'N', 'G'}));
+    EXPECT_EQ(bytes.substr(1, 3), "PNG");
     // The header's width and height, big-endian after "IHDR".
     EXPECT_EQ(bytes[19], 48);
     EXPECT_EQ(bytes[23], 32);
@@ -160,7 +149,7 @@ TEST(RenderCommand, WritesThePicture) {
     EXPECT_EQ(writePreviewPicture(groom, scalp.get(), request),
               "wrote " + path + ": 48x32, a given camera, " + std::to_string(kept.strandCount()) +
                   " strands");
-    request.output = (folder / "missing" / "p.png").string();
+    request.output = folder.file("missing/p.png");
     try {
         writePreviewPicture(groom, scalp.get(), request);
         ADD_FAILURE() << "wrote into a folder that is not there";
@@ -169,7 +158,6 @@ TEST(RenderCommand, WritesThePicture) {
         EXPECT_NE(std::string(error.what()).find("could not write"), std::string::npos)
             << error.what();
     }
-    fs::remove_all(folder);
 }
 
 }  // namespace

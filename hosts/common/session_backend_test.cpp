@@ -4,9 +4,9 @@
 #include <gtest/gtest.h>
 
 #include <array>
-#include <filesystem>
 #include <vector>
 
+#include "base/test/temp_files.h"
 #include "common/preview_render.h"
 #include "common/session_backend.h"
 #include "common/starter_guides.h"
@@ -86,14 +86,12 @@ TEST(GroomPicture, IsTheSameAfterASaveAndLoad) {
     session.setPreviewDensity(0.1);
     const PreviewImage before = pictureOf(session);
 
-    const std::filesystem::path path =
-        std::filesystem::temp_directory_path() / "velmorin_picture_round_trip.groom";
-    saveGroom(session, path.string());
+    const test::TempFolder folder("picture");
+    saveGroom(session, folder.file("round_trip.groom"));
     GroomSession loaded;
-    loadGroom(loaded, path.string());
+    loadGroom(loaded, folder.file("round_trip.groom"));
     loaded.setPreviewDensity(0.1);
     const PreviewImage after = pictureOf(loaded);
-    std::filesystem::remove(path);
 
     EXPECT_EQ(before.rgba, after.rgba);
     // Hair is in the picture, not the scalp and background alone.

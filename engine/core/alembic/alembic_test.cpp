@@ -1,6 +1,7 @@
 #include "alembic/alembic_curves_reader.h"
 #include "alembic/alembic_error.h"
 #include "alembic/alembic_strand_writer.h"
+#include "base/test/temp_files.h"
 #include "strands/channel_names.h"
 #include "strands/guide_conversion.h"
 #include "strands/test/test_strands.h"
@@ -10,12 +11,8 @@
 #include <Alembic/AbcGeom/All.h>
 #include <gtest/gtest.h>
 
-#include <unistd.h>
-
 #include <filesystem>
-#include <fstream>
 #include <functional>
-#include <iterator>
 #include <sstream>
 
 namespace velmorin {
@@ -27,31 +24,7 @@ namespace AbcG = Alembic::AbcGeom;
 
 using test::values;
 
-// A file of this test process in the temporary folder, removed (with its ".tmp") when the test
-// ends.
-class TempFile {
-  public:
-    explicit TempFile(const std::string& name)
-        : path_((std::filesystem::temp_directory_path() /
-                 ("velmorin-alembic-" + std::to_string(::getpid()) + "-" + name + ".abc"))
-                    .string()) {
-        std::filesystem::remove(path_);
-        std::filesystem::remove(path_ + ".tmp");
-    }
-    ~TempFile() {
-        std::filesystem::remove(path_);
-        std::filesystem::remove(path_ + ".tmp");
-    }
-    const std::string& path() const { return path_; }
-
-  private:
-    std::string path_;
-};
-
-std::string readBytes(const std::string& path) {
-    std::ifstream file(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
-}
+using test::readBytes;
 
 // Strands with everything the writer carries: ids above 2^32, widths, root UVs, colours per point,
 // roughness and clump ids per strand, iridescence and ambient occlusion per point, group ids. Each
@@ -127,21 +100,22 @@ std::string messageOf(const std::function<void()>& call) {
 constexpr double kFrame = 1.0 / 24.0;
 
 TEST(AlembicStrandWriter, RoundTripsEveryParameterOverFrames) {
-    TempFile file("frames");
+    const test::TempFolder folder("alembic");
+    const std::string abc = folder.file("frames.abc");
     std::vector<StrandSet> frames;
     {
-        AlembicStrandWriter writer(file.path(), "hair");
+        AlembicStrandWriter writer(abc, "hair");
         for (int f = 0; f < 3; ++f) {
             frames.push_back(groomStrands(40, 11, f));
             writer.writeStrands(1.0 + f * kFrame, frames.back());
         }
         EXPECT_EQ(writer.frameCount(), 3u);
         // Nothing stands at the path until the writer closes.
-        EXPECT_FALSE(std::filesystem::exists(file.path()));
+        EXPECT_FALSE(std::filesystem::exists(abc));
         writer.close();
     }
-    EXPECT_FALSE(std::filesystem::exists(file.path() + ".tmp"));
-    const AlembicCurvesReader reader(file.path());
+    EXPECT_FALSE(std::filesystem::exists(abc + ".tmp"));
+    const AlembicCurvesReader reader(abc);
     EXPECT_EQ(reader.curvesObjects(), std::vector<std::string>{"/hair/hairShape"});
     const std::vector<double> times = reader.sampleTimes();
     ASSERT_EQ(times.size(), 3u);
@@ -157,16 +131,17 @@ TEST(AlembicStrandWriter, RoundTripsEveryParameterOverFrames) {
 // The layout engines look for, through the library's own generic walk of the arbitrary
 // parameters: names in order of creation, data types, scopes, and the values of the last frame.
 TEST(AlembicStrandWriter, WritesTheGroomParametersInOrderWithTypesAndScopes) {
-    TempFile file("layout");
+    const test::TempFolder folder("alembic");
+    const std::string abc = folder.file("layout.abc");
     const StrandSet first = groomStrands(12, 3, 0);
     const StrandSet last = groomStrands(12, 3, 1);
     {
-        AlembicStrandWriter writer(file.path(), "hair");
+        AlembicStrandWriter writer(abc, "hair");
         writer.writeStrands(0.0, first);
         writer.writeStrands(kFrame, last);
         writer.close();
     }
-    Abc::IArchive archive = openArchive(file.path());
+    Abc::IArchive archive = openArchive(abc);
     ASSERT_TRUE(archive.valid());
     const Abc::IObject xform = archive.getTop().getChild("hair");
     const Abc::IObject curves = xform.getChild("hairShape");
@@ -260,15 +235,16 @@ TEST(AlembicStrandWriter, WritesTheGroomParametersInOrderWithTypesAndScopes) {
 // Optional parameters exist only for the channels the first frame has; without a group channel
 // the group id is the group's own (0 without groups).
 TEST(AlembicStrandWriter, MakesOptionalParametersOnlyForChannelsOfTheFirstFrame) {
-    TempFile file("optional");
+    const test::TempFolder folder("alembic");
+    const std::string abc = folder.file("optional.abc");
     const StrandSet plain = test::randomStrands(5, 2);
     {
-        AlembicStrandWriter writer(file.path());
+        AlembicStrandWriter writer(abc);
         writer.writeStrands(0.0, plain);
         writer.writeStrands(1.0, groomStrands(5, 2, 1));
         writer.close();
     }
-    Abc::IArchive archive = openArchive(file.path());
+    Abc::IArchive archive = openArchive(abc);
     AbcG::ICurves curves(archive.getTop().getChild("strands").getChild("strandsShape"),
                          Abc::kWrapExisting);
     const Abc::ICompoundProperty arb = curves.getSchema().getArbGeomParams();
@@ -279,14 +255,15 @@ TEST(AlembicStrandWriter, MakesOptionalParametersOnlyForChannelsOfTheFirstFrame)
                                                "groom_group_name", "groom_group_id", "groom_id",
                                                "velmorin_strand_id_low", "velmorin_strand_id_high",
                                                "groom_width", "groom_root_uv"}));
-    const StrandSet read = AlembicCurvesReader(file.path()).readStrands(0.0);
+    const StrandSet read = AlembicCurvesReader(abc).readStrands(0.0);
     EXPECT_EQ(values(read.strandChannel(channels::kGroupId)), std::vector<float>(5, 0.0f));
     EXPECT_EQ(values(read.strandChannel(kRootUvChannels[0])), std::vector<float>(5, 0.0f));
     EXPECT_EQ(values(read.points()), values(plain.points()));
 }
 
 TEST(AlembicStrandWriter, WritesGroupsWithStrandsAndGuidesUnderOneTransformEach) {
-    TempFile file("groups");
+    const test::TempFolder folder("alembic");
+    const std::string abc = folder.file("groups.abc");
     auto hair = std::make_shared<StrandSet>(groomStrands(20, 5, 0));
     hair->removeStrandChannel(channels::kGroupId);
     auto brows = std::make_shared<StrandSet>(groomStrands(6, 9, 0));
@@ -295,13 +272,13 @@ TEST(AlembicStrandWriter, WritesGroupsWithStrandsAndGuidesUnderOneTransformEach)
     const std::vector<AlembicGroup> groups = {{"hair", 1, hair, hairGuides},
                                               {"brows", 2, brows, nullptr}};
     {
-        AlembicStrandWriter writer(file.path());
+        AlembicStrandWriter writer(abc);
         writer.writeGroomGrouped(0.0, groups);
         // A later frame may leave a group out: its curves are empty in that frame.
         writer.writeGroomGrouped(1.0, std::span(groups).first(1));
         writer.close();
     }
-    const AlembicCurvesReader reader(file.path());
+    const AlembicCurvesReader reader(abc);
     EXPECT_EQ(reader.curvesObjects(),
               (std::vector<std::string>{"/hair/strands_hair", "/hair/guides_hair",
                                         "/brows/strands_brows", "/brows/guides_brows"}));
@@ -315,7 +292,7 @@ TEST(AlembicStrandWriter, WritesGroupsWithStrandsAndGuidesUnderOneTransformEach)
     EXPECT_EQ(reader.readStrands(0.0, "hair").strandCount(), 23u);
     EXPECT_EQ(reader.readStrands(0.0, "/hair/strands_hair").strandCount(), 20u);
 
-    Abc::IArchive archive = openArchive(file.path());
+    Abc::IArchive archive = openArchive(abc);
     for (const char* path : {"hair/strands_hair", "hair/guides_hair", "brows/strands_brows"}) {
         SCOPED_TRACE(path);
         const std::string text(path);
@@ -341,13 +318,14 @@ TEST(AlembicStrandWriter, WritesGroupsWithStrandsAndGuidesUnderOneTransformEach)
 }
 
 TEST(AlembicStrandWriter, WritesInTheSpaceSetBeforeTheFirstFrame) {
-    TempFile file("space");
+    const test::TempFolder folder("alembic");
+    const std::string abc = folder.file("space.abc");
     StrandSet set;
     const Vec3f points[] = {{1, 2, 3}, {4, 5, 6}};
     const float widths[] = {0.5f, 0.25f};
     set.addStrand(7, {}, points, widths);
     {
-        AlembicStrandWriter writer(file.path());
+        AlembicStrandWriter writer(abc);
         writer.setSpace("Z", 100.0);
         writer.writeStrands(0.0, set);
         writer.writeStrands(1.0, StrandSet());  // an empty set writes an empty sample
@@ -355,7 +333,7 @@ TEST(AlembicStrandWriter, WritesInTheSpaceSetBeforeTheFirstFrame) {
         writer.writeStrands(5.5, set);
         writer.close();
     }
-    const AlembicCurvesReader reader(file.path());
+    const AlembicCurvesReader reader(abc);
     EXPECT_EQ(reader.sampleTimes(), (std::vector<double>{0.0, 1.0, 5.5}));
     EXPECT_EQ(reader.readStrands(5.5).pointCount(), 2u);
     const StrandSet read = reader.readStrands(0.0);
@@ -369,7 +347,8 @@ TEST(AlembicStrandWriter, WritesInTheSpaceSetBeforeTheFirstFrame) {
 }
 
 TEST(AlembicStrandWriter, RefusesMisuseWithItsMessagesAndWritesNothing) {
-    TempFile file("messages");
+    const test::TempFolder folder("alembic");
+    const std::string abc = folder.file("messages.abc");
     const StrandSet set = test::randomStrands(4, 1);
     auto strands = std::make_shared<const StrandSet>(set);
     const std::vector<AlembicGroup> sameName = {{"hair", 1, strands, {}}, {"hair", 2, strands, {}}};
@@ -421,14 +400,14 @@ TEST(AlembicStrandWriter, RefusesMisuseWithItsMessagesAndWritesNothing) {
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.what);
-        AlembicStrandWriter writer(file.path());
+        AlembicStrandWriter writer(abc);
         c.before(writer);
         const std::size_t frames = writer.frameCount();
         EXPECT_EQ(messageOf<AlembicError>([&] { c.call(writer); }), c.message);
         EXPECT_EQ(writer.frameCount(), frames);
     }
 
-    AlembicStrandWriter writer(file.path());
+    AlembicStrandWriter writer(abc);
     EXPECT_EQ(messageOf<std::invalid_argument>([&] { writer.setSpace("X", 1.0); }),
               "the up axis is \"Y\" or \"Z\", not \"X\"");
     for (double cm : {0.0, -1.0, std::nan(""), HUGE_VAL})
@@ -444,7 +423,7 @@ TEST(AlembicStrandWriter, RefusesMisuseWithItsMessagesAndWritesNothing) {
               "writeStrands: frames are written in order, each after the last");
     // The refused calls changed nothing: one frame, in the engine's space.
     writer.close();
-    const AlembicCurvesReader reader(file.path());
+    const AlembicCurvesReader reader(abc);
     EXPECT_EQ(reader.sampleTimes(), std::vector<double>{2.0});
     EXPECT_EQ(values(reader.readStrands(2.0).points()), values(set.points()));
 }
@@ -465,7 +444,8 @@ void writeRawCurves(const std::string& path, const std::vector<Imath::V3f>& poin
 
 // Other programs write widths per point, per curve or once; every point gets its width.
 TEST(AlembicCurvesReader, GivesEveryPointItsWidthWhateverTheScope) {
-    TempFile file("widths");
+    const test::TempFolder folder("alembic");
+    const std::string abc = folder.file("widths.abc");
     const std::vector<Imath::V3f> four(4, Imath::V3f(0.0f));
     struct Case {
         std::vector<float> widths;
@@ -479,17 +459,18 @@ TEST(AlembicCurvesReader, GivesEveryPointItsWidthWhateverTheScope) {
         {{}, AbcG::kVertexScope, {1, 1, 1, 1}},
     };
     for (const Case& c : cases) {
-        writeRawCurves(file.path(), four, {1, 3}, c.widths, c.scope);
-        EXPECT_EQ(values(AlembicCurvesReader(file.path()).readStrands(0.0).widths()), c.expected);
+        writeRawCurves(abc, four, {1, 3}, c.widths, c.scope);
+        EXPECT_EQ(values(AlembicCurvesReader(abc).readStrands(0.0).widths()), c.expected);
     }
-    writeRawCurves(file.path(), four, {1, 3}, {1, 2, 3}, AbcG::kVertexScope);
-    const AlembicCurvesReader reader(file.path());
+    writeRawCurves(abc, four, {1, 3}, {1, 2, 3}, AbcG::kVertexScope);
+    const AlembicCurvesReader reader(abc);
     EXPECT_EQ(messageOf<AlembicError>([&] { reader.readStrands(0.0); }),
-              file.path() + ": the parameter 'width' holds 3 values for 2 curves of 4 points");
+              abc + ": the parameter 'width' holds 3 values for 2 curves of 4 points");
 }
 
 TEST(AlembicCurvesReader, RefusesFilesAndSamplesThatMakeNoSenseNamingTheFile) {
-    TempFile file("reader");
+    const test::TempFolder folder("alembic");
+    const std::string abc = folder.file("reader.abc");
     const std::vector<Imath::V3f> four(4, Imath::V3f(0.0f));
     struct Case {
         std::vector<std::int32_t> counts;
@@ -500,25 +481,24 @@ TEST(AlembicCurvesReader, RefusesFilesAndSamplesThatMakeNoSenseNamingTheFile) {
         {{2, -1, 3}, ": curve 1 has a negative vertex count"},
     };
     for (const Case& c : cases) {
-        writeRawCurves(file.path(), four, c.counts);
-        const AlembicCurvesReader reader(file.path());
-        EXPECT_EQ(messageOf<AlembicError>([&] { reader.readStrands(0.0); }),
-                  file.path() + c.message);
+        writeRawCurves(abc, four, c.counts);
+        const AlembicCurvesReader reader(abc);
+        EXPECT_EQ(messageOf<AlembicError>([&] { reader.readStrands(0.0); }), abc + c.message);
     }
-    writeRawCurves(file.path(), four, {1, 3});
-    const AlembicCurvesReader reader(file.path());
+    writeRawCurves(abc, four, {1, 3});
+    const AlembicCurvesReader reader(abc);
     EXPECT_EQ(reader.readStrands(0.0).strandCount(), 2u);
     EXPECT_EQ(values(reader.readStrands(0.0).ids()), (std::vector<std::uint64_t>{0, 1}));
     EXPECT_EQ(messageOf<AlembicError>([&] { reader.readStrands(0.0, "beard"); }),
-              file.path() + ": no curves named 'beard'");
+              abc + ": no curves named 'beard'");
     EXPECT_FALSE(reader.hasStrandIds());
 
-    const std::string missing = file.path() + ".missing";
+    const std::string missing = abc + ".missing";
     EXPECT_EQ(messageOf<AlembicError>([&] { AlembicCurvesReader{missing}; }),
               missing + ": cannot open the file");
     EXPECT_EQ(messageOf<AlembicError>([&] { AlembicCurvesReader("text", "not alembic at all"); }),
               "text: not an Alembic (Ogawa) file");
-    std::string unfinished = readBytes(file.path());
+    std::string unfinished = readBytes(abc);
     unfinished[5] = 0;
     EXPECT_EQ(messageOf<AlembicError>([&] { AlembicCurvesReader("cut", unfinished); }),
               "cut: the file was not finished (its writer did not close it)");
@@ -526,13 +506,14 @@ TEST(AlembicCurvesReader, RefusesFilesAndSamplesThatMakeNoSenseNamingTheFile) {
 
 // Any file cut short, at any length, is refused with a message; none reaches past its end.
 TEST(AlembicCurvesReader, RefusesEveryFileCutShort) {
-    TempFile file("cut");
+    const test::TempFolder folder("alembic");
+    const std::string abc = folder.file("cut.abc");
     {
-        AlembicStrandWriter writer(file.path());
+        AlembicStrandWriter writer(abc);
         writer.writeStrands(0.0, groomStrands(3, 8, 0));
         writer.close();
     }
-    const std::string bytes = readBytes(file.path());
+    const std::string bytes = readBytes(abc);
     ASSERT_GT(bytes.size(), 100u);
     EXPECT_EQ(AlembicCurvesReader("whole", bytes).readStrands(0.0).strandCount(), 3u);
     for (std::size_t size = 0; size < bytes.size(); ++size) {
@@ -545,19 +526,20 @@ TEST(AlembicCurvesReader, RefusesEveryFileCutShort) {
 }
 
 TEST(GuideCacheReader, ReadsGuidesAndPosesThemById) {
-    TempFile file("guides");
+    const test::TempFolder folder("alembic");
+    const std::string abc = folder.file("guides.abc");
     StrandSet first = test::randomStrands(4, 6);
     StrandSet later = first;
     for (Vec3f& p : later.writePoints())
         p.x += 1.0f;
     {
-        AlembicStrandWriter writer(file.path());
+        AlembicStrandWriter writer(abc);
         GuideSet none;
         writer.writeGroom(0.0, StrandSet(), guidesFromStrands(first));
         writer.writeGroom(1.0, StrandSet(), guidesFromStrands(later));
         writer.close();
     }
-    const GuideCacheReader cache(file.path(), "strands_guides");
+    const GuideCacheReader cache(abc, "strands_guides");
     const GuideSet read = cache.guides(1.0);
     ASSERT_EQ(read.guides.size(), 4u);
     for (std::size_t g = 0; g < 4; ++g) {
@@ -577,8 +559,8 @@ TEST(GuideCacheReader, ReadsGuidesAndPosesThemById) {
               values(later.strandPoints(0)));
     EXPECT_EQ(values(std::span<const Vec3f>(posed.guides[4].points)),
               values(first.strandPoints(1)));
-    EXPECT_EQ(messageOf<AlembicError>([&] { GuideCacheReader(file.path(), "beard").guides(0.0); }),
-              file.path() + ": no curves named 'beard'");
+    EXPECT_EQ(messageOf<AlembicError>([&] { GuideCacheReader(abc, "beard").guides(0.0); }),
+              abc + ": no curves named 'beard'");
 }
 
 }  // namespace

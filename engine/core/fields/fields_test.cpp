@@ -3,10 +3,9 @@
 #include <cstring>
 #include <filesystem>
 
-#include <unistd.h>
-
 #include "base/parallel.h"
 #include "base/test/expect_message.h"
+#include "base/test/temp_files.h"
 #include "expr/noise.h"
 #include "expr/program_cache.h"
 #include "fields/field_map.h"
@@ -134,13 +133,11 @@ std::shared_ptr<const StrandSet> squareStrands(std::size_t copies = 1) {
 }
 
 // A 2 x 2 gray image: top row 200, 150; bottom row 100, 50.
-std::string writeImage() {
-    // One file per process: test processes run side by side.
-    const auto path = std::filesystem::temp_directory_path() /
-                      ("velmorin_fields_test_" + std::to_string(::getpid()) + ".png");
+std::string writeImage(const test::TempFolder& folder) {
+    const std::string path = folder.file("gray.png");
     const std::uint8_t pixels[] = {200, 150, 100, 50};
     writePng(path, ImageView{2, 2, 1, pixels});
-    return path.string();
+    return path;
 }
 
 std::shared_ptr<MapCatalogValue> catalog(const std::string& image) {
@@ -160,7 +157,8 @@ std::shared_ptr<MapCatalogValue> catalog(const std::string& image) {
 }
 
 struct Scene {
-    std::string image = writeImage();
+    test::TempFolder folder{"fields"};
+    std::string image = writeImage(folder);
     SceneInputs inputs;
     EvalContext ctx;
     explicit Scene(std::size_t copies = 1, bool uvs = true) {

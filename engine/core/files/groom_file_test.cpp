@@ -4,8 +4,6 @@
 
 #include <cmath>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <limits>
 
 #include <nlohmann/json.hpp>
@@ -13,6 +11,7 @@
 #include "base/hash.h"
 #include "base/parallel.h"
 #include "base/test/expect_message.h"
+#include "base/test/temp_files.h"
 #include "files/json_scan.h"
 #include "files/loaded_groom.h"
 #include "files/test/groom_fixtures.h"
@@ -22,40 +21,8 @@ namespace {
 
 using Json = nlohmann::ordered_json;
 using test::expectMessage;
-
-std::string readBytes(const std::filesystem::path& path) {
-    std::ifstream in(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
-}
-
-void writeBytes(const std::filesystem::path& path, const std::string& text) {
-    std::ofstream(path, std::ios::binary) << text;
-}
-
-// A folder of its own for each test that touches the disk, removed afterwards.
-class GroomFolder {
-  public:
-    GroomFolder() {
-        path_ =
-            std::filesystem::temp_directory_path() /
-            ("velmorin_groom_" + std::to_string(::testing::UnitTest::GetInstance()->random_seed()) +
-             "_" + ::testing::UnitTest::GetInstance()->current_test_info()->name());
-        std::filesystem::remove_all(path_);
-        std::filesystem::create_directories(path_);
-    }
-    ~GroomFolder() {
-        std::error_code ignored;
-        std::filesystem::remove_all(path_, ignored);
-    }
-    std::filesystem::path operator/(const std::string& name) const { return path_ / name; }
-    std::size_t entries() const {
-        return static_cast<std::size_t>(std::distance(std::filesystem::directory_iterator(path_),
-                                                      std::filesystem::directory_iterator()));
-    }
-
-  private:
-    std::filesystem::path path_;
-};
+using test::readBytes;
+using test::writeBytes;
 
 const GroomFile& sample() {
     static const GroomFile file = test::sampleGroom();
@@ -243,8 +210,8 @@ TEST(GroomFile, SaveReplacesTheOldFileAndNonFiniteValuesFailItWithTheirPlace) {
          "groom file: 'prototypes.normals' holds a non-finite value at index 0"},
     };
     // A good save replaces an older file; a refused one leaves the good one.
-    GroomFolder folder;
-    const std::string path = (folder / "hero.groom").string();
+    test::TempFolder folder("groom");
+    const std::string path = folder.file("hero.groom");
     writeBytes(path, "an older groom");
     saveGroomFile(path, sample());
     for (const Case& c : cases) {
@@ -258,8 +225,8 @@ TEST(GroomFile, SaveReplacesTheOldFileAndNonFiniteValuesFailItWithTheirPlace) {
 }
 
 TEST(GroomFile, InterruptedSaveLeavesTheOldFileAsItWas) {
-    GroomFolder folder;
-    const std::string path = (folder / "hero.groom").string();
+    test::TempFolder folder("groom");
+    const std::string path = folder.file("hero.groom");
     const std::string old = "{\"an\":\"older groom\"}";
     writeBytes(path, old);
     GroomFile bigger = test::sampleGroom(2, 200);
@@ -558,8 +525,8 @@ TEST(GroomFile, SimCachesJsonForTheHost) {
 }
 
 TEST(LoadedGroom, OneImagePerFileStampWhileAnyoneHoldsIt) {
-    GroomFolder folder;
-    const std::string path = (folder / "shared.groom").string();
+    test::TempFolder folder("groom");
+    const std::string path = folder.file("shared.groom");
     saveGroomFile(path, sample());
     auto first = LoadedGroom::load(path);
     auto second = LoadedGroom::load(path);
@@ -581,8 +548,8 @@ TEST(LoadedGroom, OneImagePerFileStampWhileAnyoneHoldsIt) {
     const std::weak_ptr<const LoadedGroom> watch = third;
     third.reset();
     EXPECT_TRUE(watch.expired());
-    expectMessage<GroomFileError>([&] { LoadedGroom::load((folder / "none.groom").string()); },
-                                  "cannot read '" + (folder / "none.groom").string() + "'");
+    expectMessage<GroomFileError>([&] { LoadedGroom::load(folder.file("none.groom")); },
+                                  "cannot read '" + folder.file("none.groom") + "'");
 }
 
 }  // namespace

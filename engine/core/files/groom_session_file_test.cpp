@@ -3,12 +3,11 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 
 #include <nlohmann/json.hpp>
 
 #include "base/test/expect_message.h"
+#include "base/test/temp_files.h"
 #include "files/test/groom_fixtures.h"
 #include "strands/strand_set.h"
 
@@ -17,11 +16,7 @@ namespace {
 
 using Json = nlohmann::ordered_json;
 using test::expectMessage;
-
-std::string readBytes(const std::filesystem::path& path) {
-    std::ifstream in(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
-}
+using test::readBytes;
 
 // A session with every input a groom file carries: the default graph on a plane, six
 // guides of four points, a vertex map, parts, flow, a corrective and two sculpt layers that move
@@ -49,33 +44,14 @@ void groom(GroomSession& session) {
     session.setScaleReference(1.5);
 }
 
-class GroomFolder {
-  public:
-    GroomFolder()
-        : path_(std::filesystem::temp_directory_path() /
-                ("velmorin_session_file_" +
-                 std::string(::testing::UnitTest::GetInstance()->current_test_info()->name()))) {
-        std::filesystem::remove_all(path_);
-        std::filesystem::create_directories(path_);
-    }
-    ~GroomFolder() {
-        std::error_code ignored;
-        std::filesystem::remove_all(path_, ignored);
-    }
-    std::string operator/(const std::string& name) const { return (path_ / name).string(); }
-
-  private:
-    std::filesystem::path path_;
-};
-
 TEST(GroomSessionFile, SavedSessionLoadsToTheSameStrandsAndBytes) {
-    GroomFolder folder;
+    test::TempFolder folder("session-file");
     GroomSession original;
     groom(original);
     const auto frame = original.evaluate();
     ASSERT_TRUE(frame && frame->strands);
     ASSERT_GT(frame->strands->strandCount(), 0u);
-    const std::string path = folder / "hero.groom";
+    const std::string path = folder.file("hero.groom");
     saveGroom(original, path);
 
     GroomSession loaded;
@@ -97,7 +73,7 @@ TEST(GroomSessionFile, SavedSessionLoadsToTheSameStrandsAndBytes) {
     const GroomFile file = readGroomFile(path);
     ASSERT_TRUE(file.guides);
     EXPECT_EQ(file.guides->size(), frame->guides->guides.size());
-    const std::string second = folder / "again.groom";
+    const std::string second = folder.file("again.groom");
     saveGroom(loaded, second);
     EXPECT_EQ(readBytes(second), readBytes(path));
 }
@@ -125,7 +101,7 @@ TEST(GroomSessionFile, LoadingReplacesWhatTheFileDoesNotHold) {
 }
 
 TEST(GroomSessionFile, RefusedFilesLeaveTheSessionAsItWas) {
-    GroomFolder folder;
+    test::TempFolder folder("session-file");
     GroomSession source;
     groom(source);
     const std::string good = writeGroom(groomFileOf(source));
@@ -155,8 +131,7 @@ TEST(GroomSessionFile, RefusedFilesLeaveTheSessionAsItWas) {
     const std::uint64_t edits = session.edits();
     const GroomFile before = groomFileOf(session);
     for (const auto& [text, message] : cases) {
-        const std::string path = folder / "bad.groom";
-        std::ofstream(path, std::ios::binary) << text;
+        const std::string path = folder.write("bad.groom", text);
         try {
             loadGroom(session, path);
             ADD_FAILURE() << "loaded: " << message;

@@ -1,6 +1,5 @@
 #include "io/png.h"
 
-#include <fstream>
 #include <stdexcept>
 
 #include <gtest/gtest.h>
@@ -8,6 +7,7 @@
 #include <zlib.h>
 
 #include "base/test/expect_message.h"
+#include "base/test/temp_files.h"
 #include "io/deflate.h"
 #include "maps/test/map_test_support.h"
 #include "maps/texture.h"
@@ -150,12 +150,11 @@ TEST(PngWriter, EncodesManyInTheirOrderAndWritesThroughATemporaryFile) {
     for (int k = 0; k < 3; ++k)
         EXPECT_EQ(files[k], encodePng(images[k]));
 
-    test::ScratchFolder folder("png-writer");
+    test::TempFolder folder("png-writer");
     const std::string path = folder.file("map.png");
     writePng(path, images[1]);
-    std::ifstream in(path, std::ios::binary);
-    const std::vector<std::uint8_t> written((std::istreambuf_iterator<char>(in)), {});
-    EXPECT_EQ(written, files[1]);
+    const std::string written = test::readBytes(path);
+    EXPECT_EQ(std::vector<std::uint8_t>(written.begin(), written.end()), files[1]);
     EXPECT_FALSE(std::filesystem::exists(path + ".tmp"));
 
     const std::string blocked = folder.file("missing-folder/map.png");

@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include "base/test/expect_message.h"
+#include "base/test/temp_files.h"
 #include "maps/test/map_test_support.h"
 #include "mesh/sample_meshes.h"
 
@@ -74,7 +75,7 @@ TEST(MapConversions, MapsMoveToANewScalpThroughTheClosestPoint) {
             EXPECT_NEAR(projected.value(x, y, 0), source.value(x, y, 0), 1.5f / 255.0f);
     }
 
-    test::ScratchFolder folder("project");
+    test::TempFolder folder("project");
     const std::string oldImage = folder.file("old.png");
     TexturePaint(source).save(oldImage);
     const ScalpMap textureMap{MapKind::Texture, 1, {}, oldImage};

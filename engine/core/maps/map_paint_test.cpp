@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include "base/test/expect_message.h"
+#include "base/test/temp_files.h"
 #include "maps/test/map_test_support.h"
 #include "maps/texture.h"
 #include "maps/texture_paint.h"
@@ -292,7 +293,7 @@ TEST(TexturePaint, RefusesMisuseWithItsMessages) {
 }
 
 TEST(TexturePaint, PaintsOnlyOnePngImage) {
-    test::ScratchFolder folder("paint");
+    test::TempFolder folder("paint");
     const std::string rgb = folder.file("rgb.png");
     test::writeFlatPng(rgb, 3, 2, {10, 20, 30});
     TexturePaint paint = TexturePaint::loadForPainting("tint", rgb);

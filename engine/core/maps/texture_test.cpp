@@ -1,6 +1,5 @@
 #include "maps/texture.h"
 
-#include <fstream>
 #include <functional>
 #include <thread>
 
@@ -8,6 +7,7 @@
 
 #include "base/memory_report.h"
 #include "base/test/expect_message.h"
+#include "base/test/temp_files.h"
 #include "maps/test/map_test_support.h"
 #include "maps/texture_cache.h"
 
@@ -27,7 +27,7 @@ namespace velmorin {
 namespace {
 
 using test::expectMessage;
-using test::ScratchFolder;
+using test::TempFolder;
 using test::writeFlatPng;
 
 TEST(Udim, PatternsOfEverySpellingAndTheirBounds) {
@@ -85,7 +85,7 @@ TEST(Texture, SamplesBilinearlyWithVUpAndClampsAtTheEdges) {
 }
 
 TEST(Texture, UdimSetsReadTheirTilesOnFirstUse) {
-    ScratchFolder folder("udim");
+    TempFolder folder("udim");
     writeFlatPng(folder.file("hair_1001.png"), 4, 4, {255, 0, 0});
     writeFlatPng(folder.file("hair_1002.png"), 4, 4, {0, 255, 0});
     writeFlatPng(folder.file("hair_1011.png"), 8, 8, {0, 0, 255});
@@ -117,18 +117,16 @@ TEST(Texture, UdimSetsReadTheirTilesOnFirstUse) {
 }
 
 TEST(Texture, MissingAndBrokenFilesAreClearErrors) {
-    ScratchFolder folder("broken");
+    TempFolder folder("broken");
     const std::string missing = folder.file("missing.png");
-    const std::string broken = folder.file("broken.png");
-    std::ofstream(broken) << "not a picture";
+    const std::string broken = folder.write("broken.png", "not a picture");
     const std::string tooBig = folder.file("big.png");
     {
         // A PNG header that claims 20000 x 20000 pixels.
         const std::vector<std::uint8_t> header = {
             0x89, 'P',  'N',  'G', '\r', '\n', 0x1A, '\n', 0, 0, 0, 13, 'I', 'H', 'D', 'R', 0,
             0,    0x4E, 0x20, 0,   0,    0x4E, 0x20, 8,    0, 0, 0, 0,  0,   0,   0,   0};
-        std::ofstream(tooBig, std::ios::binary)
-            .write(reinterpret_cast<const char*>(header.data()), header.size());
+        test::writeBytes(tooBig, {reinterpret_cast<const char*>(header.data()), header.size()});
     }
     const struct {
         std::string path;
@@ -249,10 +247,9 @@ TEST(Texture, AFewBytesThatDeclareAHugeImageAreRefusedAtOnce) {
                        0x0f, 0x0f, 0x0f, 0x0f, 0x0f, 0x21, 0x0f, 0x01, 0x00, 0x00, 0x0f, 0xcd, 0x0f,
                        0x0f, 0x49, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x0f, 0x0f, 0x49, 0x41,
                        0x4e, 0x43, 0x45, 0x00, 0x20, 0xff, 0x81, 0x00};
-    ScratchFolder folder("huge");
+    TempFolder folder("huge");
     const std::string path = folder.file("declared.tga");
-    std::ofstream(path, std::ios::binary)
-        .write(reinterpret_cast<const char*>(tga.data()), static_cast<std::streamsize>(tga.size()));
+    test::writeBytes(path, {reinterpret_cast<const char*>(tga.data()), tga.size()});
     try {
         Texture::load(path);
         ADD_FAILURE() << "read";
@@ -295,7 +292,7 @@ TEST(Texture, TheSizeLimitCanBeLoweredForAProcess) {
 }
 
 TEST(TextureCache, EvictsLeastRecentlyUsedAndRereadsAFileSavedAgain) {
-    ScratchFolder folder("cache");
+    TempFolder folder("cache");
     const std::string a = folder.file("a.png"), b = folder.file("b.png"), c = folder.file("c.png");
     for (const auto& path : {a, b, c})
         writeFlatPng(path, 16, 16, {9});  // 256 bytes each
@@ -338,7 +335,7 @@ TEST(TextureCache, EvictsLeastRecentlyUsedAndRereadsAFileSavedAgain) {
 }
 
 TEST(TextureCache, ManyThreadsShareOneImage) {
-    ScratchFolder folder("threads");
+    TempFolder folder("threads");
     const std::string path = folder.file("shared.png");
     writeFlatPng(path, 32, 32, {1, 2, 3, 4});
     TextureCache cache(1 << 20);

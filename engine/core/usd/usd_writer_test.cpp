@@ -2,9 +2,7 @@
 
 #include <bit>
 #include <cstdlib>
-#include <fstream>
 #include <limits>
-#include <sstream>
 
 #include <gtest/gtest.h>
 #include <signal.h>
@@ -13,6 +11,7 @@
 #include "base/hash.h"
 #include "base/parallel.h"
 #include "base/test/expect_message.h"
+#include "base/test/temp_files.h"
 #include "maps/test/map_test_support.h"
 #include "strands/channel_names.h"
 #include "strands/test/test_strands.h"
@@ -24,20 +23,14 @@ namespace {
 
 using test::expectMessage;
 using test::parseUsda;
-using test::ScratchFolder;
+using test::readBytes;
+using test::TempFolder;
 using test::usdaFloats;
 using test::usdaInts;
 using test::UsdaLayer;
 using test::UsdaProperty;
 using test::UsdaValue;
 using Uv = std::array<float, 2>;
-
-std::string readText(const std::filesystem::path& path) {
-    std::ifstream in(path, std::ios::binary);
-    std::ostringstream text;
-    text << in.rdbuf();
-    return text.str();
-}
 
 // The strands prim of a written layer, or a test failure.
 const test::UsdaPrim& strandsPrim(const UsdaLayer& layer) {
@@ -195,7 +188,7 @@ TEST(UsdText, FloatsAreWrittenShortestAndReadBackExactly) {
 // lines, the root Xform with its customData and kind, the strands prim with type, wrap and
 // visibility, and each property's declaration, interpolation and samples.
 TEST(UsdCurvesWriter, WritesTheGoldenGroom) {
-    ScratchFolder folder("usd-golden");
+    TempFolder folder("usd-golden");
     const std::string path = folder.file("hero.usda");
     UsdCurvesWriter writer(path, goldenOptions());
     const StrandSet first = goldenStrands(0.0f), second = goldenStrands(0.5f);
@@ -203,10 +196,10 @@ TEST(UsdCurvesWriter, WritesTheGoldenGroom) {
     writer.writeFrame(1.0, first, uvs);
     writer.writeFrame(2.0, second, uvs);
     writer.close();
-    const std::string text = readText(path);
+    const std::string text = readBytes(path);
     const std::string goldenPath = std::string(VELMORIN_USD_TEST_DIR) + "/hero_groom.usda";
-    if (std::getenv("VELMORIN_UPDATE_GOLDEN") != nullptr) std::ofstream(goldenPath) << text;
-    EXPECT_EQ(text, readText(goldenPath));
+    if (std::getenv("VELMORIN_UPDATE_GOLDEN") != nullptr) test::writeBytes(goldenPath, text);
+    EXPECT_EQ(text, readBytes(goldenPath));
     EXPECT_NO_THROW(parseUsda(text));
 }
 
@@ -214,7 +207,7 @@ TEST(UsdCurvesWriter, WritesTheGoldenGroom) {
 // channels at every frame, for sets with empty and one-point strands in them. The last frame is
 // large enough to be formatted in several blocks.
 TEST(UsdCurvesWriter, ReadsBackWhatItWrote) {
-    ScratchFolder folder("usd-read-back");
+    TempFolder folder("usd-read-back");
     const std::string path = folder.file("groom.usda");
     const std::array<double, 3> frames = {-1.0, 0.5, 12.0};
     const std::array<std::size_t, 3> strandCounts = {10000, 10000, 50000};
@@ -239,7 +232,7 @@ TEST(UsdCurvesWriter, ReadsBackWhatItWrote) {
         }
         writer.close();
     }
-    const UsdaLayer layer = parseUsda(readText(path));
+    const UsdaLayer layer = parseUsda(readBytes(path));
     const test::UsdaPrim& strands = strandsPrim(layer);
     const auto property = [&](const char* name) -> const UsdaProperty& {
         static const UsdaProperty none;
@@ -307,14 +300,14 @@ TEST(UsdCurvesWriter, ReadsBackWhatItWrote) {
 }
 
 // Writes the frames of `sets` (frames 1, 2, ...) with the options and returns the file's text.
-std::string writeFrames(const ScratchFolder& folder, const std::vector<StrandSet>& sets,
+std::string writeFrames(const TempFolder& folder, const std::vector<StrandSet>& sets,
                         const UsdOptions& options = {}) {
     const std::string path = folder.file("frames.usda");
     UsdCurvesWriter writer(path, options);
     for (std::size_t f = 0; f < sets.size(); ++f)
         writer.writeFrame(static_cast<double>(f + 1), sets[f]);
     writer.close();
-    return readText(path);
+    return readBytes(path);
 }
 
 StrandSet twoStrands() {
@@ -326,7 +319,7 @@ StrandSet twoStrands() {
 }
 
 TEST(UsdCurvesWriter, WritesEdgeCasesAsValidUsd) {
-    ScratchFolder folder("usd-edges");
+    TempFolder folder("usd-edges");
     {
         // An empty set: empty arrays, an empty extent, and no widths.
         const std::string text = writeFrames(folder, {StrandSet()});
@@ -388,7 +381,7 @@ TEST(UsdCurvesWriter, WritesEdgeCasesAsValidUsd) {
 }
 
 TEST(UsdCurvesWriter, ChoosesTheColourLevel) {
-    ScratchFolder folder("usd-colour");
+    TempFolder folder("usd-colour");
     // Colour per strand is uniform; a component without the other two is a channel of its own.
     StrandSet perStrand = twoStrands();
     for (const std::string_view component : channels::kColor)
@@ -409,7 +402,7 @@ TEST(UsdCurvesWriter, ChoosesTheColourLevel) {
 // A property that appears at a later frame has no samples before it; one that goes away is
 // blocked from then on.
 TEST(UsdCurvesWriter, SamplesPropertiesFromTheFrameTheyAppear) {
-    ScratchFolder folder("usd-appear");
+    TempFolder folder("usd-appear");
     const std::string path = folder.file("appear.usda");
     UsdCurvesWriter writer(path, UsdOptions{});
     const StrandSet plain = twoStrands();
@@ -420,7 +413,7 @@ TEST(UsdCurvesWriter, SamplesPropertiesFromTheFrameTheyAppear) {
     writer.writeFrame(2, withMass, uvs);
     writer.writeFrame(3, plain, uvs);
     writer.close();
-    const UsdaLayer layer = parseUsda(readText(path));
+    const UsdaLayer layer = parseUsda(readBytes(path));
     const auto& strands = strandsPrim(layer);
     EXPECT_EQ(sampleTimes(strands.property("points")), (std::vector<double>{1, 2, 3}));
     EXPECT_EQ(sampleTimes(strands.property("primvars:st")), (std::vector<double>{2, 3}));
@@ -431,7 +424,7 @@ TEST(UsdCurvesWriter, SamplesPropertiesFromTheFrameTheyAppear) {
 }
 
 TEST(UsdCurvesWriter, RefusesBadFramesAndWritesNothingOfThem) {
-    ScratchFolder folder("usd-refuse");
+    TempFolder folder("usd-refuse");
     const std::string path = folder.file("refuse.usda");
     UsdCurvesWriter writer(path, UsdOptions{});
     const float nan = std::numeric_limits<float>::quiet_NaN();
@@ -498,7 +491,7 @@ TEST(UsdCurvesWriter, RefusesBadFramesAndWritesNothingOfThem) {
     writer.close();  // a second close does nothing
     EXPECT_TRUE(writer.closed());
     expectMessage<UsdError>([&] { writer.writeFrame(3, twoStrands()); }, "writeFrame after close");
-    const UsdaLayer layer = parseUsda(readText(path));
+    const UsdaLayer layer = parseUsda(readBytes(path));
     const auto& strands = strandsPrim(layer);
     for (const UsdaProperty& property : strands.properties) {
         if (property.timeSampled) {
@@ -536,7 +529,7 @@ class FileSizeLimit {
 TEST(UsdCurvesWriter, UndoesWhatCannotBeWritten) {
     for (const std::size_t memory : {std::size_t{0}, std::size_t{4096}}) {
         SCOPED_TRACE(memory);
-        ScratchFolder folder("usd-full");
+        TempFolder folder("usd-full");
         const std::string path = folder.file("full.usda");
         UsdOptions options;
         options.spoolMemoryBytes = memory;
@@ -558,7 +551,7 @@ TEST(UsdCurvesWriter, UndoesWhatCannotBeWritten) {
             EXPECT_FALSE(writer.closed());
         }
         writer.close();
-        const UsdaLayer layer = parseUsda(readText(path));
+        const UsdaLayer layer = parseUsda(readBytes(path));
         const auto& strands = strandsPrim(layer);
         EXPECT_EQ(sampleTimes(strands.property("points")), (std::vector<double>{1, 2, 3}));
         // The channels of the failed frame 2 never came to be; those of frame 3 did.
@@ -569,7 +562,7 @@ TEST(UsdCurvesWriter, UndoesWhatCannotBeWritten) {
     }
     // With every sample held in memory, a close that fails leaves no file and the writer open too,
     // and the next close writes it all.
-    ScratchFolder folder("usd-full-memory");
+    TempFolder folder("usd-full-memory");
     const std::string path = folder.file("full.usda");
     UsdCurvesWriter writer(path, UsdOptions{});
     const StrandSet big = test::randomStrands(20000, 5);
@@ -580,7 +573,7 @@ TEST(UsdCurvesWriter, UndoesWhatCannotBeWritten) {
         EXPECT_FALSE(writer.closed());
     }
     writer.close();
-    const UsdaLayer layer = parseUsda(readText(path));
+    const UsdaLayer layer = parseUsda(readBytes(path));
     EXPECT_EQ(sampleTimes(strandsPrim(layer).property("points")), (std::vector<double>{1}));
     EXPECT_EQ(std::distance(std::filesystem::directory_iterator(folder.path()), {}), 1);
 }
@@ -589,7 +582,7 @@ TEST(UsdCurvesWriter, UndoesWhatCannotBeWritten) {
 // the same file, at one thread and at two. The memory is the budget's: nothing reaches the spool
 // files until a frame would pass it, and everything after it does.
 TEST(UsdCurvesWriter, WritesTheSameBytesWhereverItSpools) {
-    ScratchFolder folder("usd-spools");
+    TempFolder folder("usd-spools");
     // Three frames, the second with colours and a strand channel that the third lacks; each is
     // formatted in several blocks.
     std::vector<StrandSet> sets;
@@ -637,7 +630,7 @@ TEST(UsdCurvesWriter, WritesTheSameBytesWhereverItSpools) {
                 }
                 writer.close();
             });
-            const std::string text = readText(path);
+            const std::string text = readBytes(path);
             if (expected.empty()) {
                 expected = text;
                 const UsdaLayer layer = parseUsda(text);
@@ -653,7 +646,7 @@ TEST(UsdCurvesWriter, WritesTheSameBytesWhereverItSpools) {
 }
 
 TEST(UsdCurvesWriter, RefusesBadOptionsAndPaths) {
-    ScratchFolder folder("usd-options");
+    TempFolder folder("usd-options");
     const std::string path = folder.file("options.usda");
     const std::vector<std::pair<std::function<void(UsdOptions&)>, std::string>> cases = {
         {[](UsdOptions& o) { o.upAxis = "X"; }, "the up axis is \"Y\" or \"Z\", not \"X\""},

@@ -1,42 +1,15 @@
 #pragma once
-// Helpers that the map, image and PNG tests and benchmarks share: a scratch folder that cleans up
-// after itself, and images made from formulas.
+// Helpers that the map, image and PNG tests and benchmarks share: images made from formulas.
 
 #include <cmath>
 #include <cstdint>
-#include <filesystem>
 #include <string>
 #include <vector>
-
-#include <unistd.h>
 
 #include "base/hash.h"
 #include "io/png.h"
 
 namespace velmorin::test {
-
-// A folder of its own under the system's temporary folder, removed with everything in it.
-class ScratchFolder {
-  public:
-    explicit ScratchFolder(const std::string& name)
-        : path_(std::filesystem::temp_directory_path() /
-                ("velmorin-" + name + "-" + std::to_string(::getpid()))) {
-        std::filesystem::remove_all(path_);
-        std::filesystem::create_directories(path_);
-    }
-    ~ScratchFolder() {
-        std::error_code ignored;
-        std::filesystem::remove_all(path_, ignored);
-    }
-    ScratchFolder(const ScratchFolder&) = delete;
-    ScratchFolder& operator=(const ScratchFolder&) = delete;
-
-    std::string file(const std::string& name) const { return (path_ / name).string(); }
-    const std::filesystem::path& path() const { return path_; }
-
-  private:
-    std::filesystem::path path_;
-};
 
 // A smooth map of the kind artists paint: slow waves over the whole image, each channel its own.
 inline std::vector<std::uint8_t> smoothImage(int width, int height, int channels) {
