@@ -12,7 +12,6 @@
 #include <algorithm>
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -269,24 +268,11 @@ TEST(VelmorinTool, HelpAndUnknownCommands) {
     }
 }
 
-TEST(VelmorinTool, RenderCommand) {
-    const ToolRun help = velmorin({"--help"});
-    EXPECT_NE(help.out.find("\n  render "), std::string::npos);
+TEST(VelmorinTool, RenderCommandIsListedWithItsHelp) {
+    EXPECT_NE(velmorin({"--help"}).out.find("\n  render "), std::string::npos);
     const ToolRun renderHelp = velmorin({"render", "--help"});
     EXPECT_EQ(renderHelp.exit, 0);
     EXPECT_EQ(renderHelp.out, commandHelp(renderCommandSpec(), "velmorin"));
-
-    // Flags that pass reach the groom file reader.
-    const ToolRun missing = velmorin({"render", "nothere.groom", "-o", "p.png", "--view", "front"});
-    EXPECT_EQ(missing.exit, 1);
-    EXPECT_EQ(missing.err, "velmorin render: cannot read 'nothere.groom'\n");
-    EXPECT_FALSE(fs::exists("p.png"));
-    const ToolRun usage = velmorin({"render", "g.groom", "-o", "p.png", "--size", "10x0"});
-    EXPECT_EQ(usage.exit, 2);
-    EXPECT_EQ(firstLine(usage.err),
-              "velmorin render: -size must be WIDTHxHEIGHT, each 1 to 8192 pixels, not '10x0'");
-    EXPECT_NE(usage.err.find("Run 'velmorin render --help' for its flags.\n"), std::string::npos);
-    EXPECT_EQ(usage.out, "");
 }
 
 // A 6 cm square of 4 x 4 quads facing +Y, with UVs from 0 to 1 across it: a scalp small enough
@@ -421,8 +407,9 @@ TEST(VelmorinTool, GroomCommandsOnASmallGroom) {
     EXPECT_GT(*std::max_element(uvs.begin(), uvs.end()), 0.5f);
 }
 
-// Every refusal: its exit code (2 for bad usage, which also says where the flags are listed, 1
-// for a failure), its first line of messages, no answer, and no file left behind.
+// A refusal of each command and each way it can fail: its exit code (2 for bad usage, which also
+// says where the flags are listed, 1 for a failure), its first line of messages, no answer, and no
+// file left behind. The words of each flag rule are checked once, in command_flags_test.cpp.
 TEST(VelmorinTool, RefusalsSayWhyAndLeaveNothingBehind) {
     SmallGroom small;
     const std::string groom = small.groom;
@@ -445,16 +432,9 @@ TEST(VelmorinTool, RefusalsSayWhyAndLeaveNothingBehind) {
     };
     const std::vector<Case> cases = {
         {{"new", "-o", made}, 2, "velmorin new: -scalp is required"},
-        {{"new", "-scalp", small.obj}, 2, "velmorin new: -output is required"},
-        {{"new", "-scalp", small.obj, "-o", made, "--guides", "many"},
-         2,
-         "velmorin new: -guides takes a whole number, not 'many'"},
         {{"new", "-scalp", small.obj, "-o", made, "--guides", "0"},
          2,
          "velmorin new: -guides must be 1 to 10000"},
-        {{"new", "-scalp", small.obj, "-o", made, "--hair"},
-         2,
-         "velmorin new: unknown flag '--hair'"},
         {{"new", "-scalp", noFaces, "-o", made},
          1,
          "velmorin new: " + noFaces +
@@ -472,26 +452,14 @@ TEST(VelmorinTool, RefusalsSayWhyAndLeaveNothingBehind) {
         {{"exportAlembic", groom, "-f", abc, "-nope"},
          2,
          "velmorin exportAlembic: unknown flag '-nope'"},
-        {{"exportAlembic", groom, "-f", abc, "-sf", "5", "-ef", "2"},
-         2,
-         "velmorin exportAlembic: -endFrame is before -startFrame"},
         {{"exportAlembic", groom}, 2, "velmorin exportAlembic: -file is required"},
-        {{"exportAlembic", groom, "-f", abc, "-sf", "one"},
-         2,
-         "velmorin exportAlembic: -startFrame takes a number, not 'one'"},
-        {{"exportAlembic", groom, "-f", abc, "-ue", "-sca", "2"},
-         2,
-         "velmorin exportAlembic: -unreal writes Unreal's units and layout; leave out -scale, "
-         "-pointsPerStrand and -vertexUVs"},
         {{"exportAlembic", "-f", abc}, 2, "velmorin exportAlembic: name a groom"},
         {{"exportAlembic", corrupt, "-f", abc}, 1, ""},
-        {{"exportUsd", groom, "-f", usda, "-s", "0"},
-         2,
-         "velmorin exportUsd: -step must be positive"},
-        {{"exportUsd", groom, "-f", usda, "-scales", "fur"},
-         2,
-         "velmorin exportUsd: -scales must be mesh, instancer, both or none"},
         {{"render", corrupt, "-o", png}, 1, ""},
+        {{"render", missing, "-o", png}, 1, "velmorin render: cannot read '" + missing + "'"},
+        {{"render", groom, "-o", png, "--size", "10x0"},
+         2,
+         "velmorin render: -size must be WIDTHxHEIGHT, each 1 to 8192 pixels, not '10x0'"},
         {{"graphStats", missing}, 1, "velmorin graphStats: cannot read '" + missing + "'"},
         {{"graphStats", "-graph", missingGraph},
          1,
@@ -504,10 +472,6 @@ TEST(VelmorinTool, RefusalsSayWhyAndLeaveNothingBehind) {
          1,
          "velmorin graphStats: -drawTimes reads the viewport, and there is none here"},
         {{"graphStats", "-guides", "0"}, 2, "velmorin graphStats: -guides must be 1 to 10000"},
-        {{"graphStats", "-guides", "many"},
-         2,
-         "velmorin graphStats: -guides takes a whole number, not 'many'"},
-        {{"graphStats", "-wrong"}, 2, "velmorin graphStats: unknown flag '-wrong'"},
         {{"importGroom", "-i"}, 2, "velmorin importGroom: -file is required"},
         {{"importGroom", "-f", groom, "-checkScalp", noFaces},
          1,
@@ -531,7 +495,6 @@ TEST(VelmorinTool, RefusalsSayWhyAndLeaveNothingBehind) {
         {{"demo", "-o", small.path("demo"), "-density", "0"},
          2,
          "velmorin demo: -density must be above 0 and at most 1"},
-        {{"version", "-x"}, 2, "velmorin version: unknown flag '-x'"},
     };
     const std::string before = readBytes(groom);
     const std::vector<std::string> files = filesIn(small.folder / "");
