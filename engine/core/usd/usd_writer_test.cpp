@@ -346,22 +346,6 @@ TEST(UsdCurvesWriter, WritesEdgeCasesAsValidUsd) {
                   (std::vector<float>{1, 1}));
     }
     {
-        // Names that are not identifiers become identifiers.
-        StrandSet set = twoStrands();
-        set.addStrandChannel("clump id", 0.0f);
-        set.addPointChannel("2nd-curl", 0.0f);
-        UsdOptions options;
-        options.defaultPrim = "3 hair/groom";
-        const std::string text = writeFrames(folder, {set}, options);
-        const UsdaLayer layer = parseUsda(text);
-        EXPECT_EQ(findMetadata(layer.metadata, "defaultPrim")->text, "_3_hair_groom");
-        ASSERT_EQ(layer.prims.size(), 1u);
-        EXPECT_EQ(layer.prims[0].name, "_3_hair_groom");
-        const auto& strands = strandsPrim(layer);
-        EXPECT_NE(strands.property("primvars:clump_id"), nullptr);
-        EXPECT_NE(strands.property("primvars:_2nd_curl"), nullptr);
-    }
-    {
         // One frame, one sample; no range, no time codes; no widths, no widths property.
         StrandSet set = twoStrands();
         set.overwriteWidths().clear();
@@ -428,7 +412,6 @@ TEST(UsdCurvesWriter, RefusesBadFramesAndWritesNothingOfThem) {
     const std::string path = folder.file("refuse.usda");
     UsdCurvesWriter writer(path, UsdOptions{});
     const float nan = std::numeric_limits<float>::quiet_NaN();
-    const float inf = std::numeric_limits<float>::infinity();
     struct Case {
         const char* what;
         std::function<void(StrandSet&)> spoil;
@@ -440,10 +423,6 @@ TEST(UsdCurvesWriter, RefusesBadFramesAndWritesNothingOfThem) {
          [&](StrandSet& s) { s.writePoints()[3].y = nan; },
          {},
          "frame 1: strand 1 has a point that is not a finite number"},
-        {"infinite point",
-         [&](StrandSet& s) { s.writePoints()[0].z = -inf; },
-         {},
-         "frame 1: strand 0 has a point that is not a finite number"},
         {"NaN width",
          [&](StrandSet& s) { s.writeWidths()[2] = nan; },
          {},
@@ -500,7 +479,7 @@ TEST(UsdCurvesWriter, RefusesBadFramesAndWritesNothingOfThem) {
     }
     EXPECT_EQ(strands.property("primvars:a_b"), nullptr);
     // Only the file is left: the spools are gone.
-    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(folder.path()), {}), 1);
+    EXPECT_EQ(folder.entries(), 1u);
 }
 
 // Holds files to `bytes` while it lives, so that writing past that fails as on a full disk.
@@ -558,7 +537,7 @@ TEST(UsdCurvesWriter, UndoesWhatCannotBeWritten) {
         EXPECT_EQ(sampleTimes(strands.property("primvars:mass")), (std::vector<double>{3}));
         EXPECT_EQ(sampleTimes(strands.property("widths")), (std::vector<double>{1, 2, 3}));
         EXPECT_TRUE(strands.property("widths")->samples[2].second.isNone());
-        EXPECT_EQ(std::distance(std::filesystem::directory_iterator(folder.path()), {}), 1);
+        EXPECT_EQ(folder.entries(), 1u);
     }
     // With every sample held in memory, a close that fails leaves no file and the writer open too,
     // and the next close writes it all.
@@ -575,7 +554,7 @@ TEST(UsdCurvesWriter, UndoesWhatCannotBeWritten) {
     writer.close();
     const UsdaLayer layer = parseUsda(readBytes(path));
     EXPECT_EQ(sampleTimes(strandsPrim(layer).property("points")), (std::vector<double>{1}));
-    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(folder.path()), {}), 1);
+    EXPECT_EQ(folder.entries(), 1u);
 }
 
 // Spools held in memory, in files, or moved from one to the other part-way through a frame give
@@ -640,7 +619,7 @@ TEST(UsdCurvesWriter, WritesTheSameBytesWhereverItSpools) {
             } else {
                 EXPECT_TRUE(text == expected);
             }
-            EXPECT_EQ(std::distance(std::filesystem::directory_iterator(folder.path()), {}), 1);
+            EXPECT_EQ(folder.entries(), 1u);
         }
     }
 }
