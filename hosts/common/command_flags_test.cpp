@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <iterator>
 #include <set>
 #include <sstream>
 #include <stdexcept>
@@ -20,6 +21,12 @@ const CommandSpec& spec(std::string_view name) {
 
 ParsedFlags parse(std::string_view command, std::vector<std::string> args) {
     return parseFlags(spec(command), args);
+}
+
+// The words of a command line as a shell splits it (no quoting in these tests).
+std::vector<std::string> words(const std::string& line) {
+    std::istringstream in(line);
+    return {std::istream_iterator<std::string>(in), {}};
 }
 
 // The message of the usage error that reading and checking `args` gives, or "" for none.
@@ -105,15 +112,10 @@ TEST(ParseFlags, ReadsEveryFormAndType) {
 }
 
 TEST(ParseFlags, BoolWords) {
-    for (const auto& [word, value] : std::vector<std::pair<std::string, bool>>{{"true", true},
-                                                                               {"On", true},
-                                                                               {"yes", true},
-                                                                               {"1", true},
-                                                                               {"false", false},
-                                                                               {"OFF", false},
-                                                                               {"no", false},
-                                                                               {"0", false}})
-        EXPECT_EQ(parse("exportAlembic", {"-shafts", word}).boolean("shafts"), value) << word;
+    for (const char* word : {"true", "On", "yes", "1"})
+        EXPECT_EQ(parse("exportAlembic", {"-shafts", word}).boolean("shafts"), true) << word;
+    for (const char* word : {"false", "OFF", "no", "0"})
+        EXPECT_EQ(parse("exportAlembic", {"-shafts", word}).boolean("shafts"), false) << word;
 }
 
 TEST(ParseFlags, RefusesWithTheExactWords) {
@@ -142,72 +144,63 @@ TEST(ParseFlags, RefusesWithTheExactWords) {
 }
 
 TEST(CheckFlags, RulesOfTheExports) {
-    const std::vector<std::tuple<const char*, std::vector<std::string>, std::string>> cases = {
-        {"exportUsd", {}, "-file is required"},
-        {"exportUsd", {"-f", "a", "-s", "0"}, "-step must be positive"},
-        {"exportUsd", {"-f", "a", "-sf", "10", "-ef", "5"}, "-endFrame is before -startFrame"},
-        {"exportUsd", {"-f", "a", "-d", "1.5"}, "-density must be between 0 and 1"},
-        {"exportUsd",
-         {"-f", "a", "-scl", "cubes"},
-         "-scales must be mesh, instancer, both or none"},
-        {"exportUsd",
-         {"-f", "a", "-sf", "0", "-ef", "1e9", "-s", "0.001"},
+    const struct {
+        const char* command;
+        const char* line;
+        std::string message;
+    } cases[] = {
+        {"exportUsd", "", "-file is required"},
+        {"exportUsd", "-f a -s 0", "-step must be positive"},
+        {"exportUsd", "-f a -sf 10 -ef 5", "-endFrame is before -startFrame"},
+        {"exportUsd", "-f a -d 1.5", "-density must be between 0 and 1"},
+        {"exportUsd", "-f a -scl cubes", "-scales must be mesh, instancer, both or none"},
+        {"exportUsd", "-f a -sf 0 -ef 1e9 -s 0.001",
          "-startFrame to -endFrame by -step makes more than 1000000 frames"},
-        {"exportAlembic",
-         {"-f", "a", "-gg", "g", "-gp"},
-         "use -guideGroup or -guidePoses, not both"},
-        {"exportAlembic", {"-f", "a", "-ue", "-uty"}, "use -unreal or -unity, not both"},
-        {"exportAlembic", {"-f", "a", "-fg", "on"}, "-fg goes with -unreal"},
-        {"exportAlembic", {"-f", "a", "-grp", "auto"}, "-groups goes with -unreal or -unity"},
-        {"exportAlembic",
-         {"-f", "a", "-ue", "-gp"},
+        {"exportAlembic", "-f a -gg g -gp", "use -guideGroup or -guidePoses, not both"},
+        {"exportAlembic", "-f a -ue -uty", "use -unreal or -unity, not both"},
+        {"exportAlembic", "-f a -fg on", "-fg goes with -unreal"},
+        {"exportAlembic", "-f a -grp auto", "-groups goes with -unreal or -unity"},
+        {"exportAlembic", "-f a -ue -gp",
          "-unreal writes its own guides; leave out -guideGroup and -guidePoses"},
-        {"exportAlembic",
-         {"-f", "a", "-ue", "-sca", "2"},
+        {"exportAlembic", "-f a -ue -sca 2",
          "-unreal writes Unreal's units and layout; leave out -scale, -pointsPerStrand and "
          "-vertexUVs"},
-        {"exportAlembic",
-         {"-f", "a", "-ue", "-vertexUVs"},
+        {"exportAlembic", "-f a -ue -vertexUVs",
          "-unreal writes Unreal's units and layout; leave out -scale, -pointsPerStrand and "
          "-vertexUVs"},
-        {"exportAlembic",
-         {"-f", "a", "-uty", "-gg", "g"},
+        {"exportAlembic", "-f a -uty -gg g",
          "-unity writes the strands; leave out -guideGroup and -guidePoses"},
-        {"exportAlembic",
-         {"-f", "a", "-bpp", "4"},
-         "-barbPoints and -maxStrandsPerGroup go with -groups"},
-        {"exportAlembic", {"-f", "a", "-bd", "0"}, "-barbDensity must be above 0 and at most 1"},
-        {"exportAlembic", {"-f", "a", "-bws", "-1"}, "-barbWidthScale must be positive"},
-        {"exportAlembic", {"-f", "a", "-sca", "0"}, "-scale must be positive"},
-        {"exportAlembic", {"-f", "a", "-pps", "1"}, "-pointsPerStrand must be 0 or 2 to 4096"},
-        {"exportAlembic", {"-f", "a", "-pps", "4097"}, "-pointsPerStrand must be 0 or 2 to 4096"},
-        {"exportAlembic",
-         {"-f", "a", "-uty", "-grp", "auto", "-bpp", "1"},
-         "-barbPoints must be 0 or 2 to 4096"},
-        {"exportAlembic",
-         {"-f", "a", "-ue", "-grp", "auto", "-msg", "-1"},
+        {"exportAlembic", "-f a -bpp 4", "-barbPoints and -maxStrandsPerGroup go with -groups"},
+        {"exportAlembic", "-f a -bd 0", "-barbDensity must be above 0 and at most 1"},
+        {"exportAlembic", "-f a -bws -1", "-barbWidthScale must be positive"},
+        {"exportAlembic", "-f a -sca 0", "-scale must be positive"},
+        {"exportAlembic", "-f a -pps 1", "-pointsPerStrand must be 0 or 2 to 4096"},
+        {"exportAlembic", "-f a -pps 4097", "-pointsPerStrand must be 0 or 2 to 4096"},
+        {"exportAlembic", "-f a -uty -grp auto -bpp 1", "-barbPoints must be 0 or 2 to 4096"},
+        {"exportAlembic", "-f a -ue -grp auto -msg -1",
          "-maxStrandsPerGroup must be 0 (no limit) or more"},
-        {"exportAlembic",
-         {"-f", "a", "-scl", "instancer"},
+        {"exportAlembic", "-f a -scl instancer",
          "-scales must be mesh or none (an instancer goes to USD)"},
-        {"exportGroom", {"-n", "x"}, "-file is required"},
-        {"importGroom", {"-i"}, "-file is required"},
-        {"importGroom", {"-f", "a", "-i", "-ms"}, "give one of -info, -checkScalp and -makeScalp"},
-        {"expression", {"-v", "{}"}, "-variables goes with -check"},
+        {"exportGroom", "-n x", "-file is required"},
+        {"importGroom", "-i", "-file is required"},
+        {"importGroom", "-f a -i -ms", "give one of -info, -checkScalp and -makeScalp"},
+        {"expression", "-v {}", "-variables goes with -check"},
     };
-    for (const auto& [command, args, message] : cases)
-        EXPECT_EQ(usageMessage(command, args), message) << command;
+    for (const auto& c : cases)
+        EXPECT_EQ(usageMessage(c.command, words(c.line)), c.message) << c.command << " " << c.line;
     // And what the rules let through.
-    for (const auto& [command, args] :
-         std::vector<std::pair<const char*, std::vector<std::string>>>{
-             {"exportUsd", {"-f", "a", "-sf", "5", "-ef", "5", "-d", "0", "-scl", "both"}},
-             {"exportUsd", {"-f", "a", "-ef", "-20"}},
-             {"exportAlembic",
-              {"-f", "a", "-ue", "-fg", "on", "-grp", "auto", "-bpp", "0", "-msg", "0", "-bd", "1",
-               "-scl", "none"}},
-             {"exportAlembic", {"-f", "a", "-pps", "4096", "-sca", "0.5", "-gg", "primary"}},
-             {"importGroom", {"-f", "a", "-cs", "pSphere1"}}})
-        EXPECT_EQ(usageMessage(command, args), "") << command;
+    const struct {
+        const char* command;
+        const char* line;
+    } allowed[] = {
+        {"exportUsd", "-f a -sf 5 -ef 5 -d 0 -scl both"},
+        {"exportUsd", "-f a -ef -20"},
+        {"exportAlembic", "-f a -ue -fg on -grp auto -bpp 0 -msg 0 -bd 1 -scl none"},
+        {"exportAlembic", "-f a -pps 4096 -sca 0.5 -gg primary"},
+        {"importGroom", "-f a -cs pSphere1"},
+    };
+    for (const auto& c : allowed)
+        EXPECT_EQ(usageMessage(c.command, words(c.line)), "") << c.command << " " << c.line;
 }
 
 TEST(ExportFrames, RangeStepAndCurrentFrame) {
