@@ -29,9 +29,7 @@ TEST(FormatVersion, ReadsOlderAndRefusesNewer) {
          "update Velmorin"},
         {R"({"version": 2.5})", "look preset: version 2.5 is not a whole number from 1"},
         {R"({"version": 0})", "look preset: version 0 is not a whole number from 1"},
-        {R"({"version": -3})", "look preset: version -3 is not a whole number from 1"},
         {R"({"version": "1"})", "look preset: version \"1\" is not a whole number from 1"},
-        {R"({"version": null})", "look preset: version null is not a whole number from 1"},
     };
     for (const auto& c : cases) {
         expectMessage<SchemaError>(
@@ -77,8 +75,6 @@ TEST(OpenDocument, RefusesWhatItCannotReadInTheFormatsWords) {
         {"3", widgets(), "widget data: expected an object of widgets"},
         {R"({"version": 3})", widgets(),
          "widget data is of version 3, newer than this Velmorin reads: update Velmorin"},
-        {R"({"version": 1.5})", widgets(), "widget data: version 1.5 is not a whole number from 1"},
-        {R"({"version": {}})", widgets(), "widget data: version {} is not a whole number from 1"},
         // A format with its own words for a newer version keeps the shared words for the rest.
         {R"({"version": 3})", widgets("widget data is too new"), "widget data is too new"},
         {R"({"version": 0})", widgets("widget data is too new"),

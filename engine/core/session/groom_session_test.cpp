@@ -37,11 +37,6 @@ GuideHierarchy twoGuides(const ScalpMesh& scalp) {
     return h;
 }
 
-// The graph the session tests groom with.
-std::string sessionGraph() {
-    return defaultGraphJson();
-}
-
 // Guides fed through a Sculpt node, which is the output; and a Sculpt node fed nothing.
 std::string sculptGraph() {
     return R"({"version":1,"nodes":[{"name":"scalp","type":"Scalp"},{"name":"guides","type":"Guides"},
@@ -105,7 +100,7 @@ TEST(GroomSession, SettersRaiseEditsOnlyOnARealChange) {
     const std::string guides = twoGuides(*scalp).toJson();
     const auto other = plane(3.0f);
     const std::vector<std::pair<const char*, std::function<void()>>> setters = {
-        {"graph", [&] { session.setGraph(sessionGraph()); }},
+        {"graph", [&] { session.setGraph(defaultGraphJson()); }},
         {"scalp", [&] { session.setScalp(plane()); }},  // a new pointer, the same content
         {"rest scalp", [&] { session.setRestScalp(plane()); }},
         {"scalp history", [&] { session.setScalpAt(3.0, other); }},
@@ -143,7 +138,7 @@ TEST(GroomSession, SettersRaiseEditsOnlyOnARealChange) {
 
 TEST(GroomSession, EqualScalpOrGuidesOrAnotherFrameEvaluateNothingAgain) {
     GroomSession session;
-    groom(session, sessionGraph());
+    groom(session, defaultGraphJson());
     const auto first = session.evaluate({1.0, true, {}});
     ASSERT_NE(first, nullptr);
     ASSERT_NE(first->strands, nullptr);
@@ -187,7 +182,7 @@ TEST(GroomSession, EqualScalpOrGuidesOrAnotherFrameEvaluateNothingAgain) {
 
 TEST(GroomSession, MisuseGetsItsMessageAndKeepsTheLastGoodStateAndFrame) {
     GroomSession session;
-    groom(session, sessionGraph());
+    groom(session, defaultGraphJson());
     const auto good = session.evaluate({1.0, true, {}});
     ASSERT_NE(good, nullptr);
     const auto scalp = session.scalp();
@@ -249,7 +244,7 @@ TEST(GroomSession, UpdateScalpPointsKeepsTheKeysOfNodesThatDoNotReadTheScalp) {
     auto guides = std::make_shared<GuideSet>();
     guides->guides = twoGuides(*session.scalp()).guides();
     session.setGuides(guides);
-    session.setGraph(sessionGraph());
+    session.setGraph(defaultGraphJson());
     session.evaluate();
     const Graph& graph = *session.graph();
     const auto before = stamps(graph);
@@ -274,7 +269,7 @@ TEST(GroomSession, UpdateScalpPointsKeepsTheKeysOfNodesThatDoNotReadTheScalp) {
 
 TEST(GroomSession, GuideLayersJoinThePaintedMapsInTheCatalog) {
     GroomSession session;
-    groom(session, sessionGraph());
+    groom(session, defaultGraphJson());
     GuideHierarchy painted = *session.hierarchy();
     painted.setPointAttribute(1, "curl", {0.0f, 0.5f, 1.0f});
     session.setGuideData(painted.toJson());
@@ -300,7 +295,7 @@ struct FrameBits {
 
 std::vector<FrameBits> threeFrames(const std::string& correctives) {
     GroomSession session;
-    groom(session, sessionGraph());
+    groom(session, defaultGraphJson());
     session.setCorrectiveData(correctives);
     std::vector<FrameBits> frames;
     for (const double time : {1.0, 2.0, 3.0}) {
@@ -367,7 +362,7 @@ TEST(GroomSession, CorrectiveLayersStackInOrder) {
     EXPECT_NE(bendThenPush[2], pushThenBend[2]);
     // The same as applying the two in turn by hand.
     GroomSession session;
-    groom(session, sessionGraph());
+    groom(session, defaultGraphJson());
     session.evaluate({1.0, true, {}});
     std::vector<Guide> guides{*session.activeHierarchy()->findGuide(1)};
     for (const std::string& text : {bend, push}) {
@@ -461,11 +456,11 @@ std::shared_ptr<const ScalpMesh> liftedPlane(float lift) {
 
 TEST(GroomSession, FollowingAScalpCarriesTheGroomInsteadOfGrowingItAgain) {
     GroomSession still;
-    groom(still, sessionGraph());
+    groom(still, defaultGraphJson());
     const auto atRest = still.evaluate();
 
     GroomSession session;
-    groom(session, sessionGraph());
+    groom(session, defaultGraphJson());
     session.setRestScalp(plane());
     session.setFollowScalp(true);
     session.evaluate();
@@ -529,7 +524,7 @@ TEST(GroomSession, SculptingAFollowingGroomRecordsWhereTheGraphWorks) {
 
 TEST(GroomSession, SculptingACorrectiveNeedsItsWeightOnTheFrame) {
     GroomSession session;
-    groom(session, sessionGraph());
+    groom(session, defaultGraphJson());
     session.setCorrectiveData(
         R"({"layers":[{"name":"off","enabled":false},{"name":"fix","time":2,"fadeIn":2}]})");
     session.setTime(1.0);  // "fix" weighs 0.5 here
@@ -554,7 +549,7 @@ TEST(GroomSession, SculptingACorrectiveNeedsItsWeightOnTheFrame) {
 
 TEST(GroomSession, ScaleFollowsTheScalpArea) {
     GroomSession session;
-    groom(session, sessionGraph());
+    groom(session, defaultGraphJson());
     session.evaluate();
     EXPECT_DOUBLE_EQ(session.scaleReference(), 4.0);  // taken from the first measure
     EXPECT_EQ(session.scaleFactor(), 1.0);
@@ -602,7 +597,7 @@ TEST(GroomSession, ScaleFollowsTheScalpArea) {
 
 TEST(GroomSession, DetachedEvaluationHandsOverItsResultsAndItsFailureOnce) {
     GroomSession session;
-    groom(session, sessionGraph());
+    groom(session, defaultGraphJson());
     session.startDetached({1.0, true, {}});
     EXPECT_TRUE(session.detachedRunning());
     const auto frame = session.evaluate({1.0, true, {}});
