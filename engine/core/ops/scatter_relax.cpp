@@ -505,24 +505,22 @@ void relaxPlacement(const ScalpMesh& scalp, const PlacementSettings& settings,
                 for (std::size_t i = begin; i < end; ++i) {
                     const float ri = radii[i];
                     if (!(ri > 0.0f)) continue;
-                    // The candidate's last location lies on the surface, so the closest point
-                    // is no farther than it: searching only that far (with a margin for
-                    // rounding) prunes the tree walk and finds the same point, the nearest in
-                    // reach with ties going to the lower triangle.
-                    const Vec3f last = scalp.pointAt(roots[i]);
-                    const float lastDistance = length(positions[i] - last);
-                    const float reachNow = std::min(4.0f * ri, lastDistance * 1.001f + ri * 1e-4f);
-                    // Mostly the triangles round the last one answer, as the tree would.
-                    const ClosestPoint hit =
-                        nearTriangles.covers(reachNow, lastDistance)
-                            ? nearTriangles.closest(positions[i], reachNow, roots[i].face)
-                            : scalp.closestPoint(positions[i], reachNow);
+                    // Mostly the triangles round the last one answer, from the last triangle's
+                    // exact distance. Where they cannot vouch, the tree does: the last location
+                    // lies on the surface, so the closest point is no farther than it, and
+                    // searching only that far (with a margin for rounding) prunes its walk.
+                    ClosestPoint hit;
+                    if (!nearTriangles.closest(positions[i], 4.0f * ri, roots[i].face, hit)) {
+                        const float lastDistance = length(positions[i] - scalp.pointAt(roots[i]));
+                        hit = scalp.closestPoint(
+                            positions[i], std::min(4.0f * ri, lastDistance * 1.001f + ri * 1e-4f));
+                    }
                     if (hit.found() && allowed(hit.root, hit.point)) {
                         roots[i] = hit.root;
                         positions[i] = hit.point;
                         normals[i] = scalp.normalAt(hit.root);
                     } else {
-                        positions[i] = last;
+                        positions[i] = scalp.pointAt(roots[i]);
                     }
                 }
             });
