@@ -277,14 +277,25 @@ __attribute__((target("avx"))) unsigned pairForceWide(std::size_t first, std::si
     const __m256 zero = _mm256_setzero_ps();
     __m256 fx = _mm256_setzero_ps(), fy = _mm256_setzero_ps(), fz = _mm256_setzero_ps();
     unsigned coincident = 0;
+    // The eight lists lie side by side from one base, so that each step loads its eight
+    // neighbours at fixed offsets from one register. A last group of fewer than eight takes a copy
+    // in which its last list repeats.
+    const std::uint32_t* group = lists + first * kRelaxNeighbors;
+    std::uint32_t shortGroup[8 * kRelaxNeighbors];
+    if (lanes < 8) {
+        for (std::size_t c = 0; c < 8; ++c)
+            std::copy_n(lists + self[c] * kRelaxNeighbors, kRelaxNeighbors,
+                        shortGroup + c * kRelaxNeighbors);
+        group = shortGroup;
+    }
     bool padded = false;
     for (std::size_t c = 0; c < 8; ++c)
-        padded = padded || lists[self[c] * kRelaxNeighbors + kRelaxNeighbors - 1] == self[c];
+        padded = padded || group[c * kRelaxNeighbors + kRelaxNeighbors - 1] == self[c];
     for (int k = 0; k < kRelaxNeighbors; ++k) {
         std::uint32_t j[8];
         __m128 q[8];
         for (std::size_t c = 0; c < 8; ++c) {
-            j[c] = lists[self[c] * kRelaxNeighbors + static_cast<std::size_t>(k)];
+            j[c] = group[c * kRelaxNeighbors + static_cast<std::size_t>(k)];
             q[c] = _mm_loadu_ps(&positions[j[c]].x);
         }
         // A pair with the candidate itself (a list padded with its own index) and, where radii
