@@ -142,9 +142,15 @@ class EdgeGrid {
 // s = r_i + r_j and d from j to i, the direction of d (or, for a coincident pair, one given by the
 // candidate's place in the placement, `rank`, alone) weighed by (1 - |d| / s) squared, summed in
 // list order. `radii` is null where every candidate has the radius r0.
+//
+// Each pair costs one square root and one division: the direction is d times 1 / |d| and the
+// weight's |d| / s is |d| times 1 / s, where 1 / s is one number for the whole run when every
+// radius is r0 (`plainInverse`, 1 / (r0 + r0)) and a second division only where radii differ.
+// Every path (pair by pair, four and eight lanes) does these same correctly rounded operations in
+// the same order, so all give the same bits on every x86-64 processor.
 Vec3f pairForceOneByOne(std::size_t i, std::size_t rank, const std::uint32_t* list, const Vec3f& pi,
                         float ri, const Vec3f* positions, const float* radii, float r0,
-                        std::size_t count) {
+                        float plainInverse, std::size_t count) {
     const float n = static_cast<float>(count);
     Vec3f force;
     for (int k = 0; k < kRelaxNeighbors; ++k) {
@@ -160,26 +166,28 @@ Vec3f pairForceOneByOne(std::size_t i, std::size_t rank, const std::uint32_t* li
         if (d2 >= s * s * 1.00002f) continue;
         const float dist = std::sqrt(d2);
         if (!(dist < s)) continue;
-        Vec3f direction;
+        const float inverseReach = radii ? 1.0f / s : plainInverse;
+        const float w = 1.0f - dist * inverseReach;
         if (dist <= s * 1e-6f) {
             // Coincident candidates part in a direction given by their indices alone.
-            direction = {unitFloat(rank) - 0.5f,
-                         unitFloat(static_cast<std::uint64_t>(n) + kGolden + rank) - 0.5f, 0.0f};
+            const Vec3f direction = {
+                unitFloat(rank) - 0.5f,
+                unitFloat(static_cast<std::uint64_t>(n) + kGolden + rank) - 0.5f, 0.0f};
+            force += direction * (w * w);
         } else {
-            direction = d / dist;
+            force += d * ((w * w) * (1.0f / dist));
         }
-        const float w = 1.0f - dist / s;
-        force += direction * (w * w);
     }
     return force;
 }
 
-// The same, four pairs at a time where SSE is at hand: the square roots and divisions are the
+// The same, four pairs at a time where SSE is at hand: the square root and divisions are the
 // same correctly rounded operations, and the sum still runs in list order (a pair out of reach adds
 // +0, which changes no sum that starts at +0), so the bits are those of the pair-by-pair loop.
 // A coincident pair, which is rare, sends the candidate to that loop.
 Vec3f pairForce(std::size_t i, std::size_t rank, const std::uint32_t* list, const Vec3f& pi,
-                float ri, const Vec3f* positions, const float* radii, float r0, std::size_t count) {
+                float ri, const Vec3f* positions, const float* radii, float r0, float plainInverse,
+                std::size_t count) {
 #if VELMORIN_RELAX_SSE
     alignas(16) float dx[kRelaxNeighbors], dy[kRelaxNeighbors], dz[kRelaxNeighbors];
     alignas(16) float reach[kRelaxNeighbors];
@@ -194,6 +202,7 @@ Vec3f pairForce(std::size_t i, std::size_t rank, const std::uint32_t* list, cons
         reach[k] = j != i && rj > 0.0f ? ri + rj : 0.0f;
     }
     const __m128 one = _mm_set1_ps(1.0f), tiny = _mm_set1_ps(1e-6f);
+    const __m128 plain = _mm_set1_ps(plainInverse);
     for (int k = 0; k < kRelaxNeighbors; k += 4) {
         const __m128 x = _mm_load_ps(dx + k), y = _mm_load_ps(dy + k), z = _mm_load_ps(dz + k);
         const __m128 s = _mm_load_ps(reach + k);
@@ -209,20 +218,22 @@ Vec3f pairForce(std::size_t i, std::size_t rank, const std::uint32_t* list, cons
             continue;
         }
         if (_mm_movemask_ps(_mm_and_ps(in, _mm_cmple_ps(dist, _mm_mul_ps(s, tiny)))) != 0)
-            return pairForceOneByOne(i, rank, list, pi, ri, positions, radii, r0, count);
-        const __m128 w = _mm_sub_ps(one, _mm_div_ps(dist, s));
-        const __m128 weight = _mm_and_ps(in, _mm_mul_ps(w, w));
+            return pairForceOneByOne(i, rank, list, pi, ri, positions, radii, r0, plainInverse,
+                                     count);
+        const __m128 inverseReach = radii ? _mm_div_ps(one, s) : plain;
+        const __m128 w = _mm_sub_ps(one, _mm_mul_ps(dist, inverseReach));
         // Lanes out of reach may hold infinities or NaN before the mask; the mask makes them +0.
-        _mm_store_ps(dx + k, _mm_and_ps(in, _mm_mul_ps(_mm_div_ps(x, dist), weight)));
-        _mm_store_ps(dy + k, _mm_and_ps(in, _mm_mul_ps(_mm_div_ps(y, dist), weight)));
-        _mm_store_ps(dz + k, _mm_and_ps(in, _mm_mul_ps(_mm_div_ps(z, dist), weight)));
+        const __m128 scale = _mm_and_ps(in, _mm_mul_ps(_mm_mul_ps(w, w), _mm_div_ps(one, dist)));
+        _mm_store_ps(dx + k, _mm_and_ps(in, _mm_mul_ps(x, scale)));
+        _mm_store_ps(dy + k, _mm_and_ps(in, _mm_mul_ps(y, scale)));
+        _mm_store_ps(dz + k, _mm_and_ps(in, _mm_mul_ps(z, scale)));
     }
     Vec3f force;
     for (int k = 0; k < kRelaxNeighbors; ++k)
         force += Vec3f{dx[k], dy[k], dz[k]};
     return force;
 #else
-    return pairForceOneByOne(i, rank, list, pi, ri, positions, radii, r0, count);
+    return pairForceOneByOne(i, rank, list, pi, ri, positions, radii, r0, plainInverse, count);
 #endif
 }
 
@@ -235,7 +246,7 @@ Vec3f pairForce(std::size_t i, std::size_t rank, const std::uint32_t* list, cons
 __attribute__((target("avx"))) unsigned pairForceWide(std::size_t first, std::size_t lanes,
                                                       const std::uint32_t* lists,
                                                       const Vec3f* positions, const float* radii,
-                                                      float r0, Vec3f* forces) {
+                                                      float r0, float plainInverse, Vec3f* forces) {
     std::size_t self[8];
     // Lanes beyond the last candidate repeat it; their result is dropped.
     for (std::size_t c = 0; c < 8; ++c)
@@ -261,17 +272,30 @@ __attribute__((target("avx"))) unsigned pairForceWide(std::size_t first, std::si
     const __m128i selfHigh =
         _mm_setr_epi32(lane(self[4]), lane(self[5]), lane(self[6]), lane(self[7]));
     const __m256 one = _mm256_set1_ps(1.0f), tiny = _mm256_set1_ps(1e-6f);
+    const __m256 plain = _mm256_set1_ps(plainInverse);
+    const __m256 margin = _mm256_set1_ps(1.00002f);
     const __m256 zero = _mm256_setzero_ps();
     __m256 fx = _mm256_setzero_ps(), fy = _mm256_setzero_ps(), fz = _mm256_setzero_ps();
     unsigned coincident = 0;
+    // The eight lists lie side by side from one base, so that each step loads its eight
+    // neighbours at fixed offsets from one register. A last group of fewer than eight takes a copy
+    // in which its last list repeats.
+    const std::uint32_t* group = lists + first * kRelaxNeighbors;
+    std::uint32_t shortGroup[8 * kRelaxNeighbors];
+    if (lanes < 8) {
+        for (std::size_t c = 0; c < 8; ++c)
+            std::copy_n(lists + self[c] * kRelaxNeighbors, kRelaxNeighbors,
+                        shortGroup + c * kRelaxNeighbors);
+        group = shortGroup;
+    }
     bool padded = false;
     for (std::size_t c = 0; c < 8; ++c)
-        padded = padded || lists[self[c] * kRelaxNeighbors + kRelaxNeighbors - 1] == self[c];
+        padded = padded || group[c * kRelaxNeighbors + kRelaxNeighbors - 1] == self[c];
     for (int k = 0; k < kRelaxNeighbors; ++k) {
         std::uint32_t j[8];
         __m128 q[8];
         for (std::size_t c = 0; c < 8; ++c) {
-            j[c] = lists[self[c] * kRelaxNeighbors + static_cast<std::size_t>(k)];
+            j[c] = group[c * kRelaxNeighbors + static_cast<std::size_t>(k)];
             q[c] = _mm_loadu_ps(&positions[j[c]].x);
         }
         // A pair with the candidate itself (a list padded with its own index) and, where radii
@@ -305,20 +329,27 @@ __attribute__((target("avx"))) unsigned pairForceWide(std::size_t first, std::si
         const __m256 x = _mm256_sub_ps(px, _mm256_shuffle_ps(xy01, xy23, 0x44));
         const __m256 y = _mm256_sub_ps(py, _mm256_shuffle_ps(xy01, xy23, 0xEE));
         const __m256 z = _mm256_sub_ps(pz, _mm256_shuffle_ps(zw01, zw23, 0x44));
-        const __m256 dist = _mm256_sqrt_ps(_mm256_add_ps(
-            _mm256_add_ps(_mm256_mul_ps(x, x), _mm256_mul_ps(y, y)), _mm256_mul_ps(z, z)));
-        const __m256 in = _mm256_cmp_ps(dist, s, _CMP_LT_OQ);
+        const __m256 d2 = _mm256_add_ps(_mm256_add_ps(_mm256_mul_ps(x, x), _mm256_mul_ps(y, y)),
+                                        _mm256_mul_ps(z, z));
         // A pair out of reach adds +0, which changes no sum that starts at +0: lists run nearest
-        // first, so the last pairs of all eight are mostly out of reach together.
-        if (_mm256_movemask_ps(in) == 0) continue;
+        // first, so the last pairs of all eight are mostly out of reach together, which the
+        // squared distances tell without the square root (with a margin for the rounding; the
+        // exact test below decides the pairs near the edge).
+        const __m256 roughly =
+            _mm256_cmp_ps(d2, _mm256_mul_ps(_mm256_mul_ps(s, s), margin), _CMP_LT_OQ);
+        if (_mm256_movemask_ps(roughly) == 0) continue;
+        const __m256 dist = _mm256_sqrt_ps(d2);
+        const __m256 in = _mm256_cmp_ps(dist, s, _CMP_LT_OQ);
         coincident |= static_cast<unsigned>(_mm256_movemask_ps(
             _mm256_and_ps(in, _mm256_cmp_ps(dist, _mm256_mul_ps(s, tiny), _CMP_LE_OQ))));
-        const __m256 w = _mm256_sub_ps(one, _mm256_div_ps(dist, s));
-        const __m256 weight = _mm256_and_ps(in, _mm256_mul_ps(w, w));
+        const __m256 inverseReach = radii ? _mm256_div_ps(one, s) : plain;
+        const __m256 w = _mm256_sub_ps(one, _mm256_mul_ps(dist, inverseReach));
         // Lanes out of reach may hold infinities or NaN before the mask; the mask makes them +0.
-        fx = _mm256_add_ps(fx, _mm256_and_ps(in, _mm256_mul_ps(_mm256_div_ps(x, dist), weight)));
-        fy = _mm256_add_ps(fy, _mm256_and_ps(in, _mm256_mul_ps(_mm256_div_ps(y, dist), weight)));
-        fz = _mm256_add_ps(fz, _mm256_and_ps(in, _mm256_mul_ps(_mm256_div_ps(z, dist), weight)));
+        const __m256 scale =
+            _mm256_and_ps(in, _mm256_mul_ps(_mm256_mul_ps(w, w), _mm256_div_ps(one, dist)));
+        fx = _mm256_add_ps(fx, _mm256_and_ps(in, _mm256_mul_ps(x, scale)));
+        fy = _mm256_add_ps(fy, _mm256_and_ps(in, _mm256_mul_ps(y, scale)));
+        fz = _mm256_add_ps(fz, _mm256_and_ps(in, _mm256_mul_ps(z, scale)));
     }
     alignas(32) float own[3][8];
     _mm256_store_ps(own[0], fx);
@@ -330,7 +361,7 @@ __attribute__((target("avx"))) unsigned pairForceWide(std::size_t first, std::si
 }
 #else
 unsigned pairForceWide(std::size_t, std::size_t, const std::uint32_t*, const Vec3f*, const float*,
-                       float, Vec3f*) {
+                       float, float, Vec3f*) {
     return 0;
 }
 #endif
@@ -345,6 +376,8 @@ void relaxPlacement(const ScalpMesh& scalp, const PlacementSettings& settings,
     const bool mapped = static_cast<bool>(settings.mappedDensity);
     const bool masked = settings.mask && !settings.mask->empty();
     const float r0 = kRadiusScale / static_cast<float>(std::sqrt(settings.density));
+    // Where every radius is r0, every pair's reach is r0 + r0: its inverse is made once.
+    const float plainInverse = 1.0f / (r0 + r0);
 
     // One point more than candidates: the eight-lane push loads each point with the float after.
     std::vector<Vec3f> positions(count + 1), next(count + 1), normals(count);
@@ -439,7 +472,7 @@ void relaxPlacement(const ScalpMesh& scalp, const PlacementSettings& settings,
                 const std::size_t lane = (i - begin) % 8;
                 if (wide && lane == 0)
                     alone = pairForceWide(i, std::min<std::size_t>(8, end - i), neighbors.data(),
-                                          positions.data(), radiiOrNull, r0, pushes);
+                                          positions.data(), radiiOrNull, r0, plainInverse, pushes);
                 const float ri = radii[i];
                 const Vec3f pi = positions[i];
                 if (!(ri > 0.0f)) {
@@ -448,10 +481,10 @@ void relaxPlacement(const ScalpMesh& scalp, const PlacementSettings& settings,
                 }
                 const std::uint32_t* list = neighbors.data() + i * kRelaxNeighbors;
                 Vec3f force = !wide ? pairForce(i, rankOf[i], list, pi, ri, positions.data(),
-                                                radiiOrNull, r0, count)
+                                                radiiOrNull, r0, plainInverse, count)
                               : (alone >> lane) & 1u
                                   ? pairForceOneByOne(i, rankOf[i], list, pi, ri, positions.data(),
-                                                      radiiOrNull, r0, count)
+                                                      radiiOrNull, r0, plainInverse, count)
                                   : pushes[lane];
                 if (nearestEdge[i] != kNoEdge) {
                     const BorderEdge& edge = edges[nearestEdge[i]];
@@ -483,24 +516,22 @@ void relaxPlacement(const ScalpMesh& scalp, const PlacementSettings& settings,
                 for (std::size_t i = begin; i < end; ++i) {
                     const float ri = radii[i];
                     if (!(ri > 0.0f)) continue;
-                    // The candidate's last location lies on the surface, so the closest point
-                    // is no farther than it: searching only that far (with a margin for
-                    // rounding) prunes the tree walk and finds the same point, the nearest in
-                    // reach with ties going to the lower triangle.
-                    const Vec3f last = scalp.pointAt(roots[i]);
-                    const float lastDistance = length(positions[i] - last);
-                    const float reachNow = std::min(4.0f * ri, lastDistance * 1.001f + ri * 1e-4f);
-                    // Mostly the triangles round the last one answer, as the tree would.
-                    const ClosestPoint hit =
-                        nearTriangles.covers(reachNow, lastDistance)
-                            ? nearTriangles.closest(positions[i], reachNow, roots[i].face)
-                            : scalp.closestPoint(positions[i], reachNow);
+                    // Mostly the triangles round the last one answer, from the last triangle's
+                    // exact distance. Where they cannot vouch, the tree does: the last location
+                    // lies on the surface, so the closest point is no farther than it, and
+                    // searching only that far (with a margin for rounding) prunes its walk.
+                    ClosestPoint hit;
+                    if (!nearTriangles.closest(positions[i], 4.0f * ri, roots[i].face, hit)) {
+                        const float lastDistance = length(positions[i] - scalp.pointAt(roots[i]));
+                        hit = scalp.closestPoint(
+                            positions[i], std::min(4.0f * ri, lastDistance * 1.001f + ri * 1e-4f));
+                    }
                     if (hit.found() && allowed(hit.root, hit.point)) {
                         roots[i] = hit.root;
                         positions[i] = hit.point;
                         normals[i] = scalp.normalAt(hit.root);
                     } else {
-                        positions[i] = last;
+                        positions[i] = scalp.pointAt(roots[i]);
                     }
                 }
             });

@@ -31,7 +31,7 @@ float boxDistanceSquared(const Vec3f& aLo, const Vec3f& aHi, const Vec3f& bLo, c
 
 TriangleNeighbourhoods::TriangleNeighbourhoods(const ScalpMesh& scalp, float reach,
                                                std::size_t candidates)
-    : scalp_(scalp), reach_(reach) {
+    : reach_(reach) {
     const auto& points = scalp.points();
     const auto& triangles = scalp.triangles();
     const std::size_t count = triangles.size();
@@ -178,54 +178,54 @@ void TriangleNeighbourhoods::lowerBounds(const Block& block, const Vec3f& p, flo
 #endif
 }
 
-ClosestPoint TriangleNeighbourhoods::closest(const Vec3f& p, float maxDistance,
-                                             std::int32_t triangle) const {
-    ClosestPoint result;
-    const float reach2 = std::min(maxDistance * maxDistance, std::numeric_limits<float>::max());
-    float best = reach2;
-    // The least squared distance of any other triangle, or a bound below it: the least that the
-    // tree's best can be before its walk meets the answer.
-    float others = reach2;
-    // The tree's rule: the nearest within reach, equal distances to the lower triangle, which
-    // makes the answer independent of the order the triangles are met in.
-    const auto test = [&](std::uint32_t t) {
-        const std::array<Vec3f, 3>& c = corners_[t];
-        const TrianglePoint hit = closestPointOnTriangle(p, c[0], c[1], c[2]);
-        const float d2 = lengthSquared(hit.point - p);
-        if (!(d2 <= best) ||
-            (d2 == best && result.found() && static_cast<std::int32_t>(t) > result.root.face)) {
-            others = std::min(others, d2);
-            return;
-        }
-        if (result.found()) others = std::min(others, best);
-        best = d2;
-        result.root = {static_cast<std::int32_t>(t), hit.u, hit.v};
-        result.point = hit.point;
-    };
-    // The last triangle first: mostly it holds the answer, and its distance lets the bounds pass
-    // over the others.
+bool TriangleNeighbourhoods::closest(const Vec3f& p, float maxDistance, std::int32_t triangle,
+                                     ClosestPoint& hit) const {
+    if (!built() || triangle < 0 || static_cast<std::size_t>(triangle) >= corners_.size())
+        return false;
     const auto own = static_cast<std::uint32_t>(triangle);
-    test(own);
+    // The last triangle first: mostly it holds the answer, and its exact distance bounds the
+    // answer's, so the lower bounds pass over nearly every other triangle.
+    const std::array<Vec3f, 3>& c = corners_[own];
+    const TrianglePoint ownHit = closestPointOnTriangle(p, c[0], c[1], c[2]);
+    const float ownD2 = lengthSquared(ownHit.point - p);
+    const float fromTriangle = std::sqrt(ownD2);
+    const float reach2 = std::min(maxDistance * maxDistance, std::numeric_limits<float>::max());
+    // Every triangle nearer than the answer lies within the smaller of the reach and the own
+    // distance (a hair more, for the rounding of the square root) of p.
+    if (!(ownD2 <= reach2 ? covers(fromTriangle * 1.0001f, fromTriangle)
+                          : covers(maxDistance, fromTriangle)))
+        return false;
+    ClosestPoint result;
+    float best = reach2;
+    if (ownD2 <= reach2) {
+        best = ownD2;
+        result.root = {triangle, ownHit.u, ownHit.v};
+        result.point = ownHit.point;
+    }
+    // The nearest within reach, equal distances to the lower triangle, which makes the answer
+    // independent of the order the triangles are met in.
     for (std::uint32_t b = firstBlock_[own]; b < firstBlock_[own + 1]; ++b) {
         const Block& block = blocks_[b];
         alignas(16) float bound[kLanes];
         lowerBounds(block, p, bound);
         for (std::size_t lane = 0; lane < kLanes; ++lane) {
-            if (!(bound[lane] > best))
-                test(block.triangle[lane]);
-            else
-                others = std::min(others, bound[lane]);
+            if (bound[lane] > best) continue;
+            const std::uint32_t t = block.triangle[lane];
+            const std::array<Vec3f, 3>& corners = corners_[t];
+            const TrianglePoint other =
+                closestPointOnTriangle(p, corners[0], corners[1], corners[2]);
+            const float d2 = lengthSquared(other.point - p);
+            if (!(d2 <= best) ||
+                (d2 == best && result.found() && static_cast<std::int32_t>(t) > result.root.face))
+                continue;
+            best = d2;
+            result.root = {static_cast<std::int32_t>(t), other.u, other.v};
+            result.point = other.point;
         }
     }
-    if (!result.found()) return result;
-    // The tree's quick tests round otherwise than its exact test, and where another triangle lies
-    // nearly as near they may pass over the nearest once the walk has met the other: where they
-    // might, the tree's own answer is taken. Until its walk meets the answer, the tree's best
-    // stays at or above every other triangle's distance.
-    if (!scalp_.closestPointTests(p, static_cast<std::uint32_t>(result.root.face), others))
-        return scalp_.closestPoint(p, maxDistance);
-    result.distance = std::sqrt(best);
-    return result;
+    if (result.found()) result.distance = std::sqrt(best);
+    hit = result;
+    return true;
 }
 
 }  // namespace velmorin::scatter

@@ -14,13 +14,13 @@ namespace velmorin::scatter {
 
 // For every triangle of a scalp, the triangles whose boxes lie within `reach` of its own box, in
 // blocks of eight with what bounds a point's distance to each from below: the distance to its
-// plane and, across it, to its edges' lines. A point within d of its last triangle has every
-// triangle within `reach - d` of it in that triangle's list; the bounds pass over most of them,
-// and the mesh tree's own exact test decides the rest, equal distances going to the lower
-// triangle. Where the tree's quick tests could have passed over the nearest triangle (distances
-// near the rounding of the coordinates), the tree is asked instead. So the answer is the tree's,
-// point and weights alike. Keeps a reference to the scalp. Immutable once built; queries are safe
-// from any number of threads.
+// plane and, across it, to its edges' lines. A point d from its last triangle has every triangle
+// within `reach - d` of it in that triangle's list. The search starts from the last triangle's
+// exact distance, which bounds the answer's, so the bounds pass over nearly all the others; the
+// exact test (closestPointOnTriangle) decides the rest, equal distances going to the lower
+// triangle. The answer is the true closest point by that test, which may differ from the mesh
+// tree's only where two triangles lie equally near to the last bit (the tree's quick tests round
+// otherwise). Immutable once built; queries are safe from any number of threads.
 class TriangleNeighbourhoods {
   public:
     // Builds the lists where they stay short and small: a scalp whose triangles are large beside
@@ -34,9 +34,10 @@ class TriangleNeighbourhoods {
     bool covers(float maxDistance, float fromTriangle) const {
         return built() && maxDistance + fromTriangle <= 0.999f * reach_;
     }
-    // The closest point within `maxDistance` of p, as ScalpMesh::closestPoint finds it. Only for
-    // searches that covers() vouches for, with `triangle` the point's last triangle.
-    ClosestPoint closest(const Vec3f& p, float maxDistance, std::int32_t triangle) const;
+    // The closest point within `maxDistance` of p, `triangle` being the triangle p last stood on:
+    // false where the lists cannot vouch for the answer (p too far from that triangle, or nothing
+    // listed), and then `hit` is left as it was and the caller asks the mesh's tree.
+    bool closest(const Vec3f& p, float maxDistance, std::int32_t triangle, ClosestPoint& hit) const;
 
     // The number of listed neighbours, padding included (for tests).
     std::size_t listedCount() const { return blocks_.size() * kLanes; }
@@ -51,7 +52,6 @@ class TriangleNeighbourhoods {
         float edge[3][4][kLanes];
         std::uint32_t triangle[kLanes];
     };
-    const ScalpMesh& scalp_;
     // Per lane of the block, a bound from below on the squared distance of p to its triangle.
     void lowerBounds(const Block& block, const Vec3f& p, float* out) const;
 

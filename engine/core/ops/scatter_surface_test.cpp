@@ -4,6 +4,7 @@
 #include <string>
 
 #include "base/hash.h"
+#include "mesh/closest_point_tree.h"
 #include "mesh/sample_meshes.h"
 #include "mesh/scalp_mesh.h"
 #include "ops/scatter_surface.h"
@@ -52,12 +53,32 @@ Query queryNear(const ScalpMesh& scalp, std::uint64_t seed, float along, float a
     return {point, last, fromLast, fromLast * 1.001f + 1e-6f};
 }
 
-TEST(TriangleNeighbourhoods, AnswerAsTheTree) {
+// The closest point within reach over every triangle, by the same exact test, equal distances
+// going to the lower triangle.
+ClosestPoint closestByBruteForce(const ScalpMesh& scalp, const Vec3f& p, float reach) {
+    ClosestPoint best;
+    float best2 = reach * reach;
+    const auto& points = scalp.points();
+    const auto& triangles = scalp.triangles();
+    for (std::size_t t = 0; t < triangles.size(); ++t) {
+        const TrianglePoint hit = closestPointOnTriangle(
+            p, points[triangles[t][0]], points[triangles[t][1]], points[triangles[t][2]]);
+        const float d2 = lengthSquared(hit.point - p);
+        if (d2 < best2 || (d2 == best2 && !best.found())) {
+            best2 = d2;
+            best.root = {static_cast<std::int32_t>(t), hit.u, hit.v};
+            best.point = hit.point;
+        }
+    }
+    return best;
+}
+
+TEST(TriangleNeighbourhoods, FindTheClosestPoint) {
     // The head's triangles are about 0.7 across; the relaxation's lists reach a few radii, a
     // fraction of that. Moves along the surface up to half the reach, and across it from none to
-    // far beyond the rounding of the coordinates, give the tree's ties, near ties and clear wins.
-    // Points a rounding's width off an edge are where the tree's quick tests pass over the
-    // nearest triangle now and then: there the answer must still be the tree's.
+    // far beyond the rounding of the coordinates, give ties at corners and edges, near ties and
+    // clear wins: every answer the lists vouch for is the brute force's, to the bit. Points too far
+    // from their last triangle for the lists are left to the tree.
     const auto head = makeHeadScalp(1);
     const float reach = 0.3f;
     const TriangleNeighbourhoods near(*head, reach, 64 * head->triangles().size());
@@ -65,33 +86,48 @@ TEST(TriangleNeighbourhoods, AnswerAsTheTree) {
     // Each triangle lists at least its neighbours across edges and corners.
     EXPECT_GT(near.listedCount(), 6 * head->triangles().size());
     const struct {
-        float along, across;
-    } moves[] = {{0.5f * reach, 0.0f},  {0.5f * reach, 1e-6f}, {0.5f * reach, 1e-4f},
-                 {0.5f * reach, 1e-2f}, {0.5f * reach, 0.1f},  {1e-4f, 3e-5f},
-                 {1e-5f, 1e-5f}};
-    for (const auto [along, across] : moves) {
-        std::size_t covered = 0, found = 0, wrong = 0;
-        for (std::uint64_t s = 0; s < 20000; ++s) {
-            const Query q = queryNear(*head, s, along, across);
-            if (!near.covers(q.reach, q.fromLast)) continue;
-            ++covered;
-            const ClosestPoint mine = near.closest(q.point, q.reach, q.last.face);
-            const ClosestPoint tree = head->closestPoint(q.point, q.reach);
-            found += tree.found();
-            const bool same = mine.root.face == tree.root.face &&
-                              floatBits(mine.root.u) == floatBits(tree.root.u) &&
-                              floatBits(mine.root.v) == floatBits(tree.root.v) &&
-                              floatBits(mine.point.x) == floatBits(tree.point.x) &&
-                              floatBits(mine.point.y) == floatBits(tree.point.y) &&
-                              floatBits(mine.point.z) == floatBits(tree.point.z);
+        float along, across, within;
+    } moves[] = {{0.5f * reach, 0.0f, 0.12f},  {0.5f * reach, 1e-6f, 0.12f},
+                 {0.5f * reach, 1e-4f, 0.12f}, {0.5f * reach, 1e-2f, 0.12f},
+                 {0.5f * reach, 0.1f, 0.12f},  {1e-4f, 3e-5f, 0.12f},
+                 {1e-5f, 1e-5f, 0.12f},        {0.5f * reach, 0.05f, 0.01f}};
+    for (const auto& move : moves) {
+        std::size_t answered = 0, found = 0, wrong = 0;
+        for (std::uint64_t s = 0; s < 1500; ++s) {
+            const Query q = queryNear(*head, s, move.along, move.across);
+            ClosestPoint mine;
+            mine.root.face = -7;  // left as it was where the lists cannot vouch
+            if (!near.closest(q.point, move.within, q.last.face, mine)) {
+                EXPECT_EQ(mine.root.face, -7);
+                continue;
+            }
+            ++answered;
+            const ClosestPoint brute = closestByBruteForce(*head, q.point, move.within);
+            found += brute.found();
+            const bool same = mine.root.face == brute.root.face &&
+                              floatBits(mine.root.u) == floatBits(brute.root.u) &&
+                              floatBits(mine.root.v) == floatBits(brute.root.v) &&
+                              floatBits(mine.point.x) == floatBits(brute.point.x) &&
+                              floatBits(mine.point.y) == floatBits(brute.point.y) &&
+                              floatBits(mine.point.z) == floatBits(brute.point.z);
             wrong += !same;
         }
-        EXPECT_EQ(wrong, 0u) << "along " << along << ", across " << across;
-        EXPECT_GT(covered, 15000u) << "along " << along << ", across " << across;
-        // Mostly found: the tree's quick tests may miss a triangle within a reach this tight.
-        EXPECT_GT(found, covered * 99 / 100) << "along " << along << ", across " << across;
+        const std::string name = "along " + std::to_string(move.along) + ", across " +
+                                 std::to_string(move.across) + ", within " +
+                                 std::to_string(move.within);
+        EXPECT_EQ(wrong, 0u) << name;
+        EXPECT_GT(answered, 1000u) << name;
+        if (move.within > move.across) {
+            EXPECT_GT(found, answered * 9 / 10) << name;
+        }
     }
-    // A reach beyond the lists' is not covered: the tree answers.
+    // A point beyond half the lists' reach from its last triangle is left to the tree.
+    const Query q = queryNear(*head, 3, 0.0f, 0.0f);
+    const SurfaceFrame frame = head->frameAt(q.last);
+    ClosestPoint hit;
+    EXPECT_FALSE(near.closest(frame.origin + frame.normal * 0.2f, 1.0f, q.last.face, hit));
+    EXPECT_TRUE(near.closest(frame.origin + frame.normal * 0.1f, 1.0f, q.last.face, hit));
+    EXPECT_NEAR(hit.distance, 0.1f, 1e-4f);
     EXPECT_FALSE(near.covers(0.2f, 0.1f));
     EXPECT_TRUE(near.covers(0.1f, 0.1f));
 }
