@@ -22,7 +22,9 @@
 namespace velmorin {
 namespace {
 
+using test::bitsOf;
 using test::expectMessage;
+using test::pointsHash;
 
 std::shared_ptr<const ScalpMesh> head() {
     static const auto mesh = makeHeadScalp(1);
@@ -88,12 +90,6 @@ std::shared_ptr<const StrandSet> interpolate(const Operator& op, const Run& run,
     const Value out = op.evaluate(ctx, {run.strands, guides, scalp});
     if (notes) *notes = list.take();
     return out.get<StrandSet>();
-}
-
-std::vector<std::uint32_t> bitsOf(std::span<const Vec3f> points) {
-    std::vector<std::uint32_t> bits(points.size() * 3);
-    std::memcpy(bits.data(), points.data(), points.size_bytes());
-    return bits;
 }
 
 float distance(const Vec3f& a, const Vec3f& b) {
@@ -576,13 +572,6 @@ std::uint64_t bindingHash(const Binding& binding) {
             h = hashCombine(hashCombine(h, b.guides[i]), b.weights[i]);
         h = hashCombine(hashCombine(h, b.nearest2), b.next2);
     }
-    return h;
-}
-
-std::uint64_t pointsHash(std::span<const Vec3f> points) {
-    std::uint64_t h = 0;
-    for (const std::uint32_t bits : bitsOf(points))
-        h = hashCombine(h, bits);
     return h;
 }
 

@@ -1,7 +1,6 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
-#include <cstring>
 
 #include "base/hash.h"
 #include "base/parallel.h"
@@ -15,6 +14,7 @@
 #include "strands/channel_names.h"
 #include "strands/strand_changes.h"
 #include "strands/strand_set.h"
+#include "strands/test/test_strands.h"
 
 namespace velmorin {
 namespace {
@@ -26,11 +26,7 @@ std::shared_ptr<const ScalpMesh> plane() {
     return mesh;
 }
 
-std::vector<std::uint32_t> bitsOf(std::span<const Vec3f> points) {
-    std::vector<std::uint32_t> bits(points.size() * 3);
-    std::memcpy(bits.data(), points.data(), points.size_bytes());
-    return bits;
-}
+using test::bitsOf;
 
 Guide straightGuide(std::uint64_t id, const Vec3f& root, const Vec3f& way, float size,
                     std::size_t count) {
