@@ -43,17 +43,11 @@ TEST(Twist, TurnsEachPointAboutItsAxisByTurnsPerUnitOfAxis) {
     expectPointsNear(profiled->strandPoints(0), {{1, 0, 0}, {0, 1, -1}, {1, 2, 0}});
 }
 
-std::shared_ptr<StrandSet> clumped(const std::vector<std::vector<Vec3f>>& strands,
-                                   const std::vector<float>& clumpIds) {
-    auto set = std::make_shared<StrandSet>(*handStrands(strands));
-    set->addStrandChannel("clumpId", -1.0f) = clumpIds;
-    return set;
-}
-
 TEST(Twist, ClumpsTwistAboutTheMeanOfTheirCoreStrands) {
-    auto strands = clumped({upFrom({1, 0, 0}), upFrom({-1, 0, 0}), upFrom({5, 0, 0}),
-                            upFrom({21, 0, 0}), upFrom({19, 0, 0})},
-                           {3, 3, 3, 8, 8});
+    auto strands =
+        test::withClumps(*handStrands({upFrom({1, 0, 0}), upFrom({-1, 0, 0}), upFrom({5, 0, 0}),
+                                       upFrom({21, 0, 0}), upFrom({19, 0, 0})}),
+                         {3, 3, 3, 8, 8});
     // The third strand is not in every preview: it turns with its clump but doesn't move the axis.
     strands->addStrandChannel("_preview", 1.0f)[2] = 0.0f;
     const auto out = ShapeRun("Twist", {{"turns", 0.25}}).run(strands);
@@ -76,29 +70,8 @@ TEST(Twist, NeedsAxesOrClumps) {
         "clumps)");
 }
 
-TEST(Twist, ClumpRunsMatchAtAnyThreadCountAndRedoOnlyTheChangedClumps) {
-    const auto grid = test::gridStrands(2000, 9, 4);
-    std::vector<float> ids(2000);
-    for (std::size_t s = 0; s < ids.size(); ++s)
-        ids[s] = static_cast<float>(s / 100);
-    auto strands = std::make_shared<StrandSet>(*grid);
-    strands->addStrandChannel("clumpId", 0.0f) = ids;
-    const ShapeRun twist("Twist", {{"turns", 0.7}});
-    const auto [one, two] =
-        test::onOneAndTwoThreads([&] { return twist.run(strands)->contentHash(); });
-    EXPECT_EQ(one, two);
-    // Strand 150 moves the axis of clump 1, strands 100 to 199.
-    const auto outcome = test::incrementalAfterMove(twist, strands, {150});
-    EXPECT_EQ(outcome.run, "incremental 100");
-    EXPECT_TRUE(outcome.sameAsFull);
-}
-
 TEST(Twist, KeepsItsClumpAxesWhileItsInputSharesThePointsAndClumps) {
-    auto grid = std::make_shared<StrandSet>(*test::gridStrands(3000, 6, 5));
-    std::vector<float>& ids = grid->addStrandChannel("clumpId", 0.0f);
-    for (std::size_t s = 0; s < ids.size(); ++s)
-        ids[s] = static_cast<float>(s / 30);
-    const std::shared_ptr<const StrandSet> strands = grid;
+    const std::shared_ptr<const StrandSet> strands = test::clumpedGrid(3000, 6, 5, 30);
     auto op = ShapeRun("Twist", {{"turns", 0.4}}).make();
     EvalContext ctx;
     op->evaluate(ctx, {Value(strands)});
