@@ -262,20 +262,7 @@ TEST(Curl, ToleranceCutsCoarseSegmentsSoChordsStayNearTheCurl) {
     EXPECT_EQ(outcome.run, "full 2");
     EXPECT_TRUE(outcome.sameAsFull);
     // A strand is cut and curled alike in a preview's share of the strands.
-    const auto whole = cutting.run(many);
-    auto preview = std::make_shared<StrandSet>();
-    many->thinned(0.3, *preview);
-    const auto thin = cutting.run(preview);
-    ASSERT_GT(thin->strandCount(), 0u);
-    std::size_t matched = 0;
-    for (std::size_t s = 0, t = 0; s < whole->strandCount() && t < thin->strandCount(); ++s) {
-        if (whole->ids()[s] != thin->ids()[t]) continue;
-        const auto a = whole->strandPoints(s);
-        const auto b = thin->strandPoints(t++);
-        EXPECT_TRUE(std::equal(a.begin(), a.end(), b.begin(), b.end())) << "strand " << s;
-        ++matched;
-    }
-    EXPECT_EQ(matched, thin->strandCount());
+    EXPECT_EQ(test::differingInPreview(cutting, many, 0.3), 0u);
 }
 
 TEST(Curl, ClumpCoherenceSharesPhaseAndPlaneWithinAClumpOnly) {

@@ -14,7 +14,7 @@
 #include "ops/interpolate_clearance.h"
 #include "ops/interpolate_shape.h"
 #include "ops/shape_support.h"
-#include "ops/test/shape_strands.h"
+#include "ops/test/shape_checks.h"
 #include "strands/guide.h"
 #include "strands/strand_changes.h"
 #include "strands/strand_set.h"
@@ -33,12 +33,7 @@ std::shared_ptr<const ScalpMesh> head() {
 
 // Straight strands over the head-like scalp: about 400 per unit of density.
 std::shared_ptr<const StrandSet> scatterOnHead(double density, std::int64_t seed = 0) {
-    auto scatter = OperatorRegistry::instance().create("Scatter");
-    scatter->paramSet.set("density", density);
-    scatter->paramSet.set("seed", seed);
-    EvalContext ctx;
-    ctx.resolution = 4;
-    return scatter->evaluate(ctx, {head(), Value()}).get<StrandSet>();
+    return test::scatterOn(head(), density, seed);
 }
 
 // Guides rooted where a sparse scatter put its roots, each bent its own way (hashed from its id),
