@@ -14,13 +14,8 @@
 namespace velmorin {
 namespace {
 
+using test::pointColor;
 using test::ShapeRun;
-
-Vec3f pointColor(const StrandSet& set, std::size_t point) {
-    return {(*set.pointChannel(channels::kColor[0]))[point],
-            (*set.pointChannel(channels::kColor[1]))[point],
-            (*set.pointChannel(channels::kColor[2]))[point]};
-}
 
 // A set whose strands show `color`, per strand, as HairColor in colour mode leaves them.
 std::shared_ptr<const StrandSet> colored(std::shared_ptr<const StrandSet> strands, Vec3f color) {

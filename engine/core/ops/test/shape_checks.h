@@ -20,6 +20,7 @@
 #include "graph/registry.h"
 #include "graph/test/eval_operators.h"
 #include "ops/test/shape_strands.h"
+#include "strands/channel_names.h"
 #include "strands/strand_set.h"
 
 namespace velmorin::test {
@@ -139,6 +140,18 @@ inline IncrementalOutcome incrementalAfterMove(const ShapeRun& shape,
                                                std::shared_ptr<const StrandSet> strands,
                                                std::vector<std::uint64_t> movedStrands) {
     return incrementalAfterChange(shape, strands, moved(*strands, movedStrands, 0.25f));
+}
+
+// The colour a strand shows, from its strand colour channels or one point's from the point ones.
+inline Vec3f strandColor(const StrandSet& set, std::size_t strand) {
+    return {(*set.strandChannel(channels::kColor[0]))[strand],
+            (*set.strandChannel(channels::kColor[1]))[strand],
+            (*set.strandChannel(channels::kColor[2]))[strand]};
+}
+inline Vec3f pointColor(const StrandSet& set, std::size_t point) {
+    return {(*set.pointChannel(channels::kColor[0]))[point],
+            (*set.pointChannel(channels::kColor[1]))[point],
+            (*set.pointChannel(channels::kColor[2]))[point]};
 }
 
 // Straight strands where Scatter puts them on `scalp` at `density`, at resolution 4.
