@@ -412,17 +412,6 @@ TEST(ClumpPlan, PicksAboutCountCentersEvenlyAtRandomnessZero) {
         for (std::size_t a = 0; a < plan->size(); ++a)
             for (std::size_t b = a + 1; b < plan->size(); ++b)
                 nearest = std::min(nearest, length(plan->roots[a] - plan->roots[b]));
-        // And every strand went to the nearest of them, the first of equals.
-        std::size_t wrong = 0;
-        for (std::size_t s = 0; s < strands->strandCount(); ++s) {
-            const Vec3f root = strands->strandPoints(s)[0];
-            std::size_t best = 0;
-            for (std::size_t c = 1; c < plan->size(); ++c)
-                if (lengthSquared(plan->roots[c] - root) < lengthSquared(plan->roots[best] - root))
-                    best = c;
-            wrong += plan->centerOf[s] != static_cast<std::int32_t>(best);
-        }
-        EXPECT_EQ(wrong, 0u);
         return nearest;
     };
     // 100 centers on a 10 x 10 patch: about 1 apart.
