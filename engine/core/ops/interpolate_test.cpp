@@ -666,7 +666,7 @@ TEST(InterpolateShape, WithoutAListEveryPointIsWrittenWithAListOnlyItsStrands) {
     }
 }
 
-TEST(InterpolateShape, PinnedShapesKeepTheirBits) {
+TEST(InterpolateShape, PinnedShapesKeepTheirBitsWithOrWithoutPlanarRows) {
     ShapeRun run;
     const std::vector<Vec3f> start(run.strands->points().begin(), run.strands->points().end());
     const struct {
@@ -677,12 +677,18 @@ TEST(InterpolateShape, PinnedShapesKeepTheirBits) {
                  // A walk along the blended directions takes the guides' length either way.
                  {true, true, 0xfb19d10f0bb0b096ull},
                  {true, false, 0xfb19d10f0bb0b096ull}};
+    // Rows without their planar layout take the other path to the same bits.
+    InterpolateGuideRows byHand = run.rows;
+    byHand.planar.clear();
+    byHand.planarStride = 0;
     for (const auto& c : cases) {
         ShapeSettings settings;
         settings.blendDirections = c.directions;
         settings.preserveLength = c.preserve;
-        EXPECT_EQ(pointsHash(run.shape(run.rows, settings, start)), c.hash)
-            << "directions " << c.directions << " preserve " << c.preserve;
+        for (const InterpolateGuideRows* rows : {&run.rows, &byHand})
+            EXPECT_EQ(pointsHash(run.shape(*rows, settings, start)), c.hash)
+                << "directions " << c.directions << " preserve " << c.preserve
+                << (rows == &byHand ? ", rows without their planar layout" : "");
     }
 }
 
@@ -718,20 +724,6 @@ TEST(InterpolateShape, TakeLengthKeepsEachStrandsShapeAtItsGuidesLength) {
         ++checked;
     }
     EXPECT_GT(checked, 0u);
-}
-
-TEST(InterpolateShape, RowsWithoutTheirPlanarLayoutShapeTheSameBits) {
-    ShapeRun run;
-    InterpolateGuideRows byHand = run.rows;
-    byHand.planar.clear();
-    byHand.planarStride = 0;
-    const std::vector<Vec3f> start(run.strands->points().begin(), run.strands->points().end());
-    for (const bool directions : {false, true}) {
-        ShapeSettings settings;
-        settings.blendDirections = directions;
-        EXPECT_EQ(bitsOf(run.shape(byHand, settings, start)),
-                  bitsOf(run.shape(run.rows, settings, start)));
-    }
 }
 
 // Strands with the roots of a ShapeRun's but of mixed point counts: mostly 9, some 5, 40, 2 or

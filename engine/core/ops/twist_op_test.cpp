@@ -135,7 +135,8 @@ TEST(Twist, PointsKeepTheirPinnedBitsAtAnyThreadCount) {
     rising.keys = {{0.0f, 0.3f, 0.0f}, {1.0f, 1.0f, 0.0f}};
     // Taken while every point still matched a plain evaluation of the steps, one point at a time:
     // its share of its strand's length times the axis's length finds the centre and the segment
-    // whose tangent it turns about, by turns * profile * place.
+    // whose tangent it turns about, by turns * profile * place. By axes (clumps, guides), then
+    // profile (flat, rising).
     const std::uint64_t pinned[2][2] = {{0x19feeef96092f5bcull, 0x219f5d1659103266ull},
                                         {0xdde32f43f5e1f7aeull, 0x246a2dda97e3dcf5ull}};
     for (const bool byGuides : {false, true}) {
