@@ -5,6 +5,7 @@
 #include <numbers>
 
 #include "ops/shape_ops.h"
+#include "ops/shape_support.h"
 #include "ops/test/shape_checks.h"
 
 namespace velmorin {
@@ -52,22 +53,31 @@ TEST(Curl, EveryShapeKeepsRootAndSegmentLengths) {
         }
 }
 
-TEST(Curl, HelixWindsAtTheRadiusByTurnsPerUnitOfLength) {
-    const auto out = ShapeRun("Curl", {{"radius", 0.05}, {"frequency", 2.0}, {"randomness", 0.0}})
-                         .run(upright());
-    const auto points = out->strandPoints(0);
-    // Eased in over the first quarter turn (1/8 of a unit, 6 segments), then the full radius.
-    EXPECT_LT(distanceOffY(points[3]), 0.045f);
-    for (std::size_t k = 10; k < points.size(); ++k)
-        EXPECT_NEAR(distanceOffY(points[k]), 0.05f, 1e-3f) << "point " << k;
-    // 2 turns per unit over 4 units: 8 turns around the y axis.
-    float swept = 0.0f;
-    for (std::size_t k = 2; k < points.size(); ++k) {
-        const float a0 = std::atan2(points[k - 1].z, points[k - 1].x);
-        const float a1 = std::atan2(points[k].z, points[k].x);
-        swept += std::remainder(a1 - a0, 2.0f * std::numbers::pi_v<float>);
+TEST(Curl, HelixAndCoilWindAtTheirRadiusByTurnsPerUnitOfLength) {
+    // A coil's radius is coilWidths times the strand's widths (0.01): 5 widths across is 0.05,
+    // whatever the radius param says.
+    for (const auto& [shape, radius] : {std::pair{"helix", 0.05}, std::pair{"coil", 0.3}}) {
+        SCOPED_TRACE(shape);
+        const auto out = ShapeRun("Curl", {{"shape", std::string(shape)},
+                                           {"radius", radius},
+                                           {"coilWidths", 5.0},
+                                           {"frequency", 2.0},
+                                           {"randomness", 0.0}})
+                             .run(upright());
+        const auto points = out->strandPoints(0);
+        // Eased in over the first quarter turn (1/8 of a unit, 6 segments), then the full radius.
+        EXPECT_LT(distanceOffY(points[3]), 0.045f);
+        for (std::size_t k = 10; k < points.size(); ++k)
+            EXPECT_NEAR(distanceOffY(points[k]), 0.05f, 1e-3f) << "point " << k;
+        // 2 turns per unit over 4 units: 8 turns around the y axis.
+        float swept = 0.0f;
+        for (std::size_t k = 2; k < points.size(); ++k) {
+            const float a0 = std::atan2(points[k - 1].z, points[k - 1].x);
+            const float a1 = std::atan2(points[k].z, points[k].x);
+            swept += std::remainder(a1 - a0, 2.0f * std::numbers::pi_v<float>);
+        }
+        EXPECT_NEAR(std::abs(swept) / (2.0f * std::numbers::pi_v<float>), 8.0f, 0.1f);
     }
-    EXPECT_NEAR(std::abs(swept) / (2.0f * std::numbers::pi_v<float>), 8.0f, 0.1f);
 }
 
 TEST(Curl, HelixFollowsABentStrandAtTheRadiusOffEachLeg) {
@@ -116,18 +126,6 @@ TEST(Curl, WaveAndZigzagStayInOnePlane) {
         for (const Vec3f& p : points)
             EXPECT_NEAR(length(cross(Vec3f{p.x, 0.0f, p.z}, across)), 0.0f, 1e-4f);
     }
-}
-
-TEST(Curl, CoilRadiusIsCoilWidthsTimesTheStrandWidths) {
-    // Widths are 0.01: 5 widths across is a radius of 0.05, whatever the radius param says.
-    const auto out = ShapeRun("Curl", {{"shape", std::string("coil")},
-                                       {"coilWidths", 5.0},
-                                       {"radius", 0.3},
-                                       {"frequency", 2.0},
-                                       {"randomness", 0.0}})
-                         .run(upright());
-    for (std::size_t k = 10; k < 201; k += 10)
-        EXPECT_NEAR(distanceOffY(out->strandPoints(0)[k]), 0.05f, 1e-3f) << "point " << k;
 }
 
 TEST(Curl, NothingToCurlKeepsEveryBit) {
@@ -180,13 +178,6 @@ TEST(Curl, WeightStretchesWhereTurnsHangBelow) {
               ShapeRun("Curl", base).run(down)->contentHash());
 }
 
-float polylineLength(std::span<const Vec3f> line) {
-    float total = 0.0f;
-    for (std::size_t k = 1; k < line.size(); ++k)
-        total += length(line[k] - line[k - 1]);
-    return total;
-}
-
 // How far the chords of an upright helix of `radius` stray inside its round path: the most, over
 // the segments whose ends both lie on it (past the ease-in), of the radius less the chord's
 // middle's distance from the axis.
@@ -223,7 +214,7 @@ TEST(Curl, ToleranceCutsCoarseSegmentsSoChordsStayNearTheCurl) {
         EXPECT_GT(points.size(), lastCount);
         lastCount = points.size();
         EXPECT_EQ(points[0], Vec3f{});
-        EXPECT_NEAR(polylineLength(points), 4.0f, 1e-3f);
+        EXPECT_NEAR(strandLength(points), 4.0f, 1e-3f);
         EXPECT_LE(strayInsideTheCurl(points, radius), static_cast<float>(tolerance) * radius);
         EXPECT_GT(strayInsideTheCurl(points, radius), 0.0f);
         // Widths and point channels follow along the line between the points that came in.
@@ -271,38 +262,17 @@ TEST(Curl, ToleranceCutsCoarseSegmentsSoChordsStayNearTheCurl) {
     EXPECT_EQ(outcome.run, "full 2");
     EXPECT_TRUE(outcome.sameAsFull);
     // A strand is cut and curled alike in a preview's share of the strands.
-    const auto whole = cutting.run(many);
-    auto preview = std::make_shared<StrandSet>();
-    many->thinned(0.3, *preview);
-    const auto thin = cutting.run(preview);
-    ASSERT_GT(thin->strandCount(), 0u);
-    std::size_t matched = 0;
-    for (std::size_t s = 0, t = 0; s < whole->strandCount() && t < thin->strandCount(); ++s) {
-        if (whole->ids()[s] != thin->ids()[t]) continue;
-        const auto a = whole->strandPoints(s);
-        const auto b = thin->strandPoints(t++);
-        EXPECT_TRUE(std::equal(a.begin(), a.end(), b.begin(), b.end())) << "strand " << s;
-        ++matched;
-    }
-    EXPECT_EQ(matched, thin->strandCount());
-}
-
-std::shared_ptr<StrandSet> clumped(const std::vector<Vec3f>& roots,
-                                   const std::vector<float>& clumpIds) {
-    std::vector<std::vector<Vec3f>> strands;
-    for (const Vec3f& root : roots) {
-        std::vector<Vec3f> points = straight(101, 0.02f);
-        for (Vec3f& p : points)
-            p = p + root;
-        strands.push_back(points);
-    }
-    auto set = std::make_shared<StrandSet>(*handStrands(strands));
-    set->addStrandChannel("clumpId", -1.0f) = clumpIds;
-    return set;
+    EXPECT_EQ(test::differingInPreview(cutting, many, 0.3), 0u);
 }
 
 TEST(Curl, ClumpCoherenceSharesPhaseAndPlaneWithinAClumpOnly) {
-    const auto strands = clumped({{0, 0, 0}, {0.2f, 0, 0}, {5, 0, 0}}, {1, 1, 2});
+    std::vector<std::vector<Vec3f>> lines;
+    for (const Vec3f& root : {Vec3f{0, 0, 0}, Vec3f{0.2f, 0, 0}, Vec3f{5, 0, 0}}) {
+        lines.push_back(straight(101, 0.02f));
+        for (Vec3f& p : lines.back())
+            p += root;
+    }
+    const auto strands = test::withClumps(*handStrands(lines), {1, 1, 2});
     for (const char* shape : {"helix", "wave"}) {
         SCOPED_TRACE(shape);
         const auto out = ShapeRun("Curl", {{"shape", std::string(shape)},
@@ -330,23 +300,26 @@ TEST(Curl, ClumpCoherenceSharesPhaseAndPlaneWithinAClumpOnly) {
               ShapeRun("Curl").run(plain)->contentHash());
 }
 
-TEST(Curl, ClumpRunsMatchAtAnyThreadCountAndRedoOnlyTheChangedClumps) {
-    auto strands = std::make_shared<StrandSet>(*test::gridStrands(2000, 9, 4));
-    std::vector<float>& ids = strands->addStrandChannel("clumpId", 0.0f);
-    for (std::size_t s = 0; s < ids.size(); ++s)
-        ids[s] = static_cast<float>(s / 100);
-    const ShapeRun curl("Curl", {{"coherence", std::string("clump")},
-                                 {"frequency", 3.0},
-                                 {"spacingRandom", 0.5},
-                                 {"phaseRandom", 0.5},
-                                 {"weight", 0.5}});
-    const auto [one, two] =
-        test::onOneAndTwoThreads([&] { return curl.run(strands)->contentHash(); });
-    EXPECT_EQ(one, two);
-    // Strand 150 moves the axis of clump 1, strands 100 to 199.
-    const auto outcome = test::incrementalAfterMove(curl, strands, {150});
-    EXPECT_EQ(outcome.run, "incremental 100");
-    EXPECT_TRUE(outcome.sameAsFull);
+TEST(ClumpShapes, RunsMatchAtAnyThreadCountAndRedoOnlyTheChangedClumps) {
+    // Curl coherent by clump and Twist about clump axes both redo a whole clump when one of its
+    // strands moves the clump's axis.
+    const auto strands = test::clumpedGrid(2000, 9, 4, 100);
+    const ShapeRun shapes[] = {ShapeRun("Curl", {{"coherence", std::string("clump")},
+                                                 {"frequency", 3.0},
+                                                 {"spacingRandom", 0.5},
+                                                 {"phaseRandom", 0.5},
+                                                 {"weight", 0.5}}),
+                               ShapeRun("Twist", {{"turns", 0.7}})};
+    for (const ShapeRun& shape : shapes) {
+        SCOPED_TRACE(shape.type);
+        const auto [one, two] =
+            test::onOneAndTwoThreads([&] { return shape.run(strands)->contentHash(); });
+        EXPECT_EQ(one, two);
+        // Strand 150 moves the axis of clump 1, strands 100 to 199.
+        const auto outcome = test::incrementalAfterMove(shape, strands, {150});
+        EXPECT_EQ(outcome.run, "incremental 100");
+        EXPECT_TRUE(outcome.sameAsFull);
+    }
 }
 
 }  // namespace

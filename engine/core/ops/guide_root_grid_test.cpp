@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cstring>
 #include <numeric>
 
 #include "base/hash.h"
@@ -16,12 +15,6 @@ struct Answer {
     std::vector<std::uint32_t> distanceBits;
     bool operator==(const Answer&) const = default;
 };
-
-std::uint32_t bitsOf(float f) {
-    std::uint32_t bits;
-    std::memcpy(&bits, &f, sizeof bits);
-    return bits;
-}
 
 // The k nearest by a scan of every point: squared distances as the grid computes them, ties to
 // the lower index.
@@ -40,7 +33,7 @@ Answer scan(std::span<const Vec3f> points, std::span<const std::uint32_t> indice
     Answer answer;
     for (std::size_t i = 0; i < order.size() && static_cast<int>(i) < k; ++i) {
         answer.indices.push_back(indices[order[i]]);
-        answer.distanceBits.push_back(bitsOf(d2[order[i]]));
+        answer.distanceBits.push_back(floatBits(d2[order[i]]));
     }
     return answer;
 }
@@ -53,7 +46,7 @@ Answer ask(int k, const Query& query) {
     Answer answer;
     for (int i = 0; i < count; ++i) {
         answer.indices.push_back(indices[i]);
-        answer.distanceBits.push_back(bitsOf(d2[i]));
+        answer.distanceBits.push_back(floatBits(d2[i]));
     }
     return answer;
 }

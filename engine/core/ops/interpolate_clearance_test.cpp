@@ -59,8 +59,9 @@ TEST(InterpolateClearance, LongStrandsInCoarseStepsStayOnTheSkinWithTheirLength)
     const auto field = clearanceField(bump());
     ASSERT_NE(field, nullptr);
     const float epsilon = 0.5f * field->voxelSize();
-    // 18 points is the shortest strand that steps coarsely, 60 takes several points a step.
-    for (const int points : {18, 60}) {
+    // 8 points walks point by point, 18 is the shortest strand that steps coarsely, 60 takes
+    // several points a step.
+    for (const int points : {8, 18, 60}) {
         const OverTheBump scene(points);
         const auto sunken = scene.run(false);
         const auto lifted = scene.run(true);
@@ -97,6 +98,17 @@ TEST(InterpolateClearance, LongStrandsInCoarseStepsStayOnTheSkinWithTheirLength)
         ASSERT_EQ(bits[0].size(), bits[1].size());
         EXPECT_EQ(0, std::memcmp(bits[0].data(), bits[1].data(), bits[0].size() * sizeof(Vec3f)));
     }
+    // Without a scalp there is no skin to keep clear of, and the setting changes nothing.
+    const OverTheBump scene(8);
+    const auto withoutScalp = [&](bool keepClearance) {
+        auto op = OperatorRegistry::instance().create("Interpolate");
+        op->paramSet.set("keepClearance", keepClearance);
+        const auto out = op->evaluate(EvalContext{}, {scene.strands, scene.guides, Value()});
+        const auto points = out.get<StrandSet>()->points();
+        return std::vector<Vec3f>(points.begin(), points.end());
+    };
+    const std::vector<Vec3f> kept = withoutScalp(true), plain = withoutScalp(false);
+    EXPECT_EQ(0, std::memcmp(kept.data(), plain.data(), kept.size() * sizeof(Vec3f)));
 }
 
 TEST(InterpolateClearance, ADeformedScalpIsWalkedOverItsRestPosesField) {

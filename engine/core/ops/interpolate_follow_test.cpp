@@ -7,6 +7,7 @@
 #include "mesh/sample_meshes.h"
 #include "ops/interpolate_binding.h"
 #include "ops/interpolate_follow.h"
+#include "ops/test/shape_checks.h"
 #include "strands/guide.h"
 #include "strands/strand_set.h"
 
@@ -124,14 +125,6 @@ TEST(InterpolateFollow, TheSurfaceDoesNotReachAcrossAThinShellWhereAStraightLine
     EXPECT_NE(found[0], 0u);
 }
 
-std::shared_ptr<const StrandSet> headStrands() {
-    auto scatter = OperatorRegistry::instance().create("Scatter");
-    scatter->paramSet.set("density", 6.0);
-    EvalContext ctx;
-    ctx.resolution = 4;
-    return scatter->evaluate(ctx, {makeHeadScalp(1), Value()}).get<StrandSet>();
-}
-
 std::shared_ptr<GuideSet> headGuides(const ScalpMesh& head) {
     auto guides = std::make_shared<GuideSet>();
     for (std::size_t p = 0; p < head.pointCount(); p += 29) {
@@ -151,7 +144,7 @@ std::shared_ptr<GuideSet> headGuides(const ScalpMesh& head) {
 
 TEST(InterpolateFollow, FollowingTheSurfaceMakesTheSameBitsOnThreadsAndAfterAMovedGuide) {
     const auto head = makeHeadScalp(1);
-    const auto strands = headStrands();
+    const auto strands = test::scatterOn(head, 6.0);
     const auto guides = headGuides(*head);
     const auto follow = [] {
         auto op = OperatorRegistry::instance().create("Interpolate");
@@ -186,7 +179,7 @@ TEST(InterpolateFollow, FollowingTheSurfaceMakesTheSameBitsOnThreadsAndAfterAMov
 
 TEST(InterpolateFollow, TheTableOfEachPointsNearestAnswersAsAWalkFromEveryRoot) {
     const auto head = makeHeadScalp(1);
-    const auto strands = headStrands();
+    const auto strands = test::scatterOn(head, 6.0);
     const auto guides = headGuides(*head);
     std::vector<const Guide*> pointers;
     std::vector<Vec3f> guideRoots;

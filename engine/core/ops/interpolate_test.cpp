@@ -14,7 +14,7 @@
 #include "ops/interpolate_clearance.h"
 #include "ops/interpolate_shape.h"
 #include "ops/shape_support.h"
-#include "ops/test/shape_strands.h"
+#include "ops/test/shape_checks.h"
 #include "strands/guide.h"
 #include "strands/strand_changes.h"
 #include "strands/strand_set.h"
@@ -22,7 +22,9 @@
 namespace velmorin {
 namespace {
 
+using test::bitsOf;
 using test::expectMessage;
+using test::pointsHash;
 
 std::shared_ptr<const ScalpMesh> head() {
     static const auto mesh = makeHeadScalp(1);
@@ -31,12 +33,7 @@ std::shared_ptr<const ScalpMesh> head() {
 
 // Straight strands over the head-like scalp: about 400 per unit of density.
 std::shared_ptr<const StrandSet> scatterOnHead(double density, std::int64_t seed = 0) {
-    auto scatter = OperatorRegistry::instance().create("Scatter");
-    scatter->paramSet.set("density", density);
-    scatter->paramSet.set("seed", seed);
-    EvalContext ctx;
-    ctx.resolution = 4;
-    return scatter->evaluate(ctx, {head(), Value()}).get<StrandSet>();
+    return test::scatterOn(head(), density, seed);
 }
 
 // Guides rooted where a sparse scatter put its roots, each bent its own way (hashed from its id),
@@ -88,12 +85,6 @@ std::shared_ptr<const StrandSet> interpolate(const Operator& op, const Run& run,
     const Value out = op.evaluate(ctx, {run.strands, guides, scalp});
     if (notes) *notes = list.take();
     return out.get<StrandSet>();
-}
-
-std::vector<std::uint32_t> bitsOf(std::span<const Vec3f> points) {
-    std::vector<std::uint32_t> bits(points.size() * 3);
-    std::memcpy(bits.data(), points.data(), points.size_bytes());
-    return bits;
 }
 
 float distance(const Vec3f& a, const Vec3f& b) {
@@ -565,136 +556,37 @@ TEST(InterpolateBinding, AStrandsBindingDoesNotDependOnTheStrandsBesideIt) {
     }
 }
 
-// The binding of one strand by its steps, evaluated plainly: the nearest guides by a scan of
-// every root, Shepard weights by each guide's reach, the edge fill and the largest remainder.
-StrandBinding bindPlainly(const InterpolateSettings& settings, std::span<const Vec3f> guides,
-                          std::span<const float> reach, const Vec3f& root, bool* filled) {
-    const auto nearestOf = [&](const Vec3f& p, std::size_t k) {
-        std::vector<std::pair<float, std::uint32_t>> all;
-        for (std::size_t g = 0; g < guides.size(); ++g)
-            all.emplace_back(dot(guides[g] - p, guides[g] - p), static_cast<std::uint32_t>(g));
-        std::sort(all.begin(), all.end());
-        all.resize(std::min(k, all.size()));
-        return all;
-    };
-    const std::size_t wanted = std::min<std::size_t>(settings.candidates, guides.size());
-    std::vector<std::pair<float, std::uint32_t>> near = nearestOf(root, wanted + 1);
-    bool clean = true;
-    for (std::size_t i = 1; i < near.size(); ++i)
-        clean = clean && near[i].first > near[i - 1].first;
-    StrandBinding out;
-    out.next2 = floatBits(clean && near.size() > wanted ? near[wanted].first : kInfiniteDistance);
-    near.resize(std::min(near.size(), wanted));
-    out.nearest2 = floatBits(near[0].first);
-    const auto shepard = [&](std::size_t count, const float* radius, std::vector<double>& w,
-                             double* edge) {
-        double greatest = 0.0, sum = 0.0;
-        w.assign(count, 0.0);
-        for (std::size_t i = 0; i < count; ++i) {
-            const double d = std::max(std::sqrt(static_cast<double>(near[i].first)), 1e-6);
-            const double r = radius ? radius[i] : reach[near[i].second];
-            if (!std::isfinite(r)) {
-                w[i] = 1.0 / d;
-                *edge = 1.0;
-            } else if (r > d) {
-                w[i] = (r - d) / (r * d);
-                *edge = std::max(*edge, (r - d) / r);
-            }
-            greatest = std::max(greatest, w[i]);
-        }
-        for (double& a : w) {
-            const double share = greatest > 0.0 && a > 0.0 ? a / greatest : 0.0;
-            a = settings.power == 2.0f ? share * share
-                                       : std::pow(share, static_cast<double>(settings.power));
-            sum += a;
-        }
-        return sum;
-    };
-    std::vector<double> a, b;
-    double edge = 0.0, unused = 0.0;
-    const double sumA = shepard(near.size(), nullptr, a, &edge);
-    const double fill = std::min(1.0, 4.0 * edge);
-    *filled = fill < 1.0;
-    if (fill < 1.0) {
-        const std::size_t kept = std::min<std::size_t>(near.size(), settings.kept);
-        std::vector<float> single(
-            kept, near.size() > kept ? std::sqrt(near[kept].first) : kInfiniteDistance);
-        const double sumB = shepard(kept, single.data(), b, &unused);
-        if (sumA > 0.0) {
-            for (std::size_t i = 0; i < near.size(); ++i) {
-                a[i] = a[i] * fill / sumA;
-                if (i < kept && sumB > 0.0) a[i] += b[i] * (1.0 - fill) / sumB;
-            }
-        } else {
-            a = b;
-        }
+// Every strand's binding and shaped points folded into one number per setting, so that any change
+// to the nearest guides, the weights, the edge fill or the shape steps shows. The numbers were
+// taken while each step still matched a plain evaluation of its definition, one strand at a time.
+std::uint64_t bindingHash(const Binding& binding) {
+    std::uint64_t h = 0;
+    for (std::size_t s = 0; s < binding.strandCount; ++s) {
+        const StrandBinding b = strandBinding(binding, s);
+        for (std::size_t i = 0; i < b.guides.size(); ++i)
+            h = hashCombine(hashCombine(h, b.guides[i]), b.weights[i]);
+        h = hashCombine(hashCombine(h, b.nearest2), b.next2);
     }
-    double sum = 0.0;
-    for (const double w : a)
-        sum += w > 0.0 ? w : 0.0;
-    std::vector<double> scaled, remainder;
-    std::vector<std::int64_t> units;
-    std::int64_t total = 0;
-    for (const double w : a) {
-        scaled.push_back(w > 0.0 ? w / sum * 65536.0 : 0.0);
-        units.push_back(
-            static_cast<std::int64_t>(std::min(std::nearbyint(scaled.back()), 65536.0)));
-        remainder.push_back(scaled.back() - static_cast<double>(units.back()));
-        total += units.back();
-    }
-    for (; total > 65536; --total) {
-        std::size_t pick = a.size();
-        for (std::size_t i = 0; i < a.size(); ++i)
-            if (units[i] > 0 && remainder[i] != 0.0 &&
-                (pick == a.size() || remainder[i] < remainder[pick]))
-                pick = i;
-        --units[pick];
-        remainder[pick] += 1.0;
-    }
-    for (; total < 65536; ++total) {
-        std::size_t pick = a.size();
-        for (std::size_t i = 0; i < a.size(); ++i)
-            if (a[i] > 0.0 && (pick == a.size() || remainder[i] > remainder[pick])) pick = i;
-        ++units[pick];
-        remainder[pick] -= 1.0;
-    }
-    for (std::size_t i = 0; i < a.size(); ++i) {
-        if (units[i] == 0) continue;
-        out.guides.push_back(near[i].second);
-        out.weights.push_back(static_cast<std::uint16_t>(units[i] - 1));
-    }
-    return out;
+    return h;
 }
 
-TEST(InterpolateBinding, EachStrandIsItsStepsEvaluatedPlainlyToTheBit) {
+TEST(InterpolateBinding, PinnedBindingsKeepTheirBits) {
     // Strands off the scalp as well: a little off lies near the edge of every reach, and fills;
     // far off lies beyond every reach, and takes the fill alone.
     Bound b = boundRoots(1.5, 0.15);
     for (std::size_t g = 0; g < b.guideRoots.size(); g += 4)
         for (const float off : {1.15f, 1.3f, 3.0f})
             b.strandRoots.push_back(b.guideRoots[g] * off);
-    for (const double smoothness : {0.5, 0.2, 0.9}) {
+    const struct {
+        double smoothness;
+        std::uint64_t hash;
+    } cases[] = {
+        {0.5, 0x2ba7e2f9111c50dfull}, {0.2, 0x7b0935c5226a075eull}, {0.9, 0x2f7acd523d0bb349ull}};
+    for (const auto& c : cases) {
         const auto settings =
-            makeInterpolateSettings(smoothness, 3, b.guideRoots.size(), false, 0, false, false);
-        std::vector<float> reach;
-        for (const Vec3f& g : b.guideRoots) {
-            std::vector<float> d2;
-            for (const Vec3f& other : b.guideRoots)
-                d2.push_back(dot(other - g, other - g));
-            std::sort(d2.begin(), d2.end());
-            reach.push_back(settings.reachScale * std::sqrt(d2[settings.kept]));
-        }
-        const auto state = bindStrands(settings, inputsOf(b));
-        std::size_t filled = 0;
-        for (std::size_t s = 0; s < b.strandRoots.size(); ++s) {
-            bool fill = false;
-            ASSERT_EQ(strandBinding(state->binding, s),
-                      bindPlainly(settings, b.guideRoots, reach, b.strandRoots[s], &fill))
-                << "strand " << s << " smoothness " << smoothness;
-            filled += fill ? 1 : 0;
-        }
-        EXPECT_GT(filled, 0u) << "no strand tried the edge fill";
-        EXPECT_LT(filled, b.strandRoots.size());
+            makeInterpolateSettings(c.smoothness, 3, b.guideRoots.size(), false, 0, false, false);
+        EXPECT_EQ(bindingHash(bindStrands(settings, inputsOf(b))->binding), c.hash)
+            << "smoothness " << c.smoothness;
     }
 }
 
@@ -774,103 +666,29 @@ TEST(InterpolateShape, WithoutAListEveryPointIsWrittenWithAListOnlyItsStrands) {
     }
 }
 
-// The shape stage's steps for one strand, written plainly sample by sample as the operator's
-// description gives them: each record's offsets turned from its guide's root normal to the
-// strand's and weighed, summed onto the root; scaled back to the guides' length or walked along
-// the blended directions; then the strand's points at equal arc steps.
-std::vector<Vec3f> plainShape(const ShapeRun& run, const ShapeSettings& settings, std::size_t s) {
-    const BindingChunk& chunk = *run.state->binding.chunks[s / kBindingChunkStrands];
-    const std::size_t k = s - chunk.firstStrand;
-    const std::span<const Vec3f> incoming = run.strands->strandPoints(s);
-    const std::size_t samples = run.rows.sampleCount, n = incoming.size();
-    const Vec3f root = incoming[0], to = run.normals[s];
-    std::vector<Vec3f> curve(samples, Vec3f{});
-    float guideLength = 0.0f;
-    for (std::uint32_t r = chunk.recordStart[k]; r < chunk.recordStart[k + 1]; ++r) {
-        const std::uint32_t g = chunk.guides[r];
-        const float w = (static_cast<float>(chunk.weights[r]) + 1.0f) / 65536.0f;
-        guideLength += w * run.rows.lengths[g];
-        const Vec3f from = run.rows.normals[g];
-        const float c = dot(from, to);
-        const Vec3f axis = cross(from, to);
-        const float f = 1.0f / (1.0f + c);
-        // The rows of o c + k x o + k (k . o) / (1 + c), with k = from x to.
-        const Vec3f r0{c + axis.x * axis.x * f, -axis.z + axis.x * axis.y * f,
-                       axis.y + axis.x * axis.z * f};
-        const Vec3f r1{axis.z + axis.y * axis.x * f, c + axis.y * axis.y * f,
-                       -axis.x + axis.y * axis.z * f};
-        const Vec3f r2{-axis.y + axis.z * axis.x * f, axis.x + axis.z * axis.y * f,
-                       c + axis.z * axis.z * f};
-        const bool turns = run.rows.turns[g] && c <= 0.999999f;
-        for (std::size_t j = 1; j < samples; ++j) {
-            const Vec3f o = run.rows.offsets[g * samples + j];
-            curve[j] += (turns ? Vec3f{dot(r0, o), dot(r1, o), dot(r2, o)} : o) * w;
-        }
-    }
-    for (Vec3f& p : curve)
-        p += root;
-    const auto arcOf = [&] {
-        std::vector<float> arc(samples, 0.0f);
-        for (std::size_t j = 1; j < samples; ++j)
-            arc[j] = arc[j - 1] + length(curve[j] - curve[j - 1]);
-        return arc;
-    };
-    if (settings.blendDirections) {
-        const float h = guideLength / static_cast<float>(samples - 1);
-        std::vector<Vec3f> walked(samples, root);
-        for (std::size_t j = 1; j < samples; ++j) {
-            const Vec3f d = curve[j] - curve[j - 1];
-            const float l = length(d);
-            walked[j] = walked[j - 1];
-            if (l > 0.0f && h > 0.0f) {
-                const float e = std::min(l / (0.5f * h), 1.0f);
-                walked[j] += d * (h * e * (2.0f - e) / l);
-            }
-        }
-        curve = walked;
-    } else if (settings.preserveLength) {
-        const float total = arcOf().back();
-        if (total > 1e-8f && guideLength > 0.0f) {
-            const float scale = std::min(guideLength / total, 2.0f);
-            for (std::size_t j = 1; j < samples; ++j)
-                curve[j] = root + (curve[j] - root) * scale;
-        }
-    }
-    const std::vector<float> arc = arcOf();
-    std::vector<Vec3f> out(n);
-    for (std::size_t i = 0; i < n; ++i) {
-        const float at = arc.back() * static_cast<float>(i) / static_cast<float>(n - 1);
-        const std::size_t past =
-            static_cast<std::size_t>(std::upper_bound(arc.begin(), arc.end(), at) - arc.begin());
-        const std::size_t hi = std::clamp<std::size_t>(past, 1, samples - 1), lo = hi - 1;
-        const float span = arc[hi] - arc[lo];
-        const float f = span > 0.0f ? (at - arc[lo]) / span : 0.0f;
-        out[i] = curve[lo] + (curve[hi] - curve[lo]) * f;
-    }
-    out[0] = root;
-    return out;
-}
-
-TEST(InterpolateShape, EachStrandIsItsStepsEvaluatedPlainlyToTheBit) {
+TEST(InterpolateShape, PinnedShapesKeepTheirBitsWithOrWithoutPlanarRows) {
     ShapeRun run;
-    std::size_t turned = 0;
-    for (const Vec3f& normal : run.rows.normals)
-        turned += lengthSquared(normal) > 0.0f ? 1 : 0;
-    ASSERT_GT(turned, 0u);
     const std::vector<Vec3f> start(run.strands->points().begin(), run.strands->points().end());
-    for (const bool directions : {false, true}) {
-        for (const bool preserve : {true, false}) {
-            ShapeSettings settings;
-            settings.blendDirections = directions;
-            settings.preserveLength = preserve;
-            const std::vector<Vec3f> shaped = run.shape(run.rows, settings, start);
-            for (std::size_t s = 0; s < run.strands->strandCount(); ++s) {
-                const auto range = run.strands->pointRange(s);
-                ASSERT_EQ(bitsOf(std::span<const Vec3f>(shaped).subspan(range.begin, range.count)),
-                          bitsOf(plainShape(run, settings, s)))
-                    << "strand " << s << " directions " << directions;
-            }
-        }
+    const struct {
+        bool directions, preserve;
+        std::uint64_t hash;
+    } cases[] = {{false, true, 0x7e5b156ae873ca13ull},
+                 {false, false, 0xcc8395160da2070bull},
+                 // A walk along the blended directions takes the guides' length either way.
+                 {true, true, 0xfb19d10f0bb0b096ull},
+                 {true, false, 0xfb19d10f0bb0b096ull}};
+    // Rows without their planar layout take the other path to the same bits.
+    InterpolateGuideRows byHand = run.rows;
+    byHand.planar.clear();
+    byHand.planarStride = 0;
+    for (const auto& c : cases) {
+        ShapeSettings settings;
+        settings.blendDirections = c.directions;
+        settings.preserveLength = c.preserve;
+        for (const InterpolateGuideRows* rows : {&run.rows, &byHand})
+            EXPECT_EQ(pointsHash(run.shape(*rows, settings, start)), c.hash)
+                << "directions " << c.directions << " preserve " << c.preserve
+                << (rows == &byHand ? ", rows without their planar layout" : "");
     }
 }
 
@@ -906,20 +724,6 @@ TEST(InterpolateShape, TakeLengthKeepsEachStrandsShapeAtItsGuidesLength) {
         ++checked;
     }
     EXPECT_GT(checked, 0u);
-}
-
-TEST(InterpolateShape, RowsWithoutTheirPlanarLayoutShapeTheSameBits) {
-    ShapeRun run;
-    InterpolateGuideRows byHand = run.rows;
-    byHand.planar.clear();
-    byHand.planarStride = 0;
-    const std::vector<Vec3f> start(run.strands->points().begin(), run.strands->points().end());
-    for (const bool directions : {false, true}) {
-        ShapeSettings settings;
-        settings.blendDirections = directions;
-        EXPECT_EQ(bitsOf(run.shape(byHand, settings, start)),
-                  bitsOf(run.shape(run.rows, settings, start)));
-    }
 }
 
 // Strands with the roots of a ShapeRun's but of mixed point counts: mostly 9, some 5, 40, 2 or
@@ -1102,7 +906,7 @@ struct ZonedRun {
     }
 };
 
-TEST(Interpolate, ARegionMapKeepsEachStrandToTheGuidesOfItsColor) {
+TEST(Interpolate, ARegionMapKeepsEachStrandToTheGuidesOfItsColorAtAnyThreadCount) {
     const ZonedRun run;
     const auto op = makeInterpolate();
     // Without regions the strands just left of the middle lean toward the right's guides.
@@ -1137,6 +941,14 @@ TEST(Interpolate, ARegionMapKeepsEachStrandToTheGuidesOfItsColor) {
     }
     // Strands in a colour no guide is rooted on still blend the nearest guides of any region.
     EXPECT_EQ(free, 24u);
+    for (const int threads : {1, 2})
+        runWithThreads(threads, [&] {
+            const auto fresh = makeInterpolate();
+            fresh->paramSet.set("regionMap", std::string("zones"));
+            const auto again = run.interpolate(*fresh);
+            EXPECT_EQ(bitsOf(again->points()), bitsOf(zoned->points())) << threads << " threads";
+            EXPECT_EQ(*again->strandChannel("region"), *region) << threads << " threads";
+        });
 
     op->paramSet.set("regionChannel", std::string());
     EXPECT_EQ(run.interpolate(*op)->strandChannel("region"), nullptr);
@@ -1147,23 +959,6 @@ TEST(Interpolate, ARegionMapKeepsEachStrandToTheGuidesOfItsColor) {
     expectMessage<GraphError>([&] { run.interpolate(*op); },
                               "Interpolate: no map, color set or image named 'nothing' (Groom "
                               "Tools > Paint > New... makes a map)");
-}
-
-TEST(Interpolate, RegionsMakeTheSameBitsOnOneAndTwoThreads) {
-    const ZonedRun run;
-    std::vector<std::uint32_t> bits[2];
-    std::vector<float> regions[2];
-    for (const int threads : {1, 2}) {
-        runWithThreads(threads, [&] {
-            const auto op = makeInterpolate();
-            op->paramSet.set("regionMap", std::string("zones"));
-            const auto out = run.interpolate(*op);
-            bits[threads - 1] = bitsOf(out->points());
-            regions[threads - 1] = *out->strandChannel("region");
-        });
-    }
-    EXPECT_EQ(bits[0], bits[1]);
-    EXPECT_EQ(regions[0], regions[1]);
 }
 
 TEST(Interpolate, RegionsStandInAnUpdateOfGuideShapesUntilTheirPaintChanges) {
@@ -1202,74 +997,6 @@ TEST(Interpolate, RegionsStandInAnUpdateOfGuideShapesUntilTheirPaintChanges) {
     repainted->setColorSet("zones",
                            std::vector<Rgba>(repainted->triangleCount() * 3, Rgba{1, 0, 0, 1}));
     EXPECT_FALSE(update(repainted, out));
-}
-
-TEST(Interpolate, KeepClearanceLiftsStrandsOverABumpTheirGuidesPassBeside) {
-    const auto plane = test::bumpedPlane();
-    // Guides either side of the bump lie along +x just over the flat skin; the strands between
-    // them would run straight through it.
-    auto guides = std::make_shared<GuideSet>();
-    for (const float z : {-2.5f, 2.5f}) {
-        Guide guide;
-        guide.id = guides->guides.size() + 1;
-        guide.root = plane->closestPoint({-3.0f, 0.0f, z}).root;
-        guide.points.push_back({-3.0f, 0.0f, z});
-        for (int k = 1; k < 12; ++k)
-            guide.points.push_back({-3.0f + 6.0f * static_cast<float>(k) / 11.0f, 0.15f, z});
-        guides->guides.push_back(std::move(guide));
-    }
-    auto strands = std::make_shared<StrandSet>();
-    for (int i = 0; i < 5; ++i)
-        for (int j = 0; j < 9; ++j) {
-            const Vec3f root{-3.5f + 0.25f * static_cast<float>(i), 0.0f,
-                             -1.0f + 0.25f * static_cast<float>(j)};
-            std::vector<Vec3f> points;
-            for (int k = 0; k < 8; ++k)
-                points.push_back(root + Vec3f{0, 0.3f * static_cast<float>(k), 0});
-            strands->addStrand(strands->strandCount() + 1, plane->closestPoint(root).root, points);
-        }
-    const auto field = clearanceField(plane);
-    ASSERT_NE(field, nullptr);
-    const float epsilon = 0.5f * field->voxelSize();
-    const auto op = makeInterpolate();
-    const auto run = [&] { return op->evaluate(EvalContext{}, {strands, guides, plane}); };
-    const auto sunken = run().get<StrandSet>();
-    float deepest = 0.0f;
-    for (const Vec3f& p : sunken->points())
-        deepest = std::min(deepest, field->distance(p));
-    EXPECT_LT(deepest, -0.3f);
-
-    op->paramSet.set("keepClearance", true);
-    const auto lifted = run().get<StrandSet>();
-    for (std::size_t s = 0; s < lifted->strandCount(); ++s) {
-        const auto points = lifted->strandPoints(s);
-        EXPECT_EQ(points[0], sunken->strandPoints(s)[0]) << s;
-        for (const Vec3f& p : points)
-            EXPECT_GE(field->distance(p), -epsilon) << s;
-        const float groomed = strandLength(sunken->strandPoints(s));
-        EXPECT_NEAR(strandLength(points), groomed, 0.01f * groomed) << s;
-        // Past the bump a lifted strand comes back down toward its groomed path.
-        float highest = 0.0f;
-        for (const Vec3f& p : points)
-            highest = std::max(highest, p.y);
-        if (highest > 0.4f) {
-            EXPECT_LT(points.back().y, highest - 0.2f) << s;
-        }
-    }
-
-    std::vector<std::uint32_t> bits[2];
-    for (const int threads : {1, 2})
-        runWithThreads(threads,
-                       [&] { bits[threads - 1] = bitsOf(run().get<StrandSet>()->points()); });
-    EXPECT_EQ(bits[0], bits[1]);
-
-    // It needs the scalp, and take shape.
-    EXPECT_EQ(
-        bitsOf(op->evaluate(EvalContext{}, {strands, guides, Value()}).get<StrandSet>()->points()),
-        bitsOf(makeInterpolate()
-                   ->evaluate(EvalContext{}, {strands, guides, Value()})
-                   .get<StrandSet>()
-                   ->points()));
 }
 
 }  // namespace

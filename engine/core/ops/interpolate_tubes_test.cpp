@@ -1,7 +1,6 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
-#include <cstring>
 
 #include "base/hash.h"
 #include "base/parallel.h"
@@ -12,9 +11,11 @@
 #include "ops/interpolate_binding.h"
 #include "ops/interpolate_tubes.h"
 #include "ops/shape_support.h"
+#include "ops/test/shape_checks.h"
 #include "strands/channel_names.h"
 #include "strands/strand_changes.h"
 #include "strands/strand_set.h"
+#include "strands/test/test_strands.h"
 
 namespace velmorin {
 namespace {
@@ -26,11 +27,7 @@ std::shared_ptr<const ScalpMesh> plane() {
     return mesh;
 }
 
-std::vector<std::uint32_t> bitsOf(std::span<const Vec3f> points) {
-    std::vector<std::uint32_t> bits(points.size() * 3);
-    std::memcpy(bits.data(), points.data(), points.size_bytes());
-    return bits;
-}
+using test::bitsOf;
 
 Guide straightGuide(std::uint64_t id, const Vec3f& root, const Vec3f& way, float size,
                     std::size_t count) {
@@ -255,17 +252,9 @@ std::shared_ptr<GuideSet> tubesOnHead(const std::shared_ptr<const ScalpMesh>& he
     return guides;
 }
 
-std::shared_ptr<const StrandSet> strandsOnHead() {
-    auto scatter = OperatorRegistry::instance().create("Scatter");
-    scatter->paramSet.set("density", 8.0);
-    EvalContext ctx;
-    ctx.resolution = 4;
-    return scatter->evaluate(ctx, {makeHeadScalp(1), Value()}).get<StrandSet>();
-}
-
 TEST(InterpolateTubes, FilledTubesMakeTheSameBitsOnOneAndTwoThreadsAndIncrementally) {
     const auto head = makeHeadScalp(1);
-    const auto strands = strandsOnHead();
+    const auto strands = test::scatterOn(head, 8.0);
     const auto guides = tubesOnHead(head);
     const auto evaluate = [&](const Operator& op, const std::shared_ptr<GuideSet>& set) {
         return op.evaluate(EvalContext{}, {strands, set, head}).get<StrandSet>();
@@ -318,30 +307,16 @@ TEST(InterpolateTubes, FilledTubesMakeTheSameBitsOnOneAndTwoThreadsAndIncrementa
 }
 
 TEST(InterpolateTubes, AStrandIsShapedAloneSoAPreviewSubsetKeepsItsBits) {
-    // Tubes, the surface walk and clearance together: every strand's result hangs on its own
-    // root, so a preview holding every third strand gives those strands the same bits.
+    // Tubes, the surface walk and clearance together: every strand's result, its tube channels
+    // included, hangs on its own root.
     const auto head = makeHeadScalp(1);
-    const auto strands = strandsOnHead();
-    const auto guides = tubesOnHead(head);
-    auto subset = std::make_shared<StrandSet>();
-    std::vector<std::size_t> kept;
-    for (std::size_t s = 0; s < strands->strandCount(); s += 3) {
-        subset->addStrand(strands->ids()[s], strands->roots()[s], strands->strandPoints(s));
-        kept.push_back(s);
-    }
-    const auto op = filling();
-    op->paramSet.set("followSurface", true);
-    op->paramSet.set("keepClearance", true);
-    const auto whole = op->evaluate(EvalContext{}, {strands, guides, head}).get<StrandSet>();
-    const auto part = op->evaluate(EvalContext{}, {subset, guides, head}).get<StrandSet>();
-    std::size_t riders = 0;
-    for (std::size_t i = 0; i < kept.size(); ++i) {
-        ASSERT_EQ(bitsOf(part->strandPoints(i)), bitsOf(whole->strandPoints(kept[i]))) << kept[i];
-        const float id = (*part->strandChannel(channels::kTubeId))[i];
-        EXPECT_EQ(id, (*whole->strandChannel(channels::kTubeId))[kept[i]]);
-        riders += id >= 0.0f ? 1 : 0;
-    }
-    EXPECT_GT(riders, 0u);
+    const test::ShapeRun interpolate("Interpolate", {{"fillTubes", true},
+                                                     {"tubeBlend", 0.25},
+                                                     {"followSurface", true},
+                                                     {"keepClearance", true}});
+    EXPECT_EQ(test::differingInPreview(interpolate, test::scatterOn(head, 8.0), 0.3,
+                                       {tubesOnHead(head), head}),
+              0u);
 }
 
 }  // namespace

@@ -119,16 +119,6 @@ TEST(SourceOperators, RegisteredWithTheirMenuData) {
         EXPECT_EQ(info->description, description);
         EXPECT_EQ(info->keywords, keywords);
     }
-    const auto scatter = registry.create("Scatter");
-    const ParamSpec* density = scatter->paramSet.spec("density");
-    ASSERT_NE(density, nullptr);
-    EXPECT_TRUE(density->mappable());
-    EXPECT_EQ(density->max, 2000.0);
-    EXPECT_EQ(scatter->paramSet.spec("layout")->choices,
-              (std::vector<std::string>{"random", "uvGrid"}));
-    EXPECT_EQ(scatter->paramSet.spec("gridRows")->softMax, 1000.0);
-    EXPECT_EQ(scatter->inputs().size(), 2u);
-    EXPECT_TRUE(scatter->inputs()[1].optional);
 }
 
 TEST(SourceOperators, ScalpByName) {

@@ -1,7 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <cstring>
-
 #include "base/fast_trig.h"
 #include "base/hash.h"
 #include "base/test/expect_message.h"
@@ -45,17 +43,11 @@ TEST(Twist, TurnsEachPointAboutItsAxisByTurnsPerUnitOfAxis) {
     expectPointsNear(profiled->strandPoints(0), {{1, 0, 0}, {0, 1, -1}, {1, 2, 0}});
 }
 
-std::shared_ptr<StrandSet> clumped(const std::vector<std::vector<Vec3f>>& strands,
-                                   const std::vector<float>& clumpIds) {
-    auto set = std::make_shared<StrandSet>(*handStrands(strands));
-    set->addStrandChannel("clumpId", -1.0f) = clumpIds;
-    return set;
-}
-
 TEST(Twist, ClumpsTwistAboutTheMeanOfTheirCoreStrands) {
-    auto strands = clumped({upFrom({1, 0, 0}), upFrom({-1, 0, 0}), upFrom({5, 0, 0}),
-                            upFrom({21, 0, 0}), upFrom({19, 0, 0})},
-                           {3, 3, 3, 8, 8});
+    auto strands =
+        test::withClumps(*handStrands({upFrom({1, 0, 0}), upFrom({-1, 0, 0}), upFrom({5, 0, 0}),
+                                       upFrom({21, 0, 0}), upFrom({19, 0, 0})}),
+                         {3, 3, 3, 8, 8});
     // The third strand is not in every preview: it turns with its clump but doesn't move the axis.
     strands->addStrandChannel("_preview", 1.0f)[2] = 0.0f;
     const auto out = ShapeRun("Twist", {{"turns", 0.25}}).run(strands);
@@ -78,29 +70,8 @@ TEST(Twist, NeedsAxesOrClumps) {
         "clumps)");
 }
 
-TEST(Twist, ClumpRunsMatchAtAnyThreadCountAndRedoOnlyTheChangedClumps) {
-    const auto grid = test::gridStrands(2000, 9, 4);
-    std::vector<float> ids(2000);
-    for (std::size_t s = 0; s < ids.size(); ++s)
-        ids[s] = static_cast<float>(s / 100);
-    auto strands = std::make_shared<StrandSet>(*grid);
-    strands->addStrandChannel("clumpId", 0.0f) = ids;
-    const ShapeRun twist("Twist", {{"turns", 0.7}});
-    const auto [one, two] =
-        test::onOneAndTwoThreads([&] { return twist.run(strands)->contentHash(); });
-    EXPECT_EQ(one, two);
-    // Strand 150 moves the axis of clump 1, strands 100 to 199.
-    const auto outcome = test::incrementalAfterMove(twist, strands, {150});
-    EXPECT_EQ(outcome.run, "incremental 100");
-    EXPECT_TRUE(outcome.sameAsFull);
-}
-
 TEST(Twist, KeepsItsClumpAxesWhileItsInputSharesThePointsAndClumps) {
-    auto grid = std::make_shared<StrandSet>(*test::gridStrands(3000, 6, 5));
-    std::vector<float>& ids = grid->addStrandChannel("clumpId", 0.0f);
-    for (std::size_t s = 0; s < ids.size(); ++s)
-        ids[s] = static_cast<float>(s / 30);
-    const std::shared_ptr<const StrandSet> strands = grid;
+    const std::shared_ptr<const StrandSet> strands = test::clumpedGrid(3000, 6, 5, 30);
     auto op = ShapeRun("Twist", {{"turns", 0.4}}).make();
     EvalContext ctx;
     op->evaluate(ctx, {Value(strands)});
@@ -138,72 +109,7 @@ TEST(Twist, KeepsItsClumpAxesWhileItsInputSharesThePointsAndClumps) {
     }
 }
 
-// Twist as its steps read, one point at a time: each point's place along its axis is its share of
-// its strand's length times the axis's, where the walk along the axis finds the centre and the
-// segment whose tangent it turns about, by turns * profile * place.
-std::vector<Vec3f> plainTwist(const StrandSet& strands, const TwistSettings& settings) {
-    struct Axis {
-        std::vector<Vec3f> points, tangents;
-        std::vector<float> arcs, inverse;
-    };
-    std::vector<Axis> axes;
-    const auto addAxis = [&](std::span<const Vec3f> points) {
-        Axis axis;
-        axis.points.assign(points.begin(), points.end());
-        axis.arcs.resize(points.size());
-        arcLengths(points, axis.arcs);
-        for (std::size_t k = 0; k + 1 < points.size(); ++k) {
-            axis.tangents.push_back(normalized(points[k + 1] - points[k], {0, 1, 0}));
-            const float span = axis.arcs[k + 1] - axis.arcs[k];
-            axis.inverse.push_back(span > 0.0f ? 1.0f / span : 0.0f);
-        }
-        axes.push_back(std::move(axis));
-    };
-    if (settings.axes) {
-        for (const Guide& guide : settings.axes->guides)
-            addAxis(guide.points);
-    } else {
-        for (std::size_t c = 0; c < settings.clumps->clumpCount; ++c)
-            addAxis(settings.clumps->axisPoints(c));
-    }
-    std::vector<Vec3f> out(strands.points().begin(), strands.points().end());
-    for (std::size_t s = 0; s < strands.strandCount(); ++s) {
-        const std::span<const Vec3f> points = strands.strandPoints(s);
-        if (points.size() < 2) continue;
-        std::size_t a = 0;
-        if (settings.axes) {
-            float nearest = INFINITY;
-            for (std::size_t g = 0; g < axes.size(); ++g) {
-                const float d = lengthSquared(axes[g].points[0] - points[0]);
-                if (d < nearest) {
-                    nearest = d;
-                    a = g;
-                }
-            }
-        } else {
-            a = settings.clumps->clumpOf[s];
-        }
-        const Axis& axis = axes[a];
-        std::vector<float> arcs(points.size());
-        const float total = arcLengths(points, arcs);
-        if (axis.points.size() < 2 || !(axis.arcs.back() > 0.0f) || !(total > 0.0f)) continue;
-        std::size_t segment = 0;
-        for (std::size_t k = 1; k < points.size(); ++k) {
-            const float t = arcs[k] * (1.0f / total);
-            const float place = t * axis.arcs.back();
-            const Vec3f center =
-                pointAtArcByInverse(axis.points, axis.arcs, axis.inverse.data(), place, segment);
-            const float profile = settings.profile.keys.empty() ? 1.0f : settings.profile.at(t);
-            const SinCos turn = sinCosTurns(settings.turns.value() * profile * place);
-            out[strands.offsets()[s] + k] =
-                center +
-                rotateAbout(points[k] - center, axis.tangents[segment], turn.cos, turn.sin);
-        }
-    }
-    return out;
-}
-
-TEST(Twist, PointsAreTheBitsOfThePlainSteps) {
+TEST(Twist, PointsKeepTheirPinnedBitsAtAnyThreadCount) {
     // Strands of 1 to 30 points (the kernels take eight points or four strands at a time), some
     // with repeated points and some of no length, about clump axes and about guide curves of 1 to
     // 24 points, with a flat profile and a rising one.
@@ -227,6 +133,12 @@ TEST(Twist, PointsAreTheBitsOfThePlainSteps) {
     Ramp rising;
     rising.linear = true;
     rising.keys = {{0.0f, 0.3f, 0.0f}, {1.0f, 1.0f, 0.0f}};
+    // Taken while every point still matched a plain evaluation of the steps, one point at a time:
+    // its share of its strand's length times the axis's length finds the centre and the segment
+    // whose tangent it turns about, by turns * profile * place. By axes (clumps, guides), then
+    // profile (flat, rising).
+    const std::uint64_t pinned[2][2] = {{0x19feeef96092f5bcull, 0x219f5d1659103266ull},
+                                        {0xdde32f43f5e1f7aeull, 0x246a2dda97e3dcf5ull}};
     for (const bool byGuides : {false, true}) {
         for (const Ramp& profile : {Ramp{}, rising}) {
             TwistSettings settings;
@@ -234,13 +146,12 @@ TEST(Twist, PointsAreTheBitsOfThePlainSteps) {
             settings.profile = profile;
             settings.clumps = byGuides ? nullptr : &clumps;
             settings.axes = byGuides ? &guides : nullptr;
-            const std::vector<Vec3f> expected = plainTwist(strands, settings);
             for (const int threads : {1, 2}) {
                 std::vector<Vec3f> out(strands.pointCount());
                 runWithThreads(threads, [&] {
                     twistStrands(strands, settings, StrandSelection::every(), out);
                 });
-                EXPECT_EQ(std::memcmp(out.data(), expected.data(), out.size() * sizeof(Vec3f)), 0)
+                EXPECT_EQ(test::pointsHash(out), pinned[byGuides][profile.keys.size() / 2])
                     << (byGuides ? "guides, " : "clumps, ") << profile.keys.size()
                     << " profile keys, " << threads << " threads";
             }

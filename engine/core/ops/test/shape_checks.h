@@ -20,6 +20,7 @@
 #include "graph/registry.h"
 #include "graph/test/eval_operators.h"
 #include "ops/test/shape_strands.h"
+#include "strands/channel_names.h"
 #include "strands/strand_set.h"
 
 namespace velmorin::test {
@@ -139,6 +140,66 @@ inline IncrementalOutcome incrementalAfterMove(const ShapeRun& shape,
                                                std::shared_ptr<const StrandSet> strands,
                                                std::vector<std::uint64_t> movedStrands) {
     return incrementalAfterChange(shape, strands, moved(*strands, movedStrands, 0.25f));
+}
+
+// The colour a strand shows, from its strand colour channels or one point's from the point ones.
+inline Vec3f strandColor(const StrandSet& set, std::size_t strand) {
+    return {(*set.strandChannel(channels::kColor[0]))[strand],
+            (*set.strandChannel(channels::kColor[1]))[strand],
+            (*set.strandChannel(channels::kColor[2]))[strand]};
+}
+inline Vec3f pointColor(const StrandSet& set, std::size_t point) {
+    return {(*set.pointChannel(channels::kColor[0]))[point],
+            (*set.pointChannel(channels::kColor[1]))[point],
+            (*set.pointChannel(channels::kColor[2]))[point]};
+}
+
+// Straight strands where Scatter puts them on `scalp` at `density`, at resolution 4.
+inline std::shared_ptr<const StrandSet> scatterOn(std::shared_ptr<const ScalpMesh> scalp,
+                                                  double density, std::int64_t seed = 0) {
+    auto scatter = OperatorRegistry::instance().create("Scatter");
+    scatter->paramSet.set("density", density);
+    scatter->paramSet.set("seed", seed);
+    EvalContext ctx;
+    ctx.resolution = 4;
+    return scatter->evaluate(ctx, {std::move(scalp), Value()}).get<StrandSet>();
+}
+
+// How many strands of a preview of `full` (thinned to `density`) come out of `shape` otherwise
+// than in the full run: in the bits of their points or of any channel.
+inline std::size_t differingInPreview(const ShapeRun& shape,
+                                      const std::shared_ptr<const StrandSet>& full, double density,
+                                      const std::vector<Value>& extra = {}) {
+    auto preview = std::make_shared<StrandSet>();
+    full->thinned(density, *preview);
+    EXPECT_GT(preview->strandCount(), 0u);
+    EXPECT_LT(preview->strandCount(), full->strandCount());
+    const auto whole = shape.run(full, extra), thin = shape.run(preview, extra);
+    std::map<std::uint64_t, std::size_t> indexOf;
+    for (std::size_t s = 0; s < whole->strandCount(); ++s)
+        indexOf[whole->ids()[s]] = s;
+    std::size_t differing = 0;
+    for (std::size_t t = 0; t < thin->strandCount(); ++t) {
+        const std::size_t s = indexOf.at(thin->ids()[t]);
+        bool alike = bitsOf(thin->strandPoints(t)) == bitsOf(whole->strandPoints(s));
+        for (const std::string& name : thin->strandChannelNames()) {
+            const std::vector<float>* there = whole->strandChannel(name);
+            alike = alike && there &&
+                    floatBits((*thin->strandChannel(name))[t]) == floatBits((*there)[s]);
+        }
+        const StrandSet::PointRange mine = thin->pointRange(t), theirs = whole->pointRange(s);
+        for (const std::string& name : thin->pointChannelNames()) {
+            const std::vector<float>* there = whole->pointChannel(name);
+            alike = alike && there &&
+                    std::equal(thin->pointChannel(name)->begin() + mine.begin,
+                               thin->pointChannel(name)->begin() + mine.begin + mine.count,
+                               there->begin() + theirs.begin,
+                               there->begin() + theirs.begin + theirs.count,
+                               [](float a, float b) { return floatBits(a) == floatBits(b); });
+        }
+        differing += alike ? 0 : 1;
+    }
+    return differing;
 }
 
 }  // namespace velmorin::test

@@ -62,6 +62,23 @@ inline std::shared_ptr<const StrandSet> handStrands(
     return set;
 }
 
+// `strands` with the strand channel "clumpId" holding `clumpIds`.
+inline std::shared_ptr<StrandSet> withClumps(const StrandSet& strands,
+                                             const std::vector<float>& clumpIds) {
+    auto set = std::make_shared<StrandSet>(strands);
+    set->addStrandChannel("clumpId", -1.0f) = clumpIds;
+    return set;
+}
+
+// gridStrands numbered into clumps of `perClump` strands in strand order, in "clumpId".
+inline std::shared_ptr<StrandSet> clumpedGrid(std::size_t count, std::size_t points,
+                                              std::uint64_t seed, std::size_t perClump) {
+    std::vector<float> ids(count);
+    for (std::size_t s = 0; s < count; ++s)
+        ids[s] = static_cast<float>(s / perClump);
+    return withClumps(*gridStrands(count, points, seed), ids);
+}
+
 // A straight strand of `count` points from the origin, `step` apart along `direction`.
 inline std::vector<Vec3f> straight(std::size_t count, float step = 1.0f,
                                    Vec3f direction = {0, 1, 0}) {

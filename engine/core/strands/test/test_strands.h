@@ -110,6 +110,24 @@ inline std::array<std::uint32_t, 8> extentBits(const StrandSet::Extent& e) {
             floatBits(e.max.y), floatBits(e.max.z), floatBits(e.longest), e.finite ? 1u : 0u};
 }
 
+// The bits of points, to compare two results exactly (NaN and -0 included).
+inline std::vector<std::uint32_t> bitsOf(std::span<const Vec3f> points) {
+    std::vector<std::uint32_t> bits;
+    bits.reserve(points.size() * 3);
+    for (const Vec3f& p : points)
+        bits.insert(bits.end(), {floatBits(p.x), floatBits(p.y), floatBits(p.z)});
+    return bits;
+}
+
+// One number for the bits of points, to pin a result against silent change.
+inline std::uint64_t pointsHash(std::span<const Vec3f> points) {
+    std::uint64_t h = 0;
+    for (const Vec3f& p : points)
+        h = hashCombine(hashCombine(hashCombine(h, floatBits(p.x)), floatBits(p.y)),
+                        floatBits(p.z));
+    return h;
+}
+
 // A column or channel as a vector to compare; an absent channel is empty.
 template <class T>
 std::vector<T> values(std::span<const T> column) {
