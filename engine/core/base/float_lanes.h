@@ -195,6 +195,38 @@ inline void storeLanePoints(F px, F py, F pz, Vec3f* const* out, std::size_t at,
     }
 }
 
+// Four floats at each of kWidth addresses as four rows: row j holds float j of every address.
+inline void transposeRows(const float* const* at, F& a, F& b, F& c, F& d) {
+    __m128 r0 = _mm_loadu_ps(at[0]), r1 = _mm_loadu_ps(at[1]);
+    __m128 r2 = _mm_loadu_ps(at[2]), r3 = _mm_loadu_ps(at[3]);
+    _MM_TRANSPOSE4_PS(r0, r1, r2, r3);
+    a = {r0};
+    b = {r1};
+    c = {r2};
+    d = {r3};
+}
+// Lanes read as 32-bit integers: equal ones, and those of 0 and up.
+inline M equalBits(F a, F b) {
+    return {_mm_castsi128_ps(_mm_cmpeq_epi32(_mm_castps_si128(a.v), _mm_castps_si128(b.v)))};
+}
+inline M signClear(F a) {
+    return {_mm_castsi128_ps(_mm_cmpgt_epi32(_mm_castps_si128(a.v), _mm_set1_epi32(-1)))};
+}
+// a and not b.
+inline M andNot(M a, M b) {
+    return {_mm_andnot_ps(b.v, a.v)};
+}
+inline M noLanes() {
+    return {_mm_setzero_ps()};
+}
+inline M everyLane() {
+    return {_mm_castsi128_ps(_mm_set1_epi32(-1))};
+}
+// The lanes of a mask as floats, to be selected between.
+inline F bitsOf(M m) {
+    return {m.v};
+}
+
 }  // namespace narrow
 
 namespace wide {
@@ -384,6 +416,47 @@ VELMORIN_WIDE void storeLanePoints(F px, F py, F pz, Vec3f* const* out, std::siz
         _mm_storel_pi(reinterpret_cast<__m64*>(&out[l][at].x), p[l]);
         _mm_store_ss(&out[l][at].z, _mm_movehl_ps(p[l], p[l]));
     }
+}
+
+// narrow::transposeRows for eight addresses.
+VELMORIN_WIDE void transposeRows(const float* const* at, F& a, F& b, F& c, F& d) {
+    __m128 r[kWidth];
+    for (std::size_t l = 0; l < kWidth; ++l)
+        r[l] = _mm_loadu_ps(at[l]);
+    _MM_TRANSPOSE4_PS(r[0], r[1], r[2], r[3]);
+    _MM_TRANSPOSE4_PS(r[4], r[5], r[6], r[7]);
+    a = {_mm256_insertf128_ps(_mm256_castps128_ps256(r[0]), r[4], 1)};
+    b = {_mm256_insertf128_ps(_mm256_castps128_ps256(r[1]), r[5], 1)};
+    c = {_mm256_insertf128_ps(_mm256_castps128_ps256(r[2]), r[6], 1)};
+    d = {_mm256_insertf128_ps(_mm256_castps128_ps256(r[3]), r[7], 1)};
+}
+// narrow::equalBits and signClear, a half at a time: AVX has no wide integer compares.
+VELMORIN_WIDE M equalBits(F a, F b) {
+    const __m128i low = _mm_cmpeq_epi32(_mm_castps_si128(_mm256_castps256_ps128(a.v)),
+                                        _mm_castps_si128(_mm256_castps256_ps128(b.v)));
+    const __m128i high = _mm_cmpeq_epi32(_mm_castps_si128(_mm256_extractf128_ps(a.v, 1)),
+                                         _mm_castps_si128(_mm256_extractf128_ps(b.v, 1)));
+    return {_mm256_insertf128_ps(_mm256_castps128_ps256(_mm_castsi128_ps(low)),
+                                 _mm_castsi128_ps(high), 1)};
+}
+VELMORIN_WIDE M signClear(F a) {
+    const __m128i none = _mm_set1_epi32(-1);
+    const __m128i low = _mm_cmpgt_epi32(_mm_castps_si128(_mm256_castps256_ps128(a.v)), none);
+    const __m128i high = _mm_cmpgt_epi32(_mm_castps_si128(_mm256_extractf128_ps(a.v, 1)), none);
+    return {_mm256_insertf128_ps(_mm256_castps128_ps256(_mm_castsi128_ps(low)),
+                                 _mm_castsi128_ps(high), 1)};
+}
+VELMORIN_WIDE M andNot(M a, M b) {
+    return {_mm256_andnot_ps(b.v, a.v)};
+}
+VELMORIN_WIDE M noLanes() {
+    return {_mm256_setzero_ps()};
+}
+VELMORIN_WIDE M everyLane() {
+    return {_mm256_castsi256_ps(_mm256_set1_epi32(-1))};
+}
+VELMORIN_WIDE F bitsOf(M m) {
+    return {m.v};
 }
 
 #undef VELMORIN_WIDE
