@@ -32,6 +32,7 @@ struct FlowFace {
     std::array<std::int32_t, 3> across{-1, -1, -1};
     std::int32_t flat = 1;  // no area: the walk stops on it (an int, read in lanes with `across`)
     std::array<Vec3f, 3> normals, directions;
+    float pad = 0.0f;  // a load of four floats at the last direction stays inside the record
 };
 
 // What a FlowFace is made from: the scalp, its adjacency, and the per-vertex normals and flow
@@ -68,21 +69,9 @@ FlowFace flowFace(const FlowSurfaceData& data, std::size_t face) {
     return made;
 }
 
-// A triangle made ahead, in the two parts the side-by-side walk reads apart, each in whole cache
-// lines: what a round of the walk reads (one line), and what the landing reads (two). A round
-// that crosses an edge then waits on one line, not the three or four of a whole FlowFace.
-struct alignas(64) FlowStepRecord {
-    Vec3f origin, toU, toV;
-    std::array<std::int32_t, 3> across{-1, -1, -1};
-    std::int32_t flat = 1;
-    std::array<float, 3> pad{};
-};
-struct alignas(64) FlowLandRecord {
-    Vec3f origin, edge1, edge2;
-    std::array<Vec3f, 3> normals, directions;
-    std::array<float, 5> pad{};  // a load of four floats at the last direction stays inside
-};
-static_assert(sizeof(FlowStepRecord) == 64 && sizeof(FlowLandRecord) == 128);
+// The records the side-by-side walk reads: a whole FlowFace each.
+using FlowStepRecord = FlowFace;
+using FlowLandRecord = FlowFace;
 
 // The walk's triangles: made once per run for every triangle when the run reads many strands,
 // else each when the walk reaches it (the same arithmetic, so the same bits either way).
@@ -90,55 +79,34 @@ class FlowFaces {
   public:
     FlowFaces(const FlowSurfaceData& data, bool madeAhead) : data_(data) {
         if (!madeAhead) return;
-        steps_.resize(data.scalp.triangleCount());
-        lands_.resize(data.scalp.triangleCount());
-        parallelRange(0, steps_.size(), 4096, [&](std::size_t begin, std::size_t end) {
-            for (std::size_t f = begin; f < end; ++f) {
-                const FlowFace made = flowFace(data_, f);
-                steps_[f] = {made.origin, made.toU, made.toV, made.across, made.flat, {}};
-                lands_[f] = {made.origin,  made.edge1,      made.edge2,
-                             made.normals, made.directions, {}};
-            }
+        faces_.resize(data.scalp.triangleCount());
+        parallelRange(0, faces_.size(), 4096, [&](std::size_t begin, std::size_t end) {
+            for (std::size_t f = begin; f < end; ++f)
+                faces_[f] = flowFace(data_, f);
         });
     }
 
-    bool madeAhead() const { return !steps_.empty(); }
+    bool madeAhead() const { return !faces_.empty(); }
     // The records made ahead, in triangle order.
-    const FlowStepRecord* steps() const { return steps_.data(); }
-    const FlowLandRecord* lands() const { return lands_.data(); }
-    // Asks the processor to fetch triangle `face`'s records, made ahead, into its caches.
+    const FlowStepRecord* steps() const { return faces_.data(); }
+    const FlowLandRecord* lands() const { return faces_.data(); }
+    // Asks the processor to fetch triangle `face`'s record, made ahead, into its caches.
     void prefetch(std::int32_t face) const {
-        const auto f = static_cast<std::size_t>(face);
-        __builtin_prefetch(&steps_[f]);
-        __builtin_prefetch(&lands_[f]);
-        __builtin_prefetch(&lands_[f].normals[2]);
+        const char* at = reinterpret_cast<const char*>(&faces_[static_cast<std::size_t>(face)]);
+        for (std::size_t line = 0; line < sizeof(FlowFace) + 64; line += 64)
+            __builtin_prefetch(at + line);
     }
 
-    // Triangle `face`, held in `spare`.
+    // Triangle `face`; `spare` holds it when it was not made ahead.
     const FlowFace& at(std::int32_t face, FlowFace& spare) const {
-        const auto f = static_cast<std::size_t>(face);
-        if (steps_.empty()) {
-            spare = flowFace(data_, f);
-            return spare;
-        }
-        const FlowStepRecord& step = steps_[f];
-        const FlowLandRecord& land = lands_[f];
-        spare.origin = land.origin;
-        spare.edge1 = land.edge1;
-        spare.edge2 = land.edge2;
-        spare.toU = step.toU;
-        spare.toV = step.toV;
-        spare.across = step.across;
-        spare.flat = step.flat;
-        spare.normals = land.normals;
-        spare.directions = land.directions;
+        if (!faces_.empty()) return faces_[static_cast<std::size_t>(face)];
+        spare = flowFace(data_, static_cast<std::size_t>(face));
         return spare;
     }
 
   private:
     FlowSurfaceData data_;
-    std::vector<FlowStepRecord> steps_;
-    std::vector<FlowLandRecord> lands_;
+    std::vector<FlowFace> faces_;
 };
 
 // The most triangles a walk visits before it stops on an edge.
@@ -259,7 +227,11 @@ namespace {
 struct FlowWalk {
     std::span<const Vec3f> strand;
     Vec3f* out = nullptr;
-    std::span<float> lengths, sines, cosines;
+    // Segment k's values at lengths[k * stride] and so on: a strand's own scratch (stride 1), or
+    // its lane of a set's tables (stride the lane count).
+    float *lengths = nullptr, *sines = nullptr, *cosines = nullptr;
+    std::size_t stride = 1;
+    float lift = 0.0f;
     StrandRoot at;
     Vec3f normal, along;
     float cosTurn = 1.0f, sinTurn = 0.0f;
@@ -278,6 +250,9 @@ Vec3f unitOr(const Vec3f& v, const Vec3f& fallback) {
     return len > 1e-20f ? v * (1.0f / len) : fallback;
 }
 
+// Degrees to turns.
+constexpr float kFlowPerDegree = 1.0f / 360.0f;
+
 // What a run of flowStrands reads, and the steps of one strand laid alone.
 struct FlowRun {
     const FlowSettings& settings;
@@ -290,15 +265,19 @@ struct FlowRun {
     const SurfaceFlow* surface = nullptr;
     const FlowFaces* faces = nullptr;
 
-    // Copies strand s and readies its walk; false where it passes unchanged.
-    bool start(std::size_t s, FlowWalk& walk, FlowScratch& scratch) const {
-        constexpr float kPerDegree = 1.0f / 360.0f;
+    // Readies strand s's walk, its root copied; false where it passes unchanged (copied whole).
+    // Its segments wait for `prepare`, or for their lanes.
+    bool start(std::size_t s, FlowWalk& walk) const {
         const std::size_t first = offsets[s];
         const std::size_t n = offsets[s + 1] - first;
         walk.strand = inputPoints.subspan(first, n);
         walk.out = points.data() + first;
-        std::copy(walk.strand.begin(), walk.strand.end(), walk.out);
-        if (n < 2 || !surface || !scalp->isOnSurface(roots[s])) return false;
+        const auto unchanged = [&] {
+            std::copy(walk.strand.begin(), walk.strand.end(), walk.out);
+            return false;
+        };
+        if (n < 2 || !surface || !scalp->isOnSurface(roots[s])) return unchanged();
+        walk.out[0] = walk.strand[0];
         walk.at = roots[s];
         if (faces->madeAhead()) {
             const FlowLandRecord& face = faces->lands()[walk.at.face];
@@ -309,33 +288,40 @@ struct FlowRun {
             walk.normal = surface->normalAt(face, walk.at);
             walk.along = surface->flowAt(face, walk.at, walk.normal);
         }
-        if (lengthSquared(walk.along) == 0.0f) return false;
+        if (lengthSquared(walk.along) == 0.0f) return unchanged();
         const SinCos turn = sinCosTurns(
-            settings.random * StrandDraws(ids[s], settings.seed).nextSigned() * kPerDegree);
+            settings.random * StrandDraws(ids[s], settings.seed).nextSigned() * kFlowPerDegree);
         walk.cosTurn = turn.cos;
         walk.sinTurn = turn.sin;
-        const float lift =
-            settings.lift.isMapped() ? settings.lift.atStrand(s) : settings.lift.value();
-        walk.lengths = scratch.lengths.take(n);
-        walk.sines = scratch.sines.take(n);
-        walk.cosines = scratch.cosines.take(n);
-        segmentLengths(walk.strand, walk.lengths);
+        walk.lift = settings.lift.isMapped() ? settings.lift.atStrand(s) : settings.lift.value();
+        walk.height = 0.0f;
+        return true;
+    }
+
+    // A walk's segment lengths and the sines and cosines of their lifts, in its own scratch.
+    void prepare(FlowWalk& walk, FlowScratch& scratch) const {
+        const std::size_t n = walk.strand.size();
+        const std::span<float> lengths = scratch.lengths.take(n);
+        const std::span<float> sines = scratch.sines.take(n);
+        const std::span<float> cosines = scratch.cosines.take(n);
+        walk.lengths = lengths.data();
+        walk.sines = sines.data();
+        walk.cosines = cosines.data();
+        walk.stride = 1;
+        segmentLengths(walk.strand, lengths);
         float total = 0.0f;
         for (std::size_t k = 1; k < n; ++k)
-            total += walk.lengths[k];
+            total += lengths[k];
         // Segment k takes the lift at its middle, a fraction t along the strand; the angles, in
         // turns, wait in `sines` for one pass of sines and cosines over the strand.
         float arc = 0.0f;
         for (std::size_t k = 1; k < n; ++k) {
-            const float segment = walk.lengths[k];
+            const float segment = lengths[k];
             const float t = total > 0.0f ? (arc + 0.5f * segment) / total : 0.0f;
             arc += segment;
-            walk.sines[k] = lift * (1.0f - settings.bend * t) * kPerDegree;
+            sines[k] = walk.lift * (1.0f - settings.bend * t) * kFlowPerDegree;
         }
-        sinCosTurnsMany(walk.sines.data() + 1, walk.sines.data() + 1, walk.cosines.data() + 1,
-                        n - 1);
-        walk.height = 0.0f;
-        return true;
+        sinCosTurnsMany(sines.data() + 1, sines.data() + 1, cosines.data() + 1, n - 1);
     }
 
     // Where the surface under a walk's next point was found (`below`, on the triangle whose
@@ -358,8 +344,9 @@ struct FlowRun {
     // lifted off the skin by the lift at its middle, and lands at the height the strand has
     // reached above the surface there.
     void step(FlowWalk& walk, std::size_t k) const {
-        const float segment = walk.lengths[k];
-        const float cosAngle = walk.cosines[k], sinAngle = walk.sines[k];
+        const float segment = walk.lengths[k * walk.stride];
+        const float cosAngle = walk.cosines[k * walk.stride];
+        const float sinAngle = walk.sines[k * walk.stride];
         const Vec3f laid = rotateAbout(walk.along, walk.normal, walk.cosTurn, walk.sinTurn);
         const Vec3f direction = laid * cosAngle + walk.normal * sinAngle;
         const Vec3f from = walk.out[k - 1];
@@ -442,6 +429,7 @@ void flowStrands(const StrandSet& input, const FlowSettings& settings, const Str
     parallelRange(0, strandCount, 256, [&](std::size_t begin, std::size_t end) {
         std::array<FlowScratch, kInterleaved> scratch;
         std::array<FlowWalk, kInterleaved> walks;
+        std::vector<float> tables;  // the lane sets' segment lengths, sines and cosines
         std::size_t item = begin;
         while (item < end) {
             if (faces && faces->madeAhead()) {
@@ -455,7 +443,7 @@ void flowStrands(const StrandSet& input, const FlowSettings& settings, const Str
             }
             std::size_t count = 0, longest = 0;
             for (; item < end && count < interleaved; ++item) {
-                if (!run.start(pick.strand(item), walks[count], scratch[count])) continue;
+                if (!run.start(pick.strand(item), walks[count])) continue;
                 longest = std::max(longest, walks[count].strand.size());
                 ++count;
             }
@@ -473,11 +461,23 @@ void flowStrands(const StrandSet& input, const FlowSettings& settings, const Str
                 lanesEnd = walks[0].strand.size();
                 for (std::size_t w = 1; w < laned; ++w)
                     lanesEnd = std::min(lanesEnd, walks[w].strand.size());
+                // Each set's tables: lengths, sines and cosines, a row of its lanes per segment.
+                if (tables.size() < 3 * laned * longest) tables.resize(3 * laned * longest);
+                const auto prepareSet = [&](std::size_t first, std::size_t width, auto prepare) {
+                    float* const at = tables.data() + 3 * first * longest;
+                    prepare(run, &walks[first], at, at + width * longest, at + 2 * width * longest);
+                };
+                for (std::size_t set = 0; set < wideSets; ++set)
+                    prepareSet(set * 8, 8, wide_flow::prepareLanes);
+                for (std::size_t set = 0; set < narrowSets; ++set)
+                    prepareSet(narrowStart + set * 4, 4, narrow_flow::prepareLanes);
                 if (wideSets > 0) wide_flow::layInLanes(run, walks.data(), wideSets, lanesEnd);
                 if (narrowSets > 0)
                     narrow_flow::layInLanes(run, walks.data() + narrowStart, narrowSets, lanesEnd);
             }
 #endif
+            for (std::size_t w = laned; w < count; ++w)
+                run.prepare(walks[w], scratch[w]);
             for (std::size_t k = laned == count ? lanesEnd : 1; k < longest; ++k) {
                 for (std::size_t w = 0; w < count; ++w) {
                     if (k < walks[w].strand.size() && (w >= laned || k >= lanesEnd))
