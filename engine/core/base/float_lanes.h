@@ -13,6 +13,7 @@
 // lane. GCC and clang only: the wide functions carry a target attribute.
 
 #include <cstddef>
+#include <cstdint>
 
 #include "base/fast_trig_lanes.h"
 #include "base/vec3.h"
@@ -225,6 +226,14 @@ inline M everyLane() {
 // The lanes of a mask as floats, to be selected between.
 inline F bitsOf(M m) {
     return {m.v};
+}
+
+// out[l] = base + (lane l read as a 32-bit integer) * size, for every lane.
+inline void laneAddresses(F indices, const char* base, std::size_t size, const char** out) {
+    alignas(16) std::int32_t at[kWidth];
+    _mm_store_si128(reinterpret_cast<__m128i*>(at), _mm_castps_si128(indices.v));
+    for (std::size_t l = 0; l < kWidth; ++l)
+        out[l] = base + static_cast<std::ptrdiff_t>(at[l]) * static_cast<std::ptrdiff_t>(size);
 }
 
 }  // namespace narrow
@@ -457,6 +466,23 @@ VELMORIN_WIDE M everyLane() {
 }
 VELMORIN_WIDE F bitsOf(M m) {
     return {m.v};
+}
+
+// narrow::laneAddresses for eight lanes, two at a time in 64-bit integers: each index widened
+// with its sign, multiplied by `size` and added to `base` (AVX brings the SSE4.1 these need).
+VELMORIN_WIDE void laneAddresses(F indices, const char* base, std::size_t size, const char** out) {
+    const __m128i scale = _mm_set1_epi64x(static_cast<long long>(size));
+    const __m128i from = _mm_set1_epi64x(reinterpret_cast<long long>(base));
+    const __m128i halves[2] = {_mm_castps_si128(_mm256_castps256_ps128(indices.v)),
+                               _mm_castps_si128(_mm256_extractf128_ps(indices.v, 1))};
+    for (std::size_t h = 0; h < 2; ++h) {
+        const __m128i pairs[2] = {halves[h], _mm_srli_si128(halves[h], 8)};
+        for (std::size_t p = 0; p < 2; ++p) {
+            const __m128i wide = _mm_cvtepi32_epi64(pairs[p]);
+            _mm_storeu_si128(reinterpret_cast<__m128i*>(out + 4 * h + 2 * p),
+                             _mm_add_epi64(from, _mm_mul_epi32(wide, scale)));
+        }
+    }
 }
 
 #undef VELMORIN_WIDE

@@ -69,10 +69,6 @@ FlowFace flowFace(const FlowSurfaceData& data, std::size_t face) {
     return made;
 }
 
-// The records the side-by-side walk reads: a whole FlowFace each.
-using FlowStepRecord = FlowFace;
-using FlowLandRecord = FlowFace;
-
 // The walk's triangles: made once per run for every triangle when the run reads many strands,
 // else each when the walk reaches it (the same arithmetic, so the same bits either way).
 class FlowFaces {
@@ -88,8 +84,7 @@ class FlowFaces {
 
     bool madeAhead() const { return !faces_.empty(); }
     // The records made ahead, in triangle order.
-    const FlowStepRecord* steps() const { return faces_.data(); }
-    const FlowLandRecord* lands() const { return faces_.data(); }
+    const FlowFace* data() const { return faces_.data(); }
     // Asks the processor to fetch triangle `face`'s record, made ahead, into its caches.
     void prefetch(std::int32_t face) const {
         const char* at = reinterpret_cast<const char*>(&faces_[static_cast<std::size_t>(face)]);
@@ -186,8 +181,7 @@ class SurfaceFlow {
           blendDirections_(flow.directions().size() == scalp.pointCount()) {}
 
     // The normal at `at`, on the triangle whose record is `face`.
-    template <class Record>
-    Vec3f normalAt(const Record& face, const StrandRoot& at) const {
+    Vec3f normalAt(const FlowFace& face, const StrandRoot& at) const {
         const float w0 = 1.0f - at.u - at.v;
         const Vec3f blend = face.normals[0] * w0 + face.normals[1] * at.u + face.normals[2] * at.v;
         const float len2 = lengthSquared(blend);
@@ -196,8 +190,7 @@ class SurfaceFlow {
     }
 
     // The flow at `at`, whose smooth normal is `normal`.
-    template <class Record>
-    Vec3f flowAt(const Record& face, const StrandRoot& at, const Vec3f& normal) const {
+    Vec3f flowAt(const FlowFace& face, const StrandRoot& at, const Vec3f& normal) const {
         constexpr float kSlack = 1e-4f;
         const bool usable = at.u >= -kSlack && at.v >= -kSlack && at.u + at.v <= 1.0f + kSlack;
         if (!usable || !blendDirections_) return flow_.at(scalp_, at);
@@ -279,15 +272,9 @@ struct FlowRun {
         if (n < 2 || !surface || !scalp->isOnSurface(roots[s])) return unchanged();
         walk.out[0] = walk.strand[0];
         walk.at = roots[s];
-        if (faces->madeAhead()) {
-            const FlowLandRecord& face = faces->lands()[walk.at.face];
-            walk.normal = surface->normalAt(face, walk.at);
-            walk.along = surface->flowAt(face, walk.at, walk.normal);
-        } else {
-            const FlowFace& face = faces->at(walk.at.face, walk.spare);
-            walk.normal = surface->normalAt(face, walk.at);
-            walk.along = surface->flowAt(face, walk.at, walk.normal);
-        }
+        const FlowFace& face = faces->at(walk.at.face, walk.spare);
+        walk.normal = surface->normalAt(face, walk.at);
+        walk.along = surface->flowAt(face, walk.at, walk.normal);
         if (lengthSquared(walk.along) == 0.0f) return unchanged();
         const SinCos turn = sinCosTurns(
             settings.random * StrandDraws(ids[s], settings.seed).nextSigned() * kFlowPerDegree);
