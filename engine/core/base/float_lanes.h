@@ -232,8 +232,11 @@ inline F bitsOf(M m) {
 inline void laneAddresses(F indices, const char* base, std::size_t size, const char** out) {
     alignas(16) std::int32_t at[kWidth];
     _mm_store_si128(reinterpret_cast<__m128i*>(at), _mm_castps_si128(indices.v));
+    // As integers, as the wide one computes them.
     for (std::size_t l = 0; l < kWidth; ++l)
-        out[l] = base + static_cast<std::ptrdiff_t>(at[l]) * static_cast<std::ptrdiff_t>(size);
+        out[l] = reinterpret_cast<const char*>(reinterpret_cast<std::intptr_t>(base) +
+                                               static_cast<std::intptr_t>(at[l]) *
+                                                   static_cast<std::intptr_t>(size));
 }
 
 }  // namespace narrow
