@@ -239,6 +239,19 @@ inline void laneAddresses(F indices, const char* base, std::size_t size, const c
                                                    static_cast<std::intptr_t>(size));
 }
 
+// Eight floats at each of kWidth addresses as eight rows: row j holds float j of every address.
+inline void transposeEight(const float* const* at, F* rows) {
+    for (std::size_t half = 0; half < 2; ++half) {
+        __m128 r0 = _mm_loadu_ps(at[0] + 4 * half), r1 = _mm_loadu_ps(at[1] + 4 * half);
+        __m128 r2 = _mm_loadu_ps(at[2] + 4 * half), r3 = _mm_loadu_ps(at[3] + 4 * half);
+        _MM_TRANSPOSE4_PS(r0, r1, r2, r3);
+        rows[4 * half] = {r0};
+        rows[4 * half + 1] = {r1};
+        rows[4 * half + 2] = {r2};
+        rows[4 * half + 3] = {r3};
+    }
+}
+
 }  // namespace narrow
 
 namespace wide {
@@ -486,6 +499,29 @@ VELMORIN_WIDE void laneAddresses(F indices, const char* base, std::size_t size, 
                              _mm_add_epi64(from, _mm_mul_epi32(wide, scale)));
         }
     }
+}
+
+// narrow::transposeEight for eight addresses: an 8 by 8 transpose of one wide load at each.
+VELMORIN_WIDE void transposeEight(const float* const* at, F* rows) {
+    __m256 r[kWidth];
+    for (std::size_t l = 0; l < kWidth; ++l)
+        r[l] = _mm256_loadu_ps(at[l]);
+    const __m256 t0 = _mm256_unpacklo_ps(r[0], r[1]), t1 = _mm256_unpackhi_ps(r[0], r[1]);
+    const __m256 t2 = _mm256_unpacklo_ps(r[2], r[3]), t3 = _mm256_unpackhi_ps(r[2], r[3]);
+    const __m256 t4 = _mm256_unpacklo_ps(r[4], r[5]), t5 = _mm256_unpackhi_ps(r[4], r[5]);
+    const __m256 t6 = _mm256_unpacklo_ps(r[6], r[7]), t7 = _mm256_unpackhi_ps(r[6], r[7]);
+    const __m256 u0 = _mm256_shuffle_ps(t0, t2, 0x44), u1 = _mm256_shuffle_ps(t0, t2, 0xEE);
+    const __m256 u2 = _mm256_shuffle_ps(t1, t3, 0x44), u3 = _mm256_shuffle_ps(t1, t3, 0xEE);
+    const __m256 u4 = _mm256_shuffle_ps(t4, t6, 0x44), u5 = _mm256_shuffle_ps(t4, t6, 0xEE);
+    const __m256 u6 = _mm256_shuffle_ps(t5, t7, 0x44), u7 = _mm256_shuffle_ps(t5, t7, 0xEE);
+    rows[0] = {_mm256_permute2f128_ps(u0, u4, 0x20)};
+    rows[1] = {_mm256_permute2f128_ps(u1, u5, 0x20)};
+    rows[2] = {_mm256_permute2f128_ps(u2, u6, 0x20)};
+    rows[3] = {_mm256_permute2f128_ps(u3, u7, 0x20)};
+    rows[4] = {_mm256_permute2f128_ps(u0, u4, 0x31)};
+    rows[5] = {_mm256_permute2f128_ps(u1, u5, 0x31)};
+    rows[6] = {_mm256_permute2f128_ps(u2, u6, 0x31)};
+    rows[7] = {_mm256_permute2f128_ps(u3, u7, 0x31)};
 }
 
 #undef VELMORIN_WIDE

@@ -26,14 +26,19 @@ namespace {
 // in the triangle's plane (no division per step), and the triangles across its edges. Beside them
 // lie the smooth normals and flow directions of its corners, so that the triangle a point lands
 // on gives its normal and flow from the one record the walk read, not from three vertex arrays.
-struct FlowFace {
-    Vec3f origin, edge1, edge2;
+//
+// In blocks of eight floats, which the side-by-side walk reads whole: a round reads the first two
+// (up to origin); the landing the second to the fifth (from origin on).
+struct alignas(32) FlowFace {
     Vec3f toU, toV;
     std::array<std::int32_t, 3> across{-1, -1, -1};
     std::int32_t flat = 1;  // no area: the walk stops on it (an int, read in lanes with `across`)
+    Vec3f origin, edge1, edge2;
     std::array<Vec3f, 3> normals, directions;
-    float pad = 0.0f;  // a load of four floats at the last direction stays inside the record
+    std::array<float, 3> pad{};
 };
+static_assert(sizeof(FlowFace) == 160 && offsetof(FlowFace, origin) == 40 &&
+              offsetof(FlowFace, edge2) == 64 && offsetof(FlowFace, directions) == 112);
 
 // What a FlowFace is made from: the scalp, its adjacency, and the per-vertex normals and flow
 // directions (none where the flow was built for other vertices).
