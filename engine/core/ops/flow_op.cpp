@@ -411,6 +411,8 @@ void flowStrands(const StrandSet& input, const FlowSettings& settings, const Str
                       surface ? &*surface : nullptr,
                       faces ? &*faces : nullptr};
     const std::span<const StrandRoot> roots = input.roots();
+    const std::span<const std::uint64_t> offsets = input.offsets();
+    const std::span<const Vec3f> inputPoints = input.points();
 #if VELMORIN_FLOAT_LANES
     const bool wide = avxLanesUsable();
     const std::size_t interleaved = kLaneSets * (wide ? 8 : 4);
@@ -425,12 +427,19 @@ void flowStrands(const StrandSet& input, const FlowSettings& settings, const Str
         std::size_t item = begin;
         while (item < end) {
             if (faces && faces->madeAhead()) {
-                // The root triangles of the next strands are fetched while these are laid.
+                // The root triangles of the next strands, and the ends of their points in and
+                // out, are fetched while these are laid.
                 for (std::size_t ahead = item + interleaved;
                      ahead < std::min(end, item + 2 * interleaved); ++ahead) {
                     const std::size_t s = pick.strand(ahead);
-                    if (s < roots.size() && scalp->isOnSurface(roots[s]))
-                        faces->prefetch(roots[s].face);
+                    if (s >= roots.size()) continue;
+                    if (scalp->isOnSurface(roots[s])) faces->prefetch(roots[s].face);
+                    const std::size_t first = offsets[s], last = offsets[s + 1];
+                    if (last == first) continue;
+                    __builtin_prefetch(&inputPoints[first]);
+                    __builtin_prefetch(&inputPoints[last - 1]);
+                    __builtin_prefetch(&points[first], 1);
+                    __builtin_prefetch(&points[last - 1], 1);
                 }
             }
             std::size_t count = 0, longest = 0;
