@@ -59,5 +59,37 @@ TEST(Flow, LaneSetsOfMixedLengthsEndingThePointsAreLaidAsEachStrandAlone) {
     }
 }
 
+TEST(Flow, StrandsWithoutFlowAtTheirRootsPassUnchangedInLanesAsAlone) {
+    // A lone whorl reaching a little way from the top of a coarse sphere: strands rooted out of
+    // its reach have no flow and pass as they came, whether a full run lays their set in lanes or
+    // a strand is run alone; those in reach are laid alike either way.
+    const auto sphere = makeSphere(1.0f, 6, 12);
+    FlowSet whorl;
+    const StrandRoot top = sphere->closestPoint({0, 2, 0}).root;
+    whorl.sinks.push_back(FlowSink{top.face, top.u, top.v, 70.0f, 0.8f});
+    const auto field = FlowField::build(whorl, *sphere);
+    FlowSettings settings;
+    settings.lift = FieldSampler(20.0f);
+    settings.scalp = sphere.get();
+    settings.flow = field.get();
+    const auto strands = test::scalpStrands(*sphere, 200, 7, 5, 0.6f);
+    const Points full = flowed(*strands, settings);
+    std::size_t passed = 0, laid = 0;
+    for (std::uint64_t s = 0; s < strands->strandCount(); ++s) {
+        const std::vector<std::uint64_t> only = {s};
+        const Points alone = flowed(*strands, settings, StrandSelection::only(only));
+        const auto range = strands->pointRange(s);
+        const auto in = strands->strandPoints(s);
+        bool same = true;
+        for (std::size_t k = 0; k < range.count; ++k) {
+            ASSERT_EQ(alone[range.begin + k], full[range.begin + k]) << s << " " << k;
+            same = same && full[range.begin + k] == in[k];
+        }
+        ++(same ? passed : laid);
+    }
+    EXPECT_GT(passed, 20u);
+    EXPECT_GT(laid, 20u);
+}
+
 }  // namespace
 }  // namespace velmorin

@@ -230,6 +230,7 @@ struct FlowWalk {
     float *lengths = nullptr, *sines = nullptr, *cosines = nullptr;
     std::size_t stride = 1;
     float lift = 0.0f;
+    bool passes = false;  // no flow at the root: the strand passes unchanged
     StrandRoot at;
     Vec3f normal, along;
     float cosTurn = 1.0f, sinTurn = 0.0f;
@@ -264,7 +265,7 @@ struct FlowRun {
     const FlowFaces* faces = nullptr;
 
     // Readies strand s's walk, its root copied; false where it passes unchanged (copied whole).
-    // Its segments wait for `prepare`, or for their lanes.
+    // Its frame at the root waits for `frame`, its segments for `prepare`, or both for lanes.
     bool start(std::size_t s, FlowWalk& walk) const {
         const std::size_t first = offsets[s];
         const std::size_t n = offsets[s + 1] - first;
@@ -277,10 +278,7 @@ struct FlowRun {
         if (n < 2 || !surface || !scalp->isOnSurface(roots[s])) return unchanged();
         walk.out[0] = walk.strand[0];
         walk.at = roots[s];
-        const FlowFace& face = faces->at(walk.at.face, walk.spare);
-        walk.normal = surface->normalAt(face, walk.at);
-        walk.along = surface->flowAt(face, walk.at, walk.normal);
-        if (lengthSquared(walk.along) == 0.0f) return unchanged();
+        walk.passes = false;
         const SinCos turn = sinCosTurns(
             settings.random * StrandDraws(ids[s], settings.seed).nextSigned() * kFlowPerDegree);
         walk.cosTurn = turn.cos;
@@ -288,6 +286,15 @@ struct FlowRun {
         walk.lift = settings.lift.isMapped() ? settings.lift.atStrand(s) : settings.lift.value();
         walk.height = 0.0f;
         return true;
+    }
+
+    // The normal and flow at a walk's root. Without flow there, the strand passes: it is laid
+    // no further (or, in lanes, laid and then copied over).
+    void frame(FlowWalk& walk) const {
+        const FlowFace& face = faces->at(walk.at.face, walk.spare);
+        walk.normal = surface->normalAt(face, walk.at);
+        walk.along = surface->flowAt(face, walk.at, walk.normal);
+        walk.passes = lengthSquared(walk.along) == 0.0f;
     }
 
     // A walk's segment lengths and the sines and cosines of their lifts, in its own scratch.
@@ -477,13 +484,20 @@ void flowStrands(const StrandSet& input, const FlowSettings& settings, const Str
                     narrow_flow::layInLanes(run, walks.data() + narrowStart, narrowSets, lanesEnd);
             }
 #endif
-            for (std::size_t w = laned; w < count; ++w)
+            for (std::size_t w = laned; w < count; ++w) {
+                run.frame(walks[w]);
                 run.prepare(walks[w], scratch[w]);
+            }
             for (std::size_t k = laned == count ? lanesEnd : 1; k < longest; ++k) {
                 for (std::size_t w = 0; w < count; ++w) {
-                    if (k < walks[w].strand.size() && (w >= laned || k >= lanesEnd))
+                    if (k < walks[w].strand.size() && (w >= laned || k >= lanesEnd) &&
+                        !walks[w].passes)
                         run.step(walks[w], k);
                 }
+            }
+            for (std::size_t w = 0; w < count; ++w) {
+                if (walks[w].passes)
+                    std::copy(walks[w].strand.begin(), walks[w].strand.end(), walks[w].out);
             }
         }
     });
