@@ -13,6 +13,7 @@
 // lane. GCC and clang only: the wide functions carry a target attribute.
 
 #include <cstddef>
+#include <cstdint>
 
 #include "base/fast_trig_lanes.h"
 #include "base/vec3.h"
@@ -192,6 +193,62 @@ inline void storeLanePoints(F px, F py, F pz, Vec3f* const* out, std::size_t at,
     for (std::size_t l = 0; l < kWidth; ++l) {
         _mm_storel_pi(reinterpret_cast<__m64*>(&out[l][at].x), p[l]);
         _mm_store_ss(&out[l][at].z, _mm_movehl_ps(p[l], p[l]));
+    }
+}
+
+// Four floats at each of kWidth addresses as four rows: row j holds float j of every address.
+inline void transposeRows(const float* const* at, F& a, F& b, F& c, F& d) {
+    __m128 r0 = _mm_loadu_ps(at[0]), r1 = _mm_loadu_ps(at[1]);
+    __m128 r2 = _mm_loadu_ps(at[2]), r3 = _mm_loadu_ps(at[3]);
+    _MM_TRANSPOSE4_PS(r0, r1, r2, r3);
+    a = {r0};
+    b = {r1};
+    c = {r2};
+    d = {r3};
+}
+// Lanes read as 32-bit integers: equal ones, and those of 0 and up.
+inline M equalBits(F a, F b) {
+    return {_mm_castsi128_ps(_mm_cmpeq_epi32(_mm_castps_si128(a.v), _mm_castps_si128(b.v)))};
+}
+inline M signClear(F a) {
+    return {_mm_castsi128_ps(_mm_cmpgt_epi32(_mm_castps_si128(a.v), _mm_set1_epi32(-1)))};
+}
+// a and not b.
+inline M andNot(M a, M b) {
+    return {_mm_andnot_ps(b.v, a.v)};
+}
+inline M noLanes() {
+    return {_mm_setzero_ps()};
+}
+inline M everyLane() {
+    return {_mm_castsi128_ps(_mm_set1_epi32(-1))};
+}
+// The lanes of a mask as floats, to be selected between.
+inline F bitsOf(M m) {
+    return {m.v};
+}
+
+// out[l] = base + (lane l read as a 32-bit integer) * size, for every lane.
+inline void laneAddresses(F indices, const char* base, std::size_t size, const char** out) {
+    alignas(16) std::int32_t at[kWidth];
+    _mm_store_si128(reinterpret_cast<__m128i*>(at), _mm_castps_si128(indices.v));
+    // As integers, as the wide one computes them.
+    for (std::size_t l = 0; l < kWidth; ++l)
+        out[l] = reinterpret_cast<const char*>(reinterpret_cast<std::intptr_t>(base) +
+                                               static_cast<std::intptr_t>(at[l]) *
+                                                   static_cast<std::intptr_t>(size));
+}
+
+// Eight floats at each of kWidth addresses as eight rows: row j holds float j of every address.
+inline void transposeEight(const float* const* at, F* rows) {
+    for (std::size_t half = 0; half < 2; ++half) {
+        __m128 r0 = _mm_loadu_ps(at[0] + 4 * half), r1 = _mm_loadu_ps(at[1] + 4 * half);
+        __m128 r2 = _mm_loadu_ps(at[2] + 4 * half), r3 = _mm_loadu_ps(at[3] + 4 * half);
+        _MM_TRANSPOSE4_PS(r0, r1, r2, r3);
+        rows[4 * half] = {r0};
+        rows[4 * half + 1] = {r1};
+        rows[4 * half + 2] = {r2};
+        rows[4 * half + 3] = {r3};
     }
 }
 
@@ -384,6 +441,87 @@ VELMORIN_WIDE void storeLanePoints(F px, F py, F pz, Vec3f* const* out, std::siz
         _mm_storel_pi(reinterpret_cast<__m64*>(&out[l][at].x), p[l]);
         _mm_store_ss(&out[l][at].z, _mm_movehl_ps(p[l], p[l]));
     }
+}
+
+// narrow::transposeRows for eight addresses.
+VELMORIN_WIDE void transposeRows(const float* const* at, F& a, F& b, F& c, F& d) {
+    __m128 r[kWidth];
+    for (std::size_t l = 0; l < kWidth; ++l)
+        r[l] = _mm_loadu_ps(at[l]);
+    _MM_TRANSPOSE4_PS(r[0], r[1], r[2], r[3]);
+    _MM_TRANSPOSE4_PS(r[4], r[5], r[6], r[7]);
+    a = {_mm256_insertf128_ps(_mm256_castps128_ps256(r[0]), r[4], 1)};
+    b = {_mm256_insertf128_ps(_mm256_castps128_ps256(r[1]), r[5], 1)};
+    c = {_mm256_insertf128_ps(_mm256_castps128_ps256(r[2]), r[6], 1)};
+    d = {_mm256_insertf128_ps(_mm256_castps128_ps256(r[3]), r[7], 1)};
+}
+// narrow::equalBits and signClear, a half at a time: AVX has no wide integer compares.
+VELMORIN_WIDE M equalBits(F a, F b) {
+    const __m128i low = _mm_cmpeq_epi32(_mm_castps_si128(_mm256_castps256_ps128(a.v)),
+                                        _mm_castps_si128(_mm256_castps256_ps128(b.v)));
+    const __m128i high = _mm_cmpeq_epi32(_mm_castps_si128(_mm256_extractf128_ps(a.v, 1)),
+                                         _mm_castps_si128(_mm256_extractf128_ps(b.v, 1)));
+    return {_mm256_insertf128_ps(_mm256_castps128_ps256(_mm_castsi128_ps(low)),
+                                 _mm_castsi128_ps(high), 1)};
+}
+VELMORIN_WIDE M signClear(F a) {
+    const __m128i none = _mm_set1_epi32(-1);
+    const __m128i low = _mm_cmpgt_epi32(_mm_castps_si128(_mm256_castps256_ps128(a.v)), none);
+    const __m128i high = _mm_cmpgt_epi32(_mm_castps_si128(_mm256_extractf128_ps(a.v, 1)), none);
+    return {_mm256_insertf128_ps(_mm256_castps128_ps256(_mm_castsi128_ps(low)),
+                                 _mm_castsi128_ps(high), 1)};
+}
+VELMORIN_WIDE M andNot(M a, M b) {
+    return {_mm256_andnot_ps(b.v, a.v)};
+}
+VELMORIN_WIDE M noLanes() {
+    return {_mm256_setzero_ps()};
+}
+VELMORIN_WIDE M everyLane() {
+    return {_mm256_castsi256_ps(_mm256_set1_epi32(-1))};
+}
+VELMORIN_WIDE F bitsOf(M m) {
+    return {m.v};
+}
+
+// narrow::laneAddresses for eight lanes, two at a time in 64-bit integers: each index widened
+// with its sign, multiplied by `size` and added to `base` (AVX brings the SSE4.1 these need).
+VELMORIN_WIDE void laneAddresses(F indices, const char* base, std::size_t size, const char** out) {
+    const __m128i scale = _mm_set1_epi64x(static_cast<long long>(size));
+    const __m128i from = _mm_set1_epi64x(reinterpret_cast<long long>(base));
+    const __m128i halves[2] = {_mm_castps_si128(_mm256_castps256_ps128(indices.v)),
+                               _mm_castps_si128(_mm256_extractf128_ps(indices.v, 1))};
+    for (std::size_t h = 0; h < 2; ++h) {
+        const __m128i pairs[2] = {halves[h], _mm_srli_si128(halves[h], 8)};
+        for (std::size_t p = 0; p < 2; ++p) {
+            const __m128i wide = _mm_cvtepi32_epi64(pairs[p]);
+            _mm_storeu_si128(reinterpret_cast<__m128i*>(out + 4 * h + 2 * p),
+                             _mm_add_epi64(from, _mm_mul_epi32(wide, scale)));
+        }
+    }
+}
+
+// narrow::transposeEight for eight addresses: an 8 by 8 transpose of one wide load at each.
+VELMORIN_WIDE void transposeEight(const float* const* at, F* rows) {
+    __m256 r[kWidth];
+    for (std::size_t l = 0; l < kWidth; ++l)
+        r[l] = _mm256_loadu_ps(at[l]);
+    const __m256 t0 = _mm256_unpacklo_ps(r[0], r[1]), t1 = _mm256_unpackhi_ps(r[0], r[1]);
+    const __m256 t2 = _mm256_unpacklo_ps(r[2], r[3]), t3 = _mm256_unpackhi_ps(r[2], r[3]);
+    const __m256 t4 = _mm256_unpacklo_ps(r[4], r[5]), t5 = _mm256_unpackhi_ps(r[4], r[5]);
+    const __m256 t6 = _mm256_unpacklo_ps(r[6], r[7]), t7 = _mm256_unpackhi_ps(r[6], r[7]);
+    const __m256 u0 = _mm256_shuffle_ps(t0, t2, 0x44), u1 = _mm256_shuffle_ps(t0, t2, 0xEE);
+    const __m256 u2 = _mm256_shuffle_ps(t1, t3, 0x44), u3 = _mm256_shuffle_ps(t1, t3, 0xEE);
+    const __m256 u4 = _mm256_shuffle_ps(t4, t6, 0x44), u5 = _mm256_shuffle_ps(t4, t6, 0xEE);
+    const __m256 u6 = _mm256_shuffle_ps(t5, t7, 0x44), u7 = _mm256_shuffle_ps(t5, t7, 0xEE);
+    rows[0] = {_mm256_permute2f128_ps(u0, u4, 0x20)};
+    rows[1] = {_mm256_permute2f128_ps(u1, u5, 0x20)};
+    rows[2] = {_mm256_permute2f128_ps(u2, u6, 0x20)};
+    rows[3] = {_mm256_permute2f128_ps(u3, u7, 0x20)};
+    rows[4] = {_mm256_permute2f128_ps(u0, u4, 0x31)};
+    rows[5] = {_mm256_permute2f128_ps(u1, u5, 0x31)};
+    rows[6] = {_mm256_permute2f128_ps(u2, u6, 0x31)};
+    rows[7] = {_mm256_permute2f128_ps(u3, u7, 0x31)};
 }
 
 #undef VELMORIN_WIDE

@@ -1,10 +1,13 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
+#include <cstddef>
+#include <cstring>
 #include <optional>
 
 #include "base/fast_trig.h"
 #include "base/fast_trig_lanes.h"
+#include "base/float_lanes.h"
 #include "base/parallel.h"
 #include "editing/flow.h"
 #include "fields/field_scene.h"
@@ -23,14 +26,19 @@ namespace {
 // in the triangle's plane (no division per step), and the triangles across its edges. Beside them
 // lie the smooth normals and flow directions of its corners, so that the triangle a point lands
 // on gives its normal and flow from the one record the walk read, not from three vertex arrays.
-struct FlowFace {
-    Vec3f origin, edge1, edge2;
+//
+// In blocks of eight floats, which the side-by-side walk reads whole: a round reads the first two
+// (up to origin); the landing the second to the fifth (from origin on).
+struct alignas(32) FlowFace {
     Vec3f toU, toV;
     std::array<std::int32_t, 3> across{-1, -1, -1};
     std::int32_t flat = 1;  // no area: the walk stops on it (an int, read in lanes with `across`)
+    Vec3f origin, edge1, edge2;
     std::array<Vec3f, 3> normals, directions;
-    float pad = 0.0f;  // a load of four floats at the last direction stays inside the record
+    std::array<float, 3> pad{};
 };
+static_assert(sizeof(FlowFace) == 160 && offsetof(FlowFace, origin) == 40 &&
+              offsetof(FlowFace, edge2) == 64 && offsetof(FlowFace, directions) == 112);
 
 // What a FlowFace is made from: the scalp, its adjacency, and the per-vertex normals and flow
 // directions (none where the flow was built for other vertices).
@@ -80,14 +88,14 @@ class FlowFaces {
     }
 
     bool madeAhead() const { return !faces_.empty(); }
+    // The records made ahead, in triangle order.
+    const FlowFace* data() const { return faces_.data(); }
     // Asks the processor to fetch triangle `face`'s record, made ahead, into its caches.
     void prefetch(std::int32_t face) const {
         const char* at = reinterpret_cast<const char*>(&faces_[static_cast<std::size_t>(face)]);
         for (std::size_t line = 0; line < sizeof(FlowFace) + 64; line += 64)
             __builtin_prefetch(at + line);
     }
-    // Triangle `face` of a run that made them ahead.
-    const FlowFace& made(std::int32_t face) const { return faces_[static_cast<std::size_t>(face)]; }
 
     // Triangle `face`; `spare` holds it when it was not made ahead.
     const FlowFace& at(std::int32_t face, FlowFace& spare) const {
@@ -212,18 +220,17 @@ class SurfaceFlow {
 
 namespace {
 
-// Strands laid side by side, a point of each in turn: a strand's walk is one long chain of steps,
-// each waiting on the last (the surface under a point decides the next), so the processor
-// overlaps the chains of several strands where one alone would leave it waiting. Sixteen, four
-// lane sets of four, measured quicker than eight or thirty-two.
-constexpr std::size_t kInterleaved = 16;
-
 // One strand being laid: where its walk has reached and what it keeps along the way. Per segment
 // k: its length, and the sine and cosine of its lift, made for the whole strand before the walk.
 struct FlowWalk {
     std::span<const Vec3f> strand;
     Vec3f* out = nullptr;
-    std::span<float> lengths, sines, cosines;
+    // Segment k's values at lengths[k * stride] and so on: a strand's own scratch (stride 1), or
+    // its lane of a set's tables (stride the lane count).
+    float *lengths = nullptr, *sines = nullptr, *cosines = nullptr;
+    std::size_t stride = 1;
+    float lift = 0.0f;
+    bool passes = false;  // no flow at the root: the strand passes unchanged
     StrandRoot at;
     Vec3f normal, along;
     float cosTurn = 1.0f, sinTurn = 0.0f;
@@ -242,198 +249,86 @@ Vec3f unitOr(const Vec3f& v, const Vec3f& fallback) {
     return len > 1e-20f ? v * (1.0f / len) : fallback;
 }
 
-#if VELMORIN_SSE_LANES
-// x, y and z of four strands' vectors, a strand in each lane.
-struct Lanes3 {
-    __m128 x, y, z;
-};
+// Degrees to turns.
+constexpr float kFlowPerDegree = 1.0f / 360.0f;
 
-Lanes3 operator+(const Lanes3& a, const Lanes3& b) {
-    return {_mm_add_ps(a.x, b.x), _mm_add_ps(a.y, b.y), _mm_add_ps(a.z, b.z)};
-}
-Lanes3 operator-(const Lanes3& a, const Lanes3& b) {
-    return {_mm_sub_ps(a.x, b.x), _mm_sub_ps(a.y, b.y), _mm_sub_ps(a.z, b.z)};
-}
-Lanes3 operator*(const Lanes3& a, __m128 s) {
-    return {_mm_mul_ps(a.x, s), _mm_mul_ps(a.y, s), _mm_mul_ps(a.z, s)};
-}
-// dot() in lanes: (x x + y y) + z z, as the scalar sums it.
-__m128 dotLanes(const Lanes3& a, const Lanes3& b) {
-    return _mm_add_ps(_mm_add_ps(_mm_mul_ps(a.x, b.x), _mm_mul_ps(a.y, b.y)), _mm_mul_ps(a.z, b.z));
-}
-// `a` in the lanes of `mask`, else `b`.
-Lanes3 select(__m128 mask, const Lanes3& a, const Lanes3& b) {
-    const auto one = [&](__m128 x, __m128 y) {
-        return _mm_or_ps(_mm_and_ps(mask, x), _mm_andnot_ps(mask, y));
-    };
-    return {one(a.x, b.x), one(a.y, b.y), one(a.z, b.z)};
-}
-// All bits set in the lanes whose bit is set in `bits` (0 to 15), from a table.
-__m128 laneMask(int bits) {
-    static constexpr auto kMasks = [] {
-        std::array<std::array<std::uint32_t, 4>, 16> masks{};
-        for (std::size_t b = 0; b < 16; ++b) {
-            for (std::size_t lane = 0; lane < 4; ++lane)
-                masks[b][lane] = (b >> lane & 1) != 0 ? 0xFFFFFFFFu : 0u;
-        }
-        return masks;
-    }();
-    return _mm_loadu_ps(
-        reinterpret_cast<const float*>(kMasks[static_cast<std::size_t>(bits)].data()));
-}
-// The vectors at four addresses, each followed by at least one more float, as rows.
-template <class At>
-inline __attribute__((always_inline)) Lanes3 rowsAt(At at) {
-    const Vec3f* const from[4] = {at(0), at(1), at(2), at(3)};
-    const PointRows4 rows = loadPointRows(from, 0);
-    return {rows.x, rows.y, rows.z};
-}
-Vec3f laneOf(const Lanes3& v, int lane) {
-    alignas(16) float x[4], y[4], z[4];
-    _mm_store_ps(x, v.x);
-    _mm_store_ps(y, v.y);
-    _mm_store_ps(z, v.z);
-    return {x[lane], y[lane], z[lane]};
-}
+// What a run of flowStrands reads, and the steps of one strand laid alone.
+struct FlowRun {
+    const FlowSettings& settings;
+    std::span<const std::uint64_t> ids;
+    std::span<const StrandRoot> roots;
+    std::span<const std::uint64_t> offsets;
+    std::span<const Vec3f> inputPoints;
+    std::span<Vec3f> points;
+    const ScalpMesh* scalp = nullptr;
+    const SurfaceFlow* surface = nullptr;
+    const FlowFaces* faces = nullptr;
 
-// Four walks laid in lanes: their state as rows while the lanes run, handed back to the walks
-// for the points that their scalar steps lay after.
-struct FlowLanes {
-    FlowLanes() = default;
-    explicit FlowLanes(FlowWalk* first) {
-        for (int i = 0; i < 4; ++i) {
-            walks[i] = first + i;
-            lengths[i] = walks[i]->lengths.data();
-            sines[i] = walks[i]->sines.data();
-            cosines[i] = walks[i]->cosines.data();
-            at[i] = walks[i]->at;
-            face[i] = at[i].face;
-        }
-        const auto each = [&](auto value) {
-            return _mm_setr_ps(value(walks[0]), value(walks[1]), value(walks[2]), value(walks[3]));
-        };
-        normal = {each([](FlowWalk* w) { return w->normal.x; }),
-                  each([](FlowWalk* w) { return w->normal.y; }),
-                  each([](FlowWalk* w) { return w->normal.z; })};
-        along = {each([](FlowWalk* w) { return w->along.x; }),
-                 each([](FlowWalk* w) { return w->along.y; }),
-                 each([](FlowWalk* w) { return w->along.z; })};
-        height = each([](FlowWalk* w) { return w->height; });
-        cosTurn = each([](FlowWalk* w) { return w->cosTurn; });
-        sinTurn = each([](FlowWalk* w) { return w->sinTurn; });
-        from = {each([](FlowWalk* w) { return w->out[0].x; }),
-                each([](FlowWalk* w) { return w->out[0].y; }),
-                each([](FlowWalk* w) { return w->out[0].z; })};
-    }
-
-    void handBack() const {
-        alignas(16) float heights[4];
-        _mm_store_ps(heights, height);
-        for (int i = 0; i < 4; ++i) {
-            walks[i]->at = at[i];
-            walks[i]->normal = laneOf(normal, i);
-            walks[i]->along = laneOf(along, i);
-            walks[i]->height = heights[i];
-        }
-    }
-
-    std::array<FlowWalk*, 4> walks{};
-    // The walks' segment lengths and lift sines and cosines, read at every step.
-    std::array<const float*, 4> lengths{}, sines{}, cosines{};
-    std::array<StrandRoot, 4> at;
-    std::array<std::int32_t, 4> face{};
-    Lanes3 normal{}, along{};
-    Lanes3 from{};  // the last point laid: the start of the next segment
-    __m128 height{}, cosTurn{}, sinTurn{};
-};
-
-// A lane set's step between its parts: the segment and the point it reaches, and the walk's
-// progress, round by round, so that the walks of several sets take their rounds in turn.
-struct LaneStep {
-    Lanes3 direction, from, next;
-    __m128 segment, reach;
-    alignas(16) float px[4], py[4], pz[4], reaches[4], lu[4], lv[4];
-    alignas(16) std::array<std::int32_t, 4> face;
-    __m128i faces4, came;
-    __m128 landedU, landedV;
-    int active = 0, failed = 0;
-};
-#endif
-
-}  // namespace
-
-void flowStrands(const StrandSet& input, const FlowSettings& settings, const StrandSelection& pick,
-                 std::span<Vec3f> points) {
-    const std::span<const std::uint64_t> ids = input.ids();
-    const std::span<const StrandRoot> roots = input.roots();
-    const std::span<const std::uint64_t> offsets = input.offsets();
-    const std::span<const Vec3f> inputPoints = input.points();
-    const ScalpMesh* scalp = settings.scalp;
-    const FlowField* flow = settings.flow;
-    const std::shared_ptr<const SurfaceTopology> topology = scalp ? scalp->topology() : nullptr;
-    const std::optional<SurfaceFlow> surface =
-        scalp && flow ? std::optional<SurfaceFlow>(std::in_place, *scalp, *flow) : std::nullopt;
-    // Made ahead where the strands outnumber the triangles; an incremental run of a few strands
-    // makes only the triangles it reaches.
-    const std::size_t strandCount = pick.size(input.strandCount());
-    const std::optional<FlowFaces> faces =
-        surface ? std::optional<FlowFaces>(
-                      std::in_place,
-                      FlowSurfaceData{*scalp, *topology, scalp->vertexNormals(),
-                                      surface->blendsDirections() ? flow->directions()
-                                                                  : std::span<const Vec3f>()},
-                      strandCount >= scalp->triangleCount())
-                : std::nullopt;
-    const bool liftMapped = settings.lift.isMapped();
-    const float plainLift = settings.lift.value();
-    constexpr float kPerDegree = 1.0f / 360.0f;
-
-    // Copies strand s and readies its walk; false where it passes unchanged.
-    const auto start = [&](std::size_t s, FlowWalk& walk, FlowScratch& scratch) {
+    // Readies strand s's walk, its root copied; false where it passes unchanged (copied whole).
+    // Its frame at the root waits for `frame`, its segments for `prepare`, or both for lanes.
+    bool start(std::size_t s, FlowWalk& walk) const {
         const std::size_t first = offsets[s];
         const std::size_t n = offsets[s + 1] - first;
         walk.strand = inputPoints.subspan(first, n);
         walk.out = points.data() + first;
-        std::copy(walk.strand.begin(), walk.strand.end(), walk.out);
-        if (n < 2 || !surface || !scalp->isOnSurface(roots[s])) return false;
+        const auto unchanged = [&] {
+            std::copy(walk.strand.begin(), walk.strand.end(), walk.out);
+            return false;
+        };
+        if (n < 2 || !surface || !scalp->isOnSurface(roots[s])) return unchanged();
+        walk.out[0] = walk.strand[0];
         walk.at = roots[s];
+        walk.passes = false;
+        const SinCos turn = sinCosTurns(
+            settings.random * StrandDraws(ids[s], settings.seed).nextSigned() * kFlowPerDegree);
+        walk.cosTurn = turn.cos;
+        walk.sinTurn = turn.sin;
+        walk.lift = settings.lift.isMapped() ? settings.lift.atStrand(s) : settings.lift.value();
+        walk.height = 0.0f;
+        return true;
+    }
+
+    // The normal and flow at a walk's root. Without flow there, the strand passes: it is laid
+    // no further (or, in lanes, laid and then copied over).
+    void frame(FlowWalk& walk) const {
         const FlowFace& face = faces->at(walk.at.face, walk.spare);
         walk.normal = surface->normalAt(face, walk.at);
         walk.along = surface->flowAt(face, walk.at, walk.normal);
-        if (lengthSquared(walk.along) == 0.0f) return false;
-        const SinCos turn = sinCosTurns(
-            settings.random * StrandDraws(ids[s], settings.seed).nextSigned() * kPerDegree);
-        walk.cosTurn = turn.cos;
-        walk.sinTurn = turn.sin;
-        const float lift = liftMapped ? settings.lift.atStrand(s) : plainLift;
-        walk.lengths = scratch.lengths.take(n);
-        walk.sines = scratch.sines.take(n);
-        walk.cosines = scratch.cosines.take(n);
-        segmentLengths(walk.strand, walk.lengths);
+        walk.passes = lengthSquared(walk.along) == 0.0f;
+    }
+
+    // A walk's segment lengths and the sines and cosines of their lifts, in its own scratch.
+    void prepare(FlowWalk& walk, FlowScratch& scratch) const {
+        const std::size_t n = walk.strand.size();
+        const std::span<float> lengths = scratch.lengths.take(n);
+        const std::span<float> sines = scratch.sines.take(n);
+        const std::span<float> cosines = scratch.cosines.take(n);
+        walk.lengths = lengths.data();
+        walk.sines = sines.data();
+        walk.cosines = cosines.data();
+        walk.stride = 1;
+        segmentLengths(walk.strand, lengths);
         float total = 0.0f;
         for (std::size_t k = 1; k < n; ++k)
-            total += walk.lengths[k];
+            total += lengths[k];
         // Segment k takes the lift at its middle, a fraction t along the strand; the angles, in
         // turns, wait in `sines` for one pass of sines and cosines over the strand.
         float arc = 0.0f;
         for (std::size_t k = 1; k < n; ++k) {
-            const float segment = walk.lengths[k];
+            const float segment = lengths[k];
             const float t = total > 0.0f ? (arc + 0.5f * segment) / total : 0.0f;
             arc += segment;
-            walk.sines[k] = lift * (1.0f - settings.bend * t) * kPerDegree;
+            sines[k] = walk.lift * (1.0f - settings.bend * t) * kFlowPerDegree;
         }
-        sinCosTurnsMany(walk.sines.data() + 1, walk.sines.data() + 1, walk.cosines.data() + 1,
-                        n - 1);
-        walk.height = 0.0f;
-        return true;
-    };
+        sinCosTurnsMany(sines.data() + 1, sines.data() + 1, cosines.data() + 1, n - 1);
+    }
 
     // Where the surface under a walk's next point was found (`below`, on the triangle whose
-    // record is `landed`): the point is set at the strand's height above it, keeping its segment's
-    // length, and the walk takes the normal and flow there for its next segment.
-    const auto land = [&](StrandRoot& at, Vec3f& normal, Vec3f& along, float height,
-                          const ClosestPoint& below, const FlowFace& landed, const Vec3f& from,
-                          const Vec3f& direction, float segment) {
+    // record is `landed`): the point is set at the strand's height above it, keeping its
+    // segment's length, and the walk takes the normal and flow there for its next segment.
+    Vec3f land(StrandRoot& at, Vec3f& normal, Vec3f& along, float height, const ClosestPoint& below,
+               const FlowFace& landed, const Vec3f& from, const Vec3f& direction,
+               float segment) const {
         at = below.root;
         const Vec3f surfaceNormal = surface->normalAt(landed, at);
         const Vec3f snapped = below.point + surfaceNormal * height;
@@ -442,14 +337,15 @@ void flowStrands(const StrandSet& input, const FlowSettings& settings, const Str
         normal = surfaceNormal;
         along = lengthSquared(there) > 0.0f ? there : unitOr(alongSurface(along, normal), along);
         return next;
-    };
+    }
 
     // Point k of a walk: its segment keeps its length and follows the flow under its start,
     // lifted off the skin by the lift at its middle, and lands at the height the strand has
     // reached above the surface there.
-    const auto step = [&](FlowWalk& walk, std::size_t k) {
-        const float segment = walk.lengths[k];
-        const float cosAngle = walk.cosines[k], sinAngle = walk.sines[k];
+    void step(FlowWalk& walk, std::size_t k) const {
+        const float segment = walk.lengths[k * walk.stride];
+        const float cosAngle = walk.cosines[k * walk.stride];
+        const float sinAngle = walk.sines[k * walk.stride];
         const Vec3f laid = rotateAbout(walk.along, walk.normal, walk.cosTurn, walk.sinTurn);
         const Vec3f direction = laid * cosAngle + walk.normal * sinAngle;
         const Vec3f from = walk.out[k - 1];
@@ -467,334 +363,145 @@ void flowStrands(const StrandSet& input, const FlowSettings& settings, const Str
             next = land(walk.at, walk.normal, walk.along, walk.height, *below, *landed, from,
                         direction, segment);
         walk.out[k] = next;
-    };
+    }
+};
 
-#if VELMORIN_SSE_LANES
-    // Point k of four walks at once, a strand in each SSE lane: every lane performs the
-    // operations of `step` in the same order, so a strand gets the same bits either way. The
-    // walk over the triangles moves the lanes together, a triangle a round, until each has
-    // landed; the tree, an edge stop and the rare odd normal or flow go lane by lane through the
-    // scalar pieces themselves. A step comes in three parts: laneBegin makes the segment and the
-    // point it reaches, laneRound takes one round of the walk, laneFinish lands the point.
-    const auto laneBegin = [&](FlowLanes& g, std::size_t k, LaneStep& st) {
-        const auto each = [&](auto value) {
-            return _mm_setr_ps(value(0), value(1), value(2), value(3));
-        };
-        const __m128 one = _mm_set1_ps(1.0f);
-        __m128& segment = st.segment;
-        segment = each([&](int i) { return g.lengths[i][k]; });
-        const __m128 cosAngle = each([&](int i) { return g.cosines[i][k]; });
-        const __m128 sinAngle = each([&](int i) { return g.sines[i][k]; });
-        const Lanes3 n = g.normal, a = g.along;
-        const Lanes3 turned{_mm_sub_ps(_mm_mul_ps(n.y, a.z), _mm_mul_ps(n.z, a.y)),
-                            _mm_sub_ps(_mm_mul_ps(n.z, a.x), _mm_mul_ps(n.x, a.z)),
-                            _mm_sub_ps(_mm_mul_ps(n.x, a.y), _mm_mul_ps(n.y, a.x))};
-        const Lanes3 laid = (a * g.cosTurn + turned * g.sinTurn) +
-                            n * _mm_mul_ps(dotLanes(n, a), _mm_sub_ps(one, g.cosTurn));
-        st.direction = laid * cosAngle + n * sinAngle;
-        st.from = g.from;
-        st.next = st.from + st.direction * segment;
-        g.height = _mm_add_ps(g.height, _mm_mul_ps(segment, sinAngle));
-        st.reach = _mm_add_ps(_mm_add_ps(_mm_andnot_ps(_mm_set1_ps(-0.0f), g.height),
-                                         _mm_mul_ps(_mm_set1_ps(2.0f), segment)),
-                              _mm_set1_ps(1e-4f));
+// Strands laid side by side, a point of each in turn: a strand's walk is one long chain of steps,
+// each waiting on the last (the surface under a point decides the next), so the processor
+// overlaps the chains of several strands where one alone would leave it waiting. Four sets of
+// lanes, eight strands each with AVX and four without.
+constexpr std::size_t kLaneSets = 4;
+constexpr std::size_t kInterleaved = 32;
 
-        // The walk, all four lanes a triangle at a time, deciding in lanes: which lanes landed
-        // inside, which edge each leaves by, and which can cross it. Only a stop on an edge goes
-        // lane by lane.
-        _mm_store_ps(st.px, st.next.x);
-        _mm_store_ps(st.py, st.next.y);
-        _mm_store_ps(st.pz, st.next.z);
-        _mm_store_ps(st.reaches, st.reach);
-        st.face = g.face;
-        st.faces4 = _mm_load_si128(reinterpret_cast<const __m128i*>(st.face.data()));
-        st.came = _mm_set1_epi32(-1);
-        st.landedU = _mm_setzero_ps();
-        st.landedV = _mm_setzero_ps();
-        st.active = 0xF;
-        st.failed = 0;
-    };
+#if VELMORIN_FLOAT_LANES
+namespace narrow_flow {
+using namespace float_lanes::narrow;
+#define VELMORIN_LANES_TARGET
+#include "ops/flow_lanes.inc"
+#undef VELMORIN_LANES_TARGET
+}  // namespace narrow_flow
+namespace wide_flow {
+using namespace float_lanes::wide;
+#define VELMORIN_LANES_TARGET __attribute__((target("avx")))
+#include "ops/flow_lanes.inc"
+#undef VELMORIN_LANES_TARGET
+}  // namespace wide_flow
+#endif
 
-    // One round of a lane set's walk: each lane still walking reads its triangle, and lands in
-    // it, stops on its edge or crosses to the next.
-    const auto laneRound = [&](LaneStep& st, int round) {
-        const __m128 one = _mm_set1_ps(1.0f), zero = _mm_setzero_ps();
-        const Lanes3& next = st.next;
-        std::array<std::int32_t, 4>& face = st.face;
-        __m128i& faces4 = st.faces4;
-        __m128i& came = st.came;
-        __m128& landedU = st.landedU;
-        __m128& landedV = st.landedV;
-        int& active = st.active;
-        int& failed = st.failed;
-        _mm_store_si128(reinterpret_cast<__m128i*>(face.data()), faces4);
-        const std::array<const FlowFace*, 4> here = {&faces->made(face[0]), &faces->made(face[1]),
-                                                     &faces->made(face[2]), &faces->made(face[3])};
-        // The triangles across the three edges and the flat mark, as four rows of ints.
-        __m128 ac0 = _mm_loadu_ps(reinterpret_cast<const float*>(here[0]->across.data()));
-        __m128 ac1 = _mm_loadu_ps(reinterpret_cast<const float*>(here[1]->across.data()));
-        __m128 ac2 = _mm_loadu_ps(reinterpret_cast<const float*>(here[2]->across.data()));
-        __m128 flatRow = _mm_loadu_ps(reinterpret_cast<const float*>(here[3]->across.data()));
-        _MM_TRANSPOSE4_PS(ac0, ac1, ac2, flatRow);
-        const int flat = ~_mm_movemask_ps(_mm_castsi128_ps(
-                             _mm_cmpeq_epi32(_mm_castps_si128(flatRow), _mm_setzero_si128()))) &
-                         0xF;
-        failed |= active & flat;
-        active &= ~flat;
-        if (active == 0) return;
-        const Lanes3 d = next - rowsAt([&](int i) { return &here[i]->origin; });
-        const __m128 u = dotLanes(d, rowsAt([&](int i) { return &here[i]->toU; }));
-        const __m128 v = dotLanes(d, rowsAt([&](int i) { return &here[i]->toV; }));
-        const __m128 w = _mm_sub_ps(_mm_sub_ps(one, u), v);
-        const __m128 insideLanes = _mm_and_ps(
-            _mm_and_ps(_mm_cmpge_ps(u, zero), _mm_cmpge_ps(v, zero)), _mm_cmpge_ps(w, zero));
-        const int inside = active & _mm_movemask_ps(insideLanes);
-        const __m128 landsNow = laneMask(inside);
-        landedU = _mm_or_ps(_mm_and_ps(landsNow, u), _mm_andnot_ps(landsNow, landedU));
-        landedV = _mm_or_ps(_mm_and_ps(landsNow, v), _mm_andnot_ps(landsNow, landedV));
-        const int out = active & ~inside;
-        active = 0;
-        if (out == 0) return;
-        // edgeOut in lanes: 1 where w is the least, else 2 where u <= v, else 0.
-        const __m128i byW = _mm_castps_si128(_mm_and_ps(_mm_cmple_ps(w, u), _mm_cmple_ps(w, v)));
-        const __m128i byU = _mm_andnot_si128(byW, _mm_castps_si128(_mm_cmple_ps(u, v)));
-        const __m128i across =
-            _mm_or_si128(_mm_or_si128(_mm_and_si128(byW, _mm_castps_si128(ac1)),
-                                      _mm_and_si128(byU, _mm_castps_si128(ac2))),
-                         _mm_andnot_si128(_mm_or_si128(byW, byU), _mm_castps_si128(ac0)));
-        const __m128i crossable =
-            round + 1 < kMostSteps ? _mm_andnot_si128(_mm_cmpeq_epi32(across, came),
-                                                      _mm_cmpgt_epi32(across, _mm_set1_epi32(-1)))
-                                   : _mm_setzero_si128();
-        const int moves = out & _mm_movemask_ps(_mm_castsi128_ps(crossable));
-        const __m128i moving = _mm_castps_si128(laneMask(moves));
-        came = _mm_or_si128(_mm_and_si128(moving, faces4), _mm_andnot_si128(moving, came));
-        faces4 = _mm_or_si128(_mm_and_si128(moving, across), _mm_andnot_si128(moving, faces4));
-        active = moves;
-        if (const int stops = out & ~moves; stops != 0) {
-            // onEdge in lanes: the edge runs from `from` to `to`, corner 0 being the zero vector.
-            const __m128 onW = _mm_castsi128_ps(byW), onU = _mm_castsi128_ps(byU);
-            const __m128 onFirst =
-                _mm_andnot_ps(_mm_or_ps(onW, onU), _mm_castsi128_ps(_mm_set1_epi32(-1)));
-            const Lanes3 edge1 = rowsAt([&](int i) { return &here[i]->edge1; });
-            const Lanes3 edge2 = rowsAt([&](int i) { return &here[i]->edge2; });
-            const Lanes3 none{zero, zero, zero};
-            const Lanes3 from = select(onW, edge1, select(onU, edge2, none));
-            const Lanes3 to = select(onFirst, edge1, select(onW, edge2, none));
-            const Lanes3 along = to - from;
-            const __m128 alongSquared = dotLanes(along, along);
-            const __m128 q = _mm_div_ps(dotLanes(d - from, along), alongSquared);
-            const __m128 low = _mm_or_ps(_mm_and_ps(_mm_cmplt_ps(q, zero), zero),
-                                         _mm_andnot_ps(_mm_cmplt_ps(q, zero), q));
-            const __m128 held = _mm_or_ps(_mm_and_ps(_mm_cmplt_ps(one, low), one),
-                                          _mm_andnot_ps(_mm_cmplt_ps(one, low), low));
-            const __m128 t = _mm_and_ps(_mm_cmpgt_ps(alongSquared, zero), held);
-            const __m128 oneLessT = _mm_sub_ps(one, t);
-            const __m128 edgeU = _mm_or_ps(_mm_and_ps(onFirst, t), _mm_and_ps(onW, oneLessT));
-            const __m128 edgeV = _mm_or_ps(_mm_and_ps(onW, t), _mm_and_ps(onU, oneLessT));
-            const __m128 stopping = laneMask(stops);
-            landedU = _mm_or_ps(_mm_and_ps(stopping, edgeU), _mm_andnot_ps(stopping, landedU));
-            landedV = _mm_or_ps(_mm_and_ps(stopping, edgeV), _mm_andnot_ps(stopping, landedV));
-        }
-    };
+}  // namespace
 
-    // The end of a lane set's step once its walk is over: the tree for the lanes that found
-    // nothing, then the normal, the point and the flow where each landed.
-    const auto laneFinish = [&](FlowLanes& g, std::size_t k, LaneStep& st) {
-        const __m128 one = _mm_set1_ps(1.0f);
-        const __m128 segment = st.segment, reach = st.reach;
-        const Lanes3 direction = st.direction, from = st.from;
-        Lanes3 next = st.next;
-        float* const px = st.px;
-        float* const py = st.py;
-        float* const pz = st.pz;
-        float* const reaches = st.reaches;
-        float* const lu = st.lu;
-        float* const lv = st.lv;
-        std::array<std::int32_t, 4>& face = st.face;
-        const __m128i faces4 = st.faces4;
-        const __m128 landedU = st.landedU, landedV = st.landedV;
-        int failed = st.failed;
-        _mm_store_si128(reinterpret_cast<__m128i*>(face.data()), faces4);
-        _mm_store_ps(lu, landedU);
-        _mm_store_ps(lv, landedV);
-        // Landed lanes lie within reach, or the tree is asked as `step` asks it.
-        const auto record = [&](int i) { return &faces->made(face[i]); };
-        __m128 u = _mm_load_ps(lu), v = _mm_load_ps(lv);
-        Lanes3 point = (rowsAt([&](int i) { return &record(i)->origin; }) +
-                        rowsAt([&](int i) { return &record(i)->edge1; }) * u) +
-                       rowsAt([&](int i) { return &record(i)->edge2; }) * v;
-        const Lanes3 off = next - point;
-        failed |= _mm_movemask_ps(_mm_cmpnle_ps(dotLanes(off, off), _mm_mul_ps(reach, reach)));
-        int found = 0xF & ~failed;
-        if (failed != 0) {
-            alignas(16) float qx[4], qy[4], qz[4];
-            _mm_store_ps(qx, point.x);
-            _mm_store_ps(qy, point.y);
-            _mm_store_ps(qz, point.z);
-            for (int i = 0; i < 4; ++i) {
-                if ((failed >> i & 1) == 0) continue;
-                const ClosestPoint tree = scalp->closestPoint({px[i], py[i], pz[i]}, reaches[i]);
-                face[i] = g.face[i];
-                if (!tree.found()) continue;
-                found |= 1 << i;
-                face[i] = tree.root.face;
-                lu[i] = tree.root.u;
-                lv[i] = tree.root.v;
-                qx[i] = tree.point.x;
-                qy[i] = tree.point.y;
-                qz[i] = tree.point.z;
-            }
-            u = _mm_load_ps(lu);
-            v = _mm_load_ps(lv);
-            point = {_mm_load_ps(qx), _mm_load_ps(qy), _mm_load_ps(qz)};
-        }
-
-        // The normal there, the point at the strand's height, and the flow: surface->normalAt,
-        // unitOr and surface->flowAt in lanes.
-        const __m128 w0 = _mm_sub_ps(_mm_sub_ps(one, u), v);
-        const auto normalOf = [&](std::size_t corner) {
-            return rowsAt([&](int i) { return &record(i)->normals[corner]; });
-        };
-        const auto directionOf = [&](std::size_t corner) {
-            return rowsAt([&](int i) { return &record(i)->directions[corner]; });
-        };
-        const Lanes3 normalBlend = (normalOf(0) * w0 + normalOf(1) * u) + normalOf(2) * v;
-        const __m128 normalSquared = dotLanes(normalBlend, normalBlend);
-        const Lanes3 normal = normalBlend * _mm_div_ps(one, _mm_sqrt_ps(normalSquared));
-        const Lanes3 snapped = point + normal * g.height;
-        const Lanes3 toSnapped = snapped - from;
-        const __m128 snappedLength = _mm_sqrt_ps(dotLanes(toSnapped, toSnapped));
-        const Lanes3 placed = from + select(_mm_cmpgt_ps(snappedLength, _mm_set1_ps(1e-20f)),
-                                            toSnapped * _mm_div_ps(one, snappedLength), direction) *
-                                         segment;
-        constexpr float kSlack = 1e-4f;
-        Lanes3 flowBlend = (directionOf(0) * w0 + directionOf(1) * u) + directionOf(2) * v;
-        flowBlend = flowBlend - normal * dotLanes(flowBlend, normal);
-        const __m128 flowLength = _mm_sqrt_ps(dotLanes(flowBlend, flowBlend));
-        const Lanes3 there = flowBlend * _mm_div_ps(one, flowLength);
-        const __m128 plain =
-            _mm_and_ps(_mm_and_ps(_mm_cmpgt_ps(normalSquared, _mm_set1_ps(1e-20f)),
-                                  _mm_cmpge_ps(flowLength, _mm_set1_ps(0.5f))),
-                       _mm_and_ps(_mm_and_ps(_mm_cmpge_ps(u, _mm_set1_ps(-kSlack)),
-                                             _mm_cmpge_ps(v, _mm_set1_ps(-kSlack))),
-                                  _mm_cmple_ps(_mm_add_ps(u, v), _mm_set1_ps(1.0f + kSlack))));
-        const int odd = found & ~_mm_movemask_ps(plain);
-        const __m128 foundLanes = laneMask(found);
-        Lanes3 newNormal = select(foundLanes, normal, g.normal);
-        Lanes3 newAlong = select(foundLanes, there, g.along);
-        next = select(foundLanes, placed, next);
-        if (odd != 0) {
-            // Opposed normals or flow the blend can't give: the scalar pieces, lane by lane.
-            alignas(16) float rows[9][4];
-            const Lanes3* const parts[3] = {&next, &newNormal, &newAlong};
-            for (int r = 0; r < 3; ++r) {
-                _mm_store_ps(rows[3 * r], parts[r]->x);
-                _mm_store_ps(rows[3 * r + 1], parts[r]->y);
-                _mm_store_ps(rows[3 * r + 2], parts[r]->z);
-            }
-            alignas(16) float heights[4], segments[4];
-            _mm_store_ps(heights, g.height);
-            _mm_store_ps(segments, segment);
-            for (int i = 0; i < 4; ++i) {
-                if ((odd >> i & 1) == 0) continue;
-                ClosestPoint below;
-                below.root = {face[i], lu[i], lv[i]};
-                below.point = laneOf(point, i);
-                StrandRoot at = g.at[i];
-                Vec3f normalHere = laneOf(g.normal, i), alongHere = laneOf(g.along, i);
-                const Vec3f placedHere =
-                    land(at, normalHere, alongHere, heights[i], below, *record(i), laneOf(from, i),
-                         laneOf(direction, i), segments[i]);
-                const Vec3f values[3] = {placedHere, normalHere, alongHere};
-                for (int r = 0; r < 3; ++r) {
-                    rows[3 * r][i] = values[r].x;
-                    rows[3 * r + 1][i] = values[r].y;
-                    rows[3 * r + 2][i] = values[r].z;
-                }
-            }
-            next = {_mm_load_ps(rows[0]), _mm_load_ps(rows[1]), _mm_load_ps(rows[2])};
-            newNormal = {_mm_load_ps(rows[3]), _mm_load_ps(rows[4]), _mm_load_ps(rows[5])};
-            newAlong = {_mm_load_ps(rows[6]), _mm_load_ps(rows[7]), _mm_load_ps(rows[8])};
-        }
-        for (int i = 0; i < 4; ++i) {
-            if ((found >> i & 1) == 0) continue;
-            g.face[i] = face[i];
-            g.at[i] = {face[i], lu[i], lv[i]};
-        }
-        g.normal = newNormal;
-        g.along = newAlong;
-        Vec3f* const to[4] = {g.walks[0]->out, g.walks[1]->out, g.walks[2]->out, g.walks[3]->out};
-        storePointRows(to, k, {next.x, next.y, next.z});
-        g.from = next;
-    };
+void flowStrands(const StrandSet& input, const FlowSettings& settings, const StrandSelection& pick,
+                 std::span<Vec3f> points) {
+    const ScalpMesh* scalp = settings.scalp;
+    const FlowField* flow = settings.flow;
+    const std::shared_ptr<const SurfaceTopology> topology = scalp ? scalp->topology() : nullptr;
+    const std::optional<SurfaceFlow> surface =
+        scalp && flow ? std::optional<SurfaceFlow>(std::in_place, *scalp, *flow) : std::nullopt;
+    // Made ahead where the strands outnumber the triangles; an incremental run of a few strands
+    // makes only the triangles it reaches.
+    const std::size_t strandCount = pick.size(input.strandCount());
+    const std::optional<FlowFaces> faces =
+        surface ? std::optional<FlowFaces>(
+                      std::in_place,
+                      FlowSurfaceData{*scalp, *topology, scalp->vertexNormals(),
+                                      surface->blendsDirections() ? flow->directions()
+                                                                  : std::span<const Vec3f>()},
+                      strandCount >= scalp->triangleCount())
+                : std::nullopt;
+    const FlowRun run{settings,
+                      input.ids(),
+                      input.roots(),
+                      input.offsets(),
+                      input.points(),
+                      points,
+                      scalp,
+                      surface ? &*surface : nullptr,
+                      faces ? &*faces : nullptr};
+    const std::span<const StrandRoot> roots = input.roots();
+    const std::span<const std::uint64_t> offsets = input.offsets();
+    const std::span<const Vec3f> inputPoints = input.points();
+#if VELMORIN_FLOAT_LANES
+    const bool wide = avxLanesUsable();
+    const std::size_t interleaved = kLaneSets * (wide ? 8 : 4);
+#else
+    const std::size_t interleaved = kInterleaved;
 #endif
 
     parallelRange(0, strandCount, 256, [&](std::size_t begin, std::size_t end) {
         std::array<FlowScratch, kInterleaved> scratch;
         std::array<FlowWalk, kInterleaved> walks;
+        std::vector<float> tables;  // the lane sets' segment lengths, sines and cosines
         std::size_t item = begin;
         while (item < end) {
             if (faces && faces->madeAhead()) {
-                // The root triangles of the next strands are fetched while these are laid.
-                for (std::size_t ahead = item + kInterleaved;
-                     ahead < std::min(end, item + 2 * kInterleaved); ++ahead) {
+                // The root triangles of the next strands, and the ends of their points in and
+                // out, are fetched while these are laid.
+                for (std::size_t ahead = item + interleaved;
+                     ahead < std::min(end, item + 2 * interleaved); ++ahead) {
                     const std::size_t s = pick.strand(ahead);
-                    if (s < roots.size() && scalp->isOnSurface(roots[s]))
-                        faces->prefetch(roots[s].face);
+                    if (s >= roots.size()) continue;
+                    if (scalp->isOnSurface(roots[s])) faces->prefetch(roots[s].face);
+                    const std::size_t first = offsets[s], last = offsets[s + 1];
+                    if (last == first) continue;
+                    __builtin_prefetch(&inputPoints[first]);
+                    __builtin_prefetch(&inputPoints[last - 1]);
+                    __builtin_prefetch(&points[first], 1);
+                    __builtin_prefetch(&points[last - 1], 1);
                 }
             }
             std::size_t count = 0, longest = 0;
-            for (; item < end && count < kInterleaved; ++item) {
-                if (!start(pick.strand(item), walks[count], scratch[count])) continue;
+            for (; item < end && count < interleaved; ++item) {
+                if (!run.start(pick.strand(item), walks[count])) continue;
                 longest = std::max(longest, walks[count].strand.size());
                 ++count;
             }
-            // Whole sets of four go in lanes as far as the shortest strand among them
-            // (`lanesEnd`); the points after it, and the strands left over, one strand at a time.
+            // Whole sets go in lanes as far as the shortest strand among them (`lanesEnd`): sets
+            // of eight where AVX is there, then one of four for the strands left over; the points
+            // after it, and the strands left after that, one strand at a time.
             std::size_t laned = 0, lanesEnd = 1;
-#if VELMORIN_SSE_LANES
-            if (faces && faces->madeAhead() && count >= 4) {
-                const std::size_t sets = count / 4;
-                laned = 4 * sets;
+#if VELMORIN_FLOAT_LANES
+            constexpr std::size_t kNarrow = float_lanes::narrow::kWidth;
+            if (faces && faces->madeAhead() && count >= kNarrow) {
+                const std::size_t wideSets = wide ? count / float_lanes::wide::kWidth : 0;
+                const std::size_t narrowStart = wideSets * float_lanes::wide::kWidth;
+                const std::size_t narrowSets = (count - narrowStart) / kNarrow;
+                laned = narrowStart + narrowSets * kNarrow;
                 lanesEnd = walks[0].strand.size();
                 for (std::size_t w = 1; w < laned; ++w)
                     lanesEnd = std::min(lanesEnd, walks[w].strand.size());
-                std::array<FlowLanes, kInterleaved / 4> lanes;
-                for (std::size_t set = 0; set < sets; ++set)
-                    lanes[set] = FlowLanes(&walks[4 * set]);
-                std::array<LaneStep, kInterleaved / 4> steps;
-                for (std::size_t k = 1; k < lanesEnd; ++k) {
-                    // The sets' walks take their rounds in turn, so that one set's wait on a
-                    // triangle overlaps the others'.
-                    for (std::size_t set = 0; set < sets; ++set)
-                        laneBegin(lanes[set], k, steps[set]);
-                    for (int round = 0;; ++round) {
-                        bool walking = false;
-                        for (std::size_t set = 0; set < sets; ++set) {
-                            if (steps[set].active == 0) continue;
-                            laneRound(steps[set], round);
-                            walking = walking || steps[set].active != 0;
-                        }
-                        if (!walking) break;
-                    }
-                    for (std::size_t set = 0; set < sets; ++set)
-                        laneFinish(lanes[set], k, steps[set]);
-                }
-                for (std::size_t set = 0; set < sets; ++set)
-                    lanes[set].handBack();
+                // Each set's tables: lengths, sines and cosines, a row of its lanes per segment.
+                if (tables.size() < 3 * laned * longest) tables.resize(3 * laned * longest);
+                const auto prepareSet = [&](std::size_t first, std::size_t width, auto prepare) {
+                    float* const at = tables.data() + 3 * first * longest;
+                    prepare(run, &walks[first], at, at + width * longest, at + 2 * width * longest);
+                };
+                for (std::size_t set = 0; set < wideSets; ++set)
+                    prepareSet(set * 8, 8, wide_flow::prepareLanes);
+                for (std::size_t set = 0; set < narrowSets; ++set)
+                    prepareSet(narrowStart + set * 4, 4, narrow_flow::prepareLanes);
+                if (wideSets > 0) wide_flow::layInLanes(run, walks.data(), wideSets, lanesEnd);
+                if (narrowSets > 0)
+                    narrow_flow::layInLanes(run, walks.data() + narrowStart, narrowSets, lanesEnd);
             }
 #endif
+            for (std::size_t w = laned; w < count; ++w) {
+                run.frame(walks[w]);
+                run.prepare(walks[w], scratch[w]);
+            }
             for (std::size_t k = laned == count ? lanesEnd : 1; k < longest; ++k) {
                 for (std::size_t w = 0; w < count; ++w) {
-                    if (k < walks[w].strand.size() && (w >= laned || k >= lanesEnd))
-                        step(walks[w], k);
+                    if (k < walks[w].strand.size() && (w >= laned || k >= lanesEnd) &&
+                        !walks[w].passes)
+                        run.step(walks[w], k);
                 }
+            }
+            for (std::size_t w = 0; w < count; ++w) {
+                if (walks[w].passes)
+                    std::copy(walks[w].strand.begin(), walks[w].strand.end(), walks[w].out);
             }
         }
     });
 }
-
 namespace {
 
 using field_ops::makeParam;

@@ -1,0 +1,95 @@
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <vector>
+
+#include "editing/flow.h"
+#include "mesh/sample_meshes.h"
+#include "ops/shape_ops.h"
+#include "ops/test/shape_strands.h"
+#include "strands/test/test_strands.h"
+
+namespace velmorin {
+namespace {
+
+using Points = std::vector<Vec3f>;
+
+Points flowed(const StrandSet& strands, const FlowSettings& settings,
+              const StrandSelection& pick = StrandSelection::every()) {
+    Points out(strands.points().begin(), strands.points().end());
+    flowStrands(strands, settings, pick, out);
+    return out;
+}
+
+TEST(Flow, LaneSetsOfMixedLengthsEndingThePointsAreLaidAsEachStrandAlone) {
+    // A coarse sphere, so that a run of a few strands makes its triangles ahead and lays them in
+    // sets of lanes: strands of 2 to 13 points mixed in every set (a set's short strands read
+    // their last point again past their end), and the last strand of the set, whose last point
+    // ends the points, in a set of eight, of four, or alone, as the count falls.
+    const auto sphere = makeSphere(1.0f, 6, 12);
+    FlowSet pins;
+    pins.pins.push_back(pinFromSurface(*sphere, sphere->closestPoint({0, 2, 0}).root, {1, 0, 0}));
+    const auto field = FlowField::build(pins, *sphere);
+    FlowSettings settings;
+    settings.lift = FieldSampler(30.0f);
+    settings.bend = 0.5f;
+    settings.random = 15.0f;
+    settings.seed = 3;
+    settings.scalp = sphere.get();
+    settings.flow = field.get();
+    for (const std::size_t count :
+         {std::size_t{144}, std::size_t{148}, std::size_t{152}, std::size_t{157}}) {
+        const auto grown = test::scalpStrands(*sphere, count, 13, 11, 0.9f);
+        StrandSet mixed;
+        for (std::size_t s = 0; s < count; ++s)
+            mixed.addStrand(grown->ids()[s], grown->roots()[s],
+                            grown->strandPoints(s).first(2 + (s * 7) % 12));
+        ASSERT_GE(mixed.strandCount(), sphere->triangleCount());
+        const auto [one, two] = test::onOneAndTwoThreads([&] { return flowed(mixed, settings); });
+        EXPECT_EQ(one, two) << count;
+        EXPECT_NE(one, Points(mixed.points().begin(), mixed.points().end()));
+        for (std::uint64_t s = 0; s < count; ++s) {
+            const std::vector<std::uint64_t> only = {s};
+            const Points alone = flowed(mixed, settings, StrandSelection::only(only));
+            const auto range = mixed.pointRange(s);
+            for (std::size_t k = 0; k < range.count; ++k)
+                ASSERT_EQ(alone[range.begin + k], one[range.begin + k])
+                    << count << " strand " << s << " point " << k;
+        }
+    }
+}
+
+TEST(Flow, StrandsWithoutFlowAtTheirRootsPassUnchangedInLanesAsAlone) {
+    // A lone whorl reaching a little way from the top of a coarse sphere: strands rooted out of
+    // its reach have no flow and pass as they came, whether a full run lays their set in lanes or
+    // a strand is run alone; those in reach are laid alike either way.
+    const auto sphere = makeSphere(1.0f, 6, 12);
+    FlowSet whorl;
+    const StrandRoot top = sphere->closestPoint({0, 2, 0}).root;
+    whorl.sinks.push_back(FlowSink{top.face, top.u, top.v, 70.0f, 0.8f});
+    const auto field = FlowField::build(whorl, *sphere);
+    FlowSettings settings;
+    settings.lift = FieldSampler(20.0f);
+    settings.scalp = sphere.get();
+    settings.flow = field.get();
+    const auto strands = test::scalpStrands(*sphere, 200, 7, 5, 0.6f);
+    const Points full = flowed(*strands, settings);
+    std::size_t passed = 0, laid = 0;
+    for (std::uint64_t s = 0; s < strands->strandCount(); ++s) {
+        const std::vector<std::uint64_t> only = {s};
+        const Points alone = flowed(*strands, settings, StrandSelection::only(only));
+        const auto range = strands->pointRange(s);
+        const auto in = strands->strandPoints(s);
+        bool same = true;
+        for (std::size_t k = 0; k < range.count; ++k) {
+            ASSERT_EQ(alone[range.begin + k], full[range.begin + k]) << s << " " << k;
+            same = same && full[range.begin + k] == in[k];
+        }
+        ++(same ? passed : laid);
+    }
+    EXPECT_GT(passed, 20u);
+    EXPECT_GT(laid, 20u);
+}
+
+}  // namespace
+}  // namespace velmorin
