@@ -39,9 +39,9 @@ constexpr int kCurveRows = (kSmoothCells + 1 + 7) / 8 * 8;
 using LaneRow = float[kLanes];
 
 // One box filter's window over the mirrored differences, the same for every strand of m cells:
-// cell j's window runs from j + low to j + high; `mirrored` lists the differences the running sums
-// add, from the window's low end, unrolled from the mirrored period (the first m differences run
-// forward, the next m back the way they came).
+// cell j's window runs from j + low to j + high; `mirrored` lists the differences the sliding
+// window takes in, from the window's low end, unrolled from the mirrored period (the first m
+// differences run forward, the next m back the way they came).
 struct BoxWindow {
     int m = 0;
     int reach = 0;  // whole cells from the low end's cell to the high end's
@@ -50,33 +50,26 @@ struct BoxWindow {
     float scale = 0.0f;  // 1 / width
     bool filters = false;
     std::array<int, kReach> mirrored{};
-    // j / m, each cell's share of the length, from cell -1 to past the tip (stepTable[j + 1]).
-    std::array<float, kRowCells + 2> stepTable{};
+    // j / m, each cell's share of the length, from the root to past the tip.
+    std::array<float, kRowCells> stepTable{};
 
-    const float* steps() const { return stepTable.data() + 1; }
+    const float* steps() const { return stepTable.data(); }
 
     // How many of the cells 0 to m - 1 start at or before share `s`: the first cell of the segment
-    // that follows the point at share s. Truncating s * m is off by at most one either way, so
-    // the cells around it are counted by the same comparison the steps make; a share that is no
-    // number counts none.
+    // that follows the point at share s. Cell j starts at or before s where j is at most s * m,
+    // so the count is the whole part of s * m and one, with no division to wait on; a share that
+    // is no number counts none.
     int cellsUpTo(float s) const {
-        const float mf = static_cast<float>(m);
-        float at = s * mf;
-        if (!(at > 0.0f)) at = 0.0f;
-        if (at > mf) at = mf;
-        const int g = static_cast<int>(at);
-        const float* step = steps();
-        const int count = g - 1 + static_cast<int>(step[g - 1] <= s) +
-                          static_cast<int>(step[g] <= s) + static_cast<int>(step[g + 1] <= s);
-        return std::clamp(count, 0, m);
+        const float at = s * static_cast<float>(m);
+        if (!(at >= 0.0f)) return 0;
+        return at < static_cast<float>(m - 1) ? static_cast<int>(at) + 1 : m;
     }
 
     void setUp(int cells, float strandScale) {
         m = cells;
-        // Cells -1 to m + 8: the counts look one past the tip, the writes up to seven.
-        for (int j = -1; j <= m + 8; ++j)
-            stepTable[static_cast<std::size_t>(j + 1)] =
-                static_cast<float>(j) / static_cast<float>(m);
+        // Cells 0 to m + 7: a segment's run of eight writes up to seven past the tip.
+        for (int j = 0; j < m + 8; ++j)
+            stepTable[static_cast<std::size_t>(j)] = static_cast<float>(j) / static_cast<float>(m);
         // Three boxes make a near Gaussian; a width of 2m or more averages the whole period.
         const float width =
             std::min(2.0f * strandScale * static_cast<float>(m), static_cast<float>(2 * m));
@@ -101,13 +94,12 @@ struct BoxWindow {
 };
 
 // A batch's cells, axis by axis, lane by lane: its strands at m + 1 equal arc steps, the segment
-// differences between them, the differences each box filter writes (the next reads them back from
-// the first rows) and the running sums.
+// differences between them and the differences each box filter writes (the next reads them back
+// from the first rows).
 struct alignas(32) LaneCells {
     LaneRow curve[3][kCurveRows];
     LaneRow differences[kSmoothCells][3];
     LaneRow filtered[kSmoothCells][3];
-    LaneRow sums[kReach + 1][3];  // from the window's low end
 };
 
 // A row of lanes as one vector (GCC's vector extension): the compiler makes it one AVX register
@@ -129,59 +121,57 @@ using LaneInts = std::int32_t __attribute__((vector_size(kLanes * sizeof(std::in
 // kSmoothCells cells, where a cell count means one point count.
 constexpr int kLanePoints = (kSmoothCells - 1) / 4 + 1;
 
-// One box filter over the periodic differences `in` of the three axes, in every lane. The
-// integral to either end of a window is a running sum from the lowest end, plus the share of the
-// cell it ends in of that cell's difference. A window's high end is the sum just made, so each
-// cell's output follows its sum in the same step. The axes run side by side, so that each step
-// has three sums to add rather than one waiting on the last. The mirrored differences filter to
-// mirrored values, so only the first m are made. Each window's integral is left undivided by the
-// width: the last pass divides once by the cube of it. The first passes write `out`; the last
-// (`curve` given) rebuilds the curve from the root by the sums of its outputs, there and then.
+// One box filter over the periodic differences `in` of the three axes, in every lane. A window
+// runs from the low end's share of the cell it starts in, over the whole cells after it, to the
+// high end's share of the cell it ends in. The whole cells' sum is held in a register as the window
+// slides, one difference coming in at the high end and one going out at the low end, so each cell
+// takes four additions: two to slide the sum and two for the shares of the end cells. The axes run
+// side by side, so that each step has three sums to add rather than one waiting on the last. The
+// mirrored differences filter to mirrored values, so only the first m are made. Each window's
+// integral is left undivided by the width: the last pass divides once by the cube of it. The first
+// passes write `out`; the last (`curve` given) rebuilds the curve from the root by the sums of its
+// outputs, there and then.
 inline __attribute__((always_inline)) void boxFilter(const BoxWindow& box,
                                                      const LaneRow (*__restrict in)[3],
                                                      LaneRow (*__restrict out)[3],
-                                                     LaneRow (*__restrict sums)[3],
                                                      LaneRow (*__restrict curve)[kCurveRows]) {
     const LaneVector lowShare = LaneVector{} + box.lowShare;
     const LaneVector highShare = LaneVector{} + box.highShare;
     const LaneVector cube = LaneVector{} + box.scale * box.scale * box.scale;
-    LaneVector sum[3] = {};
-    __builtin_memcpy(sums[0], sum, sizeof sum);
+    LaneVector window[3] = {};
     const int reach = box.reach;
+    const int* mirrored = box.mirrored.data();
     int i = 0;
     for (; i < reach; ++i) {
-        LaneVector add[3];
-        __builtin_memcpy(add, in[box.mirrored[static_cast<std::size_t>(i)]], sizeof add);
-        for (int axis = 0; axis < 3; ++axis)
-            sum[axis] += add[axis];
-        __builtin_memcpy(sums[i + 1], sum, sizeof sum);
+        for (int axis = 0; axis < 3; ++axis) {
+            LaneVector add;
+            loadRow(add, in[mirrored[i]][axis]);
+            window[axis] += add;
+        }
     }
     LaneVector rebuilt[3];
     if (curve) {
         for (int axis = 0; axis < 3; ++axis)
-            __builtin_memcpy(&rebuilt[axis], curve[axis][0], sizeof rebuilt[axis]);
+            loadRow(rebuilt[axis], curve[axis][0]);
     }
     for (; i < box.count; ++i) {
         const int j = i - reach;
-        LaneVector add[3], low[3], from[3], filteredRow[3];
-        __builtin_memcpy(add, in[box.mirrored[static_cast<std::size_t>(i)]], sizeof add);
-        __builtin_memcpy(low, in[box.mirrored[static_cast<std::size_t>(j)]], sizeof low);
-        __builtin_memcpy(from, sums[j], sizeof from);
+        const LaneRow* addRow = in[mirrored[i]];
+        const LaneRow* lowRow = in[mirrored[j]];
         for (int axis = 0; axis < 3; ++axis) {
-            const LaneVector to = sum[axis];
-            sum[axis] += add[axis];
+            LaneVector add, low;
+            loadRow(add, addRow[axis]);
+            loadRow(low, lowRow[axis]);
             // The whole cells between the window's ends, the high end's share of the cell it
             // ends in, less the low end's of the cell it starts in.
-            filteredRow[axis] = (to - from[axis]) + add[axis] * highShare - low[axis] * lowShare;
-        }
-        __builtin_memcpy(sums[i + 1], sum, sizeof sum);
-        if (curve) {
-            for (int axis = 0; axis < 3; ++axis) {
-                rebuilt[axis] += filteredRow[axis] * cube;
-                *reinterpret_cast<LaneStore*>(curve[axis][j + 1]) = rebuilt[axis];
+            const LaneVector filteredRow = (window[axis] + add * highShare) - low * lowShare;
+            window[axis] = (window[axis] + add) - low;
+            if (curve) {
+                rebuilt[axis] += filteredRow * cube;
+                storeRow(curve[axis][j + 1], rebuilt[axis]);
+            } else {
+                storeRow(out[j][axis], filteredRow);
             }
-        } else {
-            __builtin_memcpy(out[j], filteredRow, sizeof filteredRow);
         }
     }
 }
@@ -199,9 +189,9 @@ inline __attribute__((always_inline)) void filterLanes(const BoxWindow& box, Lan
                 differences[j][axis][l] = cells.curve[axis][j + 1][l] - cells.curve[axis][j][l];
     // Mirrored to a period of 2m, the differences run back the way they came, which keeps the
     // directions at the root and the tip.
-    boxFilter(box, differences, filtered, cells.sums, nullptr);
-    boxFilter(box, filtered, differences, cells.sums, nullptr);
-    boxFilter(box, differences, nullptr, cells.sums, cells.curve);
+    boxFilter(box, differences, filtered, nullptr);
+    boxFilter(box, filtered, differences, nullptr);
+    boxFilter(box, differences, nullptr, cells.curve);
 }
 
 // The square root of one float as std::sqrt makes it, without the check for errno's sake that
@@ -223,6 +213,45 @@ inline HalfLanes squareRoots(HalfLanes v) {
     for (int lane = 0; lane < kLanes / 2; ++lane)
         v[lane] = std::sqrt(v[lane]);
     return v;
+#endif
+}
+
+// The largest and the smallest lane of a row of whole numbers, by halving the row: a few
+// instructions rather than a loop over the lanes.
+inline __attribute__((always_inline)) float laneMax(const LaneVector& v) {
+    using Half = float __attribute__((vector_size(kLanes / 2 * sizeof(float))));
+    Half a = __builtin_shufflevector(v, v, 0, 1, 2, 3);
+    Half b = __builtin_shufflevector(v, v, 4, 5, 6, 7);
+    a = a > b ? a : b;
+    b = __builtin_shufflevector(a, a, 2, 3, 0, 1);
+    a = a > b ? a : b;
+    b = __builtin_shufflevector(a, a, 1, 0, 3, 2);
+    a = a > b ? a : b;
+    return a[0];
+}
+inline __attribute__((always_inline)) float laneMin(const LaneVector& v) {
+    using Half = float __attribute__((vector_size(kLanes / 2 * sizeof(float))));
+    Half a = __builtin_shufflevector(v, v, 0, 1, 2, 3);
+    Half b = __builtin_shufflevector(v, v, 4, 5, 6, 7);
+    a = a < b ? a : b;
+    b = __builtin_shufflevector(a, a, 2, 3, 0, 1);
+    a = a < b ? a : b;
+    b = __builtin_shufflevector(a, a, 1, 0, 3, 2);
+    a = a < b ? a : b;
+    return a[0];
+}
+
+// Whether a comparison holds in every lane of a row.
+template <typename Mask>
+inline __attribute__((always_inline)) bool allLanes(const Mask& mask) {
+#if VELMORIN_SSE_LANES
+    const LaneVector bits = reinterpret_cast<const LaneVector&>(mask);
+    return (_mm_movemask_ps(__builtin_shufflevector(bits, bits, 0, 1, 2, 3)) &
+            _mm_movemask_ps(__builtin_shufflevector(bits, bits, 4, 5, 6, 7))) == 0xF;
+#else
+    for (int lane = 0; lane < kLanes; ++lane)
+        if (!mask[lane]) return false;
+    return true;
 #endif
 }
 
@@ -595,15 +624,12 @@ class SmoothBatch {
                 storeRow(laneSlopes_[axis][k], slope);
                 storeRow(laneBases_[axis][k], base);
             }
-            // cellsUpTo in lanes, with the cells' shares j / m made by the same division.
+            // cellsUpTo in lanes: shares are never below zero here, and a strand whose shares
+            // are no numbers has left the batch.
             const LaneVector reach = at * cellCount;
-            const LaneVector g = __builtin_convertvector(
-                __builtin_convertvector(reach < cellCount ? reach : cellCount, LaneInts),
-                LaneVector);
-            const LaneVector below = g - one, above = g + one;
-            const LaneVector count = below + ((below / cellCount <= at) ? one : zero) +
-                                     ((g / cellCount <= at) ? one : zero) +
-                                     ((above / cellCount <= at) ? one : zero);
+            const LaneVector whole =
+                __builtin_convertvector(__builtin_convertvector(reach, LaneInts), LaneVector);
+            const LaneVector count = whole + one;
             const LaneVector next = count < cellCount ? count : cellCount;
             storeRow(laneNext_[k], next);
         }
@@ -617,9 +643,7 @@ class SmoothBatch {
         for (std::size_t k = 1; k < n; ++k) {
             LaneVector next = cellCount;
             if (k + 1 < n) loadRow(next, laneNext_[k]);
-            int high = 0;
-            for (int lane = 0; lane < kLanes; ++lane)
-                high = std::max(high, static_cast<int>(next[lane]));
+            const int high = static_cast<int>(laneMax(next));
             LaneVector base[3], slope[3];
             for (int axis = 0; axis < 3; ++axis) {
                 loadRow(base[axis], laneBases_[axis][k]);
@@ -636,10 +660,7 @@ class SmoothBatch {
                 }
             }
             // The next segment's cells start where the lowest lane's of them do.
-            int lowest = m;
-            for (int lane = 0; lane < kLanes; ++lane)
-                lowest = std::min(lowest, static_cast<int>(next[lane]));
-            low = lowest;
+            low = static_cast<int>(laneMin(next));
             first = next;
         }
         for (int axis = 0; axis < 3; ++axis)
@@ -838,16 +859,19 @@ class SmoothBatch {
             LaneVector step[3];
             for (int axis = 0; axis < 3; ++axis)
                 step[axis] = turned[axis] * inverse * kept;
-            for (int lane = 0; lane < count_; ++lane) {
-                // Where the mixed shape folds a segment to nothing, it keeps its direction.
-                if (sized[lane]) continue;
-                const Vec3f input{lanePoints_[0][k][lane] - lanePoints_[0][k - 1][lane],
-                                  lanePoints_[1][k][lane] - lanePoints_[1][k - 1][lane],
-                                  lanePoints_[2][k][lane] - lanePoints_[2][k - 1][lane]};
-                const Vec3f along = normalized(input) * laneLengths_[k][lane];
-                step[0][lane] = along.x;
-                step[1][lane] = along.y;
-                step[2][lane] = along.z;
+            // Where the mixed shape folds a segment to nothing, it keeps its direction: rare, so
+            // the lanes are looked at one by one only when the row has such a segment.
+            if (!allLanes(sized)) {
+                for (int lane = 0; lane < count_; ++lane) {
+                    if (sized[lane]) continue;
+                    const Vec3f input{lanePoints_[0][k][lane] - lanePoints_[0][k - 1][lane],
+                                      lanePoints_[1][k][lane] - lanePoints_[1][k - 1][lane],
+                                      lanePoints_[2][k][lane] - lanePoints_[2][k - 1][lane]};
+                    const Vec3f along = normalized(input) * laneLengths_[k][lane];
+                    step[0][lane] = along.x;
+                    step[1][lane] = along.y;
+                    step[2][lane] = along.z;
+                }
             }
             for (int axis = 0; axis < 3; ++axis) {
                 at[axis] += step[axis];
