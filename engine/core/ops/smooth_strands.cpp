@@ -44,8 +44,9 @@ using LaneRow = float[kLanes];
 // differences run forward, the next m back the way they came).
 struct BoxWindow {
     int m = 0;
-    int reach = 0;  // whole cells from the low end's cell to the high end's
-    int count = 0;  // differences summed
+    int lowCell = 0;  // the cell the window of cell 0 starts in, at or below it
+    int reach = 0;    // whole cells from the low end's cell to the high end's
+    int count = 0;    // differences summed
     float lowShare = 0.0f, highShare = 0.0f;
     float scale = 0.0f;  // 1 / width
     bool filters = false;
@@ -76,7 +77,7 @@ struct BoxWindow {
         filters = width > 1e-3f;
         if (!filters) return;
         const float low = 0.5f - 0.5f * width, high = 0.5f + 0.5f * width;
-        const int lowCell = static_cast<int>(std::floor(low));
+        lowCell = static_cast<int>(std::floor(low));
         const int highCell = static_cast<int>(std::floor(high));
         lowShare = low - static_cast<float>(lowCell);
         highShare = high - static_cast<float>(highCell);
@@ -93,13 +94,19 @@ struct BoxWindow {
     }
 };
 
-// A batch's cells, axis by axis, lane by lane: its strands at m + 1 equal arc steps, the segment
-// differences between them and the differences each box filter writes (the next reads them back
-// from the first rows).
+// A batch's cells, axis by axis, lane by lane: its strands at m + 1 equal arc steps, with room
+// before the root and past the tip for the mirrored cells the first box filter reaches, the
+// differences each box filter writes (the next reads them back from the first rows) and the
+// smoothed curve.
 struct alignas(32) LaneCells {
-    LaneRow curve[3][kCurveRows];
+    static constexpr int kMirrorRows = kSmoothCells;
+    LaneRow samples[3][kMirrorRows + kCurveRows + kMirrorRows];
     LaneRow differences[kSmoothCells][3];
     LaneRow filtered[kSmoothCells][3];
+    LaneRow curve[3][kCurveRows];
+
+    // The rows of one axis's cells from the root: cells -m to 2m can be reached.
+    LaneRow* sampled(int axis) { return samples[axis] + kMirrorRows; }
 };
 
 // A row of lanes as one vector (GCC's vector extension): the compiler makes it one AVX register
@@ -165,7 +172,7 @@ inline __attribute__((always_inline)) void boxFilter(const BoxWindow& box,
             // The whole cells between the window's ends, the high end's share of the cell it
             // ends in, less the low end's of the cell it starts in.
             const LaneVector filteredRow = (window[axis] + add * highShare) - low * lowShare;
-            window[axis] = (window[axis] + add) - low;
+            window[axis] += add - low;
             if (curve) {
                 rebuilt[axis] += filteredRow * cube;
                 storeRow(curve[axis][j + 1], rebuilt[axis]);
@@ -176,22 +183,75 @@ inline __attribute__((always_inline)) void boxFilter(const BoxWindow& box,
     }
 }
 
-// A batch's cells smoothed: the differences between the cells, three box filters over them and
-// the curve rebuilt from the root by their sums.
+// The first box filter, straight from the cells: the integral of the differences over a window
+// is the curve at its high end less the curve at its low end, each read between the cells around
+// it. The window of cell j runs from j + low to j + 1 - low (the width about the cell's middle),
+// so with s the low end's share of the cell b = j + lowCell it starts in, and a = j - lowCell the
+// cell it ends in, the integral is s (c[a] - c[b + 1]) + (1 - s) (c[a + 1] - c[b]): three
+// additions a cell, and no running sum. The cells past the root and the tip are the mirror's
+// (the differences run back the way they came, so the curve turns about its end point), made
+// first.
+inline __attribute__((always_inline)) void boxFromCells(const BoxWindow& box,
+                                                        LaneRow* const (&sampled)[3],
+                                                        LaneRow (*__restrict out)[3]) {
+    const int m = box.m, lowCell = box.lowCell;
+    for (int axis = 0; axis < 3; ++axis) {
+        LaneRow* __restrict c = sampled[axis];
+        LaneVector root, tip;
+        loadRow(root, c[0]);
+        loadRow(tip, c[m]);
+        const LaneVector aboutRoot = root + root, aboutTip = tip + tip;
+        for (int q = lowCell; q < 0; ++q) {
+            LaneVector mirror;
+            loadRow(mirror, c[-q]);
+            storeRow(c[q], aboutRoot - mirror);
+        }
+        for (int q = m + 1; q <= m - lowCell; ++q) {
+            LaneVector mirror;
+            loadRow(mirror, c[2 * m - q]);
+            storeRow(c[q], aboutTip - mirror);
+        }
+    }
+    const LaneVector share = LaneVector{} + box.lowShare;
+    const LaneVector rest = LaneVector{} + (1.0f - box.lowShare);
+    LaneVector lowAt[3], highAt[3];  // c[b] and c[a], carried from the step before
+    for (int axis = 0; axis < 3; ++axis) {
+        loadRow(lowAt[axis], sampled[axis][lowCell]);
+        loadRow(highAt[axis], sampled[axis][-lowCell]);
+    }
+    for (int j = 0; j < m; ++j) {
+        const int b = j + lowCell, a = j - lowCell;
+        for (int axis = 0; axis < 3; ++axis) {
+            LaneVector lowNext, highNext;
+            loadRow(lowNext, sampled[axis][b + 1]);
+            loadRow(highNext, sampled[axis][a + 1]);
+            storeRow(out[j][axis],
+                     share * (highAt[axis] - lowNext) + rest * (highNext - lowAt[axis]));
+            lowAt[axis] = lowNext;
+            highAt[axis] = highNext;
+        }
+    }
+}
+
+// A batch's cells smoothed: three box filters over the differences between the cells, the first
+// straight from the cells, and the curve rebuilt from the root by the sums of the last's.
 inline __attribute__((always_inline)) void filterLanes(const BoxWindow& box, LaneCells& cells) {
-    if (!box.filters) return;  // a box of no width leaves the cells as they are
     const int m = box.m;
-    LaneRow(*__restrict differences)[3] = cells.differences;
-    LaneRow(*__restrict filtered)[3] = cells.filtered;
-    for (int j = 0; j < m; ++j)
+    LaneRow* const sampled[3] = {cells.sampled(0), cells.sampled(1), cells.sampled(2)};
+    if (!box.filters) {
+        // A box of no width leaves the cells as they are.
         for (int axis = 0; axis < 3; ++axis)
-            for (int l = 0; l < kLanes; ++l)
-                differences[j][axis][l] = cells.curve[axis][j + 1][l] - cells.curve[axis][j][l];
+            __builtin_memcpy(cells.curve[axis], sampled[axis],
+                             static_cast<std::size_t>(m + 1) * sizeof(LaneRow));
+        return;
+    }
     // Mirrored to a period of 2m, the differences run back the way they came, which keeps the
     // directions at the root and the tip.
-    boxFilter(box, differences, filtered, nullptr);
-    boxFilter(box, filtered, differences, nullptr);
-    boxFilter(box, differences, nullptr, cells.curve);
+    boxFromCells(box, sampled, cells.filtered);
+    boxFilter(box, cells.filtered, cells.differences, nullptr);
+    for (int axis = 0; axis < 3; ++axis)
+        __builtin_memcpy(cells.curve[axis][0], sampled[axis][0], sizeof(LaneRow));
+    boxFilter(box, cells.differences, nullptr, cells.curve);
 }
 
 // The square root of one float as std::sqrt makes it, without the check for errno's sake that
@@ -269,7 +329,7 @@ using StrandRows = float[3][kRowCells];
 // The stores are as wide as the filter's loads, so that each load finds one store to take its
 // value from.
 inline __attribute__((always_inline)) void rowsToLanes(const StrandRows* rows,
-                                                       LaneRow (*curve)[kCurveRows], int cells) {
+                                                       LaneRow* const (&curve)[3], int cells) {
     for (int axis = 0; axis < 3; ++axis) {
 #if VELMORIN_SSE_LANES
         for (int j = 0; j < cells; j += 4) {
@@ -298,7 +358,7 @@ inline __attribute__((always_inline)) void rowsToLanes(const StrandRows* rows,
 // SSE2's do and there is no fused multiply-add, so both give the same bits. The transposes are
 // eight by eight here, so that the filter's loads of eight lanes each find one store.
 __attribute__((target("avx"))) void rowsToLanesWide(const StrandRows* rows,
-                                                    LaneRow (*curve)[kCurveRows], int cells) {
+                                                    LaneRow* const (&curve)[3], int cells) {
     for (int axis = 0; axis < 3; ++axis) {
         for (int j = 0; j < cells; j += 8) {
             __m256 r[8];
@@ -411,13 +471,14 @@ class SmoothBatch {
         for (int lane = count_; lane < kLanes; ++lane)
             for (int axis = 0; axis < 3; ++axis)
                 std::fill_n(rows_[lane][axis], kCurveRows, 0.0f);
+        LaneRow* const sampled[3] = {cells_.sampled(0), cells_.sampled(1), cells_.sampled(2)};
 #if VELMORIN_SMOOTH_AVX
         if constexpr (kWide)
-            rowsToLanesWide(rows_, cells_.curve, box_.m + 1);
+            rowsToLanesWide(rows_, sampled, box_.m + 1);
         else
-            rowsToLanes(rows_, cells_.curve, box_.m + 1);
+            rowsToLanes(rows_, sampled, box_.m + 1);
 #else
-        rowsToLanes(rows_, cells_.curve, box_.m + 1);
+        rowsToLanes(rows_, sampled, box_.m + 1);
 #endif
         filterLanes(box_, cells_);
         // Every lane read back and mixed, then every lane pushed back and written: the steps of
@@ -638,6 +699,7 @@ class SmoothBatch {
         // segment that holds it; only the cells some lane's segment k holds are visited. Each
         // cell is base + slope * its share, as writeCells makes it.
         const float* steps = box_.steps();
+        LaneRow* const sampled[3] = {cells_.sampled(0), cells_.sampled(1), cells_.sampled(2)};
         LaneVector first = zero;
         int low = 0;
         for (std::size_t k = 1; k < n; ++k) {
@@ -654,9 +716,9 @@ class SmoothBatch {
                 const LaneVector step = zero + steps[j];
                 for (int axis = 0; axis < 3; ++axis) {
                     LaneVector cell;
-                    loadRow(cell, cells_.curve[axis][j]);
+                    loadRow(cell, sampled[axis][j]);
                     cell = holds ? base[axis] + slope[axis] * step : cell;
-                    storeRow(cells_.curve[axis][j], cell);
+                    storeRow(sampled[axis][j], cell);
                 }
             }
             // The next segment's cells start where the lowest lane's of them do.
@@ -664,8 +726,7 @@ class SmoothBatch {
             first = next;
         }
         for (int axis = 0; axis < 3; ++axis)
-            __builtin_memcpy(cells_.curve[axis][m], lanePoints_[axis][n - 1],
-                             sizeof cells_.curve[axis][m]);
+            __builtin_memcpy(sampled[axis][m], lanePoints_[axis][n - 1], sizeof(LaneRow));
     }
 
     // Reads lane `lane`'s smoothed curve back at its strand's own arcs and mixes it with the
@@ -791,7 +852,9 @@ class SmoothBatch {
     // points: each point read back, mixed and pushed back one row of lanes at a time, so that the
     // square roots and divisions of eight strands take one instruction and the sums along each
     // strand wait on nothing but their own lane. Each lane takes the steps mixLane and pushLane
-    // take, in the same order, so the bits are theirs.
+    // take, in the same order, so the bits are theirs. The read back and mix of every point come
+    // first, then the push back of every point: the push back has no branch the processor can
+    // miss, and its square roots and divisions, which take long, overlap from point to point.
     __attribute__((always_inline)) void mixAndPushLanes() {
         const int m = box_.m;
         const std::size_t n = static_cast<std::size_t>(m / 4 + 1);
@@ -801,12 +864,9 @@ class SmoothBatch {
         LaneVector strength = zero;
         for (int lane = 0; lane < count_; ++lane)
             strength[lane] = lanes_[static_cast<std::size_t>(lane)].strength;
-        LaneVector before[3], at[3];
-        for (int axis = 0; axis < 3; ++axis) {
+        LaneVector before[3];
+        for (int axis = 0; axis < 3; ++axis)
             loadRow(before[axis], lanePoints_[axis][0]);
-            at[axis] = before[axis];
-            storeRow(laneOut_[axis][0], at[axis]);
-        }
         for (std::size_t k = 1; k < n; ++k) {
             LaneVector share;
             loadRow(share, laneShares_[k]);
@@ -814,38 +874,51 @@ class SmoothBatch {
             LaneVector cellAt =
                 __builtin_convertvector(__builtin_convertvector(arc, LaneInts), LaneVector);
             cellAt = cellAt < lastCell ? cellAt : lastCell;
-            const LaneInts cell = __builtin_convertvector(cellAt, LaneInts);
             const LaneVector f = arc - cellAt;
             LaneVector weight = strength;
             if (!flatProfile_) {
                 for (int lane = 0; lane < kLanes; ++lane)
                     weight[lane] *= settings_.profile.at(share[lane]);
             }
-            LaneVector turned[3];
+            // The smoothed curve between the cells around each lane's share: each lane reads a
+            // cell of its own.
+            LaneVector low[3], high[3];
+            {
+                const LaneInts cell = __builtin_convertvector(cellAt, LaneInts);
+                for (int axis = 0; axis < 3; ++axis) {
+                    const LaneRow* row = cells_.curve[axis];
+                    // Built four lanes at a time and joined, so that no wide load waits on
+                    // narrow stores.
+                    const HalfLanes low0 = {row[cell[0]][0], row[cell[1]][1], row[cell[2]][2],
+                                            row[cell[3]][3]};
+                    const HalfLanes low1 = {row[cell[4]][4], row[cell[5]][5], row[cell[6]][6],
+                                            row[cell[7]][7]};
+                    const HalfLanes high0 = {row[cell[0] + 1][0], row[cell[1] + 1][1],
+                                             row[cell[2] + 1][2], row[cell[3] + 1][3]};
+                    const HalfLanes high1 = {row[cell[4] + 1][4], row[cell[5] + 1][5],
+                                             row[cell[6] + 1][6], row[cell[7] + 1][7]};
+                    low[axis] = __builtin_shufflevector(low0, low1, 0, 1, 2, 3, 4, 5, 6, 7);
+                    high[axis] = __builtin_shufflevector(high0, high1, 0, 1, 2, 3, 4, 5, 6, 7);
+                }
+            }
             for (int axis = 0; axis < 3; ++axis) {
-                // The smoothed curve between the cells around each lane's share: each lane
-                // reads a cell of its own.
-                const LaneRow* row = cells_.curve[axis];
-                // Built four lanes at a time and joined, so that no wide load waits on narrow
-                // stores.
-                const HalfLanes low0 = {row[cell[0]][0], row[cell[1]][1], row[cell[2]][2],
-                                        row[cell[3]][3]};
-                const HalfLanes low1 = {row[cell[4]][4], row[cell[5]][5], row[cell[6]][6],
-                                        row[cell[7]][7]};
-                const HalfLanes high0 = {row[cell[0] + 1][0], row[cell[1] + 1][1],
-                                         row[cell[2] + 1][2], row[cell[3] + 1][3]};
-                const HalfLanes high1 = {row[cell[4] + 1][4], row[cell[5] + 1][5],
-                                         row[cell[6] + 1][6], row[cell[7] + 1][7]};
-                const LaneVector low = __builtin_shufflevector(low0, low1, 0, 1, 2, 3, 4, 5, 6, 7);
-                const LaneVector high =
-                    __builtin_shufflevector(high0, high1, 0, 1, 2, 3, 4, 5, 6, 7);
                 LaneVector point;
                 loadRow(point, lanePoints_[axis][k]);
-                const LaneVector smooth = low + (high - low) * f;
+                const LaneVector smooth = low[axis] + (high[axis] - low[axis]) * f;
                 const LaneVector mixed = point + (smooth - point) * weight;
-                turned[axis] = mixed - before[axis];
+                storeRow(laneTurned_[axis][k], mixed - before[axis]);
                 before[axis] = mixed;
             }
+        }
+        LaneVector at[3];
+        for (int axis = 0; axis < 3; ++axis) {
+            loadRow(at[axis], lanePoints_[axis][0]);
+            storeRow(laneOut_[axis][0], at[axis]);
+        }
+        for (std::size_t k = 1; k < n; ++k) {
+            LaneVector turned[3];
+            for (int axis = 0; axis < 3; ++axis)
+                loadRow(turned[axis], laneTurned_[axis][k]);
             const LaneVector squared =
                 turned[0] * turned[0] + turned[1] * turned[1] + turned[2] * turned[2];
             const LaneVector size = __builtin_shufflevector(
@@ -861,7 +934,7 @@ class SmoothBatch {
                 step[axis] = turned[axis] * inverse * kept;
             // Where the mixed shape folds a segment to nothing, it keeps its direction: rare, so
             // the lanes are looked at one by one only when the row has such a segment.
-            if (!allLanes(sized)) {
+            if (!allLanes(sized)) [[unlikely]] {
                 for (int lane = 0; lane < count_; ++lane) {
                     if (sized[lane]) continue;
                     const Vec3f input{lanePoints_[0][k][lane] - lanePoints_[0][k - 1][lane],
@@ -939,6 +1012,7 @@ class SmoothBatch {
     alignas(32) LaneRow laneSlopes_[3][kLanePoints];
     alignas(32) LaneRow laneNext_[kLanePoints];
     alignas(32) LaneRow laneLengths_[kLanePoints];
+    alignas(32) LaneRow laneTurned_[3][kLanePoints];  // each mixed segment, for the push back
     alignas(32) LaneRow laneOut_[3][kLanePoints];
 };
 
