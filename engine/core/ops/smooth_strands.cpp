@@ -1024,10 +1024,14 @@ inline __attribute__((always_inline)) void smoothChunk(const StrandSet& input,
                                                        std::span<Vec3f> points, std::size_t begin,
                                                        std::size_t end) {
     SmoothBatch<kWide> batch(settings);
+    // Each strand's points found from the offsets here, rather than by a call per strand.
+    const std::uint64_t* offsets = input.offsets().data();
+    const Vec3f* from = input.points().data();
     for (std::size_t item = begin; item < end; ++item) {
         const std::size_t s = pick.strand(item);
-        const std::span<const Vec3f> strand = input.strandPoints(s);
-        Vec3f* out = points.data() + input.pointRange(s).begin;
+        const std::size_t first = offsets[s];
+        const std::span<const Vec3f> strand(from + first, offsets[s + 1] - first);
+        Vec3f* out = points.data() + first;
         const float strength = strand.size() < 2 ? 0.0f : settings.strength.atStrand(s);
         if (strength == 0.0f) {
             std::copy(strand.begin(), strand.end(), out);
