@@ -697,11 +697,13 @@ class SmoothBatch {
         // Straight into the filter's rows of lanes: segment k writes, in each lane, the cells from
         // its first on, over those of the segments before it, so that each cell ends with the
         // segment that holds it; only the cells some lane's segment k holds are visited. Each
-        // cell is base + slope * its share, as writeCells makes it.
+        // cell is base + slope * its share, as writeCells makes it. Past the last lane's first
+        // cell every lane's segment holds the cell, so those cells are written with no look at
+        // what was there.
         const float* steps = box_.steps();
         LaneRow* const sampled[3] = {cells_.sampled(0), cells_.sampled(1), cells_.sampled(2)};
         LaneVector first = zero;
-        int low = 0;
+        int low = 0, allHold = 0;
         for (std::size_t k = 1; k < n; ++k) {
             LaneVector next = cellCount;
             if (k + 1 < n) loadRow(next, laneNext_[k]);
@@ -711,7 +713,8 @@ class SmoothBatch {
                 loadRow(base[axis], laneBases_[axis][k]);
                 loadRow(slope[axis], laneSlopes_[axis][k]);
             }
-            for (int j = low; j < high; ++j) {
+            int j = low;
+            for (; j < allHold; ++j) {
                 const auto holds = (zero + static_cast<float>(j)) >= first;
                 const LaneVector step = zero + steps[j];
                 for (int axis = 0; axis < 3; ++axis) {
@@ -721,8 +724,15 @@ class SmoothBatch {
                     storeRow(sampled[axis][j], cell);
                 }
             }
-            // The next segment's cells start where the lowest lane's of them do.
+            for (; j < high; ++j) {
+                const LaneVector step = zero + steps[j];
+                for (int axis = 0; axis < 3; ++axis)
+                    storeRow(sampled[axis][j], base[axis] + slope[axis] * step);
+            }
+            // The next segment's cells start where the lowest lane's of them do, and hold in
+            // every lane from the highest lane's on.
             low = static_cast<int>(laneMin(next));
+            allHold = high;
             first = next;
         }
         for (int axis = 0; axis < 3; ++axis)
