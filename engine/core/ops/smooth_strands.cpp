@@ -628,18 +628,22 @@ class SmoothBatch {
         LaneVector toShare = one / total;
         const auto shares =
             (toShare > zero) & (toShare <= zero + std::numeric_limits<float>::max());
-        for (int lane = count_ - 1; lane >= 0; --lane) {
-            if (shares[lane]) continue;
-            const LaneStrand& entry = lanes_[static_cast<std::size_t>(lane)];
-            std::copy(entry.points.begin(), entry.points.end(), entry.out);
-            const int last = --count_;
-            if (lane == last) continue;
-            lanes_[static_cast<std::size_t>(lane)] = lanes_[static_cast<std::size_t>(last)];
-            toShare[lane] = toShare[last];
-            for (std::size_t k = 0; k < n; ++k) {
-                laneLengths_[k][lane] = laneLengths_[k][last];
-                for (int axis = 0; axis < 3; ++axis)
-                    lanePoints_[axis][k][lane] = lanePoints_[axis][k][last];
+        // A strand that cannot be shared out is rare: the lanes are looked at one by one only
+        // when the row has one. Lanes past the batch's strands repeat the first one's points.
+        if (!allLanes(shares)) {
+            for (int lane = count_ - 1; lane >= 0; --lane) {
+                if (shares[lane]) continue;
+                const LaneStrand& entry = lanes_[static_cast<std::size_t>(lane)];
+                std::copy(entry.points.begin(), entry.points.end(), entry.out);
+                const int last = --count_;
+                if (lane == last) continue;
+                lanes_[static_cast<std::size_t>(lane)] = lanes_[static_cast<std::size_t>(last)];
+                toShare[lane] = toShare[last];
+                for (std::size_t k = 0; k < n; ++k) {
+                    laneLengths_[k][lane] = laneLengths_[k][last];
+                    for (int axis = 0; axis < 3; ++axis)
+                        lanePoints_[axis][k][lane] = lanePoints_[axis][k][last];
+                }
             }
         }
         if (count_ == 0) return;
