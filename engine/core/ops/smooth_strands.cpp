@@ -386,6 +386,29 @@ __attribute__((target("avx"))) void rowsToLanesWide(const StrandRows* rows,
 #define VELMORIN_SMOOTH_AVX 1
 #endif
 
+// The square roots of a row of lanes, each as squareRoot makes it: one instruction where the
+// batch runs in AVX lanes, two halves joined elsewhere; a square root rounds alike at either
+// width. GCC checks the width of a builtin where it is finally expanded, which is in the AVX chunk
+// the batch is inlined into; clang checks where it is written, so clang keeps the halves. The
+// vectors pass by reference, so that no call's ABI hangs on whether AVX is on.
+template <bool kWide>
+inline __attribute__((always_inline)) void laneSquareRoots(LaneVector& root, const LaneVector& v) {
+#if VELMORIN_SMOOTH_AVX && !defined(__clang__)
+    if constexpr (kWide) {
+        // GCC warns of the register's width where it reads the builtin, before it is inlined
+        // where AVX is on.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wpsabi"
+        root = __builtin_ia32_sqrtps256(v);
+#pragma GCC diagnostic pop
+        return;
+    }
+#endif
+    root = __builtin_shufflevector(squareRoots(__builtin_shufflevector(v, v, 0, 1, 2, 3)),
+                                   squareRoots(__builtin_shufflevector(v, v, 4, 5, 6, 7)), 0, 1, 2,
+                                   3, 4, 5, 6, 7);
+}
+
 // The strands of one batch: where each lane's strand lies and what it keeps for the read back.
 struct LaneStrand {
     std::span<const Vec3f> points;
@@ -618,10 +641,8 @@ class SmoothBatch {
                 d[axis] = p1 - p0;
             }
             const LaneVector squared = d[0] * d[0] + d[1] * d[1] + d[2] * d[2];
-            const LaneVector size = __builtin_shufflevector(
-                squareRoots(__builtin_shufflevector(squared, squared, 0, 1, 2, 3)),
-                squareRoots(__builtin_shufflevector(squared, squared, 4, 5, 6, 7)), 0, 1, 2, 3, 4,
-                5, 6, 7);
+            LaneVector size;
+            laneSquareRoots<kWide>(size, squared);
             storeRow(laneLengths_[k], size);
             total += size;
         }
@@ -935,10 +956,8 @@ class SmoothBatch {
                 loadRow(turned[axis], laneTurned_[axis][k]);
             const LaneVector squared =
                 turned[0] * turned[0] + turned[1] * turned[1] + turned[2] * turned[2];
-            const LaneVector size = __builtin_shufflevector(
-                squareRoots(__builtin_shufflevector(squared, squared, 0, 1, 2, 3)),
-                squareRoots(__builtin_shufflevector(squared, squared, 4, 5, 6, 7)), 0, 1, 2, 3, 4,
-                5, 6, 7);
+            LaneVector size;
+            laneSquareRoots<kWide>(size, squared);
             const auto sized = size > tiny;
             const LaneVector inverse = one / (sized ? size : one);
             LaneVector kept;
