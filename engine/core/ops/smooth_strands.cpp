@@ -1049,6 +1049,9 @@ class SmoothBatch {
     alignas(32) LaneRow laneOut_[3][kLanePoints];
 };
 
+// How far ahead of the strand taken in its points are asked for.
+constexpr std::size_t kPrefetchStrands = 2 * kLanes;
+
 // The strands from `begin` to `end` of the selection, in batches.
 template <bool kWide>
 inline __attribute__((always_inline)) void smoothChunk(const StrandSet& input,
@@ -1063,6 +1066,13 @@ inline __attribute__((always_inline)) void smoothChunk(const StrandSet& input,
     for (std::size_t item = begin; item < end; ++item) {
         const std::size_t s = pick.strand(item);
         const std::size_t first = offsets[s];
+        // The points two batches on asked for now, to read and to write, so that they are in the
+        // cache when taken in and written out.
+        if (item + kPrefetchStrands < end) {
+            const std::size_t ahead = offsets[pick.strand(item + kPrefetchStrands)];
+            __builtin_prefetch(from + ahead);
+            __builtin_prefetch(points.data() + ahead, 1);
+        }
         const std::span<const Vec3f> strand(from + first, offsets[s + 1] - first);
         Vec3f* out = points.data() + first;
         const float strength = strand.size() < 2 ? 0.0f : settings.strength.atStrand(s);
