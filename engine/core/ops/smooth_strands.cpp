@@ -1067,11 +1067,17 @@ inline __attribute__((always_inline)) void smoothChunk(const StrandSet& input,
         const std::size_t s = pick.strand(item);
         const std::size_t first = offsets[s];
         // The points two batches on asked for now, to read and to write, so that they are in the
-        // cache when taken in and written out.
+        // cache when taken in and written out: the first and the last point, which between them
+        // touch every cache line of a strand of ordinary length.
         if (item + kPrefetchStrands < end) {
-            const std::size_t ahead = offsets[pick.strand(item + kPrefetchStrands)];
+            const std::size_t strandAhead = pick.strand(item + kPrefetchStrands);
+            const std::size_t ahead = offsets[strandAhead];
+            const std::size_t past = offsets[strandAhead + 1];
+            const std::size_t last = past > ahead ? past - 1 : ahead;  // a strand may have none
             __builtin_prefetch(from + ahead);
+            __builtin_prefetch(from + last);
             __builtin_prefetch(points.data() + ahead, 1);
+            __builtin_prefetch(points.data() + last, 1);
         }
         const std::span<const Vec3f> strand(from + first, offsets[s + 1] - first);
         Vec3f* out = points.data() + first;
