@@ -39,51 +39,45 @@ constexpr int kCurveRows = (kSmoothCells + 1 + 7) / 8 * 8;
 using LaneRow = float[kLanes];
 
 // One box filter's window over the mirrored differences, the same for every strand of m cells:
-// cell j's window runs from j + low to j + high; `mirrored` lists the differences the running sums
-// add, from the window's low end, unrolled from the mirrored period (the first m differences run
-// forward, the next m back the way they came).
+// cell j's window runs from j + low to j + high; `mirrored` lists the differences the sliding
+// window takes in, from the window's low end, unrolled from the mirrored period (the first m
+// differences run forward, the next m back the way they came).
 struct BoxWindow {
     int m = 0;
-    int reach = 0;  // whole cells from the low end's cell to the high end's
-    int count = 0;  // differences summed
+    int lowCell = 0;  // the cell the window of cell 0 starts in, at or below it
+    int reach = 0;    // whole cells from the low end's cell to the high end's
+    int count = 0;    // differences summed
     float lowShare = 0.0f, highShare = 0.0f;
     float scale = 0.0f;  // 1 / width
     bool filters = false;
     std::array<int, kReach> mirrored{};
-    // j / m, each cell's share of the length, from cell -1 to past the tip (stepTable[j + 1]).
-    std::array<float, kRowCells + 2> stepTable{};
+    // j / m, each cell's share of the length, from the root to past the tip.
+    std::array<float, kRowCells> stepTable{};
 
-    const float* steps() const { return stepTable.data() + 1; }
+    const float* steps() const { return stepTable.data(); }
 
     // How many of the cells 0 to m - 1 start at or before share `s`: the first cell of the segment
-    // that follows the point at share s. Truncating s * m is off by at most one either way, so
-    // the cells around it are counted by the same comparison the steps make; a share that is no
-    // number counts none.
+    // that follows the point at share s. Cell j starts at or before s where j is at most s * m,
+    // so the count is the whole part of s * m and one, with no division to wait on; a share that
+    // is no number counts none.
     int cellsUpTo(float s) const {
-        const float mf = static_cast<float>(m);
-        float at = s * mf;
-        if (!(at > 0.0f)) at = 0.0f;
-        if (at > mf) at = mf;
-        const int g = static_cast<int>(at);
-        const float* step = steps();
-        const int count = g - 1 + static_cast<int>(step[g - 1] <= s) +
-                          static_cast<int>(step[g] <= s) + static_cast<int>(step[g + 1] <= s);
-        return std::clamp(count, 0, m);
+        const float at = s * static_cast<float>(m);
+        if (!(at >= 0.0f)) return 0;
+        return at < static_cast<float>(m - 1) ? static_cast<int>(at) + 1 : m;
     }
 
     void setUp(int cells, float strandScale) {
         m = cells;
-        // Cells -1 to m + 8: the counts look one past the tip, the writes up to seven.
-        for (int j = -1; j <= m + 8; ++j)
-            stepTable[static_cast<std::size_t>(j + 1)] =
-                static_cast<float>(j) / static_cast<float>(m);
+        // Cells 0 to m + 7: a segment's run of eight writes up to seven past the tip.
+        for (int j = 0; j < m + 8; ++j)
+            stepTable[static_cast<std::size_t>(j)] = static_cast<float>(j) / static_cast<float>(m);
         // Three boxes make a near Gaussian; a width of 2m or more averages the whole period.
         const float width =
             std::min(2.0f * strandScale * static_cast<float>(m), static_cast<float>(2 * m));
         filters = width > 1e-3f;
         if (!filters) return;
         const float low = 0.5f - 0.5f * width, high = 0.5f + 0.5f * width;
-        const int lowCell = static_cast<int>(std::floor(low));
+        lowCell = static_cast<int>(std::floor(low));
         const int highCell = static_cast<int>(std::floor(high));
         lowShare = low - static_cast<float>(lowCell);
         highShare = high - static_cast<float>(highCell);
@@ -100,14 +94,19 @@ struct BoxWindow {
     }
 };
 
-// A batch's cells, axis by axis, lane by lane: its strands at m + 1 equal arc steps, the segment
-// differences between them, the differences each box filter writes (the next reads them back from
-// the first rows) and the running sums.
+// A batch's cells, axis by axis, lane by lane: its strands at m + 1 equal arc steps, with room
+// before the root and past the tip for the mirrored cells the first box filter reaches, the
+// differences each box filter writes (the next reads them back from the first rows) and the
+// smoothed curve.
 struct alignas(32) LaneCells {
-    LaneRow curve[3][kCurveRows];
+    static constexpr int kMirrorRows = kSmoothCells;
+    LaneRow samples[3][kMirrorRows + kCurveRows + kMirrorRows];
     LaneRow differences[kSmoothCells][3];
     LaneRow filtered[kSmoothCells][3];
-    LaneRow sums[kReach + 1][3];  // from the window's low end
+    LaneRow curve[3][kCurveRows];
+
+    // The rows of one axis's cells from the root: cells -m to 2m can be reached.
+    LaneRow* sampled(int axis) { return samples[axis] + kMirrorRows; }
 };
 
 // A row of lanes as one vector (GCC's vector extension): the compiler makes it one AVX register
@@ -129,79 +128,130 @@ using LaneInts = std::int32_t __attribute__((vector_size(kLanes * sizeof(std::in
 // kSmoothCells cells, where a cell count means one point count.
 constexpr int kLanePoints = (kSmoothCells - 1) / 4 + 1;
 
-// One box filter over the periodic differences `in` of the three axes, in every lane. The
-// integral to either end of a window is a running sum from the lowest end, plus the share of the
-// cell it ends in of that cell's difference. A window's high end is the sum just made, so each
-// cell's output follows its sum in the same step. The axes run side by side, so that each step
-// has three sums to add rather than one waiting on the last. The mirrored differences filter to
-// mirrored values, so only the first m are made. Each window's integral is left undivided by the
-// width: the last pass divides once by the cube of it. The first passes write `out`; the last
-// (`curve` given) rebuilds the curve from the root by the sums of its outputs, there and then.
+// One box filter over the periodic differences `in` of the three axes, in every lane. A window
+// runs from the low end's share of the cell it starts in, over the whole cells after it, to the
+// high end's share of the cell it ends in. The whole cells' sum is held in a register as the window
+// slides, one difference coming in at the high end and one going out at the low end, so each cell
+// takes four additions: two to slide the sum and two for the shares of the end cells. The axes run
+// side by side, so that each step has three sums to add rather than one waiting on the last. The
+// mirrored differences filter to mirrored values, so only the first m are made. Each window's
+// integral is left undivided by the width: the last pass divides once by the cube of it. The first
+// passes write `out`; the last (`curve` given) rebuilds the curve from the root by the sums of its
+// outputs, there and then.
 inline __attribute__((always_inline)) void boxFilter(const BoxWindow& box,
                                                      const LaneRow (*__restrict in)[3],
                                                      LaneRow (*__restrict out)[3],
-                                                     LaneRow (*__restrict sums)[3],
                                                      LaneRow (*__restrict curve)[kCurveRows]) {
     const LaneVector lowShare = LaneVector{} + box.lowShare;
     const LaneVector highShare = LaneVector{} + box.highShare;
     const LaneVector cube = LaneVector{} + box.scale * box.scale * box.scale;
-    LaneVector sum[3] = {};
-    __builtin_memcpy(sums[0], sum, sizeof sum);
+    LaneVector window[3] = {};
     const int reach = box.reach;
+    const int* mirrored = box.mirrored.data();
     int i = 0;
     for (; i < reach; ++i) {
-        LaneVector add[3];
-        __builtin_memcpy(add, in[box.mirrored[static_cast<std::size_t>(i)]], sizeof add);
-        for (int axis = 0; axis < 3; ++axis)
-            sum[axis] += add[axis];
-        __builtin_memcpy(sums[i + 1], sum, sizeof sum);
+        for (int axis = 0; axis < 3; ++axis) {
+            LaneVector add;
+            loadRow(add, in[mirrored[i]][axis]);
+            window[axis] += add;
+        }
     }
     LaneVector rebuilt[3];
     if (curve) {
         for (int axis = 0; axis < 3; ++axis)
-            __builtin_memcpy(&rebuilt[axis], curve[axis][0], sizeof rebuilt[axis]);
+            loadRow(rebuilt[axis], curve[axis][0]);
     }
     for (; i < box.count; ++i) {
         const int j = i - reach;
-        LaneVector add[3], low[3], from[3], filteredRow[3];
-        __builtin_memcpy(add, in[box.mirrored[static_cast<std::size_t>(i)]], sizeof add);
-        __builtin_memcpy(low, in[box.mirrored[static_cast<std::size_t>(j)]], sizeof low);
-        __builtin_memcpy(from, sums[j], sizeof from);
+        const LaneRow* addRow = in[mirrored[i]];
+        const LaneRow* lowRow = in[mirrored[j]];
         for (int axis = 0; axis < 3; ++axis) {
-            const LaneVector to = sum[axis];
-            sum[axis] += add[axis];
+            LaneVector add, low;
+            loadRow(add, addRow[axis]);
+            loadRow(low, lowRow[axis]);
             // The whole cells between the window's ends, the high end's share of the cell it
             // ends in, less the low end's of the cell it starts in.
-            filteredRow[axis] = (to - from[axis]) + add[axis] * highShare - low[axis] * lowShare;
-        }
-        __builtin_memcpy(sums[i + 1], sum, sizeof sum);
-        if (curve) {
-            for (int axis = 0; axis < 3; ++axis) {
-                rebuilt[axis] += filteredRow[axis] * cube;
-                *reinterpret_cast<LaneStore*>(curve[axis][j + 1]) = rebuilt[axis];
+            const LaneVector filteredRow = (window[axis] + add * highShare) - low * lowShare;
+            window[axis] += add - low;
+            if (curve) {
+                rebuilt[axis] += filteredRow * cube;
+                storeRow(curve[axis][j + 1], rebuilt[axis]);
+            } else {
+                storeRow(out[j][axis], filteredRow);
             }
-        } else {
-            __builtin_memcpy(out[j], filteredRow, sizeof filteredRow);
         }
     }
 }
 
-// A batch's cells smoothed: the differences between the cells, three box filters over them and
-// the curve rebuilt from the root by their sums.
+// The first box filter, straight from the cells: the integral of the differences over a window
+// is the curve at its high end less the curve at its low end, each read between the cells around
+// it. The window of cell j runs from j + low to j + 1 - low (the width about the cell's middle),
+// so with s the low end's share of the cell b = j + lowCell it starts in, and a = j - lowCell the
+// cell it ends in, the integral is s (c[a] - c[b + 1]) + (1 - s) (c[a + 1] - c[b]): three
+// additions a cell, and no running sum. The cells past the root and the tip are the mirror's
+// (the differences run back the way they came, so the curve turns about its end point), made
+// first.
+inline __attribute__((always_inline)) void boxFromCells(const BoxWindow& box,
+                                                        LaneRow* const (&sampled)[3],
+                                                        LaneRow (*__restrict out)[3]) {
+    const int m = box.m, lowCell = box.lowCell;
+    for (int axis = 0; axis < 3; ++axis) {
+        LaneRow* __restrict c = sampled[axis];
+        LaneVector root, tip;
+        loadRow(root, c[0]);
+        loadRow(tip, c[m]);
+        const LaneVector aboutRoot = root + root, aboutTip = tip + tip;
+        for (int q = lowCell; q < 0; ++q) {
+            LaneVector mirror;
+            loadRow(mirror, c[-q]);
+            storeRow(c[q], aboutRoot - mirror);
+        }
+        for (int q = m + 1; q <= m - lowCell; ++q) {
+            LaneVector mirror;
+            loadRow(mirror, c[2 * m - q]);
+            storeRow(c[q], aboutTip - mirror);
+        }
+    }
+    const LaneVector share = LaneVector{} + box.lowShare;
+    const LaneVector rest = LaneVector{} + (1.0f - box.lowShare);
+    LaneVector lowAt[3], highAt[3];  // c[b] and c[a], carried from the step before
+    for (int axis = 0; axis < 3; ++axis) {
+        loadRow(lowAt[axis], sampled[axis][lowCell]);
+        loadRow(highAt[axis], sampled[axis][-lowCell]);
+    }
+    for (int j = 0; j < m; ++j) {
+        const int b = j + lowCell, a = j - lowCell;
+        for (int axis = 0; axis < 3; ++axis) {
+            LaneVector lowNext, highNext;
+            loadRow(lowNext, sampled[axis][b + 1]);
+            loadRow(highNext, sampled[axis][a + 1]);
+            storeRow(out[j][axis],
+                     share * (highAt[axis] - lowNext) + rest * (highNext - lowAt[axis]));
+            lowAt[axis] = lowNext;
+            highAt[axis] = highNext;
+        }
+    }
+}
+
+// A batch's cells smoothed: three box filters over the differences between the cells, the first
+// straight from the cells, and the curve rebuilt from the root by the sums of the last's.
 inline __attribute__((always_inline)) void filterLanes(const BoxWindow& box, LaneCells& cells) {
-    if (!box.filters) return;  // a box of no width leaves the cells as they are
     const int m = box.m;
-    LaneRow(*__restrict differences)[3] = cells.differences;
-    LaneRow(*__restrict filtered)[3] = cells.filtered;
-    for (int j = 0; j < m; ++j)
+    LaneRow* const sampled[3] = {cells.sampled(0), cells.sampled(1), cells.sampled(2)};
+    if (!box.filters) {
+        // A box of no width leaves the cells as they are.
         for (int axis = 0; axis < 3; ++axis)
-            for (int l = 0; l < kLanes; ++l)
-                differences[j][axis][l] = cells.curve[axis][j + 1][l] - cells.curve[axis][j][l];
+            __builtin_memcpy(cells.curve[axis], sampled[axis],
+                             static_cast<std::size_t>(m + 1) * sizeof(LaneRow));
+        return;
+    }
     // Mirrored to a period of 2m, the differences run back the way they came, which keeps the
     // directions at the root and the tip.
-    boxFilter(box, differences, filtered, cells.sums, nullptr);
-    boxFilter(box, filtered, differences, cells.sums, nullptr);
-    boxFilter(box, differences, nullptr, cells.sums, cells.curve);
+    boxFromCells(box, sampled, cells.filtered);
+    boxFilter(box, cells.filtered, cells.differences, nullptr);
+    for (int axis = 0; axis < 3; ++axis)
+        __builtin_memcpy(cells.curve[axis][0], sampled[axis][0], sizeof(LaneRow));
+    boxFilter(box, cells.differences, nullptr, cells.curve);
 }
 
 // The square root of one float as std::sqrt makes it, without the check for errno's sake that
@@ -226,6 +276,45 @@ inline HalfLanes squareRoots(HalfLanes v) {
 #endif
 }
 
+// The largest and the smallest lane of a row of whole numbers, by halving the row: a few
+// instructions rather than a loop over the lanes.
+inline __attribute__((always_inline)) float laneMax(const LaneVector& v) {
+    using Half = float __attribute__((vector_size(kLanes / 2 * sizeof(float))));
+    Half a = __builtin_shufflevector(v, v, 0, 1, 2, 3);
+    Half b = __builtin_shufflevector(v, v, 4, 5, 6, 7);
+    a = a > b ? a : b;
+    b = __builtin_shufflevector(a, a, 2, 3, 0, 1);
+    a = a > b ? a : b;
+    b = __builtin_shufflevector(a, a, 1, 0, 3, 2);
+    a = a > b ? a : b;
+    return a[0];
+}
+inline __attribute__((always_inline)) float laneMin(const LaneVector& v) {
+    using Half = float __attribute__((vector_size(kLanes / 2 * sizeof(float))));
+    Half a = __builtin_shufflevector(v, v, 0, 1, 2, 3);
+    Half b = __builtin_shufflevector(v, v, 4, 5, 6, 7);
+    a = a < b ? a : b;
+    b = __builtin_shufflevector(a, a, 2, 3, 0, 1);
+    a = a < b ? a : b;
+    b = __builtin_shufflevector(a, a, 1, 0, 3, 2);
+    a = a < b ? a : b;
+    return a[0];
+}
+
+// Whether a comparison holds in every lane of a row.
+template <typename Mask>
+inline __attribute__((always_inline)) bool allLanes(const Mask& mask) {
+#if VELMORIN_SSE_LANES
+    const LaneVector bits = reinterpret_cast<const LaneVector&>(mask);
+    return (_mm_movemask_ps(__builtin_shufflevector(bits, bits, 0, 1, 2, 3)) &
+            _mm_movemask_ps(__builtin_shufflevector(bits, bits, 4, 5, 6, 7))) == 0xF;
+#else
+    for (int lane = 0; lane < kLanes; ++lane)
+        if (!mask[lane]) return false;
+    return true;
+#endif
+}
+
 // Eight cells of one axis on one segment: base + slope * t at the cells' shares t.
 inline void writeCells(float* __restrict row, const float* __restrict steps, float base,
                        float slope) {
@@ -240,7 +329,7 @@ using StrandRows = float[3][kRowCells];
 // The stores are as wide as the filter's loads, so that each load finds one store to take its
 // value from.
 inline __attribute__((always_inline)) void rowsToLanes(const StrandRows* rows,
-                                                       LaneRow (*curve)[kCurveRows], int cells) {
+                                                       LaneRow* const (&curve)[3], int cells) {
     for (int axis = 0; axis < 3; ++axis) {
 #if VELMORIN_SSE_LANES
         for (int j = 0; j < cells; j += 4) {
@@ -269,7 +358,7 @@ inline __attribute__((always_inline)) void rowsToLanes(const StrandRows* rows,
 // SSE2's do and there is no fused multiply-add, so both give the same bits. The transposes are
 // eight by eight here, so that the filter's loads of eight lanes each find one store.
 __attribute__((target("avx"))) void rowsToLanesWide(const StrandRows* rows,
-                                                    LaneRow (*curve)[kCurveRows], int cells) {
+                                                    LaneRow* const (&curve)[3], int cells) {
     for (int axis = 0; axis < 3; ++axis) {
         for (int j = 0; j < cells; j += 8) {
             __m256 r[8];
@@ -296,6 +385,29 @@ __attribute__((target("avx"))) void rowsToLanesWide(const StrandRows* rows,
 
 #define VELMORIN_SMOOTH_AVX 1
 #endif
+
+// The square roots of a row of lanes, each as squareRoot makes it: one instruction where the
+// batch runs in AVX lanes, two halves joined elsewhere; a square root rounds alike at either
+// width. GCC checks the width of a builtin where it is finally expanded, which is in the AVX chunk
+// the batch is inlined into; clang checks where it is written, so clang keeps the halves. The
+// vectors pass by reference, so that no call's ABI hangs on whether AVX is on.
+template <bool kWide>
+inline __attribute__((always_inline)) void laneSquareRoots(LaneVector& root, const LaneVector& v) {
+#if VELMORIN_SMOOTH_AVX && !defined(__clang__)
+    if constexpr (kWide) {
+        // GCC warns of the register's width where it reads the builtin, before it is inlined
+        // where AVX is on.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wpsabi"
+        root = __builtin_ia32_sqrtps256(v);
+#pragma GCC diagnostic pop
+        return;
+    }
+#endif
+    root = __builtin_shufflevector(squareRoots(__builtin_shufflevector(v, v, 0, 1, 2, 3)),
+                                   squareRoots(__builtin_shufflevector(v, v, 4, 5, 6, 7)), 0, 1, 2,
+                                   3, 4, 5, 6, 7);
+}
 
 // The strands of one batch: where each lane's strand lies and what it keeps for the read back.
 struct LaneStrand {
@@ -382,13 +494,14 @@ class SmoothBatch {
         for (int lane = count_; lane < kLanes; ++lane)
             for (int axis = 0; axis < 3; ++axis)
                 std::fill_n(rows_[lane][axis], kCurveRows, 0.0f);
+        LaneRow* const sampled[3] = {cells_.sampled(0), cells_.sampled(1), cells_.sampled(2)};
 #if VELMORIN_SMOOTH_AVX
         if constexpr (kWide)
-            rowsToLanesWide(rows_, cells_.curve, box_.m + 1);
+            rowsToLanesWide(rows_, sampled, box_.m + 1);
         else
-            rowsToLanes(rows_, cells_.curve, box_.m + 1);
+            rowsToLanes(rows_, sampled, box_.m + 1);
 #else
-        rowsToLanes(rows_, cells_.curve, box_.m + 1);
+        rowsToLanes(rows_, sampled, box_.m + 1);
 #endif
         filterLanes(box_, cells_);
         // Every lane read back and mixed, then every lane pushed back and written: the steps of
@@ -528,28 +641,30 @@ class SmoothBatch {
                 d[axis] = p1 - p0;
             }
             const LaneVector squared = d[0] * d[0] + d[1] * d[1] + d[2] * d[2];
-            const LaneVector size = __builtin_shufflevector(
-                squareRoots(__builtin_shufflevector(squared, squared, 0, 1, 2, 3)),
-                squareRoots(__builtin_shufflevector(squared, squared, 4, 5, 6, 7)), 0, 1, 2, 3, 4,
-                5, 6, 7);
+            LaneVector size;
+            laneSquareRoots<kWide>(size, squared);
             storeRow(laneLengths_[k], size);
             total += size;
         }
         LaneVector toShare = one / total;
         const auto shares =
             (toShare > zero) & (toShare <= zero + std::numeric_limits<float>::max());
-        for (int lane = count_ - 1; lane >= 0; --lane) {
-            if (shares[lane]) continue;
-            const LaneStrand& entry = lanes_[static_cast<std::size_t>(lane)];
-            std::copy(entry.points.begin(), entry.points.end(), entry.out);
-            const int last = --count_;
-            if (lane == last) continue;
-            lanes_[static_cast<std::size_t>(lane)] = lanes_[static_cast<std::size_t>(last)];
-            toShare[lane] = toShare[last];
-            for (std::size_t k = 0; k < n; ++k) {
-                laneLengths_[k][lane] = laneLengths_[k][last];
-                for (int axis = 0; axis < 3; ++axis)
-                    lanePoints_[axis][k][lane] = lanePoints_[axis][k][last];
+        // A strand that cannot be shared out is rare: the lanes are looked at one by one only
+        // when the row has one. Lanes past the batch's strands repeat the first one's points.
+        if (!allLanes(shares)) {
+            for (int lane = count_ - 1; lane >= 0; --lane) {
+                if (shares[lane]) continue;
+                const LaneStrand& entry = lanes_[static_cast<std::size_t>(lane)];
+                std::copy(entry.points.begin(), entry.points.end(), entry.out);
+                const int last = --count_;
+                if (lane == last) continue;
+                lanes_[static_cast<std::size_t>(lane)] = lanes_[static_cast<std::size_t>(last)];
+                toShare[lane] = toShare[last];
+                for (std::size_t k = 0; k < n; ++k) {
+                    laneLengths_[k][lane] = laneLengths_[k][last];
+                    for (int axis = 0; axis < 3; ++axis)
+                        lanePoints_[axis][k][lane] = lanePoints_[axis][k][last];
+                }
             }
         }
         if (count_ == 0) return;
@@ -595,56 +710,58 @@ class SmoothBatch {
                 storeRow(laneSlopes_[axis][k], slope);
                 storeRow(laneBases_[axis][k], base);
             }
-            // cellsUpTo in lanes, with the cells' shares j / m made by the same division.
+            // cellsUpTo in lanes: shares are never below zero here, and a strand whose shares
+            // are no numbers has left the batch.
             const LaneVector reach = at * cellCount;
-            const LaneVector g = __builtin_convertvector(
-                __builtin_convertvector(reach < cellCount ? reach : cellCount, LaneInts),
-                LaneVector);
-            const LaneVector below = g - one, above = g + one;
-            const LaneVector count = below + ((below / cellCount <= at) ? one : zero) +
-                                     ((g / cellCount <= at) ? one : zero) +
-                                     ((above / cellCount <= at) ? one : zero);
+            const LaneVector whole =
+                __builtin_convertvector(__builtin_convertvector(reach, LaneInts), LaneVector);
+            const LaneVector count = whole + one;
             const LaneVector next = count < cellCount ? count : cellCount;
             storeRow(laneNext_[k], next);
         }
         // Straight into the filter's rows of lanes: segment k writes, in each lane, the cells from
         // its first on, over those of the segments before it, so that each cell ends with the
         // segment that holds it; only the cells some lane's segment k holds are visited. Each
-        // cell is base + slope * its share, as writeCells makes it.
+        // cell is base + slope * its share, as writeCells makes it. Past the last lane's first
+        // cell every lane's segment holds the cell, so those cells are written with no look at
+        // what was there.
         const float* steps = box_.steps();
+        LaneRow* const sampled[3] = {cells_.sampled(0), cells_.sampled(1), cells_.sampled(2)};
         LaneVector first = zero;
-        int low = 0;
+        int low = 0, allHold = 0;
         for (std::size_t k = 1; k < n; ++k) {
             LaneVector next = cellCount;
             if (k + 1 < n) loadRow(next, laneNext_[k]);
-            int high = 0;
-            for (int lane = 0; lane < kLanes; ++lane)
-                high = std::max(high, static_cast<int>(next[lane]));
+            const int high = static_cast<int>(laneMax(next));
             LaneVector base[3], slope[3];
             for (int axis = 0; axis < 3; ++axis) {
                 loadRow(base[axis], laneBases_[axis][k]);
                 loadRow(slope[axis], laneSlopes_[axis][k]);
             }
-            for (int j = low; j < high; ++j) {
+            int j = low;
+            for (; j < allHold; ++j) {
                 const auto holds = (zero + static_cast<float>(j)) >= first;
                 const LaneVector step = zero + steps[j];
                 for (int axis = 0; axis < 3; ++axis) {
                     LaneVector cell;
-                    loadRow(cell, cells_.curve[axis][j]);
+                    loadRow(cell, sampled[axis][j]);
                     cell = holds ? base[axis] + slope[axis] * step : cell;
-                    storeRow(cells_.curve[axis][j], cell);
+                    storeRow(sampled[axis][j], cell);
                 }
             }
-            // The next segment's cells start where the lowest lane's of them do.
-            int lowest = m;
-            for (int lane = 0; lane < kLanes; ++lane)
-                lowest = std::min(lowest, static_cast<int>(next[lane]));
-            low = lowest;
+            for (; j < high; ++j) {
+                const LaneVector step = zero + steps[j];
+                for (int axis = 0; axis < 3; ++axis)
+                    storeRow(sampled[axis][j], base[axis] + slope[axis] * step);
+            }
+            // The next segment's cells start where the lowest lane's of them do, and hold in
+            // every lane from the highest lane's on.
+            low = static_cast<int>(laneMin(next));
+            allHold = high;
             first = next;
         }
         for (int axis = 0; axis < 3; ++axis)
-            __builtin_memcpy(cells_.curve[axis][m], lanePoints_[axis][n - 1],
-                             sizeof cells_.curve[axis][m]);
+            __builtin_memcpy(sampled[axis][m], lanePoints_[axis][n - 1], sizeof(LaneRow));
     }
 
     // Reads lane `lane`'s smoothed curve back at its strand's own arcs and mixes it with the
@@ -770,7 +887,9 @@ class SmoothBatch {
     // points: each point read back, mixed and pushed back one row of lanes at a time, so that the
     // square roots and divisions of eight strands take one instruction and the sums along each
     // strand wait on nothing but their own lane. Each lane takes the steps mixLane and pushLane
-    // take, in the same order, so the bits are theirs.
+    // take, in the same order, so the bits are theirs. The read back and mix of every point come
+    // first, then the push back of every point: the push back has no branch the processor can
+    // miss, and its square roots and divisions, which take long, overlap from point to point.
     __attribute__((always_inline)) void mixAndPushLanes() {
         const int m = box_.m;
         const std::size_t n = static_cast<std::size_t>(m / 4 + 1);
@@ -780,12 +899,9 @@ class SmoothBatch {
         LaneVector strength = zero;
         for (int lane = 0; lane < count_; ++lane)
             strength[lane] = lanes_[static_cast<std::size_t>(lane)].strength;
-        LaneVector before[3], at[3];
-        for (int axis = 0; axis < 3; ++axis) {
+        LaneVector before[3];
+        for (int axis = 0; axis < 3; ++axis)
             loadRow(before[axis], lanePoints_[axis][0]);
-            at[axis] = before[axis];
-            storeRow(laneOut_[axis][0], at[axis]);
-        }
         for (std::size_t k = 1; k < n; ++k) {
             LaneVector share;
             loadRow(share, laneShares_[k]);
@@ -793,44 +909,55 @@ class SmoothBatch {
             LaneVector cellAt =
                 __builtin_convertvector(__builtin_convertvector(arc, LaneInts), LaneVector);
             cellAt = cellAt < lastCell ? cellAt : lastCell;
-            const LaneInts cell = __builtin_convertvector(cellAt, LaneInts);
             const LaneVector f = arc - cellAt;
             LaneVector weight = strength;
             if (!flatProfile_) {
                 for (int lane = 0; lane < kLanes; ++lane)
                     weight[lane] *= settings_.profile.at(share[lane]);
             }
-            LaneVector turned[3];
+            // The smoothed curve between the cells around each lane's share: each lane reads a
+            // cell of its own.
+            LaneVector low[3], high[3];
+            {
+                const LaneInts cell = __builtin_convertvector(cellAt, LaneInts);
+                for (int axis = 0; axis < 3; ++axis) {
+                    const LaneRow* row = cells_.curve[axis];
+                    // Built four lanes at a time and joined, so that no wide load waits on
+                    // narrow stores.
+                    const HalfLanes low0 = {row[cell[0]][0], row[cell[1]][1], row[cell[2]][2],
+                                            row[cell[3]][3]};
+                    const HalfLanes low1 = {row[cell[4]][4], row[cell[5]][5], row[cell[6]][6],
+                                            row[cell[7]][7]};
+                    const HalfLanes high0 = {row[cell[0] + 1][0], row[cell[1] + 1][1],
+                                             row[cell[2] + 1][2], row[cell[3] + 1][3]};
+                    const HalfLanes high1 = {row[cell[4] + 1][4], row[cell[5] + 1][5],
+                                             row[cell[6] + 1][6], row[cell[7] + 1][7]};
+                    low[axis] = __builtin_shufflevector(low0, low1, 0, 1, 2, 3, 4, 5, 6, 7);
+                    high[axis] = __builtin_shufflevector(high0, high1, 0, 1, 2, 3, 4, 5, 6, 7);
+                }
+            }
             for (int axis = 0; axis < 3; ++axis) {
-                // The smoothed curve between the cells around each lane's share: each lane
-                // reads a cell of its own.
-                const LaneRow* row = cells_.curve[axis];
-                // Built four lanes at a time and joined, so that no wide load waits on narrow
-                // stores.
-                const HalfLanes low0 = {row[cell[0]][0], row[cell[1]][1], row[cell[2]][2],
-                                        row[cell[3]][3]};
-                const HalfLanes low1 = {row[cell[4]][4], row[cell[5]][5], row[cell[6]][6],
-                                        row[cell[7]][7]};
-                const HalfLanes high0 = {row[cell[0] + 1][0], row[cell[1] + 1][1],
-                                         row[cell[2] + 1][2], row[cell[3] + 1][3]};
-                const HalfLanes high1 = {row[cell[4] + 1][4], row[cell[5] + 1][5],
-                                         row[cell[6] + 1][6], row[cell[7] + 1][7]};
-                const LaneVector low = __builtin_shufflevector(low0, low1, 0, 1, 2, 3, 4, 5, 6, 7);
-                const LaneVector high =
-                    __builtin_shufflevector(high0, high1, 0, 1, 2, 3, 4, 5, 6, 7);
                 LaneVector point;
                 loadRow(point, lanePoints_[axis][k]);
-                const LaneVector smooth = low + (high - low) * f;
+                const LaneVector smooth = low[axis] + (high[axis] - low[axis]) * f;
                 const LaneVector mixed = point + (smooth - point) * weight;
-                turned[axis] = mixed - before[axis];
+                storeRow(laneTurned_[axis][k], mixed - before[axis]);
                 before[axis] = mixed;
             }
+        }
+        LaneVector at[3];
+        for (int axis = 0; axis < 3; ++axis) {
+            loadRow(at[axis], lanePoints_[axis][0]);
+            storeRow(laneOut_[axis][0], at[axis]);
+        }
+        for (std::size_t k = 1; k < n; ++k) {
+            LaneVector turned[3];
+            for (int axis = 0; axis < 3; ++axis)
+                loadRow(turned[axis], laneTurned_[axis][k]);
             const LaneVector squared =
                 turned[0] * turned[0] + turned[1] * turned[1] + turned[2] * turned[2];
-            const LaneVector size = __builtin_shufflevector(
-                squareRoots(__builtin_shufflevector(squared, squared, 0, 1, 2, 3)),
-                squareRoots(__builtin_shufflevector(squared, squared, 4, 5, 6, 7)), 0, 1, 2, 3, 4,
-                5, 6, 7);
+            LaneVector size;
+            laneSquareRoots<kWide>(size, squared);
             const auto sized = size > tiny;
             const LaneVector inverse = one / (sized ? size : one);
             LaneVector kept;
@@ -838,16 +965,19 @@ class SmoothBatch {
             LaneVector step[3];
             for (int axis = 0; axis < 3; ++axis)
                 step[axis] = turned[axis] * inverse * kept;
-            for (int lane = 0; lane < count_; ++lane) {
-                // Where the mixed shape folds a segment to nothing, it keeps its direction.
-                if (sized[lane]) continue;
-                const Vec3f input{lanePoints_[0][k][lane] - lanePoints_[0][k - 1][lane],
-                                  lanePoints_[1][k][lane] - lanePoints_[1][k - 1][lane],
-                                  lanePoints_[2][k][lane] - lanePoints_[2][k - 1][lane]};
-                const Vec3f along = normalized(input) * laneLengths_[k][lane];
-                step[0][lane] = along.x;
-                step[1][lane] = along.y;
-                step[2][lane] = along.z;
+            // Where the mixed shape folds a segment to nothing, it keeps its direction: rare, so
+            // the lanes are looked at one by one only when the row has such a segment.
+            if (!allLanes(sized)) [[unlikely]] {
+                for (int lane = 0; lane < count_; ++lane) {
+                    if (sized[lane]) continue;
+                    const Vec3f input{lanePoints_[0][k][lane] - lanePoints_[0][k - 1][lane],
+                                      lanePoints_[1][k][lane] - lanePoints_[1][k - 1][lane],
+                                      lanePoints_[2][k][lane] - lanePoints_[2][k - 1][lane]};
+                    const Vec3f along = normalized(input) * laneLengths_[k][lane];
+                    step[0][lane] = along.x;
+                    step[1][lane] = along.y;
+                    step[2][lane] = along.z;
+                }
             }
             for (int axis = 0; axis < 3; ++axis) {
                 at[axis] += step[axis];
@@ -915,8 +1045,12 @@ class SmoothBatch {
     alignas(32) LaneRow laneSlopes_[3][kLanePoints];
     alignas(32) LaneRow laneNext_[kLanePoints];
     alignas(32) LaneRow laneLengths_[kLanePoints];
+    alignas(32) LaneRow laneTurned_[3][kLanePoints];  // each mixed segment, for the push back
     alignas(32) LaneRow laneOut_[3][kLanePoints];
 };
+
+// How far ahead of the strand taken in its points are asked for.
+constexpr std::size_t kPrefetchStrands = 2 * kLanes;
 
 // The strands from `begin` to `end` of the selection, in batches.
 template <bool kWide>
@@ -926,10 +1060,27 @@ inline __attribute__((always_inline)) void smoothChunk(const StrandSet& input,
                                                        std::span<Vec3f> points, std::size_t begin,
                                                        std::size_t end) {
     SmoothBatch<kWide> batch(settings);
+    // Each strand's points found from the offsets here, rather than by a call per strand.
+    const std::uint64_t* offsets = input.offsets().data();
+    const Vec3f* from = input.points().data();
     for (std::size_t item = begin; item < end; ++item) {
         const std::size_t s = pick.strand(item);
-        const std::span<const Vec3f> strand = input.strandPoints(s);
-        Vec3f* out = points.data() + input.pointRange(s).begin;
+        const std::size_t first = offsets[s];
+        // The points two batches on asked for now, to read and to write, so that they are in the
+        // cache when taken in and written out: the first and the last point, which between them
+        // touch every cache line of a strand of ordinary length.
+        if (item + kPrefetchStrands < end) {
+            const std::size_t strandAhead = pick.strand(item + kPrefetchStrands);
+            const std::size_t ahead = offsets[strandAhead];
+            const std::size_t past = offsets[strandAhead + 1];
+            const std::size_t last = past > ahead ? past - 1 : ahead;  // a strand may have none
+            __builtin_prefetch(from + ahead);
+            __builtin_prefetch(from + last);
+            __builtin_prefetch(points.data() + ahead, 1);
+            __builtin_prefetch(points.data() + last, 1);
+        }
+        const std::span<const Vec3f> strand(from + first, offsets[s + 1] - first);
+        Vec3f* out = points.data() + first;
         const float strength = strand.size() < 2 ? 0.0f : settings.strength.atStrand(s);
         if (strength == 0.0f) {
             std::copy(strand.begin(), strand.end(), out);
