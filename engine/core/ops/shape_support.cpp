@@ -234,6 +234,16 @@ bool runInPlace(const std::vector<Value>& inputs, const IncrementalInputs* incre
             return false;
     }
     auto made = std::make_shared<StrandSet>(*input);
+    if (readChannels && changed->onlyOtherChannels(*readChannels)) {
+        // Nothing this run reads has changed: its columns are the previous ones, shared (a node
+        // after it may hold them too, and nothing writes them), and the strands differ from the
+        // previous result exactly as the input differs from its own.
+        for (const ColumnId column : columns)
+            made->shareColumnFrom(column, *previous);
+        *changes = *changed;
+        *out = std::shared_ptr<const StrandSet>(std::move(made));
+        return true;
+    }
     // The unchanged strands keep the previous result's values; only the listed ones are redone.
     // The previous result is let go of here: where nothing else held it, its columns are now this
     // run's alone and are written in place, else the first write copies them.
@@ -242,13 +252,6 @@ bool runInPlace(const std::vector<Value>& inputs, const IncrementalInputs* incre
     incremental->takePrevious();
     for (const ColumnId column : columns)
         made->moveColumnFrom(column, before);
-    if (readChannels && changed->onlyOtherChannels(*readChannels)) {
-        // Nothing this run reads has changed: its columns are the previous ones, and the strands
-        // differ from the previous result exactly as the input differs from its own.
-        *changes = *changed;
-        *out = std::shared_ptr<const StrandSet>(std::move(made));
-        return true;
-    }
     std::vector<std::uint64_t> redo =
         widen ? widen(changed->strands)
               : std::vector<std::uint64_t>(changed->strands.begin(), changed->strands.end());
