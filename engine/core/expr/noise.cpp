@@ -245,12 +245,18 @@ void FractalNoiseAlongZ::startLine(float x, float y, float spacing) {
             (static_cast<std::uint64_t>(octave.cellY) + 1u) * 0xC2B2AE3D27D4EB4Full};
         for (int k = 0; k < 4; ++k)
             octave.cornerBase[k] = octave.seed ^ xs[k & 1] ^ ys[(k >> 1) & 1];
-        // gradientChannel's x and y offsets of each corner.
+        // gradientChannel's x and y terms of each corner, for each gradient.
         const float x0 = octave.fx, y0 = octave.fy;
         const float cornerX[4] = {x0, x0 - 1, x0, x0 - 1};
         const float cornerY[4] = {y0, y0, y0 - 1, y0 - 1};
-        std::copy_n(cornerX, 4, octave.cornerX);
-        std::copy_n(cornerY, 4, octave.cornerY);
+        for (int k = 0; k < 4; ++k)
+            for (int g = 0; g < 12; ++g)
+                octave.cornerDot[k][g] =
+                    kGradients[g][0] * cornerX[k] + kGradients[g][1] * cornerY[k];
+        for (int a = 0; a < 3; ++a)
+            for (int b = 0; b < 3; ++b)
+                octave.slopeAcross[a][b] =
+                    blend(static_cast<float>(a - 1), static_cast<float>(b - 1), octave.fadeX);
         octave.cellValid = false;
     }
 }
@@ -260,39 +266,6 @@ namespace {
 
 inline __m128 blendLanes(__m128 a, __m128 b, __m128 t) {
     return _mm_add_ps(a, _mm_mul_ps(_mm_sub_ps(b, a), t));
-}
-
-// Each 16-bit word of two hashes modulo 12: a corner's gradient per channel, four channels a hash.
-inline __m128i gradientPicks(__m128i words) {
-    // word * 43691 >> 19 is word / 12 for every word below 2^16.
-    const __m128i twelfth = _mm_srli_epi16(_mm_mulhi_epu16(words, _mm_set1_epi16(-21845)), 3);
-    return _mm_sub_epi16(words, _mm_mullo_epi16(twelfth, _mm_set1_epi16(12)));
-}
-
-// kGradients[g] for four picks g (32-bit lanes, 0 to 11), one component a vector: the edges
-// 0-3 lie across z, 4-7 across y and 8-11 across x; bit 0 of g turns the first of the other two
-// axes around (x, or y for 8-11), bit 1 the second (y for 0-3, z for the rest).
-struct Gradients {
-    __m128 x, y, z;
-};
-inline Gradients gradientsOf(__m128i g) {
-    const __m128i one = _mm_castps_si128(_mm_set1_ps(1.0f));
-    const __m128i sign = _mm_set1_epi32(static_cast<int>(0x80000000u));
-    const __m128i below8 = _mm_cmplt_epi32(g, _mm_set1_epi32(8));
-    const __m128i below4 = _mm_cmplt_epi32(g, _mm_set1_epi32(4));
-    const __m128i bit0 = _mm_cmpeq_epi32(_mm_and_si128(g, _mm_set1_epi32(1)), _mm_set1_epi32(1));
-    const __m128i bit1 = _mm_cmpeq_epi32(_mm_and_si128(g, _mm_set1_epi32(2)), _mm_set1_epi32(2));
-    // +1 or -1 by a mask of lanes to turn around.
-    const auto unit = [&](__m128i turned) {
-        return _mm_or_si128(one, _mm_and_si128(turned, sign));
-    };
-    const __m128i yTurned =
-        _mm_or_si128(_mm_and_si128(below4, bit1), _mm_andnot_si128(below8, bit0));
-    Gradients out;
-    out.x = _mm_castsi128_ps(_mm_and_si128(below8, unit(bit0)));
-    out.y = _mm_castsi128_ps(_mm_andnot_si128(_mm_andnot_si128(below4, below8), unit(yTurned)));
-    out.z = _mm_castsi128_ps(_mm_andnot_si128(below4, unit(bit1)));
-    return out;
 }
 
 }  // namespace
@@ -311,49 +284,38 @@ void FractalNoiseAlongZ::blendFace(const Octave& octave, std::int64_t faceZ, flo
         h[c] = v;
     }
     const float u = octave.fadeX, v = octave.fadeY;
+    // Each hash's 16-bit words pick the corner's gradient per channel: word % 12.
+    std::uint16_t picks[16];
 #if VELMORIN_NOISE_SSE2
-    // The channels side by side in four lanes (the fourth unused, set to 0): each lane with the
-    // operations of the plain form below, so the bits are the same.
-    const __m128i words01 =
-        _mm_set_epi64x(static_cast<long long>(h[1]), static_cast<long long>(h[0]));
-    const __m128i words23 =
-        _mm_set_epi64x(static_cast<long long>(h[3]), static_cast<long long>(h[2]));
-    const __m128i zero = _mm_setzero_si128();
-    const __m128i picks[4] = {_mm_unpacklo_epi16(gradientPicks(words01), zero),
-                              _mm_unpackhi_epi16(gradientPicks(words01), zero),
-                              _mm_unpacklo_epi16(gradientPicks(words23), zero),
-                              _mm_unpackhi_epi16(gradientPicks(words23), zero)};
-    __m128 dot[4], rise[4];
-    for (int k = 0; k < 4; ++k) {
-        const Gradients g = gradientsOf(picks[k]);
-        dot[k] = _mm_add_ps(_mm_mul_ps(g.x, _mm_set1_ps(octave.cornerX[k])),
-                            _mm_mul_ps(g.y, _mm_set1_ps(octave.cornerY[k])));
-        rise[k] = g.z;
+    for (int half = 0; half < 2; ++half) {
+        // word * 43691 >> 19 is word / 12 for every word below 2^16.
+        const __m128i word = _mm_set_epi64x(static_cast<long long>(h[2 * half + 1]),
+                                            static_cast<long long>(h[2 * half]));
+        const __m128i twelfth = _mm_srli_epi16(_mm_mulhi_epu16(word, _mm_set1_epi16(-21845)), 3);
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(picks + 8 * half),
+                         _mm_sub_epi16(word, _mm_mullo_epi16(twelfth, _mm_set1_epi16(12))));
     }
-    const __m128 across = _mm_set1_ps(u), up = _mm_set1_ps(v);
-    const __m128 used = _mm_castsi128_ps(_mm_set_epi32(0, -1, -1, -1));
-    const __m128 faceConstant =
-        blendLanes(blendLanes(dot[0], dot[1], across), blendLanes(dot[2], dot[3], across), up);
-    const __m128 faceSlope =
-        blendLanes(blendLanes(rise[0], rise[1], across), blendLanes(rise[2], rise[3], across), up);
-    _mm_store_ps(constant, _mm_and_ps(faceConstant, used));
-    _mm_store_ps(slope, _mm_and_ps(faceSlope, used));
 #else
+    for (int k = 0; k < 4; ++k)
+        for (int channel = 0; channel < 4; ++channel)
+            picks[4 * k + channel] =
+                static_cast<std::uint16_t>(((h[k] >> (16 * channel)) & 0xFFFFu) % 12u);
+#endif
+    // The z gradient of each pick as an index of slopeAcross: 0 for -1, 1 for 0, 2 for 1.
+    static constexpr std::uint8_t kSlopeIndex[12] = {1, 1, 1, 1, 2, 2, 0, 0, 2, 2, 0, 0};
     for (int channel = 0; channel < 3; ++channel) {
         // gradientChannel's corners with z left out: the x and y part blended across the face,
         // and the z gradients blended alike as the slope in z.
-        const float* g[4];
-        float dot[4];
-        for (int k = 0; k < 4; ++k) {
-            g[k] = kGradients[((h[k] >> (16 * channel)) & 0xFFFFu) % 12u];
-            dot[k] = g[k][0] * octave.cornerX[k] + g[k][1] * octave.cornerY[k];
-        }
-        constant[channel] = blend(blend(dot[0], dot[1], u), blend(dot[2], dot[3], u), v);
-        slope[channel] = blend(blend(g[0][2], g[1][2], u), blend(g[2][2], g[3][2], u), v);
+        const int g0 = picks[channel], g1 = picks[4 + channel];
+        const int g2 = picks[8 + channel], g3 = picks[12 + channel];
+        const float c00 = blend(octave.cornerDot[0][g0], octave.cornerDot[1][g1], u);
+        const float c10 = blend(octave.cornerDot[2][g2], octave.cornerDot[3][g3], u);
+        constant[channel] = blend(c00, c10, v);
+        slope[channel] = blend(octave.slopeAcross[kSlopeIndex[g0]][kSlopeIndex[g1]],
+                               octave.slopeAcross[kSlopeIndex[g2]][kSlopeIndex[g3]], v);
     }
     constant[3] = 0.0f;
     slope[3] = 0.0f;
-#endif
 }
 
 void FractalNoiseAlongZ::enterCell(Octave& octave, std::int64_t cellZ, float below) const {

@@ -97,10 +97,11 @@ class FractalNoiseAlongZ {
         // Per corner of the x and y cell (x + 2 y), the part of its lattice hash before z:
         // the seed with the corner's x and y products.
         std::uint64_t cornerBase[4] = {};
-        // Per corner of the x and y cell (x + 2 y), its offsets in x and y: the same on every face
-        // of the line, so a face takes each picked gradient's x and y part at them.
-        float cornerX[4] = {};
-        float cornerY[4] = {};
+        // Per corner and gradient, the gradient's x and y part at the corner's offsets: the same
+        // on every face of the line, so a face only picks from it.
+        float cornerDot[4][12] = {};
+        // The z gradients (-1, 0 or 1, by index 0 to 2) of two corners blended across x.
+        float slopeAcross[3][3] = {};
         float frequency = 1.0f;
         float weight = 0.0f;
         // Per channel, the noise on the cell's lower and upper z faces as a line in the offset:
