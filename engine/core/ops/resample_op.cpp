@@ -1,5 +1,6 @@
 #include <algorithm>
 #include <atomic>
+#include <bit>
 #include <cmath>
 #include <numbers>
 
@@ -156,13 +157,37 @@ std::vector<std::uint32_t> resamplePointCounts(const StrandSet& input,
     return counts;
 }
 
+bool widthsStayAlongStrands(const StrandSet& input) {
+    const std::span<const float> widths = input.widths();
+    if (widths.size() != input.pointCount()) return false;
+    const std::span<const std::uint64_t> offsets = input.offsets();
+    std::atomic<bool> stay{true};
+    parallelRange(0, input.strandCount(), 256, [&](std::size_t first, std::size_t last) {
+        if (!stay.load(std::memory_order_relaxed)) return;
+        bool same = true;
+        for (std::size_t s = first; s < last; ++s) {
+            const float* w = widths.data() + offsets[s];
+            const std::size_t n = offsets[s + 1] - offsets[s];
+            if (n == 0) continue;
+            const std::uint32_t bits = std::bit_cast<std::uint32_t>(w[0]);
+            same = same && std::isfinite(w[0]) && bits != 0x80000000u;
+            for (std::size_t k = 1; k < n; ++k)
+                same = same && std::bit_cast<std::uint32_t>(w[k]) == bits;
+        }
+        if (!same) stay.store(false, std::memory_order_relaxed);
+    });
+    return stay.load();
+}
+
 void resampleInto(const StrandSet& input, const ResampleSettings& settings,
-                  const StrandSelection& selection, StrandSet& out) {
+                  const StrandSelection& selection, StrandSet& out, bool widthsKept) {
     const Planner planner(input, settings);
     const std::span<const float> widthsIn = input.widths();
     const bool hasWidths = widthsIn.size() == input.pointCount();
     std::vector<Vec3f>& points = out.writePoints();
-    std::vector<float>& widths = out.writeWidths();
+    // Kept widths are read from nowhere and written nowhere: the walk carries none.
+    float* const widths = widthsKept ? nullptr : out.writeWidths().data();
+    const bool carryWidths = hasWidths && !widthsKept;
     const std::vector<std::string> names = input.pointChannelNames();
     std::vector<const std::vector<float>*> channelsIn;
     std::vector<std::vector<float>*> channelsOut;
@@ -190,7 +215,7 @@ void resampleInto(const StrandSet& input, const ResampleSettings& settings,
             if (plan.kept) {
                 for (std::size_t k = 0; k < count; ++k) {
                     points[to + k] = input.points()[from.begin + k];
-                    widths[to + k] = hasWidths ? widthsIn[from.begin + k] : 1.0f;
+                    if (widths) widths[to + k] = hasWidths ? widthsIn[from.begin + k] : 1.0f;
                     for (std::size_t c = 0; c < names.size(); ++c)
                         (*channelsOut[c])[to + k] = (*channelsIn[c])[from.begin + k];
                 }
@@ -212,9 +237,9 @@ void resampleInto(const StrandSet& input, const ResampleSettings& settings,
                 segmentAt.resize(count);
                 fractionAt.resize(count);
             }
-            const float* widthsFrom = hasWidths ? widthsIn.data() + from.begin : nullptr;
+            const float* widthsFrom = carryWidths ? widthsIn.data() + from.begin : nullptr;
             Vec3f* pointsTo = points.data() + to;
-            float* widthsTo = widths.data() + to;
+            float* widthsTo = widths ? widths + to : nullptr;
             const std::size_t lastSegment = strand.size() - 2;
             std::size_t segment = 0;
             for (std::size_t k = 0; k < count; ++k) {
@@ -225,10 +250,11 @@ void resampleInto(const StrandSet& input, const ResampleSettings& settings,
                 const float fraction =
                     span > 0.0f ? std::clamp((arc - arcs[segment]) / span, 0.0f, 1.0f) : 0.0f;
                 pointsTo[k] = lerp(strand[segment], strand[segment + 1], fraction);
-                widthsTo[k] = widthsFrom
-                                  ? widthsFrom[segment] +
-                                        (widthsFrom[segment + 1] - widthsFrom[segment]) * fraction
-                                  : 1.0f;
+                if (widthsTo)
+                    widthsTo[k] =
+                        widthsFrom ? widthsFrom[segment] +
+                                         (widthsFrom[segment + 1] - widthsFrom[segment]) * fraction
+                                   : 1.0f;
                 if (noted) {
                     segmentAt[k] = static_cast<std::uint32_t>(segment);
                     fractionAt[k] = fraction;
@@ -250,6 +276,8 @@ void resampleInto(const StrandSet& input, const ResampleSettings& settings,
         std::size_t waiting[kArcWalkLanes];
         std::size_t waitingCount = 0;
         std::size_t waitingPoints = 0;
+        // Where the widths are kept, the lanes' widths go here and are dropped.
+        alignas(32) float droppedWidths[kArcWalkLanes][kArcWalkMostPoints];
         const auto resampleWaiting = [&] {
             for (std::size_t l = 0; l < waitingCount; ++l)
                 resampleOne(waiting[l]);
@@ -274,12 +302,12 @@ void resampleInto(const StrandSet& input, const ResampleSettings& settings,
             for (std::size_t l = 0; l < kArcWalkLanes; ++l) {
                 const std::size_t begin = input.pointRange(waiting[l]).begin;
                 from[l] = input.points().data() + begin;
-                widthsFrom[l] = hasWidths ? widthsIn.data() + begin : nullptr;
+                widthsFrom[l] = carryWidths ? widthsIn.data() + begin : nullptr;
                 to[l] = points.data() + offsets[waiting[l]];
-                widthsTo[l] = widths.data() + offsets[waiting[l]];
+                widthsTo[l] = widths ? widths + offsets[waiting[l]] : droppedWidths[l];
             }
             const unsigned kept =
-                resampleLanes(from, hasWidths ? widthsFrom : nullptr, n,
+                resampleLanes(from, carryWidths ? widthsFrom : nullptr, n,
                               static_cast<std::uint32_t>(settings.segments), to, widthsTo);
             // A strand of no length is kept as it came: its lane is redone alone.
             for (std::size_t l = 0; l < kArcWalkLanes; ++l)
@@ -305,13 +333,16 @@ StrandSet resampleStrands(const StrandSet& input, const ResampleSettings& settin
             offsets[s + 1] = offsets[s] + counts[s];
     }
     const std::size_t total = out.offsets().back();
+    // Widths that the walk gives back as they are (one width along each strand, as Width without
+    // a profile writes them) stay the input's column, shared, where every strand keeps its count.
+    const bool widthsKept = sameCounts && widthsStayAlongStrands(input);
     // resampleInto writes every value: the points and widths are fresh arrays of the new length
     // (pooled ones where the pool kept them), neither copied from the input nor zeroed.
     out.overwritePoints(total);
-    out.overwriteWidths(total);
+    if (!widthsKept) out.overwriteWidths(total);
     for (const std::string& name : input.pointChannelNames())
         out.addPointChannel(name, input.pointChannelDefault(name)).resize(total);
-    resampleInto(input, settings, StrandSelection::every(), out);
+    resampleInto(input, settings, StrandSelection::every(), out, widthsKept);
     return out;
 }
 

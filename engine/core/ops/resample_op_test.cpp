@@ -244,6 +244,57 @@ TEST(Resample, EvenWalkGivesThePlainFormulasBitsOnAwkwardStrands) {
     }
 }
 
+// Widths that are one number along each strand come back from the walk bit for bit, so a result
+// whose strands keep their counts shares the input's widths instead of writing fresh ones. A strand
+// whose widths vary, a negative zero (the blend adds a positive zero to it), a width that is not
+// finite or a change of counts makes the walk write them all. Either way every bit is the plain
+// formula's, on one and two threads, in the lanes and one by one.
+TEST(Resample, SharesTheWidthsTheWalkGivesBack) {
+    std::vector<std::vector<Vec3f>> shapes = {straight(1), straight(17, 0.0f)};
+    for (std::uint64_t s = 0; s < 300; ++s) {
+        std::vector<Vec3f> shape(17);
+        for (std::size_t k = 1; k < shape.size(); ++k)
+            shape[k] = shape[k - 1] + Vec3f{unitFloat(hashCombine(s, 3 * k)) - 0.5f,
+                                            unitFloat(hashCombine(s, 3 * k + 1)),
+                                            unitFloat(hashCombine(s, 3 * k + 2)) - 0.5f};
+        shapes.push_back(std::move(shape));
+    }
+    const float inf = std::numeric_limits<float>::infinity();
+    struct Case {
+        const char* what;
+        std::uint32_t segments;
+        float width;  // strand 40's widths; NAN: one point of it differs
+        bool shared;
+    };
+    const Case cases[] = {{"one width a strand", 16, 0.03f, true},
+                          {"one point differs", 16, NAN, false},
+                          {"negative zero", 16, -0.0f, false},
+                          {"infinite", 16, inf, false},
+                          {"other counts", 12, 0.03f, false}};
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
+        auto strands = std::make_shared<StrandSet>(*handStrands(shapes));
+        std::vector<float>& widths = strands->writeWidths();
+        for (std::size_t s = 0; s < strands->strandCount(); ++s) {
+            const StrandSet::PointRange range = strands->pointRange(s);
+            std::fill_n(widths.begin() + static_cast<std::ptrdiff_t>(range.begin), range.count,
+                        s == 40 && !std::isnan(c.width) ? c.width : 0.001f * static_cast<float>(s));
+        }
+        if (std::isnan(c.width)) widths[strands->pointRange(40).begin + 5] = 0.5f;
+        StrandSet withCurl(*strands);
+        withCurl.addPointChannel("curl", 0.0f);
+        const PlainResample want = plainEven(withCurl, c.segments);
+        const auto [one, two] =
+            test::onOneAndTwoThreads([&] { return resample(c.segments).run(strands); });
+        for (const auto& got : {one, two}) {
+            EXPECT_EQ(got->columnData(ColumnId::kWidths) == strands->columnData(ColumnId::kWidths),
+                      c.shared);
+            EXPECT_EQ(bitsOf(got->points()), bitsOf(std::span<const Vec3f>(want.points)));
+            EXPECT_EQ(bitsOf(got->widths()), bitsOf(std::span<const float>(want.widths)));
+        }
+    }
+}
+
 TEST(Resample, ARedoOfEveryStrandNamesTheColumnsThatMoveWithThePoints) {
     test::EvaluationSwitchesRestored restore;
     setIncrementalCheck(true);

@@ -73,9 +73,15 @@ std::vector<std::uint32_t> resamplePointCounts(const StrandSet& input,
                                                const ResampleSettings& settings);
 StrandSet resampleStrands(const StrandSet& input, const ResampleSettings& settings);
 // Rewrites the points, widths and point channels of the selected strands of `out`, whose offsets
-// already hold the resampled counts and whose point channels are those of `input`.
+// already hold the resampled counts and whose point channels are those of `input`. With
+// `widthsKept` the widths of `out` are left as they are: they must be the input's, unchanged by
+// the walk (widthsStayAlongStrands) on strands that keep their counts.
 void resampleInto(const StrandSet& input, const ResampleSettings& settings,
-                  const StrandSelection& selection, StrandSet& out);
+                  const StrandSelection& selection, StrandSet& out, bool widthsKept = false);
+// Whether the walk gives every strand of `input` its own widths back bit for bit: each
+// strand's widths are one number all along it (a blend of equal ends is that number), finite and
+// not a negative zero (to which a blend adds a positive one). False for a set without widths.
+bool widthsStayAlongStrands(const StrandSet& input);
 
 // Noise: a displacement per point, on a fraction of the strands.
 enum class NoiseSpace { Strand, World };

@@ -234,17 +234,12 @@ bool runInPlace(const std::vector<Value>& inputs, const IncrementalInputs* incre
             return false;
     }
     auto made = std::make_shared<StrandSet>(*input);
-    // The unchanged strands keep the previous result's values; only the listed ones are redone.
-    // The previous result is let go of here: where nothing else held it, its columns are now this
-    // run's alone and are written in place, else the first write copies them.
-    StrandSet before(*previous);
-    previous.reset();
-    incremental->takePrevious();
-    for (const ColumnId column : columns)
-        made->moveColumnFrom(column, before);
     if (readChannels && changed->onlyOtherChannels(*readChannels)) {
-        // Nothing this run reads has changed: its columns are the previous ones, and the strands
-        // differ from the previous result exactly as the input differs from its own.
+        // Nothing this run reads has changed: its columns are the previous ones, shared (a node
+        // after it may hold them too, and nothing writes them), and the strands differ from the
+        // previous result exactly as the input differs from its own.
+        for (const ColumnId column : columns)
+            made->shareColumnFrom(column, *previous);
         *changes = *changed;
         *out = std::shared_ptr<const StrandSet>(std::move(made));
         return true;
@@ -252,6 +247,25 @@ bool runInPlace(const std::vector<Value>& inputs, const IncrementalInputs* incre
     std::vector<std::uint64_t> redo =
         widen ? widen(changed->strands)
               : std::vector<std::uint64_t>(changed->strands.begin(), changed->strands.end());
+    if (redo.size() == input->strandCount()) {
+        // Every strand is redone, so no previous value is kept: the columns are written whole,
+        // into fresh arrays, never into a copy of previous ones that a node after this one may
+        // still hold (a Resample sharing the widths). The previous result is let go of first, so
+        // that what it alone held goes back to the pool for these arrays.
+        previous.reset();
+        incremental->takePrevious();
+        for (const ColumnId column : columns)
+            freshColumn(*made, column);
+    } else {
+        // The unchanged strands keep the previous result's values; only the listed ones are
+        // redone. The previous result is let go of here: where nothing else held it, its columns
+        // are now this run's alone and are written in place, else the first write copies them.
+        StrandSet before(*previous);
+        previous.reset();
+        incremental->takePrevious();
+        for (const ColumnId column : columns)
+            made->moveColumnFrom(column, before);
+    }
     apply(*input,
           redo.size() == input->strandCount() ? StrandSelection::every()
                                               : StrandSelection::only(redo),

@@ -399,6 +399,42 @@ void StrandSet::moveColumnFrom(ColumnId column, StrandSet& source) {
     }
 }
 
+template <class T>
+void StrandSet::shareArray(Column<T>& column, const Column<T>& source, const StrandSet& sourceSet) {
+    ArrayPtr<T> shared;
+    {
+        std::lock_guard guard(sourceSet.columnLock_);
+        shared = source.array;
+        // Both sides hold the array now, so neither may write in place.
+        source.owned = false;
+    }
+    dropCachedExtents();
+    std::lock_guard guard(columnLock_);
+    column.array = std::move(shared);
+    column.owned = false;
+}
+
+void StrandSet::shareColumnFrom(ColumnId column, const StrandSet& source) {
+    if (&source == this) return;
+    switch (column) {
+        case ColumnId::kIds:
+            shareArray(ids_, source.ids_, source);
+            break;
+        case ColumnId::kRoots:
+            shareArray(roots_, source.roots_, source);
+            break;
+        case ColumnId::kOffsets:
+            shareArray(offsets_, source.offsets_, source);
+            break;
+        case ColumnId::kPoints:
+            shareArray(points_, source.points_, source);
+            break;
+        case ColumnId::kWidths:
+            shareArray(widths_, source.widths_, source);
+            break;
+    }
+}
+
 bool StrandSet::moveStrandChannelFrom(const std::string& name, StrandSet& source) {
     return moveChannelFrom(&StrandSet::strandChannels_, name, source);
 }

@@ -207,6 +207,10 @@ class StrandSet {
     void moveColumnFrom(ColumnId column, StrandSet& source);
     bool moveStrandChannelFrom(const std::string& name, StrandSet& source);
     bool movePointChannelFrom(const std::string& name, StrandSet& source);
+    // Take a column of `source` as a shallow copy takes it: both sets hold the one array and
+    // neither owns it, so that nothing is copied until one of them writes to it. Drops the cached
+    // extents of this set.
+    void shareColumnFrom(ColumnId column, const StrandSet& source);
     // Take a channel of `source` as a shallow copy takes it: both sets hold the one array and
     // neither owns it, so that nothing is copied until one of them writes to it. Replaces a
     // channel of that name at the same level. False, changing nothing, when `source` lacks it.
@@ -235,6 +239,8 @@ class StrandSet {
     void replaceArray(Column<T>& column, ArrayPtr<T> array, bool owned);
     template <class T>
     void moveArray(Column<T>& column, Column<T>& source, StrandSet& sourceSet);
+    template <class T>
+    void shareArray(Column<T>& column, const Column<T>& source, const StrandSet& sourceSet);
     template <class T>
     void appendValues(Column<T>& column, std::span<const T> values);
     // The channel half of the move-a-column operations, for either channel map.

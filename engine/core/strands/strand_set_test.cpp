@@ -642,6 +642,27 @@ TEST(StrandSet, SharingAChannelHoldsOneArrayUntilEitherSideWrites) {
     EXPECT_EQ(*source.strandChannel("mass"), before);
 }
 
+// Sharing a fixed column holds the source's array on both sides, owned by neither, and drops the
+// target's cached extents (shared points are other points); a write on either side copies.
+TEST(StrandSet, SharingAColumnHoldsOneArrayUntilEitherSideWrites) {
+    StrandSet source = randomStrands(20, 28);
+    source.writePoints();
+    StrandSet target = randomStrands(20, 29);
+    const StrandSet::Extent before = target.bounds();
+    for (ColumnId column : kAllColumns) {
+        target.shareColumnFrom(column, source);
+        EXPECT_EQ(target.columnData(column), source.columnData(column));
+        EXPECT_FALSE(target.isOwned(column));
+        EXPECT_FALSE(source.isOwned(column));
+    }
+    EXPECT_EQ(target.bounds(), source.bounds());
+    EXPECT_NE(target.bounds(), before);
+    const std::vector<Vec3f> points(source.points().begin(), source.points().end());
+    target.writePoints()[0].x += 1.0f;
+    EXPECT_NE(target.columnData(ColumnId::kPoints), source.columnData(ColumnId::kPoints));
+    EXPECT_EQ(values(source.points()), points);
+}
+
 TEST(StrandSet, LargeWritesTakeThePooledArrayLeaveSharersAloneAndGiveItBack) {
     const std::size_t points = 360000;  // 4.3 MB of points
     ArrayPool<Vec3f>& pool = ArrayPool<Vec3f>::instance();
