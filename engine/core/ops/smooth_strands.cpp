@@ -8,6 +8,7 @@
 #include <limits>
 #include <vector>
 
+#include "base/float_lanes.h"
 #include "base/parallel.h"
 #include "ops/shape_kernels.h"
 #include "ops/shape_ops.h"
@@ -361,24 +362,13 @@ __attribute__((target("avx"))) void rowsToLanesWide(const StrandRows* rows,
                                                     LaneRow* const (&curve)[3], int cells) {
     for (int axis = 0; axis < 3; ++axis) {
         for (int j = 0; j < cells; j += 8) {
-            __m256 r[8];
+            const float* from[8];
             for (int l = 0; l < kLanes; ++l)
-                r[l] = _mm256_loadu_ps(rows[l][axis] + j);
-            const __m256 t0 = _mm256_unpacklo_ps(r[0], r[1]), t1 = _mm256_unpackhi_ps(r[0], r[1]);
-            const __m256 t2 = _mm256_unpacklo_ps(r[2], r[3]), t3 = _mm256_unpackhi_ps(r[2], r[3]);
-            const __m256 t4 = _mm256_unpacklo_ps(r[4], r[5]), t5 = _mm256_unpackhi_ps(r[4], r[5]);
-            const __m256 t6 = _mm256_unpacklo_ps(r[6], r[7]), t7 = _mm256_unpackhi_ps(r[6], r[7]);
-            const __m256 u0 = _mm256_shuffle_ps(t0, t2, 0x44), u1 = _mm256_shuffle_ps(t0, t2, 0xEE);
-            const __m256 u2 = _mm256_shuffle_ps(t1, t3, 0x44), u3 = _mm256_shuffle_ps(t1, t3, 0xEE);
-            const __m256 u4 = _mm256_shuffle_ps(t4, t6, 0x44), u5 = _mm256_shuffle_ps(t4, t6, 0xEE);
-            const __m256 u6 = _mm256_shuffle_ps(t5, t7, 0x44), u7 = _mm256_shuffle_ps(t5, t7, 0xEE);
-            const __m256 columns[8] = {
-                _mm256_permute2f128_ps(u0, u4, 0x20), _mm256_permute2f128_ps(u1, u5, 0x20),
-                _mm256_permute2f128_ps(u2, u6, 0x20), _mm256_permute2f128_ps(u3, u7, 0x20),
-                _mm256_permute2f128_ps(u0, u4, 0x31), _mm256_permute2f128_ps(u1, u5, 0x31),
-                _mm256_permute2f128_ps(u2, u6, 0x31), _mm256_permute2f128_ps(u3, u7, 0x31)};
+                from[l] = rows[l][axis] + j;
+            float_lanes::wide::F columns[8];
+            float_lanes::wide::transposeEight(from, columns);
             for (int i = 0; i < 8; ++i)
-                _mm256_storeu_ps(curve[axis][j + i], columns[i]);
+                _mm256_storeu_ps(curve[axis][j + i], columns[i].v);
         }
     }
 }
