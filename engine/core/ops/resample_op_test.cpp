@@ -16,6 +16,7 @@ namespace {
 
 using test::expectPointsNear;
 using test::handStrands;
+using test::randomWalk;
 using test::ShapeRun;
 using test::straight;
 
@@ -251,14 +252,8 @@ TEST(Resample, EvenWalkGivesThePlainFormulasBitsOnAwkwardStrands) {
 // formula's, on one and two threads, in the lanes and one by one.
 TEST(Resample, SharesTheWidthsTheWalkGivesBack) {
     std::vector<std::vector<Vec3f>> shapes = {straight(1), straight(17, 0.0f)};
-    for (std::uint64_t s = 0; s < 300; ++s) {
-        std::vector<Vec3f> shape(17);
-        for (std::size_t k = 1; k < shape.size(); ++k)
-            shape[k] = shape[k - 1] + Vec3f{unitFloat(hashCombine(s, 3 * k)) - 0.5f,
-                                            unitFloat(hashCombine(s, 3 * k + 1)),
-                                            unitFloat(hashCombine(s, 3 * k + 2)) - 0.5f};
-        shapes.push_back(std::move(shape));
-    }
+    for (std::uint64_t s = 0; s < 300; ++s)
+        shapes.push_back(randomWalk(17, s));
     const float inf = std::numeric_limits<float>::infinity();
     struct Case {
         const char* what;

@@ -67,11 +67,7 @@ std::shared_ptr<const StrandSet> awkwardRuns(const ScalpMesh& scalp) {
     auto set = std::make_shared<StrandSet>(*mixedRuns(scalp));
     const float nan = std::numeric_limits<float>::quiet_NaN();
     for (std::uint64_t s = 0; s < 16; ++s) {
-        std::vector<Vec3f> points(9);
-        for (std::size_t k = 1; k < points.size(); ++k)
-            points[k] = points[k - 1] + Vec3f{unitFloat(hashCombine(s, 3 * k)) - 0.5f,
-                                              unitFloat(hashCombine(s, 3 * k + 1)),
-                                              unitFloat(hashCombine(s, 3 * k + 2)) - 0.5f};
+        std::vector<Vec3f> points = test::randomWalk(9, s);
         if (s == 1) points[4] = points[3];
         if (s == 2) points[1] = points[0], points[8] = points[7];
         if (s == 3) std::fill(points.begin(), points.end(), points[0]);

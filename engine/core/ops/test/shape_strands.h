@@ -88,6 +88,17 @@ inline std::vector<Vec3f> straight(std::size_t count, float step = 1.0f,
     return points;
 }
 
+// A strand of `count` points from the origin, each step a hashed draw of `seed`: up to half a unit
+// across x and z, up to one along y.
+inline std::vector<Vec3f> randomWalk(std::size_t count, std::uint64_t seed) {
+    std::vector<Vec3f> points(count);
+    for (std::size_t k = 1; k < count; ++k)
+        points[k] = points[k - 1] + Vec3f{unitFloat(hashCombine(seed, 3 * k)) - 0.5f,
+                                          unitFloat(hashCombine(seed, 3 * k + 1)),
+                                          unitFloat(hashCombine(seed, 3 * k + 2)) - 0.5f};
+    return points;
+}
+
 // Random strands (0 to 12 points, some empty or of one point) from the strand tests, as a set.
 inline std::shared_ptr<const StrandSet> mixedStrands(std::size_t count, std::uint64_t seed) {
     return std::make_shared<const StrandSet>(randomStrands(count, seed));
