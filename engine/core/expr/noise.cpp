@@ -1,10 +1,12 @@
 #include "expr/noise.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cmath>
 #include <limits>
 
 #include "base/hash.h"
+#include "expr/noise_faces.h"
 
 #if defined(__SSE2__) || defined(_M_X64) || defined(_M_AMD64)
 #include <emmintrin.h>
@@ -387,13 +389,119 @@ Vec3f FractalNoiseAlongZ::at(float z) {
     return Vec3f{sum[0], sum[1], sum[2]} * scale_;
 }
 
+namespace {
+
+// A strand's samples at most, and the faces one octave may blend for them, on the stack.
+constexpr std::size_t kMostSamples = 256;
+constexpr std::int32_t kMostFaces = 64;
+static_assert(noise_faces::kMostFaces == kMostFaces);
+// Below this a cell's lower z is a float's floor and fits the cell number with room to spare;
+// farther out the samples take the general walk, which minds the ends of the range.
+constexpr float kPlainReach = 2097152.0f;  // 2^21
+
+// One octave's samples of a line: per sample q, its cell's lower z as a float and as a cell number,
+// the offset in the cell and its fade. Four more than the samples, for the lanes' padding.
+struct OctaveSamples {
+    alignas(16) float q[kMostSamples + 4];
+    alignas(16) float below[kMostSamples + 4];
+    alignas(16) std::int32_t cell[kMostSamples + 4];
+    alignas(16) float offset[kMostSamples + 4];
+    alignas(16) float fade[kMostSamples + 4];
+};
+
+// The samples z[0..count) of a line (count <= kMostSamples) padded to whole lanes with copies of
+// the last, which change no lowest or highest cell and whose results are dropped.
+struct PaddedSamples {
+    alignas(16) float z[kMostSamples + 4];
+    std::size_t count = 0;
+    std::size_t lanes = 0;
+};
+
+void padSamples(std::span<const float> z, PaddedSamples& padded) {
+    padded.count = z.size();
+    padded.lanes = (padded.count + 3) & ~std::size_t{3};
+    std::copy(z.begin(), z.end(), padded.z);
+    std::fill(padded.z + padded.count, padded.z + padded.lanes,
+              padded.count > 0 ? z[padded.count - 1] : 0.0f);
+}
+
+// Fills `out` for one octave at `frequency` and gives the faces its samples reach, from the lowest
+// cell's to the highest's upper one: 0 where they are not plain (out of reach), too many for the
+// stack, or more than twice the samples (a frequency finer than them: the walk makes fewer).
+std::int32_t octaveFaces(const PaddedSamples& z, float frequency, OctaveSamples& out,
+                         std::int32_t& lowest) {
+    const std::size_t count = z.count;
+    bool plain = true;
+    lowest = 0;
+    std::int32_t highest = -1;
+#if VELMORIN_NOISE_SSE2
+    // Four samples at a time, each lane with the operations of the plain loop below:
+    // floorOf's truncation, step down and sign, and noiseFade's products in their order.
+    if (count > 0) {
+        const __m128 frequencyLanes = _mm_set1_ps(frequency);
+        const __m128 reach = _mm_set1_ps(kPlainReach);
+        const __m128 sign = _mm_set1_ps(-0.0f);
+        __m128 inReach = _mm_castsi128_ps(_mm_set1_epi32(-1));
+        __m128 least = _mm_set1_ps(kPlainReach), most = _mm_set1_ps(-kPlainReach);
+        for (std::size_t i = 0; i < z.lanes; i += 4) {
+            const __m128 v = _mm_mul_ps(_mm_load_ps(z.z + i), frequencyLanes);
+            inReach = _mm_and_ps(inReach, _mm_cmplt_ps(_mm_andnot_ps(sign, v), reach));
+            const __m128 t = _mm_cvtepi32_ps(_mm_cvttps_epi32(v));
+            const __m128 down = _mm_cmpgt_ps(t, v);
+            const __m128 signedT = _mm_or_ps(_mm_andnot_ps(sign, t), _mm_and_ps(sign, v));
+            const __m128 b = _mm_or_ps(_mm_and_ps(down, _mm_sub_ps(t, _mm_set1_ps(1.0f))),
+                                       _mm_andnot_ps(down, signedT));
+            const __m128 f = _mm_sub_ps(v, b);
+            const __m128 cubed = _mm_mul_ps(_mm_mul_ps(f, f), f);
+            const __m128 inner = _mm_add_ps(
+                _mm_mul_ps(f, _mm_sub_ps(_mm_mul_ps(f, _mm_set1_ps(6.0f)), _mm_set1_ps(15.0f))),
+                _mm_set1_ps(10.0f));
+            _mm_store_ps(out.q + i, v);
+            _mm_store_ps(out.below + i, b);
+            _mm_store_si128(reinterpret_cast<__m128i*>(out.cell + i), _mm_cvttps_epi32(b));
+            _mm_store_ps(out.offset + i, f);
+            _mm_store_ps(out.fade + i, _mm_mul_ps(cubed, inner));
+            least = _mm_min_ps(least, b);
+            most = _mm_max_ps(most, b);
+        }
+        plain = _mm_movemask_ps(inReach) == 0xF;
+        if (plain) {
+            // Whole floats in reach: the least and most cells as floats, then as numbers.
+            alignas(16) float ends[2][4];
+            _mm_store_ps(ends[0], least);
+            _mm_store_ps(ends[1], most);
+            lowest = static_cast<std::int32_t>(
+                std::min(std::min(ends[0][0], ends[0][1]), std::min(ends[0][2], ends[0][3])));
+            highest = static_cast<std::int32_t>(
+                std::max(std::max(ends[1][0], ends[1][1]), std::max(ends[1][2], ends[1][3])));
+        }
+    }
+#else
+    for (std::size_t i = 0; i < count; ++i) {
+        out.q[i] = z.z[i] * frequency;
+        plain = plain && std::fabs(out.q[i]) < kPlainReach;
+    }
+    if (plain && count > 0) {
+        lowest = std::numeric_limits<std::int32_t>::max();
+        highest = std::numeric_limits<std::int32_t>::min();
+        for (std::size_t i = 0; i < count; ++i) {
+            out.below[i] = floorOf(out.q[i]);
+            out.cell[i] = static_cast<std::int32_t>(out.below[i]);
+            out.offset[i] = out.q[i] - out.below[i];
+            out.fade[i] = noiseFade(out.offset[i]);
+            lowest = std::min(lowest, out.cell[i]);
+            highest = std::max(highest, out.cell[i]);
+        }
+    }
+#endif
+    const std::int32_t faces = highest - lowest + 2;
+    if (!plain || faces > kMostFaces || static_cast<std::size_t>(faces) > 2 * count + 2) return 0;
+    return faces;
+}
+
+}  // namespace
+
 void FractalNoiseAlongZ::along(std::span<const float> z, std::span<Vec3f> out) {
-    // A strand's samples at most, and the faces one octave may blend for them, on the stack.
-    constexpr std::size_t kMostSamples = 256;
-    constexpr std::int32_t kMostFaces = 64;
-    // Below this a cell's lower z is a float's floor and fits the cell number with room to spare;
-    // farther out the samples take the general walk, which minds the ends of the range.
-    constexpr float kPlainReach = 2097152.0f;  // 2^21
     const std::size_t count = z.size();
     if (count > kMostSamples) {
         for (std::size_t i = 0; i < count; ++i)
@@ -403,92 +511,17 @@ void FractalNoiseAlongZ::along(std::span<const float> z, std::span<Vec3f> out) {
     alignas(16) float sums[kMostSamples][4];
     for (std::size_t i = 0; i < count; ++i)
         std::fill_n(sums[i], 4, 0.0f);
-    // Per sample and octave: q, its cell's lower z as a float and as a cell number, the offset in
-    // the cell and its fade. Four more than the samples, for the lanes' padding.
-    alignas(16) float q[kMostSamples + 4];
-    alignas(16) float below[kMostSamples + 4];
-    alignas(16) std::int32_t cell[kMostSamples + 4];
-    alignas(16) float offset[kMostSamples + 4];
-    alignas(16) float fade[kMostSamples + 4];
+    PaddedSamples padded;
+    padSamples(z, padded);
+    OctaveSamples samples;
     alignas(16) float constant[kMostFaces][4];
     alignas(16) float slope[kMostFaces][4];
-#if VELMORIN_NOISE_SSE2
-    // The samples padded to whole lanes with copies of the last, which change no lowest or highest
-    // cell and whose results are dropped.
-    alignas(16) float padded[kMostSamples + 4];
-    const std::size_t lanes = (count + 3) & ~std::size_t{3};
-    std::copy(z.begin(), z.end(), padded);
-    std::fill(padded + count, padded + lanes, count > 0 ? z[count - 1] : 0.0f);
-#endif
     for (int o = 0; o < octaveCount_; ++o) {
         Octave& octave = octaves_[o];
         if (octave.weight == 0.0f) continue;
-        bool plain = true;
-        std::int32_t lowest = 0, highest = -1;
-#if VELMORIN_NOISE_SSE2
-        // Four samples at a time, each lane with the operations of the plain loop below:
-        // floorOf's truncation, step down and sign, and noiseFade's products in their order.
-        if (count > 0) {
-            const __m128 frequency = _mm_set1_ps(octave.frequency);
-            const __m128 reach = _mm_set1_ps(kPlainReach);
-            const __m128 sign = _mm_set1_ps(-0.0f);
-            __m128 inReach = _mm_castsi128_ps(_mm_set1_epi32(-1));
-            __m128 least = _mm_set1_ps(kPlainReach), most = _mm_set1_ps(-kPlainReach);
-            for (std::size_t i = 0; i < lanes; i += 4) {
-                const __m128 v = _mm_mul_ps(_mm_load_ps(padded + i), frequency);
-                inReach = _mm_and_ps(inReach, _mm_cmplt_ps(_mm_andnot_ps(sign, v), reach));
-                const __m128 t = _mm_cvtepi32_ps(_mm_cvttps_epi32(v));
-                const __m128 down = _mm_cmpgt_ps(t, v);
-                const __m128 signedT = _mm_or_ps(_mm_andnot_ps(sign, t), _mm_and_ps(sign, v));
-                const __m128 b = _mm_or_ps(_mm_and_ps(down, _mm_sub_ps(t, _mm_set1_ps(1.0f))),
-                                           _mm_andnot_ps(down, signedT));
-                const __m128 f = _mm_sub_ps(v, b);
-                const __m128 cubed = _mm_mul_ps(_mm_mul_ps(f, f), f);
-                const __m128 inner = _mm_add_ps(
-                    _mm_mul_ps(f, _mm_sub_ps(_mm_mul_ps(f, _mm_set1_ps(6.0f)), _mm_set1_ps(15.0f))),
-                    _mm_set1_ps(10.0f));
-                _mm_store_ps(q + i, v);
-                _mm_store_ps(below + i, b);
-                _mm_store_si128(reinterpret_cast<__m128i*>(cell + i), _mm_cvttps_epi32(b));
-                _mm_store_ps(offset + i, f);
-                _mm_store_ps(fade + i, _mm_mul_ps(cubed, inner));
-                least = _mm_min_ps(least, b);
-                most = _mm_max_ps(most, b);
-            }
-            plain = _mm_movemask_ps(inReach) == 0xF;
-            if (plain) {
-                // Whole floats in reach: the least and most cells as floats, then as numbers.
-                alignas(16) float ends[2][4];
-                _mm_store_ps(ends[0], least);
-                _mm_store_ps(ends[1], most);
-                lowest = static_cast<std::int32_t>(
-                    std::min(std::min(ends[0][0], ends[0][1]), std::min(ends[0][2], ends[0][3])));
-                highest = static_cast<std::int32_t>(
-                    std::max(std::max(ends[1][0], ends[1][1]), std::max(ends[1][2], ends[1][3])));
-            }
-        }
-#else
-        for (std::size_t i = 0; i < count; ++i) {
-            q[i] = z[i] * octave.frequency;
-            plain = plain && std::fabs(q[i]) < kPlainReach;
-        }
-        if (plain && count > 0) {
-            lowest = std::numeric_limits<std::int32_t>::max();
-            highest = std::numeric_limits<std::int32_t>::min();
-            for (std::size_t i = 0; i < count; ++i) {
-                below[i] = floorOf(q[i]);
-                cell[i] = static_cast<std::int32_t>(below[i]);
-                offset[i] = q[i] - below[i];
-                fade[i] = noiseFade(offset[i]);
-                lowest = std::min(lowest, cell[i]);
-                highest = std::max(highest, cell[i]);
-            }
-        }
-#endif
-        // Every face from the lowest cell's to the highest's upper one; where the samples skip
-        // cells (a frequency finer than them) that is more than the walk makes, and it walks.
-        const std::int32_t faces = highest - lowest + 2;
-        if (!plain || faces > kMostFaces || static_cast<std::size_t>(faces) > 2 * count + 2) {
+        std::int32_t lowest = 0;
+        const std::int32_t faces = octaveFaces(padded, octave.frequency, samples, lowest);
+        if (faces == 0) {
             for (std::size_t i = 0; i < count; ++i)
                 addOctave(octave, z[i] * octave.frequency, sums[i]);
             continue;
@@ -496,13 +529,135 @@ void FractalNoiseAlongZ::along(std::span<const float> z, std::span<Vec3f> out) {
         for (std::int32_t face = 0; face < faces; ++face)
             blendFace(octave, lowest + face, constant[face], slope[face]);
         for (std::size_t i = 0; i < count; ++i) {
-            const std::size_t at = static_cast<std::size_t>(cell[i] - lowest);
-            addBlended(constant[at], slope[at], constant[at + 1], slope[at + 1], offset[i], fade[i],
-                       octave.weight, sums[i]);
+            const std::size_t at = static_cast<std::size_t>(samples.cell[i] - lowest);
+            addBlended(constant[at], slope[at], constant[at + 1], slope[at + 1], samples.offset[i],
+                       samples.fade[i], octave.weight, sums[i]);
         }
     }
     for (std::size_t i = 0; i < count; ++i)
         out[i] = Vec3f{sums[i][0], sums[i][1], sums[i][2]} * scale_;
+}
+
+void FractalNoiseAlongZ::alongLines(std::span<const Line> lines) {
+    using noise_faces::FaceLanes;
+    using noise_faces::FaceRows;
+    using noise_faces::kLanes;
+    // One line at a time where the processor has no 64-bit lanes, for the lines that could not
+    // take the lanes, and for a single line.
+    const auto alone = [&](const Line& line) {
+        startLine(line.x, line.y, line.spacing);
+        along(line.z, line.out);
+    };
+    if (!noiseLanesUsable() || lines.size() < 2) {
+        for (const Line& line : lines)
+            alone(line);
+        return;
+    }
+    struct LineState {
+        PaddedSamples padded;
+        OctaveSamples samples;
+        alignas(16) float sums[kMostLaneSamples][4];
+        bool alone = false;
+    };
+    LineState state[kLanes];
+    FaceLanes faceLanes;
+    FaceRows rows[kLanes];
+    const std::size_t count = std::min(lines.size(), kLanes);
+    for (std::size_t l = 0; l < count; ++l) {
+        const std::size_t samples = lines[l].z.size();
+        state[l].alone = samples > kMostLaneSamples;
+        if (state[l].alone) continue;
+        padSamples(lines[l].z, state[l].padded);
+        for (std::size_t i = 0; i < samples; ++i)
+            std::fill_n(state[l].sums[i], 4, 0.0f);
+    }
+    // The weights of every line by its spacing (mostly one for all), as startLine sets them.
+    float weights[kLanes][16];
+    for (std::size_t l = 0; l < count; ++l) {
+        if (l > 0 && lines[l].spacing == lines[l - 1].spacing) {
+            std::copy_n(weights[l - 1], octaveCount_, weights[l]);
+            continue;
+        }
+        float amplitude = 1.0f;
+        for (int o = 0; o < octaveCount_; ++o) {
+            weights[l][o] = amplitude;
+            if (lines[l].spacing > 0.0f)
+                weights[l][o] *=
+                    1.0f - smoothUnit(0.5f, 1.0f, lines[l].spacing * octaves_[o].frequency);
+            amplitude *= fractal_.gain;
+        }
+    }
+    for (int o = 0; o < octaveCount_; ++o) {
+        const Octave& octave = octaves_[o];
+        std::size_t mostFaces = 0;
+        std::int32_t lowest[kLanes] = {};
+        for (std::size_t l = 0; l < kLanes; ++l) {
+            // Lanes without a line of their own repeat the first line's, and their rows are not
+            // read.
+            const std::size_t from = l < count && !state[l].alone ? l : 0;
+            if (l < count && !state[l].alone && weights[l][o] != 0.0f) {
+                const std::int32_t faces =
+                    octaveFaces(state[l].padded, octave.frequency, state[l].samples, lowest[l]);
+                if (faces == 0) {
+                    state[l].alone = true;
+                } else {
+                    mostFaces = std::max(mostFaces, static_cast<std::size_t>(faces));
+                }
+            }
+            // The line's x and y cell, as startLine finds it.
+            const Line& line = lines[from];
+            const Cell c =
+                cellOf(Vec3f{line.x * octave.frequency, line.y * octave.frequency, 0.0f});
+            faceLanes.fx[l] = c.f[0];
+            faceLanes.fy[l] = c.f[1];
+            faceLanes.fadeX[l] = noiseFade(c.f[0]);
+            faceLanes.fadeY[l] = noiseFade(c.f[1]);
+            const std::uint64_t xs[2] = {
+                static_cast<std::uint64_t>(c.i[0]) * 0x9E3779B185EBCA87ull,
+                (static_cast<std::uint64_t>(c.i[0]) + 1u) * 0x9E3779B185EBCA87ull};
+            const std::uint64_t ys[2] = {
+                static_cast<std::uint64_t>(c.i[1]) * 0xC2B2AE3D27D4EB4Full,
+                (static_cast<std::uint64_t>(c.i[1]) + 1u) * 0xC2B2AE3D27D4EB4Full};
+            for (int k = 0; k < 4; ++k)
+                faceLanes.cornerBase[k][l] = octave.seed ^ xs[k & 1] ^ ys[(k >> 1) & 1];
+            faceLanes.firstFace[l] = lowest[l];
+        }
+        if (mostFaces == 0) continue;
+        noise_faces::blendFaceLanes(faceLanes, mostFaces, rows);
+        for (std::size_t l = 0; l < count; ++l) {
+            if (state[l].alone || weights[l][o] == 0.0f) continue;
+            const OctaveSamples& samples = state[l].samples;
+            const FaceRows& row = rows[l];
+            for (std::size_t i = 0; i < state[l].padded.count; ++i) {
+                const std::size_t at = static_cast<std::size_t>(samples.cell[i] - lowest[l]);
+                addBlended(row.constant[at], row.slope[at], row.constant[at + 1], row.slope[at + 1],
+                           samples.offset[i], samples.fade[i], weights[l][o], state[l].sums[i]);
+            }
+        }
+    }
+    for (std::size_t l = 0; l < count; ++l) {
+        if (state[l].alone) {
+            alone(lines[l]);
+            continue;
+        }
+        for (std::size_t i = 0; i < state[l].padded.count; ++i)
+            lines[l].out[i] =
+                Vec3f{state[l].sums[i][0], state[l].sums[i][1], state[l].sums[i][2]} * scale_;
+    }
+    for (std::size_t l = count; l < lines.size(); l += kLanes)
+        alongLines(lines.subspan(l, std::min(kLanes, lines.size() - l)));
+}
+
+namespace {
+std::atomic<bool> lanesAllowed{true};
+}  // namespace
+
+bool noiseLanesUsable() {
+    return noise_faces::faceLanesUsable() && lanesAllowed.load(std::memory_order_relaxed);
+}
+
+void setNoiseLanesAllowed(bool allowed) {
+    lanesAllowed.store(allowed, std::memory_order_relaxed);
 }
 
 float fractalNoise4(const Vec3f& p, float w, const Fractal& fractal, std::uint64_t seed) {

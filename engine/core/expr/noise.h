@@ -4,6 +4,7 @@
 // Every value is a pure function of the position and a seed, so that results never depend on
 // thread count or order. Values are stable: tests pin a few exact numbers.
 
+#include <cstddef>
 #include <cstdint>
 #include <span>
 
@@ -85,6 +86,24 @@ class FractalNoiseAlongZ {
     // then each sample reads the two around it, so that no sample waits on a cell change.
     void along(std::span<const float> z, std::span<Vec3f> out);
 
+    // A line of alongLines: through x and y, sampled `spacing` apart (fractal.spacing for it), its
+    // samples z into out (out.size() == z.size()).
+    struct Line {
+        float x = 0.0f, y = 0.0f, spacing = 0.0f;
+        std::span<const float> z;
+        std::span<Vec3f> out;
+    };
+    // The lines that go side by side, and the most samples a line may have to go with them.
+    static constexpr std::size_t kLineLanes = 8;
+    static constexpr std::size_t kMostLaneSamples = 64;
+    // startLine(line.x, line.y, line.spacing) then along(line.z, line.out) for every line, to the
+    // same bits. Where noiseLanesUsable(), kLineLanes lines at a time hash and blend the faces
+    // their samples reach side by side, one line per lane, and each line then reads its own faces;
+    // a line with more than kMostLaneSamples samples, or whose samples reach too many faces, takes
+    // along alone. Afterwards the line the walker holds is none in particular: startLine again
+    // before at or along.
+    void alongLines(std::span<const Line> lines);
+
   private:
     struct Octave {
         std::uint64_t seed = 0;
@@ -126,6 +145,13 @@ class FractalNoiseAlongZ {
     int octaveCount_ = 0;
     float scale_ = 0.0f;  // 1 / the sum of amplitudes, or 0
 };
+
+// Whether FractalNoiseAlongZ::alongLines puts lines side by side: where the processor multiplies
+// 64-bit lanes (AVX-512 with DQ and VL) and setNoiseLanesAllowed has not turned it off.
+bool noiseLanesUsable();
+// Turns the side-by-side lines off (false) or back on, for all threads: for the tests and
+// benchmarks that hold them against the one-line path. The bits are the same either way.
+void setNoiseLanesAllowed(bool allowed);
 
 // A 0-1 value per unit cell (the hash of floor(p)), and three of them.
 float cellNoise(const Vec3f& p);

@@ -108,5 +108,78 @@ TEST(FractalNoiseAlongZ, AlongGivesEverySampleTheWalksBits) {
     }
 }
 
+// Lines side by side give each line the bits it gets alone, whatever the group: point counts
+// mixed within a group (none, one, the most a lane takes and one more), lines through lattice
+// planes and huge spots, samples on lattice planes, repeated (zero-length steps), skipping cells,
+// falling and out of plain reach, and spacings that fade octaves out, line by line. On a processor
+// without 64-bit lanes both sides are the one-line path.
+TEST(FractalNoiseAlongZ, LinesSideBySideGiveEachLineItsBits) {
+    const std::size_t counts[] = {17, 0, 9, 1, 64, 65, 2, 33, 16, 5, 200, 3};
+    const float spots[] = {5.0f, -3.0f, 0.0f, -0.0f, 1.0e7f, -3.0e9f, 0.5f, -1.0e-30f};
+    const float spacings[] = {0.1875f, 0.0f, 0.3f, 0.8f, 0.05f, 2.0f};
+    struct Pattern {
+        const char* what;
+        float first, step;
+    };
+    const Pattern patterns[] = {
+        {"rising", 130.0f, 0.19f},        {"on lattice planes", -4.0f, 0.5f},
+        {"repeated", 7.25f, 0.0f},        {"skipping cells", 0.4f, 2.7f},
+        {"falling", 300.0f, -0.31f},      {"out of reach", 3.0e6f, 0.5f},
+        {"whole steps", -2.0f, 1.0f},     {"huge", 1.0e12f, 1.0e9f},
+        {"strand", 211.4f, 3.0f / 16.0f}, {"negative", -511.9f, 0.07f}};
+    constexpr std::size_t kLines = 120;
+    std::vector<std::vector<float>> z(kLines);
+    std::vector<FractalNoiseAlongZ::Line> lines(kLines);
+    for (std::size_t l = 0; l < kLines; ++l) {
+        const Pattern& p = patterns[l % std::size(patterns)];
+        z[l].resize(counts[l % std::size(counts)]);
+        for (std::size_t i = 0; i < z[l].size(); ++i)
+            z[l][i] = p.first + p.step * static_cast<float>(i);
+        // A zero-length step in the middle of a strand: two samples in one place.
+        if (z[l].size() > 4) z[l][z[l].size() / 2] = z[l][z[l].size() / 2 - 1];
+        const float x = l % 3 == 0 ? spots[l % std::size(spots)]
+                                   : (unitFloat(hashCombine(l, 1)) - 0.5f) * 1000.0f;
+        const float y =
+            l % 4 == 1 ? spots[(l / 4) % std::size(spots)] : unitFloat(hashCombine(l, 2)) * 512.0f;
+        lines[l].x = x;
+        lines[l].y = y;
+        lines[l].spacing = spacings[(l / 2) % std::size(spacings)];
+        lines[l].z = z[l];
+    }
+    for (const float octaves : {1.0f, 2.0f, 3.0f, 8.0f}) {
+        Fractal fractal;
+        fractal.octaves = octaves;
+        const std::uint64_t seed =
+            hashCombine(kVectorNoiseSeed, static_cast<std::uint64_t>(octaves));
+        // Each line alone, as a strand's line was walked before lines went side by side.
+        std::vector<std::vector<Vec3f>> want(kLines);
+        FractalNoiseAlongZ walk(fractal, seed);
+        for (std::size_t l = 0; l < kLines; ++l) {
+            want[l].resize(z[l].size());
+            walk.startLine(lines[l].x, lines[l].y, lines[l].spacing);
+            walk.along(z[l], want[l]);
+        }
+        for (const std::size_t group :
+             {std::size_t{1}, std::size_t{3}, std::size_t{8}, std::size_t{11}, kLines}) {
+            std::vector<std::vector<Vec3f>> got(kLines);
+            for (std::size_t l = 0; l < kLines; ++l) {
+                got[l].assign(z[l].size(), Vec3f{-1, -1, -1});
+                lines[l].out = got[l];
+            }
+            FractalNoiseAlongZ batch(fractal, seed);
+            for (std::size_t l = 0; l < kLines; l += group)
+                batch.alongLines(std::span<const FractalNoiseAlongZ::Line>(lines).subspan(
+                    l, std::min(group, kLines - l)));
+            for (std::size_t l = 0; l < kLines; ++l)
+                for (std::size_t i = 0; i < z[l].size(); ++i)
+                    for (int axis = 0; axis < 3; ++axis)
+                        ASSERT_EQ(floatBits(got[l][i][axis]), floatBits(want[l][i][axis]))
+                            << patterns[l % std::size(patterns)].what << " line " << l
+                            << ", sample " << i << ", axis " << axis << ", octaves " << octaves
+                            << ", group " << group;
+        }
+    }
+}
+
 }  // namespace
 }  // namespace velmorin

@@ -60,6 +60,74 @@ float sampleSpacing(const NoiseSettings& settings, float strandLength, std::size
 
 }  // namespace
 
+namespace {
+
+// A noised strand's points from its unit displacements: p + unit * amplitude * profile at each
+// point but the root, noted in `record` when one is kept. `shares` holds each point's share of the
+// length (the root's unused), `units` the displacements of points 1 to n - 1.
+void displaceStrand(const NoiseSettings& settings, std::size_t s, std::size_t begin,
+                    std::span<const Vec3f> points, const float* shares,
+                    std::span<const Vec3f> units, std::span<Vec3f> out, NoiseUnits* record) {
+    const std::size_t n = points.size();
+    const bool amplitudeMapped = settings.amplitude.isMapped();
+    const float plainAmplitude = settings.amplitude.value();
+    if (!amplitudeMapped && !record && settings.profile.keys.empty()) {
+        // One amplitude for every point (the general loop's with a profile of 1): the points and
+        // units as runs of floats, four at a time, each the p + u * a of the loop below.
+        const float a = plainAmplitude * 1.0f;
+        const float* from = &points[1].x;
+        const float* unit = &units[0].x;
+        float* to = &out[begin + 1].x;
+        const std::size_t floats = 3 * (n - 1);
+        std::size_t f = 0;
+#if VELMORIN_SSE_LANES
+        const __m128 amplitudeLanes = _mm_set1_ps(a);
+        for (; f + 4 <= floats; f += 4)
+            _mm_storeu_ps(to + f, _mm_add_ps(_mm_loadu_ps(from + f),
+                                             _mm_mul_ps(_mm_loadu_ps(unit + f), amplitudeLanes)));
+#endif
+        for (; f < floats; ++f)
+            to[f] = from[f] + unit[f] * a;
+        return;
+    }
+    for (std::size_t k = 1; k < n; ++k) {
+        // The same operations in the same order as applyNoiseUnits.
+        const float shape = profileAt(settings.profile, shares[k]);
+        const float a =
+            (amplitudeMapped ? settings.amplitude.atPoint(s, k) : plainAmplitude) * shape;
+        const Vec3f& unit = units[k - 1];
+        out[begin + k] = points[k] + unit * a;
+        if (record) {
+            record->unit[begin + k] = unit;
+            record->profile[begin + k] = shape;
+        }
+    }
+}
+
+// Turns the arcs of points 1 to n - 1 into shares of `total` in place and gives each point's place
+// along the strand's own line of the lattice: base + share * frequency, into along[k - 1].
+void strandLine(float* arcs, std::size_t n, float total, float base, float frequency,
+                float* along) {
+    std::size_t k = 1;
+#if VELMORIN_SSE_LANES
+    // Four points at a time, each lane with the operations of the loop below.
+    const __m128 lengthLanes = _mm_set1_ps(total);
+    const __m128 frequencyLanes = _mm_set1_ps(frequency);
+    const __m128 baseLanes = _mm_set1_ps(base);
+    for (; k + 4 <= n; k += 4) {
+        const __m128 share = _mm_div_ps(_mm_loadu_ps(arcs + k), lengthLanes);
+        _mm_storeu_ps(arcs + k, share);
+        _mm_storeu_ps(along + k - 1, _mm_add_ps(baseLanes, _mm_mul_ps(share, frequencyLanes)));
+    }
+#endif
+    for (; k < n; ++k) {
+        arcs[k] /= total;
+        along[k - 1] = base + arcs[k] * frequency;
+    }
+}
+
+}  // namespace
+
 void noiseStrands(const StrandSet& input, const NoiseSettings& settings,
                   const StrandSelection& selection, std::span<Vec3f> out, NoiseUnits* record) {
     const bool amplitudeMapped = settings.amplitude.isMapped();
@@ -80,6 +148,27 @@ void noiseStrands(const StrandSet& input, const NoiseSettings& settings,
         StrandScratch<Vec3f> unitScratch;
         // The strands' own-space lines, set up once for the chunk.
         FractalNoiseAlongZ line(smooth, noiseSeed);
+        // Strands in their own space wait here, up to a group of lines that go through the lattice
+        // side by side; each keeps its arcs, its places along its line and its displacements.
+        constexpr std::size_t kLanes = FractalNoiseAlongZ::kLineLanes;
+        constexpr std::size_t kMostPoints = FractalNoiseAlongZ::kMostLaneSamples + 1;
+        struct Waiting {
+            std::size_t s = 0, begin = 0;
+            std::span<const Vec3f> points;
+        };
+        Waiting waiting[kLanes];
+        FractalNoiseAlongZ::Line lines[kLanes];
+        std::size_t waitingCount = 0;
+        float waitingArcs[kLanes][kMostPoints];
+        float waitingAlong[kLanes][kMostPoints];
+        Vec3f waitingUnits[kLanes][kMostPoints];
+        const auto flush = [&] {
+            line.alongLines(std::span<const FractalNoiseAlongZ::Line>(lines, waitingCount));
+            for (std::size_t w = 0; w < waitingCount; ++w)
+                displaceStrand(settings, waiting[w].s, waiting[w].begin, waiting[w].points,
+                               waitingArcs[w], lines[w].out, out, record);
+            waitingCount = 0;
+        };
         // The draws of a batch of strands made before their points: each is a chain of hashes
         // that has to wait on the one before, and side by side the chains overlap.
         constexpr std::size_t kBatch = 64;
@@ -115,10 +204,13 @@ void noiseStrands(const StrandSet& input, const NoiseSettings& settings,
                 keep();
                 continue;
             }
-            arcs.resize(n);
+            // In the strand's own space, a strand short enough waits for a group of lines.
+            const bool grouped = settings.mode == NoiseMode::Smooth && !world && n <= kMostPoints;
+            const std::span<float> strandArcs =
+                grouped ? std::span<float>(waitingArcs[waitingCount], n) : (arcs.resize(n), arcs);
             // arcLengths, with the square roots four at a time.
-            segmentLengths(points, arcs);
-            const float total = runningArcs(arcs.data(), n);
+            segmentLengths(points, strandArcs);
+            const float total = runningArcs(strandArcs.data(), n);
             if (!(total > 0.0f)) {
                 keep();
                 continue;
@@ -138,50 +230,23 @@ void noiseStrands(const StrandSet& input, const NoiseSettings& settings,
                 }
                 // In the strand's own space its points lie on one line along z of the lattice,
                 // walked for the whole strand at once.
-                line.startLine(draws.base.x, draws.base.y, fractal.spacing);
-                const std::span<float> along = alongScratch.take(n - 1);
-                const std::span<Vec3f> units = unitScratch.take(n - 1);
-                // Each point's share of the length, made once for the lattice and the profile.
-                std::size_t k = 1;
-#if VELMORIN_SSE_LANES
-                // Four points at a time, each lane with the operations of the loop below.
-                const __m128 lengthLanes = _mm_set1_ps(total);
-                const __m128 frequencyLanes = _mm_set1_ps(frequency);
-                const __m128 baseLanes = _mm_set1_ps(draws.base.z);
-                for (; k + 4 <= n; k += 4) {
-                    const __m128 share = _mm_div_ps(_mm_loadu_ps(arcs.data() + k), lengthLanes);
-                    _mm_storeu_ps(arcs.data() + k, share);
-                    _mm_storeu_ps(along.data() + k - 1,
-                                  _mm_add_ps(baseLanes, _mm_mul_ps(share, frequencyLanes)));
-                }
-#endif
-                for (; k < n; ++k) {
-                    arcs[k] /= total;
-                    along[k - 1] = draws.base.z + arcs[k] * frequency;
-                }
-                line.along(along, units);
-                if (!amplitudeMapped && !record && settings.profile.keys.empty()) {
-                    // One amplitude for every point (displace's with a profile of 1): the points
-                    // and units as runs of floats, four at a time, each the p + u * a of displace.
-                    const float a = plainAmplitude * 1.0f;
-                    const float* from = &points[1].x;
-                    const float* unit = &units[0].x;
-                    float* to = &out[begin + 1].x;
-                    const std::size_t floats = 3 * (n - 1);
-                    std::size_t f = 0;
-#if VELMORIN_SSE_LANES
-                    const __m128 amplitudeLanes = _mm_set1_ps(a);
-                    for (; f + 4 <= floats; f += 4)
-                        _mm_storeu_ps(
-                            to + f, _mm_add_ps(_mm_loadu_ps(from + f),
-                                               _mm_mul_ps(_mm_loadu_ps(unit + f), amplitudeLanes)));
-#endif
-                    for (; f < floats; ++f)
-                        to[f] = from[f] + unit[f] * a;
+                if (grouped) {
+                    const std::size_t w = waitingCount++;
+                    strandLine(strandArcs.data(), n, total, draws.base.z, frequency,
+                               waitingAlong[w]);
+                    waiting[w] = {s, begin, points};
+                    lines[w] = {draws.base.x, draws.base.y, fractal.spacing,
+                                std::span<const float>(waitingAlong[w], n - 1),
+                                std::span<Vec3f>(waitingUnits[w], n - 1)};
+                    if (waitingCount == kLanes) flush();
                     continue;
                 }
-                for (std::size_t k = 1; k < n; ++k)
-                    displace(k, units[k - 1], profileAt(settings.profile, arcs[k]));
+                const std::span<float> along = alongScratch.take(n - 1);
+                const std::span<Vec3f> units = unitScratch.take(n - 1);
+                strandLine(arcs.data(), n, total, draws.base.z, frequency, along.data());
+                line.startLine(draws.base.x, draws.base.y, fractal.spacing);
+                line.along(along, units);
+                displaceStrand(settings, s, begin, points, arcs.data(), units, out, record);
                 continue;
             }
 
@@ -207,6 +272,7 @@ void noiseStrands(const StrandSet& input, const NoiseSettings& settings,
                 displace(k, lerp(from, to, u - below), settings.profile.at(t));
             }
         }
+        if (waitingCount > 0) flush();
     });
 }
 

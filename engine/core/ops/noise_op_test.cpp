@@ -224,5 +224,110 @@ TEST(Noise, KeepsItsBitsAtAnyThreadCount) {
     }
 }
 
+// Strands in their own space go through the lattice side by side where the processor can; every
+// strand must get the bits of the one-line path at 1 and 2 threads, in a full run, with a record
+// kept, and in a preview's subset. Point counts mix within each group (one point, two, the most a
+// lane takes and one more, long ones), with zero-length segments, strands that do not move (all
+// points on the root), huge coordinates, a frequency finer than the points, many octaves, a
+// profile, a mapped amplitude and a fraction.
+TEST(Noise, SideBySideStrandsGiveTheOneLineBits) {
+    const std::size_t counts[] = {17, 2, 65, 1, 9, 66, 33, 3, 17, 100, 5, 17, 64};
+    std::vector<std::vector<Vec3f>> shapes;
+    for (std::size_t s = 0; s < 700; ++s) {
+        std::vector<Vec3f> points = test::randomWalk(counts[s % std::size(counts)], s);
+        if (s % 7 == 3 && points.size() > 4) points[2] = points[1];  // a zero-length segment
+        if (s % 19 == 5) std::fill(points.begin(), points.end(), Vec3f{1, 2, 3});  // no length
+        if (s % 5 == 1)
+            for (Vec3f& p : points)
+                p = p * 3.0e4f + Vec3f{1.0e7f, -2.0e7f, 5.0e6f};  // huge coordinates
+        shapes.push_back(std::move(points));
+    }
+    const auto strands = handStrands(shapes);
+    Ramp falling;
+    falling.linear = true;
+    falling.keys = {{0.0f, 1.0f, 0.0f}, {1.0f, 0.3f, 0.0f}};
+    std::vector<float> perStrand(strands->strandCount());
+    std::vector<std::vector<float>> perPoint(strands->strandCount());
+    for (std::size_t s = 0; s < perStrand.size(); ++s) {
+        perStrand[s] = 0.02f * static_cast<float>(s % 7);
+        for (std::size_t k = 0; k < strands->pointRange(s).count; ++k)
+            perPoint[s].push_back(0.1f + 0.01f * static_cast<float>(k));
+    }
+    struct Variant {
+        const char* what;
+        float frequency;
+        int octaves;
+        bool profiled, mapped;
+        float fraction;
+    };
+    const Variant variants[] = {{"defaults", 3.0f, 2, false, false, 1.0f},
+                                {"finer than the points", 40.0f, 2, false, false, 1.0f},
+                                {"eight octaves", 7.5f, 8, false, false, 0.7f},
+                                {"profile, mapped amplitude", 3.0f, 3, true, true, 1.0f}};
+    std::vector<std::uint64_t> subset;
+    for (std::uint64_t s = 0; s < strands->strandCount(); s += 3)
+        subset.push_back(s);
+    const std::size_t points = strands->pointCount();
+    for (const Variant& variant : variants) {
+        NoiseSettings settings;
+        settings.frequency = variant.frequency;
+        settings.octaves = variant.octaves;
+        settings.fraction = FieldSampler(variant.fraction);
+        if (variant.profiled) settings.profile = falling;
+        if (variant.mapped)
+            settings.amplitude =
+                FieldSampler(std::make_shared<test::ListField>(perStrand, perPoint));
+        // The one-line path at one thread is what every other run must give.
+        setNoiseLanesAllowed(false);
+        std::vector<Vec3f> want(points);
+        runWithThreads(1,
+                       [&] { noiseStrands(*strands, settings, StrandSelection::every(), want); });
+        NoiseUnits wantUnits{std::vector<Vec3f>(points), std::vector<float>(points),
+                             std::vector<std::uint8_t>(strands->strandCount())};
+        noiseStrands(*strands, settings, StrandSelection::every(), want, &wantUnits);
+        for (const bool lanes : {true, false}) {
+            setNoiseLanesAllowed(lanes);
+            for (const int threads : {1, 2}) {
+                std::vector<Vec3f> full(points), recorded(points), preview(points, Vec3f{});
+                NoiseUnits units{std::vector<Vec3f>(points), std::vector<float>(points),
+                                 std::vector<std::uint8_t>(strands->strandCount())};
+                runWithThreads(threads, [&] {
+                    noiseStrands(*strands, settings, StrandSelection::every(), full);
+                    noiseStrands(*strands, settings, StrandSelection::every(), recorded, &units);
+                    noiseStrands(*strands, settings, StrandSelection::only(subset), preview);
+                });
+                const auto where = [&](std::size_t p) {
+                    return std::string(variant.what) + ", point " + std::to_string(p) +
+                           (lanes ? ", lanes" : ", one line") + ", threads " +
+                           std::to_string(threads);
+                };
+                for (std::size_t p = 0; p < points; ++p)
+                    for (int axis = 0; axis < 3; ++axis) {
+                        ASSERT_EQ(floatBits(full[p][axis]), floatBits(want[p][axis])) << where(p);
+                        ASSERT_EQ(floatBits(recorded[p][axis]), floatBits(want[p][axis]))
+                            << where(p);
+                        ASSERT_EQ(floatBits(units.unit[p][axis]),
+                                  floatBits(wantUnits.unit[p][axis]))
+                            << where(p);
+                    }
+                EXPECT_EQ(units.profile, wantUnits.profile) << variant.what;
+                EXPECT_EQ(units.noised, wantUnits.noised) << variant.what;
+                for (const std::uint64_t s : subset)
+                    for (std::size_t p = strands->pointRange(s).begin;
+                         p < strands->pointRange(s).begin + strands->pointRange(s).count; ++p)
+                        for (int axis = 0; axis < 3; ++axis)
+                            ASSERT_EQ(floatBits(preview[p][axis]), floatBits(want[p][axis]))
+                                << "preview, " << where(p);
+            }
+        }
+    }
+    setNoiseLanesAllowed(true);
+    // The strands moved: a run that kept them all would pass the comparisons above as well.
+    std::vector<Vec3f> moved(points);
+    noiseStrands(*strands, NoiseSettings{}, StrandSelection::every(), moved);
+    const std::span<const Vec3f> before = strands->points();
+    EXPECT_NE(moved, std::vector<Vec3f>(before.begin(), before.end()));
+}
+
 }  // namespace
 }  // namespace velmorin

@@ -1,0 +1,46 @@
+#pragma once
+// The faces of lattice noise along z for eight lines at once, one line per lane: the hashes of a
+// face's four corners and their gradients blended across x and y, as FractalNoiseAlongZ blends one
+// face for one line. A line's face costs four 64-bit hash multiplies and a dozen small table reads;
+// in lanes, eight lines' faces cost what one costs alone. Each lane gives the bits of the one-line
+// blend: the same integer steps and the same IEEE operations in the same order, with no fused
+// multiply-add.
+
+#include <cstddef>
+#include <cstdint>
+
+namespace velmorin::noise_faces {
+
+inline constexpr std::size_t kLanes = 8;
+// The most faces one line's samples may reach in one octave.
+inline constexpr std::size_t kMostFaces = 64;
+
+// One octave's lines, lane by lane.
+struct FaceLanes {
+    // Per corner of the line's x and y cell (x + 2 y): the lattice hash's seed and x and y parts.
+    alignas(64) std::uint64_t cornerBase[4][kLanes];
+    // The lattice z of the first face.
+    alignas(64) std::int64_t firstFace[kLanes];
+    // The line's offsets in its x and y cell, and their fades.
+    alignas(32) float fx[kLanes];
+    alignas(32) float fy[kLanes];
+    alignas(32) float fadeX[kLanes];
+    alignas(32) float fadeY[kLanes];
+};
+
+// One line's faces: per face, the three channels (and one unused lane, 0) of the noise on the face
+// as a line in the offset along z: constant + slope * fz.
+struct FaceRows {
+    alignas(16) float constant[kMostFaces][4];
+    alignas(16) float slope[kMostFaces][4];
+};
+
+// Whether this processor multiplies 64-bit lanes (AVX-512 with DQ and VL): blendFaceLanes runs only
+// where it does.
+bool faceLanesUsable();
+
+// Faces firstFace[l] to firstFace[l] + faces - 1 of every lane l into rows[l] (faces <=
+// kMostFaces). Only where faceLanesUsable().
+void blendFaceLanes(const FaceLanes& lanes, std::size_t faces, FaceRows* rows);
+
+}  // namespace velmorin::noise_faces
