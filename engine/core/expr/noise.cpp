@@ -420,7 +420,15 @@ struct PaddedSamples {
 void padSamples(std::span<const float> z, PaddedSamples& padded) {
     padded.count = z.size();
     padded.lanes = (padded.count + 3) & ~std::size_t{3};
-    std::copy(z.begin(), z.end(), padded.z);
+    // A loop rather than a copy: these are a few dozen floats, below what a block move is quick
+    // at.
+    std::size_t i = 0;
+#if VELMORIN_NOISE_SSE2
+    for (; i + 4 <= padded.count; i += 4)
+        _mm_store_ps(padded.z + i, _mm_loadu_ps(z.data() + i));
+#endif
+    for (; i < padded.count; ++i)
+        padded.z[i] = z[i];
     std::fill(padded.z + padded.count, padded.z + padded.lanes,
               padded.count > 0 ? z[padded.count - 1] : 0.0f);
 }
@@ -538,6 +546,24 @@ void FractalNoiseAlongZ::along(std::span<const float> z, std::span<Vec3f> out) {
         out[i] = Vec3f{sums[i][0], sums[i][1], sums[i][2]} * scale_;
 }
 
+namespace {
+
+// Adds one octave of a line to its samples' sums: each sample blends the faces below and above it
+// (addBlended), read from rows kFaceStride floats apart from `constant` and `slope`, the lowest
+// cell's faces first. Its own function, so that the count and the cell are held in registers
+// rather than read back after every sum is stored.
+constexpr std::size_t kFaceStride = noise_faces::kLanes * 4;
+void blendSamples(const OctaveSamples& samples, std::size_t count, std::int32_t lowest,
+                  const float* constant, const float* slope, float weight, float (*sums)[4]) {
+    for (std::size_t i = 0; i < count; ++i) {
+        const std::size_t at = kFaceStride * static_cast<std::size_t>(samples.cell[i] - lowest);
+        addBlended(constant + at, slope + at, constant + at + kFaceStride, slope + at + kFaceStride,
+                   samples.offset[i], samples.fade[i], weight, sums[i]);
+    }
+}
+
+}  // namespace
+
 void FractalNoiseAlongZ::alongLines(std::span<const Line> lines) {
     using noise_faces::FaceLanes;
     using noise_faces::FaceRows;
@@ -561,7 +587,7 @@ void FractalNoiseAlongZ::alongLines(std::span<const Line> lines) {
     };
     LineState state[kLanes];
     FaceLanes faceLanes;
-    FaceRows rows[kLanes];
+    FaceRows rows;
     const std::size_t count = std::min(lines.size(), kLanes);
     for (std::size_t l = 0; l < count; ++l) {
         const std::size_t samples = lines[l].z.size();
@@ -627,12 +653,9 @@ void FractalNoiseAlongZ::alongLines(std::span<const Line> lines) {
         for (std::size_t l = 0; l < count; ++l) {
             if (state[l].alone || weights[l][o] == 0.0f) continue;
             const OctaveSamples& samples = state[l].samples;
-            const FaceRows& row = rows[l];
-            for (std::size_t i = 0; i < state[l].padded.count; ++i) {
-                const std::size_t at = static_cast<std::size_t>(samples.cell[i] - lowest[l]);
-                addBlended(row.constant[at], row.slope[at], row.constant[at + 1], row.slope[at + 1],
-                           samples.offset[i], samples.fade[i], weights[l][o], state[l].sums[i]);
-            }
+            const std::size_t slot = noise_faces::slotOf(l);
+            blendSamples(samples, state[l].padded.count, lowest[l], rows.constant[0][slot],
+                         rows.slope[0][slot], weights[l][o], state[l].sums);
         }
     }
     for (std::size_t l = 0; l < count; ++l) {

@@ -20,9 +20,9 @@ namespace velmorin::noise_faces {
 #if VELMORIN_NOISE_FACE_LANES
 
 bool faceLanesUsable() {
-    static const bool usable = __builtin_cpu_supports("avx512f") &&
-                               __builtin_cpu_supports("avx512dq") &&
-                               __builtin_cpu_supports("avx512vl");
+    static const bool usable =
+        __builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512dq") &&
+        __builtin_cpu_supports("avx512bw") && __builtin_cpu_supports("avx512vl");
     return usable;
 }
 
@@ -33,7 +33,7 @@ alignas(32) constexpr float kGradientX[16] = {1, -1, 1, -1, 1, -1, 1, -1, 0, 0, 
 alignas(32) constexpr float kGradientY[16] = {1, 1, -1, -1, 0, 0, 0, 0, 1, -1, 1, -1};
 alignas(32) constexpr float kGradientZ[16] = {0, 0, 0, 0, 1, 1, -1, -1, 1, 1, -1, -1};
 
-#define VELMORIN_FACE_TARGET __attribute__((target("avx2,avx512f,avx512dq,avx512vl")))
+#define VELMORIN_FACE_TARGET __attribute__((target("avx2,avx512f,avx512dq,avx512bw,avx512vl")))
 
 VELMORIN_FACE_TARGET inline __m256 blendLanes(__m256 a, __m256 b, __m256 t) {
     return _mm256_add_ps(a, _mm256_mul_ps(_mm256_sub_ps(b, a), t));
@@ -44,25 +44,22 @@ VELMORIN_FACE_TARGET inline __m256 pick(const float* table, __m256i index) {
     return _mm256_permutex2var_ps(_mm256_load_ps(table), index, _mm256_load_ps(table + 8));
 }
 
-// Four lanes of four rows each: row r of lanes 0-3 (low half) and 4-7 (high half) as the
-// channels of one face per lane, stored at to[lane].
-VELMORIN_FACE_TARGET inline void storeChannels(__m256 c0, __m256 c1, __m256 c2,
-                                               float* const to[8]) {
+// The three channels of eight lanes as eight rows of four (the last 0), lanes in slotOf's order:
+// an unpack and a shuffle leave lanes l and l + 4 side by side in one register.
+VELMORIN_FACE_TARGET inline void storeChannels(__m256 c0, __m256 c1, __m256 c2, float (*to)[4]) {
     const __m256 zero = _mm256_setzero_ps();
     const __m256 t0 = _mm256_unpacklo_ps(c0, c1), t1 = _mm256_unpackhi_ps(c0, c1);
     const __m256 t2 = _mm256_unpacklo_ps(c2, zero), t3 = _mm256_unpackhi_ps(c2, zero);
-    const __m256 r[4] = {_mm256_shuffle_ps(t0, t2, 0x44), _mm256_shuffle_ps(t0, t2, 0xEE),
-                         _mm256_shuffle_ps(t1, t3, 0x44), _mm256_shuffle_ps(t1, t3, 0xEE)};
-    for (int l = 0; l < 4; ++l) {
-        _mm_store_ps(to[l], _mm256_castps256_ps128(r[l]));
-        _mm_store_ps(to[l + 4], _mm256_extractf128_ps(r[l], 1));
-    }
+    _mm256_store_ps(to[0], _mm256_shuffle_ps(t0, t2, 0x44));
+    _mm256_store_ps(to[2], _mm256_shuffle_ps(t0, t2, 0xEE));
+    _mm256_store_ps(to[4], _mm256_shuffle_ps(t1, t3, 0x44));
+    _mm256_store_ps(to[6], _mm256_shuffle_ps(t1, t3, 0xEE));
 }
 
 }  // namespace
 
 VELMORIN_FACE_TARGET void blendFaceLanes(const FaceLanes& lanes, std::size_t faces,
-                                         FaceRows* rows) {
+                                         FaceRows& rows) {
     const __m512i zProduct = _mm512_set1_epi64(static_cast<long long>(0x165667B19E3779F9ull));
     const __m512i mixProduct = _mm512_set1_epi64(static_cast<long long>(0xBF58476D1CE4E5B9ull));
     __m512i base[4];
@@ -80,31 +77,29 @@ VELMORIN_FACE_TARGET void blendFaceLanes(const FaceLanes& lanes, std::size_t fac
     const __m256 cornerX[4] = {x0, x1, x0, x1};
     const __m256 cornerY[4] = {y0, y0, y1, y1};
     const __m256 u = _mm256_load_ps(lanes.fadeX), v = _mm256_load_ps(lanes.fadeY);
-    const __m256i word = _mm256_set1_epi32(0xFFFF);
-    const __m256i twelfth = _mm256_set1_epi32(43691);
-    const __m256i twelve = _mm256_set1_epi32(12);
+    const __m512i twelfth = _mm512_set1_epi16(-21845);  // 43691
+    const __m512i twelve = _mm512_set1_epi16(12);
     for (std::size_t face = 0; face < faces; ++face) {
         // latticeHash of the four corners: the z product, then the finaliser.
         const __m512i zs = _mm512_mullo_epi64(faceZ, zProduct);
-        __m512i h[4];
+        // Each hash's 16-bit words modulo 12, all four at once: word * 43691 >> 19 is word / 12
+        // for every word below 2^16. A channel's pick is then the low four bits of its word.
+        __m512i picks[4];
         for (int c = 0; c < 4; ++c) {
             __m512i x = _mm512_xor_si512(base[c], zs);
             x = _mm512_xor_si512(x, _mm512_maskz_srli_epi64(kAll, x, 29));
             x = _mm512_mullo_epi64(x, mixProduct);
-            h[c] = _mm512_xor_si512(x, _mm512_maskz_srli_epi64(kAll, x, 32));
+            x = _mm512_xor_si512(x, _mm512_maskz_srli_epi64(kAll, x, 32));
+            const __m512i quotient = _mm512_srli_epi16(_mm512_mulhi_epu16(x, twelfth), 3);
+            picks[c] = _mm512_sub_epi16(x, _mm512_mullo_epi16(quotient, twelve));
         }
         __m256 constant[3], slope[3];
         for (int channel = 0; channel < 3; ++channel) {
             __m256 dot[4], z[4];
             for (int c = 0; c < 4; ++c) {
-                // The channel's 16-bit word modulo 12: word * 43691 >> 19 is word / 12 for every
-                // word below 2^16.
-                const __m256i w =
-                    _mm256_and_si256(_mm512_maskz_cvtepi64_epi32(
-                                         kAll, _mm512_maskz_srli_epi64(kAll, h[c], 16 * channel)),
-                                     word);
-                const __m256i quotient = _mm256_srli_epi32(_mm256_mullo_epi32(w, twelfth), 19);
-                const __m256i g = _mm256_sub_epi32(w, _mm256_mullo_epi32(quotient, twelve));
+                // The permutes read the low four bits of each index: the word's pick.
+                const __m256i g = _mm512_maskz_cvtepi64_epi32(
+                    kAll, _mm512_maskz_srli_epi64(kAll, picks[c], 16 * channel));
                 dot[c] = _mm256_add_ps(_mm256_mul_ps(pick(kGradientX, g), cornerX[c]),
                                        _mm256_mul_ps(pick(kGradientY, g), cornerY[c]));
                 z[c] = pick(kGradientZ, g);
@@ -113,13 +108,8 @@ VELMORIN_FACE_TARGET void blendFaceLanes(const FaceLanes& lanes, std::size_t fac
                 blendLanes(blendLanes(dot[0], dot[1], u), blendLanes(dot[2], dot[3], u), v);
             slope[channel] = blendLanes(blendLanes(z[0], z[1], u), blendLanes(z[2], z[3], u), v);
         }
-        float* to[8];
-        for (std::size_t l = 0; l < kLanes; ++l)
-            to[l] = rows[l].constant[face];
-        storeChannels(constant[0], constant[1], constant[2], to);
-        for (std::size_t l = 0; l < kLanes; ++l)
-            to[l] = rows[l].slope[face];
-        storeChannels(slope[0], slope[1], slope[2], to);
+        storeChannels(constant[0], constant[1], constant[2], rows.constant[face]);
+        storeChannels(slope[0], slope[1], slope[2], rows.slope[face]);
         faceZ = _mm512_add_epi64(faceZ, one);
     }
 }
@@ -130,7 +120,7 @@ bool faceLanesUsable() {
     return false;
 }
 
-void blendFaceLanes(const FaceLanes&, std::size_t, FaceRows*) {}
+void blendFaceLanes(const FaceLanes&, std::size_t, FaceRows&) {}
 
 #endif
 

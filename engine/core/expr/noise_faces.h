@@ -28,19 +28,23 @@ struct FaceLanes {
     alignas(32) float fadeY[kLanes];
 };
 
-// One line's faces: per face, the three channels (and one unused lane, 0) of the noise on the face
-// as a line in the offset along z: constant + slope * fz.
+// The faces of a group of lines: per face and lane, the three channels (and one unused lane, 0) of
+// the noise on the face as a line in the offset along z, constant + slope * fz. Lanes sit in the
+// order slotOf gives, two to a 32-byte row, as the blend leaves them.
 struct FaceRows {
-    alignas(16) float constant[kMostFaces][4];
-    alignas(16) float slope[kMostFaces][4];
+    alignas(64) float constant[kMostFaces][kLanes][4];
+    alignas(64) float slope[kMostFaces][kLanes][4];
 };
+constexpr std::size_t slotOf(std::size_t lane) {
+    return 2 * (lane % 4) + lane / 4;
+}
 
-// Whether this processor multiplies 64-bit lanes (AVX-512 with DQ and VL): blendFaceLanes runs only
-// where it does.
+// Whether this processor multiplies 64-bit lanes (AVX-512 with DQ, BW and VL): blendFaceLanes runs
+// only where it does.
 bool faceLanesUsable();
 
-// Faces firstFace[l] to firstFace[l] + faces - 1 of every lane l into rows[l] (faces <=
-// kMostFaces). Only where faceLanesUsable().
-void blendFaceLanes(const FaceLanes& lanes, std::size_t faces, FaceRows* rows);
+// Faces firstFace[l] to firstFace[l] + faces - 1 of every lane l into rows, face f of lane l at
+// [f][slotOf(l)] (faces <= kMostFaces). Only where faceLanesUsable().
+void blendFaceLanes(const FaceLanes& lanes, std::size_t faces, FaceRows& rows);
 
 }  // namespace velmorin::noise_faces
