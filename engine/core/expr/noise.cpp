@@ -574,7 +574,8 @@ void FractalNoiseAlongZ::alongLines(std::span<const Line> lines) {
         startLine(line.x, line.y, line.spacing);
         along(line.z, line.out);
     };
-    if (!noiseLanesUsable() || lines.size() < 2) {
+    const NoiseLanes used = noiseLanesUsed();
+    if (used == NoiseLanes::None || lines.size() < 2) {
         for (const Line& line : lines)
             alone(line);
         return;
@@ -649,7 +650,9 @@ void FractalNoiseAlongZ::alongLines(std::span<const Line> lines) {
             faceLanes.firstFace[l] = lowest[l];
         }
         if (mostFaces == 0) continue;
-        noise_faces::blendFaceLanes(faceLanes, mostFaces, rows);
+        noise_faces::blendFaceLanes(used == NoiseLanes::Avx512 ? noise_faces::FaceKernel::Avx512
+                                                               : noise_faces::FaceKernel::Avx2,
+                                    faceLanes, mostFaces, rows);
         for (std::size_t l = 0; l < count; ++l) {
             if (state[l].alone || weights[l][o] == 0.0f) continue;
             const OctaveSamples& samples = state[l].samples;
@@ -672,15 +675,26 @@ void FractalNoiseAlongZ::alongLines(std::span<const Line> lines) {
 }
 
 namespace {
-std::atomic<bool> lanesAllowed{true};
+std::atomic<NoiseLanes> lanesAllowed{NoiseLanes::Avx512};
 }  // namespace
 
-bool noiseLanesUsable() {
-    return noise_faces::faceLanesUsable() && lanesAllowed.load(std::memory_order_relaxed);
+NoiseLanes noiseLanesAvailable() {
+    switch (noise_faces::widestFaceKernel()) {
+        case noise_faces::FaceKernel::Avx512:
+            return NoiseLanes::Avx512;
+        case noise_faces::FaceKernel::Avx2:
+            return NoiseLanes::Avx2;
+        default:
+            return NoiseLanes::None;
+    }
 }
 
-void setNoiseLanesAllowed(bool allowed) {
-    lanesAllowed.store(allowed, std::memory_order_relaxed);
+NoiseLanes noiseLanesUsed() {
+    return std::min(noiseLanesAvailable(), lanesAllowed.load(std::memory_order_relaxed));
+}
+
+void setNoiseLanes(NoiseLanes most) {
+    lanesAllowed.store(most, std::memory_order_relaxed);
 }
 
 float fractalNoise4(const Vec3f& p, float w, const Fractal& fractal, std::uint64_t seed) {

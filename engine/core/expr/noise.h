@@ -97,11 +97,11 @@ class FractalNoiseAlongZ {
     static constexpr std::size_t kLineLanes = 8;
     static constexpr std::size_t kMostLaneSamples = 64;
     // startLine(line.x, line.y, line.spacing) then along(line.z, line.out) for every line, to the
-    // same bits. Where noiseLanesUsable(), kLineLanes lines at a time hash and blend the faces
-    // their samples reach side by side, one line per lane, and each line then reads its own faces;
-    // a line with more than kMostLaneSamples samples, or whose samples reach too many faces, takes
-    // along alone. Afterwards the line the walker holds is none in particular: startLine again
-    // before at or along.
+    // same bits. Where noiseLanesUsed() is not None, kLineLanes lines at a time hash and blend the
+    // faces their samples reach side by side, one line per lane, and each line then reads its own
+    // faces; a line with more than kMostLaneSamples samples, or whose samples reach too many faces,
+    // takes along alone. Afterwards the line the walker holds is none in particular: startLine
+    // again before at or along.
     void alongLines(std::span<const Line> lines);
 
   private:
@@ -146,12 +146,17 @@ class FractalNoiseAlongZ {
     float scale_ = 0.0f;  // 1 / the sum of amplitudes, or 0
 };
 
-// Whether FractalNoiseAlongZ::alongLines puts lines side by side: where the processor multiplies
-// 64-bit lanes (AVX-512 with DQ and VL) and setNoiseLanesAllowed has not turned it off.
-bool noiseLanesUsable();
-// Turns the side-by-side lines off (false) or back on, for all threads: for the tests and
-// benchmarks that hold them against the one-line path. The bits are the same either way.
-void setNoiseLanesAllowed(bool allowed);
+// The lane kernels FractalNoiseAlongZ::alongLines may put lines side by side with: none (one line
+// at a time), AVX2 (each 64-bit multiply made of 32-bit ones) or AVX-512 (with DQ, BW and VL).
+// Ordered, narrowest first.
+enum class NoiseLanes { None, Avx2, Avx512 };
+// The widest this processor runs.
+NoiseLanes noiseLanesAvailable();
+// The one alongLines uses: the narrower of noiseLanesAvailable() and setNoiseLanes's cap.
+NoiseLanes noiseLanesUsed();
+// Caps the kernel for all threads (Avx512, no cap, until called): for the tests and benchmarks that
+// hold each kernel against the one-line path. The bits are the same whichever runs.
+void setNoiseLanes(NoiseLanes most);
 
 // A 0-1 value per unit cell (the hash of floor(p)), and three of them.
 float cellNoise(const Vec3f& p);

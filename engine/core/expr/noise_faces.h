@@ -39,12 +39,14 @@ constexpr std::size_t slotOf(std::size_t lane) {
     return 2 * (lane % 4) + lane / 4;
 }
 
-// Whether this processor multiplies 64-bit lanes (AVX-512 with DQ, BW and VL): blendFaceLanes runs
-// only where it does.
-bool faceLanesUsable();
+// The kernels, by the instructions they need: AVX2 makes each 64-bit multiply of three 32-bit
+// ones; AVX-512 (with DQ, BW and VL) multiplies 64-bit lanes at once.
+enum class FaceKernel { None, Avx2, Avx512 };
+// The widest kernel this processor runs.
+FaceKernel widestFaceKernel();
 
 // Faces firstFace[l] to firstFace[l] + faces - 1 of every lane l into rows, face f of lane l at
-// [f][slotOf(l)] (faces <= kMostFaces). Only where faceLanesUsable().
-void blendFaceLanes(const FaceLanes& lanes, std::size_t faces, FaceRows& rows);
+// [f][slotOf(l)] (faces <= kMostFaces), by `kernel`, which the processor must run (not None).
+void blendFaceLanes(FaceKernel kernel, const FaceLanes& lanes, std::size_t faces, FaceRows& rows);
 
 }  // namespace velmorin::noise_faces

@@ -111,8 +111,8 @@ TEST(FractalNoiseAlongZ, AlongGivesEverySampleTheWalksBits) {
 // Lines side by side give each line the bits it gets alone, whatever the group: point counts
 // mixed within a group (none, one, the most a lane takes and one more), lines through lattice
 // planes and huge spots, samples on lattice planes, repeated (zero-length steps), skipping cells,
-// falling and out of plain reach, and spacings that fade octaves out, line by line. On a processor
-// without 64-bit lanes both sides are the one-line path.
+// falling and out of plain reach, and spacings that fade octaves out, line by line; with each lane
+// kernel the processor runs.
 TEST(FractalNoiseAlongZ, LinesSideBySideGiveEachLineItsBits) {
     const std::size_t counts[] = {17, 0, 9, 1, 64, 65, 2, 33, 16, 5, 200, 3};
     const float spots[] = {5.0f, -3.0f, 0.0f, -0.0f, 1.0e7f, -3.0e9f, 0.5f, -1.0e-30f};
@@ -159,26 +159,31 @@ TEST(FractalNoiseAlongZ, LinesSideBySideGiveEachLineItsBits) {
             walk.startLine(lines[l].x, lines[l].y, lines[l].spacing);
             walk.along(z[l], want[l]);
         }
-        for (const std::size_t group :
-             {std::size_t{1}, std::size_t{3}, std::size_t{8}, std::size_t{11}, kLines}) {
-            std::vector<std::vector<Vec3f>> got(kLines);
-            for (std::size_t l = 0; l < kLines; ++l) {
-                got[l].assign(z[l].size(), Vec3f{-1, -1, -1});
-                lines[l].out = got[l];
+        for (const NoiseLanes lanes : {NoiseLanes::Avx512, NoiseLanes::Avx2, NoiseLanes::None})
+            for (const std::size_t group :
+                 {std::size_t{1}, std::size_t{3}, std::size_t{8}, std::size_t{11}, kLines}) {
+                // A kernel this processor lacks would run the next narrower one again.
+                if (lanes > noiseLanesAvailable()) continue;
+                setNoiseLanes(lanes);
+                std::vector<std::vector<Vec3f>> got(kLines);
+                for (std::size_t l = 0; l < kLines; ++l) {
+                    got[l].assign(z[l].size(), Vec3f{-1, -1, -1});
+                    lines[l].out = got[l];
+                }
+                FractalNoiseAlongZ batch(fractal, seed);
+                for (std::size_t l = 0; l < kLines; l += group)
+                    batch.alongLines(std::span<const FractalNoiseAlongZ::Line>(lines).subspan(
+                        l, std::min(group, kLines - l)));
+                for (std::size_t l = 0; l < kLines; ++l)
+                    for (std::size_t i = 0; i < z[l].size(); ++i)
+                        for (int axis = 0; axis < 3; ++axis)
+                            ASSERT_EQ(floatBits(got[l][i][axis]), floatBits(want[l][i][axis]))
+                                << patterns[l % std::size(patterns)].what << " line " << l
+                                << ", sample " << i << ", axis " << axis << ", octaves " << octaves
+                                << ", group " << group << ", lanes " << static_cast<int>(lanes);
             }
-            FractalNoiseAlongZ batch(fractal, seed);
-            for (std::size_t l = 0; l < kLines; l += group)
-                batch.alongLines(std::span<const FractalNoiseAlongZ::Line>(lines).subspan(
-                    l, std::min(group, kLines - l)));
-            for (std::size_t l = 0; l < kLines; ++l)
-                for (std::size_t i = 0; i < z[l].size(); ++i)
-                    for (int axis = 0; axis < 3; ++axis)
-                        ASSERT_EQ(floatBits(got[l][i][axis]), floatBits(want[l][i][axis]))
-                            << patterns[l % std::size(patterns)].what << " line " << l
-                            << ", sample " << i << ", axis " << axis << ", octaves " << octaves
-                            << ", group " << group;
-        }
     }
+    setNoiseLanes(NoiseLanes::Avx512);
 }
 
 }  // namespace

@@ -225,7 +225,8 @@ TEST(Noise, KeepsItsBitsAtAnyThreadCount) {
 }
 
 // Strands in their own space go through the lattice side by side where the processor can; every
-// strand must get the bits of the one-line path at 1 and 2 threads, in a full run, with a record
+// strand must get the bits of the one-line path with each lane kernel the processor runs, at 1 and
+// 2 threads, in a full run, with a record
 // kept, and in a preview's subset. Point counts mix within each group (one point, two, the most a
 // lane takes and one more, long ones), with zero-length segments, strands that do not move (all
 // points on the root), huge coordinates, a frequency finer than the points, many octaves, a
@@ -278,15 +279,17 @@ TEST(Noise, SideBySideStrandsGiveTheOneLineBits) {
             settings.amplitude =
                 FieldSampler(std::make_shared<test::ListField>(perStrand, perPoint));
         // The one-line path at one thread is what every other run must give.
-        setNoiseLanesAllowed(false);
+        setNoiseLanes(NoiseLanes::None);
         std::vector<Vec3f> want(points);
         runWithThreads(1,
                        [&] { noiseStrands(*strands, settings, StrandSelection::every(), want); });
         NoiseUnits wantUnits{std::vector<Vec3f>(points), std::vector<float>(points),
                              std::vector<std::uint8_t>(strands->strandCount())};
         noiseStrands(*strands, settings, StrandSelection::every(), want, &wantUnits);
-        for (const bool lanes : {true, false}) {
-            setNoiseLanesAllowed(lanes);
+        for (const NoiseLanes lanes : {NoiseLanes::Avx512, NoiseLanes::Avx2, NoiseLanes::None}) {
+            // A kernel this processor lacks would run the next narrower one again.
+            if (lanes > noiseLanesAvailable()) continue;
+            setNoiseLanes(lanes);
             for (const int threads : {1, 2}) {
                 std::vector<Vec3f> full(points), recorded(points), preview(points, Vec3f{});
                 NoiseUnits units{std::vector<Vec3f>(points), std::vector<float>(points),
@@ -297,8 +300,8 @@ TEST(Noise, SideBySideStrandsGiveTheOneLineBits) {
                     noiseStrands(*strands, settings, StrandSelection::only(subset), preview);
                 });
                 const auto where = [&](std::size_t p) {
-                    return std::string(variant.what) + ", point " + std::to_string(p) +
-                           (lanes ? ", lanes" : ", one line") + ", threads " +
+                    return std::string(variant.what) + ", point " + std::to_string(p) + ", lanes " +
+                           std::to_string(static_cast<int>(lanes)) + ", threads " +
                            std::to_string(threads);
                 };
                 for (std::size_t p = 0; p < points; ++p)
@@ -321,7 +324,7 @@ TEST(Noise, SideBySideStrandsGiveTheOneLineBits) {
             }
         }
     }
-    setNoiseLanesAllowed(true);
+    setNoiseLanes(NoiseLanes::Avx512);
     // The strands moved: a run that kept them all would pass the comparisons above as well.
     std::vector<Vec3f> moved(points);
     noiseStrands(*strands, NoiseSettings{}, StrandSelection::every(), moved);
