@@ -400,24 +400,28 @@ static_assert(noise_faces::kMostFaces == kMostFaces);
 constexpr float kPlainReach = 2097152.0f;  // 2^21
 
 // One octave's samples of a line: per sample q, its cell's lower z as a float and as a cell number,
-// the offset in the cell and its fade. Four more than the samples, for the lanes' padding.
+// the offset in the cell and its fade, for up to N samples. Four more than the samples, for the
+// lanes' padding.
+template <std::size_t N>
 struct OctaveSamples {
-    alignas(16) float q[kMostSamples + 4];
-    alignas(16) float below[kMostSamples + 4];
-    alignas(16) std::int32_t cell[kMostSamples + 4];
-    alignas(16) float offset[kMostSamples + 4];
-    alignas(16) float fade[kMostSamples + 4];
+    alignas(16) float q[N + 4];
+    alignas(16) float below[N + 4];
+    alignas(16) std::int32_t cell[N + 4];
+    alignas(16) float offset[N + 4];
+    alignas(16) float fade[N + 4];
 };
 
-// The samples z[0..count) of a line (count <= kMostSamples) padded to whole lanes with copies of
-// the last, which change no lowest or highest cell and whose results are dropped.
+// The samples z[0..count) of a line (count <= N) padded to whole lanes with copies of the last,
+// which change no lowest or highest cell and whose results are dropped.
+template <std::size_t N>
 struct PaddedSamples {
-    alignas(16) float z[kMostSamples + 4];
+    alignas(16) float z[N + 4];
     std::size_t count = 0;
     std::size_t lanes = 0;
 };
 
-void padSamples(std::span<const float> z, PaddedSamples& padded) {
+template <std::size_t N>
+void padSamples(std::span<const float> z, PaddedSamples<N>& padded) {
     padded.count = z.size();
     padded.lanes = (padded.count + 3) & ~std::size_t{3};
     // A loop rather than a copy: these are a few dozen floats, below what a block move is quick
@@ -436,7 +440,8 @@ void padSamples(std::span<const float> z, PaddedSamples& padded) {
 // Fills `out` for one octave at `frequency` and gives the faces its samples reach, from the lowest
 // cell's to the highest's upper one: 0 where they are not plain (out of reach), too many for the
 // stack, or more than twice the samples (a frequency finer than them: the walk makes fewer).
-std::int32_t octaveFaces(const PaddedSamples& z, float frequency, OctaveSamples& out,
+template <std::size_t N>
+std::int32_t octaveFaces(const PaddedSamples<N>& z, float frequency, OctaveSamples<N>& out,
                          std::int32_t& lowest) {
     const std::size_t count = z.count;
     bool plain = true;
@@ -519,9 +524,9 @@ void FractalNoiseAlongZ::along(std::span<const float> z, std::span<Vec3f> out) {
     alignas(16) float sums[kMostSamples][4];
     for (std::size_t i = 0; i < count; ++i)
         std::fill_n(sums[i], 4, 0.0f);
-    PaddedSamples padded;
+    PaddedSamples<kMostSamples> padded;
     padSamples(z, padded);
-    OctaveSamples samples;
+    OctaveSamples<kMostSamples> samples;
     alignas(16) float constant[kMostFaces][4];
     alignas(16) float slope[kMostFaces][4];
     for (int o = 0; o < octaveCount_; ++o) {
@@ -553,7 +558,8 @@ namespace {
 // cell's faces first. Its own function, so that the count and the cell are held in registers
 // rather than read back after every sum is stored.
 constexpr std::size_t kFaceStride = noise_faces::kLanes * 4;
-void blendSamples(const OctaveSamples& samples, std::size_t count, std::int32_t lowest,
+template <std::size_t N>
+void blendSamples(const OctaveSamples<N>& samples, std::size_t count, std::int32_t lowest,
                   const float* constant, const float* slope, float weight, float (*sums)[4]) {
     for (std::size_t i = 0; i < count; ++i) {
         const std::size_t at = kFaceStride * static_cast<std::size_t>(samples.cell[i] - lowest);
@@ -581,8 +587,8 @@ void FractalNoiseAlongZ::alongLines(std::span<const Line> lines) {
         return;
     }
     struct LineState {
-        PaddedSamples padded;
-        OctaveSamples samples;
+        PaddedSamples<kMostLaneSamples> padded;
+        OctaveSamples<kMostLaneSamples> samples;
         alignas(16) float sums[kMostLaneSamples][4];
         bool alone = false;
     };
@@ -655,7 +661,7 @@ void FractalNoiseAlongZ::alongLines(std::span<const Line> lines) {
                                     faceLanes, mostFaces, rows);
         for (std::size_t l = 0; l < count; ++l) {
             if (state[l].alone || weights[l][o] == 0.0f) continue;
-            const OctaveSamples& samples = state[l].samples;
+            const auto& samples = state[l].samples;
             const std::size_t slot = noise_faces::slotOf(l);
             blendSamples(samples, state[l].padded.count, lowest[l], rows.constant[0][slot],
                          rows.slope[0][slot], weights[l][o], state[l].sums);
