@@ -9,6 +9,7 @@
 #include "expr/noise.h"
 #include "graph/delivered_params.h"
 #include "graph/registry.h"
+#include "ops/noise_draws.h"
 #include "ops/shape_kernels.h"
 #include "ops/shape_ops.h"
 
@@ -18,27 +19,9 @@ namespace {
 // Knots of the kinky mode lie this far apart along z in noise space: an irrational step, so that
 // no knot repeats a lattice cell's pattern.
 constexpr float kKnotStep = 1.618034f;
-// Strand-space noise starts each strand this far into the lattice, at random.
-constexpr float kBaseSpread = 512.0f;
-
 // An octave fades once its cells come closer than two samples; the first octave fading means the
 // frequency is finer than the strand's points can draw.
 constexpr float kFadingSpacing = 0.5f;
-
-// The per-strand draws, in order: whether the strand gets noise, then its place in the lattice.
-struct NoiseDraws {
-    float pick;
-    Vec3f base;
-};
-NoiseDraws noiseDraws(std::uint64_t id, std::uint64_t seed) {
-    StrandDraws draws(id, seed);
-    NoiseDraws out;
-    out.pick = draws.next();
-    out.base.x = draws.next() * kBaseSpread;
-    out.base.y = draws.next() * kBaseSpread;
-    out.base.z = draws.next() * kBaseSpread;
-    return out;
-}
 
 // Turns the segment lengths in arcs[1..n) into the arcs from the root (arcs[0] = 0), as arcLengths
 // sums them, and returns the whole length. A function of its own, so that the running sum stays in
@@ -177,8 +160,8 @@ void noiseStrands(const StrandSet& input, const NoiseSettings& settings,
             const std::size_t s = selection.strand(i);
             if ((i - first) % kBatch == 0) {
                 const std::size_t batchEnd = std::min(last, i + kBatch);
-                for (std::size_t j = i; j < batchEnd; ++j)
-                    batch[j - i] = noiseDraws(ids[selection.strand(j)], settings.seed);
+                noiseDrawsOf(ids, selection, i, settings.seed,
+                             std::span<NoiseDraws>(batch, batchEnd - i));
             }
             const NoiseDraws& draws = batch[(i - first) % kBatch];
             const std::span<const Vec3f> points = input.strandPoints(s);
