@@ -12,6 +12,12 @@
 #include <emmintrin.h>
 #define VELMORIN_NOISE_SSE2 1
 #endif
+// Where the compiler builds a function for AVX alone (no fused multiply-add), a line's samples are
+// prepared eight at a time on processors that have it.
+#if VELMORIN_NOISE_SSE2 && defined(__GNUC__) && (defined(__x86_64__) || defined(__i386__))
+#include <immintrin.h>
+#define VELMORIN_NOISE_WIDE_PREP 1
+#endif
 
 namespace velmorin {
 namespace {
@@ -404,26 +410,29 @@ constexpr float kPlainReach = 2097152.0f;  // 2^21
 // lanes' padding.
 template <std::size_t N>
 struct OctaveSamples {
-    alignas(16) float q[N + 4];
-    alignas(16) float below[N + 4];
-    alignas(16) std::int32_t cell[N + 4];
-    alignas(16) float offset[N + 4];
-    alignas(16) float fade[N + 4];
+    alignas(32) float q[N + 4];
+    alignas(32) float below[N + 4];
+    alignas(32) std::int32_t cell[N + 4];
+    alignas(32) float offset[N + 4];
+    alignas(32) float fade[N + 4];
 };
 
 // The samples z[0..count) of a line (count <= N) padded to whole lanes with copies of the last,
 // which change no lowest or highest cell and whose results are dropped.
 template <std::size_t N>
 struct PaddedSamples {
-    alignas(16) float z[N + 4];
+    static_assert(N % 8 == 0, "whole eight-lane steps fit the padding");
+    alignas(32) float z[N + 4];
     std::size_t count = 0;
-    std::size_t lanes = 0;
+    std::size_t lanes = 0;      // count rounded up to four
+    std::size_t wideLanes = 0;  // count rounded up to eight
 };
 
 template <std::size_t N>
 void padSamples(std::span<const float> z, PaddedSamples<N>& padded) {
     padded.count = z.size();
     padded.lanes = (padded.count + 3) & ~std::size_t{3};
+    padded.wideLanes = (padded.count + 7) & ~std::size_t{7};
     // A loop rather than a copy: these are a few dozen floats, below what a block move is quick
     // at.
     std::size_t i = 0;
@@ -433,7 +442,7 @@ void padSamples(std::span<const float> z, PaddedSamples<N>& padded) {
 #endif
     for (; i < padded.count; ++i)
         padded.z[i] = z[i];
-    std::fill(padded.z + padded.count, padded.z + padded.lanes,
+    std::fill(padded.z + padded.count, padded.z + padded.wideLanes,
               padded.count > 0 ? z[padded.count - 1] : 0.0f);
 }
 
@@ -511,6 +520,66 @@ std::int32_t octaveFaces(const PaddedSamples<N>& z, float frequency, OctaveSampl
     if (!plain || faces > kMostFaces || static_cast<std::size_t>(faces) > 2 * count + 2) return 0;
     return faces;
 }
+
+#if VELMORIN_NOISE_WIDE_PREP
+// Whether this processor has AVX, for octaveFacesWide.
+bool widePrepUsable() {
+    static const bool usable = __builtin_cpu_supports("avx");
+    return usable;
+}
+
+// octaveFaces with eight samples at a time: each lane with the operations of its four-lane loop,
+// and the same answer (the least and most cells are whole floats, whatever order finds them).
+template <std::size_t N>
+__attribute__((target("avx"))) std::int32_t octaveFacesWide(const PaddedSamples<N>& z,
+                                                            float frequency, OctaveSamples<N>& out,
+                                                            std::int32_t& lowest) {
+    const std::size_t count = z.count;
+    lowest = 0;
+    if (count == 0) return 1;
+    const __m256 frequencyLanes = _mm256_set1_ps(frequency);
+    const __m256 reach = _mm256_set1_ps(kPlainReach);
+    const __m256 sign = _mm256_set1_ps(-0.0f);
+    __m256 inReach = _mm256_castsi256_ps(_mm256_set1_epi32(-1));
+    __m256 least = _mm256_set1_ps(kPlainReach), most = _mm256_set1_ps(-kPlainReach);
+    for (std::size_t i = 0; i < z.wideLanes; i += 8) {
+        const __m256 v = _mm256_mul_ps(_mm256_load_ps(z.z + i), frequencyLanes);
+        inReach =
+            _mm256_and_ps(inReach, _mm256_cmp_ps(_mm256_andnot_ps(sign, v), reach, _CMP_LT_OS));
+        const __m256 t = _mm256_cvtepi32_ps(_mm256_cvttps_epi32(v));
+        const __m256 down = _mm256_cmp_ps(t, v, _CMP_GT_OS);
+        const __m256 signedT = _mm256_or_ps(_mm256_andnot_ps(sign, t), _mm256_and_ps(sign, v));
+        const __m256 b = _mm256_or_ps(_mm256_and_ps(down, _mm256_sub_ps(t, _mm256_set1_ps(1.0f))),
+                                      _mm256_andnot_ps(down, signedT));
+        const __m256 f = _mm256_sub_ps(v, b);
+        const __m256 cubed = _mm256_mul_ps(_mm256_mul_ps(f, f), f);
+        const __m256 inner = _mm256_add_ps(
+            _mm256_mul_ps(
+                f, _mm256_sub_ps(_mm256_mul_ps(f, _mm256_set1_ps(6.0f)), _mm256_set1_ps(15.0f))),
+            _mm256_set1_ps(10.0f));
+        _mm256_store_ps(out.q + i, v);
+        _mm256_store_ps(out.below + i, b);
+        _mm256_store_si256(reinterpret_cast<__m256i*>(out.cell + i), _mm256_cvttps_epi32(b));
+        _mm256_store_ps(out.offset + i, f);
+        _mm256_store_ps(out.fade + i, _mm256_mul_ps(cubed, inner));
+        least = _mm256_min_ps(least, b);
+        most = _mm256_max_ps(most, b);
+    }
+    if (_mm256_movemask_ps(inReach) != 0xFF) return 0;
+    alignas(32) float ends[2][8];
+    _mm256_store_ps(ends[0], least);
+    _mm256_store_ps(ends[1], most);
+    float low = ends[0][0], high = ends[1][0];
+    for (int k = 1; k < 8; ++k) {
+        low = std::min(low, ends[0][k]);
+        high = std::max(high, ends[1][k]);
+    }
+    lowest = static_cast<std::int32_t>(low);
+    const std::int32_t faces = static_cast<std::int32_t>(high) - lowest + 2;
+    if (faces > kMostFaces || static_cast<std::size_t>(faces) > 2 * count + 2) return 0;
+    return faces;
+}
+#endif
 
 }  // namespace
 
@@ -596,6 +665,9 @@ void FractalNoiseAlongZ::alongLines(std::span<const Line> lines) {
     FaceLanes faceLanes;
     FaceRows rows;
     const std::size_t count = std::min(lines.size(), kLanes);
+#if VELMORIN_NOISE_WIDE_PREP
+    const bool widePrep = widePrepUsable();
+#endif
     for (std::size_t l = 0; l < count; ++l) {
         const std::size_t samples = lines[l].z.size();
         state[l].alone = samples > kMostLaneSamples;
@@ -629,8 +701,16 @@ void FractalNoiseAlongZ::alongLines(std::span<const Line> lines) {
             // read.
             const std::size_t from = l < count && !state[l].alone ? l : 0;
             if (l < count && !state[l].alone && weights[l][o] != 0.0f) {
+#if VELMORIN_NOISE_WIDE_PREP
+                const std::int32_t faces = widePrep
+                                               ? octaveFacesWide(state[l].padded, octave.frequency,
+                                                                 state[l].samples, lowest[l])
+                                               : octaveFaces(state[l].padded, octave.frequency,
+                                                             state[l].samples, lowest[l]);
+#else
                 const std::int32_t faces =
                     octaveFaces(state[l].padded, octave.frequency, state[l].samples, lowest[l]);
+#endif
                 if (faces == 0) {
                     state[l].alone = true;
                 } else {
