@@ -718,19 +718,20 @@ void FractalNoiseAlongZ::alongLines(std::span<const Line> lines) {
                 }
             }
             // The line's x and y cell, as startLine finds it.
+            // (cellOf's steps for x and y alone: the line's z plays no part here.)
             const Line& line = lines[from];
-            const Cell c =
-                cellOf(Vec3f{line.x * octave.frequency, line.y * octave.frequency, 0.0f});
-            faceLanes.fx[l] = c.f[0];
-            faceLanes.fy[l] = c.f[1];
-            faceLanes.fadeX[l] = noiseFade(c.f[0]);
-            faceLanes.fadeY[l] = noiseFade(c.f[1]);
-            const std::uint64_t xs[2] = {
-                static_cast<std::uint64_t>(c.i[0]) * 0x9E3779B185EBCA87ull,
-                (static_cast<std::uint64_t>(c.i[0]) + 1u) * 0x9E3779B185EBCA87ull};
-            const std::uint64_t ys[2] = {
-                static_cast<std::uint64_t>(c.i[1]) * 0xC2B2AE3D27D4EB4Full,
-                (static_cast<std::uint64_t>(c.i[1]) + 1u) * 0xC2B2AE3D27D4EB4Full};
+            const float qx = line.x * octave.frequency, qy = line.y * octave.frequency;
+            const float belowX = floorOf(qx), belowY = floorOf(qy);
+            const auto cellX = static_cast<std::uint64_t>(latticeFloor(belowX));
+            const auto cellY = static_cast<std::uint64_t>(latticeFloor(belowY));
+            faceLanes.fx[l] = qx - belowX;
+            faceLanes.fy[l] = qy - belowY;
+            faceLanes.fadeX[l] = noiseFade(faceLanes.fx[l]);
+            faceLanes.fadeY[l] = noiseFade(faceLanes.fy[l]);
+            const std::uint64_t xs[2] = {cellX * 0x9E3779B185EBCA87ull,
+                                         (cellX + 1u) * 0x9E3779B185EBCA87ull};
+            const std::uint64_t ys[2] = {cellY * 0xC2B2AE3D27D4EB4Full,
+                                         (cellY + 1u) * 0xC2B2AE3D27D4EB4Full};
             for (int k = 0; k < 4; ++k)
                 faceLanes.cornerBase[k][l] = octave.seed ^ xs[k & 1] ^ ys[(k >> 1) & 1];
             faceLanes.firstFace[l] = lowest[l];
