@@ -1,10 +1,12 @@
 #include <gtest/gtest.h>
 
+#include <cmath>
 #include <memory>
 #include <vector>
 
 #include "editing/flow.h"
 #include "mesh/sample_meshes.h"
+#include "ops/flow_lanes.h"
 #include "ops/shape_ops.h"
 #include "ops/test/shape_strands.h"
 #include "strands/test/test_strands.h"
@@ -89,6 +91,75 @@ TEST(Flow, StrandsWithoutFlowAtTheirRootsPassUnchangedInLanesAsAlone) {
     }
     EXPECT_GT(passed, 20u);
     EXPECT_GT(laid, 20u);
+}
+
+TEST(Flow, EveryLaneWidthLaysTheSameBitsOnOneAndTwoThreads) {
+    // Sets of eight lanes, sets of four, and strands laid one by one must give every strand the
+    // same bits, on one thread or two: over a coarse sphere whose ridges stop walks on edges, with
+    // a whorl whose reach leaves some roots without flow (they pass), and over a plane with a fold
+    // of flat triangles (walks that reach them ask the tree). Strands of 1 to 14 points are mixed
+    // (a set lays as far as its shortest strand, the rest one by one), and a selection of every
+    // third strand runs too.
+    const auto sphere = makeSphere(1.0f, 6, 12);
+    FlowSet sphereSet;
+    sphereSet.pins.push_back(
+        pinFromSurface(*sphere, sphere->closestPoint({0, 2, 0}).root, {1, 0, 0}));
+    const StrandRoot top = sphere->closestPoint({0, 2, 0}).root;
+    sphereSet.sinks.push_back(FlowSink{top.face, top.u, top.v, 70.0f, 0.8f});
+    const auto sphereFlow = FlowField::build(sphereSet, *sphere);
+    const auto folded = [] {
+        auto mesh = std::make_shared<ScalpMesh>(*test::bumpedPlane());
+        std::vector<Vec3f> points = mesh->points();
+        for (Vec3f& p : points) {
+            if (std::fabs(p.x - 0.2f) < 0.05f) p.x = 0.0f;
+        }
+        mesh->setPoints(std::move(points));
+        return std::shared_ptr<const ScalpMesh>(mesh);
+    }();
+    FlowSet planeSet;
+    planeSet.pins.push_back(
+        pinFromSurface(*folded, folded->closestPoint({0, 0, 0}).root, {1, 0, 0}));
+    const auto foldedFlow = FlowField::build(planeSet, *folded);
+    struct Case {
+        const ScalpMesh* scalp;
+        const FlowField* flow;
+        float length;
+        std::size_t count;  // enough that every third strand outnumbers the triangles
+    };
+    for (const Case& c : {Case{sphere.get(), sphereFlow.get(), 0.8f, 600},
+                          Case{folded.get(), foldedFlow.get(), 1.5f, 9700}}) {
+        const auto grown = test::scalpStrands(*c.scalp, c.count, 14, 5, c.length);
+        StrandSet mixed;
+        for (std::size_t s = 0; s < grown->strandCount(); ++s)
+            mixed.addStrand(grown->ids()[s], grown->roots()[s],
+                            grown->strandPoints(s).first(1 + (s * 5) % 14));
+        std::vector<std::uint64_t> third;
+        for (std::uint64_t s = 0; s < mixed.strandCount(); s += 3)
+            third.push_back(s);
+        ASSERT_GE(third.size(), c.scalp->triangleCount());
+        FlowSettings settings;
+        settings.lift = FieldSampler(25.0f);
+        settings.bend = 0.5f;
+        settings.random = 10.0f;
+        settings.seed = 4;
+        settings.scalp = c.scalp;
+        settings.flow = c.flow;
+        for (const StrandSelection& pick :
+             {StrandSelection::every(), StrandSelection::only(third)}) {
+            const auto layOut = [&](FlowLanes lanes) {
+                Points out(mixed.points().begin(), mixed.points().end());
+                flowStrandsIn(lanes, mixed, settings, pick, out);
+                return out;
+            };
+            const Points single = layOut(FlowLanes::none);
+            EXPECT_NE(single, Points(mixed.points().begin(), mixed.points().end()));
+            for (const FlowLanes lanes : {FlowLanes::best, FlowLanes::narrow, FlowLanes::none}) {
+                const auto [one, two] = test::onOneAndTwoThreads([&] { return layOut(lanes); });
+                EXPECT_EQ(one, single) << static_cast<int>(lanes);
+                EXPECT_EQ(two, single) << static_cast<int>(lanes);
+            }
+        }
+    }
 }
 
 }  // namespace

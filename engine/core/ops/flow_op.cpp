@@ -14,6 +14,7 @@
 #include "graph/registry.h"
 #include "mesh/scalp_mesh.h"
 #include "ops/field_op_params.h"
+#include "ops/flow_lanes.h"
 #include "ops/shape_kernels.h"
 #include "ops/shape_ops.h"
 #include "strands/strand_set.h"
@@ -390,8 +391,8 @@ using namespace float_lanes::wide;
 
 }  // namespace
 
-void flowStrands(const StrandSet& input, const FlowSettings& settings, const StrandSelection& pick,
-                 std::span<Vec3f> points) {
+void flowStrandsIn(FlowLanes lanes, const StrandSet& input, const FlowSettings& settings,
+                   const StrandSelection& pick, std::span<Vec3f> points) {
     const ScalpMesh* scalp = settings.scalp;
     const FlowField* flow = settings.flow;
     const std::shared_ptr<const SurfaceTopology> topology = scalp ? scalp->topology() : nullptr;
@@ -421,9 +422,11 @@ void flowStrands(const StrandSet& input, const FlowSettings& settings, const Str
     const std::span<const std::uint64_t> offsets = input.offsets();
     const std::span<const Vec3f> inputPoints = input.points();
 #if VELMORIN_FLOAT_LANES
-    const bool wide = avxLanesUsable();
+    const bool useLanes = lanes != FlowLanes::none;
+    const bool wide = lanes == FlowLanes::best && avxLanesUsable();
     const std::size_t interleaved = kLaneSets * (wide ? 8 : 4);
 #else
+    static_cast<void>(lanes);
     const std::size_t interleaved = kInterleaved;
 #endif
 
@@ -461,7 +464,7 @@ void flowStrands(const StrandSet& input, const FlowSettings& settings, const Str
             std::size_t laned = 0, lanesEnd = 1;
 #if VELMORIN_FLOAT_LANES
             constexpr std::size_t kNarrow = float_lanes::narrow::kWidth;
-            if (faces && faces->madeAhead() && count >= kNarrow) {
+            if (useLanes && faces && faces->madeAhead() && count >= kNarrow) {
                 const std::size_t wideSets = wide ? count / float_lanes::wide::kWidth : 0;
                 const std::size_t narrowStart = wideSets * float_lanes::wide::kWidth;
                 const std::size_t narrowSets = (count - narrowStart) / kNarrow;
@@ -502,6 +505,12 @@ void flowStrands(const StrandSet& input, const FlowSettings& settings, const Str
         }
     });
 }
+
+void flowStrands(const StrandSet& input, const FlowSettings& settings, const StrandSelection& pick,
+                 std::span<Vec3f> points) {
+    flowStrandsIn(FlowLanes::best, input, settings, pick, points);
+}
+
 namespace {
 
 using field_ops::makeParam;
