@@ -43,11 +43,19 @@ inline bool wideIntegerLanesUsable() {
     static const bool usable = __builtin_cpu_supports("avx2");
     return usable;
 }
+// Sixteen lanes (AVX-512 foundation), for the neighbour search's measuring and ranking.
+inline bool widestLanesUsable() {
+    static const bool usable = __builtin_cpu_supports("avx512f");
+    return usable;
+}
 #else
 inline bool wideLanesUsable() {
     return false;
 }
 inline bool wideIntegerLanesUsable() {
+    return false;
+}
+inline bool widestLanesUsable() {
     return false;
 }
 #endif

@@ -460,7 +460,7 @@ void relaxPlacement(const ScalpMesh& scalp, const PlacementSettings& settings,
         return !masked || settings.mask->passes(position);
     };
 
-    const bool wide = lanes == RelaxLanes::widest && wideLanesUsable();
+    const bool wide = lanes != RelaxLanes::four && wideLanesUsable();
     for (int iteration = 0; iteration < kIterations; ++iteration) {
         if (iteration % 4 == 0) refresh();
         const bool last = iteration == kIterations - 1;
