@@ -30,6 +30,16 @@
 #define VELMORIN_RELAX_AVX 0
 #endif
 
+// The attributes of a function with AVX-512 lanes. AVX-512 brings fused multiply-adds, which GCC
+// would form from a product and a sum (a squared distance, say) and round once instead of twice:
+// the bits would then differ from the narrower lanes'. Clang fuses only within one expression of
+// the source, which intrinsics never are.
+#if VELMORIN_RELAX_AVX && defined(__clang__)
+#define VELMORIN_AVX512_LANES __attribute__((target("avx512f")))
+#elif VELMORIN_RELAX_AVX
+#define VELMORIN_AVX512_LANES __attribute__((target("avx512f"), optimize("fp-contract=off")))
+#endif
+
 namespace velmorin::scatter {
 
 inline constexpr std::size_t kGrain = 256;

@@ -573,9 +573,8 @@ class BlockSearch {
     // collectNearWide sixteen lanes at a time with AVX-512, whose compression packs the lanes
     // within reach without a table. The squared distances are the same operations in the same
     // order, so the keys are those of the narrower paths.
-    __attribute__((target("avx512f"))) std::size_t collectNearWidest(const Vec3f& p,
-                                                                     std::uint32_t i,
-                                                                     float within) {
+    VELMORIN_AVX512_LANES std::size_t collectNearWidest(const Vec3f& p, std::uint32_t i,
+                                                        float within) {
         const __m512 px = _mm512_set1_ps(p.x), py = _mm512_set1_ps(p.y), pz = _mm512_set1_ps(p.z);
         const __m512 limit = _mm512_set1_ps(within);
         const __m512i self = _mm512_set1_epi32(static_cast<std::int32_t>(i));
@@ -593,8 +592,7 @@ class BlockSearch {
     }
 
     // collectAgain sixteen lanes at a time, from the kept squared distances.
-    __attribute__((target("avx512f"))) std::size_t collectAgainWidest(std::uint32_t i,
-                                                                      float within) {
+    VELMORIN_AVX512_LANES std::size_t collectAgainWidest(std::uint32_t i, float within) {
         const __m512 limit = _mm512_set1_ps(within);
         const __m512i self = _mm512_set1_epi32(static_cast<std::int32_t>(i));
         std::size_t n = 0;
@@ -605,9 +603,8 @@ class BlockSearch {
 
     // packKeys for sixteen lanes: the lanes within `limit` other than `self` are compressed to the
     // front, and their keys (squared distance above index) written at n as two groups of eight.
-    __attribute__((target("avx512f"))) std::size_t packKeysWidest(__m512 d2, std::size_t b,
-                                                                  __m512i self, __m512 limit,
-                                                                  std::size_t n) {
+    VELMORIN_AVX512_LANES std::size_t packKeysWidest(__m512 d2, std::size_t b, __m512i self,
+                                                     __m512 limit, std::size_t n) {
         const __m512i index = _mm512_loadu_si512(index_.data() + b);
         const __mmask16 mask =
             _mm512_mask_cmp_ps_mask(_mm512_cmpneq_epi32_mask(index, self), d2, limit, _CMP_LE_OQ);
@@ -627,8 +624,8 @@ class BlockSearch {
 
     // rankKeysWide with AVX-512: the same counts of smaller squared distances, sixteen lanes to a
     // register, so two compares per key rank up to 32.
-    __attribute__((target("avx512f"))) bool rankKeysWidest(std::size_t n,
-                                                           std::uint64_t (&best)[kRelaxNeighbors]) {
+    VELMORIN_AVX512_LANES bool rankKeysWidest(std::size_t n,
+                                              std::uint64_t (&best)[kRelaxNeighbors]) {
         constexpr std::size_t kMost = kWideMost;
         if (n > kMost) return rankKeys(n, best);
         // The squared distances are the odd words of the keys; lanes past the keys are set far.

@@ -359,9 +359,147 @@ __attribute__((target("avx"))) unsigned pairForceWide(std::size_t first, std::si
         forces[c] = {own[0][c], own[1][c], own[2][c]};
     return coincident & ((1u << lanes) - 1);
 }
+
+// GCC 12 takes the undefined start values inside its AVX-512 intrinsics for uninitialised
+// variables; the warnings say nothing of this code.
+#if defined(__GNUC__) && !defined(__clang__)
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wuninitialized"
+#pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
+#endif
+// Gathers with every lane loaded.
+VELMORIN_AVX512_LANES inline __m512 gatherFloats(__m512i index, const float* base) {
+    return _mm512_mask_i32gather_ps(_mm512_setzero_ps(), 0xffff, index, base, 4);
+}
+VELMORIN_AVX512_LANES inline __m512i gatherWords(__m512i index, const std::uint32_t* base) {
+    return _mm512_mask_i32gather_epi32(_mm512_setzero_si512(), 0xffff, index, base, 4);
+}
+
+// pairForceWide sixteen candidates at a time with AVX-512: each lane still does the operations of
+// the pair-by-pair loop in list order, so the sums have the same bits. Neighbour positions are
+// fetched as in pairForceWide (a load of four floats each, then a transpose), which outruns gather
+// instructions; the wider registers halve the arithmetic. The same contract: `lanes` up to 16,
+// `positions` readable 4 bytes past its last point, a set bit for a lane left to the pair-by-pair
+// loop.
+VELMORIN_AVX512_LANES unsigned pairForceWidest(std::size_t first, std::size_t lanes,
+                                               const std::uint32_t* lists, const Vec3f* positions,
+                                               const float* radii, float r0, float plainInverse,
+                                               Vec3f* forces) {
+    alignas(64) std::int32_t self[16];
+    // Lanes beyond the last candidate repeat it; their result is dropped.
+    for (std::size_t c = 0; c < 16; ++c)
+        self[c] = static_cast<std::int32_t>(first + std::min(c, lanes - 1));
+    const __m512i selfLanes = _mm512_load_si512(self);
+    const __m512i selfFloats = _mm512_mullo_epi32(selfLanes, _mm512_set1_epi32(3));
+    const float* base = &positions[0].x;
+    const __m512 px = gatherFloats(selfFloats, base);
+    const __m512 py = gatherFloats(selfFloats, base + 1);
+    const __m512 pz = gatherFloats(selfFloats, base + 2);
+    const __m512 ownRadius = radii ? gatherFloats(selfLanes, radii) : _mm512_set1_ps(r0);
+    const __m512 plainReach = _mm512_add_ps(ownRadius, _mm512_set1_ps(r0));
+    const __m512 one = _mm512_set1_ps(1.0f), tiny = _mm512_set1_ps(1e-6f);
+    const __m512 plain = _mm512_set1_ps(plainInverse);
+    const __m512 margin = _mm512_set1_ps(1.00002f);
+    const __m512 zero = _mm512_setzero_ps();
+    __m512 fx = zero, fy = zero, fz = zero;
+    unsigned coincident = 0;
+    // The sixteen lists side by side from one base; a last group of fewer takes a copy in which
+    // its last list repeats.
+    const std::uint32_t* group = lists + first * kRelaxNeighbors;
+    std::uint32_t shortGroup[16 * kRelaxNeighbors];
+    if (lanes < 16) {
+        for (std::size_t c = 0; c < 16; ++c)
+            std::copy_n(lists + static_cast<std::size_t>(self[c]) * kRelaxNeighbors,
+                        kRelaxNeighbors, shortGroup + c * kRelaxNeighbors);
+        group = shortGroup;
+    }
+    // The lists stream from memory, 1.5 KiB per group: the next group's are asked for now, to
+    // arrive while this group's pushes are summed.
+    const char* nextLists = reinterpret_cast<const char*>(lists + (first + 16) * kRelaxNeighbors);
+    for (std::size_t line = 0; line < 16 * kRelaxNeighbors * sizeof(std::uint32_t); line += 64)
+        _mm_prefetch(nextLists + line, _MM_HINT_T0);
+    bool padded = false;
+    for (std::size_t c = 0; c < 16; ++c)
+        padded = padded || group[c * kRelaxNeighbors + kRelaxNeighbors - 1] ==
+                               static_cast<std::uint32_t>(self[c]);
+    // Where the lanes' neighbour indices are needed as a vector (own-index padding, radii that
+    // differ), they are gathered from the lists at a stride of one list.
+    const __m512i listStride =
+        _mm512_mullo_epi32(_mm512_setr_epi32(0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15),
+                           _mm512_set1_epi32(kRelaxNeighbors));
+    for (int k = 0; k < kRelaxNeighbors; ++k) {
+        __m128 q[16];
+        for (std::size_t c = 0; c < 16; ++c)
+            q[c] = _mm_loadu_ps(
+                &positions[group[c * kRelaxNeighbors + static_cast<std::size_t>(k)]].x);
+        __m512i neighbor = _mm512_setzero_si512();
+        if (padded || radii)
+            neighbor = gatherWords(_mm512_add_epi32(listStride, _mm512_set1_epi32(k)), group);
+        // A pair with the candidate itself and, where radii differ, a neighbour of radius 0 get a
+        // reach of 0: no distance is below it.
+        const __mmask16 other =
+            padded ? _mm512_cmpneq_epi32_mask(neighbor, selfLanes) : static_cast<__mmask16>(0xffff);
+        __m512 s;
+        if (radii) {
+            const __m512 rj = gatherFloats(neighbor, radii);
+            s = _mm512_maskz_mov_ps(other & _mm512_cmp_ps_mask(rj, zero, _CMP_GT_OQ),
+                                    _mm512_add_ps(ownRadius, rj));
+        } else {
+            s = _mm512_maskz_mov_ps(other, plainReach);
+        }
+        // Sixteen points (x, y, z, next) to three rows of x, y and z: register r holds points r,
+        // r + 4, r + 8 and r + 12, so that each 128-bit lane transposes four points in order.
+        __m512 rows[4];
+        for (std::size_t r = 0; r < 4; ++r) {
+            const __m256 low = _mm256_insertf128_ps(_mm256_castps128_ps256(q[r]), q[r + 4], 1);
+            const __m256 high =
+                _mm256_insertf128_ps(_mm256_castps128_ps256(q[r + 8]), q[r + 12], 1);
+            rows[r] = _mm512_castpd_ps(_mm512_insertf64x4(
+                _mm512_castpd256_pd512(_mm256_castps_pd(low)), _mm256_castps_pd(high), 1));
+        }
+        const __m512 xy01 = _mm512_unpacklo_ps(rows[0], rows[1]);
+        const __m512 xy23 = _mm512_unpacklo_ps(rows[2], rows[3]);
+        const __m512 zw01 = _mm512_unpackhi_ps(rows[0], rows[1]);
+        const __m512 zw23 = _mm512_unpackhi_ps(rows[2], rows[3]);
+        const __m512 x = _mm512_sub_ps(px, _mm512_shuffle_ps(xy01, xy23, 0x44));
+        const __m512 y = _mm512_sub_ps(py, _mm512_shuffle_ps(xy01, xy23, 0xEE));
+        const __m512 z = _mm512_sub_ps(pz, _mm512_shuffle_ps(zw01, zw23, 0x44));
+        const __m512 d2 = _mm512_add_ps(_mm512_add_ps(_mm512_mul_ps(x, x), _mm512_mul_ps(y, y)),
+                                        _mm512_mul_ps(z, z));
+        // As pairForceWide: pairs clearly out of reach add +0, told without the square root.
+        const __mmask16 roughly =
+            _mm512_cmp_ps_mask(d2, _mm512_mul_ps(_mm512_mul_ps(s, s), margin), _CMP_LT_OQ);
+        if (roughly == 0) continue;
+        const __m512 dist = _mm512_sqrt_ps(d2);
+        const __mmask16 in = _mm512_cmp_ps_mask(dist, s, _CMP_LT_OQ);
+        coincident |= static_cast<unsigned>(
+            _mm512_mask_cmp_ps_mask(in, dist, _mm512_mul_ps(s, tiny), _CMP_LE_OQ));
+        const __m512 inverseReach = radii ? _mm512_div_ps(one, s) : plain;
+        const __m512 w = _mm512_sub_ps(one, _mm512_mul_ps(dist, inverseReach));
+        const __m512 scale =
+            _mm512_maskz_mov_ps(in, _mm512_mul_ps(_mm512_mul_ps(w, w), _mm512_div_ps(one, dist)));
+        fx = _mm512_add_ps(fx, _mm512_maskz_mov_ps(in, _mm512_mul_ps(x, scale)));
+        fy = _mm512_add_ps(fy, _mm512_maskz_mov_ps(in, _mm512_mul_ps(y, scale)));
+        fz = _mm512_add_ps(fz, _mm512_maskz_mov_ps(in, _mm512_mul_ps(z, scale)));
+    }
+    alignas(64) float own[3][16];
+    _mm512_store_ps(own[0], fx);
+    _mm512_store_ps(own[1], fy);
+    _mm512_store_ps(own[2], fz);
+    for (std::size_t c = 0; c < lanes; ++c)
+        forces[c] = {own[0][c], own[1][c], own[2][c]};
+    return coincident & ((1u << lanes) - 1);
+}
+#if defined(__GNUC__) && !defined(__clang__)
+#pragma GCC diagnostic pop
+#endif
 #else
 unsigned pairForceWide(std::size_t, std::size_t, const std::uint32_t*, const Vec3f*, const float*,
                        float, float, Vec3f*) {
+    return 0;
+}
+unsigned pairForceWidest(std::size_t, std::size_t, const std::uint32_t*, const Vec3f*, const float*,
+                         float, float, Vec3f*) {
     return 0;
 }
 #endif
@@ -461,18 +599,24 @@ void relaxPlacement(const ScalpMesh& scalp, const PlacementSettings& settings,
     };
 
     const bool wide = lanes != RelaxLanes::four && wideLanesUsable();
+    const bool widest = lanes == RelaxLanes::widest && widestLanesUsable();
+    const std::size_t width = widest ? 16 : 8;
     for (int iteration = 0; iteration < kIterations; ++iteration) {
         if (iteration % 4 == 0) refresh();
         const bool last = iteration == kIterations - 1;
         forEach(count, [&](std::size_t begin, std::size_t end) {
             const float* radiiOrNull = mapped ? radii.data() : nullptr;
-            Vec3f pushes[8];
+            Vec3f pushes[16];
             unsigned alone = 0;  // lanes left to the pair-by-pair loop
             for (std::size_t i = begin; i < end; ++i) {
-                const std::size_t lane = (i - begin) % 8;
-                if (wide && lane == 0)
-                    alone = pairForceWide(i, std::min<std::size_t>(8, end - i), neighbors.data(),
-                                          positions.data(), radiiOrNull, r0, plainInverse, pushes);
+                const std::size_t lane = (i - begin) % width;
+                if (wide && lane == 0) {
+                    const std::size_t group = std::min(width, end - i);
+                    alone = widest ? pairForceWidest(i, group, neighbors.data(), positions.data(),
+                                                     radiiOrNull, r0, plainInverse, pushes)
+                                   : pairForceWide(i, group, neighbors.data(), positions.data(),
+                                                   radiiOrNull, r0, plainInverse, pushes);
+                }
                 const float ri = radii[i];
                 const Vec3f pi = positions[i];
                 if (!(ri > 0.0f)) {
