@@ -299,6 +299,10 @@ __attribute__((target("avx"))) unsigned pairForceWide(std::size_t first, std::si
                         shortGroup + c * kRelaxNeighbors);
         group = shortGroup;
     }
+    // The next group's lists are asked for now, as in pairForceWidest.
+    const char* nextLists = reinterpret_cast<const char*>(lists + (first + 8) * kRelaxNeighbors);
+    for (std::size_t line = 0; line < 8 * kRelaxNeighbors * sizeof(std::uint32_t); line += 64)
+        _mm_prefetch(nextLists + line, _MM_HINT_T0);
     bool padded = false;
     for (std::size_t c = 0; c < 8; ++c)
         padded = padded || group[c * kRelaxNeighbors + kRelaxNeighbors - 1] == self[c];
