@@ -159,6 +159,8 @@ class CandidateGrid {
     }
     std::size_t size() const { return sortedIndex_.size(); }
     std::uint64_t cellKeyAt(std::uint32_t cell) const { return cellKeys_[cell]; }
+    // The key of the cell of an entry, as the build found it.
+    std::uint64_t keyOfEntry(std::uint32_t entry) const { return entries_[entry].key; }
     // The entries of cells [first, last).
     std::uint32_t entriesBegin(std::uint32_t first) const { return cellStart_[first]; }
 
@@ -354,10 +356,11 @@ class BlockSearch {
     // meets equal distances does the insertion below look the ranks up.
     static constexpr float kHintScale = 1.15f;
 
-    int find(const Vec3f& p, std::uint32_t i, std::uint64_t (&best)[kRelaxNeighbors]) {
-        const CellCoord c = cellOf(p, grid_.inverse());
-        const std::uint64_t key = cellKey(c.x, c.y, c.z);
-        if (key != key_) gather(c, key);
+    // `key` is the key of p's cell, which the grid already knows: the cell's coordinates are
+    // worked out again only for a new cell.
+    int find(const Vec3f& p, std::uint32_t i, std::uint64_t key,
+             std::uint64_t (&best)[kRelaxNeighbors]) {
+        if (key != key_) gather(cellOf(p, grid_.inverse()), key);
         // The candidate before lies close by with a like spacing: within a little more than its
         // 24th squared distance there are mostly 24, and few more keys to sort, whose insertion
         // costs most of a search. Where there are fewer, the reach widens in steps.
@@ -931,7 +934,7 @@ void nearestInGrid(const CandidateGrid& grid, float range, std::span<std::uint32
                         list[k] = k < near ? static_cast<std::uint32_t>(best[k]) : i;
                 }
             };
-            if (const int near = block.find(p, i, best); near >= 0) {
+            if (const int near = block.find(p, i, grid.keyOfEntry(self), best); near >= 0) {
                 for (int k = 0; k < kRelaxNeighbors; ++k)
                     list[k] = k < near ? static_cast<std::uint32_t>(best[k]) : i;
                 continue;
