@@ -523,11 +523,20 @@ TEST(Scatter, NeighbourListsOnAwkwardSpreads) {
     std::vector<Vec3f> corners = spread(200, 21, {1.0f, 1.0f, 1.0f}, {0.0f, 0.0f, 0.0f});
     const auto opposite = spread(200, 22, {1.0f, 1.0f, 1.0f}, {150.0f, 150.0f, 150.0f});
     corners.insert(corners.end(), opposite.begin(), opposite.end());
+    // A lattice of a spacing that binary floats do not hold: its neighbours tie but for the
+    // rounding of their squared distances, so every lane width must round those as the plain
+    // loop does (a fused multiply-add, say, would reorder some).
+    std::vector<Vec3f> tenths;
+    for (std::size_t i = 0; i < 1600; ++i)
+        tenths.push_back(Vec3f{0.3f + 0.1f * static_cast<float>(i % 40),
+                               0.7f + 0.1f * static_cast<float>(i / 40),
+                               0.01f * static_cast<float>(i % 3)});
     const struct {
         const char* name;
         const std::vector<Vec3f>& points;
         float cell, range;
     } cases[] = {
+        {"lattice of tenths", tenths, 0.35f, 0.6f},
         {"clusters", clusters, 0.25f, 4.0f},
         {"clusters, long range", clusters, 0.25f, 40.0f},
         {"stacked", stacked, 0.5f, 2.0f},
