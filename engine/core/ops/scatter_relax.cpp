@@ -717,7 +717,6 @@ void relaxPlacement(const ScalpMesh& scalp, const PlacementSettings& settings,
 
     const bool wide = lanes != RelaxLanes::four && wideLanesUsable();
     const bool widest = lanes == RelaxLanes::widest && widestLanesUsable();
-    const std::size_t width = 8;
     for (int iteration = 0; iteration < kIterations; ++iteration) {
         if (iteration % 4 == 0) refresh();
         const bool last = iteration == kIterations - 1;
@@ -754,12 +753,10 @@ void relaxPlacement(const ScalpMesh& scalp, const PlacementSettings& settings,
                     i += group - 1;
                     continue;
                 }
-                const std::size_t lane = (i - begin) % width;
-                if (wide && lane == 0) {
-                    const std::size_t group = std::min(width, end - i);
-                    alone = pairForceWide(i, group, neighbors.data(), positions.data(), radiiOrNull,
-                                          r0, plainInverse, pushes);
-                }
+                const std::size_t lane = (i - begin) % 8;
+                if (wide && lane == 0)
+                    alone = pairForceWide(i, std::min<std::size_t>(8, end - i), neighbors.data(),
+                                          positions.data(), radiiOrNull, r0, plainInverse, pushes);
                 const float ri = radii[i];
                 const Vec3f pi = positions[i];
                 if (!(ri > 0.0f)) {
