@@ -30,6 +30,16 @@
 #define VELMORIN_RELAX_AVX 0
 #endif
 
+// The attributes of a function with AVX-512 lanes. AVX-512 brings fused multiply-adds, which GCC
+// would form from a product and a sum (a squared distance, say) and round once instead of twice:
+// the bits would then differ from the narrower lanes'. Clang fuses only within one expression of
+// the source, which intrinsics never are.
+#if VELMORIN_RELAX_AVX && defined(__clang__)
+#define VELMORIN_AVX512_LANES __attribute__((target("avx512f")))
+#elif VELMORIN_RELAX_AVX
+#define VELMORIN_AVX512_LANES __attribute__((target("avx512f"), optimize("fp-contract=off")))
+#endif
+
 namespace velmorin::scatter {
 
 inline constexpr std::size_t kGrain = 256;
@@ -43,11 +53,19 @@ inline bool wideIntegerLanesUsable() {
     static const bool usable = __builtin_cpu_supports("avx2");
     return usable;
 }
+// Sixteen lanes (AVX-512 foundation), for the neighbour search's measuring and ranking.
+inline bool widestLanesUsable() {
+    static const bool usable = __builtin_cpu_supports("avx512f");
+    return usable;
+}
 #else
 inline bool wideLanesUsable() {
     return false;
 }
 inline bool wideIntegerLanesUsable() {
+    return false;
+}
+inline bool widestLanesUsable() {
     return false;
 }
 #endif

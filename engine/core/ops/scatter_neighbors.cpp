@@ -159,6 +159,8 @@ class CandidateGrid {
     }
     std::size_t size() const { return sortedIndex_.size(); }
     std::uint64_t cellKeyAt(std::uint32_t cell) const { return cellKeys_[cell]; }
+    // The key of the cell of an entry, as the build found it.
+    std::uint64_t keyOfEntry(std::uint32_t entry) const { return entries_[entry].key; }
     // The entries of cells [first, last).
     std::uint32_t entriesBegin(std::uint32_t first) const { return cellStart_[first]; }
 
@@ -332,9 +334,11 @@ class BlockSearch {
   public:
     // `rankOf` and `indexOfRank` turn indices into ranks and back (both null where ranks are the
     // indices).
-    BlockSearch(const CandidateGrid& grid, float reach, float range2, bool wide,
+    // `lanes` is 4, 8 (AVX2) or 16 (AVX-512): the width the distances are measured and ranked at.
+    BlockSearch(const CandidateGrid& grid, float reach, float range2, int lanes,
                 const std::uint32_t* rankOf, const std::uint32_t* indexOfRank)
-        : wide_(wide),
+        : lanes_(lanes),
+          wide_(lanes > 4),
           rankOf_(rankOf),
           indexOfRank_(indexOfRank),
           runs_((2 * static_cast<std::size_t>(std::ceil(reach * grid.inverse())) + 1) *
@@ -352,15 +356,18 @@ class BlockSearch {
     // meets equal distances does the insertion below look the ranks up.
     static constexpr float kHintScale = 1.15f;
 
-    int find(const Vec3f& p, std::uint32_t i, std::uint64_t (&best)[kRelaxNeighbors]) {
-        const CellCoord c = cellOf(p, grid_.inverse());
-        const std::uint64_t key = cellKey(c.x, c.y, c.z);
-        if (key != key_) gather(c, key);
+    // `key` is the key of p's cell, which the grid already knows: the cell's coordinates are
+    // worked out again only for a new cell.
+    int find(const Vec3f& p, std::uint32_t i, std::uint64_t key,
+             std::uint64_t (&best)[kRelaxNeighbors]) {
+        if (key != key_) gather(cellOf(p, grid_.inverse()), key);
         // The candidate before lies close by with a like spacing: within a little more than its
         // 24th squared distance there are mostly 24, and few more keys to sort, whose insertion
         // costs most of a search. Where there are fewer, the reach widens in steps.
         const float first = std::min(range2_, hint_);
-        std::size_t n = wide_ ? collectNearWide(p, i, first) : collectNear(p, i, first);
+        std::size_t n = lanes_ == 16 ? collectNearWidest(p, i, first)
+                        : wide_      ? collectNearWide(p, i, first)
+                                     : collectNear(p, i, first);
         // The candidates within a squared distance grow about in proportion to it on a surface:
         // a reach scaled by the count found mostly keeps 24 to 32, the most the wide ranking
         // takes at once. Any reach that keeps 24 keeps the same nearest 24.
@@ -378,7 +385,10 @@ class BlockSearch {
         }
         // The keys in order, the first 24 kept.
         std::size_t found = std::min<std::size_t>(n, kRelaxNeighbors);
-        if (!(wide_ ? rankKeysWide(n, best) : rankKeys(n, best))) insertKeys(n, best);
+        const bool ranked = lanes_ == 16 ? rankKeysWidest(n, best)
+                            : wide_      ? rankKeysWide(n, best)
+                                         : rankKeys(n, best);
+        if (!ranked) insertKeys(n, best);
         const float limit =
             found == kRelaxNeighbors
                 ? std::bit_cast<float>(static_cast<std::uint32_t>(best[found - 1] >> 32))
@@ -396,7 +406,9 @@ class BlockSearch {
     static constexpr std::size_t kWideMost = 32;  // the keys rankKeysWide ranks at once
 
     std::size_t again(std::uint32_t i, float within) {
-        return wide_ ? collectAgainWide(i, within) : collectAgain(i, within);
+        return lanes_ == 16 ? collectAgainWidest(i, within)
+               : wide_      ? collectAgainWide(i, within)
+                            : collectAgain(i, within);
     }
 
     // Sorts the n collected keys into `best` by counting, for each, the keys of smaller squared
@@ -561,6 +573,104 @@ class BlockSearch {
         return n + static_cast<std::size_t>(std::popcount(mask));
     }
 
+    // collectNearWide sixteen lanes at a time with AVX-512, whose compression packs the lanes
+    // within reach without a table. The squared distances are the same operations in the same
+    // order, so the keys are those of the narrower paths.
+    VELMORIN_AVX512_LANES std::size_t collectNearWidest(const Vec3f& p, std::uint32_t i,
+                                                        float within) {
+        const __m512 px = _mm512_set1_ps(p.x), py = _mm512_set1_ps(p.y), pz = _mm512_set1_ps(p.z);
+        const __m512 limit = _mm512_set1_ps(within);
+        const __m512i self = _mm512_set1_epi32(static_cast<std::int32_t>(i));
+        std::size_t n = 0;
+        for (std::size_t b = 0; b < count_; b += 16) {
+            const __m512 dx = _mm512_sub_ps(_mm512_loadu_ps(x_.data() + b), px);
+            const __m512 dy = _mm512_sub_ps(_mm512_loadu_ps(y_.data() + b), py);
+            const __m512 dz = _mm512_sub_ps(_mm512_loadu_ps(z_.data() + b), pz);
+            const __m512 d2 = _mm512_add_ps(
+                _mm512_add_ps(_mm512_mul_ps(dx, dx), _mm512_mul_ps(dy, dy)), _mm512_mul_ps(dz, dz));
+            _mm512_storeu_ps(d2_.data() + b, d2);
+            n = packKeysWidest(d2, b, self, limit, n);
+        }
+        return n;
+    }
+
+    // collectAgain sixteen lanes at a time, from the kept squared distances.
+    VELMORIN_AVX512_LANES std::size_t collectAgainWidest(std::uint32_t i, float within) {
+        const __m512 limit = _mm512_set1_ps(within);
+        const __m512i self = _mm512_set1_epi32(static_cast<std::int32_t>(i));
+        std::size_t n = 0;
+        for (std::size_t b = 0; b < count_; b += 16)
+            n = packKeysWidest(_mm512_loadu_ps(d2_.data() + b), b, self, limit, n);
+        return n;
+    }
+
+    // packKeys for sixteen lanes: the lanes within `limit` other than `self` are compressed to the
+    // front, and their keys (squared distance above index) written at n as two groups of eight.
+    VELMORIN_AVX512_LANES std::size_t packKeysWidest(__m512 d2, std::size_t b, __m512i self,
+                                                     __m512 limit, std::size_t n) {
+        const __m512i index = _mm512_loadu_si512(index_.data() + b);
+        const __mmask16 mask =
+            _mm512_mask_cmp_ps_mask(_mm512_cmpneq_epi32_mask(index, self), d2, limit, _CMP_LE_OQ);
+        const __m512i bits = _mm512_maskz_compress_epi32(mask, _mm512_castps_si512(d2));
+        const __m512i indices = _mm512_maskz_compress_epi32(mask, index);
+        // Lane k of `indices` and of `bits` side by side: a key's low word is its index.
+        const __m512i low = _mm512_permutex2var_epi32(
+            indices, _mm512_setr_epi32(0, 16, 1, 17, 2, 18, 3, 19, 4, 20, 5, 21, 6, 22, 7, 23),
+            bits);
+        const __m512i high = _mm512_permutex2var_epi32(
+            indices,
+            _mm512_setr_epi32(8, 24, 9, 25, 10, 26, 11, 27, 12, 28, 13, 29, 14, 30, 15, 31), bits);
+        _mm512_storeu_si512(keys_.data() + n, low);
+        _mm512_storeu_si512(keys_.data() + n + 8, high);
+        return n + static_cast<std::size_t>(std::popcount(static_cast<unsigned>(mask)));
+    }
+
+    // rankKeysWide with AVX-512: the same counts of smaller squared distances, sixteen lanes to a
+    // register, so two compares per key rank up to 32.
+    VELMORIN_AVX512_LANES bool rankKeysWidest(std::size_t n,
+                                              std::uint64_t (&best)[kRelaxNeighbors]) {
+        constexpr std::size_t kMost = kWideMost;
+        if (n > kMost) return rankKeys(n, best);
+        // The squared distances are the odd words of the keys; lanes past the keys are set far.
+        const __m512i odd =
+            _mm512_setr_epi32(1, 3, 5, 7, 9, 11, 13, 15, 17, 19, 21, 23, 25, 27, 29, 31);
+        const __m512 far = _mm512_set1_ps(std::numeric_limits<float>::infinity());
+        const std::uint64_t used = (std::uint64_t{1} << n) - 1;
+        const __m512 mine0 = _mm512_mask_mov_ps(
+            far, static_cast<__mmask16>(used),
+            _mm512_castsi512_ps(_mm512_permutex2var_epi32(_mm512_loadu_si512(keys_.data()), odd,
+                                                          _mm512_loadu_si512(keys_.data() + 8))));
+        const __m512 mine1 = _mm512_mask_mov_ps(far, static_cast<__mmask16>(used >> 16),
+                                                _mm512_castsi512_ps(_mm512_permutex2var_epi32(
+                                                    _mm512_loadu_si512(keys_.data() + 16), odd,
+                                                    _mm512_loadu_si512(keys_.data() + 24))));
+        const __m512i plusOne = _mm512_set1_epi32(1);
+        __m512i count0 = _mm512_setzero_si512(), count1 = count0;
+        for (std::size_t k = 0; k < n; ++k) {
+            const __m512 other =
+                _mm512_castsi512_ps(_mm512_set1_epi32(static_cast<std::int32_t>(keys_[k] >> 32)));
+            count0 = _mm512_mask_add_epi32(count0, _mm512_cmp_ps_mask(other, mine0, _CMP_LT_OQ),
+                                           count0, plusOne);
+            count1 = _mm512_mask_add_epi32(count1, _mm512_cmp_ps_mask(other, mine1, _CMP_LT_OQ),
+                                           count1, plusOne);
+        }
+        alignas(64) std::int32_t rank[kMost];
+        _mm512_store_si512(rank, count0);
+        _mm512_store_si512(rank + 16, count1);
+        // As rankKeysWide: every lane of the used groups is placed, lanes past the keys beyond
+        // them.
+        std::uint64_t ranks = 0;
+        std::uint64_t sorted[kMost + 1];
+        const std::size_t groups = (n + 15) / 16 * 16;
+        for (std::size_t k = 0; k < groups; ++k) {
+            const auto r = static_cast<std::size_t>(rank[k]);
+            ranks |= static_cast<std::uint64_t>(k < n) << r;
+            sorted[r] = keys_[k];
+        }
+        std::copy_n(sorted, std::min<std::size_t>(n, kRelaxNeighbors), best);
+        return ranks == (std::uint64_t{1} << n) - 1;
+    }
+
     // For each eight-bit mask, the lanes whose bit is set in order, three bits each in a nibble.
     static constexpr std::array<std::uint32_t, 256> kPackOrder = [] {
         std::array<std::uint32_t, 256> table{};
@@ -573,6 +683,15 @@ class BlockSearch {
         return table;
     }();
 #else
+    bool rankKeysWidest(std::size_t n, std::uint64_t (&best)[kRelaxNeighbors]) {
+        return rankKeys(n, best);
+    }
+    std::size_t collectNearWidest(const Vec3f& p, std::uint32_t i, float within) {
+        return collectNear(p, i, within);
+    }
+    std::size_t collectAgainWidest(std::uint32_t i, float within) {
+        return collectAgain(i, within);
+    }
     bool rankKeysWide(std::size_t n, std::uint64_t (&best)[kRelaxNeighbors]) {
         return rankKeys(n, best);
     }
@@ -705,7 +824,7 @@ class BlockSearch {
                 const std::uint32_t first = grid_.entriesBegin(run.left);
                 const std::uint32_t last = grid_.entriesBegin(run.right);
                 const std::size_t length = last - first;
-                if (m + length + 8 > x_.size()) grow(m + length + 8);
+                if (m + length + 32 > x_.size()) grow(m + length + 32);
                 // One loop for the four arrays: runs are short, and a library copy per array
                 // would cost more than the copying.
                 const float* __restrict fromX = grid_.axisData(0) + first;
@@ -724,9 +843,10 @@ class BlockSearch {
                 }
                 m += length;
             }
-        if (m + 8 > x_.size()) grow(m + 8);
+        // Room for the padding and for the sixteen keys the widest packing writes past the last.
+        if (m + 32 > x_.size()) grow(m + 32);
         const float far = std::numeric_limits<float>::infinity();
-        const std::size_t lanes = wide_ ? 8 : 4;
+        const auto lanes = static_cast<std::size_t>(lanes_);
         for (std::size_t b = m; b % lanes != 0; ++b) {
             x_[b] = y_[b] = z_[b] = far;
             index_[b] = 0;
@@ -748,6 +868,7 @@ class BlockSearch {
     struct RowRun {
         std::uint32_t end = 0, left = 0, right = 0;
     };
+    int lanes_;
     bool wide_;
     const std::uint32_t* rankOf_;
     const std::uint32_t* indexOfRank_;
@@ -766,13 +887,20 @@ class BlockSearch {
     std::size_t count_ = 0;  // the box's candidates and padding
 };
 
+// The lanes the block search runs on for a choice of lanes and this processor.
+int blockLanes(RelaxLanes lanes) {
+    if (lanes == RelaxLanes::widest && widestLanesUsable()) return 16;
+    if (lanes != RelaxLanes::four && wideIntegerLanesUsable()) return 8;
+    return 4;
+}
+
 // The nearest-neighbour search over a grid: cells are taken in shells of growing distance from the
 // candidate's cell, and the search ends once the next shell cannot hold anything nearer than the
 // current 24th, or lies out of range. Within a shell, rows too far off in y and z are passed over.
 // `rankOf` gives each position's rank and `indexOfRank` turns a rank back into its position's index
 // (both null where ranks are the indices).
 void nearestInGrid(const CandidateGrid& grid, float range, std::span<std::uint32_t> lists,
-                   const std::uint32_t* rankOf, const std::uint32_t* indexOfRank, bool wide) {
+                   const std::uint32_t* rankOf, const std::uint32_t* indexOfRank, int lanes) {
     const std::size_t count = grid.size();
     const float inverse = grid.inverse();
     const float cell = 1.0f / inverse;
@@ -790,7 +918,7 @@ void nearestInGrid(const CandidateGrid& grid, float range, std::span<std::uint32
         std::uint64_t best[kRelaxNeighbors];
         int start = 0;
         float hint = range2;
-        BlockSearch block(grid, kBlockReach * cell, range2, wide, rankOf, indexOfRank);
+        BlockSearch block(grid, kBlockReach * cell, range2, lanes, rankOf, indexOfRank);
         for (std::size_t at = entryBegin; at < entryEnd; ++at) {
             const auto self = static_cast<std::uint32_t>(at);
             const Vec3f p = grid.positionAt(self);
@@ -806,7 +934,7 @@ void nearestInGrid(const CandidateGrid& grid, float range, std::span<std::uint32
                         list[k] = k < near ? static_cast<std::uint32_t>(best[k]) : i;
                 }
             };
-            if (const int near = block.find(p, i, best); near >= 0) {
+            if (const int near = block.find(p, i, grid.keyOfEntry(self), best); near >= 0) {
                 for (int k = 0; k < kRelaxNeighbors; ++k)
                     list[k] = k < near ? static_cast<std::uint32_t>(best[k]) : i;
                 continue;
@@ -938,8 +1066,7 @@ void scatter::NeighborSearch::find(std::span<const Vec3f> positions, float cell,
     }
     state_->grid.build(cell, positions, ranks);
     nearestInGrid(state_->grid, range, lists, ranks.empty() ? nullptr : ranks.data(),
-                  ranks.empty() ? nullptr : indexOfRank.data(),
-                  lanes == RelaxLanes::widest && wideIntegerLanesUsable());
+                  ranks.empty() ? nullptr : indexOfRank.data(), blockLanes(lanes));
 }
 
 void nearestNeighbors(std::span<const Vec3f> positions, float cell, float range,

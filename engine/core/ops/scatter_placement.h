@@ -63,9 +63,10 @@ bool keptByDensity(std::uint64_t id, float density, double workingDensity);
 ScatterPlacement placeRandom(const ScalpMesh& scalp, std::span<const float> faceAreas,
                              const PlacementSettings& settings);
 
-// The lanes the relaxation's push runs on: the widest the processor has (eight with AVX), or four
-// (SSE, every x86-64). Both give the same bits; tests compare them.
-enum class RelaxLanes { widest, four };
+// The lanes the relaxation runs on: the widest the processor has (sixteen with AVX-512 for the
+// neighbour search, eight with AVX for the push), at most eight (AVX and AVX2), or four (SSE, every
+// x86-64). All give the same bits; tests compare them.
+enum class RelaxLanes { widest, eight, four };
 
 // Blue-noise relaxation: fills `placed.evenRoots` by 24 steps of particle repulsion on the surface,
 // starting from the random roots. Results do not depend on the thread count.

@@ -1,6 +1,7 @@
 // Blue-noise relaxation of scatter candidates and the blend between even and random roots.
 
 #include <algorithm>
+#include <array>
 #include <cmath>
 #include <memory>
 #include <unordered_map>
@@ -61,6 +62,16 @@ Vec3f closestOnSegment(const Vec3f& p, const Vec3f& a, const Vec3f& b) {
     const float len2 = lengthSquared(ab);
     const float t = len2 > 0.0f ? std::clamp(dot(p - a, ab) / len2, 0.0f, 1.0f) : 0.0f;
     return a + ab * t;
+}
+
+// Adds to `force` the push of a candidate's nearest border edge: inward, weighed by (1 - e / r)
+// squared at a distance e below the radius r. Beyond, nothing is added (not even a zero, which
+// would turn a -0 into +0).
+void addBorderPush(Vec3f& force, const Vec3f& p, float r, const BorderEdge& edge) {
+    const float e = length(p - closestOnSegment(p, edge.a, edge.b));
+    if (!(e < r)) return;
+    const float w = 1.0f - e / r;
+    force += edge.inward * (w * w);
 }
 
 // The border edges near each cell of a grid: each edge joins every cell within two cells of its
@@ -288,6 +299,10 @@ __attribute__((target("avx"))) unsigned pairForceWide(std::size_t first, std::si
                         shortGroup + c * kRelaxNeighbors);
         group = shortGroup;
     }
+    // The next group's lists are asked for now, as in pairForceWidest.
+    const char* nextLists = reinterpret_cast<const char*>(lists + (first + 8) * kRelaxNeighbors);
+    for (std::size_t line = 0; line < 8 * kRelaxNeighbors * sizeof(std::uint32_t); line += 64)
+        _mm_prefetch(nextLists + line, _MM_HINT_T0);
     bool padded = false;
     for (std::size_t c = 0; c < 8; ++c)
         padded = padded || group[c * kRelaxNeighbors + kRelaxNeighbors - 1] == self[c];
@@ -359,11 +374,251 @@ __attribute__((target("avx"))) unsigned pairForceWide(std::size_t first, std::si
         forces[c] = {own[0][c], own[1][c], own[2][c]};
     return coincident & ((1u << lanes) - 1);
 }
+
+// GCC 12 takes the undefined start values inside its AVX-512 intrinsics for uninitialised
+// variables; the warnings say nothing of this code.
+#if defined(__GNUC__) && !defined(__clang__)
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wuninitialized"
+#pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
+#endif
+// Gathers with every lane loaded.
+VELMORIN_AVX512_LANES inline __m512 gatherFloats(__m512i index, const float* base) {
+    return _mm512_mask_i32gather_ps(_mm512_setzero_ps(), 0xffff, index, base, 4);
+}
+VELMORIN_AVX512_LANES inline __m512i gatherWords(__m512i index, const std::uint32_t* base) {
+    return _mm512_mask_i32gather_epi32(_mm512_setzero_si512(), 0xffff, index, base, 4);
+}
+
+// pairForceWide sixteen candidates at a time with AVX-512: each lane still does the operations of
+// the pair-by-pair loop in list order, so the sums have the same bits. Neighbour positions are
+// fetched as in pairForceWide (a load of four floats each, then a transpose), which outruns gather
+// instructions; the wider registers halve the arithmetic. The same contract: `lanes` up to 16,
+// `positions` readable 4 bytes past its last point, a set bit for a lane left to the pair-by-pair
+// loop; but the forces are written axis by axis, `forces[axis][lane]`, for all sixteen lanes.
+VELMORIN_AVX512_LANES unsigned pairForceWidest(std::size_t first, std::size_t lanes,
+                                               const std::uint32_t* lists, const Vec3f* positions,
+                                               const float* radii, float r0, float plainInverse,
+                                               float (*forces)[16]) {
+    alignas(64) std::int32_t self[16];
+    // Lanes beyond the last candidate repeat it; their result is dropped.
+    for (std::size_t c = 0; c < 16; ++c)
+        self[c] = static_cast<std::int32_t>(first + std::min(c, lanes - 1));
+    const __m512i selfLanes = _mm512_load_si512(self);
+    const __m512i selfFloats = _mm512_mullo_epi32(selfLanes, _mm512_set1_epi32(3));
+    const float* base = &positions[0].x;
+    const __m512 px = gatherFloats(selfFloats, base);
+    const __m512 py = gatherFloats(selfFloats, base + 1);
+    const __m512 pz = gatherFloats(selfFloats, base + 2);
+    const __m512 ownRadius = radii ? gatherFloats(selfLanes, radii) : _mm512_set1_ps(r0);
+    const __m512 plainReach = _mm512_add_ps(ownRadius, _mm512_set1_ps(r0));
+    const __m512 one = _mm512_set1_ps(1.0f), tiny = _mm512_set1_ps(1e-6f);
+    const __m512 plain = _mm512_set1_ps(plainInverse);
+    const __m512 margin = _mm512_set1_ps(1.00002f);
+    const __m512 zero = _mm512_setzero_ps();
+    __m512 fx = zero, fy = zero, fz = zero;
+    unsigned coincident = 0;
+    // The sixteen lists side by side from one base; a last group of fewer takes a copy in which
+    // its last list repeats.
+    const std::uint32_t* group = lists + first * kRelaxNeighbors;
+    std::uint32_t shortGroup[16 * kRelaxNeighbors];
+    if (lanes < 16) {
+        for (std::size_t c = 0; c < 16; ++c)
+            std::copy_n(lists + static_cast<std::size_t>(self[c]) * kRelaxNeighbors,
+                        kRelaxNeighbors, shortGroup + c * kRelaxNeighbors);
+        group = shortGroup;
+    }
+    // The lists stream from memory, 1.5 KiB per group: the next group's are asked for now, to
+    // arrive while this group's pushes are summed.
+    const char* nextLists = reinterpret_cast<const char*>(lists + (first + 16) * kRelaxNeighbors);
+    for (std::size_t line = 0; line < 16 * kRelaxNeighbors * sizeof(std::uint32_t); line += 64)
+        _mm_prefetch(nextLists + line, _MM_HINT_T0);
+    bool padded = false;
+    for (std::size_t c = 0; c < 16; ++c)
+        padded = padded || group[c * kRelaxNeighbors + kRelaxNeighbors - 1] ==
+                               static_cast<std::uint32_t>(self[c]);
+    // Where the lanes' neighbour indices are needed as a vector (own-index padding, radii that
+    // differ), they are gathered from the lists at a stride of one list.
+    const __m512i listStride =
+        _mm512_mullo_epi32(_mm512_setr_epi32(0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15),
+                           _mm512_set1_epi32(kRelaxNeighbors));
+    for (int k = 0; k < kRelaxNeighbors; ++k) {
+        __m128 q[16];
+        for (std::size_t c = 0; c < 16; ++c)
+            q[c] = _mm_loadu_ps(
+                &positions[group[c * kRelaxNeighbors + static_cast<std::size_t>(k)]].x);
+        __m512i neighbor = _mm512_setzero_si512();
+        if (padded || radii)
+            neighbor = gatherWords(_mm512_add_epi32(listStride, _mm512_set1_epi32(k)), group);
+        // A pair with the candidate itself and, where radii differ, a neighbour of radius 0 get a
+        // reach of 0: no distance is below it.
+        const __mmask16 other =
+            padded ? _mm512_cmpneq_epi32_mask(neighbor, selfLanes) : static_cast<__mmask16>(0xffff);
+        __m512 s;
+        if (radii) {
+            const __m512 rj = gatherFloats(neighbor, radii);
+            s = _mm512_maskz_mov_ps(other & _mm512_cmp_ps_mask(rj, zero, _CMP_GT_OQ),
+                                    _mm512_add_ps(ownRadius, rj));
+        } else {
+            s = _mm512_maskz_mov_ps(other, plainReach);
+        }
+        // Sixteen points (x, y, z, next) to three rows of x, y and z: register r holds points r,
+        // r + 4, r + 8 and r + 12, so that each 128-bit lane transposes four points in order.
+        __m512 rows[4];
+        for (std::size_t r = 0; r < 4; ++r) {
+            const __m256 low = _mm256_insertf128_ps(_mm256_castps128_ps256(q[r]), q[r + 4], 1);
+            const __m256 high =
+                _mm256_insertf128_ps(_mm256_castps128_ps256(q[r + 8]), q[r + 12], 1);
+            rows[r] = _mm512_castpd_ps(_mm512_insertf64x4(
+                _mm512_castpd256_pd512(_mm256_castps_pd(low)), _mm256_castps_pd(high), 1));
+        }
+        const __m512 xy01 = _mm512_unpacklo_ps(rows[0], rows[1]);
+        const __m512 xy23 = _mm512_unpacklo_ps(rows[2], rows[3]);
+        const __m512 zw01 = _mm512_unpackhi_ps(rows[0], rows[1]);
+        const __m512 zw23 = _mm512_unpackhi_ps(rows[2], rows[3]);
+        const __m512 x = _mm512_sub_ps(px, _mm512_shuffle_ps(xy01, xy23, 0x44));
+        const __m512 y = _mm512_sub_ps(py, _mm512_shuffle_ps(xy01, xy23, 0xEE));
+        const __m512 z = _mm512_sub_ps(pz, _mm512_shuffle_ps(zw01, zw23, 0x44));
+        const __m512 d2 = _mm512_add_ps(_mm512_add_ps(_mm512_mul_ps(x, x), _mm512_mul_ps(y, y)),
+                                        _mm512_mul_ps(z, z));
+        // As pairForceWide: pairs clearly out of reach add +0, told without the square root.
+        const __mmask16 roughly =
+            _mm512_cmp_ps_mask(d2, _mm512_mul_ps(_mm512_mul_ps(s, s), margin), _CMP_LT_OQ);
+        if (roughly == 0) continue;
+        const __m512 dist = _mm512_sqrt_ps(d2);
+        const __mmask16 in = _mm512_cmp_ps_mask(dist, s, _CMP_LT_OQ);
+        coincident |= static_cast<unsigned>(
+            _mm512_mask_cmp_ps_mask(in, dist, _mm512_mul_ps(s, tiny), _CMP_LE_OQ));
+        const __m512 inverseReach = radii ? _mm512_div_ps(one, s) : plain;
+        const __m512 w = _mm512_sub_ps(one, _mm512_mul_ps(dist, inverseReach));
+        const __m512 scale =
+            _mm512_maskz_mov_ps(in, _mm512_mul_ps(_mm512_mul_ps(w, w), _mm512_div_ps(one, dist)));
+        fx = _mm512_add_ps(fx, _mm512_maskz_mov_ps(in, _mm512_mul_ps(x, scale)));
+        fy = _mm512_add_ps(fy, _mm512_maskz_mov_ps(in, _mm512_mul_ps(y, scale)));
+        fz = _mm512_add_ps(fz, _mm512_maskz_mov_ps(in, _mm512_mul_ps(z, scale)));
+    }
+    // Axis by axis, as the step reads them: a wide load across many narrow stores would wait for
+    // them to reach the cache.
+    _mm512_store_ps(forces[0], fx);
+    _mm512_store_ps(forces[1], fy);
+    _mm512_store_ps(forces[2], fz);
+    return coincident & ((1u << lanes) - 1);
+}
+// Lane tables for sixteen points stored x, y, z one after another (48 floats in three registers):
+// kSplit[axis][0] picks, from the first two registers, the axis of the points whose float lies
+// among the first 32, and kSplit[axis][1] keeps those and takes the rest from the third. kJoin
+// does the reverse for each register of stored points: [0] takes x and y, [1] adds z.
+using LaneTable = std::array<std::array<std::array<std::int32_t, 16>, 2>, 3>;
+constexpr LaneTable kSplit = [] {
+    LaneTable table{};
+    for (int axis = 0; axis < 3; ++axis)
+        for (int k = 0; k < 16; ++k) {
+            const int f = 3 * k + axis;
+            table[axis][0][k] = f < 32 ? f : 0;
+            table[axis][1][k] = f < 32 ? k : 16 + (f - 32);
+        }
+    return table;
+}();
+constexpr LaneTable kJoin = [] {
+    LaneTable table{};
+    for (int block = 0; block < 3; ++block)
+        for (int lane = 0; lane < 16; ++lane) {
+            const int f = 16 * block + lane, axis = f % 3, k = f / 3;
+            table[block][0][lane] = axis == 0 ? k : axis == 1 ? 16 + k : 0;
+            table[block][1][lane] = axis == 2 ? 16 + k : lane;
+        }
+    return table;
+}();
+
+// The step of sixteen candidates, `first` on, from their pushes (border push included): the
+// operations of the one-by-one step in the same order, lane by lane, so the same bits. `lanes` up
+// to 16; the arrays are read and written for those alone.
+VELMORIN_AVX512_LANES void stepWidest(std::size_t first, std::size_t lanes,
+                                      const float (*pushes)[16], const Vec3f* positions,
+                                      const Vec3f* normals, const float* radii, bool last,
+                                      Vec3f* next) {
+    const std::uint64_t floats = (std::uint64_t{1} << (3 * lanes)) - 1;
+    const __mmask16 blocks[3] = {static_cast<__mmask16>(floats),
+                                 static_cast<__mmask16>(floats >> 16),
+                                 static_cast<__mmask16>(floats >> 32)};
+    const auto own = static_cast<__mmask16>((1u << lanes) - 1);
+    // The next group's positions and normals are asked for now: the neighbour lists streaming
+    // through the caches leave little else of these arrays there.
+    for (std::size_t line = 0; line < 3; ++line) {
+        _mm_prefetch(reinterpret_cast<const char*>(positions + first + 16) + 64 * line,
+                     _MM_HINT_T0);
+        _mm_prefetch(reinterpret_cast<const char*>(normals + first + 16) + 64 * line, _MM_HINT_T0);
+    }
+    __m512 split[3][3];  // [pushes, positions, normals][axis]
+    for (std::size_t axis = 0; axis < 3; ++axis)
+        split[0][axis] = _mm512_load_ps(pushes[axis]);
+    const float* from[3] = {nullptr, &positions[first].x, &normals[first].x};
+    for (std::size_t a = 1; a < 3; ++a) {
+        const __m512 r0 = _mm512_maskz_loadu_ps(blocks[0], from[a]);
+        const __m512 r1 = _mm512_maskz_loadu_ps(blocks[1], from[a] + 16);
+        const __m512 r2 = _mm512_maskz_loadu_ps(blocks[2], from[a] + 32);
+        for (std::size_t axis = 0; axis < 3; ++axis) {
+            const __m512 ab =
+                _mm512_permutex2var_ps(r0, _mm512_loadu_si512(kSplit[axis][0].data()), r1);
+            split[a][axis] =
+                _mm512_permutex2var_ps(ab, _mm512_loadu_si512(kSplit[axis][1].data()), r2);
+        }
+    }
+    const __m512 ri = _mm512_maskz_loadu_ps(own, radii + first);
+    const __m512 fx = split[0][0], fy = split[0][1], fz = split[0][2];
+    const __m512 px = split[1][0], py = split[1][1], pz = split[1][2];
+    const __m512 nx = split[2][0], ny = split[2][1], nz = split[2][2];
+    // force = (force - normal * dot(force, normal)) * (0.6 r)
+    const __m512 along = _mm512_add_ps(_mm512_add_ps(_mm512_mul_ps(fx, nx), _mm512_mul_ps(fy, ny)),
+                                       _mm512_mul_ps(fz, nz));
+    const __m512 scale = _mm512_mul_ps(_mm512_set1_ps(0.6f), ri);
+    const __m512 gx = _mm512_mul_ps(_mm512_sub_ps(fx, _mm512_mul_ps(nx, along)), scale);
+    const __m512 gy = _mm512_mul_ps(_mm512_sub_ps(fy, _mm512_mul_ps(ny, along)), scale);
+    const __m512 gz = _mm512_mul_ps(_mm512_sub_ps(fz, _mm512_mul_ps(nz, along)), scale);
+    // moved = p + force * (h / sqrt(|force|^2 + h^2)), h = 0.5 r
+    const __m512 h = _mm512_mul_ps(_mm512_set1_ps(0.5f), ri);
+    const __m512 g2 = _mm512_add_ps(_mm512_add_ps(_mm512_mul_ps(gx, gx), _mm512_mul_ps(gy, gy)),
+                                    _mm512_mul_ps(gz, gz));
+    const __m512 t = _mm512_div_ps(h, _mm512_sqrt_ps(_mm512_add_ps(g2, _mm512_mul_ps(h, h))));
+    __m512 moved[3] = {_mm512_add_ps(px, _mm512_mul_ps(gx, t)),
+                       _mm512_add_ps(py, _mm512_mul_ps(gy, t)),
+                       _mm512_add_ps(pz, _mm512_mul_ps(gz, t))};
+    if (last) {
+        // The snap to r / 1024, rounding to nearest as nearbyint does.
+        const __m512 snap = _mm512_div_ps(ri, _mm512_set1_ps(1024.0f));
+        for (__m512& m : moved)
+            m = _mm512_mul_ps(_mm512_roundscale_ps(_mm512_div_ps(m, snap),
+                                                   _MM_FROUND_TO_NEAREST_INT | _MM_FROUND_NO_EXC),
+                              snap);
+    }
+    // A candidate of radius 0 stays.
+    const __mmask16 moving = _mm512_cmp_ps_mask(ri, _mm512_setzero_ps(), _CMP_GT_OQ);
+    const __m512 kept[3] = {_mm512_mask_mov_ps(px, moving, moved[0]),
+                            _mm512_mask_mov_ps(py, moving, moved[1]),
+                            _mm512_mask_mov_ps(pz, moving, moved[2])};
+    float* to = &next[first].x;
+    for (std::size_t block = 0; block < 3; ++block) {
+        const __m512 xy =
+            _mm512_permutex2var_ps(kept[0], _mm512_loadu_si512(kJoin[block][0].data()), kept[1]);
+        _mm512_mask_storeu_ps(
+            to + 16 * block, blocks[block],
+            _mm512_permutex2var_ps(xy, _mm512_loadu_si512(kJoin[block][1].data()), kept[2]));
+    }
+}
+#if defined(__GNUC__) && !defined(__clang__)
+#pragma GCC diagnostic pop
+#endif
 #else
 unsigned pairForceWide(std::size_t, std::size_t, const std::uint32_t*, const Vec3f*, const float*,
                        float, float, Vec3f*) {
     return 0;
 }
+unsigned pairForceWidest(std::size_t, std::size_t, const std::uint32_t*, const Vec3f*, const float*,
+                         float, float, float (*)[16]) {
+    return 0;
+}
+void stepWidest(std::size_t, std::size_t, const float (*)[16], const Vec3f*, const Vec3f*,
+                const float*, bool, Vec3f*) {}
 #endif
 
 }  // namespace
@@ -460,15 +715,44 @@ void relaxPlacement(const ScalpMesh& scalp, const PlacementSettings& settings,
         return !masked || settings.mask->passes(position);
     };
 
-    const bool wide = lanes == RelaxLanes::widest && wideLanesUsable();
+    const bool wide = lanes != RelaxLanes::four && wideLanesUsable();
+    const bool widest = lanes == RelaxLanes::widest && widestLanesUsable();
     for (int iteration = 0; iteration < kIterations; ++iteration) {
         if (iteration % 4 == 0) refresh();
         const bool last = iteration == kIterations - 1;
         forEach(count, [&](std::size_t begin, std::size_t end) {
             const float* radiiOrNull = mapped ? radii.data() : nullptr;
             Vec3f pushes[8];
+            alignas(64) float pushAxes[3][16];
             unsigned alone = 0;  // lanes left to the pair-by-pair loop
             for (std::size_t i = begin; i < end; ++i) {
+                if (widest) {
+                    // Sixteen at once: the pushes, then one by one what few lanes need (a
+                    // coincident pair, a border near), then the step.
+                    const std::size_t group = std::min<std::size_t>(16, end - i);
+                    alone = pairForceWidest(i, group, neighbors.data(), positions.data(),
+                                            radiiOrNull, r0, plainInverse, pushAxes);
+                    for (std::size_t c = 0; c < group; ++c) {
+                        const std::size_t at = i + c;
+                        const float ri = radii[at];
+                        const bool edge = nearestEdge[at] != kNoEdge;
+                        if (!(ri > 0.0f) || !(((alone >> c) & 1u) || edge)) continue;
+                        Vec3f force = {pushAxes[0][c], pushAxes[1][c], pushAxes[2][c]};
+                        if ((alone >> c) & 1u)
+                            force = pairForceOneByOne(at, rankOf[at],
+                                                      neighbors.data() + at * kRelaxNeighbors,
+                                                      positions[at], ri, positions.data(),
+                                                      radiiOrNull, r0, plainInverse, count);
+                        if (edge) addBorderPush(force, positions[at], ri, edges[nearestEdge[at]]);
+                        pushAxes[0][c] = force.x;
+                        pushAxes[1][c] = force.y;
+                        pushAxes[2][c] = force.z;
+                    }
+                    stepWidest(i, group, pushAxes, positions.data(), normals.data(), radii.data(),
+                               last, next.data());
+                    i += group - 1;
+                    continue;
+                }
                 const std::size_t lane = (i - begin) % 8;
                 if (wide && lane == 0)
                     alone = pairForceWide(i, std::min<std::size_t>(8, end - i), neighbors.data(),
@@ -486,14 +770,7 @@ void relaxPlacement(const ScalpMesh& scalp, const PlacementSettings& settings,
                                   ? pairForceOneByOne(i, rankOf[i], list, pi, ri, positions.data(),
                                                       radiiOrNull, r0, plainInverse, count)
                                   : pushes[lane];
-                if (nearestEdge[i] != kNoEdge) {
-                    const BorderEdge& edge = edges[nearestEdge[i]];
-                    const float e = length(pi - closestOnSegment(pi, edge.a, edge.b));
-                    if (e < ri) {
-                        const float w = 1.0f - e / ri;
-                        force += edge.inward * (w * w);
-                    }
-                }
+                if (nearestEdge[i] != kNoEdge) addBorderPush(force, pi, ri, edges[nearestEdge[i]]);
                 const Vec3f normal = normals[i];
                 force = (force - normal * dot(force, normal)) * (0.6f * ri);
                 const float h = 0.5f * ri;

@@ -27,6 +27,15 @@
 namespace velmorin {
 namespace {
 
+// Every choice of lanes: each gives the same lists and the same bits.
+constexpr RelaxLanes kAllLanes[] = {RelaxLanes::widest, RelaxLanes::eight, RelaxLanes::four};
+
+const char* lanesName(RelaxLanes lanes) {
+    return lanes == RelaxLanes::four    ? ", four lanes"
+           : lanes == RelaxLanes::eight ? ", eight lanes"
+                                        : "";
+}
+
 using test::expectMessage;
 
 // The head-like scalp has an area of about 408: a density of 10 makes about 4,000 strands.
@@ -309,7 +318,7 @@ std::vector<std::uint32_t> nearestByBruteForce(std::span<const Vec3f> positions,
 void expectNearestInRange(const std::string& name, std::span<const Vec3f> positions, float cell,
                           float range, std::span<const std::uint32_t> ranks = {}) {
     const std::vector<std::uint32_t> expected = nearestByBruteForce(positions, range, ranks);
-    for (const RelaxLanes lanes : {RelaxLanes::widest, RelaxLanes::four}) {
+    for (const RelaxLanes lanes : kAllLanes) {
         for (const int threads : {1, 2}) {
             std::vector<std::uint32_t> lists(positions.size() * kRelaxNeighbors);
             runWithThreads(threads,
@@ -319,8 +328,7 @@ void expectNearestInRange(const std::string& name, std::span<const Vec3f> positi
                 wrong += !std::equal(lists.begin() + i * kRelaxNeighbors,
                                      lists.begin() + (i + 1) * kRelaxNeighbors,
                                      expected.begin() + i * kRelaxNeighbors);
-            EXPECT_EQ(wrong, 0u) << name << " at " << threads << " threads"
-                                 << (lanes == RelaxLanes::four ? ", four lanes" : "");
+            EXPECT_EQ(wrong, 0u) << name << " at " << threads << " threads" << lanesName(lanes);
         }
     }
 }
@@ -422,13 +430,12 @@ TEST(Scatter, RelaxedRootsKeepTheirBits) {
         ASSERT_GT(placed.size(), 2000u) << c.name;
         placed.ids.push_back(placed.ids[3] ^ 1);
         placed.randomRoots.push_back(placed.randomRoots[3]);
-        for (const RelaxLanes lanes : {RelaxLanes::widest, RelaxLanes::four}) {
+        for (const RelaxLanes lanes : kAllLanes) {
             for (const int threads : {1, 2}) {
                 ScatterPlacement relaxed = placed;
                 runWithThreads(threads, [&] { relaxPlacement(*plane, settings, relaxed, lanes); });
                 EXPECT_EQ(evenRootsHash(relaxed), c.bits)
-                    << c.name << " at " << threads << " threads"
-                    << (lanes == RelaxLanes::four ? ", four lanes" : "");
+                    << c.name << " at " << threads << " threads" << lanesName(lanes);
             }
         }
     }
@@ -466,14 +473,14 @@ TEST(Scatter, RelaxationLanesAndThreadsGiveTheSameBits) {
             placed.randomRoots.push_back(placed.randomRoots[copy]);
         }
         std::uint64_t first = 0;
-        for (const RelaxLanes lanes : {RelaxLanes::four, RelaxLanes::widest}) {
+        for (const RelaxLanes lanes : {RelaxLanes::four, RelaxLanes::eight, RelaxLanes::widest}) {
             for (const int threads : {1, 2}) {
                 ScatterPlacement relaxed = placed;
                 runWithThreads(threads, [&] { relaxPlacement(*head(), settings, relaxed, lanes); });
                 const std::uint64_t bits = evenRootsHash(relaxed);
                 if (first == 0) first = bits;
-                EXPECT_EQ(bits, first) << c.name << " at " << threads << " threads"
-                                       << (lanes == RelaxLanes::four ? ", four lanes" : "");
+                EXPECT_EQ(bits, first)
+                    << c.name << " at " << threads << " threads" << lanesName(lanes);
             }
         }
         // The relaxation moved the roots: a hash equal to the random roots' would test nothing.
@@ -516,11 +523,20 @@ TEST(Scatter, NeighbourListsOnAwkwardSpreads) {
     std::vector<Vec3f> corners = spread(200, 21, {1.0f, 1.0f, 1.0f}, {0.0f, 0.0f, 0.0f});
     const auto opposite = spread(200, 22, {1.0f, 1.0f, 1.0f}, {150.0f, 150.0f, 150.0f});
     corners.insert(corners.end(), opposite.begin(), opposite.end());
+    // A lattice of a spacing that binary floats do not hold: its neighbours tie but for the
+    // rounding of their squared distances, so every lane width must round those as the plain
+    // loop does (a fused multiply-add, say, would reorder some).
+    std::vector<Vec3f> tenths;
+    for (std::size_t i = 0; i < 1600; ++i)
+        tenths.push_back(Vec3f{0.3f + 0.1f * static_cast<float>(i % 40),
+                               0.7f + 0.1f * static_cast<float>(i / 40),
+                               0.01f * static_cast<float>(i % 3)});
     const struct {
         const char* name;
         const std::vector<Vec3f>& points;
         float cell, range;
     } cases[] = {
+        {"lattice of tenths", tenths, 0.35f, 0.6f},
         {"clusters", clusters, 0.25f, 4.0f},
         {"clusters, long range", clusters, 0.25f, 40.0f},
         {"stacked", stacked, 0.5f, 2.0f},
@@ -577,7 +593,7 @@ TEST(Scatter, NeighbourListsStayTheNearestAsCandidatesMove) {
     std::vector<std::vector<std::uint32_t>> expected;
     for (const auto& at : spots)
         expected.push_back(nearestByBruteForce(at, 4.0f * r, ranks));
-    for (const RelaxLanes lanes : {RelaxLanes::widest, RelaxLanes::four}) {
+    for (const RelaxLanes lanes : kAllLanes) {
         for (const int threads : {1, 2}) {
             runWithThreads(threads, [&] {
                 scatter::NeighborSearch search;
@@ -589,8 +605,8 @@ TEST(Scatter, NeighbourListsStayTheNearestAsCandidatesMove) {
                         wrong += !std::equal(lists.begin() + i * kRelaxNeighbors,
                                              lists.begin() + (i + 1) * kRelaxNeighbors,
                                              expected[s].begin() + i * kRelaxNeighbors);
-                    EXPECT_EQ(wrong, 0u) << steps[s].name << " at " << threads << " threads"
-                                         << (lanes == RelaxLanes::four ? ", four lanes" : "");
+                    EXPECT_EQ(wrong, 0u)
+                        << steps[s].name << " at " << threads << " threads" << lanesName(lanes);
                 }
             });
         }
