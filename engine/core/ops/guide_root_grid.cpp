@@ -1,14 +1,43 @@
 #include "ops/guide_root_grid.h"
 
 #include <algorithm>
+#include <array>
 #include <cassert>
 #include <cmath>
 #include <cstring>
+#include <limits>
+
+#include "base/float_lanes.h"
 
 namespace velmorin {
 namespace {
 
 constexpr float kNoBound = 3.4e38f;
+
+// The shortlist's columns, as the lane query reads them.
+struct ShortlistColumns {
+    const float* x;
+    const float* y;
+    const float* z;
+    const float* fromCenter;
+    const std::uint32_t* indices;
+    std::size_t count;
+};
+
+// The most roots the lane query measures before it has k with a distance at all; beyond that
+// (roots so far off that their distances overflow) it leaves the query to the plain one.
+constexpr std::size_t kLaneCandidates = 256;
+// Columns are padded to a multiple of this, the widest lanes.
+constexpr std::size_t kColumnPad = 8;
+
+// How many lanes a mask's bits set, for up to eight lanes.
+constexpr auto kLaneCount = [] {
+    std::array<std::uint8_t, 256> count{};
+    for (std::size_t bits = 0; bits < 256; ++bits)
+        for (std::size_t b = bits; b != 0; b &= b - 1)
+            ++count[bits];
+    return count;
+}();
 
 // A root's distance and index as one key: squared distances are never negative, so their bits
 // order as the numbers do, and the index below breaks ties toward the lower index.
@@ -48,6 +77,22 @@ inline void insertSorted(int count, std::uint64_t* keys, std::uint64_t key) {
         keys[j] = std::min(keys[j], std::max(keys[j - 1], key));
     keys[0] = std::min(keys[0], key);
 }
+
+#if VELMORIN_FLOAT_LANES
+// The lane query once for each width: four SSE2 lanes, and eight AVX lanes built for AVX alone.
+namespace narrow_shortlist {
+using namespace float_lanes::narrow;
+#define VELMORIN_LANES_TARGET
+#include "ops/guide_shortlist_lanes.inc"
+#undef VELMORIN_LANES_TARGET
+}  // namespace narrow_shortlist
+namespace wide_shortlist {
+using namespace float_lanes::wide;
+#define VELMORIN_LANES_TARGET __attribute__((target("avx")))
+#include "ops/guide_shortlist_lanes.inc"
+#undef VELMORIN_LANES_TARGET
+}  // namespace wide_shortlist
+#endif
 
 }  // namespace
 
@@ -214,7 +259,10 @@ void GuideRootGrid::within(const Vec3f& p, float radius2, std::vector<std::uint3
 void GuideShortlist::gather(const GuideRootGrid& grid, const Vec3f& center, float spread, int k) {
     k_ = std::clamp(k, 0, GuideRootGrid::kMaxNearest);
     center_ = center;
-    points_.clear();
+    count_ = 0;
+    x_.clear();
+    y_.clear();
+    z_.clear();
     fromCenter_.clear();
     indices_.clear();
     if (k_ == 0 || grid.size() == 0) return;
@@ -265,19 +313,52 @@ void GuideShortlist::gather(const GuideRootGrid& grid, const Vec3f& center, floa
         const float distance2 = distanceOf(key);
         if (distance2 > radius2) break;
         const auto from = static_cast<std::uint32_t>(key);
-        points_.push_back(foundPoints_[from]);
+        const Vec3f& point = foundPoints_[from];
+        x_.push_back(point.x);
+        y_.push_back(point.y);
+        z_.push_back(point.z);
         fromCenter_.push_back(std::sqrt(distance2));
         indices_.push_back(foundIndices_[from]);
     }
+    count_ = indices_.size();
+    const float nan = std::numeric_limits<float>::quiet_NaN();
+    const std::size_t padded = (count_ + kColumnPad - 1) / kColumnPad * kColumnPad;
+    x_.resize(padded, nan);
+    y_.resize(padded, nan);
+    z_.resize(padded, nan);
+    fromCenter_.resize(padded, kNoBound);
+    indices_.resize(padded, 0);
 }
 
 int GuideShortlist::nearest(const Vec3f& p, int k, std::uint32_t* indices,
+                            float* distances2) const {
+#if VELMORIN_FLOAT_LANES
+    return nearest(avxLanesUsable() ? Lanes::eight : Lanes::four, p, k, indices, distances2);
+#else
+    return nearest(Lanes::plain, p, k, indices, distances2);
+#endif
+}
+
+int GuideShortlist::nearest(Lanes lanes, const Vec3f& p, int k, std::uint32_t* indices,
                             float* distances2) const {
     assert(k <= k_ || size() < static_cast<std::size_t>(k_));
     const std::size_t count = size();
     k = std::min({k, k_, static_cast<int>(count)});
     if (k <= 0) return 0;
     const float offCenter = length(p - center_) + margin_;
+#if VELMORIN_FLOAT_LANES
+    if (lanes != Lanes::plain) {
+        const ShortlistColumns columns{x_.data(),          y_.data(),       z_.data(),
+                                       fromCenter_.data(), indices_.data(), count};
+        const int found =
+            lanes == Lanes::eight && avxLanesUsable()
+                ? wide_shortlist::nearestInLanes(columns, p, k, offCenter, indices, distances2)
+                : narrow_shortlist::nearestInLanes(columns, p, k, offCenter, indices, distances2);
+        if (found >= 0) return found;
+    }
+#else
+    (void)lanes;
+#endif
     std::uint64_t keys[GuideRootGrid::kMaxNearest];
     // The first k roots (of a distance at all) are all kept: each is put in its place by counting
     // the keys below it, a fixed number of comparisons without a branch, where putting them in
@@ -286,7 +367,7 @@ int GuideShortlist::nearest(const Vec3f& p, int k, std::uint32_t* indices,
     int found = 0;
     std::size_t i = 0;
     for (; i < count && found < k; ++i) {
-        const Vec3f d = points_[i] - p;
+        const Vec3f d = Vec3f{x_[i], y_[i], z_[i]} - p;
         const float distance2 = dot(d, d);
         if (distance2 > kNoBound) continue;
         first[found++] = rankKey(distance2, indices_[i]);
@@ -304,7 +385,7 @@ int GuideShortlist::nearest(const Vec3f& p, int k, std::uint32_t* indices,
         const float slack = fromCenter_[i] - offCenter;
         if (found == k && slack > 0.0f && slack * slack > worst2 * 1.0002f) break;
         // The same operations as the grid's, so the same bits.
-        const Vec3f d = points_[i] - p;
+        const Vec3f d = Vec3f{x_[i], y_[i], z_[i]} - p;
         const float distance2 = dot(d, d);
         if (distance2 > worst2) continue;
         const std::uint64_t key = rankKey(distance2, indices_[i]);

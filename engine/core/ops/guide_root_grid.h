@@ -58,11 +58,17 @@ class GuideShortlist {
     // plus twice `spread`, with a margin against rounding.
     void gather(const GuideRootGrid& grid, const Vec3f& center, float spread, int k);
 
-    std::size_t size() const { return indices_.size(); }
+    std::size_t size() const { return count_; }
 
     // As GuideRootGrid::nearest for a point within the gathered spread and k up to the gathered k:
     // the same indices, distances and order.
     int nearest(const Vec3f& p, int k, std::uint32_t* indices, float* distances2) const;
+
+    // How nearest measures and ranks: root by root (plain), or four or eight roots at a time
+    // (SSE2, AVX where the processor has it; four elsewhere). Every way gives the same answer.
+    enum class Lanes { plain, four, eight };
+    int nearest(Lanes lanes, const Vec3f& p, int k, std::uint32_t* indices,
+                float* distances2) const;
 
   private:
     int k_ = 0;
@@ -71,8 +77,11 @@ class GuideShortlist {
     // The last gather's k-th nearest distance, to start the next one's search from; 0 for none.
     float guess_ = 0.0f;
     // Nearest the centre first, with their distances from it: a query stops where the rest lie
-    // too far from the centre to come near enough to its point.
-    std::vector<Vec3f> points_;
+    // too far from the centre to come near enough to its point. The coordinates come as columns,
+    // padded to a whole number of eight lanes with roots that are not numbers (which no query
+    // takes), so that lanes read them straight.
+    std::size_t count_ = 0;
+    std::vector<float> x_, y_, z_;
     std::vector<float> fromCenter_;
     std::vector<std::uint32_t> indices_;
     // What gather collects before ordering.
