@@ -99,8 +99,13 @@ double shepard(int count, const float* d2, const std::uint32_t* guides, const fl
         const __m128d unbounded = _mm_cmpnlt_pd(_mm_andnot_pd(sign, r), infinite);
         const __m128d inside = _mm_andnot_pd(unbounded, _mm_cmpgt_pd(r, d));
         const __m128d left = _mm_sub_pd(r, d);
-        const __m128d t = _mm_or_pd(_mm_and_pd(unbounded, _mm_div_pd(one, d)),
-                                    _mm_and_pd(inside, _mm_div_pd(left, _mm_mul_pd(r, d))));
+        // One division a lane: 1 / d where the reach is endless, (R - d) / (R * d) within it,
+        // and 0 beyond it (masked, as R * d may be 0 there).
+        const __m128d numerator = _mm_or_pd(_mm_and_pd(unbounded, one), _mm_and_pd(inside, left));
+        const __m128d denominator =
+            _mm_or_pd(_mm_and_pd(unbounded, d), _mm_andnot_pd(unbounded, _mm_mul_pd(r, d)));
+        const __m128d t =
+            _mm_and_pd(_mm_or_pd(unbounded, inside), _mm_div_pd(numerator, denominator));
         _mm_storeu_pd(out + i, t);
         greatest2 = _mm_max_pd(greatest2, t);
         if (edge)
@@ -177,7 +182,31 @@ int quantise(int count, double* weights, std::uint32_t* guides, std::uint32_t* u
     if (!(sum > 0.0) || !std::isfinite(sum)) return 0;
     double remainder[kMaxCandidates];
     std::int64_t total = 0;
-    for (int i = 0; i < count; ++i) {
+    int i = 0;
+#if VELMORIN_BINDING_SSE2
+    // Two at a time, each lane rounding as the scalar steps below; a weight not above 0 is
+    // masked to 0 rather than branched on.
+    {
+        const __m128d total2 = _mm_set1_pd(sum), scale = _mm_set1_pd(kTotalWeight);
+        const __m128d whole = _mm_set1_pd(4503599627370496.0), zero = _mm_setzero_pd();
+        for (; i + 2 <= count; i += 2) {
+            const __m128d w = _mm_loadu_pd(weights + i);
+            const __m128d scaled =
+                _mm_and_pd(_mm_cmpgt_pd(w, zero), _mm_mul_pd(_mm_div_pd(w, total2), scale));
+            // std::min(x, 65536) is (65536 < x ? 65536 : x): minpd(x, 65536) for numbers.
+            const __m128d rounded = _mm_min_pd(_mm_sub_pd(_mm_add_pd(scaled, whole), whole), scale);
+            _mm_storeu_pd(remainder + i, _mm_sub_pd(scaled, rounded));
+            const __m128i whole2 = _mm_cvttpd_epi32(rounded);
+            const auto u0 = static_cast<std::uint32_t>(_mm_cvtsi128_si32(whole2));
+            const auto u1 =
+                static_cast<std::uint32_t>(_mm_cvtsi128_si32(_mm_srli_si128(whole2, 4)));
+            units[i] = u0;
+            units[i + 1] = u1;
+            total += std::int64_t{u0} + u1;
+        }
+    }
+#endif
+    for (; i < count; ++i) {
         const double scaled = weights[i] > 0.0 ? weights[i] / sum * kTotalWeight : 0.0;
         const double rounded = std::min(nearestWhole(scaled), static_cast<double>(kTotalWeight));
         units[i] = static_cast<std::uint32_t>(rounded);
@@ -212,12 +241,13 @@ int quantise(int count, double* weights, std::uint32_t* guides, std::uint32_t* u
         remainder[pick] -= 1.0;
         ++total;
     }
+    // Each entry is written at the next place and kept there only if it has units: whether it
+    // does is as hard to guess as whether its guide reaches the strand.
     int kept = 0;
     for (int i = 0; i < count; ++i) {
-        if (units[i] == 0) continue;
         units[kept] = units[i];
         guides[kept] = guides[i];
-        ++kept;
+        kept += units[i] != 0 ? 1 : 0;
     }
     return kept;
 }
