@@ -432,15 +432,24 @@ struct ChunkScratch {
     GuideShortlist shortlist;
     std::vector<std::uint32_t> order;  // chunk-local strands, grouped by list and place
     std::vector<std::uint32_t> slot;   // per chunk-local strand, its place in `bound`
+    std::vector<std::uint64_t> keys;   // splitByPlace's
     BindingChunk bound;                // the strands bound, in the order they were bound
 };
 
+// A float's bits turned so that they order as the numbers do (-0 counted as +0).
+inline std::uint32_t orderedBits(float f) {
+    std::uint32_t bits;
+    const float x = f + 0.0f;
+    std::memcpy(&bits, &x, sizeof bits);
+    return bits & 0x80000000u ? ~bits : bits | 0x80000000u;
+}
+
 // Splits `group` (chunk-local strands) at the median of their roots' widest axis until each part
 // has at most kShortlistStrands, and calls visit(part) on each part, in order. `roots` are the
-// chunk's roots by chunk-local index.
+// chunk's roots by chunk-local index; `keys` is scratch of the group's size.
 template <class Visit>
 void splitByPlace(std::span<const Vec3f> roots, std::span<std::uint32_t> group,
-                  const Visit& visit) {
+                  std::span<std::uint64_t> keys, const Visit& visit) {
     if (group.size() <= kShortlistStrands) return visit(group);
     Vec3f lo = roots[group[0]], hi = lo;
     for (const std::uint32_t k : group) {
@@ -448,24 +457,21 @@ void splitByPlace(std::span<const Vec3f> roots, std::span<std::uint32_t> group,
         hi = maxPerAxis(hi, roots[k]);
     }
     const Vec3f extent = hi - lo;
+    const int axis = extent.x >= extent.y && extent.x >= extent.z ? 0
+                     : extent.y >= extent.z                       ? 1
+                                                                  : 2;
+    // Each strand as its coordinate and index in one key: ties go by index, so that the groups
+    // (which only decide how fast a query runs, never its answer) are the same on every run, and
+    // the median is found among plain integers.
+    for (std::size_t i = 0; i < group.size(); ++i)
+        keys[i] = std::uint64_t{orderedBits(roots[group[i]][axis])} << 32 | group[i];
     const std::size_t half = group.size() / 2;
-    // Ties by index, so that the groups (which only decide how fast a query runs, never its
-    // answer) are the same on every run.
-    const auto split = [&](auto coordinate) {
-        std::nth_element(group.begin(), group.begin() + static_cast<std::ptrdiff_t>(half),
-                         group.end(), [&](std::uint32_t a, std::uint32_t b) {
-                             const float pa = coordinate(roots[a]), pb = coordinate(roots[b]);
-                             return pa < pb || (pa == pb && a < b);
-                         });
-    };
-    if (extent.x >= extent.y && extent.x >= extent.z)
-        split([](const Vec3f& p) { return p.x; });
-    else if (extent.y >= extent.z)
-        split([](const Vec3f& p) { return p.y; });
-    else
-        split([](const Vec3f& p) { return p.z; });
-    splitByPlace(roots, group.first(half), visit);
-    splitByPlace(roots, group.subspan(half), visit);
+    std::nth_element(keys.begin(), keys.begin() + static_cast<std::ptrdiff_t>(half),
+                     keys.begin() + static_cast<std::ptrdiff_t>(group.size()));
+    for (std::size_t i = 0; i < group.size(); ++i)
+        group[i] = static_cast<std::uint32_t>(keys[i]);
+    splitByPlace(roots, group.first(half), keys, visit);
+    splitByPlace(roots, group.subspan(half), keys, visit);
 }
 
 // Binds the strands [first, last) of `chunk` in order: all of them, or with `marks` only the
@@ -516,7 +522,8 @@ void bindRange(const BindContext& context, std::size_t first, std::size_t last,
         const int k = static_cast<int>(
                           std::min<std::size_t>(context.settings->candidates, list.grid.size())) +
                       1;
-        splitByPlace(local, std::span<std::uint32_t>(run, runEnd),
+        scratch.keys.resize(count);
+        splitByPlace(local, std::span<std::uint32_t>(run, runEnd), scratch.keys,
                      [&](std::span<std::uint32_t> group) {
                          if (list.grid.size() > 0) {
                              Vec3f lo = local[group[0]], hi = lo;
