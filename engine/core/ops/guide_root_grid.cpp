@@ -256,6 +256,35 @@ void GuideRootGrid::within(const Vec3f& p, float radius2, std::vector<std::uint3
         }
 }
 
+void GuideShortlist::orderKept(std::size_t count) {
+    const auto begin = kept_.begin(), end = kept_.begin() + static_cast<std::ptrdiff_t>(count);
+#if VELMORIN_FLOAT_LANES
+    // A shortlist's few dozen roots lie in no order that a sort's branches could guess; counting
+    // in lanes the roots that come before each one places them without a branch.
+    if (count <= kLaneCandidates && foundIndices_.size() < (1u << 24)) {
+        alignas(32) float d2[kLaneCandidates + kColumnPad];
+        alignas(32) float tie[kLaneCandidates + kColumnPad];
+        alignas(32) float rank[kLaneCandidates + kColumnPad];
+        const std::size_t padded = (count + kColumnPad - 1) / kColumnPad * kColumnPad;
+        for (std::size_t i = 0; i < padded; ++i) {
+            const std::uint64_t key = i < count ? kept_[i] : 0;
+            d2[i] = distanceOf(key);
+            tie[i] = static_cast<float>(static_cast<std::uint32_t>(key));
+        }
+        if (avxLanesUsable())
+            wide_shortlist::rankByDistance(d2, tie, count, rank);
+        else
+            narrow_shortlist::rankByDistance(d2, tie, count, rank);
+        order_.resize(count);
+        for (std::size_t i = 0; i < count; ++i)
+            order_[static_cast<std::size_t>(rank[i])] = kept_[i];
+        std::copy(order_.begin(), order_.end(), begin);
+        return;
+    }
+#endif
+    std::sort(begin, end);
+}
+
 void GuideShortlist::gather(const GuideRootGrid& grid, const Vec3f& center, float spread, int k) {
     k_ = std::clamp(k, 0, GuideRootGrid::kMaxNearest);
     center_ = center;
@@ -297,10 +326,11 @@ void GuideShortlist::gather(const GuideRootGrid& grid, const Vec3f& center, floa
             const Vec3f d = foundPoints_[i] - center;
             order_.push_back(rankKey(dot(d, d), static_cast<std::uint32_t>(i)));
         }
-        std::sort(order_.begin(), order_.end());
         if (all || order_.size() == grid.size()) break;
         if (order_.size() >= static_cast<std::size_t>(k_)) {
-            nearestK = std::sqrt(distanceOf(order_[static_cast<std::size_t>(k_ - 1)]));
+            const auto kth = order_.begin() + (k_ - 1);
+            std::nth_element(order_.begin(), kth, order_.end());
+            nearestK = std::sqrt(distanceOf(*kth));
             if (nearestK <= guess) break;
         }
         guess = guess > 0.0f ? guess * 2.0f : 1e-6f + scale * 1e-5f;
@@ -309,9 +339,17 @@ void GuideShortlist::gather(const GuideRootGrid& grid, const Vec3f& center, floa
     const float radius = radiusFor(nearestK);
     const float radius2 = all || order_.size() == grid.size() ? 3.4e38f : radius * radius;
     margin_ = (scale + radius) * 1e-5f;
+    // Those within the radius, nearest the centre first (equal distances in the order found).
+    kept_.resize(order_.size());
+    std::size_t kept = 0;
     for (const std::uint64_t key : order_) {
+        kept_[kept] = key;
+        kept += distanceOf(key) <= radius2 ? 1 : 0;
+    }
+    orderKept(kept);
+    for (std::size_t i = 0; i < kept; ++i) {
+        const std::uint64_t key = kept_[i];
         const float distance2 = distanceOf(key);
-        if (distance2 > radius2) break;
         const auto from = static_cast<std::uint32_t>(key);
         const Vec3f& point = foundPoints_[from];
         x_.push_back(point.x);

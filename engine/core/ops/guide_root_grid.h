@@ -88,6 +88,10 @@ class GuideShortlist {
     std::vector<std::uint32_t> foundIndices_;
     std::vector<Vec3f> foundPoints_;
     std::vector<std::uint64_t> order_;
+    std::vector<std::uint64_t> kept_;  // the keys within the radius, then in order
+
+    // Orders the first `count` keys of kept_ ascending.
+    void orderKept(std::size_t count);
 };
 
 }  // namespace velmorin
