@@ -76,7 +76,9 @@ ReachTable measureReach(const GuideRootGrid& grid, std::span<const Vec3f> roots,
 
 // The weights of the listed candidates by the modified Shepard rule at radius R per guide (or the
 // single radius `single` when `reach` is null), raised to `power` after scaling by their greatest.
-// Returns the sum; `edge` receives the greatest share of a reach left beyond the strand.
+// Returns the sum; `edge` receives the greatest share of a reach left beyond the strand where that
+// is below a quarter, and a share of a quarter or more (not always the greatest) otherwise: the
+// edge fill only asks whether it is below a quarter, and then its value.
 double shepard(int count, const float* d2, const std::uint32_t* guides, const float* reach,
                float single, float power, double* out, double* edge) {
     double greatest = 0.0, reachLeft = 0.0;
@@ -88,7 +90,8 @@ double shepard(int count, const float* d2, const std::uint32_t* guides, const fl
     const __m128d least = _mm_set1_pd(1e-6), one = _mm_set1_pd(1.0), zero = _mm_setzero_pd();
     const __m128d infinite = _mm_set1_pd(std::numeric_limits<double>::infinity());
     const __m128d sign = _mm_set1_pd(-0.0);
-    __m128d greatest2 = zero, reachLeft2 = zero;
+    const __m128d share = _mm_set1_pd(0.26);
+    __m128d greatest2 = zero, plenty = zero;
     for (; i + 2 <= count; i += 2) {
         const __m128d d = _mm_max_pd(
             _mm_sqrt_pd(_mm_set_pd(static_cast<double>(d2[i + 1]), static_cast<double>(d2[i]))),
@@ -108,15 +111,31 @@ double shepard(int count, const float* d2, const std::uint32_t* guides, const fl
             _mm_and_pd(_mm_or_pd(unbounded, inside), _mm_div_pd(numerator, denominator));
         _mm_storeu_pd(out + i, t);
         greatest2 = _mm_max_pd(greatest2, t);
-        if (edge)
-            reachLeft2 = _mm_max_pd(reachLeft2, _mm_or_pd(_mm_and_pd(unbounded, one),
-                                                          _mm_and_pd(inside, _mm_div_pd(left, r))));
+        // A share of at least 0.26 (R - d at least R * 0.26, rounded) divides to a quarter or
+        // more, which is all the edge fill needs to know; the division waits for the rare strand
+        // without one.
+        plenty = _mm_or_pd(
+            plenty,
+            _mm_or_pd(unbounded, _mm_and_pd(inside, _mm_cmpge_pd(left, _mm_mul_pd(r, share)))));
     }
     const auto largest = [](__m128d v) {
         return std::max(_mm_cvtsd_f64(v), _mm_cvtsd_f64(_mm_unpackhi_pd(v, v)));
     };
     greatest = largest(greatest2);
-    reachLeft = largest(reachLeft2);
+    if (edge) {
+        if (_mm_movemask_pd(plenty) != 0) {
+            reachLeft = 1.0;
+        } else {
+            for (int j = 0; j < i; ++j) {
+                const double d = std::max(std::sqrt(static_cast<double>(d2[j])), 1e-6);
+                const double r = reach ? reach[guides[j]] : single;
+                if (!std::isfinite(r))
+                    reachLeft = 1.0;
+                else if (r > d)
+                    reachLeft = std::max(reachLeft, (r - d) / r);
+            }
+        }
+    }
 #endif
     for (; i < count; ++i) {
         const double d = std::max(std::sqrt(static_cast<double>(d2[i])), 1e-6);
