@@ -507,12 +507,19 @@ void bindRange(const BindContext& context, std::size_t first, std::size_t last,
         if (marks == nullptr || marks[first + k] != 0)
             scratch.order.push_back(static_cast<std::uint32_t>(k));
     // Roots that are not numbers bind to nothing without asking: they go first, on their own.
+    // Both steps keep the order they find, and both leave it as it is (without taking a buffer,
+    // as the stable algorithms do) where it already is: roots are numbers and a chunk's strands
+    // draw on one list, save on a scalp painted in regions.
+    const auto notPlaced = [&](std::uint32_t k) { return !isFinite(roots[first + k]); };
     const auto unplaced =
-        std::stable_partition(scratch.order.begin(), scratch.order.end(),
-                              [&](std::uint32_t k) { return !isFinite(roots[first + k]); });
-    std::stable_sort(unplaced, scratch.order.end(), [&](std::uint32_t a, std::uint32_t b) {
+        std::none_of(scratch.order.begin(), scratch.order.end(), notPlaced)
+            ? scratch.order.begin()
+            : std::stable_partition(scratch.order.begin(), scratch.order.end(), notPlaced);
+    const auto byList = [&](std::uint32_t a, std::uint32_t b) {
         return context.strandLists[first + a] < context.strandLists[first + b];
-    });
+    };
+    if (!std::is_sorted(unplaced, scratch.order.end(), byList))
+        std::stable_sort(unplaced, scratch.order.end(), byList);
 
     BindingChunk& bound = scratch.bound;
     bound.firstStrand = static_cast<std::uint32_t>(first);
