@@ -232,14 +232,17 @@ int quantise(int count, double* weights, std::uint32_t* guides, std::uint32_t* u
         remainder[i] = scaled - rounded;
         total += units[i];
     }
+    constexpr double infinity = std::numeric_limits<double>::infinity();
     while (total > kTotalWeight) {
         // The least remainder among those that can give a unit; the earliest of equal ones.
         int pick = -1;
         double least = std::numeric_limits<double>::infinity();
         for (int i = 0; i < count; ++i) {
-            const bool better = units[i] > 0 && remainder[i] != 0.0 && remainder[i] < least;
-            pick = better ? i : pick;
-            least = better ? remainder[i] : least;
+            // Entries that cannot give a unit stand at infinity: a select, not a branch.
+            const double taken = units[i] > 0 ? remainder[i] : infinity;
+            const double r = taken == 0.0 ? infinity : taken;
+            pick = r < least ? i : pick;
+            least = std::min(least, r);
         }
         if (pick < 0)
             for (int i = 0; i < count && pick < 0; ++i)
@@ -252,9 +255,9 @@ int quantise(int count, double* weights, std::uint32_t* guides, std::uint32_t* u
         int pick = -1;
         double most = -std::numeric_limits<double>::infinity();
         for (int i = 0; i < count; ++i) {
-            const bool better = weights[i] > 0.0 && remainder[i] > most;
-            pick = better ? i : pick;
-            most = better ? remainder[i] : most;
+            const double r = weights[i] > 0.0 ? remainder[i] : -infinity;
+            pick = r > most ? i : pick;
+            most = std::max(most, r);
         }
         ++units[pick];
         remainder[pick] -= 1.0;
