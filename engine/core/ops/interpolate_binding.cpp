@@ -192,12 +192,18 @@ inline double nearestWhole(double x) {
 // Scales weights to a total of 65536 by rounding to nearest and moving single units by the
 // largest remainder rule; returns how many entries stay (at least 1 unit each), compacted in
 // place with their guides and squared distances.
-int quantise(int count, double* weights, std::uint32_t* guides, std::uint32_t* units) {
-    // Adding +0 leaves the sum as it is, so the weights not above 0 may join it: a candidate
-    // past its guide's reach is as common as one within it, and a branch on it mispredicts.
+// The sum of the weights above 0, in order. Adding +0 leaves the sum as it is, so the weights not
+// above 0 may join it: a candidate past its guide's reach is as common as one within it, and a
+// branch on it mispredicts.
+double positiveSum(int count, const double* weights) {
     double sum = 0.0;
     for (int i = 0; i < count; ++i)
         sum += weights[i] > 0.0 ? weights[i] : 0.0;
+    return sum;
+}
+
+// `sum` is positiveSum of the weights.
+int quantise(int count, double* weights, double sum, std::uint32_t* guides, std::uint32_t* units) {
     if (!(sum > 0.0) || !std::isfinite(sum)) return 0;
     double remainder[kMaxCandidates];
     std::int64_t total = 0;
@@ -367,7 +373,9 @@ void bindOne(const BindContext& context, std::size_t s, BindingChunk& chunk,
     // 5. Edge fill: where the strand barely lies within any reach, the kept nearest blend by one
     // radius, so that no guide takes it over just because its reach happens to be largest.
     const double fill = std::min(1.0, 4.0 * edge);
+    bool reweighed = false;
     if (fill < 1.0) {
+        reweighed = true;
         const int kept = std::min(count, static_cast<int>(settings.kept));
         const float radius =
             count > kept
@@ -396,11 +404,17 @@ void bindOne(const BindContext& context, std::size_t s, BindingChunk& chunk,
             scaled[i] = weights[i] * static_cast<double>(inputs.guideWeights[guides[i]]);
             sum += scaled[i];
         }
-        if (sum > 0.0) std::copy(scaled, scaled + count, weights);
+        if (sum > 0.0) {
+            std::copy(scaled, scaled + count, weights);
+            reweighed = true;
+        }
     }
 
     // 7. Quantised to sixteen bits.
-    const int stored = quantise(count, weights, guides, units);
+    // Shepard's sum is the one quantising takes where neither step changed the weights: it adds
+    // the same weights, none below 0, in the same order.
+    const int stored =
+        quantise(count, weights, reweighed ? positiveSum(count, weights) : sumA, guides, units);
     for (int i = 0; i < stored; ++i) {
         chunk.weights.push_back(static_cast<std::uint16_t>(units[i] - 1));
         chunk.guides.push_back(guides[i]);
