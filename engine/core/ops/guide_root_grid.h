@@ -60,6 +60,10 @@ class GuideShortlist {
 
     std::size_t size() const { return count_; }
 
+    // Forgets the last gather's distance, which the next one starts its search from: what gather
+    // finds never depends on it, only how long it takes.
+    void restart() { guess_ = 0.0f; }
+
     // As GuideRootGrid::nearest for a point within the gathered spread and k up to the gathered k:
     // the same indices, distances and order.
     int nearest(const Vec3f& p, int k, std::uint32_t* indices, float* distances2) const;

@@ -480,6 +480,14 @@ inline std::uint32_t orderedBits(float f) {
     return bits & 0x80000000u ? ~bits : bits | 0x80000000u;
 }
 
+// The calling thread's scratch, its arrays kept from one run of chunks to the next, so that they
+// are not grown again from nothing each time; the shortlist starts afresh as a new one would.
+ChunkScratch& chunkScratch() {
+    thread_local ChunkScratch scratch;
+    scratch.shortlist.restart();
+    return scratch;
+}
+
 // Splits `group` (chunk-local strands) at the median of their roots' widest axis until each part
 // has at most kShortlistStrands, and calls visit(part) on each part, in order. `roots` are the
 // chunk's roots by chunk-local index; `keys` is scratch of the group's size.
@@ -769,7 +777,7 @@ std::shared_ptr<const InterpolateState> bindStrands(const InterpolateSettings& s
     binding.chunks.resize(chunkCount);
     const BindContext context{&settings, &inputs, &lists, state->strandLists};
     parallelRange(0, chunkCount, 1, [&](std::size_t begin, std::size_t end) {
-        ChunkScratch scratch;
+        ChunkScratch& scratch = chunkScratch();
         for (std::size_t c = begin; c < end; ++c) {
             const std::size_t first = c * kBindingChunkStrands;
             const std::size_t last = std::min(first + kBindingChunkStrands, strandCount);
@@ -878,7 +886,7 @@ std::shared_ptr<const InterpolateState> rebindStrands(
     binding.chunks.resize(chunkCount);
     const BindContext context{&settings, &inputs, &lists, state->strandLists};
     parallelRange(0, chunkCount, 1, [&](std::size_t begin, std::size_t end) {
-        ChunkScratch scratch;
+        ChunkScratch& scratch = chunkScratch();
         for (std::size_t c = begin; c < end; ++c) {
             const auto& old = previous->binding.chunks[c];
             const std::size_t first = old->firstStrand;
