@@ -488,9 +488,38 @@ ChunkScratch& chunkScratch() {
     return scratch;
 }
 
+// Puts the key of rank `nth` (of the n distinct `keys`) at keys[nth], the lesser ones before it and
+// the greater after, as std::nth_element does. Each partition writes every key to one side or the
+// other and counts where it went, rather than branching on its side: strands lie in no order that
+// a branch could guess. `spare` holds n keys.
+void selectNth(std::uint64_t* keys, std::size_t n, std::size_t nth, std::uint64_t* spare) {
+    std::size_t lo = 0, hi = n;
+    while (hi - lo > 24) {
+        // The median of three distinct keys leaves at least one key on either side.
+        const std::uint64_t a = keys[lo], b = keys[lo + (hi - lo) / 2], c = keys[hi - 1];
+        const std::uint64_t pivot = std::max(std::min(a, b), std::min(std::max(a, b), c));
+        std::size_t below = 0, above = 0;
+        for (std::size_t i = lo; i < hi; ++i) {
+            const std::uint64_t key = keys[i];
+            const std::size_t less = key < pivot ? 1 : 0;
+            // The lesser ones move down in place: lo + below never passes i.
+            keys[lo + below] = key;
+            spare[above] = key;
+            below += less;
+            above += 1 - less;
+        }
+        std::copy(spare, spare + above, keys + lo + below);
+        if (nth < lo + below)
+            hi = lo + below;
+        else
+            lo += below;
+    }
+    std::nth_element(keys + lo, keys + nth, keys + hi);
+}
+
 // Splits `group` (chunk-local strands) at the median of their roots' widest axis until each part
 // has at most kShortlistStrands, and calls visit(part) on each part, in order. `roots` are the
-// chunk's roots by chunk-local index; `keys` is scratch of the group's size.
+// chunk's roots by chunk-local index; `keys` is scratch of twice the group's size.
 template <class Visit>
 void splitByPlace(std::span<const Vec3f> roots, std::span<std::uint32_t> group,
                   std::span<std::uint64_t> keys, const Visit& visit) {
@@ -510,8 +539,7 @@ void splitByPlace(std::span<const Vec3f> roots, std::span<std::uint32_t> group,
     for (std::size_t i = 0; i < group.size(); ++i)
         keys[i] = std::uint64_t{orderedBits(roots[group[i]][axis])} << 32 | group[i];
     const std::size_t half = group.size() / 2;
-    std::nth_element(keys.begin(), keys.begin() + static_cast<std::ptrdiff_t>(half),
-                     keys.begin() + static_cast<std::ptrdiff_t>(group.size()));
+    selectNth(keys.data(), group.size(), half, keys.data() + group.size());
     for (std::size_t i = 0; i < group.size(); ++i)
         group[i] = static_cast<std::uint32_t>(keys[i]);
     splitByPlace(roots, group.first(half), keys, visit);
@@ -573,7 +601,7 @@ void bindRange(const BindContext& context, std::size_t first, std::size_t last,
         const int k = static_cast<int>(
                           std::min<std::size_t>(context.settings->candidates, list.grid.size())) +
                       1;
-        scratch.keys.resize(count);
+        scratch.keys.resize(2 * count);
         splitByPlace(local, std::span<std::uint32_t>(run, runEnd), scratch.keys,
                      [&](std::span<std::uint32_t> group) {
                          if (list.grid.size() > 0) {
