@@ -96,6 +96,32 @@ using namespace float_lanes::wide;
 
 }  // namespace
 
+void selectNth(std::uint64_t* keys, std::size_t n, std::size_t nth, std::uint64_t* spare) {
+    std::size_t lo = 0, hi = n;
+    while (hi - lo > 24) {
+        // The median of three distinct keys leaves at least one key on either side.
+        const std::uint64_t a = keys[lo], b = keys[lo + (hi - lo) / 2], c = keys[hi - 1];
+        const std::uint64_t pivot = std::max(std::min(a, b), std::min(std::max(a, b), c));
+        std::size_t below = 0, above = 0;
+        for (std::size_t i = lo; i < hi; ++i) {
+            const std::uint64_t key = keys[i];
+            const std::size_t less = key < pivot ? 1 : 0;
+            // Each key is written to both sides and counted on one. The lesser ones move down
+            // in place: lo + below never passes i.
+            keys[lo + below] = key;
+            spare[above] = key;
+            below += less;
+            above += 1 - less;
+        }
+        std::copy(spare, spare + above, keys + lo + below);
+        if (nth < lo + below)
+            hi = lo + below;
+        else
+            lo += below;
+    }
+    std::nth_element(keys + lo, keys + nth, keys + hi);
+}
+
 GuideRootGrid::GuideRootGrid(std::span<const Vec3f> points, std::span<const std::uint32_t> indices,
                              int typicalK) {
     assert(points.size() == indices.size());
@@ -244,16 +270,24 @@ void GuideRootGrid::within(const Vec3f& p, float radius2, std::vector<std::uint3
             hi[a] = static_cast<int>(std::clamp((p[a] + radius - min_[a]) / cell_, 0.0f, top));
         }
     }
+    // Every point of a row of cells is written at the end and kept there only if it lies within
+    // the ball: about as many lie outside as inside, and a branch on it mispredicts.
+    std::size_t count = indices.size();
     for (int z = lo[2]; z <= hi[2]; ++z)
         for (int y = lo[1]; y <= hi[1]; ++y) {
             const std::size_t row = (static_cast<std::size_t>(z) * dims_[1] + y) * dims_[0];
-            for (std::uint32_t i = cellStart_[row + lo[0]]; i < cellStart_[row + hi[0] + 1]; ++i) {
+            const std::uint32_t begin = cellStart_[row + lo[0]], end = cellStart_[row + hi[0] + 1];
+            indices.resize(count + (end - begin));
+            points.resize(count + (end - begin));
+            for (std::uint32_t i = begin; i < end; ++i) {
                 const Vec3f d = points_[i] - p;
-                if (dot(d, d) > radius2) continue;
-                indices.push_back(indices_[i]);
-                points.push_back(points_[i]);
+                indices[count] = indices_[i];
+                points[count] = points_[i];
+                count += dot(d, d) > radius2 ? 0 : 1;
             }
         }
+    indices.resize(count);
+    points.resize(count);
 }
 
 void GuideShortlist::orderKept(std::size_t count) {
@@ -328,9 +362,10 @@ void GuideShortlist::gather(const GuideRootGrid& grid, const Vec3f& center, floa
         }
         if (all || order_.size() == grid.size()) break;
         if (order_.size() >= static_cast<std::size_t>(k_)) {
-            const auto kth = order_.begin() + (k_ - 1);
-            std::nth_element(order_.begin(), kth, order_.end());
-            nearestK = std::sqrt(distanceOf(*kth));
+            const auto kth = static_cast<std::size_t>(k_ - 1);
+            kept_.resize(order_.size());
+            selectNth(order_.data(), order_.size(), kth, kept_.data());
+            nearestK = std::sqrt(distanceOf(order_[kth]));
             if (nearestK <= guess) break;
         }
         guess = guess > 0.0f ? guess * 2.0f : 1e-6f + scale * 1e-5f;

@@ -47,6 +47,11 @@ class GuideRootGrid {
     std::vector<std::uint32_t> indices_;    // in cell order, ascending within a cell
 };
 
+// Puts the key of rank `nth` (of the n distinct `keys`) at keys[nth], the lesser ones before it and
+// the greater after, as std::nth_element does, but without a branch on the side each key falls
+// on: the keys of roots lie in no order a branch could guess. `spare` holds n keys.
+void selectNth(std::uint64_t* keys, std::size_t n, std::size_t nth, std::uint64_t* spare);
+
 // The points of a grid that can be among the k nearest of any point of a small group (the roots of
 // strands that lie side by side in a binding chunk), gathered once so that each root of the group
 // scans a short list instead of walking the grid. Answers equal the grid's bit for bit. One

@@ -194,6 +194,36 @@ TEST(GuideShortlist, LanesAnswerAsThePlainQueryAtOneAndTwoThreads) {
     }
 }
 
+// selectNth against a full sort, on key orders that trouble partitions: ascending, descending,
+// hashed, all but one alike in their high half, and sizes round the hand-over to nth_element.
+TEST(SelectNth, PlacesTheKeyOfItsRankWithTheLesserBeforeAndTheGreaterAfter) {
+    for (const std::size_t n : {1u, 2u, 3u, 24u, 25u, 26u, 100u, 256u, 1001u}) {
+        for (int pattern = 0; pattern < 4; ++pattern) {
+            std::vector<std::uint64_t> keys(n);
+            for (std::size_t i = 0; i < n; ++i) {
+                const std::uint64_t h = mix64(i + n * 7 + static_cast<std::size_t>(pattern));
+                keys[i] = pattern == 0   ? i
+                          : pattern == 1 ? n - i
+                          : pattern == 2 ? h
+                                         : (i == n / 2 ? std::uint64_t{1} << 40 : 0) | i;
+            }
+            std::vector<std::uint64_t> sorted = keys;
+            std::sort(sorted.begin(), sorted.end());
+            for (const std::size_t nth : {std::size_t{0}, n / 2, n - 1}) {
+                std::vector<std::uint64_t> selected = keys, spare(n);
+                selectNth(selected.data(), n, nth, spare.data());
+                ASSERT_EQ(selected[nth], sorted[nth]) << n << " pattern " << pattern;
+                for (std::size_t i = 0; i < n; ++i)
+                    ASSERT_TRUE(i < nth ? selected[i] < selected[nth]
+                                        : i == nth || selected[i] > selected[nth])
+                        << n << " pattern " << pattern << " at " << i;
+                std::sort(selected.begin(), selected.end());
+                ASSERT_EQ(selected, sorted);
+            }
+        }
+    }
+}
+
 TEST(GuideRootGrid, WithinFindsEveryPointOfTheBallAndNoOther) {
     for (const PointSet& set : pointSets()) {
         std::vector<std::uint32_t> indices(set.points.size());

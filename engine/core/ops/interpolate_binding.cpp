@@ -488,35 +488,6 @@ ChunkScratch& chunkScratch() {
     return scratch;
 }
 
-// Puts the key of rank `nth` (of the n distinct `keys`) at keys[nth], the lesser ones before it and
-// the greater after, as std::nth_element does. Each partition writes every key to one side or the
-// other and counts where it went, rather than branching on its side: strands lie in no order that
-// a branch could guess. `spare` holds n keys.
-void selectNth(std::uint64_t* keys, std::size_t n, std::size_t nth, std::uint64_t* spare) {
-    std::size_t lo = 0, hi = n;
-    while (hi - lo > 24) {
-        // The median of three distinct keys leaves at least one key on either side.
-        const std::uint64_t a = keys[lo], b = keys[lo + (hi - lo) / 2], c = keys[hi - 1];
-        const std::uint64_t pivot = std::max(std::min(a, b), std::min(std::max(a, b), c));
-        std::size_t below = 0, above = 0;
-        for (std::size_t i = lo; i < hi; ++i) {
-            const std::uint64_t key = keys[i];
-            const std::size_t less = key < pivot ? 1 : 0;
-            // The lesser ones move down in place: lo + below never passes i.
-            keys[lo + below] = key;
-            spare[above] = key;
-            below += less;
-            above += 1 - less;
-        }
-        std::copy(spare, spare + above, keys + lo + below);
-        if (nth < lo + below)
-            hi = lo + below;
-        else
-            lo += below;
-    }
-    std::nth_element(keys + lo, keys + nth, keys + hi);
-}
-
 // Splits `group` (chunk-local strands) at the median of their roots' widest axis until each part
 // has at most kShortlistStrands, and calls visit(part) on each part, in order. `roots` are the
 // chunk's roots by chunk-local index; `keys` is scratch of twice the group's size.
