@@ -24,8 +24,9 @@ struct ShortlistColumns {
     std::size_t count;
 };
 
-// The most roots the lane query measures before it has k with a distance at all; beyond that
-// (roots so far off that their distances overflow) it leaves the query to the plain one.
+// The most roots the lane query measures before it has k with a distance at all (beyond that, with
+// roots so far off that their distances overflow, it leaves the query to the plain one), and the
+// most a gather orders in lanes rather than by sorting.
 constexpr std::size_t kLaneCandidates = 256;
 // Columns are padded to a multiple of this, the widest lanes.
 constexpr std::size_t kColumnPad = 8;

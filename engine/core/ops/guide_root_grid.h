@@ -97,7 +97,8 @@ class GuideShortlist {
     std::vector<std::uint32_t> foundIndices_;
     std::vector<Vec3f> foundPoints_;
     std::vector<std::uint64_t> order_;
-    std::vector<std::uint64_t> kept_;  // the keys within the radius, then in order
+    // The keys within the radius, then in order; before that, the spare of the k-th selection.
+    std::vector<std::uint64_t> kept_;
 
     // Orders the first `count` keys of kept_ ascending.
     void orderKept(std::size_t count);
