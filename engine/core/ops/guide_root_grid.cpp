@@ -1,14 +1,44 @@
 #include "ops/guide_root_grid.h"
 
 #include <algorithm>
+#include <array>
 #include <cassert>
 #include <cmath>
 #include <cstring>
+#include <limits>
+
+#include "base/float_lanes.h"
 
 namespace velmorin {
 namespace {
 
 constexpr float kNoBound = 3.4e38f;
+
+// The shortlist's columns, as the lane query reads them.
+struct ShortlistColumns {
+    const float* x;
+    const float* y;
+    const float* z;
+    const float* fromCenter;
+    const std::uint32_t* indices;
+    std::size_t count;
+};
+
+// The most roots the lane query measures before it has k with a distance at all (beyond that, with
+// roots so far off that their distances overflow, it leaves the query to the plain one), and the
+// most a gather orders in lanes rather than by sorting.
+constexpr std::size_t kLaneCandidates = 256;
+// Columns are padded to a multiple of this, the widest lanes.
+constexpr std::size_t kColumnPad = 8;
+
+// How many lanes a mask's bits set, for up to eight lanes.
+constexpr auto kLaneCount = [] {
+    std::array<std::uint8_t, 256> count{};
+    for (std::size_t bits = 0; bits < 256; ++bits)
+        for (std::size_t b = bits; b != 0; b &= b - 1)
+            ++count[bits];
+    return count;
+}();
 
 // A root's distance and index as one key: squared distances are never negative, so their bits
 // order as the numbers do, and the index below breaks ties toward the lower index.
@@ -49,7 +79,49 @@ inline void insertSorted(int count, std::uint64_t* keys, std::uint64_t key) {
     keys[0] = std::min(keys[0], key);
 }
 
+#if VELMORIN_FLOAT_LANES
+// The lane query once for each width: four SSE2 lanes, and eight AVX lanes built for AVX alone.
+namespace narrow_shortlist {
+using namespace float_lanes::narrow;
+#define VELMORIN_LANES_TARGET
+#include "ops/guide_shortlist_lanes.inc"
+#undef VELMORIN_LANES_TARGET
+}  // namespace narrow_shortlist
+namespace wide_shortlist {
+using namespace float_lanes::wide;
+#define VELMORIN_LANES_TARGET __attribute__((target("avx")))
+#include "ops/guide_shortlist_lanes.inc"
+#undef VELMORIN_LANES_TARGET
+}  // namespace wide_shortlist
+#endif
+
 }  // namespace
+
+void selectNth(std::uint64_t* keys, std::size_t n, std::size_t nth, std::uint64_t* spare) {
+    std::size_t lo = 0, hi = n;
+    while (hi - lo > 24) {
+        // The median of three distinct keys leaves at least one key on either side.
+        const std::uint64_t a = keys[lo], b = keys[lo + (hi - lo) / 2], c = keys[hi - 1];
+        const std::uint64_t pivot = std::max(std::min(a, b), std::min(std::max(a, b), c));
+        std::size_t below = 0, above = 0;
+        for (std::size_t i = lo; i < hi; ++i) {
+            const std::uint64_t key = keys[i];
+            const std::size_t less = key < pivot ? 1 : 0;
+            // Each key is written to both sides and counted on one. The lesser ones move down
+            // in place: lo + below never passes i.
+            keys[lo + below] = key;
+            spare[above] = key;
+            below += less;
+            above += 1 - less;
+        }
+        std::copy(spare, spare + above, keys + lo + below);
+        if (nth < lo + below)
+            hi = lo + below;
+        else
+            lo += below;
+    }
+    std::nth_element(keys + lo, keys + nth, keys + hi);
+}
 
 GuideRootGrid::GuideRootGrid(std::span<const Vec3f> points, std::span<const std::uint32_t> indices,
                              int typicalK) {
@@ -199,22 +271,62 @@ void GuideRootGrid::within(const Vec3f& p, float radius2, std::vector<std::uint3
             hi[a] = static_cast<int>(std::clamp((p[a] + radius - min_[a]) / cell_, 0.0f, top));
         }
     }
+    // Every point of a row of cells is written at the end and kept there only if it lies within
+    // the ball: about as many lie outside as inside, and a branch on it mispredicts.
+    std::size_t count = indices.size();
     for (int z = lo[2]; z <= hi[2]; ++z)
         for (int y = lo[1]; y <= hi[1]; ++y) {
             const std::size_t row = (static_cast<std::size_t>(z) * dims_[1] + y) * dims_[0];
-            for (std::uint32_t i = cellStart_[row + lo[0]]; i < cellStart_[row + hi[0] + 1]; ++i) {
+            const std::uint32_t begin = cellStart_[row + lo[0]], end = cellStart_[row + hi[0] + 1];
+            indices.resize(count + (end - begin));
+            points.resize(count + (end - begin));
+            for (std::uint32_t i = begin; i < end; ++i) {
                 const Vec3f d = points_[i] - p;
-                if (dot(d, d) > radius2) continue;
-                indices.push_back(indices_[i]);
-                points.push_back(points_[i]);
+                indices[count] = indices_[i];
+                points[count] = points_[i];
+                count += dot(d, d) > radius2 ? 0 : 1;
             }
         }
+    indices.resize(count);
+    points.resize(count);
+}
+
+void GuideShortlist::orderKept(std::size_t count) {
+    const auto begin = kept_.begin(), end = kept_.begin() + static_cast<std::ptrdiff_t>(count);
+#if VELMORIN_FLOAT_LANES
+    // A shortlist's few dozen roots lie in no order that a sort's branches could guess; counting
+    // in lanes the roots that come before each one places them without a branch.
+    if (count <= kLaneCandidates && foundIndices_.size() < (1u << 24)) {
+        alignas(32) float d2[kLaneCandidates + kColumnPad];
+        alignas(32) float tie[kLaneCandidates + kColumnPad];
+        alignas(32) float rank[kLaneCandidates + kColumnPad];
+        const std::size_t padded = (count + kColumnPad - 1) / kColumnPad * kColumnPad;
+        for (std::size_t i = 0; i < padded; ++i) {
+            const std::uint64_t key = i < count ? kept_[i] : 0;
+            d2[i] = distanceOf(key);
+            tie[i] = static_cast<float>(static_cast<std::uint32_t>(key));
+        }
+        if (avxLanesUsable())
+            wide_shortlist::rankByDistance(d2, tie, count, rank);
+        else
+            narrow_shortlist::rankByDistance(d2, tie, count, rank);
+        order_.resize(count);
+        for (std::size_t i = 0; i < count; ++i)
+            order_[static_cast<std::size_t>(rank[i])] = kept_[i];
+        std::copy(order_.begin(), order_.end(), begin);
+        return;
+    }
+#endif
+    std::sort(begin, end);
 }
 
 void GuideShortlist::gather(const GuideRootGrid& grid, const Vec3f& center, float spread, int k) {
     k_ = std::clamp(k, 0, GuideRootGrid::kMaxNearest);
     center_ = center;
-    points_.clear();
+    count_ = 0;
+    x_.clear();
+    y_.clear();
+    z_.clear();
     fromCenter_.clear();
     indices_.clear();
     if (k_ == 0 || grid.size() == 0) return;
@@ -249,10 +361,12 @@ void GuideShortlist::gather(const GuideRootGrid& grid, const Vec3f& center, floa
             const Vec3f d = foundPoints_[i] - center;
             order_.push_back(rankKey(dot(d, d), static_cast<std::uint32_t>(i)));
         }
-        std::sort(order_.begin(), order_.end());
         if (all || order_.size() == grid.size()) break;
         if (order_.size() >= static_cast<std::size_t>(k_)) {
-            nearestK = std::sqrt(distanceOf(order_[static_cast<std::size_t>(k_ - 1)]));
+            const auto kth = static_cast<std::size_t>(k_ - 1);
+            kept_.resize(order_.size());
+            selectNth(order_.data(), order_.size(), kth, kept_.data());
+            nearestK = std::sqrt(distanceOf(order_[kth]));
             if (nearestK <= guess) break;
         }
         guess = guess > 0.0f ? guess * 2.0f : 1e-6f + scale * 1e-5f;
@@ -261,23 +375,64 @@ void GuideShortlist::gather(const GuideRootGrid& grid, const Vec3f& center, floa
     const float radius = radiusFor(nearestK);
     const float radius2 = all || order_.size() == grid.size() ? 3.4e38f : radius * radius;
     margin_ = (scale + radius) * 1e-5f;
+    // Those within the radius, nearest the centre first (equal distances in the order found).
+    kept_.resize(order_.size());
+    std::size_t kept = 0;
     for (const std::uint64_t key : order_) {
+        kept_[kept] = key;
+        kept += distanceOf(key) <= radius2 ? 1 : 0;
+    }
+    orderKept(kept);
+    for (std::size_t i = 0; i < kept; ++i) {
+        const std::uint64_t key = kept_[i];
         const float distance2 = distanceOf(key);
-        if (distance2 > radius2) break;
         const auto from = static_cast<std::uint32_t>(key);
-        points_.push_back(foundPoints_[from]);
+        const Vec3f& point = foundPoints_[from];
+        x_.push_back(point.x);
+        y_.push_back(point.y);
+        z_.push_back(point.z);
         fromCenter_.push_back(std::sqrt(distance2));
         indices_.push_back(foundIndices_[from]);
     }
+    count_ = indices_.size();
+    const float nan = std::numeric_limits<float>::quiet_NaN();
+    const std::size_t padded = (count_ + kColumnPad - 1) / kColumnPad * kColumnPad;
+    x_.resize(padded, nan);
+    y_.resize(padded, nan);
+    z_.resize(padded, nan);
+    fromCenter_.resize(padded, kNoBound);
+    indices_.resize(padded, 0);
 }
 
 int GuideShortlist::nearest(const Vec3f& p, int k, std::uint32_t* indices,
+                            float* distances2) const {
+#if VELMORIN_FLOAT_LANES
+    return nearest(avxLanesUsable() ? Lanes::eight : Lanes::four, p, k, indices, distances2);
+#else
+    return nearest(Lanes::plain, p, k, indices, distances2);
+#endif
+}
+
+int GuideShortlist::nearest(Lanes lanes, const Vec3f& p, int k, std::uint32_t* indices,
                             float* distances2) const {
     assert(k <= k_ || size() < static_cast<std::size_t>(k_));
     const std::size_t count = size();
     k = std::min({k, k_, static_cast<int>(count)});
     if (k <= 0) return 0;
     const float offCenter = length(p - center_) + margin_;
+#if VELMORIN_FLOAT_LANES
+    if (lanes != Lanes::plain) {
+        const ShortlistColumns columns{x_.data(),          y_.data(),       z_.data(),
+                                       fromCenter_.data(), indices_.data(), count};
+        const int found =
+            lanes == Lanes::eight && avxLanesUsable()
+                ? wide_shortlist::nearestInLanes(columns, p, k, offCenter, indices, distances2)
+                : narrow_shortlist::nearestInLanes(columns, p, k, offCenter, indices, distances2);
+        if (found >= 0) return found;
+    }
+#else
+    (void)lanes;
+#endif
     std::uint64_t keys[GuideRootGrid::kMaxNearest];
     // The first k roots (of a distance at all) are all kept: each is put in its place by counting
     // the keys below it, a fixed number of comparisons without a branch, where putting them in
@@ -286,7 +441,7 @@ int GuideShortlist::nearest(const Vec3f& p, int k, std::uint32_t* indices,
     int found = 0;
     std::size_t i = 0;
     for (; i < count && found < k; ++i) {
-        const Vec3f d = points_[i] - p;
+        const Vec3f d = Vec3f{x_[i], y_[i], z_[i]} - p;
         const float distance2 = dot(d, d);
         if (distance2 > kNoBound) continue;
         first[found++] = rankKey(distance2, indices_[i]);
@@ -304,7 +459,7 @@ int GuideShortlist::nearest(const Vec3f& p, int k, std::uint32_t* indices,
         const float slack = fromCenter_[i] - offCenter;
         if (found == k && slack > 0.0f && slack * slack > worst2 * 1.0002f) break;
         // The same operations as the grid's, so the same bits.
-        const Vec3f d = points_[i] - p;
+        const Vec3f d = Vec3f{x_[i], y_[i], z_[i]} - p;
         const float distance2 = dot(d, d);
         if (distance2 > worst2) continue;
         const std::uint64_t key = rankKey(distance2, indices_[i]);

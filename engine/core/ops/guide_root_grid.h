@@ -47,6 +47,11 @@ class GuideRootGrid {
     std::vector<std::uint32_t> indices_;    // in cell order, ascending within a cell
 };
 
+// Puts the key of rank `nth` (of the n distinct `keys`) at keys[nth], the lesser ones before it and
+// the greater after, as std::nth_element does, but without a branch on the side each key falls
+// on: the keys of roots lie in no order a branch could guess. `spare` holds n keys.
+void selectNth(std::uint64_t* keys, std::size_t n, std::size_t nth, std::uint64_t* spare);
+
 // The points of a grid that can be among the k nearest of any point of a small group (the roots of
 // strands that lie side by side in a binding chunk), gathered once so that each root of the group
 // scans a short list instead of walking the grid. Answers equal the grid's bit for bit. One
@@ -58,11 +63,21 @@ class GuideShortlist {
     // plus twice `spread`, with a margin against rounding.
     void gather(const GuideRootGrid& grid, const Vec3f& center, float spread, int k);
 
-    std::size_t size() const { return indices_.size(); }
+    std::size_t size() const { return count_; }
+
+    // Forgets the last gather's distance, which the next one starts its search from: what gather
+    // finds never depends on it, only how long it takes.
+    void restart() { guess_ = 0.0f; }
 
     // As GuideRootGrid::nearest for a point within the gathered spread and k up to the gathered k:
     // the same indices, distances and order.
     int nearest(const Vec3f& p, int k, std::uint32_t* indices, float* distances2) const;
+
+    // How nearest measures and ranks: root by root (plain), or four or eight roots at a time
+    // (SSE2, AVX where the processor has it; four elsewhere). Every way gives the same answer.
+    enum class Lanes { plain, four, eight };
+    int nearest(Lanes lanes, const Vec3f& p, int k, std::uint32_t* indices,
+                float* distances2) const;
 
   private:
     int k_ = 0;
@@ -71,14 +86,22 @@ class GuideShortlist {
     // The last gather's k-th nearest distance, to start the next one's search from; 0 for none.
     float guess_ = 0.0f;
     // Nearest the centre first, with their distances from it: a query stops where the rest lie
-    // too far from the centre to come near enough to its point.
-    std::vector<Vec3f> points_;
+    // too far from the centre to come near enough to its point. The coordinates come as columns,
+    // padded to a whole number of eight lanes with roots that are not numbers (which no query
+    // takes), so that lanes read them straight.
+    std::size_t count_ = 0;
+    std::vector<float> x_, y_, z_;
     std::vector<float> fromCenter_;
     std::vector<std::uint32_t> indices_;
     // What gather collects before ordering.
     std::vector<std::uint32_t> foundIndices_;
     std::vector<Vec3f> foundPoints_;
     std::vector<std::uint64_t> order_;
+    // The keys within the radius, then in order; before that, the spare of the k-th selection.
+    std::vector<std::uint64_t> kept_;
+
+    // Orders the first `count` keys of kept_ ascending.
+    void orderKept(std::size_t count);
 };
 
 }  // namespace velmorin

@@ -6,6 +6,7 @@
 #include <numeric>
 
 #include "base/hash.h"
+#include "base/parallel.h"
 
 namespace velmorin {
 namespace {
@@ -83,6 +84,16 @@ std::vector<PointSet> pointSets() {
     sets.push_back(lattice);
     PointSet few{"fewer than asked", {{0, 0, 0}, {1, 0, 0}, {0, 1, 0}, {0, 0, 1}, {1, 1, 1}}, 0.5f};
     sets.push_back(few);
+    // More twins on one spot than a query asks for, ringed by points at one distance from it.
+    PointSet pile{"pile", {}, 0.05f};
+    for (int i = 0; i < 80; ++i)
+        pile.points.push_back({0.5f, 0.5f, 0.0f});
+    for (int i = 0; i < 64; ++i) {
+        const float x = static_cast<float>(i % 8) * 0.125f, y = static_cast<float>(i / 8) * 0.125f;
+        pile.points.push_back({x, y, 0.0f});
+        pile.points.push_back({1.0f - x, y, 0.0f});
+    }
+    sets.push_back(pile);
     return sets;
 }
 
@@ -117,13 +128,97 @@ TEST(GuideShortlist, AnswersAsTheGridAndAScanOfEveryPoint) {
                         const Answer fromGrid = ask(asked, [&](int n, auto* i, auto* d) {
                             return grid.nearest(p, n, i, d);
                         });
-                        const Answer fromList = ask(asked, [&](int n, auto* i, auto* d) {
-                            return shortlist.nearest(p, n, i, d);
-                        });
                         ASSERT_EQ(fromGrid, expected) << set.name << " group " << group;
-                        ASSERT_EQ(fromList, expected) << set.name << " group " << group;
+                        for (const auto lanes :
+                             {GuideShortlist::Lanes::plain, GuideShortlist::Lanes::four,
+                              GuideShortlist::Lanes::eight}) {
+                            const Answer fromList = ask(asked, [&](int n, auto* i, auto* d) {
+                                return shortlist.nearest(lanes, p, n, i, d);
+                            });
+                            ASSERT_EQ(fromList, expected) << set.name << " group " << group
+                                                          << " lanes " << static_cast<int>(lanes);
+                        }
                     }
                 }
+            }
+        }
+    }
+}
+
+// The lane queries against the plain one, on every awkward set, with groups bound on one thread
+// and on two (each with its own shortlist, as binding chunks are).
+TEST(GuideShortlist, LanesAnswerAsThePlainQueryAtOneAndTwoThreads) {
+    constexpr std::size_t kGroups = 48, kQueries = 10;
+    for (const PointSet& set : pointSets()) {
+        std::vector<std::uint32_t> indices(set.points.size());
+        for (std::size_t i = 0; i < indices.size(); ++i)
+            indices[i] = static_cast<std::uint32_t>(i * 5 + 2);
+        const GuideRootGrid grid(set.points, indices, 15);
+        // Per thread count, per group and query: the plain, four-lane and eight-lane answers.
+        std::vector<Answer> answers[2];
+        for (const int threads : {1, 2}) {
+            std::vector<Answer>& out = answers[threads - 1];
+            out.assign(kGroups * kQueries * 3, Answer{});
+            runWithThreads(threads, [&] {
+                parallelRange(0, kGroups, 4, [&](std::size_t begin, std::size_t end) {
+                    GuideShortlist shortlist;
+                    for (std::size_t group = begin; group < end; ++group) {
+                        const Vec3f center = set.points[mix64(group + 11) % set.points.size()];
+                        const float spread = set.spacing * (0.25f + unitFloat(mix64(group)) * 2.0f);
+                        const int k = group % 3 == 0 ? 15 : group % 3 == 1 ? 9 : 67;
+                        shortlist.gather(grid, center, spread, k);
+                        for (std::size_t q = 0; q < kQueries; ++q) {
+                            // Some right on the centre (a root, maybe a twin), the rest round it.
+                            const float t = q == 0 ? 0.0f : unitFloat(mix64(q * 31 + group));
+                            const Vec3f p = center + Vec3f{0.6f, -0.3f, q % 2 == 0 ? 0.0f : 0.2f} *
+                                                         (spread * t);
+                            int lane = 0;
+                            for (const auto lanes :
+                                 {GuideShortlist::Lanes::plain, GuideShortlist::Lanes::four,
+                                  GuideShortlist::Lanes::eight})
+                                out[(group * kQueries + q) * 3 + lane++] =
+                                    ask(k, [&](int n, auto* i, auto* d) {
+                                        return shortlist.nearest(lanes, p, n, i, d);
+                                    });
+                        }
+                    }
+                });
+            });
+            for (std::size_t a = 0; a < out.size(); a += 3) {
+                ASSERT_FALSE(out[a].indices.empty()) << set.name;
+                ASSERT_EQ(out[a + 1], out[a]) << set.name << " four lanes, query " << a / 3;
+                ASSERT_EQ(out[a + 2], out[a]) << set.name << " eight lanes, query " << a / 3;
+            }
+        }
+        EXPECT_EQ(answers[0], answers[1]) << set.name;
+    }
+}
+
+// selectNth against a full sort, on key orders that trouble partitions: ascending, descending,
+// hashed, all but one alike in their high half, and sizes round the hand-over to nth_element.
+TEST(SelectNth, PlacesTheKeyOfItsRankWithTheLesserBeforeAndTheGreaterAfter) {
+    for (const std::size_t n : {1u, 2u, 3u, 24u, 25u, 26u, 100u, 256u, 1001u}) {
+        for (int pattern = 0; pattern < 4; ++pattern) {
+            std::vector<std::uint64_t> keys(n);
+            for (std::size_t i = 0; i < n; ++i) {
+                const std::uint64_t h = mix64(i + n * 7 + static_cast<std::size_t>(pattern));
+                keys[i] = pattern == 0   ? i
+                          : pattern == 1 ? n - i
+                          : pattern == 2 ? h
+                                         : (i == n / 2 ? std::uint64_t{1} << 40 : 0) | i;
+            }
+            std::vector<std::uint64_t> sorted = keys;
+            std::sort(sorted.begin(), sorted.end());
+            for (const std::size_t nth : {std::size_t{0}, n / 2, n - 1}) {
+                std::vector<std::uint64_t> selected = keys, spare(n);
+                selectNth(selected.data(), n, nth, spare.data());
+                ASSERT_EQ(selected[nth], sorted[nth]) << n << " pattern " << pattern;
+                for (std::size_t i = 0; i < n; ++i)
+                    ASSERT_TRUE(i < nth ? selected[i] < selected[nth]
+                                        : i == nth || selected[i] > selected[nth])
+                        << n << " pattern " << pattern << " at " << i;
+                std::sort(selected.begin(), selected.end());
+                ASSERT_EQ(selected, sorted);
             }
         }
     }

@@ -76,7 +76,9 @@ ReachTable measureReach(const GuideRootGrid& grid, std::span<const Vec3f> roots,
 
 // The weights of the listed candidates by the modified Shepard rule at radius R per guide (or the
 // single radius `single` when `reach` is null), raised to `power` after scaling by their greatest.
-// Returns the sum; `edge` receives the greatest share of a reach left beyond the strand.
+// Returns the sum; `edge` receives the greatest share of a reach left beyond the strand where that
+// is below a quarter, and a share of a quarter or more (not always the greatest) otherwise: the
+// edge fill only asks whether it is below a quarter, and then its value.
 double shepard(int count, const float* d2, const std::uint32_t* guides, const float* reach,
                float single, float power, double* out, double* edge) {
     double greatest = 0.0, reachLeft = 0.0;
@@ -88,7 +90,8 @@ double shepard(int count, const float* d2, const std::uint32_t* guides, const fl
     const __m128d least = _mm_set1_pd(1e-6), one = _mm_set1_pd(1.0), zero = _mm_setzero_pd();
     const __m128d infinite = _mm_set1_pd(std::numeric_limits<double>::infinity());
     const __m128d sign = _mm_set1_pd(-0.0);
-    __m128d greatest2 = zero, reachLeft2 = zero;
+    const __m128d share = _mm_set1_pd(0.26);
+    __m128d greatest2 = zero, plenty = zero;
     for (; i + 2 <= count; i += 2) {
         const __m128d d = _mm_max_pd(
             _mm_sqrt_pd(_mm_set_pd(static_cast<double>(d2[i + 1]), static_cast<double>(d2[i]))),
@@ -99,19 +102,40 @@ double shepard(int count, const float* d2, const std::uint32_t* guides, const fl
         const __m128d unbounded = _mm_cmpnlt_pd(_mm_andnot_pd(sign, r), infinite);
         const __m128d inside = _mm_andnot_pd(unbounded, _mm_cmpgt_pd(r, d));
         const __m128d left = _mm_sub_pd(r, d);
-        const __m128d t = _mm_or_pd(_mm_and_pd(unbounded, _mm_div_pd(one, d)),
-                                    _mm_and_pd(inside, _mm_div_pd(left, _mm_mul_pd(r, d))));
+        // One division a lane: 1 / d where the reach is endless, (R - d) / (R * d) within it,
+        // and 0 beyond it (masked, as R * d may be 0 there).
+        const __m128d numerator = _mm_or_pd(_mm_and_pd(unbounded, one), _mm_and_pd(inside, left));
+        const __m128d denominator =
+            _mm_or_pd(_mm_and_pd(unbounded, d), _mm_andnot_pd(unbounded, _mm_mul_pd(r, d)));
+        const __m128d t =
+            _mm_and_pd(_mm_or_pd(unbounded, inside), _mm_div_pd(numerator, denominator));
         _mm_storeu_pd(out + i, t);
         greatest2 = _mm_max_pd(greatest2, t);
-        if (edge)
-            reachLeft2 = _mm_max_pd(reachLeft2, _mm_or_pd(_mm_and_pd(unbounded, one),
-                                                          _mm_and_pd(inside, _mm_div_pd(left, r))));
+        // A share of at least 0.26 (R - d at least R * 0.26, rounded) divides to a quarter or
+        // more, which is all the edge fill needs to know; the division waits for the rare strand
+        // without one.
+        plenty = _mm_or_pd(
+            plenty,
+            _mm_or_pd(unbounded, _mm_and_pd(inside, _mm_cmpge_pd(left, _mm_mul_pd(r, share)))));
     }
     const auto largest = [](__m128d v) {
         return std::max(_mm_cvtsd_f64(v), _mm_cvtsd_f64(_mm_unpackhi_pd(v, v)));
     };
     greatest = largest(greatest2);
-    reachLeft = largest(reachLeft2);
+    if (edge) {
+        if (_mm_movemask_pd(plenty) != 0) {
+            reachLeft = 1.0;
+        } else {
+            for (int j = 0; j < i; ++j) {
+                const double d = std::max(std::sqrt(static_cast<double>(d2[j])), 1e-6);
+                const double r = reach ? reach[guides[j]] : single;
+                if (!std::isfinite(r))
+                    reachLeft = 1.0;
+                else if (r > d)
+                    reachLeft = std::max(reachLeft, (r - d) / r);
+            }
+        }
+    }
 #endif
     for (; i < count; ++i) {
         const double d = std::max(std::sqrt(static_cast<double>(d2[i])), 1e-6);
@@ -168,30 +192,63 @@ inline double nearestWhole(double x) {
 // Scales weights to a total of 65536 by rounding to nearest and moving single units by the
 // largest remainder rule; returns how many entries stay (at least 1 unit each), compacted in
 // place with their guides and squared distances.
-int quantise(int count, double* weights, std::uint32_t* guides, std::uint32_t* units) {
-    // Adding +0 leaves the sum as it is, so the weights not above 0 may join it: a candidate
-    // past its guide's reach is as common as one within it, and a branch on it mispredicts.
+// The sum of the weights above 0, in order. Adding +0 leaves the sum as it is, so the weights not
+// above 0 may join it: a candidate past its guide's reach is as common as one within it, and a
+// branch on it mispredicts.
+double positiveSum(int count, const double* weights) {
     double sum = 0.0;
     for (int i = 0; i < count; ++i)
         sum += weights[i] > 0.0 ? weights[i] : 0.0;
+    return sum;
+}
+
+// `sum` is positiveSum of the weights.
+int quantise(int count, double* weights, double sum, std::uint32_t* guides, std::uint32_t* units) {
     if (!(sum > 0.0) || !std::isfinite(sum)) return 0;
     double remainder[kMaxCandidates];
     std::int64_t total = 0;
-    for (int i = 0; i < count; ++i) {
+    int i = 0;
+#if VELMORIN_BINDING_SSE2
+    // Two at a time, each lane rounding as the scalar steps below; a weight not above 0 is
+    // masked to 0 rather than branched on.
+    {
+        const __m128d total2 = _mm_set1_pd(sum), scale = _mm_set1_pd(kTotalWeight);
+        const __m128d whole = _mm_set1_pd(4503599627370496.0), zero = _mm_setzero_pd();
+        for (; i + 2 <= count; i += 2) {
+            const __m128d w = _mm_loadu_pd(weights + i);
+            const __m128d scaled =
+                _mm_and_pd(_mm_cmpgt_pd(w, zero), _mm_mul_pd(_mm_div_pd(w, total2), scale));
+            // std::min(x, 65536) is (65536 < x ? 65536 : x): minpd(x, 65536) for numbers.
+            const __m128d rounded = _mm_min_pd(_mm_sub_pd(_mm_add_pd(scaled, whole), whole), scale);
+            _mm_storeu_pd(remainder + i, _mm_sub_pd(scaled, rounded));
+            const __m128i whole2 = _mm_cvttpd_epi32(rounded);
+            const auto u0 = static_cast<std::uint32_t>(_mm_cvtsi128_si32(whole2));
+            const auto u1 =
+                static_cast<std::uint32_t>(_mm_cvtsi128_si32(_mm_srli_si128(whole2, 4)));
+            units[i] = u0;
+            units[i + 1] = u1;
+            total += std::int64_t{u0} + u1;
+        }
+    }
+#endif
+    for (; i < count; ++i) {
         const double scaled = weights[i] > 0.0 ? weights[i] / sum * kTotalWeight : 0.0;
         const double rounded = std::min(nearestWhole(scaled), static_cast<double>(kTotalWeight));
         units[i] = static_cast<std::uint32_t>(rounded);
         remainder[i] = scaled - rounded;
         total += units[i];
     }
+    constexpr double infinity = std::numeric_limits<double>::infinity();
     while (total > kTotalWeight) {
         // The least remainder among those that can give a unit; the earliest of equal ones.
         int pick = -1;
         double least = std::numeric_limits<double>::infinity();
         for (int i = 0; i < count; ++i) {
-            const bool better = units[i] > 0 && remainder[i] != 0.0 && remainder[i] < least;
-            pick = better ? i : pick;
-            least = better ? remainder[i] : least;
+            // Entries that cannot give a unit stand at infinity: a select, not a branch.
+            const double taken = units[i] > 0 ? remainder[i] : infinity;
+            const double r = taken == 0.0 ? infinity : taken;
+            pick = r < least ? i : pick;
+            least = std::min(least, r);
         }
         if (pick < 0)
             for (int i = 0; i < count && pick < 0; ++i)
@@ -204,20 +261,21 @@ int quantise(int count, double* weights, std::uint32_t* guides, std::uint32_t* u
         int pick = -1;
         double most = -std::numeric_limits<double>::infinity();
         for (int i = 0; i < count; ++i) {
-            const bool better = weights[i] > 0.0 && remainder[i] > most;
-            pick = better ? i : pick;
-            most = better ? remainder[i] : most;
+            const double r = weights[i] > 0.0 ? remainder[i] : -infinity;
+            pick = r > most ? i : pick;
+            most = std::max(most, r);
         }
         ++units[pick];
         remainder[pick] -= 1.0;
         ++total;
     }
+    // Each entry is written at the next place and kept there only if it has units: whether it
+    // does is as hard to guess as whether its guide reaches the strand.
     int kept = 0;
     for (int i = 0; i < count; ++i) {
-        if (units[i] == 0) continue;
         units[kept] = units[i];
         guides[kept] = guides[i];
-        ++kept;
+        kept += units[i] != 0 ? 1 : 0;
     }
     return kept;
 }
@@ -315,7 +373,9 @@ void bindOne(const BindContext& context, std::size_t s, BindingChunk& chunk,
     // 5. Edge fill: where the strand barely lies within any reach, the kept nearest blend by one
     // radius, so that no guide takes it over just because its reach happens to be largest.
     const double fill = std::min(1.0, 4.0 * edge);
+    bool reweighed = false;
     if (fill < 1.0) {
+        reweighed = true;
         const int kept = std::min(count, static_cast<int>(settings.kept));
         const float radius =
             count > kept
@@ -344,11 +404,17 @@ void bindOne(const BindContext& context, std::size_t s, BindingChunk& chunk,
             scaled[i] = weights[i] * static_cast<double>(inputs.guideWeights[guides[i]]);
             sum += scaled[i];
         }
-        if (sum > 0.0) std::copy(scaled, scaled + count, weights);
+        if (sum > 0.0) {
+            std::copy(scaled, scaled + count, weights);
+            reweighed = true;
+        }
     }
 
     // 7. Quantised to sixteen bits.
-    const int stored = quantise(count, weights, guides, units);
+    // Shepard's sum is the one quantising takes where neither step changed the weights: it adds
+    // the same weights, none below 0, in the same order.
+    const int stored =
+        quantise(count, weights, reweighed ? positiveSum(count, weights) : sumA, guides, units);
     for (int i = 0; i < stored; ++i) {
         chunk.weights.push_back(static_cast<std::uint16_t>(units[i] - 1));
         chunk.guides.push_back(guides[i]);
@@ -402,15 +468,32 @@ struct ChunkScratch {
     GuideShortlist shortlist;
     std::vector<std::uint32_t> order;  // chunk-local strands, grouped by list and place
     std::vector<std::uint32_t> slot;   // per chunk-local strand, its place in `bound`
+    std::vector<std::uint64_t> keys;   // splitByPlace's
     BindingChunk bound;                // the strands bound, in the order they were bound
 };
 
+// A float's bits turned so that they order as the numbers do (-0 counted as +0).
+inline std::uint32_t orderedBits(float f) {
+    std::uint32_t bits;
+    const float x = f + 0.0f;
+    std::memcpy(&bits, &x, sizeof bits);
+    return bits & 0x80000000u ? ~bits : bits | 0x80000000u;
+}
+
+// The calling thread's scratch, its arrays kept from one run of chunks to the next, so that they
+// are not grown again from nothing each time; the shortlist starts afresh as a new one would.
+ChunkScratch& chunkScratch() {
+    thread_local ChunkScratch scratch;
+    scratch.shortlist.restart();
+    return scratch;
+}
+
 // Splits `group` (chunk-local strands) at the median of their roots' widest axis until each part
 // has at most kShortlistStrands, and calls visit(part) on each part, in order. `roots` are the
-// chunk's roots by chunk-local index.
+// chunk's roots by chunk-local index; `keys` is scratch of twice the group's size.
 template <class Visit>
 void splitByPlace(std::span<const Vec3f> roots, std::span<std::uint32_t> group,
-                  const Visit& visit) {
+                  std::span<std::uint64_t> keys, const Visit& visit) {
     if (group.size() <= kShortlistStrands) return visit(group);
     Vec3f lo = roots[group[0]], hi = lo;
     for (const std::uint32_t k : group) {
@@ -418,24 +501,20 @@ void splitByPlace(std::span<const Vec3f> roots, std::span<std::uint32_t> group,
         hi = maxPerAxis(hi, roots[k]);
     }
     const Vec3f extent = hi - lo;
+    const int axis = extent.x >= extent.y && extent.x >= extent.z ? 0
+                     : extent.y >= extent.z                       ? 1
+                                                                  : 2;
+    // Each strand as its coordinate and index in one key: ties go by index, so that the groups
+    // (which only decide how fast a query runs, never its answer) are the same on every run, and
+    // the median is found among plain integers.
+    for (std::size_t i = 0; i < group.size(); ++i)
+        keys[i] = std::uint64_t{orderedBits(roots[group[i]][axis])} << 32 | group[i];
     const std::size_t half = group.size() / 2;
-    // Ties by index, so that the groups (which only decide how fast a query runs, never its
-    // answer) are the same on every run.
-    const auto split = [&](auto coordinate) {
-        std::nth_element(group.begin(), group.begin() + static_cast<std::ptrdiff_t>(half),
-                         group.end(), [&](std::uint32_t a, std::uint32_t b) {
-                             const float pa = coordinate(roots[a]), pb = coordinate(roots[b]);
-                             return pa < pb || (pa == pb && a < b);
-                         });
-    };
-    if (extent.x >= extent.y && extent.x >= extent.z)
-        split([](const Vec3f& p) { return p.x; });
-    else if (extent.y >= extent.z)
-        split([](const Vec3f& p) { return p.y; });
-    else
-        split([](const Vec3f& p) { return p.z; });
-    splitByPlace(roots, group.first(half), visit);
-    splitByPlace(roots, group.subspan(half), visit);
+    selectNth(keys.data(), group.size(), half, keys.data() + group.size());
+    for (std::size_t i = 0; i < group.size(); ++i)
+        group[i] = static_cast<std::uint32_t>(keys[i]);
+    splitByPlace(roots, group.first(half), keys, visit);
+    splitByPlace(roots, group.subspan(half), keys, visit);
 }
 
 // Binds the strands [first, last) of `chunk` in order: all of them, or with `marks` only the
@@ -452,12 +531,19 @@ void bindRange(const BindContext& context, std::size_t first, std::size_t last,
         if (marks == nullptr || marks[first + k] != 0)
             scratch.order.push_back(static_cast<std::uint32_t>(k));
     // Roots that are not numbers bind to nothing without asking: they go first, on their own.
+    // Both steps keep the order they find, and both leave it as it is (without taking a buffer,
+    // as the stable algorithms do) where it already is: roots are numbers and a chunk's strands
+    // draw on one list, save on a scalp painted in regions.
+    const auto notPlaced = [&](std::uint32_t k) { return !isFinite(roots[first + k]); };
     const auto unplaced =
-        std::stable_partition(scratch.order.begin(), scratch.order.end(),
-                              [&](std::uint32_t k) { return !isFinite(roots[first + k]); });
-    std::stable_sort(unplaced, scratch.order.end(), [&](std::uint32_t a, std::uint32_t b) {
+        std::none_of(scratch.order.begin(), scratch.order.end(), notPlaced)
+            ? scratch.order.begin()
+            : std::stable_partition(scratch.order.begin(), scratch.order.end(), notPlaced);
+    const auto byList = [&](std::uint32_t a, std::uint32_t b) {
         return context.strandLists[first + a] < context.strandLists[first + b];
-    });
+    };
+    if (!std::is_sorted(unplaced, scratch.order.end(), byList))
+        std::stable_sort(unplaced, scratch.order.end(), byList);
 
     BindingChunk& bound = scratch.bound;
     bound.firstStrand = static_cast<std::uint32_t>(first);
@@ -486,7 +572,8 @@ void bindRange(const BindContext& context, std::size_t first, std::size_t last,
         const int k = static_cast<int>(
                           std::min<std::size_t>(context.settings->candidates, list.grid.size())) +
                       1;
-        splitByPlace(local, std::span<std::uint32_t>(run, runEnd),
+        scratch.keys.resize(2 * count);
+        splitByPlace(local, std::span<std::uint32_t>(run, runEnd), scratch.keys,
                      [&](std::span<std::uint32_t> group) {
                          if (list.grid.size() > 0) {
                              Vec3f lo = local[group[0]], hi = lo;
@@ -689,7 +776,7 @@ std::shared_ptr<const InterpolateState> bindStrands(const InterpolateSettings& s
     binding.chunks.resize(chunkCount);
     const BindContext context{&settings, &inputs, &lists, state->strandLists};
     parallelRange(0, chunkCount, 1, [&](std::size_t begin, std::size_t end) {
-        ChunkScratch scratch;
+        ChunkScratch& scratch = chunkScratch();
         for (std::size_t c = begin; c < end; ++c) {
             const std::size_t first = c * kBindingChunkStrands;
             const std::size_t last = std::min(first + kBindingChunkStrands, strandCount);
@@ -798,7 +885,7 @@ std::shared_ptr<const InterpolateState> rebindStrands(
     binding.chunks.resize(chunkCount);
     const BindContext context{&settings, &inputs, &lists, state->strandLists};
     parallelRange(0, chunkCount, 1, [&](std::size_t begin, std::size_t end) {
-        ChunkScratch scratch;
+        ChunkScratch& scratch = chunkScratch();
         for (std::size_t c = begin; c < end; ++c) {
             const auto& old = previous->binding.chunks[c];
             const std::size_t first = old->firstStrand;
