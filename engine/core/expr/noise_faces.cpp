@@ -7,14 +7,6 @@
 #define VELMORIN_NOISE_FACE_LANES 0
 #endif
 
-// The AVX-512 target brings fused multiply-adds with it (and AVX2's may); a fused product rounds
-// once where the one-line blend rounds twice, so none are made here.
-#if defined(__clang__)
-#pragma clang fp contract(off)
-#elif defined(__GNUC__)
-#pragma GCC optimize("fp-contract=off")
-#endif
-
 namespace velmorin::noise_faces {
 
 #if VELMORIN_NOISE_FACE_LANES

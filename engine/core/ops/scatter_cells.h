@@ -30,14 +30,10 @@
 #define VELMORIN_RELAX_AVX 0
 #endif
 
-// The attributes of a function with AVX-512 lanes. AVX-512 brings fused multiply-adds, which GCC
-// would form from a product and a sum (a squared distance, say) and round once instead of twice:
-// the bits would then differ from the narrower lanes'. Clang fuses only within one expression of
-// the source, which intrinsics never are.
-#if VELMORIN_RELAX_AVX && defined(__clang__)
+// The attributes of a function with AVX-512 lanes. The build never fuses a product and a sum, so
+// a squared distance rounds as in the narrower lanes.
+#if VELMORIN_RELAX_AVX
 #define VELMORIN_AVX512_LANES __attribute__((target("avx512f")))
-#elif VELMORIN_RELAX_AVX
-#define VELMORIN_AVX512_LANES __attribute__((target("avx512f"), optimize("fp-contract=off")))
 #endif
 
 namespace velmorin::scatter {
