@@ -2,7 +2,9 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstring>
 #include <set>
+#include <type_traits>
 #include <utility>
 
 #if defined(__SSE2__) || defined(_M_X64)
@@ -40,6 +42,7 @@ struct Turn {
     Vec3f r0{1, 0, 0}, r1{0, 1, 0}, r2{0, 0, 1};
     Vec3f apply(const Vec3f& o) const { return {dot(r0, o), dot(r1, o), dot(r2, o)}; }
 };
+static_assert(sizeof(Turn) == 9 * sizeof(float) && std::is_trivially_copyable_v<Turn>);
 
 // The turn that takes a guide's root normal onto the strand's: none when they agree, a half turn
 // about a perpendicular when they oppose, else the shortest rotation.
@@ -142,6 +145,89 @@ struct BlendTerm {
     float weight = 0.0f;
     bool turns = false;
     Turn turn;
+};
+
+// The turns of a strand's terms, from each one's guide normal onto the strand's, made four at a
+// time: a strand has about seven records, and their turns, alone, cost more than the blend they
+// feed. Each lane makes the operations of turnBetween's general case in its order (IEEE sums and
+// products round alike in any lane), so the bits are the same; a lane whose normals agree or
+// oppose takes turnBetween itself.
+class TurnBatch {
+  public:
+    explicit TurnBatch(const Vec3f& to) : to_(to) {}
+    TurnBatch(const TurnBatch&) = delete;
+    TurnBatch& operator=(const TurnBatch&) = delete;
+
+    void add(BlendTerm& term, const Vec3f& from) {
+#if VELMORIN_INTERPOLATE_SSE2
+        terms_[count_] = &term;
+        from_[count_] = &from;
+        if (++count_ == kBatch) flush();
+#else
+        term.turn = turnBetween(from, to_);
+#endif
+    }
+
+    // Makes the turns of the terms added since the last flush.
+    void flush() {
+#if VELMORIN_INTERPOLATE_SSE2
+        if (count_ == 0) return;
+        // Lanes past the count turn the strand's normal onto itself, and are not stored.
+        for (std::size_t l = count_; l < kBatch; ++l)
+            from_[l] = &to_;
+        const __m128 ax = _mm_setr_ps(from_[0]->x, from_[1]->x, from_[2]->x, from_[3]->x);
+        const __m128 ay = _mm_setr_ps(from_[0]->y, from_[1]->y, from_[2]->y, from_[3]->y);
+        const __m128 az = _mm_setr_ps(from_[0]->z, from_[1]->z, from_[2]->z, from_[3]->z);
+        const __m128 bx = _mm_set1_ps(to_.x), by = _mm_set1_ps(to_.y), bz = _mm_set1_ps(to_.z);
+        const __m128 c =
+            _mm_add_ps(_mm_add_ps(_mm_mul_ps(ax, bx), _mm_mul_ps(ay, by)), _mm_mul_ps(az, bz));
+        const __m128 kx = _mm_sub_ps(_mm_mul_ps(ay, bz), _mm_mul_ps(az, by));
+        const __m128 ky = _mm_sub_ps(_mm_mul_ps(az, bx), _mm_mul_ps(ax, bz));
+        const __m128 kz = _mm_sub_ps(_mm_mul_ps(ax, by), _mm_mul_ps(ay, bx));
+        const __m128 one = _mm_set1_ps(1.0f);
+        const __m128 f = _mm_div_ps(one, _mm_add_ps(one, c));
+        const __m128 sign = _mm_set1_ps(-0.0f);
+        // entry = base + a * b * f, the product taken first as turnBetween takes it.
+        const auto entry = [&](__m128 base, __m128 a, __m128 b) {
+            return _mm_add_ps(base, _mm_mul_ps(_mm_mul_ps(a, b), f));
+        };
+        // The nine entries by rows, turned into four per lane: entries 0-3, 4-7, then 8.
+        __m128 e0 = entry(c, kx, kx), e1 = entry(_mm_xor_ps(kz, sign), kx, ky);
+        __m128 e2 = entry(ky, kx, kz), e3 = entry(kz, ky, kx);
+        __m128 e4 = entry(c, ky, ky), e5 = entry(_mm_xor_ps(kx, sign), ky, kz);
+        __m128 e6 = entry(_mm_xor_ps(ky, sign), kz, kx), e7 = entry(kx, kz, ky);
+        alignas(16) float e8[kBatch];
+        _mm_store_ps(e8, entry(c, kz, kz));
+        _MM_TRANSPOSE4_PS(e0, e1, e2, e3);
+        _MM_TRANSPOSE4_PS(e4, e5, e6, e7);
+        const __m128 front[kBatch] = {e0, e1, e2, e3};
+        const __m128 back[kBatch] = {e4, e5, e6, e7};
+        const int apart = _mm_movemask_ps(_mm_or_ps(_mm_cmpgt_ps(c, _mm_set1_ps(0.999999f)),
+                                                    _mm_cmplt_ps(c, _mm_set1_ps(-0.999999f))));
+        for (std::size_t l = 0; l < count_; ++l) {
+            Turn& turn = terms_[l]->turn;
+            if (apart >> l & 1) {
+                turn = turnBetween(*from_[l], to_);
+                continue;
+            }
+            // A turn is nine floats in a row (trivially copyable), written as 4 + 4 + 1.
+            auto* bytes = reinterpret_cast<unsigned char*>(&turn);
+            std::memcpy(bytes, &front[l], sizeof(__m128));
+            std::memcpy(bytes + sizeof(__m128), &back[l], sizeof(__m128));
+            std::memcpy(bytes + 2 * sizeof(__m128), &e8[l], sizeof(float));
+        }
+        count_ = 0;
+#endif
+    }
+
+  private:
+    Vec3f to_;
+#if VELMORIN_INTERPOLATE_SSE2
+    static constexpr std::size_t kBatch = 4;
+    std::size_t count_ = 0;
+    BlendTerm* terms_[kBatch] = {};
+    const Vec3f* from_[kBatch] = {};
+#endif
 };
 
 // What the shape of one strand works in, set up once per chunk: a curve of samples as three
@@ -491,6 +577,7 @@ void shapeStrands(const InterpolateState& state, const InterpolateGuideRows& row
         const bool strandTurns = lengthSquared(normal) > 0.0f;
         if (terms.size() < end - first) terms.resize(end - first);
         float guideLength = 0.0f;
+        TurnBatch turns(normal);
         for (std::uint32_t r = first; r < end; ++r) {
             const std::uint32_t g = chunk.guides[r];
             BlendTerm& term = terms[r - first];
@@ -499,8 +586,9 @@ void shapeStrands(const InterpolateState& state, const InterpolateGuideRows& row
             if (settings.takeLength) continue;  // its own shape: no blend, no turns
             term.row = planar + static_cast<std::size_t>(g) * 3 * stride;
             term.turns = strandTurns && rows.turns[g];
-            if (term.turns) term.turn = turnBetween(rows.normals[g], normal);
+            if (term.turns) turns.add(term, rows.normals[g]);
         }
+        turns.flush();
         return guideLength;
     };
     const auto body = [&](const BindingChunk& chunk, std::size_t k, std::size_t s,

@@ -692,6 +692,39 @@ TEST(InterpolateShape, PinnedShapesKeepTheirBitsWithOrWithoutPlanarRows) {
     }
 }
 
+// Strands whose normal agrees with their first guide's, opposes it, nearly opposes it, is zero
+// or points anywhere: the turns into the strand's frame, whichever form each takes, keep their
+// bits, side by side and one by one, at 1 and 2 threads.
+TEST(InterpolateShape, TurnsIntoTheStrandsFrameKeepTheirBitsAtEveryAngle) {
+    ShapeRun run;
+    InterpolateState turned = *run.state;
+    for (std::size_t s = 0; s < turned.strandNormals.size(); ++s) {
+        const BindingChunk& chunk = *turned.binding.chunks[s / kBindingChunkStrands];
+        const std::size_t k = s - chunk.firstStrand;
+        if (chunk.recordStart[k] == chunk.recordStart[k + 1]) continue;
+        const Vec3f guide = run.rows.normals[chunk.guides[chunk.recordStart[k]]];
+        const Vec3f anywhere =
+            normalized(Vec3f{unitFloat(mix64(s)) - 0.5f, unitFloat(mix64(s + 1)) - 0.5f,
+                             unitFloat(mix64(s + 2)) - 0.5f},
+                       {0, 1, 0});
+        const Vec3f cases[] = {guide,   -guide,   normalized(-guide + anywhere * 1e-3f, {0, 1, 0}),
+                               Vec3f{}, anywhere, turned.strandNormals[s]};
+        turned.strandNormals[s] = cases[s % std::size(cases)];
+    }
+    const std::vector<Vec3f> start(run.strands->points().begin(), run.strands->points().end());
+    std::vector<std::uint64_t> hashes;
+    for (const ShapeLanes lanes : {ShapeLanes::oneByOne, ShapeLanes::four, ShapeLanes::widest})
+        for (const int threads : {1, 2}) {
+            std::vector<Vec3f> out = start;
+            runWithThreads(threads, [&] {
+                shapeStrands(turned, run.rows, ShapeSettings{}, *run.strands, out, {}, {}, lanes);
+            });
+            hashes.push_back(pointsHash(out));
+        }
+    for (const std::uint64_t hash : hashes)
+        EXPECT_EQ(hash, 0x10f446ea770c0aaeull);
+}
+
 TEST(InterpolateShape, TakeLengthKeepsEachStrandsShapeAtItsGuidesLength) {
     ShapeRun run;
     ShapeSettings settings;
