@@ -533,6 +533,12 @@ void shapeStrands(const InterpolateState& state, const InterpolateGuideRows& row
     const bool hasNormals = !state.strandNormals.empty();
     const float limit = settings.limitDistance;
     const bool writesAll = only.empty();
+    // The roots the binding was made from are the strands' first points: read from its list, in
+    // order, rather than a cache line of the points apart each.
+    const bool boundRoots = state.strandRoots.size() == in.strandCount();
+    const auto rootOf = [&](std::size_t s) {
+        return boundRoots ? state.strandRoots[s] : points[offsets[s]];
+    };
     // Every sample loop covers whole groups of eight; the padding reads zeros or what the
     // strand before left there, and nothing past `samples` is ever used.
     const std::size_t lanes = planarStrideOf(samples);
@@ -607,7 +613,7 @@ void shapeStrands(const InterpolateState& state, const InterpolateGuideRows& row
         // 2. Strands nothing shapes keep their points.
         if (first == end || amount <= 0.0f || n < 2 || samples < 2) return keep();
 
-        const Vec3f root = incoming[0];
+        const Vec3f root = rootOf(s);
         const float guideLength = setUpTerms(chunk, k, s, c.terms);
         const std::size_t termCount = end - first;
 
@@ -730,7 +736,7 @@ void shapeStrands(const InterpolateState& state, const InterpolateGuideRows& row
             const std::size_t s = group[l];
             const auto [chunk, k] = bindingOf(s);
             const std::uint32_t first = chunk.recordStart[k], end = chunk.recordStart[k + 1];
-            const Vec3f root = points[offsets[s]];
+            const Vec3f root = rootOf(s);
             g.rootX[l] = root.x;
             g.rootY[l] = root.y;
             g.rootZ[l] = root.z;
@@ -754,7 +760,7 @@ void shapeStrands(const InterpolateState& state, const InterpolateGuideRows& row
             if (amounts[l] < 1.0f)
                 for (std::size_t i = 1; i < n; ++i)
                     out[i] = incoming[i] + (out[i] - incoming[i]) * amounts[l];
-            out[0] = incoming[0];
+            out[0] = Vec3f{g.rootX[l], g.rootY[l], g.rootZ[l]};
             if (!influence.empty()) influence[s] = amounts[l];
         }
     };
