@@ -147,88 +147,81 @@ struct BlendTerm {
     Turn turn;
 };
 
-// The turns of a strand's terms, from each one's guide normal onto the strand's, made four at a
-// time: a strand has about seven records, and their turns, alone, cost more than the blend they
-// feed. Each lane makes the operations of turnBetween's general case in its order (IEEE sums and
-// products round alike in any lane), so the bits are the same; a lane whose normals agree or
-// oppose takes turnBetween itself.
-class TurnBatch {
-  public:
-    explicit TurnBatch(const Vec3f& to) : to_(to) {}
-    TurnBatch(const TurnBatch&) = delete;
-    TurnBatch& operator=(const TurnBatch&) = delete;
-
-    void add(BlendTerm& term, const Vec3f& from) {
 #if VELMORIN_INTERPOLATE_SSE2
-        terms_[count_] = &term;
-        from_[count_] = &from;
-        if (++count_ == kBatch) flush();
-#else
-        term.turn = turnBetween(from, to_);
-#endif
-    }
-
-    // Makes the turns of the terms added since the last flush.
-    void flush() {
-#if VELMORIN_INTERPOLATE_SSE2
-        if (count_ == 0) return;
-        // Lanes past the count turn the strand's normal onto itself, and are not stored.
-        for (std::size_t l = count_; l < kBatch; ++l)
-            from_[l] = &to_;
-        const __m128 ax = _mm_setr_ps(from_[0]->x, from_[1]->x, from_[2]->x, from_[3]->x);
-        const __m128 ay = _mm_setr_ps(from_[0]->y, from_[1]->y, from_[2]->y, from_[3]->y);
-        const __m128 az = _mm_setr_ps(from_[0]->z, from_[1]->z, from_[2]->z, from_[3]->z);
-        const __m128 bx = _mm_set1_ps(to_.x), by = _mm_set1_ps(to_.y), bz = _mm_set1_ps(to_.z);
-        const __m128 c =
-            _mm_add_ps(_mm_add_ps(_mm_mul_ps(ax, bx), _mm_mul_ps(ay, by)), _mm_mul_ps(az, bz));
-        const __m128 kx = _mm_sub_ps(_mm_mul_ps(ay, bz), _mm_mul_ps(az, by));
-        const __m128 ky = _mm_sub_ps(_mm_mul_ps(az, bx), _mm_mul_ps(ax, bz));
-        const __m128 kz = _mm_sub_ps(_mm_mul_ps(ax, by), _mm_mul_ps(ay, bx));
-        const __m128 one = _mm_set1_ps(1.0f);
-        const __m128 f = _mm_div_ps(one, _mm_add_ps(one, c));
-        const __m128 sign = _mm_set1_ps(-0.0f);
-        // entry = base + a * b * f, the product taken first as turnBetween takes it.
-        const auto entry = [&](__m128 base, __m128 a, __m128 b) {
-            return _mm_add_ps(base, _mm_mul_ps(_mm_mul_ps(a, b), f));
-        };
-        // The nine entries by rows, turned into four per lane: entries 0-3, 4-7, then 8.
-        __m128 e0 = entry(c, kx, kx), e1 = entry(_mm_xor_ps(kz, sign), kx, ky);
-        __m128 e2 = entry(ky, kx, kz), e3 = entry(kz, ky, kx);
-        __m128 e4 = entry(c, ky, ky), e5 = entry(_mm_xor_ps(kx, sign), ky, kz);
-        __m128 e6 = entry(_mm_xor_ps(ky, sign), kz, kx), e7 = entry(kx, kz, ky);
-        alignas(16) float e8[kBatch];
-        _mm_store_ps(e8, entry(c, kz, kz));
-        _MM_TRANSPOSE4_PS(e0, e1, e2, e3);
-        _MM_TRANSPOSE4_PS(e4, e5, e6, e7);
-        const __m128 front[kBatch] = {e0, e1, e2, e3};
-        const __m128 back[kBatch] = {e4, e5, e6, e7};
-        const int apart = _mm_movemask_ps(_mm_or_ps(_mm_cmpgt_ps(c, _mm_set1_ps(0.999999f)),
-                                                    _mm_cmplt_ps(c, _mm_set1_ps(-0.999999f))));
-        for (std::size_t l = 0; l < count_; ++l) {
-            Turn& turn = terms_[l]->turn;
-            if (apart >> l & 1) {
-                turn = turnBetween(*from_[l], to_);
-                continue;
-            }
-            // A turn is nine floats in a row (trivially copyable), written as 4 + 4 + 1.
-            auto* bytes = reinterpret_cast<unsigned char*>(&turn);
-            std::memcpy(bytes, &front[l], sizeof(__m128));
-            std::memcpy(bytes + sizeof(__m128), &back[l], sizeof(__m128));
-            std::memcpy(bytes + 2 * sizeof(__m128), &e8[l], sizeof(float));
+// turnBetween(*from[l], to) into terms[l].turn for l below `count` (at most four; `from` has four
+// entries, those past the count any normal). Each lane makes the operations of turnBetween's
+// general case in its order (IEEE sums and products round alike in any lane), so the bits are
+// the same; a lane whose normals agree or oppose takes turnBetween itself.
+void turnsFour(const Vec3f* const* from, const Vec3f& to, BlendTerm* terms, std::size_t count) {
+    const __m128 ax = _mm_setr_ps(from[0]->x, from[1]->x, from[2]->x, from[3]->x);
+    const __m128 ay = _mm_setr_ps(from[0]->y, from[1]->y, from[2]->y, from[3]->y);
+    const __m128 az = _mm_setr_ps(from[0]->z, from[1]->z, from[2]->z, from[3]->z);
+    const __m128 bx = _mm_set1_ps(to.x), by = _mm_set1_ps(to.y), bz = _mm_set1_ps(to.z);
+    const __m128 c =
+        _mm_add_ps(_mm_add_ps(_mm_mul_ps(ax, bx), _mm_mul_ps(ay, by)), _mm_mul_ps(az, bz));
+    const __m128 kx = _mm_sub_ps(_mm_mul_ps(ay, bz), _mm_mul_ps(az, by));
+    const __m128 ky = _mm_sub_ps(_mm_mul_ps(az, bx), _mm_mul_ps(ax, bz));
+    const __m128 kz = _mm_sub_ps(_mm_mul_ps(ax, by), _mm_mul_ps(ay, bx));
+    const __m128 one = _mm_set1_ps(1.0f);
+    const __m128 f = _mm_div_ps(one, _mm_add_ps(one, c));
+    const __m128 sign = _mm_set1_ps(-0.0f);
+    // entry = base + a * b * f, the product taken first as turnBetween takes it.
+    const auto entry = [&](__m128 base, __m128 a, __m128 b) {
+        return _mm_add_ps(base, _mm_mul_ps(_mm_mul_ps(a, b), f));
+    };
+    // The nine entries by rows, turned into four per lane: entries 0-3, 4-7, then 8.
+    __m128 e0 = entry(c, kx, kx), e1 = entry(_mm_xor_ps(kz, sign), kx, ky);
+    __m128 e2 = entry(ky, kx, kz), e3 = entry(kz, ky, kx);
+    __m128 e4 = entry(c, ky, ky), e5 = entry(_mm_xor_ps(kx, sign), ky, kz);
+    __m128 e6 = entry(_mm_xor_ps(ky, sign), kz, kx), e7 = entry(kx, kz, ky);
+    alignas(16) float e8[4];
+    _mm_store_ps(e8, entry(c, kz, kz));
+    _MM_TRANSPOSE4_PS(e0, e1, e2, e3);
+    _MM_TRANSPOSE4_PS(e4, e5, e6, e7);
+    const __m128 front[4] = {e0, e1, e2, e3};
+    const __m128 back[4] = {e4, e5, e6, e7};
+    const int apart = _mm_movemask_ps(_mm_or_ps(_mm_cmpgt_ps(c, _mm_set1_ps(0.999999f)),
+                                                _mm_cmplt_ps(c, _mm_set1_ps(-0.999999f))));
+    for (std::size_t l = 0; l < count; ++l) {
+        Turn& turn = terms[l].turn;
+        if (apart >> l & 1) {
+            turn = turnBetween(*from[l], to);
+            continue;
         }
-        count_ = 0;
-#endif
+        // A turn is nine floats in a row (trivially copyable), written as 4 + 4 + 1.
+        auto* bytes = reinterpret_cast<unsigned char*>(&turn);
+        std::memcpy(bytes, &front[l], sizeof(__m128));
+        std::memcpy(bytes + sizeof(__m128), &back[l], sizeof(__m128));
+        std::memcpy(bytes + 2 * sizeof(__m128), &e8[l], sizeof(float));
     }
-
-  private:
-    Vec3f to_;
-#if VELMORIN_INTERPOLATE_SSE2
-    static constexpr std::size_t kBatch = 4;
-    std::size_t count_ = 0;
-    BlendTerm* terms_[kBatch] = {};
-    const Vec3f* from_[kBatch] = {};
+}
 #endif
-};
+
+// The turns of a strand's terms, from the normal of each one's guide (`guides`, one per term)
+// onto the strand's, `to`. A strand has about seven records, and their turns, made one by one,
+// cost more than the blend they feed: they are made four at a time. Terms whose guide does not
+// turn get a turn too, which the blend never reads.
+void turnTerms(std::span<BlendTerm> terms, const std::uint32_t* guides,
+               std::span<const Vec3f> normals, const Vec3f& to) {
+    std::size_t i = 0;
+#if VELMORIN_INTERPOLATE_SSE2
+    for (; i + 4 <= terms.size(); i += 4) {
+        const Vec3f* from[4] = {&normals[guides[i]], &normals[guides[i + 1]],
+                                &normals[guides[i + 2]], &normals[guides[i + 3]]};
+        turnsFour(from, to, terms.data() + i, 4);
+    }
+    if (i < terms.size()) {
+        // Lanes past the last term turn the strand's normal onto itself, and are not stored.
+        const Vec3f* from[4] = {&to, &to, &to, &to};
+        for (std::size_t l = 0; i + l < terms.size(); ++l)
+            from[l] = &normals[guides[i + l]];
+        turnsFour(from, to, terms.data() + i, terms.size() - i);
+    }
+#else
+    for (; i < terms.size(); ++i)
+        terms[i].turn = turnBetween(normals[guides[i]], to);
+#endif
+}
 
 // What the shape of one strand works in, set up once per chunk: a curve of samples as three
 // planar runs, and per sample its segment's length and running arc length.
@@ -583,7 +576,6 @@ void shapeStrands(const InterpolateState& state, const InterpolateGuideRows& row
         const bool strandTurns = lengthSquared(normal) > 0.0f;
         if (terms.size() < end - first) terms.resize(end - first);
         float guideLength = 0.0f;
-        TurnBatch turns(normal);
         for (std::uint32_t r = first; r < end; ++r) {
             const std::uint32_t g = chunk.guides[r];
             BlendTerm& term = terms[r - first];
@@ -592,9 +584,10 @@ void shapeStrands(const InterpolateState& state, const InterpolateGuideRows& row
             if (settings.takeLength) continue;  // its own shape: no blend, no turns
             term.row = planar + static_cast<std::size_t>(g) * 3 * stride;
             term.turns = strandTurns && rows.turns[g];
-            if (term.turns) turns.add(term, rows.normals[g]);
         }
-        turns.flush();
+        if (strandTurns && !settings.takeLength)
+            turnTerms(std::span<BlendTerm>(terms.data(), end - first), chunk.guides.data() + first,
+                      rows.normals, normal);
         return guideLength;
     };
     const auto body = [&](const BindingChunk& chunk, std::size_t k, std::size_t s,
