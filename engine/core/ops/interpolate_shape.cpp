@@ -836,12 +836,20 @@ std::vector<std::uint64_t> strandsBoundTo(const Binding& binding,
     parallelRange(0, binding.chunks.size(), 1, [&](std::size_t begin, std::size_t end) {
         for (std::size_t c = begin; c < end; ++c) {
             const BindingChunk& chunk = *binding.chunks[c];
-            for (std::size_t k = 0; k < chunk.strandCount(); ++k)
-                for (std::uint32_t r = chunk.recordStart[k]; r < chunk.recordStart[k + 1]; ++r)
-                    if (changed[chunk.guides[r]]) {
-                        found[c].push_back(chunk.firstStrand + k);
-                        break;
-                    }
+            if (chunk.strandCount() == 0) continue;
+            // One run over the chunk's records, which lie in strand order: a loop per strand
+            // would guess its few records' end wrong about once a strand. Only a hit looks up
+            // its strand, and skips the rest of that strand's records.
+            const std::uint32_t* guides = chunk.guides.data();
+            const std::uint32_t records = chunk.recordStart[chunk.strandCount()];
+            std::size_t k = 0;
+            for (std::uint32_t r = chunk.recordStart[0]; r < records; ++r) {
+                if (!changed[guides[r]]) continue;
+                while (chunk.recordStart[k + 1] <= r)
+                    ++k;
+                found[c].push_back(chunk.firstStrand + k);
+                r = chunk.recordStart[k + 1] - 1;
+            }
         }
     });
     std::vector<std::uint64_t> strands;

@@ -725,6 +725,43 @@ TEST(InterpolateShape, TurnsIntoTheStrandsFrameKeepTheirBitsAtEveryAngle) {
         EXPECT_EQ(hash, 0x10f446ea770c0aaeull);
 }
 
+// The strands that an update of some guides redoes: each strand with a record of a changed
+// guide, once, in order, as a scan strand by strand finds them, for no guide, one, a few, many
+// and all.
+TEST(InterpolateShape, StrandsBoundToChangedGuidesAreEachStrandWithARecordOfOne) {
+    ShapeRun run;
+    const Binding& binding = run.state->binding;
+    const std::size_t guideCount = run.rows.guideCount();
+    const std::size_t one = guideCount / 3;
+    // 0: none, 1: one guide, 2: about one in twenty, 3: about one in three, 4: all.
+    for (const int kind : {0, 1, 2, 3, 4}) {
+        std::vector<std::uint8_t> changed(guideCount, 0);
+        for (std::size_t g = 0; g < guideCount; ++g)
+            changed[g] = kind == 4 || (kind == 1 && g == one) ||
+                         (kind == 2 && mix64(g) % 20 == 0) || (kind == 3 && mix64(g) % 3 == 0);
+        std::vector<std::uint64_t> expected;
+        for (const auto& chunk : binding.chunks)
+            for (std::size_t k = 0; k < chunk->strandCount(); ++k) {
+                bool bound = false;
+                for (std::uint32_t r = chunk->recordStart[k]; r < chunk->recordStart[k + 1]; ++r)
+                    bound = bound || changed[chunk->guides[r]] != 0;
+                if (bound) expected.push_back(chunk->firstStrand + k);
+            }
+        for (const int threads : {1, 2}) {
+            std::vector<std::uint64_t> got;
+            runWithThreads(threads, [&] { got = strandsBoundTo(binding, changed); });
+            EXPECT_EQ(got, expected) << "changed " << kind << ", " << threads << " threads";
+        }
+        if (kind == 0) {
+            EXPECT_TRUE(expected.empty());
+        } else if (kind == 4) {
+            EXPECT_EQ(expected.size(), run.strands->strandCount());
+        } else {
+            EXPECT_FALSE(expected.empty()) << "changed " << kind;
+        }
+    }
+}
+
 TEST(InterpolateShape, TakeLengthKeepsEachStrandsShapeAtItsGuidesLength) {
     ShapeRun run;
     ShapeSettings settings;
