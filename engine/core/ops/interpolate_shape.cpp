@@ -2,7 +2,9 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstring>
 #include <set>
+#include <type_traits>
 #include <utility>
 
 #if defined(__SSE2__) || defined(_M_X64)
@@ -40,6 +42,7 @@ struct Turn {
     Vec3f r0{1, 0, 0}, r1{0, 1, 0}, r2{0, 0, 1};
     Vec3f apply(const Vec3f& o) const { return {dot(r0, o), dot(r1, o), dot(r2, o)}; }
 };
+static_assert(sizeof(Turn) == 9 * sizeof(float) && std::is_trivially_copyable_v<Turn>);
 
 // The turn that takes a guide's root normal onto the strand's: none when they agree, a half turn
 // about a perpendicular when they oppose, else the shortest rotation.
@@ -143,6 +146,82 @@ struct BlendTerm {
     bool turns = false;
     Turn turn;
 };
+
+#if VELMORIN_INTERPOLATE_SSE2
+// turnBetween(*from[l], to) into terms[l].turn for l below `count` (at most four; `from` has four
+// entries, those past the count any normal). Each lane makes the operations of turnBetween's
+// general case in its order (IEEE sums and products round alike in any lane), so the bits are
+// the same; a lane whose normals agree or oppose takes turnBetween itself.
+void turnsFour(const Vec3f* const* from, const Vec3f& to, BlendTerm* terms, std::size_t count) {
+    const __m128 ax = _mm_setr_ps(from[0]->x, from[1]->x, from[2]->x, from[3]->x);
+    const __m128 ay = _mm_setr_ps(from[0]->y, from[1]->y, from[2]->y, from[3]->y);
+    const __m128 az = _mm_setr_ps(from[0]->z, from[1]->z, from[2]->z, from[3]->z);
+    const __m128 bx = _mm_set1_ps(to.x), by = _mm_set1_ps(to.y), bz = _mm_set1_ps(to.z);
+    const __m128 c =
+        _mm_add_ps(_mm_add_ps(_mm_mul_ps(ax, bx), _mm_mul_ps(ay, by)), _mm_mul_ps(az, bz));
+    const __m128 kx = _mm_sub_ps(_mm_mul_ps(ay, bz), _mm_mul_ps(az, by));
+    const __m128 ky = _mm_sub_ps(_mm_mul_ps(az, bx), _mm_mul_ps(ax, bz));
+    const __m128 kz = _mm_sub_ps(_mm_mul_ps(ax, by), _mm_mul_ps(ay, bx));
+    const __m128 one = _mm_set1_ps(1.0f);
+    const __m128 f = _mm_div_ps(one, _mm_add_ps(one, c));
+    const __m128 sign = _mm_set1_ps(-0.0f);
+    // entry = base + a * b * f, the product taken first as turnBetween takes it.
+    const auto entry = [&](__m128 base, __m128 a, __m128 b) {
+        return _mm_add_ps(base, _mm_mul_ps(_mm_mul_ps(a, b), f));
+    };
+    // The nine entries by rows, turned into four per lane: entries 0-3, 4-7, then 8.
+    __m128 e0 = entry(c, kx, kx), e1 = entry(_mm_xor_ps(kz, sign), kx, ky);
+    __m128 e2 = entry(ky, kx, kz), e3 = entry(kz, ky, kx);
+    __m128 e4 = entry(c, ky, ky), e5 = entry(_mm_xor_ps(kx, sign), ky, kz);
+    __m128 e6 = entry(_mm_xor_ps(ky, sign), kz, kx), e7 = entry(kx, kz, ky);
+    alignas(16) float e8[4];
+    _mm_store_ps(e8, entry(c, kz, kz));
+    _MM_TRANSPOSE4_PS(e0, e1, e2, e3);
+    _MM_TRANSPOSE4_PS(e4, e5, e6, e7);
+    const __m128 front[4] = {e0, e1, e2, e3};
+    const __m128 back[4] = {e4, e5, e6, e7};
+    const int apart = _mm_movemask_ps(_mm_or_ps(_mm_cmpgt_ps(c, _mm_set1_ps(0.999999f)),
+                                                _mm_cmplt_ps(c, _mm_set1_ps(-0.999999f))));
+    for (std::size_t l = 0; l < count; ++l) {
+        Turn& turn = terms[l].turn;
+        if (apart >> l & 1) {
+            turn = turnBetween(*from[l], to);
+            continue;
+        }
+        // A turn is nine floats in a row (trivially copyable), written as 4 + 4 + 1.
+        auto* bytes = reinterpret_cast<unsigned char*>(&turn);
+        std::memcpy(bytes, &front[l], sizeof(__m128));
+        std::memcpy(bytes + sizeof(__m128), &back[l], sizeof(__m128));
+        std::memcpy(bytes + 2 * sizeof(__m128), &e8[l], sizeof(float));
+    }
+}
+#endif
+
+// The turns of a strand's terms, from the normal of each one's guide (`guides`, one per term)
+// onto the strand's, `to`. A strand has about seven records, and their turns, made one by one,
+// cost more than the blend they feed: they are made four at a time. Terms whose guide does not
+// turn get a turn too, which the blend never reads.
+void turnTerms(std::span<BlendTerm> terms, const std::uint32_t* guides,
+               std::span<const Vec3f> normals, const Vec3f& to) {
+    std::size_t i = 0;
+#if VELMORIN_INTERPOLATE_SSE2
+    for (; i + 4 <= terms.size(); i += 4) {
+        const Vec3f* from[4] = {&normals[guides[i]], &normals[guides[i + 1]],
+                                &normals[guides[i + 2]], &normals[guides[i + 3]]};
+        turnsFour(from, to, terms.data() + i, 4);
+    }
+    if (i < terms.size()) {
+        // Lanes past the last term turn the strand's normal onto itself, and are not stored.
+        const Vec3f* from[4] = {&to, &to, &to, &to};
+        for (std::size_t l = 0; i + l < terms.size(); ++l)
+            from[l] = &normals[guides[i + l]];
+        turnsFour(from, to, terms.data() + i, terms.size() - i);
+    }
+#else
+    for (; i < terms.size(); ++i)
+        terms[i].turn = turnBetween(normals[guides[i]], to);
+#endif
+}
 
 // What the shape of one strand works in, set up once per chunk: a curve of samples as three
 // planar runs, and per sample its segment's length and running arc length.
@@ -447,6 +526,12 @@ void shapeStrands(const InterpolateState& state, const InterpolateGuideRows& row
     const bool hasNormals = !state.strandNormals.empty();
     const float limit = settings.limitDistance;
     const bool writesAll = only.empty();
+    // The roots the binding was made from are the strands' first points: read from its list, in
+    // order, rather than a cache line of the points apart each.
+    const bool boundRoots = state.strandRoots.size() == in.strandCount();
+    const auto rootOf = [&](std::size_t s) {
+        return boundRoots ? state.strandRoots[s] : points[offsets[s]];
+    };
     // Every sample loop covers whole groups of eight; the padding reads zeros or what the
     // strand before left there, and nothing past `samples` is ever used.
     const std::size_t lanes = planarStrideOf(samples);
@@ -499,8 +584,10 @@ void shapeStrands(const InterpolateState& state, const InterpolateGuideRows& row
             if (settings.takeLength) continue;  // its own shape: no blend, no turns
             term.row = planar + static_cast<std::size_t>(g) * 3 * stride;
             term.turns = strandTurns && rows.turns[g];
-            if (term.turns) term.turn = turnBetween(rows.normals[g], normal);
         }
+        if (strandTurns && !settings.takeLength)
+            turnTerms(std::span<BlendTerm>(terms.data(), end - first), chunk.guides.data() + first,
+                      rows.normals, normal);
         return guideLength;
     };
     const auto body = [&](const BindingChunk& chunk, std::size_t k, std::size_t s,
@@ -519,7 +606,7 @@ void shapeStrands(const InterpolateState& state, const InterpolateGuideRows& row
         // 2. Strands nothing shapes keep their points.
         if (first == end || amount <= 0.0f || n < 2 || samples < 2) return keep();
 
-        const Vec3f root = incoming[0];
+        const Vec3f root = rootOf(s);
         const float guideLength = setUpTerms(chunk, k, s, c.terms);
         const std::size_t termCount = end - first;
 
@@ -642,7 +729,7 @@ void shapeStrands(const InterpolateState& state, const InterpolateGuideRows& row
             const std::size_t s = group[l];
             const auto [chunk, k] = bindingOf(s);
             const std::uint32_t first = chunk.recordStart[k], end = chunk.recordStart[k + 1];
-            const Vec3f root = points[offsets[s]];
+            const Vec3f root = rootOf(s);
             g.rootX[l] = root.x;
             g.rootY[l] = root.y;
             g.rootZ[l] = root.z;
@@ -666,7 +753,7 @@ void shapeStrands(const InterpolateState& state, const InterpolateGuideRows& row
             if (amounts[l] < 1.0f)
                 for (std::size_t i = 1; i < n; ++i)
                     out[i] = incoming[i] + (out[i] - incoming[i]) * amounts[l];
-            out[0] = incoming[0];
+            out[0] = Vec3f{g.rootX[l], g.rootY[l], g.rootZ[l]};
             if (!influence.empty()) influence[s] = amounts[l];
         }
     };
@@ -749,12 +836,20 @@ std::vector<std::uint64_t> strandsBoundTo(const Binding& binding,
     parallelRange(0, binding.chunks.size(), 1, [&](std::size_t begin, std::size_t end) {
         for (std::size_t c = begin; c < end; ++c) {
             const BindingChunk& chunk = *binding.chunks[c];
-            for (std::size_t k = 0; k < chunk.strandCount(); ++k)
-                for (std::uint32_t r = chunk.recordStart[k]; r < chunk.recordStart[k + 1]; ++r)
-                    if (changed[chunk.guides[r]]) {
-                        found[c].push_back(chunk.firstStrand + k);
-                        break;
-                    }
+            if (chunk.strandCount() == 0) continue;
+            // One run over the chunk's records, which lie in strand order: a loop per strand
+            // would guess its few records' end wrong about once a strand. Only a hit looks up
+            // its strand, and skips the rest of that strand's records.
+            const std::uint32_t* guides = chunk.guides.data();
+            const std::uint32_t records = chunk.recordStart[chunk.strandCount()];
+            std::size_t k = 0;
+            for (std::uint32_t r = chunk.recordStart[0]; r < records; ++r) {
+                if (!changed[guides[r]]) continue;
+                while (chunk.recordStart[k + 1] <= r)
+                    ++k;
+                found[c].push_back(chunk.firstStrand + k);
+                r = chunk.recordStart[k + 1] - 1;
+            }
         }
     });
     std::vector<std::uint64_t> strands;

@@ -61,10 +61,12 @@ struct ShapeSettings {
 enum class ShapeLanes { widest, four, oneByOne };
 
 // Shapes the listed strands (all when `only` is empty) of `in` into `outPoints` (the points of a
-// set of the same layout). With a list, strands it leaves alone keep what `outPoints` holds; with
-// none, every point is written (a strand nothing shapes gets its incoming points), so
-// `outPoints` may be fresh memory. `influence` is empty or one value per strand, written for the
-// shaped strands. Parallel by 256 strands; the same bits at any thread count.
+// set of the same layout). `state` is the binding of `in`'s strands: where it lists a root per
+// strand, those are taken as the strands' first points. With a list, strands it leaves alone keep
+// what `outPoints` holds; with none, every point is written (a strand nothing shapes gets its
+// incoming points), so `outPoints` may be fresh memory. `influence` is empty or one value per
+// strand, written for the shaped strands. Parallel by 256 strands; the same bits at any thread
+// count.
 void shapeStrands(const InterpolateState& state, const InterpolateGuideRows& rows,
                   const ShapeSettings& settings, const StrandSet& in, std::span<Vec3f> outPoints,
                   std::span<float> influence, std::span<const std::uint64_t> only = {},

@@ -692,6 +692,76 @@ TEST(InterpolateShape, PinnedShapesKeepTheirBitsWithOrWithoutPlanarRows) {
     }
 }
 
+// Strands whose normal agrees with their first guide's, opposes it, nearly opposes it, is zero
+// or points anywhere: the turns into the strand's frame, whichever form each takes, keep their
+// bits, side by side and one by one, at 1 and 2 threads.
+TEST(InterpolateShape, TurnsIntoTheStrandsFrameKeepTheirBitsAtEveryAngle) {
+    ShapeRun run;
+    InterpolateState turned = *run.state;
+    for (std::size_t s = 0; s < turned.strandNormals.size(); ++s) {
+        const BindingChunk& chunk = *turned.binding.chunks[s / kBindingChunkStrands];
+        const std::size_t k = s - chunk.firstStrand;
+        if (chunk.recordStart[k] == chunk.recordStart[k + 1]) continue;
+        const Vec3f guide = run.rows.normals[chunk.guides[chunk.recordStart[k]]];
+        const Vec3f anywhere =
+            normalized(Vec3f{unitFloat(mix64(s)) - 0.5f, unitFloat(mix64(s + 1)) - 0.5f,
+                             unitFloat(mix64(s + 2)) - 0.5f},
+                       {0, 1, 0});
+        const Vec3f cases[] = {guide,   -guide,   normalized(-guide + anywhere * 1e-3f, {0, 1, 0}),
+                               Vec3f{}, anywhere, turned.strandNormals[s]};
+        turned.strandNormals[s] = cases[s % std::size(cases)];
+    }
+    const std::vector<Vec3f> start(run.strands->points().begin(), run.strands->points().end());
+    std::vector<std::uint64_t> hashes;
+    for (const ShapeLanes lanes : {ShapeLanes::oneByOne, ShapeLanes::four, ShapeLanes::widest})
+        for (const int threads : {1, 2}) {
+            std::vector<Vec3f> out = start;
+            runWithThreads(threads, [&] {
+                shapeStrands(turned, run.rows, ShapeSettings{}, *run.strands, out, {}, {}, lanes);
+            });
+            hashes.push_back(pointsHash(out));
+        }
+    for (const std::uint64_t hash : hashes)
+        EXPECT_EQ(hash, 0x10f446ea770c0aaeull);
+}
+
+// The strands that an update of some guides redoes: each strand with a record of a changed
+// guide, once, in order, as a scan strand by strand finds them, for no guide, one, a few, many
+// and all.
+TEST(InterpolateShape, StrandsBoundToChangedGuidesAreEachStrandWithARecordOfOne) {
+    ShapeRun run;
+    const Binding& binding = run.state->binding;
+    const std::size_t guideCount = run.rows.guideCount();
+    const std::size_t one = guideCount / 3;
+    // 0: none, 1: one guide, 2: about one in twenty, 3: about one in three, 4: all.
+    for (const int kind : {0, 1, 2, 3, 4}) {
+        std::vector<std::uint8_t> changed(guideCount, 0);
+        for (std::size_t g = 0; g < guideCount; ++g)
+            changed[g] = kind == 4 || (kind == 1 && g == one) ||
+                         (kind == 2 && mix64(g) % 20 == 0) || (kind == 3 && mix64(g) % 3 == 0);
+        std::vector<std::uint64_t> expected;
+        for (const auto& chunk : binding.chunks)
+            for (std::size_t k = 0; k < chunk->strandCount(); ++k) {
+                bool bound = false;
+                for (std::uint32_t r = chunk->recordStart[k]; r < chunk->recordStart[k + 1]; ++r)
+                    bound = bound || changed[chunk->guides[r]] != 0;
+                if (bound) expected.push_back(chunk->firstStrand + k);
+            }
+        for (const int threads : {1, 2}) {
+            std::vector<std::uint64_t> got;
+            runWithThreads(threads, [&] { got = strandsBoundTo(binding, changed); });
+            EXPECT_EQ(got, expected) << "changed " << kind << ", " << threads << " threads";
+        }
+        if (kind == 0) {
+            EXPECT_TRUE(expected.empty());
+        } else if (kind == 4) {
+            EXPECT_EQ(expected.size(), run.strands->strandCount());
+        } else {
+            EXPECT_FALSE(expected.empty()) << "changed " << kind;
+        }
+    }
+}
+
 TEST(InterpolateShape, TakeLengthKeepsEachStrandsShapeAtItsGuidesLength) {
     ShapeRun run;
     ShapeSettings settings;
