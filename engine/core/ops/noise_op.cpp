@@ -41,10 +41,6 @@ float sampleSpacing(const NoiseSettings& settings, float strandLength, std::size
     return settings.space == NoiseSpace::World ? strandLength * perStrand : perStrand;
 }
 
-}  // namespace
-
-namespace {
-
 // A noised strand's points from its unit displacements: p + unit * amplitude * profile at each
 // point but the root, noted in `record` when one is kept. `shares` holds each point's share of the
 // length (the root's unused), `units` the displacements of points 1 to n - 1.
