@@ -1,0 +1,377 @@
+#include "ops/binding_weights.h"
+
+#include <algorithm>
+#include <cmath>
+#include <limits>
+
+#if defined(__SSE2__) || defined(_M_X64)
+#include <immintrin.h>
+#define VELMORIN_BINDING_LANES 1
+#endif
+
+namespace velmorin::binding_weights {
+namespace {
+
+constexpr double kInfinity = std::numeric_limits<double>::infinity();
+
+// The radius candidate i is weighed at.
+inline double radiusOf(int i, const std::uint32_t* guides, const float* reach, float single) {
+    return reach ? reach[guides[i]] : single;
+}
+
+// The first weights t of candidates [from, count) one at a time, with the greatest of them and the
+// greatest share of a reach left beyond the strand carried on from the candidates before.
+void firstWeights(int from, int count, const float* d2, const std::uint32_t* guides,
+                  const float* reach, float single, double* out, double& greatest,
+                  double& reachLeft) {
+    for (int i = from; i < count; ++i) {
+        const double d = std::max(std::sqrt(static_cast<double>(d2[i])), 1e-6);
+        const double r = radiusOf(i, guides, reach, single);
+        double t = 0.0;
+        if (!std::isfinite(r)) {
+            t = 1.0 / d;
+            reachLeft = 1.0;
+        } else if (r > d) {
+            t = (r - d) / (r * d);
+            reachLeft = std::max(reachLeft, (r - d) / r);
+        }
+        out[i] = t;
+        greatest = std::max(greatest, t);
+    }
+}
+
+// The greatest share of a reach left beyond the strand among the first `count` candidates, asked
+// only where the lanes saw no share of a quarter or more.
+double exactEdge(int count, const float* d2, const std::uint32_t* guides, const float* reach,
+                 float single) {
+    double reachLeft = 0.0;
+    for (int j = 0; j < count; ++j) {
+        const double d = std::max(std::sqrt(static_cast<double>(d2[j])), 1e-6);
+        const double r = radiusOf(j, guides, reach, single);
+        if (!std::isfinite(r))
+            reachLeft = 1.0;
+        else if (r > d)
+            reachLeft = std::max(reachLeft, (r - d) / r);
+    }
+    return reachLeft;
+}
+
+// Raises the weights [from, count) to `power` after scaling by `greatest`, adding them to `sum`
+// in order.
+double raise(int from, int count, double greatest, float power, double* out, double sum) {
+    for (int i = from; i < count; ++i) {
+        double a = 0.0;
+        if (greatest > 0.0 && out[i] > 0.0) {
+            const double s = out[i] / greatest;
+            a = power == 2.0f ? s * s : std::pow(s, static_cast<double>(power));
+        }
+        out[i] = a;
+        sum += a;
+    }
+    return sum;
+}
+
+// std::nearbyint in the default rounding mode, for 0 <= x < 2^52: from 2^52 up a double's step is
+// 1, so the sum is rounded to a whole number, to the even one at a half, and the difference is
+// exact. nearbyint itself is a call into the C library where the machine lacks a rounding
+// instruction, made for each candidate of every strand.
+inline double nearestWhole(double x) {
+    constexpr double kWhole = 4503599627370496.0;  // 2^52
+    return (x + kWhole) - kWhole;
+}
+
+// Rounds weights [from, count) to units, one at a time; returns the units added.
+std::int64_t roundUnits(int from, int count, const double* weights, double sum,
+                        std::uint32_t* units, double* remainder) {
+    std::int64_t total = 0;
+    for (int i = from; i < count; ++i) {
+        const double scaled = weights[i] > 0.0 ? weights[i] / sum * kTotalWeight : 0.0;
+        const double rounded = std::min(nearestWhole(scaled), static_cast<double>(kTotalWeight));
+        units[i] = static_cast<std::uint32_t>(rounded);
+        remainder[i] = scaled - rounded;
+        total += units[i];
+    }
+    return total;
+}
+
+#if VELMORIN_BINDING_LANES
+// Two candidates at a time: their square roots and divisions are what the weights spend most on,
+// and each lane rounds as the scalar operation would. Both branches of the rule are computed and
+// one is kept per lane.
+double shepardTwo(int count, const float* d2, const std::uint32_t* guides, const float* reach,
+                  float single, float power, double* out, double* edge) {
+    const __m128d least = _mm_set1_pd(1e-6), one = _mm_set1_pd(1.0), zero = _mm_setzero_pd();
+    const __m128d infinite = _mm_set1_pd(kInfinity);
+    const __m128d sign = _mm_set1_pd(-0.0);
+    const __m128d share = _mm_set1_pd(0.26);
+    __m128d greatest2 = zero, plenty = zero;
+    int i = 0;
+    for (; i + 2 <= count; i += 2) {
+        const __m128d d = _mm_max_pd(
+            _mm_sqrt_pd(_mm_set_pd(static_cast<double>(d2[i + 1]), static_cast<double>(d2[i]))),
+            least);
+        const __m128d r =
+            reach ? _mm_set_pd(reach[guides[i + 1]], reach[guides[i]]) : _mm_set1_pd(single);
+        // Not finite: infinite or not a number, as std::isfinite says.
+        const __m128d unbounded = _mm_cmpnlt_pd(_mm_andnot_pd(sign, r), infinite);
+        const __m128d inside = _mm_andnot_pd(unbounded, _mm_cmpgt_pd(r, d));
+        const __m128d left = _mm_sub_pd(r, d);
+        // One division a lane: 1 / d where the reach is endless, (R - d) / (R * d) within it,
+        // and 0 beyond it (masked, as R * d may be 0 there).
+        const __m128d numerator = _mm_or_pd(_mm_and_pd(unbounded, one), _mm_and_pd(inside, left));
+        const __m128d denominator =
+            _mm_or_pd(_mm_and_pd(unbounded, d), _mm_andnot_pd(unbounded, _mm_mul_pd(r, d)));
+        const __m128d t =
+            _mm_and_pd(_mm_or_pd(unbounded, inside), _mm_div_pd(numerator, denominator));
+        _mm_storeu_pd(out + i, t);
+        greatest2 = _mm_max_pd(greatest2, t);
+        // A share of at least 0.26 (R - d at least R * 0.26, rounded) divides to a quarter or
+        // more, which is all the edge fill needs to know; the division waits for the rare strand
+        // without one.
+        plenty = _mm_or_pd(
+            plenty,
+            _mm_or_pd(unbounded, _mm_and_pd(inside, _mm_cmpge_pd(left, _mm_mul_pd(r, share)))));
+    }
+    double greatest =
+        std::max(_mm_cvtsd_f64(greatest2), _mm_cvtsd_f64(_mm_unpackhi_pd(greatest2, greatest2)));
+    double reachLeft = 0.0;
+    if (edge)
+        reachLeft = _mm_movemask_pd(plenty) != 0 ? 1.0 : exactEdge(i, d2, guides, reach, single);
+    firstWeights(i, count, d2, guides, reach, single, out, greatest, reachLeft);
+    if (edge) *edge = reachLeft;
+    double sum = 0.0;
+    i = 0;
+    // The usual power of 2 squares, two at a time; the sum stays in order.
+    if (power == 2.0f && greatest > 0.0) {
+        const __m128d scale = _mm_set1_pd(greatest);
+        for (; i + 2 <= count; i += 2) {
+            const __m128d t = _mm_loadu_pd(out + i);
+            const __m128d s = _mm_div_pd(t, scale);
+            const __m128d a = _mm_and_pd(_mm_cmpgt_pd(t, zero), _mm_mul_pd(s, s));
+            _mm_storeu_pd(out + i, a);
+            sum += _mm_cvtsd_f64(a);
+            sum += _mm_cvtsd_f64(_mm_unpackhi_pd(a, a));
+        }
+    }
+    return raise(i, count, greatest, power, out, sum);
+}
+
+// The same four at a time, the last group masked to the candidates there are. Lanes past the
+// last candidate write 0 into the padding of `out`.
+__attribute__((target("avx"))) double shepardFour(int count, const float* d2,
+                                                  const std::uint32_t* guides, const float* reach,
+                                                  float single, float power, double* out,
+                                                  double* edge) {
+    const __m256d least = _mm256_set1_pd(1e-6), one = _mm256_set1_pd(1.0);
+    const __m256d zero = _mm256_setzero_pd(), infinite = _mm256_set1_pd(kInfinity);
+    const __m256d sign = _mm256_set1_pd(-0.0), share = _mm256_set1_pd(0.26);
+    const __m256d lane = _mm256_set_pd(3.0, 2.0, 1.0, 0.0);
+    __m256d greatest4 = zero, plenty = zero;
+    for (int i = 0; i < count; i += 4) {
+        const int n = std::min(4, count - i);
+        __m256d valid, r;
+        __m128 squared;
+        if (n == 4) {
+            valid = _mm256_castsi256_pd(_mm256_set1_epi64x(-1));
+            squared = _mm_loadu_ps(d2 + i);
+            r = reach ? _mm256_set_pd(reach[guides[i + 3]], reach[guides[i + 2]],
+                                      reach[guides[i + 1]], reach[guides[i]])
+                      : _mm256_set1_pd(single);
+        } else {
+            // The lanes past the last candidate weigh a guide at distance 1 with no reach: 0.
+            valid = _mm256_cmp_pd(lane, _mm256_set1_pd(n), _CMP_LT_OQ);
+            alignas(16) float tailD2[4] = {1.0f, 1.0f, 1.0f, 1.0f};
+            alignas(32) double tailR[4] = {0.0, 0.0, 0.0, 0.0};
+            for (int j = 0; j < n; ++j) {
+                tailD2[j] = d2[i + j];
+                tailR[j] = radiusOf(i + j, guides, reach, single);
+            }
+            squared = _mm_load_ps(tailD2);
+            r = _mm256_load_pd(tailR);
+        }
+        const __m256d d = _mm256_max_pd(_mm256_sqrt_pd(_mm256_cvtps_pd(squared)), least);
+        const __m256d unbounded =
+            _mm256_and_pd(valid, _mm256_cmp_pd(_mm256_andnot_pd(sign, r), infinite, _CMP_NLT_UQ));
+        const __m256d inside =
+            _mm256_andnot_pd(unbounded, _mm256_and_pd(valid, _mm256_cmp_pd(r, d, _CMP_GT_OQ)));
+        const __m256d left = _mm256_sub_pd(r, d);
+        const __m256d numerator =
+            _mm256_or_pd(_mm256_and_pd(unbounded, one), _mm256_and_pd(inside, left));
+        const __m256d denominator = _mm256_or_pd(_mm256_and_pd(unbounded, d),
+                                                 _mm256_andnot_pd(unbounded, _mm256_mul_pd(r, d)));
+        const __m256d t =
+            _mm256_and_pd(_mm256_or_pd(unbounded, inside), _mm256_div_pd(numerator, denominator));
+        _mm256_storeu_pd(out + i, t);
+        greatest4 = _mm256_max_pd(greatest4, t);
+        plenty = _mm256_or_pd(
+            plenty, _mm256_or_pd(unbounded,
+                                 _mm256_and_pd(inside, _mm256_cmp_pd(left, _mm256_mul_pd(r, share),
+                                                                     _CMP_GE_OQ))));
+    }
+    // The greatest of the lanes: max is exact, so any order gives it.
+    const __m128d halves =
+        _mm_max_pd(_mm256_castpd256_pd128(greatest4), _mm256_extractf128_pd(greatest4, 1));
+    const double greatest =
+        std::max(_mm_cvtsd_f64(halves), _mm_cvtsd_f64(_mm_unpackhi_pd(halves, halves)));
+    if (edge)
+        *edge = _mm256_movemask_pd(plenty) != 0 ? 1.0 : exactEdge(count, d2, guides, reach, single);
+    if (!(power == 2.0f && greatest > 0.0)) return raise(0, count, greatest, power, out, 0.0);
+    // The usual power of 2 squares, four at a time; the sum stays in order.
+    double sum = 0.0;
+    const __m256d scale = _mm256_set1_pd(greatest);
+    for (int i = 0; i < count; i += 4) {
+        const __m256d t = _mm256_loadu_pd(out + i);
+        const __m256d s = _mm256_div_pd(t, scale);
+        const __m256d a = _mm256_and_pd(_mm256_cmp_pd(t, zero, _CMP_GT_OQ), _mm256_mul_pd(s, s));
+        _mm256_storeu_pd(out + i, a);
+        alignas(32) double lanes[4];
+        _mm256_store_pd(lanes, a);
+        const int n = std::min(4, count - i);
+        for (int j = 0; j < n; ++j)
+            sum += lanes[j];
+    }
+    return sum;
+}
+
+// Two weights rounded at a time, each lane as roundUnits; a weight not above 0 is masked to 0
+// rather than branched on.
+std::int64_t roundUnitsTwo(int count, const double* weights, double sum, std::uint32_t* units,
+                           double* remainder) {
+    const __m128d total2 = _mm_set1_pd(sum), scale = _mm_set1_pd(kTotalWeight);
+    const __m128d whole = _mm_set1_pd(4503599627370496.0), zero = _mm_setzero_pd();
+    std::int64_t total = 0;
+    int i = 0;
+    for (; i + 2 <= count; i += 2) {
+        const __m128d w = _mm_loadu_pd(weights + i);
+        const __m128d scaled =
+            _mm_and_pd(_mm_cmpgt_pd(w, zero), _mm_mul_pd(_mm_div_pd(w, total2), scale));
+        // std::min(x, 65536) is (65536 < x ? 65536 : x): minpd(x, 65536) for numbers.
+        const __m128d rounded = _mm_min_pd(_mm_sub_pd(_mm_add_pd(scaled, whole), whole), scale);
+        _mm_storeu_pd(remainder + i, _mm_sub_pd(scaled, rounded));
+        const __m128i whole2 = _mm_cvttpd_epi32(rounded);
+        const auto u0 = static_cast<std::uint32_t>(_mm_cvtsi128_si32(whole2));
+        const auto u1 = static_cast<std::uint32_t>(_mm_cvtsi128_si32(_mm_srli_si128(whole2, 4)));
+        units[i] = u0;
+        units[i + 1] = u1;
+        total += std::int64_t{u0} + u1;
+    }
+    return total + roundUnits(i, count, weights, sum, units, remainder);
+}
+
+// Four at a time, the last group masked; lanes past the last weight write 0 units into the
+// padding of `units` and `remainder`.
+__attribute__((target("avx"))) std::int64_t roundUnitsFour(int count, const double* weights,
+                                                           double sum, std::uint32_t* units,
+                                                           double* remainder) {
+    const __m256d total4 = _mm256_set1_pd(sum), scale = _mm256_set1_pd(kTotalWeight);
+    const __m256d whole = _mm256_set1_pd(4503599627370496.0), zero = _mm256_setzero_pd();
+    const __m256d lane = _mm256_set_pd(3.0, 2.0, 1.0, 0.0);
+    // At most 66 weights of at most 65536 units each: the lanes' totals stay far below 2^31.
+    __m128i total = _mm_setzero_si128();
+    for (int i = 0; i < count; i += 4) {
+        const __m256d valid = _mm256_cmp_pd(lane, _mm256_set1_pd(count - i), _CMP_LT_OQ);
+        const __m256d w = _mm256_and_pd(valid, _mm256_loadu_pd(weights + i));
+        const __m256d scaled = _mm256_and_pd(_mm256_cmp_pd(w, zero, _CMP_GT_OQ),
+                                             _mm256_mul_pd(_mm256_div_pd(w, total4), scale));
+        const __m256d rounded =
+            _mm256_min_pd(_mm256_sub_pd(_mm256_add_pd(scaled, whole), whole), scale);
+        _mm256_storeu_pd(remainder + i, _mm256_sub_pd(scaled, rounded));
+        const __m128i whole4 = _mm256_cvttpd_epi32(rounded);
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(units + i), whole4);
+        total = _mm_add_epi32(total, whole4);
+    }
+    alignas(16) std::int32_t lanes[4];
+    _mm_store_si128(reinterpret_cast<__m128i*>(lanes), total);
+    return std::int64_t{lanes[0]} + lanes[1] + lanes[2] + lanes[3];
+}
+#endif
+
+}  // namespace
+
+Lanes bestLanes() {
+#if VELMORIN_BINDING_LANES
+    static const Lanes best = __builtin_cpu_supports("avx") ? Lanes::four : Lanes::two;
+    return best;
+#else
+    return Lanes::plain;
+#endif
+}
+
+double shepard(Lanes lanes, int count, const float* d2, const std::uint32_t* guides,
+               const float* reach, float single, float power, double* out, double* edge) {
+#if VELMORIN_BINDING_LANES
+    if (lanes == Lanes::four)
+        return shepardFour(count, d2, guides, reach, single, power, out, edge);
+    if (lanes == Lanes::two) return shepardTwo(count, d2, guides, reach, single, power, out, edge);
+#endif
+    double greatest = 0.0, reachLeft = 0.0;
+    firstWeights(0, count, d2, guides, reach, single, out, greatest, reachLeft);
+    if (edge) *edge = reachLeft;
+    return raise(0, count, greatest, power, out, 0.0);
+}
+
+// Adding +0 leaves the sum as it is, so the weights not above 0 may join it: a candidate past its
+// guide's reach is as common as one within it, and a branch on it mispredicts.
+double positiveSum(int count, const double* weights) {
+    double sum = 0.0;
+    for (int i = 0; i < count; ++i)
+        sum += weights[i] > 0.0 ? weights[i] : 0.0;
+    return sum;
+}
+
+int quantise(Lanes lanes, int count, const double* weights, double sum, std::uint32_t* guides,
+             std::uint32_t* units) {
+    if (!(sum > 0.0) || !std::isfinite(sum)) return 0;
+    double remainder[kPaddedCandidates];
+    std::int64_t total = 0;
+#if VELMORIN_BINDING_LANES
+    if (lanes == Lanes::four)
+        total = roundUnitsFour(count, weights, sum, units, remainder);
+    else if (lanes == Lanes::two)
+        total = roundUnitsTwo(count, weights, sum, units, remainder);
+    else
+#endif
+        total = roundUnits(0, count, weights, sum, units, remainder);
+    (void)lanes;
+    while (total > kTotalWeight) {
+        // The least remainder among those that can give a unit; the earliest of equal ones.
+        int pick = -1;
+        double least = kInfinity;
+        for (int i = 0; i < count; ++i) {
+            // Entries that cannot give a unit stand at infinity: a select, not a branch.
+            const double taken = units[i] > 0 ? remainder[i] : kInfinity;
+            const double r = taken == 0.0 ? kInfinity : taken;
+            pick = r < least ? i : pick;
+            least = std::min(least, r);
+        }
+        if (pick < 0)
+            for (int i = 0; i < count && pick < 0; ++i)
+                if (units[i] > 0) pick = i;
+        --units[pick];
+        remainder[pick] += 1.0;
+        --total;
+    }
+    while (total < kTotalWeight) {
+        int pick = -1;
+        double most = -kInfinity;
+        for (int i = 0; i < count; ++i) {
+            const double r = weights[i] > 0.0 ? remainder[i] : -kInfinity;
+            pick = r > most ? i : pick;
+            most = std::max(most, r);
+        }
+        ++units[pick];
+        remainder[pick] -= 1.0;
+        ++total;
+    }
+    // Each entry is written at the next place and kept there only if it has units: whether it
+    // does is as hard to guess as whether its guide reaches the strand.
+    int kept = 0;
+    for (int i = 0; i < count; ++i) {
+        units[kept] = units[i];
+        guides[kept] = guides[i];
+        kept += units[i] != 0 ? 1 : 0;
+    }
+    return kept;
+}
+
+}  // namespace velmorin::binding_weights
