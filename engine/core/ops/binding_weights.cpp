@@ -178,16 +178,16 @@ __attribute__((target("avx"))) double shepardFour(int count, const float* d2,
                                       reach[guides[i + 1]], reach[guides[i]])
                       : _mm256_set1_pd(single);
         } else {
-            // The lanes past the last candidate weigh a guide at distance 1 with no reach: 0.
+            // The lanes past the last candidate weigh a guide at distance 0 with no reach: 0.
+            // They are loaded masked and set lane by lane, not stored and read back whole, which
+            // the processor could not forward.
             valid = _mm256_cmp_pd(lane, _mm256_set1_pd(n), _CMP_LT_OQ);
-            alignas(16) float tailD2[4] = {1.0f, 1.0f, 1.0f, 1.0f};
-            alignas(32) double tailR[4] = {0.0, 0.0, 0.0, 0.0};
-            for (int j = 0; j < n; ++j) {
-                tailD2[j] = d2[i + j];
-                tailR[j] = radiusOf(i + j, guides, reach, single);
-            }
-            squared = _mm_load_ps(tailD2);
-            r = _mm256_load_pd(tailR);
+            const __m128i present = _mm_cmplt_epi32(_mm_set_epi32(3, 2, 1, 0), _mm_set1_epi32(n));
+            squared = _mm_maskload_ps(d2 + i, present);
+            r = _mm256_set_pd(n > 3 ? radiusOf(i + 3, guides, reach, single) : 0.0,
+                              n > 2 ? radiusOf(i + 2, guides, reach, single) : 0.0,
+                              n > 1 ? radiusOf(i + 1, guides, reach, single) : 0.0,
+                              radiusOf(i, guides, reach, single));
         }
         const __m256d d = _mm256_max_pd(_mm256_sqrt_pd(_mm256_cvtps_pd(squared)), least);
         const __m256d unbounded =
@@ -224,11 +224,13 @@ __attribute__((target("avx"))) double shepardFour(int count, const float* d2,
         const __m256d s = _mm256_div_pd(t, scale);
         const __m256d a = _mm256_and_pd(_mm256_cmp_pd(t, zero, _CMP_GT_OQ), _mm256_mul_pd(s, s));
         _mm256_storeu_pd(out + i, a);
-        alignas(32) double lanes[4];
-        _mm256_store_pd(lanes, a);
-        const int n = std::min(4, count - i);
-        for (int j = 0; j < n; ++j)
-            sum += lanes[j];
+        // Lanes past the last candidate hold +0, which leaves the sum (never -0) as it is. The
+        // lanes are taken from the register, not read back from memory.
+        const __m128d low = _mm256_castpd256_pd128(a), high = _mm256_extractf128_pd(a, 1);
+        sum += _mm_cvtsd_f64(low);
+        sum += _mm_cvtsd_f64(_mm_unpackhi_pd(low, low));
+        sum += _mm_cvtsd_f64(high);
+        sum += _mm_cvtsd_f64(_mm_unpackhi_pd(high, high));
     }
     return sum;
 }
@@ -275,14 +277,24 @@ __attribute__((target("avx"))) std::int64_t roundUnitsFour(int count, const doub
                                              _mm256_mul_pd(_mm256_div_pd(w, total4), scale));
         const __m256d rounded =
             _mm256_min_pd(_mm256_sub_pd(_mm256_add_pd(scaled, whole), whole), scale);
-        _mm256_storeu_pd(remainder + i, _mm256_sub_pd(scaled, rounded));
+        const __m256d left = _mm256_sub_pd(scaled, rounded);
+        const __m128d leftLow = _mm256_castpd256_pd128(left);
+        const __m128d leftHigh = _mm256_extractf128_pd(left, 1);
+        _mm_storel_pd(remainder + i, leftLow);
+        _mm_storeh_pd(remainder + i + 1, leftLow);
+        _mm_storel_pd(remainder + i + 2, leftHigh);
+        _mm_storeh_pd(remainder + i + 3, leftHigh);
         const __m128i whole4 = _mm256_cvttpd_epi32(rounded);
-        _mm_storeu_si128(reinterpret_cast<__m128i*>(units + i), whole4);
+        // Stored one by one, as the remainders: the loops after read them one by one straight
+        // away, and a load from inside a wider store waits for it to reach the cache.
+        units[i] = static_cast<std::uint32_t>(_mm_cvtsi128_si32(whole4));
+        units[i + 1] = static_cast<std::uint32_t>(_mm_extract_epi32(whole4, 1));
+        units[i + 2] = static_cast<std::uint32_t>(_mm_extract_epi32(whole4, 2));
+        units[i + 3] = static_cast<std::uint32_t>(_mm_extract_epi32(whole4, 3));
         total = _mm_add_epi32(total, whole4);
     }
-    alignas(16) std::int32_t lanes[4];
-    _mm_store_si128(reinterpret_cast<__m128i*>(lanes), total);
-    return std::int64_t{lanes[0]} + lanes[1] + lanes[2] + lanes[3];
+    return std::int64_t{_mm_cvtsi128_si32(total)} + _mm_extract_epi32(total, 1) +
+           _mm_extract_epi32(total, 2) + _mm_extract_epi32(total, 3);
 }
 #endif
 
@@ -364,12 +376,15 @@ int quantise(Lanes lanes, int count, const double* weights, double sum, std::uin
         ++total;
     }
     // Each entry is written at the next place and kept there only if it has units: whether it
-    // does is as hard to guess as whether its guide reaches the strand.
+    // does is as hard to guess as whether its guide reaches the strand. Both are read before
+    // either is written, as `guides` might be `units` for all the compiler knows, and a read
+    // after the writes would wait for them.
     int kept = 0;
     for (int i = 0; i < count; ++i) {
-        units[kept] = units[i];
-        guides[kept] = guides[i];
-        kept += units[i] != 0 ? 1 : 0;
+        const std::uint32_t unit = units[i], guide = guides[i];
+        units[kept] = unit;
+        guides[kept] = guide;
+        kept += unit != 0 ? 1 : 0;
     }
     return kept;
 }
