@@ -235,6 +235,89 @@ __attribute__((target("avx"))) double shepardFour(int count, const float* d2,
     return sum;
 }
 
+#if defined(__GNUC__) && !defined(__clang__)
+// GCC 12 takes the undefined start values inside its AVX-512 intrinsics for uninitialised
+// variables; the warnings say nothing of this code.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wuninitialized"
+#pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
+#endif
+// Eight at a time with AVX-512: the lanes past the last candidate are masked off, read as
+// nothing and written as +0 into the padding of `out`. Each lane's operations are those of the
+// plain path, in its order; a masked-off operation gives the +0 the narrower paths mask to.
+__attribute__((target("avx512f,avx2"))) double shepardEight(int count, const float* d2,
+                                                            const std::uint32_t* guides,
+                                                            const float* reach, float single,
+                                                            float power, double* out,
+                                                            double* edge) {
+    const __m512d least = _mm512_set1_pd(1e-6), one = _mm512_set1_pd(1.0);
+    const __m512d zero = _mm512_setzero_pd(), infinite = _mm512_set1_pd(kInfinity);
+    const __m512d share = _mm512_set1_pd(0.26);
+    const __m256i lane = _mm256_set_epi32(7, 6, 5, 4, 3, 2, 1, 0);
+    __m512d greatest8 = zero;
+    __mmask8 plenty = 0;
+    for (int i = 0; i < count; i += 8) {
+        const int n = std::min(8, count - i);
+        const __mmask8 valid = static_cast<__mmask8>((1u << n) - 1u);
+        const __m256i present = _mm256_cmpgt_epi32(_mm256_set1_epi32(n), lane);
+        const __m256 squared = _mm256_maskload_ps(d2 + i, present);
+        __m512d r;
+        if (reach) {
+            const __m256i at =
+                _mm256_maskload_epi32(reinterpret_cast<const int*>(guides + i), present);
+            r = _mm512_cvtps_pd(_mm256_mask_i32gather_ps(_mm256_setzero_ps(), reach, at,
+                                                         _mm256_castsi256_ps(present), 4));
+        } else {
+            r = _mm512_set1_pd(single);
+        }
+        const __m512d d = _mm512_max_pd(_mm512_sqrt_pd(_mm512_cvtps_pd(squared)), least);
+        // Not finite: infinite or not a number, as std::isfinite says.
+        const __mmask8 unbounded =
+            _mm512_mask_cmp_pd_mask(valid, _mm512_abs_pd(r), infinite, _CMP_NLT_UQ);
+        const __mmask8 inside =
+            static_cast<__mmask8>(_mm512_mask_cmp_pd_mask(valid, r, d, _CMP_GT_OQ) & ~unbounded);
+        const __m512d left = _mm512_sub_pd(r, d);
+        const __m512d numerator = _mm512_mask_blend_pd(unbounded, left, one);
+        const __m512d denominator = _mm512_mask_blend_pd(unbounded, _mm512_mul_pd(r, d), d);
+        const __m512d t =
+            _mm512_maskz_div_pd(static_cast<__mmask8>(unbounded | inside), numerator, denominator);
+        _mm512_storeu_pd(out + i, t);
+        greatest8 = _mm512_max_pd(greatest8, t);
+        plenty = static_cast<__mmask8>(
+            plenty | unbounded |
+            _mm512_mask_cmp_pd_mask(inside, left, _mm512_mul_pd(r, share), _CMP_GE_OQ));
+    }
+    // The greatest of the lanes: max is exact, so any order gives it.
+    const double greatest = _mm512_reduce_max_pd(greatest8);
+    if (edge) *edge = plenty != 0 ? 1.0 : exactEdge(count, d2, guides, reach, single);
+    if (!(power == 2.0f && greatest > 0.0)) return raise(0, count, greatest, power, out, 0.0);
+    double sum = 0.0;
+    const __m512d scale = _mm512_set1_pd(greatest);
+    for (int i = 0; i < count; i += 8) {
+        const __m512d t = _mm512_loadu_pd(out + i);
+        const __m512d s = _mm512_div_pd(t, scale);
+        const __m512d a = _mm512_maskz_mul_pd(_mm512_cmp_pd_mask(t, zero, _CMP_GT_OQ), s, s);
+        _mm512_storeu_pd(out + i, a);
+        // Lanes past the last candidate hold +0, which leaves the sum (never -0) as it is.
+        const __m256d low = _mm512_castpd512_pd256(a), high = _mm512_extractf64x4_pd(a, 1);
+        const __m128d q0 = _mm256_castpd256_pd128(low), q1 = _mm256_extractf128_pd(low, 1);
+        const __m128d q2 = _mm256_castpd256_pd128(high), q3 = _mm256_extractf128_pd(high, 1);
+        sum += _mm_cvtsd_f64(q0);
+        sum += _mm_cvtsd_f64(_mm_unpackhi_pd(q0, q0));
+        sum += _mm_cvtsd_f64(q1);
+        sum += _mm_cvtsd_f64(_mm_unpackhi_pd(q1, q1));
+        sum += _mm_cvtsd_f64(q2);
+        sum += _mm_cvtsd_f64(_mm_unpackhi_pd(q2, q2));
+        sum += _mm_cvtsd_f64(q3);
+        sum += _mm_cvtsd_f64(_mm_unpackhi_pd(q3, q3));
+    }
+    return sum;
+}
+
+#if defined(__GNUC__) && !defined(__clang__)
+#pragma GCC diagnostic pop
+#endif
+
 // Two weights rounded at a time, each lane as roundUnits; a weight not above 0 is masked to 0
 // rather than branched on.
 std::int64_t roundUnitsTwo(int count, const double* weights, double sum, std::uint32_t* units,
@@ -296,13 +379,75 @@ __attribute__((target("avx"))) std::int64_t roundUnitsFour(int count, const doub
     return std::int64_t{_mm_cvtsi128_si32(total)} + _mm_extract_epi32(total, 1) +
            _mm_extract_epi32(total, 2) + _mm_extract_epi32(total, 3);
 }
+#if defined(__GNUC__) && !defined(__clang__)
+// GCC 12 takes the undefined start values inside its AVX-512 intrinsics for uninitialised
+// variables; the warnings say nothing of this code.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wuninitialized"
+#pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
+#endif
+// Eight at a time with AVX-512, the last group masked; lanes past the last weight write 0 units
+// into the padding of `units` and `remainder`.
+__attribute__((target("avx512f,avx2"))) std::int64_t roundUnitsEight(
+    int count, const double* weights, double sum, std::uint32_t* units, double* remainder) {
+    const __m512d total8 = _mm512_set1_pd(sum), scale = _mm512_set1_pd(kTotalWeight);
+    const __m512d whole = _mm512_set1_pd(4503599627370496.0), zero = _mm512_setzero_pd();
+    // At most 66 weights of at most 65536 units each: the lanes' totals stay far below 2^31.
+    __m256i total = _mm256_setzero_si256();
+    for (int i = 0; i < count; i += 8) {
+        const int n = std::min(8, count - i);
+        const __mmask8 valid = static_cast<__mmask8>((1u << n) - 1u);
+        const __m512d w = _mm512_maskz_loadu_pd(valid, weights + i);
+        const __m512d scaled = _mm512_maskz_mul_pd(_mm512_cmp_pd_mask(w, zero, _CMP_GT_OQ),
+                                                   _mm512_div_pd(w, total8), scale);
+        const __m512d rounded =
+            _mm512_min_pd(_mm512_sub_pd(_mm512_add_pd(scaled, whole), whole), scale);
+        const __m512d left = _mm512_sub_pd(scaled, rounded);
+        // Stored one by one: the loops after read them one by one straight away, and a load
+        // from inside a wider store waits for it to reach the cache.
+        const __m256d leftLow = _mm512_castpd512_pd256(left);
+        const __m256d leftHigh = _mm512_extractf64x4_pd(left, 1);
+        const __m128d r0 = _mm256_castpd256_pd128(leftLow), r1 = _mm256_extractf128_pd(leftLow, 1);
+        const __m128d r2 = _mm256_castpd256_pd128(leftHigh);
+        const __m128d r3 = _mm256_extractf128_pd(leftHigh, 1);
+        _mm_storel_pd(remainder + i, r0);
+        _mm_storeh_pd(remainder + i + 1, r0);
+        _mm_storel_pd(remainder + i + 2, r1);
+        _mm_storeh_pd(remainder + i + 3, r1);
+        _mm_storel_pd(remainder + i + 4, r2);
+        _mm_storeh_pd(remainder + i + 5, r2);
+        _mm_storel_pd(remainder + i + 6, r3);
+        _mm_storeh_pd(remainder + i + 7, r3);
+        const __m256i whole8 = _mm512_cvttpd_epi32(rounded);
+        const __m128i u0 = _mm256_castsi256_si128(whole8), u1 = _mm256_extracti128_si256(whole8, 1);
+        units[i] = static_cast<std::uint32_t>(_mm_cvtsi128_si32(u0));
+        units[i + 1] = static_cast<std::uint32_t>(_mm_extract_epi32(u0, 1));
+        units[i + 2] = static_cast<std::uint32_t>(_mm_extract_epi32(u0, 2));
+        units[i + 3] = static_cast<std::uint32_t>(_mm_extract_epi32(u0, 3));
+        units[i + 4] = static_cast<std::uint32_t>(_mm_cvtsi128_si32(u1));
+        units[i + 5] = static_cast<std::uint32_t>(_mm_extract_epi32(u1, 1));
+        units[i + 6] = static_cast<std::uint32_t>(_mm_extract_epi32(u1, 2));
+        units[i + 7] = static_cast<std::uint32_t>(_mm_extract_epi32(u1, 3));
+        total = _mm256_add_epi32(total, whole8);
+    }
+    const __m128i t4 =
+        _mm_add_epi32(_mm256_castsi256_si128(total), _mm256_extracti128_si256(total, 1));
+    return std::int64_t{_mm_cvtsi128_si32(t4)} + _mm_extract_epi32(t4, 1) +
+           _mm_extract_epi32(t4, 2) + _mm_extract_epi32(t4, 3);
+}
+#if defined(__GNUC__) && !defined(__clang__)
+#pragma GCC diagnostic pop
+#endif
 #endif
 
 }  // namespace
 
 Lanes bestLanes() {
 #if VELMORIN_BINDING_LANES
-    static const Lanes best = __builtin_cpu_supports("avx") ? Lanes::four : Lanes::two;
+    static const Lanes best = __builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx2")
+                                  ? Lanes::eight
+                              : __builtin_cpu_supports("avx") ? Lanes::four
+                                                              : Lanes::two;
     return best;
 #else
     return Lanes::plain;
@@ -312,6 +457,8 @@ Lanes bestLanes() {
 double shepard(Lanes lanes, int count, const float* d2, const std::uint32_t* guides,
                const float* reach, float single, float power, double* out, double* edge) {
 #if VELMORIN_BINDING_LANES
+    if (lanes == Lanes::eight)
+        return shepardEight(count, d2, guides, reach, single, power, out, edge);
     if (lanes == Lanes::four)
         return shepardFour(count, d2, guides, reach, single, power, out, edge);
     if (lanes == Lanes::two) return shepardTwo(count, d2, guides, reach, single, power, out, edge);
@@ -337,7 +484,9 @@ int quantise(Lanes lanes, int count, const double* weights, double sum, std::uin
     double remainder[kPaddedCandidates];
     std::int64_t total = 0;
 #if VELMORIN_BINDING_LANES
-    if (lanes == Lanes::four)
+    if (lanes == Lanes::eight)
+        total = roundUnitsEight(count, weights, sum, units, remainder);
+    else if (lanes == Lanes::four)
         total = roundUnitsFour(count, weights, sum, units, remainder);
     else if (lanes == Lanes::two)
         total = roundUnitsTwo(count, weights, sum, units, remainder);

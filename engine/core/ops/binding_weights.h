@@ -1,9 +1,9 @@
 #pragma once
 // The arithmetic of one strand's binding: the modified Shepard weights of its candidate guides and
 // their quantising to sixteen bits. Each is written plainly and over lanes of doubles (two with
-// SSE2, four with AVX where the processor has it); every lane does the plain path's operations in
-// its order, each correctly rounded, so every way gives the same bits. The binding picks the
-// widest; tests ask for each.
+// SSE2; four with AVX, eight with AVX-512 where the processor has them); every lane does the plain
+// path's operations in its order, each correctly rounded, so every way gives the same bits. The
+// binding picks the widest; tests ask for each.
 
 #include <cstdint>
 
@@ -12,11 +12,11 @@ namespace velmorin::binding_weights {
 // The most candidates a strand weighs (4 * 16 neighbours + 2).
 inline constexpr int kMaxCandidates = 4 * 16 + 2;
 // A weight array holds this many: the lanes may write past the last candidate, up to a whole
-// group of four.
-inline constexpr int kPaddedCandidates = kMaxCandidates + 4;
+// group of eight.
+inline constexpr int kPaddedCandidates = kMaxCandidates + 8;
 inline constexpr std::uint32_t kTotalWeight = 65536;
 
-enum class Lanes { plain, two, four };
+enum class Lanes { plain, two, four, eight };
 
 // The widest lanes this processor runs.
 Lanes bestLanes();
