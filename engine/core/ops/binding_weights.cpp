@@ -386,54 +386,64 @@ __attribute__((target("avx"))) std::int64_t roundUnitsFour(int count, const doub
 #pragma GCC diagnostic ignored "-Wuninitialized"
 #pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
 #endif
-// Eight at a time with AVX-512, the last group masked; lanes past the last weight write 0 units
-// into the padding of `units` and `remainder`.
+// Eight at a time with AVX-512, the last group masked, and the weights above 0 kept in the same
+// step: their units, guides and remainders are packed to the front in order straight from the
+// registers, where the narrower paths pack them in a loop after. Returns the units rounded;
+// `positive` receives how many were kept.
 __attribute__((target("avx512f,avx2"))) std::int64_t roundUnitsEight(
-    int count, const double* weights, double sum, std::uint32_t* units, double* remainder) {
+    int count, const double* weights, double sum, std::uint32_t* units, std::uint32_t* guides,
+    double* remainder, int& positive) {
     const __m512d total8 = _mm512_set1_pd(sum), scale = _mm512_set1_pd(kTotalWeight);
     const __m512d whole = _mm512_set1_pd(4503599627370496.0), zero = _mm512_setzero_pd();
     // At most 66 weights of at most 65536 units each: the lanes' totals stay far below 2^31.
     __m256i total = _mm256_setzero_si256();
+    int kept = 0;
     for (int i = 0; i < count; i += 8) {
         const int n = std::min(8, count - i);
         const __mmask8 valid = static_cast<__mmask8>((1u << n) - 1u);
         const __m512d w = _mm512_maskz_loadu_pd(valid, weights + i);
-        const __m512d scaled = _mm512_maskz_mul_pd(_mm512_cmp_pd_mask(w, zero, _CMP_GT_OQ),
-                                                   _mm512_div_pd(w, total8), scale);
+        const __mmask8 above = _mm512_cmp_pd_mask(w, zero, _CMP_GT_OQ);
+        const __m512d scaled = _mm512_maskz_mul_pd(above, _mm512_div_pd(w, total8), scale);
         const __m512d rounded =
             _mm512_min_pd(_mm512_sub_pd(_mm512_add_pd(scaled, whole), whole), scale);
         const __m512d left = _mm512_sub_pd(scaled, rounded);
-        // Stored one by one: the loops after read them one by one straight away, and a load
-        // from inside a wider store waits for it to reach the cache.
-        const __m256d leftLow = _mm512_castpd512_pd256(left);
-        const __m256d leftHigh = _mm512_extractf64x4_pd(left, 1);
-        const __m128d r0 = _mm256_castpd256_pd128(leftLow), r1 = _mm256_extractf128_pd(leftLow, 1);
-        const __m128d r2 = _mm256_castpd256_pd128(leftHigh);
-        const __m128d r3 = _mm256_extractf128_pd(leftHigh, 1);
-        _mm_storel_pd(remainder + i, r0);
-        _mm_storeh_pd(remainder + i + 1, r0);
-        _mm_storel_pd(remainder + i + 2, r1);
-        _mm_storeh_pd(remainder + i + 3, r1);
-        _mm_storel_pd(remainder + i + 4, r2);
-        _mm_storeh_pd(remainder + i + 5, r2);
-        _mm_storel_pd(remainder + i + 6, r3);
-        _mm_storeh_pd(remainder + i + 7, r3);
         const __m256i whole8 = _mm512_cvttpd_epi32(rounded);
-        const __m128i u0 = _mm256_castsi256_si128(whole8), u1 = _mm256_extracti128_si256(whole8, 1);
-        units[i] = static_cast<std::uint32_t>(_mm_cvtsi128_si32(u0));
-        units[i + 1] = static_cast<std::uint32_t>(_mm_extract_epi32(u0, 1));
-        units[i + 2] = static_cast<std::uint32_t>(_mm_extract_epi32(u0, 2));
-        units[i + 3] = static_cast<std::uint32_t>(_mm_extract_epi32(u0, 3));
-        units[i + 4] = static_cast<std::uint32_t>(_mm_cvtsi128_si32(u1));
-        units[i + 5] = static_cast<std::uint32_t>(_mm_extract_epi32(u1, 1));
-        units[i + 6] = static_cast<std::uint32_t>(_mm_extract_epi32(u1, 2));
-        units[i + 7] = static_cast<std::uint32_t>(_mm_extract_epi32(u1, 3));
         total = _mm256_add_epi32(total, whole8);
+        // Written over entries already read: the block's kept ones land at or before it.
+        const __m512i guide = _mm512_maskz_loadu_epi32(valid, guides + i);
+        const int taken = __builtin_popcount(above);
+        const auto into = static_cast<__mmask16>((1u << taken) - 1u);
+        _mm512_mask_storeu_epi32(
+            units + kept, into, _mm512_maskz_compress_epi32(above, _mm512_castsi256_si512(whole8)));
+        _mm512_mask_storeu_epi32(guides + kept, into, _mm512_maskz_compress_epi32(above, guide));
+        _mm512_mask_storeu_pd(remainder + kept, static_cast<__mmask8>(into),
+                              _mm512_maskz_compress_pd(above, left));
+        kept += taken;
     }
+    positive = kept;
     const __m128i t4 =
         _mm_add_epi32(_mm256_castsi256_si128(total), _mm256_extracti128_si256(total, 1));
     return std::int64_t{_mm_cvtsi128_si32(t4)} + _mm_extract_epi32(t4, 1) +
            _mm_extract_epi32(t4, 2) + _mm_extract_epi32(t4, 3);
+}
+
+// Keeps the entries with units, in place and in order, eight at a time; returns how many.
+__attribute__((target("avx512f,avx2"))) int keepUnitsEight(int count, std::uint32_t* units,
+                                                           std::uint32_t* guides) {
+    int kept = 0;
+    for (int i = 0; i < count; i += 8) {
+        const int n = std::min(8, count - i);
+        const auto valid = static_cast<__mmask16>((1u << n) - 1u);
+        const __m512i unit = _mm512_maskz_loadu_epi32(valid, units + i);
+        const __m512i guide = _mm512_maskz_loadu_epi32(valid, guides + i);
+        const __mmask16 has = _mm512_mask_cmpneq_epi32_mask(valid, unit, _mm512_setzero_si512());
+        const int taken = __builtin_popcount(has);
+        const auto into = static_cast<__mmask16>((1u << taken) - 1u);
+        _mm512_mask_storeu_epi32(units + kept, into, _mm512_maskz_compress_epi32(has, unit));
+        _mm512_mask_storeu_epi32(guides + kept, into, _mm512_maskz_compress_epi32(has, guide));
+        kept += taken;
+    }
+    return kept;
 }
 #if defined(__GNUC__) && !defined(__clang__)
 #pragma GCC diagnostic pop
@@ -480,30 +490,35 @@ double positiveSum(int count, const double* weights) {
 
 int quantise(Lanes lanes, int count, const double* weights, double sum, std::uint32_t* guides,
              std::uint32_t* units) {
+    (void)lanes;
     if (!(sum > 0.0) || !std::isfinite(sum)) return 0;
     double remainder[kPaddedCandidates];
     std::int64_t total = 0;
-#if VELMORIN_BINDING_LANES
-    if (lanes == Lanes::eight)
-        total = roundUnitsEight(count, weights, sum, units, remainder);
-    else if (lanes == Lanes::four)
-        total = roundUnitsFour(count, weights, sum, units, remainder);
-    else if (lanes == Lanes::two)
-        total = roundUnitsTwo(count, weights, sum, units, remainder);
-    else
-#endif
-        total = roundUnits(0, count, weights, sum, units, remainder);
-    (void)lanes;
     // Only weights above 0 can take or give a unit: the others go before units move, which
     // leaves the moves' scans a third as long. The order, and so the ties, stay.
     int positive = 0;
-    for (int i = 0; i < count; ++i) {
-        const std::uint32_t unit = units[i], guide = guides[i];
-        const double left = remainder[i];
-        units[positive] = unit;
-        guides[positive] = guide;
-        remainder[positive] = left;
-        positive += weights[i] > 0.0 ? 1 : 0;
+#if VELMORIN_BINDING_LANES
+    if (lanes == Lanes::eight) {
+        total = roundUnitsEight(count, weights, sum, units, guides, remainder, positive);
+    } else
+#endif
+    {
+#if VELMORIN_BINDING_LANES
+        if (lanes == Lanes::four)
+            total = roundUnitsFour(count, weights, sum, units, remainder);
+        else if (lanes == Lanes::two)
+            total = roundUnitsTwo(count, weights, sum, units, remainder);
+        else
+#endif
+            total = roundUnits(0, count, weights, sum, units, remainder);
+        for (int i = 0; i < count; ++i) {
+            const std::uint32_t unit = units[i], guide = guides[i];
+            const double left = remainder[i];
+            units[positive] = unit;
+            guides[positive] = guide;
+            remainder[positive] = left;
+            positive += weights[i] > 0.0 ? 1 : 0;
+        }
     }
     count = positive;
     while (total > kTotalWeight) {
@@ -540,6 +555,9 @@ int quantise(Lanes lanes, int count, const double* weights, double sum, std::uin
     // does is as hard to guess as whether its guide reaches the strand. Both are read before
     // either is written, as `guides` might be `units` for all the compiler knows, and a read
     // after the writes would wait for them.
+#if VELMORIN_BINDING_LANES
+    if (lanes == Lanes::eight) return keepUnitsEight(count, units, guides);
+#endif
     int kept = 0;
     for (int i = 0; i < count; ++i) {
         const std::uint32_t unit = units[i], guide = guides[i];
