@@ -9,20 +9,16 @@
 
 #include "base/hash.h"
 #include "base/parallel.h"
+#include "ops/binding_weights.h"
 #include "ops/guide_root_grid.h"
 #include "ops/interpolate_follow.h"
 #include "ops/interpolate_tubes.h"
 
-#if defined(__SSE2__) || defined(_M_X64)
-#include <emmintrin.h>
-#define VELMORIN_BINDING_SSE2 1
-#endif
-
 namespace velmorin {
 namespace {
 
-constexpr int kMaxCandidates = 4 * 16 + 2;
-constexpr std::uint32_t kTotalWeight = 65536;
+using binding_weights::kPaddedCandidates;
+using binding_weights::kTotalWeight;
 
 bool isFinite(const Vec3f& p) {
     return std::isfinite(p.x) && std::isfinite(p.y) && std::isfinite(p.z);
@@ -74,218 +70,13 @@ ReachTable measureReach(const GuideRootGrid& grid, std::span<const Vec3f> roots,
     return table;
 }
 
-// The weights of the listed candidates by the modified Shepard rule at radius R per guide (or the
-// single radius `single` when `reach` is null), raised to `power` after scaling by their greatest.
-// Returns the sum; `edge` receives the greatest share of a reach left beyond the strand where that
-// is below a quarter, and a share of a quarter or more (not always the greatest) otherwise: the
-// edge fill only asks whether it is below a quarter, and then its value.
-double shepard(int count, const float* d2, const std::uint32_t* guides, const float* reach,
-               float single, float power, double* out, double* edge) {
-    double greatest = 0.0, reachLeft = 0.0;
-    int i = 0;
-#if VELMORIN_BINDING_SSE2
-    // Two candidates at a time: their square roots and divisions are what the binding spends
-    // most on after the search, and each lane rounds as the scalar operation would. Both
-    // branches of the rule are computed and one is kept per lane.
-    const __m128d least = _mm_set1_pd(1e-6), one = _mm_set1_pd(1.0), zero = _mm_setzero_pd();
-    const __m128d infinite = _mm_set1_pd(std::numeric_limits<double>::infinity());
-    const __m128d sign = _mm_set1_pd(-0.0);
-    const __m128d share = _mm_set1_pd(0.26);
-    __m128d greatest2 = zero, plenty = zero;
-    for (; i + 2 <= count; i += 2) {
-        const __m128d d = _mm_max_pd(
-            _mm_sqrt_pd(_mm_set_pd(static_cast<double>(d2[i + 1]), static_cast<double>(d2[i]))),
-            least);
-        const __m128d r =
-            reach ? _mm_set_pd(reach[guides[i + 1]], reach[guides[i]]) : _mm_set1_pd(single);
-        // Not finite: infinite or not a number, as std::isfinite says.
-        const __m128d unbounded = _mm_cmpnlt_pd(_mm_andnot_pd(sign, r), infinite);
-        const __m128d inside = _mm_andnot_pd(unbounded, _mm_cmpgt_pd(r, d));
-        const __m128d left = _mm_sub_pd(r, d);
-        // One division a lane: 1 / d where the reach is endless, (R - d) / (R * d) within it,
-        // and 0 beyond it (masked, as R * d may be 0 there).
-        const __m128d numerator = _mm_or_pd(_mm_and_pd(unbounded, one), _mm_and_pd(inside, left));
-        const __m128d denominator =
-            _mm_or_pd(_mm_and_pd(unbounded, d), _mm_andnot_pd(unbounded, _mm_mul_pd(r, d)));
-        const __m128d t =
-            _mm_and_pd(_mm_or_pd(unbounded, inside), _mm_div_pd(numerator, denominator));
-        _mm_storeu_pd(out + i, t);
-        greatest2 = _mm_max_pd(greatest2, t);
-        // A share of at least 0.26 (R - d at least R * 0.26, rounded) divides to a quarter or
-        // more, which is all the edge fill needs to know; the division waits for the rare strand
-        // without one.
-        plenty = _mm_or_pd(
-            plenty,
-            _mm_or_pd(unbounded, _mm_and_pd(inside, _mm_cmpge_pd(left, _mm_mul_pd(r, share)))));
-    }
-    const auto largest = [](__m128d v) {
-        return std::max(_mm_cvtsd_f64(v), _mm_cvtsd_f64(_mm_unpackhi_pd(v, v)));
-    };
-    greatest = largest(greatest2);
-    if (edge) {
-        if (_mm_movemask_pd(plenty) != 0) {
-            reachLeft = 1.0;
-        } else {
-            for (int j = 0; j < i; ++j) {
-                const double d = std::max(std::sqrt(static_cast<double>(d2[j])), 1e-6);
-                const double r = reach ? reach[guides[j]] : single;
-                if (!std::isfinite(r))
-                    reachLeft = 1.0;
-                else if (r > d)
-                    reachLeft = std::max(reachLeft, (r - d) / r);
-            }
-        }
-    }
-#endif
-    for (; i < count; ++i) {
-        const double d = std::max(std::sqrt(static_cast<double>(d2[i])), 1e-6);
-        const double r = reach ? reach[guides[i]] : single;
-        double t = 0.0;
-        if (!std::isfinite(r)) {
-            t = 1.0 / d;
-            reachLeft = 1.0;
-        } else if (r > d) {
-            t = (r - d) / (r * d);
-            reachLeft = std::max(reachLeft, (r - d) / r);
-        }
-        out[i] = t;
-        greatest = std::max(greatest, t);
-    }
-    if (edge) *edge = reachLeft;
-    double sum = 0.0;
-    i = 0;
-#if VELMORIN_BINDING_SSE2
-    // The usual power of 2 squares, two at a time; the sum stays in order.
-    if (power == 2.0f && greatest > 0.0) {
-        const __m128d scale = _mm_set1_pd(greatest), zero = _mm_setzero_pd();
-        for (; i + 2 <= count; i += 2) {
-            const __m128d t = _mm_loadu_pd(out + i);
-            const __m128d s = _mm_div_pd(t, scale);
-            const __m128d a = _mm_and_pd(_mm_cmpgt_pd(t, zero), _mm_mul_pd(s, s));
-            _mm_storeu_pd(out + i, a);
-            sum += _mm_cvtsd_f64(a);
-            sum += _mm_cvtsd_f64(_mm_unpackhi_pd(a, a));
-        }
-    }
-#endif
-    for (; i < count; ++i) {
-        double a = 0.0;
-        if (greatest > 0.0 && out[i] > 0.0) {
-            const double s = out[i] / greatest;
-            a = power == 2.0f ? s * s : std::pow(s, static_cast<double>(power));
-        }
-        out[i] = a;
-        sum += a;
-    }
-    return sum;
-}
-
-// std::nearbyint in the default rounding mode, for 0 <= x < 2^52: from 2^52 up a double's step is
-// 1, so the sum is rounded to a whole number, to the even one at a half, and the difference is
-// exact. nearbyint itself is a call into the C library where the machine lacks a rounding
-// instruction, made for each candidate of every strand.
-inline double nearestWhole(double x) {
-    constexpr double kWhole = 4503599627370496.0;  // 2^52
-    return (x + kWhole) - kWhole;
-}
-
-// Scales weights to a total of 65536 by rounding to nearest and moving single units by the
-// largest remainder rule; returns how many entries stay (at least 1 unit each), compacted in
-// place with their guides and squared distances.
-// The sum of the weights above 0, in order. Adding +0 leaves the sum as it is, so the weights not
-// above 0 may join it: a candidate past its guide's reach is as common as one within it, and a
-// branch on it mispredicts.
-double positiveSum(int count, const double* weights) {
-    double sum = 0.0;
-    for (int i = 0; i < count; ++i)
-        sum += weights[i] > 0.0 ? weights[i] : 0.0;
-    return sum;
-}
-
-// `sum` is positiveSum of the weights.
-int quantise(int count, double* weights, double sum, std::uint32_t* guides, std::uint32_t* units) {
-    if (!(sum > 0.0) || !std::isfinite(sum)) return 0;
-    double remainder[kMaxCandidates];
-    std::int64_t total = 0;
-    int i = 0;
-#if VELMORIN_BINDING_SSE2
-    // Two at a time, each lane rounding as the scalar steps below; a weight not above 0 is
-    // masked to 0 rather than branched on.
-    {
-        const __m128d total2 = _mm_set1_pd(sum), scale = _mm_set1_pd(kTotalWeight);
-        const __m128d whole = _mm_set1_pd(4503599627370496.0), zero = _mm_setzero_pd();
-        for (; i + 2 <= count; i += 2) {
-            const __m128d w = _mm_loadu_pd(weights + i);
-            const __m128d scaled =
-                _mm_and_pd(_mm_cmpgt_pd(w, zero), _mm_mul_pd(_mm_div_pd(w, total2), scale));
-            // std::min(x, 65536) is (65536 < x ? 65536 : x): minpd(x, 65536) for numbers.
-            const __m128d rounded = _mm_min_pd(_mm_sub_pd(_mm_add_pd(scaled, whole), whole), scale);
-            _mm_storeu_pd(remainder + i, _mm_sub_pd(scaled, rounded));
-            const __m128i whole2 = _mm_cvttpd_epi32(rounded);
-            const auto u0 = static_cast<std::uint32_t>(_mm_cvtsi128_si32(whole2));
-            const auto u1 =
-                static_cast<std::uint32_t>(_mm_cvtsi128_si32(_mm_srli_si128(whole2, 4)));
-            units[i] = u0;
-            units[i + 1] = u1;
-            total += std::int64_t{u0} + u1;
-        }
-    }
-#endif
-    for (; i < count; ++i) {
-        const double scaled = weights[i] > 0.0 ? weights[i] / sum * kTotalWeight : 0.0;
-        const double rounded = std::min(nearestWhole(scaled), static_cast<double>(kTotalWeight));
-        units[i] = static_cast<std::uint32_t>(rounded);
-        remainder[i] = scaled - rounded;
-        total += units[i];
-    }
-    constexpr double infinity = std::numeric_limits<double>::infinity();
-    while (total > kTotalWeight) {
-        // The least remainder among those that can give a unit; the earliest of equal ones.
-        int pick = -1;
-        double least = std::numeric_limits<double>::infinity();
-        for (int i = 0; i < count; ++i) {
-            // Entries that cannot give a unit stand at infinity: a select, not a branch.
-            const double taken = units[i] > 0 ? remainder[i] : infinity;
-            const double r = taken == 0.0 ? infinity : taken;
-            pick = r < least ? i : pick;
-            least = std::min(least, r);
-        }
-        if (pick < 0)
-            for (int i = 0; i < count && pick < 0; ++i)
-                if (units[i] > 0) pick = i;
-        --units[pick];
-        remainder[pick] += 1.0;
-        --total;
-    }
-    while (total < kTotalWeight) {
-        int pick = -1;
-        double most = -std::numeric_limits<double>::infinity();
-        for (int i = 0; i < count; ++i) {
-            const double r = weights[i] > 0.0 ? remainder[i] : -infinity;
-            pick = r > most ? i : pick;
-            most = std::max(most, r);
-        }
-        ++units[pick];
-        remainder[pick] -= 1.0;
-        ++total;
-    }
-    // Each entry is written at the next place and kept there only if it has units: whether it
-    // does is as hard to guess as whether its guide reaches the strand.
-    int kept = 0;
-    for (int i = 0; i < count; ++i) {
-        units[kept] = units[i];
-        guides[kept] = guides[i];
-        kept += units[i] != 0 ? 1 : 0;
-    }
-    return kept;
-}
-
 // What every strand of one build reads.
 struct BindContext {
     const InterpolateSettings* settings = nullptr;
     const BindingInputs* inputs = nullptr;
     const std::vector<GuideList>* lists = nullptr;
     std::span<const std::int32_t> strandLists;
+    binding_weights::Lanes lanes = binding_weights::bestLanes();
 };
 
 // Binds strand `s` and appends its records to `chunk`. `shortlist`, gathered for the strand's
@@ -356,7 +147,7 @@ void bindOne(const BindContext& context, std::size_t s, BindingChunk& chunk,
     if (count == 0) return finish();
     nearest2 = d2[0];
 
-    std::uint32_t units[kMaxCandidates];
+    std::uint32_t units[kPaddedCandidates];
     if (settings.nearestOnly) {
         // 3. The nearest guide alone.
         chunk.weights.push_back(static_cast<std::uint16_t>(kTotalWeight - 1));
@@ -365,10 +156,11 @@ void bindOne(const BindContext& context, std::size_t s, BindingChunk& chunk,
     }
 
     // 4. First weights, by each guide's reach.
-    double weights[kMaxCandidates];
+    double weights[kPaddedCandidates];
     double edge = 0.0;
     const float* reach = list.reach->reach.data();
-    const double sumA = shepard(count, d2, guides, reach, 0.0f, settings.power, weights, &edge);
+    const double sumA = binding_weights::shepard(context.lanes, count, d2, guides, reach, 0.0f,
+                                                 settings.power, weights, &edge);
 
     // 5. Edge fill: where the strand barely lies within any reach, the kept nearest blend by one
     // radius, so that no guide takes it over just because its reach happens to be largest.
@@ -381,9 +173,9 @@ void bindOne(const BindContext& context, std::size_t s, BindingChunk& chunk,
             count > kept
                 ? std::sqrt(d2[kept])
                 : (next2 < kInfiniteDistance && clean ? std::sqrt(next2) : kInfiniteDistance);
-        double second[kMaxCandidates];
-        const double sumB =
-            shepard(kept, d2, guides, nullptr, radius, settings.power, second, nullptr);
+        double second[kPaddedCandidates];
+        const double sumB = binding_weights::shepard(context.lanes, kept, d2, guides, nullptr,
+                                                     radius, settings.power, second, nullptr);
         if (sumA > 0.0) {
             for (int i = 0; i < count; ++i) {
                 weights[i] = weights[i] * fill / sumA;
@@ -398,7 +190,7 @@ void bindOne(const BindContext& context, std::size_t s, BindingChunk& chunk,
 
     // 6. Painted guide weights scale the blend, unless they would leave the strand to nothing.
     if (!inputs.guideWeights.empty()) {
-        double scaled[kMaxCandidates];
+        double scaled[kPaddedCandidates];
         double sum = 0.0;
         for (int i = 0; i < count; ++i) {
             scaled[i] = weights[i] * static_cast<double>(inputs.guideWeights[guides[i]]);
@@ -413,8 +205,9 @@ void bindOne(const BindContext& context, std::size_t s, BindingChunk& chunk,
     // 7. Quantised to sixteen bits.
     // Shepard's sum is the one quantising takes where neither step changed the weights: it adds
     // the same weights, none below 0, in the same order.
-    const int stored =
-        quantise(count, weights, reweighed ? positiveSum(count, weights) : sumA, guides, units);
+    const int stored = binding_weights::quantise(
+        context.lanes, count, weights,
+        reweighed ? binding_weights::positiveSum(count, weights) : sumA, guides, units);
     for (int i = 0; i < stored; ++i) {
         chunk.weights.push_back(static_cast<std::uint16_t>(units[i] - 1));
         chunk.guides.push_back(guides[i]);
