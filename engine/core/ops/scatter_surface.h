@@ -47,13 +47,15 @@ class TriangleNeighbourhoods {
     // Eight neighbours: per lane the unit normal and offset of its plane, and of each edge the
     // in-plane outward unit normal and offset, so that n . p - offset is a signed distance. Empty
     // lanes have a plane at infinity.
-    struct alignas(16) Block {
+    struct alignas(32) Block {
         float plane[4][kLanes];
         float edge[3][4][kLanes];
         std::uint32_t triangle[kLanes];
     };
-    // Per lane of the block, a bound from below on the squared distance of p to its triangle.
-    void lowerBounds(const Block& block, const Vec3f& p, float* out) const;
+    // Per lane of the block, a bound from below on the squared distance of p to its triangle,
+    // written to `out`; returned, a bit per lane whose bound is not above `best` (the lanes that
+    // need the exact test). Nearly always none: the last triangle's distance is mostly the answer.
+    unsigned lowerBounds(const Block& block, const Vec3f& p, float best, float* out) const;
 
     float reach_ = 0.0f;
     float tolerance_ = 0.0f;  // more than the rounding of the bounds, so they never cut too much
