@@ -48,6 +48,8 @@ TriangleNeighbourhoods::TriangleNeighbourhoods(const ScalpMesh& scalp, float rea
     tolerance_ = 64.0f * std::numeric_limits<float>::epsilon() * (extent + reach);
 
     corners_.resize(count);
+    normals_.resize(count);
+    const auto vertexNormals = scalp.vertexNormals();
     std::vector<Vec3f> lo(count), hi(count);
     // Per triangle the plane and edge rows of a block lane.
     std::vector<std::array<float, 16>> bounds(count);
@@ -56,6 +58,8 @@ TriangleNeighbourhoods::TriangleNeighbourhoods(const ScalpMesh& scalp, float rea
             const std::array<Vec3f, 3> c = {points[triangles[t][0]], points[triangles[t][1]],
                                             points[triangles[t][2]]};
             corners_[t] = c;
+            normals_[t] = {vertexNormals[triangles[t][0]], vertexNormals[triangles[t][1]],
+                           vertexNormals[triangles[t][2]]};
             lo[t] = minPerAxis(minPerAxis(c[0], c[1]), c[2]);
             hi[t] = maxPerAxis(maxPerAxis(c[0], c[1]), c[2]);
             std::array<float, 16>& b = bounds[t];

@@ -4,6 +4,7 @@
 // the relaxation projects every candidate back onto the scalp six times.
 
 #include <array>
+#include <cmath>
 #include <cstdint>
 #include <vector>
 
@@ -39,6 +40,21 @@ class TriangleNeighbourhoods {
     // listed), and then `hit` is left as it was and the caller asks the mesh's tree.
     bool closest(const Vec3f& p, float maxDistance, std::int32_t triangle, ClosestPoint& hit) const;
 
+    // The scalp's interpolated normal at a location (ScalpMesh::normalAt, the same bits) from
+    // the triangle's corner normals kept beside its corners: false where nothing is built or the
+    // corner normals cancel, and the caller asks the scalp.
+    bool normalAt(const StrandRoot& root, Vec3f& normal) const {
+        if (!built() || root.face < 0 || static_cast<std::size_t>(root.face) >= normals_.size())
+            return false;
+        const std::array<Vec3f, 3>& n = normals_[static_cast<std::size_t>(root.face)];
+        const float w0 = 1.0f - root.u - root.v;
+        const Vec3f blend = n[0] * w0 + n[1] * root.u + n[2] * root.v;
+        const float len2 = lengthSquared(blend);
+        if (!(len2 > 1e-20f)) return false;
+        normal = blend / std::sqrt(len2);
+        return true;
+    }
+
     // The number of listed neighbours, padding included (for tests).
     std::size_t listedCount() const { return blocks_.size() * kLanes; }
 
@@ -60,7 +76,8 @@ class TriangleNeighbourhoods {
     float reach_ = 0.0f;
     float tolerance_ = 0.0f;  // more than the rounding of the bounds, so they never cut too much
     std::vector<std::array<Vec3f, 3>> corners_;
-    std::vector<std::uint32_t> firstBlock_;  // triangle t's blocks: [firstBlock_[t], [t + 1])
+    std::vector<std::array<Vec3f, 3>> normals_;  // each triangle's corners' vertex normals
+    std::vector<std::uint32_t> firstBlock_;      // triangle t's blocks: [firstBlock_[t], [t + 1])
     std::vector<Block> blocks_;
 };
 
