@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <bit>
 #include <cmath>
 #include <limits>
@@ -38,13 +39,26 @@ class CandidateGrid {
         const std::size_t count = positions.size();
         std::vector<Entry>& entries = entries_;
         entries.resize(count);
+        // Positions already in the grid's order (the relaxation stores its candidates so, and
+        // they have not moved by the first refresh) need no sort: entries in index order whose
+        // keys never fall are sorted by key, then index, as they stand.
+        std::atomic<bool> unsorted = false;
         forEach(count, [&](std::size_t begin, std::size_t end) {
-            for (std::size_t i = begin; i < end; ++i) {
+            const auto keyOf = [&](std::size_t i) {
                 const CellCoord c = cellOf(positions[i], inverse_);
-                entries[i] = {cellKey(c.x, c.y, c.z), static_cast<std::uint32_t>(i)};
+                return cellKey(c.x, c.y, c.z);
+            };
+            std::uint64_t last = begin > 0 ? keyOf(begin - 1) : 0;
+            bool falls = false;
+            for (std::size_t i = begin; i < end; ++i) {
+                const std::uint64_t key = keyOf(i);
+                falls = falls || key < last;
+                last = key;
+                entries[i] = {key, static_cast<std::uint32_t>(i)};
             }
+            if (falls) unsorted.store(true, std::memory_order_relaxed);
         });
-        if (!sortByDenseCells(entries)) {
+        if (unsorted.load(std::memory_order_relaxed) && !sortByDenseCells(entries)) {
             tbb::parallel_sort(entries.begin(), entries.end(), [](const Entry& a, const Entry& b) {
                 return a.key != b.key ? a.key < b.key : a.index < b.index;
             });

@@ -806,7 +806,8 @@ void relaxPlacement(const ScalpMesh& scalp, const PlacementSettings& settings,
                     if (hit.found() && allowed(hit.root, hit.point)) {
                         roots[i] = hit.root;
                         positions[i] = hit.point;
-                        normals[i] = scalp.normalAt(hit.root);
+                        if (!nearTriangles.normalAt(hit.root, normals[i]))
+                            normals[i] = scalp.normalAt(hit.root);
                     } else {
                         positions[i] = scalp.pointAt(roots[i]);
                     }

@@ -4,6 +4,7 @@
 // the relaxation projects every candidate back onto the scalp six times.
 
 #include <array>
+#include <cmath>
 #include <cstdint>
 #include <vector>
 
@@ -39,6 +40,21 @@ class TriangleNeighbourhoods {
     // listed), and then `hit` is left as it was and the caller asks the mesh's tree.
     bool closest(const Vec3f& p, float maxDistance, std::int32_t triangle, ClosestPoint& hit) const;
 
+    // The scalp's interpolated normal at a location (ScalpMesh::normalAt, the same bits) from
+    // the triangle's corner normals kept beside its corners: false where nothing is built or the
+    // corner normals cancel, and the caller asks the scalp.
+    bool normalAt(const StrandRoot& root, Vec3f& normal) const {
+        if (!built() || root.face < 0 || static_cast<std::size_t>(root.face) >= normals_.size())
+            return false;
+        const std::array<Vec3f, 3>& n = normals_[static_cast<std::size_t>(root.face)];
+        const float w0 = 1.0f - root.u - root.v;
+        const Vec3f blend = n[0] * w0 + n[1] * root.u + n[2] * root.v;
+        const float len2 = lengthSquared(blend);
+        if (!(len2 > 1e-20f)) return false;
+        normal = blend / std::sqrt(len2);
+        return true;
+    }
+
     // The number of listed neighbours, padding included (for tests).
     std::size_t listedCount() const { return blocks_.size() * kLanes; }
 
@@ -47,18 +63,21 @@ class TriangleNeighbourhoods {
     // Eight neighbours: per lane the unit normal and offset of its plane, and of each edge the
     // in-plane outward unit normal and offset, so that n . p - offset is a signed distance. Empty
     // lanes have a plane at infinity.
-    struct alignas(16) Block {
+    struct alignas(32) Block {
         float plane[4][kLanes];
         float edge[3][4][kLanes];
         std::uint32_t triangle[kLanes];
     };
-    // Per lane of the block, a bound from below on the squared distance of p to its triangle.
-    void lowerBounds(const Block& block, const Vec3f& p, float* out) const;
+    // Per lane of the block, a bound from below on the squared distance of p to its triangle,
+    // written to `out`; returned, a bit per lane whose bound is not above `best` (the lanes that
+    // need the exact test). Nearly always none: the last triangle's distance is mostly the answer.
+    unsigned lowerBounds(const Block& block, const Vec3f& p, float best, float* out) const;
 
     float reach_ = 0.0f;
     float tolerance_ = 0.0f;  // more than the rounding of the bounds, so they never cut too much
     std::vector<std::array<Vec3f, 3>> corners_;
-    std::vector<std::uint32_t> firstBlock_;  // triangle t's blocks: [firstBlock_[t], [t + 1])
+    std::vector<std::array<Vec3f, 3>> normals_;  // each triangle's corners' vertex normals
+    std::vector<std::uint32_t> firstBlock_;      // triangle t's blocks: [firstBlock_[t], [t + 1])
     std::vector<Block> blocks_;
 };
 

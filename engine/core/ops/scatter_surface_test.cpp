@@ -157,5 +157,29 @@ TEST(TriangleNeighbourhoods, StayUnbuiltWhereTheTreeIsQuicker) {
     }
 }
 
+TEST(TriangleNeighbourhoods, NormalsAreTheScalpsToTheBit) {
+    // The kept corner normals give the scalp's own interpolated normal, corners and edges
+    // included; a triangle out of range, or lists not built, leave it to the scalp.
+    const auto head = makeHeadScalp(1);
+    const TriangleNeighbourhoods near(*head, 0.3f, 64 * head->triangles().size());
+    ASSERT_TRUE(near.built());
+    for (std::uint64_t seed = 0; seed < 2000; ++seed) {
+        const StrandRoot root = queryNear(*head, seed, 0.0f, 0.0f).last;
+        Vec3f normal{-7.0f, -7.0f, -7.0f};
+        ASSERT_TRUE(near.normalAt(root, normal)) << seed;
+        const Vec3f expected = head->normalAt(root);
+        EXPECT_EQ(floatBits(normal.x), floatBits(expected.x)) << seed;
+        EXPECT_EQ(floatBits(normal.y), floatBits(expected.y)) << seed;
+        EXPECT_EQ(floatBits(normal.z), floatBits(expected.z)) << seed;
+    }
+    Vec3f untouched{1.0f, 2.0f, 3.0f};
+    const auto faces = static_cast<std::int32_t>(head->triangles().size());
+    EXPECT_FALSE(near.normalAt({faces, 0.2f, 0.2f}, untouched));
+    EXPECT_FALSE(near.normalAt({-1, 0.2f, 0.2f}, untouched));
+    const TriangleNeighbourhoods unbuilt(*head, 0.3f, 1);
+    EXPECT_FALSE(unbuilt.normalAt({0, 0.2f, 0.2f}, untouched));
+    EXPECT_EQ(untouched, (Vec3f{1.0f, 2.0f, 3.0f}));
+}
+
 }  // namespace
 }  // namespace velmorin::scatter
