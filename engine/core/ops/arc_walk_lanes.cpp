@@ -126,12 +126,31 @@ VELMORIN_ARC_LANES inline void walkTo(Walker& walk, const float* const (&rows)[k
         out[r] = _mm256_add_ps(a[r], _mm256_mul_ps(_mm256_sub_ps(b[r], a[r]), t));
 }
 
+// Callers hand the lanes strands that mostly lie one after another in their columns, and a group
+// of eight is done before the memory for the next one has come in, so the reads and writes wait on
+// memory unless it is asked for ahead: this asks for what the group after next would read (from
+// the end of `points`' last strand, `pointCount` points each) and write (`outCount` each). Asking
+// for memory nobody reads costs nothing but the asking, and faults on nothing.
+inline void fetchAhead(const Vec3f* const* points, std::size_t pointCount, Vec3f* const* out,
+                       std::size_t outCount) {
+    constexpr std::size_t kLine = 64;
+    const std::size_t readBytes = kW * pointCount * sizeof(Vec3f);
+    const auto* read = reinterpret_cast<const char*>(points[kW - 1] + pointCount) + readBytes;
+    for (std::size_t b = 0; b < readBytes; b += kLine)
+        __builtin_prefetch(read + b, 0, 3);
+    const std::size_t writeBytes = kW * outCount * sizeof(Vec3f);
+    const auto* write = reinterpret_cast<const char*>(out[kW - 1] + outCount) + writeBytes;
+    for (std::size_t b = 0; b < writeBytes; b += kLine)
+        __builtin_prefetch(write + b, 1, 3);
+}
+
 VELMORIN_ARC_LANES void trimWide(const Vec3f* const* points, const float* keep,
                                  std::size_t pointCount, Vec3f* const* out) {
     LaneColumns c;
     alignas(32) float ox[kArcWalkMostPoints * kW];
     alignas(32) float oy[kArcWalkMostPoints * kW];
     alignas(32) float oz[kArcWalkMostPoints * kW];
+    fetchAhead(points, pointCount, out, pointCount);
     const __m256 total = readLanes(points, pointCount, c);
     // keep * length / (n - 1), as the one-strand trim makes it.
     const __m256 step = _mm256_div_ps(_mm256_mul_ps(_mm256_loadu_ps(keep), total),
@@ -165,6 +184,7 @@ VELMORIN_ARC_LANES unsigned resampleWide(const Vec3f* const* points, const float
     alignas(32) float oz[kArcWalkMostPoints * kW];
     alignas(32) float ow[kArcWalkMostPoints * kW];
     const std::size_t count = std::size_t{segments} + 1;
+    fetchAhead(points, pointCount, out, count);
     const __m256 total = readLanes(points, pointCount, c);
     if (widths) {
         for (std::size_t l = 0; l < kW; ++l)
