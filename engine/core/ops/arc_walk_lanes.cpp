@@ -1,5 +1,6 @@
 #include "ops/arc_walk_lanes.h"
 
+#include <algorithm>
 #include <cassert>
 
 #include "base/float_lanes.h"
@@ -219,8 +220,8 @@ VELMORIN_ARC_LANES unsigned resampleWide(const Vec3f* const* points, const float
             _mm256_store_ps(ox + k * kW, blended[0]);
             _mm256_store_ps(oy + k * kW, blended[1]);
             _mm256_store_ps(oz + k * kW, blended[2]);
-            _mm256_store_ps(ow + k * kW, _mm256_set1_ps(1.0f));
         }
+        if (widthsOut) std::fill_n(ow, count * kW, 1.0f);
     }
     // The root and the tip exactly, whatever the rounding of the walk.
     const std::size_t tip = (pointCount - 1) * kW;
@@ -234,9 +235,10 @@ VELMORIN_ARC_LANES unsigned resampleWide(const Vec3f* const* points, const float
     for (std::size_t k = 0; k < count; ++k)
         float_lanes::wide::untransposePoints(ox + k * kW, oy + k * kW, oz + k * kW, out, k,
                                              k + 1 == count);
-    for (std::size_t l = 0; l < kW; ++l)
-        for (std::size_t k = 0; k < count; ++k)
-            widthsOut[l][k] = ow[k * kW + l];
+    if (widthsOut)
+        for (std::size_t l = 0; l < kW; ++l)
+            for (std::size_t k = 0; k < count; ++k)
+                widthsOut[l][k] = ow[k * kW + l];
     // Lanes whose length is not above 0 (none, or not a number).
     return static_cast<unsigned>(_mm256_movemask_ps(_mm256_cmp_ps(total, zero, _CMP_NGT_UQ)));
 }

@@ -32,9 +32,9 @@ void trimLanes(const Vec3f* const* points, const float* keep, std::size_t pointC
 
 // Resample's even walk of eight strands of `pointCount` points (2 to kArcWalkMostPoints) to
 // `segments` + 1 points each (at most kArcWalkMostPoints), written to out[l], with the widths
-// widths[l] carried along to widthsOut[l] (1 everywhere where `widths` is null). Returns a bit per
-// lane whose strand has no length above 0: the even walk keeps such a strand as it is, and its
-// lane's output is to be overwritten by the caller.
+// widths[l] carried along to widthsOut[l] (1 everywhere where `widths` is null; none written where
+// `widthsOut` is null). Returns a bit per lane whose strand has no length above 0: the even walk
+// keeps such a strand as it is, and its lane's output is to be overwritten by the caller.
 unsigned resampleLanes(const Vec3f* const* points, const float* const* widths,
                        std::size_t pointCount, std::uint32_t segments, Vec3f* const* out,
                        float* const* widthsOut);
