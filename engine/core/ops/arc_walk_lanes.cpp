@@ -135,14 +135,17 @@ VELMORIN_ARC_LANES inline void walkTo(Walker& walk, const float* const (&rows)[k
 inline void fetchAhead(const Vec3f* const* points, std::size_t pointCount, Vec3f* const* out,
                        std::size_t outCount) {
     constexpr std::size_t kLine = 64;
+    // The addresses are reckoned as numbers: they may lie past the end of the columns.
     const std::size_t readBytes = kW * pointCount * sizeof(Vec3f);
-    const auto* read = reinterpret_cast<const char*>(points[kW - 1] + pointCount) + readBytes;
+    const std::uintptr_t read =
+        reinterpret_cast<std::uintptr_t>(points[kW - 1]) + pointCount * sizeof(Vec3f) + readBytes;
     for (std::size_t b = 0; b < readBytes; b += kLine)
-        __builtin_prefetch(read + b, 0, 3);
+        __builtin_prefetch(reinterpret_cast<const void*>(read + b), 0, 3);
     const std::size_t writeBytes = kW * outCount * sizeof(Vec3f);
-    const auto* write = reinterpret_cast<const char*>(out[kW - 1] + outCount) + writeBytes;
+    const std::uintptr_t write =
+        reinterpret_cast<std::uintptr_t>(out[kW - 1]) + outCount * sizeof(Vec3f) + writeBytes;
     for (std::size_t b = 0; b < writeBytes; b += kLine)
-        __builtin_prefetch(write + b, 1, 3);
+        __builtin_prefetch(reinterpret_cast<const void*>(write + b), 1, 3);
 }
 
 VELMORIN_ARC_LANES void trimWide(const Vec3f* const* points, const float* keep,
