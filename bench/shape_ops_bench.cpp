@@ -173,6 +173,74 @@ void BM_ShapeLengthThroughGraph(benchmark::State& state) {
 }
 BENCHMARK(BM_ShapeLengthThroughGraph)->Unit(benchmark::kMillisecond)->UseRealTime();
 
+// Length and Resample as the default graph runs them, on 1M strands of 17 points bent unevenly
+// (as a Noise leaves them), on 1 and 2 threads: Length trims every strand (fraction 1, randomness
+// 0.2) into an array already in memory; Resample evens them out to 16 segments into arrays the
+// pool gives back, the widths one per strand (what a Width without a profile writes) kept.
+// "bytes_per_second" counts the points read.
+const StrandSet& defaultGraphStrands() {
+    static const std::shared_ptr<const StrandSet> set = [] {
+        constexpr std::size_t kDefaultPoints = 17;
+        auto made = std::make_shared<StrandSet>(*test::gridStrands(kStrands, kDefaultPoints, 11));
+        std::vector<Vec3f>& points = made->writePoints();
+        for (std::size_t p = 0; p < points.size(); ++p) {
+            const auto k = static_cast<float>(p % kDefaultPoints);
+            const auto wobble = static_cast<float>((p * 2654435761u) % 1000) * 1e-5f;
+            points[p].x += 0.01f * k * k + wobble;
+            points[p].z += wobble;
+        }
+        std::vector<float>& widths = made->writeWidths();
+        widths.resize(points.size());
+        for (std::size_t p = 0; p < points.size(); ++p)
+            widths[p] = 0.007f + 1e-6f * static_cast<float>(p / kDefaultPoints % 1000);
+        return made;
+    }();
+    return *set;
+}
+
+void setDefaultGraphBytes(benchmark::State& state) {
+    state.SetBytesProcessed(
+        static_cast<int64_t>(state.iterations()) *
+        static_cast<int64_t>(defaultGraphStrands().pointCount() * sizeof(Vec3f)));
+}
+
+void BM_ShapeLength17(benchmark::State& state) {
+    LengthSettings settings;
+    settings.fraction = FieldSampler(1.0f);
+    settings.randomness = 0.2f;
+    const StrandSet& input = defaultGraphStrands();
+    std::vector<Vec3f> out(input.pointCount());
+    for (auto _ : state) {
+        runWithThreads(static_cast<int>(state.range(0)), [&] {
+            trimStrands(input, settings, StrandSelection::every(), std::span<Vec3f>(out));
+        });
+        benchmark::DoNotOptimize(out.data());
+    }
+    setDefaultGraphBytes(state);
+}
+BENCHMARK(BM_ShapeLength17)
+    ->ArgName("threads")
+    ->Arg(1)
+    ->Arg(2)
+    ->Unit(benchmark::kMillisecond)
+    ->UseRealTime();
+
+void BM_ShapeResample17(benchmark::State& state) {
+    ResampleSettings settings;
+    settings.segments = 16;
+    const StrandSet& input = defaultGraphStrands();
+    for (auto _ : state)
+        runWithThreads(static_cast<int>(state.range(0)),
+                       [&] { benchmark::DoNotOptimize(resampleStrands(input, settings)); });
+    setDefaultGraphBytes(state);
+}
+BENCHMARK(BM_ShapeResample17)
+    ->ArgName("threads")
+    ->Arg(1)
+    ->Arg(2)
+    ->Unit(benchmark::kMillisecond)
+    ->UseRealTime();
+
 void BM_ShapeTwistClumps(benchmark::State& state) {
     TwistSettings settings;
     settings.turns = FieldSampler(0.7f);

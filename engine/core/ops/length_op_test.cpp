@@ -1,10 +1,13 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <limits>
 #include <vector>
 
 #include "base/hash.h"
 #include "ops/shape_ops.h"
 #include "ops/test/shape_checks.h"
+#include "strands/test/test_strands.h"
 
 namespace velmorin {
 namespace {
@@ -80,21 +83,35 @@ TEST(Length, MappedLengthAndFractionAreReadPerStrand) {
 // Each kept point lies where a walk along the strand puts its arc, to the bit: on strands short
 // enough to count each point's segment and on long ones that walk, with segments of no length
 // (repeated points) and uneven ones.
+// Eleven strands of each count: eight go through the lanes side by side where the processor has
+// them, the rest one by one; among them strands stacked on their root, with a point that is not a
+// number, and with runs of points on one spot, where the walk must pass several segments of no
+// length at once.
 TEST(Length, EveryPointIsWhereTheArcWalkPutsIt) {
+    const float nan = std::numeric_limits<float>::quiet_NaN();
     std::vector<std::vector<Vec3f>> strands;
     for (const std::size_t count : {2, 3, 9, 17, 64, 65, 130}) {
-        std::vector<Vec3f> points;
-        for (std::size_t k = 0; k < count; ++k) {
-            const float h = unitFloat(hashCombine(count, k));
-            // Every fifth point repeats the one before it.
-            points.push_back(k % 5 == 4 ? points.back()
+        for (std::size_t copy = 0; copy < 11; ++copy) {
+            std::vector<Vec3f> points;
+            for (std::size_t k = 0; k < count; ++k) {
+                const float h = unitFloat(hashCombine(hashCombine(count, copy), k));
+                // Every fifth point repeats the one before it; in copy 3 the points from the
+                // second to the sixth all lie on one spot.
+                const bool repeat = k % 5 == 4 || (copy == 3 && k >= 2 && k <= 5);
+                points.push_back(repeat ? points.back()
                                         : Vec3f{h, static_cast<float>(k) * (0.5f + h), 0.25f * h});
+            }
+            if (copy == 5) std::fill(points.begin(), points.end(), points.front());
+            if (copy == 6 && count > 2) points[count / 2].y = nan;
+            strands.push_back(std::move(points));
         }
-        strands.push_back(std::move(points));
     }
     const auto input = handStrands(strands);
-    for (const double keep : {0.999, 0.7, 0.31}) {
-        const auto out = ShapeRun("Length", {{"length", keep}}).run(input);
+    for (const double keep : {0.999, 0.7, 0.31, 0.0}) {
+        const auto [out, two] = test::onOneAndTwoThreads([&] {
+            return ShapeRun("Length", {{"length", keep}}).run(input);
+        });
+        EXPECT_EQ(test::bitsOf(out->points()), test::bitsOf(two->points())) << "keep " << keep;
         for (std::size_t s = 0; s < input->strandCount(); ++s) {
             const std::span<const Vec3f> points = input->strandPoints(s);
             std::vector<float> arcs(points.size());
@@ -102,7 +119,10 @@ TEST(Length, EveryPointIsWhereTheArcWalkPutsIt) {
                                static_cast<float>(points.size() - 1);
             std::size_t segment = 0;
             for (std::size_t k = 0; k < points.size(); ++k) {
-                const Vec3f want = pointAtArc(points, arcs, step * static_cast<float>(k), segment);
+                // The root stays where it is, even where the length is not a number.
+                const Vec3f want =
+                    k == 0 ? points[0]
+                           : pointAtArc(points, arcs, step * static_cast<float>(k), segment);
                 const Vec3f got = out->strandPoints(s)[k];
                 EXPECT_TRUE(floatBits(got.x) == floatBits(want.x) &&
                             floatBits(got.y) == floatBits(want.y) &&

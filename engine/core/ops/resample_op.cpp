@@ -276,8 +276,6 @@ void resampleInto(const StrandSet& input, const ResampleSettings& settings,
         std::size_t waiting[kArcWalkLanes];
         std::size_t waitingCount = 0;
         std::size_t waitingPoints = 0;
-        // Where the widths are kept, the lanes' widths go here and are dropped.
-        alignas(32) float droppedWidths[kArcWalkLanes][kArcWalkMostPoints];
         const auto resampleWaiting = [&] {
             for (std::size_t l = 0; l < waitingCount; ++l)
                 resampleOne(waiting[l]);
@@ -304,11 +302,11 @@ void resampleInto(const StrandSet& input, const ResampleSettings& settings,
                 from[l] = input.points().data() + begin;
                 widthsFrom[l] = carryWidths ? widthsIn.data() + begin : nullptr;
                 to[l] = points.data() + offsets[waiting[l]];
-                widthsTo[l] = widths ? widths + offsets[waiting[l]] : droppedWidths[l];
+                widthsTo[l] = widths ? widths + offsets[waiting[l]] : nullptr;
             }
-            const unsigned kept =
-                resampleLanes(from, carryWidths ? widthsFrom : nullptr, n,
-                              static_cast<std::uint32_t>(settings.segments), to, widthsTo);
+            const unsigned kept = resampleLanes(from, carryWidths ? widthsFrom : nullptr, n,
+                                                static_cast<std::uint32_t>(settings.segments), to,
+                                                widths ? widthsTo : nullptr);
             // A strand of no length is kept as it came: its lane is redone alone.
             for (std::size_t l = 0; l < kArcWalkLanes; ++l)
                 if (kept & (1u << l)) resampleOne(waiting[l]);

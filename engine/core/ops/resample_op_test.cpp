@@ -220,28 +220,39 @@ TEST(Resample, EvenWalkGivesThePlainFormulasBitsOnAwkwardStrands) {
                                             unitFloat(hashCombine(s, 3 * k + 2)) - 0.5f};
         shapes.push_back(std::move(shape));
     }
-    auto strands = std::make_shared<StrandSet>(*handStrands(shapes));
+    // Nine of each in a row: eight go through the lanes side by side, the ninth alone.
+    constexpr std::size_t kCopies = 9;
+    std::vector<std::vector<Vec3f>> copies;
+    for (const std::vector<Vec3f>& shape : shapes)
+        copies.insert(copies.end(), kCopies, shape);
+    auto strands = std::make_shared<StrandSet>(*handStrands(copies));
     std::vector<float>& widths = strands->writeWidths();
     std::vector<float>& curl = strands->addPointChannel("curl", 0.0f);
     for (std::size_t p = 0; p < widths.size(); ++p) {
         widths[p] = unitFloat(hashCombine(p, 11));
         curl[p] = unitFloat(hashCombine(p, 12)) * 4.0f - 2.0f;
     }
+    // Without a point channel to carry, strands of one count go through the lanes.
+    auto bare = std::make_shared<StrandSet>(*handStrands(copies));
+    bare->writeWidths() = widths;
     for (const std::uint32_t segments : {1u, 5u, 16u, 100u}) {
         SCOPED_TRACE(segments);
         const PlainResample want = plainEven(*strands, segments);
         const auto [one, two] =
             test::onOneAndTwoThreads([&] { return resample(segments).run(strands); });
-        for (const auto& got : {one, two}) {
+        const auto [bareOne, bareTwo] =
+            test::onOneAndTwoThreads([&] { return resample(segments).run(bare); });
+        for (const auto& got : {one, two, bareOne, bareTwo}) {
             EXPECT_EQ(bitsOf(got->points()), bitsOf(std::span<const Vec3f>(want.points)));
             EXPECT_EQ(bitsOf(got->widths()), bitsOf(std::span<const float>(want.widths)));
+        }
+        for (const auto& got : {one, two})
             EXPECT_EQ(bitsOf(*got->pointChannel("curl")),
                       bitsOf(std::span<const float>(want.curl)));
-        }
         // Steps whose squares are 0 or not a number measure no length: those strands are kept.
-        EXPECT_EQ(one->pointRange(4).count, 3u);
-        EXPECT_EQ(one->pointRange(5).count, 3u);
-        EXPECT_EQ(one->pointRange(7).count, segments + 1);
+        EXPECT_EQ(one->pointRange(4 * kCopies).count, 3u);
+        EXPECT_EQ(one->pointRange(5 * kCopies + 8).count, 3u);
+        EXPECT_EQ(one->pointRange(7 * kCopies).count, segments + 1);
     }
 }
 
