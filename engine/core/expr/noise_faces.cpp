@@ -28,20 +28,16 @@ alignas(32) constexpr float kGradientX[16] = {1, -1, 1, -1, 1, -1, 1, -1, 0, 0, 
 alignas(32) constexpr float kGradientY[16] = {1, 1, -1, -1, 0, 0, 0, 0, 1, -1, 1, -1};
 alignas(32) constexpr float kGradientZ[16] = {0, 0, 0, 0, 1, 1, -1, -1, 1, 1, -1, -1};
 
-#define VELMORIN_FACE_TARGET __attribute__((target("avx2,avx512f,avx512dq,avx512bw,avx512vl")))
+// Helpers built for AVX2 serve both kernels: the AVX-512 one includes AVX2, so they inline there.
+#define VELMORIN_AVX2_TARGET __attribute__((target("avx2")))
 
-VELMORIN_FACE_TARGET inline __m256 blendLanes(__m256 a, __m256 b, __m256 t) {
+VELMORIN_AVX2_TARGET inline __m256 blendLanes(__m256 a, __m256 b, __m256 t) {
     return _mm256_add_ps(a, _mm256_mul_ps(_mm256_sub_ps(b, a), t));
-}
-
-// The 16 floats of `table` at each lane's index (0 to 15).
-VELMORIN_FACE_TARGET inline __m256 pick(const float* table, __m256i index) {
-    return _mm256_permutex2var_ps(_mm256_load_ps(table), index, _mm256_load_ps(table + 8));
 }
 
 // The three channels of eight lanes as eight rows of four (the last 0), lanes in slotOf's order:
 // an unpack and a shuffle leave lanes l and l + 4 side by side in one register.
-VELMORIN_FACE_TARGET inline void storeChannels(__m256 c0, __m256 c1, __m256 c2, float (*to)[4]) {
+VELMORIN_AVX2_TARGET inline void storeChannels(__m256 c0, __m256 c1, __m256 c2, float (*to)[4]) {
     const __m256 zero = _mm256_setzero_ps();
     const __m256 t0 = _mm256_unpacklo_ps(c0, c1), t1 = _mm256_unpackhi_ps(c0, c1);
     const __m256 t2 = _mm256_unpacklo_ps(c2, zero), t3 = _mm256_unpackhi_ps(c2, zero);
@@ -49,6 +45,13 @@ VELMORIN_FACE_TARGET inline void storeChannels(__m256 c0, __m256 c1, __m256 c2, 
     _mm256_store_ps(to[2], _mm256_shuffle_ps(t0, t2, 0xEE));
     _mm256_store_ps(to[4], _mm256_shuffle_ps(t1, t3, 0x44));
     _mm256_store_ps(to[6], _mm256_shuffle_ps(t1, t3, 0xEE));
+}
+
+#define VELMORIN_FACE_TARGET __attribute__((target("avx2,avx512f,avx512dq,avx512bw,avx512vl")))
+
+// The 16 floats of `table` at each lane's index (0 to 15).
+VELMORIN_FACE_TARGET inline __m256 pick(const float* table, __m256i index) {
+    return _mm256_permutex2var_ps(_mm256_load_ps(table), index, _mm256_load_ps(table + 8));
 }
 
 VELMORIN_FACE_TARGET void blendFacesWide(const FaceLanes& lanes, std::size_t faces,
@@ -107,12 +110,6 @@ VELMORIN_FACE_TARGET void blendFacesWide(const FaceLanes& lanes, std::size_t fac
     }
 }
 
-#define VELMORIN_AVX2_TARGET __attribute__((target("avx2")))
-
-VELMORIN_AVX2_TARGET inline __m256 blendLanes2(__m256 a, __m256 b, __m256 t) {
-    return _mm256_add_ps(a, _mm256_mul_ps(_mm256_sub_ps(b, a), t));
-}
-
 // a * b modulo 2^64 in each of four lanes, from 32-bit products: the low halves' full product plus
 // the cross products shifted up (the high halves' product falls off the top).
 VELMORIN_AVX2_TARGET inline __m256i multiply64(__m256i a, __m256i b, __m256i bHigh) {
@@ -133,16 +130,6 @@ VELMORIN_AVX2_TARGET inline __m256 pick2(const float* table, __m256i index) {
     const __m256 low = _mm256_permutevar8x32_ps(_mm256_load_ps(table), index);
     const __m256 high = _mm256_permutevar8x32_ps(_mm256_load_ps(table + 8), index);
     return _mm256_blendv_ps(low, high, _mm256_castsi256_ps(_mm256_slli_epi32(index, 28)));
-}
-
-VELMORIN_AVX2_TARGET inline void storeChannels2(__m256 c0, __m256 c1, __m256 c2, float (*to)[4]) {
-    const __m256 zero = _mm256_setzero_ps();
-    const __m256 t0 = _mm256_unpacklo_ps(c0, c1), t1 = _mm256_unpackhi_ps(c0, c1);
-    const __m256 t2 = _mm256_unpacklo_ps(c2, zero), t3 = _mm256_unpackhi_ps(c2, zero);
-    _mm256_store_ps(to[0], _mm256_shuffle_ps(t0, t2, 0x44));
-    _mm256_store_ps(to[2], _mm256_shuffle_ps(t0, t2, 0xEE));
-    _mm256_store_ps(to[4], _mm256_shuffle_ps(t1, t3, 0x44));
-    _mm256_store_ps(to[6], _mm256_shuffle_ps(t1, t3, 0xEE));
 }
 
 // blendFacesWide's steps with four 64-bit lanes to a register, two registers for the eight lines.
@@ -194,11 +181,11 @@ VELMORIN_AVX2_TARGET void blendFacesAvx2(const FaceLanes& lanes, std::size_t fac
                 z[c] = pick2(kGradientZ, g);
             }
             constant[channel] =
-                blendLanes2(blendLanes2(dot[0], dot[1], u), blendLanes2(dot[2], dot[3], u), v);
-            slope[channel] = blendLanes2(blendLanes2(z[0], z[1], u), blendLanes2(z[2], z[3], u), v);
+                blendLanes(blendLanes(dot[0], dot[1], u), blendLanes(dot[2], dot[3], u), v);
+            slope[channel] = blendLanes(blendLanes(z[0], z[1], u), blendLanes(z[2], z[3], u), v);
         }
-        storeChannels2(constant[0], constant[1], constant[2], rows.constant[face]);
-        storeChannels2(slope[0], slope[1], slope[2], rows.slope[face]);
+        storeChannels(constant[0], constant[1], constant[2], rows.constant[face]);
+        storeChannels(slope[0], slope[1], slope[2], rows.slope[face]);
     }
 }
 
