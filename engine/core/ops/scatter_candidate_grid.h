@@ -1,0 +1,316 @@
+#pragma once
+// The grid the neighbour search of Scatter's relaxation walks: candidates sorted by cell.
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <cstdint>
+#include <span>
+#include <utility>
+#include <vector>
+
+#include <tbb/parallel_sort.h>
+
+#include "base/hash.h"
+#include "base/parallel.h"
+#include "base/vec3.h"
+#include "ops/scatter_cells.h"
+
+namespace velmorin::scatter {
+
+// Candidates sorted by cell (cells in key order, a cell's candidates in index order) with their
+// positions beside them. The key puts x in the low bits, so a row of cells along x is one run of
+// the sorted cells; a table finds a row's run from its y and z. Each candidate also carries its
+// rank, which orders equal distances: its index, or the given `ranks`. A grid built again keeps its
+// arrays: the relaxation builds one seven times over the same number of candidates (its storage
+// order, then one for each neighbour refresh).
+class CandidateGrid {
+  public:
+    CandidateGrid() = default;
+
+    void build(float cell, std::span<const Vec3f> positions, std::span<const std::uint32_t> ranks) {
+        inverse_ = 1.0f / cell;
+        const std::size_t count = positions.size();
+        std::vector<Entry>& entries = entries_;
+        entries.resize(count);
+        // Positions already in the grid's order (the relaxation stores its candidates so, and
+        // they have not moved by the first refresh) need no sort: entries in index order whose
+        // keys never fall are sorted by key, then index, as they stand.
+        std::atomic<bool> unsorted = false;
+        forEach(count, [&](std::size_t begin, std::size_t end) {
+            const auto keyOf = [&](std::size_t i) {
+                const CellCoord c = cellOf(positions[i], inverse_);
+                return cellKey(c.x, c.y, c.z);
+            };
+            std::uint64_t last = begin > 0 ? keyOf(begin - 1) : 0;
+            bool falls = false;
+            for (std::size_t i = begin; i < end; ++i) {
+                const std::uint64_t key = keyOf(i);
+                falls = falls || key < last;
+                last = key;
+                entries[i] = {key, static_cast<std::uint32_t>(i)};
+            }
+            if (falls) unsorted.store(true, std::memory_order_relaxed);
+        });
+        if (unsorted.load(std::memory_order_relaxed) && !sortByDenseCells(entries)) {
+            tbb::parallel_sort(entries.begin(), entries.end(), [](const Entry& a, const Entry& b) {
+                return a.key != b.key ? a.key < b.key : a.index < b.index;
+            });
+        }
+        sortedIndex_.resize(count);
+        sortedRank_.resize(ranks.empty() ? 0 : count);
+        sortedPosition_.resize(count);
+        for (auto& axis : sortedAxis_)
+            axis.resize(count);
+        forEach(count, [&](std::size_t begin, std::size_t end) {
+            for (std::size_t e = begin; e < end; ++e) {
+                sortedIndex_[e] = entries[e].index;
+                if (!ranks.empty()) sortedRank_[e] = ranks[entries[e].index];
+                sortedPosition_[e] = positions[entries[e].index];
+                for (int a = 0; a < 3; ++a)
+                    sortedAxis_[a][e] = sortedPosition_[e][a];
+            }
+        });
+        rows_.clear();
+        denseRows_.clear();
+        // The cells' starts, found in fixed chunks of entries: each counts the cells that start in
+        // it, and then writes them after those of the chunks before.
+        constexpr std::size_t kChunk = 1 << 16;
+        const std::size_t chunks = (count + kChunk - 1) / kChunk;
+        const auto startsCell = [&](std::size_t e) {
+            return e == 0 || entries[e].key != entries[e - 1].key;
+        };
+        std::vector<std::uint32_t> firstCell(chunks + 1, 0);
+        parallelRange(0, chunks, 1, [&](std::size_t begin, std::size_t end) {
+            for (std::size_t c = begin; c < end; ++c) {
+                std::uint32_t cells = 0;
+                for (std::size_t e = c * kChunk; e < std::min(count, (c + 1) * kChunk); ++e)
+                    cells += startsCell(e) ? 1u : 0u;
+                firstCell[c + 1] = cells;
+            }
+        });
+        for (std::size_t c = 0; c < chunks; ++c)
+            firstCell[c + 1] += firstCell[c];
+        cellStart_.resize(firstCell[chunks] + 1);
+        cellKeys_.resize(firstCell[chunks]);
+        parallelRange(0, chunks, 1, [&](std::size_t begin, std::size_t end) {
+            for (std::size_t c = begin; c < end; ++c) {
+                std::uint32_t at = firstCell[c];
+                for (std::size_t e = c * kChunk; e < std::min(count, (c + 1) * kChunk); ++e) {
+                    if (!startsCell(e)) continue;
+                    cellStart_[at] = static_cast<std::uint32_t>(e);
+                    cellKeys_[at++] = entries[e].key;
+                }
+            }
+        });
+        cellStart_.back() = static_cast<std::uint32_t>(count);
+        // Where the rows' bounding rectangle in y and z is not much larger than the cell count, a
+        // dense table finds a row by its place: the rows round one spot then lie side by side in
+        // memory, and a search, which meets the rows round one spot after another, mostly finds
+        // them in cache. Rows spread far apart go to a hash table instead.
+        std::uint64_t yLow = kRowMask, yHigh = 0, zLow = kRowMask, zHigh = 0;
+        for (const std::uint64_t key : cellKeys_) {
+            const std::uint64_t row = key >> 21;
+            yLow = std::min(yLow, row & kRowMask);
+            yHigh = std::max(yHigh, row & kRowMask);
+            zLow = std::min(zLow, row >> 21);
+            zHigh = std::max(zHigh, row >> 21);
+        }
+        if (!cellKeys_.empty() &&
+            (yHigh - yLow + 1) * (zHigh - zLow + 1) <= 8 * cellKeys_.size() + 4096) {
+            yLow_ = yLow;
+            zLow_ = zLow;
+            width_ = yHigh - yLow + 1;
+            height_ = zHigh - zLow + 1;
+            denseRows_.assign(width_ * height_, {0, 0});
+            for (std::uint32_t c = 0; c < cellKeys_.size(); ++c) {
+                const std::uint64_t row = cellKeys_[c] >> 21;
+                auto& range = denseRows_[((row >> 21) - zLow) * width_ + ((row & kRowMask) - yLow)];
+                if (range.first == range.second) range.first = c;
+                range.second = c + 1;
+            }
+            return;
+        }
+        // Open addressing at most half full.
+        std::size_t rowCount = 0;
+        for (std::uint32_t c = 0; c < cellKeys_.size(); ++c)
+            rowCount += c == 0 || (cellKeys_[c] >> 21) != (cellKeys_[c - 1] >> 21) ? 1 : 0;
+        std::size_t size = 16;
+        while (size < rowCount * 2)
+            size *= 2;
+        rows_.assign(size, Row{kNoRow, 0, 0});
+        std::size_t slot = 0;
+        for (std::uint32_t c = 0; c < cellKeys_.size(); ++c) {
+            const std::uint64_t row = cellKeys_[c] >> 21;
+            if (c > 0 && (cellKeys_[c - 1] >> 21) == row) {
+                ++rows_[slot].end;
+                continue;
+            }
+            slot = static_cast<std::size_t>(mix64(row)) & (size - 1);
+            while (rows_[slot].row != kNoRow)
+                slot = (slot + 1) & (size - 1);
+            rows_[slot] = {row, c, c + 1};
+        }
+    }
+
+    float inverse() const { return inverse_; }
+    // The candidates' indices in grid order.
+    const std::vector<std::uint32_t>& order() const { return sortedIndex_; }
+    std::uint32_t indexAt(std::uint32_t entry) const { return sortedIndex_[entry]; }
+    std::uint32_t rankAt(std::uint32_t entry) const { return rankData()[entry]; }
+    const Vec3f& positionAt(std::uint32_t entry) const { return sortedPosition_[entry]; }
+    // The entries' coordinates along one axis, their indices and their ranks, in entry order.
+    const float* axisData(int axis) const { return sortedAxis_[axis].data(); }
+    const std::uint32_t* indexData() const { return sortedIndex_.data(); }
+    const std::uint32_t* rankData() const {
+        return sortedRank_.empty() ? sortedIndex_.data() : sortedRank_.data();
+    }
+    std::size_t size() const { return sortedIndex_.size(); }
+    std::uint64_t cellKeyAt(std::uint32_t cell) const { return cellKeys_[cell]; }
+    // The key of the cell of an entry, as the build found it.
+    std::uint64_t keyOfEntry(std::uint32_t entry) const { return entries_[entry].key; }
+    // The entries of cells [first, last).
+    std::uint32_t entriesBegin(std::uint32_t first) const { return cellStart_[first]; }
+
+    // The cells [begin, end) of the row at y and z; empty where the row has none.
+    std::pair<std::uint32_t, std::uint32_t> row(std::int64_t y, std::int64_t z) const {
+        const std::uint64_t key = cellKey(0, y, z) >> 21;
+        if (!denseRows_.empty()) {
+            const std::uint64_t column = (key & kRowMask) - yLow_, line = (key >> 21) - zLow_;
+            if (column >= width_ || line >= height_) return {0, 0};
+            return denseRows_[line * width_ + column];
+        }
+        if (rows_.empty()) return {0, 0};
+        std::size_t at = static_cast<std::size_t>(mix64(key)) & (rows_.size() - 1);
+        while (rows_[at].row != kNoRow) {
+            if (rows_[at].row == key) return {rows_[at].begin, rows_[at].end};
+            at = (at + 1) & (rows_.size() - 1);
+        }
+        return {0, 0};
+    }
+    // The first cell of [begin, end) whose key is not below `key`.
+    std::uint32_t lowerBound(std::uint32_t begin, std::uint32_t end, std::uint64_t key) const {
+        return static_cast<std::uint32_t>(
+            std::lower_bound(cellKeys_.begin() + begin, cellKeys_.begin() + end, key) -
+            cellKeys_.begin());
+    }
+
+  private:
+    static constexpr std::uint64_t kNoRow = ~std::uint64_t{0};
+    static constexpr std::uint64_t kRowMask = (std::uint64_t{1} << 21) - 1;
+    struct Entry {
+        std::uint64_t key;
+        std::uint32_t index;
+    };
+
+    // Sorts entries made in index order by key, then index, where the cells' bounding block
+    // numbers fewer than 2^24 cells: each key becomes the cell's place in the block (which keeps
+    // the keys' order, z, then y, then x), sorted by two stable passes of 12 bits. Far quicker than
+    // a comparison sort on a million candidates. Returns false, sorting nothing, for a larger
+    // block.
+    bool sortByDenseCells(std::vector<Entry>& entries) {
+        constexpr int kBits = 12;
+        constexpr std::size_t kBuckets = std::size_t{1} << kBits;
+        // Fixed chunks, whatever the threads: each counts and places its own entries in order,
+        // so the passes stay stable and the result the same at any thread count.
+        constexpr std::size_t kChunk = 1 << 16;
+        const std::size_t count = entries.size();
+        if (count == 0) return true;
+        const std::size_t chunks = (count + kChunk - 1) / kChunk;
+        const auto forChunks = [&](const auto& body) {
+            parallelRange(0, chunks, 1, [&](std::size_t begin, std::size_t end) {
+                for (std::size_t c = begin; c < end; ++c)
+                    body(c, c * kChunk, std::min(count, (c + 1) * kChunk));
+            });
+        };
+        std::vector<std::array<std::uint64_t, 6>> bounds(chunks);
+        forChunks([&](std::size_t c, std::size_t first, std::size_t last) {
+            std::array<std::uint64_t, 6> b = {kRowMask, kRowMask, kRowMask, 0, 0, 0};
+            for (std::size_t i = first; i < last; ++i)
+                for (std::size_t a = 0; a < 3; ++a) {
+                    const std::uint64_t v = (entries[i].key >> (21 * a)) & kRowMask;
+                    b[a] = std::min(b[a], v);
+                    b[a + 3] = std::max(b[a + 3], v);
+                }
+            bounds[c] = b;
+        });
+        std::uint64_t low[3] = {kRowMask, kRowMask, kRowMask}, high[3] = {0, 0, 0};
+        for (const auto& b : bounds)
+            for (std::size_t a = 0; a < 3; ++a) {
+                low[a] = std::min(low[a], b[a]);
+                high[a] = std::max(high[a], b[a + 3]);
+            }
+        const std::uint64_t sizeX = high[0] - low[0] + 1, sizeY = high[1] - low[1] + 1,
+                            sizeZ = high[2] - low[2] + 1;
+        if (sizeX * sizeY * sizeZ > (std::uint64_t{1} << (2 * kBits))) return false;
+        std::vector<Dense>& from = from_;
+        std::vector<Dense>& to = to_;
+        from.resize(count);
+        to.resize(count);
+        forChunks([&](std::size_t, std::size_t first, std::size_t last) {
+            for (std::size_t i = first; i < last; ++i) {
+                const std::uint64_t key = entries[i].key;
+                const std::uint64_t x = (key & kRowMask) - low[0];
+                const std::uint64_t y = ((key >> 21) & kRowMask) - low[1];
+                const std::uint64_t z = (key >> 42) - low[2];
+                from[i] = {static_cast<std::uint32_t>((z * sizeY + y) * sizeX + x),
+                           entries[i].index};
+            }
+        });
+        // Per chunk and bucket: first the count, then where the chunk's entries of the bucket go.
+        std::vector<std::uint32_t> place(chunks * kBuckets);
+        for (int pass = 0; pass < 2; ++pass) {
+            const int shift = pass * kBits;
+            forChunks([&](std::size_t c, std::size_t first, std::size_t last) {
+                std::uint32_t* counts = place.data() + c * kBuckets;
+                std::fill_n(counts, kBuckets, 0u);
+                for (std::size_t i = first; i < last; ++i)
+                    ++counts[(from[i].cell >> shift) & (kBuckets - 1)];
+            });
+            std::uint32_t running = 0;
+            for (std::size_t b = 0; b < kBuckets; ++b)
+                for (std::size_t c = 0; c < chunks; ++c) {
+                    const std::uint32_t n = place[c * kBuckets + b];
+                    place[c * kBuckets + b] = running;
+                    running += n;
+                }
+            forChunks([&](std::size_t c, std::size_t first, std::size_t last) {
+                std::uint32_t* at = place.data() + c * kBuckets;
+                for (std::size_t i = first; i < last; ++i)
+                    to[at[(from[i].cell >> shift) & (kBuckets - 1)]++] = from[i];
+            });
+            std::swap(from, to);
+        }
+        // Back to the keys, read by index: entries were made in index order.
+        std::vector<Entry>& sorted = sortedEntries_;
+        sorted.resize(count);
+        forChunks([&](std::size_t, std::size_t first, std::size_t last) {
+            for (std::size_t i = first; i < last; ++i)
+                sorted[i] = entries[from[i].index];
+        });
+        entries.swap(sorted);
+        return true;
+    }
+    struct Row {
+        std::uint64_t row;
+        std::uint32_t begin, end;
+    };
+    struct Dense {
+        std::uint32_t cell, index;
+    };
+    // Working arrays of a build, kept for the next.
+    std::vector<Entry> entries_, sortedEntries_;
+    std::vector<Dense> from_, to_;
+    float inverse_ = 1.0f;
+    std::vector<std::uint32_t> sortedIndex_;
+    std::vector<std::uint32_t> sortedRank_;  // empty where ranks are the indices
+    std::vector<Vec3f> sortedPosition_;
+    std::array<std::vector<float>, 3> sortedAxis_;  // the same, axis by axis
+    std::vector<std::uint32_t> cellStart_;
+    std::vector<std::uint64_t> cellKeys_;
+    std::vector<Row> rows_;
+    std::uint64_t yLow_ = 0, zLow_ = 0, width_ = 0, height_ = 0;
+    std::vector<std::pair<std::uint32_t, std::uint32_t>> denseRows_;
+};
+
+}  // namespace velmorin::scatter
