@@ -1,6 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <cmath>
 #include <memory>
 #include <vector>
 
@@ -107,15 +106,7 @@ TEST(Flow, EveryLaneWidthLaysTheSameBitsOnOneAndTwoThreads) {
     const StrandRoot top = sphere->closestPoint({0, 2, 0}).root;
     sphereSet.sinks.push_back(FlowSink{top.face, top.u, top.v, 70.0f, 0.8f});
     const auto sphereFlow = FlowField::build(sphereSet, *sphere);
-    const auto folded = [] {
-        auto mesh = std::make_shared<ScalpMesh>(*test::bumpedPlane());
-        std::vector<Vec3f> points = mesh->points();
-        for (Vec3f& p : points) {
-            if (std::fabs(p.x - 0.2f) < 0.05f) p.x = 0.0f;
-        }
-        mesh->setPoints(std::move(points));
-        return std::shared_ptr<const ScalpMesh>(mesh);
-    }();
+    const auto folded = test::foldedPlane();
     FlowSet planeSet;
     planeSet.pins.push_back(
         pinFromSurface(*folded, folded->closestPoint({0, 0, 0}).root, {1, 0, 0}));

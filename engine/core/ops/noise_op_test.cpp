@@ -15,6 +15,27 @@ using test::handStrands;
 using test::ShapeRun;
 using test::straight;
 
+// A linear profile falling from 1 at the root to 0.3 at the tip.
+Ramp fallingProfile() {
+    Ramp falling;
+    falling.linear = true;
+    falling.keys = {{0.0f, 1.0f, 0.0f}, {1.0f, 0.3f, 0.0f}};
+    return falling;
+}
+
+// A mapped amplitude: strand s reads strandStep * (s % period), its point k 0.1 + pointStep * k.
+std::shared_ptr<test::ListField> amplitudeField(const StrandSet& strands, float strandStep,
+                                                std::size_t period, float pointStep) {
+    std::vector<float> perStrand(strands.strandCount());
+    std::vector<std::vector<float>> perPoint(strands.strandCount());
+    for (std::size_t s = 0; s < perStrand.size(); ++s) {
+        perStrand[s] = strandStep * static_cast<float>(s % period);
+        for (std::size_t k = 0; k < strands.pointRange(s).count; ++k)
+            perPoint[s].push_back(0.1f + pointStep * static_cast<float>(k));
+    }
+    return std::make_shared<test::ListField>(perStrand, perPoint);
+}
+
 TEST(Noise, WorldNoiseIsTheOctaveSumAtThePointTimesAmplitudeAndProfile) {
     // Two strands on the same points: in world space they move alike, in strand space apart.
     const std::vector<Vec3f> points = {{0, 0, 0}, {0.1f, 0.5f, 0}, {0.3f, 1.0f, 0.2f}};
@@ -115,17 +136,8 @@ TEST(Noise, WarnsWhenTheFrequencyIsFinerThanThePoints) {
 // operator's bit for bit, in each mode, with a mapped amplitude too, at 1 and 2 threads.
 TEST(Noise, AnAmplitudeChangeGivesAFreshRunsBits) {
     const auto strands = test::mixedStrands(700, 9);
-    Ramp falling;
-    falling.linear = true;
-    falling.keys = {{0.0f, 1.0f, 0.0f}, {1.0f, 0.3f, 0.0f}};
-    std::vector<float> perStrand(strands->strandCount());
-    std::vector<std::vector<float>> perPoint(strands->strandCount());
-    for (std::size_t s = 0; s < perStrand.size(); ++s) {
-        perStrand[s] = 0.01f * static_cast<float>(s % 13);
-        for (std::size_t k = 0; k < strands->pointRange(s).count; ++k)
-            perPoint[s].push_back(0.1f + 0.03f * static_cast<float>(k));
-    }
-    const auto mappedAmplitude = std::make_shared<test::ListField>(perStrand, perPoint);
+    const Ramp falling = fallingProfile();
+    const auto mappedAmplitude = amplitudeField(*strands, 0.01f, 13, 0.03f);
     const std::map<std::string, ParamValue> variants[] = {
         {{"fraction", 0.6}, {"profile", falling}},
         {{"space", std::string("world")}, {"octaves", std::int64_t{3}}, {"seed", std::int64_t{4}}},
@@ -244,16 +256,8 @@ TEST(Noise, SideBySideStrandsGiveTheOneLineBits) {
         shapes.push_back(std::move(points));
     }
     const auto strands = handStrands(shapes);
-    Ramp falling;
-    falling.linear = true;
-    falling.keys = {{0.0f, 1.0f, 0.0f}, {1.0f, 0.3f, 0.0f}};
-    std::vector<float> perStrand(strands->strandCount());
-    std::vector<std::vector<float>> perPoint(strands->strandCount());
-    for (std::size_t s = 0; s < perStrand.size(); ++s) {
-        perStrand[s] = 0.02f * static_cast<float>(s % 7);
-        for (std::size_t k = 0; k < strands->pointRange(s).count; ++k)
-            perPoint[s].push_back(0.1f + 0.01f * static_cast<float>(k));
-    }
+    const Ramp falling = fallingProfile();
+    const auto mappedAmplitude = amplitudeField(*strands, 0.02f, 7, 0.01f);
     struct Variant {
         const char* what;
         float frequency;
@@ -275,9 +279,7 @@ TEST(Noise, SideBySideStrandsGiveTheOneLineBits) {
         settings.octaves = variant.octaves;
         settings.fraction = FieldSampler(variant.fraction);
         if (variant.profiled) settings.profile = falling;
-        if (variant.mapped)
-            settings.amplitude =
-                FieldSampler(std::make_shared<test::ListField>(perStrand, perPoint));
+        if (variant.mapped) settings.amplitude = FieldSampler(mappedAmplitude);
         // The one-line path at one thread is what every other run must give.
         setNoiseLanes(NoiseLanes::None);
         std::vector<Vec3f> want(points);

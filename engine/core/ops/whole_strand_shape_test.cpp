@@ -721,17 +721,7 @@ TEST(Flow, EachStrandIsLaidAsAloneInAFullRunOfAssortedLengths) {
     sphereSet.pins.push_back(
         pinFromSurface(*sphere, sphere->closestPoint({0, 2, 0}).root, {1, 0, 0}));
     const auto sphereFlow = FlowField::build(sphereSet, *sphere);
-    // A bumped plane with a column of its points moved onto the next: the triangles between
-    // have no area, and walks that reach them ask the tree.
-    const auto folded = [] {
-        auto mesh = std::make_shared<ScalpMesh>(*test::bumpedPlane());
-        std::vector<Vec3f> points = mesh->points();
-        for (Vec3f& p : points) {
-            if (std::fabs(p.x - 0.2f) < 0.05f) p.x = 0.0f;
-        }
-        mesh->setPoints(std::move(points));
-        return std::shared_ptr<const ScalpMesh>(mesh);
-    }();
+    const auto folded = test::foldedPlane();
     const auto foldedFlow = flowOf(*folded, {1, 0, 0});
     struct Case {
         const ScalpMesh* scalp;

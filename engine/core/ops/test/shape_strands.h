@@ -3,6 +3,7 @@
 // ones with the awkward cases (empty, one point), and many rooted on a scalp, leaning and a little
 // wavy, so that every operator has something to turn.
 
+#include <cmath>
 #include <cstdint>
 #include <memory>
 #include <vector>
@@ -27,6 +28,18 @@ inline std::shared_ptr<const ScalpMesh> bumpedPlane() {
     }
     plane->setPoints(std::move(points));
     return plane;
+}
+
+// bumpedPlane with a column of its points moved onto the next: the triangles between have no
+// area, and surface walks that reach them must ask the mesh's tree.
+inline std::shared_ptr<const ScalpMesh> foldedPlane() {
+    auto mesh = std::make_shared<ScalpMesh>(*bumpedPlane());
+    std::vector<Vec3f> points = mesh->points();
+    for (Vec3f& p : points) {
+        if (std::fabs(p.x - 0.2f) < 0.05f) p.x = 0.0f;
+    }
+    mesh->setPoints(std::move(points));
+    return mesh;
 }
 
 // `count` strands of 1 to `mostPoints` points rising along y with hashed bends, from roots in
