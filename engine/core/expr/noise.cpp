@@ -421,11 +421,12 @@ struct OctaveSamples {
 // which change no lowest or highest cell and whose results are dropped.
 template <std::size_t N>
 struct PaddedSamples {
-    static_assert(N % 8 == 0, "whole eight-lane steps fit the padding");
-    alignas(32) float z[N + 4];
+    static_assert(N % 16 == 0, "whole sixteen-lane steps fit the padding");
+    alignas(64) float z[N + 4];
     std::size_t count = 0;
-    std::size_t lanes = 0;      // count rounded up to four
-    std::size_t wideLanes = 0;  // count rounded up to eight
+    std::size_t lanes = 0;        // count rounded up to four
+    std::size_t wideLanes = 0;    // count rounded up to eight
+    std::size_t widestLanes = 0;  // count rounded up to sixteen
 };
 
 template <std::size_t N>
@@ -433,6 +434,7 @@ void padSamples(std::span<const float> z, PaddedSamples<N>& padded) {
     padded.count = z.size();
     padded.lanes = (padded.count + 3) & ~std::size_t{3};
     padded.wideLanes = (padded.count + 7) & ~std::size_t{7};
+    padded.widestLanes = (padded.count + 15) & ~std::size_t{15};
     // A loop rather than a copy: these are a few dozen floats, below what a block move is quick
     // at.
     std::size_t i = 0;
@@ -442,7 +444,7 @@ void padSamples(std::span<const float> z, PaddedSamples<N>& padded) {
 #endif
     for (; i < padded.count; ++i)
         padded.z[i] = z[i];
-    std::fill(padded.z + padded.count, padded.z + padded.wideLanes,
+    std::fill(padded.z + padded.count, padded.z + padded.widestLanes,
               padded.count > 0 ? z[padded.count - 1] : 0.0f);
 }
 
@@ -639,6 +641,135 @@ void blendSamples(const OctaveSamples<N>& samples, std::size_t count, std::int32
 
 }  // namespace
 
+namespace {
+
+// Lane l of an octave's face lanes: the line's x and y cell, as startLine finds it (cellOf's steps
+// for x and y alone: the line's z plays no part here), and the first face its samples reach.
+void setFaceLane(std::uint64_t seed, float frequency, float x, float y, std::int32_t firstFace,
+                 std::size_t l, noise_faces::FaceLanes& faceLanes) {
+    const float qx = x * frequency, qy = y * frequency;
+    const float belowX = floorOf(qx), belowY = floorOf(qy);
+    const auto cellX = static_cast<std::uint64_t>(latticeFloor(belowX));
+    const auto cellY = static_cast<std::uint64_t>(latticeFloor(belowY));
+    faceLanes.fx[l] = qx - belowX;
+    faceLanes.fy[l] = qy - belowY;
+    faceLanes.fadeX[l] = noiseFade(faceLanes.fx[l]);
+    faceLanes.fadeY[l] = noiseFade(faceLanes.fy[l]);
+    const std::uint64_t xs[2] = {cellX * 0x9E3779B185EBCA87ull,
+                                 (cellX + 1u) * 0x9E3779B185EBCA87ull};
+    const std::uint64_t ys[2] = {cellY * 0xC2B2AE3D27D4EB4Full,
+                                 (cellY + 1u) * 0xC2B2AE3D27D4EB4Full};
+    for (int k = 0; k < 4; ++k)
+        faceLanes.cornerBase[k][l] = seed ^ xs[k & 1] ^ ys[(k >> 1) & 1];
+    faceLanes.firstFace[l] = firstFace;
+}
+
+}  // namespace
+
+void FractalNoiseAlongZ::lineWeights(std::span<const Line> lines, float (*weights)[16]) const {
+    for (std::size_t l = 0; l < lines.size(); ++l) {
+        if (l > 0 && lines[l].spacing == lines[l - 1].spacing) {
+            std::copy_n(weights[l - 1], octaveCount_, weights[l]);
+            continue;
+        }
+        float amplitude = 1.0f;
+        for (int o = 0; o < octaveCount_; ++o) {
+            weights[l][o] = amplitude;
+            if (lines[l].spacing > 0.0f)
+                weights[l][o] *=
+                    1.0f - smoothUnit(0.5f, 1.0f, lines[l].spacing * octaves_[o].frequency);
+            amplitude *= fractal_.gain;
+        }
+    }
+}
+
+void FractalNoiseAlongZ::alongLinesWide(std::span<const Line> lines) {
+    using noise_faces::FaceLanes;
+    using noise_faces::FaceTables;
+    using noise_faces::kLanes;
+    using noise_faces::kMostTableFaces;
+    // Each line's samples in 16 lanes, and its sums channel by channel.
+    struct LineState {
+        PaddedSamples<kMostLaneSamples> padded;
+        alignas(64) std::int32_t cell[kMostLaneSamples];
+        alignas(64) float offset[kMostLaneSamples];
+        alignas(64) float fade[kMostLaneSamples];
+        alignas(64) float sums[3][kMostLaneSamples];
+        bool alone = false;
+        bool blends = false;  // this octave
+    };
+    LineState state[kLanes];
+    FaceLanes faceLanes;
+    FaceTables tables;
+    const std::size_t count = std::min(lines.size(), kLanes);
+    for (std::size_t l = 0; l < count; ++l) {
+        const std::size_t samples = lines[l].z.size();
+        state[l].alone = samples > kMostLaneSamples;
+        if (state[l].alone) continue;
+        padSamples(lines[l].z, state[l].padded);
+        for (auto& channel : state[l].sums)
+            std::fill_n(channel, state[l].padded.widestLanes, 0.0f);
+    }
+    float weights[kLanes][16];
+    lineWeights(lines.first(count), weights);
+    // Lanes without a line of their own repeat the first line's, and their tables are not read.
+    alignas(32) float lineX[kLanes], lineY[kLanes];
+    for (std::size_t l = 0; l < kLanes; ++l) {
+        lineX[l] = lines[l < count ? l : 0].x;
+        lineY[l] = lines[l < count ? l : 0].y;
+    }
+    for (int o = 0; o < octaveCount_; ++o) {
+        const Octave& octave = octaves_[o];
+        std::size_t mostFaces = 0;
+        for (std::size_t l = 0; l < kLanes; ++l) {
+            std::int32_t lowest = 0;
+            const bool own = l < count && !state[l].alone;
+            if (own) {
+                LineState& line = state[l];
+                line.blends = weights[l][o] != 0.0f && line.padded.count > 0;
+                if (line.blends) {
+                    std::int32_t highest = 0;
+                    const bool plain = noise_faces::placeSampleLanes(
+                        line.padded.z, line.padded.widestLanes, octave.frequency, kPlainReach,
+                        line.cell, line.offset, line.fade, lowest, highest);
+                    // octaveFaces's limits, with the tables' own.
+                    const std::int32_t faces = plain ? highest - lowest + 2 : 0;
+                    if (faces == 0 || faces > static_cast<std::int32_t>(kMostTableFaces) ||
+                        static_cast<std::size_t>(faces) > 2 * line.padded.count + 2) {
+                        line.alone = true;
+                        line.blends = false;
+                    } else {
+                        mostFaces = std::max(mostFaces, static_cast<std::size_t>(faces));
+                    }
+                }
+            }
+            faceLanes.firstFace[l] = lowest;
+        }
+        if (mostFaces == 0) continue;
+        noise_faces::setLineLanes(octave.seed, octave.frequency, lineX, lineY, faceLanes);
+        noise_faces::blendFaceTables(faceLanes, mostFaces, tables);
+        for (std::size_t l = 0; l < count; ++l) {
+            LineState& line = state[l];
+            if (line.alone || !line.blends) continue;
+            noise_faces::blendSampleLanes(line.cell, line.offset, line.fade,
+                                          line.padded.widestLanes,
+                                          static_cast<std::int32_t>(faceLanes.firstFace[l]), tables,
+                                          l, weights[l][o], &line.sums[0][0], kMostLaneSamples);
+        }
+    }
+    for (std::size_t l = 0; l < count; ++l) {
+        if (state[l].alone) {
+            startLine(lines[l].x, lines[l].y, lines[l].spacing);
+            along(lines[l].z, lines[l].out);
+            continue;
+        }
+        noise_faces::storeSampleSums(&state[l].sums[0][0], kMostLaneSamples, state[l].padded.count,
+                                     scale_, &lines[l].out.data()->x);
+    }
+    for (std::size_t l = count; l < lines.size(); l += kLanes)
+        alongLinesWide(lines.subspan(l, std::min(kLanes, lines.size() - l)));
+}
+
 void FractalNoiseAlongZ::alongLines(std::span<const Line> lines) {
     using noise_faces::FaceLanes;
     using noise_faces::FaceRows;
@@ -653,6 +784,10 @@ void FractalNoiseAlongZ::alongLines(std::span<const Line> lines) {
     if (used == NoiseLanes::None || lines.size() < 2) {
         for (const Line& line : lines)
             alone(line);
+        return;
+    }
+    if (used == NoiseLanes::Avx512) {
+        alongLinesWide(lines);
         return;
     }
     struct LineState {
@@ -676,22 +811,8 @@ void FractalNoiseAlongZ::alongLines(std::span<const Line> lines) {
         for (std::size_t i = 0; i < samples; ++i)
             std::fill_n(state[l].sums[i], 4, 0.0f);
     }
-    // The weights of every line by its spacing (mostly one for all), as startLine sets them.
     float weights[kLanes][16];
-    for (std::size_t l = 0; l < count; ++l) {
-        if (l > 0 && lines[l].spacing == lines[l - 1].spacing) {
-            std::copy_n(weights[l - 1], octaveCount_, weights[l]);
-            continue;
-        }
-        float amplitude = 1.0f;
-        for (int o = 0; o < octaveCount_; ++o) {
-            weights[l][o] = amplitude;
-            if (lines[l].spacing > 0.0f)
-                weights[l][o] *=
-                    1.0f - smoothUnit(0.5f, 1.0f, lines[l].spacing * octaves_[o].frequency);
-            amplitude *= fractal_.gain;
-        }
-    }
+    lineWeights(lines.first(count), weights);
     for (int o = 0; o < octaveCount_; ++o) {
         const Octave& octave = octaves_[o];
         std::size_t mostFaces = 0;
@@ -717,24 +838,8 @@ void FractalNoiseAlongZ::alongLines(std::span<const Line> lines) {
                     mostFaces = std::max(mostFaces, static_cast<std::size_t>(faces));
                 }
             }
-            // The line's x and y cell, as startLine finds it.
-            // (cellOf's steps for x and y alone: the line's z plays no part here.)
-            const Line& line = lines[from];
-            const float qx = line.x * octave.frequency, qy = line.y * octave.frequency;
-            const float belowX = floorOf(qx), belowY = floorOf(qy);
-            const auto cellX = static_cast<std::uint64_t>(latticeFloor(belowX));
-            const auto cellY = static_cast<std::uint64_t>(latticeFloor(belowY));
-            faceLanes.fx[l] = qx - belowX;
-            faceLanes.fy[l] = qy - belowY;
-            faceLanes.fadeX[l] = noiseFade(faceLanes.fx[l]);
-            faceLanes.fadeY[l] = noiseFade(faceLanes.fy[l]);
-            const std::uint64_t xs[2] = {cellX * 0x9E3779B185EBCA87ull,
-                                         (cellX + 1u) * 0x9E3779B185EBCA87ull};
-            const std::uint64_t ys[2] = {cellY * 0xC2B2AE3D27D4EB4Full,
-                                         (cellY + 1u) * 0xC2B2AE3D27D4EB4Full};
-            for (int k = 0; k < 4; ++k)
-                faceLanes.cornerBase[k][l] = octave.seed ^ xs[k & 1] ^ ys[(k >> 1) & 1];
-            faceLanes.firstFace[l] = lowest[l];
+            setFaceLane(octave.seed, octave.frequency, lines[from].x, lines[from].y, lowest[l], l,
+                        faceLanes);
         }
         if (mostFaces == 0) continue;
         noise_faces::blendFaceLanes(used == NoiseLanes::Avx512 ? noise_faces::FaceKernel::Avx512

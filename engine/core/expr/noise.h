@@ -131,6 +131,11 @@ class FractalNoiseAlongZ {
         alignas(16) float high[4] = {};
         alignas(16) float highSlope[4] = {};
     };
+    // alongLines with the AVX-512 kernel: each line's samples 16 at a time, every sample of a
+    // lane picking its faces from its line's own table.
+    void alongLinesWide(std::span<const Line> lines);
+    // Per line (at most 8) and octave, the weight startLine gives for the line's spacing.
+    void lineWeights(std::span<const Line> lines, float (*weights)[16]) const;
     void enterCell(Octave& octave, std::int64_t cellZ, float below) const;
     // One octave's noise at q = z * its frequency, times its weight, added to `sum` (four lanes,
     // the channels and one unused), entering the cell of q where it is not the one held.

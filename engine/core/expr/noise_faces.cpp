@@ -1,5 +1,7 @@
 #include "expr/noise_faces.h"
 
+#include <algorithm>
+
 #if (defined(__x86_64__) || defined(__i386__)) && (defined(__GNUC__) || defined(__clang__))
 #include <immintrin.h>
 #define VELMORIN_NOISE_FACE_LANES 1
@@ -54,8 +56,11 @@ VELMORIN_FACE_TARGET inline __m256 pick(const float* table, __m256i index) {
     return _mm256_permutex2var_ps(_mm256_load_ps(table), index, _mm256_load_ps(table + 8));
 }
 
-VELMORIN_FACE_TARGET void blendFacesWide(const FaceLanes& lanes, std::size_t faces,
-                                         FaceRows& rows) {
+// The faces of eight lines, each face's three channels of constant and slope handed to `store`
+// (face, constant[3], slope[3]), eight lanes to a register.
+template <typename Store>
+VELMORIN_FACE_TARGET inline void blendFacesWideInto(const FaceLanes& lanes, std::size_t faces,
+                                                    const Store& store) {
     const __m512i zProduct = _mm512_set1_epi64(static_cast<long long>(0x165667B19E3779F9ull));
     const __m512i mixProduct = _mm512_set1_epi64(static_cast<long long>(0xBF58476D1CE4E5B9ull));
     __m512i base[4];
@@ -104,9 +109,272 @@ VELMORIN_FACE_TARGET void blendFacesWide(const FaceLanes& lanes, std::size_t fac
                 blendLanes(blendLanes(dot[0], dot[1], u), blendLanes(dot[2], dot[3], u), v);
             slope[channel] = blendLanes(blendLanes(z[0], z[1], u), blendLanes(z[2], z[3], u), v);
         }
+        store(face, constant, slope);
+        faceZ = _mm512_add_epi64(faceZ, one);
+    }
+}
+
+// blendFacesWideInto's stores of the rows blendFaceLanes gives.
+struct RowStore {
+    FaceRows& rows;
+    VELMORIN_AVX2_TARGET void operator()(std::size_t face, const __m256* constant,
+                                         const __m256* slope) const {
         storeChannels(constant[0], constant[1], constant[2], rows.constant[face]);
         storeChannels(slope[0], slope[1], slope[2], rows.slope[face]);
-        faceZ = _mm512_add_epi64(faceZ, one);
+    }
+};
+
+VELMORIN_FACE_TARGET void blendFacesWide(const FaceLanes& lanes, std::size_t faces,
+                                         FaceRows& rows) {
+    blendFacesWideInto(lanes, faces, RowStore{rows});
+}
+
+// Eight rows of eight floats turned about: row r of `to` (eight floats apart) is column r of the
+// rows of `from`.
+VELMORIN_AVX2_TARGET inline void transposeEight(const float* from, std::size_t fromStride,
+                                                float* to, std::size_t toStride) {
+    __m256 r[8];
+    for (int k = 0; k < 8; ++k)
+        r[k] = _mm256_load_ps(from + fromStride * static_cast<std::size_t>(k));
+    __m256 t[8], u[8];
+    for (int k = 0; k < 4; ++k) {
+        t[2 * k] = _mm256_unpacklo_ps(r[2 * k], r[2 * k + 1]);
+        t[2 * k + 1] = _mm256_unpackhi_ps(r[2 * k], r[2 * k + 1]);
+    }
+    for (int k = 0; k < 2; ++k) {
+        u[4 * k] = _mm256_shuffle_ps(t[4 * k], t[4 * k + 2], 0x44);
+        u[4 * k + 1] = _mm256_shuffle_ps(t[4 * k], t[4 * k + 2], 0xEE);
+        u[4 * k + 2] = _mm256_shuffle_ps(t[4 * k + 1], t[4 * k + 3], 0x44);
+        u[4 * k + 3] = _mm256_shuffle_ps(t[4 * k + 1], t[4 * k + 3], 0xEE);
+    }
+    for (int k = 0; k < 4; ++k) {
+        _mm256_store_ps(to + toStride * static_cast<std::size_t>(k),
+                        _mm256_permute2f128_ps(u[k], u[k + 4], 0x20));
+        _mm256_store_ps(to + toStride * static_cast<std::size_t>(k + 4),
+                        _mm256_permute2f128_ps(u[k], u[k + 4], 0x31));
+    }
+}
+
+// blendFacesWideInto's stores of each channel's eight lanes as they are, constants then slopes.
+struct PlainRowStore {
+    float (*rows)[kMostTableFaces][kLanes];
+    VELMORIN_AVX2_TARGET void operator()(std::size_t face, const __m256* constant,
+                                         const __m256* slope) const {
+        for (int channel = 0; channel < 3; ++channel) {
+            _mm256_store_ps(rows[channel][face], constant[channel]);
+            _mm256_store_ps(rows[3 + channel][face], slope[channel]);
+        }
+    }
+};
+
+VELMORIN_FACE_TARGET void blendFaceTablesWide(const FaceLanes& lanes, std::size_t faces,
+                                              FaceTables& tables) {
+    // Face by face the lanes are lines; the tables want lines of faces. The faces go to rows of
+    // eight lanes first, then each block of eight faces is turned about into the lines' tables.
+    alignas(32) float rows[6][kMostTableFaces][kLanes];
+    blendFacesWideInto(lanes, faces, PlainRowStore{rows});
+    constexpr std::size_t kChannelStride = kMostTableFaces;
+    constexpr std::size_t kLineStride = 3 * kMostTableFaces;
+    for (std::size_t block = 0; block < faces; block += 8)
+        for (int channel = 0; channel < 3; ++channel) {
+            transposeEight(rows[channel][block], kLanes,
+                           &tables.constant[0][0][0] + kChannelStride * channel + block,
+                           kLineStride);
+            transposeEight(rows[3 + channel][block], kLanes,
+                           &tables.slope[0][0][0] + kChannelStride * channel + block, kLineStride);
+        }
+}
+
+#define VELMORIN_SAMPLE_TARGET __attribute__((target("avx512f")))
+
+VELMORIN_SAMPLE_TARGET bool placeSamplesWide(const float* z, std::size_t count, float frequency,
+                                             float reach, std::int32_t* cell, float* offset,
+                                             float* fade, std::int32_t& lowest,
+                                             std::int32_t& highest) {
+    const __m512 frequencyLanes = _mm512_set1_ps(frequency);
+    const __m512 reachLanes = _mm512_set1_ps(reach);
+    const __m512 one = _mm512_set1_ps(1.0f);
+    const __m512i sign = _mm512_set1_epi32(static_cast<int>(0x80000000u));
+    // Every lane, in the zero-masked forms: the unmasked ones start from an undefined register,
+    // which GCC 12 warns of.
+    constexpr __mmask16 kAll = 0xFFFF;
+    __mmask16 inReach = kAll;
+    __m512 least = reachLanes, most = _mm512_set1_ps(-reach);
+    for (std::size_t i = 0; i < count; i += 16) {
+        const __m512 v = _mm512_mul_ps(_mm512_loadu_ps(z + i), frequencyLanes);
+        const __m512i bits = _mm512_castps_si512(v);
+        inReach = _mm512_mask_cmp_ps_mask(
+            inReach, _mm512_castsi512_ps(_mm512_maskz_andnot_epi32(kAll, sign, bits)), reachLanes,
+            _CMP_LT_OS);
+        // floorOf: truncate, step down where that rose, else keep the sign of v (of zero too).
+        const __m512 t = _mm512_maskz_cvtepi32_ps(kAll, _mm512_maskz_cvttps_epi32(kAll, v));
+        const __mmask16 down = _mm512_cmp_ps_mask(t, v, _CMP_GT_OS);
+        const __m512 signedT = _mm512_castsi512_ps(
+            _mm512_or_si512(_mm512_maskz_andnot_epi32(kAll, sign, _mm512_castps_si512(t)),
+                            _mm512_and_si512(sign, bits)));
+        const __m512 b = _mm512_mask_blend_ps(down, signedT, _mm512_sub_ps(t, one));
+        const __m512 f = _mm512_sub_ps(v, b);
+        const __m512 cubed = _mm512_mul_ps(_mm512_mul_ps(f, f), f);
+        const __m512 inner = _mm512_add_ps(
+            _mm512_mul_ps(
+                f, _mm512_sub_ps(_mm512_mul_ps(f, _mm512_set1_ps(6.0f)), _mm512_set1_ps(15.0f))),
+            _mm512_set1_ps(10.0f));
+        _mm512_storeu_si512(cell + i, _mm512_maskz_cvttps_epi32(kAll, b));
+        _mm512_storeu_ps(offset + i, f);
+        _mm512_storeu_ps(fade + i, _mm512_mul_ps(cubed, inner));
+        least = _mm512_maskz_min_ps(kAll, least, b);
+        most = _mm512_maskz_max_ps(kAll, most, b);
+    }
+    if (inReach != 0xFFFF) return false;
+    // Whole floats in reach: the least and most cells are the same whatever order finds them.
+    // Halves, quarters, pairs and neighbours folded onto each other.
+    least = _mm512_maskz_min_ps(kAll, least, _mm512_maskz_shuffle_f32x4(kAll, least, least, 0x4E));
+    most = _mm512_maskz_max_ps(kAll, most, _mm512_maskz_shuffle_f32x4(kAll, most, most, 0x4E));
+    least = _mm512_maskz_min_ps(kAll, least, _mm512_maskz_shuffle_f32x4(kAll, least, least, 0xB1));
+    most = _mm512_maskz_max_ps(kAll, most, _mm512_maskz_shuffle_f32x4(kAll, most, most, 0xB1));
+    least = _mm512_maskz_min_ps(kAll, least, _mm512_maskz_permute_ps(kAll, least, 0x4E));
+    most = _mm512_maskz_max_ps(kAll, most, _mm512_maskz_permute_ps(kAll, most, 0x4E));
+    least = _mm512_maskz_min_ps(kAll, least, _mm512_maskz_permute_ps(kAll, least, 0xB1));
+    most = _mm512_maskz_max_ps(kAll, most, _mm512_maskz_permute_ps(kAll, most, 0xB1));
+    lowest = static_cast<std::int32_t>(_mm512_cvtss_f32(least));
+    highest = static_cast<std::int32_t>(_mm512_cvtss_f32(most));
+    return true;
+}
+
+// floorOf in eight lanes: truncate, step down where that rose, else keep the sign of x (of zero
+// too); x itself where it is 2^23 or more across, or not a number.
+VELMORIN_FACE_TARGET inline __m256 floorLanes(__m256 x) {
+    const __m256 sign = _mm256_set1_ps(-0.0f);
+    const __m256 t = _mm256_cvtepi32_ps(_mm256_cvttps_epi32(x));
+    const __m256 down = _mm256_cmp_ps(t, x, _CMP_GT_OS);
+    const __m256 signedT = _mm256_or_ps(_mm256_andnot_ps(sign, t), _mm256_and_ps(sign, x));
+    const __m256 b = _mm256_blendv_ps(signedT, _mm256_sub_ps(t, _mm256_set1_ps(1.0f)), down);
+    const __m256 small =
+        _mm256_cmp_ps(_mm256_andnot_ps(sign, x), _mm256_set1_ps(8388608.0f), _CMP_LT_OQ);
+    return _mm256_blendv_ps(x, b, small);
+}
+
+// noiseFade in eight lanes, its products in their order.
+VELMORIN_AVX2_TARGET inline __m256 fadeLanes(__m256 f) {
+    const __m256 cubed = _mm256_mul_ps(_mm256_mul_ps(f, f), f);
+    const __m256 inner = _mm256_add_ps(
+        _mm256_mul_ps(f,
+                      _mm256_sub_ps(_mm256_mul_ps(f, _mm256_set1_ps(6.0f)), _mm256_set1_ps(15.0f))),
+        _mm256_set1_ps(10.0f));
+    return _mm256_mul_ps(cubed, inner);
+}
+
+// latticeFloor of whole floats in eight lanes: 0 for not a number, held within +-4e18.
+VELMORIN_FACE_TARGET inline __m512i latticeLanes(__m256 whole) {
+    constexpr __mmask8 kAll = 0xFF;
+    const __m256 limit = _mm256_set1_ps(4.0e18f);
+    const __m256 held =
+        _mm256_min_ps(_mm256_max_ps(whole, _mm256_sub_ps(_mm256_setzero_ps(), limit)), limit);
+    const __mmask8 number = _mm256_cmp_ps_mask(whole, whole, _CMP_EQ_OQ);
+    return _mm512_maskz_cvttps_epi64(number & kAll, held);
+}
+
+VELMORIN_FACE_TARGET void setLinesWide(std::uint64_t seed, float frequency, const float* x,
+                                       const float* y, FaceLanes& lanes) {
+    const __m256 frequencyLanes = _mm256_set1_ps(frequency);
+    const __m256 qx = _mm256_mul_ps(_mm256_loadu_ps(x), frequencyLanes);
+    const __m256 qy = _mm256_mul_ps(_mm256_loadu_ps(y), frequencyLanes);
+    const __m256 belowX = floorLanes(qx), belowY = floorLanes(qy);
+    // latticeFloor takes floorOf again, which keeps a whole float as it is.
+    const __m512i cellX = latticeLanes(floorLanes(belowX));
+    const __m512i cellY = latticeLanes(floorLanes(belowY));
+    const __m256 fx = _mm256_sub_ps(qx, belowX), fy = _mm256_sub_ps(qy, belowY);
+    _mm256_store_ps(lanes.fx, fx);
+    _mm256_store_ps(lanes.fy, fy);
+    _mm256_store_ps(lanes.fadeX, fadeLanes(fx));
+    _mm256_store_ps(lanes.fadeY, fadeLanes(fy));
+    const __m512i one = _mm512_set1_epi64(1);
+    const __m512i xProduct = _mm512_set1_epi64(static_cast<long long>(0x9E3779B185EBCA87ull));
+    const __m512i yProduct = _mm512_set1_epi64(static_cast<long long>(0xC2B2AE3D27D4EB4Full));
+    const __m512i xs[2] = {_mm512_mullo_epi64(cellX, xProduct),
+                           _mm512_mullo_epi64(_mm512_add_epi64(cellX, one), xProduct)};
+    const __m512i ys[2] = {_mm512_mullo_epi64(cellY, yProduct),
+                           _mm512_mullo_epi64(_mm512_add_epi64(cellY, one), yProduct)};
+    const __m512i seedLanes = _mm512_set1_epi64(static_cast<long long>(seed));
+    for (int k = 0; k < 4; ++k)
+        _mm512_store_si512(
+            lanes.cornerBase[k],
+            _mm512_xor_si512(_mm512_xor_si512(seedLanes, xs[k & 1]), ys[(k >> 1) & 1]));
+}
+
+VELMORIN_SAMPLE_TARGET void blendSamplesWide(const std::int32_t* cell, const float* offset,
+                                             const float* fade, std::size_t count,
+                                             std::int32_t lowest, const FaceTables& tables,
+                                             std::size_t line, float weight, float* sums,
+                                             std::size_t stride) {
+    const __m512i lowestLanes = _mm512_set1_epi32(lowest);
+    const __m512i oneCell = _mm512_set1_epi32(1);
+    const __m512 one = _mm512_set1_ps(1.0f);
+    const __m512 weightLanes = _mm512_set1_ps(weight);
+    __m512 constant[3][2], slope[3][2];
+    for (int c = 0; c < 3; ++c)
+        for (int half = 0; half < 2; ++half) {
+            constant[c][half] = _mm512_load_ps(tables.constant[line][c] + 16 * half);
+            slope[c][half] = _mm512_load_ps(tables.slope[line][c] + 16 * half);
+        }
+    for (std::size_t i = 0; i < count; i += 16) {
+        const __m512i below = _mm512_sub_epi32(_mm512_loadu_si512(cell + i), lowestLanes);
+        const __m512i above = _mm512_add_epi32(below, oneCell);
+        const __m512 f = _mm512_loadu_ps(offset + i);
+        const __m512 fUp = _mm512_sub_ps(f, one);
+        const __m512 w = _mm512_loadu_ps(fade + i);
+        for (int c = 0; c < 3; ++c) {
+            // addBlended's steps per channel: each face's line in f, blended by the fade, weighed.
+            const __m512 lower = _mm512_add_ps(
+                _mm512_permutex2var_ps(constant[c][0], below, constant[c][1]),
+                _mm512_mul_ps(_mm512_permutex2var_ps(slope[c][0], below, slope[c][1]), f));
+            const __m512 upper = _mm512_add_ps(
+                _mm512_permutex2var_ps(constant[c][0], above, constant[c][1]),
+                _mm512_mul_ps(_mm512_permutex2var_ps(slope[c][0], above, slope[c][1]), fUp));
+            const __m512 blended =
+                _mm512_add_ps(lower, _mm512_mul_ps(_mm512_sub_ps(upper, lower), w));
+            float* sum = sums + stride * static_cast<std::size_t>(c) + i;
+            _mm512_storeu_ps(
+                sum, _mm512_add_ps(_mm512_loadu_ps(sum), _mm512_mul_ps(blended, weightLanes)));
+        }
+    }
+}
+
+// Where each of 48 floats of x, y, z runs comes from, for three registers of the three channels:
+// first the x and y parts of two (x 0-15, y 16-31), then z over what is left (16-31).
+struct Interleave {
+    alignas(64) std::int32_t xy[3][16];
+    alignas(64) std::int32_t z[3][16];
+};
+constexpr Interleave makeInterleave() {
+    Interleave table{};
+    for (int k = 0; k < 3; ++k)
+        for (int j = 0; j < 16; ++j) {
+            const int at = 16 * k + j, sample = at / 3, channel = at % 3;
+            table.xy[k][j] = channel == 1 ? 16 + sample : sample;
+            table.z[k][j] = channel == 2 ? 16 + sample : j;
+        }
+    return table;
+}
+constexpr Interleave kInterleave = makeInterleave();
+
+VELMORIN_SAMPLE_TARGET void storeSumsWide(const float* sums, std::size_t stride, std::size_t count,
+                                          float scale, float* out) {
+    const __m512 scaleLanes = _mm512_set1_ps(scale);
+    for (std::size_t i = 0; i < count; i += 16) {
+        // Vec3f's product with the scale, per channel.
+        const __m512 x = _mm512_mul_ps(_mm512_loadu_ps(sums + i), scaleLanes);
+        const __m512 y = _mm512_mul_ps(_mm512_loadu_ps(sums + stride + i), scaleLanes);
+        const __m512 z = _mm512_mul_ps(_mm512_loadu_ps(sums + 2 * stride + i), scaleLanes);
+        const std::size_t floats = 3 * std::min<std::size_t>(16, count - i);
+        for (std::size_t k = 0; k < 3 && 16 * k < floats; ++k) {
+            const __m512 xy = _mm512_permutex2var_ps(x, _mm512_load_si512(kInterleave.xy[k]), y);
+            const __m512 run = _mm512_permutex2var_ps(xy, _mm512_load_si512(kInterleave.z[k]), z);
+            const std::size_t left = floats - 16 * k;
+            const __mmask16 keep =
+                left >= 16 ? __mmask16{0xFFFF} : static_cast<__mmask16>((1u << left) - 1u);
+            _mm512_mask_storeu_ps(out + 3 * i + 16 * k, keep, run);
+        }
     }
 }
 
@@ -199,6 +467,32 @@ void blendFaceLanes(FaceKernel kernel, const FaceLanes& lanes, std::size_t faces
     }
 }
 
+void blendFaceTables(const FaceLanes& lanes, std::size_t faces, FaceTables& tables) {
+    blendFaceTablesWide(lanes, faces, tables);
+}
+
+void setLineLanes(std::uint64_t seed, float frequency, const float* x, const float* y,
+                  FaceLanes& lanes) {
+    setLinesWide(seed, frequency, x, y, lanes);
+}
+
+bool placeSampleLanes(const float* z, std::size_t lanes, float frequency, float reach,
+                      std::int32_t* cell, float* offset, float* fade, std::int32_t& lowest,
+                      std::int32_t& highest) {
+    return placeSamplesWide(z, lanes, frequency, reach, cell, offset, fade, lowest, highest);
+}
+
+void blendSampleLanes(const std::int32_t* cell, const float* offset, const float* fade,
+                      std::size_t lanes, std::int32_t lowest, const FaceTables& tables,
+                      std::size_t line, float weight, float* sums, std::size_t stride) {
+    blendSamplesWide(cell, offset, fade, lanes, lowest, tables, line, weight, sums, stride);
+}
+
+void storeSampleSums(const float* sums, std::size_t stride, std::size_t count, float scale,
+                     float* out) {
+    storeSumsWide(sums, stride, count, scale, out);
+}
+
 #else
 
 FaceKernel widestFaceKernel() {
@@ -206,6 +500,15 @@ FaceKernel widestFaceKernel() {
 }
 
 void blendFaceLanes(FaceKernel, const FaceLanes&, std::size_t, FaceRows&) {}
+void blendFaceTables(const FaceLanes&, std::size_t, FaceTables&) {}
+void setLineLanes(std::uint64_t, float, const float*, const float*, FaceLanes&) {}
+bool placeSampleLanes(const float*, std::size_t, float, float, std::int32_t*, float*, float*,
+                      std::int32_t&, std::int32_t&) {
+    return false;
+}
+void blendSampleLanes(const std::int32_t*, const float*, const float*, std::size_t, std::int32_t,
+                      const FaceTables&, std::size_t, float, float*, std::size_t) {}
+void storeSampleSums(const float*, std::size_t, std::size_t, float, float*) {}
 
 #endif
 

@@ -49,4 +49,43 @@ FaceKernel widestFaceKernel();
 // [f][slotOf(l)] (faces <= kMostFaces), by `kernel`, which the processor must run (not None).
 void blendFaceLanes(FaceKernel kernel, const FaceLanes& lanes, std::size_t faces, FaceRows& rows);
 
+// The faces a line may reach in one octave for the per-line tables below: a sample picks its two
+// faces from 32 floats with one two-register permute per channel and part.
+inline constexpr std::size_t kMostTableFaces = 32;
+// The faces of a group of lines laid out line by line: for lane l and channel c, face f's constant
+// and slope at [l][c][f], so that 16 samples of the line pick their faces side by side. Faces past
+// the count blended are left as they were and are never picked.
+struct FaceTables {
+    alignas(64) float constant[kLanes][3][kMostTableFaces];
+    alignas(64) float slope[kLanes][3][kMostTableFaces];
+};
+// blendFaceLanes's faces, to the same bits, into tables (faces <= kMostTableFaces), by the AVX-512
+// kernel: widestFaceKernel() must be Avx512.
+void blendFaceTables(const FaceLanes& lanes, std::size_t faces, FaceTables& tables);
+
+// Every lane's x and y cell part (all of FaceLanes but firstFace) for the lines through x[l] and
+// y[l] (eight each) at `frequency`, each lane with the steps of the one-line walk, by the AVX-512
+// kernel.
+void setLineLanes(std::uint64_t seed, float frequency, const float* x, const float* y,
+                  FaceLanes& lanes);
+
+// One octave's samples of a line in 16 lanes, by the AVX-512 kernel. `lanes` is the sample count
+// rounded up to 16 (padded with copies of the last sample, which change no lowest or highest
+// cell). For each sample z[i] * frequency: its cell as a number, its offset in the cell and the
+// offset's fade, each lane with the operations of the one-line walk (floorOf's steps, noiseFade's
+// products in their order). Gives false, and no cells, where a sample lies outside +-`reach`.
+bool placeSampleLanes(const float* z, std::size_t lanes, float frequency, float reach,
+                      std::int32_t* cell, float* offset, float* fade, std::int32_t& lowest,
+                      std::int32_t& highest);
+// Adds one octave to the sums of a line's samples (lanes as above; sums of channel c at
+// sums[c * stride + i]): each sample blends the faces below and above its cell, read from line
+// `line` of `tables` (its lowest cell's lower face first), times `weight`, with the operations and
+// order of the one-line blend.
+void blendSampleLanes(const std::int32_t* cell, const float* offset, const float* fade,
+                      std::size_t lanes, std::int32_t lowest, const FaceTables& tables,
+                      std::size_t line, float weight, float* sums, std::size_t stride);
+// The sums of `count` samples times `scale`, as x, y, z of each sample into out (3 * count floats).
+void storeSampleSums(const float* sums, std::size_t stride, std::size_t count, float scale,
+                     float* out);
+
 }  // namespace velmorin::noise_faces
