@@ -155,32 +155,105 @@ VELMORIN_AVX2_TARGET inline void transposeEight(const float* from, std::size_t f
     }
 }
 
-// blendFacesWideInto's stores of each channel's eight lanes as they are, constants then slopes.
-struct PlainRowStore {
-    float (*rows)[kMostTableFaces][kLanes];
-    VELMORIN_AVX2_TARGET void operator()(std::size_t face, const __m256* constant,
-                                         const __m256* slope) const {
-        for (int channel = 0; channel < 3; ++channel) {
-            _mm256_store_ps(rows[channel][face], constant[channel]);
-            _mm256_store_ps(rows[3 + channel][face], slope[channel]);
-        }
-    }
-};
+// The eight lanes of x in both halves of 16.
+VELMORIN_FACE_TARGET inline __m512 twice(__m256 x) {
+    return _mm512_maskz_broadcast_f32x8(0xFFFF, x);
+}
 
+VELMORIN_FACE_TARGET inline __m512 blendPair(__m512 a, __m512 b, __m512 t) {
+    return _mm512_add_ps(a, _mm512_mul_ps(_mm512_sub_ps(b, a), t));
+}
+
+// Where a face's rows lie in blendFaceTablesWide's scratch: channels 0 and 1 side by side (one
+// 16-lane register each for constants and slopes), then channel 2's constant and slope.
+constexpr int kConstantRow[3] = {0, 1, 4};
+constexpr int kSlopeRow[3] = {2, 3, 5};
+
+// blendFacesWide's faces with channels 0 and 1 in one 16-lane register (lanes 0-7 channel 0, 8-15
+// channel 1, each lane a line), channel 2 in eight lanes: the hashes are the same, and each lane's
+// pick, products and blends are the same operations in the same order.
 VELMORIN_FACE_TARGET void blendFaceTablesWide(const FaceLanes& lanes, std::size_t faces,
                                               FaceTables& tables) {
-    // Face by face the lanes are lines; the tables want lines of faces. The faces go to rows of
-    // eight lanes first, then each block of eight faces is turned about into the lines' tables.
-    alignas(32) float rows[6][kMostTableFaces][kLanes];
-    blendFacesWideInto(lanes, faces, PlainRowStore{rows});
+    const __m512i zProduct = _mm512_set1_epi64(static_cast<long long>(0x165667B19E3779F9ull));
+    const __m512i mixProduct = _mm512_set1_epi64(static_cast<long long>(0xBF58476D1CE4E5B9ull));
+    __m512i base[4];
+    for (int c = 0; c < 4; ++c)
+        base[c] = _mm512_load_si512(lanes.cornerBase[c]);
+    __m512i faceZ = _mm512_load_si512(lanes.firstFace);
+    const __m512i one = _mm512_set1_epi64(1);
+    // Every lane, in the zero-masked forms, as blendFacesWide takes them.
+    constexpr __mmask8 kAll = 0xFF;
+    constexpr __mmask16 kAllWide = 0xFFFF;
+    const __m256 x0 = _mm256_load_ps(lanes.fx), y0 = _mm256_load_ps(lanes.fy);
+    const __m256 x1 = _mm256_sub_ps(x0, _mm256_set1_ps(1.0f));
+    const __m256 y1 = _mm256_sub_ps(y0, _mm256_set1_ps(1.0f));
+    const __m256 cornerX[4] = {x0, x1, x0, x1};
+    const __m256 cornerY[4] = {y0, y0, y1, y1};
+    const __m256 u = _mm256_load_ps(lanes.fadeX), v = _mm256_load_ps(lanes.fadeY);
+    // The same, twice over: once for each channel of the 16-lane registers.
+    const __m512 cornerXTwice[4] = {twice(x0), twice(x1), twice(x0), twice(x1)};
+    const __m512 cornerYTwice[4] = {twice(y0), twice(y0), twice(y1), twice(y1)};
+    const __m512 uTwice = twice(u), vTwice = twice(v);
+    const __m512 gradientX = _mm512_load_ps(kGradientX);
+    const __m512 gradientY = _mm512_load_ps(kGradientY);
+    const __m512 gradientZ = _mm512_load_ps(kGradientZ);
+    // The low 32 bits of each line's hash (its channel 0 and 1 words), for lanes 0-7 and again for
+    // lanes 8-15.
+    const __m512i lowWords =
+        _mm512_setr_epi32(0, 2, 4, 6, 8, 10, 12, 14, 0, 2, 4, 6, 8, 10, 12, 14);
+    const __m512i twelfth = _mm512_set1_epi16(-21845);  // 43691
+    const __m512i twelve = _mm512_set1_epi16(12);
+    alignas(64) float rows[kMostTableFaces][6][kLanes];
+    for (std::size_t face = 0; face < faces; ++face) {
+        const __m512i zs = _mm512_mullo_epi64(faceZ, zProduct);
+        __m512i picks[4];
+        for (int c = 0; c < 4; ++c) {
+            __m512i x = _mm512_xor_si512(base[c], zs);
+            x = _mm512_xor_si512(x, _mm512_maskz_srli_epi64(kAll, x, 29));
+            x = _mm512_mullo_epi64(x, mixProduct);
+            x = _mm512_xor_si512(x, _mm512_maskz_srli_epi64(kAll, x, 32));
+            const __m512i quotient = _mm512_srli_epi16(_mm512_mulhi_epu16(x, twelfth), 3);
+            picks[c] = _mm512_sub_epi16(x, _mm512_mullo_epi16(quotient, twelve));
+        }
+        __m512 dotPair[4], zPair[4];
+        __m256 dotLast[4], zLast[4];
+        for (int c = 0; c < 4; ++c) {
+            // Channel 0's word in the low lanes, channel 1's in the high ones; the permutes read
+            // the low four bits of each index: the word's pick.
+            __m512i g = _mm512_maskz_permutexvar_epi32(kAllWide, lowWords, picks[c]);
+            g = _mm512_mask_srli_epi32(g, 0xFF00, g, 16);
+            dotPair[c] = _mm512_add_ps(
+                _mm512_mul_ps(_mm512_maskz_permutexvar_ps(kAllWide, g, gradientX), cornerXTwice[c]),
+                _mm512_mul_ps(_mm512_maskz_permutexvar_ps(kAllWide, g, gradientY),
+                              cornerYTwice[c]));
+            zPair[c] = _mm512_maskz_permutexvar_ps(kAllWide, g, gradientZ);
+            const __m256i last =
+                _mm512_maskz_cvtepi64_epi32(kAll, _mm512_maskz_srli_epi64(kAll, picks[c], 32));
+            dotLast[c] = _mm256_add_ps(_mm256_mul_ps(pick(kGradientX, last), cornerX[c]),
+                                       _mm256_mul_ps(pick(kGradientY, last), cornerY[c]));
+            zLast[c] = pick(kGradientZ, last);
+        }
+        _mm512_store_ps(rows[face][0],
+                        blendPair(blendPair(dotPair[0], dotPair[1], uTwice),
+                                  blendPair(dotPair[2], dotPair[3], uTwice), vTwice));
+        _mm512_store_ps(rows[face][2], blendPair(blendPair(zPair[0], zPair[1], uTwice),
+                                                 blendPair(zPair[2], zPair[3], uTwice), vTwice));
+        _mm256_store_ps(rows[face][4], blendLanes(blendLanes(dotLast[0], dotLast[1], u),
+                                                  blendLanes(dotLast[2], dotLast[3], u), v));
+        _mm256_store_ps(rows[face][5], blendLanes(blendLanes(zLast[0], zLast[1], u),
+                                                  blendLanes(zLast[2], zLast[3], u), v));
+        faceZ = _mm512_add_epi64(faceZ, one);
+    }
+    // Face by face the lanes are lines; the tables want lines of faces: each block of eight faces
+    // is turned about into the lines' tables.
     constexpr std::size_t kChannelStride = kMostTableFaces;
     constexpr std::size_t kLineStride = 3 * kMostTableFaces;
     for (std::size_t block = 0; block < faces; block += 8)
         for (int channel = 0; channel < 3; ++channel) {
-            transposeEight(rows[channel][block], kLanes,
+            transposeEight(rows[block][kConstantRow[channel]], 6 * kLanes,
                            &tables.constant[0][0][0] + kChannelStride * channel + block,
                            kLineStride);
-            transposeEight(rows[3 + channel][block], kLanes,
+            transposeEight(rows[block][kSlopeRow[channel]], 6 * kLanes,
                            &tables.slope[0][0][0] + kChannelStride * channel + block, kLineStride);
         }
 }
