@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <limits>
 #include <string_view>
 #include <vector>
 
@@ -110,12 +111,22 @@ TEST(FractalNoiseAlongZ, AlongGivesEverySampleTheWalksBits) {
 
 // Lines side by side give each line the bits it gets alone, whatever the group: point counts
 // mixed within a group (none, one, the most a lane takes and one more), lines through lattice
-// planes and huge spots, samples on lattice planes, repeated (zero-length steps), skipping cells,
-// falling and out of plain reach, and spacings that fade octaves out, line by line; with each lane
-// kernel the processor runs.
+// planes, huge spots and no number at all (NaN, infinities), samples on lattice planes, repeated
+// (zero-length steps), skipping cells, falling and out of plain reach, and spacings that fade
+// octaves out, line by line; with each lane kernel the processor runs.
 TEST(FractalNoiseAlongZ, LinesSideBySideGiveEachLineItsBits) {
     const std::size_t counts[] = {17, 0, 9, 1, 64, 65, 2, 33, 16, 5, 200, 3};
-    const float spots[] = {5.0f, -3.0f, 0.0f, -0.0f, 1.0e7f, -3.0e9f, 0.5f, -1.0e-30f};
+    const float spots[] = {5.0f,
+                           -3.0f,
+                           0.0f,
+                           -0.0f,
+                           1.0e7f,
+                           -3.0e9f,
+                           0.5f,
+                           -1.0e-30f,
+                           std::numeric_limits<float>::quiet_NaN(),
+                           std::numeric_limits<float>::infinity(),
+                           -std::numeric_limits<float>::infinity()};
     const float spacings[] = {0.1875f, 0.0f, 0.3f, 0.8f, 0.05f, 2.0f};
     struct Pattern {
         const char* what;
