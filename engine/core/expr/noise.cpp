@@ -421,12 +421,11 @@ struct OctaveSamples {
 // which change no lowest or highest cell and whose results are dropped.
 template <std::size_t N>
 struct PaddedSamples {
-    static_assert(N % 16 == 0, "whole sixteen-lane steps fit the padding");
-    alignas(64) float z[N + 4];
+    static_assert(N % 8 == 0, "whole eight-lane steps fit the padding");
+    alignas(32) float z[N + 4];
     std::size_t count = 0;
-    std::size_t lanes = 0;        // count rounded up to four
-    std::size_t wideLanes = 0;    // count rounded up to eight
-    std::size_t widestLanes = 0;  // count rounded up to sixteen
+    std::size_t lanes = 0;      // count rounded up to four
+    std::size_t wideLanes = 0;  // count rounded up to eight
 };
 
 template <std::size_t N>
@@ -434,7 +433,6 @@ void padSamples(std::span<const float> z, PaddedSamples<N>& padded) {
     padded.count = z.size();
     padded.lanes = (padded.count + 3) & ~std::size_t{3};
     padded.wideLanes = (padded.count + 7) & ~std::size_t{7};
-    padded.widestLanes = (padded.count + 15) & ~std::size_t{15};
     // A loop rather than a copy: these are a few dozen floats, below what a block move is quick
     // at.
     std::size_t i = 0;
@@ -444,7 +442,7 @@ void padSamples(std::span<const float> z, PaddedSamples<N>& padded) {
 #endif
     for (; i < padded.count; ++i)
         padded.z[i] = z[i];
-    std::fill(padded.z + padded.count, padded.z + padded.widestLanes,
+    std::fill(padded.z + padded.count, padded.z + padded.wideLanes,
               padded.count > 0 ? z[padded.count - 1] : 0.0f);
 }
 
@@ -690,25 +688,22 @@ void FractalNoiseAlongZ::alongLinesWide(std::span<const Line> lines) {
     using noise_faces::kMostTableFaces;
     // Each line's samples in 16 lanes, and its sums channel by channel.
     struct LineState {
-        PaddedSamples<kMostLaneSamples> padded;
         alignas(64) std::int32_t cell[kMostLaneSamples];
         alignas(64) float offset[kMostLaneSamples];
         alignas(64) float fade[kMostLaneSamples];
         alignas(64) float sums[3][kMostLaneSamples];
+        std::size_t count = 0;
         bool alone = false;
         bool blends = false;  // this octave
+        bool summed = false;  // by an octave before
     };
     LineState state[kLanes];
     FaceLanes faceLanes;
     FaceTables tables;
     const std::size_t count = std::min(lines.size(), kLanes);
     for (std::size_t l = 0; l < count; ++l) {
-        const std::size_t samples = lines[l].z.size();
-        state[l].alone = samples > kMostLaneSamples;
-        if (state[l].alone) continue;
-        padSamples(lines[l].z, state[l].padded);
-        for (auto& channel : state[l].sums)
-            std::fill_n(channel, state[l].padded.widestLanes, 0.0f);
+        state[l].count = lines[l].z.size();
+        state[l].alone = state[l].count > kMostLaneSamples;
     }
     float weights[kLanes][16];
     lineWeights(lines.first(count), weights);
@@ -726,16 +721,16 @@ void FractalNoiseAlongZ::alongLinesWide(std::span<const Line> lines) {
             const bool own = l < count && !state[l].alone;
             if (own) {
                 LineState& line = state[l];
-                line.blends = weights[l][o] != 0.0f && line.padded.count > 0;
+                line.blends = weights[l][o] != 0.0f && line.count > 0;
                 if (line.blends) {
                     std::int32_t highest = 0;
                     const bool plain = noise_faces::placeSampleLanes(
-                        line.padded.z, line.padded.widestLanes, octave.frequency, kPlainReach,
-                        line.cell, line.offset, line.fade, lowest, highest);
+                        lines[l].z.data(), line.count, octave.frequency, kPlainReach, line.cell,
+                        line.offset, line.fade, lowest, highest);
                     // octaveFaces's limits, with the tables' own.
                     const std::int32_t faces = plain ? highest - lowest + 2 : 0;
                     if (faces == 0 || faces > static_cast<std::int32_t>(kMostTableFaces) ||
-                        static_cast<std::size_t>(faces) > 2 * line.padded.count + 2) {
+                        static_cast<std::size_t>(faces) > 2 * line.count + 2) {
                         line.alone = true;
                         line.blends = false;
                     } else {
@@ -751,10 +746,11 @@ void FractalNoiseAlongZ::alongLinesWide(std::span<const Line> lines) {
         for (std::size_t l = 0; l < count; ++l) {
             LineState& line = state[l];
             if (line.alone || !line.blends) continue;
-            noise_faces::blendSampleLanes(line.cell, line.offset, line.fade,
-                                          line.padded.widestLanes,
+            noise_faces::blendSampleLanes(line.cell, line.offset, line.fade, line.count,
                                           static_cast<std::int32_t>(faceLanes.firstFace[l]), tables,
-                                          l, weights[l][o], &line.sums[0][0], kMostLaneSamples);
+                                          l, weights[l][o], !line.summed, &line.sums[0][0],
+                                          kMostLaneSamples);
+            line.summed = true;
         }
     }
     for (std::size_t l = 0; l < count; ++l) {
@@ -763,8 +759,12 @@ void FractalNoiseAlongZ::alongLinesWide(std::span<const Line> lines) {
             along(lines[l].z, lines[l].out);
             continue;
         }
-        noise_faces::storeSampleSums(&state[l].sums[0][0], kMostLaneSamples, state[l].padded.count,
-                                     scale_, &lines[l].out.data()->x);
+        // A line no octave reached (all faded out) sums to 0.
+        if (!state[l].summed)
+            for (auto& channel : state[l].sums)
+                std::fill_n(channel, state[l].count, 0.0f);
+        noise_faces::storeSampleSums(&state[l].sums[0][0], kMostLaneSamples, state[l].count, scale_,
+                                     &lines[l].out.data()->x);
     }
     for (std::size_t l = count; l < lines.size(); l += kLanes)
         alongLinesWide(lines.subspan(l, std::min(kLanes, lines.size() - l)));

@@ -274,11 +274,15 @@ VELMORIN_SAMPLE_TARGET bool placeSamplesWide(const float* z, std::size_t count, 
     __mmask16 inReach = kAll;
     __m512 least = reachLanes, most = _mm512_set1_ps(-reach);
     for (std::size_t i = 0; i < count; i += 16) {
-        const __m512 v = _mm512_mul_ps(_mm512_loadu_ps(z + i), frequencyLanes);
+        // The lanes past the last sample read 0; they count in no check and no end cell.
+        const __mmask16 samples =
+            count - i >= 16 ? kAll : static_cast<__mmask16>((1u << (count - i)) - 1u);
+        const __m512 v = _mm512_mul_ps(_mm512_maskz_loadu_ps(samples, z + i), frequencyLanes);
         const __m512i bits = _mm512_castps_si512(v);
-        inReach = _mm512_mask_cmp_ps_mask(
-            inReach, _mm512_castsi512_ps(_mm512_maskz_andnot_epi32(kAll, sign, bits)), reachLanes,
+        const __mmask16 near = _mm512_mask_cmp_ps_mask(
+            samples, _mm512_castsi512_ps(_mm512_maskz_andnot_epi32(kAll, sign, bits)), reachLanes,
             _CMP_LT_OS);
+        inReach &= static_cast<__mmask16>(near | ~samples);
         // floorOf: truncate, step down where that rose, else keep the sign of v (of zero too).
         const __m512 t = _mm512_maskz_cvtepi32_ps(kAll, _mm512_maskz_cvttps_epi32(kAll, v));
         const __mmask16 down = _mm512_cmp_ps_mask(t, v, _CMP_GT_OS);
@@ -295,8 +299,8 @@ VELMORIN_SAMPLE_TARGET bool placeSamplesWide(const float* z, std::size_t count, 
         _mm512_storeu_si512(cell + i, _mm512_maskz_cvttps_epi32(kAll, b));
         _mm512_storeu_ps(offset + i, f);
         _mm512_storeu_ps(fade + i, _mm512_mul_ps(cubed, inner));
-        least = _mm512_maskz_min_ps(kAll, least, b);
-        most = _mm512_maskz_max_ps(kAll, most, b);
+        least = _mm512_mask_min_ps(least, samples, least, b);
+        most = _mm512_mask_max_ps(most, samples, most, b);
     }
     if (inReach != 0xFFFF) return false;
     // Whole floats in reach: the least and most cells are the same whatever order finds them.
@@ -378,8 +382,8 @@ VELMORIN_FACE_TARGET void setLinesWide(std::uint64_t seed, float frequency, cons
 VELMORIN_SAMPLE_TARGET void blendSamplesWide(const std::int32_t* cell, const float* offset,
                                              const float* fade, std::size_t count,
                                              std::int32_t lowest, const FaceTables& tables,
-                                             std::size_t line, float weight, float* sums,
-                                             std::size_t stride) {
+                                             std::size_t line, float weight, bool first,
+                                             float* sums, std::size_t stride) {
     const __m512i lowestLanes = _mm512_set1_epi32(lowest);
     const __m512i oneCell = _mm512_set1_epi32(1);
     const __m512 one = _mm512_set1_ps(1.0f);
@@ -406,9 +410,10 @@ VELMORIN_SAMPLE_TARGET void blendSamplesWide(const std::int32_t* cell, const flo
                 _mm512_mul_ps(_mm512_permutex2var_ps(slope[c][0], above, slope[c][1]), fUp));
             const __m512 blended =
                 _mm512_add_ps(lower, _mm512_mul_ps(_mm512_sub_ps(upper, lower), w));
+            // The first octave adds to sums of 0 held in a register rather than read.
             float* sum = sums + stride * static_cast<std::size_t>(c) + i;
-            _mm512_storeu_ps(
-                sum, _mm512_add_ps(_mm512_loadu_ps(sum), _mm512_mul_ps(blended, weightLanes)));
+            const __m512 before = first ? _mm512_setzero_ps() : _mm512_loadu_ps(sum);
+            _mm512_storeu_ps(sum, _mm512_add_ps(before, _mm512_mul_ps(blended, weightLanes)));
         }
     }
 }
@@ -557,8 +562,8 @@ bool placeSampleLanes(const float* z, std::size_t lanes, float frequency, float 
 
 void blendSampleLanes(const std::int32_t* cell, const float* offset, const float* fade,
                       std::size_t lanes, std::int32_t lowest, const FaceTables& tables,
-                      std::size_t line, float weight, float* sums, std::size_t stride) {
-    blendSamplesWide(cell, offset, fade, lanes, lowest, tables, line, weight, sums, stride);
+                      std::size_t line, float weight, bool first, float* sums, std::size_t stride) {
+    blendSamplesWide(cell, offset, fade, lanes, lowest, tables, line, weight, first, sums, stride);
 }
 
 void storeSampleSums(const float* sums, std::size_t stride, std::size_t count, float scale,
@@ -580,7 +585,7 @@ bool placeSampleLanes(const float*, std::size_t, float, float, std::int32_t*, fl
     return false;
 }
 void blendSampleLanes(const std::int32_t*, const float*, const float*, std::size_t, std::int32_t,
-                      const FaceTables&, std::size_t, float, float*, std::size_t) {}
+                      const FaceTables&, std::size_t, float, bool, float*, std::size_t) {}
 void storeSampleSums(const float*, std::size_t, std::size_t, float, float*) {}
 
 #endif

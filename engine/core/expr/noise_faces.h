@@ -69,21 +69,22 @@ void blendFaceTables(const FaceLanes& lanes, std::size_t faces, FaceTables& tabl
 void setLineLanes(std::uint64_t seed, float frequency, const float* x, const float* y,
                   FaceLanes& lanes);
 
-// One octave's samples of a line in 16 lanes, by the AVX-512 kernel. `lanes` is the sample count
-// rounded up to 16 (padded with copies of the last sample, which change no lowest or highest
-// cell). For each sample z[i] * frequency: its cell as a number, its offset in the cell and the
-// offset's fade, each lane with the operations of the one-line walk (floorOf's steps, noiseFade's
-// products in their order). Gives false, and no cells, where a sample lies outside +-`reach`.
-bool placeSampleLanes(const float* z, std::size_t lanes, float frequency, float reach,
+// One octave's `count` samples of a line in 16 lanes, by the AVX-512 kernel. For each sample
+// z[i] * frequency: its cell as a number, its offset in the cell and the offset's fade, each lane
+// with the operations of the one-line walk (floorOf's steps, noiseFade's products in their order),
+// into cell, offset and fade, which hold count rounded up to 16 (the lanes past count hold
+// something, unused). Gives false, and no cells, where a sample lies outside +-`reach`.
+bool placeSampleLanes(const float* z, std::size_t count, float frequency, float reach,
                       std::int32_t* cell, float* offset, float* fade, std::int32_t& lowest,
                       std::int32_t& highest);
-// Adds one octave to the sums of a line's samples (lanes as above; sums of channel c at
-// sums[c * stride + i]): each sample blends the faces below and above its cell, read from line
-// `line` of `tables` (its lowest cell's lower face first), times `weight`, with the operations and
-// order of the one-line blend.
+// Adds one octave to the sums of a line's samples (count samples, as placeSampleLanes left them;
+// sums of channel c at sums[c * stride + i], count rounded up to 16 of them): each sample blends
+// the faces below and above its cell, read from line `line` of `tables` (its lowest cell's lower
+// face first), times `weight`, with the operations and order of the one-line blend. The `first`
+// octave adds to sums of 0 and need not find them there.
 void blendSampleLanes(const std::int32_t* cell, const float* offset, const float* fade,
-                      std::size_t lanes, std::int32_t lowest, const FaceTables& tables,
-                      std::size_t line, float weight, float* sums, std::size_t stride);
+                      std::size_t count, std::int32_t lowest, const FaceTables& tables,
+                      std::size_t line, float weight, bool first, float* sums, std::size_t stride);
 // The sums of `count` samples times `scale`, as x, y, z of each sample into out (3 * count floats).
 void storeSampleSums(const float* sums, std::size_t stride, std::size_t count, float scale,
                      float* out);
