@@ -681,6 +681,18 @@ void FractalNoiseAlongZ::lineWeights(std::span<const Line> lines, float (*weight
     }
 }
 
+void FractalNoiseAlongZ::moveAlong(const Line& line) {
+    if (line.moved.empty()) return;
+    for (std::size_t i = 0; i < line.moved.size(); ++i)
+        line.moved[i] = line.from[i] + line.out[i] * line.amplitude;
+}
+
+void FractalNoiseAlongZ::alongAlone(const Line& line) {
+    startLine(line.x, line.y, line.spacing);
+    along(line.z, line.out);
+    moveAlong(line);
+}
+
 void FractalNoiseAlongZ::alongLinesWide(std::span<const Line> lines) {
     using noise_faces::FaceLanes;
     using noise_faces::FaceTables;
@@ -755,16 +767,18 @@ void FractalNoiseAlongZ::alongLinesWide(std::span<const Line> lines) {
     }
     for (std::size_t l = 0; l < count; ++l) {
         if (state[l].alone) {
-            startLine(lines[l].x, lines[l].y, lines[l].spacing);
-            along(lines[l].z, lines[l].out);
+            alongAlone(lines[l]);
             continue;
         }
         // A line no octave reached (all faded out) sums to 0.
         if (!state[l].summed)
             for (auto& channel : state[l].sums)
                 std::fill_n(channel, state[l].count, 0.0f);
-        noise_faces::storeSampleSums(&state[l].sums[0][0], kMostLaneSamples, state[l].count, scale_,
-                                     &lines[l].out.data()->x);
+        const Line& line = lines[l];
+        noise_faces::storeSampleSums(
+            &state[l].sums[0][0], kMostLaneSamples, state[l].count, scale_, &line.out.data()->x,
+            line.moved.empty() ? nullptr : &line.from.data()->x, line.amplitude,
+            line.moved.empty() ? nullptr : &line.moved.data()->x);
     }
     for (std::size_t l = count; l < lines.size(); l += kLanes)
         alongLinesWide(lines.subspan(l, std::min(kLanes, lines.size() - l)));
@@ -776,10 +790,7 @@ void FractalNoiseAlongZ::alongLines(std::span<const Line> lines) {
     using noise_faces::kLanes;
     // One line at a time where the processor has no 64-bit lanes, for the lines that could not
     // take the lanes, and for a single line.
-    const auto alone = [&](const Line& line) {
-        startLine(line.x, line.y, line.spacing);
-        along(line.z, line.out);
-    };
+    const auto alone = [&](const Line& line) { alongAlone(line); };
     const NoiseLanes used = noiseLanesUsed();
     if (used == NoiseLanes::None || lines.size() < 2) {
         for (const Line& line : lines)
@@ -861,6 +872,7 @@ void FractalNoiseAlongZ::alongLines(std::span<const Line> lines) {
         for (std::size_t i = 0; i < state[l].padded.count; ++i)
             lines[l].out[i] =
                 Vec3f{state[l].sums[i][0], state[l].sums[i][1], state[l].sums[i][2]} * scale_;
+        moveAlong(lines[l]);
     }
     for (std::size_t l = count; l < lines.size(); l += kLanes)
         alongLines(lines.subspan(l, std::min(kLanes, lines.size() - l)));

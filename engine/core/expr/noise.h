@@ -87,21 +87,27 @@ class FractalNoiseAlongZ {
     void along(std::span<const float> z, std::span<Vec3f> out);
 
     // A line of alongLines: through x and y, sampled `spacing` apart (fractal.spacing for it), its
-    // samples z into out (out.size() == z.size()).
+    // samples z into out (out.size() == z.size()). Where `moved` is not empty (its size and from's
+    // that of z), the samples move points instead: moved[i] = from[i] + noise * amplitude, out
+    // serving as scratch (left as it may be).
     struct Line {
         float x = 0.0f, y = 0.0f, spacing = 0.0f;
         std::span<const float> z;
         std::span<Vec3f> out;
+        std::span<const Vec3f> from = {};
+        std::span<Vec3f> moved = {};
+        float amplitude = 0.0f;
     };
     // The lines that go side by side, and the most samples a line may have to go with them.
     static constexpr std::size_t kLineLanes = 8;
     static constexpr std::size_t kMostLaneSamples = 64;
-    // startLine(line.x, line.y, line.spacing) then along(line.z, line.out) for every line, to the
-    // same bits. Where noiseLanesUsed() is not None, kLineLanes lines at a time hash and blend the
-    // faces their samples reach side by side, one line per lane, and each line then reads its own
-    // faces; a line with more than kMostLaneSamples samples, or whose samples reach too many faces,
-    // takes along alone. Afterwards the line the walker holds is none in particular: startLine
-    // again before at or along.
+    // startLine(line.x, line.y, line.spacing) then along(line.z, line.out) for every line (and the
+    // move where a line asks for one), to the same bits. Where noiseLanesUsed() is not None,
+    // kLineLanes lines at a time hash and blend the faces their samples reach side by side, one
+    // line per lane, and each line then reads its own faces (with AVX-512, 16 samples at a time
+    // from a table of its faces); a line with more than kMostLaneSamples samples, or whose samples
+    // reach too many faces, takes along alone. Afterwards the line the walker holds is none in
+    // particular: startLine again before at or along.
     void alongLines(std::span<const Line> lines);
 
   private:
@@ -134,6 +140,10 @@ class FractalNoiseAlongZ {
     // alongLines with the AVX-512 kernel: each line's samples 16 at a time, every sample of a
     // lane picking its faces from its line's own table.
     void alongLinesWide(std::span<const Line> lines);
+    // One line alone, with its points moved where it asks.
+    void alongAlone(const Line& line);
+    // A line's points moved by its samples in out, where it asks.
+    static void moveAlong(const Line& line);
     // Per line (at most 8) and octave, the weight startLine gives for the line's spacing.
     void lineWeights(std::span<const Line> lines, float (*weights)[16]) const;
     void enterCell(Octave& octave, std::int64_t cellZ, float below) const;

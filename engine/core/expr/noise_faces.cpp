@@ -437,8 +437,10 @@ constexpr Interleave makeInterleave() {
 constexpr Interleave kInterleave = makeInterleave();
 
 VELMORIN_SAMPLE_TARGET void storeSumsWide(const float* sums, std::size_t stride, std::size_t count,
-                                          float scale, float* out) {
+                                          float scale, float* out, const float* from,
+                                          float amplitude, float* moved) {
     const __m512 scaleLanes = _mm512_set1_ps(scale);
+    const __m512 amplitudeLanes = _mm512_set1_ps(amplitude);
     for (std::size_t i = 0; i < count; i += 16) {
         // Vec3f's product with the scale, per channel.
         const __m512 x = _mm512_mul_ps(_mm512_loadu_ps(sums + i), scaleLanes);
@@ -451,7 +453,15 @@ VELMORIN_SAMPLE_TARGET void storeSumsWide(const float* sums, std::size_t stride,
             const std::size_t left = floats - 16 * k;
             const __mmask16 keep =
                 left >= 16 ? __mmask16{0xFFFF} : static_cast<__mmask16>((1u << left) - 1u);
-            _mm512_mask_storeu_ps(out + 3 * i + 16 * k, keep, run);
+            const std::size_t at = 3 * i + 16 * k;
+            if (moved) {
+                // from + unit * amplitude, float by float.
+                _mm512_mask_storeu_ps(moved + at, keep,
+                                      _mm512_add_ps(_mm512_maskz_loadu_ps(keep, from + at),
+                                                    _mm512_mul_ps(run, amplitudeLanes)));
+            } else {
+                _mm512_mask_storeu_ps(out + at, keep, run);
+            }
         }
     }
 }
@@ -567,8 +577,8 @@ void blendSampleLanes(const std::int32_t* cell, const float* offset, const float
 }
 
 void storeSampleSums(const float* sums, std::size_t stride, std::size_t count, float scale,
-                     float* out) {
-    storeSumsWide(sums, stride, count, scale, out);
+                     float* out, const float* from, float amplitude, float* moved) {
+    storeSumsWide(sums, stride, count, scale, out, from, amplitude, moved);
 }
 
 #else
@@ -586,7 +596,8 @@ bool placeSampleLanes(const float*, std::size_t, float, float, std::int32_t*, fl
 }
 void blendSampleLanes(const std::int32_t*, const float*, const float*, std::size_t, std::int32_t,
                       const FaceTables&, std::size_t, float, bool, float*, std::size_t) {}
-void storeSampleSums(const float*, std::size_t, std::size_t, float, float*) {}
+void storeSampleSums(const float*, std::size_t, std::size_t, float, float*, const float*, float,
+                     float*) {}
 
 #endif
 

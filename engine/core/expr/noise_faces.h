@@ -85,8 +85,9 @@ bool placeSampleLanes(const float* z, std::size_t count, float frequency, float 
 void blendSampleLanes(const std::int32_t* cell, const float* offset, const float* fade,
                       std::size_t count, std::int32_t lowest, const FaceTables& tables,
                       std::size_t line, float weight, bool first, float* sums, std::size_t stride);
-// The sums of `count` samples times `scale`, as x, y, z of each sample into out (3 * count floats).
+// The sums of `count` samples times `scale`, as x, y, z of each sample into out (3 * count floats);
+// or, where `moved` is not null, from + that * amplitude float by float into moved, out untouched.
 void storeSampleSums(const float* sums, std::size_t stride, std::size_t count, float scale,
-                     float* out);
+                     float* out, const float* from, float amplitude, float* moved);
 
 }  // namespace velmorin::noise_faces

@@ -113,7 +113,8 @@ TEST(FractalNoiseAlongZ, AlongGivesEverySampleTheWalksBits) {
 // mixed within a group (none, one, the most a lane takes and one more), lines through lattice
 // planes, huge spots and no number at all (NaN, infinities), samples on lattice planes, repeated
 // (zero-length steps), skipping cells, falling and out of plain reach, and spacings that fade
-// octaves out, line by line; with each lane kernel the processor runs.
+// octaves out, line by line, some moving points by their samples; with each lane kernel the
+// processor runs.
 TEST(FractalNoiseAlongZ, LinesSideBySideGiveEachLineItsBits) {
     const std::size_t counts[] = {17, 0, 9, 1, 64, 65, 2, 33, 16, 5, 200, 3};
     const float spots[] = {5.0f,
@@ -141,6 +142,10 @@ TEST(FractalNoiseAlongZ, LinesSideBySideGiveEachLineItsBits) {
     constexpr std::size_t kLines = 120;
     std::vector<std::vector<float>> z(kLines);
     std::vector<FractalNoiseAlongZ::Line> lines(kLines);
+    // Every third line moves points by its samples, as a strand's noise moves them.
+    constexpr float kAmplitude = 0.37f;
+    const auto moves = [](std::size_t l) { return l % 3 == 1; };
+    std::vector<std::vector<Vec3f>> from(kLines);
     for (std::size_t l = 0; l < kLines; ++l) {
         const Pattern& p = patterns[l % std::size(patterns)];
         z[l].resize(counts[l % std::size(counts)]);
@@ -156,6 +161,8 @@ TEST(FractalNoiseAlongZ, LinesSideBySideGiveEachLineItsBits) {
         lines[l].y = y;
         lines[l].spacing = spacings[(l / 2) % std::size(spacings)];
         lines[l].z = z[l];
+        for (std::size_t i = 0; i < z[l].size(); ++i)
+            from[l].push_back(Vec3f{z[l][i], -0.5f * z[l][i], static_cast<float>(i)});
     }
     for (const float octaves : {1.0f, 2.0f, 3.0f, 8.0f}) {
         Fractal fractal;
@@ -176,10 +183,14 @@ TEST(FractalNoiseAlongZ, LinesSideBySideGiveEachLineItsBits) {
                 // A kernel this processor lacks would run the next narrower one again.
                 if (lanes > noiseLanesAvailable()) continue;
                 setNoiseLanes(lanes);
-                std::vector<std::vector<Vec3f>> got(kLines);
+                std::vector<std::vector<Vec3f>> got(kLines), scratch(kLines);
                 for (std::size_t l = 0; l < kLines; ++l) {
                     got[l].assign(z[l].size(), Vec3f{-1, -1, -1});
-                    lines[l].out = got[l];
+                    scratch[l].assign(z[l].size(), Vec3f{-1, -1, -1});
+                    lines[l].out = moves(l) ? scratch[l] : got[l];
+                    lines[l].from = moves(l) ? from[l] : std::span<const Vec3f>();
+                    lines[l].moved = moves(l) ? got[l] : std::span<Vec3f>();
+                    lines[l].amplitude = kAmplitude;
                 }
                 FractalNoiseAlongZ batch(fractal, seed);
                 for (std::size_t l = 0; l < kLines; l += group)
@@ -188,7 +199,10 @@ TEST(FractalNoiseAlongZ, LinesSideBySideGiveEachLineItsBits) {
                 for (std::size_t l = 0; l < kLines; ++l)
                     for (std::size_t i = 0; i < z[l].size(); ++i)
                         for (int axis = 0; axis < 3; ++axis)
-                            ASSERT_EQ(floatBits(got[l][i][axis]), floatBits(want[l][i][axis]))
+                            ASSERT_EQ(
+                                floatBits(got[l][i][axis]),
+                                floatBits(moves(l) ? (from[l][i] + want[l][i] * kAmplitude)[axis]
+                                                   : want[l][i][axis]))
                                 << patterns[l % std::size(patterns)].what << " line " << l
                                 << ", sample " << i << ", axis " << axis << ", octaves " << octaves
                                 << ", group " << group << ", lanes " << static_cast<int>(lanes);

@@ -141,11 +141,17 @@ void noiseStrands(const StrandSet& input, const NoiseSettings& settings,
         float waitingArcs[kLanes][kMostPoints];
         float waitingAlong[kLanes][kMostPoints];
         Vec3f waitingUnits[kLanes][kMostPoints];
+        // One amplitude for every point and nothing to note: the lines move the points
+        // themselves, each p + unit * amplitude as displaceStrand's plain loop makes it.
+        const bool linesMove =
+            !settings.amplitude.isMapped() && !record && settings.profile.keys.empty();
+        const float lineAmplitude = plainAmplitude * 1.0f;
         const auto flush = [&] {
             line.alongLines(std::span<const FractalNoiseAlongZ::Line>(lines, waitingCount));
-            for (std::size_t w = 0; w < waitingCount; ++w)
-                displaceStrand(settings, waiting[w].s, waiting[w].begin, waiting[w].points,
-                               waitingArcs[w], lines[w].out, out, record);
+            if (!linesMove)
+                for (std::size_t w = 0; w < waitingCount; ++w)
+                    displaceStrand(settings, waiting[w].s, waiting[w].begin, waiting[w].points,
+                                   waitingArcs[w], lines[w].out, out, record);
             waitingCount = 0;
         };
         // The draws of a batch of strands made before their points: each is a chain of hashes
@@ -217,6 +223,11 @@ void noiseStrands(const StrandSet& input, const NoiseSettings& settings,
                     lines[w] = {draws.base.x, draws.base.y, fractal.spacing,
                                 std::span<const float>(waitingAlong[w], n - 1),
                                 std::span<Vec3f>(waitingUnits[w], n - 1)};
+                    if (linesMove) {
+                        lines[w].from = points.subspan(1);
+                        lines[w].moved = out.subspan(begin + 1, n - 1);
+                        lines[w].amplitude = lineAmplitude;
+                    }
                     if (waitingCount == kLanes) flush();
                     continue;
                 }
