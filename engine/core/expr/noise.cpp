@@ -725,6 +725,16 @@ void FractalNoiseAlongZ::alongLinesWide(std::span<const Line> lines) {
         lineX[l] = lines[l < count ? l : 0].x;
         lineY[l] = lines[l < count ? l : 0].y;
     }
+    // Lines of few samples go in pairs, the second's samples in the upper lanes of the first's
+    // (whose arrays the pair shares).
+    bool paired[kLanes] = {};
+    const auto pairable = [&](std::size_t l) {
+        return !state[l].alone && state[l].count >= 1 &&
+               state[l].count <= noise_faces::kMostPairSamples;
+    };
+    for (std::size_t l = 0; l + 1 < count; l += 2)
+        paired[l] = paired[l + 1] = pairable(l) && pairable(l + 1);
+    noise_faces::SamplePairEnds ends[kLanes / 2];
     for (int o = 0; o < octaveCount_; ++o) {
         const Octave& octave = octaves_[o];
         std::size_t mostFaces = 0;
@@ -734,14 +744,37 @@ void FractalNoiseAlongZ::alongLinesWide(std::span<const Line> lines) {
             if (own) {
                 LineState& line = state[l];
                 line.blends = weights[l][o] != 0.0f && line.count > 0;
-                if (line.blends) {
+            }
+            if (l % 2 == 0 && paired[l]) {
+                // Both lines' samples at once, whichever of them takes this octave.
+                const bool takes =
+                    (!state[l + 1].alone && weights[l + 1][o] != 0.0f) || (own && state[l].blends);
+                if (takes)
+                    noise_faces::placeSamplePair(lines[l].z.data(), state[l].count,
+                                                 lines[l + 1].z.data(), state[l + 1].count,
+                                                 octave.frequency, kPlainReach, state[l].cell,
+                                                 state[l].offset, state[l].fade, ends[l / 2]);
+            }
+            if (own && state[l].blends) {
+                LineState& line = state[l];
+                {
                     std::int32_t highest = 0;
-                    const bool plain = noise_faces::placeSampleLanes(
-                        lines[l].z.data(), line.count, octave.frequency, kPlainReach, line.cell,
-                        line.offset, line.fade, lowest, highest);
-                    // octaveFaces's limits, with the tables' own.
+                    bool plain = false;
+                    if (paired[l]) {
+                        const noise_faces::SamplePairEnds& pair = ends[l / 2];
+                        lowest = pair.lowest[l % 2];
+                        highest = pair.highest[l % 2];
+                        plain = pair.plain[l % 2];
+                    } else {
+                        plain = noise_faces::placeSampleLanes(
+                            lines[l].z.data(), line.count, octave.frequency, kPlainReach, line.cell,
+                            line.offset, line.fade, lowest, highest);
+                    }
+                    // octaveFaces's limits, with the tables' own: a pair's lines pick from 16
+                    // faces each.
                     const std::int32_t faces = plain ? highest - lowest + 2 : 0;
-                    if (faces == 0 || faces > static_cast<std::int32_t>(kMostTableFaces) ||
+                    const std::size_t mostTableFaces = paired[l] ? 16 : kMostTableFaces;
+                    if (faces == 0 || static_cast<std::size_t>(faces) > mostTableFaces ||
                         static_cast<std::size_t>(faces) > 2 * line.count + 2) {
                         line.alone = true;
                         line.blends = false;
@@ -757,6 +790,24 @@ void FractalNoiseAlongZ::alongLinesWide(std::span<const Line> lines) {
         noise_faces::blendFaceTables(faceLanes, mostFaces, tables);
         for (std::size_t l = 0; l < count; ++l) {
             LineState& line = state[l];
+            if (paired[l]) {
+                if (l % 2 == 1) continue;
+                LineState& second = state[l + 1];
+                const unsigned blends = (!line.alone && line.blends ? 1u : 0u) |
+                                        (!second.alone && second.blends ? 2u : 0u);
+                if (blends == 0) continue;
+                const unsigned first = (line.summed ? 0u : 1u) | (second.summed ? 0u : 2u);
+                const std::int32_t lowest[2] = {
+                    static_cast<std::int32_t>(faceLanes.firstFace[l]),
+                    static_cast<std::int32_t>(faceLanes.firstFace[l + 1])};
+                const float weight[2] = {weights[l][o], weights[l + 1][o]};
+                noise_faces::blendSamplePair(line.cell, line.offset, line.fade, lowest, tables, l,
+                                             l + 1, weight, blends, first, &line.sums[0][0],
+                                             kMostLaneSamples);
+                if (blends & 1u) line.summed = true;
+                if (blends & 2u) second.summed = true;
+                continue;
+            }
             if (line.alone || !line.blends) continue;
             noise_faces::blendSampleLanes(line.cell, line.offset, line.fade, line.count,
                                           static_cast<std::int32_t>(faceLanes.firstFace[l]), tables,
@@ -770,13 +821,17 @@ void FractalNoiseAlongZ::alongLinesWide(std::span<const Line> lines) {
             alongAlone(lines[l]);
             continue;
         }
+        // A pair's second line sums in the upper lanes of the first's.
+        float* sums =
+            paired[l] ? &state[l & ~std::size_t{1}].sums[0][0] + 8 * (l % 2) : &state[l].sums[0][0];
         // A line no octave reached (all faded out) sums to 0.
         if (!state[l].summed)
-            for (auto& channel : state[l].sums)
-                std::fill_n(channel, state[l].count, 0.0f);
+            for (int channel = 0; channel < 3; ++channel)
+                std::fill_n(sums + kMostLaneSamples * static_cast<std::size_t>(channel),
+                            state[l].count, 0.0f);
         const Line& line = lines[l];
         noise_faces::storeSampleSums(
-            &state[l].sums[0][0], kMostLaneSamples, state[l].count, scale_, &line.out.data()->x,
+            sums, kMostLaneSamples, state[l].count, scale_, &line.out.data()->x,
             line.moved.empty() ? nullptr : &line.from.data()->x, line.amplitude,
             line.moved.empty() ? nullptr : &line.moved.data()->x);
     }

@@ -260,62 +260,161 @@ VELMORIN_FACE_TARGET void blendFaceTablesWide(const FaceLanes& lanes, std::size_
 
 #define VELMORIN_SAMPLE_TARGET __attribute__((target("avx512f")))
 
+// One run of 16 samples placed in their cells: for v = z * frequency in the lanes of `samples`,
+// whether each lies within +-reach, its cell's lower z, offset and fade, with the steps of the
+// one-line walk (floorOf's truncation, step down and sign; noiseFade's products in their order).
+struct PlacedLanes {
+    __m512 below, offset, fade;
+    __mmask16 near;
+};
+VELMORIN_SAMPLE_TARGET inline PlacedLanes placeLanes(__m512 z, __mmask16 samples, float frequency,
+                                                     float reach) {
+    // Every lane, in the zero-masked forms: the unmasked ones start from an undefined register,
+    // which GCC 12 warns of.
+    constexpr __mmask16 kAll = 0xFFFF;
+    const __m512i sign = _mm512_set1_epi32(static_cast<int>(0x80000000u));
+    const __m512 v = _mm512_mul_ps(z, _mm512_set1_ps(frequency));
+    const __m512i bits = _mm512_castps_si512(v);
+    PlacedLanes placed;
+    placed.near = _mm512_mask_cmp_ps_mask(
+        samples, _mm512_castsi512_ps(_mm512_maskz_andnot_epi32(kAll, sign, bits)),
+        _mm512_set1_ps(reach), _CMP_LT_OS);
+    // floorOf: truncate, step down where that rose, else keep the sign of v (of zero too).
+    const __m512 t = _mm512_maskz_cvtepi32_ps(kAll, _mm512_maskz_cvttps_epi32(kAll, v));
+    const __mmask16 down = _mm512_cmp_ps_mask(t, v, _CMP_GT_OS);
+    const __m512 signedT = _mm512_castsi512_ps(
+        _mm512_or_si512(_mm512_maskz_andnot_epi32(kAll, sign, _mm512_castps_si512(t)),
+                        _mm512_and_si512(sign, bits)));
+    placed.below = _mm512_mask_blend_ps(down, signedT, _mm512_sub_ps(t, _mm512_set1_ps(1.0f)));
+    const __m512 f = _mm512_sub_ps(v, placed.below);
+    const __m512 cubed = _mm512_mul_ps(_mm512_mul_ps(f, f), f);
+    const __m512 inner = _mm512_add_ps(
+        _mm512_mul_ps(f,
+                      _mm512_sub_ps(_mm512_mul_ps(f, _mm512_set1_ps(6.0f)), _mm512_set1_ps(15.0f))),
+        _mm512_set1_ps(10.0f));
+    placed.offset = f;
+    placed.fade = _mm512_mul_ps(cubed, inner);
+    return placed;
+}
+
+// The least of each lane's eight-lane half, in lanes 0 and 8 (and the most, alike): quarters,
+// pairs and neighbours folded onto each other within each half.
+VELMORIN_SAMPLE_TARGET inline __m512 leastByHalves(__m512 x) {
+    constexpr __mmask16 kAll = 0xFFFF;
+    x = _mm512_maskz_min_ps(kAll, x, _mm512_maskz_shuffle_f32x4(kAll, x, x, 0xB1));
+    x = _mm512_maskz_min_ps(kAll, x, _mm512_maskz_permute_ps(kAll, x, 0x4E));
+    return _mm512_maskz_min_ps(kAll, x, _mm512_maskz_permute_ps(kAll, x, 0xB1));
+}
+VELMORIN_SAMPLE_TARGET inline __m512 mostByHalves(__m512 x) {
+    constexpr __mmask16 kAll = 0xFFFF;
+    x = _mm512_maskz_max_ps(kAll, x, _mm512_maskz_shuffle_f32x4(kAll, x, x, 0xB1));
+    x = _mm512_maskz_max_ps(kAll, x, _mm512_maskz_permute_ps(kAll, x, 0x4E));
+    return _mm512_maskz_max_ps(kAll, x, _mm512_maskz_permute_ps(kAll, x, 0xB1));
+}
+
 VELMORIN_SAMPLE_TARGET bool placeSamplesWide(const float* z, std::size_t count, float frequency,
                                              float reach, std::int32_t* cell, float* offset,
                                              float* fade, std::int32_t& lowest,
                                              std::int32_t& highest) {
-    const __m512 frequencyLanes = _mm512_set1_ps(frequency);
-    const __m512 reachLanes = _mm512_set1_ps(reach);
-    const __m512 one = _mm512_set1_ps(1.0f);
-    const __m512i sign = _mm512_set1_epi32(static_cast<int>(0x80000000u));
-    // Every lane, in the zero-masked forms: the unmasked ones start from an undefined register,
-    // which GCC 12 warns of.
     constexpr __mmask16 kAll = 0xFFFF;
     __mmask16 inReach = kAll;
-    __m512 least = reachLanes, most = _mm512_set1_ps(-reach);
+    __m512 least = _mm512_set1_ps(reach), most = _mm512_set1_ps(-reach);
     for (std::size_t i = 0; i < count; i += 16) {
         // The lanes past the last sample read 0; they count in no check and no end cell.
         const __mmask16 samples =
             count - i >= 16 ? kAll : static_cast<__mmask16>((1u << (count - i)) - 1u);
-        const __m512 v = _mm512_mul_ps(_mm512_maskz_loadu_ps(samples, z + i), frequencyLanes);
-        const __m512i bits = _mm512_castps_si512(v);
-        const __mmask16 near = _mm512_mask_cmp_ps_mask(
-            samples, _mm512_castsi512_ps(_mm512_maskz_andnot_epi32(kAll, sign, bits)), reachLanes,
-            _CMP_LT_OS);
-        inReach &= static_cast<__mmask16>(near | ~samples);
-        // floorOf: truncate, step down where that rose, else keep the sign of v (of zero too).
-        const __m512 t = _mm512_maskz_cvtepi32_ps(kAll, _mm512_maskz_cvttps_epi32(kAll, v));
-        const __mmask16 down = _mm512_cmp_ps_mask(t, v, _CMP_GT_OS);
-        const __m512 signedT = _mm512_castsi512_ps(
-            _mm512_or_si512(_mm512_maskz_andnot_epi32(kAll, sign, _mm512_castps_si512(t)),
-                            _mm512_and_si512(sign, bits)));
-        const __m512 b = _mm512_mask_blend_ps(down, signedT, _mm512_sub_ps(t, one));
-        const __m512 f = _mm512_sub_ps(v, b);
-        const __m512 cubed = _mm512_mul_ps(_mm512_mul_ps(f, f), f);
-        const __m512 inner = _mm512_add_ps(
-            _mm512_mul_ps(
-                f, _mm512_sub_ps(_mm512_mul_ps(f, _mm512_set1_ps(6.0f)), _mm512_set1_ps(15.0f))),
-            _mm512_set1_ps(10.0f));
-        _mm512_storeu_si512(cell + i, _mm512_maskz_cvttps_epi32(kAll, b));
-        _mm512_storeu_ps(offset + i, f);
-        _mm512_storeu_ps(fade + i, _mm512_mul_ps(cubed, inner));
-        least = _mm512_mask_min_ps(least, samples, least, b);
-        most = _mm512_mask_max_ps(most, samples, most, b);
+        const PlacedLanes placed =
+            placeLanes(_mm512_maskz_loadu_ps(samples, z + i), samples, frequency, reach);
+        inReach &= static_cast<__mmask16>(placed.near | ~samples);
+        _mm512_storeu_si512(cell + i, _mm512_maskz_cvttps_epi32(kAll, placed.below));
+        _mm512_storeu_ps(offset + i, placed.offset);
+        _mm512_storeu_ps(fade + i, placed.fade);
+        least = _mm512_mask_min_ps(least, samples, least, placed.below);
+        most = _mm512_mask_max_ps(most, samples, most, placed.below);
     }
-    if (inReach != 0xFFFF) return false;
+    if (inReach != kAll) return false;
     // Whole floats in reach: the least and most cells are the same whatever order finds them.
-    // Halves, quarters, pairs and neighbours folded onto each other.
     least = _mm512_maskz_min_ps(kAll, least, _mm512_maskz_shuffle_f32x4(kAll, least, least, 0x4E));
     most = _mm512_maskz_max_ps(kAll, most, _mm512_maskz_shuffle_f32x4(kAll, most, most, 0x4E));
-    least = _mm512_maskz_min_ps(kAll, least, _mm512_maskz_shuffle_f32x4(kAll, least, least, 0xB1));
-    most = _mm512_maskz_max_ps(kAll, most, _mm512_maskz_shuffle_f32x4(kAll, most, most, 0xB1));
-    least = _mm512_maskz_min_ps(kAll, least, _mm512_maskz_permute_ps(kAll, least, 0x4E));
-    most = _mm512_maskz_max_ps(kAll, most, _mm512_maskz_permute_ps(kAll, most, 0x4E));
-    least = _mm512_maskz_min_ps(kAll, least, _mm512_maskz_permute_ps(kAll, least, 0xB1));
-    most = _mm512_maskz_max_ps(kAll, most, _mm512_maskz_permute_ps(kAll, most, 0xB1));
-    lowest = static_cast<std::int32_t>(_mm512_cvtss_f32(least));
-    highest = static_cast<std::int32_t>(_mm512_cvtss_f32(most));
+    lowest = static_cast<std::int32_t>(_mm512_cvtss_f32(leastByHalves(least)));
+    highest = static_cast<std::int32_t>(_mm512_cvtss_f32(mostByHalves(most)));
     return true;
+}
+
+#define VELMORIN_PAIR_TARGET __attribute__((target("avx512f,avx512dq,avx512vl")))
+
+VELMORIN_PAIR_TARGET void placeSamplePairWide(const float* za, std::size_t countA, const float* zb,
+                                              std::size_t countB, float frequency, float reach,
+                                              std::int32_t* cell, float* offset, float* fade,
+                                              SamplePairEnds& ends) {
+    const auto lanesOf = [](std::size_t count) {
+        return static_cast<__mmask8>((1u << count) - 1u);
+    };
+    const __mmask16 samples =
+        static_cast<__mmask16>(lanesOf(countA) | (static_cast<unsigned>(lanesOf(countB)) << 8));
+    const __m512 z = _mm512_insertf32x8(
+        _mm512_maskz_broadcast_f32x8(0x00FF, _mm256_maskz_loadu_ps(lanesOf(countA), za)),
+        _mm256_maskz_loadu_ps(lanesOf(countB), zb), 1);
+    const PlacedLanes placed = placeLanes(z, samples, frequency, reach);
+    const __mmask16 inReach = static_cast<__mmask16>(placed.near | ~samples);
+    ends.plain[0] = (inReach & 0x00FF) == 0x00FF;
+    ends.plain[1] = (inReach & 0xFF00) == 0xFF00;
+    _mm512_store_si512(cell, _mm512_maskz_cvttps_epi32(0xFFFF, placed.below));
+    _mm512_store_ps(offset, placed.offset);
+    _mm512_store_ps(fade, placed.fade);
+    alignas(64) float least[16], most[16];
+    _mm512_store_ps(
+        least, leastByHalves(_mm512_mask_blend_ps(samples, _mm512_set1_ps(reach), placed.below)));
+    _mm512_store_ps(
+        most, mostByHalves(_mm512_mask_blend_ps(samples, _mm512_set1_ps(-reach), placed.below)));
+    for (int half = 0; half < 2; ++half) {
+        ends.lowest[half] = static_cast<std::int32_t>(least[8 * half]);
+        ends.highest[half] = static_cast<std::int32_t>(most[8 * half]);
+    }
+}
+
+VELMORIN_SAMPLE_TARGET void blendSamplePairWide(const std::int32_t* cell, const float* offset,
+                                                const float* fade, const std::int32_t* lowest,
+                                                const FaceTables& tables, std::size_t lineA,
+                                                std::size_t lineB, const float* weight,
+                                                unsigned blends, unsigned first, float* sums,
+                                                std::size_t stride) {
+    // The second line's faces are the second half of the 32 floats a permute picks from.
+    const __m512i below = _mm512_add_epi32(
+        _mm512_sub_epi32(_mm512_load_si512(cell),
+                         _mm512_mask_blend_epi32(0xFF00, _mm512_set1_epi32(lowest[0]),
+                                                 _mm512_set1_epi32(lowest[1]))),
+        _mm512_mask_blend_epi32(0xFF00, _mm512_setzero_si512(), _mm512_set1_epi32(16)));
+    const __m512i above = _mm512_add_epi32(below, _mm512_set1_epi32(1));
+    const __m512 f = _mm512_load_ps(offset);
+    const __m512 fUp = _mm512_sub_ps(f, _mm512_set1_ps(1.0f));
+    const __m512 w = _mm512_load_ps(fade);
+    const __m512 weightLanes =
+        _mm512_mask_blend_ps(0xFF00, _mm512_set1_ps(weight[0]), _mm512_set1_ps(weight[1]));
+    const auto halves = [](unsigned lines) {
+        return static_cast<__mmask16>(((lines & 1u) ? 0x00FFu : 0u) |
+                                      ((lines & 2u) ? 0xFF00u : 0u));
+    };
+    const __mmask16 written = halves(blends), fresh = halves(first);
+    for (int c = 0; c < 3; ++c) {
+        const __m512 constantA = _mm512_load_ps(tables.constant[lineA][c]);
+        const __m512 constantB = _mm512_load_ps(tables.constant[lineB][c]);
+        const __m512 slopeA = _mm512_load_ps(tables.slope[lineA][c]);
+        const __m512 slopeB = _mm512_load_ps(tables.slope[lineB][c]);
+        // addBlended's steps per channel, as blendSamplesWide takes them.
+        const __m512 lower =
+            _mm512_add_ps(_mm512_permutex2var_ps(constantA, below, constantB),
+                          _mm512_mul_ps(_mm512_permutex2var_ps(slopeA, below, slopeB), f));
+        const __m512 upper =
+            _mm512_add_ps(_mm512_permutex2var_ps(constantA, above, constantB),
+                          _mm512_mul_ps(_mm512_permutex2var_ps(slopeA, above, slopeB), fUp));
+        const __m512 blended = _mm512_add_ps(lower, _mm512_mul_ps(_mm512_sub_ps(upper, lower), w));
+        float* sum = sums + stride * static_cast<std::size_t>(c);
+        const __m512 before =
+            _mm512_mask_blend_ps(fresh, _mm512_loadu_ps(sum), _mm512_setzero_ps());
+        _mm512_mask_storeu_ps(sum, written,
+                              _mm512_add_ps(before, _mm512_mul_ps(blended, weightLanes)));
+    }
 }
 
 // floorOf in eight lanes: truncate, step down where that rose, else keep the sign of x (of zero
@@ -581,6 +680,20 @@ void storeSampleSums(const float* sums, std::size_t stride, std::size_t count, f
     storeSumsWide(sums, stride, count, scale, out, from, amplitude, moved);
 }
 
+void placeSamplePair(const float* za, std::size_t countA, const float* zb, std::size_t countB,
+                     float frequency, float reach, std::int32_t* cell, float* offset, float* fade,
+                     SamplePairEnds& ends) {
+    placeSamplePairWide(za, countA, zb, countB, frequency, reach, cell, offset, fade, ends);
+}
+
+void blendSamplePair(const std::int32_t* cell, const float* offset, const float* fade,
+                     const std::int32_t* lowest, const FaceTables& tables, std::size_t lineA,
+                     std::size_t lineB, const float* weight, unsigned blends, unsigned first,
+                     float* sums, std::size_t stride) {
+    blendSamplePairWide(cell, offset, fade, lowest, tables, lineA, lineB, weight, blends, first,
+                        sums, stride);
+}
+
 #else
 
 FaceKernel widestFaceKernel() {
@@ -598,6 +711,11 @@ void blendSampleLanes(const std::int32_t*, const float*, const float*, std::size
                       const FaceTables&, std::size_t, float, bool, float*, std::size_t) {}
 void storeSampleSums(const float*, std::size_t, std::size_t, float, float*, const float*, float,
                      float*) {}
+void placeSamplePair(const float*, std::size_t, const float*, std::size_t, float, float,
+                     std::int32_t*, float*, float*, SamplePairEnds&) {}
+void blendSamplePair(const std::int32_t*, const float*, const float*, const std::int32_t*,
+                     const FaceTables&, std::size_t, std::size_t, const float*, unsigned, unsigned,
+                     float*, std::size_t) {}
 
 #endif
 

@@ -85,6 +85,30 @@ bool placeSampleLanes(const float* z, std::size_t count, float frequency, float 
 void blendSampleLanes(const std::int32_t* cell, const float* offset, const float* fade,
                       std::size_t count, std::int32_t lowest, const FaceTables& tables,
                       std::size_t line, float weight, bool first, float* sums, std::size_t stride);
+// Two lines of 1 to kMostPairSamples samples each, side by side in one 16-lane register: the first
+// in lanes 0-7, the second in lanes 8-15. Short strands (up to 9 points) fill half the lanes alone.
+inline constexpr std::size_t kMostPairSamples = 8;
+// Each line's lowest and highest cell, and whether all its samples lie in reach (where not, its
+// cells are not to be used).
+struct SamplePairEnds {
+    std::int32_t lowest[2] = {};
+    std::int32_t highest[2] = {};
+    bool plain[2] = {};
+};
+// placeSampleLanes for a pair: cell, offset and fade hold 16 lanes (64-byte aligned), the first
+// line's samples from lane 0, the second's from lane 8.
+void placeSamplePair(const float* za, std::size_t countA, const float* zb, std::size_t countB,
+                     float frequency, float reach, std::int32_t* cell, float* offset, float* fade,
+                     SamplePairEnds& ends);
+// blendSampleLanes for a pair as placeSamplePair left it, both lines' faces within 16 of their
+// lowest: per line (index 0 and 1) its lowest cell, table line and weight. Bit k of `blends` says
+// whether line k takes this octave (its sums are left alone where not), of `first` whether its
+// sums start from 0. Sums as there, 16 lanes a channel.
+void blendSamplePair(const std::int32_t* cell, const float* offset, const float* fade,
+                     const std::int32_t* lowest, const FaceTables& tables, std::size_t lineA,
+                     std::size_t lineB, const float* weight, unsigned blends, unsigned first,
+                     float* sums, std::size_t stride);
+
 // The sums of `count` samples times `scale`, as x, y, z of each sample into out (3 * count floats);
 // or, where `moved` is not null, from + that * amplitude float by float into moved, out untouched.
 void storeSampleSums(const float* sums, std::size_t stride, std::size_t count, float scale,

@@ -110,13 +110,13 @@ TEST(FractalNoiseAlongZ, AlongGivesEverySampleTheWalksBits) {
 }
 
 // Lines side by side give each line the bits it gets alone, whatever the group: point counts
-// mixed within a group (none, one, the most a lane takes and one more), lines through lattice
-// planes, huge spots and no number at all (NaN, infinities), samples on lattice planes, repeated
-// (zero-length steps), skipping cells, falling and out of plain reach, and spacings that fade
-// octaves out, line by line, some moving points by their samples; with each lane kernel the
-// processor runs.
+// mixed within a group (none, one, the most a lane takes and one more, short ones in pairs), lines
+// through lattice planes, huge spots and no number at all (NaN, infinities), samples on lattice
+// planes, repeated (zero-length steps), skipping cells, falling and out of plain reach, and
+// spacings that fade octaves out, line by line, some moving points by their samples; with each lane
+// kernel the processor runs.
 TEST(FractalNoiseAlongZ, LinesSideBySideGiveEachLineItsBits) {
-    const std::size_t counts[] = {17, 0, 9, 1, 64, 65, 2, 33, 16, 5, 200, 3};
+    const std::size_t counts[] = {17, 0, 9, 1, 64, 65, 2, 33, 16, 5, 200, 3, 8, 7, 1, 4, 6, 2};
     const float spots[] = {5.0f,
                            -3.0f,
                            0.0f,

@@ -240,11 +240,11 @@ TEST(Noise, KeepsItsBitsAtAnyThreadCount) {
 // strand must get the bits of the one-line path with each lane kernel the processor runs, at 1 and
 // 2 threads, in a full run, with a record
 // kept, and in a preview's subset. Point counts mix within each group (one point, two, the most a
-// lane takes and one more, long ones), with zero-length segments, strands that do not move (all
-// points on the root), huge coordinates, a frequency finer than the points, many octaves, a
-// profile, a mapped amplitude and a fraction.
+// lane takes and one more, long ones, short ones side by side), with zero-length segments, strands
+// that do not move (all points on the root), huge coordinates, a frequency finer than the points,
+// many octaves, a profile, a mapped amplitude and a fraction.
 TEST(Noise, SideBySideStrandsGiveTheOneLineBits) {
-    const std::size_t counts[] = {17, 2, 65, 1, 9, 66, 33, 3, 17, 100, 5, 17, 64};
+    const std::size_t counts[] = {17, 2, 65, 1, 9, 66, 33, 3, 17, 100, 5, 17, 64, 9, 9, 4, 2, 9};
     std::vector<std::vector<Vec3f>> shapes;
     for (std::size_t s = 0; s < 700; ++s) {
         std::vector<Vec3f> points = test::randomWalk(counts[s % std::size(counts)], s);
