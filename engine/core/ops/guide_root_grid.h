@@ -73,9 +73,10 @@ class GuideShortlist {
     // the same indices, distances and order.
     int nearest(const Vec3f& p, int k, std::uint32_t* indices, float* distances2) const;
 
-    // How nearest measures and ranks: root by root (plain), or four or eight roots at a time
-    // (SSE2, AVX where the processor has it; four elsewhere). Every way gives the same answer.
-    enum class Lanes { plain, four, eight };
+    // How nearest measures and ranks: root by root (plain), or four, eight or sixteen roots at a
+    // time (SSE2; AVX and AVX-512 where the processor has them, else the next narrower; sixteen
+    // answers up to 16 nearest and leaves more to eight). Every way gives the same answer.
+    enum class Lanes { plain, four, eight, sixteen };
     int nearest(Lanes lanes, const Vec3f& p, int k, std::uint32_t* indices,
                 float* distances2) const;
 
@@ -87,7 +88,7 @@ class GuideShortlist {
     float guess_ = 0.0f;
     // Nearest the centre first, with their distances from it: a query stops where the rest lie
     // too far from the centre to come near enough to its point. The coordinates come as columns,
-    // padded to a whole number of eight lanes with roots that are not numbers (which no query
+    // padded to a whole number of sixteen lanes with roots that are not numbers (which no query
     // takes), so that lanes read them straight.
     std::size_t count_ = 0;
     std::vector<float> x_, y_, z_;
