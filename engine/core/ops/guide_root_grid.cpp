@@ -306,7 +306,9 @@ GuideRootGrid::GuideRootGrid(std::span<const Vec3f> points, std::span<const std:
                         static_cast<double>(extent.z) * extent.x;
     const double largest = std::max({extent.x, extent.y, extent.z});
     const double reach = std::sqrt(std::max(1.0, static_cast<double>(typicalK) / 3.14159265));
-    double cell = std::sqrt(area / static_cast<double>(points.size())) * 1.2 * reach;
+    const double spacing = std::sqrt(area / static_cast<double>(points.size()));
+    if (points.size() > 1 && std::isfinite(spacing)) spacing_ = static_cast<float>(spacing);
+    double cell = spacing * 1.2 * reach;
     if (!(cell > largest * 1e-4)) cell = largest > 0.0 ? largest / 64.0 : 1.0;
     // No more than about eight cells a root, nor 512 along an axis.
     for (;;) {

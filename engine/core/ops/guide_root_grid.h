@@ -25,6 +25,10 @@ class GuideRootGrid {
 
     std::size_t size() const { return points_.size(); }
 
+    // The usual distance between neighbouring points, from the area of their box's faces (roots
+    // lie on a surface): 0 for fewer than two points or none apart.
+    float spacing() const { return spacing_; }
+
     // The up to `k` (at most kMaxNearest) nearest points to `p`, nearest first, with their
     // squared distances; equal distances in index order. Returns how many were found. Reads only.
     // `within2`, when the caller knows k points no farther than that squared distance (the
@@ -41,6 +45,7 @@ class GuideRootGrid {
   private:
     Vec3f min_;
     float cell_ = 1.0f;
+    float spacing_ = 0.0f;
     int dims_[3] = {1, 1, 1};
     std::vector<std::uint32_t> cellStart_;  // cells + 1 entries
     std::vector<Vec3f> points_;             // in cell order

@@ -255,6 +255,8 @@ void layOutChunk(BindingChunk& chunk, std::size_t count, const Source& at) {
 
 // Strands rooted side by side share one shortlist of guides: groups of at most this many.
 constexpr std::size_t kShortlistStrands = 32;
+// ... and spread over no more than this many guide spacings.
+constexpr float kGroupSpacings = 3.0f;
 
 // One thread's scratch for binding chunks, kept from chunk to chunk.
 struct ChunkScratch {
@@ -282,18 +284,25 @@ ChunkScratch& chunkScratch() {
 }
 
 // Splits `group` (chunk-local strands) at the median of their roots' widest axis until each part
-// has at most kShortlistStrands, and calls visit(part) on each part, in order. `roots` are the
-// chunk's roots by chunk-local index; `keys` is scratch of twice the group's size.
+// has at most kShortlistStrands and spans at most `widest` along every axis (or is one strand), and
+// calls visit(part) on each part, in order. `roots` are the chunk's roots by chunk-local index;
+// `keys` is scratch of twice the group's size.
+//
+// The width matters as much as the count: a chunk's strands may lie along a strip that crosses
+// the scalp, and a group spread over it would gather a shortlist of most guides, which each of its
+// strands then measures.
 template <class Visit>
-void splitByPlace(std::span<const Vec3f> roots, std::span<std::uint32_t> group,
+void splitByPlace(std::span<const Vec3f> roots, std::span<std::uint32_t> group, float widest,
                   std::span<std::uint64_t> keys, const Visit& visit) {
-    if (group.size() <= kShortlistStrands) return visit(group);
     Vec3f lo = roots[group[0]], hi = lo;
     for (const std::uint32_t k : group) {
         lo = minPerAxis(lo, roots[k]);
         hi = maxPerAxis(hi, roots[k]);
     }
     const Vec3f extent = hi - lo;
+    const float span = std::max({extent.x, extent.y, extent.z});
+    if (group.size() == 1 || (group.size() <= kShortlistStrands && !(span > widest)))
+        return visit(group, lo, hi);
     const int axis = extent.x >= extent.y && extent.x >= extent.z ? 0
                      : extent.y >= extent.z                       ? 1
                                                                   : 2;
@@ -306,8 +315,8 @@ void splitByPlace(std::span<const Vec3f> roots, std::span<std::uint32_t> group,
     selectNth(keys.data(), group.size(), half, keys.data() + group.size());
     for (std::size_t i = 0; i < group.size(); ++i)
         group[i] = static_cast<std::uint32_t>(keys[i]);
-    splitByPlace(roots, group.first(half), keys, visit);
-    splitByPlace(roots, group.subspan(half), keys, visit);
+    splitByPlace(roots, group.first(half), widest, keys, visit);
+    splitByPlace(roots, group.subspan(half), widest, keys, visit);
 }
 
 // Binds the strands [first, last) of `chunk` in order: all of them, or with `marks` only the
@@ -366,14 +375,13 @@ void bindRange(const BindContext& context, std::size_t first, std::size_t last,
                           std::min<std::size_t>(context.settings->candidates, list.grid.size())) +
                       1;
         scratch.keys.resize(2 * count);
-        splitByPlace(local, std::span<std::uint32_t>(run, runEnd), scratch.keys,
-                     [&](std::span<std::uint32_t> group) {
+        // A few guide spacings: wider groups are rare, and cost more in their queries than two
+        // shortlists do.
+        const float widest =
+            list.grid.spacing() > 0.0f ? list.grid.spacing() * kGroupSpacings : kInfiniteDistance;
+        splitByPlace(local, std::span<std::uint32_t>(run, runEnd), widest, scratch.keys,
+                     [&](std::span<std::uint32_t> group, const Vec3f& lo, const Vec3f& hi) {
                          if (list.grid.size() > 0) {
-                             Vec3f lo = local[group[0]], hi = lo;
-                             for (const std::uint32_t g : group) {
-                                 lo = minPerAxis(lo, local[g]);
-                                 hi = maxPerAxis(hi, local[g]);
-                             }
                              const Vec3f center = (lo + hi) * 0.5f;
                              float spread2 = 0.0f;
                              for (const std::uint32_t g : group)
