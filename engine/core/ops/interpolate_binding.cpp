@@ -154,7 +154,6 @@ StrandResult bindOne(const BindContext& context, std::size_t s, GuideShortlist& 
     if (count == 0) return finish(0);
     nearest2 = d2[0];
 
-    std::uint32_t units[kPaddedCandidates];
     if (settings.nearestOnly) {
         // 3. The nearest guide alone.
         weightsOut[0] = static_cast<std::uint16_t>(kTotalWeight - 1);
@@ -211,11 +210,9 @@ StrandResult bindOne(const BindContext& context, std::size_t s, GuideShortlist& 
     // 7. Quantised to sixteen bits.
     // Shepard's sum is the one quantising takes where neither step changed the weights: it adds
     // the same weights, none below 0, in the same order.
-    const int stored = binding_weights::quantise(
+    const int stored = binding_weights::quantiseRecords(
         context.lanes, count, weights,
-        reweighed ? binding_weights::positiveSum(count, weights) : sumA, guides, units);
-    for (int i = 0; i < stored; ++i)
-        weightsOut[i] = static_cast<std::uint16_t>(units[i] - 1);
+        reweighed ? binding_weights::positiveSum(count, weights) : sumA, guides, weightsOut);
     return finish(stored);
 }
 
