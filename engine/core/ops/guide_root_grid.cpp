@@ -251,6 +251,33 @@ VELMORIN_LANES_512 int nearest(const ShortlistColumns& c, const Vec3f& p, int k,
     return k;
 }
 
+// One pass of selectNth's partition over keys[lo, hi), eight keys at a time: the keys below
+// `pivot` packed down in place in their order, the others into `spare` in theirs, as the plain
+// pass leaves them. Returns how many are below.
+VELMORIN_LANES_512 std::size_t partition(std::uint64_t* keys, std::size_t lo, std::size_t hi,
+                                         std::uint64_t pivot, std::uint64_t* spare,
+                                         std::size_t& above) {
+    const __m512i split = _mm512_set1_epi64(static_cast<long long>(pivot));
+    std::size_t below = 0;
+    above = 0;
+    for (std::size_t i = lo; i < hi; i += 8) {
+        const auto valid = static_cast<__mmask8>(hi - i >= 8 ? 0xFF : (1u << (hi - i)) - 1u);
+        const __m512i key = _mm512_maskz_loadu_epi64(valid, keys + i);
+        const __mmask8 less = _mm512_mask_cmplt_epu64_mask(valid, key, split);
+        const auto more = static_cast<__mmask8>(valid & ~less);
+        const int lessCount = __builtin_popcount(less), moreCount = __builtin_popcount(more);
+        // Below lo + below lie only keys already read: the block just loaded is the farthest a
+        // store can reach.
+        _mm512_mask_storeu_epi64(keys + lo + below, static_cast<__mmask8>((1u << lessCount) - 1u),
+                                 _mm512_maskz_compress_epi64(less, key));
+        _mm512_mask_storeu_epi64(spare + above, static_cast<__mmask8>((1u << moreCount) - 1u),
+                                 _mm512_maskz_compress_epi64(more, key));
+        below += static_cast<std::size_t>(lessCount);
+        above += static_cast<std::size_t>(moreCount);
+    }
+    return below;
+}
+
 #undef VELMORIN_LANES_512
 
 }  // namespace sixteen_lanes
@@ -263,20 +290,34 @@ VELMORIN_LANES_512 int nearest(const ShortlistColumns& c, const Vec3f& p, int k,
 
 void selectNth(std::uint64_t* keys, std::size_t n, std::size_t nth, std::uint64_t* spare) {
     std::size_t lo = 0, hi = n;
-    while (hi - lo > 24) {
+    // Partitions in lanes pay off down to a few keys; the plain ones hand over to nth_element
+    // sooner.
+#if VELMORIN_FLOAT_LANES
+    const std::size_t few = sixteen_lanes::usable() ? 8 : 24;
+#else
+    const std::size_t few = 24;
+#endif
+    while (hi - lo > few) {
         // The median of three distinct keys leaves at least one key on either side.
         const std::uint64_t a = keys[lo], b = keys[lo + (hi - lo) / 2], c = keys[hi - 1];
         const std::uint64_t pivot = std::max(std::min(a, b), std::min(std::max(a, b), c));
         std::size_t below = 0, above = 0;
-        for (std::size_t i = lo; i < hi; ++i) {
-            const std::uint64_t key = keys[i];
-            const std::size_t less = key < pivot ? 1 : 0;
-            // Each key is written to both sides and counted on one. The lesser ones move down
-            // in place: lo + below never passes i.
-            keys[lo + below] = key;
-            spare[above] = key;
-            below += less;
-            above += 1 - less;
+#if VELMORIN_FLOAT_LANES
+        if (sixteen_lanes::usable()) {
+            below = sixteen_lanes::partition(keys, lo, hi, pivot, spare, above);
+        } else
+#endif
+        {
+            for (std::size_t i = lo; i < hi; ++i) {
+                const std::uint64_t key = keys[i];
+                const std::size_t less = key < pivot ? 1 : 0;
+                // Each key is written to both sides and counted on one. The lesser ones move
+                // down in place: lo + below never passes i.
+                keys[lo + below] = key;
+                spare[above] = key;
+                below += less;
+                above += 1 - less;
+            }
         }
         std::copy(spare, spare + above, keys + lo + below);
         if (nth < lo + below)

@@ -201,9 +201,10 @@ TEST(GuideShortlist, LanesAnswerAsThePlainQueryAtOneAndTwoThreads) {
 }
 
 // selectNth against a full sort, on key orders that trouble partitions: ascending, descending,
-// hashed, all but one alike in their high half, and sizes round the hand-over to nth_element.
+// hashed, all but one alike in their high half, and sizes round the hand-overs to nth_element
+// (after lanes and after plain partitions).
 TEST(SelectNth, PlacesTheKeyOfItsRankWithTheLesserBeforeAndTheGreaterAfter) {
-    for (const std::size_t n : {1u, 2u, 3u, 24u, 25u, 26u, 100u, 256u, 1001u}) {
+    for (const std::size_t n : {1u, 2u, 3u, 8u, 9u, 24u, 25u, 26u, 100u, 256u, 1001u}) {
         for (int pattern = 0; pattern < 4; ++pattern) {
             std::vector<std::uint64_t> keys(n);
             for (std::size_t i = 0; i < n; ++i) {
