@@ -203,7 +203,7 @@ VELMORIN_LANES_512 inline __m512 distancesAt(const ShortlistColumns& c, std::siz
 // sixteen roots have a distance at all (roots so far off that their distances overflow: the
 // caller asks a narrower query).
 VELMORIN_LANES_512 int nearest(const ShortlistColumns& c, const Vec3f& p, int k, float offCenter,
-                               std::uint32_t* indices, float* distances2) {
+                               std::uint32_t* indices, float* distances2, bool* increasing) {
     const __m512 px = _mm512_set1_ps(p.x), py = _mm512_set1_ps(p.y), pz = _mm512_set1_ps(p.z);
     const __m512 d = distancesAt(c, 0, px, py, pz);
     // Roots beyond any distance, and the padding (not a number), rank after every other.
@@ -248,6 +248,14 @@ VELMORIN_LANES_512 int nearest(const ShortlistColumns& c, const Vec3f& p, int k,
     const auto kept = static_cast<__mmask16>((1u << k) - 1u);
     _mm512_mask_storeu_epi32(indices, kept, low);
     _mm512_mask_storeu_epi32(distances2, kept, high);
+    if (increasing) {
+        // Each distance against the one before it: their bits order as they do.
+        const __m512i highA = _mm512_srli_epi64(a, 32), highB = _mm512_srli_epi64(b, 32);
+        const unsigned rises =
+            _mm512_cmpgt_epu64_mask(highA, _mm512_alignr_epi64(highA, highA, 7)) |
+            unsigned{_mm512_cmpgt_epu64_mask(highB, _mm512_alignr_epi64(highB, highA, 7))} << 8;
+        *increasing = ((rises | 1u) & kept) == kept;
+    }
     return k;
 }
 
@@ -611,20 +619,40 @@ void GuideShortlist::gather(const GuideRootGrid& grid, const Vec3f& center, floa
     indices_.resize(padded, 0);
 }
 
-int GuideShortlist::nearest(const Vec3f& p, int k, std::uint32_t* indices,
-                            float* distances2) const {
+int GuideShortlist::nearest(const Vec3f& p, int k, std::uint32_t* indices, float* distances2,
+                            bool* increasing) const {
 #if VELMORIN_FLOAT_LANES
     const Lanes lanes = sixteen_lanes::usable() ? Lanes::sixteen
                         : avxLanesUsable()      ? Lanes::eight
                                                 : Lanes::four;
-    return nearest(lanes, p, k, indices, distances2);
+    return nearest(lanes, p, k, indices, distances2, increasing);
 #else
-    return nearest(Lanes::plain, p, k, indices, distances2);
+    return nearest(Lanes::plain, p, k, indices, distances2, increasing);
 #endif
 }
 
 int GuideShortlist::nearest(Lanes lanes, const Vec3f& p, int k, std::uint32_t* indices,
-                            float* distances2) const {
+                            float* distances2, bool* increasing) const {
+    if (increasing) *increasing = true;
+#if VELMORIN_FLOAT_LANES
+    const int asked = std::min({k, k_, static_cast<int>(size())});
+    if (lanes == Lanes::sixteen && asked > 0 && asked <= 16 && sixteen_lanes::usable()) {
+        const ShortlistColumns columns{x_.data(),          y_.data(),       z_.data(),
+                                       fromCenter_.data(), indices_.data(), size()};
+        const int found = sixteen_lanes::nearest(columns, p, asked, length(p - center_) + margin_,
+                                                 indices, distances2, increasing);
+        if (found >= 0) return found;
+    }
+#endif
+    const int found = nearestOtherwise(lanes, p, k, indices, distances2);
+    if (increasing)
+        for (int i = 1; i < found; ++i)
+            if (!(distances2[i] > distances2[i - 1])) *increasing = false;
+    return found;
+}
+
+int GuideShortlist::nearestOtherwise(Lanes lanes, const Vec3f& p, int k, std::uint32_t* indices,
+                                     float* distances2) const {
     assert(k <= k_ || size() < static_cast<std::size_t>(k_));
     const std::size_t count = size();
     k = std::min({k, k_, static_cast<int>(count)});
@@ -634,10 +662,6 @@ int GuideShortlist::nearest(Lanes lanes, const Vec3f& p, int k, std::uint32_t* i
     if (lanes != Lanes::plain) {
         const ShortlistColumns columns{x_.data(),          y_.data(),       z_.data(),
                                        fromCenter_.data(), indices_.data(), count};
-        if (lanes == Lanes::sixteen && k <= 16 && sixteen_lanes::usable()) {
-            const int found = sixteen_lanes::nearest(columns, p, k, offCenter, indices, distances2);
-            if (found >= 0) return found;
-        }
         const int found =
             lanes != Lanes::four && avxLanesUsable()
                 ? wide_shortlist::nearestInLanes(columns, p, k, offCenter, indices, distances2)

@@ -75,15 +75,18 @@ class GuideShortlist {
     void restart() { guess_ = 0.0f; }
 
     // As GuideRootGrid::nearest for a point within the gathered spread and k up to the gathered k:
-    // the same indices, distances and order.
-    int nearest(const Vec3f& p, int k, std::uint32_t* indices, float* distances2) const;
+    // the same indices, distances and order. `increasing`, when given, receives whether the
+    // distances found rise strictly (no two roots at one distance), which the lanes know without
+    // reading back what they stored. `indices` and `distances2` hold kMaxNearest.
+    int nearest(const Vec3f& p, int k, std::uint32_t* indices, float* distances2,
+                bool* increasing = nullptr) const;
 
     // How nearest measures and ranks: root by root (plain), or four, eight or sixteen roots at a
     // time (SSE2; AVX and AVX-512 where the processor has them, else the next narrower; sixteen
     // answers up to 16 nearest and leaves more to eight). Every way gives the same answer.
     enum class Lanes { plain, four, eight, sixteen };
-    int nearest(Lanes lanes, const Vec3f& p, int k, std::uint32_t* indices,
-                float* distances2) const;
+    int nearest(Lanes lanes, const Vec3f& p, int k, std::uint32_t* indices, float* distances2,
+                bool* increasing = nullptr) const;
 
   private:
     int k_ = 0;
@@ -105,6 +108,10 @@ class GuideShortlist {
     std::vector<std::uint64_t> order_;
     // The keys within the radius, then in order; before that, the spare of the k-th selection.
     std::vector<std::uint64_t> kept_;
+
+    // nearest's queries other than sixteen lanes'.
+    int nearestOtherwise(Lanes lanes, const Vec3f& p, int k, std::uint32_t* indices,
+                         float* distances2) const;
 
     // Orders the first `count` keys of kept_ ascending.
     void orderKept(std::size_t count);

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <functional>
 #include <numeric>
 
 #include "base/hash.h"
@@ -132,11 +133,19 @@ TEST(GuideShortlist, AnswersAsTheGridAndAScanOfEveryPoint) {
                         for (const auto lanes :
                              {GuideShortlist::Lanes::plain, GuideShortlist::Lanes::four,
                               GuideShortlist::Lanes::eight, GuideShortlist::Lanes::sixteen}) {
+                            bool increasing = false;
                             const Answer fromList = ask(asked, [&](int n, auto* i, auto* d) {
-                                return shortlist.nearest(lanes, p, n, i, d);
+                                return shortlist.nearest(lanes, p, n, i, d, &increasing);
                             });
                             ASSERT_EQ(fromList, expected) << set.name << " group " << group
                                                           << " lanes " << static_cast<int>(lanes);
+                            // Distances rise strictly unless two roots lie at one distance.
+                            const auto& bits = expected.distanceBits;
+                            EXPECT_EQ(increasing,
+                                      std::adjacent_find(bits.begin(), bits.end(),
+                                                         std::greater_equal<>()) == bits.end())
+                                << set.name << " group " << group << " lanes "
+                                << static_cast<int>(lanes);
                         }
                     }
                 }

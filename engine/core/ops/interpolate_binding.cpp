@@ -91,18 +91,22 @@ struct StrandResult {
 };
 
 // Binds strand `s`: its records go to `guides` and `weights` (kSlotRecords each; `guides` holds
-// the candidates on the way). `shortlist`, gathered for the strand's list round its root, answers
-// the nearest-guide query as the list's grid would.
-StrandResult bindOne(const BindContext& context, std::size_t s, GuideShortlist& shortlist,
-                     std::uint32_t* guides, std::uint16_t* weightsOut) {
+// the candidates on the way), the rest to `result`. `shortlist`, gathered for the strand's list
+// round its root, answers the nearest-guide query as the list's grid would.
+void bindOne(const BindContext& context, std::size_t s, GuideShortlist& shortlist,
+             std::uint32_t* guides, std::uint16_t* weightsOut, StrandResult& result) {
     const InterpolateSettings& settings = *context.settings;
     const BindingInputs& inputs = *context.inputs;
     float nearest2 = kInfiniteDistance;
     float next2 = kInfiniteDistance;
     const Vec3f root = inputs.strandRoots[s];
     const GuideList& list = (*context.lists)[static_cast<std::size_t>(context.strandLists[s])];
+    // Written field by field where the caller keeps it: a result built on the stack and
+    // returned is read back across the stores that built it, which the processor cannot forward.
     const auto finish = [&](int records) {
-        return StrandResult{static_cast<std::uint32_t>(records), nearest2, next2};
+        result.count = static_cast<std::uint32_t>(records);
+        result.nearest2 = nearest2;
+        result.next2 = next2;
     };
     if (!isFinite(root) || list.grid.size() == 0) return finish(0);
     if (inputs.tubes && inputs.tubes->riding[s]) {
@@ -118,16 +122,17 @@ StrandResult bindOne(const BindContext& context, std::size_t s, GuideShortlist& 
     const int wanted =
         static_cast<int>(std::min<std::size_t>(settings.candidates, list.grid.size()));
     float d2[GuideRootGrid::kMaxNearest];
-    int count = shortlist.nearest(root, wanted + 1, guides, d2);
+    bool clean = true;
+    int count = shortlist.nearest(root, wanted + 1, guides, d2, &clean);
     if (inputs.surface) {
         const std::int32_t listIndex = context.strandLists[s];
         count = nearestOnSurface(*inputs.surface, inputs, s,
                                  listIndex > 0 ? inputs.strandLabels[s] : -1, wanted + 1, guides,
                                  d2, count);
+        clean = true;
+        for (int i = 1; i < count; ++i)
+            if (!(d2[i] > d2[i - 1])) clean = false;
     }
-    bool clean = true;
-    for (int i = 1; i < count; ++i)
-        if (!(d2[i] > d2[i - 1])) clean = false;
     if (clean && count > wanted) next2 = d2[wanted];
     count = std::min(count, wanted);
 
@@ -392,9 +397,8 @@ void bindRange(const BindContext& context, std::size_t first, std::size_t last,
     scratch.weights.resize(kBindingChunkStrands * kSlotRecords);
     const auto bindGroup = [&](std::span<const std::uint32_t> group) {
         for (const std::uint32_t k : group)
-            scratch.results[k] = bindOne(context, first + k, scratch.shortlist,
-                                         scratch.guides.data() + k * kSlotRecords,
-                                         scratch.weights.data() + k * kSlotRecords);
+            bindOne(context, first + k, scratch.shortlist, scratch.guides.data() + k * kSlotRecords,
+                    scratch.weights.data() + k * kSlotRecords, scratch.results[k]);
     };
     bindGroup(std::span<const std::uint32_t>(scratch.order.begin(), unplaced));
     for (auto run = unplaced; run != scratch.order.end();) {
