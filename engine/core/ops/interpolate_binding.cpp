@@ -83,18 +83,28 @@ struct BindContext {
 constexpr std::size_t kSlotRecords = 80;
 static_assert(kSlotRecords >= GuideRootGrid::kMaxNearest && kSlotRecords >= kPaddedCandidates);
 
-// What bindOne finds for a strand besides its records.
+// What binding finds for a strand besides its records.
 struct StrandResult {
     std::uint32_t count = 0;  // records
     float nearest2 = kInfiniteDistance;
     float next2 = kInfiniteDistance;
+    // Between finding the candidates and weighing them: how many there are (0 where the strand
+    // needs no weighing), and whether their distances rose strictly.
+    std::int32_t candidates = 0;
+    bool clean = true;
 };
 
-// Binds strand `s`: its records go to `guides` and `weights` (kSlotRecords each; `guides` holds
-// the candidates on the way), the rest to `result`. `shortlist`, gathered for the strand's list
-// round its root, answers the nearest-guide query as the list's grid would.
-void bindOne(const BindContext& context, std::size_t s, GuideShortlist& shortlist,
-             std::uint32_t* guides, std::uint16_t* weightsOut, StrandResult& result) {
+// Finds strand `s`'s candidate guides into `guides` and their squared distances into `d2` (both
+// kSlotRecords long) for weigh, or binds the strand outright where it needs no weights: its records
+// then go to `guides` and `weightsOut`. `shortlist`, gathered for the strand's list round its root,
+// answers the nearest-guide query as the list's grid would.
+//
+// A group's strands are all found before any is weighed: each step is a long chain of dependent
+// operations, and two loops of shorter bodies let the processor run several strands' chains at
+// once.
+void findCandidates(const BindContext& context, std::size_t s, GuideShortlist& shortlist,
+                    std::uint32_t* guides, float* d2, std::uint16_t* weightsOut,
+                    StrandResult& result) {
     const InterpolateSettings& settings = *context.settings;
     const BindingInputs& inputs = *context.inputs;
     float nearest2 = kInfiniteDistance;
@@ -107,6 +117,7 @@ void bindOne(const BindContext& context, std::size_t s, GuideShortlist& shortlis
         result.count = static_cast<std::uint32_t>(records);
         result.nearest2 = nearest2;
         result.next2 = next2;
+        result.candidates = 0;
     };
     if (!isFinite(root) || list.grid.size() == 0) return finish(0);
     if (inputs.tubes && inputs.tubes->riding[s]) {
@@ -121,7 +132,6 @@ void bindOne(const BindContext& context, std::size_t s, GuideShortlist& shortlis
     // 1. The nearest guides, and the distance of the first one past them.
     const int wanted =
         static_cast<int>(std::min<std::size_t>(settings.candidates, list.grid.size()));
-    float d2[GuideRootGrid::kMaxNearest];
     bool clean = true;
     int count = shortlist.nearest(root, wanted + 1, guides, d2, &clean);
     if (inputs.surface) {
@@ -164,6 +174,22 @@ void bindOne(const BindContext& context, std::size_t s, GuideShortlist& shortlis
         weightsOut[0] = static_cast<std::uint16_t>(kTotalWeight - 1);
         return finish(1);
     }
+    finish(0);
+    result.candidates = count;
+    result.clean = clean;
+}
+
+// Weighs the candidates findCandidates left for strand `s` (none: nothing to do) and writes its
+// records to `guides` and `weightsOut`.
+void weigh(const BindContext& context, std::size_t s, std::uint32_t* guides, const float* d2,
+           std::uint16_t* weightsOut, StrandResult& result) {
+    int count = result.candidates;
+    if (count == 0) return;
+    const InterpolateSettings& settings = *context.settings;
+    const BindingInputs& inputs = *context.inputs;
+    const GuideList& list = (*context.lists)[static_cast<std::size_t>(context.strandLists[s])];
+    const float next2 = result.next2;
+    const bool clean = result.clean;
 
     // 4. First weights, by each guide's reach.
     double weights[kPaddedCandidates];
@@ -218,7 +244,7 @@ void bindOne(const BindContext& context, std::size_t s, GuideShortlist& shortlis
     const int stored = binding_weights::quantiseRecords(
         context.lanes, count, weights,
         reweighed ? binding_weights::positiveSum(count, weights) : sumA, guides, weightsOut);
-    return finish(stored);
+    result.count = static_cast<std::uint32_t>(stored);
 }
 
 void startChunk(BindingChunk& chunk, std::size_t first) {
@@ -305,10 +331,12 @@ struct ChunkScratch {
     GuideShortlist shortlist;
     std::vector<std::uint32_t> order;  // chunk-local strands, grouped by list and place
     std::vector<std::uint64_t> keys;   // splitByPlace's
-    // Per chunk-local strand bound, its result and its slot of kSlotRecords records.
+    // Per chunk-local strand bound, its result and its slots of kSlotRecords records and
+    // candidates' distances.
     std::vector<StrandResult> results;
     std::vector<std::uint32_t> guides;
     std::vector<std::uint16_t> weights;
+    std::vector<float> distances;
 };
 
 // A float's bits turned so that they order as the numbers do (-0 counted as +0).
@@ -395,10 +423,17 @@ void bindRange(const BindContext& context, std::size_t first, std::size_t last,
     scratch.results.resize(kBindingChunkStrands);
     scratch.guides.resize(kBindingChunkStrands * kSlotRecords);
     scratch.weights.resize(kBindingChunkStrands * kSlotRecords);
+    scratch.distances.resize(kBindingChunkStrands * kSlotRecords);
     const auto bindGroup = [&](std::span<const std::uint32_t> group) {
         for (const std::uint32_t k : group)
-            bindOne(context, first + k, scratch.shortlist, scratch.guides.data() + k * kSlotRecords,
-                    scratch.weights.data() + k * kSlotRecords, scratch.results[k]);
+            findCandidates(context, first + k, scratch.shortlist,
+                           scratch.guides.data() + k * kSlotRecords,
+                           scratch.distances.data() + k * kSlotRecords,
+                           scratch.weights.data() + k * kSlotRecords, scratch.results[k]);
+        for (const std::uint32_t k : group)
+            weigh(context, first + k, scratch.guides.data() + k * kSlotRecords,
+                  scratch.distances.data() + k * kSlotRecords,
+                  scratch.weights.data() + k * kSlotRecords, scratch.results[k]);
     };
     bindGroup(std::span<const std::uint32_t>(scratch.order.begin(), unplaced));
     for (auto run = unplaced; run != scratch.order.end();) {
