@@ -321,9 +321,10 @@ void layOutChunk(BindingChunk& chunk, std::size_t count, const Source& at) {
     chunk.guides.resize(records);
 }
 
-// Strands rooted side by side share one shortlist of guides: groups of at most this many.
-constexpr std::size_t kShortlistStrands = 32;
-// ... and spread over no more than this many guide spacings.
+// Strands rooted side by side share one shortlist of guides: groups of at most this many...
+constexpr std::size_t kShortlistStrands = 64;
+// ... and spread over no more than this many guide spacings. On a dense groom the spread bounds
+// most groups before the count does: a shortlist then serves as many strands as lie that close.
 constexpr float kGroupSpacings = 3.0f;
 
 // One thread's scratch for binding chunks, kept from chunk to chunk.
