@@ -445,6 +445,100 @@ __attribute__((target("avx512f,avx2"))) int keepUnitsEight(int count, std::uint3
     }
     return kept;
 }
+// One block of eight weights rounded as roundUnits rounds them, in registers: their units (as
+// whole doubles), remainders, and which were above 0.
+__attribute__((target("avx512f,avx2"))) inline void roundBlock(const double* weights,
+                                                               __mmask8 valid, __m512d total8,
+                                                               __m512d& units, __m512d& left,
+                                                               __mmask8& above) {
+    const __m512d scale = _mm512_set1_pd(kTotalWeight);
+    const __m512d whole = _mm512_set1_pd(4503599627370496.0);
+    const __m512d w = _mm512_maskz_loadu_pd(valid, weights);
+    above = _mm512_cmp_pd_mask(w, _mm512_setzero_pd(), _CMP_GT_OQ);
+    const __m512d scaled = _mm512_maskz_mul_pd(above, _mm512_div_pd(w, total8), scale);
+    units = _mm512_min_pd(_mm512_sub_pd(_mm512_add_pd(scaled, whole), whole), scale);
+    left = _mm512_sub_pd(scaled, units);
+}
+
+// The first of the sixteen lanes (low, then high) that equal `x`, or -1.
+__attribute__((target("avx512f,avx2"))) inline int firstEqual(__m512d low, __m512d high, double x) {
+    const __m512d value = _mm512_set1_pd(x);
+    const unsigned at = _mm512_cmp_pd_mask(low, value, _CMP_EQ_OQ) |
+                        unsigned{_mm512_cmp_pd_mask(high, value, _CMP_EQ_OQ)} << 8;
+    return at == 0 ? -1 : __builtin_ctz(at);
+}
+
+// Adds `step` to the units of lane `pick` (of sixteen) and takes it from its remainder.
+__attribute__((target("avx512f,avx2"))) inline void moveUnit(int pick, __m512d step,
+                                                             __m512d& unitsLow, __m512d& unitsHigh,
+                                                             __m512d& leftLow, __m512d& leftHigh) {
+    const unsigned bit = 1u << pick;
+    const auto low = static_cast<__mmask8>(bit), high = static_cast<__mmask8>(bit >> 8);
+    unitsLow = _mm512_mask_add_pd(unitsLow, low, unitsLow, step);
+    unitsHigh = _mm512_mask_add_pd(unitsHigh, high, unitsHigh, step);
+    leftLow = _mm512_mask_sub_pd(leftLow, low, leftLow, step);
+    leftHigh = _mm512_mask_sub_pd(leftHigh, high, leftHigh, step);
+}
+
+// Up to sixteen weights quantised in two registers of eight: the rounding, the moves of units and
+// the keeping of entries with units, with no store and reload between them (a load of what a
+// masked store has just written waits for it to reach the cache). The moves are quantise's, each
+// pick found as the greatest or least lane and then the first lane holding it; entries not above
+// 0 take no part, as they take none where quantise has dropped them first.
+__attribute__((target("avx512f,avx2"))) int quantiseSixteen(int count, const double* weights,
+                                                            double sum, std::uint32_t* guides,
+                                                            std::uint16_t* records) {
+    const __m512d total8 = _mm512_set1_pd(sum), one = _mm512_set1_pd(1.0);
+    const __m512d zero = _mm512_setzero_pd();
+    const __m512d infinite = _mm512_set1_pd(kInfinity), none = _mm512_set1_pd(-kInfinity);
+    const auto valid = static_cast<__mmask16>((1u << count) - 1u);
+    __m512d unitsLow, unitsHigh, leftLow, leftHigh;
+    __mmask8 aboveLow, aboveHigh;
+    roundBlock(weights, static_cast<__mmask8>(valid), total8, unitsLow, leftLow, aboveLow);
+    roundBlock(weights + 8, static_cast<__mmask8>(valid >> 8), total8, unitsHigh, leftHigh,
+               aboveHigh);
+    // Whole numbers far below 2^53: any order of adding them is exact.
+    auto total =
+        static_cast<std::int64_t>(_mm512_reduce_add_pd(_mm512_add_pd(unitsLow, unitsHigh)));
+    while (total > kTotalWeight) {
+        // The least remainder among those that can give a unit; the earliest of equal ones.
+        const __mmask8 giveLow = _mm512_mask_cmp_pd_mask(
+            _mm512_cmp_pd_mask(unitsLow, zero, _CMP_GT_OQ), leftLow, zero, _CMP_NEQ_OQ);
+        const __mmask8 giveHigh = _mm512_mask_cmp_pd_mask(
+            _mm512_cmp_pd_mask(unitsHigh, zero, _CMP_GT_OQ), leftHigh, zero, _CMP_NEQ_OQ);
+        const __m512d low = _mm512_mask_mov_pd(infinite, giveLow, leftLow);
+        const __m512d high = _mm512_mask_mov_pd(infinite, giveHigh, leftHigh);
+        const double least = _mm512_reduce_min_pd(_mm512_min_pd(low, high));
+        int pick = least < kInfinity ? firstEqual(low, high, least) : -1;
+        if (pick < 0) {
+            const unsigned has = _mm512_cmp_pd_mask(unitsLow, zero, _CMP_GT_OQ) |
+                                 unsigned{_mm512_cmp_pd_mask(unitsHigh, zero, _CMP_GT_OQ)} << 8;
+            pick = __builtin_ctz(has);
+        }
+        moveUnit(pick, _mm512_sub_pd(zero, one), unitsLow, unitsHigh, leftLow, leftHigh);
+        --total;
+    }
+    while (total < kTotalWeight) {
+        // The largest remainder among the entries above 0; the earliest of equal ones.
+        const __m512d low = _mm512_mask_mov_pd(none, aboveLow, leftLow);
+        const __m512d high = _mm512_mask_mov_pd(none, aboveHigh, leftHigh);
+        moveUnit(firstEqual(low, high, _mm512_reduce_max_pd(_mm512_max_pd(low, high))), one,
+                 unitsLow, unitsHigh, leftLow, leftHigh);
+        ++total;
+    }
+    const __m512i units = _mm512_inserti64x4(_mm512_castsi256_si512(_mm512_cvttpd_epi32(unitsLow)),
+                                             _mm512_cvttpd_epi32(unitsHigh), 1);
+    const __mmask16 keep = _mm512_mask_cmpneq_epi32_mask(valid, units, _mm512_setzero_si512());
+    const int kept = __builtin_popcount(keep);
+    const __m512i guide = _mm512_maskz_loadu_epi32(valid, guides);
+    _mm512_mask_storeu_epi32(guides, static_cast<__mmask16>((1u << kept) - 1u),
+                             _mm512_maskz_compress_epi32(keep, guide));
+    const __m512i stored =
+        _mm512_maskz_compress_epi32(keep, _mm512_sub_epi32(units, _mm512_set1_epi32(1)));
+    _mm256_storeu_si256(reinterpret_cast<__m256i*>(records), _mm512_cvtepi32_epi16(stored));
+    return kept;
+}
+
 #if defined(__GNUC__) && !defined(__clang__)
 #pragma GCC diagnostic pop
 #endif
@@ -486,6 +580,21 @@ double positiveSum(int count, const double* weights) {
     for (int i = 0; i < count; ++i)
         sum += weights[i] > 0.0 ? weights[i] : 0.0;
     return sum;
+}
+
+int quantiseRecords(Lanes lanes, int count, const double* weights, double sum,
+                    std::uint32_t* guides, std::uint16_t* records) {
+#if VELMORIN_BINDING_LANES
+    if (lanes == Lanes::eight && count <= 16) {
+        if (!(sum > 0.0) || !std::isfinite(sum)) return 0;
+        return quantiseSixteen(count, weights, sum, guides, records);
+    }
+#endif
+    std::uint32_t units[kPaddedCandidates];
+    const int kept = quantise(lanes, count, weights, sum, guides, units);
+    for (int i = 0; i < kept; ++i)
+        records[i] = static_cast<std::uint16_t>(units[i] - 1);
+    return kept;
 }
 
 int quantise(Lanes lanes, int count, const double* weights, double sum, std::uint32_t* guides,

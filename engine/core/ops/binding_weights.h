@@ -42,4 +42,10 @@ double positiveSum(int count, const double* weights);
 int quantise(Lanes lanes, int count, const double* weights, double sum, std::uint32_t* guides,
              std::uint32_t* units);
 
+// As quantise, but each kept entry's units less one (its stored weight) go to `records`
+// (kPaddedCandidates long: lanes may write past the last kept entry). With eight lanes and up to
+// sixteen weights, all of it is done in registers.
+int quantiseRecords(Lanes lanes, int count, const double* weights, double sum,
+                    std::uint32_t* guides, std::uint16_t* records);
+
 }  // namespace velmorin::binding_weights

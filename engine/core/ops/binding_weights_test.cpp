@@ -119,6 +119,18 @@ std::string firstDifference(const Candidates& c, Lanes lanes) {
         total += plainUnits[i];
     }
     if (plainKept > 0 && total != binding_weights::kTotalWeight) return c.name + ": total";
+
+    // The records as the binding stores them: the plain units less one, whatever the width.
+    std::vector<std::uint32_t> recordGuides = guides;
+    recordGuides.resize(kPaddedCandidates, 77u);
+    std::uint16_t records[kPaddedCandidates];
+    std::copy(plain, plain + n, wide);
+    const int recordsKept =
+        binding_weights::quantiseRecords(lanes, n, wide, sum, recordGuides.data(), records);
+    if (recordsKept != plainKept) return c.name + ": records kept";
+    for (int i = 0; i < plainKept; ++i)
+        if (records[i] != plainUnits[i] - 1 || recordGuides[i] != plainGuides[i])
+            return c.name + ": stored record " + std::to_string(i);
     return {};
 }
 
@@ -166,10 +178,20 @@ TEST(BindingWeights, QuantisingMovesUnitsByTheLargestRemainderTiesToTheEarliest)
             std::copy(row.weights.begin(), row.weights.end(), weights);
             std::uint32_t guides[kPaddedCandidates], units[kPaddedCandidates];
             std::iota(guides, guides + n, 0u);
-            const int kept = binding_weights::quantise(
-                lanes, n, weights, binding_weights::positiveSum(n, weights), guides, units);
+            const double sum = binding_weights::positiveSum(n, weights);
+            const int kept = binding_weights::quantise(lanes, n, weights, sum, guides, units);
             EXPECT_EQ(std::vector<std::uint32_t>(units, units + kept), row.units);
             EXPECT_EQ(std::vector<std::uint32_t>(guides, guides + kept), row.guides);
+            // Stored as units less one, by the same moves.
+            std::uint16_t records[kPaddedCandidates];
+            std::iota(guides, guides + n, 0u);
+            const int stored =
+                binding_weights::quantiseRecords(lanes, n, weights, sum, guides, records);
+            std::vector<std::uint32_t> storedUnits(records, records + stored);
+            for (std::uint32_t& unit : storedUnits)
+                ++unit;
+            EXPECT_EQ(storedUnits, row.units);
+            EXPECT_EQ(std::vector<std::uint32_t>(guides, guides + stored), row.guides);
         }
     }
     // A sum of nothing, or not a number, binds nothing.
@@ -179,6 +201,11 @@ TEST(BindingWeights, QuantisingMovesUnitsByTheLargestRemainderTiesToTheEarliest)
     EXPECT_EQ(binding_weights::quantise(binding_weights::bestLanes(), 2, weights,
                                         std::numeric_limits<double>::infinity(), guides, units),
               0);
+    std::uint16_t records[kPaddedCandidates];
+    for (const double sum : {0.0, std::numeric_limits<double>::infinity()})
+        EXPECT_EQ(binding_weights::quantiseRecords(binding_weights::bestLanes(), 2, weights, sum,
+                                                   guides, records),
+                  0);
 }
 
 }  // namespace

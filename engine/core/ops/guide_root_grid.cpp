@@ -29,7 +29,7 @@ struct ShortlistColumns {
 // most a gather orders in lanes rather than by sorting.
 constexpr std::size_t kLaneCandidates = 256;
 // Columns are padded to a multiple of this, the widest lanes.
-constexpr std::size_t kColumnPad = 8;
+constexpr std::size_t kColumnPad = 16;
 
 // How many lanes a mask's bits set, for up to eight lanes.
 constexpr auto kLaneCount = [] {
@@ -95,24 +95,237 @@ using namespace float_lanes::wide;
 }  // namespace wide_shortlist
 #endif
 
+#if VELMORIN_FLOAT_LANES
+#if defined(__GNUC__) && !defined(__clang__)
+// GCC 12 takes the undefined start values inside its AVX-512 intrinsics for uninitialised
+// variables; the warnings say nothing of this code.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wuninitialized"
+#pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
+#endif
+// The query for up to sixteen nearest with AVX-512: a root's distance and index travel as one
+// 64-bit key (rankKey), so that the tie rule is a plain unsigned comparison, and the best sixteen
+// keys stay sorted in two registers. The first sixteen roots are measured and sorted at once by a
+// sorting network; each later root within the k-th distance is put in its place by one
+// compare-and-shift across both registers. Distances are the plain query's operations in its
+// order, so the answer is the plain query's bit for bit.
+namespace sixteen_lanes {
+
+#define VELMORIN_LANES_512 __attribute__((target("avx512f,avx2")))
+
+bool usable() {
+    static const bool ok = __builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx2");
+    return ok;
+}
+
+// Lane i meets lane partner[i]; the lanes of `upper` keep the greater key, the others the lesser.
+VELMORIN_LANES_512 inline __m512i exchange(__m512i keys, __m512i partner, __mmask8 upper) {
+    const __m512i other = _mm512_permutexvar_epi64(partner, keys);
+    return _mm512_mask_blend_epi64(upper, _mm512_min_epu64(keys, other),
+                                   _mm512_max_epu64(keys, other));
+}
+
+// Partners i ^ 1, i ^ 2, i ^ 3, i ^ 4 and i ^ 7 of lane i.
+VELMORIN_LANES_512 inline __m512i partnerXor1() {
+    return _mm512_set_epi64(6, 7, 4, 5, 2, 3, 0, 1);
+}
+VELMORIN_LANES_512 inline __m512i partnerXor2() {
+    return _mm512_set_epi64(5, 4, 7, 6, 1, 0, 3, 2);
+}
+VELMORIN_LANES_512 inline __m512i partnerXor3() {
+    return _mm512_set_epi64(4, 5, 6, 7, 0, 1, 2, 3);
+}
+VELMORIN_LANES_512 inline __m512i partnerXor4() {
+    return _mm512_set_epi64(3, 2, 1, 0, 7, 6, 5, 4);
+}
+VELMORIN_LANES_512 inline __m512i reversed() {
+    return _mm512_set_epi64(0, 1, 2, 3, 4, 5, 6, 7);
+}
+
+// Sorts sixteen distinct-or-equal keys ascending, a (lanes 0-7) before b (lanes 8-15): a bitonic
+// network in which every merge starts by folding a block onto its mirror, so that every step sorts
+// the same way.
+VELMORIN_LANES_512 inline void sortSixteen(__m512i& a, __m512i& b) {
+    const __m512i x1 = partnerXor1(), x2 = partnerXor2(), x3 = partnerXor3();
+    const __m512i x4 = partnerXor4(), x7 = reversed();
+    a = exchange(a, x1, 0xAA);
+    b = exchange(b, x1, 0xAA);
+    a = exchange(a, x3, 0xCC);
+    b = exchange(b, x3, 0xCC);
+    a = exchange(a, x1, 0xAA);
+    b = exchange(b, x1, 0xAA);
+    a = exchange(a, x7, 0xF0);
+    b = exchange(b, x7, 0xF0);
+    a = exchange(a, x2, 0xCC);
+    b = exchange(b, x2, 0xCC);
+    a = exchange(a, x1, 0xAA);
+    b = exchange(b, x1, 0xAA);
+    const __m512i mirror = _mm512_permutexvar_epi64(x7, b);
+    const __m512i high = _mm512_max_epu64(a, mirror);
+    a = _mm512_min_epu64(a, mirror);
+    b = _mm512_permutexvar_epi64(x7, high);
+    a = exchange(a, x4, 0xF0);
+    b = exchange(b, x4, 0xF0);
+    a = exchange(a, x2, 0xCC);
+    b = exchange(b, x2, 0xCC);
+    a = exchange(a, x1, 0xAA);
+    b = exchange(b, x1, 0xAA);
+}
+
+// Puts `key` into its place among the sixteen sorted keys, the last dropped: insertSorted's rule,
+// every slot at once.
+VELMORIN_LANES_512 inline void insertKey(__m512i& a, __m512i& b, std::uint64_t key) {
+    const __m512i k = _mm512_set1_epi64(static_cast<long long>(key));
+    const __m512i aBefore = _mm512_alignr_epi64(a, _mm512_setzero_si512(), 7);
+    const __m512i bBefore = _mm512_alignr_epi64(b, a, 7);
+    a = _mm512_min_epu64(a, _mm512_max_epu64(aBefore, k));
+    b = _mm512_min_epu64(b, _mm512_max_epu64(bBefore, k));
+}
+
+// The key in place `at` (0 to 15).
+VELMORIN_LANES_512 inline std::uint64_t keyAt(__m512i a, __m512i b, int at) {
+    const __m512i lane = _mm512_set1_epi64(at & 7);
+    return static_cast<std::uint64_t>(
+        _mm_cvtsi128_si64(_mm512_castsi512_si128(_mm512_permutexvar_epi64(lane, at < 8 ? a : b))));
+}
+
+// The squared distances of the sixteen roots from `at` to (px, py, pz).
+VELMORIN_LANES_512 inline __m512 distancesAt(const ShortlistColumns& c, std::size_t at, __m512 px,
+                                             __m512 py, __m512 pz) {
+    const __m512 dx = _mm512_sub_ps(_mm512_loadu_ps(c.x + at), px);
+    const __m512 dy = _mm512_sub_ps(_mm512_loadu_ps(c.y + at), py);
+    const __m512 dz = _mm512_sub_ps(_mm512_loadu_ps(c.z + at), pz);
+    return _mm512_add_ps(_mm512_add_ps(_mm512_mul_ps(dx, dx), _mm512_mul_ps(dy, dy)),
+                         _mm512_mul_ps(dz, dz));
+}
+
+// The up to sixteen nearest, as the plain query finds them; -1 where fewer than k of the first
+// sixteen roots have a distance at all (roots so far off that their distances overflow: the
+// caller asks a narrower query).
+VELMORIN_LANES_512 int nearest(const ShortlistColumns& c, const Vec3f& p, int k, float offCenter,
+                               std::uint32_t* indices, float* distances2, bool* increasing) {
+    const __m512 px = _mm512_set1_ps(p.x), py = _mm512_set1_ps(p.y), pz = _mm512_set1_ps(p.z);
+    const __m512 d = distancesAt(c, 0, px, py, pz);
+    // Roots beyond any distance, and the padding (not a number), rank after every other.
+    const __mmask16 measurable = _mm512_cmp_ps_mask(d, _mm512_set1_ps(kNoBound), _CMP_LE_OQ);
+    if (__builtin_popcount(measurable) < k) return -1;
+    const __m512i bits = _mm512_castps_si512(d);
+    const __m512i index = _mm512_loadu_si512(c.indices);
+    const __m512i none = _mm512_set1_epi64(-1);
+    __m512i a =
+        _mm512_or_si512(_mm512_slli_epi64(_mm512_cvtepu32_epi64(_mm512_castsi512_si256(bits)), 32),
+                        _mm512_cvtepu32_epi64(_mm512_castsi512_si256(index)));
+    __m512i b = _mm512_or_si512(
+        _mm512_slli_epi64(_mm512_cvtepu32_epi64(_mm512_extracti64x4_epi64(bits, 1)), 32),
+        _mm512_cvtepu32_epi64(_mm512_extracti64x4_epi64(index, 1)));
+    a = _mm512_mask_mov_epi64(none, static_cast<__mmask8>(measurable), a);
+    b = _mm512_mask_mov_epi64(none, static_cast<__mmask8>(measurable >> 8), b);
+    sortSixteen(a, b);
+    float worst2 = distanceOf(keyAt(a, b, k - 1));
+    for (std::size_t i = 16; i < c.count; i += 16) {
+        // The plain query's stop, checked a block at a time.
+        const float slack = c.fromCenter[i] - offCenter;
+        if (slack > 0.0f && slack * slack > worst2 * 1.0002f) break;
+        const __m512 near = distancesAt(c, i, px, py, pz);
+        auto within =
+            static_cast<unsigned>(_mm512_cmp_ps_mask(near, _mm512_set1_ps(worst2), _CMP_LE_OQ));
+        if (within == 0) continue;
+        alignas(64) float lanes[16];
+        _mm512_store_ps(lanes, near);
+        // A key past the k-th lands past the k-th place and changes none before it, so every
+        // root within the distance so far goes in without a test.
+        for (; within != 0; within &= within - 1) {
+            const auto lane = static_cast<std::size_t>(__builtin_ctz(within));
+            insertKey(a, b, rankKey(lanes[lane], c.indices[i + lane]));
+        }
+        worst2 = distanceOf(keyAt(a, b, k - 1));
+    }
+    const __m512i low = _mm512_inserti64x4(_mm512_castsi256_si512(_mm512_cvtepi64_epi32(a)),
+                                           _mm512_cvtepi64_epi32(b), 1);
+    const __m512i high =
+        _mm512_inserti64x4(_mm512_castsi256_si512(_mm512_cvtepi64_epi32(_mm512_srli_epi64(a, 32))),
+                           _mm512_cvtepi64_epi32(_mm512_srli_epi64(b, 32)), 1);
+    const auto kept = static_cast<__mmask16>((1u << k) - 1u);
+    _mm512_mask_storeu_epi32(indices, kept, low);
+    _mm512_mask_storeu_epi32(distances2, kept, high);
+    if (increasing) {
+        // Each distance against the one before it: their bits order as they do.
+        const __m512i highA = _mm512_srli_epi64(a, 32), highB = _mm512_srli_epi64(b, 32);
+        const unsigned rises =
+            _mm512_cmpgt_epu64_mask(highA, _mm512_alignr_epi64(highA, highA, 7)) |
+            unsigned{_mm512_cmpgt_epu64_mask(highB, _mm512_alignr_epi64(highB, highA, 7))} << 8;
+        *increasing = ((rises | 1u) & kept) == kept;
+    }
+    return k;
+}
+
+// One pass of selectNth's partition over keys[lo, hi), eight keys at a time: the keys below
+// `pivot` packed down in place in their order, the others into `spare` in theirs, as the plain
+// pass leaves them. Returns how many are below.
+VELMORIN_LANES_512 std::size_t partition(std::uint64_t* keys, std::size_t lo, std::size_t hi,
+                                         std::uint64_t pivot, std::uint64_t* spare,
+                                         std::size_t& above) {
+    const __m512i split = _mm512_set1_epi64(static_cast<long long>(pivot));
+    std::size_t below = 0;
+    above = 0;
+    for (std::size_t i = lo; i < hi; i += 8) {
+        const auto valid = static_cast<__mmask8>(hi - i >= 8 ? 0xFF : (1u << (hi - i)) - 1u);
+        const __m512i key = _mm512_maskz_loadu_epi64(valid, keys + i);
+        const __mmask8 less = _mm512_mask_cmplt_epu64_mask(valid, key, split);
+        const auto more = static_cast<__mmask8>(valid & ~less);
+        const int lessCount = __builtin_popcount(less), moreCount = __builtin_popcount(more);
+        // Below lo + below lie only keys already read: the block just loaded is the farthest a
+        // store can reach.
+        _mm512_mask_storeu_epi64(keys + lo + below, static_cast<__mmask8>((1u << lessCount) - 1u),
+                                 _mm512_maskz_compress_epi64(less, key));
+        _mm512_mask_storeu_epi64(spare + above, static_cast<__mmask8>((1u << moreCount) - 1u),
+                                 _mm512_maskz_compress_epi64(more, key));
+        below += static_cast<std::size_t>(lessCount);
+        above += static_cast<std::size_t>(moreCount);
+    }
+    return below;
+}
+
+#undef VELMORIN_LANES_512
+
+}  // namespace sixteen_lanes
+#if defined(__GNUC__) && !defined(__clang__)
+#pragma GCC diagnostic pop
+#endif
+#endif
+
 }  // namespace
 
 void selectNth(std::uint64_t* keys, std::size_t n, std::size_t nth, std::uint64_t* spare) {
     std::size_t lo = 0, hi = n;
-    while (hi - lo > 24) {
+    // Partitions in lanes pay off down to a few keys; the plain ones hand over to nth_element
+    // sooner.
+#if VELMORIN_FLOAT_LANES
+    const std::size_t few = sixteen_lanes::usable() ? 8 : 24;
+#else
+    const std::size_t few = 24;
+#endif
+    while (hi - lo > few) {
         // The median of three distinct keys leaves at least one key on either side.
         const std::uint64_t a = keys[lo], b = keys[lo + (hi - lo) / 2], c = keys[hi - 1];
         const std::uint64_t pivot = std::max(std::min(a, b), std::min(std::max(a, b), c));
         std::size_t below = 0, above = 0;
-        for (std::size_t i = lo; i < hi; ++i) {
-            const std::uint64_t key = keys[i];
-            const std::size_t less = key < pivot ? 1 : 0;
-            // Each key is written to both sides and counted on one. The lesser ones move down
-            // in place: lo + below never passes i.
-            keys[lo + below] = key;
-            spare[above] = key;
-            below += less;
-            above += 1 - less;
+#if VELMORIN_FLOAT_LANES
+        if (sixteen_lanes::usable()) {
+            below = sixteen_lanes::partition(keys, lo, hi, pivot, spare, above);
+        } else
+#endif
+        {
+            for (std::size_t i = lo; i < hi; ++i) {
+                const std::uint64_t key = keys[i];
+                const std::size_t less = key < pivot ? 1 : 0;
+                // Each key is written to both sides and counted on one. The lesser ones move
+                // down in place: lo + below never passes i.
+                keys[lo + below] = key;
+                spare[above] = key;
+                below += less;
+                above += 1 - less;
+            }
         }
         std::copy(spare, spare + above, keys + lo + below);
         if (nth < lo + below)
@@ -142,7 +355,9 @@ GuideRootGrid::GuideRootGrid(std::span<const Vec3f> points, std::span<const std:
                         static_cast<double>(extent.z) * extent.x;
     const double largest = std::max({extent.x, extent.y, extent.z});
     const double reach = std::sqrt(std::max(1.0, static_cast<double>(typicalK) / 3.14159265));
-    double cell = std::sqrt(area / static_cast<double>(points.size())) * 1.2 * reach;
+    const double spacing = std::sqrt(area / static_cast<double>(points.size()));
+    if (points.size() > 1 && std::isfinite(spacing)) spacing_ = static_cast<float>(spacing);
+    double cell = spacing * 1.2 * reach;
     if (!(cell > largest * 1e-4)) cell = largest > 0.0 ? largest / 64.0 : 1.0;
     // No more than about eight cells a root, nor 512 along an axis.
     for (;;) {
@@ -404,17 +619,40 @@ void GuideShortlist::gather(const GuideRootGrid& grid, const Vec3f& center, floa
     indices_.resize(padded, 0);
 }
 
-int GuideShortlist::nearest(const Vec3f& p, int k, std::uint32_t* indices,
-                            float* distances2) const {
+int GuideShortlist::nearest(const Vec3f& p, int k, std::uint32_t* indices, float* distances2,
+                            bool* increasing) const {
 #if VELMORIN_FLOAT_LANES
-    return nearest(avxLanesUsable() ? Lanes::eight : Lanes::four, p, k, indices, distances2);
+    const Lanes lanes = sixteen_lanes::usable() ? Lanes::sixteen
+                        : avxLanesUsable()      ? Lanes::eight
+                                                : Lanes::four;
+    return nearest(lanes, p, k, indices, distances2, increasing);
 #else
-    return nearest(Lanes::plain, p, k, indices, distances2);
+    return nearest(Lanes::plain, p, k, indices, distances2, increasing);
 #endif
 }
 
 int GuideShortlist::nearest(Lanes lanes, const Vec3f& p, int k, std::uint32_t* indices,
-                            float* distances2) const {
+                            float* distances2, bool* increasing) const {
+    if (increasing) *increasing = true;
+#if VELMORIN_FLOAT_LANES
+    const int asked = std::min({k, k_, static_cast<int>(size())});
+    if (lanes == Lanes::sixteen && asked > 0 && asked <= 16 && sixteen_lanes::usable()) {
+        const ShortlistColumns columns{x_.data(),          y_.data(),       z_.data(),
+                                       fromCenter_.data(), indices_.data(), size()};
+        const int found = sixteen_lanes::nearest(columns, p, asked, length(p - center_) + margin_,
+                                                 indices, distances2, increasing);
+        if (found >= 0) return found;
+    }
+#endif
+    const int found = nearestOtherwise(lanes, p, k, indices, distances2);
+    if (increasing)
+        for (int i = 1; i < found; ++i)
+            if (!(distances2[i] > distances2[i - 1])) *increasing = false;
+    return found;
+}
+
+int GuideShortlist::nearestOtherwise(Lanes lanes, const Vec3f& p, int k, std::uint32_t* indices,
+                                     float* distances2) const {
     assert(k <= k_ || size() < static_cast<std::size_t>(k_));
     const std::size_t count = size();
     k = std::min({k, k_, static_cast<int>(count)});
@@ -425,7 +663,7 @@ int GuideShortlist::nearest(Lanes lanes, const Vec3f& p, int k, std::uint32_t* i
         const ShortlistColumns columns{x_.data(),          y_.data(),       z_.data(),
                                        fromCenter_.data(), indices_.data(), count};
         const int found =
-            lanes == Lanes::eight && avxLanesUsable()
+            lanes != Lanes::four && avxLanesUsable()
                 ? wide_shortlist::nearestInLanes(columns, p, k, offCenter, indices, distances2)
                 : narrow_shortlist::nearestInLanes(columns, p, k, offCenter, indices, distances2);
         if (found >= 0) return found;

@@ -25,6 +25,10 @@ class GuideRootGrid {
 
     std::size_t size() const { return points_.size(); }
 
+    // The usual distance between neighbouring points, from the area of their box's faces (roots
+    // lie on a surface): 0 for fewer than two points or none apart.
+    float spacing() const { return spacing_; }
+
     // The up to `k` (at most kMaxNearest) nearest points to `p`, nearest first, with their
     // squared distances; equal distances in index order. Returns how many were found. Reads only.
     // `within2`, when the caller knows k points no farther than that squared distance (the
@@ -41,6 +45,7 @@ class GuideRootGrid {
   private:
     Vec3f min_;
     float cell_ = 1.0f;
+    float spacing_ = 0.0f;
     int dims_[3] = {1, 1, 1};
     std::vector<std::uint32_t> cellStart_;  // cells + 1 entries
     std::vector<Vec3f> points_;             // in cell order
@@ -70,14 +75,18 @@ class GuideShortlist {
     void restart() { guess_ = 0.0f; }
 
     // As GuideRootGrid::nearest for a point within the gathered spread and k up to the gathered k:
-    // the same indices, distances and order.
-    int nearest(const Vec3f& p, int k, std::uint32_t* indices, float* distances2) const;
+    // the same indices, distances and order. `increasing`, when given, receives whether the
+    // distances found rise strictly (no two roots at one distance), which the lanes know without
+    // reading back what they stored. `indices` and `distances2` hold kMaxNearest.
+    int nearest(const Vec3f& p, int k, std::uint32_t* indices, float* distances2,
+                bool* increasing = nullptr) const;
 
-    // How nearest measures and ranks: root by root (plain), or four or eight roots at a time
-    // (SSE2, AVX where the processor has it; four elsewhere). Every way gives the same answer.
-    enum class Lanes { plain, four, eight };
-    int nearest(Lanes lanes, const Vec3f& p, int k, std::uint32_t* indices,
-                float* distances2) const;
+    // How nearest measures and ranks: root by root (plain), or four, eight or sixteen roots at a
+    // time (SSE2; AVX and AVX-512 where the processor has them, else the next narrower; sixteen
+    // answers up to 16 nearest and leaves more to eight). Every way gives the same answer.
+    enum class Lanes { plain, four, eight, sixteen };
+    int nearest(Lanes lanes, const Vec3f& p, int k, std::uint32_t* indices, float* distances2,
+                bool* increasing = nullptr) const;
 
   private:
     int k_ = 0;
@@ -87,7 +96,7 @@ class GuideShortlist {
     float guess_ = 0.0f;
     // Nearest the centre first, with their distances from it: a query stops where the rest lie
     // too far from the centre to come near enough to its point. The coordinates come as columns,
-    // padded to a whole number of eight lanes with roots that are not numbers (which no query
+    // padded to a whole number of sixteen lanes with roots that are not numbers (which no query
     // takes), so that lanes read them straight.
     std::size_t count_ = 0;
     std::vector<float> x_, y_, z_;
@@ -99,6 +108,10 @@ class GuideShortlist {
     std::vector<std::uint64_t> order_;
     // The keys within the radius, then in order; before that, the spare of the k-th selection.
     std::vector<std::uint64_t> kept_;
+
+    // nearest's queries other than sixteen lanes'.
+    int nearestOtherwise(Lanes lanes, const Vec3f& p, int k, std::uint32_t* indices,
+                         float* distances2) const;
 
     // Orders the first `count` keys of kept_ ascending.
     void orderKept(std::size_t count);

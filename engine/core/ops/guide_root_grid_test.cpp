@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <functional>
 #include <numeric>
 
 #include "base/hash.h"
@@ -131,12 +132,20 @@ TEST(GuideShortlist, AnswersAsTheGridAndAScanOfEveryPoint) {
                         ASSERT_EQ(fromGrid, expected) << set.name << " group " << group;
                         for (const auto lanes :
                              {GuideShortlist::Lanes::plain, GuideShortlist::Lanes::four,
-                              GuideShortlist::Lanes::eight}) {
+                              GuideShortlist::Lanes::eight, GuideShortlist::Lanes::sixteen}) {
+                            bool increasing = false;
                             const Answer fromList = ask(asked, [&](int n, auto* i, auto* d) {
-                                return shortlist.nearest(lanes, p, n, i, d);
+                                return shortlist.nearest(lanes, p, n, i, d, &increasing);
                             });
                             ASSERT_EQ(fromList, expected) << set.name << " group " << group
                                                           << " lanes " << static_cast<int>(lanes);
+                            // Distances rise strictly unless two roots lie at one distance.
+                            const auto& bits = expected.distanceBits;
+                            EXPECT_EQ(increasing,
+                                      std::adjacent_find(bits.begin(), bits.end(),
+                                                         std::greater_equal<>()) == bits.end())
+                                << set.name << " group " << group << " lanes "
+                                << static_cast<int>(lanes);
                         }
                     }
                 }
@@ -154,18 +163,23 @@ TEST(GuideShortlist, LanesAnswerAsThePlainQueryAtOneAndTwoThreads) {
         for (std::size_t i = 0; i < indices.size(); ++i)
             indices[i] = static_cast<std::uint32_t>(i * 5 + 2);
         const GuideRootGrid grid(set.points, indices, 15);
-        // Per thread count, per group and query: the plain, four-lane and eight-lane answers.
+        // Per thread count, per group and query: the plain, four-, eight- and sixteen-lane
+        // answers.
+        constexpr std::size_t kWays = 4;
         std::vector<Answer> answers[2];
         for (const int threads : {1, 2}) {
             std::vector<Answer>& out = answers[threads - 1];
-            out.assign(kGroups * kQueries * 3, Answer{});
+            out.assign(kGroups * kQueries * kWays, Answer{});
             runWithThreads(threads, [&] {
                 parallelRange(0, kGroups, 4, [&](std::size_t begin, std::size_t end) {
                     GuideShortlist shortlist;
                     for (std::size_t group = begin; group < end; ++group) {
                         const Vec3f center = set.points[mix64(group + 11) % set.points.size()];
                         const float spread = set.spacing * (0.25f + unitFloat(mix64(group)) * 2.0f);
-                        const int k = group % 3 == 0 ? 15 : group % 3 == 1 ? 9 : 67;
+                        const int k = group % 4 == 0   ? 15
+                                      : group % 4 == 1 ? 9
+                                      : group % 4 == 2 ? 16
+                                                       : 67;
                         shortlist.gather(grid, center, spread, k);
                         for (std::size_t q = 0; q < kQueries; ++q) {
                             // Some right on the centre (a root, maybe a twin), the rest round it.
@@ -175,8 +189,8 @@ TEST(GuideShortlist, LanesAnswerAsThePlainQueryAtOneAndTwoThreads) {
                             int lane = 0;
                             for (const auto lanes :
                                  {GuideShortlist::Lanes::plain, GuideShortlist::Lanes::four,
-                                  GuideShortlist::Lanes::eight})
-                                out[(group * kQueries + q) * 3 + lane++] =
+                                  GuideShortlist::Lanes::eight, GuideShortlist::Lanes::sixteen})
+                                out[(group * kQueries + q) * kWays + lane++] =
                                     ask(k, [&](int n, auto* i, auto* d) {
                                         return shortlist.nearest(lanes, p, n, i, d);
                                     });
@@ -184,10 +198,11 @@ TEST(GuideShortlist, LanesAnswerAsThePlainQueryAtOneAndTwoThreads) {
                     }
                 });
             });
-            for (std::size_t a = 0; a < out.size(); a += 3) {
+            for (std::size_t a = 0; a < out.size(); a += kWays) {
                 ASSERT_FALSE(out[a].indices.empty()) << set.name;
-                ASSERT_EQ(out[a + 1], out[a]) << set.name << " four lanes, query " << a / 3;
-                ASSERT_EQ(out[a + 2], out[a]) << set.name << " eight lanes, query " << a / 3;
+                ASSERT_EQ(out[a + 1], out[a]) << set.name << " four lanes, query " << a / kWays;
+                ASSERT_EQ(out[a + 2], out[a]) << set.name << " eight lanes, query " << a / kWays;
+                ASSERT_EQ(out[a + 3], out[a]) << set.name << " sixteen lanes, query " << a / kWays;
             }
         }
         EXPECT_EQ(answers[0], answers[1]) << set.name;
@@ -195,9 +210,10 @@ TEST(GuideShortlist, LanesAnswerAsThePlainQueryAtOneAndTwoThreads) {
 }
 
 // selectNth against a full sort, on key orders that trouble partitions: ascending, descending,
-// hashed, all but one alike in their high half, and sizes round the hand-over to nth_element.
+// hashed, all but one alike in their high half, and sizes round the hand-overs to nth_element
+// (after lanes and after plain partitions).
 TEST(SelectNth, PlacesTheKeyOfItsRankWithTheLesserBeforeAndTheGreaterAfter) {
-    for (const std::size_t n : {1u, 2u, 3u, 24u, 25u, 26u, 100u, 256u, 1001u}) {
+    for (const std::size_t n : {1u, 2u, 3u, 8u, 9u, 24u, 25u, 26u, 100u, 256u, 1001u}) {
         for (int pattern = 0; pattern < 4; ++pattern) {
             std::vector<std::uint64_t> keys(n);
             for (std::size_t i = 0; i < n; ++i) {

@@ -79,48 +79,70 @@ struct BindContext {
     binding_weights::Lanes lanes = binding_weights::bestLanes();
 };
 
-// Binds strand `s` and appends its records to `chunk`. `shortlist`, gathered for the strand's
-// list round its root, answers the nearest-guide query as the list's grid would.
-void bindOne(const BindContext& context, std::size_t s, BindingChunk& chunk,
-             GuideShortlist& shortlist) {
+// Room for one strand's records: every candidate a nearest query or the weights may write.
+constexpr std::size_t kSlotRecords = 80;
+static_assert(kSlotRecords >= GuideRootGrid::kMaxNearest && kSlotRecords >= kPaddedCandidates);
+
+// What binding finds for a strand besides its records.
+struct StrandResult {
+    std::uint32_t count = 0;  // records
+    float nearest2 = kInfiniteDistance;
+    float next2 = kInfiniteDistance;
+    // Between finding the candidates and weighing them: how many there are (0 where the strand
+    // needs no weighing), and whether their distances rose strictly.
+    std::int32_t candidates = 0;
+    bool clean = true;
+};
+
+// Finds strand `s`'s candidate guides into `guides` and their squared distances into `d2` (both
+// kSlotRecords long) for weigh, or binds the strand outright where it needs no weights: its records
+// then go to `guides` and `weightsOut`. `shortlist`, gathered for the strand's list round its root,
+// answers the nearest-guide query as the list's grid would.
+//
+// A group's strands are all found before any is weighed: each step is a long chain of dependent
+// operations, and two loops of shorter bodies let the processor run several strands' chains at
+// once.
+void findCandidates(const BindContext& context, std::size_t s, GuideShortlist& shortlist,
+                    std::uint32_t* guides, float* d2, std::uint16_t* weightsOut,
+                    StrandResult& result) {
     const InterpolateSettings& settings = *context.settings;
     const BindingInputs& inputs = *context.inputs;
     float nearest2 = kInfiniteDistance;
     float next2 = kInfiniteDistance;
     const Vec3f root = inputs.strandRoots[s];
     const GuideList& list = (*context.lists)[static_cast<std::size_t>(context.strandLists[s])];
-    const auto finish = [&] {
-        chunk.nearest2.push_back(nearest2);
-        chunk.next2.push_back(next2);
-        chunk.found.push_back(chunk.guides.size() > chunk.recordStart.back() ? 1 : 0);
-        chunk.twisted.push_back(0);
-        chunk.recordStart.push_back(static_cast<std::uint32_t>(chunk.guides.size()));
+    // Written field by field where the caller keeps it: a result built on the stack and
+    // returned is read back across the stores that built it, which the processor cannot forward.
+    const auto finish = [&](int records) {
+        result.count = static_cast<std::uint32_t>(records);
+        result.nearest2 = nearest2;
+        result.next2 = next2;
+        result.candidates = 0;
     };
-    if (!isFinite(root) || list.grid.size() == 0) return finish();
+    if (!isFinite(root) || list.grid.size() == 0) return finish(0);
     if (inputs.tubes && inputs.tubes->riding[s]) {
         // 3. A strand inside a tube rides it alone; nothing but the tubes can change that.
         nearest2 = 0.0f;
         next2 = 0.0f;
-        chunk.weights.push_back(static_cast<std::uint16_t>(kTotalWeight - 1));
-        chunk.guides.push_back(static_cast<std::uint32_t>(inputs.tubes->guide[s]));
-        return finish();
+        weightsOut[0] = static_cast<std::uint16_t>(kTotalWeight - 1);
+        guides[0] = static_cast<std::uint32_t>(inputs.tubes->guide[s]);
+        return finish(1);
     }
 
     // 1. The nearest guides, and the distance of the first one past them.
     const int wanted =
         static_cast<int>(std::min<std::size_t>(settings.candidates, list.grid.size()));
-    std::uint32_t guides[GuideRootGrid::kMaxNearest];
-    float d2[GuideRootGrid::kMaxNearest];
-    int count = shortlist.nearest(root, wanted + 1, guides, d2);
+    bool clean = true;
+    int count = shortlist.nearest(root, wanted + 1, guides, d2, &clean);
     if (inputs.surface) {
         const std::int32_t listIndex = context.strandLists[s];
         count = nearestOnSurface(*inputs.surface, inputs, s,
                                  listIndex > 0 ? inputs.strandLabels[s] : -1, wanted + 1, guides,
                                  d2, count);
+        clean = true;
+        for (int i = 1; i < count; ++i)
+            if (!(d2[i] > d2[i - 1])) clean = false;
     }
-    bool clean = true;
-    for (int i = 1; i < count; ++i)
-        if (!(d2[i] > d2[i - 1])) clean = false;
     if (clean && count > wanted) next2 = d2[wanted];
     count = std::min(count, wanted);
 
@@ -144,16 +166,30 @@ void bindOne(const BindContext& context, std::size_t s, BindingChunk& chunk,
             count = at;
         }
     }
-    if (count == 0) return finish();
+    if (count == 0) return finish(0);
     nearest2 = d2[0];
 
-    std::uint32_t units[kPaddedCandidates];
     if (settings.nearestOnly) {
         // 3. The nearest guide alone.
-        chunk.weights.push_back(static_cast<std::uint16_t>(kTotalWeight - 1));
-        chunk.guides.push_back(guides[0]);
-        return finish();
+        weightsOut[0] = static_cast<std::uint16_t>(kTotalWeight - 1);
+        return finish(1);
     }
+    finish(0);
+    result.candidates = count;
+    result.clean = clean;
+}
+
+// Weighs the candidates findCandidates left for strand `s` (none: nothing to do) and writes its
+// records to `guides` and `weightsOut`.
+void weigh(const BindContext& context, std::size_t s, std::uint32_t* guides, const float* d2,
+           std::uint16_t* weightsOut, StrandResult& result) {
+    int count = result.candidates;
+    if (count == 0) return;
+    const InterpolateSettings& settings = *context.settings;
+    const BindingInputs& inputs = *context.inputs;
+    const GuideList& list = (*context.lists)[static_cast<std::size_t>(context.strandLists[s])];
+    const float next2 = result.next2;
+    const bool clean = result.clean;
 
     // 4. First weights, by each guide's reach.
     double weights[kPaddedCandidates];
@@ -205,64 +241,103 @@ void bindOne(const BindContext& context, std::size_t s, BindingChunk& chunk,
     // 7. Quantised to sixteen bits.
     // Shepard's sum is the one quantising takes where neither step changed the weights: it adds
     // the same weights, none below 0, in the same order.
-    const int stored = binding_weights::quantise(
+    const int stored = binding_weights::quantiseRecords(
         context.lanes, count, weights,
-        reweighed ? binding_weights::positiveSum(count, weights) : sumA, guides, units);
-    for (int i = 0; i < stored; ++i) {
-        chunk.weights.push_back(static_cast<std::uint16_t>(units[i] - 1));
-        chunk.guides.push_back(guides[i]);
-    }
-    finish();
+        reweighed ? binding_weights::positiveSum(count, weights) : sumA, guides, weightsOut);
+    result.count = static_cast<std::uint32_t>(stored);
 }
 
 void startChunk(BindingChunk& chunk, std::size_t first) {
     chunk.firstStrand = static_cast<std::uint32_t>(first);
 }
 
-// Lays out `chunk` (of `count` strands) in strand order, strand k copied from strand at(k).second
-// of chunk at(k).first, records and all. Its arrays are made once, at their length.
+// One strand's binding to lay out, wherever it was made.
+struct StrandView {
+    const std::uint32_t* guides;
+    const std::uint16_t* weights;
+    std::uint32_t count;
+    // Whether a whole block of records can be read from `guides` and `weights`.
+    bool block;
+    float nearest2;
+    float next2;
+    std::uint8_t found;
+    std::uint8_t twisted;
+};
+
+// Most strands have fewer records than this: theirs are copied as one fixed block.
+constexpr std::size_t kRecordBlock = 16;
+
+// Strand `k` of `chunk` as a view.
+StrandView viewOf(const BindingChunk& chunk, std::size_t k) {
+    const std::uint32_t begin = chunk.recordStart[k], end = chunk.recordStart[k + 1];
+    return StrandView{chunk.guides.data() + begin,
+                      chunk.weights.data() + begin,
+                      end - begin,
+                      begin + kRecordBlock <= chunk.guides.size(),
+                      chunk.nearest2[k],
+                      chunk.next2[k],
+                      chunk.found[k],
+                      chunk.twisted[k]};
+}
+
+// Lays out `chunk` (of `count` strands) in strand order, strand k from the view at(k), records and
+// all. Its arrays are made once, at their length.
 template <class Source>
 void layOutChunk(BindingChunk& chunk, std::size_t count, const Source& at) {
     std::size_t records = 0;
-    for (std::size_t k = 0; k < count; ++k) {
-        const auto [from, i] = at(k);
-        records += from->recordStart[i + 1] - from->recordStart[i];
-    }
+    for (std::size_t k = 0; k < count; ++k)
+        records += at(k).count;
     chunk.recordStart.resize(count + 1);
     chunk.nearest2.resize(count);
     chunk.next2.resize(count);
     chunk.found.resize(count);
     chunk.twisted.resize(count);
-    chunk.weights.resize(records);
-    chunk.guides.resize(records);
+    // A block's room past the last record: a strand's block runs over into the next strand's
+    // place, which that strand then writes.
+    chunk.weights.resize(records + kRecordBlock);
+    chunk.guides.resize(records + kRecordBlock);
     std::uint32_t record = 0;
     chunk.recordStart[0] = 0;
     for (std::size_t k = 0; k < count; ++k) {
-        const auto [from, i] = at(k);
-        const std::uint32_t begin = from->recordStart[i], end = from->recordStart[i + 1];
-        std::copy(from->weights.begin() + begin, from->weights.begin() + end,
-                  chunk.weights.begin() + record);
-        std::copy(from->guides.begin() + begin, from->guides.begin() + end,
-                  chunk.guides.begin() + record);
-        record += end - begin;
+        const StrandView from = at(k);
+        std::uint32_t* guides = chunk.guides.data() + record;
+        std::uint16_t* weights = chunk.weights.data() + record;
+        // Fixed-size copies are a few moves, where a call to copy a handful of records is not.
+        if (from.count <= kRecordBlock && from.block) {
+            std::memcpy(guides, from.guides, kRecordBlock * sizeof(std::uint32_t));
+            std::memcpy(weights, from.weights, kRecordBlock * sizeof(std::uint16_t));
+        } else if (from.count > 0) {
+            std::memcpy(guides, from.guides, from.count * sizeof(std::uint32_t));
+            std::memcpy(weights, from.weights, from.count * sizeof(std::uint16_t));
+        }
+        record += from.count;
         chunk.recordStart[k + 1] = record;
-        chunk.nearest2[k] = from->nearest2[i];
-        chunk.next2[k] = from->next2[i];
-        chunk.found[k] = from->found[i];
-        chunk.twisted[k] = from->twisted[i];
+        chunk.nearest2[k] = from.nearest2;
+        chunk.next2[k] = from.next2;
+        chunk.found[k] = from.found;
+        chunk.twisted[k] = from.twisted;
     }
+    chunk.weights.resize(records);
+    chunk.guides.resize(records);
 }
 
-// Strands rooted side by side share one shortlist of guides: groups of at most this many.
-constexpr std::size_t kShortlistStrands = 32;
+// Strands rooted side by side share one shortlist of guides: groups of at most this many...
+constexpr std::size_t kShortlistStrands = 64;
+// ... and spread over no more than this many guide spacings. On a dense groom the spread bounds
+// most groups before the count does: a shortlist then serves as many strands as lie that close.
+constexpr float kGroupSpacings = 3.0f;
 
 // One thread's scratch for binding chunks, kept from chunk to chunk.
 struct ChunkScratch {
     GuideShortlist shortlist;
     std::vector<std::uint32_t> order;  // chunk-local strands, grouped by list and place
-    std::vector<std::uint32_t> slot;   // per chunk-local strand, its place in `bound`
     std::vector<std::uint64_t> keys;   // splitByPlace's
-    BindingChunk bound;                // the strands bound, in the order they were bound
+    // Per chunk-local strand bound, its result and its slots of kSlotRecords records and
+    // candidates' distances.
+    std::vector<StrandResult> results;
+    std::vector<std::uint32_t> guides;
+    std::vector<std::uint16_t> weights;
+    std::vector<float> distances;
 };
 
 // A float's bits turned so that they order as the numbers do (-0 counted as +0).
@@ -282,18 +357,25 @@ ChunkScratch& chunkScratch() {
 }
 
 // Splits `group` (chunk-local strands) at the median of their roots' widest axis until each part
-// has at most kShortlistStrands, and calls visit(part) on each part, in order. `roots` are the
-// chunk's roots by chunk-local index; `keys` is scratch of twice the group's size.
+// has at most kShortlistStrands and spans at most `widest` along every axis (or is one strand), and
+// calls visit(part) on each part, in order. `roots` are the chunk's roots by chunk-local index;
+// `keys` is scratch of twice the group's size.
+//
+// The width matters as much as the count: a chunk's strands may lie along a strip that crosses
+// the scalp, and a group spread over it would gather a shortlist of most guides, which each of its
+// strands then measures.
 template <class Visit>
-void splitByPlace(std::span<const Vec3f> roots, std::span<std::uint32_t> group,
+void splitByPlace(std::span<const Vec3f> roots, std::span<std::uint32_t> group, float widest,
                   std::span<std::uint64_t> keys, const Visit& visit) {
-    if (group.size() <= kShortlistStrands) return visit(group);
     Vec3f lo = roots[group[0]], hi = lo;
     for (const std::uint32_t k : group) {
         lo = minPerAxis(lo, roots[k]);
         hi = maxPerAxis(hi, roots[k]);
     }
     const Vec3f extent = hi - lo;
+    const float span = std::max({extent.x, extent.y, extent.z});
+    if (group.size() == 1 || (group.size() <= kShortlistStrands && !(span > widest)))
+        return visit(group, lo, hi);
     const int axis = extent.x >= extent.y && extent.x >= extent.z ? 0
                      : extent.y >= extent.z                       ? 1
                                                                   : 2;
@@ -306,8 +388,8 @@ void splitByPlace(std::span<const Vec3f> roots, std::span<std::uint32_t> group,
     selectNth(keys.data(), group.size(), half, keys.data() + group.size());
     for (std::size_t i = 0; i < group.size(); ++i)
         group[i] = static_cast<std::uint32_t>(keys[i]);
-    splitByPlace(roots, group.first(half), keys, visit);
-    splitByPlace(roots, group.subspan(half), keys, visit);
+    splitByPlace(roots, group.first(half), widest, keys, visit);
+    splitByPlace(roots, group.subspan(half), widest, keys, visit);
 }
 
 // Binds the strands [first, last) of `chunk` in order: all of them, or with `marks` only the
@@ -338,22 +420,21 @@ void bindRange(const BindContext& context, std::size_t first, std::size_t last,
     if (!std::is_sorted(unplaced, scratch.order.end(), byList))
         std::stable_sort(unplaced, scratch.order.end(), byList);
 
-    BindingChunk& bound = scratch.bound;
-    bound.firstStrand = static_cast<std::uint32_t>(first);
-    bound.recordStart.assign(1, 0);
-    bound.nearest2.clear();
-    bound.next2.clear();
-    bound.found.clear();
-    bound.twisted.clear();
-    bound.weights.clear();
-    bound.guides.clear();
-    bound.twists.clear();
-    scratch.slot.resize(count);
+    // Sized once per thread: a chunk's strands are at most kBindingChunkStrands.
+    scratch.results.resize(kBindingChunkStrands);
+    scratch.guides.resize(kBindingChunkStrands * kSlotRecords);
+    scratch.weights.resize(kBindingChunkStrands * kSlotRecords);
+    scratch.distances.resize(kBindingChunkStrands * kSlotRecords);
     const auto bindGroup = [&](std::span<const std::uint32_t> group) {
-        for (const std::uint32_t k : group) {
-            scratch.slot[k] = static_cast<std::uint32_t>(bound.strandCount());
-            bindOne(context, first + k, bound, scratch.shortlist);
-        }
+        for (const std::uint32_t k : group)
+            findCandidates(context, first + k, scratch.shortlist,
+                           scratch.guides.data() + k * kSlotRecords,
+                           scratch.distances.data() + k * kSlotRecords,
+                           scratch.weights.data() + k * kSlotRecords, scratch.results[k]);
+        for (const std::uint32_t k : group)
+            weigh(context, first + k, scratch.guides.data() + k * kSlotRecords,
+                  scratch.distances.data() + k * kSlotRecords,
+                  scratch.weights.data() + k * kSlotRecords, scratch.results[k]);
     };
     bindGroup(std::span<const std::uint32_t>(scratch.order.begin(), unplaced));
     for (auto run = unplaced; run != scratch.order.end();) {
@@ -366,14 +447,13 @@ void bindRange(const BindContext& context, std::size_t first, std::size_t last,
                           std::min<std::size_t>(context.settings->candidates, list.grid.size())) +
                       1;
         scratch.keys.resize(2 * count);
-        splitByPlace(local, std::span<std::uint32_t>(run, runEnd), scratch.keys,
-                     [&](std::span<std::uint32_t> group) {
+        // A few guide spacings: wider groups are rare, and cost more in their queries than two
+        // shortlists do.
+        const float widest =
+            list.grid.spacing() > 0.0f ? list.grid.spacing() * kGroupSpacings : kInfiniteDistance;
+        splitByPlace(local, std::span<std::uint32_t>(run, runEnd), widest, scratch.keys,
+                     [&](std::span<std::uint32_t> group, const Vec3f& lo, const Vec3f& hi) {
                          if (list.grid.size() > 0) {
-                             Vec3f lo = local[group[0]], hi = lo;
-                             for (const std::uint32_t g : group) {
-                                 lo = minPerAxis(lo, local[g]);
-                                 hi = maxPerAxis(hi, local[g]);
-                             }
                              const Vec3f center = (lo + hi) * 0.5f;
                              float spread2 = 0.0f;
                              for (const std::uint32_t g : group)
@@ -386,9 +466,16 @@ void bindRange(const BindContext& context, std::size_t first, std::size_t last,
     }
 
     layOutChunk(chunk, count, [&](std::size_t k) {
-        return marks == nullptr || marks[first + k] != 0
-                   ? std::pair<const BindingChunk*, std::size_t>{&bound, scratch.slot[k]}
-                   : std::pair<const BindingChunk*, std::size_t>{old, k};
+        if (marks != nullptr && marks[first + k] == 0) return viewOf(*old, k);
+        const StrandResult& result = scratch.results[k];
+        return StrandView{scratch.guides.data() + k * kSlotRecords,
+                          scratch.weights.data() + k * kSlotRecords,
+                          result.count,
+                          true,
+                          result.nearest2,
+                          result.next2,
+                          static_cast<std::uint8_t>(result.count > 0 ? 1 : 0),
+                          0};
     });
 }
 
