@@ -231,6 +231,7 @@ struct FlowWalk {
     float *lengths = nullptr, *sines = nullptr, *cosines = nullptr;
     std::size_t stride = 1;
     float lift = 0.0f;
+    float turn = 0.0f;    // the random turn about the normal, in turns
     bool passes = false;  // no flow at the root: the strand passes unchanged
     StrandRoot at;
     Vec3f normal, along;
@@ -280,10 +281,9 @@ struct FlowRun {
         walk.out[0] = walk.strand[0];
         walk.at = roots[s];
         walk.passes = false;
-        const SinCos turn = sinCosTurns(
-            settings.random * StrandDraws(ids[s], settings.seed).nextSigned() * kFlowPerDegree);
-        walk.cosTurn = turn.cos;
-        walk.sinTurn = turn.sin;
+        // Its sine and cosine wait for `prepare`, or are made in lanes.
+        walk.turn =
+            settings.random * StrandDraws(ids[s], settings.seed).nextSigned() * kFlowPerDegree;
         walk.lift = settings.lift.isMapped() ? settings.lift.atStrand(s) : settings.lift.value();
         walk.height = 0.0f;
         return true;
@@ -298,7 +298,8 @@ struct FlowRun {
         walk.passes = lengthSquared(walk.along) == 0.0f;
     }
 
-    // A walk's segment lengths and the sines and cosines of their lifts, in its own scratch.
+    // A walk's turn, and its segment lengths and the sines and cosines of their lifts, in its own
+    // scratch.
     void prepare(FlowWalk& walk, FlowScratch& scratch) const {
         const std::size_t n = walk.strand.size();
         const std::span<float> lengths = scratch.lengths.take(n);
@@ -308,6 +309,9 @@ struct FlowRun {
         walk.sines = sines.data();
         walk.cosines = cosines.data();
         walk.stride = 1;
+        const SinCos turn = sinCosTurns(walk.turn);
+        walk.cosTurn = turn.cos;
+        walk.sinTurn = turn.sin;
         segmentLengths(walk.strand, lengths);
         float total = 0.0f;
         for (std::size_t k = 1; k < n; ++k)
