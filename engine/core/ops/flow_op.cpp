@@ -486,9 +486,12 @@ void flowStrandsIn(FlowLanes lanes, const StrandSet& input, const FlowSettings& 
                     prepareSet(set * 8, 8, wide_flow::prepareLanes);
                 for (std::size_t set = 0; set < narrowSets; ++set)
                     prepareSet(narrowStart + set * 4, 4, narrow_flow::prepareLanes);
-                if (wideSets > 0) wide_flow::layInLanes(run, walks.data(), wideSets, lanesEnd);
+                const bool goesOn = longest > lanesEnd;
+                if (wideSets > 0)
+                    wide_flow::layInLanes(run, walks.data(), wideSets, lanesEnd, goesOn);
                 if (narrowSets > 0)
-                    narrow_flow::layInLanes(run, walks.data() + narrowStart, narrowSets, lanesEnd);
+                    narrow_flow::layInLanes(run, walks.data() + narrowStart, narrowSets, lanesEnd,
+                                            goesOn);
             }
 #endif
             for (std::size_t w = laned; w < count; ++w) {
