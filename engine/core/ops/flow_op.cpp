@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <cstring>
 #include <optional>
+#include <type_traits>
 
 #include "base/fast_trig.h"
 #include "base/fast_trig_lanes.h"
@@ -239,6 +240,14 @@ struct FlowWalk {
     float height = 0.0f;
     FlowFace spare;
 };
+
+// The lanes read a walk's root, normal, flow, turn and height as twelve floats side by side.
+static_assert(std::is_standard_layout_v<FlowWalk> &&
+              offsetof(FlowWalk, normal) == offsetof(FlowWalk, at) + 12 &&
+              offsetof(FlowWalk, along) == offsetof(FlowWalk, at) + 24 &&
+              offsetof(FlowWalk, cosTurn) == offsetof(FlowWalk, at) + 36 &&
+              offsetof(FlowWalk, sinTurn) == offsetof(FlowWalk, at) + 40 &&
+              offsetof(FlowWalk, height) == offsetof(FlowWalk, at) + 44);
 
 // Per-strand scratch of a chunk: lengths, then the lift's turns and sines, then its cosines.
 struct FlowScratch {
