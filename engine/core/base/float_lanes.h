@@ -109,6 +109,10 @@ inline M notOf(M a) {
 inline F select(M m, F a, F b) {
     return {_mm_or_ps(_mm_and_ps(m.v, a.v), _mm_andnot_ps(m.v, b.v))};
 }
+// wide::blendOf's narrow form: SSE2 has no blend, so select itself.
+inline F blendOf(M m, F a, F b) {
+    return select(m, a, b);
+}
 // 1 in the lanes of m, 0 elsewhere.
 inline F oneWhere(M m) {
     return {_mm_and_ps(m.v, _mm_set1_ps(1.0f))};
@@ -334,6 +338,14 @@ VELMORIN_WIDE M notOf(M a) {
 // then builds lane by lane, with branches, in a function made for AVX by its attribute alone.
 VELMORIN_WIDE F select(M m, F a, F b) {
     return {_mm256_or_ps(_mm256_and_ps(m.v, a.v), _mm256_andnot_ps(m.v, b.v))};
+}
+// select in one instruction, for kernels short of registers and instructions: vblendvps written
+// out, so that the compiler can't fold it into the conditional that the comment above describes.
+// It reads each mask lane's sign bit alone, which for a mask is the whole lane.
+VELMORIN_WIDE F blendOf(M m, F a, F b) {
+    __m256 picked;
+    asm("vblendvps %3, %2, %1, %0" : "=x"(picked) : "x"(b.v), "x"(a.v), "x"(m.v));
+    return {picked};
 }
 VELMORIN_WIDE F oneWhere(M m) {
     return {_mm256_and_ps(m.v, _mm256_set1_ps(1.0f))};

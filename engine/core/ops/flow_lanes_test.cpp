@@ -1,7 +1,12 @@
 #include <gtest/gtest.h>
 
+#include <array>
+#include <cstring>
+#include <limits>
 #include <memory>
 #include <vector>
+
+#include "base/float_lanes.h"
 
 #include "editing/flow.h"
 #include "mesh/sample_meshes.h"
@@ -152,6 +157,53 @@ TEST(Flow, EveryLaneWidthLaysTheSameBitsOnOneAndTwoThreads) {
         }
     }
 }
+
+#if VELMORIN_FLOAT_LANES
+// What the lanes' blend picks from in lane l: a NaN, a negative zero and plain values.
+float blendFirst(std::size_t l) {
+    return l == 0 ? std::numeric_limits<float>::quiet_NaN() : static_cast<float>(l) + 0.25f;
+}
+float blendSecond(std::size_t l) {
+    return l == 1 ? -0.0f : -static_cast<float>(l);
+}
+
+// blendOf over the lanes of one width, lane l taking the first value where bit l of `bits` is set.
+#define VELMORIN_BLEND_OF(NAMESPACE, TARGET)                                             \
+    TARGET std::array<float, 8> NAMESPACE##Blend(int bits) {                             \
+        using namespace float_lanes::NAMESPACE;                                          \
+        alignas(32) float first[kWidth], second[kWidth], mask[kWidth];                   \
+        for (std::size_t l = 0; l < kWidth; ++l) {                                       \
+            first[l] = blendFirst(l);                                                    \
+            second[l] = blendSecond(l);                                                  \
+            const std::int32_t lane = (bits >> l & 1) != 0 ? -1 : 0;                     \
+            std::memcpy(&mask[l], &lane, sizeof(lane));                                  \
+        }                                                                                \
+        std::array<float, 8> picked{};                                                   \
+        store(picked.data(),                                                             \
+              blendOf(M{loadAligned(mask).v}, loadAligned(first), loadAligned(second))); \
+        return picked;                                                                   \
+    }
+
+VELMORIN_BLEND_OF(narrow, )
+VELMORIN_BLEND_OF(wide, __attribute__((target("avx"))))
+#undef VELMORIN_BLEND_OF
+
+TEST(FlowLanes, TheBlendKeepsThePickedBitsInEachLane) {
+    // The walk and landing pick between lanes with blendOf: each lane must come out bit for bit
+    // as the value its mask picks, NaN and negative zero included, at both widths.
+    for (const int bits : {0x00, 0xFF, 0x55, 0xA6}) {
+        const auto check = [&](const std::array<float, 8>& picked, std::size_t width) {
+            for (std::size_t l = 0; l < width; ++l) {
+                const float expected = (bits >> l & 1) != 0 ? blendFirst(l) : blendSecond(l);
+                EXPECT_EQ(std::memcmp(&picked[l], &expected, sizeof(float)), 0)
+                    << width << " lanes, mask " << bits << ", lane " << l;
+            }
+        };
+        check(narrowBlend(bits), 4);
+        if (avxLanesUsable()) check(wideBlend(bits), 8);
+    }
+}
+#endif
 
 }  // namespace
 }  // namespace velmorin

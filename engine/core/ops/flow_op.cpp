@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <cstring>
 #include <optional>
+#include <type_traits>
 
 #include "base/fast_trig.h"
 #include "base/fast_trig_lanes.h"
@@ -231,6 +232,7 @@ struct FlowWalk {
     float *lengths = nullptr, *sines = nullptr, *cosines = nullptr;
     std::size_t stride = 1;
     float lift = 0.0f;
+    float turn = 0.0f;    // the random turn about the normal, in turns
     bool passes = false;  // no flow at the root: the strand passes unchanged
     StrandRoot at;
     Vec3f normal, along;
@@ -238,6 +240,14 @@ struct FlowWalk {
     float height = 0.0f;
     FlowFace spare;
 };
+
+// The lanes read a walk's root, normal, flow, turn and height as twelve floats side by side.
+static_assert(std::is_standard_layout_v<FlowWalk> &&
+              offsetof(FlowWalk, normal) == offsetof(FlowWalk, at) + 12 &&
+              offsetof(FlowWalk, along) == offsetof(FlowWalk, at) + 24 &&
+              offsetof(FlowWalk, cosTurn) == offsetof(FlowWalk, at) + 36 &&
+              offsetof(FlowWalk, sinTurn) == offsetof(FlowWalk, at) + 40 &&
+              offsetof(FlowWalk, height) == offsetof(FlowWalk, at) + 44);
 
 // Per-strand scratch of a chunk: lengths, then the lift's turns and sines, then its cosines.
 struct FlowScratch {
@@ -280,10 +290,9 @@ struct FlowRun {
         walk.out[0] = walk.strand[0];
         walk.at = roots[s];
         walk.passes = false;
-        const SinCos turn = sinCosTurns(
-            settings.random * StrandDraws(ids[s], settings.seed).nextSigned() * kFlowPerDegree);
-        walk.cosTurn = turn.cos;
-        walk.sinTurn = turn.sin;
+        // Its sine and cosine wait for `prepare`, or are made in lanes.
+        walk.turn =
+            settings.random * StrandDraws(ids[s], settings.seed).nextSigned() * kFlowPerDegree;
         walk.lift = settings.lift.isMapped() ? settings.lift.atStrand(s) : settings.lift.value();
         walk.height = 0.0f;
         return true;
@@ -298,7 +307,8 @@ struct FlowRun {
         walk.passes = lengthSquared(walk.along) == 0.0f;
     }
 
-    // A walk's segment lengths and the sines and cosines of their lifts, in its own scratch.
+    // A walk's turn, and its segment lengths and the sines and cosines of their lifts, in its own
+    // scratch.
     void prepare(FlowWalk& walk, FlowScratch& scratch) const {
         const std::size_t n = walk.strand.size();
         const std::span<float> lengths = scratch.lengths.take(n);
@@ -308,6 +318,9 @@ struct FlowRun {
         walk.sines = sines.data();
         walk.cosines = cosines.data();
         walk.stride = 1;
+        const SinCos turn = sinCosTurns(walk.turn);
+        walk.cosTurn = turn.cos;
+        walk.sinTurn = turn.sin;
         segmentLengths(walk.strand, lengths);
         float total = 0.0f;
         for (std::size_t k = 1; k < n; ++k)
@@ -482,9 +495,12 @@ void flowStrandsIn(FlowLanes lanes, const StrandSet& input, const FlowSettings& 
                     prepareSet(set * 8, 8, wide_flow::prepareLanes);
                 for (std::size_t set = 0; set < narrowSets; ++set)
                     prepareSet(narrowStart + set * 4, 4, narrow_flow::prepareLanes);
-                if (wideSets > 0) wide_flow::layInLanes(run, walks.data(), wideSets, lanesEnd);
+                const bool goesOn = longest > lanesEnd;
+                if (wideSets > 0)
+                    wide_flow::layInLanes(run, walks.data(), wideSets, lanesEnd, goesOn);
                 if (narrowSets > 0)
-                    narrow_flow::layInLanes(run, walks.data() + narrowStart, narrowSets, lanesEnd);
+                    narrow_flow::layInLanes(run, walks.data() + narrowStart, narrowSets, lanesEnd,
+                                            goesOn);
             }
 #endif
             for (std::size_t w = laned; w < count; ++w) {
