@@ -605,6 +605,19 @@ class BlockSearch {
     std::size_t count_ = 0;  // the box's candidates and padding
 };
 
+#if VELMORIN_RELAX_AVX
+// Writes a full list of 24 neighbours (the keys' low words) to `list`, 32-byte aligned, with
+// stores that bypass the cache: a refresh writes 96 MB of lists that only the next pushes read, so
+// reading each line in before overwriting it would double the traffic. The caller fences.
+VELMORIN_AVX512_LANES void streamList(std::uint32_t* list,
+                                      const std::uint64_t (&best)[kRelaxNeighbors]) {
+    auto* to = reinterpret_cast<__m256i*>(list);
+    _mm256_stream_si256(to, _mm512_maskz_cvtepi64_epi32(0xff, _mm512_loadu_si512(best)));
+    _mm256_stream_si256(to + 1, _mm512_maskz_cvtepi64_epi32(0xff, _mm512_loadu_si512(best + 8)));
+    _mm256_stream_si256(to + 2, _mm512_maskz_cvtepi64_epi32(0xff, _mm512_loadu_si512(best + 16)));
+}
+#endif
+
 // The lanes the block search runs on for a choice of lanes and this processor.
 int blockLanes(RelaxLanes lanes) {
     if (lanes == RelaxLanes::widest && widestLanesUsable()) return 16;
@@ -631,6 +644,10 @@ void nearestInGrid(const CandidateGrid& grid, float range, std::span<std::uint32
         float bound;
         std::uint32_t begin, end, left, right;
     };
+    // Full lists go straight to memory where the lists are aligned for it (the relaxation's are)
+    // and the widest lanes are at hand.
+    const bool stream = VELMORIN_RELAX_AVX && lanes == 16 &&
+                        reinterpret_cast<std::uintptr_t>(lists.data()) % 32 == 0;
     parallelRange(0, count, kGrain, [&](std::size_t entryBegin, std::size_t entryEnd) {
         std::vector<RowScan> rows;
         std::uint64_t best[kRelaxNeighbors];
@@ -653,6 +670,12 @@ void nearestInGrid(const CandidateGrid& grid, float range, std::span<std::uint32
                 }
             };
             if (const int near = block.find(p, i, grid.keyOfEntry(self), best); near >= 0) {
+#if VELMORIN_RELAX_AVX
+                if (stream && near == kRelaxNeighbors) {
+                    streamList(list, best);
+                    continue;
+                }
+#endif
                 for (int k = 0; k < kRelaxNeighbors; ++k)
                     list[k] = k < near ? static_cast<std::uint32_t>(best[k]) : i;
                 continue;
@@ -758,6 +781,10 @@ void nearestInGrid(const CandidateGrid& grid, float range, std::span<std::uint32
             start = std::max(0, shell - 2);
             write(found);
         }
+#if VELMORIN_RELAX_AVX
+        // The streamed lists reach memory before the pushes read them.
+        if (stream) _mm_sfence();
+#endif
     });
 }
 }  // namespace

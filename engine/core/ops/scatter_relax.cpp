@@ -677,9 +677,15 @@ void relaxPlacement(const ScalpMesh& scalp, const PlacementSettings& settings,
     const TriangleNeighbourhoods nearTriangles(scalp, kProjectionReach * r0, count);
     // Left unset: the first refresh writes every list, in parallel, instead of a serial clear of
     // 96 bytes per candidate.
+    // Aligned to a cache line, so that the search may write whole lists past the cache.
+    constexpr std::size_t kLineWords = 64 / sizeof(std::uint32_t);
     const std::unique_ptr<std::uint32_t[]> neighborStore(
-        new std::uint32_t[count * kRelaxNeighbors]);
-    const std::span<std::uint32_t> neighbors(neighborStore.get(), count * kRelaxNeighbors);
+        new std::uint32_t[count * kRelaxNeighbors + kLineWords]);
+    const std::size_t misalignment =
+        reinterpret_cast<std::uintptr_t>(neighborStore.get()) % 64 / sizeof(std::uint32_t);
+    const std::span<std::uint32_t> neighbors(
+        neighborStore.get() + (misalignment ? kLineWords - misalignment : 0),
+        count * kRelaxNeighbors);
     std::vector<std::uint32_t> nearestEdge(count, kNoEdge);
 
     auto refresh = [&] {
