@@ -563,13 +563,14 @@ class BlockSearch {
             }
         // Room for the padding and for the sixteen keys the widest packing writes past the last.
         if (m + 32 > x_.size()) grow(m + 32);
+        // The lanes are a power of two: a mask, not a division by a number known only at run time.
         const float far = std::numeric_limits<float>::infinity();
-        const auto lanes = static_cast<std::size_t>(lanes_);
-        for (std::size_t b = m; b % lanes != 0; ++b) {
+        const std::size_t spare = static_cast<std::size_t>(lanes_) - 1;
+        count_ = (m + spare) & ~spare;
+        for (std::size_t b = m; b < count_; ++b) {
             x_[b] = y_[b] = z_[b] = far;
             index_[b] = 0;
         }
-        count_ = (m + lanes - 1) / lanes * lanes;
     }
 
     void grow(std::size_t size) {
