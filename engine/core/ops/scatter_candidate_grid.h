@@ -19,11 +19,11 @@
 namespace velmorin::scatter {
 
 // Candidates sorted by cell (cells in key order, a cell's candidates in index order) with their
-// positions beside them. The key puts x in the low bits, so a row of cells along x is one run of
-// the sorted cells; a table finds a row's run from its y and z. Each candidate also carries its
-// rank, which orders equal distances: its index, or the given `ranks`. A grid built again keeps its
-// arrays: the relaxation builds one seven times over the same number of candidates (its storage
-// order, then one for each neighbour refresh).
+// positions beside them, one array per axis. The key puts x in the low bits, so a row of cells
+// along x is one run of the sorted cells; a table finds a row's run from its y and z. Each
+// candidate also carries its rank, which orders equal distances: its index, or the given `ranks`. A
+// grid built again keeps its arrays: the relaxation builds one seven times over the same number of
+// candidates (its storage order, then one for each neighbour refresh).
 class CandidateGrid {
   public:
     CandidateGrid() = default;
@@ -59,16 +59,15 @@ class CandidateGrid {
         }
         sortedIndex_.resize(count);
         sortedRank_.resize(ranks.empty() ? 0 : count);
-        sortedPosition_.resize(count);
         for (auto& axis : sortedAxis_)
             axis.resize(count);
         forEach(count, [&](std::size_t begin, std::size_t end) {
             for (std::size_t e = begin; e < end; ++e) {
                 sortedIndex_[e] = entries[e].index;
                 if (!ranks.empty()) sortedRank_[e] = ranks[entries[e].index];
-                sortedPosition_[e] = positions[entries[e].index];
+                const Vec3f& p = positions[entries[e].index];
                 for (int a = 0; a < 3; ++a)
-                    sortedAxis_[a][e] = sortedPosition_[e][a];
+                    sortedAxis_[a][e] = p[a];
             }
         });
         rows_.clear();
@@ -158,7 +157,9 @@ class CandidateGrid {
     const std::vector<std::uint32_t>& order() const { return sortedIndex_; }
     std::uint32_t indexAt(std::uint32_t entry) const { return sortedIndex_[entry]; }
     std::uint32_t rankAt(std::uint32_t entry) const { return rankData()[entry]; }
-    const Vec3f& positionAt(std::uint32_t entry) const { return sortedPosition_[entry]; }
+    Vec3f positionAt(std::uint32_t entry) const {
+        return {sortedAxis_[0][entry], sortedAxis_[1][entry], sortedAxis_[2][entry]};
+    }
     // The entries' coordinates along one axis, their indices and their ranks, in entry order.
     const float* axisData(int axis) const { return sortedAxis_[axis].data(); }
     const std::uint32_t* indexData() const { return sortedIndex_.data(); }
@@ -303,9 +304,8 @@ class CandidateGrid {
     std::vector<Dense> from_, to_;
     float inverse_ = 1.0f;
     std::vector<std::uint32_t> sortedIndex_;
-    std::vector<std::uint32_t> sortedRank_;  // empty where ranks are the indices
-    std::vector<Vec3f> sortedPosition_;
-    std::array<std::vector<float>, 3> sortedAxis_;  // the same, axis by axis
+    std::vector<std::uint32_t> sortedRank_;         // empty where ranks are the indices
+    std::array<std::vector<float>, 3> sortedAxis_;  // the positions, axis by axis
     std::vector<std::uint32_t> cellStart_;
     std::vector<std::uint64_t> cellKeys_;
     std::vector<Row> rows_;

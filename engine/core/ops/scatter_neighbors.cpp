@@ -563,13 +563,14 @@ class BlockSearch {
             }
         // Room for the padding and for the sixteen keys the widest packing writes past the last.
         if (m + 32 > x_.size()) grow(m + 32);
+        // The lanes are a power of two: a mask, not a division by a number known only at run time.
         const float far = std::numeric_limits<float>::infinity();
-        const auto lanes = static_cast<std::size_t>(lanes_);
-        for (std::size_t b = m; b % lanes != 0; ++b) {
+        const std::size_t spare = static_cast<std::size_t>(lanes_) - 1;
+        count_ = (m + spare) & ~spare;
+        for (std::size_t b = m; b < count_; ++b) {
             x_[b] = y_[b] = z_[b] = far;
             index_[b] = 0;
         }
-        count_ = (m + lanes - 1) / lanes * lanes;
     }
 
     void grow(std::size_t size) {
@@ -605,6 +606,19 @@ class BlockSearch {
     std::size_t count_ = 0;  // the box's candidates and padding
 };
 
+#if VELMORIN_RELAX_AVX
+// Writes a full list of 24 neighbours (the keys' low words) to `list`, 32-byte aligned, with
+// stores that bypass the cache: a refresh writes 96 MB of lists that only the next pushes read, so
+// reading each line in before overwriting it would double the traffic. The caller fences.
+VELMORIN_AVX512_LANES void streamList(std::uint32_t* list,
+                                      const std::uint64_t (&best)[kRelaxNeighbors]) {
+    auto* to = reinterpret_cast<__m256i*>(list);
+    _mm256_stream_si256(to, _mm512_maskz_cvtepi64_epi32(0xff, _mm512_loadu_si512(best)));
+    _mm256_stream_si256(to + 1, _mm512_maskz_cvtepi64_epi32(0xff, _mm512_loadu_si512(best + 8)));
+    _mm256_stream_si256(to + 2, _mm512_maskz_cvtepi64_epi32(0xff, _mm512_loadu_si512(best + 16)));
+}
+#endif
+
 // The lanes the block search runs on for a choice of lanes and this processor.
 int blockLanes(RelaxLanes lanes) {
     if (lanes == RelaxLanes::widest && widestLanesUsable()) return 16;
@@ -631,6 +645,10 @@ void nearestInGrid(const CandidateGrid& grid, float range, std::span<std::uint32
         float bound;
         std::uint32_t begin, end, left, right;
     };
+    // Full lists go straight to memory where the lists are aligned for it (the relaxation's are)
+    // and the widest lanes are at hand.
+    const bool stream = VELMORIN_RELAX_AVX && lanes == 16 &&
+                        reinterpret_cast<std::uintptr_t>(lists.data()) % 32 == 0;
     parallelRange(0, count, kGrain, [&](std::size_t entryBegin, std::size_t entryEnd) {
         std::vector<RowScan> rows;
         std::uint64_t best[kRelaxNeighbors];
@@ -653,6 +671,12 @@ void nearestInGrid(const CandidateGrid& grid, float range, std::span<std::uint32
                 }
             };
             if (const int near = block.find(p, i, grid.keyOfEntry(self), best); near >= 0) {
+#if VELMORIN_RELAX_AVX
+                if (stream && near == kRelaxNeighbors) {
+                    streamList(list, best);
+                    continue;
+                }
+#endif
                 for (int k = 0; k < kRelaxNeighbors; ++k)
                     list[k] = k < near ? static_cast<std::uint32_t>(best[k]) : i;
                 continue;
@@ -758,6 +782,10 @@ void nearestInGrid(const CandidateGrid& grid, float range, std::span<std::uint32
             start = std::max(0, shell - 2);
             write(found);
         }
+#if VELMORIN_RELAX_AVX
+        // The streamed lists reach memory before the pushes read them.
+        if (stream) _mm_sfence();
+#endif
     });
 }
 }  // namespace

@@ -4,7 +4,6 @@
 #include <array>
 #include <cmath>
 #include <memory>
-#include <unordered_map>
 
 #include "base/hash.h"
 #include "base/parallel.h"
@@ -79,39 +78,50 @@ void addBorderPush(Vec3f& force, const Vec3f& p, float r, const BorderEdge& edge
 class EdgeGrid {
   public:
     EdgeGrid(float cell, std::span<const BorderEdge> edges) : inverse_(1.0f / cell) {
-        std::unordered_map<std::uint64_t, std::vector<std::uint32_t>> cells;
+        // Every (cell, edge) pair once, sorted: each cell's edges then lie together and ascend.
+        // Samples half a cell apart mostly repeat the cell of the one before, which adds nothing.
+        std::vector<std::pair<std::uint64_t, std::uint32_t>> pairs;
         for (std::uint32_t e = 0; e < edges.size(); ++e) {
             const float len = length(edges[e].b - edges[e].a);
             const int steps = std::max(1, static_cast<int>(std::ceil(len * inverse_ * 2.0f)));
+            std::uint64_t last = ~std::uint64_t{0};
             for (int s = 0; s <= steps; ++s) {
                 const Vec3f p = lerp(edges[e].a, edges[e].b, static_cast<float>(s) / steps);
                 const CellCoord c = cellOf(p, inverse_);
+                const std::uint64_t key = cellKey(c.x, c.y, c.z);
+                if (key == last) continue;
+                last = key;
                 for (int dz = -2; dz <= 2; ++dz)
                     for (int dy = -2; dy <= 2; ++dy)
-                        for (int dx = -2; dx <= 2; ++dx) {
-                            auto& list = cells[cellKey(c.x + dx, c.y + dy, c.z + dz)];
-                            if (list.empty() || list.back() != e) list.push_back(e);
-                        }
+                        for (int dx = -2; dx <= 2; ++dx)
+                            pairs.emplace_back(cellKey(c.x + dx, c.y + dy, c.z + dz), e);
             }
         }
+        std::sort(pairs.begin(), pairs.end());
+        pairs.erase(std::unique(pairs.begin(), pairs.end()), pairs.end());
+        std::size_t cells = 0;
+        for (std::size_t k = 0; k < pairs.size(); ++k)
+            cells += k == 0 || pairs[k].first != pairs[k - 1].first ? 1 : 0;
         // Flattened into one open-addressed table at most half full, whose probes run over a few
         // adjacent slots: every candidate looks its cell up at every refresh.
         std::size_t size = 16;
-        while (size < 2 * cells.size())
+        while (size < 2 * cells)
             size *= 2;
         slots_.assign(size, Slot{kEmpty, 0, 0});
         marks_.assign(kMarkWords, 0);
-        for (auto& [key, list] : cells) {
+        edges_.resize(pairs.size());
+        for (std::size_t first = 0; first < pairs.size();) {
+            const std::uint64_t key = pairs[first].first;
+            std::size_t last = first;
+            for (; last < pairs.size() && pairs[last].first == key; ++last)
+                edges_[last] = pairs[last].second;
             const std::uint64_t h = mix64(key);
             marks_[(h >> 6) & (kMarkWords - 1)] |= std::uint64_t{1} << (h & 63);
-            std::sort(list.begin(), list.end());
-            list.erase(std::unique(list.begin(), list.end()), list.end());
             std::size_t at = static_cast<std::size_t>(h) & (size - 1);
             while (slots_[at].key != kEmpty)
                 at = (at + 1) & (size - 1);
-            slots_[at] = {key, static_cast<std::uint32_t>(edges_.size()),
-                          static_cast<std::uint32_t>(edges_.size() + list.size())};
-            edges_.insert(edges_.end(), list.begin(), list.end());
+            slots_[at] = {key, static_cast<std::uint32_t>(first), static_cast<std::uint32_t>(last)};
+            first = last;
         }
     }
 
@@ -677,9 +687,15 @@ void relaxPlacement(const ScalpMesh& scalp, const PlacementSettings& settings,
     const TriangleNeighbourhoods nearTriangles(scalp, kProjectionReach * r0, count);
     // Left unset: the first refresh writes every list, in parallel, instead of a serial clear of
     // 96 bytes per candidate.
+    // Aligned to a cache line, so that the search may write whole lists past the cache.
+    constexpr std::size_t kLineWords = 64 / sizeof(std::uint32_t);
     const std::unique_ptr<std::uint32_t[]> neighborStore(
-        new std::uint32_t[count * kRelaxNeighbors]);
-    const std::span<std::uint32_t> neighbors(neighborStore.get(), count * kRelaxNeighbors);
+        new std::uint32_t[count * kRelaxNeighbors + kLineWords]);
+    const std::size_t misalignment =
+        reinterpret_cast<std::uintptr_t>(neighborStore.get()) % 64 / sizeof(std::uint32_t);
+    const std::span<std::uint32_t> neighbors(
+        neighborStore.get() + (misalignment ? kLineWords - misalignment : 0),
+        count * kRelaxNeighbors);
     std::vector<std::uint32_t> nearestEdge(count, kNoEdge);
 
     auto refresh = [&] {

@@ -314,21 +314,31 @@ std::vector<std::uint32_t> nearestByBruteForce(std::span<const Vec3f> positions,
     return lists;
 }
 
-// Compares the neighbour lists at one and two threads with brute force.
+// Compares the neighbour lists at one and two threads with brute force, written to lists on a
+// cache line (which the search may write past the cache) and a word off one.
 void expectNearestInRange(const std::string& name, std::span<const Vec3f> positions, float cell,
                           float range, std::span<const std::uint32_t> ranks = {}) {
     const std::vector<std::uint32_t> expected = nearestByBruteForce(positions, range, ranks);
+    const std::size_t words = positions.size() * kRelaxNeighbors;
+    std::vector<std::uint32_t> storage(words + 32);
+    const std::size_t aligned =
+        (64 - reinterpret_cast<std::uintptr_t>(storage.data()) % 64) % 64 / sizeof(std::uint32_t);
     for (const RelaxLanes lanes : kAllLanes) {
         for (const int threads : {1, 2}) {
-            std::vector<std::uint32_t> lists(positions.size() * kRelaxNeighbors);
-            runWithThreads(threads,
-                           [&] { nearestNeighbors(positions, cell, range, lists, lanes, ranks); });
-            std::size_t wrong = 0;
-            for (std::size_t i = 0; i < positions.size(); ++i)
-                wrong += !std::equal(lists.begin() + i * kRelaxNeighbors,
-                                     lists.begin() + (i + 1) * kRelaxNeighbors,
-                                     expected.begin() + i * kRelaxNeighbors);
-            EXPECT_EQ(wrong, 0u) << name << " at " << threads << " threads" << lanesName(lanes);
+            for (const std::size_t offset : {aligned, aligned + 1}) {
+                const std::span<std::uint32_t> lists(storage.data() + offset, words);
+                std::fill(lists.begin(), lists.end(), 0xdeadbeefu);
+                runWithThreads(threads, [&] {
+                    nearestNeighbors(positions, cell, range, lists, lanes, ranks);
+                });
+                std::size_t wrong = 0;
+                for (std::size_t i = 0; i < positions.size(); ++i)
+                    wrong += !std::equal(lists.begin() + i * kRelaxNeighbors,
+                                         lists.begin() + (i + 1) * kRelaxNeighbors,
+                                         expected.begin() + i * kRelaxNeighbors);
+                EXPECT_EQ(wrong, 0u) << name << " at " << threads << " threads" << lanesName(lanes)
+                                     << (offset == aligned ? "" : ", unaligned");
+            }
         }
     }
 }
