@@ -565,18 +565,21 @@ void GuideShortlist::gather(const GuideRootGrid& grid, const Vec3f& center, floa
         guess = std::sqrt(nearest2[k_ - 1]);
     }
     float nearestK = 0.0f;
+    bool searchedAll = all;
     for (;;) {
         foundIndices_.clear();
         foundPoints_.clear();
         const float radius = radiusFor(guess);
-        grid.within(center, all || !(radius < 1e18f) ? 3.4e38f : radius * radius, foundIndices_,
-                    foundPoints_);
+        // Past 1e18 the ball takes in every root whose squared distance is a float at all; roots
+        // so far apart that it overflows are never found, so widening further would not end.
+        searchedAll = all || !(radius < 1e18f);
+        grid.within(center, searchedAll ? 3.4e38f : radius * radius, foundIndices_, foundPoints_);
         order_.clear();
         for (std::size_t i = 0; i < foundIndices_.size(); ++i) {
             const Vec3f d = foundPoints_[i] - center;
             order_.push_back(rankKey(dot(d, d), static_cast<std::uint32_t>(i)));
         }
-        if (all || order_.size() == grid.size()) break;
+        if (searchedAll || order_.size() == grid.size()) break;
         if (order_.size() >= static_cast<std::size_t>(k_)) {
             const auto kth = static_cast<std::size_t>(k_ - 1);
             kept_.resize(order_.size());
@@ -588,7 +591,7 @@ void GuideShortlist::gather(const GuideRootGrid& grid, const Vec3f& center, floa
     }
     guess_ = nearestK;
     const float radius = radiusFor(nearestK);
-    const float radius2 = all || order_.size() == grid.size() ? 3.4e38f : radius * radius;
+    const float radius2 = searchedAll || order_.size() == grid.size() ? 3.4e38f : radius * radius;
     margin_ = (scale + radius) * 1e-5f;
     // Those within the radius, nearest the centre first (equal distances in the order found).
     kept_.resize(order_.size());

@@ -209,6 +209,32 @@ TEST(GuideShortlist, LanesAnswerAsThePlainQueryAtOneAndTwoThreads) {
     }
 }
 
+// Roots so far out that their squared distances overflow are never found; a shortlist must still
+// end its widening search and answer as the grid does (it used to widen for ever).
+TEST(GuideShortlist, EndsItsSearchWhenRootsAreTooFarToMeasure) {
+    const std::vector<Vec3f> points = {{1e20f, 0, 0}, {-1e20f, 0, 0}, {0.5f, 0, 0},
+                                       {0, 1e20f, 0}, {0, 0.75f, 0},  {0, -1e20f, 0}};
+    const std::vector<std::uint32_t> indices = {0, 1, 2, 3, 4, 5};
+    const GuideRootGrid grid(points, indices, 3);
+    for (const int k : {1, 3, 5}) {
+        GuideShortlist shortlist;
+        shortlist.gather(grid, Vec3f{0, 0, 0}, 0.25f, k);
+        const Vec3f p{0.1f, 0.1f, 0};
+        const Answer expected =
+            ask(k, [&](int n, auto* i, auto* d) { return grid.nearest(p, n, i, d); });
+        // Only the two near roots can be measured.
+        const std::vector<std::uint32_t> near =
+            k == 1 ? std::vector<std::uint32_t>{2} : std::vector<std::uint32_t>{2, 4};
+        EXPECT_EQ(expected.indices, near);
+        for (const auto lanes : {GuideShortlist::Lanes::plain, GuideShortlist::Lanes::four,
+                                 GuideShortlist::Lanes::eight, GuideShortlist::Lanes::sixteen})
+            EXPECT_EQ(ask(k, [&](int n, auto* i,
+                                 auto* d) { return shortlist.nearest(lanes, p, n, i, d); }),
+                      expected)
+                << "k " << k;
+    }
+}
+
 // selectNth against a full sort, on key orders that trouble partitions: ascending, descending,
 // hashed, all but one alike in their high half, and sizes round the hand-overs to nth_element
 // (after lanes and after plain partitions).
