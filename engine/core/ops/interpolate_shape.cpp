@@ -33,6 +33,7 @@ using interpolate_lanes::kGroupLanes;
 using interpolate_lanes::kMaxSamples;
 using interpolate_lanes::kPaddedSamples;
 using interpolate_lanes::kWideLanes;
+using interpolate_lanes::kWidestLanes;
 using interpolate_lanes::LaneGroup;
 using interpolate_lanes::LaneGroups;
 using interpolate_lanes::LaneScratch;
@@ -764,12 +765,14 @@ void shapeStrands(const InterpolateState& state, const InterpolateGuideRows& row
     };
     // Strands that run side by side: shaped from a blend, with a binding and at least 2 points.
     // The rest (and any left over from a group) take the one-strand path.
-    // How many strands run side by side: eight with AVX, four with SSE, or none.
+    // How many strands run side by side: sixteen with AVX-512, eight with AVX, four with SSE, or
+    // none.
 #if VELMORIN_INTERPOLATE_SSE2
     const std::size_t width =
-        lanesWanted == ShapeLanes::oneByOne || samples < 2 || settings.takeLength ? 0
-        : lanesWanted != ShapeLanes::four && wide                                 ? kGroupLanes
-                                                                                  : kFourLanes;
+        lanesWanted == ShapeLanes::oneByOne || samples < 2 || settings.takeLength     ? 0
+        : lanesWanted == ShapeLanes::widest && interpolate_lanes::widestLanesUsable() ? kWidestLanes
+        : lanesWanted != ShapeLanes::four && wide                                     ? kWideLanes
+                                                                                      : kFourLanes;
 #else
     const std::size_t width = 0;
     (void)lanesWanted;
