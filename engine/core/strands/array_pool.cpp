@@ -1,12 +1,7 @@
 #include "strands/array_pool.h"
 
-#include <tbb/task_arena.h>
-
 #include <algorithm>
-#include <atomic>
 #include <cstdint>
-#include <memory>
-#include <thread>
 #include <utility>
 
 #include "base/parallel.h"
@@ -20,10 +15,10 @@ namespace {
 
 constexpr std::size_t kKept = 2;
 
-// Values are filled or copied this many bytes at a time per task: large enough that a task is
-// worth handing out, small enough that both threads share a column of a few megabytes. Arrays
-// from this size up are made on every thread (a strand channel of a million strands, just under
-// the pooled size, among them).
+// Pages are brought in, and values filled or copied, this many bytes at a time per task: large
+// enough that a task is worth handing out, small enough that both threads share a column of a
+// few megabytes. Arrays from this size up are made on every thread (a strand channel of a
+// million strands, just under the pooled size, among them).
 constexpr std::size_t kTouchBytes = 0x100000;  // 1 MiB
 constexpr std::size_t kPageBytes = 4096;
 
@@ -38,105 +33,40 @@ void inPieces(std::size_t length, const Body& body) {
     parallelRange(0, length, kPiece, body);
 }
 
-// Fresh memory from the allocator is brought in, and the array's elements made, in pieces that
-// end at the whole huge pages of the address space.
-constexpr std::size_t kHugePageBytes = 0x200000;  // 2 MiB
-
-// Asks the kernel to back the whole huge pages of [start, start + bytes) by huge pages: the page
-// faults (or the population below) then set up a five-hundredth of the page tables, and the
-// arrays' readers miss the TLB far less. Only a hint: where it is refused, nothing changes.
-void preferHugePages([[maybe_unused]] std::uintptr_t start, [[maybe_unused]] std::size_t bytes) {
-#if defined(__linux__) && defined(MADV_HUGEPAGE)
-    const std::uintptr_t first = (start + kHugePageBytes - 1) & ~(kHugePageBytes - 1);
-    const std::uintptr_t end = (start + bytes) & ~(kHugePageBytes - 1);
-    if (end > first) madvise(reinterpret_cast<void*>(first), end - first, MADV_HUGEPAGE);
-#endif
-}
-
-// Brings in the pages of [from, to), fresh memory inside one array, on the calling thread. The
-// kernel zeroes each page on its first write; done by one thread inside a vector's constructor,
-// that is most of the cost of a fresh column (a 200 MB one takes about 60 ms on one thread).
-void bringInPages(std::uintptr_t from, std::uintptr_t to) {
+// Brings in the whole pages of [data, data + bytes), fresh memory from the allocator, on every
+// thread. The kernel zeroes each page on its first write; done by one thread inside a vector's
+// constructor, that is most of the cost of a fresh column (a 200 MB one takes about 60 ms on one
+// thread, half that on two). The part pages at the ends come in when they are first written.
+void bringInPages(void* data, std::size_t bytes) {
+    const auto start = reinterpret_cast<std::uintptr_t>(data);
+    const std::uintptr_t first = (start + kPageBytes - 1) & ~(kPageBytes - 1);
+    const std::uintptr_t end = (start + bytes) & ~(kPageBytes - 1);
+    if (end <= first) return;
+    parallelRange(
+        0, (end - first + kTouchBytes - 1) / kTouchBytes, 1,
+        [&](std::size_t begin, std::size_t stop) {
+            const std::uintptr_t from = first + begin * kTouchBytes;
+            const std::uintptr_t to = std::min(first + stop * kTouchBytes, end);
 #if defined(__linux__) && defined(MADV_POPULATE_WRITE)
-    // The kernel fills the page tables in one call, without a fault per page. It needs whole
-    // pages: the part pages at the ends come in when they are first written.
-    const std::uintptr_t first = (from + kPageBytes - 1) & ~(kPageBytes - 1);
-    const std::uintptr_t end = to & ~(kPageBytes - 1);
-    if (end <= first ||
-        madvise(reinterpret_cast<void*>(first), end - first, MADV_POPULATE_WRITE) == 0)
-        return;
+            // The kernel fills the page tables in one call, without a fault per page.
+            if (madvise(reinterpret_cast<void*>(from), to - from, MADV_POPULATE_WRITE) == 0) return;
 #endif
-    // Elsewhere, or on an older kernel: one write per page of the piece faults it in.
-    for (std::uintptr_t at = (from + kPageBytes - 1) & ~(kPageBytes - 1); at < to; at += kPageBytes)
-        *reinterpret_cast<volatile unsigned char*>(at) = 0;
+            // Elsewhere, or on an older kernel: one write per page faults it in.
+            for (std::uintptr_t at = from; at < to; at += kPageBytes)
+                *reinterpret_cast<volatile unsigned char*>(at) = 0;
+        });
 }
 
-// A new array of `length` elements. One of a megabyte or more is reserved first; its pages are
-// brought in on every thread, and its elements made on one thread (a vector makes them in order,
-// one call at a time), right behind its pages: that thread takes the pieces from the front, each
-// bringing in a piece no one has taken yet or waiting for the one being brought in, then making
-// the elements that lie whole in the pieces so far, while it is still in the cache. The other
-// threads bring pieces in from the back until they meet it. The element maker writes only pieces
-// that are in; the others write only pieces they took, so no byte is written by two threads.
+// A new array of `length` elements. One of a megabyte or more is reserved first and its pages
+// brought in on every thread, so that making its elements only writes memory that is there.
 template <class T>
 std::vector<T> freshArray(std::size_t length) {
     std::vector<T> array;
-    const std::size_t bytes = length * sizeof(T);
-    if (!isSharedOutArraySize(bytes)) {
-        array.resize(length);
-        return array;
+    if (isSharedOutArraySize(length * sizeof(T))) {
+        array.reserve(length);
+        bringInPages(array.data(), length * sizeof(T));
     }
-    array.reserve(length);
-    const auto start = reinterpret_cast<std::uintptr_t>(array.data());
-    const std::uintptr_t end = start + bytes;
-    preferHugePages(start, bytes);
-    // Piece p is [pieceStart(p), pieceStart(p + 1)): the first from `start`, the last to `end`.
-    const std::uintptr_t firstBoundary = (start & ~(kHugePageBytes - 1)) + kHugePageBytes;
-    const std::size_t pieces =
-        firstBoundary >= end ? 1 : 2 + (end - 1 - firstBoundary) / kHugePageBytes;
-    const auto pieceStart = [&](std::size_t p) {
-        return p == 0 ? start : std::min(firstBoundary + (p - 1) * kHugePageBytes, end);
-    };
-    enum : unsigned char { kFree, kTaken, kIn };
-    const auto state = std::make_unique<std::atomic<unsigned char>[]>(pieces);
-    for (std::size_t p = 0; p < pieces; ++p)
-        state[p].store(kFree, std::memory_order_relaxed);
-    std::atomic<std::size_t> fromBack{pieces};
-    const auto makeElements = [&] {
-        for (std::size_t p = 0; p < pieces; ++p) {
-            unsigned char expected = kFree;
-            if (state[p].compare_exchange_strong(expected, kTaken, std::memory_order_acq_rel)) {
-                bringInPages(pieceStart(p), pieceStart(p + 1));
-            } else {
-                // Taken by a running task, which finishes it without waiting for anything.
-                while (state[p].load(std::memory_order_acquire) != kIn)
-                    std::this_thread::yield();
-            }
-            array.resize((pieceStart(p + 1) - start) / sizeof(T));
-        }
-    };
-    const auto bringInFromBack = [&] {
-        for (;;) {
-            const std::size_t p = fromBack.fetch_sub(1, std::memory_order_relaxed);
-            if (p == 0 || p > pieces) return;
-            unsigned char expected = kFree;
-            // The element maker took it: it takes every piece before it too.
-            if (!state[p - 1].compare_exchange_strong(expected, kTaken, std::memory_order_acq_rel))
-                return;
-            bringInPages(pieceStart(p - 1), pieceStart(p));
-            state[p - 1].store(kIn, std::memory_order_release);
-        }
-    };
-    const std::size_t roles = std::min<std::size_t>(
-        pieces, static_cast<std::size_t>(std::max(tbb::this_task_arena::max_concurrency(), 1)));
-    parallelRange(0, roles, 1, [&](std::size_t first, std::size_t last) {
-        for (std::size_t role = first; role < last; ++role) {
-            if (role == 0)
-                makeElements();
-            else
-                bringInFromBack();
-        }
-    });
+    array.resize(length);
     return array;
 }
 
