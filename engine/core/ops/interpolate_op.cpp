@@ -19,6 +19,7 @@
 #include "ops/interpolate_follow.h"
 #include "ops/interpolate_shape.h"
 #include "ops/interpolate_tubes.h"
+#include "strands/array_pool.h"
 #include "strands/channel_names.h"
 #include "strands/strand_changes.h"
 
@@ -466,8 +467,10 @@ class InterpolateOp final : public Operator {
     static void readStrandRoots(Prepared& p) {
         const StrandSet& strands = *p.strands;
         const std::size_t strandCount = strands.strandCount();
-        p.strandRoots.resize(strandCount);
-        if (p.scalp) p.strandNormals.assign(strandCount, Vec3f{});
+        // Fresh arrays of a strand each, brought in on every thread rather than zeroed on this
+        // one as a vector grows.
+        p.strandRoots = ArrayPool<Vec3f>::makeVector(strandCount);
+        if (p.scalp) p.strandNormals = ArrayPool<Vec3f>::makeVector(strandCount);
         const auto offsets = strands.offsets();
         const auto points = strands.points();
         const auto roots = strands.roots();

@@ -33,6 +33,7 @@ using interpolate_lanes::kGroupLanes;
 using interpolate_lanes::kMaxSamples;
 using interpolate_lanes::kPaddedSamples;
 using interpolate_lanes::kWideLanes;
+using interpolate_lanes::kWidestLanes;
 using interpolate_lanes::LaneGroup;
 using interpolate_lanes::LaneGroups;
 using interpolate_lanes::LaneScratch;
@@ -315,45 +316,98 @@ void segmentLengths(const ShapeScratch& c, std::size_t lanes, float* segment) {
 }
 
 #if VELMORIN_INTERPOLATE_AVX
+// blendRows for the eight samples from j.
+__attribute__((target("avx"), always_inline)) inline void blendEight(
+    std::span<const BlendTerm> terms, std::size_t stride, std::size_t j, const Vec3f& root,
+    float* x, float* y, float* z) {
+    __m256 ax = _mm256_setzero_ps(), ay = _mm256_setzero_ps(), az = _mm256_setzero_ps();
+    for (const BlendTerm& term : terms) {
+        const __m256 ox = _mm256_loadu_ps(term.row + j);
+        const __m256 oy = _mm256_loadu_ps(term.row + stride + j);
+        const __m256 oz = _mm256_loadu_ps(term.row + 2 * stride + j);
+        const __m256 w = _mm256_set1_ps(term.weight);
+        if (term.turns) {
+            const Turn& t = term.turn;
+            // As Turn::apply, row by row; lambdas would not be built for AVX.
+            const __m256 tx =
+                _mm256_add_ps(_mm256_add_ps(_mm256_mul_ps(_mm256_set1_ps(t.r0.x), ox),
+                                            _mm256_mul_ps(_mm256_set1_ps(t.r0.y), oy)),
+                              _mm256_mul_ps(_mm256_set1_ps(t.r0.z), oz));
+            const __m256 ty =
+                _mm256_add_ps(_mm256_add_ps(_mm256_mul_ps(_mm256_set1_ps(t.r1.x), ox),
+                                            _mm256_mul_ps(_mm256_set1_ps(t.r1.y), oy)),
+                              _mm256_mul_ps(_mm256_set1_ps(t.r1.z), oz));
+            const __m256 tz =
+                _mm256_add_ps(_mm256_add_ps(_mm256_mul_ps(_mm256_set1_ps(t.r2.x), ox),
+                                            _mm256_mul_ps(_mm256_set1_ps(t.r2.y), oy)),
+                              _mm256_mul_ps(_mm256_set1_ps(t.r2.z), oz));
+            ax = _mm256_add_ps(ax, _mm256_mul_ps(tx, w));
+            ay = _mm256_add_ps(ay, _mm256_mul_ps(ty, w));
+            az = _mm256_add_ps(az, _mm256_mul_ps(tz, w));
+        } else {
+            ax = _mm256_add_ps(ax, _mm256_mul_ps(ox, w));
+            ay = _mm256_add_ps(ay, _mm256_mul_ps(oy, w));
+            az = _mm256_add_ps(az, _mm256_mul_ps(oz, w));
+        }
+    }
+    _mm256_store_ps(x + j, _mm256_add_ps(ax, _mm256_set1_ps(root.x)));
+    _mm256_store_ps(y + j, _mm256_add_ps(ay, _mm256_set1_ps(root.y)));
+    _mm256_store_ps(z + j, _mm256_add_ps(az, _mm256_set1_ps(root.z)));
+}
+
 // blendRows eight samples at a time.
 __attribute__((target("avx"))) void blendRowsWide(std::span<const BlendTerm> terms,
                                                   std::size_t stride, std::size_t lanes,
                                                   const Vec3f& root, float* x, float* y, float* z) {
-    for (std::size_t j = 0; j < lanes; j += kWideLanes) {
-        __m256 ax = _mm256_setzero_ps(), ay = _mm256_setzero_ps(), az = _mm256_setzero_ps();
+    for (std::size_t j = 0; j < lanes; j += kWideLanes)
+        blendEight(terms, stride, j, root, x, y, z);
+}
+
+// blendRows sixteen samples at a time, and the eight left of a row of 8 + 16k with AVX: a guide
+// row of 16 samples (the common guide) is then one group, whose turn entries each strand
+// broadcasts once instead of twice. Rows are not padded to sixteen, so a group never reads past
+// its row's last eight.
+__attribute__((target("avx512f"))) void blendRowsWidest(std::span<const BlendTerm> terms,
+                                                        std::size_t stride, std::size_t lanes,
+                                                        const Vec3f& root, float* x, float* y,
+                                                        float* z) {
+    constexpr std::size_t kWidest = 16;
+    std::size_t j = 0;
+    for (; j + kWidest <= lanes; j += kWidest) {
+        __m512 ax = _mm512_setzero_ps(), ay = _mm512_setzero_ps(), az = _mm512_setzero_ps();
         for (const BlendTerm& term : terms) {
-            const __m256 ox = _mm256_loadu_ps(term.row + j);
-            const __m256 oy = _mm256_loadu_ps(term.row + stride + j);
-            const __m256 oz = _mm256_loadu_ps(term.row + 2 * stride + j);
-            const __m256 w = _mm256_set1_ps(term.weight);
+            const __m512 ox = _mm512_loadu_ps(term.row + j);
+            const __m512 oy = _mm512_loadu_ps(term.row + stride + j);
+            const __m512 oz = _mm512_loadu_ps(term.row + 2 * stride + j);
+            const __m512 w = _mm512_set1_ps(term.weight);
             if (term.turns) {
                 const Turn& t = term.turn;
-                // As Turn::apply, row by row; lambdas would not be built for AVX.
-                const __m256 tx =
-                    _mm256_add_ps(_mm256_add_ps(_mm256_mul_ps(_mm256_set1_ps(t.r0.x), ox),
-                                                _mm256_mul_ps(_mm256_set1_ps(t.r0.y), oy)),
-                                  _mm256_mul_ps(_mm256_set1_ps(t.r0.z), oz));
-                const __m256 ty =
-                    _mm256_add_ps(_mm256_add_ps(_mm256_mul_ps(_mm256_set1_ps(t.r1.x), ox),
-                                                _mm256_mul_ps(_mm256_set1_ps(t.r1.y), oy)),
-                                  _mm256_mul_ps(_mm256_set1_ps(t.r1.z), oz));
-                const __m256 tz =
-                    _mm256_add_ps(_mm256_add_ps(_mm256_mul_ps(_mm256_set1_ps(t.r2.x), ox),
-                                                _mm256_mul_ps(_mm256_set1_ps(t.r2.y), oy)),
-                                  _mm256_mul_ps(_mm256_set1_ps(t.r2.z), oz));
-                ax = _mm256_add_ps(ax, _mm256_mul_ps(tx, w));
-                ay = _mm256_add_ps(ay, _mm256_mul_ps(ty, w));
-                az = _mm256_add_ps(az, _mm256_mul_ps(tz, w));
+                const __m512 tx =
+                    _mm512_add_ps(_mm512_add_ps(_mm512_mul_ps(_mm512_set1_ps(t.r0.x), ox),
+                                                _mm512_mul_ps(_mm512_set1_ps(t.r0.y), oy)),
+                                  _mm512_mul_ps(_mm512_set1_ps(t.r0.z), oz));
+                const __m512 ty =
+                    _mm512_add_ps(_mm512_add_ps(_mm512_mul_ps(_mm512_set1_ps(t.r1.x), ox),
+                                                _mm512_mul_ps(_mm512_set1_ps(t.r1.y), oy)),
+                                  _mm512_mul_ps(_mm512_set1_ps(t.r1.z), oz));
+                const __m512 tz =
+                    _mm512_add_ps(_mm512_add_ps(_mm512_mul_ps(_mm512_set1_ps(t.r2.x), ox),
+                                                _mm512_mul_ps(_mm512_set1_ps(t.r2.y), oy)),
+                                  _mm512_mul_ps(_mm512_set1_ps(t.r2.z), oz));
+                ax = _mm512_add_ps(ax, _mm512_mul_ps(tx, w));
+                ay = _mm512_add_ps(ay, _mm512_mul_ps(ty, w));
+                az = _mm512_add_ps(az, _mm512_mul_ps(tz, w));
             } else {
-                ax = _mm256_add_ps(ax, _mm256_mul_ps(ox, w));
-                ay = _mm256_add_ps(ay, _mm256_mul_ps(oy, w));
-                az = _mm256_add_ps(az, _mm256_mul_ps(oz, w));
+                ax = _mm512_add_ps(ax, _mm512_mul_ps(ox, w));
+                ay = _mm512_add_ps(ay, _mm512_mul_ps(oy, w));
+                az = _mm512_add_ps(az, _mm512_mul_ps(oz, w));
             }
         }
-        _mm256_store_ps(x + j, _mm256_add_ps(ax, _mm256_set1_ps(root.x)));
-        _mm256_store_ps(y + j, _mm256_add_ps(ay, _mm256_set1_ps(root.y)));
-        _mm256_store_ps(z + j, _mm256_add_ps(az, _mm256_set1_ps(root.z)));
+        _mm512_storeu_ps(x + j, _mm512_add_ps(ax, _mm512_set1_ps(root.x)));
+        _mm512_storeu_ps(y + j, _mm512_add_ps(ay, _mm512_set1_ps(root.y)));
+        _mm512_storeu_ps(z + j, _mm512_add_ps(az, _mm512_set1_ps(root.z)));
     }
+    if (j < lanes) blendEight(terms, stride, j, root, x, y, z);
 }
 
 // segmentLengths eight samples at a time.
@@ -389,8 +443,15 @@ __attribute__((target("avx"))) void segmentLengthsWide(const ShapeScratch& c, st
 bool wideLanesUsable() {
     return avxLanesUsable();
 }
+bool widestBlendUsable() {
+    static const bool usable = __builtin_cpu_supports("avx512f");
+    return usable;
+}
 #else
 bool wideLanesUsable() {
+    return false;
+}
+bool widestBlendUsable() {
     return false;
 }
 #endif
@@ -544,14 +605,23 @@ void shapeStrands(const InterpolateState& state, const InterpolateGuideRows& row
         layOutPlanar(rows.offsets, samples, stride, laidOut);
         planar = laidOut.data();
     }
+    // The blend's width follows the lanes asked for, so that tests can set each against the
+    // four-sample blend of the one-by-one path: sixteen samples (with eight for the rest of a row)
+    // where the processor has AVX-512, eight with AVX, else four.
     const bool wide = wideLanesUsable();
+    const bool widestBlend = lanesWanted == ShapeLanes::widest && widestBlendUsable();
+    const bool wideBlend =
+        wide && (lanesWanted == ShapeLanes::widest || lanesWanted == ShapeLanes::eight);
     const auto blend = [&](std::span<const BlendTerm> terms, const Vec3f& root, float* x, float* y,
                            float* z) {
 #if VELMORIN_INTERPOLATE_AVX
-        if (wide) return blendRowsWide(terms, stride, lanes, root, x, y, z);
+        if (widestBlend) return blendRowsWidest(terms, stride, lanes, root, x, y, z);
+        if (wideBlend) return blendRowsWide(terms, stride, lanes, root, x, y, z);
 #endif
         blendRows(terms, stride, lanes, root, x, y, z);
     };
+    (void)widestBlend;
+    (void)wideBlend;
     const auto measure = [&](ShapeScratch& c) {
 #if VELMORIN_INTERPOLATE_AVX
         if (wide) return segmentLengthsWide(c, lanes, c.segment);
@@ -695,12 +765,14 @@ void shapeStrands(const InterpolateState& state, const InterpolateGuideRows& row
     };
     // Strands that run side by side: shaped from a blend, with a binding and at least 2 points.
     // The rest (and any left over from a group) take the one-strand path.
-    // How many strands run side by side: eight with AVX, four with SSE, or none.
+    // How many strands run side by side: sixteen with AVX-512, eight with AVX, four with SSE, or
+    // none.
 #if VELMORIN_INTERPOLATE_SSE2
     const std::size_t width =
-        lanesWanted == ShapeLanes::oneByOne || samples < 2 || settings.takeLength ? 0
-        : lanesWanted == ShapeLanes::widest && wide                               ? kGroupLanes
-                                                                                  : kFourLanes;
+        lanesWanted == ShapeLanes::oneByOne || samples < 2 || settings.takeLength     ? 0
+        : lanesWanted == ShapeLanes::widest && interpolate_lanes::widestLanesUsable() ? kWidestLanes
+        : lanesWanted != ShapeLanes::four && wide                                     ? kWideLanes
+                                                                                      : kFourLanes;
 #else
     const std::size_t width = 0;
     (void)lanesWanted;

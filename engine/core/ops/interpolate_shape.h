@@ -56,9 +56,12 @@ struct ShapeSettings {
 };
 
 // How the shape stage runs its strands: side by side, strands of one point count one per lane,
-// eight at a time where the processor has AVX (widest) or four (four; SSE, every x86-64), the
-// rest one by one; or all one by one. All give the same bits; tests compare them.
-enum class ShapeLanes { widest, four, oneByOne };
+// sixteen at a time where the processor has AVX-512 (widest), eight where it has AVX (widest
+// without AVX-512, and eight) or four (four; SSE, every x86-64), the rest one by one; or all one
+// by one. Each strand's blend runs over sixteen samples at a time where the processor has AVX-512
+// (widest), eight with AVX (widest, eight), else four (four, and one by one). All give the same
+// bits; tests compare them.
+enum class ShapeLanes { widest, eight, four, oneByOne };
 
 // Shapes the listed strands (all when `only` is empty) of `in` into `outPoints` (the points of a
 // set of the same layout). `state` is the binding of `in`'s strands: where it lists a root per

@@ -1,9 +1,10 @@
 #pragma once
 // Interpolate's shape stage for strands side by side: strands of one point count, one per lane
-// (eight with AVX, four with SSE), so that the steps each strand takes one after another (its arc
-// lengths summed in order, its length restored, its points placed along the table) overlap across
-// the group. Every lane does the operations of the one-strand path in the same order, so the bits
-// are the same. Each strand's blend is still made alone, over its samples, then turned into lanes.
+// (sixteen with AVX-512, eight with AVX, four with SSE), so that the steps each strand takes one
+// after another (its arc lengths summed in order, its length restored, its points placed along the
+// table) overlap across the group. Every lane does the operations of the one-strand path in the
+// same order, so the bits are the same. Each strand's blend is still made alone, over its samples,
+// then turned into lanes.
 
 #include <cstddef>
 #include <span>
@@ -13,12 +14,14 @@
 namespace velmorin::interpolate_lanes {
 
 // The most samples a guide row has, and the padding of a row: loops over samples cover whole
-// groups of eight, and may read and write up to a whole group past the last sample.
+// groups of eight (sixteen in the widest lanes), and may read and write up to a whole group of
+// eight past the last sample.
 inline constexpr std::size_t kMaxSamples = 64;
 inline constexpr std::size_t kWideLanes = 8;
 inline constexpr std::size_t kPaddedSamples = kMaxSamples + 2 * kWideLanes;
-// Strands per group: eight lanes wide, or four.
-inline constexpr std::size_t kGroupLanes = kWideLanes;
+// Strands per group: sixteen with AVX-512, eight with AVX, or four.
+inline constexpr std::size_t kWidestLanes = 16;
+inline constexpr std::size_t kGroupLanes = kWidestLanes;
 inline constexpr std::size_t kFourLanes = 4;
 
 // A group's curves: per strand its blended samples as planar runs, then the same turned into
@@ -74,13 +77,15 @@ class LaneGroups {
 
 // Whether the lanes are there: SSE2 and GCC or clang.
 bool sideBySideAvailable();
+// Whether the processor runs sixteen lanes (AVX-512).
+bool widestLanesUsable();
 
-// Steps 5 to 7 of the shape of `width` strands (kGroupLanes, only where the processor has AVX, or
-// kFourLanes) of `points` points, whose blended curves are in g.x, g.y, g.z (`samples` samples
-// each), with their roots and guide lengths in g: points 1 onward are written to out[l] (point 0
-// is the root, for the caller). Returns false, having written nothing, where a lane's curve has a
-// length that is not a number or infinite: the one-strand path's walk along the table then
-// decides.
+// Steps 5 to 7 of the shape of `width` strands (kWidestLanes, only where widestLanesUsable;
+// kWideLanes, only where the processor has AVX; or kFourLanes) of `points` points, whose blended
+// curves are in g.x, g.y, g.z (`samples` samples each), with their roots and guide lengths in g:
+// points 1 onward are written to out[l] (point 0 is the root, for the caller). Returns false,
+// having written nothing, where a lane's curve has a length that is not a number or infinite: the
+// one-strand path's walk along the table then decides.
 bool shapeLanes(std::size_t width, LaneScratch& g, std::size_t samples, std::size_t points,
                 bool directions, bool preserveLength, Vec3f* const* out);
 

@@ -713,7 +713,8 @@ TEST(InterpolateShape, TurnsIntoTheStrandsFrameKeepTheirBitsAtEveryAngle) {
     }
     const std::vector<Vec3f> start(run.strands->points().begin(), run.strands->points().end());
     std::vector<std::uint64_t> hashes;
-    for (const ShapeLanes lanes : {ShapeLanes::oneByOne, ShapeLanes::four, ShapeLanes::widest})
+    for (const ShapeLanes lanes :
+         {ShapeLanes::oneByOne, ShapeLanes::four, ShapeLanes::eight, ShapeLanes::widest})
         for (const int threads : {1, 2}) {
             std::vector<Vec3f> out = start;
             runWithThreads(threads, [&] {
@@ -815,12 +816,15 @@ std::shared_ptr<const StrandSet> mixedCountsOnRoots(const ShapeRun& run) {
 TEST(InterpolateShape, StrandsSideBySideMakeTheBitsOfStrandsOneByOne) {
     ShapeRun run;
     const auto strands = mixedCountsOnRoots(run);
-    // Guide rows of 7 samples (one group of lanes), of 19 (three), and rows so large that the
-    // curves' lengths overflow, which the one-by-one walk decides.
-    std::vector<const Guide*> pointers;
-    const auto longer = guidesOnHead(0.4, 19);
-    for (const Guide& guide : longer->guides)
-        pointers.push_back(&guide);
+    // Guide rows of 7 samples (one group of eight), of 16 (one group of sixteen), of 19 (a group
+    // of sixteen and one of eight), and rows so large that the curves' lengths overflow, which
+    // the one-by-one walk decides.
+    const auto rowsOf = [](const std::shared_ptr<const GuideSet>& set) {
+        std::vector<const Guide*> pointers;
+        for (const Guide& guide : set->guides)
+            pointers.push_back(&guide);
+        return makeGuideRows(pointers, head().get());
+    };
     InterpolateGuideRows huge = run.rows;
     for (Vec3f& o : huge.offsets)
         o *= 1e37f;
@@ -828,7 +832,8 @@ TEST(InterpolateShape, StrandsSideBySideMakeTheBitsOfStrandsOneByOne) {
         f *= 1e37f;
     const std::pair<const char*, InterpolateGuideRows> rowSets[] = {
         {"7 samples", run.rows},
-        {"19 samples", makeGuideRows(pointers, head().get())},
+        {"16 samples", rowsOf(guidesOnHead(0.4, 16))},
+        {"19 samples", rowsOf(guidesOnHead(0.4, 19))},
         {"overflowing", huge}};
     std::vector<std::uint64_t> everyThird;
     for (std::size_t s = 0; s < strands->strandCount(); s += 3)
@@ -859,14 +864,17 @@ TEST(InterpolateShape, StrandsSideBySideMakeTheBitsOfStrandsOneByOne) {
                         return made;
                     };
                     const auto expected = shape(ShapeLanes::oneByOne, 1);
-                    for (const ShapeLanes lanes : {ShapeLanes::widest, ShapeLanes::four}) {
+                    for (const ShapeLanes lanes :
+                         {ShapeLanes::widest, ShapeLanes::eight, ShapeLanes::four}) {
                         for (const int threads : {1, 2}) {
                             const auto got = shape(lanes, threads);
                             // Compared whole, so that a failure names the case, not every point.
                             EXPECT_TRUE(bitsOf(got.first) == bitsOf(expected.first))
                                 << name << ", blend " << blend << ", limit " << limit << ", listed "
                                 << listed << ", " << threads << " threads"
-                                << (lanes == ShapeLanes::four ? ", four lanes" : "");
+                                << (lanes == ShapeLanes::four    ? ", four lanes"
+                                    : lanes == ShapeLanes::eight ? ", eight lanes"
+                                                                 : ", widest");
                             EXPECT_TRUE(got.second == expected.second)
                                 << name << ", blend " << blend;
                         }
