@@ -830,6 +830,7 @@ void FractalNoiseAlongZ::alongLinesWide(std::span<const Line> lines) {
                 std::fill_n(sums + kMostLaneSamples * static_cast<std::size_t>(channel),
                             state[l].count, 0.0f);
         const Line& line = lines[l];
+        if (line.out.empty()) continue;  // a line of no samples has nothing to store
         noise_faces::storeSampleSums(
             sums, kMostLaneSamples, state[l].count, scale_, &line.out.data()->x,
             line.moved.empty() ? nullptr : &line.from.data()->x, line.amplitude,

@@ -26,9 +26,9 @@ FaceKernel widestFaceKernel() {
 namespace {
 
 // The gradients' x, y and z by index, padded to 16 for the two-table lane read.
-alignas(32) constexpr float kGradientX[16] = {1, -1, 1, -1, 1, -1, 1, -1, 0, 0, 0, 0};
-alignas(32) constexpr float kGradientY[16] = {1, 1, -1, -1, 0, 0, 0, 0, 1, -1, 1, -1};
-alignas(32) constexpr float kGradientZ[16] = {0, 0, 0, 0, 1, 1, -1, -1, 1, 1, -1, -1};
+alignas(64) constexpr float kGradientX[16] = {1, -1, 1, -1, 1, -1, 1, -1, 0, 0, 0, 0};
+alignas(64) constexpr float kGradientY[16] = {1, 1, -1, -1, 0, 0, 0, 0, 1, -1, 1, -1};
+alignas(64) constexpr float kGradientZ[16] = {0, 0, 0, 0, 1, 1, -1, -1, 1, 1, -1, -1};
 
 // Helpers built for AVX2 serve both kernels: the AVX-512 one includes AVX2, so they inline there.
 #define VELMORIN_AVX2_TARGET __attribute__((target("avx2")))
