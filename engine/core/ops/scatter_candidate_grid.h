@@ -31,8 +31,8 @@ class CandidateGrid {
     void build(float cell, std::span<const Vec3f> positions, std::span<const std::uint32_t> ranks) {
         inverse_ = 1.0f / cell;
         const std::size_t count = positions.size();
-        std::vector<Entry>& entries = entries_;
-        entries.resize(count);
+        std::vector<std::uint64_t>& keys = keys_;
+        keys.resize(count);
         // One pass in fixed chunks makes the keys, notes whether they ever fall, and finds the
         // cells' bounding block for the sort by cells. Positions already in the grid's order (the
         // relaxation stores its candidates so, and they have not moved by the first refresh) need
@@ -58,7 +58,7 @@ class CandidateGrid {
                     const std::uint64_t key = cellKey(at.x, at.y, at.z);
                     falls = falls || key < previous;
                     previous = key;
-                    entries[i] = {key, static_cast<std::uint32_t>(i)};
+                    keys[i] = key;
                     for (std::size_t a = 0; a < 3; ++a) {
                         const std::uint64_t v = (key >> (21 * a)) & kRowMask;
                         b.low[a] = std::min(b.low[a], v);
@@ -69,28 +69,37 @@ class CandidateGrid {
                 if (falls) unsorted.store(true, std::memory_order_relaxed);
             }
         });
-        // Where the cells are sorted, the entries' indices in grid order are the sorted cells'.
-        bool byCells = false;
+        // The indices in grid order: as they stand, from the sort by cells, or, for a block of
+        // cells too large for that, from a comparison sort.
+        const Dense* sorted = nullptr;
         if (unsorted.load(std::memory_order_relaxed)) {
-            byCells = sortByDenseCells(entries, bounds);
-            if (!byCells)
+            if (sortByDenseCells(keys, bounds)) {
+                sorted = from_.data();
+            } else {
+                std::vector<Entry> entries(count);
+                for (std::size_t i = 0; i < count; ++i)
+                    entries[i] = {keys[i], static_cast<std::uint32_t>(i)};
                 tbb::parallel_sort(entries.begin(), entries.end(),
                                    [](const Entry& a, const Entry& b) {
                                        return a.key != b.key ? a.key < b.key : a.index < b.index;
                                    });
+                from_.resize(count);
+                for (std::size_t e = 0; e < count; ++e)
+                    from_[e] = {0, entries[e].index};
+                sorted = from_.data();
+            }
         }
         sortedIndex_.resize(count);
         sortedKey_.resize(count);
         sortedRank_.resize(ranks.empty() ? 0 : count);
         for (auto& axis : sortedAxis_)
             axis.resize(count);
-        const Dense* cells = from_.data();
         forEach(count, [&](std::size_t begin, std::size_t end) {
             for (std::size_t e = begin; e < end; ++e) {
-                const std::uint32_t index = byCells ? cells[e].index : entries[e].index;
+                const std::uint32_t index =
+                    sorted ? sorted[e].index : static_cast<std::uint32_t>(e);
                 sortedIndex_[e] = index;
-                // Unsorted by cells, the entries are in index order.
-                sortedKey_[e] = byCells ? entries[index].key : entries[e].key;
+                sortedKey_[e] = keys[index];
                 if (!ranks.empty()) sortedRank_[e] = ranks[index];
                 const Vec3f& p = positions[index];
                 for (int a = 0; a < 3; ++a)
@@ -101,8 +110,10 @@ class CandidateGrid {
         denseRows_.clear();
         // The cells' starts, found in fixed chunks of entries: each counts the cells that start in
         // it, and then writes them after those of the chunks before.
-        const std::uint64_t* keys = sortedKey_.data();
-        const auto startsCell = [&](std::size_t e) { return e == 0 || keys[e] != keys[e - 1]; };
+        const std::uint64_t* cellOfEntry = sortedKey_.data();
+        const auto startsCell = [&](std::size_t e) {
+            return e == 0 || cellOfEntry[e] != cellOfEntry[e - 1];
+        };
         std::vector<std::uint32_t> firstCell(chunks + 1, 0);
         parallelRange(0, chunks, 1, [&](std::size_t begin, std::size_t end) {
             for (std::size_t c = begin; c < end; ++c) {
@@ -122,7 +133,7 @@ class CandidateGrid {
                 for (std::size_t e = c * kChunk; e < std::min(count, (c + 1) * kChunk); ++e) {
                     if (!startsCell(e)) continue;
                     cellStart_[at] = static_cast<std::uint32_t>(e);
-                    cellKeys_[at++] = keys[e];
+                    cellKeys_[at++] = cellOfEntry[e];
                 }
             }
         });
@@ -235,18 +246,19 @@ class CandidateGrid {
         std::uint64_t high[3] = {0, 0, 0};
     };
 
-    // Sorts entries made in index order by key, then index, into `from_` (cell places and
-    // indices), where the cells' bounding block numbers fewer than 2^24 cells: each key becomes the
-    // cell's place in the block (which keeps the keys' order, z, then y, then x), sorted by two
+    // Sorts the indices of `keys` (in index order) by key, then index, into `from_` (cell places
+    // and indices), where the cells' bounding block numbers fewer than 2^24 cells: each key becomes
+    // the cell's place in the block (which keeps the keys' order, z, then y, then x), sorted by two
     // stable passes of 12 bits. Far quicker than a comparison sort on a million candidates.
     // `bounds` holds each chunk's least and greatest cell coordinates. Returns false, sorting
     // nothing, for a larger block.
-    bool sortByDenseCells(const std::vector<Entry>& entries, const std::vector<Bounds>& bounds) {
+    bool sortByDenseCells(const std::vector<std::uint64_t>& keys,
+                          const std::vector<Bounds>& bounds) {
         constexpr int kBits = 12;
         constexpr std::size_t kBuckets = std::size_t{1} << kBits;
         // Fixed chunks, whatever the threads: each counts and places its own entries in order,
         // so the passes stay stable and the result the same at any thread count.
-        const std::size_t count = entries.size();
+        const std::size_t count = keys.size();
         if (count == 0) return false;
         const std::size_t chunks = (count + kChunk - 1) / kChunk;
         const auto forChunks = [&](const auto& body) {
@@ -270,12 +282,12 @@ class CandidateGrid {
         to.resize(count);
         forChunks([&](std::size_t, std::size_t first, std::size_t last) {
             for (std::size_t i = first; i < last; ++i) {
-                const std::uint64_t key = entries[i].key;
+                const std::uint64_t key = keys[i];
                 const std::uint64_t x = (key & kRowMask) - low[0];
                 const std::uint64_t y = ((key >> 21) & kRowMask) - low[1];
                 const std::uint64_t z = (key >> 42) - low[2];
                 from[i] = {static_cast<std::uint32_t>((z * sizeY + y) * sizeX + x),
-                           entries[i].index};
+                           static_cast<std::uint32_t>(i)};
             }
         });
         // Per chunk and bucket: first the count, then where the chunk's entries of the bucket go.
@@ -313,7 +325,7 @@ class CandidateGrid {
         std::uint32_t cell, index;
     };
     // Working arrays of a build, kept for the next.
-    std::vector<Entry> entries_;
+    std::vector<std::uint64_t> keys_;  // each candidate's cell, in index order
     std::vector<Bounds> bounds_;
     std::vector<Dense> from_, to_;
     float inverse_ = 1.0f;
