@@ -31,41 +31,77 @@ class CandidateGrid {
     void build(float cell, std::span<const Vec3f> positions, std::span<const std::uint32_t> ranks) {
         inverse_ = 1.0f / cell;
         const std::size_t count = positions.size();
-        std::vector<Entry>& entries = entries_;
-        entries.resize(count);
-        // Positions already in the grid's order (the relaxation stores its candidates so, and
-        // they have not moved by the first refresh) need no sort: entries in index order whose
-        // keys never fall are sorted by key, then index, as they stand.
+        std::vector<std::uint64_t>& keys = keys_;
+        keys.resize(count);
+        // One pass in fixed chunks makes the keys, notes whether they ever fall, and finds the
+        // cells' bounding block for the sort by cells. Positions already in the grid's order (the
+        // relaxation stores its candidates so, and they have not moved by the first refresh) need
+        // no sort: entries in index order whose keys never fall are sorted by key, then index, as
+        // they stand.
+        const std::size_t chunks = (count + kChunk - 1) / kChunk;
+        std::vector<Bounds>& bounds = bounds_;
+        bounds.assign(chunks, Bounds{});
         std::atomic<bool> unsorted = false;
-        forEach(count, [&](std::size_t begin, std::size_t end) {
-            const auto keyOf = [&](std::size_t i) {
-                const CellCoord c = cellOf(positions[i], inverse_);
-                return cellKey(c.x, c.y, c.z);
-            };
-            std::uint64_t last = begin > 0 ? keyOf(begin - 1) : 0;
-            bool falls = false;
-            for (std::size_t i = begin; i < end; ++i) {
-                const std::uint64_t key = keyOf(i);
-                falls = falls || key < last;
-                last = key;
-                entries[i] = {key, static_cast<std::uint32_t>(i)};
+        parallelRange(0, chunks, 1, [&](std::size_t begin, std::size_t end) {
+            for (std::size_t c = begin; c < end; ++c) {
+                const std::size_t first = c * kChunk, last = std::min(count, first + kChunk);
+                const auto coordOf = [&](std::size_t i) { return cellOf(positions[i], inverse_); };
+                std::uint64_t previous = 0;
+                if (first > 0) {
+                    const CellCoord before = coordOf(first - 1);
+                    previous = cellKey(before.x, before.y, before.z);
+                }
+                bool falls = false;
+                Bounds b;
+                for (std::size_t i = first; i < last; ++i) {
+                    const CellCoord at = coordOf(i);
+                    const std::uint64_t key = cellKey(at.x, at.y, at.z);
+                    falls = falls || key < previous;
+                    previous = key;
+                    keys[i] = key;
+                    for (std::size_t a = 0; a < 3; ++a) {
+                        const std::uint64_t v = (key >> (21 * a)) & kRowMask;
+                        b.low[a] = std::min(b.low[a], v);
+                        b.high[a] = std::max(b.high[a], v);
+                    }
+                }
+                bounds[c] = b;
+                if (falls) unsorted.store(true, std::memory_order_relaxed);
             }
-            if (falls) unsorted.store(true, std::memory_order_relaxed);
         });
-        if (unsorted.load(std::memory_order_relaxed) && !sortByDenseCells(entries)) {
-            tbb::parallel_sort(entries.begin(), entries.end(), [](const Entry& a, const Entry& b) {
-                return a.key != b.key ? a.key < b.key : a.index < b.index;
-            });
+        // The indices in grid order: as they stand, from the sort by cells, or, for a block of
+        // cells too large for that, from a comparison sort.
+        const Dense* sorted = nullptr;
+        if (unsorted.load(std::memory_order_relaxed)) {
+            if (sortByDenseCells(keys, bounds)) {
+                sorted = from_.data();
+            } else {
+                std::vector<Entry> entries(count);
+                for (std::size_t i = 0; i < count; ++i)
+                    entries[i] = {keys[i], static_cast<std::uint32_t>(i)};
+                tbb::parallel_sort(entries.begin(), entries.end(),
+                                   [](const Entry& a, const Entry& b) {
+                                       return a.key != b.key ? a.key < b.key : a.index < b.index;
+                                   });
+                from_.resize(count);
+                for (std::size_t e = 0; e < count; ++e)
+                    from_[e] = {0, entries[e].index};
+                sorted = from_.data();
+            }
         }
         sortedIndex_.resize(count);
+        sortedKey_.resize(count);
         sortedRank_.resize(ranks.empty() ? 0 : count);
         for (auto& axis : sortedAxis_)
             axis.resize(count);
         forEach(count, [&](std::size_t begin, std::size_t end) {
             for (std::size_t e = begin; e < end; ++e) {
-                sortedIndex_[e] = entries[e].index;
-                if (!ranks.empty()) sortedRank_[e] = ranks[entries[e].index];
-                const Vec3f& p = positions[entries[e].index];
+                const std::uint32_t index =
+                    sorted ? sorted[e].index : static_cast<std::uint32_t>(e);
+                sortedIndex_[e] = index;
+                sortedKey_[e] = keys[index];
+                if (!ranks.empty()) sortedRank_[e] = ranks[index];
+                const Vec3f& p = positions[index];
                 for (int a = 0; a < 3; ++a)
                     sortedAxis_[a][e] = p[a];
             }
@@ -74,10 +110,9 @@ class CandidateGrid {
         denseRows_.clear();
         // The cells' starts, found in fixed chunks of entries: each counts the cells that start in
         // it, and then writes them after those of the chunks before.
-        constexpr std::size_t kChunk = 1 << 16;
-        const std::size_t chunks = (count + kChunk - 1) / kChunk;
+        const std::uint64_t* cellOfEntry = sortedKey_.data();
         const auto startsCell = [&](std::size_t e) {
-            return e == 0 || entries[e].key != entries[e - 1].key;
+            return e == 0 || cellOfEntry[e] != cellOfEntry[e - 1];
         };
         std::vector<std::uint32_t> firstCell(chunks + 1, 0);
         parallelRange(0, chunks, 1, [&](std::size_t begin, std::size_t end) {
@@ -98,7 +133,7 @@ class CandidateGrid {
                 for (std::size_t e = c * kChunk; e < std::min(count, (c + 1) * kChunk); ++e) {
                     if (!startsCell(e)) continue;
                     cellStart_[at] = static_cast<std::uint32_t>(e);
-                    cellKeys_[at++] = entries[e].key;
+                    cellKeys_[at++] = cellOfEntry[e];
                 }
             }
         });
@@ -169,7 +204,7 @@ class CandidateGrid {
     std::size_t size() const { return sortedIndex_.size(); }
     std::uint64_t cellKeyAt(std::uint32_t cell) const { return cellKeys_[cell]; }
     // The key of the cell of an entry, as the build found it.
-    std::uint64_t keyOfEntry(std::uint32_t entry) const { return entries_[entry].key; }
+    std::uint64_t keyOfEntry(std::uint32_t entry) const { return sortedKey_[entry]; }
     // The entries of cells [first, last).
     std::uint32_t entriesBegin(std::uint32_t first) const { return cellStart_[first]; }
 
@@ -203,20 +238,28 @@ class CandidateGrid {
         std::uint64_t key;
         std::uint32_t index;
     };
+    // Fixed chunks of entries for the passes whose results must not depend on the threads.
+    static constexpr std::size_t kChunk = 1 << 16;
+    // The least and greatest cell coordinates of a chunk, axis by axis.
+    struct Bounds {
+        std::uint64_t low[3] = {kRowMask, kRowMask, kRowMask};
+        std::uint64_t high[3] = {0, 0, 0};
+    };
 
-    // Sorts entries made in index order by key, then index, where the cells' bounding block
-    // numbers fewer than 2^24 cells: each key becomes the cell's place in the block (which keeps
-    // the keys' order, z, then y, then x), sorted by two stable passes of 12 bits. Far quicker than
-    // a comparison sort on a million candidates. Returns false, sorting nothing, for a larger
-    // block.
-    bool sortByDenseCells(std::vector<Entry>& entries) {
+    // Sorts the indices of `keys` (in index order) by key, then index, into `from_` (cell places
+    // and indices), where the cells' bounding block numbers fewer than 2^24 cells: each key becomes
+    // the cell's place in the block (which keeps the keys' order, z, then y, then x), sorted by two
+    // stable passes of 12 bits. Far quicker than a comparison sort on a million candidates.
+    // `bounds` holds each chunk's least and greatest cell coordinates. Returns false, sorting
+    // nothing, for a larger block.
+    bool sortByDenseCells(const std::vector<std::uint64_t>& keys,
+                          const std::vector<Bounds>& bounds) {
         constexpr int kBits = 12;
         constexpr std::size_t kBuckets = std::size_t{1} << kBits;
         // Fixed chunks, whatever the threads: each counts and places its own entries in order,
         // so the passes stay stable and the result the same at any thread count.
-        constexpr std::size_t kChunk = 1 << 16;
-        const std::size_t count = entries.size();
-        if (count == 0) return true;
+        const std::size_t count = keys.size();
+        if (count == 0) return false;
         const std::size_t chunks = (count + kChunk - 1) / kChunk;
         const auto forChunks = [&](const auto& body) {
             parallelRange(0, chunks, 1, [&](std::size_t begin, std::size_t end) {
@@ -224,22 +267,11 @@ class CandidateGrid {
                     body(c, c * kChunk, std::min(count, (c + 1) * kChunk));
             });
         };
-        std::vector<std::array<std::uint64_t, 6>> bounds(chunks);
-        forChunks([&](std::size_t c, std::size_t first, std::size_t last) {
-            std::array<std::uint64_t, 6> b = {kRowMask, kRowMask, kRowMask, 0, 0, 0};
-            for (std::size_t i = first; i < last; ++i)
-                for (std::size_t a = 0; a < 3; ++a) {
-                    const std::uint64_t v = (entries[i].key >> (21 * a)) & kRowMask;
-                    b[a] = std::min(b[a], v);
-                    b[a + 3] = std::max(b[a + 3], v);
-                }
-            bounds[c] = b;
-        });
         std::uint64_t low[3] = {kRowMask, kRowMask, kRowMask}, high[3] = {0, 0, 0};
-        for (const auto& b : bounds)
+        for (const Bounds& b : bounds)
             for (std::size_t a = 0; a < 3; ++a) {
-                low[a] = std::min(low[a], b[a]);
-                high[a] = std::max(high[a], b[a + 3]);
+                low[a] = std::min(low[a], b.low[a]);
+                high[a] = std::max(high[a], b.high[a]);
             }
         const std::uint64_t sizeX = high[0] - low[0] + 1, sizeY = high[1] - low[1] + 1,
                             sizeZ = high[2] - low[2] + 1;
@@ -250,12 +282,12 @@ class CandidateGrid {
         to.resize(count);
         forChunks([&](std::size_t, std::size_t first, std::size_t last) {
             for (std::size_t i = first; i < last; ++i) {
-                const std::uint64_t key = entries[i].key;
+                const std::uint64_t key = keys[i];
                 const std::uint64_t x = (key & kRowMask) - low[0];
                 const std::uint64_t y = ((key >> 21) & kRowMask) - low[1];
                 const std::uint64_t z = (key >> 42) - low[2];
                 from[i] = {static_cast<std::uint32_t>((z * sizeY + y) * sizeX + x),
-                           entries[i].index};
+                           static_cast<std::uint32_t>(i)};
             }
         });
         // Per chunk and bucket: first the count, then where the chunk's entries of the bucket go.
@@ -282,14 +314,7 @@ class CandidateGrid {
             });
             std::swap(from, to);
         }
-        // Back to the keys, read by index: entries were made in index order.
-        std::vector<Entry>& sorted = sortedEntries_;
-        sorted.resize(count);
-        forChunks([&](std::size_t, std::size_t first, std::size_t last) {
-            for (std::size_t i = first; i < last; ++i)
-                sorted[i] = entries[from[i].index];
-        });
-        entries.swap(sorted);
+        // An even number of passes: the sorted entries are back in `from_`.
         return true;
     }
     struct Row {
@@ -300,10 +325,12 @@ class CandidateGrid {
         std::uint32_t cell, index;
     };
     // Working arrays of a build, kept for the next.
-    std::vector<Entry> entries_, sortedEntries_;
+    std::vector<std::uint64_t> keys_;  // each candidate's cell, in index order
+    std::vector<Bounds> bounds_;
     std::vector<Dense> from_, to_;
     float inverse_ = 1.0f;
     std::vector<std::uint32_t> sortedIndex_;
+    std::vector<std::uint64_t> sortedKey_;          // the key of each entry's cell
     std::vector<std::uint32_t> sortedRank_;         // empty where ranks are the indices
     std::array<std::vector<float>, 3> sortedAxis_;  // the positions, axis by axis
     std::vector<std::uint32_t> cellStart_;

@@ -343,6 +343,72 @@ class BlockSearch {
         return n + static_cast<std::size_t>(std::popcount(static_cast<unsigned>(mask)));
     }
 
+    // Copies the block's runs of grid entries to its arrays, padded with far points to whole
+    // groups of sixteen. Runs are short (a dozen or two): they are joined in registers and
+    // written as whole aligned groups, the very groups the measuring then loads. Loads across
+    // several stores would wait for all of them to reach the cache, and a loop with a remainder
+    // per run mispredicts its ends.
+    VELMORIN_AVX512_LANES void copyRunsWidest() {
+        const __m512i iota =
+            _mm512_setr_epi32(0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15);
+        // Lanes [0, pending) of these wait for a whole group.
+        __m512 x = _mm512_setzero_ps(), y = x, z = x;
+        __m512i index = _mm512_setzero_si512();
+        std::size_t pending = 0, out = 0;
+        for (const auto& run : blockRuns_) {
+            const float* fromX = grid_.axisData(0) + run.first;
+            const float* fromY = grid_.axisData(1) + run.first;
+            const float* fromZ = grid_.axisData(2) + run.first;
+            const std::uint32_t* fromIndex = grid_.indexData() + run.first;
+            for (std::size_t k = 0; k < run.second; k += 16) {
+                const std::size_t taken = std::min<std::size_t>(16, run.second - k);
+                const auto lanes = static_cast<__mmask16>((1u << taken) - 1u);
+                const __m512 nx = _mm512_maskz_loadu_ps(lanes, fromX + k);
+                const __m512 ny = _mm512_maskz_loadu_ps(lanes, fromY + k);
+                const __m512 nz = _mm512_maskz_loadu_ps(lanes, fromZ + k);
+                const __m512i ni = _mm512_maskz_loadu_epi32(lanes, fromIndex + k);
+                // Lane L: the pending lane L below `pending`, else new lane L - pending.
+                const auto after = static_cast<__mmask16>(0xffffu << pending);
+                const __m512i join = _mm512_mask_add_epi32(
+                    iota, after, iota, _mm512_set1_epi32(static_cast<std::int32_t>(16 - pending)));
+                const __m512 jx = _mm512_permutex2var_ps(x, join, nx);
+                const __m512 jy = _mm512_permutex2var_ps(y, join, ny);
+                const __m512 jz = _mm512_permutex2var_ps(z, join, nz);
+                const __m512i ji = _mm512_permutex2var_epi32(index, join, ni);
+                if (pending + taken < 16) {
+                    x = jx;
+                    y = jy;
+                    z = jz;
+                    index = ji;
+                    pending += taken;
+                    continue;
+                }
+                _mm512_storeu_ps(x_.data() + out, jx);
+                _mm512_storeu_ps(y_.data() + out, jy);
+                _mm512_storeu_ps(z_.data() + out, jz);
+                _mm512_storeu_si512(index_.data() + out, ji);
+                out += 16;
+                // What is left of the new lanes, from lane 16 - pending on (one source twice:
+                // the one-source permutation trips a warning in some compilers' headers).
+                const __m512i rest = _mm512_add_epi32(
+                    iota, _mm512_set1_epi32(static_cast<std::int32_t>(16 - pending)));
+                x = _mm512_permutex2var_ps(nx, rest, nx);
+                y = _mm512_permutex2var_ps(ny, rest, ny);
+                z = _mm512_permutex2var_ps(nz, rest, nz);
+                index = _mm512_permutex2var_epi32(ni, rest, ni);
+                pending = pending + taken - 16;
+            }
+        }
+        if (pending > 0) {
+            const auto kept = static_cast<__mmask16>((1u << pending) - 1u);
+            const __m512 far = _mm512_set1_ps(std::numeric_limits<float>::infinity());
+            _mm512_storeu_ps(x_.data() + out, _mm512_mask_mov_ps(far, kept, x));
+            _mm512_storeu_ps(y_.data() + out, _mm512_mask_mov_ps(far, kept, y));
+            _mm512_storeu_ps(z_.data() + out, _mm512_mask_mov_ps(far, kept, z));
+            _mm512_storeu_si512(index_.data() + out, _mm512_maskz_mov_epi32(kept, index));
+        }
+    }
+
     // rankKeysWide with AVX-512: the same counts of smaller squared distances, sixteen lanes to a
     // register, so two compares per key rank up to 32.
     VELMORIN_AVX512_LANES bool rankKeysWidest(std::size_t n,
@@ -401,6 +467,7 @@ class BlockSearch {
         return table;
     }();
 #else
+    void copyRunsWidest() {}
     bool rankKeysWidest(std::size_t n, std::uint64_t (&best)[kRelaxNeighbors]) {
         return rankKeys(n, best);
     }
@@ -516,6 +583,7 @@ class BlockSearch {
         rowsZ_ = c.z;
         std::size_t m = 0;
         std::size_t r = 0;
+        blockRuns_.clear();
         for (int dz = -cells_; dz <= cells_; ++dz)
             for (int dy = -cells_; dy <= cells_; ++dy, ++r) {
                 const std::int64_t y = c.y + dy, z = c.z + dz;
@@ -543,6 +611,11 @@ class BlockSearch {
                 const std::uint32_t last = grid_.entriesBegin(run.right);
                 const std::size_t length = last - first;
                 if (m + length + 32 > x_.size()) grow(m + length + 32);
+                if (lanes_ == 16) {
+                    blockRuns_.push_back({first, static_cast<std::uint32_t>(length)});
+                    m += length;
+                    continue;
+                }
                 // One loop for the four arrays: runs are short, and a library copy per array
                 // would cost more than the copying.
                 const float* __restrict fromX = grid_.axisData(0) + first;
@@ -567,6 +640,10 @@ class BlockSearch {
         const float far = std::numeric_limits<float>::infinity();
         const std::size_t spare = static_cast<std::size_t>(lanes_) - 1;
         count_ = (m + spare) & ~spare;
+        if (lanes_ == 16) {
+            copyRunsWidest();  // padding included
+            return;
+        }
         for (std::size_t b = m; b < count_; ++b) {
             x_[b] = y_[b] = z_[b] = far;
             index_[b] = 0;
@@ -592,6 +669,8 @@ class BlockSearch {
     const std::uint32_t* rankOf_;
     const std::uint32_t* indexOfRank_;
     std::vector<RowRun> runs_;
+    // The block's runs of grid entries (first, length) in gathering order, for the widest lanes.
+    std::vector<std::pair<std::uint32_t, std::uint32_t>> blockRuns_;
     bool rowsValid_ = false;
     std::int64_t rowsX_ = 0, rowsY_ = 0, rowsZ_ = 0;
     const CandidateGrid& grid_;

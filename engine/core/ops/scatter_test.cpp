@@ -560,6 +560,73 @@ TEST(Scatter, NeighbourListsOnAwkwardSpreads) {
         expectNearestInRange(c.name, c.points, c.cell, c.range);
 }
 
+TEST(ScatterGrid, OrderIsByCellThenIndex) {
+    // Enough candidates for several of the grid's fixed chunks (65536 entries each), so that keys
+    // falling at a chunk's first entry and cells spread over chunks are met.
+    constexpr std::size_t kCount = 150000;
+    constexpr float kCell = 0.5f;
+    const auto spread = [](std::uint64_t seed, float size) {
+        std::vector<Vec3f> points(kCount);
+        for (std::size_t i = 0; i < kCount; ++i) {
+            const std::uint64_t h = hashCombine(seed, i);
+            points[i] = {unitFloat(h) * size, unitFloat(h + 1) * size, unitFloat(h + 2) * 2.0f};
+        }
+        return points;
+    };
+    const auto keyOf = [](const Vec3f& p) {
+        const scatter::CellCoord c = scatter::cellOf(p, 1.0f / kCell);
+        return scatter::cellKey(c.x, c.y, c.z);
+    };
+    const auto byCell = [&](const std::vector<Vec3f>& points) {
+        std::vector<std::uint32_t> order(points.size());
+        for (std::uint32_t i = 0; i < order.size(); ++i)
+            order[i] = i;
+        std::sort(order.begin(), order.end(), [&](std::uint32_t a, std::uint32_t b) {
+            return std::pair(keyOf(points[a]), a) < std::pair(keyOf(points[b]), b);
+        });
+        return order;
+    };
+    const auto reordered = [](const std::vector<Vec3f>& points,
+                              const std::vector<std::uint32_t>& order) {
+        std::vector<Vec3f> out;
+        for (const std::uint32_t i : order)
+            out.push_back(points[i]);
+        return out;
+    };
+    const std::vector<Vec3f> scattered = spread(61, 40.0f);
+    // Already in grid order: kept as it stands.
+    const std::vector<Vec3f> inOrder = reordered(scattered, byCell(scattered));
+    // In grid order but for one candidate moved to the front of the second chunk, whose key
+    // then falls from the last one of the first chunk.
+    std::vector<Vec3f> fallsAtChunk = inOrder;
+    fallsAtChunk[65536] = inOrder.front();
+    // Two halves far apart: a block of more than 2^24 cells, sorted by comparison.
+    std::vector<Vec3f> farApart = scattered;
+    for (std::size_t i = 0; i < kCount; i += 2)
+        farApart[i] += Vec3f{400.0f, 400.0f, 400.0f};
+    const struct {
+        const char* name;
+        const std::vector<Vec3f>& points;
+    } cases[] = {
+        {"scattered", scattered},
+        {"in grid order", inOrder},
+        {"falling at a chunk's start", fallsAtChunk},
+        {"far apart", farApart},
+    };
+    for (const auto& c : cases) {
+        const std::vector<std::uint32_t> expected = byCell(c.points);
+        for (const int threads : {1, 2}) {
+            runWithThreads(threads, [&] {
+                scatter::NeighborSearch search;
+                // Twice over one search object: the second build reuses the first's arrays.
+                for (int round = 0; round < 2; ++round)
+                    EXPECT_EQ(search.gridOrder(c.points, kCell), expected)
+                        << c.name << " at " << threads << " threads, round " << round;
+            });
+        }
+    }
+}
+
 TEST(Scatter, NeighbourListsStayTheNearestAsCandidatesMove) {
     // One search object over a relaxation's steps keeps its working arrays from one search to the
     // next, and must still find the nearest 24 whatever the moves.
