@@ -231,6 +231,10 @@ inline M everyLane() {
 inline F bitsOf(M m) {
     return {m.v};
 }
+// bitsOf the other way.
+inline M maskOf(F a) {
+    return {a.v};
+}
 
 // out[l] = base + (lane l read as a 32-bit integer) * size, for every lane.
 inline void laneAddresses(F indices, const char* base, std::size_t size, const char** out) {
@@ -495,6 +499,9 @@ VELMORIN_WIDE M everyLane() {
 VELMORIN_WIDE F bitsOf(M m) {
     return {m.v};
 }
+VELMORIN_WIDE M maskOf(F a) {
+    return {a.v};
+}
 
 // narrow::laneAddresses for eight lanes, two at a time in 64-bit integers: each index widened
 // with its sign, multiplied by `size` and added to `base` (AVX brings the SSE4.1 these need).
@@ -539,6 +546,210 @@ VELMORIN_WIDE void transposeEight(const float* const* at, F* rows) {
 #undef VELMORIN_WIDE
 
 }  // namespace wide
+
+// Sixteen lanes with AVX-512 (AVX-512F alone, checked at run time: widestLanesUsable), for the
+// kernels that walk records by index: rows come from gathers, and masks are mask registers, one bit
+// a lane. The same operations per lane as the narrower widths, so the same bits.
+namespace widest {
+
+// GCC 12's AVX-512 intrinsics start some results from an undefined register that it then reports
+// as used uninitialized.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wuninitialized"
+#pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
+
+#define VELMORIN_WIDEST __attribute__((target("avx512f"), always_inline)) inline
+
+inline constexpr std::size_t kWidth = 16;
+
+struct F {
+    __m512 v;
+};
+struct M {
+    __mmask16 v;
+};
+
+VELMORIN_WIDEST F load(const float* p) {
+    return {_mm512_loadu_ps(p)};
+}
+VELMORIN_WIDEST void store(float* p, F a) {
+    _mm512_storeu_ps(p, a.v);
+}
+VELMORIN_WIDEST F loadAligned(const float* p) {
+    return {_mm512_load_ps(p)};
+}
+VELMORIN_WIDEST void storeAligned(float* p, F a) {
+    _mm512_store_ps(p, a.v);
+}
+VELMORIN_WIDEST F splat(float x) {
+    return {_mm512_set1_ps(x)};
+}
+VELMORIN_WIDEST F operator+(F a, F b) {
+    return {_mm512_add_ps(a.v, b.v)};
+}
+VELMORIN_WIDEST F operator-(F a, F b) {
+    return {_mm512_sub_ps(a.v, b.v)};
+}
+VELMORIN_WIDEST F operator*(F a, F b) {
+    return {_mm512_mul_ps(a.v, b.v)};
+}
+VELMORIN_WIDEST F operator/(F a, F b) {
+    return {_mm512_div_ps(a.v, b.v)};
+}
+VELMORIN_WIDEST F sqrtOf(F a) {
+    return {_mm512_sqrt_ps(a.v)};
+}
+VELMORIN_WIDEST F minOf(F a, F b) {
+    return {_mm512_min_ps(b.v, a.v)};
+}
+VELMORIN_WIDEST F maxOf(F a, F b) {
+    return {_mm512_max_ps(b.v, a.v)};
+}
+VELMORIN_WIDEST F absOf(F a) {
+    return {_mm512_castsi512_ps(
+        _mm512_andnot_epi32(_mm512_set1_epi32(INT32_MIN), _mm512_castps_si512(a.v)))};
+}
+VELMORIN_WIDEST M operator<(F a, F b) {
+    return {_mm512_cmp_ps_mask(a.v, b.v, _CMP_LT_OQ)};
+}
+VELMORIN_WIDEST M operator<=(F a, F b) {
+    return {_mm512_cmp_ps_mask(a.v, b.v, _CMP_LE_OQ)};
+}
+VELMORIN_WIDEST M operator>(F a, F b) {
+    return {_mm512_cmp_ps_mask(a.v, b.v, _CMP_GT_OQ)};
+}
+VELMORIN_WIDEST M operator>=(F a, F b) {
+    return {_mm512_cmp_ps_mask(a.v, b.v, _CMP_GE_OQ)};
+}
+VELMORIN_WIDEST M operator==(F a, F b) {
+    return {_mm512_cmp_ps_mask(a.v, b.v, _CMP_EQ_OQ)};
+}
+VELMORIN_WIDEST M operator&(M a, M b) {
+    return {static_cast<__mmask16>(a.v & b.v)};
+}
+VELMORIN_WIDEST M operator|(M a, M b) {
+    return {static_cast<__mmask16>(a.v | b.v)};
+}
+VELMORIN_WIDEST M notOf(M a) {
+    return {static_cast<__mmask16>(~a.v)};
+}
+VELMORIN_WIDEST M andNot(M a, M b) {
+    return {static_cast<__mmask16>(a.v & ~b.v)};
+}
+VELMORIN_WIDEST F select(M m, F a, F b) {
+    return {_mm512_mask_blend_ps(m.v, b.v, a.v)};
+}
+VELMORIN_WIDEST F blendOf(M m, F a, F b) {
+    return {_mm512_mask_blend_ps(m.v, b.v, a.v)};
+}
+VELMORIN_WIDEST F oneWhere(M m) {
+    return {_mm512_maskz_mov_ps(m.v, _mm512_set1_ps(1.0f))};
+}
+inline constexpr int kAllLanes = 0xFFFF;
+VELMORIN_WIDEST int laneBits(M m) {
+    return m.v;
+}
+VELMORIN_WIDEST bool anyOf(M m) {
+    return m.v != 0;
+}
+VELMORIN_WIDEST bool allOf(M m) {
+    return m.v == 0xFFFF;
+}
+VELMORIN_WIDEST M noLanes() {
+    return {0};
+}
+VELMORIN_WIDEST M everyLane() {
+    return {0xFFFF};
+}
+// The lanes of a mask as floats (all ones or all zeros each), to be kept and selected between;
+// maskOf turns such floats back into the mask.
+VELMORIN_WIDEST F bitsOf(M m) {
+    return {_mm512_castsi512_ps(_mm512_maskz_set1_epi32(m.v, -1))};
+}
+VELMORIN_WIDEST M maskOf(F a) {
+    const __m512i bits = _mm512_castps_si512(a.v);
+    return {_mm512_test_epi32_mask(bits, bits)};
+}
+VELMORIN_WIDEST M equalBits(F a, F b) {
+    return {_mm512_cmpeq_epi32_mask(_mm512_castps_si512(a.v), _mm512_castps_si512(b.v))};
+}
+VELMORIN_WIDEST M signClear(F a) {
+    return {_mm512_cmpgt_epi32_mask(_mm512_castps_si512(a.v), _mm512_set1_epi32(-1))};
+}
+
+// The two halves of sixteen lanes as eight lanes each, and back.
+VELMORIN_WIDEST wide::F lowHalf(F a) {
+    return {_mm512_castps512_ps256(a.v)};
+}
+VELMORIN_WIDEST wide::F highHalf(F a) {
+    return {_mm256_castpd_ps(_mm512_extractf64x4_pd(_mm512_castps_pd(a.v), 1))};
+}
+VELMORIN_WIDEST F joined(wide::F low, wide::F high) {
+    return {_mm512_castpd_ps(_mm512_insertf64x4(_mm512_castps_pd(_mm512_castps256_ps512(low.v)),
+                                                _mm256_castps_pd(high.v), 1))};
+}
+
+// sinCosTurns, lane by lane, eight at a time.
+VELMORIN_WIDEST void sinCosOf(F turns, F& sin, F& cos) {
+    __m256 sinLow, cosLow, sinHigh, cosHigh;
+    sinCosTurns8(lowHalf(turns).v, sinLow, cosLow);
+    sinCosTurns8(highHalf(turns).v, sinHigh, cosHigh);
+    sin = joined({sinLow}, {sinHigh});
+    cos = joined({cosLow}, {cosHigh});
+}
+
+// wide::storeLanePoints for sixteen lanes, eight at a time.
+VELMORIN_WIDEST void storeLanePoints(F px, F py, F pz, Vec3f* const* out, std::size_t at,
+                                     bool last) {
+    wide::storeLanePoints(lowHalf(px), lowHalf(py), lowHalf(pz), out, at, last);
+    wide::storeLanePoints(highHalf(px), highHalf(py), highHalf(pz), out + 8, at, last);
+}
+
+// wide::transposeRows for sixteen addresses, eight at a time.
+VELMORIN_WIDEST void transposeRows(const float* const* at, F& a, F& b, F& c, F& d) {
+    wide::F low[4], high[4];
+    wide::transposeRows(at, low[0], low[1], low[2], low[3]);
+    wide::transposeRows(at + 8, high[0], high[1], high[2], high[3]);
+    a = joined(low[0], high[0]);
+    b = joined(low[1], high[1]);
+    c = joined(low[2], high[2]);
+    d = joined(low[3], high[3]);
+}
+
+// wide::transposeEight for sixteen addresses, eight at a time.
+VELMORIN_WIDEST void transposeEight(const float* const* at, F* rows) {
+    wide::F low[8], high[8];
+    wide::transposeEight(at, low);
+    wide::transposeEight(at + 8, high);
+    for (std::size_t r = 0; r < 8; ++r)
+        rows[r] = joined(low[r], high[r]);
+}
+
+// Each lane's record start as a float index: the lane read as a 32-bit integer times `floats`, the
+// record's size in floats (the product below 2^31).
+VELMORIN_WIDEST F recordStarts(F indices, int floats) {
+    return {_mm512_castsi512_ps(
+        _mm512_mullo_epi32(_mm512_castps_si512(indices.v), _mm512_set1_epi32(floats)))};
+}
+
+// Eight rows gathered from records: row r holds, in lane l, from[start_l + r], start_l being lane
+// l of `starts` (recordStarts) read as an integer.
+VELMORIN_WIDEST void gatherEight(F starts, const float* from, F* rows) {
+    const __m512i at = _mm512_castps_si512(starts.v);
+    for (std::size_t r = 0; r < 8; ++r)
+        rows[r] = {_mm512_i32gather_ps(at, from + r, 4)};
+}
+
+#undef VELMORIN_WIDEST
+#pragma GCC diagnostic pop
+
+}  // namespace widest
+
+// Whether the processor runs the sixteen-lane functions above.
+inline bool widestLanesUsable() {
+    static const bool usable = __builtin_cpu_supports("avx512f");
+    return usable;
+}
 
 }  // namespace velmorin::float_lanes
 
