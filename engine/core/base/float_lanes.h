@@ -547,9 +547,9 @@ VELMORIN_WIDE void transposeEight(const float* const* at, F* rows) {
 
 }  // namespace wide
 
-// Sixteen lanes with AVX-512 (AVX-512F alone, checked at run time: widestLanesUsable), for the
-// kernels that walk records by index: rows come from gathers, and masks are mask registers, one bit
-// a lane. The same operations per lane as the narrower widths, so the same bits.
+// Sixteen lanes with AVX-512 (AVX-512F alone, checked at run time: widestLanesUsable); masks are
+// mask registers, one bit a lane. The same operations per lane as the narrower widths, so the same
+// bits.
 namespace widest {
 
 // GCC 12's AVX-512 intrinsics start some results from an undefined register that it then reports
@@ -705,39 +705,58 @@ VELMORIN_WIDEST void storeLanePoints(F px, F py, F pz, Vec3f* const* out, std::s
     wide::storeLanePoints(highHalf(px), highHalf(py), highHalf(pz), out + 8, at, last);
 }
 
-// wide::transposeRows for sixteen addresses, eight at a time.
+// narrow::transposeRows for sixteen addresses: lanes l, l + 4, l + 8 and l + 12 read into one
+// register, and the four turned as four blocks of 4 by 4 at once.
 VELMORIN_WIDEST void transposeRows(const float* const* at, F& a, F& b, F& c, F& d) {
-    wide::F low[4], high[4];
-    wide::transposeRows(at, low[0], low[1], low[2], low[3]);
-    wide::transposeRows(at + 8, high[0], high[1], high[2], high[3]);
-    a = joined(low[0], high[0]);
-    b = joined(low[1], high[1]);
-    c = joined(low[2], high[2]);
-    d = joined(low[3], high[3]);
+    __m512 r[4];
+    for (std::size_t l = 0; l < 4; ++l) {
+        const __m512 first = _mm512_castps128_ps512(_mm_loadu_ps(at[l]));
+        const __m512 second = _mm512_insertf32x4(first, _mm_loadu_ps(at[l + 4]), 1);
+        const __m512 third = _mm512_insertf32x4(second, _mm_loadu_ps(at[l + 8]), 2);
+        r[l] = _mm512_insertf32x4(third, _mm_loadu_ps(at[l + 12]), 3);
+    }
+    const __m512 t0 = _mm512_unpacklo_ps(r[0], r[1]), t1 = _mm512_unpackhi_ps(r[0], r[1]);
+    const __m512 t2 = _mm512_unpacklo_ps(r[2], r[3]), t3 = _mm512_unpackhi_ps(r[2], r[3]);
+    a = {_mm512_shuffle_ps(t0, t2, 0x44)};
+    b = {_mm512_shuffle_ps(t0, t2, 0xEE)};
+    c = {_mm512_shuffle_ps(t1, t3, 0x44)};
+    d = {_mm512_shuffle_ps(t1, t3, 0xEE)};
 }
 
-// wide::transposeEight for sixteen addresses, eight at a time.
+// wide::transposeEight for sixteen addresses: lanes l and l + 8 read into one register, the eight
+// registers turned as wide's are within their halves, and each row's four quarters put in lane
+// order by one two-register permute.
 VELMORIN_WIDEST void transposeEight(const float* const* at, F* rows) {
-    wide::F low[8], high[8];
-    wide::transposeEight(at, low);
-    wide::transposeEight(at + 8, high);
-    for (std::size_t r = 0; r < 8; ++r)
-        rows[r] = joined(low[r], high[r]);
+    __m512 r[8];
+    for (std::size_t l = 0; l < 8; ++l)
+        r[l] = _mm512_castpd_ps(
+            _mm512_insertf64x4(_mm512_castps_pd(_mm512_castps256_ps512(_mm256_loadu_ps(at[l]))),
+                               _mm256_castps_pd(_mm256_loadu_ps(at[l + 8])), 1));
+    const __m512 t0 = _mm512_unpacklo_ps(r[0], r[1]), t1 = _mm512_unpackhi_ps(r[0], r[1]);
+    const __m512 t2 = _mm512_unpacklo_ps(r[2], r[3]), t3 = _mm512_unpackhi_ps(r[2], r[3]);
+    const __m512 t4 = _mm512_unpacklo_ps(r[4], r[5]), t5 = _mm512_unpackhi_ps(r[4], r[5]);
+    const __m512 t6 = _mm512_unpacklo_ps(r[6], r[7]), t7 = _mm512_unpackhi_ps(r[6], r[7]);
+    // u0 holds float 0 of lanes 0-3, float 4 of lanes 0-3, float 0 of lanes 8-11 and float 4 of
+    // lanes 8-11; u4 the same of lanes 4-7 and 12-15.
+    const __m512 u[8] = {_mm512_shuffle_ps(t0, t2, 0x44), _mm512_shuffle_ps(t0, t2, 0xEE),
+                         _mm512_shuffle_ps(t1, t3, 0x44), _mm512_shuffle_ps(t1, t3, 0xEE),
+                         _mm512_shuffle_ps(t4, t6, 0x44), _mm512_shuffle_ps(t4, t6, 0xEE),
+                         _mm512_shuffle_ps(t5, t7, 0x44), _mm512_shuffle_ps(t5, t7, 0xEE)};
+    const __m512i front =
+        _mm512_setr_epi32(0, 1, 2, 3, 16, 17, 18, 19, 8, 9, 10, 11, 24, 25, 26, 27);
+    const __m512i back =
+        _mm512_setr_epi32(4, 5, 6, 7, 20, 21, 22, 23, 12, 13, 14, 15, 28, 29, 30, 31);
+    for (std::size_t j = 0; j < 4; ++j) {
+        rows[j] = {_mm512_permutex2var_ps(u[j], front, u[j + 4])};
+        rows[j + 4] = {_mm512_permutex2var_ps(u[j], back, u[j + 4])};
+    }
 }
 
-// Each lane's record start as a float index: the lane read as a 32-bit integer times `floats`, the
-// record's size in floats (the product below 2^31).
-VELMORIN_WIDEST F recordStarts(F indices, int floats) {
-    return {_mm512_castsi512_ps(
-        _mm512_mullo_epi32(_mm512_castps_si512(indices.v), _mm512_set1_epi32(floats)))};
-}
-
-// Eight rows gathered from records: row r holds, in lane l, from[start_l + r], start_l being lane
-// l of `starts` (recordStarts) read as an integer.
-VELMORIN_WIDEST void gatherEight(F starts, const float* from, F* rows) {
-    const __m512i at = _mm512_castps_si512(starts.v);
-    for (std::size_t r = 0; r < 8; ++r)
-        rows[r] = {_mm512_i32gather_ps(at, from + r, 4)};
+// wide::laneAddresses for sixteen lanes, eight at a time.
+VELMORIN_WIDEST void laneAddresses(F indices, const char* base, std::size_t size,
+                                   const char** out) {
+    wide::laneAddresses(lowHalf(indices), base, size, out);
+    wide::laneAddresses(highHalf(indices), base, size, out + 8);
 }
 
 #undef VELMORIN_WIDEST

@@ -391,30 +391,24 @@ constexpr std::size_t kInterleaved = 32;
 namespace narrow_flow {
 using namespace float_lanes::narrow;
 #define VELMORIN_LANES_TARGET
-#define VELMORIN_LANES_GATHER 0
 #include "ops/flow_lanes.inc"
-#undef VELMORIN_LANES_GATHER
 #undef VELMORIN_LANES_TARGET
 }  // namespace narrow_flow
 namespace wide_flow {
 using namespace float_lanes::wide;
 #define VELMORIN_LANES_TARGET __attribute__((target("avx")))
-#define VELMORIN_LANES_GATHER 0
 #include "ops/flow_lanes.inc"
-#undef VELMORIN_LANES_GATHER
 #undef VELMORIN_LANES_TARGET
 }  // namespace wide_flow
-// Sixteen lanes, the triangles' rows gathered by index and the lanes' choices in mask registers.
-// GCC 12 reports the undefined start of some AVX-512 intrinsics' results as uninitialized.
+// Sixteen lanes with AVX-512, their choices in mask registers. GCC 12 reports the undefined start
+// of some AVX-512 intrinsics' results as uninitialized.
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wuninitialized"
 #pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
 namespace widest_flow {
 using namespace float_lanes::widest;
 #define VELMORIN_LANES_TARGET __attribute__((target("avx512f")))
-#define VELMORIN_LANES_GATHER 1
 #include "ops/flow_lanes.inc"
-#undef VELMORIN_LANES_GATHER
 #undef VELMORIN_LANES_TARGET
 }  // namespace widest_flow
 #pragma GCC diagnostic pop
