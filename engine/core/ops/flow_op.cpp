@@ -383,9 +383,9 @@ struct FlowRun {
 // Strands laid side by side, a point of each in turn: a strand's walk is one long chain of steps,
 // each waiting on the last (the surface under a point decides the next), so the processor
 // overlaps the chains of several strands where one alone would leave it waiting. Four sets of
-// lanes, eight strands each with AVX and four without; two of sixteen with AVX-512.
+// lanes, sixteen strands each with AVX-512, eight with AVX and four with neither.
 constexpr std::size_t kLaneSets = 4;
-constexpr std::size_t kInterleaved = 32;
+constexpr std::size_t kInterleaved = 64;
 
 #if VELMORIN_FLOAT_LANES
 namespace narrow_flow {
@@ -452,7 +452,7 @@ void flowStrandsIn(FlowLanes lanes, const StrandSet& input, const FlowSettings& 
     const bool wide =
         !widest && (lanes == FlowLanes::best || lanes == FlowLanes::wide) && avxLanesUsable();
     constexpr std::size_t kWidest = float_lanes::widest::kWidth;
-    const std::size_t interleaved = widest ? kInterleaved : kLaneSets * (wide ? 8 : 4);
+    const std::size_t interleaved = kLaneSets * (widest ? 16 : wide ? 8 : 4);
 #else
     static_cast<void>(lanes);
     const std::size_t interleaved = kInterleaved;
