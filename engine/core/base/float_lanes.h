@@ -689,13 +689,49 @@ VELMORIN_WIDEST F joined(wide::F low, wide::F high) {
                                                 _mm256_castps_pd(high.v), 1))};
 }
 
-// sinCosTurns, lane by lane, eight at a time.
+// sinCosTurns8 for sixteen lanes, operation for operation; the quadrant's table by integer
+// compares, the entries the same 1, -1 and +0.
 VELMORIN_WIDEST void sinCosOf(F turns, F& sin, F& cos) {
-    __m256 sinLow, cosLow, sinHigh, cosHigh;
-    sinCosTurns8(lowHalf(turns).v, sinLow, cosLow);
-    sinCosTurns8(highHalf(turns).v, sinHigh, cosHigh);
-    sin = joined({sinLow}, {sinHigh});
-    cos = joined({cosLow}, {cosHigh});
+    const __m512 quarters = _mm512_mul_ps(_mm512_set1_ps(4.0f), turns.v);
+    if (_mm512_cmp_ps_mask(absOf({quarters}).v, _mm512_set1_ps(4194304.0f), _CMP_LT_OQ) != 0xFFFF) {
+        // Rare: one lane needs the wide reduction, so all sixteen take the scalar path.
+        alignas(64) float in[16], s[16], c[16];
+        _mm512_store_ps(in, turns.v);
+        sinCosTurnsEach(in, s, c, 16);
+        sin = {_mm512_load_ps(s)};
+        cos = {_mm512_load_ps(c)};
+        return;
+    }
+    const __m512 magic = _mm512_set1_ps(12582912.0f);
+    const __m512 rounded = _mm512_add_ps(quarters, magic);
+    const __m512 r = _mm512_sub_ps(quarters, _mm512_sub_ps(rounded, magic));
+    const __m512 x = _mm512_mul_ps(r, r);
+    const __m512 x2 = _mm512_mul_ps(x, x);
+    const __m512 s = _mm512_mul_ps(
+        r, _mm512_add_ps(
+               _mm512_add_ps(_mm512_set1_ps(1.5707963219532366f),
+                             _mm512_mul_ps(x, _mm512_set1_ps(-0.6459634776648118f))),
+               _mm512_mul_ps(
+                   x2, _mm512_add_ps(_mm512_set1_ps(0.07968021764775542f),
+                                     _mm512_mul_ps(x, _mm512_set1_ps(-0.004602149212814176f))))));
+    const __m512 c = _mm512_add_ps(
+        _mm512_add_ps(_mm512_set1_ps(0.9999999999524894f),
+                      _mm512_mul_ps(x, _mm512_set1_ps(-1.2337005406331623f))),
+        _mm512_mul_ps(
+            x2,
+            _mm512_add_ps(_mm512_add_ps(_mm512_set1_ps(0.2536692036551135f),
+                                        _mm512_mul_ps(x, _mm512_set1_ps(-0.02086006950026408f))),
+                          _mm512_mul_ps(x2, _mm512_set1_ps(0.0009036280663802505f)))));
+    const __m512i q = _mm512_and_si512(_mm512_castps_si512(rounded), _mm512_set1_epi32(3));
+    const __m512 one = _mm512_set1_ps(1.0f), minusOne = _mm512_set1_ps(-1.0f);
+    const __m512 a = _mm512_mask_mov_ps(
+        _mm512_maskz_mov_ps(_mm512_cmpeq_epi32_mask(q, _mm512_set1_epi32(0)), one),
+        _mm512_cmpeq_epi32_mask(q, _mm512_set1_epi32(2)), minusOne);
+    const __m512 b = _mm512_mask_mov_ps(
+        _mm512_maskz_mov_ps(_mm512_cmpeq_epi32_mask(q, _mm512_set1_epi32(1)), one),
+        _mm512_cmpeq_epi32_mask(q, _mm512_set1_epi32(3)), minusOne);
+    sin = {_mm512_add_ps(_mm512_mul_ps(s, a), _mm512_mul_ps(c, b))};
+    cos = {_mm512_sub_ps(_mm512_mul_ps(c, a), _mm512_mul_ps(s, b))};
 }
 
 // wide::storeLanePoints for sixteen lanes, eight at a time.
@@ -752,11 +788,17 @@ VELMORIN_WIDEST void transposeEight(const float* const* at, F* rows) {
     }
 }
 
-// wide::laneAddresses for sixteen lanes, eight at a time.
+// narrow::laneAddresses for sixteen lanes, eight at a time in 64-bit integers.
 VELMORIN_WIDEST void laneAddresses(F indices, const char* base, std::size_t size,
                                    const char** out) {
-    wide::laneAddresses(lowHalf(indices), base, size, out);
-    wide::laneAddresses(highHalf(indices), base, size, out + 8);
+    const __m512i scale = _mm512_set1_epi64(static_cast<long long>(size));
+    const __m512i from = _mm512_set1_epi64(reinterpret_cast<long long>(base));
+    const __m256i halves[2] = {_mm512_castsi512_si256(_mm512_castps_si512(indices.v)),
+                               _mm512_extracti64x4_epi64(_mm512_castps_si512(indices.v), 1)};
+    for (std::size_t h = 0; h < 2; ++h)
+        _mm512_storeu_si512(
+            out + 8 * h,
+            _mm512_add_epi64(from, _mm512_mul_epi32(_mm512_cvtepi32_epi64(halves[h]), scale)));
 }
 
 #undef VELMORIN_WIDEST
