@@ -554,9 +554,11 @@ namespace widest {
 
 // GCC 12's AVX-512 intrinsics start some results from an undefined register that it then reports
 // as used uninitialized.
+#if defined(__GNUC__) && !defined(__clang__)
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wuninitialized"
 #pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
+#endif
 
 #define VELMORIN_WIDEST __attribute__((target("avx512f"), always_inline)) inline
 
@@ -802,7 +804,9 @@ VELMORIN_WIDEST void laneAddresses(F indices, const char* base, std::size_t size
 }
 
 #undef VELMORIN_WIDEST
+#if defined(__GNUC__) && !defined(__clang__)
 #pragma GCC diagnostic pop
+#endif
 
 }  // namespace widest
 

@@ -189,11 +189,15 @@ float blendSecond(std::size_t l) {
 VELMORIN_BLEND_OF(narrow, )
 VELMORIN_BLEND_OF(wide, __attribute__((target("avx"))))
 // GCC 12 reports the undefined start of some AVX-512 intrinsics' results as uninitialized.
+#if defined(__GNUC__) && !defined(__clang__)
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wuninitialized"
 #pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
+#endif
 VELMORIN_BLEND_OF(widest, __attribute__((target("avx512f"))))
+#if defined(__GNUC__) && !defined(__clang__)
 #pragma GCC diagnostic pop
+#endif
 #undef VELMORIN_BLEND_OF
 
 TEST(FlowLanes, TheBlendKeepsThePickedBitsInEachLane) {

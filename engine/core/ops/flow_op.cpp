@@ -402,16 +402,20 @@ using namespace float_lanes::wide;
 }  // namespace wide_flow
 // Sixteen lanes with AVX-512, their choices in mask registers. GCC 12 reports the undefined start
 // of some AVX-512 intrinsics' results as uninitialized.
+#if defined(__GNUC__) && !defined(__clang__)
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wuninitialized"
 #pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
+#endif
 namespace widest_flow {
 using namespace float_lanes::widest;
 #define VELMORIN_LANES_TARGET __attribute__((target("avx512f")))
 #include "ops/flow_lanes.inc"
 #undef VELMORIN_LANES_TARGET
 }  // namespace widest_flow
+#if defined(__GNUC__) && !defined(__clang__)
 #pragma GCC diagnostic pop
+#endif
 #endif
 
 }  // namespace
