@@ -231,6 +231,10 @@ inline M everyLane() {
 inline F bitsOf(M m) {
     return {m.v};
 }
+// bitsOf the other way.
+inline M maskOf(F a) {
+    return {a.v};
+}
 
 // out[l] = base + (lane l read as a 32-bit integer) * size, for every lane.
 inline void laneAddresses(F indices, const char* base, std::size_t size, const char** out) {
@@ -495,6 +499,9 @@ VELMORIN_WIDE M everyLane() {
 VELMORIN_WIDE F bitsOf(M m) {
     return {m.v};
 }
+VELMORIN_WIDE M maskOf(F a) {
+    return {a.v};
+}
 
 // narrow::laneAddresses for eight lanes, two at a time in 64-bit integers: each index widened
 // with its sign, multiplied by `size` and added to `base` (AVX brings the SSE4.1 these need).
@@ -539,6 +546,275 @@ VELMORIN_WIDE void transposeEight(const float* const* at, F* rows) {
 #undef VELMORIN_WIDE
 
 }  // namespace wide
+
+// Sixteen lanes with AVX-512 (AVX-512F alone, checked at run time: widestLanesUsable); masks are
+// mask registers, one bit a lane. The same operations per lane as the narrower widths, so the same
+// bits.
+namespace widest {
+
+// GCC 12's AVX-512 intrinsics start some results from an undefined register that it then reports
+// as used uninitialized.
+#if defined(__GNUC__) && !defined(__clang__)
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wuninitialized"
+#pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
+#endif
+
+#define VELMORIN_WIDEST __attribute__((target("avx512f"), always_inline)) inline
+
+inline constexpr std::size_t kWidth = 16;
+
+struct F {
+    __m512 v;
+};
+struct M {
+    __mmask16 v;
+};
+
+VELMORIN_WIDEST F load(const float* p) {
+    return {_mm512_loadu_ps(p)};
+}
+VELMORIN_WIDEST void store(float* p, F a) {
+    _mm512_storeu_ps(p, a.v);
+}
+VELMORIN_WIDEST F loadAligned(const float* p) {
+    return {_mm512_load_ps(p)};
+}
+VELMORIN_WIDEST void storeAligned(float* p, F a) {
+    _mm512_store_ps(p, a.v);
+}
+VELMORIN_WIDEST F splat(float x) {
+    return {_mm512_set1_ps(x)};
+}
+VELMORIN_WIDEST F operator+(F a, F b) {
+    return {_mm512_add_ps(a.v, b.v)};
+}
+VELMORIN_WIDEST F operator-(F a, F b) {
+    return {_mm512_sub_ps(a.v, b.v)};
+}
+VELMORIN_WIDEST F operator*(F a, F b) {
+    return {_mm512_mul_ps(a.v, b.v)};
+}
+VELMORIN_WIDEST F operator/(F a, F b) {
+    return {_mm512_div_ps(a.v, b.v)};
+}
+VELMORIN_WIDEST F sqrtOf(F a) {
+    return {_mm512_sqrt_ps(a.v)};
+}
+VELMORIN_WIDEST F minOf(F a, F b) {
+    return {_mm512_min_ps(b.v, a.v)};
+}
+VELMORIN_WIDEST F maxOf(F a, F b) {
+    return {_mm512_max_ps(b.v, a.v)};
+}
+VELMORIN_WIDEST F absOf(F a) {
+    return {_mm512_castsi512_ps(
+        _mm512_andnot_epi32(_mm512_set1_epi32(INT32_MIN), _mm512_castps_si512(a.v)))};
+}
+VELMORIN_WIDEST M operator<(F a, F b) {
+    return {_mm512_cmp_ps_mask(a.v, b.v, _CMP_LT_OQ)};
+}
+VELMORIN_WIDEST M operator<=(F a, F b) {
+    return {_mm512_cmp_ps_mask(a.v, b.v, _CMP_LE_OQ)};
+}
+VELMORIN_WIDEST M operator>(F a, F b) {
+    return {_mm512_cmp_ps_mask(a.v, b.v, _CMP_GT_OQ)};
+}
+VELMORIN_WIDEST M operator>=(F a, F b) {
+    return {_mm512_cmp_ps_mask(a.v, b.v, _CMP_GE_OQ)};
+}
+VELMORIN_WIDEST M operator==(F a, F b) {
+    return {_mm512_cmp_ps_mask(a.v, b.v, _CMP_EQ_OQ)};
+}
+VELMORIN_WIDEST M operator&(M a, M b) {
+    return {static_cast<__mmask16>(a.v & b.v)};
+}
+VELMORIN_WIDEST M operator|(M a, M b) {
+    return {static_cast<__mmask16>(a.v | b.v)};
+}
+VELMORIN_WIDEST M notOf(M a) {
+    return {static_cast<__mmask16>(~a.v)};
+}
+VELMORIN_WIDEST M andNot(M a, M b) {
+    return {static_cast<__mmask16>(a.v & ~b.v)};
+}
+VELMORIN_WIDEST F select(M m, F a, F b) {
+    return {_mm512_mask_blend_ps(m.v, b.v, a.v)};
+}
+VELMORIN_WIDEST F blendOf(M m, F a, F b) {
+    return {_mm512_mask_blend_ps(m.v, b.v, a.v)};
+}
+VELMORIN_WIDEST F oneWhere(M m) {
+    return {_mm512_maskz_mov_ps(m.v, _mm512_set1_ps(1.0f))};
+}
+inline constexpr int kAllLanes = 0xFFFF;
+VELMORIN_WIDEST int laneBits(M m) {
+    return m.v;
+}
+VELMORIN_WIDEST bool anyOf(M m) {
+    return m.v != 0;
+}
+VELMORIN_WIDEST bool allOf(M m) {
+    return m.v == 0xFFFF;
+}
+VELMORIN_WIDEST M noLanes() {
+    return {0};
+}
+VELMORIN_WIDEST M everyLane() {
+    return {0xFFFF};
+}
+// The lanes of a mask as floats (all ones or all zeros each), to be kept and selected between;
+// maskOf turns such floats back into the mask.
+VELMORIN_WIDEST F bitsOf(M m) {
+    return {_mm512_castsi512_ps(_mm512_maskz_set1_epi32(m.v, -1))};
+}
+VELMORIN_WIDEST M maskOf(F a) {
+    const __m512i bits = _mm512_castps_si512(a.v);
+    return {_mm512_test_epi32_mask(bits, bits)};
+}
+VELMORIN_WIDEST M equalBits(F a, F b) {
+    return {_mm512_cmpeq_epi32_mask(_mm512_castps_si512(a.v), _mm512_castps_si512(b.v))};
+}
+VELMORIN_WIDEST M signClear(F a) {
+    return {_mm512_cmpgt_epi32_mask(_mm512_castps_si512(a.v), _mm512_set1_epi32(-1))};
+}
+
+// The two halves of sixteen lanes as eight lanes each, and back.
+VELMORIN_WIDEST wide::F lowHalf(F a) {
+    return {_mm512_castps512_ps256(a.v)};
+}
+VELMORIN_WIDEST wide::F highHalf(F a) {
+    return {_mm256_castpd_ps(_mm512_extractf64x4_pd(_mm512_castps_pd(a.v), 1))};
+}
+VELMORIN_WIDEST F joined(wide::F low, wide::F high) {
+    return {_mm512_castpd_ps(_mm512_insertf64x4(_mm512_castps_pd(_mm512_castps256_ps512(low.v)),
+                                                _mm256_castps_pd(high.v), 1))};
+}
+
+// sinCosTurns8 for sixteen lanes, operation for operation; the quadrant's table by integer
+// compares, the entries the same 1, -1 and +0.
+VELMORIN_WIDEST void sinCosOf(F turns, F& sin, F& cos) {
+    const __m512 quarters = _mm512_mul_ps(_mm512_set1_ps(4.0f), turns.v);
+    if (_mm512_cmp_ps_mask(absOf({quarters}).v, _mm512_set1_ps(4194304.0f), _CMP_LT_OQ) != 0xFFFF) {
+        // Rare: one lane needs the wide reduction, so all sixteen take the scalar path.
+        alignas(64) float in[16], s[16], c[16];
+        _mm512_store_ps(in, turns.v);
+        sinCosTurnsEach(in, s, c, 16);
+        sin = {_mm512_load_ps(s)};
+        cos = {_mm512_load_ps(c)};
+        return;
+    }
+    const __m512 magic = _mm512_set1_ps(12582912.0f);
+    const __m512 rounded = _mm512_add_ps(quarters, magic);
+    const __m512 r = _mm512_sub_ps(quarters, _mm512_sub_ps(rounded, magic));
+    const __m512 x = _mm512_mul_ps(r, r);
+    const __m512 x2 = _mm512_mul_ps(x, x);
+    const __m512 s = _mm512_mul_ps(
+        r, _mm512_add_ps(
+               _mm512_add_ps(_mm512_set1_ps(1.5707963219532366f),
+                             _mm512_mul_ps(x, _mm512_set1_ps(-0.6459634776648118f))),
+               _mm512_mul_ps(
+                   x2, _mm512_add_ps(_mm512_set1_ps(0.07968021764775542f),
+                                     _mm512_mul_ps(x, _mm512_set1_ps(-0.004602149212814176f))))));
+    const __m512 c = _mm512_add_ps(
+        _mm512_add_ps(_mm512_set1_ps(0.9999999999524894f),
+                      _mm512_mul_ps(x, _mm512_set1_ps(-1.2337005406331623f))),
+        _mm512_mul_ps(
+            x2,
+            _mm512_add_ps(_mm512_add_ps(_mm512_set1_ps(0.2536692036551135f),
+                                        _mm512_mul_ps(x, _mm512_set1_ps(-0.02086006950026408f))),
+                          _mm512_mul_ps(x2, _mm512_set1_ps(0.0009036280663802505f)))));
+    const __m512i q = _mm512_and_si512(_mm512_castps_si512(rounded), _mm512_set1_epi32(3));
+    const __m512 one = _mm512_set1_ps(1.0f), minusOne = _mm512_set1_ps(-1.0f);
+    const __m512 a = _mm512_mask_mov_ps(
+        _mm512_maskz_mov_ps(_mm512_cmpeq_epi32_mask(q, _mm512_set1_epi32(0)), one),
+        _mm512_cmpeq_epi32_mask(q, _mm512_set1_epi32(2)), minusOne);
+    const __m512 b = _mm512_mask_mov_ps(
+        _mm512_maskz_mov_ps(_mm512_cmpeq_epi32_mask(q, _mm512_set1_epi32(1)), one),
+        _mm512_cmpeq_epi32_mask(q, _mm512_set1_epi32(3)), minusOne);
+    sin = {_mm512_add_ps(_mm512_mul_ps(s, a), _mm512_mul_ps(c, b))};
+    cos = {_mm512_sub_ps(_mm512_mul_ps(c, a), _mm512_mul_ps(s, b))};
+}
+
+// wide::storeLanePoints for sixteen lanes, eight at a time.
+VELMORIN_WIDEST void storeLanePoints(F px, F py, F pz, Vec3f* const* out, std::size_t at,
+                                     bool last) {
+    wide::storeLanePoints(lowHalf(px), lowHalf(py), lowHalf(pz), out, at, last);
+    wide::storeLanePoints(highHalf(px), highHalf(py), highHalf(pz), out + 8, at, last);
+}
+
+// narrow::transposeRows for sixteen addresses: lanes l, l + 4, l + 8 and l + 12 read into one
+// register, and the four turned as four blocks of 4 by 4 at once.
+VELMORIN_WIDEST void transposeRows(const float* const* at, F& a, F& b, F& c, F& d) {
+    __m512 r[4];
+    for (std::size_t l = 0; l < 4; ++l) {
+        const __m512 first = _mm512_castps128_ps512(_mm_loadu_ps(at[l]));
+        const __m512 second = _mm512_insertf32x4(first, _mm_loadu_ps(at[l + 4]), 1);
+        const __m512 third = _mm512_insertf32x4(second, _mm_loadu_ps(at[l + 8]), 2);
+        r[l] = _mm512_insertf32x4(third, _mm_loadu_ps(at[l + 12]), 3);
+    }
+    const __m512 t0 = _mm512_unpacklo_ps(r[0], r[1]), t1 = _mm512_unpackhi_ps(r[0], r[1]);
+    const __m512 t2 = _mm512_unpacklo_ps(r[2], r[3]), t3 = _mm512_unpackhi_ps(r[2], r[3]);
+    a = {_mm512_shuffle_ps(t0, t2, 0x44)};
+    b = {_mm512_shuffle_ps(t0, t2, 0xEE)};
+    c = {_mm512_shuffle_ps(t1, t3, 0x44)};
+    d = {_mm512_shuffle_ps(t1, t3, 0xEE)};
+}
+
+// wide::transposeEight for sixteen addresses: lanes l and l + 8 read into one register, the eight
+// registers turned as wide's are within their halves, and each row's four quarters put in lane
+// order by one two-register permute.
+VELMORIN_WIDEST void transposeEight(const float* const* at, F* rows) {
+    __m512 r[8];
+    for (std::size_t l = 0; l < 8; ++l)
+        r[l] = _mm512_castpd_ps(
+            _mm512_insertf64x4(_mm512_castps_pd(_mm512_castps256_ps512(_mm256_loadu_ps(at[l]))),
+                               _mm256_castps_pd(_mm256_loadu_ps(at[l + 8])), 1));
+    const __m512 t0 = _mm512_unpacklo_ps(r[0], r[1]), t1 = _mm512_unpackhi_ps(r[0], r[1]);
+    const __m512 t2 = _mm512_unpacklo_ps(r[2], r[3]), t3 = _mm512_unpackhi_ps(r[2], r[3]);
+    const __m512 t4 = _mm512_unpacklo_ps(r[4], r[5]), t5 = _mm512_unpackhi_ps(r[4], r[5]);
+    const __m512 t6 = _mm512_unpacklo_ps(r[6], r[7]), t7 = _mm512_unpackhi_ps(r[6], r[7]);
+    // u0 holds float 0 of lanes 0-3, float 4 of lanes 0-3, float 0 of lanes 8-11 and float 4 of
+    // lanes 8-11; u4 the same of lanes 4-7 and 12-15.
+    const __m512 u[8] = {_mm512_shuffle_ps(t0, t2, 0x44), _mm512_shuffle_ps(t0, t2, 0xEE),
+                         _mm512_shuffle_ps(t1, t3, 0x44), _mm512_shuffle_ps(t1, t3, 0xEE),
+                         _mm512_shuffle_ps(t4, t6, 0x44), _mm512_shuffle_ps(t4, t6, 0xEE),
+                         _mm512_shuffle_ps(t5, t7, 0x44), _mm512_shuffle_ps(t5, t7, 0xEE)};
+    const __m512i front =
+        _mm512_setr_epi32(0, 1, 2, 3, 16, 17, 18, 19, 8, 9, 10, 11, 24, 25, 26, 27);
+    const __m512i back =
+        _mm512_setr_epi32(4, 5, 6, 7, 20, 21, 22, 23, 12, 13, 14, 15, 28, 29, 30, 31);
+    for (std::size_t j = 0; j < 4; ++j) {
+        rows[j] = {_mm512_permutex2var_ps(u[j], front, u[j + 4])};
+        rows[j + 4] = {_mm512_permutex2var_ps(u[j], back, u[j + 4])};
+    }
+}
+
+// narrow::laneAddresses for sixteen lanes, eight at a time in 64-bit integers.
+VELMORIN_WIDEST void laneAddresses(F indices, const char* base, std::size_t size,
+                                   const char** out) {
+    const __m512i scale = _mm512_set1_epi64(static_cast<long long>(size));
+    const __m512i from = _mm512_set1_epi64(reinterpret_cast<long long>(base));
+    const __m256i halves[2] = {_mm512_castsi512_si256(_mm512_castps_si512(indices.v)),
+                               _mm512_extracti64x4_epi64(_mm512_castps_si512(indices.v), 1)};
+    for (std::size_t h = 0; h < 2; ++h)
+        _mm512_storeu_si512(
+            out + 8 * h,
+            _mm512_add_epi64(from, _mm512_mul_epi32(_mm512_cvtepi32_epi64(halves[h]), scale)));
+}
+
+#undef VELMORIN_WIDEST
+#if defined(__GNUC__) && !defined(__clang__)
+#pragma GCC diagnostic pop
+#endif
+
+}  // namespace widest
+
+// Whether the processor runs the sixteen-lane functions above.
+inline bool widestLanesUsable() {
+    static const bool usable = __builtin_cpu_supports("avx512f");
+    return usable;
+}
 
 }  // namespace velmorin::float_lanes
 

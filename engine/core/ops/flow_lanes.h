@@ -9,7 +9,8 @@
 namespace velmorin {
 
 enum class FlowLanes {
-    best,    // eight lanes where the processor has AVX, else four
+    best,    // sixteen lanes where the processor has AVX-512, else as `wide`
+    wide,    // eight lanes where the processor has AVX, else four
     narrow,  // four lanes
     none,    // strands one by one, interleaved
 };

@@ -98,7 +98,8 @@ TEST(Flow, StrandsWithoutFlowAtTheirRootsPassUnchangedInLanesAsAlone) {
 }
 
 TEST(Flow, EveryLaneWidthLaysTheSameBitsOnOneAndTwoThreads) {
-    // Sets of eight lanes, sets of four, and strands laid one by one must give every strand the
+    // Sets of sixteen lanes (with AVX-512), of eight, of four, and strands laid one by one must
+    // give every strand the
     // same bits, on one thread or two: over a coarse sphere whose ridges stop walks on edges, with
     // a whorl whose reach leaves some roots without flow (they pass), and over a plane with a fold
     // of flat triangles (walks that reach them ask the tree). Strands of 1 to 14 points are mixed
@@ -149,7 +150,8 @@ TEST(Flow, EveryLaneWidthLaysTheSameBitsOnOneAndTwoThreads) {
             };
             const Points single = layOut(FlowLanes::none);
             EXPECT_NE(single, Points(mixed.points().begin(), mixed.points().end()));
-            for (const FlowLanes lanes : {FlowLanes::best, FlowLanes::narrow, FlowLanes::none}) {
+            for (const FlowLanes lanes :
+                 {FlowLanes::best, FlowLanes::wide, FlowLanes::narrow, FlowLanes::none}) {
                 const auto [one, two] = test::onOneAndTwoThreads([&] { return layOut(lanes); });
                 EXPECT_EQ(one, single) << static_cast<int>(lanes);
                 EXPECT_EQ(two, single) << static_cast<int>(lanes);
@@ -168,31 +170,41 @@ float blendSecond(std::size_t l) {
 }
 
 // blendOf over the lanes of one width, lane l taking the first value where bit l of `bits` is set.
-#define VELMORIN_BLEND_OF(NAMESPACE, TARGET)                                             \
-    TARGET std::array<float, 8> NAMESPACE##Blend(int bits) {                             \
-        using namespace float_lanes::NAMESPACE;                                          \
-        alignas(32) float first[kWidth], second[kWidth], mask[kWidth];                   \
-        for (std::size_t l = 0; l < kWidth; ++l) {                                       \
-            first[l] = blendFirst(l);                                                    \
-            second[l] = blendSecond(l);                                                  \
-            const std::int32_t lane = (bits >> l & 1) != 0 ? -1 : 0;                     \
-            std::memcpy(&mask[l], &lane, sizeof(lane));                                  \
-        }                                                                                \
-        std::array<float, 8> picked{};                                                   \
-        store(picked.data(),                                                             \
-              blendOf(M{loadAligned(mask).v}, loadAligned(first), loadAligned(second))); \
-        return picked;                                                                   \
+#define VELMORIN_BLEND_OF(NAMESPACE, TARGET)                                                \
+    TARGET std::array<float, 16> NAMESPACE##Blend(int bits) {                               \
+        using namespace float_lanes::NAMESPACE;                                             \
+        alignas(64) float first[kWidth], second[kWidth], mask[kWidth];                      \
+        for (std::size_t l = 0; l < kWidth; ++l) {                                          \
+            first[l] = blendFirst(l);                                                       \
+            second[l] = blendSecond(l);                                                     \
+            const std::int32_t lane = (bits >> l & 1) != 0 ? -1 : 0;                        \
+            std::memcpy(&mask[l], &lane, sizeof(lane));                                     \
+        }                                                                                   \
+        std::array<float, 16> picked{};                                                     \
+        store(picked.data(),                                                                \
+              blendOf(maskOf(loadAligned(mask)), loadAligned(first), loadAligned(second))); \
+        return picked;                                                                      \
     }
 
 VELMORIN_BLEND_OF(narrow, )
 VELMORIN_BLEND_OF(wide, __attribute__((target("avx"))))
+// GCC 12 reports the undefined start of some AVX-512 intrinsics' results as uninitialized.
+#if defined(__GNUC__) && !defined(__clang__)
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wuninitialized"
+#pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
+#endif
+VELMORIN_BLEND_OF(widest, __attribute__((target("avx512f"))))
+#if defined(__GNUC__) && !defined(__clang__)
+#pragma GCC diagnostic pop
+#endif
 #undef VELMORIN_BLEND_OF
 
 TEST(FlowLanes, TheBlendKeepsThePickedBitsInEachLane) {
     // The walk and landing pick between lanes with blendOf: each lane must come out bit for bit
-    // as the value its mask picks, NaN and negative zero included, at both widths.
-    for (const int bits : {0x00, 0xFF, 0x55, 0xA6}) {
-        const auto check = [&](const std::array<float, 8>& picked, std::size_t width) {
+    // as the value its mask picks, NaN and negative zero included, at every width.
+    for (const int bits : {0x0000, 0xFFFF, 0x55AA, 0xA6C3}) {
+        const auto check = [&](const std::array<float, 16>& picked, std::size_t width) {
             for (std::size_t l = 0; l < width; ++l) {
                 const float expected = (bits >> l & 1) != 0 ? blendFirst(l) : blendSecond(l);
                 EXPECT_EQ(std::memcmp(&picked[l], &expected, sizeof(float)), 0)
@@ -201,6 +213,7 @@ TEST(FlowLanes, TheBlendKeepsThePickedBitsInEachLane) {
         };
         check(narrowBlend(bits), 4);
         if (avxLanesUsable()) check(wideBlend(bits), 8);
+        if (float_lanes::widestLanesUsable()) check(widestBlend(bits), 16);
     }
 }
 #endif

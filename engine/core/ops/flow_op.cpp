@@ -383,9 +383,9 @@ struct FlowRun {
 // Strands laid side by side, a point of each in turn: a strand's walk is one long chain of steps,
 // each waiting on the last (the surface under a point decides the next), so the processor
 // overlaps the chains of several strands where one alone would leave it waiting. Four sets of
-// lanes, eight strands each with AVX and four without.
+// lanes, sixteen strands each with AVX-512, eight with AVX and four with neither.
 constexpr std::size_t kLaneSets = 4;
-constexpr std::size_t kInterleaved = 32;
+constexpr std::size_t kInterleaved = 64;
 
 #if VELMORIN_FLOAT_LANES
 namespace narrow_flow {
@@ -400,6 +400,22 @@ using namespace float_lanes::wide;
 #include "ops/flow_lanes.inc"
 #undef VELMORIN_LANES_TARGET
 }  // namespace wide_flow
+// Sixteen lanes with AVX-512, their choices in mask registers. GCC 12 reports the undefined start
+// of some AVX-512 intrinsics' results as uninitialized.
+#if defined(__GNUC__) && !defined(__clang__)
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wuninitialized"
+#pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
+#endif
+namespace widest_flow {
+using namespace float_lanes::widest;
+#define VELMORIN_LANES_TARGET __attribute__((target("avx512f")))
+#include "ops/flow_lanes.inc"
+#undef VELMORIN_LANES_TARGET
+}  // namespace widest_flow
+#if defined(__GNUC__) && !defined(__clang__)
+#pragma GCC diagnostic pop
+#endif
 #endif
 
 }  // namespace
@@ -436,8 +452,11 @@ void flowStrandsIn(FlowLanes lanes, const StrandSet& input, const FlowSettings& 
     const std::span<const Vec3f> inputPoints = input.points();
 #if VELMORIN_FLOAT_LANES
     const bool useLanes = lanes != FlowLanes::none;
-    const bool wide = lanes == FlowLanes::best && avxLanesUsable();
-    const std::size_t interleaved = kLaneSets * (wide ? 8 : 4);
+    const bool widest = lanes == FlowLanes::best && float_lanes::widestLanesUsable();
+    const bool wide =
+        !widest && (lanes == FlowLanes::best || lanes == FlowLanes::wide) && avxLanesUsable();
+    constexpr std::size_t kWidest = float_lanes::widest::kWidth;
+    const std::size_t interleaved = kLaneSets * (widest ? 16 : wide ? 8 : 4);
 #else
     static_cast<void>(lanes);
     const std::size_t interleaved = kInterleaved;
@@ -478,8 +497,12 @@ void flowStrandsIn(FlowLanes lanes, const StrandSet& input, const FlowSettings& 
 #if VELMORIN_FLOAT_LANES
             constexpr std::size_t kNarrow = float_lanes::narrow::kWidth;
             if (useLanes && faces && faces->madeAhead() && count >= kNarrow) {
-                const std::size_t wideSets = wide ? count / float_lanes::wide::kWidth : 0;
-                const std::size_t narrowStart = wideSets * float_lanes::wide::kWidth;
+                // With AVX-512, sets of sixteen, then of eight and of four for those left over.
+                const std::size_t widestSets = widest ? count / kWidest : 0;
+                const std::size_t wideStart = widestSets * kWidest;
+                const std::size_t wideSets =
+                    wide || widest ? (count - wideStart) / float_lanes::wide::kWidth : 0;
+                const std::size_t narrowStart = wideStart + wideSets * float_lanes::wide::kWidth;
                 const std::size_t narrowSets = (count - narrowStart) / kNarrow;
                 laned = narrowStart + narrowSets * kNarrow;
                 lanesEnd = walks[0].strand.size();
@@ -491,13 +514,18 @@ void flowStrandsIn(FlowLanes lanes, const StrandSet& input, const FlowSettings& 
                     float* const at = tables.data() + 3 * first * longest;
                     prepare(run, &walks[first], at, at + width * longest, at + 2 * width * longest);
                 };
+                for (std::size_t set = 0; set < widestSets; ++set)
+                    prepareSet(set * kWidest, kWidest, widest_flow::prepareLanes);
                 for (std::size_t set = 0; set < wideSets; ++set)
-                    prepareSet(set * 8, 8, wide_flow::prepareLanes);
+                    prepareSet(wideStart + set * 8, 8, wide_flow::prepareLanes);
                 for (std::size_t set = 0; set < narrowSets; ++set)
                     prepareSet(narrowStart + set * 4, 4, narrow_flow::prepareLanes);
                 const bool goesOn = longest > lanesEnd;
+                if (widestSets > 0)
+                    widest_flow::layInLanes(run, walks.data(), widestSets, lanesEnd, goesOn);
                 if (wideSets > 0)
-                    wide_flow::layInLanes(run, walks.data(), wideSets, lanesEnd, goesOn);
+                    wide_flow::layInLanes(run, walks.data() + wideStart, wideSets, lanesEnd,
+                                          goesOn);
                 if (narrowSets > 0)
                     narrow_flow::layInLanes(run, walks.data() + narrowStart, narrowSets, lanesEnd,
                                             goesOn);
