@@ -12,6 +12,7 @@
 #include "ops/scatter_cells.h"
 #include "ops/scatter_placement.h"
 #include "ops/scatter_surface.h"
+#include "strands/array_pool.h"
 
 namespace velmorin {
 namespace {
@@ -28,6 +29,34 @@ constexpr std::uint32_t kNoEdge = 0xffffffffu;
 constexpr float kNeighborCell = 3.25f;
 // How far round each triangle, in radii, the projection lists its neighbours.
 constexpr float kProjectionReach = 4.1f;
+
+// A working array of the relaxation whose every element the relaxation writes before it reads it.
+// It comes from the array pool where the pool holds one of its length (a scatter evaluated again
+// at the same density: no fresh pages at all), else fresh with its pages brought in on every
+// thread, and goes back to the pool when the relaxation ends.
+template <PooledElement T>
+class WorkArray {
+  public:
+    explicit WorkArray(std::size_t length) {
+        if (std::optional<std::vector<T>> pooled = ArrayPool<T>::instance().take(length))
+            values_ = std::move(*pooled);
+        else
+            values_ = ArrayPool<T>::makeVector(length);
+    }
+    WorkArray(const WorkArray&) = delete;
+    WorkArray& operator=(const WorkArray&) = delete;
+    ~WorkArray() { ArrayPool<T>::instance().release(std::move(values_)); }
+
+    T* data() { return values_.data(); }
+    const T* data() const { return values_.data(); }
+    T& operator[](std::size_t i) { return values_[i]; }
+    const T& operator[](std::size_t i) const { return values_[i]; }
+    std::span<T> first(std::size_t n) { return std::span(values_).first(n); }
+    void swap(WorkArray& other) noexcept { values_.swap(other.values_); }
+
+  private:
+    std::vector<T> values_;
+};
 
 // A border edge of the scalp and the direction, in its triangle's plane, that points inside.
 struct BorderEdge {
@@ -636,8 +665,10 @@ void stepWidest(std::size_t, std::size_t, const float (*)[16], const Vec3f*, con
 void relaxPlacement(const ScalpMesh& scalp, const PlacementSettings& settings,
                     ScatterPlacement& placed, RelaxLanes lanes) {
     const std::size_t count = placed.size();
-    placed.evenRoots = placed.randomRoots;
-    if (count < 2 || !(settings.density > 0.0)) return;
+    if (count < 2 || !(settings.density > 0.0)) {
+        placed.evenRoots = placed.randomRoots;
+        return;
+    }
     const bool mapped = static_cast<bool>(settings.mappedDensity);
     const bool masked = settings.mask && !settings.mask->empty();
     const float r0 = kRadiusScale / static_cast<float>(std::sqrt(settings.density));
@@ -645,7 +676,8 @@ void relaxPlacement(const ScalpMesh& scalp, const PlacementSettings& settings,
     const float plainInverse = 1.0f / (r0 + r0);
 
     // One point more than candidates: the eight-lane push loads each point with the float after.
-    std::vector<Vec3f> positions(count + 1), next(count + 1), normals(count);
+    WorkArray<Vec3f> positions(count + 1), next(count + 1), normals(count);
+    positions[count] = next[count] = Vec3f{};
     forEach(count, [&](std::size_t begin, std::size_t end) {
         for (std::size_t i = begin; i < end; ++i)
             next[i] = scalp.pointAt(placed.randomRoots[i]);
@@ -657,14 +689,20 @@ void relaxPlacement(const ScalpMesh& scalp, const PlacementSettings& settings,
     // storage order changes no result.
     NeighborSearch neighborSearch;
     const std::vector<std::uint32_t> rankOf =
-        neighborSearch.gridOrder(std::span(next).first(count), kNeighborCell * r0);
-    std::vector<StrandRoot> roots(count);
-    std::vector<float> radii(count);
+        neighborSearch.gridOrder(next.first(count), kNeighborCell * r0);
+    // A candidate moves less than two radii between projections (each step less than half of
+    // one), and the search reaches about as far again: lists of the triangles a little beyond four
+    // radii round each triangle answer every projection of a candidate of radius r0. They also
+    // keep each triangle's corner normals, which give the start normals.
+    const TriangleNeighbourhoods nearTriangles(scalp, kProjectionReach * r0, count);
+    WorkArray<StrandRoot> roots(count);
+    WorkArray<float> radii(count);
     forEach(count, [&](std::size_t begin, std::size_t end) {
         for (std::size_t i = begin; i < end; ++i) {
             roots[i] = placed.randomRoots[rankOf[i]];
             positions[i] = next[rankOf[i]];
-            normals[i] = scalp.normalAt(roots[i]);
+            if (!nearTriangles.normalAt(roots[i], normals[i]))
+                normals[i] = scalp.normalAt(roots[i]);
             float r = r0;
             if (mapped) {
                 const float d = settings.mappedDensity(roots[i], positions[i]);
@@ -673,18 +711,17 @@ void relaxPlacement(const ScalpMesh& scalp, const PlacementSettings& settings,
             radii[i] = r;
         }
     });
-    const float largest = *std::max_element(radii.begin(), radii.end());
-    if (!(largest > 0.0f)) return;
+    const float largest = *std::max_element(radii.data(), radii.data() + count);
+    if (!(largest > 0.0f)) {
+        placed.evenRoots = placed.randomRoots;
+        return;
+    }
 
     // Neighbours come from a grid of two-radius cells; border edges from one of cells two radii
     // wide, so a candidate finds every edge within two radii of it.
     const float searchRange = 3.0f * largest + r0;
     const std::vector<BorderEdge> edges = borderEdges(scalp);
     const EdgeGrid edgeGrid(2.0f * r0, edges);
-    // A candidate moves less than two radii between projections (each step less than half of
-    // one), and the search reaches about as far again: lists of the triangles a little beyond four
-    // radii round each triangle answer every projection of a candidate of radius r0.
-    const TriangleNeighbourhoods nearTriangles(scalp, kProjectionReach * r0, count);
     // Left unset: the first refresh writes every list, in parallel, instead of a serial clear of
     // 96 bytes per candidate.
     // Aligned to a cache line, so that the search may write whole lists past the cache.
@@ -696,11 +733,12 @@ void relaxPlacement(const ScalpMesh& scalp, const PlacementSettings& settings,
     const std::span<std::uint32_t> neighbors(
         neighborStore.get() + (misalignment ? kLineWords - misalignment : 0),
         count * kRelaxNeighbors);
-    std::vector<std::uint32_t> nearestEdge(count, kNoEdge);
+    // Left unset too: every refresh writes every candidate's edge.
+    const std::unique_ptr<std::uint32_t[]> nearestEdge(new std::uint32_t[count]);
 
     auto refresh = [&] {
-        neighborSearch.find(std::span(positions).first(count), kNeighborCell * r0, searchRange,
-                            neighbors, lanes, rankOf);
+        neighborSearch.find(std::span<const Vec3f>(positions.first(count)), kNeighborCell * r0,
+                            searchRange, neighbors, lanes, rankOf);
         forEach(count, [&](std::size_t begin, std::size_t end) {
             // Candidates in grid order mostly share their cell with the one before.
             std::uint64_t lastKey = ~std::uint64_t{0};
@@ -801,7 +839,7 @@ void relaxPlacement(const ScalpMesh& scalp, const PlacementSettings& settings,
                 next[i] = moved;
             }
         });
-        std::swap(positions, next);
+        positions.swap(next);
 
         if (iteration % 4 == 3) {
             // Back onto the surface, where the location may hold an even root.
@@ -832,10 +870,13 @@ void relaxPlacement(const ScalpMesh& scalp, const PlacementSettings& settings,
         }
     }
 
+    // Every candidate's even root is written here, in parallel: no serial copy of the random
+    // roots first.
+    placed.evenRoots.resize(count);
     forEach(count, [&](std::size_t begin, std::size_t end) {
         for (std::size_t i = begin; i < end; ++i) {
             const bool keep = allowed(roots[i], scalp.pointAt(roots[i]));
-            if (keep) placed.evenRoots[rankOf[i]] = roots[i];
+            placed.evenRoots[rankOf[i]] = keep ? roots[i] : placed.randomRoots[rankOf[i]];
         }
     });
 }
