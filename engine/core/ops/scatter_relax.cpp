@@ -174,6 +174,21 @@ class EdgeGrid {
         return {};
     }
 
+    // Whether every point of the box [lo, hi] lies in a cell that lists no edge. A box over more
+    // than a few thousand cells is not looked through and counts as near.
+    bool noneWithin(const Vec3f& lo, const Vec3f& hi) const {
+        const CellCoord a = cellOf(lo, inverse_), b = cellOf(hi, inverse_);
+        constexpr std::int64_t kMostCells = 4096;
+        if (!(a.x <= b.x && a.y <= b.y && a.z <= b.z) ||
+            (b.x - a.x + 1) * (b.y - a.y + 1) * (b.z - a.z + 1) > kMostCells)
+            return false;
+        for (std::int64_t z = a.z; z <= b.z; ++z)
+            for (std::int64_t y = a.y; y <= b.y; ++y)
+                for (std::int64_t x = a.x; x <= b.x; ++x)
+                    if (!near(cellKey(x, y, z)).empty()) return false;
+        return true;
+    }
+
   private:
     // No cell has this key: keys use 63 bits.
     static constexpr std::uint64_t kEmpty = ~std::uint64_t{0};
@@ -187,6 +202,43 @@ class EdgeGrid {
     std::vector<Slot> slots_;
     std::vector<std::uint32_t> edges_;
 };
+
+// Per triangle, a box round it in which no point finds a border edge in its cell of the edge grid;
+// an empty box (lo above hi) where the triangle lies near the border. At every refresh of the
+// nearest edges a candidate stands on its triangle (it was just projected there, or has not moved
+// yet), so most candidates answer "none" from their triangle's box, without looking up their cell.
+// The box is only a shortcut: a point inside it has no edge in its cell whatever its triangle.
+struct ClearBox {
+    Vec3f lo{1.0f, 1.0f, 1.0f}, hi{0.0f, 0.0f, 0.0f};
+    bool holds(const Vec3f& p) const {
+        return p.x >= lo.x && p.x <= hi.x && p.y >= lo.y && p.y <= hi.y && p.z >= lo.z &&
+               p.z <= hi.z;
+    }
+};
+
+std::vector<ClearBox> clearBoxes(const ScalpMesh& scalp, const EdgeGrid& grid) {
+    const auto& points = scalp.points();
+    const auto& triangles = scalp.triangles();
+    std::vector<ClearBox> boxes(triangles.size());
+    forEach(triangles.size(), [&](std::size_t begin, std::size_t end) {
+        for (std::size_t t = begin; t < end; ++t) {
+            Vec3f lo = points[triangles[t][0]], hi = lo;
+            for (int c = 1; c < 3; ++c) {
+                const Vec3f q = points[triangles[t][c]];
+                lo = {std::min(lo.x, q.x), std::min(lo.y, q.y), std::min(lo.z, q.z)};
+                hi = {std::max(hi.x, q.x), std::max(hi.y, q.y), std::max(hi.z, q.z)};
+            }
+            // A margin for the rounding of points computed on the triangle.
+            const float size = std::max({std::abs(lo.x), std::abs(lo.y), std::abs(lo.z),
+                                         std::abs(hi.x), std::abs(hi.y), std::abs(hi.z)});
+            const Vec3f margin = Vec3f{1.0f, 1.0f, 1.0f} * (size * 1e-5f);
+            lo = lo - margin;
+            hi = hi + margin;
+            if (grid.noneWithin(lo, hi)) boxes[t] = {lo, hi};
+        }
+    });
+    return boxes;
+}
 
 // The push of a candidate's neighbours: for each neighbour j other than i within reach, with
 // s = r_i + r_j and d from j to i, the direction of d (or, for a coincident pair, one given by the
@@ -722,6 +774,7 @@ void relaxPlacement(const ScalpMesh& scalp, const PlacementSettings& settings,
     const float searchRange = 3.0f * largest + r0;
     const std::vector<BorderEdge> edges = borderEdges(scalp);
     const EdgeGrid edgeGrid(2.0f * r0, edges);
+    const std::vector<ClearBox> clear = clearBoxes(scalp, edgeGrid);
     // Left unset: the first refresh writes every list, in parallel, instead of a serial clear of
     // 96 bytes per candidate.
     // Aligned to a cache line, so that the search may write whole lists past the cache.
@@ -746,6 +799,11 @@ void relaxPlacement(const ScalpMesh& scalp, const PlacementSettings& settings,
             for (std::size_t i = begin; i < end; ++i) {
                 const Vec3f p = positions[i];
                 std::uint32_t edge = kNoEdge;
+                if (const auto face = static_cast<std::size_t>(roots[i].face);
+                    face < clear.size() && clear[face].holds(p)) {
+                    nearestEdge[i] = kNoEdge;
+                    continue;
+                }
                 if (const std::uint64_t key = edgeGrid.keyOf(p); key != lastKey) {
                     lastKey = key;
                     nearEdges = edgeGrid.near(key);
