@@ -775,16 +775,15 @@ void relaxPlacement(const ScalpMesh& scalp, const PlacementSettings& settings,
     const std::vector<BorderEdge> edges = borderEdges(scalp);
     const EdgeGrid edgeGrid(2.0f * r0, edges);
     const std::vector<ClearBox> clear = clearBoxes(scalp, edgeGrid);
-    // Left unset: the first refresh writes every list, in parallel, instead of a serial clear of
-    // 96 bytes per candidate.
-    // Aligned to a cache line, so that the search may write whole lists past the cache.
+    // The lists come from the array pool like the other working arrays: 96 bytes a candidate,
+    // the largest of them. Aligned to a cache line, so that the search may write whole lists past
+    // the cache.
     constexpr std::size_t kLineWords = 64 / sizeof(std::uint32_t);
-    const std::unique_ptr<std::uint32_t[]> neighborStore(
-        new std::uint32_t[count * kRelaxNeighbors + kLineWords]);
+    WorkArray<std::uint32_t> neighborStore(count * kRelaxNeighbors + kLineWords);
     const std::size_t misalignment =
-        reinterpret_cast<std::uintptr_t>(neighborStore.get()) % 64 / sizeof(std::uint32_t);
+        reinterpret_cast<std::uintptr_t>(neighborStore.data()) % 64 / sizeof(std::uint32_t);
     const std::span<std::uint32_t> neighbors(
-        neighborStore.get() + (misalignment ? kLineWords - misalignment : 0),
+        neighborStore.data() + (misalignment ? kLineWords - misalignment : 0),
         count * kRelaxNeighbors);
     // Left unset too: every refresh writes every candidate's edge.
     const std::unique_ptr<std::uint32_t[]> nearestEdge(new std::uint32_t[count]);

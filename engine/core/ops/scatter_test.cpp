@@ -513,8 +513,10 @@ TEST(Scatter, ReusedWorkingArraysChangeNothing) {
     ASSERT_TRUE(isPooledArraySize(placed.size() * sizeof(Vec3f)));
     auto& points = ArrayPool<Vec3f>::instance();
     auto& roots = ArrayPool<StrandRoot>::instance();
+    auto& lists = ArrayPool<std::uint32_t>::instance();
     points.trim();
     roots.trim();
+    lists.trim();
     const auto relaxedBits = [&] {
         ScatterPlacement relaxed = placed;
         runWithThreads(2, [&] { relaxPlacement(*head(), settings, relaxed); });
@@ -525,6 +527,7 @@ TEST(Scatter, ReusedWorkingArraysChangeNothing) {
     const std::size_t n = placed.size();
     ASSERT_EQ(points.pooledLengths(), (Lengths{n + 1, n + 1}));
     ASSERT_EQ(roots.pooledLengths(), Lengths{n});
+    ASSERT_EQ(lists.pooledLengths().size(), 1u);
     const float nan = std::numeric_limits<float>::quiet_NaN();
     for (const std::size_t length : {n + 1, n + 1}) {
         std::vector<Vec3f> spoilt = *points.take(length);
@@ -534,9 +537,13 @@ TEST(Scatter, ReusedWorkingArraysChangeNothing) {
     std::vector<StrandRoot> faces = *roots.take(n);
     std::fill(faces.begin(), faces.end(), StrandRoot{-7, nan, nan});
     roots.release(std::move(faces));
+    std::vector<std::uint32_t> neighbours = *lists.take(lists.pooledLengths()[0]);
+    std::fill(neighbours.begin(), neighbours.end(), 0xffffffffu);
+    lists.release(std::move(neighbours));
     EXPECT_EQ(relaxedBits(), fresh);
     points.trim();
     roots.trim();
+    lists.trim();
 }
 
 TEST(Scatter, NeighbourListsOnAwkwardSpreads) {
