@@ -12,6 +12,7 @@
 #include "ops/scatter_cells.h"
 #include "ops/scatter_placement.h"
 #include "ops/scatter_surface.h"
+#include "strands/array_pool.h"
 
 namespace velmorin {
 namespace {
@@ -28,6 +29,34 @@ constexpr std::uint32_t kNoEdge = 0xffffffffu;
 constexpr float kNeighborCell = 3.25f;
 // How far round each triangle, in radii, the projection lists its neighbours.
 constexpr float kProjectionReach = 4.1f;
+
+// A working array of the relaxation whose every element the relaxation writes before it reads it.
+// It comes from the array pool where the pool holds one of its length (a scatter evaluated again
+// at the same density: no fresh pages at all), else fresh with its pages brought in on every
+// thread, and goes back to the pool when the relaxation ends.
+template <PooledElement T>
+class WorkArray {
+  public:
+    explicit WorkArray(std::size_t length) {
+        if (std::optional<std::vector<T>> pooled = ArrayPool<T>::instance().take(length))
+            values_ = std::move(*pooled);
+        else
+            values_ = ArrayPool<T>::makeVector(length);
+    }
+    WorkArray(const WorkArray&) = delete;
+    WorkArray& operator=(const WorkArray&) = delete;
+    ~WorkArray() { ArrayPool<T>::instance().release(std::move(values_)); }
+
+    T* data() { return values_.data(); }
+    const T* data() const { return values_.data(); }
+    T& operator[](std::size_t i) { return values_[i]; }
+    const T& operator[](std::size_t i) const { return values_[i]; }
+    std::span<T> first(std::size_t n) { return std::span(values_).first(n); }
+    void swap(WorkArray& other) noexcept { values_.swap(other.values_); }
+
+  private:
+    std::vector<T> values_;
+};
 
 // A border edge of the scalp and the direction, in its triangle's plane, that points inside.
 struct BorderEdge {
@@ -145,6 +174,21 @@ class EdgeGrid {
         return {};
     }
 
+    // Whether every point of the box [lo, hi] lies in a cell that lists no edge. A box over more
+    // than a few thousand cells is not looked through and counts as near.
+    bool noneWithin(const Vec3f& lo, const Vec3f& hi) const {
+        const CellCoord a = cellOf(lo, inverse_), b = cellOf(hi, inverse_);
+        constexpr std::int64_t kMostCells = 4096;
+        if (!(a.x <= b.x && a.y <= b.y && a.z <= b.z) ||
+            (b.x - a.x + 1) * (b.y - a.y + 1) * (b.z - a.z + 1) > kMostCells)
+            return false;
+        for (std::int64_t z = a.z; z <= b.z; ++z)
+            for (std::int64_t y = a.y; y <= b.y; ++y)
+                for (std::int64_t x = a.x; x <= b.x; ++x)
+                    if (!near(cellKey(x, y, z)).empty()) return false;
+        return true;
+    }
+
   private:
     // No cell has this key: keys use 63 bits.
     static constexpr std::uint64_t kEmpty = ~std::uint64_t{0};
@@ -158,6 +202,43 @@ class EdgeGrid {
     std::vector<Slot> slots_;
     std::vector<std::uint32_t> edges_;
 };
+
+// Per triangle, a box round it in which no point finds a border edge in its cell of the edge grid;
+// an empty box (lo above hi) where the triangle lies near the border. At every refresh of the
+// nearest edges a candidate stands on its triangle (it was just projected there, or has not moved
+// yet), so most candidates answer "none" from their triangle's box, without looking up their cell.
+// The box is only a shortcut: a point inside it has no edge in its cell whatever its triangle.
+struct ClearBox {
+    Vec3f lo{1.0f, 1.0f, 1.0f}, hi{0.0f, 0.0f, 0.0f};
+    bool holds(const Vec3f& p) const {
+        return p.x >= lo.x && p.x <= hi.x && p.y >= lo.y && p.y <= hi.y && p.z >= lo.z &&
+               p.z <= hi.z;
+    }
+};
+
+std::vector<ClearBox> clearBoxes(const ScalpMesh& scalp, const EdgeGrid& grid) {
+    const auto& points = scalp.points();
+    const auto& triangles = scalp.triangles();
+    std::vector<ClearBox> boxes(triangles.size());
+    forEach(triangles.size(), [&](std::size_t begin, std::size_t end) {
+        for (std::size_t t = begin; t < end; ++t) {
+            Vec3f lo = points[triangles[t][0]], hi = lo;
+            for (int c = 1; c < 3; ++c) {
+                const Vec3f q = points[triangles[t][c]];
+                lo = {std::min(lo.x, q.x), std::min(lo.y, q.y), std::min(lo.z, q.z)};
+                hi = {std::max(hi.x, q.x), std::max(hi.y, q.y), std::max(hi.z, q.z)};
+            }
+            // A margin for the rounding of points computed on the triangle.
+            const float size = std::max({std::abs(lo.x), std::abs(lo.y), std::abs(lo.z),
+                                         std::abs(hi.x), std::abs(hi.y), std::abs(hi.z)});
+            const Vec3f margin = Vec3f{1.0f, 1.0f, 1.0f} * (size * 1e-5f);
+            lo = lo - margin;
+            hi = hi + margin;
+            if (grid.noneWithin(lo, hi)) boxes[t] = {lo, hi};
+        }
+    });
+    return boxes;
+}
 
 // The push of a candidate's neighbours: for each neighbour j other than i within reach, with
 // s = r_i + r_j and d from j to i, the direction of d (or, for a coincident pair, one given by the
@@ -636,8 +717,10 @@ void stepWidest(std::size_t, std::size_t, const float (*)[16], const Vec3f*, con
 void relaxPlacement(const ScalpMesh& scalp, const PlacementSettings& settings,
                     ScatterPlacement& placed, RelaxLanes lanes) {
     const std::size_t count = placed.size();
-    placed.evenRoots = placed.randomRoots;
-    if (count < 2 || !(settings.density > 0.0)) return;
+    if (count < 2 || !(settings.density > 0.0)) {
+        placed.evenRoots = placed.randomRoots;
+        return;
+    }
     const bool mapped = static_cast<bool>(settings.mappedDensity);
     const bool masked = settings.mask && !settings.mask->empty();
     const float r0 = kRadiusScale / static_cast<float>(std::sqrt(settings.density));
@@ -645,7 +728,8 @@ void relaxPlacement(const ScalpMesh& scalp, const PlacementSettings& settings,
     const float plainInverse = 1.0f / (r0 + r0);
 
     // One point more than candidates: the eight-lane push loads each point with the float after.
-    std::vector<Vec3f> positions(count + 1), next(count + 1), normals(count);
+    WorkArray<Vec3f> positions(count + 1), next(count + 1), normals(count);
+    positions[count] = next[count] = Vec3f{};
     forEach(count, [&](std::size_t begin, std::size_t end) {
         for (std::size_t i = begin; i < end; ++i)
             next[i] = scalp.pointAt(placed.randomRoots[i]);
@@ -657,14 +741,20 @@ void relaxPlacement(const ScalpMesh& scalp, const PlacementSettings& settings,
     // storage order changes no result.
     NeighborSearch neighborSearch;
     const std::vector<std::uint32_t> rankOf =
-        neighborSearch.gridOrder(std::span(next).first(count), kNeighborCell * r0);
-    std::vector<StrandRoot> roots(count);
-    std::vector<float> radii(count);
+        neighborSearch.gridOrder(next.first(count), kNeighborCell * r0);
+    // A candidate moves less than two radii between projections (each step less than half of
+    // one), and the search reaches about as far again: lists of the triangles a little beyond four
+    // radii round each triangle answer every projection of a candidate of radius r0. They also
+    // keep each triangle's corner normals, which give the start normals.
+    const TriangleNeighbourhoods nearTriangles(scalp, kProjectionReach * r0, count);
+    WorkArray<StrandRoot> roots(count);
+    WorkArray<float> radii(count);
     forEach(count, [&](std::size_t begin, std::size_t end) {
         for (std::size_t i = begin; i < end; ++i) {
             roots[i] = placed.randomRoots[rankOf[i]];
             positions[i] = next[rankOf[i]];
-            normals[i] = scalp.normalAt(roots[i]);
+            if (!nearTriangles.normalAt(roots[i], normals[i]))
+                normals[i] = scalp.normalAt(roots[i]);
             float r = r0;
             if (mapped) {
                 const float d = settings.mappedDensity(roots[i], positions[i]);
@@ -673,34 +763,34 @@ void relaxPlacement(const ScalpMesh& scalp, const PlacementSettings& settings,
             radii[i] = r;
         }
     });
-    const float largest = *std::max_element(radii.begin(), radii.end());
-    if (!(largest > 0.0f)) return;
+    const float largest = *std::max_element(radii.data(), radii.data() + count);
+    if (!(largest > 0.0f)) {
+        placed.evenRoots = placed.randomRoots;
+        return;
+    }
 
     // Neighbours come from a grid of two-radius cells; border edges from one of cells two radii
     // wide, so a candidate finds every edge within two radii of it.
     const float searchRange = 3.0f * largest + r0;
     const std::vector<BorderEdge> edges = borderEdges(scalp);
     const EdgeGrid edgeGrid(2.0f * r0, edges);
-    // A candidate moves less than two radii between projections (each step less than half of
-    // one), and the search reaches about as far again: lists of the triangles a little beyond four
-    // radii round each triangle answer every projection of a candidate of radius r0.
-    const TriangleNeighbourhoods nearTriangles(scalp, kProjectionReach * r0, count);
-    // Left unset: the first refresh writes every list, in parallel, instead of a serial clear of
-    // 96 bytes per candidate.
-    // Aligned to a cache line, so that the search may write whole lists past the cache.
+    const std::vector<ClearBox> clear = clearBoxes(scalp, edgeGrid);
+    // The lists come from the array pool like the other working arrays: 96 bytes a candidate,
+    // the largest of them. Aligned to a cache line, so that the search may write whole lists past
+    // the cache.
     constexpr std::size_t kLineWords = 64 / sizeof(std::uint32_t);
-    const std::unique_ptr<std::uint32_t[]> neighborStore(
-        new std::uint32_t[count * kRelaxNeighbors + kLineWords]);
+    WorkArray<std::uint32_t> neighborStore(count * kRelaxNeighbors + kLineWords);
     const std::size_t misalignment =
-        reinterpret_cast<std::uintptr_t>(neighborStore.get()) % 64 / sizeof(std::uint32_t);
+        reinterpret_cast<std::uintptr_t>(neighborStore.data()) % 64 / sizeof(std::uint32_t);
     const std::span<std::uint32_t> neighbors(
-        neighborStore.get() + (misalignment ? kLineWords - misalignment : 0),
+        neighborStore.data() + (misalignment ? kLineWords - misalignment : 0),
         count * kRelaxNeighbors);
-    std::vector<std::uint32_t> nearestEdge(count, kNoEdge);
+    // Left unset too: every refresh writes every candidate's edge.
+    const std::unique_ptr<std::uint32_t[]> nearestEdge(new std::uint32_t[count]);
 
     auto refresh = [&] {
-        neighborSearch.find(std::span(positions).first(count), kNeighborCell * r0, searchRange,
-                            neighbors, lanes, rankOf);
+        neighborSearch.find(std::span<const Vec3f>(positions.first(count)), kNeighborCell * r0,
+                            searchRange, neighbors, lanes, rankOf);
         forEach(count, [&](std::size_t begin, std::size_t end) {
             // Candidates in grid order mostly share their cell with the one before.
             std::uint64_t lastKey = ~std::uint64_t{0};
@@ -708,6 +798,11 @@ void relaxPlacement(const ScalpMesh& scalp, const PlacementSettings& settings,
             for (std::size_t i = begin; i < end; ++i) {
                 const Vec3f p = positions[i];
                 std::uint32_t edge = kNoEdge;
+                if (const auto face = static_cast<std::size_t>(roots[i].face);
+                    face < clear.size() && clear[face].holds(p)) {
+                    nearestEdge[i] = kNoEdge;
+                    continue;
+                }
                 if (const std::uint64_t key = edgeGrid.keyOf(p); key != lastKey) {
                     lastKey = key;
                     nearEdges = edgeGrid.near(key);
@@ -801,7 +896,7 @@ void relaxPlacement(const ScalpMesh& scalp, const PlacementSettings& settings,
                 next[i] = moved;
             }
         });
-        std::swap(positions, next);
+        positions.swap(next);
 
         if (iteration % 4 == 3) {
             // Back onto the surface, where the location may hold an even root.
@@ -832,10 +927,13 @@ void relaxPlacement(const ScalpMesh& scalp, const PlacementSettings& settings,
         }
     }
 
+    // Every candidate's even root is written here, in parallel: no serial copy of the random
+    // roots first.
+    placed.evenRoots.resize(count);
     forEach(count, [&](std::size_t begin, std::size_t end) {
         for (std::size_t i = begin; i < end; ++i) {
             const bool keep = allowed(roots[i], scalp.pointAt(roots[i]));
-            if (keep) placed.evenRoots[rankOf[i]] = roots[i];
+            placed.evenRoots[rankOf[i]] = keep ? roots[i] : placed.randomRoots[rankOf[i]];
         }
     });
 }

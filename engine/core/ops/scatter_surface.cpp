@@ -141,6 +141,35 @@ TriangleNeighbourhoods::TriangleNeighbourhoods(const ScalpMesh& scalp, float rea
         }
     });
     firstBlock_ = std::move(first);
+
+    // A triangle's own edge rows where every listed neighbour lies wholly outside one of its edge
+    // planes (the plane through the edge along the triangle's normal), zeros elsewhere. A point
+    // inside all three edge planes by m is then at least m from every neighbour: where that is
+    // clearly more than its distance to the triangle, the triangle is the answer.
+    separatedEdges_.assign(count, {});
+    forEach(count, [&](std::size_t begin, std::size_t end) {
+        for (std::size_t t = begin; t < end; ++t) {
+            const std::array<float, 16>& own = bounds[t];
+            if (own[0] == 0.0f && own[1] == 0.0f && own[2] == 0.0f) continue;  // no plane
+            const auto outside = [&](int e, const Vec3f& x) {
+                return own[4 + 4 * e] * x.x + own[5 + 4 * e] * x.y + own[6 + 4 * e] * x.z -
+                       own[7 + 4 * e];
+            };
+            bool separated = true;
+            for (const std::uint32_t other : near[t]) {
+                const std::array<Vec3f, 3>& c = corners_[other];
+                bool beyondOne = false;
+                for (int e = 0; e < 3 && !beyondOne; ++e)
+                    beyondOne = outside(e, c[0]) >= -tolerance_ &&
+                                outside(e, c[1]) >= -tolerance_ && outside(e, c[2]) >= -tolerance_;
+                if (!beyondOne) {
+                    separated = false;
+                    break;
+                }
+            }
+            if (separated) std::copy(own.begin() + 4, own.end(), separatedEdges_[t].begin());
+        }
+    });
 }
 
 namespace {
@@ -258,6 +287,16 @@ bool TriangleNeighbourhoods::closest(const Vec3f& p, float maxDistance, std::int
     }
     ClosestPoint result;
     float best = reach2;
+    // Inside all of its triangle's edge planes by m, p lies at least m from every listed
+    // neighbour, less the rounding of the planes (a tolerance each for the neighbour's corners and
+    // for p) and of the neighbour's distance (a third); with room to spare, a neighbour can be
+    // neither nearer nor as near. Zero rows give m = 0: the neighbours are searched.
+    const std::array<float, 12>& e = separatedEdges_[own];
+    const float outside = std::max({e[0] * p.x + e[1] * p.y + e[2] * p.z - e[3],
+                                    e[4] * p.x + e[5] * p.y + e[6] * p.z - e[7],
+                                    e[8] * p.x + e[9] * p.y + e[10] * p.z - e[11]});
+    const float clear = -outside - 8.0f * tolerance_;
+    const bool alone = clear > 0.0f && clear * clear > ownD2;
     if (ownD2 <= reach2) {
         best = ownD2;
         result.root = {triangle, ownHit.u, ownHit.v};
@@ -265,7 +304,8 @@ bool TriangleNeighbourhoods::closest(const Vec3f& p, float maxDistance, std::int
     }
     // The nearest within reach, equal distances to the lower triangle, which makes the answer
     // independent of the order the triangles are met in.
-    for (std::uint32_t b = firstBlock_[own]; b < firstBlock_[own + 1]; ++b) {
+    for (std::uint32_t b = alone ? firstBlock_[own + 1] : firstBlock_[own];
+         b < firstBlock_[own + 1]; ++b) {
         const Block& block = blocks_[b];
         alignas(32) float bound[kLanes];
         // The lanes in ascending order, each against the best so far, which only ever falls: a

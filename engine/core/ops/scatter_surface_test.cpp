@@ -85,6 +85,10 @@ TEST(TriangleNeighbourhoods, FindTheClosestPoint) {
     ASSERT_TRUE(near.built());
     // Each triangle lists at least its neighbours across edges and corners.
     EXPECT_GT(near.listedCount(), 6 * head->triangles().size());
+    // Many triangles have every neighbour beyond one of their edges, so that the points well
+    // inside them are answered without the neighbours: the queries below test both ways.
+    EXPECT_GT(near.separatedCount(), head->triangles().size() / 3);
+    EXPECT_LT(near.separatedCount(), head->triangles().size());
     const struct {
         float along, across, within;
     } moves[] = {{0.5f * reach, 0.0f, 0.12f},  {0.5f * reach, 1e-6f, 0.12f},

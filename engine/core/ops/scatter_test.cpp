@@ -21,6 +21,7 @@
 #include "ops/guide_mask.h"
 #include "ops/scatter_cells.h"
 #include "ops/scatter_placement.h"
+#include "strands/array_pool.h"
 #include "strands/guide.h"
 #include "strands/strand_set.h"
 
@@ -498,6 +499,51 @@ TEST(Scatter, RelaxationLanesAndThreadsGiveTheSameBits) {
         unmoved.evenRoots = unmoved.randomRoots;
         EXPECT_NE(first, evenRootsHash(unmoved)) << c.name;
     }
+}
+
+TEST(Scatter, ReusedWorkingArraysChangeNothing) {
+    // A large relaxation borrows its working arrays from the array pool and gives them back: a
+    // second run of the same size gets them with whatever was left in them, here spoilt on
+    // purpose, and must write every element it reads.
+    PlacementSettings settings;
+    settings.density = 900.0;
+    settings.seed = 11;
+    const ScatterPlacement placed = placeRandom(*head(), growthAreas(*head()), settings);
+    // Large enough that the arrays of points and of locations are pooled.
+    ASSERT_TRUE(isPooledArraySize(placed.size() * sizeof(Vec3f)));
+    auto& points = ArrayPool<Vec3f>::instance();
+    auto& roots = ArrayPool<StrandRoot>::instance();
+    auto& lists = ArrayPool<std::uint32_t>::instance();
+    points.trim();
+    roots.trim();
+    lists.trim();
+    const auto relaxedBits = [&] {
+        ScatterPlacement relaxed = placed;
+        runWithThreads(2, [&] { relaxPlacement(*head(), settings, relaxed); });
+        return evenRootsHash(relaxed);
+    };
+    const std::uint64_t fresh = relaxedBits();
+    using Lengths = std::vector<std::size_t>;
+    const std::size_t n = placed.size();
+    ASSERT_EQ(points.pooledLengths(), (Lengths{n + 1, n + 1}));
+    ASSERT_EQ(roots.pooledLengths(), Lengths{n});
+    ASSERT_EQ(lists.pooledLengths().size(), 1u);
+    const float nan = std::numeric_limits<float>::quiet_NaN();
+    for (const std::size_t length : {n + 1, n + 1}) {
+        std::vector<Vec3f> spoilt = *points.take(length);
+        std::fill(spoilt.begin(), spoilt.end(), Vec3f{nan, nan, nan});
+        points.release(std::move(spoilt));
+    }
+    std::vector<StrandRoot> faces = *roots.take(n);
+    std::fill(faces.begin(), faces.end(), StrandRoot{-7, nan, nan});
+    roots.release(std::move(faces));
+    std::vector<std::uint32_t> neighbours = *lists.take(lists.pooledLengths()[0]);
+    std::fill(neighbours.begin(), neighbours.end(), 0xffffffffu);
+    lists.release(std::move(neighbours));
+    EXPECT_EQ(relaxedBits(), fresh);
+    points.trim();
+    roots.trim();
+    lists.trim();
 }
 
 TEST(Scatter, NeighbourListsOnAwkwardSpreads) {

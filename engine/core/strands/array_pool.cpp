@@ -195,6 +195,7 @@ void ArrayPool<T>::trim() {
 
 template class ArrayPool<float>;
 template class ArrayPool<std::uint64_t>;
+template class ArrayPool<std::uint32_t>;
 template class ArrayPool<Vec3f>;
 template class ArrayPool<StrandRoot>;
 

@@ -31,7 +31,7 @@ constexpr bool isPooledArraySize(std::size_t bytes) {
 
 template <class T>
 concept PooledElement = std::same_as<T, float> || std::same_as<T, std::uint64_t> ||
-    std::same_as<T, Vec3f> || std::same_as<T, StrandRoot>;
+    std::same_as<T, std::uint32_t> || std::same_as<T, Vec3f> || std::same_as<T, StrandRoot>;
 
 // One pool per element type, a process-wide singleton made on first use and freed when the library
 // unloads. All members are safe to call from any thread; the pool's own lock is the only lock they
@@ -81,6 +81,7 @@ class ArrayPool {
 
 extern template class ArrayPool<float>;
 extern template class ArrayPool<std::uint64_t>;
+extern template class ArrayPool<std::uint32_t>;
 extern template class ArrayPool<Vec3f>;
 extern template class ArrayPool<StrandRoot>;
 
