@@ -27,16 +27,16 @@ inline constexpr std::size_t kFourLanes = 4;
 // A group's curves: per strand its blended samples as planar runs, then the same turned into
 // lanes, sample j of every strand side by side at j * width.
 struct LaneScratch {
-    alignas(32) float x[kGroupLanes][kPaddedSamples];
-    alignas(32) float y[kGroupLanes][kPaddedSamples];
-    alignas(32) float z[kGroupLanes][kPaddedSamples];
-    alignas(32) float lx[kPaddedSamples * kGroupLanes];
-    alignas(32) float ly[kPaddedSamples * kGroupLanes];
-    alignas(32) float lz[kPaddedSamples * kGroupLanes];
-    alignas(32) float segment[kPaddedSamples * kGroupLanes];
-    alignas(32) float arc[kPaddedSamples * kGroupLanes];
-    alignas(32) float rootX[kGroupLanes], rootY[kGroupLanes], rootZ[kGroupLanes];
-    alignas(32) float guideLength[kGroupLanes];
+    alignas(64) float x[kGroupLanes][kPaddedSamples];
+    alignas(64) float y[kGroupLanes][kPaddedSamples];
+    alignas(64) float z[kGroupLanes][kPaddedSamples];
+    alignas(64) float lx[kPaddedSamples * kGroupLanes];
+    alignas(64) float ly[kPaddedSamples * kGroupLanes];
+    alignas(64) float lz[kPaddedSamples * kGroupLanes];
+    alignas(64) float segment[kPaddedSamples * kGroupLanes];
+    alignas(64) float arc[kPaddedSamples * kGroupLanes];
+    alignas(64) float rootX[kGroupLanes], rootY[kGroupLanes], rootZ[kGroupLanes];
+    alignas(64) float guideLength[kGroupLanes];
 };
 
 // Strands waiting for a group of their point count to fill. Mixed point counts are rare, so a
