@@ -752,7 +752,9 @@ void relaxPlacement(const ScalpMesh& scalp, const PlacementSettings& settings,
     forEach(count, [&](std::size_t begin, std::size_t end) {
         for (std::size_t i = begin; i < end; ++i) {
             roots[i] = placed.randomRoots[rankOf[i]];
-            positions[i] = next[rankOf[i]];
+            // Worked out again from the root, whose triangle's corners stay in cache, rather than
+            // gathered from the points in placement order: one scattered read a candidate fewer.
+            positions[i] = scalp.pointAt(roots[i]);
             if (!nearTriangles.normalAt(roots[i], normals[i]))
                 normals[i] = scalp.normalAt(roots[i]);
             float r = r0;
