@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <bit>
 #include <cmath>
 #include <memory>
 
@@ -29,6 +30,8 @@ constexpr std::uint32_t kNoEdge = 0xffffffffu;
 constexpr float kNeighborCell = 3.25f;
 // How far round each triangle, in radii, the projection lists its neighbours.
 constexpr float kProjectionReach = 4.1f;
+// Candidates projected before their normals are worked out.
+constexpr std::size_t kProjectionGroup = 16;
 // Border edges handed to a thread at once while the edge grid is built: a scalp has a few hundred,
 // each over a few hundred cells.
 constexpr std::size_t kEdgeGrain = 16;
@@ -887,6 +890,30 @@ void relaxPlacement(const ScalpMesh& scalp, const PlacementSettings& settings,
         return !masked || settings.mask->passes(position);
     };
 
+    // Back onto the surface, where the location may hold an even root: whether the candidate
+    // took a new root there (its normal is then out of date).
+    auto project = [&](std::size_t i) {
+        const float ri = radii[i];
+        if (!(ri > 0.0f)) return false;
+        // Mostly the triangles round the last one answer, from the last triangle's exact
+        // distance. Where they cannot vouch, the tree does: the last location lies on the
+        // surface, so the closest point is no farther than it, and searching only that far (with
+        // a margin for rounding) prunes its walk.
+        ClosestPoint hit;
+        if (!nearTriangles.closest(positions[i], 4.0f * ri, roots[i].face, hit)) {
+            const float lastDistance = length(positions[i] - scalp.pointAt(roots[i]));
+            hit = scalp.closestPoint(positions[i],
+                                     std::min(4.0f * ri, lastDistance * 1.001f + ri * 1e-4f));
+        }
+        if (hit.found() && allowed(hit.root, hit.point)) {
+            roots[i] = hit.root;
+            positions[i] = hit.point;
+            return true;
+        }
+        positions[i] = scalp.pointAt(roots[i]);
+        return false;
+    };
+
     const bool wide = lanes != RelaxLanes::four && wideLanesUsable();
     const bool widest = lanes == RelaxLanes::widest && widestLanesUsable();
     for (int iteration = 0; iteration < kIterations; ++iteration) {
@@ -960,28 +987,20 @@ void relaxPlacement(const ScalpMesh& scalp, const PlacementSettings& settings,
         positions.swap(next);
 
         if (iteration % 4 == 3) {
-            // Back onto the surface, where the location may hold an even root.
+            // Sixteen candidates at a time: their projections, then the normals of those that
+            // moved, whose square roots and divisions then overlap instead of each waiting on
+            // its candidate's projection.
             forEach(count, [&](std::size_t begin, std::size_t end) {
-                for (std::size_t i = begin; i < end; ++i) {
-                    const float ri = radii[i];
-                    if (!(ri > 0.0f)) continue;
-                    // Mostly the triangles round the last one answer, from the last triangle's
-                    // exact distance. Where they cannot vouch, the tree does: the last location
-                    // lies on the surface, so the closest point is no farther than it, and
-                    // searching only that far (with a margin for rounding) prunes its walk.
-                    ClosestPoint hit;
-                    if (!nearTriangles.closest(positions[i], 4.0f * ri, roots[i].face, hit)) {
-                        const float lastDistance = length(positions[i] - scalp.pointAt(roots[i]));
-                        hit = scalp.closestPoint(
-                            positions[i], std::min(4.0f * ri, lastDistance * 1.001f + ri * 1e-4f));
-                    }
-                    if (hit.found() && allowed(hit.root, hit.point)) {
-                        roots[i] = hit.root;
-                        positions[i] = hit.point;
-                        if (!nearTriangles.normalAt(hit.root, normals[i]))
-                            normals[i] = scalp.normalAt(hit.root);
-                    } else {
-                        positions[i] = scalp.pointAt(roots[i]);
+                for (std::size_t group = begin; group < end; group += kProjectionGroup) {
+                    const std::size_t groupEnd = std::min(end, group + kProjectionGroup);
+                    std::uint32_t moved = 0;
+                    for (std::size_t i = group; i < groupEnd; ++i)
+                        moved |= static_cast<std::uint32_t>(project(i)) << (i - group);
+                    for (; moved != 0; moved &= moved - 1) {
+                        const std::size_t i =
+                            group + static_cast<std::size_t>(std::countr_zero(moved));
+                        if (!nearTriangles.normalAt(roots[i], normals[i]))
+                            normals[i] = scalp.normalAt(roots[i]);
                     }
                 }
             });
