@@ -28,6 +28,38 @@ float boxDistanceSquared(const Vec3f& aLo, const Vec3f& aHi, const Vec3f& bLo, c
     return sum;
 }
 
+// Whether no point of a triangle lies inside all three of another's edge planes by `limit` or
+// more, given its corners' signed distances to those planes (`outside[corner][edge]`, positive
+// beyond). The triangle is cut plane by plane down to its part inside: nothing left, none there.
+// Cut points rounded to either side of a plane are kept, so a triangle that only touches the
+// inside counts as reaching it.
+bool missesPrism(const std::array<std::array<float, 3>, 3>& outside, float limit) {
+    using Point = std::array<float, 3>;
+    for (const Point& corner : outside)
+        for (const float d : corner)
+            if (!std::isfinite(d)) return false;
+    // Each cut adds a corner at most: six of the triangle's cut by three planes.
+    std::array<Point, 6> polygon{outside[0], outside[1], outside[2]}, cut{};
+    std::size_t size = 3;
+    for (std::size_t e = 0; e < 3 && size > 0; ++e) {
+        std::size_t kept = 0;
+        for (std::size_t k = 0; k < size; ++k) {
+            const Point& a = polygon[k];
+            const Point& b = polygon[(k + 1) % size];
+            const bool aInside = a[e] <= -limit, bInside = b[e] <= -limit;
+            if (aInside) cut[kept++] = a;
+            if (aInside != bInside) {
+                const float t = (-limit - a[e]) / (b[e] - a[e]);
+                cut[kept++] = {a[0] + (b[0] - a[0]) * t, a[1] + (b[1] - a[1]) * t,
+                               a[2] + (b[2] - a[2]) * t};
+            }
+        }
+        polygon = cut;
+        size = kept;
+    }
+    return size == 0;
+}
+
 }  // namespace
 
 TriangleNeighbourhoods::TriangleNeighbourhoods(const ScalpMesh& scalp, float reach,
@@ -142,10 +174,12 @@ TriangleNeighbourhoods::TriangleNeighbourhoods(const ScalpMesh& scalp, float rea
     });
     firstBlock_ = std::move(first);
 
-    // A triangle's own edge rows where every listed neighbour lies wholly outside one of its edge
-    // planes (the plane through the edge along the triangle's normal), zeros elsewhere. A point
-    // inside all three edge planes by m is then at least m from every neighbour: where that is
-    // clearly more than its distance to the triangle, the triangle is the answer.
+    // A triangle's own edge rows where no listed neighbour reaches inside all three of its edge
+    // planes (the planes through its edges along its normal), zeros elsewhere: each point of a
+    // neighbour lies beyond one of them, a neighbour across an edge mostly beyond that edge's
+    // plane, one round a corner partly beyond each of the corner's two. A point inside all three
+    // edge planes by m is then at least m from every neighbour: where that is clearly more than
+    // its distance to the triangle, the triangle is the answer.
     separatedEdges_.assign(count, {});
     forEach(count, [&](std::size_t begin, std::size_t end) {
         for (std::size_t t = begin; t < end; ++t) {
@@ -158,11 +192,16 @@ TriangleNeighbourhoods::TriangleNeighbourhoods(const ScalpMesh& scalp, float rea
             bool separated = true;
             for (const std::uint32_t other : near[t]) {
                 const std::array<Vec3f, 3>& c = corners_[other];
+                std::array<std::array<float, 3>, 3> distances;
+                for (std::size_t k = 0; k < 3; ++k)
+                    for (int e = 0; e < 3; ++e)
+                        distances[k][static_cast<std::size_t>(e)] = outside(e, c[k]);
                 bool beyondOne = false;
-                for (int e = 0; e < 3 && !beyondOne; ++e)
-                    beyondOne = outside(e, c[0]) >= -tolerance_ &&
-                                outside(e, c[1]) >= -tolerance_ && outside(e, c[2]) >= -tolerance_;
-                if (!beyondOne) {
+                for (std::size_t e = 0; e < 3 && !beyondOne; ++e)
+                    beyondOne = distances[0][e] >= -tolerance_ && distances[1][e] >= -tolerance_ &&
+                                distances[2][e] >= -tolerance_;
+                // The cut rounds: half the tolerance for the planes, half for the cut points.
+                if (!beyondOne && !missesPrism(distances, 0.5f * tolerance_)) {
                     separated = false;
                     break;
                 }

@@ -58,8 +58,8 @@ class TriangleNeighbourhoods {
 
     // The number of listed neighbours, padding included (for tests).
     std::size_t listedCount() const { return blocks_.size() * kLanes; }
-    // The number of triangles whose neighbours all lie outside one of its edge planes, where a
-    // point well inside needs no search of the neighbours (for tests).
+    // The number of triangles none of whose neighbours reaches inside all three of its edge
+    // planes, where a point well inside needs no search of the neighbours (for tests).
     std::size_t separatedCount() const {
         return static_cast<std::size_t>(std::count_if(
             separatedEdges_.begin(), separatedEdges_.end(), [](const std::array<float, 12>& e) {
@@ -88,8 +88,8 @@ class TriangleNeighbourhoods {
     std::vector<std::array<Vec3f, 3>> normals_;  // each triangle's corners' vertex normals
     std::vector<std::uint32_t> firstBlock_;      // triangle t's blocks: [firstBlock_[t], [t + 1])
     std::vector<Block> blocks_;
-    // Per triangle its three edge rows (outward in-plane normal, offset) where all its listed
-    // neighbours lie outside one of its edge planes, else zeros.
+    // Per triangle its three edge rows (outward in-plane normal, offset) where no listed neighbour
+    // reaches inside all three of its edge planes, else zeros.
     std::vector<std::array<float, 12>> separatedEdges_;
 };
 

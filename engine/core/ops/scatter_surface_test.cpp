@@ -73,59 +73,96 @@ ClosestPoint closestByBruteForce(const ScalpMesh& scalp, const Vec3f& p, float r
     return best;
 }
 
-TEST(TriangleNeighbourhoods, FindTheClosestPoint) {
-    // The head's triangles are about 0.7 across; the relaxation's lists reach a few radii, a
-    // fraction of that. Moves along the surface up to half the reach, and across it from none to
-    // far beyond the rounding of the coordinates, give ties at corners and edges, near ties and
-    // clear wins: every answer the lists vouch for is the brute force's, to the bit. Points too far
-    // from their last triangle for the lists are left to the tree.
-    const auto head = makeHeadScalp(1);
-    const float reach = 0.3f;
-    const TriangleNeighbourhoods near(*head, reach, 64 * head->triangles().size());
-    ASSERT_TRUE(near.built());
-    // Each triangle lists at least its neighbours across edges and corners.
-    EXPECT_GT(near.listedCount(), 6 * head->triangles().size());
-    // Many triangles have every neighbour beyond one of their edges, so that the points well
-    // inside them are answered without the neighbours: the queries below test both ways.
-    EXPECT_GT(near.separatedCount(), head->triangles().size() / 3);
-    EXPECT_LT(near.separatedCount(), head->triangles().size());
-    const struct {
-        float along, across, within;
-    } moves[] = {{0.5f * reach, 0.0f, 0.12f},  {0.5f * reach, 1e-6f, 0.12f},
-                 {0.5f * reach, 1e-4f, 0.12f}, {0.5f * reach, 1e-2f, 0.12f},
-                 {0.5f * reach, 0.1f, 0.12f},  {1e-4f, 3e-5f, 0.12f},
-                 {1e-5f, 1e-5f, 0.12f},        {0.5f * reach, 0.05f, 0.01f}};
-    for (const auto& move : moves) {
-        std::size_t answered = 0, found = 0, wrong = 0;
-        for (std::uint64_t s = 0; s < 1500; ++s) {
-            const Query q = queryNear(*head, s, move.along, move.across);
-            ClosestPoint mine;
-            mine.root.face = -7;  // left as it was where the lists cannot vouch
-            if (!near.closest(q.point, move.within, q.last.face, mine)) {
-                EXPECT_EQ(mine.root.face, -7);
-                continue;
-            }
-            ++answered;
-            const ClosestPoint brute = closestByBruteForce(*head, q.point, move.within);
-            found += brute.found();
-            const bool same = mine.root.face == brute.root.face &&
-                              floatBits(mine.root.u) == floatBits(brute.root.u) &&
-                              floatBits(mine.root.v) == floatBits(brute.root.v) &&
-                              floatBits(mine.point.x) == floatBits(brute.point.x) &&
-                              floatBits(mine.point.y) == floatBits(brute.point.y) &&
-                              floatBits(mine.point.z) == floatBits(brute.point.z);
-            wrong += !same;
+// A sheet of half-unit squares folded over along its middle, the second half 30 degrees above
+// the first: near the fold, triangles of each half reach over the other half's triangles.
+std::shared_ptr<const ScalpMesh> foldedSheet() {
+    constexpr int kAlong = 16, kAcross = 8;
+    constexpr float kStep = 0.5f, kFold = 0.5f * kAlong * kStep;
+    const float cosine = std::cos(0.5235988f), sine = std::sin(0.5235988f);
+    std::vector<Vec3f> points;
+    for (int j = 0; j <= kAcross; ++j)
+        for (int i = 0; i <= kAlong; ++i) {
+            const float x = static_cast<float>(i) * kStep, y = static_cast<float>(j) * kStep;
+            points.push_back(x <= kFold
+                                 ? Vec3f{x, y, 0.0f}
+                                 : Vec3f{kFold - (x - kFold) * cosine, y, (x - kFold) * sine});
         }
-        const std::string name = "along " + std::to_string(move.along) + ", across " +
-                                 std::to_string(move.across) + ", within " +
-                                 std::to_string(move.within);
-        EXPECT_EQ(wrong, 0u) << name;
-        EXPECT_GT(answered, 1000u) << name;
-        if (move.within > move.across) {
-            EXPECT_GT(found, answered * 9 / 10) << name;
+    std::vector<Triangle> triangles;
+    const auto at = [](int i, int j) { return static_cast<std::uint32_t>(j * (kAlong + 1) + i); };
+    for (int j = 0; j < kAcross; ++j)
+        for (int i = 0; i < kAlong; ++i) {
+            triangles.push_back({at(i, j), at(i + 1, j), at(i + 1, j + 1)});
+            triangles.push_back({at(i, j), at(i + 1, j + 1), at(i, j + 1)});
+        }
+    return std::make_shared<ScalpMesh>(std::move(points), std::move(triangles));
+}
+
+TEST(TriangleNeighbourhoods, FindTheClosestPoint) {
+    // The head's triangles are about 0.7 across, the folded sheet's 0.5; the relaxation's lists
+    // reach a few radii, a fraction of that. Moves along the surface up to half the reach, and
+    // across it from none to far beyond the rounding of the coordinates, give ties at corners and
+    // edges, near ties and clear wins: every answer the lists vouch for is the brute force's, to
+    // the bit. On the head nearly every triangle has each point of every neighbour beyond one of
+    // its edges, so that the points well inside it are answered without the neighbours; on the
+    // folded sheet the triangles by the fold do not, and points above them are nearest the other
+    // half. Points too far from their last triangle for the lists are left to the tree.
+    const float reach = 0.3f;
+    const struct {
+        const char* name;
+        std::shared_ptr<const ScalpMesh> scalp;
+        std::size_t fewestSeparated, mostSeparated;
+    } meshes[] = {
+        {"head", makeHeadScalp(1), 2048 * 9 / 10, 2048},
+        {"folded sheet", foldedSheet(), 256 / 2, 256 - 16},
+    };
+    for (const auto& mesh : meshes) {
+        const ScalpMesh& scalp = *mesh.scalp;
+        const TriangleNeighbourhoods near(scalp, reach, 64 * scalp.triangles().size());
+        ASSERT_TRUE(near.built()) << mesh.name;
+        // Each triangle lists at least its neighbours across edges and corners.
+        EXPECT_GT(near.listedCount(), 6 * scalp.triangles().size()) << mesh.name;
+        EXPECT_GE(near.separatedCount(), mesh.fewestSeparated) << mesh.name;
+        EXPECT_LE(near.separatedCount(), mesh.mostSeparated) << mesh.name;
+        const struct {
+            float along, across, within;
+        } moves[] = {{0.5f * reach, 0.0f, 0.12f},  {0.5f * reach, 1e-6f, 0.12f},
+                     {0.5f * reach, 1e-4f, 0.12f}, {0.5f * reach, 1e-2f, 0.12f},
+                     {0.5f * reach, 0.1f, 0.12f},  {1e-4f, 3e-5f, 0.12f},
+                     {1e-5f, 1e-5f, 0.12f},        {0.5f * reach, 0.05f, 0.01f}};
+        for (const auto& move : moves) {
+            std::size_t answered = 0, found = 0, wrong = 0;
+            for (std::uint64_t s = 0; s < 1500; ++s) {
+                const Query q = queryNear(scalp, s, move.along, move.across);
+                ClosestPoint mine;
+                mine.root.face = -7;  // left as it was where the lists cannot vouch
+                if (!near.closest(q.point, move.within, q.last.face, mine)) {
+                    EXPECT_EQ(mine.root.face, -7);
+                    continue;
+                }
+                ++answered;
+                const ClosestPoint brute = closestByBruteForce(scalp, q.point, move.within);
+                found += brute.found();
+                const bool same = mine.root.face == brute.root.face &&
+                                  floatBits(mine.root.u) == floatBits(brute.root.u) &&
+                                  floatBits(mine.root.v) == floatBits(brute.root.v) &&
+                                  floatBits(mine.point.x) == floatBits(brute.point.x) &&
+                                  floatBits(mine.point.y) == floatBits(brute.point.y) &&
+                                  floatBits(mine.point.z) == floatBits(brute.point.z);
+                wrong += !same;
+            }
+            const std::string name =
+                std::string(mesh.name) + ", along " + std::to_string(move.along) + ", across " +
+                std::to_string(move.across) + ", within " + std::to_string(move.within);
+            EXPECT_EQ(wrong, 0u) << name;
+            EXPECT_GT(answered, 1000u) << name;
+            if (move.within > move.across) {
+                EXPECT_GT(found, answered * 9 / 10) << name;
+            }
         }
     }
     // A point beyond half the lists' reach from its last triangle is left to the tree.
+    const auto head = makeHeadScalp(1);
+    const TriangleNeighbourhoods near(*head, reach, 64 * head->triangles().size());
     const Query q = queryNear(*head, 3, 0.0f, 0.0f);
     const SurfaceFrame frame = head->frameAt(q.last);
     ClosestPoint hit;
