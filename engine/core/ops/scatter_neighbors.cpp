@@ -903,7 +903,8 @@ void nearestNeighbors(std::span<const Vec3f> positions, float cell, float range,
 std::vector<std::uint32_t> scatter::NeighborSearch::gridOrder(std::span<const Vec3f> positions,
                                                               float cell) {
     state_->grid.build(cell, positions, {});
-    return state_->grid.order();
+    const std::span<const std::uint32_t> order = state_->grid.order();
+    return {order.begin(), order.end()};
 }
 
 }  // namespace velmorin
