@@ -15,8 +15,34 @@
 #include "base/parallel.h"
 #include "base/vec3.h"
 #include "ops/scatter_cells.h"
+#include "strands/array_pool.h"
 
 namespace velmorin::scatter {
+
+// Working memory from the array pool, handed back when replaced or destroyed: a relaxation run
+// again over as many candidates finds its grid's tens of megabytes there, not in fresh pages.
+template <PooledElement T>
+class PooledStore {
+  public:
+    PooledStore() = default;
+    PooledStore(const PooledStore&) = delete;
+    PooledStore& operator=(const PooledStore&) = delete;
+    ~PooledStore() { ArrayPool<T>::instance().release(std::move(values_)); }
+
+    // `length` elements, kept from the last call where the length is the same; the contents are
+    // unspecified.
+    T* hold(std::size_t length) {
+        if (values_.size() != length) {
+            ArrayPool<T>::instance().release(std::move(values_));
+            std::optional<std::vector<T>> pooled = ArrayPool<T>::instance().take(length);
+            values_ = pooled ? std::move(*pooled) : ArrayPool<T>::makeVector(length);
+        }
+        return values_.data();
+    }
+
+  private:
+    std::vector<T> values_;
+};
 
 // Candidates sorted by cell (cells in key order, a cell's candidates in index order) with their
 // positions beside them, one array per axis. The key puts x in the low bits, so a row of cells
@@ -31,8 +57,17 @@ class CandidateGrid {
     void build(float cell, std::span<const Vec3f> positions, std::span<const std::uint32_t> ranks) {
         inverse_ = 1.0f / cell;
         const std::size_t count = positions.size();
-        std::vector<std::uint64_t>& keys = keys_;
-        keys.resize(count);
+        count_ = count;
+        // Four words a candidate: its cell, its entry's cell, and the two halves of the sort.
+        std::uint64_t* const keys = words_.hold(4 * count);
+        sortedKey_ = keys + count;
+        std::uint64_t* const from = keys + 2 * count;
+        // Two for the entry's index and rank, three for its position.
+        sortedIndex_ = indices_.hold(2 * count);
+        sortedRank_ = ranks.empty() ? nullptr : sortedIndex_ + count;
+        float* const axes = axes_.hold(3 * count);
+        for (std::size_t a = 0; a < 3; ++a)
+            sortedAxis_[a] = axes + a * count;
         // One pass in fixed chunks makes the keys, notes whether they ever fall, and finds the
         // cells' bounding block for the sort by cells. Positions already in the grid's order (the
         // relaxation stores its candidates so, and they have not moved by the first refresh) need
@@ -71,11 +106,10 @@ class CandidateGrid {
         });
         // The indices in grid order: as they stand, from the sort by cells, or, for a block of
         // cells too large for that, from a comparison sort.
-        const Dense* sorted = nullptr;
+        // Sorted entries are a cell's place above an index (only the index matters here).
+        const std::uint64_t* sorted = nullptr;
         if (unsorted.load(std::memory_order_relaxed)) {
-            if (sortByDenseCells(keys, bounds)) {
-                sorted = from_.data();
-            } else {
+            if (!sortByDenseCells(keys, from, count, bounds)) {
                 std::vector<Entry> entries(count);
                 for (std::size_t i = 0; i < count; ++i)
                     entries[i] = {keys[i], static_cast<std::uint32_t>(i)};
@@ -83,21 +117,15 @@ class CandidateGrid {
                                    [](const Entry& a, const Entry& b) {
                                        return a.key != b.key ? a.key < b.key : a.index < b.index;
                                    });
-                from_.resize(count);
                 for (std::size_t e = 0; e < count; ++e)
-                    from_[e] = {0, entries[e].index};
-                sorted = from_.data();
+                    from[e] = entries[e].index;
             }
+            sorted = from;
         }
-        sortedIndex_.resize(count);
-        sortedKey_.resize(count);
-        sortedRank_.resize(ranks.empty() ? 0 : count);
-        for (auto& axis : sortedAxis_)
-            axis.resize(count);
         forEach(count, [&](std::size_t begin, std::size_t end) {
             for (std::size_t e = begin; e < end; ++e) {
                 const std::uint32_t index =
-                    sorted ? sorted[e].index : static_cast<std::uint32_t>(e);
+                    sorted ? static_cast<std::uint32_t>(sorted[e]) : static_cast<std::uint32_t>(e);
                 sortedIndex_[e] = index;
                 sortedKey_[e] = keys[index];
                 if (!ranks.empty()) sortedRank_[e] = ranks[index];
@@ -110,7 +138,7 @@ class CandidateGrid {
         denseRows_.clear();
         // The cells' starts, found in fixed chunks of entries: each counts the cells that start in
         // it, and then writes them after those of the chunks before.
-        const std::uint64_t* cellOfEntry = sortedKey_.data();
+        const std::uint64_t* cellOfEntry = sortedKey_;
         const auto startsCell = [&](std::size_t e) {
             return e == 0 || cellOfEntry[e] != cellOfEntry[e - 1];
         };
@@ -189,19 +217,17 @@ class CandidateGrid {
 
     float inverse() const { return inverse_; }
     // The candidates' indices in grid order.
-    const std::vector<std::uint32_t>& order() const { return sortedIndex_; }
+    std::span<const std::uint32_t> order() const { return {sortedIndex_, count_}; }
     std::uint32_t indexAt(std::uint32_t entry) const { return sortedIndex_[entry]; }
     std::uint32_t rankAt(std::uint32_t entry) const { return rankData()[entry]; }
     Vec3f positionAt(std::uint32_t entry) const {
         return {sortedAxis_[0][entry], sortedAxis_[1][entry], sortedAxis_[2][entry]};
     }
     // The entries' coordinates along one axis, their indices and their ranks, in entry order.
-    const float* axisData(int axis) const { return sortedAxis_[axis].data(); }
-    const std::uint32_t* indexData() const { return sortedIndex_.data(); }
-    const std::uint32_t* rankData() const {
-        return sortedRank_.empty() ? sortedIndex_.data() : sortedRank_.data();
-    }
-    std::size_t size() const { return sortedIndex_.size(); }
+    const float* axisData(int axis) const { return sortedAxis_[axis]; }
+    const std::uint32_t* indexData() const { return sortedIndex_; }
+    const std::uint32_t* rankData() const { return sortedRank_ ? sortedRank_ : sortedIndex_; }
+    std::size_t size() const { return count_; }
     std::uint64_t cellKeyAt(std::uint32_t cell) const { return cellKeys_[cell]; }
     // The key of the cell of an entry, as the build found it.
     std::uint64_t keyOfEntry(std::uint32_t entry) const { return sortedKey_[entry]; }
@@ -246,19 +272,18 @@ class CandidateGrid {
         std::uint64_t high[3] = {0, 0, 0};
     };
 
-    // Sorts the indices of `keys` (in index order) by key, then index, into `from_` (cell places
-    // and indices), where the cells' bounding block numbers fewer than 2^24 cells: each key becomes
-    // the cell's place in the block (which keeps the keys' order, z, then y, then x), sorted by two
-    // stable passes of 12 bits. Far quicker than a comparison sort on a million candidates.
-    // `bounds` holds each chunk's least and greatest cell coordinates. Returns false, sorting
-    // nothing, for a larger block.
-    bool sortByDenseCells(const std::vector<std::uint64_t>& keys,
-                          const std::vector<Bounds>& bounds) {
+    // Sorts the indices of the `count` keys (in index order) by key, then index, into `from` (each
+    // a cell's place above an index), where the cells' bounding block numbers fewer than 2^24
+    // cells: each key becomes the cell's place in the block (which keeps the keys' order, z, then
+    // y, then x), sorted by two stable passes of 12 bits through the `count` words after `from`.
+    // Far quicker than a comparison sort on a million candidates. `bounds` holds each chunk's least
+    // and greatest cell coordinates. Returns false, sorting nothing, for a larger block.
+    static bool sortByDenseCells(const std::uint64_t* keys, std::uint64_t* from, std::size_t count,
+                                 const std::vector<Bounds>& bounds) {
         constexpr int kBits = 12;
         constexpr std::size_t kBuckets = std::size_t{1} << kBits;
         // Fixed chunks, whatever the threads: each counts and places its own entries in order,
         // so the passes stay stable and the result the same at any thread count.
-        const std::size_t count = keys.size();
         if (count == 0) return false;
         const std::size_t chunks = (count + kChunk - 1) / kChunk;
         const auto forChunks = [&](const auto& body) {
@@ -276,18 +301,14 @@ class CandidateGrid {
         const std::uint64_t sizeX = high[0] - low[0] + 1, sizeY = high[1] - low[1] + 1,
                             sizeZ = high[2] - low[2] + 1;
         if (sizeX * sizeY * sizeZ > (std::uint64_t{1} << (2 * kBits))) return false;
-        std::vector<Dense>& from = from_;
-        std::vector<Dense>& to = to_;
-        from.resize(count);
-        to.resize(count);
+        std::uint64_t* to = from + count;
         forChunks([&](std::size_t, std::size_t first, std::size_t last) {
             for (std::size_t i = first; i < last; ++i) {
                 const std::uint64_t key = keys[i];
                 const std::uint64_t x = (key & kRowMask) - low[0];
                 const std::uint64_t y = ((key >> 21) & kRowMask) - low[1];
                 const std::uint64_t z = (key >> 42) - low[2];
-                from[i] = {static_cast<std::uint32_t>((z * sizeY + y) * sizeX + x),
-                           static_cast<std::uint32_t>(i)};
+                from[i] = (((z * sizeY + y) * sizeX + x) << 32) | i;
             }
         });
         // Per chunk and bucket: first the count, then where the chunk's entries of the bucket go.
@@ -298,7 +319,7 @@ class CandidateGrid {
                 std::uint32_t* counts = place.data() + c * kBuckets;
                 std::fill_n(counts, kBuckets, 0u);
                 for (std::size_t i = first; i < last; ++i)
-                    ++counts[(from[i].cell >> shift) & (kBuckets - 1)];
+                    ++counts[(from[i] >> (32 + shift)) & (kBuckets - 1)];
             });
             std::uint32_t running = 0;
             for (std::size_t b = 0; b < kBuckets; ++b)
@@ -310,29 +331,29 @@ class CandidateGrid {
             forChunks([&](std::size_t c, std::size_t first, std::size_t last) {
                 std::uint32_t* at = place.data() + c * kBuckets;
                 for (std::size_t i = first; i < last; ++i)
-                    to[at[(from[i].cell >> shift) & (kBuckets - 1)]++] = from[i];
+                    to[at[(from[i] >> (32 + shift)) & (kBuckets - 1)]++] = from[i];
             });
             std::swap(from, to);
         }
-        // An even number of passes: the sorted entries are back in `from_`.
+        // An even number of passes: the sorted entries are back in `from`.
         return true;
     }
     struct Row {
         std::uint64_t row;
         std::uint32_t begin, end;
     };
-    struct Dense {
-        std::uint32_t cell, index;
-    };
-    // Working arrays of a build, kept for the next.
-    std::vector<std::uint64_t> keys_;  // each candidate's cell, in index order
+    // Working arrays of a build, kept for the next: one store per element type, so that the pool,
+    // which keeps two arrays of a type, holds them beside the relaxation's own.
+    PooledStore<std::uint64_t> words_;
+    PooledStore<std::uint32_t> indices_;
+    PooledStore<float> axes_;
     std::vector<Bounds> bounds_;
-    std::vector<Dense> from_, to_;
     float inverse_ = 1.0f;
-    std::vector<std::uint32_t> sortedIndex_;
-    std::vector<std::uint64_t> sortedKey_;          // the key of each entry's cell
-    std::vector<std::uint32_t> sortedRank_;         // empty where ranks are the indices
-    std::array<std::vector<float>, 3> sortedAxis_;  // the positions, axis by axis
+    std::size_t count_ = 0;
+    std::uint32_t* sortedIndex_ = nullptr;
+    std::uint64_t* sortedKey_ = nullptr;     // the key of each entry's cell
+    std::uint32_t* sortedRank_ = nullptr;    // null where ranks are the indices
+    std::array<float*, 3> sortedAxis_ = {};  // the positions, axis by axis
     std::vector<std::uint32_t> cellStart_;
     std::vector<std::uint64_t> cellKeys_;
     std::vector<Row> rows_;

@@ -299,6 +299,7 @@ class BlockSearch {
         const __m512 px = _mm512_set1_ps(p.x), py = _mm512_set1_ps(p.y), pz = _mm512_set1_ps(p.z);
         const __m512 limit = _mm512_set1_ps(within);
         const __m512i self = _mm512_set1_epi32(static_cast<std::int32_t>(i));
+        __m512 first0 = _mm512_setzero_ps(), first1 = first0;
         std::size_t n = 0;
         for (std::size_t b = 0; b < count_; b += 16) {
             const __m512 dx = _mm512_sub_ps(_mm512_loadu_ps(x_.data() + b), px);
@@ -307,8 +308,10 @@ class BlockSearch {
             const __m512 d2 = _mm512_add_ps(
                 _mm512_add_ps(_mm512_mul_ps(dx, dx), _mm512_mul_ps(dy, dy)), _mm512_mul_ps(dz, dz));
             _mm512_storeu_ps(d2_.data() + b, d2);
-            n = packKeysWidest(d2, b, self, limit, n);
+            n = packKeysWidest(d2, b, self, limit, n, first0, first1);
         }
+        _mm512_store_ps(firstD2_, first0);
+        _mm512_store_ps(firstD2_ + 16, first1);
         return n;
     }
 
@@ -316,16 +319,22 @@ class BlockSearch {
     VELMORIN_AVX512_LANES std::size_t collectAgainWidest(std::uint32_t i, float within) {
         const __m512 limit = _mm512_set1_ps(within);
         const __m512i self = _mm512_set1_epi32(static_cast<std::int32_t>(i));
+        __m512 first0 = _mm512_setzero_ps(), first1 = first0;
         std::size_t n = 0;
         for (std::size_t b = 0; b < count_; b += 16)
-            n = packKeysWidest(_mm512_loadu_ps(d2_.data() + b), b, self, limit, n);
+            n = packKeysWidest(_mm512_loadu_ps(d2_.data() + b), b, self, limit, n, first0, first1);
+        _mm512_store_ps(firstD2_, first0);
+        _mm512_store_ps(firstD2_ + 16, first1);
         return n;
     }
 
     // packKeys for sixteen lanes: the lanes within `limit` other than `self` are compressed to the
     // front, and their keys (squared distance above index) written at n as two groups of eight.
+    // The squared distances of the first 32 keys are also joined in `first0` and `first1`, in
+    // registers, for the ranking: reading them back from the keys would wait on these stores.
     VELMORIN_AVX512_LANES std::size_t packKeysWidest(__m512 d2, std::size_t b, __m512i self,
-                                                     __m512 limit, std::size_t n) {
+                                                     __m512 limit, std::size_t n, __m512& first0,
+                                                     __m512& first1) {
         const __m512i index = _mm512_loadu_si512(index_.data() + b);
         const __mmask16 mask =
             _mm512_mask_cmp_ps_mask(_mm512_cmpneq_epi32_mask(index, self), d2, limit, _CMP_LE_OQ);
@@ -340,6 +349,19 @@ class BlockSearch {
             _mm512_setr_epi32(8, 24, 9, 25, 10, 26, 11, 27, 12, 28, 13, 29, 14, 30, 15, 31), bits);
         _mm512_storeu_si512(keys_.data() + n, low);
         _mm512_storeu_si512(keys_.data() + n + 8, high);
+        // Key k lies in lane k of first0, or k - 16 of first1: lanes from key n on take the new
+        // keys, those before keep theirs. Lanes past the new keys hold anything.
+        const __m512i iota =
+            _mm512_setr_epi32(0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15);
+        const __m512i sixteen = _mm512_set1_epi32(16);
+        const __m512i known = _mm512_set1_epi32(static_cast<std::int32_t>(n));
+        const __m512i fromNew = _mm512_sub_epi32(_mm512_set1_epi32(32), known);
+        const __m512i join0 = _mm512_mask_add_epi32(iota, _mm512_cmpge_epi32_mask(iota, known),
+                                                    iota, _mm512_sub_epi32(fromNew, sixteen));
+        const __m512i join1 = _mm512_mask_add_epi32(
+            iota, _mm512_cmpge_epi32_mask(_mm512_add_epi32(iota, sixteen), known), iota, fromNew);
+        first0 = _mm512_permutex2var_ps(first0, join0, _mm512_castsi512_ps(bits));
+        first1 = _mm512_permutex2var_ps(first1, join1, _mm512_castsi512_ps(bits));
         return n + static_cast<std::size_t>(std::popcount(static_cast<unsigned>(mask)));
     }
 
@@ -415,24 +437,18 @@ class BlockSearch {
                                               std::uint64_t (&best)[kRelaxNeighbors]) {
         constexpr std::size_t kMost = kWideMost;
         if (n > kMost) return rankKeys(n, best);
-        // The squared distances are the odd words of the keys; lanes past the keys are set far.
-        const __m512i odd =
-            _mm512_setr_epi32(1, 3, 5, 7, 9, 11, 13, 15, 17, 19, 21, 23, 25, 27, 29, 31);
+        // The squared distances as the collection left them, each group in one store; lanes past
+        // the keys are set far.
         const __m512 far = _mm512_set1_ps(std::numeric_limits<float>::infinity());
         const std::uint64_t used = (std::uint64_t{1} << n) - 1;
-        const __m512 mine0 = _mm512_mask_mov_ps(
-            far, static_cast<__mmask16>(used),
-            _mm512_castsi512_ps(_mm512_permutex2var_epi32(_mm512_loadu_si512(keys_.data()), odd,
-                                                          _mm512_loadu_si512(keys_.data() + 8))));
+        const __m512 mine0 =
+            _mm512_mask_mov_ps(far, static_cast<__mmask16>(used), _mm512_load_ps(firstD2_));
         const __m512 mine1 = _mm512_mask_mov_ps(far, static_cast<__mmask16>(used >> 16),
-                                                _mm512_castsi512_ps(_mm512_permutex2var_epi32(
-                                                    _mm512_loadu_si512(keys_.data() + 16), odd,
-                                                    _mm512_loadu_si512(keys_.data() + 24))));
+                                                _mm512_load_ps(firstD2_ + 16));
         const __m512i plusOne = _mm512_set1_epi32(1);
         __m512i count0 = _mm512_setzero_si512(), count1 = count0;
         for (std::size_t k = 0; k < n; ++k) {
-            const __m512 other =
-                _mm512_castsi512_ps(_mm512_set1_epi32(static_cast<std::int32_t>(keys_[k] >> 32)));
+            const __m512 other = _mm512_set1_ps(firstD2_[k]);
             count0 = _mm512_mask_add_epi32(count0, _mm512_cmp_ps_mask(other, mine0, _CMP_LT_OQ),
                                            count0, plusOne);
             count1 = _mm512_mask_add_epi32(count1, _mm512_cmp_ps_mask(other, mine1, _CMP_LT_OQ),
@@ -683,6 +699,8 @@ class BlockSearch {
     std::vector<std::uint32_t> index_;
     std::vector<std::uint64_t> keys_;
     std::size_t count_ = 0;  // the box's candidates and padding
+    // The squared distances of the first 32 keys the widest collection found.
+    alignas(64) float firstD2_[32] = {};
 };
 
 #if VELMORIN_RELAX_AVX
@@ -903,7 +921,8 @@ void nearestNeighbors(std::span<const Vec3f> positions, float cell, float range,
 std::vector<std::uint32_t> scatter::NeighborSearch::gridOrder(std::span<const Vec3f> positions,
                                                               float cell) {
     state_->grid.build(cell, positions, {});
-    return state_->grid.order();
+    const std::span<const std::uint32_t> order = state_->grid.order();
+    return {order.begin(), order.end()};
 }
 
 }  // namespace velmorin

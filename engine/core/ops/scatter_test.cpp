@@ -514,9 +514,16 @@ TEST(Scatter, ReusedWorkingArraysChangeNothing) {
     auto& points = ArrayPool<Vec3f>::instance();
     auto& roots = ArrayPool<StrandRoot>::instance();
     auto& lists = ArrayPool<std::uint32_t>::instance();
-    points.trim();
-    roots.trim();
-    lists.trim();
+    auto& coordinates = ArrayPool<float>::instance();
+    auto& words = ArrayPool<std::uint64_t>::instance();
+    const auto trimAll = [&] {
+        points.trim();
+        roots.trim();
+        lists.trim();
+        coordinates.trim();
+        words.trim();
+    };
+    trimAll();
     const auto relaxedBits = [&] {
         ScatterPlacement relaxed = placed;
         runWithThreads(2, [&] { relaxPlacement(*head(), settings, relaxed); });
@@ -527,23 +534,30 @@ TEST(Scatter, ReusedWorkingArraysChangeNothing) {
     const std::size_t n = placed.size();
     ASSERT_EQ(points.pooledLengths(), (Lengths{n + 1, n + 1}));
     ASSERT_EQ(roots.pooledLengths(), Lengths{n});
-    ASSERT_EQ(lists.pooledLengths().size(), 1u);
+    // The neighbour lists, and the neighbour grid's indices and ranks where those are large.
+    ASSERT_EQ(lists.pooledLengths().size(),
+              isPooledArraySize(2 * n * sizeof(std::uint32_t)) ? 2u : 1u);
+    // The grid's positions, three floats, and its four words a candidate.
+    ASSERT_EQ(coordinates.pooledLengths(), Lengths{3 * n});
+    ASSERT_EQ(words.pooledLengths(), Lengths{4 * n});
+    // Every pooled array is taken before any goes back, so that none is spoilt twice.
+    const auto spoil = [](auto& pool, auto junk) {
+        std::vector<std::vector<decltype(junk)>> taken;
+        for (const std::size_t length : pool.pooledLengths())
+            taken.push_back(*pool.take(length));
+        for (auto& array : taken) {
+            std::fill(array.begin(), array.end(), junk);
+            pool.release(std::move(array));
+        }
+    };
     const float nan = std::numeric_limits<float>::quiet_NaN();
-    for (const std::size_t length : {n + 1, n + 1}) {
-        std::vector<Vec3f> spoilt = *points.take(length);
-        std::fill(spoilt.begin(), spoilt.end(), Vec3f{nan, nan, nan});
-        points.release(std::move(spoilt));
-    }
-    std::vector<StrandRoot> faces = *roots.take(n);
-    std::fill(faces.begin(), faces.end(), StrandRoot{-7, nan, nan});
-    roots.release(std::move(faces));
-    std::vector<std::uint32_t> neighbours = *lists.take(lists.pooledLengths()[0]);
-    std::fill(neighbours.begin(), neighbours.end(), 0xffffffffu);
-    lists.release(std::move(neighbours));
+    spoil(points, Vec3f{nan, nan, nan});
+    spoil(roots, StrandRoot{-7, nan, nan});
+    spoil(lists, 0xffffffffu);
+    spoil(coordinates, nan);
+    spoil(words, ~std::uint64_t{0});
     EXPECT_EQ(relaxedBits(), fresh);
-    points.trim();
-    roots.trim();
-    lists.trim();
+    trimAll();
 }
 
 TEST(Scatter, NeighbourListsOnAwkwardSpreads) {
