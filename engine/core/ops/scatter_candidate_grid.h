@@ -19,31 +19,6 @@
 
 namespace velmorin::scatter {
 
-// Working memory from the array pool, handed back when replaced or destroyed: a relaxation run
-// again over as many candidates finds its grid's tens of megabytes there, not in fresh pages.
-template <PooledElement T>
-class PooledStore {
-  public:
-    PooledStore() = default;
-    PooledStore(const PooledStore&) = delete;
-    PooledStore& operator=(const PooledStore&) = delete;
-    ~PooledStore() { ArrayPool<T>::instance().release(std::move(values_)); }
-
-    // `length` elements, kept from the last call where the length is the same; the contents are
-    // unspecified.
-    T* hold(std::size_t length) {
-        if (values_.size() != length) {
-            ArrayPool<T>::instance().release(std::move(values_));
-            std::optional<std::vector<T>> pooled = ArrayPool<T>::instance().take(length);
-            values_ = pooled ? std::move(*pooled) : ArrayPool<T>::makeVector(length);
-        }
-        return values_.data();
-    }
-
-  private:
-    std::vector<T> values_;
-};
-
 // Candidates sorted by cell (cells in key order, a cell's candidates in index order) with their
 // positions beside them, one array per axis. The key puts x in the low bits, so a row of cells
 // along x is one run of the sorted cells; a table finds a row's run from its y and z. Each
@@ -344,9 +319,9 @@ class CandidateGrid {
     };
     // Working arrays of a build, kept for the next: one store per element type, so that the pool,
     // which keeps two arrays of a type, holds them beside the relaxation's own.
-    PooledStore<std::uint64_t> words_;
-    PooledStore<std::uint32_t> indices_;
-    PooledStore<float> axes_;
+    WorkArray<std::uint64_t> words_;
+    WorkArray<std::uint32_t> indices_;
+    WorkArray<float> axes_;
     std::vector<Bounds> bounds_;
     float inverse_ = 1.0f;
     std::size_t count_ = 0;

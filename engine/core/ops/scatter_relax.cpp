@@ -33,34 +33,6 @@ constexpr float kProjectionReach = 4.1f;
 // Candidates projected before their normals are worked out.
 constexpr std::size_t kProjectionGroup = 16;
 
-// A working array of the relaxation whose every element the relaxation writes before it reads it.
-// It comes from the array pool where the pool holds one of its length (a scatter evaluated again
-// at the same density: no fresh pages at all), else fresh with its pages brought in on every
-// thread, and goes back to the pool when the relaxation ends.
-template <PooledElement T>
-class WorkArray {
-  public:
-    explicit WorkArray(std::size_t length) {
-        if (std::optional<std::vector<T>> pooled = ArrayPool<T>::instance().take(length))
-            values_ = std::move(*pooled);
-        else
-            values_ = ArrayPool<T>::makeVector(length);
-    }
-    WorkArray(const WorkArray&) = delete;
-    WorkArray& operator=(const WorkArray&) = delete;
-    ~WorkArray() { ArrayPool<T>::instance().release(std::move(values_)); }
-
-    T* data() { return values_.data(); }
-    const T* data() const { return values_.data(); }
-    T& operator[](std::size_t i) { return values_[i]; }
-    const T& operator[](std::size_t i) const { return values_[i]; }
-    std::span<T> first(std::size_t n) { return std::span(values_).first(n); }
-    void swap(WorkArray& other) noexcept { values_.swap(other.values_); }
-
-  private:
-    std::vector<T> values_;
-};
-
 // The push of a candidate's neighbours: for each neighbour j other than i within reach, with
 // s = r_i + r_j and d from j to i, the direction of d (or, for a coincident pair, one given by the
 // candidate's place in the placement, `rank`, alone) weighed by (1 - |d| / s) squared, summed in

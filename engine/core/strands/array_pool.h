@@ -85,4 +85,38 @@ extern template class ArrayPool<std::uint32_t>;
 extern template class ArrayPool<Vec3f>;
 extern template class ArrayPool<StrandRoot>;
 
+// A working array of an algorithm, from the pool where the pool holds one of its length, else
+// fresh with its pages brought in on every thread, and back to the pool when replaced or
+// destroyed. Its contents are unspecified: the algorithm writes every element before reading it.
+// A second run of the same size then brings in no fresh pages at all.
+template <PooledElement T>
+class WorkArray {
+  public:
+    WorkArray() = default;
+    explicit WorkArray(std::size_t length) { hold(length); }
+    WorkArray(const WorkArray&) = delete;
+    WorkArray& operator=(const WorkArray&) = delete;
+    ~WorkArray() { ArrayPool<T>::instance().release(std::move(values_)); }
+
+    // `length` elements, kept from before where the length is the same.
+    T* hold(std::size_t length) {
+        if (values_.size() != length) {
+            ArrayPool<T>::instance().release(std::move(values_));
+            std::optional<std::vector<T>> pooled = ArrayPool<T>::instance().take(length);
+            values_ = pooled ? std::move(*pooled) : ArrayPool<T>::makeVector(length);
+        }
+        return values_.data();
+    }
+
+    T* data() { return values_.data(); }
+    const T* data() const { return values_.data(); }
+    T& operator[](std::size_t i) { return values_[i]; }
+    const T& operator[](std::size_t i) const { return values_[i]; }
+    std::span<T> first(std::size_t n) { return std::span(values_).first(n); }
+    void swap(WorkArray& other) noexcept { values_.swap(other.values_); }
+
+  private:
+    std::vector<T> values_;
+};
+
 }  // namespace velmorin
