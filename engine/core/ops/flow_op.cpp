@@ -462,7 +462,12 @@ void flowStrandsIn(FlowLanes lanes, const StrandSet& input, const FlowSettings& 
     const std::size_t interleaved = kInterleaved;
 #endif
 
-    parallelRange(0, strandCount, 256, [&](std::size_t begin, std::size_t end) {
+    // The chunks hold whole batches, so that every batch but the last fills its lane sets; a chunk
+    // of 256 strands split in halves would leave each chunk a few strands for narrower lanes.
+    const std::size_t batches = (strandCount + interleaved - 1) / interleaved;
+    parallelRange(0, batches, 256 / interleaved, [&](std::size_t firstBatch, std::size_t endBatch) {
+        const std::size_t begin = firstBatch * interleaved;
+        const std::size_t end = std::min(strandCount, endBatch * interleaved);
         std::array<FlowScratch, kInterleaved> scratch;
         std::array<FlowWalk, kInterleaved> walks;
         std::vector<float> tables;  // the lane sets' segment lengths, sines and cosines
