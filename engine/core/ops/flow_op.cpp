@@ -462,7 +462,12 @@ void flowStrandsIn(FlowLanes lanes, const StrandSet& input, const FlowSettings& 
     const std::size_t interleaved = kInterleaved;
 #endif
 
-    parallelRange(0, strandCount, 256, [&](std::size_t begin, std::size_t end) {
+    // The chunks hold whole batches, so that every batch but the last fills its lane sets; a chunk
+    // of 256 strands split in halves would leave each chunk a few strands for narrower lanes.
+    const std::size_t batches = (strandCount + interleaved - 1) / interleaved;
+    parallelRange(0, batches, 256 / interleaved, [&](std::size_t firstBatch, std::size_t endBatch) {
+        const std::size_t begin = firstBatch * interleaved;
+        const std::size_t end = std::min(strandCount, endBatch * interleaved);
         std::array<FlowScratch, kInterleaved> scratch;
         std::array<FlowWalk, kInterleaved> walks;
         std::vector<float> tables;  // the lane sets' segment lengths, sines and cosines
@@ -470,9 +475,10 @@ void flowStrandsIn(FlowLanes lanes, const StrandSet& input, const FlowSettings& 
         while (item < end) {
             if (faces && faces->madeAhead()) {
                 // The root triangles of the next strands, and the ends of their points in and
-                // out, are fetched while these are laid.
+                // out, are fetched while these are laid: past the chunk's end too, as the chunk
+                // after it mostly falls to the same thread.
                 for (std::size_t ahead = item + interleaved;
-                     ahead < std::min(end, item + 2 * interleaved); ++ahead) {
+                     ahead < std::min(strandCount, item + 2 * interleaved); ++ahead) {
                     const std::size_t s = pick.strand(ahead);
                     if (s >= roots.size()) continue;
                     if (scalp->isOnSurface(roots[s])) faces->prefetch(roots[s].face);
@@ -505,14 +511,14 @@ void flowStrandsIn(FlowLanes lanes, const StrandSet& input, const FlowSettings& 
                 const std::size_t narrowStart = wideStart + wideSets * float_lanes::wide::kWidth;
                 const std::size_t narrowSets = (count - narrowStart) / kNarrow;
                 laned = narrowStart + narrowSets * kNarrow;
-                lanesEnd = walks[0].strand.size();
-                for (std::size_t w = 1; w < laned; ++w)
-                    lanesEnd = std::min(lanesEnd, walks[w].strand.size());
+                lanesEnd = longest;
                 // Each set's tables: lengths, sines and cosines, a row of its lanes per segment.
                 if (tables.size() < 3 * laned * longest) tables.resize(3 * laned * longest);
                 const auto prepareSet = [&](std::size_t first, std::size_t width, auto prepare) {
                     float* const at = tables.data() + 3 * first * longest;
-                    prepare(run, &walks[first], at, at + width * longest, at + 2 * width * longest);
+                    lanesEnd =
+                        std::min(lanesEnd, prepare(run, &walks[first], at, at + width * longest,
+                                                   at + 2 * width * longest));
                 };
                 for (std::size_t set = 0; set < widestSets; ++set)
                     prepareSet(set * kWidest, kWidest, widest_flow::prepareLanes);
