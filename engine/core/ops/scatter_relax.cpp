@@ -30,7 +30,7 @@ constexpr float kRadiusScale = 1.0746f;  // the spacing of a hexagonal packing a
 constexpr float kNeighborCell = 3.25f;
 // How far round each triangle, in radii, the projection lists its neighbours.
 constexpr float kProjectionReach = 4.1f;
-// Candidates projected before their normals are worked out.
+// Candidates projected before their normals are worked out: as many as closestWhereAlone takes.
 constexpr std::size_t kProjectionGroup = 16;
 
 // The push of a candidate's neighbours: for each neighbour j other than i within reach, with
@@ -594,8 +594,9 @@ void relaxPlacement(const ScalpMesh& scalp, const PlacementSettings& settings,
     };
 
     // Back onto the surface, where the location may hold an even root: whether the candidate
-    // took a new root there (its normal is then out of date).
-    auto project = [&](std::size_t i) {
+    // took a new root there (its normal is then out of date). `known` is the closest point where
+    // the group's search already found it.
+    auto project = [&](std::size_t i, const ClosestPoint* known) {
         const float ri = radii[i];
         if (!(ri > 0.0f)) return false;
         // Mostly the triangles round the last one answer, from the last triangle's exact
@@ -603,7 +604,9 @@ void relaxPlacement(const ScalpMesh& scalp, const PlacementSettings& settings,
         // surface, so the closest point is no farther than it, and searching only that far (with
         // a margin for rounding) prunes its walk.
         ClosestPoint hit;
-        if (!nearTriangles.closest(positions[i], 4.0f * ri, roots[i].face, hit)) {
+        if (known) {
+            hit = *known;
+        } else if (!nearTriangles.closest(positions[i], 4.0f * ri, roots[i].face, hit)) {
             const float lastDistance = length(positions[i] - scalp.pointAt(roots[i]));
             hit = scalp.closestPoint(positions[i],
                                      std::min(4.0f * ri, lastDistance * 1.001f + ri * 1e-4f));
@@ -691,15 +694,30 @@ void relaxPlacement(const ScalpMesh& scalp, const PlacementSettings& settings,
         positions.swap(next);
 
         if (iteration % 4 == 3) {
-            // Sixteen candidates at a time: their projections, then the normals of those that
-            // moved, whose square roots and divisions then overlap instead of each waiting on
-            // its candidate's projection.
+            // Sixteen candidates at a time: their projections (with sixteen lanes, first those
+            // plainly over their last triangle's inside, at once), then the normals of those
+            // that moved, whose square roots and divisions then overlap instead of each waiting
+            // on its candidate's projection.
             forEach(count, [&](std::size_t begin, std::size_t end) {
+                ClosestPoint hits[kProjectionGroup];
+                float reach[kProjectionGroup];
                 for (std::size_t group = begin; group < end; group += kProjectionGroup) {
                     const std::size_t groupEnd = std::min(end, group + kProjectionGroup);
+                    unsigned answered = 0;
+                    if (widest) {
+                        for (std::size_t i = group; i < groupEnd; ++i)
+                            reach[i - group] = 4.0f * radii[i];
+                        answered = nearTriangles.closestWhereAlone(positions.data() + group,
+                                                                   roots.data() + group, reach,
+                                                                   groupEnd - group, hits);
+                    }
                     std::uint32_t moved = 0;
-                    for (std::size_t i = group; i < groupEnd; ++i)
-                        moved |= static_cast<std::uint32_t>(project(i)) << (i - group);
+                    for (std::size_t i = group; i < groupEnd; ++i) {
+                        const bool known = (answered >> (i - group)) & 1u;
+                        moved |= static_cast<std::uint32_t>(
+                                     project(i, known ? &hits[i - group] : nullptr))
+                                 << (i - group);
+                    }
                     for (; moved != 0; moved &= moved - 1) {
                         const std::size_t i =
                             group + static_cast<std::size_t>(std::countr_zero(moved));

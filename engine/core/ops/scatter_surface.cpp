@@ -246,7 +246,159 @@ __attribute__((target("avx"))) unsigned blockBoundsWide(const float (*plane)[8],
 }
 #endif
 
+#if VELMORIN_RELAX_AVX
+// GCC 12 takes the undefined start values inside its AVX-512 intrinsics for uninitialised
+// variables; the warnings say nothing of this code.
+#if defined(__GNUC__) && !defined(__clang__)
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wuninitialized"
+#pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
+#endif
+VELMORIN_AVX512_LANES inline __m512 gatherLanes(__m512i index, const float* base) {
+    return _mm512_mask_i32gather_ps(_mm512_setzero_ps(), 0xffff, index, base, 4);
+}
+VELMORIN_AVX512_LANES inline __m512 dotLanes(const __m512* a, const __m512* b) {
+    return _mm512_add_ps(_mm512_add_ps(_mm512_mul_ps(a[0], b[0]), _mm512_mul_ps(a[1], b[1])),
+                         _mm512_mul_ps(a[2], b[2]));
+}
+// The lanes where a <= b, false for a NaN.
+VELMORIN_AVX512_LANES inline __mmask16 le(__m512 a, __m512 b) {
+    return _mm512_cmp_ps_mask(a, b, _CMP_LE_OQ);
+}
+
+// TriangleNeighbourhoods::closestWhereAlone's lanes: per lane the operations of
+// closestPointOnTriangle's inside case and of closest()'s tests, in the same order, so the same
+// bits. The corner, edge and degenerate cases, which branch, are left to closest(). `faces` are
+// valid triangles; `corners` holds each triangle's nine corner coordinates, `edges` its twelve
+// separating edge rows.
+VELMORIN_AVX512_LANES unsigned aloneWidest(const std::int32_t* triangles, const float (*at)[16],
+                                           const float* maxDistances, const float* corners,
+                                           const float* edges, float tolerance, float reach,
+                                           float (*out)[16]) {
+    const __m512 zero = _mm512_setzero_ps();
+    const __m512i faces = _mm512_load_si512(triangles);
+    const __m512 p[3] = {_mm512_load_ps(at[0]), _mm512_load_ps(at[1]), _mm512_load_ps(at[2])};
+    const __m512 maxDistance = _mm512_load_ps(maxDistances);
+    const __m512i cornerAt = _mm512_mullo_epi32(faces, _mm512_set1_epi32(9));
+    const __m512i edgeAt = _mm512_mullo_epi32(faces, _mm512_set1_epi32(12));
+    __m512 c[3][3];
+    for (int k = 0; k < 3; ++k)
+        for (int axis = 0; axis < 3; ++axis)
+            c[k][axis] =
+                gatherLanes(_mm512_add_epi32(cornerAt, _mm512_set1_epi32(3 * k + axis)), corners);
+    __m512 ab[3], ac[3], ap[3], bp[3], cp[3];
+    for (int axis = 0; axis < 3; ++axis) {
+        ab[axis] = _mm512_sub_ps(c[1][axis], c[0][axis]);
+        ac[axis] = _mm512_sub_ps(c[2][axis], c[0][axis]);
+        ap[axis] = _mm512_sub_ps(p[axis], c[0][axis]);
+        bp[axis] = _mm512_sub_ps(p[axis], c[1][axis]);
+        cp[axis] = _mm512_sub_ps(p[axis], c[2][axis]);
+    }
+    const __m512 d1 = dotLanes(ab, ap), d2 = dotLanes(ac, ap);
+    const __m512 d3 = dotLanes(ab, bp), d4 = dotLanes(ac, bp);
+    const __m512 d5 = dotLanes(ab, cp), d6 = dotLanes(ac, cp);
+    // Past the corners' regions...
+    __mmask16 inside = ~(le(d1, zero) & le(d2, zero)) & ~(le(zero, d3) & le(d4, d3)) &
+                       ~(le(zero, d6) & le(d5, d6));
+    const __m512 vc = _mm512_sub_ps(_mm512_mul_ps(d1, d4), _mm512_mul_ps(d3, d2));
+    const __m512 vb = _mm512_sub_ps(_mm512_mul_ps(d5, d2), _mm512_mul_ps(d1, d6));
+    const __m512 va = _mm512_sub_ps(_mm512_mul_ps(d3, d6), _mm512_mul_ps(d5, d4));
+    const __m512 sum = _mm512_add_ps(_mm512_add_ps(va, vb), vc);
+    const __m512 size = _mm512_abs_ps(sum);
+    // ...not degenerate, past the edges' regions: the inside.
+    inside &= _mm512_cmp_ps_mask(size, _mm512_set1_ps(1e-30f), _CMP_GT_OQ) &
+              le(size, _mm512_set1_ps(std::numeric_limits<float>::max()));
+    const __m512 d43 = _mm512_sub_ps(d4, d3), d56 = _mm512_sub_ps(d5, d6);
+    inside &= ~(le(vc, zero) & le(zero, d1) & le(d3, zero)) &
+              ~(le(vb, zero) & le(zero, d2) & le(d6, zero)) &
+              ~(le(va, zero) & le(zero, d43) & le(zero, d56));
+    const __m512 inverse = _mm512_div_ps(_mm512_set1_ps(1.0f), sum);
+    const __m512 u = _mm512_mul_ps(vb, inverse), v = _mm512_mul_ps(vc, inverse);
+    __m512 point[3], off[3];
+    for (int axis = 0; axis < 3; ++axis) {
+        point[axis] = _mm512_add_ps(_mm512_add_ps(c[0][axis], _mm512_mul_ps(ab[axis], u)),
+                                    _mm512_mul_ps(ac[axis], v));
+        off[axis] = _mm512_sub_ps(point[axis], p[axis]);
+    }
+    const __m512 d2Own = dotLanes(off, off);
+    // closest(): the reach, then the point plainly near its triangle and clear of the neighbours.
+    const __m512 most = _mm512_set1_ps(std::numeric_limits<float>::max());
+    __m512 reach2 = _mm512_mul_ps(maxDistance, maxDistance);
+    reach2 = _mm512_mask_mov_ps(reach2, _mm512_cmp_ps_mask(most, reach2, _CMP_LT_OQ), most);
+    const __mmask16 plainlyNear =
+        le(d2Own, reach2) & le(d2Own, _mm512_set1_ps(0.0625f * reach * reach));
+    __m512 outside = zero;
+    for (int e = 0; e < 3; ++e) {
+        __m512 row[4];
+        for (int k = 0; k < 4; ++k)
+            row[k] = gatherLanes(_mm512_add_epi32(edgeAt, _mm512_set1_epi32(4 * e + k)), edges);
+        const __m512 distance = _mm512_sub_ps(dotLanes(row, p), row[3]);
+        // std::max's choice: the first of equals, a NaN kept only where it comes first.
+        outside = e == 0
+                      ? distance
+                      : _mm512_mask_mov_ps(
+                            outside, _mm512_cmp_ps_mask(outside, distance, _CMP_LT_OQ), distance);
+    }
+    const __m512 negated = _mm512_castsi512_ps(_mm512_xor_si512(
+        _mm512_castps_si512(outside), _mm512_set1_epi32(std::numeric_limits<std::int32_t>::min())));
+    const __m512 clear = _mm512_sub_ps(negated, _mm512_set1_ps(8.0f * tolerance));
+    const __mmask16 alone = _mm512_cmp_ps_mask(clear, zero, _CMP_GT_OQ) &
+                            _mm512_cmp_ps_mask(_mm512_mul_ps(clear, clear), d2Own, _CMP_GT_OQ);
+    _mm512_store_ps(out[0], u);
+    _mm512_store_ps(out[1], v);
+    for (int axis = 0; axis < 3; ++axis)
+        _mm512_store_ps(out[2 + axis], point[axis]);
+    _mm512_store_ps(out[5], _mm512_sqrt_ps(d2Own));
+    return inside & plainlyNear & alone;
+}
+#if defined(__GNUC__) && !defined(__clang__)
+#pragma GCC diagnostic pop
+#endif
+#endif
+
 }  // namespace
+
+unsigned TriangleNeighbourhoods::closestWhereAlone(const Vec3f* points, const StrandRoot* last,
+                                                   const float* maxDistance, std::size_t count,
+                                                   ClosestPoint* hits) const {
+#if VELMORIN_RELAX_AVX
+    static_assert(sizeof(std::array<Vec3f, 3>) == 9 * sizeof(float) &&
+                  sizeof(std::array<float, 12>) == 12 * sizeof(float));
+    if (!built() || !widestLanesUsable() || count == 0) return 0;
+    // Lanes past `count`, and those without a valid triangle, repeat a valid lane's triangle and
+    // point; their answers are dropped.
+    alignas(64) std::int32_t faces[16];
+    alignas(64) float p[3][16], reach[16];
+    unsigned valid = 0;
+    for (std::size_t c = 0; c < count; ++c)
+        if (last[c].face >= 0 && static_cast<std::size_t>(last[c].face) < corners_.size())
+            valid |= 1u << c;
+    if (valid == 0) return 0;
+    const auto first = static_cast<std::size_t>(std::countr_zero(valid));
+    for (std::size_t c = 0; c < 16; ++c) {
+        const std::size_t from = c < count && ((valid >> c) & 1u) ? c : first;
+        faces[c] = last[from].face;
+        p[0][c] = points[from].x;
+        p[1][c] = points[from].y;
+        p[2][c] = points[from].z;
+        reach[c] = maxDistance[from];
+    }
+    alignas(64) float out[6][16];
+    const unsigned answered = aloneWidest(faces, p, reach, &corners_[0][0].x,
+                                          separatedEdges_[0].data(), tolerance_, reach_, out) &
+                              valid;
+    for (unsigned rest = answered; rest != 0; rest &= rest - 1) {
+        const auto c = static_cast<std::size_t>(std::countr_zero(rest));
+        hits[c].root = {faces[c], out[0][c], out[1][c]};
+        hits[c].point = {out[2][c], out[3][c], out[4][c]};
+        hits[c].distance = out[5][c];
+    }
+    return answered;
+#else
+    (void)points, (void)last, (void)maxDistance, (void)count, (void)hits;
+    return 0;
+#endif
+}
 
 unsigned TriangleNeighbourhoods::lowerBounds(const Block& block, const Vec3f& p, float best,
                                              float* out) const {

@@ -40,6 +40,15 @@ class TriangleNeighbourhoods {
     // false where the lists cannot vouch for the answer (p too far from that triangle, or nothing
     // listed), and then `hit` is left as it was and the caller asks the mesh's tree.
     bool closest(const Vec3f& p, float maxDistance, std::int32_t triangle, ClosestPoint& hit) const;
+    // closest() for up to sixteen points at once (`count`), each with its last triangle and its
+    // `maxDistance`, where the last triangle plainly holds the answer: the point lies over its
+    // inside, well within its edge planes and a small part of the lists' reach off it. Those
+    // lanes' answers, closest()'s to the bit, go to `hits`, and their bits are set in the
+    // returned mask; the rest are left to closest(). Needs AVX-512 (widestLanesUsable): without
+    // it no lane is answered.
+    unsigned closestWhereAlone(const Vec3f* points, const StrandRoot* last,
+                               const float* maxDistance, std::size_t count,
+                               ClosestPoint* hits) const;
 
     // The scalp's interpolated normal at a location (ScalpMesh::normalAt, the same bits) from
     // the triangle's corner normals kept beside its corners: false where nothing is built or the
