@@ -280,10 +280,15 @@ VELMORIN_AVX512_LANES inline __m512i gatherWords(__m512i index, const std::uint3
 // instructions; the wider registers halve the arithmetic. The same contract: `lanes` up to 16,
 // `positions` readable 4 bytes past its last point, a set bit for a lane left to the pair-by-pair
 // loop; but the forces are written axis by axis, `forces[axis][lane]`, for all sixteen lanes.
+// `sorted` says that the lists run in order of the squared distances as measured here: so they do
+// in the first push after the neighbour search, which measured them from the same points with the
+// same operations and sorted them, and then once the sixteen lanes meet pairs out of reach
+// together, every pair after lies out of reach too (a reach of r0 + r0 for every pair, or the
+// candidate itself, which pads a list at its end only). Not where radii differ.
 VELMORIN_AVX512_LANES unsigned pairForceWidest(std::size_t first, std::size_t lanes,
                                                const std::uint32_t* lists, const Vec3f* positions,
                                                const float* radii, float r0, float plainInverse,
-                                               float (*forces)[16]) {
+                                               bool sorted, float (*forces)[16]) {
     alignas(64) std::int32_t self[16];
     // Lanes beyond the last candidate repeat it; their result is dropped.
     for (std::size_t c = 0; c < 16; ++c)
@@ -368,7 +373,10 @@ VELMORIN_AVX512_LANES unsigned pairForceWidest(std::size_t first, std::size_t la
         // As pairForceWide: pairs clearly out of reach add +0, told without the square root.
         const __mmask16 roughly =
             _mm512_cmp_ps_mask(d2, _mm512_mul_ps(_mm512_mul_ps(s, s), margin), _CMP_LT_OQ);
-        if (roughly == 0) continue;
+        if (roughly == 0) {
+            if (sorted) break;
+            continue;
+        }
         const __m512 dist = _mm512_sqrt_ps(d2);
         const __mmask16 in = _mm512_cmp_ps_mask(dist, s, _CMP_LT_OQ);
         coincident |= static_cast<unsigned>(
@@ -498,7 +506,7 @@ unsigned pairForceWide(std::size_t, std::size_t, const std::uint32_t*, const Vec
     return 0;
 }
 unsigned pairForceWidest(std::size_t, std::size_t, const std::uint32_t*, const Vec3f*, const float*,
-                         float, float, float (*)[16]) {
+                         float, float, bool, float (*)[16]) {
     return 0;
 }
 void stepWidest(std::size_t, std::size_t, const float (*)[16], const Vec3f*, const Vec3f*,
@@ -623,7 +631,8 @@ void relaxPlacement(const ScalpMesh& scalp, const PlacementSettings& settings,
     const bool wide = lanes != RelaxLanes::four && wideLanesUsable();
     const bool widest = lanes == RelaxLanes::widest && widestLanesUsable();
     for (int iteration = 0; iteration < kIterations; ++iteration) {
-        if (iteration % 4 == 0) refresh();
+        const bool fresh = iteration % 4 == 0;
+        if (fresh) refresh();
         const bool last = iteration == kIterations - 1;
         forEach(count, [&](std::size_t begin, std::size_t end) {
             const float* radiiOrNull = mapped ? radii.data() : nullptr;
@@ -635,8 +644,9 @@ void relaxPlacement(const ScalpMesh& scalp, const PlacementSettings& settings,
                     // Sixteen at once: the pushes, then one by one what few lanes need (a
                     // coincident pair, a border near), then the step.
                     const std::size_t group = std::min<std::size_t>(16, end - i);
-                    alone = pairForceWidest(i, group, neighbors.data(), positions.data(),
-                                            radiiOrNull, r0, plainInverse, pushAxes);
+                    alone =
+                        pairForceWidest(i, group, neighbors.data(), positions.data(), radiiOrNull,
+                                        r0, plainInverse, fresh && !mapped, pushAxes);
                     for (std::size_t c = 0; c < group; ++c) {
                         const std::size_t at = i + c;
                         const float ri = radii[at];

@@ -457,7 +457,9 @@ TEST(Scatter, RelaxationLanesAndThreadsGiveTheSameBits) {
     // still do each lane's operations in the four-lane order. Stacked candidates (three on one
     // spot, in lanes of different groups of eight) take the pair-by-pair loop for some lanes, a
     // falling mapped density gives every pair its own reach and a zero density freezes some, and
-    // a sparse scatter pads every list with the candidate's own index.
+    // a sparse scatter pads every list with the candidate's own index. The sixteen-lane path also
+    // stops a group's lists at the first pairs all out of reach in the push right after each
+    // search, and projects candidates plainly over their last triangle sixteen at once.
     const DensityAt falling = [](const StrandRoot&, const Vec3f& p) {
         return p.z > 8.0f ? 0.0f : 12.0f / (1.0f + 0.04f * (p.x + 10.0f) * (p.x + 10.0f));
     };
