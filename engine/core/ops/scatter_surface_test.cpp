@@ -143,7 +143,7 @@ TEST(TriangleNeighbourhoods, FindTheClosestPoint) {
         for (const auto& move : moves) {
             std::size_t answered = 0, found = 0, wrong = 0, wrongAlone = 0;
             // Queries sixteen at a time, as the relaxation asks closestWhereAlone first; a last
-            // group of eleven covers fewer lanes.
+            // group of twelve covers fewer lanes.
             for (std::uint64_t first = 0; first < 1500; first += 16) {
                 const std::size_t lanes = std::min<std::size_t>(16, 1500 - first);
                 Vec3f points[16];
