@@ -30,9 +30,14 @@ inline std::uint64_t neighborKey(float d2, std::uint32_t index) {
     return (static_cast<std::uint64_t>(floatBits(d2)) << 32) | index;
 }
 
+// The most keys the wide rankings take at once.
+constexpr std::size_t kWideMost = 32;
+
+// The nearest keys, ascending, with room past the list for every key a wide ranking places.
+using KeyList = std::uint64_t[kWideMost];
+
 // Keeps the nearest kRelaxNeighbors keys in `best`, ascending, `found` of them so far.
-inline void keepNearest(std::uint64_t (&best)[kRelaxNeighbors], std::size_t& found,
-                        std::uint64_t key) {
+inline void keepNearest(KeyList& best, std::size_t& found, std::uint64_t key) {
     if (found == kRelaxNeighbors && !(key < best[kRelaxNeighbors - 1])) return;
     std::size_t at = found < kRelaxNeighbors ? found++ : kRelaxNeighbors - 1;
     while (at > 0 && key < best[at - 1]) {
@@ -76,8 +81,7 @@ class BlockSearch {
 
     // `key` is the key of p's cell, which the grid already knows: the cell's coordinates are
     // worked out again only for a new cell.
-    int find(const Vec3f& p, std::uint32_t i, std::uint64_t key,
-             std::uint64_t (&best)[kRelaxNeighbors]) {
+    int find(const Vec3f& p, std::uint32_t i, std::uint64_t key, KeyList& best) {
         if (key != key_) gather(cellOf(p, grid_.inverse()), key);
         // The candidate before lies close by with a like spacing: within a little more than its
         // 24th squared distance there are mostly 24, and few more keys to sort, whose insertion
@@ -121,7 +125,6 @@ class BlockSearch {
 
   private:
     static constexpr std::size_t kRankMost = 40;
-    static constexpr std::size_t kWideMost = 32;  // the keys rankKeysWide ranks at once
 
     std::size_t again(std::uint32_t i, float within) {
         return lanes_ == 16 ? collectAgainWidest(i, within)
@@ -132,7 +135,7 @@ class BlockSearch {
     // Sorts the n collected keys into `best` by counting, for each, the keys of smaller squared
     // distance: no branch depends on the data, where an insertion sort mispredicts at nearly every
     // key. Equal distances would share a rank, so those and long lists are left to insertKeys.
-    bool rankKeys(std::size_t n, std::uint64_t (&best)[kRelaxNeighbors]) const {
+    bool rankKeys(std::size_t n, KeyList& best) const {
 #if VELMORIN_RELAX_SSE
         if (n > kRankMost) return false;
         alignas(16) float d2[kRankMost + 4];
@@ -166,8 +169,7 @@ class BlockSearch {
 #if VELMORIN_RELAX_AVX
     // rankKeys with AVX2: each key's rank is the count of smaller squared distances, counted for
     // up to 32 keys at once against one distance at a time. Longer lists go to rankKeys.
-    __attribute__((target("avx2"))) bool rankKeysWide(std::size_t n,
-                                                      std::uint64_t (&best)[kRelaxNeighbors]) {
+    __attribute__((target("avx2"))) bool rankKeysWide(std::size_t n, KeyList& best) {
         constexpr std::size_t kMost = kWideMost;  // four groups of eight, each in a register
         if (n > kMost) return rankKeys(n, best);
         // The squared distances are read one by one from the keys into registers: the keys were
@@ -300,15 +302,24 @@ class BlockSearch {
         const __m512 limit = _mm512_set1_ps(within);
         const __m512i self = _mm512_set1_epi32(static_cast<std::int32_t>(i));
         __m512 first0 = _mm512_setzero_ps(), first1 = first0;
+        // The arrays through plain pointers: stores through the members' own would make the
+        // compiler load each array's address again for every group.
+        const float* __restrict x = x_.data();
+        const float* __restrict y = y_.data();
+        const float* __restrict z = z_.data();
+        const std::uint32_t* __restrict index = index_.data();
+        float* __restrict kept = d2_.data();
+        std::uint64_t* __restrict keys = keys_.data();
         std::size_t n = 0;
         for (std::size_t b = 0; b < count_; b += 16) {
-            const __m512 dx = _mm512_sub_ps(_mm512_loadu_ps(x_.data() + b), px);
-            const __m512 dy = _mm512_sub_ps(_mm512_loadu_ps(y_.data() + b), py);
-            const __m512 dz = _mm512_sub_ps(_mm512_loadu_ps(z_.data() + b), pz);
+            const __m512 dx = _mm512_sub_ps(_mm512_loadu_ps(x + b), px);
+            const __m512 dy = _mm512_sub_ps(_mm512_loadu_ps(y + b), py);
+            const __m512 dz = _mm512_sub_ps(_mm512_loadu_ps(z + b), pz);
             const __m512 d2 = _mm512_add_ps(
                 _mm512_add_ps(_mm512_mul_ps(dx, dx), _mm512_mul_ps(dy, dy)), _mm512_mul_ps(dz, dz));
-            _mm512_storeu_ps(d2_.data() + b, d2);
-            n = packKeysWidest(d2, b, self, limit, n, first0, first1);
+            _mm512_storeu_ps(kept + b, d2);
+            n = packKeysWidest(d2, _mm512_loadu_si512(index + b), self, limit, keys, n, first0,
+                               first1);
         }
         _mm512_store_ps(firstD2_, first0);
         _mm512_store_ps(firstD2_ + 16, first1);
@@ -320,22 +331,27 @@ class BlockSearch {
         const __m512 limit = _mm512_set1_ps(within);
         const __m512i self = _mm512_set1_epi32(static_cast<std::int32_t>(i));
         __m512 first0 = _mm512_setzero_ps(), first1 = first0;
+        const float* __restrict kept = d2_.data();
+        const std::uint32_t* __restrict index = index_.data();
+        std::uint64_t* __restrict keys = keys_.data();
         std::size_t n = 0;
         for (std::size_t b = 0; b < count_; b += 16)
-            n = packKeysWidest(_mm512_loadu_ps(d2_.data() + b), b, self, limit, n, first0, first1);
+            n = packKeysWidest(_mm512_loadu_ps(kept + b), _mm512_loadu_si512(index + b), self,
+                               limit, keys, n, first0, first1);
         _mm512_store_ps(firstD2_, first0);
         _mm512_store_ps(firstD2_ + 16, first1);
         return n;
     }
 
-    // packKeys for sixteen lanes: the lanes within `limit` other than `self` are compressed to the
-    // front, and their keys (squared distance above index) written at n as two groups of eight.
+    // packKeys for sixteen lanes, of squared distances `d2` and indices `index`: the lanes within
+    // `limit` other than `self` are compressed to the front, and their keys (squared distance above
+    // index) written at keys + n as two groups of eight.
     // The squared distances of the first 32 keys are also joined in `first0` and `first1`, in
     // registers, for the ranking: reading them back from the keys would wait on these stores.
-    VELMORIN_AVX512_LANES std::size_t packKeysWidest(__m512 d2, std::size_t b, __m512i self,
-                                                     __m512 limit, std::size_t n, __m512& first0,
-                                                     __m512& first1) {
-        const __m512i index = _mm512_loadu_si512(index_.data() + b);
+    VELMORIN_AVX512_LANES static std::size_t packKeysWidest(__m512 d2, __m512i index, __m512i self,
+                                                            __m512 limit, std::uint64_t* keys,
+                                                            std::size_t n, __m512& first0,
+                                                            __m512& first1) {
         const __mmask16 mask =
             _mm512_mask_cmp_ps_mask(_mm512_cmpneq_epi32_mask(index, self), d2, limit, _CMP_LE_OQ);
         const __m512i bits = _mm512_maskz_compress_epi32(mask, _mm512_castps_si512(d2));
@@ -347,8 +363,8 @@ class BlockSearch {
         const __m512i high = _mm512_permutex2var_epi32(
             indices,
             _mm512_setr_epi32(8, 24, 9, 25, 10, 26, 11, 27, 12, 28, 13, 29, 14, 30, 15, 31), bits);
-        _mm512_storeu_si512(keys_.data() + n, low);
-        _mm512_storeu_si512(keys_.data() + n + 8, high);
+        _mm512_storeu_si512(keys + n, low);
+        _mm512_storeu_si512(keys + n + 8, high);
         // Key k lies in lane k of first0, or k - 16 of first1: lanes from key n on take the new
         // keys, those before keep theirs. Lanes past the new keys hold anything.
         const __m512i iota =
@@ -431,12 +447,11 @@ class BlockSearch {
         }
     }
 
-    // rankKeysWide with AVX-512: the same counts of smaller squared distances, sixteen lanes to a
-    // register, so two compares per key rank up to 32.
-    VELMORIN_AVX512_LANES bool rankKeysWidest(std::size_t n,
-                                              std::uint64_t (&best)[kRelaxNeighbors]) {
-        constexpr std::size_t kMost = kWideMost;
-        if (n > kMost) return rankKeys(n, best);
+    // rankKeysWide with AVX-512: a key's rank is the count of smaller squared distances, here the
+    // bits of one comparison with all 32 lanes, so each key is ranked and placed on its own. A
+    // placement loop over ranks stored first is turned into scatter instructions, which are slow.
+    VELMORIN_AVX512_LANES bool rankKeysWidest(std::size_t n, KeyList& best) {
+        if (n > kWideMost) return rankKeys(n, best);
         // The squared distances as the collection left them, each group in one store; lanes past
         // the keys are set far.
         const __m512 far = _mm512_set1_ps(std::numeric_limits<float>::infinity());
@@ -445,30 +460,18 @@ class BlockSearch {
             _mm512_mask_mov_ps(far, static_cast<__mmask16>(used), _mm512_load_ps(firstD2_));
         const __m512 mine1 = _mm512_mask_mov_ps(far, static_cast<__mmask16>(used >> 16),
                                                 _mm512_load_ps(firstD2_ + 16));
-        const __m512i plusOne = _mm512_set1_epi32(1);
-        __m512i count0 = _mm512_setzero_si512(), count1 = count0;
-        for (std::size_t k = 0; k < n; ++k) {
-            const __m512 other = _mm512_set1_ps(firstD2_[k]);
-            count0 = _mm512_mask_add_epi32(count0, _mm512_cmp_ps_mask(other, mine0, _CMP_LT_OQ),
-                                           count0, plusOne);
-            count1 = _mm512_mask_add_epi32(count1, _mm512_cmp_ps_mask(other, mine1, _CMP_LT_OQ),
-                                           count1, plusOne);
-        }
-        alignas(64) std::int32_t rank[kMost];
-        _mm512_store_si512(rank, count0);
-        _mm512_store_si512(rank + 16, count1);
-        // As rankKeysWide: every lane of the used groups is placed, lanes past the keys beyond
-        // them.
         std::uint64_t ranks = 0;
-        std::uint64_t sorted[kMost + 1];
-        const std::size_t groups = (n + 15) / 16 * 16;
-        for (std::size_t k = 0; k < groups; ++k) {
-            const auto r = static_cast<std::size_t>(rank[k]);
-            ranks |= static_cast<std::uint64_t>(k < n) << r;
-            sorted[r] = keys_[k];
+        for (std::size_t k = 0; k < n; ++k) {
+            const __m512 mine = _mm512_set1_ps(firstD2_[k]);
+            const unsigned below =
+                static_cast<unsigned>(_mm512_cmp_ps_mask(mine0, mine, _CMP_LT_OQ)) |
+                static_cast<unsigned>(_mm512_cmp_ps_mask(mine1, mine, _CMP_LT_OQ)) << 16;
+            const int rank = std::popcount(below);
+            ranks |= std::uint64_t{1} << rank;
+            best[rank] = keys_[k];
         }
-        std::copy_n(sorted, std::min<std::size_t>(n, kRelaxNeighbors), best);
-        return ranks == (std::uint64_t{1} << n) - 1;
+        // Without ties the ranks are 0 to n - 1; a tie repeats one and leaves one out.
+        return ranks == used;
     }
 
     // For each eight-bit mask, the lanes whose bit is set in order, three bits each in a nibble.
@@ -484,7 +487,7 @@ class BlockSearch {
     }();
 #else
     void copyRunsWidest() {}
-    bool rankKeysWidest(std::size_t n, std::uint64_t (&best)[kRelaxNeighbors]) {
+    bool rankKeysWidest(std::size_t n, KeyList& best) {
         return rankKeys(n, best);
     }
     std::size_t collectNearWidest(const Vec3f& p, std::uint32_t i, float within) {
@@ -493,7 +496,7 @@ class BlockSearch {
     std::size_t collectAgainWidest(std::uint32_t i, float within) {
         return collectAgain(i, within);
     }
-    bool rankKeysWide(std::size_t n, std::uint64_t (&best)[kRelaxNeighbors]) {
+    bool rankKeysWide(std::size_t n, KeyList& best) {
         return rankKeys(n, best);
     }
     std::size_t collectNearWide(const Vec3f& p, std::uint32_t i, float within) {
@@ -505,7 +508,7 @@ class BlockSearch {
 #endif
 
     // The same by insertion, ties going by rank: while they are ordered, the keys carry ranks.
-    void insertKeys(std::size_t n, std::uint64_t (&best)[kRelaxNeighbors]) const {
+    void insertKeys(std::size_t n, KeyList& best) const {
         std::size_t found = 0;
         if (!rankOf_) {
             for (std::size_t k = 0; k < n; ++k)
@@ -707,8 +710,7 @@ class BlockSearch {
 // Writes a full list of 24 neighbours (the keys' low words) to `list`, 32-byte aligned, with
 // stores that bypass the cache: a refresh writes 96 MB of lists that only the next pushes read, so
 // reading each line in before overwriting it would double the traffic. The caller fences.
-VELMORIN_AVX512_LANES void streamList(std::uint32_t* list,
-                                      const std::uint64_t (&best)[kRelaxNeighbors]) {
+VELMORIN_AVX512_LANES void streamList(std::uint32_t* list, const KeyList& best) {
     auto* to = reinterpret_cast<__m256i*>(list);
     _mm256_stream_si256(to, _mm512_maskz_cvtepi64_epi32(0xff, _mm512_loadu_si512(best)));
     _mm256_stream_si256(to + 1, _mm512_maskz_cvtepi64_epi32(0xff, _mm512_loadu_si512(best + 8)));
@@ -748,7 +750,7 @@ void nearestInGrid(const CandidateGrid& grid, float range, std::span<std::uint32
                         reinterpret_cast<std::uintptr_t>(lists.data()) % 32 == 0;
     parallelRange(0, count, kGrain, [&](std::size_t entryBegin, std::size_t entryEnd) {
         std::vector<RowScan> rows;
-        std::uint64_t best[kRelaxNeighbors];
+        KeyList best;
         int start = 0;
         float hint = range2;
         BlockSearch block(grid, kBlockReach * cell, range2, lanes, rankOf, indexOfRank);
