@@ -109,7 +109,9 @@ class NeighborSearch {
     // The indices of `positions` in the order of a grid of `cell`-sized cells: cells in key order
     // (x fastest), a cell's positions in index order. Candidates kept in this order lie near their
     // neighbours in memory too. The grid is built in the working arrays the searches then reuse.
-    std::vector<std::uint32_t> gridOrder(std::span<const Vec3f> positions, float cell);
+    // `lanes` changes the speed, never the order.
+    std::vector<std::uint32_t> gridOrder(std::span<const Vec3f> positions, float cell,
+                                         RelaxLanes lanes = RelaxLanes::widest);
 
   private:
     struct State;

@@ -909,7 +909,7 @@ void scatter::NeighborSearch::find(std::span<const Vec3f> positions, float cell,
                 indexOfRank[ranks[i]] = static_cast<std::uint32_t>(i);
         });
     }
-    state_->grid.build(cell, positions, ranks);
+    state_->grid.build(cell, positions, ranks, lanes);
     nearestInGrid(state_->grid, range, lists, ranks.empty() ? nullptr : ranks.data(),
                   ranks.empty() ? nullptr : indexOfRank.data(), blockLanes(lanes));
 }
@@ -921,8 +921,8 @@ void nearestNeighbors(std::span<const Vec3f> positions, float cell, float range,
 }
 
 std::vector<std::uint32_t> scatter::NeighborSearch::gridOrder(std::span<const Vec3f> positions,
-                                                              float cell) {
-    state_->grid.build(cell, positions, {});
+                                                              float cell, RelaxLanes lanes) {
+    state_->grid.build(cell, positions, {}, lanes);
     const std::span<const std::uint32_t> order = state_->grid.order();
     return {order.begin(), order.end()};
 }
