@@ -448,8 +448,9 @@ class BlockSearch {
     }
 
     // rankKeysWide with AVX-512: a key's rank is the count of smaller squared distances, here the
-    // bits of one comparison with all 32 lanes, so each key is ranked and placed on its own. A
-    // placement loop over ranks stored first is turned into scatter instructions, which are slow.
+    // bits of one 32-lane mask joined from two comparisons, so each key is ranked and placed on its
+    // own. A placement loop over ranks stored first is turned into scatter instructions, which are
+    // slow.
     VELMORIN_AVX512_LANES bool rankKeysWidest(std::size_t n, KeyList& best) {
         if (n > kWideMost) return rankKeys(n, best);
         // The squared distances as the collection left them, each group in one store; lanes past
@@ -460,18 +461,18 @@ class BlockSearch {
             _mm512_mask_mov_ps(far, static_cast<__mmask16>(used), _mm512_load_ps(firstD2_));
         const __m512 mine1 = _mm512_mask_mov_ps(far, static_cast<__mmask16>(used >> 16),
                                                 _mm512_load_ps(firstD2_ + 16));
-        std::uint64_t ranks = 0;
+        std::size_t rankSum = 0;
         for (std::size_t k = 0; k < n; ++k) {
             const __m512 mine = _mm512_set1_ps(firstD2_[k]);
-            const unsigned below =
-                static_cast<unsigned>(_mm512_cmp_ps_mask(mine0, mine, _CMP_LT_OQ)) |
-                static_cast<unsigned>(_mm512_cmp_ps_mask(mine1, mine, _CMP_LT_OQ)) << 16;
-            const int rank = std::popcount(below);
-            ranks |= std::uint64_t{1} << rank;
+            const __mmask32 below = _mm512_kunpackw(_mm512_cmp_ps_mask(mine1, mine, _CMP_LT_OQ),
+                                                    _mm512_cmp_ps_mask(mine0, mine, _CMP_LT_OQ));
+            const auto rank = static_cast<std::size_t>(std::popcount(_cvtmask32_u32(below)));
+            rankSum += rank;
             best[rank] = keys_[k];
         }
-        // Without ties the ranks are 0 to n - 1; a tie repeats one and leaves one out.
-        return ranks == used;
+        // Without ties the ranks are 0 to n - 1; tied keys all take the least of their places, so
+        // any tie leaves the sum short.
+        return rankSum == n * (n - 1) / 2;
     }
 
     // For each eight-bit mask, the lanes whose bit is set in order, three bits each in a nibble.
