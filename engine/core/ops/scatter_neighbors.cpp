@@ -367,15 +367,9 @@ class BlockSearch {
         _mm512_storeu_si512(keys + n + 8, high);
         // Key k lies in lane k of first0, or k - 16 of first1: lanes from key n on take the new
         // keys, those before keep theirs. Lanes past the new keys hold anything.
-        const __m512i iota =
-            _mm512_setr_epi32(0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15);
-        const __m512i sixteen = _mm512_set1_epi32(16);
-        const __m512i known = _mm512_set1_epi32(static_cast<std::int32_t>(n));
-        const __m512i fromNew = _mm512_sub_epi32(_mm512_set1_epi32(32), known);
-        const __m512i join0 = _mm512_mask_add_epi32(iota, _mm512_cmpge_epi32_mask(iota, known),
-                                                    iota, _mm512_sub_epi32(fromNew, sixteen));
-        const __m512i join1 = _mm512_mask_add_epi32(
-            iota, _mm512_cmpge_epi32_mask(_mm512_add_epi32(iota, sixteen), known), iota, fromNew);
+        const FirstJoin& joins = kFirstJoins[std::min<std::size_t>(n, kWideMost)];
+        const __m512i join0 = _mm512_load_si512(joins.low);
+        const __m512i join1 = _mm512_load_si512(joins.high);
         first0 = _mm512_permutex2var_ps(first0, join0, _mm512_castsi512_ps(bits));
         first1 = _mm512_permutex2var_ps(first1, join1, _mm512_castsi512_ps(bits));
         return n + static_cast<std::size_t>(std::popcount(static_cast<unsigned>(mask)));
@@ -474,6 +468,24 @@ class BlockSearch {
         // any tie leaves the sum short.
         return rankSum == n * (n - 1) / 2;
     }
+
+    // The permutations of packKeysWidest that join the squared distances of keys from n on to the
+    // first 32 kept in two registers, for n up to 32 (from 32 on they keep all theirs): lane L of
+    // the first register takes new key L - n from L = n on, that of the second new key L + 16 - n.
+    // A table read costs less than working them out for every group.
+    struct alignas(64) FirstJoin {
+        std::int32_t low[16], high[16];
+    };
+    static constexpr std::array<FirstJoin, kWideMost + 1> kFirstJoins = [] {
+        std::array<FirstJoin, kWideMost + 1> table{};
+        for (std::int32_t n = 0; n <= static_cast<std::int32_t>(kWideMost); ++n)
+            for (std::int32_t lane = 0; lane < 16; ++lane) {
+                // Indices from 16 pick the new keys; the permutation reads five bits of each.
+                table[n].low[lane] = lane < n ? lane : (lane + 16 - n) & 31;
+                table[n].high[lane] = lane + 16 < n ? lane : (lane + 32 - n) & 31;
+            }
+        return table;
+    }();
 
     // For each eight-bit mask, the lanes whose bit is set in order, three bits each in a nibble.
     static constexpr std::array<std::uint32_t, 256> kPackOrder = [] {
