@@ -763,7 +763,12 @@ void nearestInGrid(const CandidateGrid& grid, float range, std::span<std::uint32
                         reinterpret_cast<std::uintptr_t>(lists.data()) % 32 == 0;
     parallelRange(0, count, kGrain, [&](std::size_t entryBegin, std::size_t entryEnd) {
         std::vector<RowScan> rows;
-        KeyList best;
+        // Two lists of keys in turn: a full list is streamed out only after the next search, when
+        // the single stores that placed its keys have reached the cache, where the wide loads of
+        // the streaming would wait on them.
+        KeyList bests[2];
+        int current = 0;
+        std::uint32_t* waiting = nullptr;  // where the other list is to be streamed
         int start = 0;
         float hint = range2;
         BlockSearch block(grid, kBlockReach * cell, range2, lanes, rankOf, indexOfRank);
@@ -772,6 +777,7 @@ void nearestInGrid(const CandidateGrid& grid, float range, std::span<std::uint32
             const Vec3f p = grid.positionAt(self);
             const std::uint32_t i = grid.indexAt(self);
             std::uint32_t* list = lists.data() + static_cast<std::size_t>(i) * kRelaxNeighbors;
+            KeyList& best = bests[current];
             // The nearest `near` keys to the list, each as its position's index.
             const auto write = [&](std::size_t near) {
                 if (indexOfRank) {
@@ -785,7 +791,9 @@ void nearestInGrid(const CandidateGrid& grid, float range, std::span<std::uint32
             if (const int near = block.find(p, i, grid.keyOfEntry(self), best); near >= 0) {
 #if VELMORIN_RELAX_AVX
                 if (stream && near == kRelaxNeighbors) {
-                    streamList(list, best);
+                    if (waiting) streamList(waiting, bests[1 - current]);
+                    waiting = list;
+                    current = 1 - current;
                     continue;
                 }
 #endif
@@ -896,6 +904,7 @@ void nearestInGrid(const CandidateGrid& grid, float range, std::span<std::uint32
         }
 #if VELMORIN_RELAX_AVX
         // The streamed lists reach memory before the pushes read them.
+        if (waiting) streamList(waiting, bests[1 - current]);
         if (stream) _mm_sfence();
 #endif
     });
