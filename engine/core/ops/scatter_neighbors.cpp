@@ -102,7 +102,11 @@ class BlockSearch {
             if (n < kRelaxNeighbors && within < range2_) n = again(i, within = range2_);
         }
         if (wide_ && n > kWideMost) {
-            const std::size_t narrower = again(i, within * (kAim / static_cast<float>(n)));
+            // Where that finds too few, a reach halfway back mostly still keeps no more than the
+            // wide ranking takes: ranking more goes four lanes at a time.
+            const float narrowest = within * (kAim / static_cast<float>(n));
+            std::size_t narrower = again(i, narrowest);
+            if (narrower < kRelaxNeighbors) narrower = again(i, 0.5f * (narrowest + within));
             n = narrower >= kRelaxNeighbors ? narrower : again(i, within);
         }
         // The keys in order, the first 24 kept.
