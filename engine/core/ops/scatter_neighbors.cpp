@@ -762,9 +762,9 @@ void nearestInGrid(const CandidateGrid& grid, float range, std::span<std::uint32
         std::uint32_t begin, end, left, right;
     };
     // Full lists go straight to memory where the lists are aligned for it (the relaxation's are)
-    // and the widest lanes are at hand.
-    const bool stream = VELMORIN_RELAX_AVX && lanes == 16 &&
-                        reinterpret_cast<std::uintptr_t>(lists.data()) % 32 == 0;
+    // and the widest lanes are at hand (never where they are not built).
+    [[maybe_unused]] const bool stream = VELMORIN_RELAX_AVX && lanes == 16 &&
+                                         reinterpret_cast<std::uintptr_t>(lists.data()) % 32 == 0;
     parallelRange(0, count, kGrain, [&](std::size_t entryBegin, std::size_t entryEnd) {
         std::vector<RowScan> rows;
         // Two lists of keys in turn: a full list is streamed out only after the next search, when
@@ -772,7 +772,7 @@ void nearestInGrid(const CandidateGrid& grid, float range, std::span<std::uint32
         // the streaming would wait on them.
         KeyList bests[2];
         int current = 0;
-        std::uint32_t* waiting = nullptr;  // where the other list is to be streamed
+        [[maybe_unused]] std::uint32_t* waiting = nullptr;  // where the other list is to go
         int start = 0;
         float hint = range2;
         BlockSearch block(grid, kBlockReach * cell, range2, lanes, rankOf, indexOfRank);
