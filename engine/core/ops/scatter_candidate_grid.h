@@ -29,7 +29,10 @@ class CandidateGrid {
   public:
     CandidateGrid() = default;
 
-    void build(float cell, std::span<const Vec3f> positions, std::span<const std::uint32_t> ranks) {
+    // `lanes` chooses whether the keys are made sixteen at a time where the processor can; the
+    // grid is the same either way.
+    void build(float cell, std::span<const Vec3f> positions, std::span<const std::uint32_t> ranks,
+               RelaxLanes lanes = RelaxLanes::widest) {
         inverse_ = 1.0f / cell;
         const std::size_t count = positions.size();
         count_ = count;
@@ -52,6 +55,7 @@ class CandidateGrid {
         std::vector<Bounds>& bounds = bounds_;
         bounds.assign(chunks, Bounds{});
         std::atomic<bool> unsorted = false;
+        const bool wide = lanes == RelaxLanes::widest && widestLanesUsable();
         parallelRange(0, chunks, 1, [&](std::size_t begin, std::size_t end) {
             for (std::size_t c = begin; c < end; ++c) {
                 const std::size_t first = c * kChunk, last = std::min(count, first + kChunk);
@@ -63,7 +67,9 @@ class CandidateGrid {
                 }
                 bool falls = false;
                 Bounds b;
-                for (std::size_t i = first; i < last; ++i) {
+                std::size_t i = first;
+                if (wide) i = keyGroupsWidest(positions, i, last, keys, previous, falls, b);
+                for (; i < last; ++i) {
                     const CellCoord at = coordOf(i);
                     const std::uint64_t key = cellKey(at.x, at.y, at.z);
                     falls = falls || key < previous;
@@ -246,6 +252,108 @@ class CandidateGrid {
         std::uint64_t low[3] = {kRowMask, kRowMask, kRowMask};
         std::uint64_t high[3] = {0, 0, 0};
     };
+
+#if VELMORIN_RELAX_AVX
+    // The keys of positions [first, last) sixteen at a time, as far as whole groups go and the
+    // cells' coordinates stay within 2^30 of the origin (so that they are exact as 32-bit lanes):
+    // returns where it stopped, for the plain loop to go on from, with `previous` (the last key),
+    // `falls` and the chunk's bounds `b` brought up to there.
+    VELMORIN_AVX512_LANES std::size_t keyGroupsWidest(std::span<const Vec3f> positions,
+                                                      std::size_t first, std::size_t last,
+                                                      std::uint64_t* keys, std::uint64_t& previous,
+                                                      bool& falls, Bounds& b) const {
+        static_assert(sizeof(Vec3f) == 3 * sizeof(float));
+        const auto* floats = reinterpret_cast<const float*>(positions.data());
+        // Sixteen positions are 48 floats in three registers: each axis is picked from the first
+        // two, then its last lanes from the third.
+        const __m512i pickX =
+            _mm512_setr_epi32(0, 3, 6, 9, 12, 15, 18, 21, 24, 27, 30, 0, 0, 0, 0, 0);
+        const __m512i restX =
+            _mm512_setr_epi32(0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 17, 20, 23, 26, 29);
+        const __m512i pickY =
+            _mm512_setr_epi32(1, 4, 7, 10, 13, 16, 19, 22, 25, 28, 31, 0, 0, 0, 0, 0);
+        const __m512i restY =
+            _mm512_setr_epi32(0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 18, 21, 24, 27, 30);
+        const __m512i pickZ =
+            _mm512_setr_epi32(2, 5, 8, 11, 14, 17, 20, 23, 26, 29, 0, 0, 0, 0, 0, 0);
+        const __m512i restZ =
+            _mm512_setr_epi32(0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 16, 19, 22, 25, 28, 31);
+        // A key's two halves side by side, as 64-bit lanes.
+        const __m512i lowKeys =
+            _mm512_setr_epi32(0, 16, 1, 17, 2, 18, 3, 19, 4, 20, 5, 21, 6, 22, 7, 23);
+        const __m512i highKeys =
+            _mm512_setr_epi32(8, 24, 9, 25, 10, 26, 11, 27, 12, 28, 13, 29, 14, 30, 15, 31);
+        const __m512 scale = _mm512_set1_ps(inverse_);
+        const __m512 bound = _mm512_set1_ps(0x1p30f);
+        const __m512i bias = _mm512_set1_epi32(1 << 20);
+        const __m512i field = _mm512_set1_epi32(static_cast<std::int32_t>(kRowMask));
+        __m512i low[3], high[3];
+        for (int a = 0; a < 3; ++a) {
+            low[a] = field;
+            high[a] = _mm512_setzero_si512();
+        }
+        __m512i before = _mm512_set1_epi64(static_cast<long long>(previous));
+        __mmask8 fell = 0;
+        std::size_t i = first;
+        for (; i + 16 <= last; i += 16) {
+            const __m512 a = _mm512_loadu_ps(floats + 3 * i);
+            const __m512 m = _mm512_loadu_ps(floats + 3 * i + 16);
+            const __m512 z = _mm512_loadu_ps(floats + 3 * i + 32);
+            const __m512 axes[3] = {
+                _mm512_permutex2var_ps(_mm512_permutex2var_ps(a, pickX, m), restX, z),
+                _mm512_permutex2var_ps(_mm512_permutex2var_ps(a, pickY, m), restY, z),
+                _mm512_permutex2var_ps(_mm512_permutex2var_ps(a, pickZ, m), restZ, z)};
+            // The cells' coordinates as cellOf makes them: the product, then its floor, exact.
+            __m512i field3[3];
+            __mmask16 inside = 0xffff;
+            for (int k = 0; k < 3; ++k) {
+                const __m512 t = _mm512_mul_ps(axes[k], scale);
+                inside &= _mm512_cmp_ps_mask(_mm512_abs_ps(t), bound, _CMP_LT_OQ);
+                // (Zero-masked forms here and below: the plain ones trip a warning in some
+                // compilers' headers.)
+                const __m512i coord = _mm512_maskz_cvttps_epi32(
+                    0xffff, _mm512_maskz_roundscale_ps(0xffff, t,
+                                                       _MM_FROUND_TO_NEG_INF | _MM_FROUND_NO_EXC));
+                field3[k] = _mm512_and_si512(_mm512_add_epi32(coord, bias), field);
+            }
+            if (inside != 0xffff) break;
+            for (int k = 0; k < 3; ++k) {
+                low[k] = _mm512_maskz_min_epu32(0xffff, low[k], field3[k]);
+                high[k] = _mm512_maskz_max_epu32(0xffff, high[k], field3[k]);
+            }
+            // x, y and z 21 bits each: y straddles the halves.
+            const __m512i lower =
+                _mm512_or_si512(field3[0], _mm512_maskz_slli_epi32(0xffff, field3[1], 21));
+            const __m512i upper = _mm512_or_si512(_mm512_maskz_srli_epi32(0xffff, field3[1], 11),
+                                                  _mm512_maskz_slli_epi32(0xffff, field3[2], 10));
+            const __m512i first8 = _mm512_permutex2var_epi32(lower, lowKeys, upper);
+            const __m512i last8 = _mm512_permutex2var_epi32(lower, highKeys, upper);
+            _mm512_storeu_si512(keys + i, first8);
+            _mm512_storeu_si512(keys + i + 8, last8);
+            // Each key against the one before it.
+            fell |=
+                _mm512_cmplt_epu64_mask(first8,
+                                        _mm512_maskz_alignr_epi64(0xff, first8, before, 7)) |
+                _mm512_cmplt_epu64_mask(last8, _mm512_maskz_alignr_epi64(0xff, last8, first8, 7));
+            before = last8;
+        }
+        if (i > first) previous = keys[i - 1];
+        falls = falls || fell != 0;
+        for (int k = 0; k < 3; ++k) {
+            alignas(64) std::uint32_t lanes[16];
+            _mm512_store_si512(lanes, low[k]);
+            b.low[k] = std::min<std::uint64_t>(b.low[k], *std::min_element(lanes, lanes + 16));
+            _mm512_store_si512(lanes, high[k]);
+            b.high[k] = std::max<std::uint64_t>(b.high[k], *std::max_element(lanes, lanes + 16));
+        }
+        return i;
+    }
+#else
+    std::size_t keyGroupsWidest(std::span<const Vec3f>, std::size_t first, std::size_t,
+                                std::uint64_t*, std::uint64_t&, bool&, Bounds&) const {
+        return first;
+    }
+#endif
 
     // Sorts the indices of the `count` keys (in index order) by key, then index, into `from` (each
     // a cell's place above an index), where the cells' bounding block numbers fewer than 2^24

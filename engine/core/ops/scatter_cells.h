@@ -30,10 +30,11 @@
 #define VELMORIN_RELAX_AVX 0
 #endif
 
-// The attributes of a function with AVX-512 lanes. The build never fuses a product and a sum, so
-// a squared distance rounds as in the narrower lanes.
+// The attributes of a function with AVX-512 lanes: the foundation, and the 32-bit masks of the
+// byte and word instructions. The build never fuses a product and a sum, so a squared distance
+// rounds as in the narrower lanes.
 #if VELMORIN_RELAX_AVX
-#define VELMORIN_AVX512_LANES __attribute__((target("avx512f")))
+#define VELMORIN_AVX512_LANES __attribute__((target("avx512f,avx512bw")))
 #endif
 
 namespace velmorin::scatter {
@@ -49,9 +50,11 @@ inline bool wideIntegerLanesUsable() {
     static const bool usable = __builtin_cpu_supports("avx2");
     return usable;
 }
-// Sixteen lanes (AVX-512 foundation), for the neighbour search's measuring and ranking.
+// Sixteen lanes (AVX-512 foundation and byte and word instructions), for the neighbour search's
+// measuring and ranking.
 inline bool widestLanesUsable() {
-    static const bool usable = __builtin_cpu_supports("avx512f");
+    static const bool usable =
+        __builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512bw");
     return usable;
 }
 #else
@@ -109,7 +112,9 @@ class NeighborSearch {
     // The indices of `positions` in the order of a grid of `cell`-sized cells: cells in key order
     // (x fastest), a cell's positions in index order. Candidates kept in this order lie near their
     // neighbours in memory too. The grid is built in the working arrays the searches then reuse.
-    std::vector<std::uint32_t> gridOrder(std::span<const Vec3f> positions, float cell);
+    // `lanes` changes the speed, never the order.
+    std::vector<std::uint32_t> gridOrder(std::span<const Vec3f> positions, float cell,
+                                         RelaxLanes lanes = RelaxLanes::widest);
 
   private:
     struct State;

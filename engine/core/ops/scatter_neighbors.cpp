@@ -30,9 +30,14 @@ inline std::uint64_t neighborKey(float d2, std::uint32_t index) {
     return (static_cast<std::uint64_t>(floatBits(d2)) << 32) | index;
 }
 
+// The most keys the wide rankings take at once.
+constexpr std::size_t kWideMost = 32;
+
+// The nearest keys, ascending, with room past the list for every key a wide ranking places.
+using KeyList = std::uint64_t[kWideMost];
+
 // Keeps the nearest kRelaxNeighbors keys in `best`, ascending, `found` of them so far.
-inline void keepNearest(std::uint64_t (&best)[kRelaxNeighbors], std::size_t& found,
-                        std::uint64_t key) {
+inline void keepNearest(KeyList& best, std::size_t& found, std::uint64_t key) {
     if (found == kRelaxNeighbors && !(key < best[kRelaxNeighbors - 1])) return;
     std::size_t at = found < kRelaxNeighbors ? found++ : kRelaxNeighbors - 1;
     while (at > 0 && key < best[at - 1]) {
@@ -76,8 +81,7 @@ class BlockSearch {
 
     // `key` is the key of p's cell, which the grid already knows: the cell's coordinates are
     // worked out again only for a new cell.
-    int find(const Vec3f& p, std::uint32_t i, std::uint64_t key,
-             std::uint64_t (&best)[kRelaxNeighbors]) {
+    int find(const Vec3f& p, std::uint32_t i, std::uint64_t key, KeyList& best) {
         if (key != key_) gather(cellOf(p, grid_.inverse()), key);
         // The candidate before lies close by with a like spacing: within a little more than its
         // 24th squared distance there are mostly 24, and few more keys to sort, whose insertion
@@ -98,7 +102,11 @@ class BlockSearch {
             if (n < kRelaxNeighbors && within < range2_) n = again(i, within = range2_);
         }
         if (wide_ && n > kWideMost) {
-            const std::size_t narrower = again(i, within * (kAim / static_cast<float>(n)));
+            // Where that finds too few, a reach halfway back mostly still keeps no more than the
+            // wide ranking takes: ranking more goes four lanes at a time.
+            const float narrowest = within * (kAim / static_cast<float>(n));
+            std::size_t narrower = again(i, narrowest);
+            if (narrower < kRelaxNeighbors) narrower = again(i, 0.5f * (narrowest + within));
             n = narrower >= kRelaxNeighbors ? narrower : again(i, within);
         }
         // The keys in order, the first 24 kept.
@@ -121,7 +129,6 @@ class BlockSearch {
 
   private:
     static constexpr std::size_t kRankMost = 40;
-    static constexpr std::size_t kWideMost = 32;  // the keys rankKeysWide ranks at once
 
     std::size_t again(std::uint32_t i, float within) {
         return lanes_ == 16 ? collectAgainWidest(i, within)
@@ -132,7 +139,7 @@ class BlockSearch {
     // Sorts the n collected keys into `best` by counting, for each, the keys of smaller squared
     // distance: no branch depends on the data, where an insertion sort mispredicts at nearly every
     // key. Equal distances would share a rank, so those and long lists are left to insertKeys.
-    bool rankKeys(std::size_t n, std::uint64_t (&best)[kRelaxNeighbors]) const {
+    bool rankKeys(std::size_t n, KeyList& best) const {
 #if VELMORIN_RELAX_SSE
         if (n > kRankMost) return false;
         alignas(16) float d2[kRankMost + 4];
@@ -166,8 +173,7 @@ class BlockSearch {
 #if VELMORIN_RELAX_AVX
     // rankKeys with AVX2: each key's rank is the count of smaller squared distances, counted for
     // up to 32 keys at once against one distance at a time. Longer lists go to rankKeys.
-    __attribute__((target("avx2"))) bool rankKeysWide(std::size_t n,
-                                                      std::uint64_t (&best)[kRelaxNeighbors]) {
+    __attribute__((target("avx2"))) bool rankKeysWide(std::size_t n, KeyList& best) {
         constexpr std::size_t kMost = kWideMost;  // four groups of eight, each in a register
         if (n > kMost) return rankKeys(n, best);
         // The squared distances are read one by one from the keys into registers: the keys were
@@ -300,15 +306,24 @@ class BlockSearch {
         const __m512 limit = _mm512_set1_ps(within);
         const __m512i self = _mm512_set1_epi32(static_cast<std::int32_t>(i));
         __m512 first0 = _mm512_setzero_ps(), first1 = first0;
+        // The arrays through plain pointers: stores through the members' own would make the
+        // compiler load each array's address again for every group.
+        const float* __restrict x = x_.data();
+        const float* __restrict y = y_.data();
+        const float* __restrict z = z_.data();
+        const std::uint32_t* __restrict index = index_.data();
+        float* __restrict kept = d2_.data();
+        std::uint64_t* __restrict keys = keys_.data();
         std::size_t n = 0;
         for (std::size_t b = 0; b < count_; b += 16) {
-            const __m512 dx = _mm512_sub_ps(_mm512_loadu_ps(x_.data() + b), px);
-            const __m512 dy = _mm512_sub_ps(_mm512_loadu_ps(y_.data() + b), py);
-            const __m512 dz = _mm512_sub_ps(_mm512_loadu_ps(z_.data() + b), pz);
+            const __m512 dx = _mm512_sub_ps(_mm512_loadu_ps(x + b), px);
+            const __m512 dy = _mm512_sub_ps(_mm512_loadu_ps(y + b), py);
+            const __m512 dz = _mm512_sub_ps(_mm512_loadu_ps(z + b), pz);
             const __m512 d2 = _mm512_add_ps(
                 _mm512_add_ps(_mm512_mul_ps(dx, dx), _mm512_mul_ps(dy, dy)), _mm512_mul_ps(dz, dz));
-            _mm512_storeu_ps(d2_.data() + b, d2);
-            n = packKeysWidest(d2, b, self, limit, n, first0, first1);
+            _mm512_storeu_ps(kept + b, d2);
+            n = packKeysWidest(d2, _mm512_loadu_si512(index + b), self, limit, keys, n, first0,
+                               first1);
         }
         _mm512_store_ps(firstD2_, first0);
         _mm512_store_ps(firstD2_ + 16, first1);
@@ -320,22 +335,27 @@ class BlockSearch {
         const __m512 limit = _mm512_set1_ps(within);
         const __m512i self = _mm512_set1_epi32(static_cast<std::int32_t>(i));
         __m512 first0 = _mm512_setzero_ps(), first1 = first0;
+        const float* __restrict kept = d2_.data();
+        const std::uint32_t* __restrict index = index_.data();
+        std::uint64_t* __restrict keys = keys_.data();
         std::size_t n = 0;
         for (std::size_t b = 0; b < count_; b += 16)
-            n = packKeysWidest(_mm512_loadu_ps(d2_.data() + b), b, self, limit, n, first0, first1);
+            n = packKeysWidest(_mm512_loadu_ps(kept + b), _mm512_loadu_si512(index + b), self,
+                               limit, keys, n, first0, first1);
         _mm512_store_ps(firstD2_, first0);
         _mm512_store_ps(firstD2_ + 16, first1);
         return n;
     }
 
-    // packKeys for sixteen lanes: the lanes within `limit` other than `self` are compressed to the
-    // front, and their keys (squared distance above index) written at n as two groups of eight.
+    // packKeys for sixteen lanes, of squared distances `d2` and indices `index`: the lanes within
+    // `limit` other than `self` are compressed to the front, and their keys (squared distance above
+    // index) written at keys + n as two groups of eight.
     // The squared distances of the first 32 keys are also joined in `first0` and `first1`, in
     // registers, for the ranking: reading them back from the keys would wait on these stores.
-    VELMORIN_AVX512_LANES std::size_t packKeysWidest(__m512 d2, std::size_t b, __m512i self,
-                                                     __m512 limit, std::size_t n, __m512& first0,
-                                                     __m512& first1) {
-        const __m512i index = _mm512_loadu_si512(index_.data() + b);
+    VELMORIN_AVX512_LANES static std::size_t packKeysWidest(__m512 d2, __m512i index, __m512i self,
+                                                            __m512 limit, std::uint64_t* keys,
+                                                            std::size_t n, __m512& first0,
+                                                            __m512& first1) {
         const __mmask16 mask =
             _mm512_mask_cmp_ps_mask(_mm512_cmpneq_epi32_mask(index, self), d2, limit, _CMP_LE_OQ);
         const __m512i bits = _mm512_maskz_compress_epi32(mask, _mm512_castps_si512(d2));
@@ -347,19 +367,13 @@ class BlockSearch {
         const __m512i high = _mm512_permutex2var_epi32(
             indices,
             _mm512_setr_epi32(8, 24, 9, 25, 10, 26, 11, 27, 12, 28, 13, 29, 14, 30, 15, 31), bits);
-        _mm512_storeu_si512(keys_.data() + n, low);
-        _mm512_storeu_si512(keys_.data() + n + 8, high);
+        _mm512_storeu_si512(keys + n, low);
+        _mm512_storeu_si512(keys + n + 8, high);
         // Key k lies in lane k of first0, or k - 16 of first1: lanes from key n on take the new
         // keys, those before keep theirs. Lanes past the new keys hold anything.
-        const __m512i iota =
-            _mm512_setr_epi32(0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15);
-        const __m512i sixteen = _mm512_set1_epi32(16);
-        const __m512i known = _mm512_set1_epi32(static_cast<std::int32_t>(n));
-        const __m512i fromNew = _mm512_sub_epi32(_mm512_set1_epi32(32), known);
-        const __m512i join0 = _mm512_mask_add_epi32(iota, _mm512_cmpge_epi32_mask(iota, known),
-                                                    iota, _mm512_sub_epi32(fromNew, sixteen));
-        const __m512i join1 = _mm512_mask_add_epi32(
-            iota, _mm512_cmpge_epi32_mask(_mm512_add_epi32(iota, sixteen), known), iota, fromNew);
+        const FirstJoin& joins = kFirstJoins[std::min<std::size_t>(n, kWideMost)];
+        const __m512i join0 = _mm512_load_si512(joins.low);
+        const __m512i join1 = _mm512_load_si512(joins.high);
         first0 = _mm512_permutex2var_ps(first0, join0, _mm512_castsi512_ps(bits));
         first1 = _mm512_permutex2var_ps(first1, join1, _mm512_castsi512_ps(bits));
         return n + static_cast<std::size_t>(std::popcount(static_cast<unsigned>(mask)));
@@ -431,12 +445,12 @@ class BlockSearch {
         }
     }
 
-    // rankKeysWide with AVX-512: the same counts of smaller squared distances, sixteen lanes to a
-    // register, so two compares per key rank up to 32.
-    VELMORIN_AVX512_LANES bool rankKeysWidest(std::size_t n,
-                                              std::uint64_t (&best)[kRelaxNeighbors]) {
-        constexpr std::size_t kMost = kWideMost;
-        if (n > kMost) return rankKeys(n, best);
+    // rankKeysWide with AVX-512: a key's rank is the count of smaller squared distances, here the
+    // bits of one 32-lane mask joined from two comparisons, so each key is ranked and placed on its
+    // own. A placement loop over ranks stored first is turned into scatter instructions, which are
+    // slow.
+    VELMORIN_AVX512_LANES bool rankKeysWidest(std::size_t n, KeyList& best) {
+        if (n > kWideMost) return rankKeys(n, best);
         // The squared distances as the collection left them, each group in one store; lanes past
         // the keys are set far.
         const __m512 far = _mm512_set1_ps(std::numeric_limits<float>::infinity());
@@ -445,31 +459,37 @@ class BlockSearch {
             _mm512_mask_mov_ps(far, static_cast<__mmask16>(used), _mm512_load_ps(firstD2_));
         const __m512 mine1 = _mm512_mask_mov_ps(far, static_cast<__mmask16>(used >> 16),
                                                 _mm512_load_ps(firstD2_ + 16));
-        const __m512i plusOne = _mm512_set1_epi32(1);
-        __m512i count0 = _mm512_setzero_si512(), count1 = count0;
+        std::size_t rankSum = 0;
         for (std::size_t k = 0; k < n; ++k) {
-            const __m512 other = _mm512_set1_ps(firstD2_[k]);
-            count0 = _mm512_mask_add_epi32(count0, _mm512_cmp_ps_mask(other, mine0, _CMP_LT_OQ),
-                                           count0, plusOne);
-            count1 = _mm512_mask_add_epi32(count1, _mm512_cmp_ps_mask(other, mine1, _CMP_LT_OQ),
-                                           count1, plusOne);
+            const __m512 mine = _mm512_set1_ps(firstD2_[k]);
+            const __mmask32 below = _mm512_kunpackw(_mm512_cmp_ps_mask(mine1, mine, _CMP_LT_OQ),
+                                                    _mm512_cmp_ps_mask(mine0, mine, _CMP_LT_OQ));
+            const auto rank = static_cast<std::size_t>(std::popcount(_cvtmask32_u32(below)));
+            rankSum += rank;
+            best[rank] = keys_[k];
         }
-        alignas(64) std::int32_t rank[kMost];
-        _mm512_store_si512(rank, count0);
-        _mm512_store_si512(rank + 16, count1);
-        // As rankKeysWide: every lane of the used groups is placed, lanes past the keys beyond
-        // them.
-        std::uint64_t ranks = 0;
-        std::uint64_t sorted[kMost + 1];
-        const std::size_t groups = (n + 15) / 16 * 16;
-        for (std::size_t k = 0; k < groups; ++k) {
-            const auto r = static_cast<std::size_t>(rank[k]);
-            ranks |= static_cast<std::uint64_t>(k < n) << r;
-            sorted[r] = keys_[k];
-        }
-        std::copy_n(sorted, std::min<std::size_t>(n, kRelaxNeighbors), best);
-        return ranks == (std::uint64_t{1} << n) - 1;
+        // Without ties the ranks are 0 to n - 1; tied keys all take the least of their places, so
+        // any tie leaves the sum short.
+        return rankSum == n * (n - 1) / 2;
     }
+
+    // The permutations of packKeysWidest that join the squared distances of keys from n on to the
+    // first 32 kept in two registers, for n up to 32 (from 32 on they keep all theirs): lane L of
+    // the first register takes new key L - n from L = n on, that of the second new key L + 16 - n.
+    // A table read costs less than working them out for every group.
+    struct alignas(64) FirstJoin {
+        std::int32_t low[16], high[16];
+    };
+    static constexpr std::array<FirstJoin, kWideMost + 1> kFirstJoins = [] {
+        std::array<FirstJoin, kWideMost + 1> table{};
+        for (std::int32_t n = 0; n <= static_cast<std::int32_t>(kWideMost); ++n)
+            for (std::int32_t lane = 0; lane < 16; ++lane) {
+                // Indices from 16 pick the new keys; the permutation reads five bits of each.
+                table[n].low[lane] = lane < n ? lane : (lane + 16 - n) & 31;
+                table[n].high[lane] = lane + 16 < n ? lane : (lane + 32 - n) & 31;
+            }
+        return table;
+    }();
 
     // For each eight-bit mask, the lanes whose bit is set in order, three bits each in a nibble.
     static constexpr std::array<std::uint32_t, 256> kPackOrder = [] {
@@ -484,7 +504,7 @@ class BlockSearch {
     }();
 #else
     void copyRunsWidest() {}
-    bool rankKeysWidest(std::size_t n, std::uint64_t (&best)[kRelaxNeighbors]) {
+    bool rankKeysWidest(std::size_t n, KeyList& best) {
         return rankKeys(n, best);
     }
     std::size_t collectNearWidest(const Vec3f& p, std::uint32_t i, float within) {
@@ -493,7 +513,7 @@ class BlockSearch {
     std::size_t collectAgainWidest(std::uint32_t i, float within) {
         return collectAgain(i, within);
     }
-    bool rankKeysWide(std::size_t n, std::uint64_t (&best)[kRelaxNeighbors]) {
+    bool rankKeysWide(std::size_t n, KeyList& best) {
         return rankKeys(n, best);
     }
     std::size_t collectNearWide(const Vec3f& p, std::uint32_t i, float within) {
@@ -505,7 +525,7 @@ class BlockSearch {
 #endif
 
     // The same by insertion, ties going by rank: while they are ordered, the keys carry ranks.
-    void insertKeys(std::size_t n, std::uint64_t (&best)[kRelaxNeighbors]) const {
+    void insertKeys(std::size_t n, KeyList& best) const {
         std::size_t found = 0;
         if (!rankOf_) {
             for (std::size_t k = 0; k < n; ++k)
@@ -707,8 +727,7 @@ class BlockSearch {
 // Writes a full list of 24 neighbours (the keys' low words) to `list`, 32-byte aligned, with
 // stores that bypass the cache: a refresh writes 96 MB of lists that only the next pushes read, so
 // reading each line in before overwriting it would double the traffic. The caller fences.
-VELMORIN_AVX512_LANES void streamList(std::uint32_t* list,
-                                      const std::uint64_t (&best)[kRelaxNeighbors]) {
+VELMORIN_AVX512_LANES void streamList(std::uint32_t* list, const KeyList& best) {
     auto* to = reinterpret_cast<__m256i*>(list);
     _mm256_stream_si256(to, _mm512_maskz_cvtepi64_epi32(0xff, _mm512_loadu_si512(best)));
     _mm256_stream_si256(to + 1, _mm512_maskz_cvtepi64_epi32(0xff, _mm512_loadu_si512(best + 8)));
@@ -743,12 +762,17 @@ void nearestInGrid(const CandidateGrid& grid, float range, std::span<std::uint32
         std::uint32_t begin, end, left, right;
     };
     // Full lists go straight to memory where the lists are aligned for it (the relaxation's are)
-    // and the widest lanes are at hand.
-    const bool stream = VELMORIN_RELAX_AVX && lanes == 16 &&
-                        reinterpret_cast<std::uintptr_t>(lists.data()) % 32 == 0;
+    // and the widest lanes are at hand (never where they are not built).
+    [[maybe_unused]] const bool stream = VELMORIN_RELAX_AVX && lanes == 16 &&
+                                         reinterpret_cast<std::uintptr_t>(lists.data()) % 32 == 0;
     parallelRange(0, count, kGrain, [&](std::size_t entryBegin, std::size_t entryEnd) {
         std::vector<RowScan> rows;
-        std::uint64_t best[kRelaxNeighbors];
+        // Two lists of keys in turn: a full list is streamed out only after the next search, when
+        // the single stores that placed its keys have reached the cache, where the wide loads of
+        // the streaming would wait on them.
+        KeyList bests[2];
+        int current = 0;
+        [[maybe_unused]] std::uint32_t* waiting = nullptr;  // where the other list is to go
         int start = 0;
         float hint = range2;
         BlockSearch block(grid, kBlockReach * cell, range2, lanes, rankOf, indexOfRank);
@@ -757,6 +781,7 @@ void nearestInGrid(const CandidateGrid& grid, float range, std::span<std::uint32
             const Vec3f p = grid.positionAt(self);
             const std::uint32_t i = grid.indexAt(self);
             std::uint32_t* list = lists.data() + static_cast<std::size_t>(i) * kRelaxNeighbors;
+            KeyList& best = bests[current];
             // The nearest `near` keys to the list, each as its position's index.
             const auto write = [&](std::size_t near) {
                 if (indexOfRank) {
@@ -770,7 +795,9 @@ void nearestInGrid(const CandidateGrid& grid, float range, std::span<std::uint32
             if (const int near = block.find(p, i, grid.keyOfEntry(self), best); near >= 0) {
 #if VELMORIN_RELAX_AVX
                 if (stream && near == kRelaxNeighbors) {
-                    streamList(list, best);
+                    if (waiting) streamList(waiting, bests[1 - current]);
+                    waiting = list;
+                    current = 1 - current;
                     continue;
                 }
 #endif
@@ -881,6 +908,7 @@ void nearestInGrid(const CandidateGrid& grid, float range, std::span<std::uint32
         }
 #if VELMORIN_RELAX_AVX
         // The streamed lists reach memory before the pushes read them.
+        if (waiting) streamList(waiting, bests[1 - current]);
         if (stream) _mm_sfence();
 #endif
     });
@@ -907,7 +935,7 @@ void scatter::NeighborSearch::find(std::span<const Vec3f> positions, float cell,
                 indexOfRank[ranks[i]] = static_cast<std::uint32_t>(i);
         });
     }
-    state_->grid.build(cell, positions, ranks);
+    state_->grid.build(cell, positions, ranks, lanes);
     nearestInGrid(state_->grid, range, lists, ranks.empty() ? nullptr : ranks.data(),
                   ranks.empty() ? nullptr : indexOfRank.data(), blockLanes(lanes));
 }
@@ -919,8 +947,8 @@ void nearestNeighbors(std::span<const Vec3f> positions, float cell, float range,
 }
 
 std::vector<std::uint32_t> scatter::NeighborSearch::gridOrder(std::span<const Vec3f> positions,
-                                                              float cell) {
-    state_->grid.build(cell, positions, {});
+                                                              float cell, RelaxLanes lanes) {
+    state_->grid.build(cell, positions, {}, lanes);
     const std::span<const std::uint32_t> order = state_->grid.order();
     return {order.begin(), order.end()};
 }

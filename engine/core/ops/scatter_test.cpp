@@ -666,6 +666,11 @@ TEST(ScatterGrid, OrderIsByCellThenIndex) {
     std::vector<Vec3f> farApart = scattered;
     for (std::size_t i = 0; i < kCount; i += 2)
         farApart[i] += Vec3f{400.0f, 400.0f, 400.0f};
+    // Some cells more than 2^30 cells from the origin, from the middle of a chunk on: the keys
+    // made sixteen at a time give way to the plain ones there.
+    std::vector<Vec3f> beyond = scattered;
+    for (std::size_t i = 100003; i < kCount; i += 5)
+        beyond[i] += Vec3f{3e9f * kCell, 0.0f, 0.0f};
     const struct {
         const char* name;
         const std::vector<Vec3f>& points;
@@ -674,17 +679,21 @@ TEST(ScatterGrid, OrderIsByCellThenIndex) {
         {"in grid order", inOrder},
         {"falling at a chunk's start", fallsAtChunk},
         {"far apart", farApart},
+        {"beyond 2^30 cells", beyond},
     };
     for (const auto& c : cases) {
         const std::vector<std::uint32_t> expected = byCell(c.points);
-        for (const int threads : {1, 2}) {
-            runWithThreads(threads, [&] {
-                scatter::NeighborSearch search;
-                // Twice over one search object: the second build reuses the first's arrays.
-                for (int round = 0; round < 2; ++round)
-                    EXPECT_EQ(search.gridOrder(c.points, kCell), expected)
-                        << c.name << " at " << threads << " threads, round " << round;
-            });
+        for (const RelaxLanes lanes : kAllLanes) {
+            for (const int threads : {1, 2}) {
+                runWithThreads(threads, [&] {
+                    scatter::NeighborSearch search;
+                    // Twice over one search object: the second build reuses the first's arrays.
+                    for (int round = 0; round < 2; ++round)
+                        EXPECT_EQ(search.gridOrder(c.points, kCell, lanes), expected)
+                            << c.name << " at " << threads << " threads" << lanesName(lanes)
+                            << ", round " << round;
+                });
+            }
         }
     }
 }
