@@ -14,6 +14,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 
 #include "base/fast_trig_lanes.h"
 #include "base/vec3.h"
@@ -240,11 +241,15 @@ inline M maskOf(F a) {
 inline void laneAddresses(F indices, const char* base, std::size_t size, const char** out) {
     alignas(16) std::int32_t at[kWidth];
     _mm_store_si128(reinterpret_cast<__m128i*>(at), _mm_castps_si128(indices.v));
-    // As integers, as the wide one computes them.
-    for (std::size_t l = 0; l < kWidth; ++l)
-        out[l] = reinterpret_cast<const char*>(reinterpret_cast<std::intptr_t>(base) +
-                                               static_cast<std::intptr_t>(at[l]) *
-                                                   static_cast<std::intptr_t>(size));
+    // As integers, as the wide one computes them. Copied in as bytes, as the wide one stores
+    // them: callers hand in an array of their own pointer type and read it back as that type,
+    // which a store of `const char*` would let the compiler order after those reads.
+    for (std::size_t l = 0; l < kWidth; ++l) {
+        const char* const address = reinterpret_cast<const char*>(
+            reinterpret_cast<std::intptr_t>(base) +
+            static_cast<std::intptr_t>(at[l]) * static_cast<std::intptr_t>(size));
+        std::memcpy(out + l, &address, sizeof(address));
+    }
 }
 
 // Eight floats at each of kWidth addresses as eight rows: row j holds float j of every address.

@@ -479,6 +479,14 @@ void flowStrandsIn(FlowLanes lanes, const StrandSet& input, const FlowSettings& 
                 // after it mostly falls to the same thread.
                 for (std::size_t ahead = item + interleaved;
                      ahead < std::min(strandCount, item + 2 * interleaved); ++ahead) {
+                    // This loop's own reads of the roots and offsets, fetched a batch before it.
+                    if (ahead + interleaved < strandCount) {
+                        const std::size_t later = pick.strand(ahead + interleaved);
+                        if (later < roots.size()) {
+                            __builtin_prefetch(&roots[later]);
+                            __builtin_prefetch(&offsets[later]);
+                        }
+                    }
                     const std::size_t s = pick.strand(ahead);
                     if (s >= roots.size()) continue;
                     if (scalp->isOnSurface(roots[s])) faces->prefetch(roots[s].face);
