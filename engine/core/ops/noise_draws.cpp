@@ -101,8 +101,14 @@ void noiseDrawsOf(std::span<const std::uint64_t> ids, const StrandSelection& sel
     std::size_t i = 0;
 #if VELMORIN_NOISE_DRAW_LANES
     if (noiseDrawLanesUsable()) {
+        // Every strand's ids are read where they lie: eight copied one by one would wait to be
+        // written through before the lanes could load them whole.
         alignas(64) std::uint64_t eight[8];
         for (; i + 8 <= count; i += 8) {
+            if (selection.all) {
+                drawEight(ids.data() + first + i, seed, out.data() + i);
+                continue;
+            }
             for (std::size_t l = 0; l < 8; ++l)
                 eight[l] = idOf(i + l);
             drawEight(eight, seed, out.data() + i);
