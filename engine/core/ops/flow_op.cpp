@@ -473,12 +473,19 @@ void flowStrandsIn(FlowLanes lanes, const StrandSet& input, const FlowSettings& 
         std::vector<float> tables;  // the lane sets' segment lengths, sines and cosines
         std::size_t item = begin;
         while (item < end) {
+            std::size_t count = 0, longest = 0;
+            for (; item < end && count < interleaved; ++item) {
+                if (!run.start(pick.strand(item), walks[count])) continue;
+                longest = std::max(longest, walks[count].strand.size());
+                ++count;
+            }
             if (faces && faces->madeAhead()) {
                 // The root triangles of the next strands, and the ends of their points in and
                 // out, are fetched while these are laid: past the chunk's end too, as the chunk
-                // after it mostly falls to the same thread.
-                for (std::size_t ahead = item + interleaved;
-                     ahead < std::min(strandCount, item + 2 * interleaved); ++ahead) {
+                // after it mostly falls to the same thread. Once these have started, so that
+                // their own reads don't queue behind the fetches.
+                for (std::size_t ahead = item; ahead < std::min(strandCount, item + interleaved);
+                     ++ahead) {
                     // This loop's own reads of the roots and offsets, fetched a batch before it.
                     if (ahead + interleaved < strandCount) {
                         const std::size_t later = pick.strand(ahead + interleaved);
@@ -497,12 +504,6 @@ void flowStrandsIn(FlowLanes lanes, const StrandSet& input, const FlowSettings& 
                     __builtin_prefetch(&points[first], 1);
                     __builtin_prefetch(&points[last - 1], 1);
                 }
-            }
-            std::size_t count = 0, longest = 0;
-            for (; item < end && count < interleaved; ++item) {
-                if (!run.start(pick.strand(item), walks[count])) continue;
-                longest = std::max(longest, walks[count].strand.size());
-                ++count;
             }
             // Whole sets go in lanes as far as the shortest strand among them (`lanesEnd`): sets
             // of eight where AVX is there, then one of four for the strands left over; the points
